@@ -1,0 +1,26 @@
+# SPDX-License-Identifier: Apache-2.0
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
+                    -Wformat=2 -Wimplicit-fallthrough -Wundef)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  add_compile_options(-Wthread-safety)
+endif()
+if(TELVORA_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(TELVORA_SANITIZE)
+  add_compile_options(-fsanitize=${TELVORA_SANITIZE} -fno-omit-frame-pointer -O1)
+  add_link_options(-fsanitize=${TELVORA_SANITIZE})
+  add_compile_definitions(TELVORA_SANITIZED)
+  if(TELVORA_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+else()
+  # The figures that libstdc++ checks here cost next to nothing, and what they stop would be a security hole.
+  add_compile_options(-fstack-protector-strong)
+  add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
+  add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+endif()
+
+# Asio without Boost, and without its exceptions reaching a handler: every call here takes an error_code.
+add_compile_definitions(ASIO_STANDALONE ASIO_NO_DEPRECATED _GNU_SOURCE)

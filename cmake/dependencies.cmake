@@ -1,0 +1,12 @@
+# SPDX-License-Identifier: Apache-2.0
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(ZLIB REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED)
+find_package(CURL REQUIRED)
+find_package(fmt REQUIRED)
+
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(SECCOMP REQUIRED IMPORTED_TARGET libseccomp)
+pkg_check_modules(CAPNG REQUIRED IMPORTED_TARGET libcap-ng)

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// TelvoraBackend: the base of every reporting destination of a session.
+//
+// A session creates its backends through the factory (backend_factory.h), sets their identity, and from then
+// on uses only the operations declared here. The session calls them one at a time (it holds its own lock);
+// what a backend's asynchronous work touches besides (HTTP completions change `state`) is atomic. A backend
+// whose work outlives a call keeps itself alive through shared_from_this().
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/device_identity.h"
+#include "config/environment.h"
+#include "platform/http_client.h"
+#include "platform/property_list.h"
+#include "platform/user_defaults.h"
+#include "protocol/telvora_error.h"
+#include "util/time_value.h"
+
+namespace telvora {
+
+enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, reporting = 2, sampledOut = 3 };
+
+// Told apart by type, so that a running number can't pass for a flag.
+enum class EventID : uint16_t {};
+// Bit 0: realtime. Bit 1: promote a sampled-out backend.
+enum class SendFlag : uint32_t {};
+
+// What backends use of the outside. All references outlive every backend.
+struct BackendServices {
+    HttpClient& http;
+    const DeviceIdentity& identity;
+    const Environment& environment;
+    UserDefaults& defaults;
+    Clock clock;                                              // time of day
+    std::function<std::optional<std::string>()> countryCode;  // of the current locale
+    std::function<long()> timeZoneOffsetSeconds;              // east positive
+    std::function<double()> random;                           // uniform in [0, 1)
+};
+
+// The configuration of one backend in a bag: the bag's value under the backend's name. Shares the bag, which
+// it keeps alive; null: no profile.
+using BackendProfile = std::shared_ptr<const PropertyList>;
+
+using FlushCompletion =
+    std::function<void(std::optional<std::string> answer, std::optional<TelvoraError> error)>;
+
+class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
+  public:
+    virtual ~TelvoraBackend();
+    TelvoraBackend(const TelvoraBackend&) = delete;
+    TelvoraBackend& operator=(const TelvoraBackend&) = delete;
+
+    // Ends what runs on the backend's behalf. Base: nothing.
+    virtual void cleanup();
+    // Takes the state anew from the configuration. Base: reporting.
+    virtual void updateState();
+    // Sends one report (method: its category, respCode: its type). Returns an answer for the client and the
+    // message log, or nothing. Base: sends nothing.
+    virtual std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload,
+                                                   TimeValue timestamp, uint16_t method, uint16_t respCode,
+                                                   EventID eventID, SendFlag flag);
+    // Counts the report (the counter wraps to 0 after 65535) and sends it under the new number. The one send
+    // operation that sessions call.
+    std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
+                                           uint16_t method, uint16_t respCode, SendFlag flag);
+    // Sends what is held back. `completion` (may be empty) is called once, from any thread, at once or when
+    // the server has answered. Returns the answer for the message log, or nothing. Base: completes with
+    // nothing.
+    virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
+    // Uploads a file; blocks until the server has answered. Base: false.
+    virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken);
+    // Uploads an array of log records; blocks likewise. Base: false.
+    virtual bool uploadLogData(const Array& records);
+    // Gives the backend the dotted ID of its session and that session's ancestors.
+    virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
+
+    // Without a white list everything is allowed; an empty one allows nothing.
+    bool isWhitelistedEvent(uint16_t category) const;
+    // Without a black list, or with an empty one, nothing is excluded.
+    bool isBlacklistedEvent(uint16_t category) const;
+
+    // SHA-256 of as many UTF-8 bytes of the text as the text has UTF-16 code units, as 64 hexadecimal digits:
+    // servers that compute these digests elsewhere count the same way.
+    static std::string convertIntoSHA256(std::string_view text);
+
+    // "major.middle.minor"; missing components are 0, each is cut to 8 bits.
+    void setSelfVersion(std::string_view version);
+    void setStartTimestamp(TimeValue time) { startTimeStamp_ = TelvoradUtil::secondsFromTimeValue(time); }
+
+    BackendState state() const { return state_.load(); }
+    void setState(BackendState state) { state_.store(state); }
+    std::optional<double> samplingThreshold() const { return samplingThreshold_; }
+    void setSamplingThreshold(std::optional<double> threshold) { samplingThreshold_ = threshold; }
+    double samplingFactor() const { return samplingFactor_; }
+    const std::string& name() const { return name_; }
+    const std::optional<std::string>& displayURL() const { return displayURL_; }
+    const std::optional<std::string>& combinedSessionIDString() const { return combinedSessionIDString_; }
+    void setCombinedSessionIDString(std::string id) { combinedSessionIDString_ = std::move(id); }
+    uint16_t eventID() const { return eventID_; }
+
+    void setSessionID(uint32_t id) { sessionID_ = id; }
+    void setCompType(int32_t type) { compType_ = type; }
+    void setClientVersion(uint16_t version) { clientVersion_ = version; }
+    void setUdid(const DeviceIDBuffer& udid) { udid_ = udid; }
+    void setProductVersion(std::optional<std::string> version) { productVersion_ = std::move(version); }
+    void setBuildVersion(std::optional<std::string> version) { buildVersion_ = std::move(version); }
+    void setHardwareType(std::optional<std::string> type) { hardwareType_ = std::move(type); }
+    void setIsInternal(bool internal) { isInternal_ = internal; }
+    void setRequireUserInfo(bool required) { requireUserInfo_ = required; }
+    void setBatchEvents(bool batched) { batchEvents_ = batched; }
+    // Shared with the session and its other backends; null: the client gave none.
+    void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { userInfoDict_ = std::move(userInfo); }
+
+  protected:
+    // Draws samplingFactor.
+    TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
+                   std::optional<std::string> productFamily);
+
+    // The profile when it is a dictionary, else null.
+    const Dictionary* profileDictionary() const;
+
+    const BackendServices& services_;
+    const std::string name_;
+    const BackendProfile profile_;
+    const std::optional<std::string> productFamily_;
+    const double samplingFactor_;
+
+    std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
+    uint32_t sessionID_ = 0;
+    int32_t compType_ = 0;
+    uint16_t clientVersion_ = 0;
+    uint16_t eventID_ = 0;
+    uint8_t selfVersionMajor_ = 0;
+    uint8_t selfVersionMiddle_ = 0;
+    uint8_t selfVersionMinor_ = 0;
+    bool isInternal_ = false;
+    bool requireUserInfo_ = false;
+    bool batchEvents_ = false;
+    double startTimeStamp_ = 0;  // seconds since 1970
+    DeviceIDBuffer udid_{};
+    std::optional<double> samplingThreshold_;
+    std::optional<std::string> combinedSessionIDString_;
+    std::optional<std::string> displayURL_;
+    std::optional<std::string> productVersion_;
+    std::optional<std::string> buildVersion_;
+    std::optional<std::string> hardwareType_;
+    std::shared_ptr<const Dictionary> userInfoDict_;
+    std::optional<Array> eventWhitelist_;
+    std::optional<Array> eventBlacklist_;
+};
+
+// The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.
+std::string_view senderCodeForClientType(int32_t clientType);
+
+}  // namespace telvora

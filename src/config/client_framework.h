@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The client framework's resources: a directory with Info.plist ("CFBundleVersion") and publicKey.der.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace telvora {
+
+class ClientFramework {
+  public:
+    explicit ClientFramework(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+    // "CFBundleVersion" of Info.plist; "8.0" when it is absent. Reads the file at each call. Thread-safe.
+    std::string bundleVersion() const;
+
+    // The bytes of publicKey.der (PKCS#1 or SubjectPublicKeyInfo), read at each call; nothing when it can't
+    // be read.
+    std::optional<std::string> publicKeyDer() const;
+
+  private:
+    std::filesystem::path directory_;
+};
+
+}  // namespace telvora

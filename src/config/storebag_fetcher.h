@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Fetching a storebag: download, signature check, choice of the environment's section. Both operations block
+// for up to 15 seconds and keep no state of their own; callable from any thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "config/client_framework.h"
+#include "config/environment.h"
+#include "platform/http_client.h"
+#include "platform/property_list.h"
+
+namespace telvora {
+
+// What a fetch needs from the outside; all must outlive the fetcher.
+struct StorebagFetcherServices {
+    HttpClient& http;
+    const Environment& environment;
+    const ClientFramework& framework;
+};
+
+// What the two operations report beside their result.
+struct StorebagFetchStatus {
+    int32_t maxAge = 0;                       // seconds; stays as it was when the server wasn't reached
+    bool notChanged = false;                  // the server said that the caller's copy is still right
+    std::optional<std::string> lastModified;  // in: of the caller's copy; out: what the server sent
+};
+
+class StorebagFetcher {
+  public:
+    explicit StorebagFetcher(StorebagFetcherServices services) : services_(services) {}
+
+    // Downloads and verifies the bag of that name (nothing: the fetch is still attempted with an absent
+    // name). Returns the inner bag, or nothing. When the server can't be reached, the bag "quillet" has a
+    // built-in stand-in.
+    std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name,
+                                                    StorebagFetchStatus& status) const;
+
+    // Fetches the bag of a client type and returns its section for the current environment, or nothing;
+    // `version` is the bag's own version and is written only together with a result.
+    std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(uint32_t clientType,
+                                                                       std::optional<std::string>& version,
+                                                                       StorebagFetchStatus& status) const;
+
+  private:
+    StorebagFetcherServices services_;
+};
+
+// The name of the bag that serves a client type; nothing for a type that has none.
+std::optional<std::string> bagNameForClientType(uint32_t clientType);
+
+}  // namespace telvora

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Digests, base64 and RSA signatures, on OpenSSL's EVP. Thread-safe: no shared state.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+
+namespace telvora {
+
+std::array<uint8_t, 32> sha256(std::string_view bytes);
+
+// 64 lower-case hexadecimal digits.
+std::string sha256Hex(std::string_view bytes);
+
+// RFC 4648 base64, with padding and without line breaks.
+std::string base64Encode(std::string_view bytes);
+
+// Decodes base64, ignoring all characters outside its alphabet. Nothing when what remains is not a whole
+// number of base64 groups (padding missing, misplaced or followed by more), or when nothing remains.
+std::optional<std::string> base64Decode(std::string_view text);
+
+// Checks an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of `message`.
+// `publicKeyDer`: PKCS#1 RSAPublicKey or SubjectPublicKeyInfo.
+class RsaPublicKey {
+  public:
+    // Nothing when the bytes are no DER-encoded RSA public key.
+    static std::optional<RsaPublicKey> fromDer(std::string_view der);
+
+    RsaPublicKey(RsaPublicKey&&) noexcept;
+    RsaPublicKey& operator=(RsaPublicKey&&) noexcept;
+    ~RsaPublicKey();
+
+    bool verifySha1(std::string_view message, std::string_view signature) const;
+    // The identity of the key object, for log lines.
+    const void* identity() const { return key_; }
+
+  private:
+    explicit RsaPublicKey(void* key) : key_(key) {}
+    void* key_;  // EVP_PKEY, owned
+};
+
+// The signing side, for the tools and the tests.
+class RsaPrivateKey {
+  public:
+    // A fresh key; `bits` at least 2048.
+    static tl::expected<RsaPrivateKey, std::string> generate(int bits);
+    // From a PEM file's text (PKCS#8 or PKCS#1, not encrypted).
+    static tl::expected<RsaPrivateKey, std::string> fromPem(std::string_view pem);
+
+    RsaPrivateKey(RsaPrivateKey&&) noexcept;
+    RsaPrivateKey& operator=(RsaPrivateKey&&) noexcept;
+    ~RsaPrivateKey();
+
+    std::string toPem() const;           // PKCS#8
+    std::string publicKeyToDer() const;  // SubjectPublicKeyInfo
+    std::string signSha1(std::string_view message) const;
+
+  private:
+    explicit RsaPrivateKey(void* key) : key_(key) {}
+    void* key_;  // EVP_PKEY, owned
+};
+
+}  // namespace telvora

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// HTTP as the daemon uses it: one shared client for everything, requests that complete once on the client's
+// thread.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+#include <utility>
+#include <vector>
+
+namespace telvora {
+
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+    std::string method = "GET";
+    std::string url;      // absolute, http or https
+    HttpHeaders headers;  // sent in this order; Content-Length is derived from the body
+    std::string body;
+    // For the whole exchange; nothing: the client's defaults (a stalled transfer is given up after 60 s).
+    std::optional<std::chrono::milliseconds> timeout;
+    // A longer answer is a transport error.
+    size_t maxResponseBytes = size_t{16} << 20;
+    // Whether the body of the answer is wanted; if not, it is read and dropped.
+    bool keepResponseBody = true;
+};
+
+struct HttpResponse {
+    int status = 0;
+    HttpHeaders headers;
+    std::string body;
+
+    // The value of the first header of that name, compared without regard to case (RFC 9110), or nothing.
+    std::optional<std::string_view> header(std::string_view name) const;
+};
+
+// A transport failure: no complete answer arrived.
+struct HttpError {
+    int code = 0;  // the transfer library's number, never 0
+    std::string description;
+};
+
+using HttpResult = tl::expected<HttpResponse, HttpError>;
+
+class HttpClient {
+  public:
+    // Runs exactly once, on the client's own thread or (when the request is refused at once) before start()
+    // returns; must not block.
+    using Completion = std::function<void(HttpResult)>;
+
+    virtual ~HttpClient() = default;
+
+    // Starts one exchange. Callable from any thread. A client that holds as many requests or pending bytes as
+    // it may completes with an error at once.
+    virtual void start(HttpRequest request, Completion completion) = 0;
+};
+
+// start() and wait for the completion; blocks the calling thread, which tells its work pool so (work_pool.h).
+HttpResult performBlocking(HttpClient& client, HttpRequest request);
+
+struct CurlHttpClientOptions {
+    long maxConnections = 16;                    // over all hosts; more requests wait in line
+    long maxConnectionsPerHost = 6;              //
+    size_t maxPendingRequests = 4096;            // queued or in flight; beyond it a start fails
+    size_t maxPendingBytes = size_t{64} << 20;   // of request bodies, likewise
+    std::chrono::seconds idleConnectionAge{60};  // an unused connection is closed after this long
+    std::string caFile;                          // PEM; empty: SSL_CERT_FILE, else the system's store
+};
+
+// HTTP/1.1 and, when the server offers it, HTTP/2, on one thread with one libcurl multi handle. TLS is always
+// verified; redirects are not followed; only http and https are spoken. The thread starts with the first
+// request, so that an idle daemon carries neither its stack nor libcurl's tables. Destruction ends what is in
+// flight: every completion still runs, with an error.
+std::unique_ptr<HttpClient> makeCurlHttpClient(CurlHttpClientOptions options = {});
+
+}  // namespace telvora

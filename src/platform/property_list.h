@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// PropertyList: the value type of everything structured that the daemon handles (session info, payloads,
+// bags, user defaults). A plain value: copies are deep, equality is by content, const access is safe from any
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace telvora {
+
+class PropertyList;
+
+using Array = std::vector<PropertyList>;
+
+// Raw bytes, told apart from text by their type.
+struct Data {
+    std::string bytes;
+    friend bool operator==(const Data&, const Data&) = default;
+};
+
+// A point in time, in seconds since 1970-01-01 UTC.
+struct Date {
+    double seconds = 0;
+    friend bool operator==(const Date&, const Date&) = default;
+};
+
+// A dictionary with string keys, kept in the byte order of the keys, which is also its enumeration order.
+class Dictionary {
+  public:
+    struct Entry;
+    using const_iterator = std::vector<Entry>::const_iterator;
+
+    Dictionary();
+    Dictionary(
+        std::initializer_list<Entry> entries);  // a later entry of the same key replaces an earlier one
+    Dictionary(const Dictionary&);
+    Dictionary(Dictionary&&) noexcept;
+    Dictionary& operator=(const Dictionary&);
+    Dictionary& operator=(Dictionary&&) noexcept;
+    ~Dictionary();
+
+    // The value under `key`, or null. The pointer lives until the dictionary is next changed.
+    const PropertyList* find(std::string_view key) const;
+    PropertyList* find(std::string_view key);
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+
+    // Adds the entry or replaces the value that was there.
+    void set(std::string_view key, PropertyList value);
+    // Removes the entry; false when there was none.
+    bool erase(std::string_view key);
+    // Sets every entry of `other`; its values win.
+    void merge(const Dictionary& other);
+    void reserve(size_t entries);
+
+    size_t size() const;
+    bool empty() const;
+    const_iterator begin() const;
+    const_iterator end() const;
+
+    // The string under `key`, or nothing when the key is absent or holds another type.
+    const std::string* string(std::string_view key) const;
+    const Dictionary* dictionary(std::string_view key) const;
+    const Array* array(std::string_view key) const;
+    // As PropertyList::integerValue, realValue and boolValue; nothing (false) when the key is absent.
+    std::optional<int64_t> integer(std::string_view key) const;
+    std::optional<double> real(std::string_view key) const;
+    bool boolean(std::string_view key) const;
+
+    friend bool operator==(const Dictionary&, const Dictionary&);
+
+  private:
+    std::vector<Entry>::iterator lowerBound(std::string_view key);
+    std::vector<Entry>::const_iterator lowerBound(std::string_view key) const;
+
+    std::vector<Entry> entries_;
+};
+
+class PropertyList {
+  public:
+    // uint64_t holds only what int64_t can't.
+    using Value = std::variant<bool, int64_t, uint64_t, double, std::string, Data, Date, Array, Dictionary>;
+
+    PropertyList() : value_(false) {}
+    PropertyList(bool value) : value_(value) {}
+    PropertyList(int value) : value_(int64_t{value}) {}
+    PropertyList(unsigned value) : value_(int64_t{value}) {}
+    PropertyList(long value) : value_(int64_t{value}) {}
+    PropertyList(long long value) : value_(int64_t{value}) {}
+    PropertyList(unsigned long value) : value_(fromUnsigned(value)) {}
+    PropertyList(unsigned long long value) : value_(fromUnsigned(value)) {}
+    PropertyList(double value) : value_(value) {}
+    PropertyList(const char* value) : value_(std::string(value)) {}
+    PropertyList(std::string_view value) : value_(std::string(value)) {}
+    PropertyList(std::string value) : value_(std::move(value)) {}
+    PropertyList(Data value) : value_(std::move(value)) {}
+    PropertyList(Date value) : value_(value) {}
+    PropertyList(Array value) : value_(std::move(value)) {}
+    PropertyList(Dictionary value) : value_(std::move(value)) {}
+
+    const Value& value() const { return value_; }
+    template <typename T>
+    const T* getIf() const {
+        return std::get_if<T>(&value_);
+    }
+    template <typename T>
+    bool is() const {
+        return std::holds_alternative<T>(value_);
+    }
+    // A boolean counts as a number, as it does on the wire.
+    bool isNumber() const;
+
+    // A number of any kind as an integer (reals truncated toward zero, out-of-range values clamped), or the
+    // leading integer of a string, 0 where there is none. Nothing for all other types.
+    std::optional<int64_t> integerValue() const;
+    // A number of any kind, or nothing.
+    std::optional<double> realValue() const;
+    // True for true and for numbers other than 0; false for everything else.
+    bool boolValue() const;
+
+    // What may be said of the value in a log line: its type and size, never its content.
+    std::string shapeDescription() const;
+
+    friend bool operator==(const PropertyList&, const PropertyList&) = default;
+
+  private:
+    static Value fromUnsigned(uint64_t value);
+
+    Value value_;
+};
+
+struct Dictionary::Entry {
+    std::string key;
+    PropertyList value;
+    friend bool operator==(const Entry&, const Entry&) = default;
+};
+
+// The integer at the start of `text` after blanks, with sign; 0 where there is none. Clamped to the range of
+// int64_t.
+int64_t leadingInteger(std::string_view text);
+
+}  // namespace telvora

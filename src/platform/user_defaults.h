@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// User defaults: small settings by preference domain and key. Each domain is a property list,
+//
+//     <configuration directory>/Preferences/DOMAIN.plist   the administrator's: wins, never written
+//     <state directory>/Preferences/DOMAIN.plist           the daemon's own: written by rename after fsync
+//
+// All operations are thread-safe.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+
+#include "platform/property_list.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+// The domain of the daemon's own settings.
+inline constexpr std::string_view kTelvoraDefaultsDomain = "com.zandor.telvora";
+
+class UserDefaults {
+  public:
+    UserDefaults(std::filesystem::path configurationDirectory, std::filesystem::path stateDirectory);
+
+    // The value under `key` in `domain`, the administrator's before the daemon's own; nothing when neither
+    // has it. An unreadable or malformed file counts as absent and is logged once per change of the file at
+    // level 4.
+    std::optional<PropertyList> value(std::string_view domain, std::string_view key);
+    // As value(); nothing also when the value is no string.
+    std::optional<std::string> string(std::string_view domain, std::string_view key);
+    // As value(), read as PropertyList::integerValue.
+    std::optional<int64_t> integer(std::string_view domain, std::string_view key);
+    // As value(), read as PropertyList::boolValue; false when absent.
+    bool boolean(std::string_view domain, std::string_view key);
+
+    // Stores a value in the daemon's own file of that domain; durable when this returns. On failure (with its
+    // reason) the value is still kept in memory for the life of the process, so that identifiers stay stable
+    // meanwhile.
+    tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value);
+    // Removes a key from the daemon's own file. Removing an absent key succeeds.
+    tl::expected<void, std::string> remove(std::string_view domain, std::string_view key);
+
+  private:
+    struct CachedFile;  // a file's content and the stat(2) data by which a change is noticed
+
+    Mutex mutex_;
+    std::filesystem::path administratorDirectory_;
+    std::filesystem::path ownDirectory_;
+    std::map<std::filesystem::path, CachedFile> files_ TELVORA_GUARDED_BY(mutex_);
+
+  public:
+    ~UserDefaults();
+};
+
+}  // namespace telvora

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The local message log: one append-only text file of at most a day in a directory of its own. Format of a
+// record:
+//
+//     (2015-11-16 08:00:00 +0000) [httpPost -> sendMessageWithDictionary] {...}
+//
+// and of a file name: telvorad_<creation time, seconds since 1970>_messageLog.diag
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "util/time_value.h"
+
+namespace telvora {
+
+// Where the message log is kept and what time it is there.
+struct MessageLog {
+    std::filesystem::path directory;
+    Clock clock = timeOfDay;
+    // When a file was created, in seconds since 1970, or nothing when that can't be told.
+    std::function<std::optional<double>(const std::filesystem::path&)> creationDate;
+
+    explicit MessageLog(std::filesystem::path logDirectory);
+};
+
+}  // namespace telvora
+
+namespace TelvoradUtil {
+
+// Appends one record to the current log file; starts a new file when there is none younger than a day, and
+// deletes all others. Failures are logged and otherwise ignored: the message log never costs a report. Blocks
+// on file I/O. Callable from any thread and from several processes at once; a record is appended with a
+// single write.
+void writeToLogFile(const telvora::MessageLog& log, std::string_view message);
+
+}  // namespace TelvoradUtil
