@@ -5,13 +5,18 @@
 //
 // Some work has to block: a bag fetch, an upload, the wait for a lock that is held across one of these. Such
 // work says so with a BlockingSection, and the pool then keeps as many unblocked runners as it was made with,
-// by starting one more thread where needed, so that nobody else's reports wait. Surplus threads end when they
-// have idled.
+// by starting one more thread where needed, so that nobody else's reports wait. Surplus threads end once they
+// have not been needed for a while. An idle pool makes no system calls.
+//
+// All operations but stop() may be called from any thread. A work item must not throw: an exception that
+// leaves one is logged at level 3 and ends the process. A work item that goes on to block posts what others
+// are to do meanwhile; what it defers (asio::defer) would wait until it has returned.
 #pragma once
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/strand.hpp>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
@@ -21,9 +26,14 @@ using Strand = asio::strand<asio::io_context::executor_type>;
 
 class WorkPool {
   public:
-    // Starts `runners` threads (at least one).
-    explicit WorkPool(size_t runners);
-    // Stops and joins. Work that has not begun is dropped.
+    // How many threads may run beyond those that the pool was made with. When as many work items block, the
+    // next blocking one takes a runner away until one of them returns.
+    static constexpr size_t kMaxSurplusThreads = 256;
+
+    // Starts `runners` threads (at least one); throws std::system_error when they can't be started. A thread
+    // beyond them ends when it has not been needed for `surplusIdleTime`.
+    explicit WorkPool(size_t runners, std::chrono::milliseconds surplusIdleTime = std::chrono::seconds(5));
+    // Stops and joins. Work that has not begun is dropped. The pool's strands must not outlive it.
     ~WorkPool();
     WorkPool(const WorkPool&) = delete;
     WorkPool& operator=(const WorkPool&) = delete;

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/work_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/post.hpp>
+#include <atomic>
+#include <future>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "util/log.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Posts `work` to its own strand and returns what tells its end.
+template <typename Work>
+std::future<void> postTo(WorkPool& pool, Work work) {
+    auto done = std::make_shared<std::promise<void>>();
+    asio::post(pool.makeStrand(), [done, work = std::move(work)]() mutable {
+        work();
+        done->set_value();
+    });
+    return done->get_future();
+}
+
+TEST(WorkPool, AStrandRunsItsWorkInOrderAndOneAfterAnother) {
+    WorkPool pool(4);
+    Strand strand = pool.makeStrand();
+    std::vector<int> order;  // no lock: what the strand promises is what TSan checks here
+    std::latch done(1);
+    for (int i = 0; i < 1000; ++i)
+        asio::post(strand, [&order, i] { order.push_back(i); });
+    asio::post(strand, [&] { done.count_down(); });
+    done.wait();
+    ASSERT_EQ(order.size(), 1000u);
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(WorkPool, BlockedWorkLeavesARunnerToOthersAndSurplusThreadsRetire) {
+    WorkPool pool(1, 1ms);
+    EXPECT_EQ(pool.threadCount(), 1u);
+    constexpr int kBlocked = 8;
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    std::latch allBlocked(kBlocked);
+    std::vector<std::future<void>> blocked;
+    for (int i = 0; i < kBlocked; ++i) {
+        blocked.push_back(postTo(pool, [&] {
+            const BlockingSection outer;
+            const BlockingSection nested;
+            allBlocked.count_down();
+            released.wait();
+        }));
+    }
+    allBlocked.wait();
+    EXPECT_EQ(pool.threadCount(), kBlocked + 1u);
+    EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
+
+    release.set_value();
+    for (auto& one : blocked)
+        one.wait();
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(pool.threadCount(), 1u);
+    EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
+}
+
+TEST(WorkPool, ThreadsAreCapped) {
+    constexpr size_t kCap = WorkPool::kMaxSurplusThreads + 1;
+    WorkPool pool(1);
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    std::latch allBlocked(kCap);
+    std::vector<std::future<void>> blocked;
+    for (size_t i = 0; i < kCap + 10; ++i) {
+        blocked.push_back(postTo(pool, [&, counts = i < kCap] {
+            const BlockingSection section;
+            if (counts) allBlocked.count_down();
+            released.wait();
+        }));
+    }
+    allBlocked.wait();
+    EXPECT_EQ(pool.threadCount(), kCap);
+    release.set_value();
+    for (auto& one : blocked)
+        EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
+}
+
+TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
+    WorkPool pool(1);
+    std::latch running(1);
+    std::promise<void> release;
+    std::atomic<bool> finished = false;
+    auto dropped = std::make_shared<int>(0);
+    asio::post(pool.context(), [&] {
+        running.count_down();
+        release.get_future().wait();
+        finished = true;
+    });
+    asio::post(pool.context(), [&pool, dropped] {
+        ++*dropped;
+        asio::post(pool.context(), [dropped] { ++*dropped; });
+    });
+    running.wait();
+    pool.context().stop();  // what stop() does first, here before the running item may return
+    release.set_value();
+    pool.stop();
+    pool.stop();
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(*dropped, 0);
+    EXPECT_EQ(pool.threadCount(), 0u);
+}
+
+TEST(WorkPool, ABlockingSectionOutsideAPoolDoesNothing) {
+    const BlockingSection section;
+    const BlockingSection nested;
+}
+
+TEST(WorkPoolDeathTest, AnExceptionThatLeavesAWorkItemIsLoggedAndEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            setLogSink([](int level, std::string_view line) {
+                fprintf(stderr, "<%d>%.*s\n", level, static_cast<int>(line.size()), line.data());
+            });
+            WorkPool pool(1);
+            postTo(pool, [] { throw std::runtime_error("spilt"); }).wait();
+        },
+        "<3>WorkPool: a work item threw: spilt");
+}
+
+}  // namespace
+}  // namespace telvora
