@@ -89,8 +89,8 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // Without a black list, or with an empty one, nothing is excluded.
     bool isBlacklistedEvent(uint16_t category) const;
 
-    // SHA-256 of as many UTF-8 bytes of the text as the text has UTF-16 code units, as 64 hexadecimal digits:
-    // servers that compute these digests elsewhere count the same way.
+    // SHA-256 (FIPS 180-4) of as many UTF-8 bytes of the text as the text has UTF-16 code units, as 64
+    // lower-case hexadecimal digits: servers that compute these digests elsewhere count the same way.
     static std::string convertIntoSHA256(std::string_view text);
 
     // "major.middle.minor"; missing components are 0, each is cut to 8 bits.
@@ -143,6 +143,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     uint8_t selfVersionMajor_ = 0;
     uint8_t selfVersionMiddle_ = 0;
     uint8_t selfVersionMinor_ = 0;
+    std::string selfVersion_ = "0.0";  // as servers read it: "3.1", or "3.1.2" where the minor number isn't 0
     bool isInternal_ = false;
     bool requireUserInfo_ = false;
     bool batchEvents_ = false;

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "backends/backend_factory.h"
+
+#include <algorithm>
+#include <array>
+
+#include "telvora/keys.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+struct BackendArguments {
+    const BackendServices& services;
+    const std::string& name;
+    BackendProfile profile;
+    const std::optional<std::string>& productFamily;
+    int32_t clientType;
+};
+
+using MakeBackend = std::shared_ptr<TelvoraBackend> (*)(BackendArguments);
+
+struct BackendClass {
+    std::string_view name;
+    MakeBackend make;  // null: this build has no such class
+};
+
+constexpr std::array<BackendClass, 6> kBackendClasses{{
+    {kTelvoraBackendDashboard, nullptr},
+    {kTelvoraBackendUploadServer, nullptr},
+    {kTelvoraBackendHTTPPost, nullptr},
+    {kTelvoraBackendHTTPPost2, nullptr},
+    {kTelvoraBackendJoulemark, nullptr},
+    {kTelvoraBackendVodex, nullptr},
+}};
+
+// The product that ships without the metrics adaptor.
+constexpr std::string_view kProductWithoutVodex = "Halcyra";
+
+}  // namespace
+
+std::shared_ptr<TelvoraBackend> BackendFactory::newBackendWithName(
+    const std::string& name, BackendProfile profile, const std::optional<std::string>& productFamily,
+    int32_t clientType) const {
+    const auto* entry = std::find_if(kBackendClasses.begin(), kBackendClasses.end(),
+                                     [&name](const BackendClass& c) { return c.name == name; });
+    if (entry == kBackendClasses.end() ||
+        (entry->name == kTelvoraBackendVodex && services_.identity.productType() == kProductWithoutVodex)) {
+        TELVORA_LOG(kLogError, "TelvoraBackend(newBackendWithName): %s", name.c_str());
+        return nullptr;
+    }
+    if (entry->make == nullptr) {
+        TELVORA_LOG(kLogDebug, "TelvoraBackend(newBackendWithName): this build has no backend %s",
+                    name.c_str());
+        return nullptr;
+    }
+    return entry->make({services_, name, std::move(profile), productFamily, clientType});
+}
+
+}  // namespace telvora

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "backends/telvora_backend.h"
+
+#include <algorithm>
+
+#include "platform/digest.h"
+#include "util/utf8.h"
+
+namespace telvora {
+
+namespace {
+
+bool listHoldsCategory(const Array& list, uint16_t category) {
+    return std::any_of(list.begin(), list.end(), [category](const PropertyList& entry) {
+        return entry.integerValue() == int64_t{category};
+    });
+}
+
+// Takes the first component off `version`; 0 where there is none.
+uint8_t nextVersionComponent(std::string_view& version) {
+    const size_t end = std::min(version.find('.'), version.size());
+    const auto component = static_cast<uint8_t>(leadingInteger(version.substr(0, end)));
+    version.remove_prefix(std::min(end + 1, version.size()));
+    return component;
+}
+
+}  // namespace
+
+TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
+                               std::optional<std::string> productFamily)
+    : services_(services),
+      name_(std::move(name)),
+      profile_(std::move(profile)),
+      productFamily_(std::move(productFamily)),
+      samplingFactor_(services.random()) {}
+
+TelvoraBackend::~TelvoraBackend() = default;
+
+void TelvoraBackend::cleanup() {}
+
+void TelvoraBackend::updateState() {
+    setState(BackendState::reporting);
+}
+
+std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dictionary>& /*payload*/,
+                                                       TimeValue /*timestamp*/, uint16_t /*method*/,
+                                                       uint16_t /*respCode*/, EventID /*eventID*/,
+                                                       SendFlag /*flag*/) {
+    return std::nullopt;
+}
+
+std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dictionary>& payload,
+                                                       TimeValue timestamp, uint16_t method,
+                                                       uint16_t respCode, SendFlag flag) {
+    ++eventID_;
+    return sendMessage(payload, timestamp, method, respCode, EventID{eventID_}, flag);
+}
+
+std::optional<std::string> TelvoraBackend::flushMessagesWithCompletion(FlushCompletion completion) {
+    if (completion) completion(std::nullopt, std::nullopt);
+    return std::nullopt;
+}
+
+bool TelvoraBackend::uploadFileAtPath(const std::string& /*path*/, const std::string& /*extensionToken*/) {
+    return false;
+}
+
+bool TelvoraBackend::uploadLogData(const Array& /*records*/) {
+    return false;
+}
+
+void TelvoraBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {
+    combinedSessionIDString_ = combinedSessionID;
+}
+
+bool TelvoraBackend::isWhitelistedEvent(uint16_t category) const {
+    return !eventWhitelist_ || listHoldsCategory(*eventWhitelist_, category);
+}
+
+bool TelvoraBackend::isBlacklistedEvent(uint16_t category) const {
+    return eventBlacklist_ && listHoldsCategory(*eventBlacklist_, category);
+}
+
+std::string TelvoraBackend::convertIntoSHA256(std::string_view text) {
+    return sha256Hex(text.substr(0, utf16Length(text)));
+}
+
+void TelvoraBackend::setSelfVersion(std::string_view version) {
+    selfVersionMajor_ = nextVersionComponent(version);
+    selfVersionMiddle_ = nextVersionComponent(version);
+    selfVersionMinor_ = nextVersionComponent(version);
+    selfVersion_ = std::to_string(selfVersionMajor_) + "." + std::to_string(selfVersionMiddle_);
+    if (selfVersionMinor_ != 0) selfVersion_ += "." + std::to_string(selfVersionMinor_);
+}
+
+const Dictionary* TelvoraBackend::profileDictionary() const {
+    return profile_ ? profile_->getIf<Dictionary>() : nullptr;
+}
+
+std::string_view senderCodeForClientType(int32_t clientType) {
+    static constexpr std::array<std::string_view, 19> kSenderCodes = {
+        "SM", "CN", "NAT",     "TO",    "RS",     "OB",       "VT",     "VC",      "TV",      "FL",
+        "SG", "LT", "KESTOVA", "NVCAM", "VT-HLS", "VT-CRABS", "TAMSEL", "CORVANE", "LINDQVAR"};
+    if (clientType < 0 || static_cast<size_t>(clientType) >= kSenderCodes.size()) return {};
+    return kSenderCodes[static_cast<size_t>(clientType)];
+}
+
+}  // namespace telvora
