@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// telvorad: builds the objects, in an order that matters. The process is confined before it listens, and no thread but
+// this one exists before it is confined.
+#include <asio/io_context.hpp>
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+#include "backends/backend_factory.h"
+#include "config/client_framework.h"
+#include "config/environment.h"
+#include "config/storebag_fetcher.h"
+#include "daemon/in_flight_http_client.h"
+#include "daemon/listener.h"
+#include "daemon/shutdown.h"
+#include "daemon/telvorad_agent.h"
+#include "platform/directories.h"
+#include "platform/keep_alive_transaction.h"
+#include "platform/listening_socket.h"
+#include "platform/locale.h"
+#include "platform/quality_of_service.h"
+#include "platform/sandbox.h"
+#include "platform/system_log.h"
+#include "platform/uuid.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+// The name of the service is also that of its sandbox profile.
+constexpr char kServiceName[] = "com.zandor.telvorad";
+constexpr int64_t kDefaultShutdownMilliseconds = 5000;
+
+// The daemon proper, in a confined process.
+int run(const Directories& directories, UserDefaults& defaults, ListeningSocket listeningSocket) {
+    asio::io_context runLoop(1);
+    Shutdown* shutdownWhenIdle = nullptr;  // set below, before anything runs
+
+    const DeviceProperties properties(directories.configuration);
+    const DeviceIdentity identity(properties, defaults);
+    const Environment environment(defaults, identity);
+    const ClientFramework framework(directories.framework);
+    const EntitlementStore entitlements(directories.configuration);
+    const MessageLog messageLog(directories.logs);
+    const auto countryCode = [] { return currentCountryCode(); };
+
+    std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
+    WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
+    InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
+
+    const BackendServices backendServices{
+        http, identity, environment, defaults, timeOfDay, countryCode, timeZoneOffsetSeconds, uniformRandom48};
+    const BackendFactory factory(backendServices);
+    const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
+                                          identity,
+                                          framework,
+                                          defaults,
+                                          messageLog,
+                                          timeOfDay,
+                                          countryCode};
+    const StorebagFetcher fetcher({http, environment, framework});
+    KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = listeningSocket.fromServiceManager,
+                                             .inFlight = [&] { return http.inFlight() > 0; },
+                                             .onIdle = [&] { shutdownWhenIdle->begin(); }});
+    TelvoradAgent agent({entitlements, fetcher, sessionServices, keepAlive, timeOfDay,
+                         [&] { shutdownWhenIdle->check(); }});
+    Listener listener(runLoop, pool, agent, std::move(listeningSocket.socket));
+    const int64_t deadline = defaults.integer(kTelvoraDefaultsDomain, "shutdownMilliseconds")
+                                 .value_or(kDefaultShutdownMilliseconds);
+    Shutdown shutdown(runLoop,
+                      {[&] { listener.close(); }, [&] { agent.invalidateAllConnections(); },
+                       [&] { return agent.sessionsAlive() == 0 && http.inFlight() == 0; }},
+                      std::chrono::milliseconds(std::max<int64_t>(deadline, 0)));
+    shutdownWhenIdle = &shutdown;
+
+    shutdown.onSignals();
+    listener.resume();
+    TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
+    runLoop.run();
+
+    // What still runs uses the objects above: it ends before they do.
+    pool.stop();
+    curl.reset();
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace telvora
+
+int main() {
+    using namespace telvora;
+    std::signal(SIGPIPE, SIG_IGN);
+    setUtilityQualityOfService();
+    startLogging("telvorad");
+
+    const Directories directories = Directories::fromEnvironment();
+    UserDefaults defaults(directories.configuration, directories.state);
+    setLogThreshold(static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
+
+    const auto confined = enterSandbox(kServiceName, SandboxPaths::fromDirectories(directories));
+    if (!confined) {
+        TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
+        return -1;
+    }
+    auto listeningSocket = openListeningSocket(directories.runtime, kServiceName);
+    if (!listeningSocket) {
+        TELVORA_LOG(kLogError, "main: can't listen: %s", listeningSocket.error().c_str());
+        return 1;
+    }
+    const int status = run(directories, defaults, std::move(*listeningSocket));
+    stopLogging();
+    return status;
+}

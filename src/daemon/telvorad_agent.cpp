@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Acceptance of connections and the registry of live sessions.
+#include "daemon/telvorad_agent.h"
+
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
+
+}  // namespace
+
+bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer) {
+    const std::shared_ptr<ClientConnection>& connection = shouldAcceptNewConnection;
+    const std::optional<PropertyList> entitlement =
+        services_.entitlements.valueForEntitlement(peer, kClientEntitlement);
+    if (!entitlement || !entitlement->boolValue()) {
+        TELVORA_LOG(kLogDebug,
+                    "listener: new XPC connection %s does not have required telvora entitlement. Closing connection...",
+                    connection->description().c_str());
+        return false;
+    }
+    TELVORA_LOG(kLogDebug,
+                "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
+                connection->description().c_str(), static_cast<int>(sessionCount()),
+                static_cast<int>(correlatedSessionsCount_.load()));
+
+    ++sessionsAlive_;
+    auto session = std::make_shared<TelvoradSession>(services_.sessionServices, *this, connection);
+    connection->setExportedObject(session);
+    {
+        const RecursiveMutexLock lock(sessionListLock_);
+        if (sessionList_.empty()) services_.keepAlive.begin();
+        sessionPlaces_[session.get()] = sessionList_.insert(sessionList_.end(), {session, connection});
+    }
+    connection->setInvalidationHandler([this, session] { invalidated(session); });
+    connection->resume();
+    return true;
+}
+
+void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session) {
+    TELVORA_LOG(kLogDebug, "listener: XPC connection to %s was invalidated", session->description().c_str());
+    bool lastSession = false;
+    {
+        const RecursiveMutexLock lock(sessionListLock_);
+        const auto place = sessionPlaces_.find(session.get());
+        if (place != sessionPlaces_.end()) {
+            sessionList_.erase(place->second);
+            sessionPlaces_.erase(place);
+            lastSession = sessionList_.empty();
+        }
+    }
+    if (session->hierarchyToken()) {
+        const DelegateLock lock(lock_);
+        leaveCorrelatedSessions(*session);
+    }
+    session->dealloc();
+    // Only now may an idle process end: the session's last reports are on their way.
+    if (lastSession) services_.keepAlive.end();
+    if (--sessionsAlive_ == 0) services_.noSessionsLeft();
+}
+
+void TelvoradAgent::invalidateAllConnections() {
+    const RecursiveMutexLock lock(sessionListLock_);
+    for (const RegisteredSession& registered : sessionList_) {
+        if (const auto connection = registered.connection.lock()) connection->invalidate();
+    }
+}
+
+size_t TelvoradAgent::sessionCount() {
+    const RecursiveMutexLock lock(sessionListLock_);
+    return sessionList_.size();
+}
+
+}  // namespace telvora

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// TelvoradAgent: the one object that every connection and every session meets. It lets peers in by entitlement, keeps
+// the registry of live sessions and with it the process alive, serves bags from its cache, and knows which sessions
+// form a hierarchy.
+//
+// Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which guards the bag
+// cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for the same bag find it
+// fetched. All operations may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "config/storebag_fetcher.h"
+#include "daemon/client_connection.h"
+#include "platform/entitlements.h"
+#include "platform/keep_alive_transaction.h"
+#include "platform/peer.h"
+#include "session/telvorad_session.h"
+#include "session/telvorad_session_delegate.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+// What the agent uses of the outside; all outlive it.
+struct AgentServices {
+    const EntitlementStore& entitlements;
+    const StorebagFetcher& storebagFetcher;
+    const SessionServices& sessionServices;
+    KeepAliveTransaction& keepAlive;
+    Clock clock;
+    std::function<void()> noSessionsLeft;  // called, on any thread, when the last session has come to its end
+};
+
+class TelvoradAgent final : public TelvoradSessionDelegate {
+  public:
+    explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
+
+    // Whether the new connection is let in: then it has its session and serves it. A refused one is left as it is, for
+    // the listener to close.
+    bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
+
+    // Ends every connection; their sessions end on their own strands.
+    void invalidateAllConnections();
+    // Sessions whose connection is valid.
+    size_t sessionCount();
+    // Sessions that have not come to their end yet, those included that are sending their last reports.
+    size_t sessionsAlive() const { return sessionsAlive_.load(); }
+
+    // For the sessions; see TelvoradSessionDelegate.
+    std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) override;
+    std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) override;
+    void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) override;
+    std::optional<std::string> parentSessionIDStringForSession(const TelvoradSession& session) override;
+    std::shared_ptr<TelvoradSession> parentSessionForChild(const TelvoradSession& child) override;
+    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(const TelvoradSession& session) override;
+    void updateDownstreamSessions(TelvoradSession& session) override;
+    RecursiveMutex& hierarchyLock() override { return lock_; }
+
+  private:
+    using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
+
+    // One bag name's place in the cache.
+    struct StorebagRecord {
+        std::shared_ptr<const Dictionary> data;  // the environment's section; null until a fetch has succeeded
+        std::optional<std::string> version;
+        std::optional<std::string> lastModified;
+        double fetchTime = 0;  // of the last attempt, seconds since 1970
+        int32_t maxAge = 0;    // seconds
+        bool fetchSuccessful = false;
+    };
+
+    struct RegisteredSession {
+        std::shared_ptr<TelvoradSession> session;
+        std::weak_ptr<ClientConnection> connection;
+    };
+
+    // Registry.
+    void invalidated(const std::shared_ptr<TelvoradSession>& session);
+    // Storebags.
+    void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
+    // Hierarchy.
+    const SessionList* sessionsOfToken(const std::string& token) const TELVORA_REQUIRES(lock_);
+    void leaveCorrelatedSessions(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
+    void dropEmptyLists() TELVORA_REQUIRES(lock_);
+    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level, const SessionList& sessions);
+
+    const AgentServices services_;
+
+    std::atomic<size_t> sessionsAlive_{0};
+
+    RecursiveMutex sessionListLock_;
+    std::list<RegisteredSession> sessionList_ TELVORA_GUARDED_BY(sessionListLock_);  // in order of acceptance
+    std::unordered_map<const TelvoradSession*, std::list<RegisteredSession>::iterator> sessionPlaces_
+        TELVORA_GUARDED_BY(sessionListLock_);
+
+    RecursiveMutex lock_;
+    // By bag name; the client types without a bag name share the record of no name.
+    std::map<std::optional<std::string>, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
+    std::unordered_map<std::string, SessionList> correlatedSessions_ TELVORA_GUARDED_BY(lock_);
+    std::unordered_map<const TelvoradSession*, std::string> tokens_ TELVORA_GUARDED_BY(lock_);  // who is in which list
+    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) = 0;  // of tokens entered since empty lists were last dropped
+    std::atomic<size_t> correlatedSessionsCount_{0};      // for the log, which must not wait for a fetch
+};
+
+}  // namespace telvora

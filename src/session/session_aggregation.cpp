@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Copies of reports for the client that aggregates them: the highest aggregating ancestor's, or else the session's own.
+#include "session/telvorad_session.h"
+#include "util/log.h"
+
+namespace telvora {
+
+void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint16_t type,
+                                       const std::optional<Dictionary>& payload) {
+    const auto deliver = [&](TelvoradSession& aggregator) {
+        std::optional<Dictionary> delivered = payload;
+        const UserInfo user = userInfo();
+        if (delivered && user) delivered->merge(*user);
+        aggregator.sendToAggregator(sessionInfo(), timestamp, category, type, std::move(delivered));
+    };
+    if (hierarchyLevel() >= 1) {
+        // Under the lock, so that the ancestor can't leave between being found and being called.
+        const DelegateLock lock(sessionDelegate_.hierarchyLock());
+        if (const auto ancestor = sessionDelegate_.getAncestorWithAggregatorForSession(*this)) {
+            return deliver(*ancestor);
+        }
+    } else {
+        // No ancestors: the search reads only this session, and a report need not wait for a fetch.
+        sessionDelegate_.getAncestorWithAggregatorForSession(*this);
+    }
+    if (hasAggregator()) deliver(*this);
+}
+
+void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp,
+                                       uint16_t category, uint16_t type, std::optional<Dictionary> payload) {
+    connection_->sendMessageToClient(sessionInfo ? std::optional(*sessionInfo) : std::nullopt, timestamp, category,
+                                     type, std::move(payload));
+}
+
+void TelvoradSession::shutdownSessionAggregation() {
+    TELVORA_LOG(kLogDebug, "shutdownSessionAggregation: Disable aggregation module for session %u", sessionID());
+    if (hasAggregator_.exchange(false)) sendToAggregator(nullptr, 0, 0, 0, std::nullopt);
+}
+
+}  // namespace telvora

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A session's beginning, its configuration from session info, bag and user info, and its end.
+#include "platform/digest.h"
+#include "platform/uuid.h"
+#include "session/telvorad_session.h"
+#include "telvora/keys.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+std::string freshSessionIDString() {
+    const auto bytes = randomUuidBytes();
+    return base64Encode({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+
+bool sameString(const Dictionary& a, const Dictionary& b, std::string_view key) {
+    const std::string* left = a.string(key);
+    const std::string* right = b.string(key);
+    return left != nullptr && right != nullptr && *left == *right;
+}
+
+constexpr char kNoDisplayURL[] = "URL not available";
+
+}  // namespace
+
+DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
+    DeviceIDBuffer buffer{};
+    identity.copyUniqueDeviceID(buffer);
+    return buffer;
+}
+
+TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
+                                 std::shared_ptr<ClientSessionReplyInterface> connection)
+    : services_(services),
+      sessionDelegate_(delegate),
+      connection_(std::move(connection)),
+      sessionIDString_(freshSessionIDString()),
+      deviceid_(uniqueDeviceID(services.identity)),
+      sessionInfo_(std::make_shared<const Dictionary>()) {
+    TELVORA_LOG(kLogDebug, "initWithSessionDelegate: TelvoradSession initWithSessionDelegate:<TelvoradAgent %p>",
+                static_cast<void*>(&sessionDelegate_));
+    TELVORA_LOG(kLogDebug, "initWithSessionDelegate: Initialized session with UUID %s", sessionIDString_.c_str());
+}
+
+void TelvoradSession::dealloc() {
+    TELVORA_LOG(kLogDebug, "dealloc: TelvoradSession dealloc: %u", sessionID());
+    sendEndMessage();
+    flushMessagesWithCompletion({});
+    shutdownSessionAggregation();
+
+    const MutexLock lock(backendsLock_);
+    if (!backends_) return;
+    for (const auto& [name, backend] : *backends_) backend->cleanup();
+    backends_.reset();
+}
+
+std::shared_ptr<const Dictionary> TelvoradSession::sessionInfo() const {
+    const MutexLock lock(identityLock_);
+    return sessionInfo_;
+}
+
+std::shared_ptr<const Dictionary> TelvoradSession::userInfo() const {
+    const MutexLock lock(identityLock_);
+    return userInfo_;
+}
+
+std::optional<std::string> TelvoradSession::hierarchyToken() const {
+    const MutexLock lock(identityLock_);
+    return hierarchyToken_;
+}
+
+std::string TelvoradSession::description() const {
+    return "<TelvoradSession " + std::to_string(sessionID()) + " " + sessionIDString_ + ">";
+}
+
+void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                     std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) {
+    const auto id = static_cast<uint32_t>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0));
+    TELVORA_LOG(kLogDebug, "setSessionInfo: Configuring session %u", id);
+    if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
+        TELVORA_LOG(kLogWarning, "setSessionInfo: Configure session: user info provided without requiring it");
+    }
+    takeSessionInfo(std::move(sessionInfo));
+    frameworks_ = std::move(frameworksToCheck);
+    {
+        const MutexLock lock(identityLock_);
+        userInfo_ = userInfo ? std::make_shared<const Dictionary>(std::move(*userInfo)) : nullptr;
+    }
+    hasAggregator_ = hasAggregationBlock;
+}
+
+// Takes over an identity and enters the session in the hierarchy that it names.
+void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
+    sessionID_ = static_cast<uint32_t>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0));
+    {
+        const MutexLock lock(identityLock_);
+        hierarchyToken_.reset();
+        hierarchyLevel_ = 0;
+        if (const Dictionary* token = sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken)) {
+            hierarchyLevel_ = token->integer(kTelvoraHierarchyTokenLevel).value_or(0);
+            if (const std::string* tokenID = token->string(kTelvoraHierarchyTokenTokenID)) hierarchyToken_ = *tokenID;
+        }
+        sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
+    }
+    sessionDelegate_.updateCorrelatedSessions(shared_from_this());
+}
+
+void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
+    TELVORA_LOG(kLogDebug, "startConfigWithCompletionHandler: Starting configuration for session %u", sessionID());
+    const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
+    if (!storebag) {
+        if (completionHandler) completionHandler(std::nullopt);
+        return;
+    }
+    storebagVersion_ = sessionDelegate_.storebagVersionForSession(*this);
+    createBackendsWithStorebag(storebag);
+    updateSessionWithDefaultSessionInfo();
+    sendStartMessage();
+    if (completionHandler) completionHandler(fetchReportingStates());
+}
+
+void TelvoradSession::fetchStatesWithUserInfo(std::optional<Dictionary> userInfo,
+                                              ReportingStatesReply completionHandler) {
+    TELVORA_LOG(kLogDebug, "fetchStatesWithUserInfo: Fetching states for session %u", sessionID());
+    receivedUserInfo(std::move(userInfo));
+    if (completionHandler) completionHandler(fetchReportingStates());
+}
+
+void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)> reply) {
+    TELVORA_LOG(kLogDebug, "fetchDisplayURL: Fetching display URL for session %u", sessionID());
+    const std::optional<BackendDictionary> current = backends();
+    if (current) {
+        for (const char* name : {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
+            const auto backend = current->find(name);
+            if (backend != current->end() && backend->second->displayURL()) return reply(*backend->second->displayURL());
+        }
+    }
+    reply(kNoDisplayURL);
+}
+
+void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag) {
+    TELVORA_LOG(kLogDebug, "createBackendsWithStorebag: Creating backends for session %u", sessionID());
+    std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
+        services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_);
+    if (created) {
+        for (const auto& [name, backend] : *created) backend->setCombinedSessionIDString(sessionIDString_);
+    }
+    const MutexLock lock(backendsLock_);
+    backends_ = std::move(created);
+}
+
+void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
+    const UserInfo oldUserInfo = userInfo();
+    if (!oldUserInfo && !newUserInfo) return;
+    if (oldUserInfo && !newUserInfo && requiresUserInfo()) return;
+
+    const bool namesUnchanged = oldUserInfo && newUserInfo &&
+                                sameString(*oldUserInfo, *newUserInfo, kTelvoraUserInfoClientName) &&
+                                sameString(*oldUserInfo, *newUserInfo, kTelvoraUserInfoServiceName);
+    {
+        const MutexLock lock(identityLock_);
+        userInfo_ = newUserInfo ? std::make_shared<const Dictionary>(std::move(*newUserInfo)) : nullptr;
+    }
+    updateUserInfoForBackends();
+    if (namesUnchanged) return;
+    TELVORA_LOG(kLogDebug, "receivedUserInfo: Received new user info for session %u", sessionID());
+    updateSessionWithDefaultSessionInfo();
+}
+
+void TelvoradSession::updateUserInfoForBackends() {
+    const UserInfo current = userInfo();
+    const MutexLock lock(backendsLock_);
+    if (!backends_) return;
+    for (const auto& [name, backend] : *backends_) backend->setUserInfoDict(current);
+}
+
+void TelvoradSession::updateSessionWithDefaultSessionInfo() {
+    updateReportingStates();
+    sessionDelegate_.updateDownstreamSessions(*this);
+}
+
+bool TelvoradSession::requiresUserInfo() const {
+    return sessionInfo()->boolean(kTelvoraSessionInfoRequireUserInfo);
+}
+
+void TelvoradSession::sendStartMessage() {
+    const DeviceIdentity& identity = services_.identity;
+    Dictionary payload;
+    if (identity.isInternal()) {
+        payload.set("SerialNum", identity.serialNumber().value_or("Unknown"));
+        payload.set("Version", identity.productVersion().value_or("Unknown"));
+        payload.set("Build", identity.buildVersion().value_or("Unknown"));
+        payload.set("Hardware", identity.hardwareModel().value_or("Unknown"));
+        payload.set("Product", identity.deviceName().value_or("Unknown"));
+        payload.set("ReportVers", services_.framework.bundleVersion());
+    }
+    payload.set("Locale", services_.countryCode().value_or(""));
+    const std::optional<PropertyList> automatic =
+        services_.defaults.value("com.zandor.timed", "TMAutomaticTimeZoneEnabled");
+    payload.set("AutomaticTimeSet", automatic ? automatic->boolValue() : true);
+    internalSendMessage(payload, 0, 0);
+}
+
+void TelvoradSession::sendEndMessage() {
+    Dictionary payload;
+    if (storebagVersion_) payload.set("StorebagVersion", *storebagVersion_);
+    internalSendMessage(payload, 0, 1);
+}
+
+}  // namespace telvora

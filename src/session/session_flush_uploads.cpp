@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The operations that act on all backends at once: flush, finish, and the two kinds of uploads.
+#include "session/file_url.h"
+#include "session/telvorad_session.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr char kNoBackends[] = "No backends available to send message";
+
+// One flush in progress: how many backends have yet to report, and who is to hear of it.
+struct PendingFlush {
+    size_t backends;
+    FlushReply completion;
+};
+
+// Guards every PendingFlush: flushes are rare, so one lock for all sessions does.
+Mutex flushCountersLock;
+
+// Counts one backend's report; gives the completion out if this report is the one that the client is to hear.
+FlushReply takeCompletion(PendingFlush& flush, bool failed) {
+    const MutexLock lock(flushCountersLock);
+    --flush.backends;
+    if (!failed && flush.backends > 0) return {};
+    return std::exchange(flush.completion, {});
+}
+
+}  // namespace
+
+void TelvoradSession::flushMessagesWithCompletion(FlushReply completion) {
+    TELVORA_LOG(kLogDebug, "flushMessagesWithCompletion: Flushing messages for session %u", sessionID());
+    internalFlushMessagesWithCompletion(std::move(completion));
+}
+
+// The client hears exactly once: of the first backend that fails, or else of the last one to report. A flush of no
+// backends at all is never answered.
+void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion) {
+    const std::optional<BackendDictionary> current = backends();
+    if (!current) {
+        TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", kNoBackends);
+        if (completion) completion(std::nullopt, makeTelvoraError(kNoBackends, -1));
+        return;
+    }
+    const auto flush = std::make_shared<PendingFlush>(PendingFlush{current->size(), std::move(completion)});
+    for (const auto& [name, backend] : *current) {
+        auto reported = [flush, key = name, backendName = backend->name(), &messageLog = services_.messageLog](
+                            std::optional<std::string> answer, std::optional<TelvoraError> error) {
+            TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
+            if (answer) TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> flushMessages] " + *answer);
+            const FlushReply reply = takeCompletion(*flush, error.has_value());
+            if (reply) reply(std::move(answer), std::move(error));
+        };
+        const MutexLock lock(backendsLock_);
+        backend->flushMessagesWithCompletion(std::move(reported));
+    }
+}
+
+void TelvoradSession::finishSessionWithReply(StringReply reply) {
+    TELVORA_LOG(kLogDebug, "finishSessionWithReply: Finishing session %u", sessionID());
+    reply(sendMessage(0, 2, std::nullopt));
+}
+
+void TelvoradSession::uploadFileAtPath(std::string fileURL, std::string extensionToken,
+                                       UploadFileReply completionHandler) {
+    TELVORA_LOG(kLogDebug, "uploadFileAtPath: Uploading file for session %u", sessionID());
+    uploadFileWithURL(fileURL, extensionToken, completionHandler);
+}
+
+// Uploads wait for the network, so they run on a copy of the backends, outside their lock.
+void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
+                                        const UploadFileReply& completionHandler) {
+    const std::string path = pathOfFileURL(fileURL);
+    bool uploaded = false;
+    for (const auto& [name, backend] : backends().value_or(BackendDictionary{})) {
+        if (backend->uploadFileAtPath(path, extensionToken)) uploaded = true;
+    }
+    if (uploaded) {
+        TELVORA_LOG(kLogDebug, "uploadFileWithURL: File upload successful for %s", path.c_str());
+    } else {
+        TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", path.c_str());
+    }
+    TelvoradUtil::writeToLogFile(services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
+                                                           (uploaded ? "succeeded" : "failed") + " for file " +
+                                                           fileURL);
+    completionHandler(uploaded);
+}
+
+void TelvoradSession::uploadLogData(Array records, UploadLogDataReply completionHandler) {
+    bool uploaded = false;
+    for (const auto& [name, backend] : backends().value_or(BackendDictionary{})) {
+        if (backend->uploadLogData(records)) uploaded = true;
+    }
+    if (uploaded) {
+        TELVORA_LOG(kLogDebug, "uploadLogData: Log data array upload successful");
+    } else {
+        TELVORA_LOG(kLogError, "uploadLogData: Log data array upload failed");
+    }
+    completionHandler(uploaded, std::nullopt);
+}
+
+}  // namespace telvora

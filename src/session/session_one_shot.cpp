@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A single report without a running session: backends made for it alone.
+#include "session/telvorad_session.h"
+#include "telvora/keys.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValue timestamp, uint16_t category,
+                 uint16_t type, const std::optional<Dictionary>& payload, const std::string& key) {
+    backend.updateState();
+    if (!backend.isWhitelistedEvent(category)) {
+        TELVORA_LOG(kLogDebug,
+                    "sendMessageWithSessionInfo: Dropping event with category %d as it is not whitelisted for backend %s",
+                    category, backend.name().c_str());
+        return;
+    }
+    if (backend.isBlacklistedEvent(category)) {
+        TELVORA_LOG(kLogDebug,
+                    "sendMessageWithSessionInfo: Dropping event with category %d as it is blacklisted for backend %s",
+                    category, backend.name().c_str());
+        return;
+    }
+    const std::optional<std::string> answer = backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
+    if (answer) TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer);
+}
+
+}  // namespace
+
+void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                                 uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                                 StringReply reply) {
+    if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
+        !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
+        TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
+        return;
+    }
+    const UserInfo givenUserInfo = userInfo ? std::make_shared<const Dictionary>(*userInfo) : nullptr;
+    takeSessionInfo(std::move(sessionInfo));
+    receivedUserInfo(std::move(userInfo));
+    TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending message with session info for session %u",
+                sessionID());
+    const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
+    if (!storebag) {
+        if (reply) reply("storebag not available");
+        return;
+    }
+    sendMessageWithSessionInfo(services_, *this->sessionInfo(), givenUserInfo, storebag, category, type, payload);
+    if (reply) reply("finished");
+}
+
+void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services, const Dictionary& sessionInfo,
+                                                 const UserInfo& userInfo,
+                                                 const std::shared_ptr<const Dictionary>& storebag,
+                                                 uint16_t category, uint16_t type,
+                                                 const std::optional<Dictionary>& payload) {
+    TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending single message with sessionID %ld",
+                static_cast<long>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0)));
+    if (!storebag) {
+        // The letter in front belongs to the line: log readers search for it as it stands.
+        TELVORA_LOG(kLogError,
+                    "RsendMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
+        return;
+    }
+    const std::optional<BackendDictionary> backends = TelvoradUtil::createBackends(
+        services.backendSources, storebag, &sessionInfo, userInfo, uniqueDeviceID(services.identity));
+    if (!backends) {
+        TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: No backends available to send single message");
+        return;
+    }
+    if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
+        TELVORA_LOG(kLogWarning, "sendMessageWithSessionInfo: user info provided without requiring it.");
+    }
+    const TimeValue timestamp = services.clock();
+    for (const auto& [key, backend] : *backends) {
+        sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);
+    }
+    for (const auto& [key, backend] : *backends) backend->cleanup();
+}
+
+}  // namespace telvora

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session info and
+// a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
+//
+// The operations of ClientSessionInterface run on the connection's strand, one after another. Other sessions of the
+// same hierarchy, on other strands, read what a session says of itself and give its backends new IDs and states: so
+// `identityLock_` guards the one and `backendsLock_` the other. Both are leaves: whoever holds one of them takes no
+// further lock of this program's sessions or agent (the agent's lock comes before, never after).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "protocol/client_session_interface.h"
+#include "session/create_backends.h"
+#include "session/telvorad_session_delegate.h"
+#include "util/message_log.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+// What all sessions use of the outside. Outlives every session.
+struct SessionServices {
+    BackendSources backendSources;
+    const DeviceIdentity& identity;
+    const ClientFramework& framework;
+    UserDefaults& defaults;
+    const MessageLog& messageLog;
+    Clock clock;
+    std::function<std::optional<std::string>()> countryCode;
+};
+
+class TelvoradSession final : public ClientSessionInterface, public std::enable_shared_from_this<TelvoradSession> {
+  public:
+    // `delegate` outlives the session; `connection` carries the session's calls back to its client.
+    TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
+                    std::shared_ptr<ClientSessionReplyInterface> connection);
+
+    // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on the
+    // connection's strand, when the connection has ended and the session has left the registry.
+    void dealloc();
+
+    // The client's operations; see ClientSessionInterface.
+    void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                        std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) override;
+    void startConfigWithCompletionHandler(ReportingStatesReply completionHandler) override;
+    void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo, ReportingStatesReply completionHandler) override;
+    void fetchDisplayURL(std::function<void(std::string displayURL)> reply) override;
+    void sendMessageWithCategory(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                 StringReply reply) override;
+    void sendMessageWithDictionary(Dictionary message, StringReply reply) override;
+    void flushMessagesWithCompletion(FlushReply completion) override;
+    void finishSessionWithReply(StringReply reply) override;
+    void uploadFileAtPath(std::string fileURL, std::string extensionToken,
+                          UploadFileReply completionHandler) override;
+    void uploadLogData(Array records, UploadLogDataReply completionHandler) override;
+    void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo, uint16_t category,
+                                    uint16_t type, std::optional<Dictionary> payload, StringReply reply) override;
+
+    // What the session is, readable from any thread.
+    uint32_t sessionID() const { return sessionID_.load(); }
+    const std::string& sessionIDString() const { return sessionIDString_; }
+    std::shared_ptr<const Dictionary> sessionInfo() const;
+    std::shared_ptr<const Dictionary> userInfo() const;  // null: none
+    bool hasAggregator() const { return hasAggregator_.load(); }
+    int64_t hierarchyLevel() const { return hierarchyLevel_.load(); }
+    std::optional<std::string> hierarchyToken() const;  // nothing: a standalone session
+    std::string description() const;
+
+    // What the agent asks of the sessions of a hierarchy, under its lock, on any thread.
+    void updateCombinedSessionID();
+    void syncReportingStates();
+    void shutdownSessionAggregation();
+
+  private:
+    using UserInfo = std::shared_ptr<const Dictionary>;
+
+    // Configuration.
+    void takeSessionInfo(Dictionary sessionInfo);
+    void createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag);
+    void updateUserInfoForBackends();
+    void updateSessionWithDefaultSessionInfo();
+    void receivedUserInfo(std::optional<Dictionary> userInfo);
+    bool requiresUserInfo() const;
+    void sendStartMessage();
+    void sendEndMessage();
+
+    // Messages.
+    std::optional<std::string> sendMessage(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+    std::optional<std::string> sendMessage(const Dictionary& message);
+    std::optional<std::string> submitMessage(uint16_t category, uint16_t type,
+                                             const std::optional<Dictionary>& payload, SendFlag flag);
+    void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
+    bool hasBackends() const;
+    // The backends by value, to work with them outside the lock; nothing: the session has no backend dictionary.
+    std::optional<BackendDictionary> backends() const;
+
+    // Flush and uploads.
+    void internalFlushMessagesWithCompletion(FlushReply completion);
+    void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
+                           const UploadFileReply& completionHandler);
+
+    // Aggregation.
+    void aggregateMessage(double timestamp, uint16_t category, uint16_t type,
+                          const std::optional<Dictionary>& payload);
+    void sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp, uint16_t category,
+                          uint16_t type, std::optional<Dictionary> payload);
+
+    // Reporting states.
+    struct ReportingState {
+        BackendState state;
+        std::optional<double> samplingThreshold;
+    };
+    std::map<std::string, ReportingState> backendStates() const;
+    void updateReportingStates();
+    std::optional<std::vector<std::string>> fetchReportingStates() const;
+
+    // One-shot messages: the operation that belongs to no session's backends.
+    static void sendMessageWithSessionInfo(const SessionServices& services, const Dictionary& sessionInfo,
+                                           const UserInfo& userInfo, const std::shared_ptr<const Dictionary>& storebag,
+                                           uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+
+    const SessionServices& services_;
+    TelvoradSessionDelegate& sessionDelegate_;
+    const std::shared_ptr<ClientSessionReplyInterface> connection_;
+    const std::string sessionIDString_;
+    DeviceIDBuffer deviceid_{};
+
+    std::atomic<uint32_t> sessionID_{0};
+    std::atomic<bool> hasAggregator_{false};
+    std::atomic<int64_t> hierarchyLevel_{0};
+
+    mutable Mutex identityLock_;
+    std::shared_ptr<const Dictionary> sessionInfo_ TELVORA_GUARDED_BY(identityLock_);
+    UserInfo userInfo_ TELVORA_GUARDED_BY(identityLock_);
+    std::optional<std::string> hierarchyToken_ TELVORA_GUARDED_BY(identityLock_);
+
+    mutable Mutex backendsLock_;
+    std::optional<BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
+
+    // Touched on the connection's strand only.
+    std::vector<std::string> frameworks_;
+    std::optional<std::string> storebagVersion_;
+};
+
+// Reads the device's unique identifier into a zeroed buffer.
+DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity);
+
+}  // namespace telvora
