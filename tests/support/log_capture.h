@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Collects the log lines of a scope, each as "<level>text", the form in which the daemon writes them to a
+// collector.
+#pragma once
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "util/log.h"
+
+namespace telvora::test {
+
+// One at a time; all levels are on while it lives.
+class LogCapture {
+  public:
+    LogCapture() {
+        store().lines.clear();
+        setLogThreshold(kLogDebug);
+        setLogSink([](int level, std::string_view line) {
+            const std::lock_guard lock(store().mutex);
+            store().lines.push_back("<" + std::to_string(level) + ">" + std::string(line));
+            store().changed.notify_all();
+        });
+    }
+    ~LogCapture() {
+        setLogSink(nullptr);
+        setLogThreshold(kLogInfo);
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<std::string> lines() const {
+        const std::lock_guard lock(store().mutex);
+        return store().lines;
+    }
+    // How often exactly this line was written.
+    size_t count(std::string_view line) const {
+        const std::vector<std::string> all = lines();
+        return static_cast<size_t>(std::count(all.begin(), all.end(), line));
+    }
+    bool contains(std::string_view line) const { return count(line) > 0; }
+    // Waits until some line contains `part`; a test that hangs here is ended by its timeout.
+    void waitFor(std::string_view part) const {
+        std::unique_lock lock(store().mutex);
+        store().changed.wait(lock, [&] {
+            return std::any_of(store().lines.begin(), store().lines.end(),
+                               [&](const std::string& line) { return line.find(part) != std::string::npos; });
+        });
+    }
+    void clear() {
+        const std::lock_guard lock(store().mutex);
+        store().lines.clear();
+    }
+
+  private:
+    struct Store {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<std::string> lines;
+    };
+    static Store& store() {
+        static Store lines;
+        return lines;
+    }
+};
+
+}  // namespace telvora::test
