@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 
+#include "backends/https_post_backend.h"
 #include "telvora/keys.h"
 #include "util/log.h"
 
@@ -26,11 +27,16 @@ struct BackendClass {
     MakeBackend make;  // null: this build has no such class
 };
 
+std::shared_ptr<TelvoraBackend> makeHTTPSPostBackend(BackendArguments arguments) {
+    return HTTPSPostBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
+                                  arguments.productFamily);
+}
+
 constexpr std::array<BackendClass, 6> kBackendClasses{{
     {kTelvoraBackendDashboard, nullptr},
     {kTelvoraBackendUploadServer, nullptr},
-    {kTelvoraBackendHTTPPost, nullptr},
-    {kTelvoraBackendHTTPPost2, nullptr},
+    {kTelvoraBackendHTTPPost, makeHTTPSPostBackend},
+    {kTelvoraBackendHTTPPost2, makeHTTPSPostBackend},
     {kTelvoraBackendJoulemark, nullptr},
     {kTelvoraBackendVodex, nullptr},
 }};

@@ -16,14 +16,6 @@ bool listHoldsCategory(const Array& list, uint16_t category) {
     });
 }
 
-// Takes the first component off `version`; 0 where there is none.
-uint8_t nextVersionComponent(std::string_view& version) {
-    const size_t end = std::min(version.find('.'), version.size());
-    const auto component = static_cast<uint8_t>(leadingInteger(version.substr(0, end)));
-    version.remove_prefix(std::min(end + 1, version.size()));
-    return component;
-}
-
 }  // namespace
 
 TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
@@ -86,9 +78,10 @@ std::string TelvoraBackend::convertIntoSHA256(std::string_view text) {
 }
 
 void TelvoraBackend::setSelfVersion(std::string_view version) {
-    selfVersionMajor_ = nextVersionComponent(version);
-    selfVersionMiddle_ = nextVersionComponent(version);
-    selfVersionMinor_ = nextVersionComponent(version);
+    const std::array<uint8_t, 3> components = versionComponents(version);
+    selfVersionMajor_ = components[0];
+    selfVersionMiddle_ = components[1];
+    selfVersionMinor_ = components[2];
     selfVersion_ = std::to_string(selfVersionMajor_) + "." + std::to_string(selfVersionMiddle_);
     if (selfVersionMinor_ != 0) selfVersion_ += "." + std::to_string(selfVersionMinor_);
 }
@@ -103,6 +96,16 @@ std::string_view senderCodeForClientType(int32_t clientType) {
         "SG", "LT", "KESTOVA", "NVCAM", "VT-HLS", "VT-CRABS", "TAMSEL", "CORVANE", "LINDQVAR"};
     if (clientType < 0 || static_cast<size_t>(clientType) >= kSenderCodes.size()) return {};
     return kSenderCodes[static_cast<size_t>(clientType)];
+}
+
+std::array<uint8_t, 3> versionComponents(std::string_view version) {
+    std::array<uint8_t, 3> components{};
+    for (uint8_t& component : components) {
+        const size_t end = std::min(version.find('.'), version.size());
+        component = static_cast<uint8_t>(leadingInteger(version.substr(0, end)));
+        version.remove_prefix(std::min(end + 1, version.size()));
+    }
+    return components;
 }
 
 }  // namespace telvora

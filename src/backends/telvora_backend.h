@@ -93,7 +93,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // lower-case hexadecimal digits: servers that compute these digests elsewhere count the same way.
     static std::string convertIntoSHA256(std::string_view text);
 
-    // "major.middle.minor"; missing components are 0, each is cut to 8 bits.
+    // Read as versionComponents() does.
     void setSelfVersion(std::string_view version);
     void setStartTimestamp(TimeValue time) { startTimeStamp_ = TelvoradUtil::secondsFromTimeValue(time); }
 
@@ -162,5 +162,9 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
 // The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.
 std::string_view senderCodeForClientType(int32_t clientType);
+
+// Major, middle and minor number of a dotted version; missing components are 0, each is cut to 8 bits,
+// further ones are ignored.
+std::array<uint8_t, 3> versionComponents(std::string_view version);
 
 }  // namespace telvora

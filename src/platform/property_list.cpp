@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 namespace telvora {
@@ -15,6 +16,40 @@ auto lowerBoundIn(Entries& entries, std::string_view key) {
     return std::lower_bound(
         entries.begin(), entries.end(), key,
         [](const Dictionary::Entry& entry, std::string_view k) { return entry.key.compare(k) < 0; });
+}
+
+// How many keys of the sorted range [from, end) the sorted `entries` don't have.
+template <typename Iterator>
+size_t countNewKeys(const std::vector<Dictionary::Entry>& entries, Iterator from, Iterator end) {
+    size_t found = 0;
+    const auto total = static_cast<size_t>(end - from);
+    for (auto entry = entries.begin(); entry != entries.end() && from != end;) {
+        const int order = entry->key.compare((*from).key);
+        found += order == 0 ? 1 : 0;
+        if (order <= 0) ++entry;
+        if (order >= 0) ++from;
+    }
+    return total - found;
+}
+
+// Both sides are sorted, so a walk from the back moves every entry once; inserting key by key would move the
+// tail again for each.
+template <typename Iterator>
+void mergeSorted(std::vector<Dictionary::Entry>& entries, Iterator from, Iterator end) {
+    size_t left = entries.size();  // of the old entries, those that have not been moved yet
+    size_t target = left + countNewKeys(entries, from, end);
+    entries.resize(target);
+    while (from != end) {
+        const int order = left == 0 ? -1 : entries[left - 1].key.compare((*(end - 1)).key);
+        --target;
+        if (order >= 0) --left;
+        if (order <= 0) {
+            --end;
+            entries[target] = *end;
+        } else if (target != left) {
+            entries[target] = std::move(entries[left]);
+        }
+    }
 }
 
 int64_t clampToInteger(double value) {
@@ -78,8 +113,12 @@ bool Dictionary::erase(std::string_view key) {
 }
 
 void Dictionary::merge(const Dictionary& other) {
-    for (const Entry& entry : other)
-        set(entry.key, entry.value);
+    mergeSorted(entries_, other.entries_.begin(), other.entries_.end());
+}
+
+void Dictionary::merge(Dictionary&& other) {
+    mergeSorted(entries_, std::make_move_iterator(other.entries_.begin()),
+                std::make_move_iterator(other.entries_.end()));
 }
 
 void Dictionary::reserve(size_t entries) {

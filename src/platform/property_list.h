@@ -56,8 +56,13 @@ class Dictionary {
     void set(std::string_view key, PropertyList value);
     // Removes the entry; false when there was none.
     bool erase(std::string_view key);
-    // Sets every entry of `other`; its values win.
+    // Sets every entry of `other`; its values win. One pass over both, whatever their keys.
     void merge(const Dictionary& other);
+    void merge(Dictionary&& other);
+    // Offers every entry in key order as keep(const std::string& key, PropertyList& value), which may change
+    // the value; removes the entries for which it returns false.
+    template <typename Keep>
+    void retain(Keep keep);
     void reserve(size_t entries);
 
     size_t size() const;
@@ -141,6 +146,17 @@ struct Dictionary::Entry {
     PropertyList value;
     friend bool operator==(const Entry&, const Entry&) = default;
 };
+
+template <typename Keep>
+void Dictionary::retain(Keep keep) {
+    auto kept = entries_.begin();
+    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+        if (!keep(std::as_const(entry->key), entry->value)) continue;
+        if (kept != entry) *kept = std::move(*entry);
+        ++kept;
+    }
+    entries_.erase(kept, entries_.end());
+}
 
 // The integer at the start of `text` after blanks, with sign; 0 where there is none. Clamped to the range of
 // int64_t.

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "backends/event_record.h"
+
+#include <cmath>
+#include <numeric>
+
+namespace telvora {
+
+namespace {
+
+constexpr size_t kFieldCount = 16;
+
+// Whole minutes, so that the start time of a session doesn't identify it.
+int64_t roundedStart(double startTimeStamp) {
+    return std::isfinite(startTimeStamp) ? static_cast<int64_t>(startTimeStamp) / 60 * 60 : 0;
+}
+
+void setIfPresent(Dictionary& dictionary, std::string_view key, const std::optional<std::string>& value) {
+    if (value) dictionary.set(key, *value);
+}
+
+// In the order of the keys: each set() is then an append.
+Dictionary dictionaryOf(const EventFields& fields) {
+    const int64_t start = roundedStart(fields.startTimeStamp);
+    const double elapsed = TelvoradUtil::secondsFromTimeValue(fields.timestamp) - fields.startTimeStamp;
+    const double clientTime = TelvoradUtil::sanitizeNumber(static_cast<double>(start) + elapsed);
+
+    Dictionary result;
+    result.reserve(kFieldCount);
+    setIfPresent(result, "_build", fields.build);
+    result.set("_clientTS", clientTime);
+    result.set("_clientVersion", fields.clientVersion);
+    result.set("_eventNumber", fields.eventNumber);
+    result.set("_internal", fields.internal ? 1 : 0);
+    result.set("_method", fields.method);
+    setIfPresent(result, "_osVersion", fields.osVersion);
+    setIfPresent(result, "_productFamily", fields.productFamily);
+    setIfPresent(result, "_productModel", fields.productModel);
+    result.set("_reportVers", fields.reportVersion);
+    result.set("_sender", fields.sender);
+    if (fields.numericSessionID) {
+        result.set("_sessionID", *fields.numericSessionID);
+    } else {
+        setIfPresent(result, "_sessionID", fields.combinedSessionID);
+    }
+    result.set("_startTS", start);
+    result.set("_status", fields.status);
+    result.set("_timezoneOffset", fields.timezoneOffset);
+    result.set("eventTime", clientTime);
+    return result;
+}
+
+size_t approximateSize(const PropertyList& value) {
+    if (const auto* text = value.getIf<std::string>()) return text->size();
+    if (const auto* data = value.getIf<Data>()) return data->bytes.size();
+    if (const auto* dictionary = value.getIf<Dictionary>()) return telvora::approximateSize(*dictionary);
+    const auto* array = value.getIf<Array>();
+    if (array == nullptr) return 0;
+    return std::accumulate(
+        array->begin(), array->end(), array->size() * sizeof(PropertyList),
+        [](size_t sum, const PropertyList& element) { return sum + approximateSize(element); });
+}
+
+}  // namespace
+
+Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, const EventFields& fields,
+                                   size_t spareEntries) {
+    Dictionary record;
+    record.reserve((payload ? payload->size() : 0) + kFieldCount + spareEntries);
+    if (payload) record.merge(*payload);
+    record.merge(dictionaryOf(fields));
+    return record;
+}
+
+size_t approximateSize(const Dictionary& dictionary) {
+    size_t size = dictionary.size() * sizeof(Dictionary::Entry);
+    for (const Dictionary::Entry& entry : dictionary)
+        size += entry.key.size() + approximateSize(entry.value);
+    return size;
+}
+
+}  // namespace telvora

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What happens to a report: drop, hold or post; the batch and its flush.
+#include "backends/absent_text.h"
+#include "backends/event_record.h"
+#include "backends/https_post_backend.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+// The report with which a session ends.
+constexpr uint16_t kSessionMethod = 0;
+constexpr uint16_t kSessionStop = 1;
+
+// A client that spreads its reports over many methods must not fill the memory: a batch of this size is
+// flushed like one that has reached the event threshold.
+constexpr size_t kMaxBatchBytes = size_t{8} << 20;
+
+void completeWithError(const FlushCompletion& completion, const char* message) {
+    if (completion) completion(std::nullopt, makeTelvoraError(message, -1));
+}
+
+}  // namespace
+
+std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dictionary>& payload,
+                                                         TimeValue timestamp, uint16_t method,
+                                                         uint16_t respCode, EventID /*eventID*/,
+                                                         SendFlag flag) {
+    if (state() == BackendState::disabled) return std::nullopt;
+    Dictionary record = method == kSessionMethod && respCode == kSessionStop
+                            ? newEvent(stopMessagePayload(payload), timestamp, method, respCode)
+                            : newEvent(payload, timestamp, method, respCode);
+    prepareEventForMessage(record);
+
+    if (isPromoting(flag)) {
+        BackendState expected = BackendState::sampledOut;
+        state_.compare_exchange_strong(expected, BackendState::reporting);
+    }
+    TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): realtime is %d", isRealtime(flag) ? 1 : 0);
+    const BackendState current = state();
+    const bool held = current == BackendState::waitingForUserInfo || current == BackendState::sampledOut;
+    if (held || (!isRealtime(flag) && batchEvents_) || isUserInfoMissing()) {
+        TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Batching %d, %d, %d",
+                    static_cast<int>(current), batchEvents_ ? 1 : 0, requireUserInfo_ ? 1 : 0);
+        return batchEvent(std::move(record));
+    }
+    return postDirectly(std::move(record), method, respCode, flag);
+}
+
+std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
+    const std::optional<Dictionary>& payload) const {
+    TELVORA_LOG(kLogDebug,
+                "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP "
+                "message dictionary");
+    if (!payload) {
+        TELVORA_LOG(kLogError, "HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+        return std::nullopt;
+    }
+    const auto numberOrMinusOne = [](const std::optional<double>& number) {
+        return number ? PropertyList(*number) : PropertyList(-1);
+    };
+    Dictionary extended = *payload;
+    extended.set("Opt", dnuType_);
+    extended.set("SamplingThreshold", numberOrMinusOne(samplingThreshold_));
+    extended.set("OverrideSampling", numberOrMinusOne(overrideSampling_));
+    extended.set("Batch", batchEvents_ ? 1 : 0);
+    return extended;
+}
+
+Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp,
+                                      uint16_t method, uint16_t respCode) const {
+    // Servers know the sessions of these client types by their number.
+    const bool numbered = compType_ == 7 || (isInternal_ && (compType_ == 11 || compType_ == 13));
+    const EventFields fields{
+        .startTimeStamp = startTimeStamp_,
+        .timestamp = timestamp,
+        .sender = senderCodeForClientType(compType_),
+        .clientVersion = clientVersion_,
+        .combinedSessionID = combinedSessionIDString_,
+        .numericSessionID = numbered ? std::optional(sessionID_) : std::nullopt,
+        .eventNumber = eventID_,
+        .method = method,
+        .status = respCode,
+        .productFamily = productFamily_,
+        .productModel = hardwareType_,
+        .osVersion = productVersion_,
+        .build = buildVersion_,
+        .internal = services_.identity.isInternal(),
+        .reportVersion = selfVersion_,
+        .timezoneOffset = services_.timeZoneOffsetSeconds(),
+    };
+    return newEventDictfromPayload(payload, fields, userInfoDict_ ? userInfoDict_->size() : 0);
+}
+
+void HTTPSPostBackend::prepareEventForMessage(Dictionary& record) const {
+    if (userInfoDict_) record.merge(*userInfoDict_);
+    filterEvent(filters_, record);
+}
+
+std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
+                                                          uint16_t respCode, SendFlag flag) {
+    const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
+    std::optional<std::string> flushed;
+    if (flushFirst) {
+        TELVORA_LOG(kLogDebug,
+                    "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been "
+                    "batched. Forcing Flush here to keep events in order.");
+        flushed = flushMessagesWithCompletion({});
+    }
+    TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Sending %d, %d, %d", static_cast<int>(state()),
+                batchEvents_ ? 1 : 0, requireUserInfo_ ? 1 : 0);
+    std::optional<std::string> answer;
+    std::string json = createMessageForPostAndLogging({&record, 1}, answer);
+    if (flushFirst) {
+        answer = std::string("Flushed events:\n") + textOrNull(flushed) + "\nStandalone event:\n" +
+                 textOrNull(answer);
+    }
+    postJSONMessage(std::move(json), flag, method, respCode, {});
+    if (flushFirst) immutable_ = true;
+    return answer;
+}
+
+std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
+    const int64_t method = record.integer("_method").value_or(0);
+    const size_t bytes = approximateSize(record);
+    const bool full = batchedBytes_ + bytes > kMaxBatchBytes;
+    int32_t count = eventMethodCounts_[method];
+    std::optional<std::string> flushed;
+    if (count > eventThreshold_ || full) {
+        if (count > eventThreshold_) {
+            TELVORA_LOG(kLogDebug,
+                        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
+                        "threshold for method %d",
+                        static_cast<int>(method));
+        }
+        flushed = flushMessagesWithCompletion({});
+        count = 0;
+    }
+    if (full && !batchedEvents_.empty()) {
+        TELVORA_LOG(kLogWarning, "HTTPSPostBackend(batchEvent): dropping %zu events that can't be flushed",
+                    batchedEvents_.size());
+        takeBatch();
+    }
+    batchedEvents_.push_back(std::move(record));
+    batchedBytes_ += bytes;
+    eventMethodCounts_[method] = count + 1;
+    return flushed;
+}
+
+std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
+    eventMethodCounts_.clear();
+    batchedBytes_ = 0;
+    return std::exchange(batchedEvents_, {});
+}
+
+bool HTTPSPostBackend::isAdmitted(const Dictionary& record) const {
+    const auto category = static_cast<uint16_t>(record.integer("_method").value_or(0));
+    if (!isWhitelistedEvent(category)) {
+        TELVORA_LOG(kLogDebug,
+                    "flushMessagesWithCompletion: Dropping event with category %d as it is not whitelisted "
+                    "for backend %s",
+                    category, name_.c_str());
+        return false;
+    }
+    if (isBlacklistedEvent(category)) {
+        TELVORA_LOG(kLogDebug,
+                    "flushMessagesWithCompletion: Dropping event with category %d as it is blacklisted for "
+                    "backend %s",
+                    category, name_.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
+    if (batchedEvents_.empty() || state() != BackendState::reporting) {
+        takeBatch();
+        completeWithError(completion, "Nothing to flush");
+        return std::nullopt;
+    }
+    if (isUserInfoMissing()) {
+        completeWithError(completion, "Can not flush: userInfo is required");
+        return std::nullopt;
+    }
+    TELVORA_LOG(kLogDebug, "HTTPSPostBackend(flushMessagesWithCompletion): called");
+    // The user info may have changed since the events were recorded.
+    Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
+    filterEvent(filters_, userInfo);
+    std::vector<Dictionary> events = takeBatch();
+    std::erase_if(events, [this](const Dictionary& event) { return !isAdmitted(event); });
+    if (events.empty()) {
+        completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
+        return std::nullopt;
+    }
+    for (Dictionary& event : events)
+        event.merge(userInfo);
+
+    std::optional<std::string> pretty;
+    std::string json = createMessageForPostAndLogging(events, pretty);
+    PostCompletion whenPosted;
+    if (completion) {
+        whenPosted = [pretty, completion = std::move(completion)](std::optional<TelvoraError> error) {
+            completion(pretty, std::move(error));
+        };
+    }
+    postJSONMessage(std::move(json), SendFlag{0}, std::nullopt, std::nullopt, std::move(whenPosted));
+    if (pretty) immutable_ = true;
+    return pretty;
+}
+
+}  // namespace telvora

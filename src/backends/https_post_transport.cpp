@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How events leave the device: the message, the request and what its answer means.
+#include <algorithm>
+
+#include "backends/absent_text.h"
+#include "backends/https_post_backend.h"
+#include "backends/json_message.h"
+#include "telvora/keys.h"
+#include "util/compression.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+// A field value with every control character replaced by a blank (RFC 9110, section 5.5): the names come from
+// clients, and a line feed must not start a header of its own.
+std::string fieldValue(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
+    return text;
+}
+
+}  // namespace
+
+std::optional<std::string> HTTPSPostBackend::userInfoString(std::string_view key) const {
+    const std::string* value = userInfoDict_ ? userInfoDict_->string(key) : nullptr;
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
+std::string HTTPSPostBackend::clientIdentifier() const {
+    if (extrasOnInternal_ != 0 && isInternal_) return udid_.data();
+    if (uuidCustom_) return *uuidCustom_;
+    return dnuType_ != 0 ? uuidOverrideDnu_ : uuidRespectDnu_;
+}
+
+bool HTTPSPostBackend::isMessageLogged() const {
+    if (dnuType_ == 0 && dnuEnabled_) return true;
+    if (!forceEventLogging_) return false;
+    const EnvironmentType environment = services_.environment.userDefaultsEnvironment();
+    return environment == EnvironmentType::development || environment == EnvironmentType::zandorInternal;
+}
+
+std::string HTTPSPostBackend::createMessageForPostAndLogging(
+    std::span<Dictionary> events, std::optional<std::string>& prettyJsonString) const {
+    for (Dictionary& event : events)
+        makeJsonSafe(event);
+    const JsonMessage message{TelvoradUtil::secondsFromTimeValue(services_.clock()), clientIdentifier(),
+                              events};
+    if (isMessageLogged()) prettyJsonString = prettyJson(message);
+    return compactJson(message);
+}
+
+void HTTPSPostBackend::postJSONMessage(std::string json, SendFlag flag, std::optional<uint16_t> method,
+                                       std::optional<uint16_t> responseCode, PostCompletion completion) {
+    const std::optional<std::string>& url = isRealtime(flag) ? realtimePostURL_ : postURL_;
+    if (!url) {
+        if (completion) completion(makeTelvoraError("postURL is nil", -1));
+        return;
+    }
+    auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
+    services_.http.start(requestForMessage(*url, std::move(json), method, responseCode),
+                         [self = std::move(self), completion = std::move(completion)](
+                             const HttpResult& result) { self->handlePostResult(result, completion); });
+}
+
+HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::string json,
+                                                std::optional<uint16_t> method,
+                                                std::optional<uint16_t> responseCode) const {
+    HttpRequest request;
+    request.method = "POST";
+    request.url = url;
+    request.keepResponseBody = false;
+    request.headers.reserve(10);
+    const auto add = [&request](const char* name, std::string value) {
+        request.headers.emplace_back(name, fieldValue(std::move(value)));
+    };
+    if (auto clientName = userInfoString(kTelvoraUserInfoClientName)) {
+        add("X-TVR-Client-Name", std::move(*clientName));
+    }
+    if (auto serviceName = userInfoString(kTelvoraUserInfoServiceName)) {
+        add("X-TVR-Service-Name", std::move(*serviceName));
+    }
+    if (isInternal_) add("X-TVR-Internal-Build", "1");
+    add("User-Agent", "Telvora/" + selfVersion_ + " (" + textOrNull(hardwareType_) + "; " +
+                          textOrNull(productVersion_) + ")");
+    add("X-TVR-Client-Version", std::to_string(clientVersion_));
+    add("X-TVR-Sender", std::string(senderCodeForClientType(compType_)));
+    if (method && responseCode) {
+        add("X-TVR-Event-Map", std::to_string(*method) + " " + std::to_string(*responseCode));
+    }
+    add("Accept", "application/json");
+    add("Content-Type", "application/json");
+    // The HTTP client derives "Content-Length" from the body.
+    std::optional<std::string> compressed = TelvoradUtil::gzipDeflate(json);
+    if (compressed && !compressed->empty() && compressed->size() < json.size()) {
+        add("Content-Encoding", "gzip");
+        request.body = std::move(*compressed);
+    } else {
+        request.body = std::move(json);
+    }
+    return request;
+}
+
+// On the HTTP client's thread.
+void HTTPSPostBackend::handlePostResult(const HttpResult& result, const PostCompletion& completion) {
+    std::optional<TelvoraError> error;
+    if (!result) {
+        TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",
+                    result.error().description.c_str());
+        error = makeTelvoraError(result.error().description, -1);
+    } else if (result->status >= 500 && result->status <= 599) {
+        std::string message =
+            "backend " + name_ + " disabled by server " + std::to_string(result->status) + " return code";
+        TELVORA_LOG(kLogInfo, "postJSONMessage: %s", message.c_str());
+        setState(BackendState::disabled);
+        error = makeTelvoraError(std::move(message), result->status);
+    }
+    if (completion) completion(std::move(error));
+}
+
+}  // namespace telvora
