@@ -17,17 +17,24 @@ namespace telvora {
 // what keeps a small hostile one from exhausting the stack of a recursive parser.
 constexpr size_t kMaxPropertyListDepth = 64;
 
+// The longest document that is read, in bytes; and the most values (keys among them) in one. A binary
+// document can refer to one object many times: its values and their bytes count once per reference.
+constexpr size_t kMaxPropertyListBytes = 16 << 20;
+constexpr size_t kMaxPropertyListValues = 1 << 18;
+
 enum class PropertyListFormat { xml, binary };
 
-// Reads a document of either format. Fails with a reason on anything that is no property list, is nested
-// deeper than kMaxPropertyListDepth, or holds a type outside the value type (such as a keyed-archiver UID).
-// Thread-safe.
+// Reads a document of either format. Fails with a reason on anything that is no property list, exceeds one of
+// the limits above, holds a type outside the value type (such as a keyed-archiver UID), a string that is not
+// UTF-8 or has a zero byte, or a date outside the years 1 to 9999. Thread-safe.
 tl::expected<PropertyList, std::string> parsePropertyList(std::string_view document);
 
-// Reads a file of either format, of at most 16 MiB.
+// Reads a file of either format, of at most kMaxPropertyListBytes. Blocks on file I/O.
 tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesystem::path& path);
 
-// Writes a document. Fails with a reason only on values that the format can't hold.
+// Writes a document. Fails with a reason only on values that the format can't hold: nesting, strings and
+// dates that parsePropertyList would refuse, and in XML control characters. XML keeps only the whole seconds
+// of a date. Thread-safe.
 tl::expected<std::string, std::string> serializePropertyList(const PropertyList& value,
                                                              PropertyListFormat format);
 

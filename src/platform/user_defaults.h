@@ -5,10 +5,13 @@
 //     <configuration directory>/Preferences/DOMAIN.plist   the administrator's: wins, never written
 //     <state directory>/Preferences/DOMAIN.plist           the daemon's own: written by rename after fsync
 //
-// All operations are thread-safe.
+// The second Preferences/ and its files are made readable for the daemon's user alone. A file is looked at on
+// every access (stat(2)) and read again when it has changed, so that an administrator's edit counts at once.
+// All operations are thread-safe and may block on file I/O.
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -45,16 +48,23 @@ class UserDefaults {
     // Removes a key from the daemon's own file. Removing an absent key succeeds.
     tl::expected<void, std::string> remove(std::string_view domain, std::string_view key);
 
+    ~UserDefaults();
+
   private:
     struct CachedFile;  // a file's content and the stat(2) data by which a change is noticed
+    using Change = std::optional<PropertyList>;  // a new value, or nothing: the key is removed
+    using Changes = std::map<std::string, Change, std::less<>>;
+
+    // The content of a file as it is now, for the cost of one stat(2) where it has not changed.
+    const Dictionary& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
+    tl::expected<void, std::string> change(std::string_view domain, std::string_view key, Change change);
 
     Mutex mutex_;
-    std::filesystem::path administratorDirectory_;
-    std::filesystem::path ownDirectory_;
+    const std::filesystem::path administratorDirectory_;
+    const std::filesystem::path ownDirectory_;
     std::map<std::filesystem::path, CachedFile> files_ TELVORA_GUARDED_BY(mutex_);
-
-  public:
-    ~UserDefaults();
+    // By domain, the changes that could not be written; they go along with the next one that is.
+    std::map<std::string, Changes, std::less<>> unwritten_ TELVORA_GUARDED_BY(mutex_);
 };
 
 }  // namespace telvora

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random identifiers, from sd_id128_randomize(3) and getrandom(2). Thread-safe.
+// Random identifiers, from sd_id128_randomize(3). Thread-safe. Where the kernel gives no random numbers the
+// process ends: an identifier that repeats would be worse.
 #pragma once
 
 #include <array>

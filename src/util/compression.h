@@ -10,7 +10,8 @@
 namespace TelvoradUtil {
 
 // Compresses `input` whole into one gzip stream (`gzip` true) or one zlib stream (false). Nothing, and a line
-// at level 3, when the input is empty or zlib fails; never a part of the output.
+// at level 3, when the input is empty, longer than 2 GiB, or zlib fails; never a part of the output. Input
+// and output are in memory whole.
 std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_view input);
 
 // The gzip form of compressDataWithZlibOrGzip.

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/digest.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+namespace telvora {
+
+namespace {
+
+struct FreeOpenSsl {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    void operator()(BIO* bio) const { BIO_free(bio); }
+};
+template <typename T>
+using Owned = std::unique_ptr<T, FreeOpenSsl>;
+
+// OpenSSL takes lengths as int: longer input goes through in whole groups of 3 bytes and 4 characters.
+constexpr size_t kGroupsPerBlock = 1 << 20;
+
+const unsigned char* asBytes(std::string_view text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+unsigned char* asBytes(std::string& text) {
+    return reinterpret_cast<unsigned char*>(text.data());
+}
+
+EVP_PKEY* asKey(void* key) {
+    return static_cast<EVP_PKEY*>(key);
+}
+
+// The newest reason in OpenSSL's error queue of this thread, which is empty afterwards.
+std::string takeError() {
+    const unsigned long code = ERR_peek_last_error();
+    char text[256] = "unknown OpenSSL error";
+    if (code != 0) ERR_error_string_n(code, text, sizeof text);
+    ERR_clear_error();
+    return text;
+}
+
+bool isBase64Character(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
+}
+
+std::string bioContent(BIO* bio) {
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio, &data);
+    return length > 0 ? std::string(data, static_cast<size_t>(length)) : std::string();
+}
+
+}  // namespace
+
+std::array<uint8_t, 32> sha256(std::string_view bytes) {
+    std::array<uint8_t, 32> digest{};
+    EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+    return digest;
+}
+
+std::string sha256Hex(std::string_view bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(64);
+    for (const uint8_t byte : sha256(bytes)) {
+        text.push_back(kDigits[byte >> 4]);
+        text.push_back(kDigits[byte & 15]);
+    }
+    return text;
+}
+
+std::string base64Encode(std::string_view bytes) {
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock adds a terminator
+    unsigned char* out = asBytes(text);
+    for (size_t at = 0; at < bytes.size(); at += 3 * kGroupsPerBlock) {
+        const std::string_view block = bytes.substr(at, 3 * kGroupsPerBlock);
+        out += EVP_EncodeBlock(out, asBytes(block), static_cast<int>(block.size()));
+    }
+    text.pop_back();
+    return text;
+}
+
+std::optional<std::string> base64Decode(std::string_view text) {
+    std::string groups;
+    groups.reserve(text.size());
+    size_t padding = 0;
+    for (const char c : text) {
+        if (c == '=') {
+            ++padding;
+        } else if (!isBase64Character(c)) {
+            continue;
+        } else if (padding > 0) {
+            return std::nullopt;
+        }
+        groups.push_back(c);
+    }
+    if (groups.empty() || groups.size() % 4 != 0 || padding > 2) return std::nullopt;
+
+    std::string bytes(groups.size() / 4 * 3, '\0');
+    unsigned char* out = asBytes(bytes);
+    for (size_t at = 0; at < groups.size(); at += 4 * kGroupsPerBlock) {
+        const std::string_view block = std::string_view(groups).substr(at, 4 * kGroupsPerBlock);
+        const int written = EVP_DecodeBlock(out, asBytes(block), static_cast<int>(block.size()));
+        if (written < 0) return std::nullopt;
+        out += written;
+    }
+    bytes.resize(bytes.size() - padding);  // EVP_DecodeBlock writes a zero byte for each padding character
+    return bytes;
+}
+
+std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
+    const auto decode = [&](auto decoder) {
+        const unsigned char* at = asBytes(der);
+        Owned<EVP_PKEY> key(decoder(&at, static_cast<long>(der.size())));
+        if (at != asBytes(der) + der.size()) key.reset();
+        return key;
+    };
+    Owned<EVP_PKEY> key = decode([](const unsigned char** at, long length) {
+        return d2i_PublicKey(EVP_PKEY_RSA, nullptr, at, length);
+    });
+    if (!key) {
+        key = decode([](const unsigned char** at, long length) { return d2i_PUBKEY(nullptr, at, length); });
+    }
+    ERR_clear_error();
+    if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return std::nullopt;
+    return RsaPublicKey(key.release());
+}
+
+RsaPublicKey::RsaPublicKey(RsaPublicKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
+
+RsaPublicKey& RsaPublicKey::operator=(RsaPublicKey&& other) noexcept {
+    std::swap(key_, other.key_);
+    return *this;
+}
+
+RsaPublicKey::~RsaPublicKey() {
+    EVP_PKEY_free(asKey(key_));
+}
+
+bool RsaPublicKey::verifySha1(std::string_view message, std::string_view signature) const {
+    const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
+    const bool valid = context &&
+                       EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_)) == 1 &&
+                       EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
+                                        message.size()) == 1;
+    ERR_clear_error();
+    return valid;
+}
+
+tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::generate(int bits) {
+    if (bits < 2048) return tl::make_unexpected("an RSA key of fewer than 2048 bits is too weak");
+    EVP_PKEY* key = EVP_RSA_gen(static_cast<unsigned>(bits));
+    if (key == nullptr) return tl::make_unexpected(takeError());
+    return RsaPrivateKey(key);
+}
+
+tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view pem) {
+    const Owned<BIO> bio(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), 1 << 20))));
+    if (!bio) return tl::make_unexpected(takeError());
+    // Without a callback of ours an encrypted key would make OpenSSL ask at the terminal.
+    const auto noPassword = [](char*, int, int, void*) { return -1; };
+    Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
+    if (!key) return tl::make_unexpected(takeError());
+    if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return tl::make_unexpected("not an RSA key");
+    return RsaPrivateKey(key.release());
+}
+
+RsaPrivateKey::RsaPrivateKey(RsaPrivateKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
+
+RsaPrivateKey& RsaPrivateKey::operator=(RsaPrivateKey&& other) noexcept {
+    std::swap(key_, other.key_);
+    return *this;
+}
+
+RsaPrivateKey::~RsaPrivateKey() {
+    EVP_PKEY_free(asKey(key_));
+}
+
+std::string RsaPrivateKey::toPem() const {
+    const Owned<BIO> bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_), nullptr, nullptr, 0, nullptr, nullptr);
+    return bioContent(bio.get());
+}
+
+std::string RsaPrivateKey::publicKeyToDer() const {
+    const Owned<BIO> bio(BIO_new(BIO_s_mem()));
+    i2d_PUBKEY_bio(bio.get(), asKey(key_));
+    return bioContent(bio.get());
+}
+
+std::string RsaPrivateKey::signSha1(std::string_view message) const {
+    const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
+    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_)));
+    std::string signature(length, '\0');
+    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_));
+    if (EVP_DigestSign(context.get(), asBytes(signature), &length, asBytes(message), message.size()) != 1) {
+        ERR_clear_error();
+        return {};
+    }
+    signature.resize(length);
+    return signature;
+}
+
+}  // namespace telvora

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/user_defaults.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "platform/atomic_file.h"
+#include "platform/property_list_format.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+// By what a change of a file shows. A file replaced by rename has a new inode, one edited in place a new
+// time.
+struct FileIdentity {
+    int error = 0;  // why there is no file to look at
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    int64_t modifiedSeconds = 0, modifiedNanoseconds = 0;
+    int64_t changedSeconds = 0, changedNanoseconds = 0;
+
+    friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
+FileIdentity identityOf(const std::filesystem::path& path) {
+    FileIdentity identity;
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        identity.error = errno;
+        return identity;
+    }
+    identity.device = status.st_dev;
+    identity.inode = status.st_ino;
+    identity.size = status.st_size;
+    identity.modifiedSeconds = status.st_mtim.tv_sec;
+    identity.modifiedNanoseconds = status.st_mtim.tv_nsec;
+    identity.changedSeconds = status.st_ctim.tv_sec;
+    identity.changedNanoseconds = status.st_ctim.tv_nsec;
+    return identity;
+}
+
+Dictionary readDomainFile(const std::filesystem::path& path) {
+    const auto content = readPropertyListFile(path);
+    const Dictionary* dictionary = content ? content->getIf<Dictionary>() : nullptr;
+    if (dictionary != nullptr) return *dictionary;
+    TELVORA_LOG(kLogWarning, "UserDefaults(readDomainFile): %s counts as absent: %s", path.c_str(),
+                content ? "not a dictionary" : content.error().c_str());
+    return {};
+}
+
+// A domain is one file name: no path to elsewhere.
+bool isDomain(std::string_view domain) {
+    return !domain.empty() && domain.front() != '.' && domain.find('/') == std::string_view::npos;
+}
+
+std::filesystem::path fileOf(const std::filesystem::path& directory, std::string_view domain) {
+    return directory / (std::string(domain) + ".plist");
+}
+
+tl::expected<void, std::string> makeDirectory(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory.parent_path(), error);
+    if (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) return {};
+    return tl::make_unexpected("mkdir: " + std::generic_category().message(errno));
+}
+
+tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path,
+                                                const Dictionary& content) {
+    return serializePropertyList(content, PropertyListFormat::xml).and_then([&](const std::string& document) {
+        return makeDirectory(path.parent_path()).and_then([&] { return replaceFile(path, document); });
+    });
+}
+
+}  // namespace
+
+struct UserDefaults::CachedFile {
+    std::optional<FileIdentity> identity;  // nothing until the file has been looked at
+    Dictionary content;
+};
+
+UserDefaults::UserDefaults(std::filesystem::path configurationDirectory, std::filesystem::path stateDirectory)
+    : administratorDirectory_(std::move(configurationDirectory) / "Preferences"),
+      ownDirectory_(std::move(stateDirectory) / "Preferences") {}
+
+UserDefaults::~UserDefaults() = default;
+
+const Dictionary& UserDefaults::current(const std::filesystem::path& path) {
+    CachedFile& file = files_[path];
+    // Looked at before it is read: a change between the two shows at the next look.
+    const FileIdentity identity = identityOf(path);
+    if (file.identity == identity) return file.content;
+    file.identity = identity;
+    file.content = identity.error == ENOENT ? Dictionary() : readDomainFile(path);
+    return file.content;
+}
+
+std::optional<PropertyList> UserDefaults::value(std::string_view domain, std::string_view key) {
+    if (!isDomain(domain)) return std::nullopt;
+    const MutexLock lock(mutex_);
+    if (const PropertyList* value = current(fileOf(administratorDirectory_, domain)).find(key)) return *value;
+    if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
+        if (const auto change = changes->second.find(key); change != changes->second.end()) {
+            return change->second;
+        }
+    }
+    if (const PropertyList* value = current(fileOf(ownDirectory_, domain)).find(key)) return *value;
+    return std::nullopt;
+}
+
+std::optional<std::string> UserDefaults::string(std::string_view domain, std::string_view key) {
+    const std::optional<PropertyList> found = value(domain, key);
+    const std::string* text = found ? found->getIf<std::string>() : nullptr;
+    return text ? std::optional(*text) : std::nullopt;
+}
+
+std::optional<int64_t> UserDefaults::integer(std::string_view domain, std::string_view key) {
+    const std::optional<PropertyList> found = value(domain, key);
+    return found ? found->integerValue() : std::nullopt;
+}
+
+bool UserDefaults::boolean(std::string_view domain, std::string_view key) {
+    const std::optional<PropertyList> found = value(domain, key);
+    return found && found->boolValue();
+}
+
+tl::expected<void, std::string> UserDefaults::set(std::string_view domain, std::string_view key,
+                                                  PropertyList value) {
+    return change(domain, key, std::move(value));
+}
+
+tl::expected<void, std::string> UserDefaults::remove(std::string_view domain, std::string_view key) {
+    return change(domain, key, std::nullopt);
+}
+
+tl::expected<void, std::string> UserDefaults::change(std::string_view domain, std::string_view key,
+                                                     Change change) {
+    if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
+    const MutexLock lock(mutex_);
+    const std::filesystem::path path = fileOf(ownDirectory_, domain);
+    Changes& changes = unwritten_[std::string(domain)];
+    changes.insert_or_assign(std::string(key), std::move(change));
+
+    Dictionary content = current(path);
+    for (const auto& [changedKey, newValue] : changes) {
+        if (newValue) {
+            content.set(changedKey, *newValue);
+        } else {
+            content.erase(changedKey);
+        }
+    }
+    if (content != current(path)) {
+        if (auto written = writeDomainFile(path, content); !written) return written;
+    }
+    unwritten_.erase(unwritten_.find(domain));
+    return {};
+}
+
+}  // namespace telvora

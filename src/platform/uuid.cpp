@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/uuid.h"
+
+#include <systemd/sd-id128.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+sd_id128_t randomId() {
+    sd_id128_t id;
+    if (sd_id128_randomize(&id) < 0) {
+        // Identifiers that repeat would mix up people's reports: better none at all.
+        TELVORA_LOG(kLogError, "randomId: The kernel gives no random numbers");
+        std::abort();
+    }
+    return id;
+}
+
+}  // namespace
+
+std::array<uint8_t, 16> randomUuidBytes() {
+    const sd_id128_t id = randomId();
+    std::array<uint8_t, 16> bytes;
+    std::copy(std::begin(id.bytes), std::end(id.bytes), bytes.begin());
+    return bytes;
+}
+
+std::string randomUuidString() {
+    char text[SD_ID128_UUID_STRING_MAX];
+    std::string upper = sd_id128_to_uuid_string(randomId(), text);
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c; });
+    return upper;
+}
+
+double uniformRandom48() {
+    // The version and variant of a UUID stand in its bytes 6 and 8: the six before them are all random.
+    uint64_t bits = 0;
+    const sd_id128_t id = randomId();
+    for (int i = 0; i < 6; ++i)
+        bits = bits << 8 | id.bytes[i];
+    return static_cast<double>(bits) * 0x1p-48;
+}
+
+}  // namespace telvora

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "util/message_log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "util/log.h"
+#include "util/unique_fd.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr std::string_view kNameStart = "telvorad_";
+constexpr std::string_view kNameEnd = "_messageLog.diag";
+constexpr double kExpiryAge = 86400;  // seconds
+
+// What stands between the two underscores of a log file's name; nothing for any other name.
+std::optional<std::string_view> middleOfLogFileName(std::string_view name) {
+    if (name.size() < kNameStart.size() + kNameEnd.size() || !name.starts_with(kNameStart) ||
+        !name.ends_with(kNameEnd)) {
+        return std::nullopt;
+    }
+    name.remove_prefix(kNameStart.size());
+    name.remove_suffix(kNameEnd.size());
+    return name.find('_') == std::string_view::npos ? std::optional(name) : std::nullopt;
+}
+
+std::optional<double> timeInFileName(const std::filesystem::path& path) {
+    const std::string name = path.filename().string();
+    const auto middle = middleOfLogFileName(name);
+    int32_t seconds = 0;
+    if (!middle) return std::nullopt;
+    const char* const end = middle->data() + middle->size();
+    const auto parsed = std::from_chars(middle->data(), end, seconds);
+    if (parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
+    return seconds;
+}
+
+// The file system's birth time; where it keeps none, the time that the file's name was made from.
+std::optional<double> birthTime(const std::filesystem::path& path) {
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) == 0 &&
+        (status.stx_mask & STATX_BTIME) != 0) {
+        return static_cast<double>(status.stx_btime.tv_sec) + status.stx_btime.tv_nsec / 1e9;
+    }
+    return timeInFileName(path);
+}
+
+std::string dateText(double seconds) {
+    const auto whole = static_cast<time_t>(std::floor(seconds));
+    struct tm parts {};
+    char text[64];
+    if (gmtime_r(&whole, &parts) == nullptr) return "(null)";
+    return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts)};
+}
+
+std::string dateText(std::optional<double> seconds) {
+    return seconds ? dateText(*seconds) : "(null)";
+}
+
+struct LogFile {
+    std::filesystem::path path;
+    std::optional<double> created;
+};
+
+void deleteFile(const LogFile& file) {
+    unlink(file.path.c_str());  // a failure shows as the file being met again
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Deleted expired telvorad log file %s (%s)", file.path.c_str(),
+                dateText(file.created).c_str());
+}
+
+// The log files in the directory, which is made where it is missing.
+std::vector<LogFile> listLogFiles(const MessageLog& log) {
+    std::vector<LogFile> files;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(log.directory, error);
+    while (!error && entry != std::filesystem::directory_iterator()) {
+        if (middleOfLogFileName(entry->path().filename().string())) {
+            files.push_back({entry->path(), log.creationDate(entry->path())});
+        }
+        entry.increment(error);
+    }
+    if (error == std::errc::no_such_file_or_directory) {
+        TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
+        std::filesystem::create_directories(log.directory, error);
+    } else if (error) {
+        TELVORA_LOG(kLogError, "writeToLogFile: Error reading from log directory: %s",
+                    error.message().c_str());
+    } else {
+        return files;
+    }
+    return {};
+}
+
+// Deletes every log file but the newest one that is not yet too old; that one, or nothing.
+std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
+    std::optional<LogFile> newest;
+    for (LogFile& file : listLogFiles(log)) {
+        if (file.created && now - *file.created > kExpiryAge) {
+            deleteFile(file);
+        } else if (!newest) {
+            newest = std::move(file);
+        } else if (file.created > newest->created) {  // an unknown date is before all others
+            deleteFile(*newest);
+            newest = std::move(file);
+        } else {
+            deleteFile(file);
+        }
+    }
+    return newest;
+}
+
+std::optional<LogFile> createFile(const MessageLog& log, double now) {
+    LogFile file{log.directory / (std::string(kNameStart) + std::to_string(static_cast<int32_t>(now)) +
+                                  std::string(kNameEnd)),
+                 std::nullopt};
+    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
+    if (!fd) {
+        TELVORA_LOG(kLogError, "writeToLogFile: Failed to create new telvorad log file %s",
+                    file.path.c_str());
+        return std::nullopt;
+    }
+    file.created = log.creationDate(file.path);
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Created new telvorad log file %s (%s)", file.path.c_str(),
+                dateText(file.created).c_str());
+    return file;
+}
+
+bool append(const LogFile& file, std::string_view record) {
+    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) return false;
+    ssize_t written = -1;
+    do {
+        written = write(fd.get(), record.data(), record.size());
+    } while (written < 0 && errno == EINTR);
+    return written == static_cast<ssize_t>(record.size());
+}
+
+}  // namespace
+
+MessageLog::MessageLog(std::filesystem::path logDirectory)
+    : directory(std::move(logDirectory)), creationDate(birthTime) {}
+
+}  // namespace telvora
+
+void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_view message) {
+    using namespace telvora;
+    const double now = secondsFromTimeValue(log.clock());
+    std::optional<LogFile> file = keepNewest(log, now);
+    if (!file) file = createFile(log, now);
+    if (!file) return;
+
+    std::string record("(");
+    record.append(dateText(now)).append(") ").append(message).append("\n");
+    if (!append(*file, record)) {
+        deleteFile(*file);
+        return;
+    }
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Saved log message to %s", file->path.c_str());
+}
