@@ -205,8 +205,10 @@ class NodeMaker {
     plist_t newNode(const Dictionary& dictionary) {
         Plist node(plist_new_dict());
         enter();
-        for (const auto& [key, value] : dictionary)
-            plist_dict_set_item(node.get(), text(key).c_str(), make(value).release());
+        for (const auto& [key, value] : dictionary) {
+            const std::string keyText = text(key);
+            plist_dict_set_item(node.get(), keyText.c_str(), make(value).release());
+        }
         --depth_;
         return node.release();
     }

@@ -112,8 +112,7 @@ class BinaryWalker {
             case 5:
                 return checkAscii(*object);
             case 6:
-                return object->length <= document_.size() ? content(*object, object->length * 2)
-                                                          : "object out of bounds";
+                return checkUtf16(*object);
             case 8:
                 return "a UID";
             case 10:
@@ -144,6 +143,18 @@ class BinaryWalker {
         if (error != nullptr) return error;
         const std::string_view text = document_.substr(object.content, object.length);
         return text.find('\0') == std::string_view::npos ? nullptr : "a string with a zero byte";
+    }
+
+    // A zero unit would end libplist's copy early, and its assertion on a key's length would end the process.
+    const char* checkUtf16(const Object& object) {
+        if (object.length > document_.size()) return "object out of bounds";
+        const char* error = content(object, object.length * 2);
+        if (error != nullptr) return error;
+        const std::string_view units = document_.substr(object.content, object.length * 2);
+        for (size_t i = 0; i < units.size(); i += 2) {
+            if (units[i] == 0 && units[i + 1] == 0) return "a string with a zero byte";
+        }
+        return nullptr;
     }
 
     // An array's elements (`keys` 0), or a dictionary's keys and then its values.

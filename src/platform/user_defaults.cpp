@@ -72,9 +72,11 @@ tl::expected<void, std::string> makeDirectory(const std::filesystem::path& direc
 
 tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path,
                                                 const Dictionary& content) {
-    return serializePropertyList(content, PropertyListFormat::xml).and_then([&](const std::string& document) {
-        return makeDirectory(path.parent_path()).and_then([&] { return replaceFile(path, document); });
-    });
+    // Keys hold names that clients chose: XML could not hold all of them.
+    return serializePropertyList(content, PropertyListFormat::binary)
+        .and_then([&](const std::string& document) {
+            return makeDirectory(path.parent_path()).and_then([&] { return replaceFile(path, document); });
+        });
 }
 
 }  // namespace
@@ -141,6 +143,11 @@ tl::expected<void, std::string> UserDefaults::remove(std::string_view domain, st
 tl::expected<void, std::string> UserDefaults::change(std::string_view domain, std::string_view key,
                                                      Change change) {
     if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
+    // What no file could ever hold must not stand in the way of all later changes.
+    const auto writable = serializePropertyList(
+        Dictionary{{std::string(key), change.value_or(PropertyList())}}, PropertyListFormat::binary);
+    if (!writable) return tl::make_unexpected(writable.error());
+
     const MutexLock lock(mutex_);
     const std::filesystem::path path = fileOf(ownDirectory_, domain);
     Changes& changes = unwritten_[std::string(domain)];

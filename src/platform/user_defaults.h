@@ -41,9 +41,10 @@ class UserDefaults {
     // As value(), read as PropertyList::boolValue; false when absent.
     bool boolean(std::string_view domain, std::string_view key);
 
-    // Stores a value in the daemon's own file of that domain; durable when this returns. On failure (with its
-    // reason) the value is still kept in memory for the life of the process, so that identifiers stay stable
-    // meanwhile.
+    // Stores a value in the daemon's own file of that domain; durable when this returns. A domain that is no
+    // file name, and a key or value that a property list can't hold, are refused with a reason. On any other
+    // failure (with its reason) the value is still kept in memory for the life of the process, so that
+    // identifiers stay stable meanwhile.
     tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value);
     // Removes a key from the daemon's own file. Removing an absent key succeeds.
     tl::expected<void, std::string> remove(std::string_view domain, std::string_view key);

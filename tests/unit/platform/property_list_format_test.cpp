@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/property_list_format.h"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "tests/support/temporary_directory.h"
+
+namespace telvora {
+namespace {
+
+using testing::HasSubstr;
+using namespace std::string_literals;
+
+std::string repeated(std::string_view text, size_t times) {
+    std::string all;
+    for (size_t i = 0; i < times; ++i)
+        all += text;
+    return all;
+}
+
+std::string bigEndian(uint64_t value, size_t bytes) {
+    std::string text;
+    for (size_t i = bytes; i-- > 0;)
+        text.push_back(static_cast<char>(value >> (8 * i)));
+    return text;
+}
+
+// A binary document of these objects, with two-byte references and four-byte offsets; the first is the top.
+std::string binary(const std::vector<std::string>& objects, uint64_t count, uint64_t top = 0,
+                   uint64_t offsetError = 0) {
+    std::string document = "bplist00", table;
+    for (const std::string& object : objects) {
+        table += bigEndian(document.size() + offsetError, 4);
+        document += object;
+    }
+    const uint64_t tableStart = document.size();
+    return document + table + "\0\0\0\0\0\0\x04\x02"s + bigEndian(count, 8) + bigEndian(top, 8) +
+           bigEndian(tableStart, 8);
+}
+
+std::string binary(const std::vector<std::string>& objects) {
+    return binary(objects, objects.size());
+}
+
+std::string reference(uint64_t index) {
+    return bigEndian(index, 2);
+}
+
+// Each array holds the next one `width` times.
+std::string nestedBinary(size_t levels, size_t width) {
+    std::vector<std::string> objects;
+    for (size_t i = 1; i <= levels; ++i)
+        objects.push_back(static_cast<char>(0xa0 + width) + repeated(reference(i), width));
+    objects.push_back("\x09");
+    return binary(objects);
+}
+
+Dictionary everyType() {
+    return Dictionary{{"boolean", true},
+                      {"no", false},
+                      {"integer", -5},
+                      {"least", std::numeric_limits<int64_t>::min()},
+                      {"most", std::numeric_limits<int64_t>::max()},
+                      {"unsigned", std::numeric_limits<uint64_t>::max()},
+                      {"half", uint64_t{1} << 63},
+                      {"real", 0.1},
+                      {"small", 1e-300},
+                      {"whole", 2.0},
+                      {"string", "a<b>&\"' \xc3\xa9\xf0\x9f\x98\x80\n"},
+                      {"empty", ""},
+                      {"data", Data{"\0\1\2\xff"s}},
+                      {"no data", Data{}},
+                      {"date", Date{1447660800}},
+                      {"never", Date{64092211200}},
+                      {"long ago", Date{-11676096000}},
+                      {"array", Array{1, "two", Array{}, Dictionary{}}},
+                      {"k&y <\xc3\xa9>", Dictionary{{"", 1}}}};
+}
+
+class PropertyListFormatTest : public testing::TestWithParam<PropertyListFormat> {};
+INSTANTIATE_TEST_SUITE_P(Formats, PropertyListFormatTest,
+                         testing::Values(PropertyListFormat::xml, PropertyListFormat::binary),
+                         [](const auto& format) {
+                             return format.param == PropertyListFormat::xml ? "xml" : "binary";
+                         });
+
+TEST_P(PropertyListFormatTest, EveryTypeSurvivesTheRoundTrip) {
+    const auto document = serializePropertyList(everyType(), GetParam());
+    ASSERT_TRUE(document) << document.error();
+    const auto read = parsePropertyList(*document);
+    ASSERT_TRUE(read) << read.error();
+    EXPECT_EQ(*read, PropertyList(everyType()));
+}
+
+TEST_P(PropertyListFormatTest, AnyTypeMayStandAtTheTop) {
+    for (const auto& [key, value] : everyType()) {
+        const auto document = serializePropertyList(value, GetParam());
+        ASSERT_TRUE(document) << key << ": " << document.error();
+        EXPECT_EQ(parsePropertyList(*document), value) << key;
+    }
+}
+
+TEST_P(PropertyListFormatTest, NestingIsWrittenAndReadUpToTheSameLimit) {
+    PropertyList value = 1;
+    for (size_t i = 0; i < kMaxPropertyListDepth; ++i)
+        value = i % 2 ? PropertyList(Array{value}) : PropertyList(Dictionary{{"k", value}});
+    const auto document = serializePropertyList(value, GetParam());
+    ASSERT_TRUE(document) << document.error();
+    EXPECT_EQ(parsePropertyList(*document), value);
+    EXPECT_EQ(serializePropertyList(Array{value}, GetParam()).error(), "nested too deeply");
+}
+
+TEST_P(PropertyListFormatTest, ValuesThatTheFormatCannotHoldAreRefused) {
+    const PropertyList hostile[] = {"zero\0byte"s,       "not \xff UTF-8", "surrogate \xed\xa0\x80",
+                                    "overlong \xc0\xaf", "cut \xe2\x82",   Dictionary{{"zero\0key"s, 1}},
+                                    Date{std::nan("")},  Date{1e300},      Date{-1e12}};
+    for (const PropertyList& value : hostile)
+        EXPECT_FALSE(serializePropertyList(value, GetParam())) << value.shapeDescription();
+}
+
+TEST_P(PropertyListFormatTest, EveryTruncationIsRefusedOrReadsAsSomethingElse) {
+    const std::string document = serializePropertyList(everyType(), GetParam()).value();
+    for (size_t length = 0; length < document.size() - 10; ++length)
+        EXPECT_NE(parsePropertyList(document.substr(0, length)), everyType()) << length;
+}
+
+// Nothing is expected of the answers but that there is one, which the sanitizers watch.
+TEST_P(PropertyListFormatTest, AnyBytesMayBeDamaged) {
+    const std::string document = serializePropertyList(everyType(), GetParam()).value();
+    for (size_t at = 0; at < document.size(); ++at) {
+        for (const char damage : {'\0', '\x0f', '\x7f', '\xff', '<', '&', '/'}) {
+            std::string damaged = document;
+            damaged[at] = damage;
+            (void)parsePropertyList(damaged);
+        }
+    }
+}
+
+TEST(PropertyListXmlTest, ControlCharactersAreRefused) {
+    EXPECT_THAT(serializePropertyList("\x01", PropertyListFormat::xml).error(), HasSubstr("control"));
+    EXPECT_TRUE(serializePropertyList("\x01", PropertyListFormat::binary));
+}
+
+TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
+    const auto read = parsePropertyList(R"(<?xml version="1.0" encoding="UTF-8"?>
+        <!DOCTYPE plist PUBLIC "-//X//DTD PLIST 1.0//EN" "http://example.org/a.dtd">
+        <!-- a comment with <array> and "quotes -->
+        <plist version="1.0"><dict>
+            <key>a</key> <string>x<![CDATA[</array><b>&amp;]]>&#233;&lt;</string>
+            <key>b</key> <array ><true/><false /><integer>0x10</integer></array >
+            <key>c</key> <data> AA
+                EK </data>
+            <key>d</key> <date>2015-11-16T08:00:00Z</date>
+        </dict></plist>)");
+    ASSERT_TRUE(read) << read.error();
+    const Dictionary expected{{"a", "x</array><b>&amp;\xc3\xa9<"},
+                              {"b", Array{true, false, 16}},
+                              {"c", Data{"\0\1\n"s}},
+                              {"d", Date{1447660800}}};
+    ASSERT_TRUE(read->is<Dictionary>());
+    for (const auto& [key, value] : expected) {
+        const PropertyList* found = read->getIf<Dictionary>()->find(key);
+        EXPECT_TRUE(found && *found == value)
+            << key << ": " << (found ? found->shapeDescription() : "absent");
+    }
+}
+
+struct HostileDocument {
+    const char* name;
+    std::string document;
+    const char* reason;
+};
+
+TEST(PropertyListHostileTest, IsRefusedWithAReason) {
+    const std::string deep = repeated("<array>", 100000);
+    const size_t many = kMaxPropertyListValues + 1;
+    const HostileDocument documents[] = {
+        {"nothing", "", "not a property list"},
+        {"text", "hello", "not a property list"},
+        {"JSON", R"({"a": 1})", "not a property list"},
+        {"too long", std::string(kMaxPropertyListBytes + 1, ' '), "16 MiB"},
+        {"deep XML", "<plist>" + deep, "deep"},
+        {"deep XML with spaces", "<plist>" + repeated("<dict\t><key>k</key>", 70), "deep"},
+        {"deep behind commented ends", "<plist>" + repeated("<array><!--</array>-->", 70), "deep"},
+        {"deep behind CDATA ends", "<plist>" + repeated("<array><string><![CDATA[</array>]]></string>", 70),
+         "deep"},
+        {"deep behind an attribute", "<plist>" + repeated("<array a=\">\"/>\">", 70), "malformed tag"},
+        {"deep behind a quote", "<plist a=\"><!--\">" + deep + "-->", "malformed markup"},
+        {"an internal subset", "<!DOCTYPE p [<!ENTITY a \"]>\">]><plist/>", "internal subset"},
+        {"a PI with quotes", "<?x \"?><!--\"?>" + deep, "malformed markup"},
+        {"open comment", "<plist><!-- ", "unterminated"},
+        {"open tag", "<plist><array", "unterminated"},
+        {"mismatched tags", "<plist><array></dict></plist>", "malformed property list"},
+        {"an unknown tag", "<plist><set></set></plist>", "malformed property list"},
+        {"a dictionary without a key", "<plist><dict><true/></dict></plist>", "malformed property list"},
+        {"many XML values", "<plist><array>" + repeated("<true/>", many), "too many values"},
+        {"many entities", "<plist><string>" + repeated("&amp;", 100000) + "</string></plist>", "entities"},
+        {"an XML string that is not UTF-8", "<plist><string>\xff</string></plist>", "UTF-8"},
+
+        {"a binary header alone", "bplist00", "truncated"},
+        {"deep binary", nestedBinary(65, 1), "deep"},
+        {"wide and deep binary", nestedBinary(60, 14), "too many values"},
+        {"an array in itself", binary({"\xa1" + reference(0)}), "deep"},
+        {"a cycle", binary({"\xa1" + reference(1), "\xd1" + reference(2) + reference(0), "\x51k"}), "deep"},
+        {"no such top", binary({"\x09"}, 1, 7), "out of bounds"},
+        {"no such element", binary({"\xa1" + reference(9)}), "out of bounds"},
+        {"more objects than table", binary({"\x09"}, uint64_t{1} << 60), "out of bounds"},
+        {"no objects", binary({}, 0), "out of bounds"},
+        {"an offset before the objects", binary({"\x09"}, 1, 0, uint64_t(-1)), "out of bounds"},
+        {"an offset behind the objects", binary({"\x09"}, 1, 0, 1), "out of bounds"},
+        {"a string past the end", binary({"\x5f\x13\x7f\xff\xff\xff\xff\xff\xff\xff"}), "out of bounds"},
+        {"UTF-16 past the end", binary({"\x6f\x13\x80\0\0\0\0\0\0\0"s}), "out of bounds"},
+        {"a length past the end", binary({"\x5f\x13"}), "out of bounds"},
+        {"a length that is none", binary({"\x5f\x09"}), "out of bounds"},
+        {"an array past the end", binary({"\xaf\x12\0\x01\0\0"s}), "out of bounds"},
+        {"an array far past the end", binary({"\xaf\x13\xff\xff\xff\xff\xff\xff\xff\xff"}),
+         "too many values"},
+        {"an integer past the end", binary({"\x13\x01"}), "out of bounds"},
+        {"an integer of 32 bytes", binary({"\x15" + std::string(32, 'x')}), "unknown size"},
+        {"an integer above 64 bits", binary({"\x14" + std::string(16, '\1')}), "out of range"},
+        {"a real of 2 bytes", binary({"\x21\1\1"}), "unknown size"},
+        {"a null", binary({"\0"s}), "without a value"},
+        {"a binary UID", binary({"\x80\x01"}), "UID"},
+        {"a set", binary({"\xc1" + reference(1), "\x09"}), "unknown type"},
+        {"an integer as key", binary({"\xd1" + reference(1) + reference(1), "\x10\x01"}), "no string"},
+        {"a zero byte",
+         binary({"\x52"
+                 "a\0"s}),
+         "zero byte"},
+        {"a UTF-16 zero", binary({"\x61\0\0"s}), "zero byte"},
+        {"a UTF-16 zero in a key", binary({"\xd1" + reference(1) + reference(2), "\x62\0k\0\0"s, "\x09"}),
+         "zero byte"},
+        {"a byte outside ASCII", binary({"\x51\xff"}), "UTF-8"},
+        {"a date that is no number", binary({"\x33\x7f\xf8\0\0\0\0\0\0"s}), "date"},
+        {"one string many times",
+         binary({"\xaf\x11\x40\0"s + repeated(reference(1), 1 << 14),
+                 "\x5f\x12\0\x10\0\0"s + std::string(1 << 20, 'x')}),
+         "too many bytes"},
+    };
+    for (const HostileDocument& hostile : documents) {
+        const auto read = parsePropertyList(hostile.document);
+        ASSERT_FALSE(read) << hostile.name;
+        EXPECT_THAT(read.error(), HasSubstr(hostile.reason)) << hostile.name;
+    }
+}
+
+TEST(PropertyListFileTest, IsReadInEitherFormatAndFailsWithAReason) {
+    const test::TemporaryDirectory directory;
+    const auto xml = directory.write("a.plist", "<plist><integer>7</integer></plist>");
+    EXPECT_EQ(readPropertyListFile(xml), PropertyList(7));
+    const auto bytes = serializePropertyList(7, PropertyListFormat::binary).value();
+    EXPECT_EQ(readPropertyListFile(directory.write("b.plist", bytes)), PropertyList(7));
+    EXPECT_EQ(readPropertyListFile(directory.path() / "none").error(), "can't be opened");
+    EXPECT_FALSE(readPropertyListFile(directory.path()));
+    EXPECT_EQ(readPropertyListFile("/dev/zero").error(), "longer than 16 MiB");
+}
+
+}  // namespace
+}  // namespace telvora
