@@ -22,9 +22,10 @@ using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 struct HttpRequest {
     std::string method = "GET";
     std::string url;      // absolute, http or https
-    HttpHeaders headers;  // sent in this order; Content-Length is derived from the body
+    HttpHeaders headers;  // sent in this order; Content-Length is derived from the body, whatever stands here
     std::string body;
-    // For the whole exchange; nothing: the client's defaults (a stalled transfer is given up after 60 s).
+    // For the whole exchange, its wait in line included; nothing: the client's defaults (a connection not
+    // made within 15 s, a transfer stalled for 60 s and a wait in line of 60 s are given up). At most a day.
     std::optional<std::chrono::milliseconds> timeout;
     // A longer answer is a transport error.
     size_t maxResponseBytes = size_t{16} << 20;
@@ -58,26 +59,31 @@ class HttpClient {
     virtual ~HttpClient() = default;
 
     // Starts one exchange. Callable from any thread. A client that holds as many requests or pending bytes as
-    // it may completes with an error at once.
+    // it may completes with an error at once, and so does a request that can't be put on the wire (no http or
+    // https URL, a control character in a header).
     virtual void start(HttpRequest request, Completion completion) = 0;
 };
 
 // start() and wait for the completion; blocks the calling thread, which tells its work pool so (work_pool.h).
+// Not to be called from a completion.
 HttpResult performBlocking(HttpClient& client, HttpRequest request);
 
 struct CurlHttpClientOptions {
-    long maxConnections = 16;                    // over all hosts; more requests wait in line
-    long maxConnectionsPerHost = 6;              //
-    size_t maxPendingRequests = 4096;            // queued or in flight; beyond it a start fails
-    size_t maxPendingBytes = size_t{64} << 20;   // of request bodies, likewise
+    long maxConnections = 32;                    // over all hosts; more requests wait in line
+    long maxConnectionsPerHost = 6;              // several hosts may hang before the others must wait
+    size_t maxPendingRequests = 16384;           // queued or in flight; beyond it a start fails
+    size_t maxPendingBytes = size_t{64} << 20;   // of bodies, headers and bookkeeping, likewise
     std::chrono::seconds idleConnectionAge{60};  // an unused connection is closed after this long
     std::string caFile;                          // PEM; empty: SSL_CERT_FILE, else the system's store
 };
 
 // HTTP/1.1 and, when the server offers it, HTTP/2, on one thread with one libcurl multi handle. TLS is always
 // verified; redirects are not followed; only http and https are spoken. The thread starts with the first
-// request, so that an idle daemon carries neither its stack nor libcurl's tables. Destruction ends what is in
-// flight: every completion still runs, with an error.
+// request and ends once no request has been pending for `idleConnectionAge`, so that an idle daemon carries
+// neither its connections nor libcurl's tables. A server that hangs delays its own requests: hosts wait in
+// lines of their own, and one that has requests pending may fill half of the limits. Proxies named in the
+// environment are not used. Destruction ends what is in flight: every completion still runs, with an error.
+// Not to be destroyed from a completion.
 std::unique_ptr<HttpClient> makeCurlHttpClient(CurlHttpClientOptions options = {});
 
 }  // namespace telvora

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/http_client.h"
+
+#include <strings.h>
+
+#include <future>
+
+#include "platform/work_pool.h"
+
+namespace telvora {
+
+std::optional<std::string_view> HttpResponse::header(std::string_view name) const {
+    for (const auto& [headerName, value] : headers) {
+        if (headerName.size() == name.size() &&
+            strncasecmp(headerName.data(), name.data(), name.size()) == 0) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+HttpResult performBlocking(HttpClient& client, HttpRequest request) {
+    const auto promise = std::make_shared<std::promise<HttpResult>>();
+    std::future<HttpResult> future = promise->get_future();
+    const BlockingSection blocking;
+    client.start(std::move(request), [promise](HttpResult result) { promise->set_value(std::move(result)); });
+    return future.get();
+}
+
+}  // namespace telvora
