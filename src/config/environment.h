@@ -35,7 +35,8 @@ class Environment {
     EnvironmentType userDefaultsEnvironment() const;
 
     // The bag server's base URL: the user default "telvora_storebag_url", else the built-in one for internal
-    // or for all other builds. Without a trailing slash. Computed on first use and kept. Thread-safe.
+    // or for all other builds. The setting is used as it stands and should have no trailing slash. Computed
+    // on first use and kept. Thread-safe.
     const std::string& storebagBaseURL() const;
 
   private:

@@ -20,11 +20,17 @@ std::optional<std::string_view> HttpResponse::header(std::string_view name) cons
 }
 
 HttpResult performBlocking(HttpClient& client, HttpRequest request) {
-    const auto promise = std::make_shared<std::promise<HttpResult>>();
+    auto promise = std::make_shared<std::promise<HttpResult>>();
     std::future<HttpResult> future = promise->get_future();
     const BlockingSection blocking;
-    client.start(std::move(request), [promise](HttpResult result) { promise->set_value(std::move(result)); });
-    return future.get();
+    client.start(std::move(request), [promise = std::move(promise)](HttpResult result) {
+        promise->set_value(std::move(result));
+    });
+    try {
+        return future.get();
+    } catch (const std::future_error&) {  // the client has dropped the completion instead of running it
+        return tl::unexpected(HttpError{-1, "the HTTP client gave the request up"});
+    }
 }
 
 }  // namespace telvora

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "config/client_framework.h"
+
+#include <fstream>
+#include <iterator>
+
+#include "platform/property_list_format.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr const char* kDefaultVersion = "8.0";
+// An RSA key of 16384 bits takes about 2 KiB; a file far beyond that is none.
+constexpr std::streamsize kMaxKeyBytes = 64 << 10;
+
+}  // namespace
+
+std::string ClientFramework::bundleVersion() const {
+    const auto information = readPropertyListFile(directory_ / "Info.plist");
+    if (!information) return kDefaultVersion;
+    const auto* entries = information->getIf<Dictionary>();
+    const std::string* version = entries != nullptr ? entries->string("CFBundleVersion") : nullptr;
+    return version != nullptr ? *version : kDefaultVersion;
+}
+
+std::optional<std::string> ClientFramework::publicKeyDer() const {
+    std::ifstream file(directory_ / "publicKey.der", std::ios::binary);
+    std::string bytes(kMaxKeyBytes, '\0');
+    file.read(bytes.data(), kMaxKeyBytes);
+    if (!file.eof() || file.gcount() == 0) return std::nullopt;
+    bytes.resize(static_cast<size_t>(file.gcount()));
+    return bytes;
+}
+
+}  // namespace telvora

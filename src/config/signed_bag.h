@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The document in which a bag travels: a property list whose top level is a dictionary with two base64
+// strings, all other entries ignored,
+//
+//     "bag"        the inner bag, itself a serialised property list (a dictionary)
+//     "signature"  an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of the decoded "bag"
+//
+// Thread-safe: no shared state.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+
+#include "platform/digest.h"
+#include "platform/property_list.h"
+
+namespace telvora {
+
+// The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies, or
+// nothing. What is wrong is logged at level 3, except for a key or base64 text that can't be read and for an
+// inner bag that is no dictionary.
+std::optional<Dictionary> openSignedBag(std::string_view document,
+                                        const std::optional<std::string>& publicKeyDer);
+
+// Makes the document for a serialised inner bag, as an XML property list. Fails with a reason when the key
+// can't sign.
+tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key);
+
+}  // namespace telvora

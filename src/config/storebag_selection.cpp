@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <limits>
+
+#include "config/storebag_fetcher.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr int64_t kMaxRefreshCycle = 86400;
+
+const Dictionary* sectionForEnvironment(const Dictionary& bag, EnvironmentType type) {
+    const std::optional<std::string> name = sectionNameForEnvironment(type);
+    const Dictionary* section = name ? bag.dictionary(*name) : nullptr;
+    if (section != nullptr || type != EnvironmentType::seed) return section;
+    TELVORA_LOG(kLogWarning,
+                "fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
+    return bag.dictionary("release");
+}
+
+// The bag's own refresh cycle goes before what the server's headers say.
+void overrideMaxAge(const Dictionary& bag, int32_t& maxAge) {
+    const std::optional<int64_t> refreshCycle = bag.integer("refresh_cycle");
+    if (!refreshCycle) return;
+    maxAge = static_cast<int32_t>(
+        std::clamp<int64_t>(*refreshCycle, std::numeric_limits<int32_t>::min(), kMaxRefreshCycle));
+    TELVORA_LOG(kLogInfo, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=%d", maxAge);
+}
+
+}  // namespace
+
+std::optional<std::string> bagNameForClientType(uint32_t clientType) {
+    switch (clientType) {
+        case 5:
+            return "orbel";
+        case 6:
+        case 14:
+        case 15:
+            return "vantor";
+        case 7:
+        case 11:
+        case 13:
+            return "quillet";
+        case 8:
+            return "dravik";
+        case 9:
+            return "fenlow";
+        case 10:
+            return "pellam";
+        case 12:
+            return "kestova";
+        case 16:
+            return "tamsel";
+        case 17:
+            return "corvane";
+        case 18:
+            return "lindqvar";
+        default:
+            return std::nullopt;
+    }
+}
+
+std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientType(
+    uint32_t clientType, std::optional<std::string>& version, StorebagFetchStatus& status) const {
+    const int printedType = static_cast<int>(clientType);
+    if (clientType == 0) {
+        TELVORA_LOG(
+            kLogError,
+            "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type %d",
+            printedType);
+        return std::nullopt;
+    }
+    const auto bag = fetchStorebagWithName(bagNameForClientType(clientType), status);
+    if (!bag) {
+        if (!status.notChanged) {
+            TELVORA_LOG(
+                kLogError,
+                "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type %d",
+                printedType);
+        }
+        return std::nullopt;
+    }
+    const EnvironmentType type = services_.environment.userDefaultsEnvironment();
+    const Dictionary* section = sectionForEnvironment(*bag, type);
+    if (section == nullptr) {
+        TELVORA_LOG(kLogError,
+                    "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d "
+                    "with %s environment",
+                    printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
+        return std::nullopt;
+    }
+    const std::string* bagVersion = bag->string("version");
+    version = bagVersion != nullptr ? std::optional(*bagVersion) : std::nullopt;
+    overrideMaxAge(*bag, status.maxAge);
+    return *section;
+}
+
+}  // namespace telvora
