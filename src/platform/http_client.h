@@ -21,12 +21,13 @@ using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
 struct HttpRequest {
     std::string method = "GET";
-    std::string url;      // absolute, http or https
-    HttpHeaders headers;  // sent in this order; Content-Length is derived from the body, whatever stands here
-    std::string body;
+    std::string url = {};  // absolute, http or https
+    // Sent in this order; Content-Length is derived from the body, whatever stands here.
+    HttpHeaders headers = {};
+    std::string body = {};
     // For the whole exchange, its wait in line included; nothing: the client's defaults (a connection not
     // made within 15 s, a transfer stalled for 60 s and a wait in line of 60 s are given up). At most a day.
-    std::optional<std::chrono::milliseconds> timeout;
+    std::optional<std::chrono::milliseconds> timeout = std::nullopt;
     // A longer answer is a transport error.
     size_t maxResponseBytes = size_t{16} << 20;
     // Whether the body of the answer is wanted; if not, it is read and dropped.
@@ -74,7 +75,7 @@ struct CurlHttpClientOptions {
     size_t maxPendingRequests = 16384;           // queued or in flight; beyond it a start fails
     size_t maxPendingBytes = size_t{64} << 20;   // of bodies, headers and bookkeeping, likewise
     std::chrono::seconds idleConnectionAge{60};  // an unused connection is closed after this long
-    std::string caFile;                          // PEM; empty: SSL_CERT_FILE, else the system's store
+    std::string caFile = {};                     // PEM; empty: SSL_CERT_FILE, else the system's store
 };
 
 // HTTP/1.1 and, when the server offers it, HTTP/2, on one thread with one libcurl multi handle. TLS is always

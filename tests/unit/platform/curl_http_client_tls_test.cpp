@@ -34,6 +34,7 @@ class TlsServer {
         server_.Get(".*", [](const httplib::Request& request, httplib::Response& response) {
             response.set_content(request.path, "text/plain");
         });
+        server_.set_tcp_nodelay(true);
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
     }
