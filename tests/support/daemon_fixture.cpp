@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines)
+        text += line + "\n";
+    return text;
+}
+
+}  // namespace
+
+void DaemonFixture::SetUp() {
+    auto laboratory = lab::Laboratory::make(directory_ / "lab");
+    ASSERT_TRUE(laboratory) << laboratory.error();
+    laboratory_ = std::move(*laboratory);
+}
+
+void DaemonFixture::TearDown() {
+    if (daemon_) stopDaemon();
+}
+
+void DaemonFixture::startDaemon(const std::function<void(DaemonOptions&)>& change) {
+    DaemonOptions options =
+        DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(), bags().baseURL());
+    if (change) change(options);
+    daemon_ = std::make_unique<DaemonProcess>(std::move(options));
+    ASSERT_TRUE(daemon_->waitUntilListening()) << joined(daemon_->logLines());
+}
+
+void DaemonFixture::stopDaemon() {
+    EXPECT_EQ(daemon_->stop(), 0);
+    EXPECT_EQ(daemon_->sanitizerReports(), std::vector<std::string>());
+    if (HasFailure()) std::cerr << "The daemon's log:\n" << joined(daemon_->logLines());
+    daemon_.reset();
+}
+
+void DaemonFixture::expectLine(std::string_view line, size_t from) {
+    EXPECT_TRUE(daemon_->waitForLine(line, from)) << "no line: " << line;
+}
+
+void DaemonFixture::expectLineBeginning(std::string_view beginning, size_t from) {
+    EXPECT_TRUE(daemon_->waitForLineBeginning(beginning, from)) << "no line beginning: " << beginning;
+}
+
+}  // namespace telvora::test

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// DaemonFixture: the base of the tests that drive the real daemon. Each test has a laboratory of its own and
+// starts the daemon when it has told the laboratory what to serve. At the end the daemon is stopped; it must
+// exit with status 0 and without a sanitizer's report.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "telvora-lab/laboratory.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/temp_dir.h"
+
+namespace telvora::test {
+
+class DaemonFixture : public testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    lab::Laboratory& laboratory() { return *laboratory_; }
+    lab::BagServer& bags() { return laboratory_->bags(); }
+    lab::ReportingServer& reports() { return laboratory_->reports(); }
+    const TempDir& directory() const { return directory_; }
+
+    // Starts the daemon, after `change` has had its way with the options, and waits until it listens.
+    void startDaemon(const std::function<void(DaemonOptions&)>& change = {});
+    // Stops the daemon now and checks how it ends.
+    void stopDaemon();
+    DaemonProcess& daemon() { return *daemon_; }
+
+    // Expects the whole line, with its level: "<7>..."; waits for it.
+    void expectLine(std::string_view line, size_t from = 0);
+    void expectLineBeginning(std::string_view beginning, size_t from = 0);
+
+  private:
+    TempDir directory_;
+    std::unique_ptr<lab::Laboratory> laboratory_;
+    std::unique_ptr<DaemonProcess> daemon_;
+};
+
+}  // namespace telvora::test

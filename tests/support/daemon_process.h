@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// DaemonProcess: the real telvorad, with all its directories in one folder.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/property_list.h"
+#include "telvora-lab/lab_pki.h"
+#include "tests/support/child_process.h"
+
+namespace telvora::test {
+
+// How long anything that must happen may take before a test fails. Never reached when all is well.
+constexpr std::chrono::seconds kPatience{60};
+
+struct DaemonOptions {
+    std::filesystem::path directory;  // holds run/, state/, config/ and logs/, which are made if absent
+    std::string frameworkDirectory;
+    std::string caFile;
+    std::string storebagURL;
+
+    int logLevel = 7;
+    int environmentType = 4;  // release
+    bool consent = true;
+    // The value of the entitlement for this process's user; nothing: no file grants anything.
+    std::optional<PropertyList> entitlement = PropertyList(true);
+    // Added to the domain "com.zandor.telvora"; wins.
+    Dictionary defaults;
+    // Added to the properties that defaultDeviceProperties() tells; wins.
+    Dictionary deviceProperties;
+    // Added to the environment; wins.
+    std::map<std::string, std::string> environment;
+
+    // The options for a daemon that lives in `directory` and talks to a laboratory.
+    static DaemonOptions forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
+                                       const std::string& storebagURL);
+};
+
+// What the device says of itself where the options don't say otherwise.
+Dictionary defaultDeviceProperties();
+
+class DaemonProcess {
+  public:
+    // Writes the configuration and starts the daemon.
+    explicit DaemonProcess(DaemonOptions options);
+
+    // Waits for the line that says that the daemon listens.
+    bool waitUntilListening() const;
+    std::string socketPath() const { return directory_ / "run" / "com.zandor.telvorad"; }
+    pid_t pid() const { return process_.pid(); }
+    ChildProcess& process() { return process_; }
+
+    // Whether `line` ("<6>main: ...") has come or comes within kPatience; lines before position `from` don't
+    // count.
+    bool waitForLine(std::string_view line, size_t from = 0) const;
+    // The same for a line that begins so.
+    bool waitForLineBeginning(std::string_view beginning, size_t from = 0) const;
+    std::vector<std::string> logLines() const { return process_.errors().lines(); }
+    size_t logLineCount() const { return process_.errors().lineCount(); }
+    size_t countOfLine(std::string_view line) const { return process_.errors().count(line); }
+
+    // Ends the daemon (SIGTERM) and returns its exit status, 128 plus the signal's number if a signal ended
+    // it, or nothing if it did not end within kPatience.
+    std::optional<int> stop();
+    // The lines by which a sanitizer reported a fault in the daemon.
+    std::vector<std::string> sanitizerReports() const;
+
+  private:
+    std::filesystem::path directory_;
+    ChildProcess process_;
+};
+
+}  // namespace telvora::test

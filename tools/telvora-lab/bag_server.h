@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// BagServer: GET /bags/NAME?version=V answers with a bag, signed on the fly. Each bag can be given one of the
+// faults that a real server, or somebody between it and the device, might show.
+//
+// All operations are callable from any thread.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/property_list.h"
+#include "telvora-lab/https_server.h"
+#include "telvora-lab/lab_pki.h"
+#include "util/mutex.h"
+
+namespace telvora::lab {
+
+enum class BagFault {
+    none,
+    noAnswer,              // the connection ends before the answer
+    hold,                  // the answer waits for releaseHeld()
+    notModified,           // 304, whatever the request says
+    notFound,              // 404 with a body that is no property list
+    truncated,             // the connection ends in the middle of the body
+    notAPropertyList,      // 200 with a body that is no property list
+    unsignedBag,           // without "signature"
+    foreignKey,            // signed with another key
+    flippedBit,            // one bit of the inner bag changed after signing
+    innerNotAPropertyList  // well signed, but the inner bag is no property list
+};
+
+// The fault of that name as it is written above, or nothing.
+std::optional<BagFault> bagFaultNamed(std::string_view name);
+
+struct BagRequest {
+    std::string name;
+    std::string version;
+    std::optional<std::string> ifModifiedSince;
+    int status = 0;  // of the answer
+};
+
+class BagServer {
+  public:
+    // `pki` must outlive the server.
+    explicit BagServer(const LabPki& pki);
+    ~BagServer();
+
+    // "https://127.0.0.1:PORT/bags": what the user default "telvora_storebag_url" takes.
+    std::string baseURL() const { return server_.origin() + "/bags"; }
+    bool listening() const { return server_.port() != 0; }
+
+    // Adds or replaces a bag: the inner bag with its sections, "version" and "refresh_cycle".
+    void setBag(const std::string& name, Dictionary bag);
+    // The headers of a bag's answers. Without a call: "max-age=600", and no "Last-Modified". A request whose
+    // "If-Modified-Since" equals `lastModified` is answered with 304.
+    void setHeaders(const std::string& name, std::optional<std::string> cacheControl,
+                    std::optional<std::string> lastModified);
+    // How the bag's requests are answered from now on; the bag need not exist.
+    void setFault(const std::string& name, BagFault fault);
+    // Lets the answers go that BagFault::hold holds.
+    void releaseHeld();
+
+    // Refuses connections until accept(); returns when the port is closed.
+    void refuse() { server_.stop(); }
+    bool accept() { return server_.restart(); }
+
+    // All requests that arrived, in order.
+    std::vector<BagRequest> requests() const;
+    // Whether so many requests have arrived within `timeout`.
+    bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
+
+  private:
+    struct Bag {
+        std::optional<Dictionary> content;
+        std::optional<std::string> cacheControl = "max-age=600";
+        std::optional<std::string> lastModified;
+        BagFault fault = BagFault::none;
+    };
+
+    ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
+    ServerResponse answerFor(const Bag& bag, const std::optional<std::string>& ifModifiedSince) const;
+
+    const LabPki& pki_;
+    mutable Mutex mutex_;
+    mutable std::condition_variable_any changed_;
+    std::map<std::string, Bag> bags_ TELVORA_GUARDED_BY(mutex_);
+    std::vector<BagRequest> requests_ TELVORA_GUARDED_BY(mutex_);
+    uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
+    HttpsServer server_;  // last: it stops before what its handlers use goes
+};
+
+}  // namespace telvora::lab

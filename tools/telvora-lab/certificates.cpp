@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-lab/certificates.h"
+
+#include <openssl/bio.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+#include <memory>
+
+namespace telvora::lab {
+namespace {
+
+template <auto Free>
+struct Deleter {
+    template <typename T>
+    void operator()(T* object) const {
+        Free(object);
+    }
+};
+using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
+using Certificate = std::unique_ptr<X509, Deleter<X509_free>>;
+using Bio = std::unique_ptr<BIO, Deleter<BIO_free>>;
+
+std::string contents(BIO* bio) {
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio, &data);
+    return size > 0 ? std::string(data, static_cast<size_t>(size)) : std::string();
+}
+
+std::string toPem(X509* certificate) {
+    Bio bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509(bio.get(), certificate);
+    return contents(bio.get());
+}
+
+std::string toPem(EVP_PKEY* key) {
+    Bio bio(BIO_new(BIO_s_mem()));
+    PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+    return contents(bio.get());
+}
+
+void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
+    X509V3_CTX context;
+    X509V3_set_ctx_nodb(&context);
+    X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+    std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>> extension(
+        X509V3_EXT_conf_nid(nullptr, &context, nid, value));
+    if (extension) X509_add_ext(certificate, extension.get(), -1);
+}
+
+// A certificate for `key`, without extensions and signature.
+Certificate draft(EVP_PKEY* key, const char* commonName) {
+    constexpr long kClockSkewSeconds = 3600;
+    constexpr long kDaySeconds = 86400;
+    Certificate certificate(X509_new());
+    X509_set_version(certificate.get(), X509_VERSION_3);
+    unsigned char serial[16];
+    RAND_bytes(serial, sizeof serial);
+    serial[0] &= 0x7f;  // a serial number is positive
+    std::unique_ptr<BIGNUM, Deleter<BN_free>> number(BN_bin2bn(serial, sizeof serial, nullptr));
+    BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate.get()));
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kClockSkewSeconds);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kDaySeconds);
+    X509_set_pubkey(certificate.get(), key);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);
+    return certificate;
+}
+
+}  // namespace
+
+Certificates makeCertificates() {
+    Key authorityKey(EVP_EC_gen("P-256"));
+    Key serverKey(EVP_EC_gen("P-256"));
+    if (!authorityKey || !serverKey) return {};
+
+    Certificate authority = draft(authorityKey.get(), "telvora-lab authority");
+    X509_set_issuer_name(authority.get(), X509_get_subject_name(authority.get()));
+    addExtension(authority.get(), authority.get(), NID_basic_constraints, "critical,CA:TRUE");
+    addExtension(authority.get(), authority.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
+    addExtension(authority.get(), authority.get(), NID_subject_key_identifier, "hash");
+    X509_sign(authority.get(), authorityKey.get(), EVP_sha256());
+
+    Certificate server = draft(serverKey.get(), "localhost");
+    X509_set_issuer_name(server.get(), X509_get_subject_name(authority.get()));
+    addExtension(server.get(), authority.get(), NID_basic_constraints, "critical,CA:FALSE");
+    addExtension(server.get(), authority.get(), NID_ext_key_usage, "serverAuth");
+    addExtension(server.get(), authority.get(), NID_authority_key_identifier, "keyid");
+    addExtension(server.get(), authority.get(), NID_subject_alt_name,
+                 "IP:127.0.0.1,IP:0:0:0:0:0:0:0:1,DNS:localhost");
+    X509_sign(server.get(), authorityKey.get(), EVP_sha256());
+
+    return {toPem(authority.get()), toPem(server.get()), toPem(serverKey.get())};
+}
+
+}  // namespace telvora::lab

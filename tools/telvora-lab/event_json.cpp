@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-lab/event_json.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cmath>
+
+#include "platform/digest.h"
+
+namespace telvora::lab {
+namespace {
+
+constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+
+std::string_view view(const rapidjson::Value& text) {
+    return {text.GetString(), text.GetStringLength()};
+}
+
+std::optional<PropertyList> fromJson(const rapidjson::Value& value) {
+    if (value.IsBool()) return PropertyList(value.GetBool());
+    if (value.IsInt64()) return PropertyList(value.GetInt64());
+    if (value.IsUint64()) return PropertyList(value.GetUint64());
+    if (value.IsDouble()) return PropertyList(value.GetDouble());
+    if (value.IsString()) return PropertyList(view(value));
+    if (value.IsArray()) {
+        Array array;
+        for (const auto& element : value.GetArray()) {
+            auto converted = fromJson(element);
+            if (!converted) return std::nullopt;
+            array.push_back(std::move(*converted));
+        }
+        return PropertyList(std::move(array));
+    }
+    if (value.IsObject()) {
+        Dictionary dictionary;
+        for (const auto& member : value.GetObject()) {
+            auto converted = fromJson(member.value);
+            if (!converted) return std::nullopt;
+            dictionary.set(view(member.name), std::move(*converted));
+        }
+        return PropertyList(std::move(dictionary));
+    }
+    return std::nullopt;
+}
+
+tl::unexpected<std::string> parseFailure(rapidjson::ParseErrorCode code, size_t offset) {
+    return tl::make_unexpected(std::string(rapidjson::GetParseError_En(code)) + " at byte " +
+                               std::to_string(offset));
+}
+
+// Picks the number under one key out of each object in the array "events" of the outermost object.
+class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, NumberCollector> {
+  public:
+    explicit NumberCollector(std::string_view key) : key_(key) {}
+
+    std::vector<uint64_t> numbers;
+    bool complete = true;
+
+    bool StartObject() {
+        if (++depth_ == kEventDepth && inEvents_) found_ = false;
+        return true;
+    }
+    bool EndObject(rapidjson::SizeType) {
+        if (depth_-- == kEventDepth && inEvents_ && !found_) complete = false;
+        return true;
+    }
+    bool StartArray() {
+        ++depth_;
+        return true;
+    }
+    bool EndArray(rapidjson::SizeType) {
+        --depth_;
+        return true;
+    }
+    bool Key(const char* text, rapidjson::SizeType length, bool) {
+        const std::string_view name(text, length);
+        if (depth_ == 1) inEvents_ = name == "events";
+        wanted_ = depth_ == kEventDepth && inEvents_ && name == key_;
+        return true;
+    }
+    bool Uint(unsigned value) { return Uint64(value); }
+    bool Uint64(uint64_t value) {
+        if (wanted_) {
+            numbers.push_back(value);
+            found_ = true;
+            wanted_ = false;
+        }
+        return true;
+    }
+
+  private:
+    static constexpr int kEventDepth = 3;
+
+    const std::string_view key_;
+    int depth_ = 0;
+    bool inEvents_ = false;
+    bool wanted_ = false;
+    bool found_ = false;
+};
+
+template <typename Writer>
+struct JsonVisitor {
+    Writer& writer;
+
+    void write(const PropertyList& value) { std::visit(*this, value.value()); }
+    void operator()(bool value) { writer.Bool(value); }
+    void operator()(int64_t value) { writer.Int64(value); }
+    void operator()(uint64_t value) { writer.Uint64(value); }
+    void operator()(double value) {
+        if (std::isfinite(value)) {
+            writer.Double(value);
+        } else {
+            writer.Null();
+        }
+    }
+    void operator()(const std::string& value) { string(value); }
+    void operator()(const Data& value) { string(base64Encode(value.bytes)); }
+    void operator()(const Date& value) { (*this)(value.seconds); }
+    void operator()(const Array& array) {
+        writer.StartArray();
+        for (const PropertyList& element : array)
+            write(element);
+        writer.EndArray();
+    }
+    void operator()(const Dictionary& dictionary) {
+        writer.StartObject();
+        for (const auto& [key, value] : dictionary) {
+            writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+            write(value);
+        }
+        writer.EndObject();
+    }
+
+  private:
+    void string(const std::string& text) {
+        writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    }
+};
+
+}  // namespace
+
+tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json) {
+    rapidjson::Document document;
+    document.Parse<kParseFlags>(json.data(), json.size());
+    if (document.HasParseError()) return parseFailure(document.GetParseError(), document.GetErrorOffset());
+    const auto converted = fromJson(document);
+    const Dictionary* root = converted ? converted->getIf<Dictionary>() : nullptr;
+    if (!root) return tl::make_unexpected(std::string("no object, or null in it"));
+
+    EventMessage message;
+    message.postTime = root->real("postTime");
+    if (const std::string* clientId = root->string("clientId")) message.clientId = *clientId;
+    if (const Array* events = root->array("events")) {
+        message.events.emplace();
+        for (const PropertyList& event : *events) {
+            const Dictionary* fields = event.getIf<Dictionary>();
+            if (!fields) return tl::make_unexpected(std::string("an event is no object"));
+            message.events->push_back(*fields);
+        }
+    }
+    return message;
+}
+
+tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view json, std::string_view key) {
+    rapidjson::Reader reader;
+    rapidjson::MemoryStream stream(json.data(), json.size());
+    NumberCollector collector(key);
+    if (!reader.Parse(stream, collector)) {
+        return parseFailure(reader.GetParseErrorCode(), reader.GetErrorOffset());
+    }
+    if (!collector.complete) return tl::make_unexpected("an event has no number under " + std::string(key));
+    return std::move(collector.numbers);
+}
+
+std::string toJson(const PropertyList& value, bool pretty) {
+    rapidjson::StringBuffer buffer;
+    if (pretty) {
+        rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+        writer.SetIndent(' ', 2);
+        JsonVisitor<decltype(writer)>{writer}.write(value);
+    } else {
+        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        JsonVisitor<decltype(writer)>{writer}.write(value);
+    }
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace telvora::lab

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reading the JSON messages (RFC 8259) that carry events, and writing property lists as JSON.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+#include <vector>
+
+#include "platform/property_list.h"
+
+namespace telvora::lab {
+
+struct EventMessage {
+    std::optional<double> postTime;
+    std::optional<std::string> clientId;
+    std::optional<std::vector<Dictionary>> events;
+};
+
+// Reads a message; members of other names are ignored. Fails with a reason on anything that is no JSON
+// object, or holds null, which no event may.
+tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json);
+
+// The numbers that the events of a message carry under `key`, in order: the cheap way to know which events
+// came. Fails with a reason on broken JSON and where an event has no such number.
+tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view json, std::string_view key);
+
+// Any value as JSON: data as base64, dates as seconds since 1970, numbers that JSON can't hold as null.
+std::string toJson(const PropertyList& value, bool pretty);
+
+}  // namespace telvora::lab

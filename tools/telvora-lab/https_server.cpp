@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The only file that includes cpp-httplib, which takes long to compile.
+#include "telvora-lab/https_server.h"
+
+#include <httplib.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <future>
+#include <thread>
+
+namespace telvora::lab {
+namespace {
+
+constexpr char kHost[] = "127.0.0.1";
+constexpr time_t kKeepAliveSeconds = 1;
+constexpr size_t kKeepAliveRequests = 1000000;
+
+ServerRequest fromHttplib(const httplib::Request& request) {
+    ServerRequest result;
+    result.method = request.method;
+    result.path = request.path;
+    for (const auto& [name, value] : request.params)
+        result.query.emplace(name, value);
+    for (const auto& [name, value] : request.headers)
+        result.headers.emplace_back(name, value);
+    result.body = request.body;
+    return result;
+}
+
+void answer(const httplib::Request& request, const ServerResponse& from, httplib::Response& to) {
+    to.status = from.status;
+    for (const auto& [name, value] : from.headers)
+        to.set_header(name, value);
+    switch (from.ending) {
+        case ServerResponse::Ending::whole:
+            to.set_content(from.body, from.contentType);
+            return;
+        case ServerResponse::Ending::halfBody:
+            to.set_content_provider(from.body.size(), from.contentType,
+                                    [body = from.body](size_t, size_t, httplib::DataSink& sink) {
+                                        sink.write(body.data(), body.size() / 2);
+                                        return false;
+                                    });
+            return;
+        case ServerResponse::Ending::noAnswer:
+            ::shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
+            return;
+    }
+}
+
+}  // namespace
+
+std::optional<std::string> ServerRequest::header(const std::string& name) const {
+    for (const auto& [key, value] : headers) {
+        if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+    }
+    return std::nullopt;
+}
+
+struct HttpsServer::Running {
+    httplib::SSLServer server;
+    std::promise<void> accepting;
+    std::thread thread;
+
+    Running(const std::string& certificateFile, const std::string& keyFile)
+        : server(certificateFile.c_str(), keyFile.c_str()) {}
+};
+
+HttpsServer::HttpsServer(const std::string& certificateFile, const std::string& keyFile, Handler handler,
+                         size_t connections)
+    : certificateFile_(certificateFile),
+      keyFile_(keyFile),
+      handler_(std::move(handler)),
+      connections_(connections) {
+    restart();
+}
+
+HttpsServer::~HttpsServer() {
+    stop();
+}
+
+bool HttpsServer::restart() {
+    if (running_) return true;
+    auto running = std::make_unique<Running>(certificateFile_, keyFile_);
+    httplib::SSLServer& server = running->server;
+    if (!server.is_valid()) return false;
+
+    const auto handle = [this](const httplib::Request& request, httplib::Response& response) {
+        answer(request, handler_(fromHttplib(request)), response);
+    };
+    server.Get(".*", handle).Post(".*", handle);
+    server.set_keep_alive_timeout(kKeepAliveSeconds).set_keep_alive_max_count(kKeepAliveRequests);
+    server.set_tcp_nodelay(true);
+    server.set_socket_options([](socket_t socket) {
+        const int on = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    });
+    // Called at the head of the accept loop: from there on stop() takes effect.
+    server.new_task_queue = [this, accepting = &running->accepting] {
+        accepting->set_value();
+        return new httplib::ThreadPool(connections_);
+    };
+
+    if (port_ == 0) {
+        port_ = std::max(server.bind_to_any_port(kHost), 0);
+        if (port_ == 0) return false;
+    } else if (!server.bind_to_port(kHost, port_)) {
+        return false;
+    }
+    running->thread = std::thread([&server] { server.listen_after_bind(); });
+    running->accepting.get_future().wait();
+    running_ = std::move(running);
+    return true;
+}
+
+void HttpsServer::stop() {
+    if (!running_) return;
+    running_->server.stop();
+    running_->thread.join();
+    running_.reset();
+}
+
+}  // namespace telvora::lab

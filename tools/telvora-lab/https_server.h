@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// HttpsServer: an HTTP/1.1 server over TLS on 127.0.0.1, whose answers may be broken off on purpose.
+//
+// All operations are callable from any thread but not from a handler; handlers run on the server's own
+// threads, several at a time.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/http_client.h"
+
+namespace telvora::lab {
+
+struct ServerRequest {
+    std::string method;
+    std::string path;                          // without the query
+    std::map<std::string, std::string> query;  // decoded; of several values of a name, the first
+    HttpHeaders headers;                       // in no particular order
+    std::string body;                          // with a Content-Encoding of gzip already undone
+
+    // The value of the first header of that name, compared without regard to case, or nothing.
+    std::optional<std::string> header(const std::string& name) const;
+};
+
+struct ServerResponse {
+    enum class Ending {
+        whole,     // the answer is sent as it stands
+        halfBody,  // the header promises the whole body; the connection ends after half of it
+        noAnswer,  // the connection ends without an answer
+    };
+
+    int status = 200;
+    HttpHeaders headers;
+    std::string contentType = "text/plain";
+    std::string body;
+    Ending ending = Ending::whole;
+};
+
+class HttpsServer {
+  public:
+    using Handler = std::function<ServerResponse(const ServerRequest&)>;
+
+    // Listens at once, on a port that the kernel chooses. `connections`: how many are served at a time; each
+    // has its own thread while it is open.
+    HttpsServer(const std::string& certificateFile, const std::string& keyFile, Handler handler,
+                size_t connections = 16);
+    // Stops. A handler that is still running is waited for.
+    ~HttpsServer();
+    HttpsServer(const HttpsServer&) = delete;
+    HttpsServer& operator=(const HttpsServer&) = delete;
+
+    // 0 when the server could not be started.
+    int port() const { return port_; }
+    // "https://127.0.0.1:PORT"
+    std::string origin() const { return "https://127.0.0.1:" + std::to_string(port_); }
+
+    // Closes the listening socket, so that connections are refused, and waits for the open connections to
+    // end: idle ones are closed within a second. Without effect on a server that is stopped.
+    void stop();
+    // Listens again, on the same port. False when somebody else has taken it meanwhile.
+    bool restart();
+
+  private:
+    struct Running;
+
+    std::string certificateFile_;
+    std::string keyFile_;
+    Handler handler_;
+    size_t connections_;
+    int port_ = 0;
+    std::unique_ptr<Running> running_;
+};
+
+}  // namespace telvora::lab

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "platform/property_list_format.h"
+#include "telvora-lab/event_json.h"
+#include "telvora-lab/laboratory.h"
+#include "util/unique_fd.h"
+
+namespace {
+
+using namespace telvora;
+using namespace telvora::lab;
+
+constexpr int kUsageError = 2;
+
+struct Arguments {
+    std::string directory;
+    std::vector<std::string> bags;
+    std::vector<std::string> bagFaults;
+    std::string reportingFault = "none";
+    std::string countByKey;
+    bool ignoreInput = false;
+};
+
+int complain(const std::string& message) {
+    std::cerr << "telvora-lab: " << message << '\n';
+    return kUsageError;
+}
+
+// "NAME=VALUE" apart; nothing without an equals sign or a name.
+std::optional<std::pair<std::string, std::string>> assignment(const std::string& text) {
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos || equals == 0) return std::nullopt;
+    return std::pair(text.substr(0, equals), text.substr(equals + 1));
+}
+
+// The reason when an argument doesn't fit; empty when all is well.
+std::string configure(Laboratory& laboratory, const Arguments& arguments) {
+    for (const std::string& argument : arguments.bags) {
+        const auto parts = assignment(argument);
+        if (!parts) return "--bag wants NAME=FILE, not '" + argument + "'";
+        const auto bag = readPropertyListFile(parts->second);
+        if (!bag) return parts->second + ": " + bag.error();
+        const Dictionary* content = bag->getIf<Dictionary>();
+        if (!content) return parts->second + ": not a dictionary";
+        laboratory.setBag(parts->first, *content);
+    }
+    for (const std::string& argument : arguments.bagFaults) {
+        const auto parts = assignment(argument);
+        const auto fault = parts ? bagFaultNamed(parts->second) : std::nullopt;
+        if (!fault) return "--bag-fault wants NAME=FAULT with a known fault, not '" + argument + "'";
+        laboratory.bags().setFault(parts->first, *fault);
+    }
+    const auto fault = reportingFaultNamed(arguments.reportingFault);
+    if (!fault) return "--reporting-fault: unknown fault '" + arguments.reportingFault + "'";
+    laboratory.reports().setFault(*fault);
+    return {};
+}
+
+void waitForTheEnd(int signals, bool ignoreInput) {
+    pollfd sources[] = {{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    const nfds_t count = ignoreInput ? 1 : 2;
+    char buffer[4096];
+    while (true) {
+        if (poll(sources, count, -1) < 0) continue;
+        if (sources[0].revents != 0) return;
+        if (!ignoreInput && sources[1].revents != 0 && read(STDIN_FILENO, buffer, sizeof buffer) <= 0) return;
+    }
+}
+
+Dictionary summary(Laboratory& laboratory) {
+    Array messages;
+    for (const ReceivedMessage& message : laboratory.reports().messages()) {
+        Dictionary headers;
+        for (const auto& [name, value] : message.headers)
+            headers.set(name, value);
+        messages.push_back(Dictionary{{"path", message.path},
+                                      {"headers", headers},
+                                      {"clientId", message.clientId},
+                                      {"postTime", message.postTime},
+                                      {"events", Array(message.events.begin(), message.events.end())}});
+    }
+    Array bagRequests;
+    for (const BagRequest& request : laboratory.bags().requests()) {
+        Dictionary entry{{"name", request.name}, {"version", request.version}, {"status", request.status}};
+        if (request.ifModifiedSince) entry.set("ifModifiedSince", *request.ifModifiedSince);
+        bagRequests.push_back(std::move(entry));
+    }
+    const auto problems = laboratory.reports().problems();
+    return {{"messages", std::move(messages)},
+            {"bagRequests", std::move(bagRequests)},
+            {"eventCount", laboratory.reports().eventCount()},
+            {"distinctCount", laboratory.reports().distinctCount()},
+            {"problems", Array(problems.begin(), problems.end())}};
+}
+
+int serve(const Arguments& arguments) {
+    // Blocked before any thread exists, so that none of them takes the signal.
+    sigset_t endSignals;
+    sigemptyset(&endSignals);
+    sigaddset(&endSignals, SIGTERM);
+    sigaddset(&endSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+    const UniqueFd signals(signalfd(-1, &endSignals, SFD_CLOEXEC));
+
+    auto laboratory = Laboratory::make(arguments.directory, {.countByKey = arguments.countByKey});
+    if (!laboratory) return complain(laboratory.error());
+    if (const std::string reason = configure(**laboratory, arguments); !reason.empty())
+        return complain(reason);
+
+    const Dictionary addresses{{"bags", (*laboratory)->bags().baseURL()},
+                               {"events", (*laboratory)->reports().eventsURL()},
+                               {"realtime", (*laboratory)->reports().realtimeURL()},
+                               {"ca", (*laboratory)->pki().caFile()},
+                               {"framework", (*laboratory)->pki().frameworkDirectory()}};
+    std::cout << toJson(addresses, false) << std::endl;
+    waitForTheEnd(signals.get(), arguments.ignoreInput);
+    std::cout << toJson(summary(**laboratory), true) << std::endl;
+    return std::cout.good() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    CLI::App app("The servers that telvorad talks to, on this machine, for tests and demonstrations.");
+    app.require_subcommand(1);
+    CLI::App* serveCommand = app.add_subcommand(
+        "serve",
+        "Start the servers, print their addresses as one line of JSON, run until SIGTERM, SIGINT or the end "
+        "of standard input, then print what arrived as JSON.");
+    serveCommand->add_option("--dir", arguments.directory, "Folder for keys and certificates")->required();
+    serveCommand->add_option("--bag", arguments.bags,
+                             "NAME=FILE: serve this property list, signed; @events@ and @realtime@ in its "
+                             "strings stand for the reporting server's URLs");
+    serveCommand->add_option(
+        "--bag-fault", arguments.bagFaults,
+        "NAME=FAULT: noAnswer, hold, notModified, notFound, truncated, notAPropertyList, "
+        "unsignedBag, foreignKey, flippedBit or innerNotAPropertyList");
+    serveCommand->add_option("--reporting-fault", arguments.reportingFault,
+                             "none, notFound, serviceUnavailable, noAnswer, halfAnswer or hold");
+    serveCommand->add_option("--count-by", arguments.countByKey,
+                             "Do not keep events, count them by the number under this key");
+    serveCommand->add_flag("--ignore-input", arguments.ignoreInput, "Do not end with standard input");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsageError;
+    }
+    return serve(arguments);
+}
