@@ -8,8 +8,8 @@
 
 namespace telvora::bag {
 
-// Makes a key pair: the private key as PEM, readable by its owner alone, and the public key as DER, which goes
-// into the client framework as publicKey.der.
+// Makes a key pair: the private key as PEM, readable by its owner alone, and the public key as DER, which
+// goes into the client framework as publicKey.der.
 int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits);
 
 // Signs a property list, whose bytes are kept as they are.

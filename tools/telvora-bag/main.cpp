@@ -20,14 +20,17 @@ int main(int argc, char** argv) {
     CLI::App* keygen = app.add_subcommand("keygen", "Make a key pair for signing bags");
     keygen->add_option("--key", privateKey, "Where the private key goes (PEM)")->required();
     keygen->add_option("--public", publicKey, "Where the public key goes (DER)")->required();
-    keygen->add_option("--bits", bits, "Length of the key")->check(CLI::Range(2048, 8192))->capture_default_str();
+    keygen->add_option("--bits", bits, "Length of the key")
+        ->check(CLI::Range(2048, 8192))
+        ->capture_default_str();
 
     CLI::App* sign = app.add_subcommand("sign", "Sign a bag");
     sign->add_option("--key", privateKey, "The private key (PEM)")->required();
     sign->add_option("bag", input, "The bag: a property list, XML or binary")->required();
     sign->add_option("signed", output, "Where the signed document goes")->required();
 
-    CLI::App* verify = app.add_subcommand("verify", "Check a signed document; exit status 1: it does not verify");
+    CLI::App* verify =
+        app.add_subcommand("verify", "Check a signed document; exit status 1: it does not verify");
     verify->add_option("--public", publicKey, "The public key (DER)")->required();
     verify->add_option("signed", input, "The signed document")->required();
 
