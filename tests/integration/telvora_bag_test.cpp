@@ -92,7 +92,7 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
         std::string message;
     } cases[] = {
         {{}, "subcommand"},
-        {{"melt"}, "melt"},
+        {{"melt"}, "subcommand"},
         {{"sign", "--key", key, path("bag.plist")}, "signed"},
         {{"sign", "--key", path("absent"), path("bag.plist"), out}, "absent: can't be read"},
         {{"sign", "--key", path("text"), path("bag.plist"), out}, "text: "},

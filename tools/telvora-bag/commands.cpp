@@ -34,11 +34,16 @@ tl::expected<std::string, std::string> readFile(const std::string& path) {
     return content;
 }
 
-// Whole or not at all; readable for everybody, unlike what replaceFile() leaves.
-tl::expected<void, std::string> writePublicFile(const std::string& path, std::string_view content) {
-    auto written = replaceFile(path, content);
-    if (written) chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
-    return written;
+constexpr mode_t kSecret = S_IRUSR | S_IWUSR;
+constexpr mode_t kPublic = kSecret | S_IRGRP | S_IROTH;
+
+// Writes a file whole or not at all.
+tl::expected<void, std::string> writeFile(const std::string& path, std::string_view content, mode_t mode) {
+    if (auto written = replaceFile(path, content); !written) {
+        return tl::make_unexpected(path + ": " + written.error());
+    }
+    if (mode != kSecret) chmod(path.c_str(), mode);  // kSecret is how replaceFile() leaves it
+    return {};
 }
 
 // The dictionary that a document holds.
@@ -76,8 +81,10 @@ std::string describe(const Dictionary& bag, std::string_view bytes) {
 int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits) {
     const auto key = RsaPrivateKey::generate(bits);
     if (!key) return complain(key.error());
-    if (auto written = replaceFile(privateKeyFile, key->toPem()); !written) return complain(written.error());
-    if (auto written = writePublicFile(publicKeyFile, key->publicKeyToDer()); !written) {
+    if (auto written = writeFile(privateKeyFile, key->toPem(), kSecret); !written) {
+        return complain(written.error());
+    }
+    if (auto written = writeFile(publicKeyFile, key->publicKeyToDer(), kPublic); !written) {
         return complain(written.error());
     }
     return 0;
@@ -95,7 +102,7 @@ int sign(const std::string& privateKeyFile, const std::string& bagFile, const st
 
     const auto document = signBag(*inner, *key);
     if (!document) return complain(document.error());
-    if (auto written = writePublicFile(signedFile, *document); !written) return complain(written.error());
+    if (auto written = writeFile(signedFile, *document, kPublic); !written) return complain(written.error());
     std::cout << signedFile << ": " << describe(*bag, *inner) << '\n';
     return 0;
 }
