@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// BusMessage: owns one reference to a D-Bus message, and reads or writes its body in order. The functions
+// keep the convention of sd_bus_message_read(3): a negative errno on failure, 0 at the end of a container,
+// positive on success. They are inline, for a report's road leads through every one of them several times.
+//
+// A message belongs to its connection's strand: reference counts inside sd-bus are not atomic.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace telvora {
+
+class BusMessage {
+  public:
+    BusMessage() = default;
+    // Takes over the caller's reference.
+    static BusMessage adopt(sd_bus_message* message) { return BusMessage(message); }
+    // Adds a reference of its own.
+    static BusMessage share(sd_bus_message* message) { return BusMessage(sd_bus_message_ref(message)); }
+
+    BusMessage(BusMessage&& other) noexcept
+        : message_(std::exchange(other.message_, nullptr)), bodySize_(other.bodySize_) {}
+    BusMessage& operator=(BusMessage&& other) noexcept {
+        std::swap(message_, other.message_);
+        std::swap(bodySize_, other.bodySize_);
+        return *this;
+    }
+    ~BusMessage() { sd_bus_message_unref(message_); }
+
+    sd_bus_message* get() const { return message_; }
+    explicit operator bool() const { return message_ != nullptr; }
+
+    // The error that an error reply carries, or null.
+    const sd_bus_error* error() const { return sd_bus_message_get_error(message_); }
+
+    // --- Reading ---
+
+    // What comes next; `contents` is a container's inner signature and lives as long as the message.
+    int peekType(char& type, const char*& contents) {
+        return sd_bus_message_peek_type(message_, &type, &contents);
+    }
+    int enter(char type, const char* contents) {
+        return sd_bus_message_enter_container(message_, type, contents);
+    }
+    int exit() { return sd_bus_message_exit_container(message_); }
+    bool atEnd() { return sd_bus_message_at_end(message_, false) > 0; }
+
+    // Reads one basic value of the D-Bus type `type` into `value`, a pointer to the C type that
+    // sd_bus_message_read_basic(3) names.
+    int read(char type, void* value) { return sd_bus_message_read_basic(message_, type, value); }
+    // Reads an array of bytes; the view lives as long as the message.
+    int readBytes(std::string_view& bytes) {
+        const void* start = nullptr;
+        size_t size = 0;
+        const int result = sd_bus_message_read_array(message_, 'y', &start, &size);
+        if (result > 0) bytes = {static_cast<const char*>(start), size};
+        return result;
+    }
+
+    // --- Writing ---
+
+    int open(char type, const char* contents) {
+        bodySize_ += kPerContainer;
+        return sd_bus_message_open_container(message_, type, contents);
+    }
+    int close() { return sd_bus_message_close_container(message_); }
+    // Appends one basic value that is no string.
+    int append(char type, const void* value) {
+        bodySize_ += sizeof(uint64_t);
+        return sd_bus_message_append_basic(message_, type, value);
+    }
+    // Appends a string up to its first NUL, for D-Bus has none inside. -EINVAL when it is not valid UTF-8.
+    int appendString(const std::string& text) {
+        bodySize_ += text.size() + sizeof(uint64_t);
+        return sd_bus_message_append_basic(message_, 's', text.c_str());
+    }
+    int appendBytes(std::string_view bytes) {
+        bodySize_ += bytes.size() + kPerContainer;
+        return sd_bus_message_append_array(message_, 'y', bytes.data(), bytes.size());
+    }
+
+    // About how many bytes were appended so far.
+    size_t bodySize() const { return bodySize_; }
+
+  private:
+    static constexpr size_t kPerContainer = 8;
+
+    explicit BusMessage(sd_bus_message* message) : message_(message) {}
+
+    sd_bus_message* message_ = nullptr;
+    size_t bodySize_ = 0;
+};
+
+}  // namespace telvora
