@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Every report passes through here, so values are read straight to where they stay, and nothing is formatted
+// unless it is wrong.
+#include <fcntl.h>
+
+#include <cstring>
+
+#include "protocol/property_list_codec.h"
+
+namespace telvora {
+
+bool ArgumentReader::fail(std::string failure) {
+    if (failure_.empty()) failure_ = std::move(failure);
+    return false;
+}
+
+bool ArgumentReader::check(int result) {
+    return result > 0 || fail(result < 0 ? "Malformed argument" : "Missing argument");
+}
+
+// --- Plain arguments ---
+
+bool ArgumentReader::boolean() {
+    int value = 0;  // as sd_bus_message_read_basic(3) wants it
+    read('b', &value);
+    return value != 0;
+}
+
+uint16_t ArgumentReader::u16() {
+    uint16_t value = 0;
+    read('q', &value);
+    return value;
+}
+
+double ArgumentReader::real() {
+    double value = 0;
+    read('d', &value);
+    return value;
+}
+
+std::string ArgumentReader::string() {
+    const char* value = nullptr;
+    return read('s', &value) ? std::string(value) : std::string();
+}
+
+std::vector<std::string> ArgumentReader::strings() {
+    std::vector<std::string> values;
+    if (!enter('a', "s")) return values;
+    while (ok() && !message_.atEnd())
+        values.push_back(string());
+    if (ok()) exit();
+    return values;
+}
+
+UniqueFd ArgumentReader::file() {
+    int borrowed = -1;
+    if (!read('h', &borrowed)) return {};
+    UniqueFd own(fcntl(borrowed, F_DUPFD_CLOEXEC, 3));
+    if (!own) fail(std::string("No descriptor left: ") + std::strerror(errno));
+    return own;
+}
+
+// --- A value or nothing ---
+
+template <typename Read>
+auto ArgumentReader::optional(const char* element, Read read) -> std::optional<decltype(read())> {
+    std::optional<decltype(read())> value;
+    if (!enter('a', element)) return value;
+    if (!message_.atEnd()) value = read();
+    if (ok() && !message_.atEnd()) fail("More than one element where one value or nothing is expected");
+    if (ok()) exit();
+    return value;
+}
+
+std::optional<Dictionary> ArgumentReader::optionalDictionary() {
+    return optional("a{sv}", [this] { return dictionary(); });
+}
+
+std::optional<std::string> ArgumentReader::optionalString() {
+    return optional("s", [this] { return string(); });
+}
+
+std::optional<std::vector<std::string>> ArgumentReader::optionalStrings() {
+    return optional("as", [this] { return strings(); });
+}
+
+std::optional<TelvoraError> ArgumentReader::optionalError() {
+    return optional("(sis)", [this] {
+        TelvoraError error;
+        if (!enter('r', "sis")) return error;
+        error.domain = string();
+        read('i', &error.code);
+        error.description = string();
+        if (ok()) exit();
+        return error;
+    });
+}
+
+// --- Property lists ---
+
+Dictionary ArgumentReader::dictionary() {
+    Dictionary value;
+    readEntries(value, 1);
+    return value;
+}
+
+Array ArgumentReader::array() {
+    Array value;
+    readElements(value, 1);
+    return value;
+}
+
+void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
+    if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
+    if (!enter('a', "{sv}")) return;
+    for (;;) {
+        const int entered = message_.enter('e', "sv");
+        if (entered == 0) break;
+        if (!check(entered)) return;
+        const char* key = nullptr;
+        if (!read('s', &key)) return;
+        PropertyList value = readVariant(depth);
+        if (!ok() || !exit()) return;
+        dictionary.set(key, std::move(value));
+    }
+    exit();
+}
+
+void ArgumentReader::readElements(Array& array, int depth) {
+    if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
+    if (!enter('a', "v")) return;
+    while (!message_.atEnd()) {
+        array.push_back(readVariant(depth));
+        if (!ok()) return;
+    }
+    exit();
+}
+
+PropertyList ArgumentReader::readVariant(int depth) {
+    char type = 0;
+    const char* contents = nullptr;
+    if (!check(message_.peekType(type, contents)) || !enter('v', contents)) return {};
+    PropertyList value = readValue(contents[0], contents, depth);
+    if (ok()) exit();
+    return value;
+}
+
+template <typename Wire, typename Value>
+PropertyList ArgumentReader::readNumber(char type) {
+    Wire value{};
+    read(type, &value);
+    return PropertyList(static_cast<Value>(value));
+}
+
+PropertyList ArgumentReader::readValue(char type, const char* contents, int depth) {
+    switch (type) {
+        case 's': {
+            const char* value = nullptr;
+            return read('s', &value) ? PropertyList(value) : PropertyList();
+        }
+        case 'b':
+            return readNumber<int, bool>('b');
+        case 'y':
+            return readNumber<uint8_t, unsigned>('y');
+        case 'n':
+            return readNumber<int16_t, int>('n');
+        case 'q':
+            return readNumber<uint16_t, unsigned>('q');
+        case 'i':
+            return readNumber<int32_t, int>('i');
+        case 'u':
+            return readNumber<uint32_t, unsigned>('u');
+        case 'x':
+            return readNumber<int64_t, long>('x');
+        case 't':
+            return readNumber<uint64_t, unsigned long>('t');
+        case 'd':
+            return readNumber<double, double>('d');
+        default:
+            return readContainer(contents, depth);
+    }
+}
+
+PropertyList ArgumentReader::readContainer(const char* contents, int depth) {
+    if (std::strcmp(contents, "a{sv}") == 0) {
+        Dictionary value;
+        readEntries(value, depth + 1);
+        return value;
+    }
+    if (std::strcmp(contents, "av") == 0) {
+        Array value;
+        readElements(value, depth + 1);
+        return value;
+    }
+    if (std::strcmp(contents, "ay") == 0) {
+        std::string_view bytes;
+        if (const int result = message_.readBytes(bytes); result < 0) check(result);
+        return Data{std::string(bytes)};
+    }
+    if (std::strcmp(contents, "(d)") == 0) return readDate();
+    fail(std::string("A value of type '") + contents + "' has no place in a property list");
+    return {};
+}
+
+PropertyList ArgumentReader::readDate() {
+    Date date;
+    if (enter('r', "d") && read('d', &date.seconds)) exit();
+    return date;
+}
+
+}  // namespace telvora

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Property lists on the wire, one D-Bus type per kind of value:
+//
+//     dictionary a{sv}    array av    string s    boolean b    integer y n q i u x t    real d
+//     data ay    date (d), seconds since 1970-01-01 UTC
+//
+// and "a value or nothing" as an array of at most one element: aa{sv}, as, aas, a(sis). All other types are
+// refused by name. Of entries with the same key the last one wins.
+//
+// ArgumentReader and ArgumentWriter walk a message's arguments in order. The first failure sticks: after it
+// every read yields an empty value and every write does nothing, so a caller checks once, at the end. Both
+// borrow the message and, as it does, belong to its connection's strand.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/bus_message.h"
+#include "platform/property_list.h"
+#include "protocol/telvora_error.h"
+#include "util/unique_fd.h"
+
+namespace telvora {
+
+// Dictionaries and arrays inside one another; a value that nests deeper is refused. (D-Bus allows more, but
+// each level costs it three containers of the 64 that it allows.)
+inline constexpr int kMaxPropertyListDepth = 16;
+
+class ArgumentReader {
+  public:
+    explicit ArgumentReader(BusMessage& message) : message_(message) {}
+
+    bool boolean();
+    uint16_t u16();
+    double real();
+    std::string string();
+    std::vector<std::string> strings();
+    Dictionary dictionary();
+    Array array();
+    std::optional<Dictionary> optionalDictionary();
+    std::optional<std::string> optionalString();
+    std::optional<std::vector<std::string>> optionalStrings();
+    std::optional<TelvoraError> optionalError();
+    // A duplicate of the descriptor that came along, close-on-exec.
+    UniqueFd file();
+
+    bool ok() const { return failure_.empty(); }
+    // What is wrong, for people; never a value of the message. Empty while nothing is.
+    const std::string& failure() const { return failure_; }
+
+  private:
+    template <typename Read>
+    auto optional(const char* element, Read read) -> std::optional<decltype(read())>;
+
+    bool check(int result);
+    bool fail(std::string failure);
+    bool read(char type, void* value) { return ok() && check(message_.read(type, value)); }
+    bool enter(char type, const char* contents) { return ok() && check(message_.enter(type, contents)); }
+    bool exit() { return check(message_.exit()); }
+
+    void readEntries(Dictionary& dictionary, int depth);
+    void readElements(Array& array, int depth);
+    PropertyList readVariant(int depth);
+    PropertyList readValue(char type, const char* contents, int depth);
+    template <typename Wire, typename Value>
+    PropertyList readNumber(char type);
+    PropertyList readContainer(const char* contents, int depth);
+    PropertyList readDate();
+
+    BusMessage& message_;
+    std::string failure_;
+};
+
+class ArgumentWriter {
+  public:
+    explicit ArgumentWriter(BusMessage& message) : message_(message) {}
+
+    void boolean(bool value);
+    void u16(uint16_t value);
+    void real(double value);
+    // Text that is not valid UTF-8 goes out with U+FFFD in place of what is invalid.
+    void string(const std::string& value);
+    void strings(const std::vector<std::string>& values);
+    void dictionary(const Dictionary& value) { dictionary(value, 0); }
+    void array(const Array& value) { array(value, 0); }
+    void optionalDictionary(const std::optional<Dictionary>& value);
+    void optionalString(const std::optional<std::string>& value);
+    void optionalStrings(const std::optional<std::vector<std::string>>& value);
+    void optionalError(const std::optional<TelvoraError>& value);
+    // Sends a duplicate of `fd`.
+    void file(int fd);
+
+    // 0, or the negative errno of the first failure.
+    int result() const { return result_; }
+
+  private:
+    template <typename Value, typename Write>
+    void optional(const char* element, const std::optional<Value>& value, Write write);
+
+    void check(int result) {
+        if (result < 0 && result_ >= 0) result_ = result;
+    }
+    void append(char type, const void* value) {
+        if (result_ >= 0) check(message_.append(type, value));
+    }
+    void open(char type, const char* contents) {
+        if (result_ >= 0) check(message_.open(type, contents));
+    }
+    void close() {
+        if (result_ >= 0) check(message_.close());
+    }
+    void dictionary(const Dictionary& value, int depth);
+    void array(const Array& value, int depth);
+    void variant(const PropertyList& value, int depth);
+    struct VariantWriter;
+
+    BusMessage& message_;
+    int result_ = 0;
+};
+
+// About how many bytes the value takes on the wire.
+size_t wireSize(const Dictionary& dictionary);
+
+}  // namespace telvora
