@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The client's calls on the wire, decoded for the object that answers them. Everything here runs on the
+// connection's strand.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "platform/bus_connection.h"
+#include "protocol/client_session_interface.h"
+#include "protocol/file_extension_issuer.h"
+
+namespace telvora {
+
+// The objects behind a connection. Empty pointers: before the first call, or after the connection's end.
+struct ClientCallTargets {
+    std::shared_ptr<ClientSessionInterface> session;
+    std::shared_ptr<FileExtensionIssuer> issuer;
+};
+
+// Handlers for clientSessionBusInterface() and sandboxExtensionBusInterface(), in their order. `bus` and
+// `targets` outlive them.
+std::vector<BusConnection::MethodHandler> clientSessionHandlers(BusConnection& bus,
+                                                                const ClientCallTargets& targets);
+std::vector<BusConnection::MethodHandler> sandboxExtensionHandlers(BusConnection& bus,
+                                                                   const ClientCallTargets& targets);
+
+}  // namespace telvora
