@@ -91,7 +91,6 @@ bool WorkPool::State::startThread(bool surplus) {
         return false;
     }
     static_cast<void>(start.release());  // the thread's now
-    pthread_setname_np(thread, "telvora-pool");
     threads.push_back(thread);
     return true;
 }
@@ -100,6 +99,7 @@ void* WorkPool::State::threadMain(void* argument) {
     const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
     State& state = *static_cast<State*>(start->state.get());
     current = &state;
+    pthread_setname_np(pthread_self(), "telvora-pool");
     try {
         if (start->surplus) {
             state.serveWhileNeeded();
