@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/entitlements.h"
+
+#include <grp.h>
+#include <pwd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <string>
+#include <system_error>
+#include <tl/expected.hpp>
+#include <vector>
+
+#include "platform/property_list_format.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr size_t kMaxNameServiceBytes = size_t{1} << 20;
+
+using MaybeId = std::optional<uint32_t>;  // a uid_t or a gid_t
+
+// Looks a name up with getpwnam_r(3) or its sibling, whose buffer has to be big enough for the whole entry.
+template <typename Entry, typename LookUp, typename Id>
+MaybeId lookUpId(const std::string& name, LookUp lookUp, Id Entry::*id) {
+    for (std::vector<char> buffer(1024); buffer.size() <= kMaxNameServiceBytes;
+         buffer.resize(buffer.size() * 2)) {
+        Entry entry{};
+        Entry* found = nullptr;
+        const int error = lookUp(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (error == ERANGE) continue;
+        if (error != 0 || found == nullptr) return std::nullopt;
+        return found->*id;
+    }
+    return std::nullopt;
+}
+
+MaybeId userId(const std::string& name) {
+    return lookUpId(name, getpwnam_r, &passwd::pw_uid);
+}
+
+MaybeId groupId(const std::string& name) {
+    return lookUpId(name, getgrnam_r, &group::gr_gid);
+}
+
+// The conditions of a file and what it grants, or why the file can't be relied on.
+struct Grant {
+    std::optional<PropertyList> user, group;  // a non-empty string or a number that is an id
+    std::optional<std::string> unit, label;
+    Dictionary entitlements;
+};
+
+bool isName(const PropertyList& value) {
+    const auto* text = value.getIf<std::string>();
+    return text != nullptr && !text->empty() && text->find('\0') == std::string::npos;
+}
+
+bool isId(const PropertyList& value) {
+    const auto* number = value.getIf<int64_t>();
+    // The highest number means "no user" to the kernel.
+    return number != nullptr && *number >= 0 && *number < int64_t{std::numeric_limits<uint32_t>::max()};
+}
+
+tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
+    auto document = readPropertyListFile(file);
+    if (!document) return tl::unexpected(document.error());
+    const auto* dictionary = document->getIf<Dictionary>();
+    if (dictionary == nullptr) return tl::unexpected(std::string("not a dictionary"));
+    Grant grant;
+    bool hasEntitlements = false;
+    for (const auto& [key, value] : *dictionary) {
+        if ((key == "User" || key == "Group") && (isName(value) || isId(value))) {
+            (key == "User" ? grant.user : grant.group) = value;
+        } else if ((key == "Unit" || key == "Label") && isName(value)) {
+            (key == "Unit" ? grant.unit : grant.label) = *value.getIf<std::string>();
+        } else if (key == "Entitlements" && value.is<Dictionary>()) {
+            grant.entitlements = *value.getIf<Dictionary>();
+            hasEntitlements = true;
+        } else {
+            return tl::unexpected("the key \"" + key + "\" is unknown or its value is not of its type");
+        }
+    }
+    if (!hasEntitlements) return tl::unexpected(std::string("\"Entitlements\" is missing"));
+    return grant;
+}
+
+// A name that consists of digits only is a number.
+MaybeId idFrom(const PropertyList& value, MaybeId (*lookUp)(const std::string&)) {
+    if (isId(value)) return static_cast<uint32_t>(*value.getIf<int64_t>());
+    const auto& name = *value.getIf<std::string>();
+    if (name.find_first_not_of("0123456789") != std::string::npos) return lookUp(name);
+    const PropertyList number(leadingInteger(name));
+    return isId(number) ? MaybeId(*number.getIf<int64_t>()) : std::nullopt;
+}
+
+bool holdsFor(const Grant& grant, const Peer& peer) {
+    // The cheap comparisons come first; the look-up of a name may ask a server.
+    if (grant.unit && *grant.unit != peer.unit) return false;
+    if (grant.label && *grant.label != peer.label) return false;
+    if (grant.user && idFrom(*grant.user, userId) != MaybeId(peer.uid)) return false;
+    if (!grant.group) return true;
+    const MaybeId group = idFrom(*grant.group, groupId);
+    if (!group) return false;
+    return *group == peer.gid ||
+           std::find(peer.groups.begin(), peer.groups.end(), *group) != peer.groups.end();
+}
+
+std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {
+    std::vector<std::filesystem::path> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (entry->path().extension() == ".plist" && entry->is_regular_file(ignored)) {
+            files.push_back(entry->path());
+        }
+    }
+    if (error) files.clear();  // half the files might grant what the other half takes back
+    std::sort(files.begin(), files.end(),
+              [](const auto& a, const auto& b) { return a.native().compare(b.native()) < 0; });
+    return files;
+}
+
+}  // namespace
+
+std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& peer,
+                                                                  std::string_view name) const {
+    std::optional<PropertyList> value;
+    for (const std::filesystem::path& file : filesInOrder(directory_)) {
+        const auto grant = readGrant(file);
+        if (!grant) {
+            TELVORA_LOG(kLogWarning, "EntitlementStore: %s grants nothing: %s", file.c_str(),
+                        grant.error().c_str());
+            continue;
+        }
+        const PropertyList* granted = grant->entitlements.find(name);
+        if (granted != nullptr && holdsFor(*grant, peer)) value = *granted;
+    }
+    return value;
+}
+
+}  // namespace telvora

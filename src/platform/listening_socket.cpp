@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/listening_socket.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <optional>
+#include <system_error>
+
+namespace telvora {
+
+namespace {
+
+constexpr mode_t kOpenToAll = 0666;
+
+tl::unexpected<std::string> failure(const std::string& what, int error = errno) {
+    return tl::unexpected(what + ": " + std::generic_category().message(error));
+}
+
+tl::expected<UniqueFd, std::string> adopt(int handedOver) {
+    if (handedOver < 0) return failure("can't tell what the service manager handed over", -handedOver);
+    if (handedOver != 1) {
+        return tl::unexpected("the service manager handed over " + std::to_string(handedOver) +
+                              " descriptors instead of one");
+    }
+    const int fd = SD_LISTEN_FDS_START;  // close-on-exec by now
+    if (sd_is_socket_unix(fd, SOCK_STREAM, 1, nullptr, 0) <= 0) {
+        return tl::unexpected(std::string("the service manager handed over no listening Unix stream socket"));
+    }
+    UniqueFd socket(fd);
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return failure("can't set the socket up");
+    return socket;
+}
+
+std::optional<sockaddr_un> addressOf(const std::filesystem::path& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string& name = path.native();
+    if (name.size() >= sizeof address.sun_path) return std::nullopt;
+    name.copy(address.sun_path, name.size());
+    return address;
+}
+
+UniqueFd makeSocket() {
+    return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+// Removes what a dead process left there. A socket that nobody listens on any more refuses connections.
+tl::expected<void, std::string> removeStale(const std::filesystem::path& path, const sockaddr_un& address) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) return {};
+        return failure(path.native());
+    }
+    if (!S_ISSOCK(status.st_mode)) return tl::unexpected(path.native() + ": is there and is no socket");
+    const UniqueFd probe = makeSocket();
+    if (!probe) return failure("can't make a socket");
+    if (connect(probe.get(), generic(address), sizeof address) == 0 || errno != ECONNREFUSED) {
+        return tl::unexpected(path.native() + ": in use");
+    }
+    if (unlink(path.c_str()) != 0) return failure("can't remove " + path.native());
+    return {};
+}
+
+}  // namespace
+
+ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
+    : socket(std::move(other.socket)),
+      fromServiceManager(other.fromServiceManager),
+      path_(std::move(other.path_)),
+      device_(other.device_),
+      inode_(other.inode_) {
+    other.path_.clear();
+}
+
+ListeningSocket::~ListeningSocket() {
+    if (path_.empty()) return;
+    struct stat status {};
+    if (lstat(path_.c_str(), &status) != 0) return;
+    if (status.st_dev == device_ && status.st_ino == inode_) unlink(path_.c_str());
+}
+
+tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path& runtimeDirectory,
+                                                               const std::string& serviceName) {
+    ListeningSocket result;
+    if (const int handedOver = sd_listen_fds(1); handedOver != 0) {
+        auto adopted = adopt(handedOver);
+        if (!adopted) return tl::unexpected(adopted.error());
+        result.socket = std::move(*adopted);
+        result.fromServiceManager = true;
+        return result;
+    }
+
+    const std::filesystem::path path = runtimeDirectory / serviceName;
+    const auto address = addressOf(path);
+    if (!address) return tl::unexpected(path.native() + ": too long for the name of a socket");
+    if (auto removed = removeStale(path, *address); !removed) return tl::unexpected(removed.error());
+    result.socket = makeSocket();
+    if (!result.socket) return failure("can't make a socket");
+    if (bind(result.socket.get(), generic(*address), sizeof *address) != 0) {
+        return failure("can't bind " + path.native());
+    }
+    result.path_ = path;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return failure(path.native());
+    result.device_ = status.st_dev;
+    result.inode_ = status.st_ino;
+    if (chmod(path.c_str(), kOpenToAll) != 0) return failure("can't open " + path.native() + " to all");
+    if (listen(result.socket.get(), SOMAXCONN) != 0) return failure("can't listen on " + path.native());
+    return result;
+}
+
+}  // namespace telvora
