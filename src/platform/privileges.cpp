@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/privileges.h"
+
+#include <cap-ng.h>
+#include <sys/prctl.h>
+
+#include "platform/sanitizer_needs.h"
+
+namespace telvora {
+
+tl::expected<DroppedPrivileges, std::string> dropPrivileges() {
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1UL, 0UL, 0UL, 0UL) != 0) {
+        return tl::unexpected(std::string("can't set no_new_privs"));
+    }
+    if (capng_get_caps_process() != 0) return tl::unexpected(std::string("can't read the capabilities"));
+    const bool mayDropBounds = capng_have_capability(CAPNG_EFFECTIVE, CAP_SETPCAP) != 0;
+    capng_clear(CAPNG_SELECT_ALL);
+    if (mayDropBounds && capng_apply(CAPNG_SELECT_BOUNDS) != 0) {
+        return tl::unexpected(std::string("can't drop the capability bounding set"));
+    }
+    if (capng_apply(CAPNG_SELECT_CAPS) != 0) {  // the ambient set goes with the permitted one
+        return tl::unexpected(std::string("can't drop the capabilities"));
+    }
+    DroppedPrivileges dropped;
+    if (capng_get_caps_process() != 0 || capng_have_capabilities(CAPNG_SELECT_CAPS) != CAPNG_NONE) {
+        return tl::unexpected(std::string("capabilities are left"));
+    }
+    dropped.boundingSet = capng_have_capabilities(CAPNG_SELECT_BOUNDS) == CAPNG_NONE;
+    if (!sanitizer_needs::kDumpable) dropped.notDumpable = prctl(PR_SET_DUMPABLE, 0UL, 0UL, 0UL, 0UL) == 0;
+    return dropped;
+}
+
+}  // namespace telvora

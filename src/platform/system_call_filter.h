@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The system calls that are left to a confined process (seccomp(2), through libseccomp).
+#pragma once
+
+#include <span>
+#include <string>
+#include <tl/expected.hpp>
+
+namespace telvora {
+
+// Lets the calling process and the threads that it starts make the system calls named in `plain` with any
+// arguments, and these few with arguments that are checked:
+//
+//     socket, socketpair  Unix sockets, TCP and UDP over IP, and netlink's routing family; no raw sockets
+//     clone               threads only; clone3(2) does not exist, so that the C library uses clone(2)
+//     kill, tgkill        signals to this process only
+//     mmap, mprotect      executable memory only from files (plug-ins), and never writable
+//     ioctl, prctl        a short list of requests
+//     prlimit64           reading one's own limits
+//
+// All others fail with EPERM. Names that this architecture doesn't have are passed over. Sets no_new_privs.
+// Fails with a reason where the kernel has no seccomp filters; the process is then as it was before. Before
+// the process has a second thread.
+tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> plain);
+
+}  // namespace telvora
