@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/locale.h"
+
+#include <time.h>
+
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/environment_file.h"
+
+namespace telvora {
+
+namespace {
+
+// The two letters after the underscore of "language_TERRITORY.codeset@modifier", in upper case. Areas that
+// are no country ("es_419") give nothing.
+std::optional<std::string> territoryOf(std::string_view locale) {
+    const size_t underscore = locale.find('_');
+    if (underscore == std::string_view::npos) return std::nullopt;
+    std::string_view territory = locale.substr(underscore + 1);
+    territory = territory.substr(0, territory.find_first_of(".@"));
+    if (territory.size() != 2) return std::nullopt;
+
+    std::string code(territory);
+    for (char& c : code) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        if (c < 'A' || c > 'Z') return std::nullopt;
+    }
+    return code;
+}
+
+}  // namespace
+
+std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {
+    for (const char* variable : {"LC_ALL", "LANG"}) {
+        const char* locale = std::getenv(variable);
+        if (auto territory = territoryOf(locale != nullptr ? locale : "")) return territory;
+    }
+    const auto assignments = readEnvironmentFile(localeFile);
+    const auto language = assignments.find("LANG");
+    return language != assignments.end() ? territoryOf(language->second) : std::nullopt;
+}
+
+long timeZoneOffsetSeconds() {
+    const time_t now = time(nullptr);
+    struct tm local {};
+    tzset();  // localtime_r alone keeps the zone that it met first
+    return localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
+}
+
+}  // namespace telvora
