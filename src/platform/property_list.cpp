@@ -227,7 +227,7 @@ int64_t leadingInteger(std::string_view text) {
         text.remove_prefix(1);
     }
     const bool negative = !text.empty() && text.front() == '-';
-    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
     int64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error == std::errc::result_out_of_range) {

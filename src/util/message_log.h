@@ -21,7 +21,8 @@ namespace telvora {
 struct MessageLog {
     std::filesystem::path directory;
     Clock clock = timeOfDay;
-    // When a file was created, in seconds since 1970, or nothing when that can't be told.
+    // When a file was created, in seconds since 1970, or nothing when that can't be told. By default the file
+    // system's birth time (statx(2)), or where it keeps none the time in the file's name.
     std::function<std::optional<double>(const std::filesystem::path&)> creationDate;
 
     explicit MessageLog(std::filesystem::path logDirectory);
@@ -32,9 +33,9 @@ struct MessageLog {
 namespace TelvoradUtil {
 
 // Appends one record to the current log file; starts a new file when there is none younger than a day, and
-// deletes all others. Failures are logged and otherwise ignored: the message log never costs a report. Blocks
-// on file I/O. Callable from any thread and from several processes at once; a record is appended with a
-// single write.
+// deletes all others. Failures are logged and otherwise ignored: the message log never costs a report. A file
+// that takes no more (a full disk) is deleted. Blocks on file I/O. Callable from any thread and from several
+// processes at once; a record is appended with a single write.
 void writeToLogFile(const telvora::MessageLog& log, std::string_view message);
 
 }  // namespace TelvoradUtil

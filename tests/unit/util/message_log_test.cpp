@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "util/message_log.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+namespace telvora {
+namespace {
+
+using testing::ElementsAre;
+
+using TelvoradUtil::writeToLogFile;
+
+constexpr int32_t kNow = 1447660800;
+constexpr const char* kNewName = "telvorad_1447660800_messageLog.diag";
+constexpr const char* kDate = "(2015-11-16 08:00:00 +0000) ";
+
+std::string nameOf(int64_t created) {
+    return "telvorad_" + std::to_string(created) + "_messageLog.diag";
+}
+
+class MessageLogTest : public testing::Test {
+  protected:
+    MessageLogTest() : log_(directory_.path() / "a/b") {
+        log_.clock = [this] { return now_; };
+        // The creation time as a file system would tell it: the file's name, unless a test says otherwise.
+        log_.creationDate = [this](const std::filesystem::path& path) -> std::optional<double> {
+            const auto known = created_.find(path.filename());
+            if (known != created_.end()) return known->second;
+            return std::stod(path.filename().string().substr(9));
+        };
+    }
+
+    std::filesystem::path addFile(const std::string& name) {
+        return directory_.write("a/b/" + name, "old\n");
+    }
+
+    std::set<std::string> names() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(log_.directory))
+            names.insert(entry.path().filename());
+        return names;
+    }
+    std::string content(const std::string& name) const { return test::readFile(log_.directory / name); }
+    std::string pathOf(const std::string& name) const { return log_.directory / name; }
+
+    test::TemporaryDirectory directory_;
+    MessageLog log_;
+    TimeValue now_{kNow, 999999};
+    std::map<std::string, std::optional<double>> created_;
+    test::LogCapture lines_;
+};
+
+TEST_F(MessageLogTest, TheFirstRecordMakesTheDirectoryAndTheFile) {
+    writeToLogFile(log_, "[httpPost -> flushMessages] \xc3\xa9");
+    writeToLogFile(log_, "");
+    EXPECT_THAT(names(), ElementsAre(kNewName));
+    EXPECT_EQ(content(kNewName),
+              std::string(kDate) + "[httpPost -> flushMessages] \xc3\xa9\n" + kDate + "\n");
+    const std::string path = pathOf(kNewName);
+    EXPECT_THAT(lines_.lines(), ElementsAre("<6>writeToLogFile: Creating telvorad log directory at " +
+                                                log_.directory.string(),
+                                            "<6>writeToLogFile: Created new telvorad log file " + path +
+                                                " (2015-11-16 08:00:00 +0000)",
+                                            "<6>writeToLogFile: Saved log message to " + path,
+                                            "<6>writeToLogFile: Saved log message to " + path));
+}
+
+struct Survivor {
+    const char* what;
+    std::vector<int64_t> ages;  // of the files that are there, in seconds
+    int64_t survivor;           // the age of the file that gets the record: 0 is a new one
+};
+
+TEST_F(MessageLogTest, OnlyTheNewestFileYoungerThanADayIsKept) {
+    now_.microseconds = 0;
+    const Survivor cases[] = {
+        {"just young enough", {86400}, 86400}, {"a second too old", {86401}, 0},
+        {"the newer of two", {50, 20}, 20},    {"one of three", {20, 86401, 30}, 20},
+        {"all too old", {90000, 100000}, 0},   {"one from the future", {-100, 20}, -100},
+    };
+    for (const Survivor& test : cases) {
+        std::filesystem::remove_all(log_.directory);
+        for (const int64_t age : test.ages)
+            addFile(nameOf(kNow - age));
+        lines_.clear();
+        writeToLogFile(log_, "m");
+        const std::string survivor = nameOf(kNow - test.survivor);
+        EXPECT_THAT(names(), ElementsAre(survivor)) << test.what;
+        EXPECT_EQ(content(survivor), (test.survivor ? "old\n" : "") + std::string(kDate) + "m\n")
+            << test.what;
+        for (const int64_t age : test.ages) {
+            if (age == test.survivor) continue;
+            const std::string path = pathOf(nameOf(kNow - age));
+            const auto all = lines_.lines();
+            EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                                    [&](const std::string& line) {
+                                        return line.starts_with(
+                                            "<6>writeToLogFile: Deleted expired telvorad log file " + path +
+                                            " (20");
+                                    }),
+                      1)
+                << test.what;
+        }
+    }
+}
+
+TEST_F(MessageLogTest, OfFilesOfTheSameAgeOrOfUnknownAgeOneIsKept) {
+    addFile(nameOf(1));
+    addFile(nameOf(2));
+    addFile(nameOf(3));
+    created_ = {{nameOf(1), kNow - 5}, {nameOf(2), kNow - 5}, {nameOf(3), std::nullopt}};
+    writeToLogFile(log_, "m");
+    EXPECT_EQ(names().size(), 1u);
+    EXPECT_EQ(names().count(nameOf(3)), 0u);
+    EXPECT_TRUE(lines_.contains("<6>writeToLogFile: Deleted expired telvorad log file " + pathOf(nameOf(3)) +
+                                " ((null))"));
+}
+
+TEST_F(MessageLogTest, OtherFilesAreLeftAlone) {
+    const std::vector<std::string> others = {
+        "telvorad_1_other.txt",         "a_b",
+        "telvorad_messageLog.diag",     "x_1_messageLog.diag",
+        "telvorad_1_2_messageLog.diag", "telvorad_1_messageLog.diag.old"};
+    for (const std::string& name : others)
+        addFile(name);
+    writeToLogFile(log_, "m");
+    for (const std::string& name : others)
+        EXPECT_EQ(content(name), "old\n") << name;
+    EXPECT_EQ(names().size(), others.size() + 1);
+}
+
+TEST_F(MessageLogTest, ADirectoryThatIsNoneCostsOnlyTheRecord) {
+    directory_.write("a", "a file");
+    writeToLogFile(log_, "m");
+    EXPECT_THAT(lines_.lines(),
+                ElementsAre("<3>writeToLogFile: Error reading from log directory: Not a directory",
+                            "<3>writeToLogFile: Failed to create new telvorad log file " + pathOf(kNewName)));
+}
+
+TEST_F(MessageLogTest, ALinkPlantedInTheDirectoryIsNotFollowed) {
+    const auto target = directory_.write("target", "precious\n");
+    std::filesystem::create_directories(log_.directory);
+    std::filesystem::create_symlink(target, pathOf(kNewName));
+    writeToLogFile(log_, "m");
+    EXPECT_EQ(test::readFile(target), "precious\n");
+    EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
+}
+
+TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
+    constexpr int kThreads = 4, kRecords = 50;
+    writeToLogFile(log_, "first");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([this] {
+            for (int record = 0; record < kRecords; ++record)
+                writeToLogFile(log_, "a record of some length");
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    std::string expected = std::string(kDate) + "first\n";
+    for (int i = 0; i < kThreads * kRecords; ++i)
+        expected += std::string(kDate) + "a record of some length\n";
+    EXPECT_EQ(content(kNewName), expected);
+}
+
+TEST_F(MessageLogTest, AFullDiskCostsTheFileAndNothingElse) {
+    std::filesystem::create_directories(log_.directory);
+    if (mount("none", log_.directory.c_str(), "tmpfs", 0, "size=8k,mode=0700") != 0) {
+        GTEST_SKIP() << "mounting a small file system takes privileges that this process lacks";
+    }
+    writeToLogFile(log_, "small");
+    const std::string whole = content(kNewName);
+    lines_.clear();
+    writeToLogFile(log_, std::string(100000, 'x'));
+    const auto left = names();
+    const auto lines = lines_.lines();
+    umount2(log_.directory.c_str(), MNT_DETACH);
+
+    EXPECT_EQ(whole, std::string(kDate) + "small\n");
+    EXPECT_TRUE(left.empty());
+    EXPECT_THAT(lines, ElementsAre("<6>writeToLogFile: Deleted expired telvorad log file " +
+                                   pathOf(kNewName) + " (2015-11-16 08:00:00 +0000)"));
+}
+
+TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {
+    const MessageLog real(log_.directory);
+    const auto path = addFile(nameOf(12345));
+    struct statx status {};
+    ASSERT_EQ(statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &status), 0);
+    const bool recorded = (status.stx_mask & STATX_BTIME) != 0;
+    const double birth = static_cast<double>(status.stx_btime.tv_sec);
+    EXPECT_EQ(std::floor(real.creationDate(path).value()), recorded ? birth : 12345);
+    // A file that is not there has no birth time either.
+    EXPECT_EQ(real.creationDate(pathOf(nameOf(777))), 777);
+    EXPECT_EQ(real.creationDate(pathOf("telvorad_x7_messageLog.diag")), std::nullopt);
+    EXPECT_EQ(real.creationDate(pathOf("telvorad_99999999999_messageLog.diag")), std::nullopt);
+}
+
+}  // namespace
+}  // namespace telvora
