@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The hierarchy: per token, the live sessions in the order in which they came. "The session of level n" always means
-// the first of that level in the list.
+// The hierarchy: per token, the live sessions in the order in which they came. "The session of level n"
+// always means the first of that level in the list.
 #include <algorithm>
 
 #include "daemon/telvorad_agent.h"
@@ -11,8 +11,8 @@ namespace telvora {
 
 namespace {
 
-// Lists stay when they empty, so that a token keeps its place while its sessions come and go. This bounds what a
-// client can leave behind by inventing tokens.
+// Lists stay when they empty, so that a token keeps its place while its sessions come and go. This bounds
+// what a client can leave behind by inventing tokens.
 constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 
 }  // namespace
@@ -20,18 +20,20 @@ constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 void TelvoradAgent::updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) {
     const std::optional<std::string> token = session->hierarchyToken();
     if (!token) {
-        TELVORA_LOG(kLogInfo,
-                    "updateCorrelatedSessions: Session %u has no correlated sessions as it is a standalone session",
-                    session->sessionID());
+        TELVORA_LOG(
+            kLogInfo,
+            "updateCorrelatedSessions: Session %u has no correlated sessions as it is a standalone session",
+            session->sessionID());
         return;
     }
     const DelegateLock lock(lock_);
     leaveCorrelatedSessions(*session);
     SessionList& list = correlatedSessions_[*token];
     if (list.empty()) newTokenBytes_ += token->size() + sizeof(SessionList);
-    TELVORA_LOG(kLogDebug,
-                "updateCorrelatedSessions: Adding session %u to list for hierarchyToken %s with hierarchyLevel %d",
-                session->sessionID(), token->c_str(), static_cast<int>(session->hierarchyLevel()));
+    TELVORA_LOG(
+        kLogDebug,
+        "updateCorrelatedSessions: Adding session %u to list for hierarchyToken %s with hierarchyLevel %d",
+        session->sessionID(), token->c_str(), static_cast<int>(session->hierarchyLevel()));
     list.push_back(session);
     tokens_[session.get()] = *token;
     if (newTokenBytes_ > kMaxIdleTokenBytes) dropEmptyLists();
@@ -73,11 +75,13 @@ std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const 
     const DelegateLock lock(lock_);
     const SessionList* sessions = sessionsOfToken(*token);
     if (sessions == nullptr) {
-        TELVORA_LOG(kLogError, "parentSessionIDStringForSession: ERROR: No sessions found for hierarchyToken %s",
+        TELVORA_LOG(kLogError,
+                    "parentSessionIDStringForSession: ERROR: No sessions found for hierarchyToken %s",
                     token->c_str());
         return std::nullopt;
     }
-    if (std::none_of(sessions->begin(), sessions->end(), [&](const auto& s) { return s.get() == &session; })) {
+    if (std::none_of(sessions->begin(), sessions->end(),
+                     [&](const auto& s) { return s.get() == &session; })) {
         TELVORA_LOG(kLogInfo, "parentSessionIDStringForSession: Session %u not found for hierarchyToken %s",
                     session.sessionID(), token->c_str());
         return std::nullopt;
@@ -87,7 +91,8 @@ std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const 
         const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, *sessions);
         if (!ancestor) {
             TELVORA_LOG(kLogInfo,
-                        "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
+                        "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): "
+                        "incomplete "
                         "parentSessionID is '%s'",
                         combined.value_or("").c_str());
             break;
@@ -102,8 +107,8 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const Telv
     const std::optional<std::string> token = child.hierarchyToken();
     const int64_t level = child.hierarchyLevel();
     if (level == 0 || !token) return nullptr;
-    TELVORA_LOG(kLogDebug, "parentSessionForChild: Checking hierarchyToken '%s' for session %u", token->c_str(),
-                child.sessionID());
+    TELVORA_LOG(kLogDebug, "parentSessionForChild: Checking hierarchyToken '%s' for session %u",
+                token->c_str(), child.sessionID());
 
     const SessionList* sessions = sessionsOfToken(*token);
     if (sessions == nullptr) {
@@ -118,15 +123,16 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const Telv
     }
     auto parent = getFirstSessionWithHierarchy(level - 1, *sessions);
     if (!parent) {
-        TELVORA_LOG(kLogError,
-                    "parentSessionForChild: Unable to find session with hierarchy of %d for hierarchyToken '%s'",
-                    static_cast<int>(level - 1), token->c_str());
+        TELVORA_LOG(
+            kLogError,
+            "parentSessionForChild: Unable to find session with hierarchy of %d for hierarchyToken '%s'",
+            static_cast<int>(level - 1), token->c_str());
     }
     return parent;
 }
 
-std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSession(const TelvoradSession& session)
-    TELVORA_NO_THREAD_SAFETY_ANALYSIS {
+std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSession(
+    const TelvoradSession& session) TELVORA_NO_THREAD_SAFETY_ANALYSIS {
     if (!session.userInfo()) {
         TELVORA_LOG(kLogInfo, "getAncestorWithAggregatorForSession: No user info found for session %u",
                     session.sessionID());
@@ -138,7 +144,8 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSess
     const SessionList* sessions = token ? sessionsOfToken(*token) : nullptr;
     if (sessions == nullptr) return nullptr;
 
-    // The first session of each level, top first: the levels that exist are few, whatever number a client claims.
+    // The first session of each level, top first: the levels that exist are few, whatever number a client
+    // claims.
     std::map<int64_t, const std::shared_ptr<TelvoradSession>*> firstOfLevel;
     for (const auto& member : *sessions) {
         const int64_t memberLevel = member->hierarchyLevel();
@@ -152,7 +159,8 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSess
 
 void TelvoradAgent::updateDownstreamSessions(TelvoradSession& session) {
     if (!session.userInfo()) {
-        TELVORA_LOG(kLogInfo, "updateDownstreamSessions: No user info found for session %u", session.sessionID());
+        TELVORA_LOG(kLogInfo, "updateDownstreamSessions: No user info found for session %u",
+                    session.sessionID());
         return;
     }
     const std::optional<std::string> token = session.hierarchyToken();
@@ -170,7 +178,8 @@ void TelvoradAgent::updateDownstreamSessions(TelvoradSession& session) {
     for (const auto& deeper : *sessions) {
         if (deeper->hierarchyLevel() <= level) continue;
         TELVORA_LOG(kLogDebug,
-                    "updateDownstreamSessions: Updating combined session ID and syncing reporting states for session %u",
+                    "updateDownstreamSessions: Updating combined session ID and syncing reporting states for "
+                    "session %u",
                     deeper->sessionID());
         deeper->updateCombinedSessionID();
         deeper->syncReportingStates();

@@ -31,17 +31,19 @@ std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const Telvor
     if (found != cachedStorebags_.end()) {
         const StorebagRecord& record = found->second;
         // A clock that was set back counts as time gone by.
-        const double age = std::fabs(TelvoradUtil::secondsFromTimeValue(services_.clock()) - record.fetchTime);
+        const double age =
+            std::fabs(TelvoradUtil::secondsFromTimeValue(services_.clock()) - record.fetchTime);
         if (record.fetchSuccessful && age < record.maxAge) {
             TELVORA_LOG(kLogDebug, "storebagForSession: Cached storebag found for client type %d",
                         static_cast<int>(clientType));
             return record.data;
         }
         if (!record.fetchSuccessful && age < kSecondsBetweenAttempts) {
-            TELVORA_LOG(kLogInfo,
-                        "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between "
-                        "attempts",
-                        static_cast<int>(clientType), kSecondsBetweenAttempts);
+            TELVORA_LOG(
+                kLogInfo,
+                "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between "
+                "attempts",
+                static_cast<int>(clientType), kSecondsBetweenAttempts);
             return record.data;
         }
     }

@@ -13,8 +13,8 @@ namespace telvora {
 
 class InFlightHttpClient final : public HttpClient {
   public:
-    // `client` outlives this one. `onIdle` is called each time the last request in flight has completed, on the HTTP
-    // client's thread, after that request's own completion.
+    // `client` outlives this one. `onIdle` is called each time the last request in flight has completed, on
+    // the HTTP client's thread, after that request's own completion.
     InFlightHttpClient(HttpClient& client, std::function<void()> onIdle)
         : client_(client), counter_(std::make_shared<Counter>()) {
         counter_->onIdle = std::move(onIdle);

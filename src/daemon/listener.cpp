@@ -27,7 +27,9 @@ Listener::Listener(asio::io_context& runLoop, WorkPool& pool, TelvoradAgent& age
     socket.release();
 }
 
-void Listener::resume() { acceptNext(); }
+void Listener::resume() {
+    acceptNext();
+}
 
 void Listener::close() {
     asio::error_code ignored;

@@ -16,7 +16,8 @@ namespace telvora {
 // Belongs to the run loop that it is made with; every operation is called on that loop's thread.
 class Listener {
   public:
-    // `socket`: a listening, non-blocking Unix stream socket, taken over. `agent` and `pool` outlive the listener.
+    // `socket`: a listening, non-blocking Unix stream socket, taken over. `agent` and `pool` outlive the
+    // listener.
     Listener(asio::io_context& runLoop, WorkPool& pool, TelvoradAgent& agent, UniqueFd socket);
 
     // Starts to accept.

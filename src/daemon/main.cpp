@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvorad: builds the objects, in an order that matters. The process is confined before it listens, and no thread but
-// this one exists before it is confined.
-#include <asio/io_context.hpp>
+// telvorad: builds the objects, in an order that matters. The process is confined before it listens, and no
+// thread but this one exists before it is confined.
 #include <algorithm>
+#include <asio/io_context.hpp>
 #include <csignal>
 #include <thread>
 
@@ -50,8 +50,8 @@ int run(const Directories& directories, UserDefaults& defaults, ListeningSocket 
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
-    const BackendServices backendServices{
-        http, identity, environment, defaults, timeOfDay, countryCode, timeZoneOffsetSeconds, uniformRandom48};
+    const BackendServices backendServices{http,      identity,    environment,           defaults,
+                                          timeOfDay, countryCode, timeZoneOffsetSeconds, uniformRandom48};
     const BackendFactory factory(backendServices);
     const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
                                           identity,
@@ -64,8 +64,8 @@ int run(const Directories& directories, UserDefaults& defaults, ListeningSocket 
     KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = listeningSocket.fromServiceManager,
                                              .inFlight = [&] { return http.inFlight() > 0; },
                                              .onIdle = [&] { shutdownWhenIdle->begin(); }});
-    TelvoradAgent agent({entitlements, fetcher, sessionServices, keepAlive, timeOfDay,
-                         [&] { shutdownWhenIdle->check(); }});
+    TelvoradAgent agent(
+        {entitlements, fetcher, sessionServices, keepAlive, timeOfDay, [&] { shutdownWhenIdle->check(); }});
     Listener listener(runLoop, pool, agent, std::move(listeningSocket.socket));
     const int64_t deadline = defaults.integer(kTelvoraDefaultsDomain, "shutdownMilliseconds")
                                  .value_or(kDefaultShutdownMilliseconds);
@@ -98,7 +98,8 @@ int main() {
 
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);
-    setLogThreshold(static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
+    setLogThreshold(
+        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
 
     const auto confined = enterSandbox(kServiceName, SandboxPaths::fromDirectories(directories));
     if (!confined) {

@@ -15,7 +15,9 @@ Shutdown::Shutdown(asio::io_context& runLoop, Steps steps, std::chrono::millisec
       signals_(runLoop, SIGTERM, SIGINT),
       timer_(runLoop) {}
 
-void Shutdown::onSignals() { awaitSignal(); }
+void Shutdown::onSignals() {
+    awaitSignal();
+}
 
 void Shutdown::awaitSignal() {
     signals_.async_wait([this](asio::error_code error, int) {

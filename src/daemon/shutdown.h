@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Shutdown: the daemon's orderly end. No new connection, every session ends as at its connection's end, and what is on
-// its way to a server is waited for up to a deadline.
+// Shutdown: the daemon's orderly end. No new connection, every session ends as at its connection's end, and
+// what is on its way to a server is waited for up to a deadline.
 #pragma once
 
 #include <asio/io_context.hpp>

@@ -13,13 +13,15 @@ constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
 
 }  // namespace
 
-bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer) {
+bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection,
+                             const Peer& peer) {
     const std::shared_ptr<ClientConnection>& connection = shouldAcceptNewConnection;
     const std::optional<PropertyList> entitlement =
         services_.entitlements.valueForEntitlement(peer, kClientEntitlement);
     if (!entitlement || !entitlement->boolValue()) {
         TELVORA_LOG(kLogDebug,
-                    "listener: new XPC connection %s does not have required telvora entitlement. Closing connection...",
+                    "listener: new XPC connection %s does not have required telvora entitlement. Closing "
+                    "connection...",
                     connection->description().c_str());
         return false;
     }
@@ -64,10 +66,15 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
 }
 
 void TelvoradAgent::invalidateAllConnections() {
-    const RecursiveMutexLock lock(sessionListLock_);
-    for (const RegisteredSession& registered : sessionList_) {
-        if (const auto connection = registered.connection.lock()) connection->invalidate();
+    std::vector<std::shared_ptr<ClientConnection>> connections;
+    {
+        const RecursiveMutexLock lock(sessionListLock_);
+        for (const RegisteredSession& registered : sessionList_) {
+            if (auto connection = registered.connection.lock()) connections.push_back(std::move(connection));
+        }
     }
+    for (const auto& connection : connections)
+        connection->invalidate();
 }
 
 size_t TelvoradAgent::sessionCount() {

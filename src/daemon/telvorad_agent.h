@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// TelvoradAgent: the one object that every connection and every session meets. It lets peers in by entitlement, keeps
-// the registry of live sessions and with it the process alive, serves bags from its cache, and knows which sessions
-// form a hierarchy.
+// TelvoradAgent: the one object that every connection and every session meets. It lets peers in by
+// entitlement, keeps the registry of live sessions and with it the process alive, serves bags from its cache,
+// and knows which sessions form a hierarchy.
 //
-// Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which guards the bag
-// cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for the same bag find it
-// fetched. All operations may be called from any thread.
+// Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which
+// guards the bag cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for
+// the same bag find it fetched. All operations may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -45,8 +45,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
     explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
 
-    // Whether the new connection is let in: then it has its session and serves it. A refused one is left as it is, for
-    // the listener to close.
+    // Whether the new connection is let in: then it has its session and serves it. A refused one is left as
+    // it is, for the listener to close.
     bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
 
     // Ends every connection; their sessions end on their own strands.
@@ -62,7 +62,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) override;
     std::optional<std::string> parentSessionIDStringForSession(const TelvoradSession& session) override;
     std::shared_ptr<TelvoradSession> parentSessionForChild(const TelvoradSession& child) override;
-    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(const TelvoradSession& session) override;
+    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(
+        const TelvoradSession& session) override;
     void updateDownstreamSessions(TelvoradSession& session) override;
     RecursiveMutex& hierarchyLock() override { return lock_; }
 
@@ -71,7 +72,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
 
     // One bag name's place in the cache.
     struct StorebagRecord {
-        std::shared_ptr<const Dictionary> data;  // the environment's section; null until a fetch has succeeded
+        std::shared_ptr<const Dictionary>
+            data;  // the environment's section; null until a fetch has succeeded
         std::optional<std::string> version;
         std::optional<std::string> lastModified;
         double fetchTime = 0;  // of the last attempt, seconds since 1970
@@ -92,7 +94,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     const SessionList* sessionsOfToken(const std::string& token) const TELVORA_REQUIRES(lock_);
     void leaveCorrelatedSessions(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);
-    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level, const SessionList& sessions);
+    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
+                                                                         const SessionList& sessions);
 
     const AgentServices services_;
 
@@ -107,9 +110,11 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // By bag name; the client types without a bag name share the record of no name.
     std::map<std::optional<std::string>, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<std::string, SessionList> correlatedSessions_ TELVORA_GUARDED_BY(lock_);
-    std::unordered_map<const TelvoradSession*, std::string> tokens_ TELVORA_GUARDED_BY(lock_);  // who is in which list
-    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) = 0;  // of tokens entered since empty lists were last dropped
-    std::atomic<size_t> correlatedSessionsCount_{0};      // for the log, which must not wait for a fetch
+    std::unordered_map<const TelvoradSession*, std::string> tokens_
+        TELVORA_GUARDED_BY(lock_);  // who is in which list
+    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) =
+        0;                                            // of tokens entered since empty lists were last dropped
+    std::atomic<size_t> correlatedSessionsCount_{0};  // for the log, which must not wait for a fetch
 };
 
 }  // namespace telvora

@@ -51,9 +51,8 @@ enum class BusRole { kServer, kClient };
 struct BusLimits {
     // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
     std::chrono::milliseconds authenticationTimeout{10'000};
-    // Largest incoming message, in bytes. sd-bus reads on as long as there is more to read, and the size is
-    // checked in between: a peer that writes as fast as it is read from can get more in, though never more
-    // than the 128 MiB at which sd-bus itself ends the connection.
+    // Largest incoming message, in bytes. sd-bus reads a message in pieces, and the size is checked between
+    // them: a fast peer may get some more bytes in, in no case more than the 128 MiB that D-Bus allows.
     size_t messageSize = size_t{16} << 20;
     // Outgoing bytes and messages that wait for the peer to read. Beyond either, input rests and sendOneWay()
     // refuses.

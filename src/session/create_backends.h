@@ -28,13 +28,12 @@ struct BackendSources {
 
 namespace TelvoradUtil {
 
-// Makes every backend that `bag` (the environment's section) names and gives it the identity of the session; keys that
-// name no backend are skipped, so that the result may be empty. Nothing, with a line at level 3, when the bag or the
-// session info is null. `userInfo` may be null. Callable from any thread.
-std::optional<telvora::BackendDictionary> createBackends(const telvora::BackendSources& sources,
-                                                         const std::shared_ptr<const telvora::Dictionary>& bag,
-                                                         const telvora::Dictionary* sessionInfo,
-                                                         const std::shared_ptr<const telvora::Dictionary>& userInfo,
-                                                         const telvora::DeviceIDBuffer& deviceID);
+// Makes every backend that `bag` (the environment's section) names and gives it the identity of the session;
+// keys that name no backend are skipped, so that the result may be empty. Nothing, with a line at level 3,
+// when the bag or the session info is null. `userInfo` may be null. Callable from any thread.
+std::optional<telvora::BackendDictionary> createBackends(
+    const telvora::BackendSources& sources, const std::shared_ptr<const telvora::Dictionary>& bag,
+    const telvora::Dictionary* sessionInfo, const std::shared_ptr<const telvora::Dictionary>& userInfo,
+    const telvora::DeviceIDBuffer& deviceID);
 
 }  // namespace TelvoradUtil

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Copies of reports for the client that aggregates them: the highest aggregating ancestor's, or else the session's own.
+// Copies of reports for the client that aggregates them: the highest aggregating ancestor's, or else the
+// session's own.
 #include "session/telvorad_session.h"
 #include "util/log.h"
 
@@ -29,12 +30,13 @@ void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint
 
 void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp,
                                        uint16_t category, uint16_t type, std::optional<Dictionary> payload) {
-    connection_->sendMessageToClient(sessionInfo ? std::optional(*sessionInfo) : std::nullopt, timestamp, category,
-                                     type, std::move(payload));
+    connection_->sendMessageToClient(sessionInfo ? std::optional(*sessionInfo) : std::nullopt, timestamp,
+                                     category, type, std::move(payload));
 }
 
 void TelvoradSession::shutdownSessionAggregation() {
-    TELVORA_LOG(kLogDebug, "shutdownSessionAggregation: Disable aggregation module for session %u", sessionID());
+    TELVORA_LOG(kLogDebug, "shutdownSessionAggregation: Disable aggregation module for session %u",
+                sessionID());
     if (hasAggregator_.exchange(false)) sendToAggregator(nullptr, 0, 0, 0, std::nullopt);
 }
 

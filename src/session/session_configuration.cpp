@@ -40,9 +40,11 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
       sessionIDString_(freshSessionIDString()),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {
-    TELVORA_LOG(kLogDebug, "initWithSessionDelegate: TelvoradSession initWithSessionDelegate:<TelvoradAgent %p>",
+    TELVORA_LOG(kLogDebug,
+                "initWithSessionDelegate: TelvoradSession initWithSessionDelegate:<TelvoradAgent %p>",
                 static_cast<void*>(&sessionDelegate_));
-    TELVORA_LOG(kLogDebug, "initWithSessionDelegate: Initialized session with UUID %s", sessionIDString_.c_str());
+    TELVORA_LOG(kLogDebug, "initWithSessionDelegate: Initialized session with UUID %s",
+                sessionIDString_.c_str());
 }
 
 void TelvoradSession::dealloc() {
@@ -53,7 +55,8 @@ void TelvoradSession::dealloc() {
 
     const MutexLock lock(backendsLock_);
     if (!backends_) return;
-    for (const auto& [name, backend] : *backends_) backend->cleanup();
+    for (const auto& [name, backend] : *backends_)
+        backend->cleanup();
     backends_.reset();
 }
 
@@ -81,7 +84,8 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
     const auto id = static_cast<uint32_t>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0));
     TELVORA_LOG(kLogDebug, "setSessionInfo: Configuring session %u", id);
     if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
-        TELVORA_LOG(kLogWarning, "setSessionInfo: Configure session: user info provided without requiring it");
+        TELVORA_LOG(kLogWarning,
+                    "setSessionInfo: Configure session: user info provided without requiring it");
     }
     takeSessionInfo(std::move(sessionInfo));
     frameworks_ = std::move(frameworksToCheck);
@@ -101,7 +105,8 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         hierarchyLevel_ = 0;
         if (const Dictionary* token = sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken)) {
             hierarchyLevel_ = token->integer(kTelvoraHierarchyTokenLevel).value_or(0);
-            if (const std::string* tokenID = token->string(kTelvoraHierarchyTokenTokenID)) hierarchyToken_ = *tokenID;
+            if (const std::string* tokenID = token->string(kTelvoraHierarchyTokenTokenID))
+                hierarchyToken_ = *tokenID;
         }
         sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
     }
@@ -109,7 +114,8 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
 }
 
 void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
-    TELVORA_LOG(kLogDebug, "startConfigWithCompletionHandler: Starting configuration for session %u", sessionID());
+    TELVORA_LOG(kLogDebug, "startConfigWithCompletionHandler: Starting configuration for session %u",
+                sessionID());
     const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
     if (!storebag) {
         if (completionHandler) completionHandler(std::nullopt);
@@ -133,9 +139,11 @@ void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)
     TELVORA_LOG(kLogDebug, "fetchDisplayURL: Fetching display URL for session %u", sessionID());
     const std::optional<BackendDictionary> current = backends();
     if (current) {
-        for (const char* name : {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
+        for (const char* name :
+             {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
             const auto backend = current->find(name);
-            if (backend != current->end() && backend->second->displayURL()) return reply(*backend->second->displayURL());
+            if (backend != current->end() && backend->second->displayURL())
+                return reply(*backend->second->displayURL());
         }
     }
     reply(kNoDisplayURL);
@@ -146,7 +154,8 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
         services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_);
     if (created) {
-        for (const auto& [name, backend] : *created) backend->setCombinedSessionIDString(sessionIDString_);
+        for (const auto& [name, backend] : *created)
+            backend->setCombinedSessionIDString(sessionIDString_);
     }
     const MutexLock lock(backendsLock_);
     backends_ = std::move(created);
@@ -174,7 +183,8 @@ void TelvoradSession::updateUserInfoForBackends() {
     const UserInfo current = userInfo();
     const MutexLock lock(backendsLock_);
     if (!backends_) return;
-    for (const auto& [name, backend] : *backends_) backend->setUserInfoDict(current);
+    for (const auto& [name, backend] : *backends_)
+        backend->setUserInfoDict(current);
 }
 
 void TelvoradSession::updateSessionWithDefaultSessionInfo() {

@@ -35,8 +35,8 @@ void TelvoradSession::flushMessagesWithCompletion(FlushReply completion) {
     internalFlushMessagesWithCompletion(std::move(completion));
 }
 
-// The client hears exactly once: of the first backend that fails, or else of the last one to report. A flush of no
-// backends at all is never answered.
+// The client hears exactly once: of the first backend that fails, or else of the last one to report. A flush
+// of no backends at all is never answered.
 void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion) {
     const std::optional<BackendDictionary> current = backends();
     if (!current) {
@@ -46,8 +46,9 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
     }
     const auto flush = std::make_shared<PendingFlush>(PendingFlush{current->size(), std::move(completion)});
     for (const auto& [name, backend] : *current) {
-        auto reported = [flush, key = name, backendName = backend->name(), &messageLog = services_.messageLog](
-                            std::optional<std::string> answer, std::optional<TelvoraError> error) {
+        auto reported = [flush, key = name, backendName = backend->name(),
+                         &messageLog = services_.messageLog](std::optional<std::string> answer,
+                                                             std::optional<TelvoraError> error) {
             TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
             if (answer) TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> flushMessages] " + *answer);
             const FlushReply reply = takeCompletion(*flush, error.has_value());
@@ -83,8 +84,8 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
         TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", path.c_str());
     }
     TelvoradUtil::writeToLogFile(services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
-                                                           (uploaded ? "succeeded" : "failed") + " for file " +
-                                                           fileURL);
+                                                           (uploaded ? "succeeded" : "failed") +
+                                                           " for file " + fileURL);
     completionHandler(uploaded);
 }
 

@@ -11,11 +11,13 @@ void TelvoradSession::updateCombinedSessionID() {
     const std::optional<std::string> parent = sessionDelegate_.parentSessionIDStringForSession(*this);
     if (!parent) return;
     const std::string combined = *parent + "." + sessionIDString_;
-    TELVORA_LOG(kLogDebug, "updateCombinedSessionID: Updating combined session ID '%s' for session %u backends",
+    TELVORA_LOG(kLogDebug,
+                "updateCombinedSessionID: Updating combined session ID '%s' for session %u backends",
                 combined.c_str(), sessionID());
     const MutexLock lock(backendsLock_);
     if (!backends_) return;
-    for (const auto& [name, backend] : *backends_) backend->setCorrelatedSessionID(combined);
+    for (const auto& [name, backend] : *backends_)
+        backend->setCorrelatedSessionID(combined);
 }
 
 }  // namespace telvora

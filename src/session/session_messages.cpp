@@ -19,14 +19,16 @@ bool isHTTPSPost(const std::string& name) {
 bool admits(const TelvoraBackend& backend, uint16_t category) {
     if (!backend.isWhitelistedEvent(category)) {
         TELVORA_LOG(kLogDebug,
-                    "sendMessageWithDictionary: Dropping event with category %d as it is not whitelisted for backend %s",
+                    "sendMessageWithDictionary: Dropping event with category %d as it is not whitelisted for "
+                    "backend %s",
                     category, backend.name().c_str());
         return false;
     }
     if (backend.isBlacklistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "sendMessageWithDictionary: Dropping event with category %d as it is blacklisted for backend %s",
-                    category, backend.name().c_str());
+        TELVORA_LOG(
+            kLogDebug,
+            "sendMessageWithDictionary: Dropping event with category %d as it is blacklisted for backend %s",
+            category, backend.name().c_str());
         return false;
     }
     return true;
@@ -34,8 +36,8 @@ bool admits(const TelvoraBackend& backend, uint16_t category) {
 
 }  // namespace
 
-void TelvoradSession::sendMessageWithCategory(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
-                                              StringReply reply) {
+void TelvoradSession::sendMessageWithCategory(uint16_t category, uint16_t type,
+                                              std::optional<Dictionary> payload, StringReply reply) {
     TELVORA_LOG(kLogDebug, "sendMessageWithCategory: Sending message for session %u", sessionID());
     reply(sendMessage(category, type, payload));
 }
@@ -70,7 +72,8 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
 }
 
 std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uint16_t type,
-                                                          const std::optional<Dictionary>& payload, SendFlag flag) {
+                                                          const std::optional<Dictionary>& payload,
+                                                          SendFlag flag) {
     const TimeValue timestamp = services_.clock();
     aggregateMessage(TelvoradUtil::secondsFromTimeValue(timestamp), category, type, payload);
 
@@ -81,7 +84,8 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
         if (!admits(*backend, category)) continue;
         std::optional<std::string> answer = backend->sendMessage(payload, timestamp, category, type, flag);
         if (!answer) continue;
-        TelvoradUtil::writeToLogFile(services_.messageLog, "[" + key + " -> sendMessageWithDictionary] " + *answer);
+        TelvoradUtil::writeToLogFile(services_.messageLog,
+                                     "[" + key + " -> sendMessageWithDictionary] " + *answer);
         // An HTTPS answer replaces any other; the dashboard's counts only where there is none yet.
         if (isHTTPSPost(backend->name()) || (backend->name() == kTelvoraBackendDashboard && !result)) {
             result = std::move(answer);
@@ -92,7 +96,8 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
 
 void TelvoradSession::internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode) {
     sendMessage(method, respCode, payload);
-    TELVORA_LOG(kLogDebug, "internalSendMessage: Sent internal message (method:%d respCode:%d)", method, respCode);
+    TELVORA_LOG(kLogDebug, "internalSendMessage: Sent internal message (method:%d respCode:%d)", method,
+                respCode);
 }
 
 bool TelvoradSession::hasBackends() const {

@@ -9,30 +9,35 @@ namespace telvora {
 
 namespace {
 
-void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValue timestamp, uint16_t category,
-                 uint16_t type, const std::optional<Dictionary>& payload, const std::string& key) {
+void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValue timestamp,
+                 uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
+                 const std::string& key) {
     backend.updateState();
     if (!backend.isWhitelistedEvent(category)) {
         TELVORA_LOG(kLogDebug,
-                    "sendMessageWithSessionInfo: Dropping event with category %d as it is not whitelisted for backend %s",
+                    "sendMessageWithSessionInfo: Dropping event with category %d as it is not whitelisted "
+                    "for backend %s",
                     category, backend.name().c_str());
         return;
     }
     if (backend.isBlacklistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "sendMessageWithSessionInfo: Dropping event with category %d as it is blacklisted for backend %s",
-                    category, backend.name().c_str());
+        TELVORA_LOG(
+            kLogDebug,
+            "sendMessageWithSessionInfo: Dropping event with category %d as it is blacklisted for backend %s",
+            category, backend.name().c_str());
         return;
     }
-    const std::optional<std::string> answer = backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
-    if (answer) TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer);
+    const std::optional<std::string> answer =
+        backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
+    if (answer)
+        TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer);
 }
 
 }  // namespace
 
 void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
-                                                 uint16_t category, uint16_t type, std::optional<Dictionary> payload,
-                                                 StringReply reply) {
+                                                 uint16_t category, uint16_t type,
+                                                 std::optional<Dictionary> payload, StringReply reply) {
     if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
         !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
@@ -48,12 +53,13 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
         if (reply) reply("storebag not available");
         return;
     }
-    sendMessageWithSessionInfo(services_, *this->sessionInfo(), givenUserInfo, storebag, category, type, payload);
+    sendMessageWithSessionInfo(services_, *this->sessionInfo(), givenUserInfo, storebag, category, type,
+                               payload);
     if (reply) reply("finished");
 }
 
-void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services, const Dictionary& sessionInfo,
-                                                 const UserInfo& userInfo,
+void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services,
+                                                 const Dictionary& sessionInfo, const UserInfo& userInfo,
                                                  const std::shared_ptr<const Dictionary>& storebag,
                                                  uint16_t category, uint16_t type,
                                                  const std::optional<Dictionary>& payload) {
@@ -78,7 +84,8 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
     for (const auto& [key, backend] : *backends) {
         sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);
     }
-    for (const auto& [key, backend] : *backends) backend->cleanup();
+    for (const auto& [key, backend] : *backends)
+        backend->cleanup();
 }
 
 }  // namespace telvora

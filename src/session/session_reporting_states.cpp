@@ -9,7 +9,8 @@ namespace telvora {
 void TelvoradSession::updateReportingStates() {
     const MutexLock lock(backendsLock_);
     if (!backends_) return;
-    for (const auto& [name, backend] : *backends_) backend->updateState();
+    for (const auto& [name, backend] : *backends_)
+        backend->updateState();
 }
 
 // A child reports through a backend only as its parent does. A backend that sampled itself out stays out.
@@ -25,7 +26,8 @@ void TelvoradSession::syncReportingStates() {
         if (!parent) {
             if (hierarchyLevel() == 0) continue;
             TELVORA_LOG(kLogInfo,
-                        "syncReportingStates: child session %u (backend %s) with hierarchy %lld is missing its parent",
+                        "syncReportingStates: child session %u (backend %s) with hierarchy %lld is missing "
+                        "its parent",
                         sessionID(), name.c_str(), static_cast<long long>(hierarchyLevel()));
             continue;
         }
@@ -37,9 +39,10 @@ void TelvoradSession::syncReportingStates() {
         }
         backend->setState(followed->second.state);
         backend->setSamplingThreshold(followed->second.samplingThreshold);
-        TELVORA_LOG(kLogDebug,
-                    "HTTPSPostBackend(syncReportingStates): %s: state and sampling rate updated to %d, %.02f%%",
-                    name.c_str(), static_cast<int>(backend->state()), backend->samplingThreshold().value_or(0));
+        TELVORA_LOG(
+            kLogDebug,
+            "HTTPSPostBackend(syncReportingStates): %s: state and sampling rate updated to %d, %.02f%%",
+            name.c_str(), static_cast<int>(backend->state()), backend->samplingThreshold().value_or(0));
     }
 }
 

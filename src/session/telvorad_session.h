@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session info and
-// a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
+// TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session
+// info and a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
 //
-// The operations of ClientSessionInterface run on the connection's strand, one after another. Other sessions of the
-// same hierarchy, on other strands, read what a session says of itself and give its backends new IDs and states: so
-// `identityLock_` guards the one and `backendsLock_` the other. Both are leaves: whoever holds one of them takes no
-// further lock of this program's sessions or agent (the agent's lock comes before, never after).
+// The operations of ClientSessionInterface run on the connection's strand, one after another. Other sessions
+// of the same hierarchy, on other strands, read what a session says of itself and give its backends new IDs
+// and states: so `identityLock_` guards the one and `backendsLock_` the other. Both are leaves: whoever holds
+// one of them takes no further lock of this program's sessions or agent (the agent's lock comes before, never
+// after).
 #pragma once
 
 #include <atomic>
@@ -35,21 +36,23 @@ struct SessionServices {
     std::function<std::optional<std::string>()> countryCode;
 };
 
-class TelvoradSession final : public ClientSessionInterface, public std::enable_shared_from_this<TelvoradSession> {
+class TelvoradSession final : public ClientSessionInterface,
+                              public std::enable_shared_from_this<TelvoradSession> {
   public:
     // `delegate` outlives the session; `connection` carries the session's calls back to its client.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                     std::shared_ptr<ClientSessionReplyInterface> connection);
 
-    // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on the
-    // connection's strand, when the connection has ended and the session has left the registry.
+    // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
+    // the connection's strand, when the connection has ended and the session has left the registry.
     void dealloc();
 
     // The client's operations; see ClientSessionInterface.
     void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                         std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) override;
     void startConfigWithCompletionHandler(ReportingStatesReply completionHandler) override;
-    void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo, ReportingStatesReply completionHandler) override;
+    void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo,
+                                 ReportingStatesReply completionHandler) override;
     void fetchDisplayURL(std::function<void(std::string displayURL)> reply) override;
     void sendMessageWithCategory(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                  StringReply reply) override;
@@ -59,8 +62,9 @@ class TelvoradSession final : public ClientSessionInterface, public std::enable_
     void uploadFileAtPath(std::string fileURL, std::string extensionToken,
                           UploadFileReply completionHandler) override;
     void uploadLogData(Array records, UploadLogDataReply completionHandler) override;
-    void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo, uint16_t category,
-                                    uint16_t type, std::optional<Dictionary> payload, StringReply reply) override;
+    void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                    uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                    StringReply reply) override;
 
     // What the session is, readable from any thread.
     uint32_t sessionID() const { return sessionID_.load(); }
@@ -91,13 +95,15 @@ class TelvoradSession final : public ClientSessionInterface, public std::enable_
     void sendEndMessage();
 
     // Messages.
-    std::optional<std::string> sendMessage(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+    std::optional<std::string> sendMessage(uint16_t category, uint16_t type,
+                                           const std::optional<Dictionary>& payload);
     std::optional<std::string> sendMessage(const Dictionary& message);
     std::optional<std::string> submitMessage(uint16_t category, uint16_t type,
                                              const std::optional<Dictionary>& payload, SendFlag flag);
     void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
     bool hasBackends() const;
-    // The backends by value, to work with them outside the lock; nothing: the session has no backend dictionary.
+    // The backends by value, to work with them outside the lock; nothing: the session has no backend
+    // dictionary.
     std::optional<BackendDictionary> backends() const;
 
     // Flush and uploads.
@@ -108,8 +114,8 @@ class TelvoradSession final : public ClientSessionInterface, public std::enable_
     // Aggregation.
     void aggregateMessage(double timestamp, uint16_t category, uint16_t type,
                           const std::optional<Dictionary>& payload);
-    void sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp, uint16_t category,
-                          uint16_t type, std::optional<Dictionary> payload);
+    void sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp,
+                          uint16_t category, uint16_t type, std::optional<Dictionary> payload);
 
     // Reporting states.
     struct ReportingState {
@@ -122,8 +128,10 @@ class TelvoradSession final : public ClientSessionInterface, public std::enable_
 
     // One-shot messages: the operation that belongs to no session's backends.
     static void sendMessageWithSessionInfo(const SessionServices& services, const Dictionary& sessionInfo,
-                                           const UserInfo& userInfo, const std::shared_ptr<const Dictionary>& storebag,
-                                           uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+                                           const UserInfo& userInfo,
+                                           const std::shared_ptr<const Dictionary>& storebag,
+                                           uint16_t category, uint16_t type,
+                                           const std::optional<Dictionary>& payload);
 
     const SessionServices& services_;
     TelvoradSessionDelegate& sessionDelegate_;

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/support/daemon_world.h"
+
+#include <rapidjson/document.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cmath>
+#include <fstream>
+
+#include "config/signed_bag.h"
+#include "platform/property_list_format.h"
+#include "telvora/keys.h"
+
+namespace telvora::test {
+
+namespace {
+
+std::string gunzip(std::string_view compressed) {
+    z_stream stream{};
+    inflateInit2(&stream, 31);
+    std::string plain(compressed.size() * 100 + 1024, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
+    stream.avail_in = static_cast<uInt>(compressed.size());
+    stream.next_out = reinterpret_cast<Bytef*>(plain.data());
+    stream.avail_out = static_cast<uInt>(plain.size());
+    inflate(&stream, Z_FINISH);
+    plain.resize(stream.total_out);
+    inflateEnd(&stream);
+    return plain;
+}
+
+PropertyList fromJSON(const rapidjson::Value& value) {
+    if (value.IsBool()) return value.GetBool();
+    if (value.IsInt64()) return value.GetInt64();
+    if (value.IsUint64()) return value.GetUint64();
+    if (value.IsDouble()) return value.GetDouble();
+    if (value.IsString()) return std::string(value.GetString(), value.GetStringLength());
+    return Dictionary();
+}
+
+bool isBagRequest(const HttpRequest& request) {
+    return request.method == "GET";
+}
+
+// One key for all worlds of a process: making one takes long.
+const RsaPrivateKey& bagKey() {
+    static const RsaPrivateKey key = std::move(*RsaPrivateKey::generate(2048));
+    return key;
+}
+
+Peer ownPeer() {
+    Peer peer;
+    peer.pid = getpid();
+    peer.uid = getuid();
+    peer.gid = getgid();
+    return peer;
+}
+
+void writeFile(const std::filesystem::path& path, std::string_view content) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+}  // namespace
+
+void FakeConnection::invalidate() {
+    session_.reset();
+    const auto handler = std::exchange(invalidated_, {});
+    if (handler) handler();
+}
+
+void FakeConnection::sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp,
+                                         uint16_t category, uint16_t type,
+                                         std::optional<Dictionary> payload) {
+    const std::lock_guard lock(mutex_);
+    deliveries_.push_back({std::move(sessionInfo), timestamp, category, type, std::move(payload)});
+}
+
+std::vector<FakeConnection::Delivery> FakeConnection::deliveries() const {
+    const std::lock_guard lock(mutex_);
+    return deliveries_;
+}
+
+DaemonWorld::DaemonWorld(Dictionary deviceProperties)
+    : defaults(directory / "config", directory / "state"),
+      properties(std::move(deviceProperties)),
+      identity(properties, defaults),
+      environment(defaults, identity),
+      framework(directory / "framework"),
+      messageLog(directory / "logs"),
+      backendServices{http,
+                      identity,
+                      environment,
+                      defaults,
+                      [this] {
+                          return TimeValue{static_cast<int32_t>(now),
+                                           static_cast<int32_t>(std::fmod(now, 1.0) * 1000000)};
+                      },
+                      [] { return std::optional<std::string>("CH"); },
+                      [] { return 3600L; },
+                      [this] { return samplingFactor; }},
+      factory(backendServices),
+      sessionServices{{factory, identity, framework, backendServices.clock},
+                      identity,
+                      framework,
+                      defaults,
+                      messageLog,
+                      backendServices.clock,
+                      backendServices.countryCode},
+      fetcher({http, environment, framework}),
+      entitlements(directory / "config"),
+      keepAlive(runLoop, {.launchedOnDemand = false, .inFlight = [] { return false; }, .onIdle = [] {}}),
+      agent({entitlements, fetcher, sessionServices, keepAlive, backendServices.clock, [] {}}) {
+    writeFile(directory / "framework/publicKey.der", bagKey().publicKeyToDer());
+    const Dictionary grant{
+        {"User", std::to_string(getuid())},
+        {"Entitlements", Dictionary{{"com.zandor.private.telvorad", true}}},
+    };
+    writeFile(directory / "config/entitlements.d/test.plist",
+              *serializePropertyList(grant, PropertyListFormat::xml));
+    writeFile(directory / "config/Preferences/com.zandor.diagnosticsharing.plist",
+              *serializePropertyList(Dictionary{{"Enabled", true}}, PropertyListFormat::xml));
+    http.setHandler([](const HttpRequest& request) {
+        return isBagRequest(request) ? FakeHttpClient::failure("no bag server")
+                                     : FakeHttpClient::response(200);
+    });
+}
+
+void DaemonWorld::serveBag(std::optional<Dictionary> innerBag) {
+    std::optional<std::string> document;
+    if (innerBag) document = *signBag(*serializePropertyList(*innerBag, PropertyListFormat::xml), bagKey());
+    http.setHandler([document](const HttpRequest& request) {
+        if (!isBagRequest(request)) return FakeHttpClient::response(200);
+        return document ? FakeHttpClient::response(200, *document) : FakeHttpClient::failure("no bag server");
+    });
+}
+
+Dictionary DaemonWorld::bagWithClient(Dictionary client) {
+    return {{"version", "1"},
+            {"release",
+             Dictionary{{kTelvoraBackendHTTPPost, Dictionary{{"clients", Array{std::move(client)}}}}}}};
+}
+
+std::shared_ptr<FakeConnection> DaemonWorld::connect() {
+    auto connection = std::make_shared<FakeConnection>();
+    agent.listener(connection, ownPeer());
+    return connection;
+}
+
+std::shared_ptr<FakeConnection> DaemonWorld::connectConfigured(
+    uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy, bool aggregates) {
+    auto connection = connect();
+    const Dictionary user{{kTelvoraUserInfoClientName, "client"}, {kTelvoraUserInfoServiceName, "service"}};
+    connection->session().setSessionInfo(sessionInfoFor(sessionID, std::move(hierarchy)), user, {},
+                                         aggregates);
+    connection->session().startConfigWithCompletionHandler([](const auto&) {});
+    return connection;
+}
+
+std::vector<Dictionary> DaemonWorld::postedEvents() const {
+    std::vector<Dictionary> events;
+    for (const HttpRequest& request : http.requests()) {
+        if (isBagRequest(request)) continue;
+        const bool compressed = headerOf(request, "Content-Encoding") == "gzip";
+        rapidjson::Document message;
+        const std::string body = compressed ? gunzip(request.body) : request.body;
+        message.Parse(body.data(), body.size());
+        for (const auto& record : message["events"].GetArray()) {
+            Dictionary event;
+            for (const auto& member : record.GetObject())
+                event.set(member.name.GetString(), fromJSON(member.value));
+            events.push_back(std::move(event));
+        }
+    }
+    return events;
+}
+
+size_t DaemonWorld::bagRequests() const {
+    const auto requests = http.requests();
+    return static_cast<size_t>(std::count_if(requests.begin(), requests.end(), isBagRequest));
+}
+
+Dictionary sessionInfoFor(uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy) {
+    Dictionary info{{kTelvoraSessionInfoSessionID, sessionID},
+                    {kTelvoraSessionInfoClientType, 7},
+                    {kTelvoraSessionInfoRequireUserInfo, true}};
+    if (hierarchy) {
+        info.set(kTelvoraSessionInfoHierarchyToken,
+                 Dictionary{{kTelvoraHierarchyTokenTokenID, hierarchy->first},
+                            {kTelvoraHierarchyTokenLevel, hierarchy->second}});
+    }
+    return info;
+}
+
+}  // namespace telvora::test

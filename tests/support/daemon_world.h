@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// DaemonWorld: the whole daemon in a test's memory, but for the wire: a real agent with real sessions and
+// backends, on a virtual clock, an HTTP client without a network, and connections that only remember what
+// they were told.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backends/backend_factory.h"
+#include "config/client_framework.h"
+#include "config/environment.h"
+#include "config/storebag_fetcher.h"
+#include "daemon/telvorad_agent.h"
+#include "platform/digest.h"
+#include "platform/entitlements.h"
+#include "tests/support/fake_http_client.h"
+#include "tests/support/temp_dir.h"
+
+namespace telvora::test {
+
+// One client's end of the wire.
+class FakeConnection final : public ClientConnection {
+  public:
+    struct Delivery {
+        std::optional<Dictionary> sessionInfo;
+        double timestamp;
+        uint16_t category;
+        uint16_t type;
+        std::optional<Dictionary> payload;
+    };
+
+    void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
+        session_ = std::move(session);
+    }
+    void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer>) override {}
+    void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
+    void resume() override { resumed_ = true; }
+    // Ends the connection, as its client's end would.
+    void invalidate() override;
+    void sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
+                             uint16_t type, std::optional<Dictionary> payload) override;
+    std::string description() const override { return "fake"; }
+
+    TelvoradSession& session() const { return static_cast<TelvoradSession&>(*session_); }
+    bool resumed() const { return resumed_; }
+    std::vector<Delivery> deliveries() const;
+
+  private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<ClientSessionInterface> session_;
+    std::function<void()> invalidated_;
+    bool resumed_ = false;
+    std::vector<Delivery> deliveries_;
+};
+
+class DaemonWorld {
+  public:
+    // `deviceProperties` are all that the device says of itself.
+    explicit DaemonWorld(Dictionary deviceProperties = {{"DeviceName", "phone"}});
+
+    // From now on the bag server answers with this inner bag, signed; nothing: it can't be reached.
+    void serveBag(std::optional<Dictionary> innerBag);
+    // A bag with one section, "release", and the HTTPS backend "httpPost" in it with this clients entry.
+    static Dictionary bagWithClient(Dictionary client);
+
+    // A connection that the agent has let in.
+    std::shared_ptr<FakeConnection> connect();
+    // The same, configured: client type 7, a user, and the hierarchy's token and level if given.
+    std::shared_ptr<FakeConnection> connectConfigured(
+        uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy = {},
+        bool aggregates = false);
+
+    // Every event posted so far, in order, from the JSON bodies (gzip undone).
+    std::vector<Dictionary> postedEvents() const;
+    size_t bagRequests() const;
+
+    double now = 1'700'000'000;  // seconds since 1970
+    double samplingFactor = 0;   // what every backend draws
+    TempDir directory;
+    FakeHttpClient http;
+    asio::io_context runLoop;
+    UserDefaults defaults;
+    DeviceProperties properties;
+    DeviceIdentity identity;
+    Environment environment;
+    ClientFramework framework;
+    MessageLog messageLog;
+    BackendServices backendServices;
+    BackendFactory factory;
+    SessionServices sessionServices;
+    StorebagFetcher fetcher;
+    EntitlementStore entitlements;
+    KeepAliveTransaction keepAlive;
+    TelvoradAgent agent;
+};
+
+// Session info of client type 7.
+Dictionary sessionInfoFor(uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy = {});
+
+}  // namespace telvora::test
