@@ -96,7 +96,8 @@ void BagServer::releaseHeld() {
 
 ServerResponse BagServer::handle(const ServerRequest& request) {
     BagRequest record;
-    record.name = request.path.substr(std::min(kPathPrefix.size(), request.path.size()));
+    record.name = request.path;
+    if (record.name.starts_with(kPathPrefix)) record.name.erase(0, kPathPrefix.size());
     if (const auto version = request.query.find("version"); version != request.query.end()) {
         record.version = version->second;
     }

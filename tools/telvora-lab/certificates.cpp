@@ -2,7 +2,6 @@
 #include "telvora-lab/certificates.h"
 
 #include <openssl/bio.h>
-#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -23,6 +22,11 @@ struct Deleter {
 using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
 using Certificate = std::unique_ptr<X509, Deleter<X509_free>>;
 using Bio = std::unique_ptr<BIO, Deleter<BIO_free>>;
+
+Key makeKey() {
+    char curve[] = "P-256";
+    return Key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve));
+}
 
 std::string contents(BIO* bio) {
     char* data = nullptr;
@@ -73,8 +77,8 @@ Certificate draft(EVP_PKEY* key, const char* commonName) {
 }  // namespace
 
 Certificates makeCertificates() {
-    Key authorityKey(EVP_EC_gen("P-256"));
-    Key serverKey(EVP_EC_gen("P-256"));
+    Key authorityKey = makeKey();
+    Key serverKey = makeKey();
     if (!authorityKey || !serverKey) return {};
 
     Certificate authority = draft(authorityKey.get(), "telvora-lab authority");
