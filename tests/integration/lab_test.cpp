@@ -11,7 +11,7 @@
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
 #include "tests/support/daemon_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {
@@ -22,7 +22,7 @@ using lab::ReportingFault;
 class Lab : public testing::Test {
   protected:
     void SetUp() override {
-        auto made = lab::Laboratory::make(directory_ / "lab");
+        auto made = lab::Laboratory::make(directory_.path() / "lab");
         ASSERT_TRUE(made) << made.error();
         laboratory_ = std::move(*made);
         CurlHttpClientOptions options;
@@ -50,7 +50,7 @@ class Lab : public testing::Test {
     }
     HttpResult post() { return performBlocking(*client_, eventRequest()); }
 
-    TempDir directory_;
+    TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
     std::unique_ptr<HttpClient> client_;
 };

@@ -4,12 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {
@@ -33,13 +30,8 @@ class TelvoraBag : public testing::Test {
         ASSERT_EQ(run({"sign", "--key", path("key.pem"), path("bag.plist"), path("signed")}).status, 0);
     }
 
-    std::string path(const std::string& name) const { return directory_ / name; }
-    void write(const std::string& name, const std::string& content) { std::ofstream(path(name)) << content; }
-    std::string content(const std::string& name) const {
-        std::ifstream file(path(name));
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
+    std::string path(const std::string& name) const { return directory_.path() / name; }
+    void write(const std::string& name, const std::string& content) { directory_.write(name, content); }
     Result run(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), TELVORA_BAG_PATH);
         ChildProcess process({arguments, {}, false});
@@ -56,7 +48,7 @@ class TelvoraBag : public testing::Test {
         return all;
     }
 
-    TempDir directory_;
+    TemporaryDirectory directory_;
 };
 
 TEST_F(TelvoraBag, SignsWhatItThenVerifiesAndShows) {

@@ -14,7 +14,7 @@ std::string joined(const std::vector<std::string>& lines) {
 }  // namespace
 
 void DaemonFixture::SetUp() {
-    auto laboratory = lab::Laboratory::make(directory_ / "lab");
+    auto laboratory = lab::Laboratory::make(directory_.path() / "lab");
     ASSERT_TRUE(laboratory) << laboratory.error();
     laboratory_ = std::move(*laboratory);
 }

@@ -13,7 +13,7 @@
 
 #include "telvora-lab/laboratory.h"
 #include "tests/support/daemon_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 
@@ -25,7 +25,7 @@ class DaemonFixture : public testing::Test {
     lab::Laboratory& laboratory() { return *laboratory_; }
     lab::BagServer& bags() { return laboratory_->bags(); }
     lab::ReportingServer& reports() { return laboratory_->reports(); }
-    const TempDir& directory() const { return directory_; }
+    const TemporaryDirectory& directory() const { return directory_; }
 
     // Starts the daemon, after `change` has had its way with the options, and waits until it listens.
     void startDaemon(const std::function<void(DaemonOptions&)>& change = {});
@@ -38,7 +38,7 @@ class DaemonFixture : public testing::Test {
     void expectLineBeginning(std::string_view beginning, size_t from = 0);
 
   private:
-    TempDir directory_;
+    TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
     std::unique_ptr<DaemonProcess> daemon_;
 };
