@@ -66,7 +66,8 @@ BagServer::BagServer(const LabPki& pki)
 BagServer::~BagServer() {
     {
         MutexLock lock(mutex_);
-        for (auto& [name, bag] : bags_) bag.fault = BagFault::none;
+        for (auto& [name, bag] : bags_)
+            bag.fault = BagFault::none;
     }
     releaseHeld();
 }

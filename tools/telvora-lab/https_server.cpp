@@ -17,14 +17,20 @@ constexpr char kHost[] = "127.0.0.1";
 constexpr time_t kKeepAliveSeconds = 1;
 constexpr size_t kKeepAliveRequests = 1000000;
 
+// What the library adds to the headers that the client sent.
+bool isOfTheLibrary(const std::string& name) {
+    return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
+}
+
 ServerRequest fromHttplib(const httplib::Request& request) {
     ServerRequest result;
     result.method = request.method;
     result.path = request.path;
     for (const auto& [name, value] : request.params)
         result.query.emplace(name, value);
-    for (const auto& [name, value] : request.headers)
-        result.headers.emplace_back(name, value);
+    for (const auto& [name, value] : request.headers) {
+        if (!isOfTheLibrary(name)) result.headers.emplace_back(name, value);
+    }
     result.body = request.body;
     return result;
 }

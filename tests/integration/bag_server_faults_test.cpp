@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the daemon makes of bag servers that fail or lie: no bag for the clients it concerns, a line that says
+// why, and nothing else for anybody.
+#include <gmock/gmock.h>
+
+#include "tests/support/bags.h"
+#include "tests/support/blocking_session.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+using lab::BagFault;
+using testing::ElementsAre;
+
+constexpr char kLastModified[] = "Mon, 16 Nov 2015 08:00:00 GMT";
+
+// The client type of `kHealthyBag`, which has no fault, and that of the bag that has.
+constexpr int64_t kHealthyType = 5;
+constexpr char kHealthyBag[] = "orbel";
+
+class BagServerFaults : public DaemonFixture {
+  protected:
+    void startWithHealthyClient() {
+        laboratory().setBag(kHealthyBag, openBag());
+        startDaemon();
+        healthy_ = open(kHealthyType);
+        EXPECT_THAT(healthy_->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    }
+    std::unique_ptr<BlockingSession> open(int64_t clientType) {
+        SessionSettings settings;
+        settings.sessionID = clientType;
+        settings.clientType = clientType;
+        return std::make_unique<BlockingSession>(daemon().socketPath(), settings);
+    }
+    // That the client with the good bag still reports.
+    void expectHealthyClientReports() {
+        const size_t before = reports().eventCount();
+        healthy_->send(1, 1, {});
+        EXPECT_EQ(healthy_->flush().second, std::nullopt);
+        EXPECT_TRUE(reports().waitForEvents(before + 1, kPatience));
+    }
+    static std::string number(int64_t value) { return std::to_string(value); }
+
+  private:
+    std::unique_ptr<BlockingSession> healthy_;
+};
+
+TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
+    const std::string fetch = "fetchStorebagWithName: ";
+    const std::string notParsed = "<3>" + fetch + "propertyListWithData error ";
+    const std::string notSigned = "<3>" + fetch + "Signature is missing";
+    const std::string notVerified = "<3>" + fetch + "Signature can not be verified, ";
+    const struct {
+        BagFault fault;
+        int64_t clientType;
+        std::string bag;
+        std::vector<std::string> lineBeginnings;
+    } cases[] = {
+        {BagFault::noAnswer, 6, "vantor", {"<6>" + fetch + "Error resolving with lookup server https://"}},
+        {BagFault::truncated, 8, "dravik", {"<6>" + fetch + "Error resolving with lookup server https://"}},
+        {BagFault::notModified, 9, "fenlow", {notParsed, notSigned}},
+        {BagFault::notFound, 10, "pellam", {notParsed, notSigned}},
+        {BagFault::notAPropertyList, 12, "kestova", {notParsed, notSigned}},
+        {BagFault::unsignedBag, 16, "tamsel", {notSigned}},
+        {BagFault::foreignKey, 17, "corvane", {notVerified}},
+        {BagFault::flippedBit, 18, "lindqvar", {notVerified}},
+        {BagFault::innerNotAPropertyList, 7, "quillet", {}},
+    };
+    startWithHealthyClient();
+    for (const auto& [fault, clientType, bag, lineBeginnings] : cases) {
+        SCOPED_TRACE(bag);
+        laboratory().setBag(bag, openBag());
+        bags().setFault(bag, fault);
+        const size_t from = daemon().logLineCount();
+        const auto session = open(clientType);
+        EXPECT_EQ(session->startConfig(), std::nullopt);
+        for (const std::string& beginning : lineBeginnings)
+            expectLineBeginning(beginning, from);
+        expectLine("<3>fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type " +
+                       number(clientType),
+                   from);
+        expectLine("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type " + number(clientType),
+                   from);
+        // A session without a bag goes on, without backends.
+        EXPECT_EQ(session->send(1, 1, {}), std::nullopt);
+        expectLine("<7>sendMessageWithDictionary: No backends available to send message", from);
+
+        // The server isn't asked again at once, even though it now has a bag.
+        bags().setFault(bag, BagFault::none);
+        const size_t asked = bags().requests().size();
+        EXPECT_EQ(open(clientType)->startConfig(), std::nullopt);
+        expectLine("<6>storebagForSession: Not fetching storebag for client type " + number(clientType) +
+                       " - must wait 900 seconds between attempts",
+                   from);
+        EXPECT_EQ(bags().requests().size(), asked);
+        expectHealthyClientReports();
+    }
+}
+
+TEST_F(BagServerFaults, FallBackToTheBuiltInBagForOneNameOnly) {
+    startWithHealthyClient();
+    bags().refuse();
+    EXPECT_EQ(open(8)->startConfig(), std::nullopt);
+    expectLineBeginning("<6>fetchStorebagWithName: Error resolving with lookup server " + bags().baseURL() +
+                        "/dravik?version=8.1.2, sendSynchronousRequest error ");
+    EXPECT_THAT(open(7)->startConfig(), testing::Optional(testing::_));
+    expectLine("<6>fetchStorebagWithName: Loading default storebag 'quillet'");
+    expectLine("<6>fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=3600");
+    expectHealthyClientReports();
+}
+
+TEST_F(BagServerFaults, HoldUpNobodyWhoHasABag) {
+    startWithHealthyClient();
+    laboratory().setBag("dravik", openBag());
+    bags().setFault("dravik", BagFault::hold);
+    const auto session = open(8);
+    const auto states = session->beginStartConfig();
+    ASSERT_TRUE(bags().waitForRequests(2, kPatience));
+    expectHealthyClientReports();
+    bags().releaseHeld();
+    EXPECT_THAT(states(), testing::Optional(ElementsAre("httpPost")));
+}
+
+TEST_F(BagServerFaults, EndAfterFifteenSecondsOfSilence) {
+    startWithHealthyClient();
+    laboratory().setBag("dravik", openBag());
+    bags().setFault("dravik", BagFault::hold);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(open(8)->startConfig(), std::nullopt);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
+    expectLineBeginning("<6>fetchStorebagWithName: Error resolving with lookup server ");
+    bags().releaseHeld();
+}
+
+TEST_F(BagServerFaults, LeaveTheLastGoodBagInForce) {
+    startWithHealthyClient();
+    laboratory().setBag("dravik", openBag());
+    bags().setHeaders("dravik", "max-age=0", kLastModified);
+    EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    expectLine(std::string("<7>fetchStorebagWithName: New 'Last-Modified: ") + kLastModified + "' received");
+
+    // Unchanged: the server says so, and the copy stays.
+    EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    expectLine(std::string("<7>fetchStorebagWithName: Adding 'Last-Modified: ") + kLastModified +
+               "' to the header");
+    expectLine("<7>fetchStorebagWithName: storebag content has not changed. using its cached version");
+    EXPECT_EQ(bags().requests().back().status, 304);
+
+    // Gone bad: the copy stays, and the server is left alone for a while.
+    bags().setHeaders("dravik", "max-age=0", std::nullopt);
+    for (const BagFault fault : {BagFault::flippedBit, BagFault::none}) {
+        bags().setFault("dravik", fault);
+        EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    }
+    expectLine("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type 8");
+    expectLine(
+        "<6>storebagForSession: Not fetching storebag for client type 8 - must wait 900 seconds between "
+        "attempts");
+}
+
+}  // namespace
+}  // namespace telvora::test

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A plain blocking sd-bus on the caller's thread: nothing of libtelvora, whose faults the tests of the daemon
+// must not share.
+#include "tests/support/blocking_session.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+
+#include "platform/bus_message.h"
+#include "protocol/client_session_wire.h"
+#include "protocol/property_list_codec.h"
+#include "telvora/keys.h"
+#include "tests/support/daemon_process.h"
+#include "util/unique_fd.h"
+
+namespace telvora::test {
+namespace {
+
+using Fill = std::function<void(ArgumentWriter&)>;
+
+UniqueFd connectTo(const std::string& socketPath) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof address.sun_path)
+        throw std::runtime_error("the socket's path is too long");
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size());
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("no connection to " + socketPath);
+    }
+    return socket;
+}
+
+void check(int result, const char* what) {
+    if (result < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-result));
+}
+
+Dictionary sessionInfo(const SessionSettings& settings) {
+    return {{kTelvoraSessionInfoSessionID, settings.sessionID},
+            {kTelvoraSessionInfoClientType, settings.clientType},
+            {kTelvoraSessionInfoClientVersion, settings.clientVersion},
+            {kTelvoraSessionInfoRequireUserInfo, settings.requireUserInfo},
+            {kTelvoraSessionInfoBatchEvent, settings.batchEvents}};
+}
+
+std::optional<Dictionary> userInfo(const SessionSettings& settings) {
+    if (settings.clientName.empty()) return std::nullopt;
+    return Dictionary{{kTelvoraUserInfoClientName, settings.clientName},
+                      {kTelvoraUserInfoServiceName, settings.serviceName}};
+}
+
+std::optional<std::string> readAnswer(BusMessage reply) {
+    return ArgumentReader(reply).optionalString();
+}
+
+States readStates(BusMessage reply) {
+    return ArgumentReader(reply).optionalStrings();
+}
+
+FlushAnswer readFlushAnswer(BusMessage reply) {
+    ArgumentReader reader(reply);
+    auto answer = reader.optionalString();
+    return {std::move(answer), reader.optionalError()};
+}
+
+}  // namespace
+
+struct BlockingSession::State {
+    sd_bus* bus = nullptr;
+    SessionSettings settings;
+    std::map<uint64_t, BusMessage> replies;  // that came while another was waited for
+
+    State(const std::string& socketPath, const SessionSettings& sessionSettings) : settings(sessionSettings) {
+        check(sd_bus_new(&bus), "sd_bus_new");
+        const int socket = connectTo(socketPath).release();
+        check(sd_bus_set_fd(bus, socket, socket), "sd_bus_set_fd");
+        check(sd_bus_start(bus), "sd_bus_start");
+    }
+    ~State() {
+        replies.clear();
+        sd_bus_flush_close_unref(bus);
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    uint64_t send(const char* method, const Fill& fill) {
+        sd_bus_message* message = nullptr;
+        check(sd_bus_message_new_method_call(bus, &message, nullptr, kTelvoradPath,
+                                             clientSessionBusInterface().name().c_str(), method),
+              method);
+        BusMessage call = BusMessage::adopt(message);
+        ArgumentWriter writer(call);
+        fill(writer);
+        check(writer.result(), method);
+        uint64_t cookie = 0;
+        check(sd_bus_send(bus, call.get(), &cookie), method);
+        check(sd_bus_flush(bus), method);
+        return cookie;
+    }
+
+    BusMessage await(uint64_t cookie) {
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (!replies.contains(cookie)) {
+            sd_bus_message* message = nullptr;
+            const int result = sd_bus_process(bus, &message);
+            check(result, "sd_bus_process");
+            BusMessage received = BusMessage::adopt(message);
+            uint64_t answered = 0;
+            if (received && sd_bus_message_get_reply_cookie(received.get(), &answered) >= 0) {
+                replies[answered] = std::move(received);
+            }
+            if (result > 0) continue;
+            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) throw std::runtime_error("no answer came");
+            check(sd_bus_wait(bus, static_cast<uint64_t>(left.count())), "sd_bus_wait");
+        }
+        BusMessage reply = std::move(replies[cookie]);
+        replies.erase(cookie);
+        if (const sd_bus_error* error = reply.error()) throw std::runtime_error(error->name);
+        return reply;
+    }
+
+    BusMessage call(
+        const char* method, const Fill& fill = [](ArgumentWriter&) {}) {
+        return await(send(method, fill));
+    }
+};
+
+BlockingSession::BlockingSession(const std::string& socketPath, const SessionSettings& settings)
+    : state_(std::make_unique<State>(socketPath, settings)) {
+    state_->call("SetSessionInfo", [&](ArgumentWriter& arguments) {
+        arguments.dictionary(sessionInfo(settings));
+        arguments.optionalDictionary(userInfo(settings));
+        arguments.strings({});
+        arguments.boolean(false);
+    });
+}
+
+BlockingSession::~BlockingSession() = default;
+
+States BlockingSession::startConfig() {
+    return beginStartConfig()();
+}
+
+std::function<States()> BlockingSession::beginStartConfig() {
+    const uint64_t cookie = state_->send("StartConfig", [](ArgumentWriter&) {});
+    return [this, cookie] { return readStates(state_->await(cookie)); };
+}
+
+States BlockingSession::fetchStates() {
+    return readStates(state_->call("FetchStates", [this](ArgumentWriter& arguments) {
+        arguments.optionalDictionary(userInfo(state_->settings));
+    }));
+}
+
+std::optional<std::string> BlockingSession::send(uint16_t category, uint16_t type,
+                                                 const Dictionary& payload) {
+    return readAnswer(state_->call("SendMessageWithCategory", [&](ArgumentWriter& arguments) {
+        arguments.u16(category);
+        arguments.u16(type);
+        arguments.optionalDictionary(payload);
+    }));
+}
+
+std::optional<std::string> BlockingSession::send(uint16_t category, uint16_t type, const Dictionary& payload,
+                                                 int64_t flag) {
+    return readAnswer(state_->call("SendMessageWithDictionary", [&](ArgumentWriter& arguments) {
+        arguments.dictionary({{kTelvoraMessageParametersCategory, int64_t{category}},
+                              {kTelvoraMessageParametersType, int64_t{type}},
+                              {kTelvoraMessageParametersPayload, payload},
+                              {kTelvoraMessageParametersFlag, flag}});
+    }));
+}
+
+FlushAnswer BlockingSession::flush() {
+    return beginFlush()();
+}
+
+std::function<FlushAnswer()> BlockingSession::beginFlush() {
+    const uint64_t cookie = state_->send("FlushMessages", [](ArgumentWriter&) {});
+    return [this, cookie] { return readFlushAnswer(state_->await(cookie)); };
+}
+
+std::optional<std::string> BlockingSession::finish() {
+    return readAnswer(state_->call("FinishSession"));
+}
+
+}  // namespace telvora::test

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// BlockingSession: a session as a test reads best, one call after another. Each call waits for its answer,
+// for kPatience at most; a call that gets none throws std::runtime_error.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/property_list.h"
+#include "protocol/telvora_error.h"
+
+namespace telvora::test {
+
+struct SessionSettings {
+    int64_t sessionID = 1;
+    int64_t clientType = 8;
+    int64_t clientVersion = 3;
+    bool batchEvents = true;
+    bool requireUserInfo = true;
+    std::string clientName = "tester";  // empty: no user info
+    std::string serviceName = "integration";
+};
+
+using States = std::optional<std::vector<std::string>>;
+using FlushAnswer = std::pair<std::optional<std::string>, std::optional<TelvoraError>>;
+
+class BlockingSession {
+  public:
+    // Connects and tells the daemon what the session is. Throws when the connection fails.
+    explicit BlockingSession(const std::string& socketPath, const SessionSettings& settings = {});
+    // Ends the connection.
+    ~BlockingSession();
+    BlockingSession(const BlockingSession&) = delete;
+    BlockingSession& operator=(const BlockingSession&) = delete;
+
+    States startConfig();
+    States fetchStates();
+    std::optional<std::string> send(uint16_t category, uint16_t type, const Dictionary& payload);
+    // With a flag: 1 realtime, 2 promote.
+    std::optional<std::string> send(uint16_t category, uint16_t type, const Dictionary& payload,
+                                    int64_t flag);
+    FlushAnswer flush();
+    std::optional<std::string> finish();
+
+    // Starts a call without waiting; the function that is returned waits for the answer.
+    std::function<States()> beginStartConfig();
+    std::function<FlushAnswer()> beginFlush();
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace telvora::test
