@@ -73,20 +73,11 @@ tl::expected<void, std::string> removeStale(const std::filesystem::path& path, c
 
 }  // namespace
 
-ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
-    : socket(std::move(other.socket)),
-      fromServiceManager(other.fromServiceManager),
-      path_(std::move(other.path_)),
-      device_(other.device_),
-      inode_(other.inode_) {
-    other.path_.clear();
-}
-
 ListeningSocket::~ListeningSocket() {
-    if (path_.empty()) return;
-    struct stat status {};
-    if (lstat(path_.c_str(), &status) != 0) return;
-    if (status.st_dev == device_ && status.st_ino == inode_) unlink(path_.c_str());
+    struct stat ours {};
+    struct stat there {};
+    if (!file_ || fstat(file_.get(), &ours) != 0 || lstat(path_.c_str(), &there) != 0) return;
+    if (ours.st_dev == there.st_dev && ours.st_ino == there.st_ino) unlink(path_.c_str());
 }
 
 tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path& runtimeDirectory,
@@ -110,10 +101,8 @@ tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesy
         return failure("can't bind " + path.native());
     }
     result.path_ = path;
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) return failure(path.native());
-    result.device_ = status.st_dev;
-    result.inode_ = status.st_ino;
+    result.file_.reset(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!result.file_) return failure(path.native());
     if (chmod(path.c_str(), kOpenToAll) != 0) return failure("can't open " + path.native() + " to all");
     if (listen(result.socket.get(), SOMAXCONN) != 0) return failure("can't listen on " + path.native());
     return result;

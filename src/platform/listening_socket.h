@@ -3,8 +3,6 @@
 // The Unix stream socket on which clients reach the daemon.
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
 #include <string>
 #include <tl/expected.hpp>
@@ -21,7 +19,7 @@ class ListeningSocket {
     bool fromServiceManager = false;
 
     ListeningSocket() = default;
-    ListeningSocket(ListeningSocket&& other) noexcept;
+    ListeningSocket(ListeningSocket&&) noexcept = default;
     ListeningSocket& operator=(ListeningSocket&&) = delete;
     ~ListeningSocket();
 
@@ -29,9 +27,10 @@ class ListeningSocket {
     friend tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path&,
                                                                           const std::string&);
 
-    std::filesystem::path path_;  // empty: the name isn't ours to remove
-    dev_t device_ = 0;            // which file it is, for a later daemon may have put its own there
-    ino_t inode_ = 0;
+    std::filesystem::path path_;
+    // The file of that name when we made it, else none. It is held open so that its number stays its own:
+    // by the end, another daemon's file may go by the name.
+    UniqueFd file_;
 };
 
 // The socket that the service manager handed over (sd_listen_fds(3); the variables are then removed from the
