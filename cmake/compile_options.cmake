@@ -27,3 +27,6 @@ endif()
 
 # Asio without Boost, and without its exceptions reaching a handler: every call here takes an error_code.
 add_compile_definitions(ASIO_STANDALONE ASIO_NO_DEPRECATED _GNU_SOURCE)
+# asio decides on aligned_alloc(3) by a macro that it sees only where a header of libstdc++ came before it, so
+# that what one file allocates with it another might delete without it.
+add_compile_definitions(ASIO_HAS_STD_ALIGNED_ALLOC=1)

@@ -26,7 +26,8 @@ tl::expected<DroppedPrivileges, std::string> dropPrivileges() {
         return tl::unexpected(std::string("capabilities are left"));
     }
     dropped.boundingSet = capng_have_capabilities(CAPNG_SELECT_BOUNDS) == CAPNG_NONE;
-    if (!sanitizer_needs::kDumpable) dropped.notDumpable = prctl(PR_SET_DUMPABLE, 0UL, 0UL, 0UL, 0UL) == 0;
+    if (!sanitizer_needs::kDumpable) prctl(PR_SET_DUMPABLE, 0UL, 0UL, 0UL, 0UL);
+    dropped.notDumpable = prctl(PR_GET_DUMPABLE, 0UL, 0UL, 0UL, 0UL) == 0;
     return dropped;
 }
 
