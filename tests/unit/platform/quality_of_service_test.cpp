@@ -35,9 +35,9 @@ TEST(QualityOfService, HoldsForTheThreadAndThoseItStarts) {
 
 TEST(QualityOfService, NeverRaisesWhatWasLower) {
     EXPECT_EQ(test::inForkedChild([](const ChildReport& report) {
-                  report.expectErrno(setpriority(PRIO_PROCESS, 0, 15), 0, "setpriority");
+                  report.expectErrno(setpriority(PRIO_PROCESS, 0, 19), 0, "setpriority");
                   setUtilityQualityOfService();
-                  report.expect(getpriority(PRIO_PROCESS, 0) == 15, "nice");
+                  report.expect(getpriority(PRIO_PROCESS, 0) == 19, "nice");
               }),
               "");
 }

@@ -27,6 +27,7 @@
 #include <csignal>
 #include <cstddef>
 #include <latch>
+#include <set>
 #include <thread>
 
 #include "platform/listening_socket.h"
@@ -111,8 +112,8 @@ class SandboxTest : public testing::TestWithParam<uid_t> {
     Directories directories_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Users, SandboxTest, testing::Values(getuid(), kNobody),
-                         [](const auto& test) { return test.param == kNobody ? "nobody" : "asStarted"; });
+INSTANTIATE_TEST_SUITE_P(Users, SandboxTest, testing::ValuesIn(std::set{getuid(), kNobody}),
+                         [](const auto& test) { return test.param == getuid() ? "asStarted" : "nobody"; });
 
 TEST_P(SandboxTest, LeavesNoWayToOtherFiles) {
     const std::string parentMemory = "/proc/" + std::to_string(getpid()) + "/mem";
@@ -198,7 +199,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
                                     SYS_setgid,
                                     SYS_capset,
                                     SYS_sethostname,
-                                    SYS_chown,
+                                    SYS_fchownat,
                                     SYS_pidfd_open,
                                     SYS_seccomp,
                                     SYS_landlock_restrict_self,
