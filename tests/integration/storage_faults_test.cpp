@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The real daemon on file systems that fail it: reports go on.
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "tests/support/bags.h"
+#include "tests/support/blocking_session.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+// A file system of a few pages for a scope.
+class TinyFileSystem {
+  public:
+    explicit TinyFileSystem(const std::filesystem::path& path) : path_(path) {
+        std::filesystem::create_directories(path);
+        mounted_ = mount("none", path.c_str(), "tmpfs", 0, "size=16k,mode=0755") == 0;
+    }
+    ~TinyFileSystem() {
+        if (mounted_) umount2(path_.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+    // Leaves room for nothing more.
+    void fill() const { std::ofstream(path_ / "filler") << std::string(size_t{1} << 20, 'x'); }
+
+  private:
+    std::filesystem::path path_;
+    bool mounted_ = false;
+};
+
+class StorageFaults : public DaemonFixture {
+  protected:
+    // Sends a realtime report, which is posted and logged at once.
+    void expectRealtimeReport(BlockingSession& session) {
+        const size_t before = reports().eventCount();
+        EXPECT_TRUE(session.send(9, 1, {{"k", "v"}}, 1)) << "a logged answer";
+        EXPECT_TRUE(reports().waitForEvents(before + 1, kPatience));
+    }
+};
+
+TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
+    const TinyFileSystem logs(directory() / "logs");
+    if (!logs.mounted()) GTEST_SKIP() << "mounting a file system takes privileges that this process lacks";
+    laboratory().setBag("dravik", openBag());
+    startDaemon();
+    BlockingSession session(daemon().socketPath());
+    session.startConfig();
+    expectRealtimeReport(session);
+    expectLineBeginning("<6>writeToLogFile: Saved log message to ");
+
+    logs.fill();
+    const size_t from = daemon().logLineCount();
+    expectRealtimeReport(session);
+    // The record that found no room takes its file with it; there may then be room for the next one.
+    expectLineBeginning("<6>writeToLogFile: Deleted expired telvorad log file ", from);
+    expectRealtimeReport(session);
+}
+
+TEST_F(StorageFaults, AStateDirectoryThatCantBeWrittenCostsNoReport) {
+    laboratory().setBag("dravik", openBag());
+    startDaemon([&](DaemonOptions& options) {
+        std::filesystem::create_directories(options.directory / "state");
+        chmod((options.directory / "state").c_str(), 0500);  // holds for root too: the daemon has no capabilities
+    });
+    BlockingSession session(daemon().socketPath());
+    session.startConfig();
+    expectRealtimeReport(session);
+    expectRealtimeReport(session);
+    const auto messages = reports().messages();
+    ASSERT_GE(messages.size(), 2U);
+    EXPECT_EQ(messages[0].clientId, messages[1].clientId) << "identifiers stay while the process lives";
+    chmod((directory() / "state").c_str(), 0700);
+}
+
+}  // namespace
+}  // namespace telvora::test
