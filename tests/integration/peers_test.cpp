@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The real daemon and the peers on its socket: those that it lets in, those that it doesn't, and those that misbehave.
+// The real daemon and the peers on its socket: those that it lets in, those that it doesn't, and those that
+// misbehave.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -49,7 +50,8 @@ TEST_F(Peers, MayBeWrittenBySomebodyElse) {
     options.arguments = {"/usr/bin/python3", TELVORA_GDBUS_CLIENT, daemon().socketPath(), "8"};
     ChildProcess client(options);
     EXPECT_EQ(client.waitForExit(kPatience), 0);
-    for (const std::string& line : client.errors().lines()) ADD_FAILURE() << line;
+    for (const std::string& line : client.errors().lines())
+        ADD_FAILURE() << line;
 
     // Start, two reports and finish in one batch, and the end message on its own way at the connection's end.
     EXPECT_TRUE(reports().waitForEvents(5, kPatience));
@@ -62,7 +64,8 @@ TEST_F(Peers, MayBeWrittenBySomebodyElse) {
     EXPECT_EQ(*report->find("huge"), PropertyList(~uint64_t{0}));
     EXPECT_EQ(report->real("date"), 1000.5);
     EXPECT_EQ(*report->string(kTelvoraUserInfoClientName), "gdbus");
-    for (const char* container : {"data", "list", "tree"}) EXPECT_FALSE(report->contains(container)) << container;
+    for (const char* container : {"data", "list", "tree"})
+        EXPECT_FALSE(report->contains(container)) << container;
 }
 
 }  // namespace
