@@ -25,9 +25,9 @@ struct StorebagFetcherServices {
 
 // What the two operations report beside their result.
 struct StorebagFetchStatus {
-    int32_t maxAge = 0;                       // seconds; stays as it was when the server wasn't reached
-    bool notChanged = false;                  // the server said that the caller's copy is still right
-    std::optional<std::string> lastModified;  // in: of the caller's copy; out: what the server sent
+    int32_t maxAge = 0;                         // seconds; stays as it was when the server wasn't reached
+    bool notChanged = false;                    // the server said that the caller's copy is still right
+    std::optional<std::string> lastModified{};  // in: of the caller's copy; out: what the server sent
 };
 
 class StorebagFetcher {

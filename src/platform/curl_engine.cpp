@@ -17,22 +17,22 @@ constexpr size_t kMaxUnderWay = 192;
 
 }  // namespace
 
-std::unique_ptr<CurlEngine> CurlEngine::make(const CurlHttpClientOptions& options) {
-    CURLM* multi = curl_multi_init();
+std::unique_ptr<CurlEngine> CurlEngine::make(const CurlLibrary& curl, const CurlHttpClientOptions& options) {
+    CURLM* multi = curl.multiInit();
     if (multi == nullptr) return nullptr;
-    curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, options.maxConnections);
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.maxConnectionsPerHost);
-    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, options.maxConnections);
-    curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
-    return std::unique_ptr<CurlEngine>(new CurlEngine(options, multi));
+    curl.multiSetopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, options.maxConnections);
+    curl.multiSetopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.maxConnectionsPerHost);
+    curl.multiSetopt(multi, CURLMOPT_MAXCONNECTS, options.maxConnections);
+    curl.multiSetopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
+    return std::unique_ptr<CurlEngine>(new CurlEngine(curl, options, multi));
 }
 
 CurlEngine::~CurlEngine() {
     for (const auto& transfer : transfers_) {
-        if (transfer->exchange() != nullptr) curl_multi_remove_handle(multi_, transfer->handle());
+        if (transfer->exchange() != nullptr) curl_.multiRemoveHandle(multi_, transfer->handle());
     }
     transfers_.clear();
-    curl_multi_cleanup(multi_);
+    curl_.multiCleanup(multi_);
 }
 
 void CurlEngine::add(std::unique_ptr<HttpExchange> exchange) {
@@ -50,9 +50,9 @@ std::vector<CurlEngine::Finished> CurlEngine::perform() {
     expire();
     startWaiting();
     int running = 0;
-    const CURLMcode code = curl_multi_perform(multi_, &running);
+    const CURLMcode code = curl_.multiPerform(multi_, &running);
     if (code != CURLM_OK) {
-        TELVORA_LOG(kLogError, "CurlEngine(perform): %s", curl_multi_strerror(code));
+        TELVORA_LOG(kLogError, "CurlEngine(perform): %s", curl_.multiStrerror(code));
         return abandon(CURLE_FAILED_INIT);
     }
     collectEnded();
@@ -79,7 +79,7 @@ void CurlEngine::wait(std::chrono::milliseconds limit) {
         limit = std::clamp(std::chrono::ceil<std::chrono::milliseconds>(left), {}, limit);
     }
     const auto milliseconds = std::min<int64_t>(limit.count(), std::numeric_limits<int>::max());
-    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(milliseconds), nullptr);
+    curl_.multiPoll(multi_, nullptr, 0, static_cast<int>(milliseconds), nullptr);
 }
 
 void CurlEngine::queueTurn(Line& line) {
@@ -109,7 +109,7 @@ void CurlEngine::begin(Line& line) {
     if (!exchange->hasTimeout()) deadlines_.erase({exchange->deadline, exchange.get()});
     ++line.underWay;
     CURLcode code = transfer->begin(std::move(exchange));
-    if (code == CURLE_OK && curl_multi_add_handle(multi_, transfer->handle()) != CURLM_OK) {
+    if (code == CURLE_OK && curl_.multiAddHandle(multi_, transfer->handle()) != CURLM_OK) {
         code = CURLE_OUT_OF_MEMORY;
     }
     if (code != CURLE_OK) finish(*transfer, code);
@@ -118,7 +118,7 @@ void CurlEngine::begin(Line& line) {
 // A transfer that is taken out of the free ones; null when there is no memory for one more.
 CurlTransfer* CurlEngine::freeTransfer() {
     if (freeTransfers_.empty()) {
-        auto made = std::make_unique<CurlTransfer>(options_);
+        auto made = std::make_unique<CurlTransfer>(curl_, options_);
         if (made->handle() == nullptr) return nullptr;
         transfers_.push_back(std::move(made));
         return transfers_.back().get();
@@ -130,16 +130,16 @@ CurlTransfer* CurlEngine::freeTransfer() {
 
 void CurlEngine::collectEnded() {
     int left = 0;
-    while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    while (const CURLMsg* message = curl_.multiInfoRead(multi_, &left)) {
         if (message->msg == CURLMSG_DONE) {
             const CURLcode code = message->data.result;  // the message ends with the handle's removal
-            finish(CurlTransfer::of(message->easy_handle), code);
+            finish(CurlTransfer::of(curl_, message->easy_handle), code);
         }
     }
 }
 
 void CurlEngine::finish(CurlTransfer& transfer, CURLcode code) {
-    curl_multi_remove_handle(multi_, transfer.handle());
+    curl_.multiRemoveHandle(multi_, transfer.handle());
     HttpResult result = transfer.end(code);
     std::unique_ptr<HttpExchange> exchange = transfer.release();
     freeTransfers_.push_back(&transfer);
@@ -154,7 +154,7 @@ void CurlEngine::finish(CurlTransfer& transfer, CURLcode code) {
 // Ends an exchange that has already left its line.
 void CurlEngine::finishWaiting(std::unique_ptr<HttpExchange> exchange, CURLcode code) {
     deadlines_.erase({exchange->deadline, exchange.get()});
-    finished_.push_back({std::move(exchange), tl::unexpected(HttpError{code, curl_easy_strerror(code)})});
+    finished_.push_back({std::move(exchange), tl::unexpected(HttpError{code, curl_.easyStrerror(code)})});
 }
 
 void CurlEngine::expire() {

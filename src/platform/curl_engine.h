@@ -9,8 +9,6 @@
 // libcurl's clock does not run for a transfer that waits for a connection.
 #pragma once
 
-#include <curl/curl.h>
-
 #include <chrono>
 #include <deque>
 #include <memory>
@@ -31,8 +29,8 @@ class CurlEngine {
         HttpResult result;
     };
 
-    // `options` must outlive the engine. Nothing when libcurl has no memory left.
-    static std::unique_ptr<CurlEngine> make(const CurlHttpClientOptions& options);
+    // Both must outlive the engine. Nothing when libcurl has no memory left.
+    static std::unique_ptr<CurlEngine> make(const CurlLibrary& curl, const CurlHttpClientOptions& options);
     // Closes all connections. Exchanges that are left are dropped without a result; see abandon().
     ~CurlEngine();
     CurlEngine(const CurlEngine&) = delete;
@@ -50,7 +48,7 @@ class CurlEngine {
     void wait(std::chrono::milliseconds limit);
 
     // Ends the present or the next wait(). Callable from any thread while the engine lives.
-    void wake() { curl_multi_wakeup(multi_); }
+    void wake() { curl_.multiWakeup(multi_); }
 
     // Whether no exchange is under way or waits.
     bool empty() const { return lines_.empty(); }
@@ -66,7 +64,8 @@ class CurlEngine {
         std::deque<std::unique_ptr<HttpExchange>> waiting;
     };
 
-    CurlEngine(const CurlHttpClientOptions& options, CURLM* multi) : options_(options), multi_(multi) {}
+    CurlEngine(const CurlLibrary& curl, const CurlHttpClientOptions& options, CURLM* multi)
+        : curl_(curl), options_(options), multi_(multi) {}
 
     void startWaiting();
     void queueTurn(Line& line);
@@ -80,6 +79,7 @@ class CurlEngine {
     void dropEmptyLines();
     size_t underWay() const { return transfers_.size() - freeTransfers_.size(); }
 
+    const CurlLibrary& curl_;
     const CurlHttpClientOptions& options_;
     CURLM* multi_;
     std::vector<std::unique_ptr<CurlTransfer>> transfers_;

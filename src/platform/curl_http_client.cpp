@@ -70,6 +70,7 @@ class CurlHttpClient : public HttpClient {
 
     HttpResult accept(std::unique_ptr<HttpExchange>& exchange) TELVORA_EXCLUDES(mutex_);
     bool hasRoomFor(const HttpExchange& exchange) TELVORA_REQUIRES(mutex_);
+    bool openLibrary() TELVORA_REQUIRES(mutex_);
     bool ensureThread() TELVORA_REQUIRES(mutex_);
 
     void run() TELVORA_EXCLUDES(mutex_);
@@ -87,22 +88,19 @@ class CurlHttpClient : public HttpClient {
     Load total_ TELVORA_GUARDED_BY(mutex_);
     std::unordered_map<std::string, Load> byOrigin_ TELVORA_GUARDED_BY(mutex_);
     CurlEngine* sleeper_ TELVORA_GUARDED_BY(mutex_) = nullptr;  // the engine, while it has to be woken
-    bool initialized_ TELVORA_GUARDED_BY(mutex_) = false;
     bool running_ TELVORA_GUARDED_BY(mutex_) = false;
     bool stopping_ TELVORA_GUARDED_BY(mutex_) = false;
-    std::thread thread_;  // joinable from its start on, even after it has ended
+    std::unique_ptr<CurlLibrary> curl_;  // from the first request on
+    std::thread thread_;                 // joinable from its start on, even after it has ended
 };
 
 CurlHttpClient::~CurlHttpClient() {
-    bool initialized;
     {
         const MutexLock lock(mutex_);
         stopping_ = true;
-        initialized = initialized_;
         if (sleeper_ != nullptr) sleeper_->wake();
     }
     if (thread_.joinable()) thread_.join();
-    if (initialized) curl_global_cleanup();
 }
 
 void CurlHttpClient::start(HttpRequest request, Completion completion) {
@@ -153,10 +151,19 @@ bool CurlHttpClient::hasRoomFor(const HttpExchange& exchange) {
     return origin == byOrigin_.end() || fits(origin->second, 2);
 }
 
+bool CurlHttpClient::openLibrary() {
+    auto opened = CurlLibrary::open();
+    if (!opened) {
+        TELVORA_LOG(kLogError, "CurlHttpClient(start): can't load libcurl: %s", opened.error().c_str());
+        return false;
+    }
+    curl_ = std::move(*opened);
+    return true;
+}
+
 bool CurlHttpClient::ensureThread() {
     if (running_) return true;
-    if (!initialized_) initialized_ = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-    if (!initialized_) return false;
+    if (curl_ == nullptr && !openLibrary()) return false;
     if (thread_.joinable()) thread_.join();  // it has set running_ to false and is about to return
     try {
         const AllSignalsBlocked inherited;
@@ -172,7 +179,7 @@ bool CurlHttpClient::ensureThread() {
 void CurlHttpClient::run() {
     pthread_setname_np(pthread_self(), "telvora-http");
     do {
-        const std::unique_ptr<CurlEngine> engine = CurlEngine::make(options_);
+        const std::unique_ptr<CurlEngine> engine = CurlEngine::make(*curl_, options_);
         if (engine == nullptr) {
             refuseIncoming(CURLE_OUT_OF_MEMORY);
         } else {
@@ -244,7 +251,7 @@ void CurlHttpClient::refuseIncoming(CURLcode code) {
     {
         const MutexLock lock(mutex_);
         for (auto& exchange : incoming_)
-            refused.push_back({std::move(exchange), failure(code, curl_easy_strerror(code))});
+            refused.push_back({std::move(exchange), failure(code, curl_->easyStrerror(code))});
         incoming_.clear();
     }
     complete(std::move(refused));

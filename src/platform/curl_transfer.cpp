@@ -35,47 +35,48 @@ bool hasHeader(const HttpRequest& request, std::string_view name) {
 
 }  // namespace
 
-CurlTransfer::CurlTransfer(const CurlHttpClientOptions& options) : easy_(curl_easy_init()) {
+CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options)
+    : curl_(curl), easy_(curl.easyInit()) {
     if (easy_ != nullptr) setConstantOptions(options);
 }
 
 CurlTransfer::~CurlTransfer() {
-    curl_easy_cleanup(easy_);
+    curl_.easyCleanup(easy_);
 }
 
-CurlTransfer& CurlTransfer::of(CURL* handle) {
+CurlTransfer& CurlTransfer::of(const CurlLibrary& curl, CURL* handle) {
     char* self = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &self);
+    curl.easyGetinfo(handle, CURLINFO_PRIVATE, &self);
     return *reinterpret_cast<CurlTransfer*>(self);
 }
 
 void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
-    curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
-    curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorText_.data());
-    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTransfer::onHeader);
-    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::onBody);
-    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+    curl_.easySetopt(easy_, CURLOPT_PRIVATE, this);
+    curl_.easySetopt(easy_, CURLOPT_ERRORBUFFER, errorText_.data());
+    curl_.easySetopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTransfer::onHeader);
+    curl_.easySetopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_.easySetopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::onBody);
+    curl_.easySetopt(easy_, CURLOPT_WRITEDATA, this);
 
-    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_.easySetopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    curl_.easySetopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
     // Where reports go is for the bag to say, not for a variable that was left in the environment.
-    curl_easy_setopt(easy_, CURLOPT_PROXY, "");
+    curl_.easySetopt(easy_, CURLOPT_PROXY, "");
 
-    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
-    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
-    curl_easy_setopt(easy_, CURLOPT_MAXAGE_CONN, static_cast<long>(options.idleConnectionAge.count()));
+    curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    curl_.easySetopt(easy_, CURLOPT_MAXAGE_CONN, static_cast<long>(options.idleConnectionAge.count()));
 
-    curl_easy_setopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_.easySetopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
     // A directory of certificates would keep libcurl from caching the store between connections.
-    curl_easy_setopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
-    curl_easy_setopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
-    if (!options.caFile.empty()) curl_easy_setopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
+    curl_.easySetopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
+    if (!options.caFile.empty()) curl_.easySetopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
 }
 
 CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
@@ -88,30 +89,30 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
 
     const HttpRequest& request = exchange_->request;
     setMethodAndBody(request);
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
+    curl_.easySetopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
     // Over TLS the first handshake tells whether one connection serves all; worth waiting for. Without TLS
     // there is nothing to learn, and a slow first answer would hold up the others.
-    curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, isSecureUrl(request.url) ? 1L : 0L);
-    curl_easy_setopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
+    curl_.easySetopt(easy_, CURLOPT_PIPEWAIT, isSecureUrl(request.url) ? 1L : 0L);
+    curl_.easySetopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(std::clamp<size_t>(request.maxResponseBytes, 1, INT64_MAX)));
-    return curl_easy_setopt(easy_, CURLOPT_URL, request.url.c_str());
+    return curl_.easySetopt(easy_, CURLOPT_URL, request.url.c_str());
 }
 
 void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
-    curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
-    curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-    curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);  // also undoes what an earlier method has set
+    curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also undoes what an earlier method has set
     if (request.method == "HEAD") {
-        curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L);
+        curl_.easySetopt(easy_, CURLOPT_NOBODY, 1L);
         return;
     }
     if (request.method == "POST" || !request.body.empty()) {
-        curl_easy_setopt(easy_, CURLOPT_POST, 1L);
-        curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request.body.data());
-        curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        curl_.easySetopt(easy_, CURLOPT_POST, 1L);
+        curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, request.body.data());
+        curl_.easySetopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
     }
     if (request.method != "POST" && (request.method != "GET" || !request.body.empty())) {
-        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     }
 }
 
@@ -196,10 +197,10 @@ HttpResult CurlTransfer::end(CURLcode code) {
     }
     if (code != CURLE_OK) {
         const bool explained = errorText_.front() != '\0';
-        return tl::unexpected(HttpError{code, explained ? errorText_.data() : curl_easy_strerror(code)});
+        return tl::unexpected(HttpError{code, explained ? errorText_.data() : curl_.easyStrerror(code)});
     }
     long status = 0;
-    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
     response_.status = static_cast<int>(status);
     return std::move(response_);
 }

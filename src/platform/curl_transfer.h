@@ -5,8 +5,6 @@
 // thread.
 #pragma once
 
-#include <curl/curl.h>
-
 #include <array>
 #include <chrono>
 #include <memory>
@@ -14,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/curl_library.h"
 #include "platform/http_client.h"
 
 namespace telvora {
@@ -34,14 +33,14 @@ struct HttpExchange {
 
 class CurlTransfer {
   public:
-    // `options` need not outlive the constructor. handle() is null when libcurl has no memory left.
-    explicit CurlTransfer(const CurlHttpClientOptions& options);
+    // `curl` must outlive the transfer; `options` need not. handle() is null when libcurl has no memory left.
+    CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options);
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
 
     // The transfer that a handle belongs to.
-    static CurlTransfer& of(CURL* handle);
+    static CurlTransfer& of(const CurlLibrary& curl, CURL* handle);
 
     CURL* handle() const { return easy_; }
     // Null while the transfer is free.
@@ -64,6 +63,7 @@ class CurlTransfer {
     void setMethodAndBody(const HttpRequest& request);
     curl_slist* makeHeaderList(const HttpRequest& request);
 
+    const CurlLibrary& curl_;
     CURL* easy_;
     std::unique_ptr<HttpExchange> exchange_;
     HttpResponse response_;

@@ -47,10 +47,13 @@ class FakeHttpClient : public HttpClient {
             const std::lock_guard lock(mutex_);
             requests_.push_back(request);
             handler = handler_;
-            if (!handler) held_.push_back(std::move(completion));
             changed_.notify_all();
+            if (!handler) {
+                held_.push_back(std::move(completion));
+                return;
+            }
         }
-        if (handler) completion(handler(request));
+        completion(handler(request));
     }
 
     // All requests so far.

@@ -200,6 +200,7 @@ TEST(CurlHttpClient, AServerThatHangsDelaysNobodyElse) {
     auto client =
         makeCurlHttpClient({.maxConnections = 4, .maxConnectionsPerHost = 2, .maxPendingRequests = 40});
     std::vector<std::future<HttpResult>> stuck;
+    stuck.reserve(20);
     for (int i = 0; i < 20; ++i)
         stuck.push_back(startIn(*client, {.url = hanging.url()}));
     EXPECT_EQ(errorCode(performBlocking(*client, {.url = hanging.url()})), kTooManyPending);
@@ -228,7 +229,7 @@ TEST(CurlHttpClient, BoundsPendingBytes) {
 }
 
 TEST(CurlHttpClient, CarriesManyRequestsFromManyThreads) {
-    constexpr int kThreads = 4, kEach = 500;
+    constexpr int kThreads = 4, kEach = 500, kAll = kThreads * kEach;
     std::atomic<int> served = 0;
     ScriptedServer server([&](Connection& connection) {
         for (std::string request; !(request = connection.readRequest()).empty(); ++served) {
@@ -239,8 +240,9 @@ TEST(CurlHttpClient, CarriesManyRequestsFromManyThreads) {
     });
     const auto client = makeCurlHttpClient();
     std::atomic<int> right = 0;
-    std::latch done(kThreads * kEach);
+    std::latch done(kAll);
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kEach; ++i) {
@@ -256,8 +258,8 @@ TEST(CurlHttpClient, CarriesManyRequestsFromManyThreads) {
     for (auto& thread : threads)
         thread.join();
     done.wait();
-    EXPECT_EQ(right, kThreads * kEach);
-    EXPECT_EQ(served, kThreads * kEach);
+    EXPECT_EQ(right, kAll);
+    EXPECT_EQ(served, kAll);
     EXPECT_LE(server.connections(), 6u);
 }
 

@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "config/storebag_fetcher.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/fake_http_client.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+#include "tests/unit/config/bag_test_support.h"
+
+namespace telvora {
+namespace {
+
+using test::FakeHttpClient;
+using Lines = std::vector<std::string>;
+
+const std::string kBase = "http://bags.test/b";
+const std::string kFetch = "fetchStorebagWithName: ";
+const std::string kSelect = "fetchStorebagForEnvironmentAndClientType: ";
+
+const Dictionary kSection{{"httpPost", Dictionary{{"active", true}}}};
+const Dictionary kBag{{"version", "1.2"}, {"release", kSection}};
+
+// A fetcher whose server answers what `answer` holds.
+struct Fixture {
+    explicit Fixture(const Dictionary& settings = {}) {
+        Dictionary all = settings;
+        all.set("telvora_storebag_url", kBase);
+        directory.write("etc/Preferences/com.zandor.telvora.plist", test::serialized(all));
+        directory.write("framework/publicKey.der", test::bagKey().publicKeyToDer());
+        directory.write("framework/Info.plist", test::serialized(Dictionary{{"CFBundleVersion", "9.1"}}));
+        http.setHandler([this](const HttpRequest&) { return answer; });
+    }
+
+    test::TemporaryDirectory directory;
+    UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
+    DeviceProperties properties{Dictionary{}};
+    DeviceIdentity identity{properties, defaults};
+    Environment environment{defaults, identity};
+    ClientFramework framework{directory.path() / "framework"};
+    FakeHttpClient http;
+    HttpResult answer = FakeHttpClient::response(200, test::signedDocument(kBag));
+    StorebagFetcher fetcher{{http, environment, framework}};
+    StorebagFetchStatus status{.maxAge = -7};
+};
+
+TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
+    Fixture f;
+    const test::LogCapture log;
+    EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), kBag);
+    EXPECT_EQ(f.status.maxAge, 86400);
+    EXPECT_FALSE(f.status.notChanged);
+    EXPECT_EQ(log.lines(), (Lines{"<7>" + kFetch + "Storebag Server URL: " + kBase + "/orbel?version=9.1"}));
+    const HttpRequest request = f.http.requests().at(0);
+    EXPECT_EQ(request.method, "GET");
+    EXPECT_EQ(request.url, kBase + "/orbel?version=9.1");
+    EXPECT_TRUE(request.headers.empty());
+    EXPECT_EQ(request.timeout, std::chrono::seconds(15));
+
+    std::filesystem::remove(f.directory.path() / "framework/Info.plist");
+    f.fetcher.fetchStorebagWithName(std::nullopt, f.status);
+    EXPECT_EQ(f.http.requests().at(1).url, kBase + "/(null)?version=8.0");
+}
+
+TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
+    const struct {
+        HttpHeaders headers;
+        int32_t expected;
+    } cases[] = {
+        {{}, 86400},
+        {{{"Cache-Control", ""}}, 86400},
+        {{{"cache-control", "max-age=600"}}, 600},
+        {{{"Cache-Control", "public, max-age=600"}}, 600},
+        {{{"Cache-Control", "max-age=600, private"}}, 600},
+        {{{"Cache-Control", "max-age 600"}}, 600},
+        {{{"Cache-Control", "max-age=abc"}}, 0},
+        {{{"Cache-Control", "max-age="}}, 0},
+        {{{"Cache-Control", "max-age= 600"}}, 0},
+        {{{"Cache-Control", "max-age"}}, 86400},
+        {{{"Cache-Control", "no-cache"}}, 86400},
+        {{{"Cache-Control", "Max-Age=600"}}, 86400},
+        {{{"Cache-Control", "public,max-age=600"}}, 86400},
+        {{{"Cache-Control", "s-max-age=1 max-age=2 max-age=3"}}, 2},
+        {{{"Cache-Control", "max-age=99999999999999999999"}}, 2147483647},
+    };
+    Fixture f;
+    for (const auto& each : cases) {
+        f.answer = FakeHttpClient::response(200, "", each.headers);
+        f.fetcher.fetchStorebagWithName("orbel", f.status);
+        EXPECT_EQ(f.status.maxAge, each.expected) << (each.headers.empty() ? "none" : each.headers[0].second);
+    }
+}
+
+TEST(StorebagFetcher, HonoursLastModified) {
+    const HttpHeaders headers{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
+    const std::string document = test::signedDocument(kBag);
+    const struct {
+        const char* what;
+        HttpResult answer;
+        std::optional<std::string> before, after;
+        bool notChanged, result;
+        Lines log;  // after the line with the URL
+    } cases[] = {
+        {"not modified",
+         FakeHttpClient::response(304, "", headers),
+         "old",
+         "old",
+         true,
+         false,
+         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
+          "<7>" + kFetch + "storebag content has not changed. using its cached version"}},
+        {"new content",
+         FakeHttpClient::response(200, document, headers),
+         "old",
+         "new",
+         false,
+         true,
+         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
+          "<7>" + kFetch + "New 'Last-Modified: new' received"}},
+        {"first content",
+         FakeHttpClient::response(200, document, headers),
+         std::nullopt,
+         "new",
+         false,
+         true,
+         {"<7>" + kFetch + "New 'Last-Modified: new' received"}},
+        {"content without a date",
+         FakeHttpClient::response(200, document),
+         "old",
+         "old",
+         false,
+         true,
+         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header"}},
+    };
+    for (const auto& each : cases) {
+        Fixture f;
+        f.answer = each.answer;
+        f.status.lastModified = each.before;
+        const test::LogCapture log;
+        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result) << each.what;
+        EXPECT_EQ(f.status.notChanged, each.notChanged) << each.what;
+        EXPECT_EQ(f.status.lastModified, each.after) << each.what;
+        EXPECT_EQ(test::headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
+        Lines lines = log.lines();
+        lines.erase(lines.begin());
+        EXPECT_EQ(lines, each.log) << each.what;
+    }
+}
+
+TEST(StorebagFetcher, AnEmptyAnswerIsOnlyUnchangedWithADateOnBothSides) {
+    for (const bool dated : {false, true}) {
+        Fixture f;
+        if (!dated) f.status.lastModified = "old";
+        f.answer =
+            FakeHttpClient::response(200, "", dated ? HttpHeaders{{"Last-Modified", "new"}} : HttpHeaders{});
+        const test::LogCapture log;
+        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
+        EXPECT_FALSE(f.status.notChanged);
+        EXPECT_EQ(f.status.lastModified, dated ? "new" : "old");
+        EXPECT_EQ(log.lines().back(), "<3>" + kFetch + "Signature is missing");
+    }
+}
+
+TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
+    Fixture f;
+    f.answer = FakeHttpClient::failure("no route");
+    f.status.lastModified = "old";
+    const std::string error = "<6>" + kFetch + "Error resolving with lookup server " + kBase;
+    {
+        const test::LogCapture log;
+        const auto bag = f.fetcher.fetchStorebagWithName("quillet", f.status);
+        ASSERT_TRUE(bag);
+        const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
+        EXPECT_EQ(*bag, (Dictionary{{"zandor_internal", section},
+                                    {"development", section},
+                                    {"release", section},
+                                    {"version", "1.0.0-Quillet-Fallback"},
+                                    {"refresh_cycle", 3600}}));
+        EXPECT_EQ(log.count(error + "/quillet?version=9.1, sendSynchronousRequest error no route"), 1u);
+        EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
+    }
+    {
+        const test::LogCapture log;
+        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
+        EXPECT_EQ(log.lines().back(), error + "/orbel?version=9.1, sendSynchronousRequest error no route");
+    }
+    EXPECT_EQ(f.status.maxAge, -7);
+    EXPECT_EQ(f.status.lastModified, "old");
+    f.answer = FakeHttpClient::response(500, "broken");
+    EXPECT_EQ(f.fetcher.fetchStorebagWithName("quillet", f.status), std::nullopt);
+    EXPECT_EQ(f.status.maxAge, 86400);
+}
+
+TEST(StorebagSelection, NamesTheBagOfEachClientType) {
+    const char* const names[] = {nullptr,   nullptr,  nullptr,  nullptr,   nullptr,    "orbel",   "vantor",
+                                 "quillet", "dravik", "fenlow", "pellam",  "quillet",  "kestova", "quillet",
+                                 "vantor",  "vantor", "tamsel", "corvane", "lindqvar", nullptr};
+    for (uint32_t type = 0; type < std::size(names); ++type)
+        EXPECT_EQ(bagNameForClientType(type).value_or("none"), names[type] ? names[type] : "none") << type;
+}
+
+TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
+    const Dictionary seed{{"s", 1}};
+    const std::string ageLine = "<6>" + kSelect + "Store bag override MaxAge=";
+    const std::string seedLine = "<4>" + kSelect + "Seed section is missing in the storebag.";
+    const std::string noneLine = "<3>" + kSelect + "Could not find storebag for client type 5 with ";
+    const auto with = [](Dictionary bag, const char* key, PropertyList value) {
+        bag.set(key, std::move(value));
+        return bag;
+    };
+    const struct {
+        const char* what;
+        int environment;
+        Dictionary bag;
+        std::optional<Dictionary> section;
+        int32_t maxAge;
+        Lines log;  // above debug level, after the line of the environment
+    } cases[] = {
+        {"release", 4, kBag, kSection, 60, {}},
+        {"seed", 3, with(kBag, "seed", seed), seed, 60, {}},
+        {"seed is missing", 3, kBag, kSection, 60, {seedLine}},
+        {"seed and release are missing", 3, {}, std::nullopt, 60, {seedLine, noneLine + "seed environment"}},
+        {"development is missing", 1, kBag, std::nullopt, 60, {noneLine + "development environment"}},
+        {"no section for none", 0, kBag, std::nullopt, 60, {noneLine + "(null) environment"}},
+        {"section is no dictionary",
+         4,
+         with(kBag, "release", "x"),
+         std::nullopt,
+         60,
+         {noneLine + "release environment"}},
+        {"long refresh cycle", 4, with(kBag, "refresh_cycle", 100000), kSection, 86400, {ageLine + "86400"}},
+        {"short refresh cycle", 4, with(kBag, "refresh_cycle", 600), kSection, 600, {ageLine + "600"}},
+        {"no refresh cycle at all", 4, with(kBag, "refresh_cycle", 0), kSection, 0, {ageLine + "0"}},
+        {"negative refresh cycle", 4, with(kBag, "refresh_cycle", -5), kSection, -5, {ageLine + "-5"}},
+    };
+    for (const auto& each : cases) {
+        Fixture f({{"environmentType", each.environment}});
+        f.answer =
+            FakeHttpClient::response(200, test::signedDocument(each.bag), {{"Cache-Control", "max-age=60"}});
+        f.environment.userDefaultsEnvironment();
+        std::optional<std::string> version = "before";
+        const test::LogCapture log;
+        EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), each.section)
+            << each.what;
+        EXPECT_EQ(version, each.section ? "1.2" : "before") << each.what;
+        EXPECT_EQ(f.status.maxAge, each.maxAge) << each.what;
+        Lines lines = log.lines();
+        std::erase_if(lines, [](const std::string& line) { return line.starts_with("<7>"); });
+        EXPECT_EQ(lines, each.log) << each.what;
+    }
+}
+
+TEST(StorebagSelection, SaysWhyThereIsNone) {
+    Fixture f;
+    f.answer = FakeHttpClient::failure("down");
+    std::optional<std::string> version;
+    const test::LogCapture log;
+    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(0, version, f.status), std::nullopt);
+    EXPECT_EQ(f.http.requestCount(), 0u);
+    EXPECT_EQ(log.lines(), (Lines{"<3>" + kSelect + "Could not find storebag name for client type 0"}));
+
+    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(4, version, f.status), std::nullopt);
+    EXPECT_EQ(f.http.requests().at(0).url, kBase + "/(null)?version=9.1");
+    EXPECT_EQ(log.lines().back(), "<3>" + kSelect + "Could not fetch storebag for client type 4");
+
+    f.status.lastModified = "old";
+    f.answer = FakeHttpClient::response(304, "", {{"Last-Modified", "old"}});
+    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), std::nullopt);
+    EXPECT_EQ(log.lines().back(),
+              "<7>" + kFetch + "storebag content has not changed. using its cached version");
+
+    f.answer = FakeHttpClient::failure("down");
+    EXPECT_TRUE(f.fetcher.fetchStorebagForEnvironmentAndClientType(11, version, f.status));
+    EXPECT_EQ(version, "1.0.0-Quillet-Fallback");
+    EXPECT_EQ(f.status.maxAge, 3600);
+}
+
+}  // namespace
+}  // namespace telvora
