@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What travels on a connection: calls in, answers out, calls out, answers in.
+#include <poll.h>
+
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
 #include <cstring>
@@ -83,6 +85,7 @@ int BusConnection::sendReply(sd_bus_message* call, const PendingCall::Fill& fill
     BusMessage reply = BusMessage::adopt(message);
     if (result >= 0) result = fill(reply);
     if (result >= 0) return send(reply);
+    if (peerIsGone()) return result;
     TELVORA_LOG(kLogError, "BusConnection(sendReply): Failed to write the answer to %s: %s",
                 sd_bus_message_get_member(call), std::strerror(-result));
     return sd_bus_reply_method_errno(call, result, nullptr);
@@ -156,7 +159,17 @@ int BusConnection::onReply(sd_bus_message* message, void* userdata, sd_bus_error
 
 // --- The queue ---
 
+// To sd-bus a failure to write is the end of the connection, though input may be left that the peer sent before
+// it went. So nothing is written to a peer that has gone, and its input is read to the end.
+bool BusConnection::peerIsGone() {
+    if (hungUp_) return true;
+    pollfd socket = {sd_bus_get_fd(bus_.get()), 0, 0};
+    hungUp_ = poll(&socket, 1, 0) > 0 && (socket.revents & POLLHUP) != 0;
+    return hungUp_;
+}
+
 int BusConnection::send(BusMessage& message) {
+    if (peerIsGone()) return -EPIPE;
     const int result = sd_bus_send(bus_.get(), message.get(), nullptr);
     if (result >= 0) noteQueued(message.bodySize());
     return result;

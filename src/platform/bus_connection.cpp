@@ -169,8 +169,7 @@ void BusConnection::waitFor(Wait wait) {
 }
 
 void BusConnection::woken(Wait wait) {
-    // After a hang-up nothing more can be written, so there is no reason left to let input rest: what the
-    // peer sent before it went still counts.
+    // There is no reason left to let input rest: what the peer sent before it went still counts.
     if (wait == kHangUp) hungUp_ = true;
     if (wait == kRead) checkIncomingSize();
     if (bus_) pump(wait == kWrite);

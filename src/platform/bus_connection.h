@@ -181,6 +181,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void answer(uint64_t id, const PendingCall::Fill& fill);
     void forget(uint64_t id);
     int sendReply(sd_bus_message* call, const PendingCall::Fill& fill);
+    bool peerIsGone();
     int send(BusMessage& message);
     void carryOn();
     void noteQueued(size_t bytes);
