@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/client_session.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "client/client_session_connection.h"
+#include "protocol/client_session_wire.h"
+
+namespace telvora {
+
+namespace {
+
+size_t index(SessionMethod method) {
+    return static_cast<size_t>(method);
+}
+
+constexpr auto kNoArguments = [](ArgumentWriter&) {};
+constexpr auto kReadString = [](ArgumentReader& in) { return in.string(); };
+constexpr auto kReadOptionalString = [](ArgumentReader& in) { return in.optionalString(); };
+constexpr auto kReadStates = [](ArgumentReader& in) { return in.optionalStrings(); };
+
+tl::expected<UniqueFd, std::string> connectTo(const std::string& path) {
+    const auto failure = [&path](int error) {
+        return tl::unexpected("can't connect to " + path + ": " + std::strerror(error));
+    };
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket) return failure(errno);
+    int result = 0;
+    do {
+        result = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) return failure(errno);
+    return socket;
+}
+
+}  // namespace
+
+std::string ClientSession::defaultSocketPath() {
+    if (const char* path = std::getenv("TELVORA_SOCKET"); path != nullptr && *path != '\0') return path;
+    const char* directories = std::getenv("RUNTIME_DIRECTORY");
+    std::string directory = directories != nullptr ? directories : "";
+    directory = directory.substr(0, directory.find(':'));
+    if (directory.empty()) directory = "/run/telvora";
+    return directory + "/" + kTelvoradSocketName;
+}
+
+tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect(
+    ClientRuntime& runtime, const std::string& socketPath, Handlers handlers) {
+    auto socket = connectTo(socketPath);
+    if (!socket) return tl::unexpected(socket.error());
+    auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers));
+    if (const auto started = connection->start(std::move(*socket)); !started) {
+        return tl::unexpected(started.error());
+    }
+    return std::unique_ptr<ClientSession>(new ClientSession(std::move(connection)));
+}
+
+ClientSession::ClientSession(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
+
+ClientSession::~ClientSession() {
+    connection_->invalidate();
+}
+
+void ClientSession::invalidate() {
+    connection_->invalidate();
+}
+
+void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                   std::vector<std::string> frameworksToCheck, Completion<void> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kSetSessionInfo),
+        [sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo),
+         frameworks = std::move(frameworksToCheck),
+         aggregates = connection_->aggregates()](ArgumentWriter& out) {
+            out.dictionary(sessionInfo);
+            out.optionalDictionary(userInfo);
+            out.strings(frameworks);
+            out.boolean(aggregates);
+        },
+        [](ArgumentReader&) {}, std::move(completion));
+}
+
+void ClientSession::startConfig(Completion<ReportingStates> completion) {
+    connection_->call(clientSessionBusInterface(), index(SessionMethod::kStartConfig), kNoArguments,
+                      kReadStates, std::move(completion));
+}
+
+void ClientSession::fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kFetchStates),
+        [userInfo = std::move(userInfo)](ArgumentWriter& out) { out.optionalDictionary(userInfo); },
+        kReadStates, std::move(completion));
+}
+
+void ClientSession::fetchDisplayURL(Completion<std::string> completion) {
+    connection_->call(clientSessionBusInterface(), index(SessionMethod::kFetchDisplayURL), kNoArguments,
+                      kReadString, std::move(completion));
+}
+
+void ClientSession::sendMessage(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                Completion<std::optional<std::string>> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithCategory),
+        [category, type, payload = std::move(payload)](ArgumentWriter& out) {
+            out.u16(category);
+            out.u16(type);
+            out.optionalDictionary(payload);
+        },
+        kReadOptionalString, std::move(completion));
+}
+
+void ClientSession::sendMessage(Dictionary message, Completion<std::optional<std::string>> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithDictionary),
+        [message = std::move(message)](ArgumentWriter& out) { out.dictionary(message); }, kReadOptionalString,
+        std::move(completion));
+}
+
+void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kFlushMessages), kNoArguments,
+        [](ArgumentReader& in) {
+            FlushAnswer answer;
+            answer.answer = in.optionalString();
+            answer.error = in.optionalError();
+            return answer;
+        },
+        std::move(completion));
+}
+
+void ClientSession::finishSession(Completion<std::optional<std::string>> completion) {
+    connection_->call(clientSessionBusInterface(), index(SessionMethod::kFinishSession), kNoArguments,
+                      kReadOptionalString, std::move(completion));
+}
+
+void ClientSession::issueFileExtension(std::string path, UniqueFd file, Completion<std::string> completion) {
+    // A shared pointer, because what waits in the queue has to be copyable.
+    connection_->call(
+        sandboxExtensionBusInterface(), 0,
+        [path = std::move(path), file = std::make_shared<UniqueFd>(std::move(file))](ArgumentWriter& out) {
+            out.string(path);
+            out.file(file->get());
+        },
+        kReadString, std::move(completion));
+}
+
+void ClientSession::uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kUploadFileAtPath),
+        [fileURL = std::move(fileURL), extensionToken = std::move(extensionToken)](ArgumentWriter& out) {
+            out.string(fileURL);
+            out.string(extensionToken);
+        },
+        [](ArgumentReader& in) { return in.boolean(); }, std::move(completion));
+}
+
+void ClientSession::uploadLogData(Array records, Completion<UploadAnswer> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kUploadLogData),
+        [records = std::move(records)](ArgumentWriter& out) { out.array(records); },
+        [](ArgumentReader& in) {
+            UploadAnswer answer;
+            answer.uploaded = in.boolean();
+            answer.error = in.optionalError();
+            return answer;
+        },
+        std::move(completion));
+}
+
+void ClientSession::sendSingleMessage(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                      uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                      Completion<std::string> completion) {
+    connection_->call(
+        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithSessionInfo),
+        [sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo), category, type,
+         payload = std::move(payload)](ArgumentWriter& out) {
+            out.dictionary(sessionInfo);
+            out.optionalDictionary(userInfo);
+            out.u16(category);
+            out.u16(type);
+            out.optionalDictionary(payload);
+        },
+        kReadString, std::move(completion));
+}
+
+}  // namespace telvora

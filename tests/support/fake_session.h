@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "protocol/client_session_interface.h"
+
+namespace telvora::test {
+
+// Notes what arrives, and answers with what the test has set.
+class FakeSession : public ClientSessionInterface {
+  public:
+    std::vector<PropertyList> calls;
+    // Takes a reply instead of its being run at once.
+    std::function<void(StringReply)> onSendMessage;
+
+    void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                        std::vector<std::string> frameworks, bool hasAggregationBlock) override {
+        Array names(frameworks.begin(), frameworks.end());
+        note("setSessionInfo", {sessionInfo, orNothing(userInfo), names, hasAggregationBlock});
+    }
+    void startConfigWithCompletionHandler(ReportingStatesReply reply) override {
+        note("startConfig", {});
+        reply(std::vector<std::string>{"httpPost", "dashboard"});
+    }
+    void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo, ReportingStatesReply reply) override {
+        note("fetchStates", {orNothing(userInfo)});
+        reply(std::nullopt);
+    }
+    void fetchDisplayURL(std::function<void(std::string)> reply) override {
+        note("fetchDisplayURL", {});
+        reply("URL not available");
+    }
+    void sendMessageWithCategory(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                 StringReply reply) override {
+        note("sendMessageWithCategory", {unsigned{category}, unsigned{type}, orNothing(payload)});
+        if (onSendMessage) return onSendMessage(std::move(reply));
+        reply(std::nullopt);
+    }
+    void sendMessageWithDictionary(Dictionary message, StringReply reply) override {
+        note("sendMessageWithDictionary", {message});
+        reply("answer");
+    }
+    void flushMessagesWithCompletion(FlushReply reply) override {
+        note("flushMessages", {});
+        reply("flushed", makeTelvoraError("no", 503));
+    }
+    void finishSessionWithReply(StringReply reply) override {
+        note("finishSession", {});
+        reply("finished");
+    }
+    void uploadFileAtPath(std::string fileURL, std::string token, UploadFileReply reply) override {
+        note("uploadFileAtPath", {fileURL, token});
+        reply(true);
+    }
+    void uploadLogData(Array records, UploadLogDataReply reply) override {
+        note("uploadLogData", {records});
+        reply(true, std::nullopt);
+    }
+    void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                    uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                    StringReply reply) override {
+        note("sendMessageWithSessionInfo",
+             {sessionInfo, orNothing(userInfo), unsigned{category}, unsigned{type}, orNothing(payload)});
+        reply("storebag not available");
+    }
+
+  private:
+    void note(const char* operation, Array arguments) {
+        calls.push_back(Dictionary{{operation, std::move(arguments)}});
+    }
+    static PropertyList orNothing(const std::optional<Dictionary>& value) {
+        return value ? PropertyList(*value) : PropertyList("nothing");
+    }
+};
+
+}  // namespace telvora::test
