@@ -159,8 +159,8 @@ int BusConnection::onReply(sd_bus_message* message, void* userdata, sd_bus_error
 
 // --- The queue ---
 
-// To sd-bus a failure to write is the end of the connection, though input may be left that the peer sent before
-// it went. So nothing is written to a peer that has gone, and its input is read to the end.
+// To sd-bus a failure to write is the end of the connection, though input may be left that the peer sent
+// before it went. So nothing is written to a peer that has gone, and its input is read to the end.
 bool BusConnection::peerIsGone() {
     if (hungUp_) return true;
     pollfd socket = {sd_bus_get_fd(bus_.get()), 0, 0};

@@ -36,12 +36,13 @@ tl::expected<std::shared_ptr<BusConnection>, std::string> BusConnection::make(St
                                                                               BusRole role,
                                                                               BusLimits limits) {
     std::shared_ptr<BusConnection> connection(
-        new BusConnection(std::move(strand), std::move(socket), limits));
-    return connection->configure(role).map([&] { return connection; });
+        new BusConnection(std::move(strand), std::move(socket), role, limits));
+    return connection->configure().map([&] { return connection; });
 }
 
-BusConnection::BusConnection(Strand strand, UniqueFd socket, BusLimits limits)
+BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits)
     : strand_(std::move(strand)),
+      role_(role),
       limits_(limits),
       socket_(std::move(socket)),
       descriptor_(strand_),
@@ -51,11 +52,11 @@ BusConnection::~BusConnection() {
     if (descriptor_.is_open()) descriptor_.release();
 }
 
-tl::expected<void, std::string> BusConnection::configure(BusRole role) {
+tl::expected<void, std::string> BusConnection::configure() {
     sd_bus* bus = nullptr;
     int result = sd_bus_new(&bus);
     bus_.reset(bus);
-    if (result >= 0 && role == BusRole::kServer) {
+    if (result >= 0 && role_ == BusRole::kServer) {
         sd_id128_t guid = {};
         result = sd_id128_randomize(&guid);
         if (result >= 0) result = sd_bus_set_server(bus, true, guid);
@@ -72,7 +73,7 @@ tl::expected<void, std::string> BusConnection::configure(BusRole role) {
         filter_.reset(slot);
     }
     if (result < 0) return tl::unexpected(errnoText(result));
-    return role == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
+    return role_ == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
 }
 
 // Tools that take every socket for a message bus open with this call and give up without an answer.
@@ -143,8 +144,11 @@ void BusConnection::pump(bool writable) {
     });
 }
 
+// Only a server lets input rest: were both ends to do so, each could wait for the other for ever. A client
+// has asked for the answers that it gets.
 bool BusConnection::inputRests() const {
-    return !hungUp_ && (outputCongested() || pendingCalls_.size() >= limits_.pendingCalls);
+    return role_ == BusRole::kServer && !hungUp_ &&
+           (outputCongested() || pendingCalls_.size() >= limits_.pendingCalls);
 }
 
 void BusConnection::arm() {
@@ -205,7 +209,8 @@ void BusConnection::armTimer() {
         if (error || !self->bus_) return;
         self->timerSetFor_.reset();
         const auto& authentication = self->authenticationDeadline_;
-        if (authentication && *authentication <= std::chrono::steady_clock::now()) {
+        if (authentication && *authentication <= std::chrono::steady_clock::now() &&
+            sd_bus_is_ready(self->bus_.get()) <= 0) {
             return self->end("authentication timed out");
         }
         self->pump(false);

@@ -7,7 +7,7 @@
 // sd_bus_get_timeout(3) ask for, then processes all input that is there, a bounded number of messages per
 // turn so that one busy peer can't keep a runner to itself. A quiet connection has no timer and no wakeup.
 //
-// What a peer can cost: BusLimits says it. A peer whose answers pile up, or that has too many calls
+// What a peer can cost: BusLimits says it. A client whose answers pile up, or that has too many calls
 // unanswered, is not read from until that has changed; its own socket then fills up and it waits. A peer that
 // does not authenticate in time, or that sends a message that is too large, is disconnected.
 //
@@ -51,14 +51,15 @@ enum class BusRole { kServer, kClient };
 struct BusLimits {
     // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
     std::chrono::milliseconds authenticationTimeout{10'000};
-    // Largest incoming message, in bytes. sd-bus reads a message in pieces, and the size is checked between
-    // them: a fast peer may get some more bytes in, in no case more than the 128 MiB that D-Bus allows.
+    // Largest incoming message, in bytes. sd-bus reads on as long as there is more to read, and the size is
+    // checked in between: a peer that writes as fast as it is read from can get more in, though never more
+    // than the 128 MiB at which sd-bus itself ends the connection.
     size_t messageSize = size_t{16} << 20;
-    // Outgoing bytes and messages that wait for the peer to read. Beyond either, input rests and sendOneWay()
-    // refuses.
+    // Outgoing bytes and messages that wait for the peer to read. Beyond either, sendOneWay() refuses and a
+    // server's input rests.
     size_t queuedBytes = size_t{1} << 20;
     size_t queuedMessages = 1024;
-    // Calls of the peer that wait for their answer. Beyond it, input rests.
+    // Calls of the peer that wait for their answer. Beyond it, a server's input rests.
     size_t pendingCalls = 4096;
 };
 
@@ -159,8 +160,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     struct SentCall;
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
-    BusConnection(Strand strand, UniqueFd socket, BusLimits limits);
-    tl::expected<void, std::string> configure(BusRole role);
+    BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits);
+    tl::expected<void, std::string> configure();
     tl::expected<void, std::string> exportHello();
 
     void begin();
@@ -189,6 +190,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     size_t queuedMessages() const;
 
     Strand strand_;
+    const BusRole role_;
     const BusLimits limits_;
     UniqueFd socket_;  // until sd-bus has taken it over
     BusHandle bus_;

@@ -6,11 +6,14 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <filesystem>
 #include <future>
+#include <thread>
 
 #include "daemon/client_connection.h"
 #include "tests/support/fake_session.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -41,9 +44,6 @@ struct Answer {
 class ClientSessionTest : public testing::Test {
   protected:
     ClientSessionTest() {
-        char name[] = "/tmp/telvora-client-XXXXXX";
-        directory = mkdtemp(name);
-        socketPath = directory / "socket";
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         socketPath.string().copy(address.sun_path, sizeof address.sun_path - 1);
@@ -54,7 +54,6 @@ class ClientSessionTest : public testing::Test {
     ~ClientSessionTest() override {
         session.reset();
         if (connection) ended.get_future().wait();
-        std::filesystem::remove_all(directory);
     }
     void connect(ClientSession::Handlers handlers = {}) {
         auto connected = ClientSession::connect(runtime, socketPath, std::move(handlers));
@@ -68,8 +67,8 @@ class ClientSessionTest : public testing::Test {
         connection->resume();
     }
 
-    std::filesystem::path directory;
-    std::filesystem::path socketPath;
+    test::TemporaryDirectory directory;
+    std::filesystem::path socketPath = directory.path() / "socket";
     UniqueFd listener;
     std::promise<void> ended;
     std::shared_ptr<FakeSession> daemon = std::make_shared<FakeSession>();
@@ -80,7 +79,8 @@ class ClientSessionTest : public testing::Test {
 };
 
 TEST_F(ClientSessionTest, SaysWhyItCantConnect) {
-    for (const std::string& path : {(directory / "none").string(), std::string(200, 'x'), std::string()}) {
+    for (const std::string& path :
+         {(directory.path() / "none").string(), std::string(200, 'x'), std::string()}) {
         const auto connected = ClientSession::connect(runtime, path);
         ASSERT_FALSE(connected);
         EXPECT_EQ(connected.error().rfind("can't connect to " + path + ": ", 0), 0u);
@@ -223,15 +223,15 @@ TEST_F(ClientSessionTest, RefusesWhatCantBeSentAndTooMuchOfIt) {
     const size_t calls = ClientSession::kMaxPendingCalls + 10;
     for (size_t i = 0; i < calls; ++i) {
         session->sendMessage(1, 2, std::nullopt, [&](const auto& answer) {
-            if (!answer) EXPECT_EQ(answer.error().kind, CallFailure::Kind::kTooManyCalls);
+            EXPECT_TRUE(answer || answer.error().kind == CallFailure::Kind::kTooManyCalls);
             ++(answer ? taken : refused);
             if (taken + refused == calls) all.set_value();
         });
     }
     release.set_value();
     all.get_future().wait();
-    EXPECT_EQ(taken, ClientSession::kMaxPendingCalls);
-    EXPECT_EQ(refused, 10u);
+    EXPECT_GE(refused, 10u);
+    EXPECT_LE(refused, 11u);  // the invalid call may not quite have ended
 }
 
 TEST_F(ClientSessionTest, HandsMessagesToTheAggregationBlock) {

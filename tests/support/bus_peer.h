@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The other end of a connection under test: a plain blocking sd-bus, on the test's own thread.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "platform/bus_message.h"
+#include "util/unique_fd.h"
+
+namespace telvora::test {
+
+struct SocketPair {
+    UniqueFd ours;
+    UniqueFd theirs;
+
+    SocketPair() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+            throw std::runtime_error("socketpair");
+        ours.reset(ends[0]);
+        theirs.reset(ends[1]);
+    }
+};
+
+class BusPeer {
+  public:
+    explicit BusPeer(UniqueFd socket) {
+        check(sd_bus_new(&bus_));
+        const int fd = socket.release();
+        check(sd_bus_set_fd(bus_, fd, fd));
+        check(sd_bus_negotiate_fds(bus_, true));
+        check(sd_bus_start(bus_));
+    }
+    ~BusPeer() { close(); }
+    BusPeer(const BusPeer&) = delete;
+    BusPeer& operator=(const BusPeer&) = delete;
+
+    void close() { sd_bus_close_unref(std::exchange(bus_, nullptr)); }
+
+    BusMessage newCall(const char* path, const char* interface, const char* method) {
+        sd_bus_message* message = nullptr;
+        check(sd_bus_message_new_method_call(bus_, &message, nullptr, path, interface, method));
+        return BusMessage::adopt(message);
+    }
+    // The answer, a method return or an error; empty when the connection has ended.
+    BusMessage call(const BusMessage& message) {
+        const uint64_t cookie = send(message);
+        for (;;) {
+            BusMessage next = receive();
+            uint64_t answered = 0;
+            if (!next ||
+                (sd_bus_message_get_reply_cookie(next.get(), &answered) >= 0 && answered == cookie)) {
+                return next;
+            }
+        }
+    }
+    uint64_t send(const BusMessage& message) {
+        uint64_t cookie = 0;
+        check(sd_bus_send(bus_, message.get(), &cookie));
+        return cookie;
+    }
+    // The next message that arrives; empty when the connection has ended.
+    BusMessage receive() {
+        for (;;) {
+            sd_bus_message* message = nullptr;
+            const int result = sd_bus_process(bus_, &message);
+            if (message != nullptr && sd_bus_message_is_signal(message, nullptr, "Disconnected") <= 0) {
+                return BusMessage::adopt(message);
+            }
+            if (result < 0 || message != nullptr) {
+                sd_bus_message_unref(message);
+                return {};
+            }
+            if (result == 0) check(sd_bus_wait(bus_, UINT64_MAX));
+        }
+    }
+    void flush() { check(sd_bus_flush(bus_)); }
+
+  private:
+    static void check(int result) {
+        if (result < 0) throw std::runtime_error("sd-bus: " + std::to_string(result));
+    }
+
+    sd_bus* bus_ = nullptr;
+};
+
+// "" for a method return, the error's name for an error, "ended" for none.
+inline std::string errorName(const BusMessage& reply) {
+    if (!reply) return "ended";
+    return reply.error() != nullptr && reply.error()->name != nullptr ? reply.error()->name : "";
+}
+
+}  // namespace telvora::test
