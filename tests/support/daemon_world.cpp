@@ -6,7 +6,6 @@
 #include <zlib.h>
 
 #include <cmath>
-#include <fstream>
 
 #include "config/signed_bag.h"
 #include "platform/property_list_format.h"
@@ -57,11 +56,6 @@ Peer ownPeer() {
     return peer;
 }
 
-void writeFile(const std::filesystem::path& path, std::string_view content) {
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
-
 }  // namespace
 
 void FakeConnection::invalidate() {
@@ -83,12 +77,12 @@ std::vector<FakeConnection::Delivery> FakeConnection::deliveries() const {
 }
 
 DaemonWorld::DaemonWorld(Dictionary deviceProperties)
-    : defaults(directory / "config", directory / "state"),
+    : defaults(directory.path() / "config", directory.path() / "state"),
       properties(std::move(deviceProperties)),
       identity(properties, defaults),
       environment(defaults, identity),
-      framework(directory / "framework"),
-      messageLog(directory / "logs"),
+      framework(directory.path() / "framework"),
+      messageLog(directory.path() / "logs"),
       backendServices{http,
                       identity,
                       environment,
@@ -109,18 +103,18 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
                       backendServices.clock,
                       backendServices.countryCode},
       fetcher({http, environment, framework}),
-      entitlements(directory / "config"),
+      entitlements(directory.path() / "config"),
       keepAlive(runLoop, {.launchedOnDemand = false, .inFlight = [] { return false; }, .onIdle = [] {}}),
       agent({entitlements, fetcher, sessionServices, keepAlive, backendServices.clock, [] {}}) {
-    writeFile(directory / "framework/publicKey.der", bagKey().publicKeyToDer());
+    directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
     const Dictionary grant{
         {"User", std::to_string(getuid())},
         {"Entitlements", Dictionary{{"com.zandor.private.telvorad", true}}},
     };
-    writeFile(directory / "config/entitlements.d/test.plist",
-              *serializePropertyList(grant, PropertyListFormat::xml));
-    writeFile(directory / "config/Preferences/com.zandor.diagnosticsharing.plist",
-              *serializePropertyList(Dictionary{{"Enabled", true}}, PropertyListFormat::xml));
+    directory.write("config/entitlements.d/test.plist",
+                    *serializePropertyList(grant, PropertyListFormat::xml));
+    directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
+                    *serializePropertyList(Dictionary{{"Enabled", true}}, PropertyListFormat::xml));
     http.setHandler([](const HttpRequest& request) {
         return isBagRequest(request) ? FakeHttpClient::failure("no bag server")
                                      : FakeHttpClient::response(200);

@@ -18,7 +18,7 @@
 #include "platform/digest.h"
 #include "platform/entitlements.h"
 #include "tests/support/fake_http_client.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 
@@ -80,7 +80,7 @@ class DaemonWorld {
 
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // what every backend draws
-    TempDir directory;
+    TemporaryDirectory directory;
     FakeHttpClient http;
     asio::io_context runLoop;
     UserDefaults defaults;

@@ -38,7 +38,7 @@ TEST(AgentRegistry, OnlyATrueEntitlementLetsAPeerIn) {
     for (const auto& c : cases) {
         const LogCapture log;
         DaemonWorld world;
-        std::ofstream(world.directory / "config/entitlements.d/zz.plist")
+        std::ofstream(world.directory.path() / "config/entitlements.d/zz.plist")
             << "<plist "
                "version=\"1.0\"><dict><key>Entitlements</key><dict><key>com.zandor.private.telvorad</key>"
             << c.value << "</dict></dict></plist>";
