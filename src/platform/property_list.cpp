@@ -74,6 +74,23 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
         set(entry.key, entry.value);
 }
 
+Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
+    const auto before = [](const Entry& a, const Entry& b) { return a.key < b.key; };
+    if (!std::is_sorted(entries.begin(), entries.end(), before)) {
+        std::stable_sort(entries.begin(), entries.end(), before);
+    }
+    Dictionary dictionary;
+    dictionary.reserve(entries.size());
+    for (Entry& entry : entries) {
+        if (!dictionary.entries_.empty() && dictionary.entries_.back().key == entry.key) {
+            dictionary.entries_.back().value = std::move(entry.value);
+        } else {
+            dictionary.entries_.push_back(std::move(entry));
+        }
+    }
+    return dictionary;
+}
+
 std::vector<Dictionary::Entry>::iterator Dictionary::lowerBound(std::string_view key) {
     return lowerBoundIn(entries_, key);
 }

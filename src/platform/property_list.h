@@ -41,6 +41,9 @@ class Dictionary {
     Dictionary();
     Dictionary(
         std::initializer_list<Entry> entries);  // a later entry of the same key replaces an earlier one
+    // The same from entries in any order, in time n log n: what readers of hostile input use, since one set()
+    // per entry is quadratic where keys arrive in falling order.
+    static Dictionary fromEntries(std::vector<Entry> entries);
     Dictionary(const Dictionary&);
     Dictionary(Dictionary&&) noexcept;
     Dictionary& operator=(const Dictionary&);

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
@@ -13,7 +12,8 @@
 #include <stdexcept>
 
 #include "platform/property_list_guard.h"
-#include "util/utf8.h"
+#include "platform/property_list_limits.h"
+#include "platform/property_list_writer.h"
 
 namespace telvora {
 
@@ -34,56 +34,26 @@ struct Unsupported : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-constexpr double kSecondsFrom1970To2001 = 978307200;  // the format counts dates from 2001-01-01 UTC
-constexpr double kFirstSecondOfYear1 = -62135596800;
-constexpr double kFirstSecondOfYear10000 = 253402300800;
-
-double checkedDate(double seconds) {
-    if (!(seconds >= kFirstSecondOfYear1 && seconds < kFirstSecondOfYear10000)) {
-        throw Unsupported("a date outside the years 1 to 9999");
-    }
-    return seconds;
-}
-
 std::string checkedText(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) throw Unsupported("a string with a zero byte");
-    if (!isValidUtf8(text)) throw Unsupported("a string that is not UTF-8");
+    if (const char* reason = whyNoText(text)) throw Unsupported(reason);
     return std::string(text);
 }
 
-// libplist's own accessors pass dates as 32-bit seconds, which end in 2069 (and dates far ahead, meaning
-// "never", are common). A binary document of one date has the whole double:
-constexpr std::string_view kDateBefore{"bplist00\x33", 9};
-constexpr std::string_view kDateAfter{
-    "\x08"                                // the offset table: one object, at 8
-    "\0\0\0\0\0\0\x01\x01"                // offset and reference size
-    "\0\0\0\0\0\0\0\x01\0\0\0\0\0\0\0\0"  // number of objects, index of the top one
-    "\0\0\0\0\0\0\0\x11",
-    33};  // where the table begins
-
+// libplist's own accessor passes dates as 32-bit seconds, which end in 2069 (and dates far ahead, meaning
+// "never", are common). In a binary document of the date alone all of it stands behind header and marker.
 double dateSeconds(plist_t node) {
+    constexpr size_t kStart = 9;
     char* bytes = nullptr;
     uint32_t length = 0;
     plist_to_bin(node, &bytes, &length);
     const Text document(bytes);
-    if (document == nullptr || length != kDateBefore.size() + 8 + kDateAfter.size()) {
-        throw Unsupported("a malformed date");
-    }
+    if (document == nullptr || length < kStart + 8) throw Unsupported("a malformed date");
     uint64_t bits = 0;
-    for (size_t i = 0; i < 8; ++i)
-        bits = bits << 8 | static_cast<uint8_t>(bytes[kDateBefore.size() + i]);
-    return checkedDate(std::bit_cast<double>(bits) + kSecondsFrom1970To2001);
-}
-
-plist_t newDate(double seconds) {
-    const auto bits = std::bit_cast<uint64_t>(checkedDate(seconds) - kSecondsFrom1970To2001);
-    std::string document(kDateBefore);
-    for (int shift = 56; shift >= 0; shift -= 8)
-        document.push_back(static_cast<char>(bits >> shift));
-    document += kDateAfter;
-    plist_t node = nullptr;
-    plist_from_bin(document.data(), static_cast<uint32_t>(document.size()), &node);
-    return node;
+    for (size_t i = kStart; i < kStart + 8; ++i)
+        bits = bits << 8 | static_cast<uint8_t>(bytes[i]);
+    const double seconds = std::bit_cast<double>(bits) + kSecondsFrom1970To2001;
+    if (!isDate(seconds)) throw Unsupported(kWhyNoDate);
+    return seconds;
 }
 
 // libplist keeps whether an integer is signed, but tells it only by comparing: what plist_new_uint makes is
@@ -97,13 +67,6 @@ PropertyList integerFrom(plist_t node) {
         return static_cast<int64_t>(bits);
     }
     return bits;
-}
-
-plist_t newUnsigned(uint64_t value) {
-    const std::string document = "<plist><integer>" + std::to_string(value) + "</integer></plist>";
-    plist_t node = nullptr;
-    plist_from_xml(document.data(), static_cast<uint32_t>(document.size()), &node);
-    return node;
 }
 
 PropertyList valueFrom(plist_t node);
@@ -124,8 +87,8 @@ PropertyList arrayFrom(plist_t node) {
 }
 
 PropertyList dictionaryFrom(plist_t node) {
-    Dictionary dictionary;
-    dictionary.reserve(plist_dict_get_size(node));
+    std::vector<Dictionary::Entry> entries;
+    entries.reserve(plist_dict_get_size(node));
     plist_dict_iter position = nullptr;
     plist_dict_new_iter(node, &position);
     const std::unique_ptr<void, FreeMemory> owned(position);
@@ -134,8 +97,9 @@ PropertyList dictionaryFrom(plist_t node) {
         plist_t item = nullptr;
         plist_dict_next_item(node, position, &keyText, &item);
         const Text key(keyText);
-        if (item == nullptr) return dictionary;
-        dictionary.set(checkedText(key ? key.get() : ""), valueFrom(item));
+        if (item == nullptr) return Dictionary::fromEntries(std::move(entries));
+        std::string text = checkedText(key ? key.get() : "");
+        entries.push_back({std::move(text), valueFrom(item)});
     }
 }
 
@@ -173,61 +137,35 @@ PropertyList valueFrom(plist_t node) {
     }
 }
 
-// Makes libplist's nodes of a value.
-class NodeMaker {
-  public:
-    explicit NodeMaker(PropertyListFormat format) : format_(format) {}
-
-    Plist make(const PropertyList& value) {
-        Plist node(std::visit([this](const auto& v) { return newNode(v); }, value.value()));
-        if (!node) throw Unsupported("out of memory");
-        return node;
+bool hasControlCharacters(const PropertyList& value) {
+    const auto inText = [](const std::string& text) {
+        return std::any_of(text.begin(), text.end(), [](char c) {
+            return static_cast<uint8_t>(c) < ' ' && c != '\t' && c != '\n' && c != '\r';
+        });
+    };
+    if (const auto* text = value.getIf<std::string>()) return inText(*text);
+    if (const auto* array = value.getIf<Array>()) {
+        return std::any_of(array->begin(), array->end(), hasControlCharacters);
     }
+    const auto* dictionary = value.getIf<Dictionary>();
+    return dictionary != nullptr &&
+           std::any_of(dictionary->begin(), dictionary->end(), [&](const Dictionary::Entry& entry) {
+               return inText(entry.key) || hasControlCharacters(entry.value);
+           });
+}
 
-  private:
-    plist_t newNode(bool value) { return plist_new_bool(value); }
-    plist_t newNode(int64_t value) { return plist_new_uint(static_cast<uint64_t>(value)); }
-    plist_t newNode(uint64_t value) { return newUnsigned(value); }
-    plist_t newNode(double value) { return plist_new_real(value); }
-    plist_t newNode(const std::string& value) { return plist_new_string(text(value).c_str()); }
-    plist_t newNode(const Data& value) { return plist_new_data(value.bytes.data(), value.bytes.size()); }
-    plist_t newNode(const Date& value) { return newDate(value.seconds); }
+// libplist makes its nodes of a binary document without the hashing that its other ways to make them cost.
+Plist nodesFromBinary(std::string_view document) {
+    plist_t top = nullptr;
+    plist_from_bin(document.data(), static_cast<uint32_t>(document.size()), &top);
+    return Plist(top);
+}
 
-    plist_t newNode(const Array& array) {
-        Plist node(plist_new_array());
-        enter();
-        for (const PropertyList& item : array)
-            plist_array_append_item(node.get(), make(item).release());
-        --depth_;
-        return node.release();
-    }
-
-    plist_t newNode(const Dictionary& dictionary) {
-        Plist node(plist_new_dict());
-        enter();
-        for (const auto& [key, value] : dictionary) {
-            const std::string keyText = text(key);
-            plist_dict_set_item(node.get(), keyText.c_str(), make(value).release());
-        }
-        --depth_;
-        return node.release();
-    }
-
-    void enter() {
-        if (++depth_ > kMaxPropertyListDepth) throw Unsupported("nested too deeply");
-    }
-
-    std::string text(const std::string& value) const {
-        const auto control = [](char c) { return c >= 0 && c < ' ' && c != '\t' && c != '\n' && c != '\r'; };
-        if (format_ == PropertyListFormat::xml && std::any_of(value.begin(), value.end(), control)) {
-            throw Unsupported("a control character, which XML can't hold");
-        }
-        return checkedText(value);
-    }
-
-    PropertyListFormat format_;
-    size_t depth_ = 0;
-};
+Plist nodesFromXml(std::string_view document) {
+    plist_t top = nullptr;
+    plist_from_xml(document.data(), static_cast<uint32_t>(document.size()), &top);
+    return Plist(top);
+}
 
 }  // namespace
 
@@ -237,13 +175,10 @@ tl::expected<PropertyList, std::string> parsePropertyList(std::string_view docum
     const auto checked = binary ? checkBinaryPropertyList(document) : checkXmlPropertyList(document);
     if (!checked) return tl::make_unexpected(checked.error());
 
-    plist_t top = nullptr;
-    const auto parse = binary ? plist_from_bin : plist_from_xml;
-    parse(document.data(), static_cast<uint32_t>(document.size()), &top);
-    const Plist owned(top);
-    if (!owned) return tl::make_unexpected("malformed property list");
+    const Plist nodes = binary ? nodesFromBinary(document) : nodesFromXml(document);
+    if (!nodes) return tl::make_unexpected("malformed property list");
     try {
-        return valueFrom(top);
+        return valueFrom(nodes.get());
     } catch (const Unsupported& reason) {
         return tl::make_unexpected(reason.what());
     }
@@ -262,18 +197,18 @@ tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesyst
 
 tl::expected<std::string, std::string> serializePropertyList(const PropertyList& value,
                                                              PropertyListFormat format) {
-    try {
-        const Plist node = NodeMaker(format).make(value);
-        char* bytes = nullptr;
-        uint32_t length = 0;
-        const auto write = format == PropertyListFormat::xml ? plist_to_xml : plist_to_bin;
-        write(node.get(), &bytes, &length);
-        const Text document(bytes);
-        if (!document) return tl::make_unexpected("can't be written");
-        return std::string(bytes, length);
-    } catch (const Unsupported& reason) {
-        return tl::make_unexpected(reason.what());
+    auto binary = writeBinaryPropertyList(value);
+    if (!binary || format == PropertyListFormat::binary) return binary;
+    if (hasControlCharacters(value)) {
+        return tl::make_unexpected("a string with control characters, which XML can't hold");
     }
+    const Plist nodes = nodesFromBinary(*binary);
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(nodes.get(), &bytes, &length);
+    const Text document(bytes);
+    if (!document) return tl::make_unexpected("can't be written");
+    return std::string(bytes, length);
 }
 
 }  // namespace telvora

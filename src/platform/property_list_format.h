@@ -22,6 +22,11 @@ constexpr size_t kMaxPropertyListDepth = 64;
 constexpr size_t kMaxPropertyListBytes = 16 << 20;
 constexpr size_t kMaxPropertyListValues = 1 << 18;
 
+// The most entries of one dictionary in an XML document, and of all its dictionaries together. libplist finds
+// their keys by a hash whose collisions anybody can construct: its time can grow with their square.
+constexpr size_t kMaxXmlDictionaryEntries = 1 << 12;
+constexpr size_t kMaxXmlEntries = 1 << 15;
+
 enum class PropertyListFormat { xml, binary };
 
 // Reads a document of either format. Fails with a reason on anything that is no property list, exceeds one of

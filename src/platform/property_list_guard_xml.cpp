@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <array>
 #include <cstdint>
 
 #include "platform/property_list_format.h"
@@ -76,9 +77,16 @@ class XmlScanner {
         const bool container = tag == "array" || tag == "dict";
         if (closing) {
             if (container && depth_ > 0) --depth_;
-        } else {
-            if (container && !empty && ++depth_ > kMaxPropertyListDepth) return "nested too deeply";
-            if (++values_ > kMaxPropertyListValues) return "too many values";
+            return skipPast(1, ">", false);
+        }
+        if (++values_ > kMaxPropertyListValues) return "too many values";
+        if (tag == "key" &&
+            (++entries_[depth_] > kMaxXmlDictionaryEntries || ++allEntries_ > kMaxXmlEntries)) {
+            return "too many entries";
+        }
+        if (container && !empty) {
+            if (++depth_ > kMaxPropertyListDepth) return "nested too deeply";
+            entries_[depth_] = 0;
         }
         return skipPast(1, ">", false);
     }
@@ -86,6 +94,9 @@ class XmlScanner {
     std::string_view rest_;
     size_t depth_ = 0;
     size_t values_ = 0;  // keys among them
+    std::array<size_t, kMaxPropertyListDepth + 1>
+        entries_{};  // by depth, of the container that is open there
+    size_t allEntries_ = 0;
     uint64_t entityWork_ = 0;
 };
 

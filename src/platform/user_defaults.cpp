@@ -86,9 +86,10 @@ struct UserDefaults::CachedFile {
     Dictionary content;
 };
 
-UserDefaults::UserDefaults(std::filesystem::path configurationDirectory, std::filesystem::path stateDirectory)
-    : administratorDirectory_(std::move(configurationDirectory) / "Preferences"),
-      ownDirectory_(std::move(stateDirectory) / "Preferences") {}
+UserDefaults::UserDefaults(const std::filesystem::path& configurationDirectory,
+                           const std::filesystem::path& stateDirectory)
+    : administratorDirectory_(configurationDirectory / "Preferences"),
+      ownDirectory_(stateDirectory / "Preferences") {}
 
 UserDefaults::~UserDefaults() = default;
 

@@ -28,7 +28,8 @@ inline constexpr std::string_view kTelvoraDefaultsDomain = "com.zandor.telvora";
 
 class UserDefaults {
   public:
-    UserDefaults(std::filesystem::path configurationDirectory, std::filesystem::path stateDirectory);
+    UserDefaults(const std::filesystem::path& configurationDirectory,
+                 const std::filesystem::path& stateDirectory);
 
     // The value under `key` in `domain`, the administrator's before the daemon's own; nothing when neither
     // has it. An unreadable or malformed file counts as absent and is logged once per change of the file at

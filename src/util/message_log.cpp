@@ -107,12 +107,10 @@ std::vector<LogFile> listLogFiles(const MessageLog& log) {
 std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
     std::optional<LogFile> newest;
     for (LogFile& file : listLogFiles(log)) {
-        if (file.created && now - *file.created > kExpiryAge) {
-            deleteFile(file);
-        } else if (!newest) {
-            newest = std::move(file);
-        } else if (file.created > newest->created) {  // an unknown date is before all others
-            deleteFile(*newest);
+        const bool expired = file.created && now - *file.created > kExpiryAge;
+        // An unknown date compares as before all others.
+        if (!expired && (!newest || file.created > newest->created)) {
+            if (newest) deleteFile(*newest);
             newest = std::move(file);
         } else {
             deleteFile(file);

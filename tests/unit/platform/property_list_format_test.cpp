@@ -96,6 +96,15 @@ TEST_P(PropertyListFormatTest, EveryTypeSurvivesTheRoundTrip) {
     EXPECT_EQ(*read, PropertyList(everyType()));
 }
 
+TEST_P(PropertyListFormatTest, LengthsAndNumbersOfAllSizesSurviveTheRoundTrip) {
+    for (const size_t count : {14, 15, 255, 256, 65535, 65536}) {
+        const std::string text(count, 'x');
+        const PropertyList value = Array{text, text + "\xc3\xa9", Data{text},
+                                         Array(count, PropertyList(static_cast<int64_t>(count)))};
+        EXPECT_EQ(parsePropertyList(serializePropertyList(value, GetParam()).value()), value) << count;
+    }
+}
+
 TEST_P(PropertyListFormatTest, AnyTypeMayStandAtTheTop) {
     for (const auto& [key, value] : everyType()) {
         const auto document = serializePropertyList(value, GetParam());
@@ -198,6 +207,12 @@ TEST(PropertyListHostileTest, IsRefusedWithAReason) {
         {"an unknown tag", "<plist><set></set></plist>", "malformed property list"},
         {"a dictionary without a key", "<plist><dict><true/></dict></plist>", "malformed property list"},
         {"many XML values", "<plist><array>" + repeated("<true/>", many), "too many values"},
+        {"many entries of one dictionary",
+         "<plist><dict>" + repeated("<key>k</key><dict><key>x</key></dict>", kMaxXmlDictionaryEntries + 1),
+         "too many entries"},
+        {"many entries of many dictionaries",
+         "<plist><array>" + repeated("<dict>" + repeated("<key>k</key><true/>", 4096) + "</dict>", 9),
+         "too many entries"},
         {"many entities", "<plist><string>" + repeated("&amp;", 100000) + "</string></plist>", "entities"},
         {"an XML string that is not UTF-8", "<plist><string>\xff</string></plist>", "UTF-8"},
 

@@ -27,6 +27,13 @@ TEST(DictionaryTest, IsEnumeratedInTheByteOrderOfItsKeys) {
     EXPECT_EQ(dictionary.find("zz"), nullptr);
 }
 
+TEST(DictionaryTest, EntriesInAnyOrderMakeTheSameDictionary) {
+    const Dictionary expected{{"a", 4}, {"b", 2}, {"c", 1}};
+    EXPECT_EQ(Dictionary::fromEntries({{"c", 1}, {"b", 2}, {"a", 3}, {"a", 4}}), expected);
+    EXPECT_EQ(Dictionary::fromEntries({{"a", 3}, {"a", 4}, {"b", 2}, {"c", 1}}), expected);
+    EXPECT_TRUE(Dictionary::fromEntries({}).empty());
+}
+
 struct NumberCase {
     PropertyList value;
     std::optional<int64_t> integer;

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a text and a date must be to stand in a property list, the same for reading and writing.
+#pragma once
+
+#include <string_view>
+
+#include "util/utf8.h"
+
+namespace telvora {
+
+inline constexpr double kSecondsFrom1970To2001 = 978307200;  // the format counts dates from 2001-01-01 UTC
+inline constexpr const char* kWhyNoDate = "a date outside the years 1 to 9999";
+
+// Whether these seconds since 1970 lie in the years 1 to 9999, which XML can write.
+inline bool isDate(double seconds) {
+    return seconds >= -62135596800.0 && seconds < 253402300800.0;
+}
+
+// Why the bytes are no text for a property list; null when they are.
+inline const char* whyNoText(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) return "a string with a zero byte";
+    return isValidUtf8(text) ? nullptr : "a string that is not UTF-8";
+}
+
+}  // namespace telvora
