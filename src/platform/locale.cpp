@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/environment_file.h"
+#include "util/mutex.h"
 
 namespace telvora {
 
@@ -42,6 +43,9 @@ std::optional<std::string> currentCountryCode(const std::filesystem::path& local
 }
 
 long timeZoneOffsetSeconds() {
+    // The C library's zone has a lock of its own, which ThreadSanitizer doesn't see.
+    static Mutex zoneLock;
+    const MutexLock lock(zoneLock);
     const time_t now = time(nullptr);
     struct tm local {};
     tzset();  // localtime_r alone keeps the zone that it met first

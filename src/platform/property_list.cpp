@@ -79,15 +79,11 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
     if (!std::is_sorted(entries.begin(), entries.end(), before)) {
         std::stable_sort(entries.begin(), entries.end(), before);
     }
+    // From behind, so that of equal keys the last one stays.
+    const auto sameKey = [](const Entry& a, const Entry& b) { return a.key == b.key; };
+    entries.erase(entries.begin(), std::unique(entries.rbegin(), entries.rend(), sameKey).base());
     Dictionary dictionary;
-    dictionary.reserve(entries.size());
-    for (Entry& entry : entries) {
-        if (!dictionary.entries_.empty() && dictionary.entries_.back().key == entry.key) {
-            dictionary.entries_.back().value = std::move(entry.value);
-        } else {
-            dictionary.entries_.push_back(std::move(entry));
-        }
-    }
+    dictionary.entries_ = std::move(entries);
     return dictionary;
 }
 

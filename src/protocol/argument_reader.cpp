@@ -114,6 +114,7 @@ Array ArgumentReader::array() {
 void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
     if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
     if (!enter('a', "{sv}")) return;
+    std::vector<Dictionary::Entry> entries;
     for (;;) {
         const int entered = message_.enter('e', "sv");
         if (entered == 0) break;
@@ -122,8 +123,9 @@ void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
         if (!read('s', &key)) return;
         PropertyList value = readVariant(depth);
         if (!ok() || !exit()) return;
-        dictionary.set(key, std::move(value));
+        entries.push_back({key, std::move(value)});
     }
+    dictionary = Dictionary::fromEntries(std::move(entries));
     exit();
 }
 

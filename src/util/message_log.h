@@ -32,6 +32,9 @@ struct MessageLog {
 
 namespace TelvoradUtil {
 
+// Makes the directory where it is missing. For a process that can't do so later, when it has confined itself.
+void makeLogDirectory(const telvora::MessageLog& log);
+
 // Appends one record to the current log file; starts a new file when there is none younger than a day, and
 // deletes all others. Failures are logged and otherwise ignored: the message log never costs a report. A file
 // that takes no more (a full disk) is deleted. Blocks on file I/O. Callable from any thread and from several
