@@ -34,7 +34,8 @@ constexpr char kServiceName[] = "com.zandor.telvorad";
 constexpr int64_t kDefaultShutdownMilliseconds = 5000;
 
 // The daemon proper, in a confined process.
-int run(const Directories& directories, UserDefaults& defaults, ListeningSocket listeningSocket) {
+int run(const Directories& directories, UserDefaults& defaults, const MessageLog& messageLog,
+        ListeningSocket listeningSocket) {
     asio::io_context runLoop(1);
     Shutdown* shutdownWhenIdle = nullptr;  // set below, before anything runs
 
@@ -43,7 +44,6 @@ int run(const Directories& directories, UserDefaults& defaults, ListeningSocket 
     const Environment environment(defaults, identity);
     const ClientFramework framework(directories.framework);
     const EntitlementStore entitlements(directories.configuration);
-    const MessageLog messageLog(directories.logs);
     const auto countryCode = [] { return currentCountryCode(); };
 
     std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
@@ -101,6 +101,8 @@ int main() {
     setLogThreshold(
         static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
 
+    const MessageLog messageLog(directories.logs);
+    TelvoradUtil::makeLogDirectory(messageLog);
     const auto confined = enterSandbox(kServiceName, SandboxPaths::fromDirectories(directories));
     if (!confined) {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
@@ -111,7 +113,7 @@ int main() {
         TELVORA_LOG(kLogError, "main: can't listen: %s", listeningSocket.error().c_str());
         return 1;
     }
-    const int status = run(directories, defaults, std::move(*listeningSocket));
+    const int status = run(directories, defaults, messageLog, std::move(*listeningSocket));
     stopLogging();
     return status;
 }

@@ -80,6 +80,12 @@ void deleteFile(const LogFile& file) {
                 dateText(file.created).c_str());
 }
 
+void createDirectory(const MessageLog& log) {
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
+    std::error_code ignored;  // a failure shows as the file that can't be made
+    std::filesystem::create_directories(log.directory, ignored);
+}
+
 // The log files in the directory, which is made where it is missing.
 std::vector<LogFile> listLogFiles(const MessageLog& log) {
     std::vector<LogFile> files;
@@ -92,8 +98,7 @@ std::vector<LogFile> listLogFiles(const MessageLog& log) {
         entry.increment(error);
     }
     if (error == std::errc::no_such_file_or_directory) {
-        TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
-        std::filesystem::create_directories(log.directory, error);
+        createDirectory(log);
     } else if (error) {
         TELVORA_LOG(kLogError, "writeToLogFile: Error reading from log directory: %s",
                     error.message().c_str());
@@ -151,6 +156,11 @@ MessageLog::MessageLog(std::filesystem::path logDirectory)
     : directory(std::move(logDirectory)), creationDate(birthTime) {}
 
 }  // namespace telvora
+
+void TelvoradUtil::makeLogDirectory(const telvora::MessageLog& log) {
+    std::error_code error;
+    if (!std::filesystem::exists(log.directory, error) && !error) telvora::createDirectory(log);
+}
 
 void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_view message) {
     using namespace telvora;
