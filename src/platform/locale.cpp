@@ -48,6 +48,9 @@ long timeZoneOffsetSeconds() {
     const MutexLock lock(zoneLock);
     const time_t now = time(nullptr);
     struct tm local {};
+    // The C library has a lock of its own here, which no race detector sees.
+    static Mutex zoneLock;
+    const MutexLock lock(zoneLock);
     tzset();  // localtime_r alone keeps the zone that it met first
     return localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
 }
