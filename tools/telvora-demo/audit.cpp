@@ -140,13 +140,16 @@ std::vector<Finding> audit(const std::vector<Report>& reports,
 }
 
 std::string table(const std::vector<Finding>& findings) {
-    static constexpr char kRow[] = "{:8} {:>4}  {:22} {:52} {:10} {:60} {}\n";
-    std::string text = fmt::format(kRow, "client", "c/t", "manner", "sent", "arrived at", "received", "");
+    static constexpr char kRow[] = "{:8} {:4} {:22} {:10} {:4} {}\n";
+    std::string text = fmt::format(kRow, "client", "c/t", "manner", "arrived at", "", "");
     for (const auto& [report, receivedAt, received, fault] : findings) {
-        text +=
-            fmt::format(kRow, report->client, fmt::format("{}/{}", report->category, report->type),
-                        report->manner, fields(report->payload), receivedAt.empty() ? "nowhere" : receivedAt,
-                        fields(received), fault.empty() ? "ok" : "WRONG: " + fault);
+        const bool byDaemon = report->category == 0;
+        const std::string sent = byDaemon ? "" : "sent     " + fields(report->payload);
+        const std::string arrived = receivedAt.empty() ? "" : "received " + fields(received);
+        text += fmt::format(kRow, report->client, fmt::format("{}/{}", report->category, report->type),
+                            report->manner, receivedAt.empty() ? "nowhere" : receivedAt,
+                            fault.empty() ? "ok" : "BAD", byDaemon ? arrived : sent);
+        if (!byDaemon && !arrived.empty()) text += fmt::format(kRow, "", "", "", "", "", arrived);
     }
     return text;
 }

@@ -59,14 +59,13 @@ class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, N
     explicit NumberCollector(std::string_view key) : key_(key) {}
 
     std::vector<uint64_t> numbers;
-    bool complete = true;
 
     bool StartObject() {
-        if (++depth_ == kEventDepth && inEvents_) found_ = false;
+        ++depth_;
         return true;
     }
     bool EndObject(rapidjson::SizeType) {
-        if (depth_-- == kEventDepth && inEvents_ && !found_) complete = false;
+        --depth_;
         return true;
     }
     bool StartArray() {
@@ -87,7 +86,6 @@ class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, N
     bool Uint64(uint64_t value) {
         if (wanted_) {
             numbers.push_back(value);
-            found_ = true;
             wanted_ = false;
         }
         return true;
@@ -100,7 +98,6 @@ class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, N
     int depth_ = 0;
     bool inEvents_ = false;
     bool wanted_ = false;
-    bool found_ = false;
 };
 
 template <typename Writer>
@@ -173,7 +170,6 @@ tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view j
     if (!reader.Parse(stream, collector)) {
         return parseFailure(reader.GetParseErrorCode(), reader.GetErrorOffset());
     }
-    if (!collector.complete) return tl::make_unexpected("an event has no number under " + std::string(key));
     return std::move(collector.numbers);
 }
 

@@ -25,7 +25,8 @@ struct EventMessage {
 tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json);
 
 // The numbers that the events of a message carry under `key`, in order: the cheap way to know which events
-// came. Fails with a reason on broken JSON and where an event has no such number.
+// came. Events without such a number, as the daemon's own are, are passed over. Fails with a reason on broken
+// JSON.
 tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view json, std::string_view key);
 
 // Any value as JSON: data as base64, dates as seconds since 1970, numbers that JSON can't hold as null.

@@ -70,7 +70,7 @@ class ReportingServer {
     void refuse() { server_.stop(); }
     bool accept() { return server_.restart(); }
 
-    // Events that arrived so far, each as often as it came.
+    // Events that arrived so far, each as often as it came; with countByKey, those that have a number.
     size_t eventCount() const;
     size_t messageCount() const;
     // With countByKey: how many different numbers came, and how many events had a number that had come

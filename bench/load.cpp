@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "load.h"
+
+#include <algorithm>
+#include <functional>
+#include <stdexcept>
+
+#include "telvora/keys.h"
+
+namespace telvora::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint16_t kCategories = 4;
+
+// Starts a call with a completion and waits for its answer.
+template <typename T, typename Start>
+T await(Start start) {
+    std::promise<tl::expected<T, CallFailure>> promise;
+    auto answered = promise.get_future();
+    start([&promise](tl::expected<T, CallFailure> answer) { promise.set_value(std::move(answer)); });
+    tl::expected<T, CallFailure> answer = answered.get();
+    if (!answer) throw std::runtime_error(answer.error().message);
+    if constexpr (!std::is_void_v<T>) return std::move(*answer);
+}
+
+Dictionary payload(uint64_t number) {
+    return {{"codec", "av1"},           {"bitrate", 4200}, {"live", true},
+            {Load::kNumberKey, number}, {"ratio", 0.75},   {"region", "eu-central"}};
+}
+
+}  // namespace
+
+// Its functions run on its runtime's thread, but for open() and flush().
+class Load::Client {
+  public:
+    Client(Load& load, ClientRuntime& runtime, const std::string& socketPath) : load_(load) {
+        auto session = ClientSession::connect(runtime, socketPath);
+        if (!session) throw std::runtime_error(session.error());
+        session_ = std::move(*session);
+        latencies_.reserve(load.options_.reports / load.options_.clients + 1);
+    }
+
+    void open(int64_t sessionID, int64_t clientType) {
+        const Dictionary sessionInfo{{kTelvoraSessionInfoSessionID, sessionID},
+                                     {kTelvoraSessionInfoClientType, clientType},
+                                     {kTelvoraSessionInfoRequireUserInfo, true},
+                                     {kTelvoraSessionInfoBatchEvent, true}};
+        const Dictionary userInfo{{kTelvoraUserInfoClientName, "bench"},
+                                  {kTelvoraUserInfoServiceName, "load"}};
+        await<void>([&](auto done) { session_->setSessionInfo(sessionInfo, userInfo, {}, std::move(done)); });
+        const auto states =
+            await<ReportingStates>([&](auto done) { session_->startConfig(std::move(done)); });
+        if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
+    }
+
+    void sendNext() {
+        const uint64_t number = load_.nextNumber_.fetch_add(1, std::memory_order_relaxed);
+        if (number >= load_.options_.reports) return;
+        session_->sendMessage(static_cast<uint16_t>(1 + number % kCategories), 1, payload(number),
+                              [this, sent = Clock::now()](const auto& answer) {
+                                  if (!answer) return load_.failed(answer.error().message);
+                                  acknowledged(sent);
+                              });
+    }
+
+    void flush() {
+        await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
+    }
+
+    const std::vector<uint32_t>& latencies() const { return latencies_; }
+
+  private:
+    void acknowledged(Clock::time_point sent) {
+        const auto latency = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - sent);
+        latencies_.push_back(static_cast<uint32_t>(latency.count()));
+        if (load_.unacknowledged_.fetch_sub(1) == 1) return load_.done_.set_value();
+        sendNext();
+    }
+
+    Load& load_;
+    std::unique_ptr<ClientSession> session_;
+    std::vector<uint32_t> latencies_;
+};
+
+Load::Load(const LoadOptions& options) : options_(options), unacknowledged_(options.reports) {
+    for (size_t i = 0; i < options.threads; ++i)
+        runtimes_.push_back(std::make_unique<ClientRuntime>());
+}
+
+Load::~Load() = default;
+
+void Load::open(const std::string& socketPath, int64_t clientType) {
+    for (size_t i = 0; i < options_.clients; ++i) {
+        clients_.push_back(std::make_unique<Client>(*this, *runtimes_[i % runtimes_.size()], socketPath));
+        clients_.back()->open(static_cast<int64_t>(i), clientType);
+    }
+}
+
+void Load::run() {
+    const auto begin = Clock::now();
+    for (size_t i = 0; i < options_.window; ++i) {
+        for (const auto& client : clients_)
+            client->sendNext();
+    }
+    done_.get_future().get();
+    duration_ = Clock::now() - begin;
+    for (const auto& client : clients_) {
+        latencies_.insert(latencies_.end(), client->latencies().begin(), client->latencies().end());
+    }
+    std::sort(latencies_.begin(), latencies_.end());
+}
+
+void Load::flush() {
+    for (const auto& client : clients_)
+        client->flush();
+}
+
+void Load::failed(const std::string& reason) {
+    if (!failed_.exchange(true)) {
+        done_.set_exception(std::make_exception_ptr(std::runtime_error("a report failed: " + reason)));
+    }
+}
+
+double Load::latencyMicroseconds(double share) {
+    if (latencies_.empty()) return 0;
+    const auto index = static_cast<size_t>(share * static_cast<double>(latencies_.size() - 1));
+    return latencies_[index];
+}
+
+}  // namespace telvora::bench

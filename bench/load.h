@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The load: clients that each keep a window of reports under way and send the next one as soon as one is
+// acknowledged.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/client_session.h"
+
+namespace telvora::bench {
+
+struct LoadOptions {
+    uint64_t reports = 200'000;  // over all clients
+    size_t clients = 8;
+    size_t window = 64;  // unacknowledged reports per client
+    size_t threads = 1;  // of the clients
+};
+
+class Load {
+  public:
+    // The key in each report's payload under which its number stands: 0 to reports - 1, each once.
+    static constexpr char kNumberKey[] = "n";
+
+    explicit Load(const LoadOptions& options);
+    ~Load();
+
+    // Opens a session per client and waits until each has its configuration. Throws std::runtime_error when
+    // one has none.
+    void open(const std::string& socketPath, int64_t clientType);
+    // Sends all reports; returns when each is acknowledged. Throws when a call fails.
+    void run();
+    // Has what is held back sent, and waits for the answers.
+    void flush();
+
+    // From the first report's sending to the last one's acknowledgement.
+    std::chrono::duration<double> duration() const { return duration_; }
+    // The time from sending to acknowledgement that the given share of all reports does not exceed, in
+    // microseconds. After run().
+    double latencyMicroseconds(double share);
+
+  private:
+    class Client;
+
+    void failed(const std::string& reason);
+
+    const LoadOptions options_;
+    std::vector<std::unique_ptr<ClientRuntime>> runtimes_;
+    std::vector<std::unique_ptr<Client>> clients_;
+    std::atomic<uint64_t> nextNumber_ = 0;
+    std::atomic<uint64_t> unacknowledged_;
+    std::atomic<bool> failed_ = false;
+    std::promise<void> done_;
+    std::chrono::duration<double> duration_{};
+    std::vector<uint32_t> latencies_;  // of all clients, in microseconds, sorted
+};
+
+}  // namespace telvora::bench

@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// telvora-bench: reports through the real daemon to an HTTPS server, acknowledged one by one; the figures go
+// to standard output as JSON. Exits with status 0 if each report arrived exactly once.
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <thread>
+
+#include "load.h"
+#include "process_figures.h"
+#include "telvora-lab/event_json.h"
+#include "telvora-lab/laboratory.h"
+#include "tests/support/bags.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/temporary_directory.h"
+
+namespace telvora::bench {
+namespace {
+
+constexpr int64_t kClientType = 8;
+constexpr char kBagName[] = "dravik";
+
+struct Options {
+    LoadOptions load;
+    int64_t eventThreshold = 49;
+    bool overrideConsent = false;
+    double idleSeconds = 1;
+};
+
+Dictionary benchBag(const Options& options) {
+    Dictionary entry = test::openClientEntry();
+    entry.set("event_threshold", options.eventThreshold);
+    if (options.overrideConsent) entry.set("override_dnu", 1);
+    return test::bagWithClients({entry});
+}
+
+struct Figures {
+    Memory idle;         // nobody has connected yet
+    double idleWakeups;  // per second
+    Memory connected;    // all sessions are open, nothing was sent
+    Memory loaded;       // all has been sent
+    double cpuSeconds;   // from the first report until the last has arrived
+    double deliverySeconds;
+};
+
+Figures measure(const Options& options, lab::Laboratory& laboratory, const test::DaemonProcess& daemon,
+                Load& load) {
+    Figures figures{};
+    figures.idle = memoryOf(daemon.pid());
+    const int64_t wakeupsBefore = wakeups(daemon.pid());
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.idleSeconds));
+    figures.idleWakeups =
+        static_cast<double>(wakeups(daemon.pid()) - wakeupsBefore) / std::max(options.idleSeconds, 0.001);
+
+    load.open(daemon.socketPath(), kClientType);
+    figures.connected = memoryOf(daemon.pid());
+    const double cpuBefore = cpuSeconds(daemon.pid());
+    const auto begin = std::chrono::steady_clock::now();
+    load.run();
+    load.flush();
+    laboratory.reports().waitForEvents(options.load.reports, test::kPatience);
+    figures.deliverySeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    figures.cpuSeconds = cpuSeconds(daemon.pid()) - cpuBefore;
+    figures.loaded = memoryOf(daemon.pid());
+    return figures;
+}
+
+Dictionary memoryFigures(const Memory& memory) {
+    return {{"rssKiB", memory.rssKiB}, {"pssKiB", memory.pssKiB}};
+}
+
+Dictionary describe(const Options& options, const lab::ReportingServer& reports, const Figures& figures,
+                    Load& load) {
+    const auto count = static_cast<double>(options.load.reports);
+    return {{"reports", options.load.reports},
+            {"clients", options.load.clients},
+            {"window", options.load.window},
+            {"clientThreads", options.load.threads},
+            {"eventThreshold", options.eventThreshold},
+            {"messagesAlsoLogged", !options.overrideConsent},
+            {"reportsPerSecond", count / load.duration().count()},
+            {"deliveredPerSecond", count / figures.deliverySeconds},
+            {"daemonCpuMicrosecondsPerReport", figures.cpuSeconds * 1e6 / count},
+            {"acknowledgementMicroseconds",
+             Dictionary{{"p50", load.latencyMicroseconds(0.5)}, {"p99", load.latencyMicroseconds(0.99)}}},
+            {"idle", memoryFigures(figures.idle)},
+            {"idleWakeupsPerSecond", figures.idleWakeups},
+            {"connected", memoryFigures(figures.connected)},
+            {"loaded", memoryFigures(figures.loaded)},
+            {"peakRssKiB", figures.loaded.peakRssKiB},
+            {"messages", reports.messageCount()},
+            {"arrived", reports.distinctCount()},
+            {"arrivedTwice", reports.duplicateCount()}};
+}
+
+int run(const Options& options) {
+    test::TemporaryDirectory directory;
+    lab::ReportingServerOptions reportingOptions;
+    reportingOptions.countByKey = Load::kNumberKey;
+    auto laboratory = lab::Laboratory::make(directory.path() / "lab", reportingOptions);
+    if (!laboratory) throw std::runtime_error(laboratory.error());
+    (*laboratory)->setBag(kBagName, benchBag(options));
+
+    test::DaemonOptions daemonOptions = test::DaemonOptions::forLaboratory(
+        directory.path(), (*laboratory)->pki(), (*laboratory)->bags().baseURL());
+    daemonOptions.logLevel = 6;  // as in the field
+    test::DaemonProcess daemon(daemonOptions);
+    if (!daemon.waitUntilListening()) throw std::runtime_error("the daemon does not start");
+
+    Load load(options.load);
+    const Figures figures = measure(options, **laboratory, daemon, load);
+    const lab::ReportingServer& reports = (*laboratory)->reports();
+    std::cout << lab::toJson(describe(options, reports, figures, load), true) << std::endl;
+    for (const std::string& problem : reports.problems())
+        std::cerr << problem << '\n';
+    return reports.distinctCount() == options.load.reports && reports.duplicateCount() == 0 &&
+                   reports.problems().empty()
+               ? 0
+               : 1;
+}
+
+}  // namespace
+}  // namespace telvora::bench
+
+int main(int argc, char** argv) {
+    constexpr int kUsageError = 2;
+    telvora::bench::Options options;
+    CLI::App app("Sends reports through the real daemon to an HTTPS server and prints the figures as JSON.");
+    app.option_defaults()->always_capture_default();
+    app.add_option("--reports", options.load.reports, "Reports over all clients")
+        ->check(CLI::Range(1, 50'000'000));
+    app.add_option("--clients", options.load.clients, "Clients, one connection each")
+        ->check(CLI::Range(1, 20'000));
+    app.add_option("--window", options.load.window, "Unacknowledged reports per client")
+        ->check(CLI::Range(1, 16'000));
+    app.add_option("--client-threads", options.load.threads, "Threads of the clients")
+        ->check(CLI::Range(1, 64));
+    app.add_option(
+        "--event-threshold", options.eventThreshold,
+        "The bag's \"event_threshold\": a batch is sent when it holds one more report of a category");
+    app.add_flag("--override-consent", options.overrideConsent,
+                 "A bag with \"override_dnu\": messages are then not copied to the message log");
+    app.add_option("--idle-seconds", options.idleSeconds, "How long the idle daemon is watched for wakeups");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsageError;
+    }
+    try {
+        return telvora::bench::run(options);
+    } catch (const std::exception& error) {
+        std::cerr << "telvora-bench: " << error.what() << '\n';
+        return 1;
+    }
+}

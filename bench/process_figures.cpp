@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process_figures.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+namespace telvora::bench {
+namespace {
+
+std::filesystem::path folder(pid_t pid) {
+    return std::filesystem::path("/proc") / std::to_string(pid);
+}
+
+// The number after `name` in a file of lines "Name:   number unit"; 0 when there is none.
+int64_t field(const std::filesystem::path& file, const std::string& name) {
+    std::ifstream lines(file);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(name + ":")) return std::stoll(line.substr(name.size() + 1));
+    }
+    return 0;
+}
+
+}  // namespace
+
+double cpuSeconds(pid_t pid) {
+    std::ifstream file(folder(pid) / "stat");
+    std::string line;
+    std::getline(file, line);
+    const size_t nameEnd = line.rfind(')');  // the name may hold anything
+    if (nameEnd == std::string::npos) return 0;
+    std::istringstream fields(line.substr(nameEnd + 1));
+    std::string skipped;
+    for (int i = 3; i < 14; ++i)
+        fields >> skipped;
+    int64_t user = 0;
+    int64_t system = 0;
+    fields >> user >> system;
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+Memory memoryOf(pid_t pid) {
+    return {field(folder(pid) / "status", "VmRSS"), field(folder(pid) / "status", "VmHWM"),
+            field(folder(pid) / "smaps_rollup", "Pss")};
+}
+
+int64_t wakeups(pid_t pid) {
+    int64_t sum = 0;
+    std::error_code ignored;
+    for (const auto& task : std::filesystem::directory_iterator(folder(pid) / "task", ignored)) {
+        sum += field(task.path() / "status", "voluntary_ctxt_switches");
+    }
+    return sum;
+}
+
+}  // namespace telvora::bench
