@@ -62,6 +62,8 @@ class Dictionary {
     // Sets every entry of `other`; its values win. One pass over both, whatever their keys.
     void merge(const Dictionary& other);
     void merge(Dictionary&& other);
+    // A new dictionary of what merge() would make of a copy of `base`, without moving entries about.
+    static Dictionary merged(const Dictionary& base, Dictionary&& over);
     // Offers every entry in key order as keep(const std::string& key, PropertyList& value), which may change
     // the value; removes the entries for which it returns false.
     template <typename Keep>

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <limits>
+#include <random>
 
 namespace telvora {
 namespace {
@@ -73,6 +74,43 @@ TEST(PropertyListTest, ItsShapeTellsNothingOfItsContent) {
     EXPECT_EQ(PropertyList("secret").shapeDescription(), "<string, 6 bytes>");
     EXPECT_EQ(PropertyList(Dictionary{{"secret", 1}}).shapeDescription(), "<dictionary, 1 entries>");
     EXPECT_EQ(PropertyList(42).shapeDescription(), "<integer>");
+}
+
+Dictionary randomDictionary(std::mt19937& random, int origin) {
+    Dictionary dictionary;
+    for (int i = static_cast<int>(random() % 8); i > 0; --i)
+        dictionary.set(std::string(1, static_cast<char>('a' + random() % 10)), origin);
+    return dictionary;
+}
+
+TEST(DictionaryTest, MergeEqualsSettingEachEntry) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 2000; ++round) {
+        const Dictionary before = randomDictionary(random, 1);
+        const Dictionary other = randomDictionary(random, 2);
+        Dictionary expected = before;
+        for (const Dictionary::Entry& entry : other)
+            expected.set(entry.key, entry.value);
+        Dictionary copied = before;
+        copied.merge(other);
+        ASSERT_EQ(copied, expected);
+        Dictionary moved = before;
+        moved.merge(Dictionary(other));
+        ASSERT_EQ(moved, expected);
+        ASSERT_EQ(Dictionary::merged(before, Dictionary(other)), expected);
+    }
+}
+
+TEST(DictionaryTest, RetainChangesAndRemovesInPlace) {
+    Dictionary dictionary{{"a", 1}, {"b", "two"}, {"c", 3}, {"d", 4}};
+    std::string seen;
+    dictionary.retain([&seen](const std::string& key, PropertyList& value) {
+        seen += key;
+        if (key == "c") value = Array{1};
+        return key != "a" && key != "d";
+    });
+    EXPECT_EQ(seen, "abcd");
+    EXPECT_EQ(dictionary, (Dictionary{{"b", "two"}, {"c", Array{1}}}));
 }
 
 }  // namespace
