@@ -65,6 +65,33 @@ int deflateWhole(z_stream& stream, std::string& output) {
     return result;
 }
 
+// zlib's state for one format, 256 KB of it, which each thread keeps from call to call: to have it mapped,
+// zeroed and given back anew costs several times what the compression of a small message does.
+class DeflateState {
+  public:
+    explicit DeflateState(int windowBits) : windowBits_(windowBits) {}
+    ~DeflateState() {
+        if (initialised_) deflateEnd(&stream);
+    }
+    DeflateState(const DeflateState&) = delete;
+    DeflateState& operator=(const DeflateState&) = delete;
+
+    // Makes the stream ready for a new input; a zlib result.
+    int begin() {
+        if (initialised_) return deflateReset(&stream);
+        const int result =
+            deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits_, 8, Z_DEFAULT_STRATEGY);
+        initialised_ = result == Z_OK;
+        return result;
+    }
+
+    z_stream stream{};
+
+  private:
+    const int windowBits_;
+    bool initialised_ = false;
+};
+
 }  // namespace
 
 std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_view input) {
@@ -72,21 +99,21 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
         TELVORA_LOG(kLogError, "compressDataWithZlibOrGzip: Cannot compress empty NSData");
         return std::nullopt;
     }
-    z_stream stream{};
-    // zlib does not write to its input; the member is not const only in old declarations of it.
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
-    stream.avail_in = static_cast<uInt>(input.size());
-    const int windowBits = gzip ? 31 : 15;  // 16 more ask for a gzip header and trailer
+    thread_local DeflateState gzipState(31);  // 16 more than for zlib ask for a gzip header and trailer
+    thread_local DeflateState zlibState(15);
+    DeflateState& state = gzip ? gzipState : zlibState;
+    z_stream& stream = state.stream;
     const bool tooLong = input.size() > std::numeric_limits<uInt>::max() / 2;
-    int result =
-        tooLong ? Z_MEM_ERROR
-                : deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+    int result = tooLong ? Z_MEM_ERROR : state.begin();
     if (result != Z_OK) {
         TELVORA_LOG(kLogError, "compressDataWithZlibOrGzip: deflateInit2() Error: \"%s\" Message: \"%s\"",
                     initialisationErrorText(result), messageOf(stream));
         return std::nullopt;
     }
 
+    // zlib does not write to its input; the member is not const only in old declarations of it.
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
+    stream.avail_in = static_cast<uInt>(input.size());
     std::string output(deflateBound(&stream, static_cast<uLong>(input.size())), '\0');
     result = deflateWhole(stream, output);
     if (result != Z_STREAM_END) {
@@ -94,11 +121,9 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
                     "compressDataWithZlibOrGzip: zlib error while attempting compression: \"%s\" "
                     "Message: \"%s\"",
                     deflateErrorText(result), messageOf(stream));
-        deflateEnd(&stream);
         return std::nullopt;
     }
     output.resize(stream.total_out);
-    deflateEnd(&stream);
     TELVORA_LOG(kLogDebug, "compressDataWithZlibOrGzip: Compressed file from %u to %u",
                 static_cast<unsigned>(input.size()), static_cast<unsigned>(output.size()));
     return output;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// In-memory deflate with fixed parameters (zlib: RFC 1950, gzip: RFC 1952). Thread-safe: no shared state.
+// In-memory deflate with fixed parameters (zlib: RFC 1950, gzip: RFC 1952). Thread-safe: no shared state;
+// a thread that has compressed keeps zlib's working memory of 256 KB for the next time.
 #pragma once
 
 #include <optional>
