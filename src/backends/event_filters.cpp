@@ -6,6 +6,7 @@
 #include "backends/bag_values.h"
 #include "backends/json_message.h"
 #include "backends/telvora_backend.h"
+#include "platform/letter_case.h"
 
 namespace telvora {
 
@@ -15,18 +16,20 @@ constexpr char lowerAscii(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
-constexpr bool equalIgnoringCase(char a, char b) {
-    return lowerAscii(a) == lowerAscii(b);
-}
-
+// Runs for every key of every event against every filter: only where the texts first differ in something
+// beyond ASCII is a letter table asked.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return equalIgnoringCase(x, y); });
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (lowerAscii(a[i]) == lowerAscii(b[i])) continue;
+        const bool ascii = (static_cast<unsigned char>(a[i]) & static_cast<unsigned char>(b[i])) < 0x80;
+        return !ascii && lowerCase(a) == lowerCase(b);
+    }
+    return true;
 }
 
 bool containsIgnoringCase(std::string_view text, std::string_view part) {
-    return !part.empty() && std::search(text.begin(), text.end(), part.begin(), part.end(),
-                                        [](char x, char y) { return equalIgnoringCase(x, y); }) != text.end();
+    return !part.empty() && lowerCase(text).find(lowerCase(part)) != std::string::npos;
 }
 
 FilterAction actionNamed(const std::string* name) {
@@ -38,6 +41,7 @@ FilterAction actionNamed(const std::string* name) {
 const EventFilter* firstMatch(const std::vector<EventFilter>& filters, std::string_view key, int64_t method,
                               int64_t status) {
     for (const EventFilter& filter : filters) {
+        if (filter.key.size() != key.size()) continue;
         if ((filter.method < 0 || filter.method == method) &&
             (filter.status < 0 || filter.status == status) && equalsIgnoringCase(filter.key, key)) {
             return filter.key.empty() ? nullptr : &filter;

@@ -3,8 +3,8 @@
 // What a bag may do to single keys of an event before it leaves the device, and the two predicates that tell
 // which of a bag's client entries a session is meant by.
 //
-// "Without regard to case" means the ASCII letters here: the keys, names and codes in bags are identifiers.
-// Other bytes compare as they are. Thread-safe: no shared state.
+// "Without regard to case" is what lowerCase() (platform/letter_case.h) makes equal, as long as both forms
+// take the same number of bytes. Thread-safe: no shared state.
 #pragma once
 
 #include <cstdint>

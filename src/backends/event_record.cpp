@@ -20,13 +20,13 @@ void setIfPresent(Dictionary& dictionary, std::string_view key, const std::optio
 }
 
 // In the order of the keys: each set() is then an append.
-Dictionary dictionaryOf(const EventFields& fields) {
+Dictionary dictionaryOf(const EventFields& fields, size_t spareEntries) {
     const int64_t start = roundedStart(fields.startTimeStamp);
     const double elapsed = TelvoradUtil::secondsFromTimeValue(fields.timestamp) - fields.startTimeStamp;
     const double clientTime = TelvoradUtil::sanitizeNumber(static_cast<double>(start) + elapsed);
 
     Dictionary result;
-    result.reserve(kFieldCount);
+    result.reserve(kFieldCount + spareEntries);
     setIfPresent(result, "_build", fields.build);
     result.set("_clientTS", clientTime);
     result.set("_clientVersion", fields.clientVersion);
@@ -64,12 +64,10 @@ size_t approximateSize(const PropertyList& value) {
 }  // namespace
 
 Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, const EventFields& fields,
-                                   size_t spareEntries) {
-    Dictionary record;
-    record.reserve((payload ? payload->size() : 0) + kFieldCount + spareEntries);
-    if (payload) record.merge(*payload);
-    record.merge(dictionaryOf(fields));
-    return record;
+                                   const Dictionary* userInfo) {
+    Dictionary own = dictionaryOf(fields, userInfo != nullptr ? userInfo->size() : 0);
+    if (userInfo != nullptr) own.merge(*userInfo);
+    return payload ? Dictionary::merged(*payload, std::move(own)) : own;
 }
 
 size_t approximateSize(const Dictionary& dictionary) {

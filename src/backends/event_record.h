@@ -34,10 +34,10 @@ struct EventFields {
     long timezoneOffset;  // from GMT, east positive
 };
 
-// A new record: the payload, overwritten by the fields. Absent strings are left out.
-// `spareEntries`: how many more entries the caller is going to add.
+// A new record: the payload, overwritten by the fields, overwritten by the user info (null: none). Absent
+// strings are left out.
 Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, const EventFields& fields,
-                                   size_t spareEntries);
+                                   const Dictionary* userInfo);
 
 // Bytes that the dictionary occupies, nearly.
 size_t approximateSize(const Dictionary& dictionary);

@@ -32,7 +32,6 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
                             ? newEvent(stopMessagePayload(payload), timestamp, method, respCode)
                             : newEvent(payload, timestamp, method, respCode);
-    prepareEventForMessage(record);
 
     if (isPromoting(flag)) {
         BackendState expected = BackendState::sampledOut;
@@ -91,12 +90,9 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
         .reportVersion = selfVersion_,
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
     };
-    return newEventDictfromPayload(payload, fields, userInfoDict_ ? userInfoDict_->size() : 0);
-}
-
-void HTTPSPostBackend::prepareEventForMessage(Dictionary& record) const {
-    if (userInfoDict_) record.merge(*userInfoDict_);
+    Dictionary record = newEventDictfromPayload(payload, fields, userInfoDict_.get());
     filterEvent(filters_, record);
+    return record;
 }
 
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
