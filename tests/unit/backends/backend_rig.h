@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A device, a bag server's word and a server, as much of them as a backend sees.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "backends/telvora_backend.h"
+#include "telvora/keys.h"
+#include "tests/support/fake_http_client.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+namespace telvora::test {
+
+constexpr TimeValue kNow{1447660800, 250000};
+
+struct BackendRig {
+    explicit BackendRig(Dictionary deviceProperties = {}) : properties(std::move(deviceProperties)) {}
+
+    void setDefault(std::string_view key, PropertyList value) {
+        ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, key, std::move(value)));
+    }
+    void setConsent(bool consent) {
+        ASSERT_TRUE(defaults.set("com.zandor.diagnosticsharing", "Enabled", consent));
+    }
+
+    TemporaryDirectory directory;
+    UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
+    DeviceProperties properties;
+    DeviceIdentity identity{properties, defaults};
+    Environment environment{defaults, identity};
+    FakeHttpClient http;
+    std::optional<std::string> country = "CH";
+    double random = 0.3;
+    BackendServices services{http,
+                             identity,
+                             environment,
+                             defaults,
+                             [] { return kNow; },
+                             [this] { return country; },
+                             [] { return 3600L; },
+                             [this] { return random; }};
+};
+
+inline BackendProfile profileOf(Dictionary profile) {
+    return std::make_shared<const PropertyList>(std::move(profile));
+}
+
+inline std::shared_ptr<const Dictionary> shared(Dictionary dictionary) {
+    return std::make_shared<const Dictionary>(std::move(dictionary));
+}
+
+inline Dictionary userInfoOf(const std::string& client, const std::string& service) {
+    return {{kTelvoraUserInfoClientName, client}, {kTelvoraUserInfoServiceName, service}};
+}
+
+}  // namespace telvora::test

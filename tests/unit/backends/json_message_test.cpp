@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "backends/json_message.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "tests/support/log_capture.h"
+
+namespace telvora {
+namespace {
+
+TEST(JsonMessageTest, WritesEveryType) {
+    const Dictionary event{
+        {"bool", true},
+        {"int", -7},
+        {"uint", std::numeric_limits<uint64_t>::max()},
+        {"tenth", 0.1},
+        {"whole", 3.0},
+        {"big", 1e300},
+        {"time", 1447660800.123456},
+        {"nan", std::numeric_limits<double>::quiet_NaN()},
+        {"text", "a\"b\\\n\x01/\xe2\x82\xac"},
+        {"broken \xff", "\xc3(\xed\xa0\x80"},
+    };
+    EXPECT_EQ(compactJson({1447660800.25, "id", {&event, 1}}),
+              "{\"postTime\":1447660800.25,\"clientId\":\"id\",\"events\":[{\"big\":1e+300,\"bool\":true,"
+              "\"broken \xef\xbf\xbd\":\"\xef\xbf\xbd(\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\","
+              "\"int\":-7,\"nan\":-1.0,\"tenth\":0.1,"
+              "\"text\":\"a\\\"b\\\\\\n\\u0001/\xe2\x82\xac\",\"time\":1447660800.123456,"
+              "\"uint\":18446744073709551615,\"whole\":3.0}]}");
+}
+
+TEST(JsonMessageTest, WithoutAClientNothingButTheTimeIsWritten) {
+    const Dictionary event{{"a", 1}};
+    EXPECT_EQ(compactJson({std::numeric_limits<double>::infinity(), std::nullopt, {&event, 1}}),
+              "{\"postTime\":-1.0}");
+}
+
+TEST(JsonMessageTest, PrettyIsTheSameOnLines) {
+    const Dictionary event{{"a", 1}};
+    EXPECT_EQ(prettyJson({1.5, "id", {&event, 1}}),
+              "{\n  \"postTime\": 1.5,\n  \"clientId\": \"id\",\n  \"events\": [\n    {\n      \"a\": 1\n    "
+              "}\n  ]\n}");
+}
+
+TEST(JsonMessageTest, WhatJsonCantCarryIsRemovedWithAWarning) {
+    Dictionary event{
+        {"array", Array{1, 2}},
+        {"bool", false},
+        {"data", Data{"\x01\x02"}},
+        {"date", Date{12.5}},
+        {"endless", Date{std::numeric_limits<double>::infinity()}},
+        {"nested", Dictionary{{"private", "value"}}},
+        {"text", "t"},
+    };
+    const test::LogCapture log;
+    makeJsonSafe(event);
+    EXPECT_EQ(event, (Dictionary{{"bool", false}, {"date", 12.5}, {"endless", -1.0}, {"text", "t"}}));
+    const std::string line =
+        "<4>HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: ";
+    EXPECT_THAT(log.lines(), testing::ElementsAre(line + "array, value: <array, 2 elements>",
+                                                  line + "data, value: <data, 2 bytes>",
+                                                  line + "nested, value: <dictionary, 1 entries>"));
+}
+
+}  // namespace
+}  // namespace telvora
