@@ -43,9 +43,6 @@ std::optional<std::string> currentCountryCode(const std::filesystem::path& local
 }
 
 long timeZoneOffsetSeconds() {
-    // The C library's zone has a lock of its own, which ThreadSanitizer doesn't see.
-    static Mutex zoneLock;
-    const MutexLock lock(zoneLock);
     const time_t now = time(nullptr);
     struct tm local {};
     // The C library has a lock of its own here, which no race detector sees.
