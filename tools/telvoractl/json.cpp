@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "json.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
+namespace telvora::ctl {
+
+namespace {
+
+// --- Reading ---
+
+constexpr size_t kMaxDepth = 64;
+
+// Collects the value that RapidJSON's events describe.
+class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collector> {
+  public:
+    const char* problem = nullptr;
+    PropertyList result;
+
+    bool Null() {
+        problem = "null has no place in a property list";
+        return false;
+    }
+    bool Bool(bool value) { return add(value); }
+    bool Int(int value) { return add(value); }
+    bool Uint(unsigned value) { return add(value); }
+    bool Int64(int64_t value) { return add(static_cast<long long>(value)); }
+    bool Uint64(uint64_t value) { return add(static_cast<unsigned long long>(value)); }
+    bool Double(double value) { return add(value); }
+    bool String(const char* text, rapidjson::SizeType length, bool) {
+        return add(std::string_view(text, length));
+    }
+    bool Key(const char* text, rapidjson::SizeType length, bool) {
+        open_.back().key.assign(text, length);
+        return true;
+    }
+    bool StartObject() { return open(Dictionary()); }
+    bool EndObject(rapidjson::SizeType) { return close(); }
+    bool StartArray() { return open(Array()); }
+    bool EndArray(rapidjson::SizeType) { return close(); }
+
+  private:
+    struct Container {
+        std::variant<Dictionary, Array> value;
+        std::string key;  // of the entry to come
+    };
+
+    bool open(std::variant<Dictionary, Array> container) {
+        if (open_.size() >= kMaxDepth) {
+            problem = "nested too deep";
+            return false;
+        }
+        open_.push_back({std::move(container), {}});
+        return true;
+    }
+    bool close() {
+        Container ended = std::move(open_.back());
+        open_.pop_back();
+        return std::visit([this](auto& value) { return add(std::move(value)); }, ended.value);
+    }
+    bool add(PropertyList value) {
+        if (open_.empty()) {
+            result = std::move(value);
+        } else if (auto* dictionary = std::get_if<Dictionary>(&open_.back().value)) {
+            dictionary->set(open_.back().key, std::move(value));
+        } else {
+            std::get<Array>(open_.back().value).push_back(std::move(value));
+        }
+        return true;
+    }
+
+    std::vector<Container> open_;
+};
+
+// --- Printing ---
+
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+
+void writeText(Writer& out, std::string_view text) {
+    out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void writeReal(Writer& out, double value) {
+    out.Double(std::isfinite(value) ? value : -1.0);
+}
+
+std::string base64(std::string_view bytes) {
+    static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        const size_t count = std::min<size_t>(3, bytes.size() - i);
+        uint32_t group = 0;
+        for (size_t j = 0; j < 3; ++j)
+            group = group << 8 | (j < count ? static_cast<unsigned char>(bytes[i + j]) : 0u);
+        for (size_t j = 0; j < 4; ++j)
+            text += j <= count ? kDigits[group >> (18 - 6 * j) & 63] : '=';
+    }
+    return text;
+}
+
+struct ValueWriter {
+    Writer& out;
+
+    void operator()(bool value) const { out.Bool(value); }
+    void operator()(int64_t value) const { out.Int64(value); }
+    void operator()(uint64_t value) const { out.Uint64(value); }
+    void operator()(double value) const { writeReal(out, value); }
+    void operator()(const std::string& value) const { writeText(out, value); }
+    void operator()(const Data& value) const { writeText(out, base64(value.bytes)); }
+    void operator()(const Date& value) const { writeReal(out, value.seconds); }
+    void operator()(const Array& value) const {
+        out.StartArray();
+        for (const PropertyList& element : value)
+            std::visit(*this, element.value());
+        out.EndArray();
+    }
+    void operator()(const Dictionary& value) const {
+        out.StartObject();
+        for (const Dictionary::Entry& entry : value) {
+            writeText(out, entry.key);
+            std::visit(*this, entry.value.value());
+        }
+        out.EndObject();
+    }
+};
+
+void writeOrNull(Writer& out, const std::optional<std::string>& value) {
+    if (value) {
+        writeText(out, *value);
+    } else {
+        out.Null();
+    }
+}
+
+void writeOrNull(Writer& out, const std::optional<Dictionary>& value) {
+    if (value) {
+        ValueWriter{out}(*value);
+    } else {
+        out.Null();
+    }
+}
+
+template <typename Write>
+void printObject(const char* name, Write write) {
+    rapidjson::StringBuffer buffer;
+    Writer out(buffer);
+    out.StartObject();
+    out.Key(name);
+    write(out);
+    out.EndObject();
+    buffer.Put('\n');
+    std::fwrite(buffer.GetString(), 1, buffer.GetSize(), stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+tl::expected<PropertyList, std::string> parseJson(std::string_view text) {
+    rapidjson::MemoryStream bytes(text.data(), text.size());
+    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(bytes);
+    rapidjson::Reader reader;
+    Collector collector;
+    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
+                                rapidjson::kParseFullPrecisionFlag;
+    if (reader.Parse<kFlags>(stream, collector)) return std::move(collector.result);
+    const char* problem = collector.problem != nullptr
+                              ? collector.problem
+                              : rapidjson::GetParseError_En(reader.GetParseErrorCode());
+    return tl::unexpected(std::string(problem) + " (at byte " + std::to_string(reader.GetErrorOffset() + 1) +
+                          ")");
+}
+
+void printLine(const char* name, const std::optional<std::string>& value) {
+    printObject(name, [&](Writer& out) { writeOrNull(out, value); });
+}
+
+void printLine(const char* name, const ReportingStates& states) {
+    printObject(name, [&](Writer& out) {
+        if (!states) return void(out.Null());
+        out.StartArray();
+        for (const std::string& state : *states)
+            writeText(out, state);
+        out.EndArray();
+    });
+}
+
+void printLine(const char* name, const FlushAnswer& answer) {
+    printObject(name, [&](Writer& out) {
+        out.StartObject();
+        out.Key("answer");
+        writeOrNull(out, answer.answer);
+        out.Key("error");
+        if (answer.error) {
+            out.StartObject();
+            out.Key("domain");
+            writeText(out, answer.error->domain);
+            out.Key("code");
+            out.Int(answer.error->code);
+            out.Key("description");
+            writeText(out, answer.error->description);
+            out.EndObject();
+        } else {
+            out.Null();
+        }
+        out.EndObject();
+    });
+}
+
+void printLine(const char* name, const AggregatedMessage& message) {
+    printObject(name, [&](Writer& out) {
+        out.StartObject();
+        out.Key("sessionInfo");
+        writeOrNull(out, message.sessionInfo);
+        out.Key("timestamp");
+        writeReal(out, message.timestamp);
+        out.Key("category");
+        out.Uint(message.category);
+        out.Key("type");
+        out.Uint(message.type);
+        out.Key("payload");
+        writeOrNull(out, message.payload);
+        out.EndObject();
+    });
+}
+
+}  // namespace telvora::ctl
