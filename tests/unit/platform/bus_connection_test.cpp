@@ -154,8 +154,8 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     }
     conversation += "\r\nBEGIN\r\n";
     sendAll(served.peer.get(), conversation);
-    // A method call whose header announces a body of 100 MiB.
-    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 100u << 20, 1, 0};
+    // A method call whose header announces a body of 8 MiB.
+    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 8u << 20, 1, 0};
     std::string message(reinterpret_cast<const char*>(words), sizeof words);
     sendAll(served.peer.get(), message);
 
