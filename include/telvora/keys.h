@@ -11,8 +11,7 @@
 #define kTelvoraSessionInfoClientVersion "TelvoraSessionInfoClientVersion"     /* number, low 16 bits count */
 #define kTelvoraSessionInfoRequireUserInfo "TelvoraSessionInfoRequireUserInfo" /* boolean */
 #define kTelvoraSessionInfoBatchEvent "TelvoraSessionInfoBatchEvent"           /* boolean */
-#define kTelvoraSessionInfoHierarchyToken "TelvoraSessionInfoHierarchyToken"   /* dictionary, two keys below \
-                                                                                */
+#define kTelvoraSessionInfoHierarchyToken "TelvoraSessionInfoHierarchyToken"   /* dictionary, see below */
 
 /* Hierarchy token */
 #define kTelvoraHierarchyTokenLevel "TelvoraHierarchyTokenLevel"     /* number, 0 at the top */
