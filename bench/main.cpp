@@ -114,6 +114,8 @@ int run(const Options& options) {
     std::cout << lab::toJson(describe(options, reports, figures, load), true) << std::endl;
     for (const std::string& problem : reports.problems())
         std::cerr << problem << '\n';
+    for (const std::string& line : daemon.logLines())
+        if (line.starts_with("<3>") || line.starts_with("<4>")) std::cerr << line << '\n';
     return reports.distinctCount() == options.load.reports && reports.duplicateCount() == 0 &&
                    reports.problems().empty()
                ? 0
