@@ -133,9 +133,16 @@ void CurlEngine::collectEnded() {
     while (const CURLMsg* message = curl_.multiInfoRead(multi_, &left)) {
         if (message->msg == CURLMSG_DONE) {
             const CURLcode code = message->data.result;  // the message ends with the handle's removal
-            finish(CurlTransfer::of(curl_, message->easy_handle), code);
+            CurlTransfer& transfer = CurlTransfer::of(curl_, message->easy_handle);
+            if (!startAgain(transfer, code)) finish(transfer, code);
         }
     }
+}
+
+bool CurlEngine::startAgain(CurlTransfer& transfer, CURLcode code) {
+    if (!transfer.shouldStartAgain(code)) return false;
+    curl_.multiRemoveHandle(multi_, transfer.handle());
+    return curl_.multiAddHandle(multi_, transfer.handle()) == CURLM_OK;
 }
 
 void CurlEngine::finish(CurlTransfer& transfer, CURLcode code) {

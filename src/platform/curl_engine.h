@@ -71,6 +71,7 @@ class CurlEngine {
     void queueTurn(Line& line);
     void begin(Line& line);
     CurlTransfer* freeTransfer();
+    bool startAgain(CurlTransfer& transfer, CURLcode code);
     void finish(CurlTransfer& transfer, CURLcode code);
     void finishWaiting(std::unique_ptr<HttpExchange> exchange, CURLcode code);
     void collectEnded();

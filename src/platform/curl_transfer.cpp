@@ -89,6 +89,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
 
     const HttpRequest& request = exchange_->request;
     setMethodAndBody(request);
+    curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 0L);
     curl_.easySetopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
     // Over TLS the first handshake tells whether one connection serves all; worth waiting for. Without TLS
     // there is nothing to learn, and a slow first answer would hold up the others.
@@ -189,6 +190,13 @@ size_t CurlTransfer::onBody(char* data, size_t size, size_t count, void* self) n
         return 0;
     }
     return bytes;
+}
+
+bool CurlTransfer::shouldStartAgain(CURLcode code) {
+    long newConnections = 0;
+    curl_.easyGetinfo(easy_, CURLINFO_NUM_CONNECTS, &newConnections);
+    if (code != CURLE_SEND_ERROR || newConnections > 0 || headerBytes_ > 0) return false;
+    return curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
 }
 
 HttpResult CurlTransfer::end(CURLcode code) {

@@ -50,6 +50,10 @@ class CurlTransfer {
     // error the exchange has been taken all the same, and end() is due.
     CURLcode begin(std::unique_ptr<HttpExchange> exchange);
 
+    // Whether a connection that had been kept open turned out to be closed while the request was being sent,
+    // so that no server can have acted on it (RFC 9112, section 9.3.1); libcurl itself tries again only where
+    // the request had gone out whole. The handle is then set up to go through a connection of its own.
+    bool shouldStartAgain(CURLcode code);
     // What came of the exchange, which libcurl ended with `code`.
     HttpResult end(CURLcode code);
     // Gives the exchange up; the transfer is free for the next one.

@@ -47,6 +47,8 @@ class ScriptedServer {
                 text.remove_prefix(static_cast<size_t>(sent));
             }
         }
+        // Waits for more of a request; false when the peer has gone.
+        bool readSome() { return receive(); }
         void waitForClose() {
             while (receive()) {
             }

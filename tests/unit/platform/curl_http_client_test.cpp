@@ -167,6 +167,21 @@ TEST(CurlHttpClient, AnIncompleteOrOversizedAnswerIsAnError) {
     EXPECT_TRUE(performBlocking(*client, {.url = exact.url(), .maxResponseBytes = 1000}));
 }
 
+TEST(CurlHttpClient, SendsAgainWhatAKeptConnectionWasClosedUnder) {
+    std::atomic<int> connections = 0;
+    ScriptedServer server([&](Connection& connection) {
+        if (connections++ > 0) return answering(kOk)(connection);
+        connection.readRequest();
+        connection.send(kOk);
+        connection.readSome();  // of the second request, most of which is yet to come
+    });
+    const auto client = makeCurlHttpClient();
+    EXPECT_EQ(errorCode(startIn(*client, {.url = server.url()}).get()), 0);
+    const std::string body(8 << 20, 'x');
+    EXPECT_EQ(errorCode(startIn(*client, {.method = "POST", .url = server.url(), .body = body}).get()), 0);
+    EXPECT_EQ(connections, 2);
+}
+
 TEST(CurlHttpClient, ReportsARefusedConnectionAndARequestThatCanNotBeSent) {
     std::string url;
     {
