@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 
+#include "backends/dashboard_backend.h"
 #include "backends/https_post_backend.h"
 #include "telvora/keys.h"
 #include "util/log.h"
@@ -32,8 +33,13 @@ std::shared_ptr<TelvoraBackend> makeHTTPSPostBackend(BackendArguments arguments)
                                   arguments.productFamily);
 }
 
+std::shared_ptr<TelvoraBackend> makeDashboardBackend(BackendArguments arguments) {
+    return DashboardBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
+                                  arguments.productFamily);
+}
+
 constexpr std::array<BackendClass, 6> kBackendClasses{{
-    {kTelvoraBackendDashboard, nullptr},
+    {kTelvoraBackendDashboard, makeDashboardBackend},
     {kTelvoraBackendUploadServer, nullptr},
     {kTelvoraBackendHTTPPost, makeHTTPSPostBackend},
     {kTelvoraBackendHTTPPost2, makeHTTPSPostBackend},

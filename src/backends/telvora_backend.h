@@ -21,6 +21,7 @@
 #include "config/device_identity.h"
 #include "config/environment.h"
 #include "platform/http_client.h"
+#include "platform/network_queue.h"
 #include "platform/property_list.h"
 #include "platform/user_defaults.h"
 #include "protocol/telvora_error.h"
@@ -41,10 +42,11 @@ struct BackendServices {
     const DeviceIdentity& identity;
     const Environment& environment;
     UserDefaults& defaults;
-    Clock clock;                                              // time of day
-    std::function<std::optional<std::string>()> countryCode;  // of the current locale
-    std::function<long()> timeZoneOffsetSeconds;              // east positive
-    std::function<double()> random;                           // uniform in [0, 1)
+    Clock clock;                                                           // time of day
+    std::function<std::optional<std::string>()> countryCode;               // of the current locale
+    std::function<long()> timeZoneOffsetSeconds;                           // east positive
+    std::function<double()> random;                                        // uniform in [0, 1)
+    std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard
 };
 
 // The configuration of one backend in a bag: the bag's value under the backend's name. Shares the bag, which

@@ -50,8 +50,15 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
-    const BackendServices backendServices{http,      identity,    environment,           defaults,
-                                          timeOfDay, countryCode, timeZoneOffsetSeconds, uniformRandom48};
+    const BackendServices backendServices{http,
+                                          identity,
+                                          environment,
+                                          defaults,
+                                          timeOfDay,
+                                          countryCode,
+                                          timeZoneOffsetSeconds,
+                                          uniformRandom48,
+                                          [&pool] { return makeNetworkQueue(pool); }};
     const BackendFactory factory(backendServices);
     const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
                                           identity,

@@ -19,6 +19,7 @@
 #include "platform/entitlements.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/virtual_network.h"
 
 namespace telvora::test {
 
@@ -82,6 +83,7 @@ class DaemonWorld {
     double samplingFactor = 0;   // what every backend draws
     TemporaryDirectory directory;
     FakeHttpClient http;
+    VirtualNetwork network;
     asio::io_context runLoop;
     UserDefaults defaults;
     DeviceProperties properties;

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/network_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <future>
+#include <vector>
+
+#include "tests/support/udp_peer.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::chrono_literals;
+using test::UdpPeer;
+
+class NetworkQueueTest : public testing::Test {
+  protected:
+    // Runs on the queue and waits for it.
+    void onQueue(const std::function<void()>& item) {
+        std::promise<void> done;
+        queue_->post([&] {
+            item();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+
+    WorkPool pool_{2};
+    std::unique_ptr<NetworkQueue> queue_ = makeNetworkQueue(pool_);
+};
+
+TEST_F(NetworkQueueTest, ItemsRunInOrderAndNeverTwoAtOnce) {
+    std::vector<int> order;  // without a lock: a race detector would tell
+    for (int i = 0; i < 1000; ++i)
+        queue_->post([&order, i] { order.push_back(i); });
+    onQueue([&order] {
+        ASSERT_EQ(order.size(), 1000u);
+        EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    });
+}
+
+TEST_F(NetworkQueueTest, TimersFireOnceAndNotAfterCancel) {
+    std::promise<void> fired;
+    std::vector<std::string> calls;
+    auto timer = queue_->makeTimer();
+    auto replaced = queue_->makeTimer();
+    auto cancelled = queue_->makeTimer();
+    const SteadyTime past = queue_->now() - 1s;
+    onQueue([&] {
+        cancelled->arm(past, 1ns, [&] { calls.emplace_back("cancelled"); });
+        replaced->arm(past, 1ns, [&] { calls.emplace_back("replaced"); });
+        cancelled->cancel();
+        replaced->arm(past, 1ns, [&] {
+            calls.emplace_back("replacement");
+            timer->arm(past, 1ns, [&] {
+                calls.emplace_back("last");
+                timer.reset();  // from within its own call
+                fired.set_value();
+            });
+        });
+    });
+    fired.get_future().wait();
+    onQueue([&] { EXPECT_EQ(calls, (std::vector<std::string>{"replacement", "last"})); });
+}
+
+TEST(SharedWakeupTest, TimersOfOneLeewayFallTogether) {
+    const SteadyTime start(1'000'000s);
+    EXPECT_EQ(sharedWakeup(start, 100ms), start);
+    EXPECT_EQ(sharedWakeup(start + 1ns, 100ms), start + 100ms);
+    EXPECT_EQ(sharedWakeup(start + 99ms, 100ms), start + 100ms);
+    EXPECT_EQ(sharedWakeup(start + 7ms, 1ns), start + 7ms);
+}
+
+TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
+    UdpPeer peer;
+    const auto socket = std::move(*queue_->makeUdpSocket());
+    ASSERT_EQ(socket->bindToAnyAddress(), 0);
+    ASSERT_TRUE(socket->makeReadSource());
+    ASSERT_EQ(socket->connect("127.0.0.1", peer.port()), 0);
+    std::promise<std::string> received;
+    onQueue([&] {
+        EXPECT_TRUE(socket->send("ping"));
+        EXPECT_FALSE(socket->send(std::string(70000, 'x')));  // more than a datagram holds
+        socket->whenReadable([&] {
+            std::vector<char> buffer(4);
+            const size_t length = socket->receive(buffer);
+            received.set_value(std::string(buffer.data(), length));
+        });
+    });
+    EXPECT_EQ(peer.receive(), "ping");
+    peer.answer("ponged");
+    EXPECT_EQ(received.get_future().get(), "pong");
+
+    onQueue([&] {
+        std::vector<char> buffer(4);
+        EXPECT_EQ(socket->receive(buffer), 0u);  // nothing is there, and nobody waits
+        socket->whenReadable([] { ADD_FAILURE() << "called after closing"; });
+        socket->close();
+        EXPECT_FALSE(socket->send("late"));
+    });
+    onQueue([] {});
+}
+
+TEST_F(NetworkQueueTest, APeerThatIsAwayShowsInTheNextSendAndMayComeBack) {
+    UdpPeer peer;
+    const auto socket = std::move(*queue_->makeUdpSocket());
+    ASSERT_TRUE(socket->makeReadSource());
+    ASSERT_EQ(socket->connect("127.0.0.1", peer.port()), 0);
+    peer.close();
+    std::promise<void> refused;
+    onQueue([&] {
+        EXPECT_TRUE(socket->send("lost"));
+        socket->whenReadable([&] { refused.set_value(); });
+    });
+    refused.get_future().wait();
+    onQueue([&] { EXPECT_FALSE(socket->send("refused")); });
+    ASSERT_TRUE(peer.open());
+    onQueue([&] { EXPECT_TRUE(socket->send("back")); });
+    EXPECT_EQ(peer.receive(), "back");
+}
+
+TEST_F(NetworkQueueTest, AddressesAreReadAsDottedDecimals) {
+    const struct {
+        const char* address;
+        bool valid;
+    } cases[] = {
+        {"127.0.0.1", true},   {"127.1", true}, {"127.0.0.1 and more", true}, {"127.000.000.0001234", true},
+        {"", false},           {"::1", false},  {"localhost", false},         {"256.0.0.1", false},
+        {"127.0.0.1.", false}, {"-1", false},   {"255.255.255.255", false},   {"127.0.0.1x", false},
+    };
+    for (const auto& [address, valid] : cases) {
+        const auto socket = std::move(*queue_->makeUdpSocket());
+        EXPECT_EQ(socket->connect(address, 9), valid ? 0 : EACCES) << address;
+    }
+}
+
+}  // namespace
+}  // namespace telvora
