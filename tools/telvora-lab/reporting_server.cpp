@@ -94,16 +94,22 @@ ServerResponse ReportingServer::handle(const ServerRequest& request) {
         response.status = 404;
         return response;
     }
+    // Taken before the message is known to have arrived: who waits for it and then releases, releases this
+    // one.
+    ReportingFault fault;
+    uint64_t releases;
+    {
+        MutexLock lock(mutex_);
+        fault = fault_;
+        releases = releases_;
+    }
     if (options_.countByKey.empty()) {
         keep(request);
     } else {
         count(request);
     }
-
-    MutexLock lock(mutex_);
-    const ReportingFault fault = fault_;
     if (fault == ReportingFault::hold) {
-        const uint64_t releases = releases_;
+        MutexLock lock(mutex_);
         while (releases_ == releases)
             changed_.wait(mutex_);
     }
