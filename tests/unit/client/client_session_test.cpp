@@ -54,6 +54,7 @@ class ClientSessionTest : public testing::Test {
     ~ClientSessionTest() override {
         session.reset();
         if (connection) ended.get_future().wait();
+        pool.stop();
     }
     void connect(ClientSession::Handlers handlers = {}) {
         auto connected = ClientSession::connect(runtime, socketPath, std::move(handlers));
@@ -67,14 +68,15 @@ class ClientSessionTest : public testing::Test {
         connection->resume();
     }
 
+    // The first, so that they outlive the strands they made.
+    WorkPool pool{1};
+    ClientRuntime runtime;
     test::TemporaryDirectory directory;
     std::filesystem::path socketPath = directory.path() / "socket";
     UniqueFd listener;
     std::promise<void> ended;
     std::shared_ptr<FakeSession> daemon = std::make_shared<FakeSession>();
     std::shared_ptr<ClientConnection> connection;
-    WorkPool pool{1};
-    ClientRuntime runtime;
     std::unique_ptr<ClientSession> session;
 };
 

@@ -145,7 +145,7 @@ TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
 
 TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     BusLimits limits;
-    limits.messageSize = 1 << 20;
+    limits.messageSize = 128 << 10;
     Served served = serve(limits);
     std::string conversation("\0AUTH EXTERNAL ", 15);
     for (const char digit : std::to_string(getuid())) {
@@ -154,13 +154,13 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     }
     conversation += "\r\nBEGIN\r\n";
     sendAll(served.peer.get(), conversation);
-    // A method call whose header announces a body of 8 MiB.
-    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 8u << 20, 1, 0};
+    // A method call whose header announces a body of 1 MiB.
+    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
     std::string message(reinterpret_cast<const char*>(words), sizeof words);
     sendAll(served.peer.get(), message);
 
     // Each piece is read before the next one comes, as from a peer that is no faster than this end.
-    const std::string piece(64 << 10, '\0');
+    const std::string piece(8 << 10, '\0');
     size_t accepted = 0;
     for (ssize_t sent = 0; (sent = send(served.peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL)) > 0;) {
         accepted += static_cast<size_t>(sent);
