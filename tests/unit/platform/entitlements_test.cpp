@@ -11,128 +11,102 @@ namespace telvora {
 namespace {
 
 constexpr char kName[] = "com.example.report";
+const Dictionary kGranted{{kName, true}};
 
-Peer examplePeer() {
-    Peer peer;
-    peer.pid = 4711;
-    peer.uid = 0;  // the one user and group whose name is the same everywhere
-    peer.gid = 1000;
-    peer.groups = {20, 0, 1001};
-    peer.label = "app_t";
-    peer.unit = "app.service";
-    return peer;
+std::string xml(const PropertyList& value) {
+    return serializePropertyList(value, PropertyListFormat::xml).value();
 }
 
 class EntitlementsTest : public testing::Test {
   protected:
+    EntitlementsTest() {
+        peer_.uid = 0;  // the one user and group whose name is the same everywhere
+        peer_.gid = 1000;
+        peer_.groups = {20, 0, 1001};
+        peer_.label = "app_t";
+        peer_.unit = "app.service";
+    }
     void write(const std::string& name, const PropertyList& document) {
-        directory_.write("entitlements.d/" + name,
-                         serializePropertyList(document, PropertyListFormat::xml).value());
+        directory_.write("entitlements.d/" + name, xml(document));
     }
     // What one file with these conditions, and otherwise in order, grants.
-    bool grants(Dictionary file, const Peer& peer = examplePeer()) {
-        file.set("Entitlements", Dictionary{{kName, true}});
+    bool grants(Dictionary file, const Peer& peer) {
+        file.set("Entitlements", kGranted);
         write("only.plist", file);
         return store_.valueForEntitlement(peer, kName) == PropertyList(true);
     }
 
+    Peer peer_;
     test::TemporaryDirectory directory_;
     EntitlementStore store_{directory_.path()};
 };
 
 TEST_F(EntitlementsTest, AllConditionsOfAFileMustHold) {
     const Dictionary all{{"User", "root"}, {"Group", 1000}, {"Unit", "app.service"}, {"Label", "app_t"}};
-    const struct {
-        Dictionary conditions;
-        bool granted;
-    } cases[] = {
-        {{}, true},
-        {all, true},
-        {{{"User", "root"}}, true},
-        {{{"User", 0}}, true},
-        {{{"User", "0"}}, true},
-        {{{"User", 1}}, false},
-        {{{"User", "01"}}, false},
-        {{{"User", "no-such-user-here"}}, false},
-        {{{"User", "99999999999999999999"}}, false},
-        {{{"Group", 1000}}, true},    // primary
-        {{{"Group", 1001}}, true},    // supplementary
-        {{{"Group", "root"}}, true},  // likewise
-        {{{"Group", 1002}}, false},
-        {{{"Group", "no-such-group-here"}}, false},
-        {{{"Unit", "app.service"}}, true},
-        {{{"Unit", "app"}}, false},
-        {{{"Label", "app_t"}}, true},
-        {{{"Label", "app_t "}}, false},
-    };
-    for (const auto& [conditions, granted] : cases) {
-        EXPECT_EQ(grants(conditions), granted)
-            << serializePropertyList(conditions, PropertyListFormat::xml).value();
-    }
-    for (const auto& [key, value] : all) {
+    // Group 1000 is the primary one, 1001 and root are supplementary.
+    for (const Dictionary& holding : {Dictionary{}, all, Dictionary{{"User", 0}}, Dictionary{{"User", "0"}},
+                                      Dictionary{{"Group", 1001}}, Dictionary{{"Group", "root"}}})
+        EXPECT_TRUE(grants(holding, peer_)) << xml(holding);
+    const std::pair<const char*, PropertyList> failing[] = {{"User", 1},
+                                                            {"User", "01"},
+                                                            {"User", "no-such-user-here"},
+                                                            {"User", "99999999999999999999"},
+                                                            {"User", "other"},
+                                                            {"Group", 1002},
+                                                            {"Group", "no-such-group-here"},
+                                                            {"Unit", "app"},
+                                                            {"Unit", "other"},
+                                                            {"Label", "app_t "},
+                                                            {"Label", "other"}};
+    for (const auto& [key, value] : failing) {
         Dictionary oneFails = all;
-        oneFails.set(key, value.is<int64_t>() ? PropertyList(7) : PropertyList("other"));
-        EXPECT_FALSE(grants(oneFails)) << key;
+        oneFails.set(key, value);
+        EXPECT_FALSE(grants({{key, value}}, peer_)) << key << xml(value);
+        EXPECT_FALSE(grants(oneFails, peer_)) << key << xml(value);
     }
-}
-
-TEST_F(EntitlementsTest, APeerOfUnknownUnitOrLabelHasNeither) {
-    const Peer stranger;
+    // A peer of unknown unit or label has neither.
     for (const char* key : {"Unit", "Label"}) {
-        EXPECT_FALSE(grants({{key, "x"}}, stranger)) << key;
-        EXPECT_FALSE(grants({{key, ""}}, stranger)) << key;
+        EXPECT_FALSE(grants({{key, "x"}}, Peer())) << key;
+        EXPECT_FALSE(grants({{key, ""}}, Peer())) << key;
     }
 }
 
 TEST_F(EntitlementsTest, AFileThatIsNotInOrderGrantsNothingAndIsLogged) {
-    const Dictionary granted{{kName, true}};
-    const PropertyList documents[] = {
-        true,
-        Array{granted},
-        Dictionary{},
-        Dictionary{{"Entitlements", true}},
-        Dictionary{{"Entitlements", granted}, {"Users", "root"}},
-        Dictionary{{"Entitlements", granted}, {"User", true}},
-        Dictionary{{"Entitlements", granted}, {"User", 0.0}},
-        Dictionary{{"Entitlements", granted}, {"User", -1}},
-        Dictionary{{"Entitlements", granted}, {"User", 4294967295}},
-        Dictionary{{"Entitlements", granted}, {"User", ""}},
-        Dictionary{{"Entitlements", granted}, {"Group", Array{0}}},
-        Dictionary{{"Entitlements", granted}, {"Unit", 1}},
-        Dictionary{{"Entitlements", granted}, {"Label", ""}},
-    };
-    for (const PropertyList& document : documents) {
+    std::vector<std::string> documents{xml(true), xml(Array{kGranted}), xml(Dictionary{}),
+                                       xml(Dictionary{{"Entitlements", true}}), "<plist><dict><key>Entitle"};
+    const std::pair<const char*, PropertyList> faults[] = {
+        {"Users", "root"}, {"User", true}, {"User", 0.0},       {"User", -1}, {"User", 4294967295},
+        {"User", ""},      {"Unit", 1},    {"Group", Array{0}}, {"Label", ""}};
+    for (const auto& [key, value] : faults)
+        documents.push_back(xml(Dictionary{{"Entitlements", kGranted}, {key, value}}));
+    for (const std::string& document : documents) {
         const test::LogCapture log;
-        write("bad.plist", document);
-        EXPECT_FALSE(store_.valueForEntitlement(examplePeer(), kName));
+        directory_.write("entitlements.d/bad.plist", document);
+        EXPECT_FALSE(store_.valueForEntitlement(peer_, kName));
         ASSERT_EQ(log.lines().size(), 1u);
         EXPECT_TRUE(log.lines()[0].starts_with("<4>EntitlementStore: ")) << log.lines()[0];
     }
-    const test::LogCapture log;
-    directory_.write("entitlements.d/bad.plist", "<plist><dict><key>Entitle");
-    write("good.plist", Dictionary{{"Entitlements", granted}});
-    EXPECT_TRUE(store_.valueForEntitlement(examplePeer(), kName));
-    EXPECT_EQ(log.lines().size(), 1u);
+    write("good.plist", Dictionary{{"Entitlements", kGranted}});
+    EXPECT_TRUE(store_.valueForEntitlement(peer_, kName));
 }
 
 TEST_F(EntitlementsTest, LaterFilesOverrideEarlierOnesAndChangesCountAtOnce) {
-    EXPECT_FALSE(store_.valueForEntitlement(examplePeer(), kName));  // not even a directory
+    EXPECT_FALSE(store_.valueForEntitlement(peer_, kName));  // not even a directory
     const auto grant = [](PropertyList value) {
         return Dictionary{{"Entitlements", Dictionary{{kName, std::move(value)}, {"other", "kept"}}}};
     };
     write("10-all.plist", grant(false));
     write("9-last.plist", grant("last"));  // byte order, not that of numbers
     write("90-other-entitlement.plist", Dictionary{{"Entitlements", Dictionary{{"another", 1}}}});
-    write("99-other.txt", grant("ignored"));
-    EXPECT_EQ(store_.valueForEntitlement(examplePeer(), kName), PropertyList("last"));
     Dictionary forOthers = grant("others");
     forOthers.set("User", 12345);
     write("95-others.plist", forOthers);
-    EXPECT_EQ(store_.valueForEntitlement(examplePeer(), kName), PropertyList("last"));
+    write("99-other.txt", grant("ignored"));
+    EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList("last"));
     std::filesystem::remove(directory_.path() / "entitlements.d/9-last.plist");
-    EXPECT_EQ(store_.valueForEntitlement(examplePeer(), kName), PropertyList(false));
-    EXPECT_EQ(store_.valueForEntitlement(examplePeer(), "other"), PropertyList("kept"));
-    EXPECT_FALSE(store_.valueForEntitlement(examplePeer(), "absent"));
+    EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList(false));
+    EXPECT_EQ(store_.valueForEntitlement(peer_, "other"), PropertyList("kept"));
+    EXPECT_FALSE(store_.valueForEntitlement(peer_, "absent"));
 }
 
 }  // namespace

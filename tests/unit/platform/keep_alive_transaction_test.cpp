@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -14,16 +13,13 @@ using namespace std::chrono_literals;
 
 // Virtual time: fires when the test says so.
 struct ManualTimer : IdleTimer {
-    struct Pending {
-        std::chrono::milliseconds delay;
-        std::function<void()> handler;
-    };
-    explicit ManualTimer(std::optional<Pending>& where) : pending(where) {}
+    explicit ManualTimer(std::function<void()>& where) : pending(where) {}
     void start(std::chrono::milliseconds delay, std::function<void()> handler) override {
-        pending = Pending{delay, std::move(handler)};
+        EXPECT_EQ(delay, 30s);
+        pending = std::move(handler);
     }
-    void cancel() override { pending.reset(); }
-    std::optional<Pending>& pending;
+    void cancel() override { pending = nullptr; }
+    std::function<void()>& pending;
 };
 
 class KeepAliveTransactionTest : public testing::Test {
@@ -35,38 +31,33 @@ class KeepAliveTransactionTest : public testing::Test {
                                        .onIdle = [this] { ++idleCalls_; },
                                        .timer = std::make_unique<ManualTimer>(timer_)});
     }
-    void runLoop() {
+    bool waits() {
         runLoop_.restart();
         runLoop_.poll();
+        return timer_ != nullptr;
     }
     void fire() {
         ASSERT_TRUE(timer_);
-        EXPECT_EQ(timer_->delay, 30s);
-        const auto handler = std::move(timer_->handler);
-        timer_.reset();
-        handler();
-        runLoop();
+        std::exchange(timer_, nullptr)();
+        waits();
     }
 
     asio::io_context runLoop_{1};
-    std::optional<ManualTimer::Pending> timer_;
+    std::function<void()> timer_;
     bool inFlight_ = false;
     int idleCalls_ = 0;
 };
 
 TEST_F(KeepAliveTransactionTest, IdlesOnceNobodyHasNeededTheProcessForLong) {
     const auto transaction = make(true);
-    runLoop();
-    EXPECT_TRUE(timer_);  // nobody has come yet
+    EXPECT_TRUE(waits());  // nobody has come yet
     transaction->begin();
     transaction->begin();
-    runLoop();
-    EXPECT_FALSE(timer_);
+    EXPECT_FALSE(waits());
     transaction->end();
-    runLoop();
-    EXPECT_FALSE(timer_);
+    EXPECT_FALSE(waits());
     transaction->end();
-    runLoop();
+    EXPECT_TRUE(waits());
     inFlight_ = true;
     fire();
     EXPECT_EQ(idleCalls_, 0);
@@ -78,7 +69,7 @@ TEST_F(KeepAliveTransactionTest, IdlesOnceNobodyHasNeededTheProcessForLong) {
 
 TEST_F(KeepAliveTransactionTest, ABeginThatRacesTheTimerWins) {
     const auto transaction = make(true);
-    runLoop();
+    EXPECT_TRUE(waits());
     transaction->begin();  // the run loop has yet to hear of it
     fire();
     EXPECT_EQ(idleCalls_, 0);
@@ -89,36 +80,31 @@ TEST_F(KeepAliveTransactionTest, NeverIdlesAProcessThatWasNotLaunchedOnDemand) {
     const auto transaction = make(false);
     transaction->begin();
     transaction->end();
-    runLoop();
-    EXPECT_FALSE(timer_);
+    EXPECT_FALSE(waits());
 }
 
 TEST_F(KeepAliveTransactionTest, MayGoBeforeItsTimerAndItsPosts) {
     auto transaction = make(true);
-    runLoop();
+    EXPECT_TRUE(waits());
     transaction->begin();
     transaction->end();
-    auto handler = timer_->handler;
+    const auto handler = timer_;
     transaction.reset();
     handler();
-    runLoop();
+    waits();
     EXPECT_EQ(idleCalls_, 0);
 }
 
 TEST_F(KeepAliveTransactionTest, IsOpenedAndClosedFromAnyThread) {
     const auto transaction = make(true);
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int j = 0; j < 100; ++j) {
-                    transaction->begin();
-                    transaction->end();
-                }
-            });
+    const auto use = [&] {
+        for (int i = 0; i < 100; ++i) {
+            transaction->begin();
+            transaction->end();
         }
-    }
-    runLoop();
+    };
+    { const std::jthread threads[] = {std::jthread(use), std::jthread(use), std::jthread(use)}; }
+    EXPECT_TRUE(waits());
     fire();
     EXPECT_EQ(idleCalls_, 1);
 }

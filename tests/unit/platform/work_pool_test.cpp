@@ -42,55 +42,37 @@ TEST(WorkPool, AStrandRunsItsWorkInOrderAndOneAfterAnother) {
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST(WorkPool, BlockedWorkLeavesARunnerToOthersAndSurplusThreadsRetire) {
-    WorkPool pool(1, 1ms);
-    EXPECT_EQ(pool.threadCount(), 1u);
-    constexpr int kBlocked = 8;
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    std::latch allBlocked(kBlocked);
-    std::vector<std::future<void>> blocked;
-    for (int i = 0; i < kBlocked; ++i) {
-        blocked.push_back(postTo(pool, [&] {
-            const BlockingSection outer;
-            const BlockingSection nested;
-            allBlocked.count_down();
-            released.wait();
-        }));
-    }
-    allBlocked.wait();
-    EXPECT_EQ(pool.threadCount(), kBlocked + 1u);
-    EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
-
-    release.set_value();
-    for (auto& one : blocked)
-        one.wait();
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-    EXPECT_EQ(pool.threadCount(), 1u);
-    EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
-}
-
-TEST(WorkPool, ThreadsAreCapped) {
+TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) {
     constexpr size_t kCap = WorkPool::kMaxSurplusThreads + 1;
-    WorkPool pool(1);
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    std::latch allBlocked(kCap);
-    std::vector<std::future<void>> blocked;
-    for (size_t i = 0; i < kCap + 10; ++i) {
-        blocked.push_back(postTo(pool, [&, counts = i < kCap] {
-            const BlockingSection section;
-            if (counts) allBlocked.count_down();
-            released.wait();
-        }));
+    for (const size_t blocked : {size_t{8}, kCap + 10}) {
+        WorkPool pool(1, 1ms);
+        EXPECT_EQ(pool.threadCount(), 1u);
+        std::promise<void> release;
+        auto released = release.get_future().share();
+        std::latch entered(static_cast<std::ptrdiff_t>(std::min(blocked, kCap)));
+        std::vector<std::future<void>> all;
+        for (size_t i = 0; i < blocked; ++i) {
+            all.push_back(postTo(pool, [&, counts = i < kCap] {
+                const BlockingSection outer;
+                const BlockingSection nested;
+                if (counts) entered.count_down();
+                released.wait();
+            }));
+        }
+        entered.wait();
+        EXPECT_EQ(pool.threadCount(), std::min(blocked + 1, kCap));
+        if (blocked < kCap) {
+            EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
+        }
+        release.set_value();
+        for (auto& one : all)
+            EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        EXPECT_EQ(pool.threadCount(), 1u);
+        EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
     }
-    allBlocked.wait();
-    EXPECT_EQ(pool.threadCount(), kCap);
-    release.set_value();
-    for (auto& one : blocked)
-        EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
 }
 
 TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
@@ -116,11 +98,6 @@ TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
     EXPECT_TRUE(finished);
     EXPECT_EQ(*dropped, 0);
     EXPECT_EQ(pool.threadCount(), 0u);
-}
-
-TEST(WorkPool, ABlockingSectionOutsideAPoolDoesNothing) {
-    const BlockingSection section;
-    const BlockingSection nested;
 }
 
 TEST(WorkPoolDeathTest, AnExceptionThatLeavesAWorkItemIsLoggedAndEndsTheProcess) {
