@@ -32,51 +32,43 @@ TEST(SignedBag, OpensWhatItsKeySigned) {
 }
 
 TEST(SignedBag, OpensNothingElse) {
-    const std::string inner = serialized(kBag);
-    const std::string signature = base64Encode(bagKey().signSha1(inner));
+    const std::string inner = serialized(kBag), list = serialized(Array{1});
+    const std::string key = bagKey().publicKeyToDer(), whole = test::signedDocument(kBag);
+    const PropertyList signature = base64Encode(bagKey().signSha1(inner));
     const RsaPrivateKey otherKey = RsaPrivateKey::generate(2048).value();
-    const std::string key = bagKey().publicKeyToDer();
     std::string tampered = inner;
     tampered[tampered.find("httpPost")] = 'H';
-    const std::string list = serialized(Array{1});
-
+    const auto document = [](const PropertyList& bag, const PropertyList& signedWith) {
+        return serialized(Dictionary{{"bag", bag}, {"signature", signedWith}});
+    };
     const struct {
-        const char* what;
         std::string document;
         std::optional<std::string> key;
-        std::vector<std::string> log;  // beginnings of the lines
+        std::vector<std::string> log = {};  // beginnings of the lines
     } cases[] = {
-        {"empty", "", key, {kParseError, kMissing}},
-        {"not a property list", "<html>no</html>", key, {kParseError, kMissing}},
-        {"not a dictionary", list, key, {kMissing}},
-        {"no signature", serialized(Dictionary{{"bag", base64Encode(inner)}}), key, {kMissing}},
-        {"signature of another type",
-         serialized(Dictionary{{"bag", base64Encode(inner)}, {"signature", 1}}),
-         key,
-         {kMissing}},
-        {"no key", test::signedDocument(kBag), std::nullopt, {}},
-        {"a key that is none", test::signedDocument(kBag), "no key", {}},
-        {"signature not base64",
-         serialized(Dictionary{{"bag", base64Encode(inner)}, {"signature", "AAA"}}),
-         key,
-         {}},
-        {"no bag", serialized(Dictionary{{"signature", signature}}), key, {}},
-        {"bag not base64", serialized(Dictionary{{"bag", "="}, {"signature", signature}}), key, {}},
-        {"tampered",
-         serialized(Dictionary{{"bag", base64Encode(tampered)}, {"signature", signature}}),
-         key,
-         {kNotVerified}},
-        {"signed with another key", signBag(inner, otherKey).value(), key, {kNotVerified}},
-        {"inner not a dictionary", signBag(list, bagKey()).value(), key, {}},
-        {"inner not a property list", signBag("hello", bagKey()).value(), key, {}},
+        {"", key, {kParseError, kMissing}},
+        {"<html>no</html>", key, {kParseError, kMissing}},
+        {list, key, {kMissing}},
+        {serialized(Dictionary{{"bag", base64Encode(inner)}}), key, {kMissing}},
+        {document(base64Encode(inner), 1), key, {kMissing}},
+        {whole, std::nullopt},
+        {whole, "no key"},
+        {document(base64Encode(inner), "AAA"), key},
+        {serialized(Dictionary{{"signature", signature}}), key},
+        {document("=", signature), key},
+        {document(base64Encode(tampered), signature), key, {kNotVerified}},
+        {signBag(inner, otherKey).value(), key, {kNotVerified}},
+        {signBag(list, bagKey()).value(), key},
+        {signBag("hello", bagKey()).value(), key},
     };
     for (const auto& each : cases) {
+        SCOPED_TRACE(each.document);
         const test::LogCapture log;
-        EXPECT_EQ(openSignedBag(each.document, each.key), std::nullopt) << each.what;
+        EXPECT_EQ(openSignedBag(each.document, each.key), std::nullopt);
         const std::vector<std::string> lines = log.lines();
-        ASSERT_EQ(lines.size(), each.log.size()) << each.what;
+        ASSERT_EQ(lines.size(), each.log.size());
         for (size_t i = 0; i < lines.size(); ++i)
-            EXPECT_TRUE(lines[i].starts_with(each.log[i])) << each.what << ": " << lines[i];
+            EXPECT_TRUE(lines[i].starts_with(each.log[i])) << lines[i];
     }
 }
 

@@ -16,6 +16,8 @@ using Lines = std::vector<std::string>;
 
 const std::string kBase = "http://bags.test/b";
 const std::string kFetch = "fetchStorebagWithName: ";
+const std::string kMissing = "<3>" + kFetch + "Signature is missing";
+const std::string kNoProperties = "<3>" + kFetch + "propertyListWithData error not a property list";
 const std::string kSelect = "fetchStorebagForEnvironmentAndClientType: ";
 
 const Dictionary kSection{{"httpPost", Dictionary{{"active", true}}}};
@@ -63,101 +65,67 @@ TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
 }
 
 TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
-    const struct {
-        HttpHeaders headers;
-        int32_t expected;
-    } cases[] = {
-        {{}, 86400},
-        {{{"Cache-Control", ""}}, 86400},
-        {{{"cache-control", "max-age=600"}}, 600},
-        {{{"Cache-Control", "public, max-age=600"}}, 600},
-        {{{"Cache-Control", "max-age=600, private"}}, 600},
-        {{{"Cache-Control", "max-age 600"}}, 600},
-        {{{"Cache-Control", "max-age=abc"}}, 0},
-        {{{"Cache-Control", "max-age="}}, 0},
-        {{{"Cache-Control", "max-age= 600"}}, 0},
-        {{{"Cache-Control", "max-age"}}, 86400},
-        {{{"Cache-Control", "no-cache"}}, 86400},
-        {{{"Cache-Control", "Max-Age=600"}}, 86400},
-        {{{"Cache-Control", "public,max-age=600"}}, 86400},
-        {{{"Cache-Control", "s-max-age=1 max-age=2 max-age=3"}}, 2},
-        {{{"Cache-Control", "max-age=99999999999999999999"}}, 2147483647},
+    const std::pair<const char*, int32_t> cases[] = {
+        {"", 86400},
+        {"max-age=600", 600},
+        {"public, max-age=600", 600},
+        {"max-age=600, private", 600},
+        {"max-age 600", 600},
+        {"max-age=abc", 0},
+        {"max-age=", 0},
+        {"max-age= 600", 0},
+        {"max-age", 86400},
+        {"Max-Age=600", 86400},
+        {"public,max-age=600", 86400},
+        {"s-max-age=1 max-age=2 max-age=3", 2},
+        {"max-age=99999999999999999999", 2147483647},
     };
     Fixture f;
-    for (const auto& each : cases) {
-        f.answer = FakeHttpClient::response(200, "", each.headers);
+    for (const auto& [value, expected] : cases) {
+        f.answer = FakeHttpClient::response(200, "", {{"cache-control", value}});
         f.fetcher.fetchStorebagWithName("orbel", f.status);
-        EXPECT_EQ(f.status.maxAge, each.expected) << (each.headers.empty() ? "none" : each.headers[0].second);
+        EXPECT_EQ(f.status.maxAge, expected) << value;
     }
 }
 
 TEST(StorebagFetcher, HonoursLastModified) {
-    const HttpHeaders headers{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
+    const HttpHeaders dated{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
     const std::string document = test::signedDocument(kBag);
+    const std::string adding = "<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
+                      received = "<7>" + kFetch + "New 'Last-Modified: new' received",
+                      unchanged =
+                          "<7>" + kFetch + "storebag content has not changed. using its cached version";
     const struct {
-        const char* what;
         HttpResult answer;
         std::optional<std::string> before, after;
         bool notChanged, result;
         Lines log;  // after the line with the URL
     } cases[] = {
-        {"not modified",
-         FakeHttpClient::response(304, "", headers),
-         "old",
-         "old",
-         true,
-         false,
-         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
-          "<7>" + kFetch + "storebag content has not changed. using its cached version"}},
-        {"new content",
-         FakeHttpClient::response(200, document, headers),
-         "old",
-         "new",
-         false,
-         true,
-         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
-          "<7>" + kFetch + "New 'Last-Modified: new' received"}},
-        {"first content",
-         FakeHttpClient::response(200, document, headers),
+        {FakeHttpClient::response(304, "", dated), "old", "old", true, false, {adding, unchanged}},
+        {FakeHttpClient::response(200, document, dated), "old", "new", false, true, {adding, received}},
+        {FakeHttpClient::response(200, document, dated), std::nullopt, "new", false, true, {received}},
+        {FakeHttpClient::response(200, document), "old", "old", false, true, {adding}},
+        // An empty answer is only unchanged with a date on both sides.
+        {FakeHttpClient::response(200, ""), "old", "old", false, false, {adding, kNoProperties, kMissing}},
+        {FakeHttpClient::response(200, "", dated),
          std::nullopt,
          "new",
          false,
-         true,
-         {"<7>" + kFetch + "New 'Last-Modified: new' received"}},
-        {"content without a date",
-         FakeHttpClient::response(200, document),
-         "old",
-         "old",
          false,
-         true,
-         {"<7>" + kFetch + "Adding 'Last-Modified: old' to the header"}},
+         {received, kNoProperties, kMissing}},
     };
     for (const auto& each : cases) {
         Fixture f;
         f.answer = each.answer;
         f.status.lastModified = each.before;
         const test::LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result) << each.what;
-        EXPECT_EQ(f.status.notChanged, each.notChanged) << each.what;
-        EXPECT_EQ(f.status.lastModified, each.after) << each.what;
+        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result);
+        EXPECT_EQ(f.status.notChanged, each.notChanged);
+        EXPECT_EQ(f.status.lastModified, each.after);
         EXPECT_EQ(test::headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
         Lines lines = log.lines();
         lines.erase(lines.begin());
-        EXPECT_EQ(lines, each.log) << each.what;
-    }
-}
-
-TEST(StorebagFetcher, AnEmptyAnswerIsOnlyUnchangedWithADateOnBothSides) {
-    for (const bool dated : {false, true}) {
-        Fixture f;
-        if (!dated) f.status.lastModified = "old";
-        f.answer =
-            FakeHttpClient::response(200, "", dated ? HttpHeaders{{"Last-Modified", "new"}} : HttpHeaders{});
-        const test::LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
-        EXPECT_FALSE(f.status.notChanged);
-        EXPECT_EQ(f.status.lastModified, dated ? "new" : "old");
-        EXPECT_EQ(log.lines().back(), "<3>" + kFetch + "Signature is missing");
+        EXPECT_EQ(lines, each.log);
     }
 }
 
@@ -166,24 +134,19 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     f.answer = FakeHttpClient::failure("no route");
     f.status.lastModified = "old";
     const std::string error = "<6>" + kFetch + "Error resolving with lookup server " + kBase;
-    {
-        const test::LogCapture log;
-        const auto bag = f.fetcher.fetchStorebagWithName("quillet", f.status);
-        ASSERT_TRUE(bag);
-        const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
-        EXPECT_EQ(*bag, (Dictionary{{"zandor_internal", section},
-                                    {"development", section},
-                                    {"release", section},
-                                    {"version", "1.0.0-Quillet-Fallback"},
-                                    {"refresh_cycle", 3600}}));
-        EXPECT_EQ(log.count(error + "/quillet?version=9.1, sendSynchronousRequest error no route"), 1u);
-        EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
-    }
-    {
-        const test::LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
-        EXPECT_EQ(log.lines().back(), error + "/orbel?version=9.1, sendSynchronousRequest error no route");
-    }
+    const std::string ending = "?version=9.1, sendSynchronousRequest error no route";
+    const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
+    const test::LogCapture log;
+    EXPECT_EQ(f.fetcher.fetchStorebagWithName("quillet", f.status),
+              (Dictionary{{"zandor_internal", section},
+                          {"development", section},
+                          {"release", section},
+                          {"version", "1.0.0-Quillet-Fallback"},
+                          {"refresh_cycle", 3600}}));
+    EXPECT_EQ(log.count(error + "/quillet" + ending), 1u);
+    EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
+    EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
+    EXPECT_EQ(log.lines().back(), error + "/orbel" + ending);
     EXPECT_EQ(f.status.maxAge, -7);
     EXPECT_EQ(f.status.lastModified, "old");
     f.answer = FakeHttpClient::response(500, "broken");
@@ -204,34 +167,29 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
     const std::string ageLine = "<6>" + kSelect + "Store bag override MaxAge=";
     const std::string seedLine = "<4>" + kSelect + "Seed section is missing in the storebag.";
     const std::string noneLine = "<3>" + kSelect + "Could not find storebag for client type 5 with ";
-    const auto with = [](Dictionary bag, const char* key, PropertyList value) {
+    const auto with = [](const char* key, PropertyList value) {
+        Dictionary bag = kBag;
         bag.set(key, std::move(value));
         return bag;
     };
     const struct {
-        const char* what;
         int environment;
         Dictionary bag;
         std::optional<Dictionary> section;
         int32_t maxAge;
         Lines log;  // above debug level, after the line of the environment
     } cases[] = {
-        {"release", 4, kBag, kSection, 60, {}},
-        {"seed", 3, with(kBag, "seed", seed), seed, 60, {}},
-        {"seed is missing", 3, kBag, kSection, 60, {seedLine}},
-        {"seed and release are missing", 3, {}, std::nullopt, 60, {seedLine, noneLine + "seed environment"}},
-        {"development is missing", 1, kBag, std::nullopt, 60, {noneLine + "development environment"}},
-        {"no section for none", 0, kBag, std::nullopt, 60, {noneLine + "(null) environment"}},
-        {"section is no dictionary",
-         4,
-         with(kBag, "release", "x"),
-         std::nullopt,
-         60,
-         {noneLine + "release environment"}},
-        {"long refresh cycle", 4, with(kBag, "refresh_cycle", 100000), kSection, 86400, {ageLine + "86400"}},
-        {"short refresh cycle", 4, with(kBag, "refresh_cycle", 600), kSection, 600, {ageLine + "600"}},
-        {"no refresh cycle at all", 4, with(kBag, "refresh_cycle", 0), kSection, 0, {ageLine + "0"}},
-        {"negative refresh cycle", 4, with(kBag, "refresh_cycle", -5), kSection, -5, {ageLine + "-5"}},
+        {4, kBag, kSection, 60, {}},
+        {3, with("seed", seed), seed, 60, {}},
+        {3, kBag, kSection, 60, {seedLine}},
+        {3, {}, std::nullopt, 60, {seedLine, noneLine + "seed environment"}},
+        {1, kBag, std::nullopt, 60, {noneLine + "development environment"}},
+        {0, kBag, std::nullopt, 60, {noneLine + "(null) environment"}},
+        {4, with("release", "x"), std::nullopt, 60, {noneLine + "release environment"}},
+        {4, with("refresh_cycle", 100000), kSection, 86400, {ageLine + "86400"}},
+        {4, with("refresh_cycle", 600), kSection, 600, {ageLine + "600"}},
+        {4, with("refresh_cycle", 0), kSection, 0, {ageLine + "0"}},
+        {4, with("refresh_cycle", -5), kSection, -5, {ageLine + "-5"}},
     };
     for (const auto& each : cases) {
         Fixture f({{"environmentType", each.environment}});
@@ -240,13 +198,12 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
         f.environment.userDefaultsEnvironment();
         std::optional<std::string> version = "before";
         const test::LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), each.section)
-            << each.what;
-        EXPECT_EQ(version, each.section ? "1.2" : "before") << each.what;
-        EXPECT_EQ(f.status.maxAge, each.maxAge) << each.what;
+        EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), each.section);
+        EXPECT_EQ(version, each.section ? "1.2" : "before");
+        EXPECT_EQ(f.status.maxAge, each.maxAge);
         Lines lines = log.lines();
         std::erase_if(lines, [](const std::string& line) { return line.starts_with("<7>"); });
-        EXPECT_EQ(lines, each.log) << each.what;
+        EXPECT_EQ(lines, each.log);
     }
 }
 
@@ -263,13 +220,6 @@ TEST(StorebagSelection, SaysWhyThereIsNone) {
     EXPECT_EQ(f.http.requests().at(0).url, kBase + "/(null)?version=9.1");
     EXPECT_EQ(log.lines().back(), "<3>" + kSelect + "Could not fetch storebag for client type 4");
 
-    f.status.lastModified = "old";
-    f.answer = FakeHttpClient::response(304, "", {{"Last-Modified", "old"}});
-    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), std::nullopt);
-    EXPECT_EQ(log.lines().back(),
-              "<7>" + kFetch + "storebag content has not changed. using its cached version");
-
-    f.answer = FakeHttpClient::failure("down");
     EXPECT_TRUE(f.fetcher.fetchStorebagForEnvironmentAndClientType(11, version, f.status));
     EXPECT_EQ(version, "1.0.0-Quillet-Fallback");
     EXPECT_EQ(f.status.maxAge, 3600);
