@@ -25,38 +25,24 @@ std::optional<std::string> inflated(std::string stream, int windowBits, size_t s
     return whole ? std::optional(content) : std::nullopt;
 }
 
-std::string incompressible(size_t size) {
-    std::string bytes;
-    for (uint32_t state = 1; bytes.size() < size;) {
-        state = state * 1664525 + 1013904223;
-        bytes.push_back(static_cast<char>(state >> 24));
-    }
-    return bytes;
-}
-
-TEST(CompressionTest, BothFormsInflateBackToTheInput) {
-    const std::string inputs[] = {"x", std::string("\0", 1), std::string(1 << 20, 'a'),
-                                  incompressible(300000)};
-    for (const std::string& input : inputs) {
+TEST(CompressionTest, BothFormsInflateBackToTheInputAndSayWhatTheyDid) {
+    const telvora::test::LogCapture log;
+    std::string incompressible;
+    for (uint32_t state = 1; incompressible.size() < 300000; state = state * 1664525 + 1013904223)
+        incompressible.push_back(static_cast<char>(state >> 24));
+    for (const std::string& input :
+         {std::string("x"), std::string("\0", 1), std::string(1 << 20, 'a'), incompressible}) {
         const auto gzip = gzipDeflate(input);
         ASSERT_TRUE(gzip);
-        EXPECT_EQ(gzip->substr(0, 2), "\x1f\x8b");
         EXPECT_EQ(inflated(*gzip, 31, input.size()), input);
-
+        EXPECT_TRUE(log.contains("<7>compressDataWithZlibOrGzip: Compressed file from " +
+                                 std::to_string(input.size()) + " to " + std::to_string(gzip->size())));
         const auto zlib = compressDataWithZlibOrGzip(false, input);
         ASSERT_TRUE(zlib);
-        EXPECT_EQ(zlib->front(), '\x78');
         EXPECT_EQ(inflated(*zlib, 15, input.size()), input);
     }
-}
-
-TEST(CompressionTest, SaysWhatItDid) {
-    const telvora::test::LogCapture log;
     EXPECT_EQ(gzipDeflate(""), std::nullopt);
     EXPECT_TRUE(log.contains("<3>compressDataWithZlibOrGzip: Cannot compress empty NSData"));
-    const auto output = gzipDeflate(std::string(5000, 'a'));
-    EXPECT_TRUE(log.contains("<7>compressDataWithZlibOrGzip: Compressed file from 5000 to " +
-                             std::to_string(output->size())));
 }
 
 }  // namespace

