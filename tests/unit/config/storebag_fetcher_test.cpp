@@ -154,14 +154,6 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     EXPECT_EQ(f.status.maxAge, 86400);
 }
 
-TEST(StorebagSelection, NamesTheBagOfEachClientType) {
-    const char* const names[] = {nullptr,   nullptr,  nullptr,  nullptr,   nullptr,    "orbel",   "vantor",
-                                 "quillet", "dravik", "fenlow", "pellam",  "quillet",  "kestova", "quillet",
-                                 "vantor",  "vantor", "tamsel", "corvane", "lindqvar", nullptr};
-    for (uint32_t type = 0; type < std::size(names); ++type)
-        EXPECT_EQ(bagNameForClientType(type).value_or("none"), names[type] ? names[type] : "none") << type;
-}
-
 TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
     const Dictionary seed{{"s", 1}};
     const std::string ageLine = "<6>" + kSelect + "Store bag override MaxAge=";
