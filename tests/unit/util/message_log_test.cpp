@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cmath>
@@ -157,24 +156,6 @@ TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
     for (int i = 0; i < kThreads * kRecords; ++i)
         expected += std::string(kDate) + "a record of some length\n";
     EXPECT_EQ(content(kNewName), expected);
-}
-
-TEST_F(MessageLogTest, AFullDiskCostsTheFileAndNothingElse) {
-    std::filesystem::create_directories(log_.directory);
-    if (mount("none", log_.directory.c_str(), "tmpfs", 0, "size=8k,mode=0700") != 0) {
-        GTEST_SKIP() << "mounting a small file system takes privileges that this process lacks";
-    }
-    writeToLogFile(log_, "small");
-    const std::string whole = content(kNewName);
-    lines_.clear();
-    writeToLogFile(log_, std::string(100000, 'x'));
-    const auto left = names();
-    const auto lines = lines_.lines();
-    umount2(log_.directory.c_str(), MNT_DETACH);
-
-    EXPECT_EQ(whole, std::string(kDate) + "small\n");
-    EXPECT_TRUE(left.empty());
-    EXPECT_THAT(lines, ElementsAre(kDeleted + pathOf(kNewName) + " (2015-11-16 08:00:00 +0000)"));
 }
 
 TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {
