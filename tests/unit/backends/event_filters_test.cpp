@@ -18,62 +18,37 @@ Dictionary filter(const char* key, const char* action, std::optional<int> method
 
 TEST(EventFiltersTest, FirstMatchDecides) {
     const std::string hash = TelvoraBackend::convertIntoSHA256("secret");
+    const std::string hash12 = TelvoraBackend::convertIntoSHA256("12");  // a number is hashed as sent
+    const Array hashOrRemove{filter("k", "sha256", 5), filter("k", "remove")};
+    const Array hostile{"text", Dictionary{}, Dictionary{{"key", 7}, {"action", "remove"}},
+                        filter("", "remove"),
+                        Dictionary{{"key", "k"}, {"action", "remove"}, {"method", "6"}, {"status", Array{}}}};
     const struct {
         const char* what;
         Array filters;
         Dictionary record;
         Dictionary expected;
     } cases[] = {
-        {"method, any status",
-         {filter("rtt", "remove", 5, -1)},
-         {{"RTT", 1}, {"_method", 5}},
-         {{"_method", 5}}},
-        {"other method",
-         {filter("rtt", "remove", 5)},
-         {{"RTT", 1}, {"_method", 6}},
-         {{"RTT", 1}, {"_method", 6}}},
+        {"any status", {filter("rtt", "remove", 5, -1)}, {{"RTT", 1}, {"_method", 5}}, {{"_method", 5}}},
+        {"method", {filter("a", "remove", 5)}, {{"a", 1}, {"_method", 6}}, {{"a", 1}, {"_method", 6}}},
         {"no method counts as 0", {filter("a", "remove", 0, 0)}, {{"a", 1}}, {}},
         {"status", {filter("a", "remove", -1, 2)}, {{"_status", 2}, {"a", 1}}, {{"_status", 2}}},
-        {"hash before remove",
-         {filter("k", "sha256", 5), filter("k", "remove")},
-         {{"_method", 5}, {"k", "secret"}},
-         {{"_method", 5}, {"k", hash}}},
-        {"remove for the others",
-         {filter("k", "sha256", 5), filter("k", "remove")},
-         {{"_method", 6}, {"k", "secret"}},
-         {{"_method", 6}}},
+        {"hash", hashOrRemove, {{"_method", 5}, {"k", "secret"}}, {{"_method", 5}, {"k", hash}}},
+        {"remove for the others", hashOrRemove, {{"_method", 6}, {"k", "secret"}}, {{"_method", 6}}},
         {"keep shields", {filter("k", "keep"), filter("k", "remove")}, {{"k", 1}}, {{"k", 1}}},
-        {"action is case-sensitive", {filter("k", "Remove")}, {{"k", 1}}, {{"k", 1}}},
+        {"case of the action", {filter("k", "Remove")}, {{"k", 1}}, {{"k", 1}}},
         {"method is read before it goes",
          {filter("_method", "remove", 5), filter("z", "remove", 5)},
          {{"_method", 5}, {"z", 1}},
          {}},
-        {"letters beyond ASCII",
-         {filter("GR\xc3\x96SSE", "remove")},
-         {{"gr\xc3\xb6\xc3\x9f"
-           "e",
-           1},
-          {"gr\xc3\xb6sse", 2}},
-         {{"gr\xc3\xb6\xc3\x9f"
-           "e",
-           1}}},
-        {"a number is hashed as sent",
-         {filter("k", "sha256")},
-         {{"k", 12}},
-         {{"k", TelvoraBackend::convertIntoSHA256("12")}}},
-        {"hostile elements",
-         {"text", Dictionary{}, Dictionary{{"key", 7}, {"action", "remove"}}, filter("", "remove"),
-          filter("k", "remove")},
-         {{"", 1}, {"k", 1}},
-         {{"", 1}}},
-        {"hostile numbers",
-         {Dictionary{{"key", "k"}, {"action", "remove"}, {"method", "6"}, {"status", Array{}}}},
-         {{"_method", 5}, {"k", 1}},
-         {{"_method", 5}}},
+        {"letters beyond ASCII", {filter("GRÖSSE", "remove")}, {{"größe", 1}, {"grösse", 2}}, {{"größe", 1}}},
+        {"number", {filter("k", "sha256")}, {{"k", 12}}, {{"k", hash12}}},
+        {"hostile", hostile, {{"", 1}, {"_method", 5}, {"k", 1}}, {{"", 1}, {"_method", 5}}},
     };
     for (const auto& c : cases) {
         std::vector<EventFilter> filters;
         createFiltersFromArray(c.filters, filters);
+        createFiltersFromArray({}, filters);  // keeps what there is
         EXPECT_EQ(filters.size(), c.filters.size());
         Dictionary record = c.record;
         filterEvent(filters, record);
@@ -81,16 +56,7 @@ TEST(EventFiltersTest, FirstMatchDecides) {
     }
 }
 
-TEST(EventFiltersTest, AnEmptyArrayKeepsTheFilters) {
-    std::vector<EventFilter> filters;
-    const Array array{filter("k", "remove")};
-    createFiltersFromArray(array, filters);
-    createFiltersFromArray({}, filters);
-    EXPECT_EQ(filters.size(), 1u);
-}
-
 TEST(EventFiltersTest, MatchesLists) {
-    const std::string absent;
     const struct {
         const char* list;  // null: absent
         std::optional<std::string> text;
@@ -110,15 +76,14 @@ TEST(EventFiltersTest, MatchesLists) {
         {"x, b", "b", true, false, false},
         {"x,", "y", true, false, false},
         {"", "", true, true, false},
-        {"\xc3\x84", "\xc3\xa4", true, true, true},
+        {"Ä", "ä", true, true, true},
     };
     for (const auto& c : cases) {
         const std::string text = c.list != nullptr ? c.list : "";
+        SCOPED_TRACE(text + " " + c.text.value_or("-"));
         const StringList list = splitList(c.list != nullptr ? &text : nullptr);
-        EXPECT_EQ(matchExactStringWithList(list, c.text, c.whitelist), c.exact)
-            << text << " " << c.text.value_or("-");
-        EXPECT_EQ(matchStringWithList(list, c.text, c.whitelist), c.contained)
-            << text << " " << c.text.value_or("-");
+        EXPECT_EQ(matchExactStringWithList(list, c.text, c.whitelist), c.exact);
+        EXPECT_EQ(matchStringWithList(list, c.text, c.whitelist), c.contained);
     }
 }
 

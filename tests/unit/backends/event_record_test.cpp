@@ -8,94 +8,55 @@
 namespace telvora {
 namespace {
 
-struct Strings {
-    std::optional<std::string> session = "top.own";
-    std::optional<std::string> family = "Family";
-    std::optional<std::string> model = "Model1,1";
-    std::optional<std::string> version = "12.1";
-    std::optional<std::string> build = "B77";
-};
+using Text = std::optional<std::string>;
+const Text kAbsent;
+const Text kSession = "top.own";
+const Text kFamily = "Family";
+const Text kModel = "Model1,1";
+const Text kVersion = "12.1";
+const Text kBuild = "B77";
 
-EventFields fieldsOf(const Strings& strings) {
-    return {.startTimeStamp = 119.9,
-            .timestamp = {130, 0},
-            .sender = "VC",
-            .clientVersion = 3,
-            .combinedSessionID = strings.session,
-            .numericSessionID = {},
-            .eventNumber = 9,
-            .method = 5,
-            .status = 6,
-            .productFamily = strings.family,
-            .productModel = strings.model,
-            .osVersion = strings.version,
-            .build = strings.build,
-            .internal = true,
-            .reportVersion = "8.0.2",
-            .timezoneOffset = -3600};
+// A report of the second 130 in a session that began at `start`.
+EventFields fields(double start, bool complete = true) {
+    const auto text = [complete](const Text& value) -> const Text& { return complete ? value : kAbsent; };
+    return {start,        {130, 0},       "VC",         3,    text(kSession), {},   9, 5, 6, kFamily,
+            text(kModel), text(kVersion), text(kBuild), true, "8.0.2",        -3600};
 }
 
 TEST(EventRecordTest, FieldsOverwriteThePayload) {
-    const Strings strings;
     const Dictionary payload{{"_method", 77}, {"_startTS", "x"}, {"Opt", 1}, {"rtt", 12}, {"zeta", "z"}};
     const double clientTime = 60 + (130.0 - 119.9);
-    const Dictionary expected{
-        {"Opt", 1},
-        {"_build", "B77"},
-        {"_clientTS", clientTime},
-        {"_clientVersion", 3},
-        {"_eventNumber", 9},
-        {"_internal", 1},
-        {"_method", 5},
-        {"_osVersion", "12.1"},
-        {"_productFamily", "Family"},
-        {"_productModel", "Model1,1"},
-        {"_reportVers", "8.0.2"},
-        {"_sender", "VC"},
-        {"_sessionID", "top.own"},
-        {"_startTS", 60},
-        {"_status", 6},
-        {"_timezoneOffset", -3600},
-        {"eventTime", clientTime},
-        {"rtt", 12},
-        {"zeta", "z"},
-    };
-    EXPECT_EQ(newEventDictfromPayload(payload, fieldsOf(strings), nullptr), expected);
+    Dictionary expected{{"Opt", 1}, {"_build", "B77"}, {"_clientTS", clientTime}, {"_clientVersion", 3}};
+    expected.merge({{"_eventNumber", 9}, {"_internal", 1}, {"_method", 5}, {"_osVersion", "12.1"}});
+    expected.merge({{"_productFamily", "Family"}, {"_productModel", "Model1,1"}, {"_reportVers", "8.0.2"}});
+    expected.merge({{"_sender", "VC"}, {"_sessionID", "top.own"}, {"_startTS", 60}, {"_status", 6}});
+    expected.merge({{"_timezoneOffset", -3600}, {"eventTime", clientTime}, {"rtt", 12}, {"zeta", "z"}});
+    EXPECT_EQ(newEventDictfromPayload(payload, fields(119.9), nullptr), expected);
 }
 
-TEST(EventRecordTest, AbsentStringsAreLeftOut) {
-    const Strings strings{std::nullopt, "Family", std::nullopt, std::nullopt, std::nullopt};
-    const Dictionary record = newEventDictfromPayload(std::nullopt, fieldsOf(strings), nullptr);
+TEST(EventRecordTest, AbsentStringsAreLeftOutAndTheNumberStandsInForTheCombinedID) {
+    const Dictionary record = newEventDictfromPayload(std::nullopt, fields(119.9, false), nullptr);
     for (const char* key : {"_sessionID", "_productModel", "_osVersion", "_build"})
         EXPECT_FALSE(record.contains(key)) << key;
     EXPECT_EQ(record.size(), 12u);
+
+    EventFields numbered = fields(119.9);
+    numbered.numericSessionID = 4294967295u;
+    EXPECT_EQ(*newEventDictfromPayload(std::nullopt, numbered, nullptr).find("_sessionID"),
+              PropertyList(4294967295u));
 }
 
-TEST(EventRecordTest, TheNumberStandsInForTheCombinedID) {
-    const Strings strings;
-    EventFields fields = fieldsOf(strings);
-    fields.numericSessionID = 4294967295u;
-    const Dictionary record = newEventDictfromPayload(std::nullopt, fields, nullptr);
-    EXPECT_EQ(*record.find("_sessionID"), PropertyList(4294967295u));
-}
-
-TEST(EventRecordTest, TimesThatAreNoNumbersBecomeMinusOne) {
-    const Strings strings;
-    EventFields fields = fieldsOf(strings);
-    fields.startTimeStamp = -std::numeric_limits<double>::infinity();
-    const Dictionary record = newEventDictfromPayload(std::nullopt, fields, nullptr);
+TEST(EventRecordTest, TimesAreNumbersWhateverTheClock) {
+    const EventFields endless = fields(-std::numeric_limits<double>::infinity());
+    const Dictionary record = newEventDictfromPayload(std::nullopt, endless, nullptr);
     EXPECT_EQ(record.real("_clientTS"), -1.0);
     EXPECT_EQ(record.real("eventTime"), -1.0);
-}
 
-TEST(EventRecordTest, TimesBeforeTheEpochRoundTowardZero) {
-    const Strings strings;
-    EventFields fields = fieldsOf(strings);
-    fields.startTimeStamp = -119.9;
-    fields.timestamp = {-110, 0};
-    const Dictionary record = newEventDictfromPayload(std::nullopt, fields, nullptr);
-    EXPECT_EQ(record.integer("_startTS"), -60);
-    EXPECT_DOUBLE_EQ(*record.real("_clientTS"), -60 + 9.9);
+    EventFields early = fields(-119.9);  // before the epoch, seconds are rounded toward zero
+    early.timestamp = {-110, 0};
+    const Dictionary earlyRecord = newEventDictfromPayload(std::nullopt, early, nullptr);
+    EXPECT_EQ(earlyRecord.integer("_startTS"), -60);
+    EXPECT_DOUBLE_EQ(*earlyRecord.real("_clientTS"), -60 + 9.9);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An HTTPSPostBackend on the rig's device, and a look into what it posts.
+// An HTTPSPostBackend on the device of a user who consents, and a look into what it posts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,10 +18,11 @@ namespace telvora::test {
 
 struct HTTPSPostRig : BackendRig {
     explicit HTTPSPostRig(Dictionary deviceProperties = {}) : BackendRig(std::move(deviceProperties)) {
+        setConsent(true);
         http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(200); });
     }
 
-    // A bag's entry under which the rig's session reports, once the user consents.
+    // A bag's entry under which the rig's session reports.
     static Dictionary reportingClient() {
         return {{"locale_whitelist", "CH"},
                 {"filters", Array{}},
@@ -80,13 +81,32 @@ inline rapidjson::Document messageOf(const HttpRequest& request) {
     return document;
 }
 
-// "_eventNumber" of each event of a request.
-inline std::vector<int> eventNumbersOf(const HttpRequest& request) {
-    const rapidjson::Document message = messageOf(request);
-    std::vector<int> numbers;
-    for (const auto& event : message["events"].GetArray())
-        numbers.push_back(event["_eventNumber"].GetInt());
-    return numbers;
-}
+// A backend that reports.
+struct ReportingRig : HTTPSPostRig {
+    explicit ReportingRig(const Dictionary& changes = {}, bool batch = false)
+        : backend(makeReportingBackend(changes)) {
+        backend->setBatchEvents(batch);
+    }
+
+    // Sends a report of type 6.
+    std::optional<std::string> send(SendFlag flag = {}, uint16_t category = 5,
+                                    const std::optional<Dictionary>& payload = Dictionary{}) const {
+        return backend->sendMessage(payload, kNow, category, 6, flag);
+    }
+    rapidjson::Document message(size_t at = 0) const { return messageOf(http.requests().at(at)); }
+    // "_eventNumber" of each event, request by request.
+    std::vector<std::vector<int>> posts() const {
+        std::vector<std::vector<int>> all;
+        for (const HttpRequest& request : http.requests()) {
+            const rapidjson::Document posted = messageOf(request);
+            all.emplace_back();
+            for (const auto& event : posted["events"].GetArray())
+                all.back().push_back(event["_eventNumber"].GetInt());
+        }
+        return all;
+    }
+
+    std::shared_ptr<HTTPSPostBackend> backend;
+};
 
 }  // namespace telvora::test
