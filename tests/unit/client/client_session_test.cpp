@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "daemon/client_connection.h"
+#include "protocol/client_session_wire.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/temporary_directory.h"
 
@@ -21,7 +22,6 @@ namespace {
 using test::FakeSession;
 
 class FakeIssuer : public FileExtensionIssuer {
-  public:
     tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override {
         return file ? "token for " + path : "";
     }
@@ -30,15 +30,23 @@ class FakeIssuer : public FileExtensionIssuer {
 // The future of an operation's answer.
 template <typename T>
 struct Answer {
-    std::shared_ptr<std::promise<tl::expected<T, CallFailure>>> promise =
-        std::make_shared<std::promise<tl::expected<T, CallFailure>>>();
+    using Result = tl::expected<T, CallFailure>;
+    std::shared_ptr<std::promise<Result>> promise = std::make_shared<std::promise<Result>>();
     Completion<T> completion() const {
-        return [promise = promise](tl::expected<T, CallFailure> answer) {
-            promise->set_value(std::move(answer));
-        };
+        return [promise = promise](Result answer) { promise->set_value(std::move(answer)); };
     }
-    tl::expected<T, CallFailure> get() const { return promise->get_future().get(); }
+    Result get() const { return promise->get_future().get(); }
 };
+
+// What `operation` answers when it is given a completion.
+template <typename T, typename Operation>
+T ask(Operation operation) {
+    const Answer<T> answer;
+    operation(answer.completion());
+    auto result = answer.get();
+    EXPECT_TRUE(result);
+    if constexpr (!std::is_void_v<T>) return std::move(result.value());
+}
 
 // A daemon with one connection, and a session connected to it.
 class ClientSessionTest : public testing::Test {
@@ -97,68 +105,49 @@ TEST_F(ClientSessionTest, TakesTheSocketFromTheEnvironment) {
     EXPECT_EQ(ClientSession::defaultSocketPath(), "/a/com.zandor.telvorad");
     setenv("TELVORA_SOCKET", "/c", 1);
     EXPECT_EQ(ClientSession::defaultSocketPath(), "/c");
-    unsetenv("TELVORA_SOCKET");
-    unsetenv("RUNTIME_DIRECTORY");
 }
 
 TEST_F(ClientSessionTest, OffersEveryOperation) {
+    using Text = std::optional<std::string>;
     connect();
-    const Dictionary d{{"k", 1}};
-    Answer<void> setInfo;
-    Answer<ReportingStates> start;
-    Answer<ReportingStates> states;
-    Answer<std::string> url;
-    Answer<std::optional<std::string>> byCategory;
-    Answer<std::optional<std::string>> byDictionary;
-    Answer<FlushAnswer> flush;
-    Answer<std::optional<std::string>> finish;
-    Answer<std::string> token;
-    Answer<bool> upload;
-    Answer<UploadAnswer> logData;
-    Answer<std::string> single;
-    session->setSessionInfo(d, std::nullopt, {"a"}, setInfo.completion());
-    session->startConfig(start.completion());
-    session->fetchStates(d, states.completion());
-    session->fetchDisplayURL(url.completion());
-    session->sendMessage(1, 2, d, byCategory.completion());
-    session->sendMessage(d, byDictionary.completion());
-    session->flushMessages(flush.completion());
-    session->finishSession(finish.completion());
-    session->issueFileExtension("/dev/null", UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)),
-                                token.completion());
-    session->uploadFile("file:///a", "token", upload.completion());
-    session->uploadLogData({d}, logData.completion());
-    session->sendSingleMessage(d, d, 3, 4, std::nullopt, single.completion());
-
-    EXPECT_TRUE(setInfo.get());
-    EXPECT_EQ(start.get().value(), (std::vector<std::string>{"httpPost", "dashboard"}));
-    EXPECT_EQ(states.get().value(), std::nullopt);
-    EXPECT_EQ(url.get().value(), "URL not available");
-    EXPECT_EQ(byCategory.get().value(), std::nullopt);
-    EXPECT_EQ(byDictionary.get().value(), "answer");
-    const auto flushed = flush.get();
-    EXPECT_EQ(flushed.value().answer, "flushed");
-    EXPECT_EQ(flushed.value().error, makeTelvoraError("no", 503));
-    EXPECT_EQ(finish.get().value(), "finished");
-    EXPECT_EQ(token.get().value(), "token for /dev/null");
-    EXPECT_TRUE(upload.get().value());
-    EXPECT_TRUE(logData.get().value().uploaded);
-    EXPECT_EQ(single.get().value(), "storebag not available");
+    const Dictionary d{{"k", 1}, {"z", Array{true}}};
+    ClientSession& s = *session;
+    ask<void>([&](auto done) { s.setSessionInfo(d, std::nullopt, {"a", "b"}, done); });
+    const std::vector<std::string> states{"httpPost", "dashboard"};
+    EXPECT_EQ(ask<ReportingStates>([&](auto done) { s.startConfig(done); }), states);
+    EXPECT_EQ(ask<ReportingStates>([&](auto done) { s.fetchStates(d, done); }), std::nullopt);
+    EXPECT_EQ(ask<std::string>([&](auto done) { s.fetchDisplayURL(done); }), "URL not available");
+    EXPECT_EQ(ask<Text>([&](auto done) { s.sendMessage(65535, 2, d, done); }), std::nullopt);
+    EXPECT_EQ(ask<Text>([&](auto done) { s.sendMessage(d, done); }), "answer");
+    const auto flushed = ask<FlushAnswer>([&](auto done) { s.flushMessages(done); });
+    EXPECT_EQ(flushed.answer, "flushed");
+    EXPECT_EQ(flushed.error, makeTelvoraError("no", 503));
+    EXPECT_EQ(ask<Text>([&](auto done) { s.finishSession(done); }), "finished");
+    EXPECT_EQ(ask<std::string>([&](auto done) {
+                  s.issueFileExtension("/dev/null", UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)), done);
+              }),
+              "token for /dev/null");
+    EXPECT_TRUE(ask<bool>([&](auto done) { s.uploadFile("file:///a", "token", done); }));
+    const auto uploaded = ask<UploadAnswer>([&](auto done) { s.uploadLogData({1, d}, done); });
+    EXPECT_TRUE(uploaded.uploaded && !uploaded.error);
+    EXPECT_EQ(ask<std::string>([&](auto done) { s.sendSingleMessage(d, d, 3, 4, std::nullopt, done); }),
+              "storebag not available");
 
     const Array expected{
-        Dictionary{{"setSessionInfo", Array{d, "nothing", Array{"a"}, false}}},
+        Dictionary{{"setSessionInfo", Array{d, "nothing", Array{"a", "b"}, false}}},
         Dictionary{{"startConfig", Array{}}},
         Dictionary{{"fetchStates", Array{d}}},
         Dictionary{{"fetchDisplayURL", Array{}}},
-        Dictionary{{"sendMessageWithCategory", Array{1, 2, d}}},
+        Dictionary{{"sendMessageWithCategory", Array{65535, 2, d}}},
         Dictionary{{"sendMessageWithDictionary", Array{d}}},
         Dictionary{{"flushMessages", Array{}}},
         Dictionary{{"finishSession", Array{}}},
         Dictionary{{"uploadFileAtPath", Array{"file:///a", "token"}}},
-        Dictionary{{"uploadLogData", Array{Array{d}}}},
+        Dictionary{{"uploadLogData", Array{Array{1, d}}}},
         Dictionary{{"sendMessageWithSessionInfo", Array{d, d, 3, 4, "nothing"}}},
     };
     EXPECT_EQ(daemon->calls, expected);
+    EXPECT_EQ(daemon->calls.size(), clientSessionBusInterface().methods().size());
 }
 
 TEST_F(ClientSessionTest, PipelinesFromManyThreadsAndKeepsEachOnesOrder) {
@@ -168,14 +157,13 @@ TEST_F(ClientSessionTest, PipelinesFromManyThreadsAndKeepsEachOnesOrder) {
     std::atomic<int> answers = 0;
     std::promise<void> all;
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
+    for (uint16_t thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
-            for (int i = 0; i < kReports; ++i) {
-                session->sendMessage(static_cast<uint16_t>(thread), static_cast<uint16_t>(i), std::nullopt,
-                                     [&](const auto& answer) {
-                                         EXPECT_TRUE(answer);
-                                         if (++answers == kThreads * kReports) all.set_value();
-                                     });
+            for (uint16_t i = 0; i < kReports; ++i) {
+                session->sendMessage(thread, i, std::nullopt, [&](const auto& answer) {
+                    EXPECT_TRUE(answer);
+                    if (++answers == kThreads * kReports) all.set_value();
+                });
             }
         });
     }
@@ -237,27 +225,25 @@ TEST_F(ClientSessionTest, RefusesWhatCantBeSentAndTooMuchOfIt) {
 }
 
 TEST_F(ClientSessionTest, HandsMessagesToTheAggregationBlock) {
-    std::vector<AggregatedMessage> received;
+    std::promise<AggregatedMessage> first;
     std::promise<void> end;
     connect({[&](AggregatedMessage message) {
-                 received.push_back(std::move(message));
-                 if (received.back().isEndMarker()) end.set_value();
+                 if (message.isEndMarker()) return end.set_value();
+                 first.set_value(std::move(message));
              },
              nullptr});
-    Answer<void> setInfo;
-    session->setSessionInfo({}, std::nullopt, {}, setInfo.completion());
-    EXPECT_TRUE(setInfo.get());
+    ask<void>([&](auto done) { session->setSessionInfo({}, std::nullopt, {}, done); });
     EXPECT_EQ(daemon->calls[0],
               PropertyList(Dictionary{{"setSessionInfo", Array{Dictionary{}, "nothing", Array{}, true}}}));
     connection->sendMessageToClient(Dictionary{{"s", 1}}, 2.5, 3, 4, Dictionary{{"k", "v"}});
     connection->sendMessageToClient(std::nullopt, 0, 0, 0, std::nullopt);
     end.get_future().wait();
-    ASSERT_EQ(received.size(), 2u);
-    EXPECT_EQ(received[0].sessionInfo, (Dictionary{{"s", 1}}));
-    EXPECT_EQ(received[0].timestamp, 2.5);
-    EXPECT_EQ(received[0].category, 3);
-    EXPECT_EQ(received[0].type, 4);
-    EXPECT_EQ(received[0].payload, (Dictionary{{"k", "v"}}));
+    const AggregatedMessage message = first.get_future().get();
+    EXPECT_EQ(message.sessionInfo, (Dictionary{{"s", 1}}));
+    EXPECT_EQ(message.timestamp, 2.5);
+    EXPECT_EQ(message.category, 3);
+    EXPECT_EQ(message.type, 4);
+    EXPECT_EQ(message.payload, (Dictionary{{"k", "v"}}));
 }
 
 }  // namespace
