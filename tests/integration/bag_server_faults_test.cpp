@@ -12,8 +12,7 @@ namespace telvora::test {
 namespace {
 
 using lab::BagFault;
-using testing::ElementsAre;
-
+const auto kStates = testing::Optional(testing::ElementsAre("httpPost"));
 constexpr char kLastModified[] = "Mon, 16 Nov 2015 08:00:00 GMT";
 
 // The client type of `kHealthyBag`, which has no fault, and that of the bag that has.
@@ -22,11 +21,13 @@ constexpr char kHealthyBag[] = "orbel";
 
 class BagServerFaults : public DaemonFixture {
   protected:
-    void startWithHealthyClient() {
+    void SetUp() override {
+        DaemonFixture::SetUp();
+        laboratory().setBag("dravik", openBag());
         laboratory().setBag(kHealthyBag, openBag());
         startDaemon();
         healthy_ = open(kHealthyType);
-        EXPECT_THAT(healthy_->startConfig(), testing::Optional(ElementsAre("httpPost")));
+        EXPECT_THAT(healthy_->startConfig(), kStates);
     }
     std::unique_ptr<BlockingSession> open(int64_t clientType) {
         SessionSettings settings;
@@ -41,7 +42,6 @@ class BagServerFaults : public DaemonFixture {
         EXPECT_EQ(healthy_->flush().second, std::nullopt);
         EXPECT_TRUE(reports().waitForEvents(before + 1, kPatience));
     }
-    static std::string number(int64_t value) { return std::to_string(value); }
 
   private:
     std::unique_ptr<BlockingSession> healthy_;
@@ -68,7 +68,6 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
         {BagFault::flippedBit, 18, "lindqvar", {notVerified}},
         {BagFault::innerNotAPropertyList, 7, "quillet", {}},
     };
-    startWithHealthyClient();
     for (const auto& [fault, clientType, bag, lineBeginnings] : cases) {
         SCOPED_TRACE(bag);
         laboratory().setBag(bag, openBag());
@@ -79,9 +78,10 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
         for (const std::string& beginning : lineBeginnings)
             expectLineBeginning(beginning, from);
         expectLine("<3>fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type " +
-                       number(clientType),
+                       std::to_string(clientType),
                    from);
-        expectLine("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type " + number(clientType),
+        expectLine("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type " +
+                       std::to_string(clientType),
                    from);
         // A session without a bag goes on, without backends.
         EXPECT_EQ(session->send(1, 1, {}), std::nullopt);
@@ -91,8 +91,8 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
         bags().setFault(bag, BagFault::none);
         const size_t asked = bags().requests().size();
         EXPECT_EQ(open(clientType)->startConfig(), std::nullopt);
-        expectLine("<6>storebagForSession: Not fetching storebag for client type " + number(clientType) +
-                       " - must wait 900 seconds between attempts",
+        expectLine("<6>storebagForSession: Not fetching storebag for client type " +
+                       std::to_string(clientType) + " - must wait 900 seconds between attempts",
                    from);
         EXPECT_EQ(bags().requests().size(), asked);
         expectHealthyClientReports();
@@ -100,7 +100,6 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
 }
 
 TEST_F(BagServerFaults, FallBackToTheBuiltInBagForOneNameOnly) {
-    startWithHealthyClient();
     bags().refuse();
     EXPECT_EQ(open(8)->startConfig(), std::nullopt);
     expectLineBeginning("<6>fetchStorebagWithName: Error resolving with lookup server " + bags().baseURL() +
@@ -112,20 +111,16 @@ TEST_F(BagServerFaults, FallBackToTheBuiltInBagForOneNameOnly) {
 }
 
 TEST_F(BagServerFaults, HoldUpNobodyWhoHasABag) {
-    startWithHealthyClient();
-    laboratory().setBag("dravik", openBag());
     bags().setFault("dravik", BagFault::hold);
     const auto session = open(8);
     const auto states = session->beginStartConfig();
     ASSERT_TRUE(bags().waitForRequests(2, kPatience));
     expectHealthyClientReports();
     bags().releaseHeld();
-    EXPECT_THAT(states(), testing::Optional(ElementsAre("httpPost")));
+    EXPECT_THAT(states(), kStates);
 }
 
 TEST_F(BagServerFaults, EndAfterFifteenSecondsOfSilence) {
-    startWithHealthyClient();
-    laboratory().setBag("dravik", openBag());
     bags().setFault("dravik", BagFault::hold);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(open(8)->startConfig(), std::nullopt);
@@ -135,14 +130,12 @@ TEST_F(BagServerFaults, EndAfterFifteenSecondsOfSilence) {
 }
 
 TEST_F(BagServerFaults, LeaveTheLastGoodBagInForce) {
-    startWithHealthyClient();
-    laboratory().setBag("dravik", openBag());
     bags().setHeaders("dravik", "max-age=0", kLastModified);
-    EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    EXPECT_THAT(open(8)->startConfig(), kStates);
     expectLine(std::string("<7>fetchStorebagWithName: New 'Last-Modified: ") + kLastModified + "' received");
 
     // Unchanged: the server says so, and the copy stays.
-    EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+    EXPECT_THAT(open(8)->startConfig(), kStates);
     expectLine(std::string("<7>fetchStorebagWithName: Adding 'Last-Modified: ") + kLastModified +
                "' to the header");
     expectLine("<7>fetchStorebagWithName: storebag content has not changed. using its cached version");
@@ -152,7 +145,7 @@ TEST_F(BagServerFaults, LeaveTheLastGoodBagInForce) {
     bags().setHeaders("dravik", "max-age=0", std::nullopt);
     for (const BagFault fault : {BagFault::flippedBit, BagFault::none}) {
         bags().setFault("dravik", fault);
-        EXPECT_THAT(open(8)->startConfig(), testing::Optional(ElementsAre("httpPost")));
+        EXPECT_THAT(open(8)->startConfig(), kStates);
     }
     expectLine("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type 8");
     expectLine(

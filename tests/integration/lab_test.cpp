@@ -4,13 +4,10 @@
 // make the tests that rely on it pass for nothing.
 #include <gtest/gtest.h>
 
-#include <future>
-
 #include "platform/http_client.h"
 #include "platform/property_list_format.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
-#include "tests/support/daemon_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
@@ -30,25 +27,23 @@ class Lab : public testing::Test {
         client_ = makeCurlHttpClient(options);
     }
 
-    HttpResult getBag(HttpHeaders headers = {}) {
+    HttpResult getBag() {
         HttpRequest request;
         request.url = laboratory_->bags().baseURL() + "/quillet?version=8.0";
-        request.headers = std::move(headers);
         return performBlocking(*client_, std::move(request));
     }
-    HttpRequest eventRequest() const {
+    HttpResult post() {
         HttpRequest request;
         request.method = "POST";
         request.url = laboratory_->reports().eventsURL();
-        for (const char* name : {"User-Agent", "X-TVR-Client-Version", "X-TVR-Sender"}) {
-            request.headers.emplace_back(name, "1");
-        }
-        request.headers.emplace_back("Accept", "application/json");
-        request.headers.emplace_back("Content-Type", "application/json");
+        request.headers = {{"User-Agent", "1"},
+                           {"X-TVR-Client-Version", "1"},
+                           {"X-TVR-Sender", "1"},
+                           {"Accept", "application/json"},
+                           {"Content-Type", "application/json"}};
         request.body = R"({"postTime": 1.5, "clientId": "me", "events": [{"a": 1}, {"a": 2}]})";
-        return request;
+        return performBlocking(*client_, std::move(request));
     }
-    HttpResult post() { return performBlocking(*client_, eventRequest()); }
 
     TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
@@ -82,18 +77,6 @@ TEST_F(Lab, ShowsEachFaultOfABag) {
     EXPECT_EQ(bags.requests().front().version, "8.0");
 }
 
-TEST_F(Lab, AnswersConditionalRequests) {
-    lab::BagServer& bags = laboratory_->bags();
-    bags.setBag("quillet", {{"version", "1"}});
-    bags.setHeaders("quillet", "max-age=5", "Mon, 16 Nov 2015 08:00:00 GMT");
-    const HttpResult first = getBag();
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->header("cache-control"), "max-age=5");
-    const HttpResult second = getBag({{"If-Modified-Since", std::string(*first->header("Last-Modified"))}});
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->status, 304);
-}
-
 TEST_F(Lab, ShowsEachFaultOfTheReportingServer) {
     const std::pair<ReportingFault, int> cases[] = {{ReportingFault::none, 200},
                                                     {ReportingFault::notFound, 404},
@@ -108,23 +91,6 @@ TEST_F(Lab, ShowsEachFaultOfTheReportingServer) {
         EXPECT_GE(laboratory_->reports().eventCount(), before + 2);
     }
     EXPECT_EQ(laboratory_->reports().problems(), std::vector<std::string>());
-}
-
-TEST_F(Lab, RefusesConnectionsAndHoldsAnswersUntilToldOtherwise) {
-    lab::ReportingServer& reports = laboratory_->reports();
-    reports.refuse();
-    EXPECT_FALSE(post());
-    ASSERT_TRUE(reports.accept());
-
-    reports.setFault(ReportingFault::hold);
-    std::promise<HttpResult> answer;
-    std::future<HttpResult> answered = answer.get_future();
-    client_->start(eventRequest(), [&answer](HttpResult result) { answer.set_value(std::move(result)); });
-    ASSERT_TRUE(reports.waitForMessages(1, kPatience));
-    EXPECT_NE(answered.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    reports.releaseHeld();
-    EXPECT_TRUE(answered.get());
-    EXPECT_EQ(*reports.events()[1].integer("a"), 2);
 }
 
 TEST(EventJson, FindsTheNumbersOfEventsAlone) {

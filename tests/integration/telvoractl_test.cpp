@@ -31,6 +31,11 @@ class Telvoractl : public DaemonFixture {
         return {status, linesOf(process.output()), linesOf(process.errors())};
     }
 
+    void startWithBag() {
+        laboratory().setBag("dravik", openBag());
+        startDaemon();
+    }
+
   private:
     static std::vector<std::string> linesOf(const LineCollector& collector) {
         collector.waitFor([](std::string_view) { return false; }, kPatience);  // to the end
@@ -39,8 +44,13 @@ class Telvoractl : public DaemonFixture {
 };
 
 TEST_F(Telvoractl, RunsASessionFromLines) {
-    laboratory().setBag("dravik", openBag());
     startDaemon();
+    const Result unconfigured = run(daemon().socketPath(), "session", {}, "{\"category\":1,\"type\":2}\n");
+    EXPECT_EQ(unconfigured.status, 1);
+    EXPECT_EQ(unconfigured.output, (std::vector<std::string>{"{\"reportingStates\":null}"}));
+    stopDaemon();
+
+    startWithBag();
     const Result result =
         run(daemon().socketPath(), "session", {"--batch", "--client-name", "n"},
             "{\"category\":3,\"type\":4,\"payload\":{\"text\":\"ü\",\"real\":0.1,\"n\":-7}}\n"
@@ -61,8 +71,7 @@ TEST_F(Telvoractl, RunsASessionFromLines) {
 }
 
 TEST_F(Telvoractl, SaysWhatIsWrongWithItsInput) {
-    laboratory().setBag("dravik", openBag());
-    startDaemon();
+    startWithBag();
     const std::pair<const char*, const char*> lines[] = {
         {"{\"category\":1,\"type\":2}\nnonsense", "telvoractl: line 2: "},
         {"[1]", "telvoractl: line 1: not an object"},
@@ -82,13 +91,11 @@ TEST_F(Telvoractl, SaysWhatIsWrongWithItsInput) {
 }
 
 TEST_F(Telvoractl, SendsOneReport) {
-    laboratory().setBag("dravik", openBag());
-    startDaemon();
-    const std::vector<std::string> report{"--category",     "3",
-                                          "--type",         "4",
-                                          "--payload",      "a=b=c",
-                                          "--payload",      "n:=[1,{}]",
-                                          "--payload-json", "{\"a\":1,\"j\":2.5}"};
+    startWithBag();
+    const std::vector<std::string> plain{"--category", "3", "--type", "4", "--payload"};
+    std::vector<std::string> report = plain;
+    for (const char* more : {"a=b=c", "--payload", "n:=[1,{}]", "--payload-json", "{\"a\":1,\"j\":2.5}"})
+        report.emplace_back(more);
     const Result result = run(daemon().socketPath(), "send", report);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, (std::vector<std::string>{"{\"outcome\":\"finished\"}"}));
@@ -97,20 +104,13 @@ TEST_F(Telvoractl, SendsOneReport) {
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
 
-    for (const char* payload : {"a", "=b", "a:=", "a:=nope"})
-        EXPECT_EQ(run(daemon().socketPath(), "send", {"--category", "3", "--type", "4", "--payload", payload})
-                      .status,
-                  2)
-            << payload;
+    for (const char* payload : {"a", "=b", "a:=", "a:=nope"}) {
+        std::vector<std::string> bad = plain;
+        bad.emplace_back(payload);
+        EXPECT_EQ(run(daemon().socketPath(), "send", bad).status, 2) << payload;
+    }
     EXPECT_EQ(run(daemon().socketPath(), "send", {"--category", "65536", "--type", "4"}).status, 2);
     EXPECT_EQ(run(daemon().socketPath() + ".none", "send", report).status, 3);
-}
-
-TEST_F(Telvoractl, TellsThatThereIsNoConfiguration) {
-    startDaemon();
-    const Result result = run(daemon().socketPath(), "session", {}, "{\"category\":1,\"type\":2}\n");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.output, (std::vector<std::string>{"{\"reportingStates\":null}"}));
 }
 
 }  // namespace
