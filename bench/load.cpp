@@ -5,6 +5,7 @@
 #include <functional>
 #include <stdexcept>
 
+#include "await.h"
 #include "telvora/keys.h"
 
 namespace telvora::bench {
@@ -13,17 +14,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr uint16_t kCategories = 4;
-
-// Starts a call with a completion and waits for its answer.
-template <typename T, typename Start>
-T await(Start start) {
-    std::promise<tl::expected<T, CallFailure>> promise;
-    auto answered = promise.get_future();
-    start([&promise](tl::expected<T, CallFailure> answer) { promise.set_value(std::move(answer)); });
-    tl::expected<T, CallFailure> answer = answered.get();
-    if (!answer) throw std::runtime_error(answer.error().message);
-    if constexpr (!std::is_void_v<T>) return std::move(*answer);
-}
 
 Dictionary payload(uint64_t number) {
     return {{"codec", "av1"},           {"bitrate", 4200}, {"live", true},

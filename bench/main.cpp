@@ -8,7 +8,9 @@
 #include <thread>
 
 #include "load.h"
+#include "platform/descriptor_limit.h"
 #include "process_figures.h"
+#include "sessions.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
 #include "tests/support/bags.h"
@@ -128,6 +130,7 @@ int run(const Options& options) {
 int main(int argc, char** argv) {
     constexpr int kUsageError = 2;
     telvora::bench::Options options;
+    telvora::bench::SessionsOptions sessions;
     CLI::App app("Sends reports through the real daemon to an HTTPS server and prints the figures as JSON.");
     app.option_defaults()->always_capture_default();
     app.add_option("--reports", options.load.reports, "Reports over all clients")
@@ -144,12 +147,24 @@ int main(int argc, char** argv) {
     app.add_flag("--override-consent", options.overrideConsent,
                  "A bag with \"override_dnu\": messages are then not copied to the message log");
     app.add_option("--idle-seconds", options.idleSeconds, "How long the idle daemon is watched for wakeups");
+    CLI::App* sessionsMode = app.add_subcommand(
+        "sessions", "Measure many sessions at once instead, standalone and in hierarchies of ten.");
+    sessionsMode->add_option("--count", sessions.counts, "Concurrent sessions; repeatable")
+        ->default_val(std::vector<size_t>{1000, 10'000})
+        ->check(CLI::Range(10, 100'000));
+    sessionsMode->add_option("--reports", sessions.reports, "Reports per measurement of their cost")
+        ->check(CLI::Range(100, 10'000'000));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsageError;
     }
+    telvora::raiseDescriptorLimit();
     try {
+        if (*sessionsMode) {
+            std::cout << telvora::lab::toJson(telvora::bench::measureSessions(sessions), true) << std::endl;
+            return 0;
+        }
         return telvora::bench::run(options);
     } catch (const std::exception& error) {
         std::cerr << "telvora-bench: " << error.what() << '\n';

@@ -4,11 +4,14 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "client/client_session_connection.h"
 #include "protocol/client_session_wire.h"
+#include "telvora/keys.h"
 
 namespace telvora {
 
@@ -61,10 +64,43 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect
     if (const auto started = connection->start(std::move(*socket)); !started) {
         return tl::unexpected(started.error());
     }
-    return std::unique_ptr<ClientSession>(new ClientSession(std::move(connection)));
+    return std::unique_ptr<ClientSession>(new ClientSession(runtime, socketPath, std::move(connection)));
 }
 
-ClientSession::ClientSession(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
+ClientSession::ClientSession(ClientRuntime& runtime, std::string socketPath,
+                             std::shared_ptr<Connection> connection)
+    : runtime_(runtime), socketPath_(std::move(socketPath)), connection_(std::move(connection)) {}
+
+std::optional<Dictionary> sessionInfoOfChild(const Dictionary& parent, uint32_t sessionID) {
+    const Dictionary* token = parent.dictionary(kTelvoraSessionInfoHierarchyToken);
+    if (token == nullptr || token->string(kTelvoraHierarchyTokenTokenID) == nullptr) return std::nullopt;
+    Dictionary below = *token;
+    constexpr int64_t kDeepest = std::numeric_limits<int64_t>::max() - 1;
+    const int64_t level = token->integer(kTelvoraHierarchyTokenLevel).value_or(0);
+    below.set(kTelvoraHierarchyTokenLevel, std::min(level, kDeepest) + 1);
+    Dictionary info = parent;
+    info.set(kTelvoraSessionInfoHierarchyToken, std::move(below));
+    info.set(kTelvoraSessionInfoSessionID, sessionID);
+    return info;
+}
+
+tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::child(
+    uint32_t sessionID, std::optional<Dictionary> userInfo, Completion<void> completion,
+    Handlers handlers) const {
+    std::optional<Dictionary> info;
+    std::vector<std::string> frameworks;
+    {
+        const MutexLock lock(lock_);
+        info = sessionInfoOfChild(sessionInfo_, sessionID);
+        frameworks = frameworksToCheck_;
+    }
+    if (!info) return tl::unexpected(std::string("the session belongs to no hierarchy"));
+    auto session = connect(runtime_, socketPath_, std::move(handlers));
+    if (!session) return session;
+    (*session)->setSessionInfo(std::move(*info), std::move(userInfo), std::move(frameworks),
+                               std::move(completion));
+    return session;
+}
 
 ClientSession::~ClientSession() {
     connection_->invalidate();
@@ -76,6 +112,11 @@ void ClientSession::invalidate() {
 
 void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                    std::vector<std::string> frameworksToCheck, Completion<void> completion) {
+    {
+        const MutexLock lock(lock_);
+        sessionInfo_ = sessionInfo;
+        frameworksToCheck_ = frameworksToCheck;
+    }
     connection_->call(
         clientSessionBusInterface(), index(SessionMethod::kSetSessionInfo),
         [sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo),

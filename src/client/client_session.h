@@ -22,6 +22,7 @@
 #include "client/client_runtime.h"
 #include "platform/property_list.h"
 #include "protocol/telvora_error.h"
+#include "util/mutex.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -66,6 +67,10 @@ struct AggregatedMessage {
     }
 };
 
+// The session info of a session one level below `parent` in its hierarchy: the parent's but for session ID
+// and level. Nothing when the parent belongs to no hierarchy. Pure.
+std::optional<Dictionary> sessionInfoOfChild(const Dictionary& parent, uint32_t sessionID);
+
 class ClientSession {
   public:
     // Calls that wait for their answer; more are refused, so that a client that reports faster than the
@@ -88,6 +93,15 @@ class ClientSession {
     static tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
                                                                              const std::string& socketPath,
                                                                              Handlers handlers = {});
+    // Connects a session one level below this one in its hierarchy, and tells the daemon what it is: what
+    // this session is (its last setSessionInfo()), with a session ID and a user info of its own. `completion`
+    // is that of setSessionInfo(). Fails with the reason, as connect() does, and when this session belongs to
+    // no hierarchy. Either session may end first.
+    tl::expected<std::unique_ptr<ClientSession>, std::string> child(uint32_t sessionID,
+                                                                    std::optional<Dictionary> userInfo,
+                                                                    Completion<void> completion,
+                                                                    Handlers handlers = {}) const
+        TELVORA_EXCLUDES(lock_);
     // Invalidates.
     ~ClientSession();
     ClientSession(const ClientSession&) = delete;
@@ -95,7 +109,8 @@ class ClientSession {
 
     // The keys of the dictionaries: telvora/keys.h.
     void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
-                        std::vector<std::string> frameworksToCheck, Completion<void> completion);
+                        std::vector<std::string> frameworksToCheck, Completion<void> completion)
+        TELVORA_EXCLUDES(lock_);
     // The backends that report, or nothing when there is no configuration for this session.
     void startConfig(Completion<ReportingStates> completion);
     void fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion);
@@ -122,9 +137,16 @@ class ClientSession {
 
   private:
     class Connection;
-    explicit ClientSession(std::shared_ptr<Connection> connection);
+    ClientSession(ClientRuntime& runtime, std::string socketPath, std::shared_ptr<Connection> connection);
 
-    std::shared_ptr<Connection> connection_;
+    ClientRuntime& runtime_;
+    const std::string socketPath_;
+    const std::shared_ptr<Connection> connection_;
+
+    // What the children take over.
+    mutable Mutex lock_;
+    Dictionary sessionInfo_ TELVORA_GUARDED_BY(lock_);
+    std::vector<std::string> frameworksToCheck_ TELVORA_GUARDED_BY(lock_);
 };
 
 }  // namespace telvora

@@ -15,6 +15,7 @@
 #include "daemon/listener.h"
 #include "daemon/shutdown.h"
 #include "daemon/telvorad_agent.h"
+#include "platform/descriptor_limit.h"
 #include "platform/directories.h"
 #include "platform/keep_alive_transaction.h"
 #include "platform/listening_socket.h"
@@ -102,6 +103,7 @@ int main() {
     std::signal(SIGPIPE, SIG_IGN);
     setUtilityQualityOfService();
     startLogging("telvorad");
+    raiseDescriptorLimit();
 
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);

@@ -55,7 +55,8 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
             lastSession = sessionList_.empty();
         }
     }
-    if (session->hierarchyToken()) {
+    // A session that gave up its token stays listed under it, but not beyond its end.
+    if (session->everInHierarchy()) {
         const DelegateLock lock(lock_);
         leaveCorrelatedSessions(*session);
     }

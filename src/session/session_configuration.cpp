@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A session's beginning, its configuration from session info, bag and user info, and its end.
+#include <algorithm>
+#include <limits>
+
 #include "platform/digest.h"
 #include "platform/uuid.h"
 #include "session/telvorad_session.h"
@@ -23,6 +26,12 @@ bool sameString(const Dictionary& a, const Dictionary& b, std::string_view key) 
 }
 
 constexpr char kNoDisplayURL[] = "URL not available";
+
+// The level of a hierarchy token. The lowest number of all has none below it to look for a parent at.
+int64_t levelOf(const Dictionary& token) {
+    constexpr int64_t kLowest = std::numeric_limits<int64_t>::min() + 1;
+    return std::max(token.integer(kTelvoraHierarchyTokenLevel).value_or(0), kLowest);
+}
 
 }  // namespace
 
@@ -104,9 +113,11 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         hierarchyToken_.reset();
         hierarchyLevel_ = 0;
         if (const Dictionary* token = sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken)) {
-            hierarchyLevel_ = token->integer(kTelvoraHierarchyTokenLevel).value_or(0);
-            if (const std::string* tokenID = token->string(kTelvoraHierarchyTokenTokenID))
+            hierarchyLevel_ = levelOf(*token);
+            if (const std::string* tokenID = token->string(kTelvoraHierarchyTokenTokenID)) {
                 hierarchyToken_ = *tokenID;
+                everInHierarchy_ = true;
+            }
         }
         sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
     }

@@ -74,6 +74,8 @@ class TelvoradSession final : public ClientSessionInterface,
     bool hasAggregator() const { return hasAggregator_.load(); }
     int64_t hierarchyLevel() const { return hierarchyLevel_.load(); }
     std::optional<std::string> hierarchyToken() const;  // nothing: a standalone session
+    // Whether it had a hierarchy token at any time: it may then still be listed under that one.
+    bool everInHierarchy() const { return everInHierarchy_.load(); }
     std::string description() const;
 
     // What the agent asks of the sessions of a hierarchy, under its lock, on any thread.
@@ -142,6 +144,7 @@ class TelvoradSession final : public ClientSessionInterface,
     std::atomic<uint32_t> sessionID_{0};
     std::atomic<bool> hasAggregator_{false};
     std::atomic<int64_t> hierarchyLevel_{0};
+    std::atomic<bool> everInHierarchy_{false};
 
     mutable Mutex identityLock_;
     std::shared_ptr<const Dictionary> sessionInfo_ TELVORA_GUARDED_BY(identityLock_);

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <stdexcept>
 
@@ -44,11 +45,13 @@ void check(int result, const char* what) {
 }
 
 Dictionary sessionInfo(const SessionSettings& settings) {
-    return {{kTelvoraSessionInfoSessionID, settings.sessionID},
-            {kTelvoraSessionInfoClientType, settings.clientType},
-            {kTelvoraSessionInfoClientVersion, settings.clientVersion},
-            {kTelvoraSessionInfoRequireUserInfo, settings.requireUserInfo},
-            {kTelvoraSessionInfoBatchEvent, settings.batchEvents}};
+    Dictionary info{{kTelvoraSessionInfoSessionID, settings.sessionID},
+                    {kTelvoraSessionInfoClientType, settings.clientType},
+                    {kTelvoraSessionInfoClientVersion, settings.clientVersion},
+                    {kTelvoraSessionInfoRequireUserInfo, settings.requireUserInfo},
+                    {kTelvoraSessionInfoBatchEvent, settings.batchEvents}};
+    if (settings.hierarchyToken) info.set(kTelvoraSessionInfoHierarchyToken, *settings.hierarchyToken);
+    return info;
 }
 
 std::optional<Dictionary> userInfo(const SessionSettings& settings) {
@@ -73,12 +76,17 @@ FlushAnswer readFlushAnswer(BusMessage reply) {
 
 }  // namespace
 
+void SessionSettings::setHierarchy(const std::string& token, int64_t level) {
+    hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, token}, {kTelvoraHierarchyTokenLevel, level}};
+}
+
 struct BlockingSession::State {
     sd_bus* bus = nullptr;
     SessionSettings settings;
     std::map<uint64_t, BusMessage> replies;  // that came while another was waited for
+    std::deque<Delivery> deliveries;         // likewise
 
-    State(const std::string& socketPath, const SessionSettings& sessionSettings) : settings(sessionSettings) {
+    explicit State(const std::string& socketPath) {
         check(sd_bus_new(&bus), "sd_bus_new");
         const int socket = connectTo(socketPath).release();
         check(sd_bus_set_fd(bus, socket, socket), "sd_bus_set_fd");
@@ -106,23 +114,40 @@ struct BlockingSession::State {
         return cookie;
     }
 
-    BusMessage await(uint64_t cookie) {
+    void take(BusMessage received) {
+        uint64_t answered = 0;
+        if (sd_bus_message_get_reply_cookie(received.get(), &answered) >= 0) {
+            replies[answered] = std::move(received);
+        } else if (sd_bus_message_is_method_call(received.get(), nullptr, "SendMessageToClient") > 0) {
+            ArgumentReader in(received);
+            Delivery delivery;
+            delivery.sessionInfo = in.optionalDictionary();
+            delivery.timestamp = in.real();
+            delivery.category = in.u16();
+            delivery.type = in.u16();
+            delivery.payload = in.optionalDictionary();
+            if (!in.ok()) throw std::runtime_error(in.failure());
+            deliveries.push_back(std::move(delivery));
+        }
+    }
+
+    void readUntil(const std::function<bool()>& done) {
         const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (!replies.contains(cookie)) {
+        while (!done()) {
             sd_bus_message* message = nullptr;
             const int result = sd_bus_process(bus, &message);
             check(result, "sd_bus_process");
-            BusMessage received = BusMessage::adopt(message);
-            uint64_t answered = 0;
-            if (received && sd_bus_message_get_reply_cookie(received.get(), &answered) >= 0) {
-                replies[answered] = std::move(received);
-            }
+            if (BusMessage received = BusMessage::adopt(message)) take(std::move(received));
             if (result > 0) continue;
             const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
                 deadline - std::chrono::steady_clock::now());
             if (left.count() <= 0) throw std::runtime_error("no answer came");
             check(sd_bus_wait(bus, static_cast<uint64_t>(left.count())), "sd_bus_wait");
         }
+    }
+
+    BusMessage await(uint64_t cookie) {
+        readUntil([&] { return replies.contains(cookie); });
         BusMessage reply = std::move(replies[cookie]);
         replies.erase(cookie);
         if (const sd_bus_error* error = reply.error()) throw std::runtime_error(error->name);
@@ -136,12 +161,17 @@ struct BlockingSession::State {
 };
 
 BlockingSession::BlockingSession(const std::string& socketPath, const SessionSettings& settings)
-    : state_(std::make_unique<State>(socketPath, settings)) {
+    : state_(std::make_unique<State>(socketPath)) {
+    setSessionInfo(settings);
+}
+
+void BlockingSession::setSessionInfo(const SessionSettings& settings) {
+    state_->settings = settings;
     state_->call("SetSessionInfo", [&](ArgumentWriter& arguments) {
         arguments.dictionary(sessionInfo(settings));
         arguments.optionalDictionary(userInfo(settings));
         arguments.strings({});
-        arguments.boolean(false);
+        arguments.boolean(settings.aggregates);
     });
 }
 
@@ -192,6 +222,17 @@ std::function<FlushAnswer()> BlockingSession::beginFlush() {
 
 std::optional<std::string> BlockingSession::finish() {
     return readAnswer(state_->call("FinishSession"));
+}
+
+Delivery BlockingSession::nextDelivery() {
+    state_->readUntil([this] { return !state_->deliveries.empty(); });
+    Delivery delivery = std::move(state_->deliveries.front());
+    state_->deliveries.pop_front();
+    return delivery;
+}
+
+size_t BlockingSession::unclaimedAnswers() const {
+    return state_->replies.size();
 }
 
 }  // namespace telvora::test

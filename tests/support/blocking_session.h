@@ -25,6 +25,19 @@ struct SessionSettings {
     bool requireUserInfo = true;
     std::string clientName = "tester";  // empty: no user info
     std::string serviceName = "integration";
+    std::optional<PropertyList> hierarchyToken;  // as it stands in the session info, of whatever type
+    bool aggregates = false;
+
+    void setHierarchy(const std::string& token, int64_t level);
+};
+
+// A message for the aggregation block.
+struct Delivery {
+    std::optional<Dictionary> sessionInfo;
+    double timestamp = 0;
+    uint16_t category = 0;
+    uint16_t type = 0;
+    std::optional<Dictionary> payload;
 };
 
 using States = std::optional<std::vector<std::string>>;
@@ -39,6 +52,8 @@ class BlockingSession {
     BlockingSession(const BlockingSession&) = delete;
     BlockingSession& operator=(const BlockingSession&) = delete;
 
+    // Tells the daemon anew what the session is.
+    void setSessionInfo(const SessionSettings& settings);
     States startConfig();
     States fetchStates();
     std::optional<std::string> send(uint16_t category, uint16_t type, const Dictionary& payload);
@@ -51,6 +66,12 @@ class BlockingSession {
     // Starts a call without waiting; the function that is returned waits for the answer.
     std::function<States()> beginStartConfig();
     std::function<FlushAnswer()> beginFlush();
+
+    // The next message for the aggregation block. Between the calls of this object nothing is read: a session
+    // that is left alone is a client that has stopped reading.
+    Delivery nextDelivery();
+    // Answers that have been read and that nobody has waited for.
+    size_t unclaimedAnswers() const;
 
   private:
     struct State;

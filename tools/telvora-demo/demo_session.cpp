@@ -23,21 +23,62 @@ T await(Start start) {
     if constexpr (!std::is_void_v<T>) return std::move(*answer);
 }
 
+std::unique_ptr<ClientSession> connected(tl::expected<std::unique_ptr<ClientSession>, std::string> session) {
+    if (!session) throw std::runtime_error(session.error());
+    return std::move(*session);
+}
+
+Dictionary sessionInfoFor(int64_t sessionID, bool batchEvents) {
+    return {{kTelvoraSessionInfoSessionID, sessionID},
+            {kTelvoraSessionInfoClientType, kClientType},
+            {kTelvoraSessionInfoClientVersion, kClientVersion},
+            {kTelvoraSessionInfoRequireUserInfo, true},
+            {kTelvoraSessionInfoBatchEvent, batchEvents}};
+}
+
+Dictionary userInfoFor(const std::string& clientName) {
+    return {{kTelvoraUserInfoClientName, clientName}, {kTelvoraUserInfoServiceName, "demo"}};
+}
+
 }  // namespace
 
 DemoSession::DemoSession(ClientRuntime& runtime, const std::string& socketPath, int64_t sessionID,
-                         const std::string& clientName, bool batchEvents) {
-    auto session = ClientSession::connect(runtime, socketPath);
-    if (!session) throw std::runtime_error(session.error());
-    session_ = std::move(*session);
-    const Dictionary sessionInfo{{kTelvoraSessionInfoSessionID, sessionID},
-                                 {kTelvoraSessionInfoClientType, kClientType},
-                                 {kTelvoraSessionInfoClientVersion, kClientVersion},
-                                 {kTelvoraSessionInfoRequireUserInfo, true},
-                                 {kTelvoraSessionInfoBatchEvent, batchEvents}};
-    const Dictionary userInfo{{kTelvoraUserInfoClientName, clientName},
-                              {kTelvoraUserInfoServiceName, "demo"}};
-    await<void>([&](auto done) { session_->setSessionInfo(sessionInfo, userInfo, {}, std::move(done)); });
+                         const std::string& clientName, bool batchEvents)
+    : session_(connected(ClientSession::connect(runtime, socketPath))) {
+    configure(sessionInfoFor(sessionID, batchEvents), clientName);
+    start();
+}
+
+DemoSession::DemoSession(ClientRuntime& runtime, const std::string& socketPath, int64_t sessionID,
+                         const std::string& clientName, const std::string& hierarchyToken,
+                         std::function<void(AggregatedMessage message)> aggregationBlock)
+    : session_(
+          connected(ClientSession::connect(runtime, socketPath, {std::move(aggregationBlock), nullptr}))) {
+    Dictionary sessionInfo = sessionInfoFor(sessionID, true);
+    sessionInfo.set(
+        kTelvoraSessionInfoHierarchyToken,
+        Dictionary{{kTelvoraHierarchyTokenTokenID, hierarchyToken}, {kTelvoraHierarchyTokenLevel, 0}});
+    configure(sessionInfo, clientName);
+    start();
+}
+
+DemoSession DemoSession::child(uint32_t sessionID, const std::string& clientName) const {
+    std::unique_ptr<ClientSession> session;
+    await<void>([&](auto done) {
+        session = connected(session_->child(sessionID, userInfoFor(clientName), std::move(done)));
+    });
+    DemoSession child(std::move(session));
+    child.start();
+    return child;
+}
+
+void DemoSession::configure(const Dictionary& sessionInfo, const std::string& clientName) {
+    await<void>([&](auto done) {
+        session_->setSessionInfo(sessionInfo, userInfoFor(clientName), {}, std::move(done));
+    });
+}
+
+void DemoSession::start() {
     states_ = await<ReportingStates>([&](auto done) { session_->startConfig(std::move(done)); });
 }
 
@@ -50,6 +91,11 @@ void DemoSession::send(uint16_t category, uint16_t type, const Dictionary& paylo
                                {kTelvoraMessageParametersFlag, flag}},
                               std::move(done));
     });
+}
+
+void DemoSession::sendAll(const std::vector<Report>& reports, size_t from, size_t to) {
+    for (size_t i = from; i < to; ++i)
+        send(reports[i].category, reports[i].type, reports[i].payload, reports[i].flag);
 }
 
 std::string DemoSession::flush() {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "audit.h"
+#include "call.h"
 #include "demo_session.h"
 #include "script.h"
 #include "telvora-lab/laboratory.h"
@@ -26,21 +27,10 @@ void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
     std::fflush(stdout);
 }
 
-void sendAll(DemoSession& session, const std::vector<Report>& reports, size_t from, size_t to) {
-    for (size_t i = from; i < to; ++i) {
-        session.send(reports[i].category, reports[i].type, reports[i].payload, reports[i].flag);
-    }
-}
-
-// The reports that the client itself makes stand between the daemon's start message and its finish and end
-// messages.
-constexpr size_t kFirst = 1;
-constexpr size_t kDaemonsLast = 2;
-
 void play(ClientRuntime& runtime, const std::string& socketPath) {
     const std::vector<Report> reports = reportsOf("player");
     DemoSession session(runtime, socketPath, 1, "player", true);
-    sendAll(session, reports, kFirst, reports.size() - kDaemonsLast);
+    session.sendAll(reports, kFirstOwn, reports.size() - kLastOfDaemon);
     session.flush();
     session.finishAndClose();
 }
@@ -48,14 +38,18 @@ void play(ClientRuntime& runtime, const std::string& socketPath) {
 void browse(ClientRuntime& runtime, const std::string& socketPath) {
     const std::vector<Report> reports = reportsOf("browser");
     DemoSession session(runtime, socketPath, 2, "browser", false);
-    sendAll(session, reports, kFirst, kFirst + 1);
+    session.sendAll(reports, kFirstOwn, kFirstOwn + 1);
     say("  browser flushes while it is sampled out: \"{}\"\n", session.flush());
-    sendAll(session, reports, kFirst + 1, reports.size() - kDaemonsLast);
+    session.sendAll(reports, kFirstOwn + 1, reports.size() - kLastOfDaemon);
     session.finishAndClose();
 }
 
-int report(const std::vector<Report>& reports, const lab::ReportingServer& server) {
-    std::vector<std::string> wrong = server.problems();
+int report(const std::vector<Report>& reports, const lab::ReportingServer& server,
+           std::vector<std::string> wrong) {
+    for (std::string& problem : server.problems())
+        wrong.push_back(std::move(problem));
+    for (std::string& problem : placesInCall(server.events()))
+        wrong.push_back(std::move(problem));
     const auto messages = server.messages();
     const std::vector<Finding> findings = audit(reports, messages, wrong);
     say("\n{}\n", table(findings));
@@ -91,23 +85,27 @@ int run() {
         return 1;
     }
     say("3. The daemon, process {}, confined, listens at {}\n", daemon.pid(), daemon.socketPath());
-    say("4. Two sessions through the client library\n");
+    say("4. Two sessions through the client library, then a call: a session with two below it\n");
+    std::vector<std::string> wrong;
     {
         ClientRuntime runtime;
         play(runtime, daemon.socketPath());
         browse(runtime, daemon.socketPath());
+        wrong = Call().hold(runtime, daemon.socketPath());
     }
 
-    std::vector<Report> reports = reportsOf("player");
-    for (Report& more : reportsOf("browser"))
-        reports.push_back(std::move(more));
+    std::vector<Report> reports;
+    for (const char* client : {"player", "browser", "call", "audio", "video"}) {
+        for (Report& more : reportsOf(client))
+            reports.push_back(std::move(more));
+    }
     size_t expected = 0;
     for (const Report& each : reports)
         expected += each.path.empty() ? 0 : 1;
     server.waitForEvents(expected, test::kPatience);
     const auto status = daemon.stop();  // by then nothing more can arrive
     say("5. The daemon has ended with status {}\n", status.value_or(-1));
-    const int result = report(reports, server);
+    const int result = report(reports, server, std::move(wrong));
     return status == 0 ? result : 1;
 }
 

@@ -89,18 +89,33 @@ std::vector<Report> browsersReports() {
     };
 }
 
+std::vector<Report> callsReports(const std::string& client) {
+    std::vector<Report> reports{startMessage(client, kEvents)};
+    if (client == "call") {
+        reports.push_back(untouched(client, 5, 1, "above two others", 0, {{"people", 3}}, kEvents));
+    } else {
+        reports.push_back(untouched(client, 5, 2, "in a call", 0, {{"bitrate", 64}}, kEvents));
+        reports.push_back(untouched(client, 5, 3, "in a call", 0, {{"lost", 0.25}}, kEvents));
+    }
+    reports.push_back(finishMessage(client));
+    reports.push_back(endMessage(client, true, 1.0));
+    return reports;
+}
+
 }  // namespace
 
 Dictionary demoBag() {
     // Every sampling draw is above -1: its client is sampled out.
-    const Array clients{clientEntry("player", 1.0), clientEntry("browser", -1.0)};
+    const Array clients{clientEntry("player", 1.0), clientEntry("browser", -1.0), clientEntry("call", 1.0),
+                        clientEntry("audio", 1.0), clientEntry("video", 1.0)};
     return {{"version", "demo-1"},
             {"refresh_cycle", 600},
             {"release", Dictionary{{"httpPost", Dictionary{{"clients", clients}}}}}};
 }
 
 std::vector<Report> reportsOf(const std::string& client) {
-    return client == "player" ? playersReports() : browsersReports();
+    if (client == "player") return playersReports();
+    return client == "browser" ? browsersReports() : callsReports(client);
 }
 
 }  // namespace telvora::demo

@@ -22,8 +22,14 @@ struct Report {
     Dictionary received;  // what must be left of the payload
 };
 
-// The bag that the demonstration serves: clients "player", who reports, and "browser", who is sampled out.
+// The bag that the demonstration serves: clients "player", who reports, "browser", who is sampled out, and
+// those of a call: "call" itself, and "audio" and "video" below it.
 Dictionary demoBag();
+
+// The reports that the client itself makes stand between the daemon's start message and its finish and end
+// messages.
+constexpr size_t kFirstOwn = 1;
+constexpr size_t kLastOfDaemon = 2;
 
 // All reports of a client, in the order in which they are made: the daemon's own start message first, its
 // finish and end messages last.

@@ -14,6 +14,7 @@
 #include "platform/property_list_format.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
+#include "telvora-lab/session_tree.h"
 #include "util/unique_fd.h"
 
 namespace {
@@ -101,6 +102,7 @@ Dictionary summary(Laboratory& laboratory) {
             {"bagRequests", std::move(bagRequests)},
             {"eventCount", laboratory.reports().eventCount()},
             {"distinctCount", laboratory.reports().distinctCount()},
+            {"sessions", describeTree(sessionTree(laboratory.reports().events()))},
             {"problems", Array(problems.begin(), problems.end())}};
 }
 

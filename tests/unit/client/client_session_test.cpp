@@ -13,6 +13,7 @@
 
 #include "daemon/client_connection.h"
 #include "protocol/client_session_wire.h"
+#include "telvora/keys.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/temporary_directory.h"
 
@@ -68,6 +69,9 @@ class ClientSessionTest : public testing::Test {
         auto connected = ClientSession::connect(runtime, socketPath, std::move(handlers));
         ASSERT_TRUE(connected) << connected.error();
         session = std::move(*connected);
+        accept();
+    }
+    void accept() {
         connection = ClientConnection::make(
             pool.makeStrand(), UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)), "client");
         connection->setExportedObject(daemon);
@@ -244,6 +248,34 @@ TEST_F(ClientSessionTest, HandsMessagesToTheAggregationBlock) {
     EXPECT_EQ(message.category, 3);
     EXPECT_EQ(message.type, 4);
     EXPECT_EQ(message.payload, (Dictionary{{"k", "v"}}));
+}
+
+TEST_F(ClientSessionTest, HasChildrenInItsHierarchy) {
+    const auto level = [](const PropertyList& value) {
+        return Dictionary{{kTelvoraHierarchyTokenTokenID, "t"}, {kTelvoraHierarchyTokenLevel, value}};
+    };
+    Dictionary info{{kTelvoraSessionInfoSessionID, 1}, {kTelvoraSessionInfoClientType, 8}};
+    auto first = ClientSession::connect(runtime, socketPath);
+    ASSERT_TRUE(first);
+    UniqueFd ignored(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    (*first)->setSessionInfo(info, std::nullopt, {}, nullptr);
+    EXPECT_EQ((*first)->child(2, std::nullopt, nullptr).error(), "the session belongs to no hierarchy");
+
+    info.set(kTelvoraSessionInfoHierarchyToken, level(3));
+    (*first)->setSessionInfo(info, std::nullopt, {"f"}, nullptr);
+    Answer<void> configured;
+    const Dictionary userInfo{{kTelvoraUserInfoClientName, "child"}};
+    auto child = (*first)->child(2, userInfo, configured.completion(), {[](const auto&) {}, nullptr});
+    ASSERT_TRUE(child);
+    session = std::move(*child);
+    accept();
+    first->reset();  // a child goes on without its parent
+    EXPECT_TRUE(configured.get());
+    const Dictionary expected{{kTelvoraSessionInfoSessionID, 2},
+                              {kTelvoraSessionInfoClientType, 8},
+                              {kTelvoraSessionInfoHierarchyToken, level(4)}};
+    EXPECT_EQ(daemon->calls[0],
+              PropertyList(Dictionary{{"setSessionInfo", Array{expected, userInfo, Array{"f"}, true}}}));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include <limits>
+
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
 #include "tests/support/log_capture.h"
@@ -74,6 +76,8 @@ TEST(AgentHierarchy, OddTokensHarmNobody) {
         {"a token ID of another type", Dictionary{{kTelvoraHierarchyTokenTokenID, 5}}},
         {"a negative level",
          Dictionary{{kTelvoraHierarchyTokenTokenID, "t"}, {kTelvoraHierarchyTokenLevel, -5}}},
+        {"the lowest level", Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
+                                        {kTelvoraHierarchyTokenLevel, std::numeric_limits<int64_t>::min()}}},
         {"a huge level",
          Dictionary{{kTelvoraHierarchyTokenTokenID, "t"}, {kTelvoraHierarchyTokenLevel, int64_t{1} << 62}}},
     };
@@ -85,6 +89,7 @@ TEST(AgentHierarchy, OddTokensHarmNobody) {
         connection->session().setSessionInfo(info, Dictionary{{kTelvoraUserInfoClientName, "c"}}, {}, false);
         EXPECT_EQ(parentOf(world, connection), "") << c.what;
         world.agent.updateDownstreamSessions(connection->session());
+        connection->session().syncReportingStates();
         connection->invalidate();
     }
     EXPECT_EQ(parentOf(world, world.connectConfigured(3, {{"t", 1}})), dotted({top.get()}));
@@ -99,6 +104,16 @@ TEST(AgentHierarchy, AChangedTokenMovesTheSession) {
     EXPECT_EQ(parentOf(world, child), dotted({otherTop.get()}));
     const auto grandchild = world.connectConfigured(4, {{"a", 2}});
     EXPECT_EQ(parentOf(world, grandchild), "") << "the session is no longer in its old list";
+}
+
+TEST(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
+    DaemonWorld world;
+    const auto top = world.connectConfigured(1, {{"t", 0}});
+    const std::weak_ptr<const TelvoradSession> session = top->session().weak_from_this();
+    top->session().setSessionInfo(sessionInfoFor(1), std::nullopt, {}, false);
+    top->invalidate();
+    EXPECT_TRUE(session.expired());
+    EXPECT_EQ(parentOf(world, world.connectConfigured(2, {{"t", 1}})), "");
 }
 
 TEST(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {

@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sessions.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include "await.h"
+#include "process_figures.h"
+#include "telvora-lab/laboratory.h"
+#include "telvora/keys.h"
+#include "tests/support/bags.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/temporary_directory.h"
+
+namespace telvora::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kHierarchySize = 10;
+constexpr size_t kWindow = 64;
+constexpr char kCountByKey[] = "n";
+
+double secondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+double share(const std::vector<double>& sorted, double part) {
+    return sorted[static_cast<size_t>(part * static_cast<double>(sorted.size() - 1))];
+}
+
+// A daemon of its own, with the servers that it needs.
+struct World {
+    World() {
+        auto made = lab::Laboratory::make(directory.path() / "lab", {.countByKey = kCountByKey});
+        if (!made) throw std::runtime_error(made.error());
+        laboratory = std::move(*made);
+        laboratory->setBag("dravik", test::openBag());
+        test::DaemonOptions options = test::DaemonOptions::forLaboratory(directory.path(), laboratory->pki(),
+                                                                         laboratory->bags().baseURL());
+        options.logLevel = 6;  // as in the field
+        daemon = std::make_unique<test::DaemonProcess>(std::move(options));
+        if (!daemon->waitUntilListening()) throw std::runtime_error("the daemon does not start");
+    }
+
+    test::TemporaryDirectory directory;
+    std::unique_ptr<lab::Laboratory> laboratory;
+    std::unique_ptr<test::DaemonProcess> daemon;
+    ClientRuntime runtime;
+};
+
+class Sessions {
+  public:
+    explicit Sessions(World& world) : world_(world) {}
+    // Ends the daemon first: what it still holds back is nobody's concern here.
+    ~Sessions() {
+        world_.daemon->process().signal(SIGKILL);
+        world_.daemon->process().waitForExit(test::kPatience);
+    }
+    Sessions(const Sessions&) = delete;
+    Sessions& operator=(const Sessions&) = delete;
+
+    // Opens one session, and waits for its configuration. Without a token it is a standalone one.
+    ClientSession& open(const std::string& token = "", int64_t level = 0, bool aggregates = false) {
+        ClientSession::Handlers handlers;
+        if (aggregates) handlers.aggregationBlock = [this](const AggregatedMessage&) { ++aggregated_; };
+        auto session =
+            ClientSession::connect(world_.runtime, world_.daemon->socketPath(), std::move(handlers));
+        if (!session) throw std::runtime_error(session.error());
+        sessions_.push_back(std::move(*session));
+        ClientSession& opened = *sessions_.back();
+        Dictionary info{{kTelvoraSessionInfoSessionID, sessions_.size()},
+                        {kTelvoraSessionInfoClientType, 8},
+                        {kTelvoraSessionInfoRequireUserInfo, true},
+                        {kTelvoraSessionInfoBatchEvent, true}};
+        if (!token.empty()) {
+            info.set(kTelvoraSessionInfoHierarchyToken, Dictionary{{kTelvoraHierarchyTokenTokenID, token},
+                                                                   {kTelvoraHierarchyTokenLevel, level}});
+        }
+        const Dictionary user{{kTelvoraUserInfoClientName, "bench"},
+                              {kTelvoraUserInfoServiceName, "sessions"}};
+        opened.setSessionInfo(std::move(info), user, {}, nullptr);
+        const auto states = await<ReportingStates>([&](auto done) { opened.startConfig(std::move(done)); });
+        if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
+        return opened;
+    }
+
+    // The daemon's processor time per report in microseconds, for reports of one session.
+    double costOfReports(ClientSession& session, uint64_t reports) {
+        const double before = cpuSeconds(world_.daemon->pid());
+        Stream stream{session, nextNumber_, nextNumber_ + reports, reports, {}};
+        nextNumber_ += reports;
+        const size_t arrived = world_.laboratory->reports().eventCount();
+        for (size_t i = 0; i < kWindow; ++i)
+            stream.sendNext();
+        stream.done.get_future().get();
+        await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
+        if (!world_.laboratory->reports().waitForEvents(arrived + reports, test::kPatience)) {
+            throw std::runtime_error("reports are lost");
+        }
+        return (cpuSeconds(world_.daemon->pid()) - before) * 1e6 / static_cast<double>(reports);
+    }
+
+    uint64_t aggregated() const { return aggregated_.load(); }
+
+  private:
+    // Reports that follow one another, a window at a time.
+    struct Stream {
+        ClientSession& session;
+        std::atomic<uint64_t> next;
+        const uint64_t end;
+        std::atomic<uint64_t> unanswered;
+        std::promise<void> done;
+
+        void sendNext() {
+            const uint64_t number = next.fetch_add(1);
+            if (number >= end) return;
+            const Dictionary payload{{kCountByKey, number}, {"codec", "av1"}, {"bitrate", 4200}};
+            session.sendMessage(4, 1, payload, [this](const auto&) {
+                if (unanswered.fetch_sub(1) == 1) return done.set_value();
+                sendNext();
+            });
+        }
+    };
+
+    World& world_;
+    uint64_t nextNumber_ = 0;
+    std::atomic<uint64_t> aggregated_ = 0;
+    std::vector<std::unique_ptr<ClientSession>> sessions_;
+};
+
+Dictionary costs(Sessions& sessions, uint64_t reports) {
+    sessions.open("plain", 0);
+    ClientSession& plain = sessions.open("plain", 1);
+    sessions.open("aggregated", 0, true);
+    ClientSession& aggregated = sessions.open("aggregated", 1);
+    const double without = sessions.costOfReports(plain, reports);
+    const double with = sessions.costOfReports(aggregated, reports);
+    return {{"withoutAggregator", without},
+            {"withAggregator", with},
+            {"aggregated", sessions.aggregated()},
+            {"reports", reports}};
+}
+
+Dictionary measure(size_t count, bool hierarchies, uint64_t reports) {
+    World world;
+    Sessions sessions(world);
+    sessions.open();  // fetches the bag
+    const pid_t pid = world.daemon->pid();
+    const Memory before = memoryOf(pid);
+    const double cpuBefore = cpuSeconds(pid);
+    const auto begin = Clock::now();
+    std::vector<double> opening;
+    for (size_t i = 0; i < count; ++i) {
+        const auto started = Clock::now();
+        const std::string token = hierarchies ? "bench-" + std::to_string(i / kHierarchySize) : "";
+        sessions.open(token, i % kHierarchySize == 0 ? 0 : 1);
+        opening.push_back(secondsSince(started) * 1e6);
+    }
+    const double seconds = secondsSince(begin);
+    const double cpu = cpuSeconds(pid) - cpuBefore;
+    const Memory after = memoryOf(pid);
+    std::sort(opening.begin(), opening.end());
+    const auto each = static_cast<double>(count);
+    return {{"sessions", count},
+            {"hierarchies", hierarchies},
+            {"rssKiBPerSession", static_cast<double>(after.rssKiB - before.rssKiB) / each},
+            {"pssKiBPerSession", static_cast<double>(after.pssKiB - before.pssKiB) / each},
+            {"openMicroseconds", Dictionary{{"p50", share(opening, 0.5)}, {"p99", share(opening, 0.99)}}},
+            {"openSeconds", seconds},
+            {"openCpuMicrosecondsPerSession", cpu * 1e6 / each},
+            {"daemonCpuMicrosecondsPerReport", costs(sessions, reports)}};
+}
+
+}  // namespace
+
+Array measureSessions(const SessionsOptions& options) {
+    Array figures;
+    for (const size_t count : options.counts) {
+        for (const bool hierarchies : {false, true})
+            figures.push_back(measure(count, hierarchies, options.reports));
+    }
+    return figures;
+}
+
+}  // namespace telvora::bench

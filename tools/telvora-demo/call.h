@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A call as a hierarchy of sessions: "call" at the top aggregates, "audio" and "video" stand below it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/client_session.h"
+#include "util/mutex.h"
+
+namespace telvora::demo {
+
+class Call {
+  public:
+    // Opens the three sessions, sends their reports, and ends them, those below first. Returns what was wrong
+    // with the messages that the aggregation block was given, one line each.
+    std::vector<std::string> hold(ClientRuntime& runtime, const std::string& socketPath);
+
+  private:
+    void take(AggregatedMessage message) TELVORA_EXCLUDES(mutex_);
+    // Waits until the block has had so many messages.
+    bool waitFor(size_t count) const TELVORA_EXCLUDES(mutex_);
+    std::vector<std::string> faults() const TELVORA_EXCLUDES(mutex_);
+
+    mutable Mutex mutex_;
+    mutable std::condition_variable_any changed_;
+    std::vector<AggregatedMessage> messages_ TELVORA_GUARDED_BY(mutex_);
+};
+
+// What is wrong with the IDs under which the call's reports arrived: they must make one tree, with the call
+// at its top and the two others right below it.
+std::vector<std::string> placesInCall(const std::vector<Dictionary>& events);
+
+}  // namespace telvora::demo
