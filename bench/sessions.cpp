@@ -67,7 +67,8 @@ class Sessions {
     // Opens one session, and waits for its configuration. Without a token it is a standalone one.
     ClientSession& open(const std::string& token = "", int64_t level = 0, bool aggregates = false) {
         ClientSession::Handlers handlers;
-        if (aggregates) handlers.aggregationBlock = [this](const AggregatedMessage&) { ++aggregated_; };
+        if (aggregates)
+            handlers.aggregationBlock = [count = aggregated_](const AggregatedMessage&) { ++*count; };
         auto session =
             ClientSession::connect(world_.runtime, world_.daemon->socketPath(), std::move(handlers));
         if (!session) throw std::runtime_error(session.error());
@@ -105,7 +106,7 @@ class Sessions {
         return (cpuSeconds(world_.daemon->pid()) - before) * 1e6 / static_cast<double>(reports);
     }
 
-    uint64_t aggregated() const { return aggregated_.load(); }
+    uint64_t aggregated() const { return aggregated_->load(); }
 
   private:
     // Reports that follow one another, a window at a time.
@@ -129,7 +130,8 @@ class Sessions {
 
     World& world_;
     uint64_t nextNumber_ = 0;
-    std::atomic<uint64_t> aggregated_ = 0;
+    // Shared with the aggregation block, which the runtime may run once more after this object's end.
+    const std::shared_ptr<std::atomic<uint64_t>> aggregated_ = std::make_shared<std::atomic<uint64_t>>(0);
     std::vector<std::unique_ptr<ClientSession>> sessions_;
 };
 

@@ -55,13 +55,13 @@ std::unique_ptr<ClientSession> join(ClientRuntime& runtime, const Target& target
 }
 
 int churn(const Target& target, int sessions, int rounds) {
-    ClientRuntime runtime;
     std::atomic<int> failures = 0;
+    ClientRuntime runtime;
     for (int round = 0; round < rounds; ++round) {
-        std::latch answers(sessions * (2 + kReports));
-        const auto answered = [&](const auto& answer) {
+        const auto answers = std::make_shared<std::latch>(sessions * (2 + kReports));
+        const auto answered = [&failures, answers](const auto& answer) {
             if (!answer && ++failures == 1) std::cerr << answer.error().message << std::endl;
-            answers.count_down();
+            answers->count_down();
         };
         std::vector<std::unique_ptr<ClientSession>> joined;
         for (int i = 0; i < sessions; ++i) {
@@ -70,7 +70,7 @@ int churn(const Target& target, int sessions, int rounds) {
             for (uint16_t report = 0; report < kReports; ++report)
                 joined.back()->sendMessage(4, report, Dictionary{{"n", i}}, answered);
         }
-        answers.wait();
+        answers->wait();
     }
     return failures == 0 ? 0 : 1;
 }

@@ -11,6 +11,7 @@
 
 namespace telvora::demo {
 
+// Outlives the runtime that it is held with.
 class Call {
   public:
     // Opens the three sessions, sends their reports, and ends them, those below first. Returns what was wrong

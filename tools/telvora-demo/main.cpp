@@ -88,10 +88,11 @@ int run() {
     say("4. Two sessions through the client library, then a call: a session with two below it\n");
     std::vector<std::string> wrong;
     {
+        Call call;  // outlives the runtime, on whose thread it is told of reports
         ClientRuntime runtime;
         play(runtime, daemon.socketPath());
         browse(runtime, daemon.socketPath());
-        wrong = Call().hold(runtime, daemon.socketPath());
+        wrong = call.hold(runtime, daemon.socketPath());
     }
 
     std::vector<Report> reports;
