@@ -30,6 +30,13 @@ std::optional<std::string> territoryOf(std::string_view locale) {
     return code;
 }
 
+// Every report asks for the offset, and tzset(3) looks at the zone's file each time: once a second will do.
+struct OffsetOfASecond {
+    time_t second = -1;
+    std::string zone;  // the variable TZ
+    long offset = 0;
+};
+
 }  // namespace
 
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {
@@ -44,12 +51,20 @@ std::optional<std::string> currentCountryCode(const std::filesystem::path& local
 
 long timeZoneOffsetSeconds() {
     const time_t now = time(nullptr);
-    struct tm local {};
+    const char* const variable = std::getenv("TZ");
+    const std::string_view zone = variable != nullptr ? variable : "";
+
     // The C library has a lock of its own here, which no race detector sees.
     static Mutex zoneLock;
+    static OffsetOfASecond last;
     const MutexLock lock(zoneLock);
-    tzset();  // localtime_r alone keeps the zone that it met first
-    return localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
+    if (last.second != now || last.zone != zone) {
+        struct tm local {};
+        tzset();  // localtime_r alone keeps the zone that it met first
+        const bool known = localtime_r(&now, &local) != nullptr;
+        last = {now, std::string(zone), known ? local.tm_gmtoff : 0};
+    }
+    return last.offset;
 }
 
 }  // namespace telvora
