@@ -94,7 +94,7 @@ struct Bench {
 void sendIntoBatch(benchmark::State& state) {
     Bench bench(true);
     const std::optional<Dictionary> payload = bench.payload();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (int i = 0; i < kBatch; ++i)
             bench.backend->sendMessage(payload, timeOfDay(), 5, 6, SendFlag{0});
         state.PauseTiming();
@@ -111,9 +111,10 @@ BENCHMARK(sendIntoBatch);
 void sendAndFlush(benchmark::State& state) {
     Bench bench(state.range(0) != 0);
     std::vector<std::optional<Dictionary>> payloads;
+    payloads.reserve(kBatch);
     for (int i = 0; i < kBatch; ++i)
         payloads.emplace_back(bench.payload());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (const auto& payload : payloads)
             bench.backend->sendMessage(payload, timeOfDay(), 5, 6, SendFlag{0});
         benchmark::DoNotOptimize(bench.backend->flushMessagesWithCompletion({}));
@@ -128,7 +129,7 @@ void sendAtOnce(benchmark::State& state) {
     Bench bench(state.range(0) != 0);
     bench.backend->setBatchEvents(false);
     const std::optional<Dictionary> payload = bench.payload();
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(bench.backend->sendMessage(payload, timeOfDay(), 5, 6, SendFlag{0}));
     state.SetItemsProcessed(state.iterations());
 }

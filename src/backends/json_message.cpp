@@ -17,8 +17,8 @@ namespace telvora {
 
 namespace {
 
-// Nearly every text here is a short one that JSON carries as it is. Copying it whole is several times faster
-// than the library's way through it byte by byte, and this is where most of the time of a message goes.
+// Nearly every text here is a short one that JSON carries as it is. Copying it whole takes a quarter off the
+// time that a message takes with the library's way through it byte by byte.
 class CompactWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
   public:
     using Writer::Writer;

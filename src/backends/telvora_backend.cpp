@@ -49,7 +49,9 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
 }
 
 std::optional<std::string> TelvoraBackend::flushMessagesWithCompletion(FlushCompletion completion) {
-    if (completion) completion(std::nullopt, std::nullopt);
+    // Overriders keep the completion; this one is done with it.
+    const FlushCompletion called = std::move(completion);
+    if (called) called(std::nullopt, std::nullopt);
     return std::nullopt;
 }
 

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <limits>
 
@@ -37,6 +38,24 @@ TEST(JsonMessageTest, WritesEveryTypeCompactOrPretty) {
     // Without a client nothing but the time is written.
     EXPECT_EQ(compactJson({std::numeric_limits<double>::infinity(), std::nullopt, {&small, 1}}),
               "{\"postTime\":-1.0}");
+}
+
+// Texts are looked at eight characters at a time: each place in a block and each rest is another case.
+TEST(JsonMessageTest, NoSpecialCharacterSlipsThrough) {
+    for (const std::string& special : {std::string("\""), std::string("\\"), std::string(1, '\0'),
+                                       std::string("\x1f"), std::string("é"), std::string("~")}) {
+        for (size_t length = 0; length < 20; ++length) {
+            for (size_t place = 0; place <= length; ++place) {
+                const std::string text = std::string(length, 'x').insert(place, special);
+                const Dictionary event{{"k", text}};
+                rapidjson::Document message;
+                message.Parse(compactJson({1, "id", {&event, 1}}).c_str());
+                ASSERT_FALSE(message.HasParseError()) << text;
+                const auto& value = message["events"][0]["k"];
+                ASSERT_EQ(std::string(value.GetString(), value.GetStringLength()), text);
+            }
+        }
+    }
 }
 
 TEST(JsonMessageTest, WhatJsonCantCarryIsRemovedWithAWarning) {
