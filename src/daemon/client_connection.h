@@ -5,7 +5,8 @@
 //
 // The bus and the exported session's operations live on the connection's strand. sendMessageToClient(),
 // invalidate() and description() may be called from any thread; everything else before resume(), from one
-// thread. The connection keeps itself alive from resume() to its invalidation.
+// thread. The connection keeps itself alive from resume() to its invalidation, and must be given up
+// before its pool is.
 //
 // What one client can cost is bounded by BusLimits, and the messages on their way to it by kMaxOutboxMessages
 // and kMaxOutboxBytes.

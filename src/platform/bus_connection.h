@@ -12,7 +12,8 @@
 // does not authenticate in time, or that sends a message that is too large, is disconnected.
 //
 // Everything here is called on the connection's strand, except make(), and except that the functions
-// before start() may be called by the thread that will call start(). Handlers run on the strand.
+// before start() may be called by the thread that will call start(). Handlers run on the strand. Connections
+// and pending calls must be given up before the pool is.
 #pragma once
 
 #include <asio/posix/stream_descriptor.hpp>

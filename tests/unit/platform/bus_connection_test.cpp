@@ -140,6 +140,7 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
         accepted += static_cast<size_t>(sent);
         for (int unread = 1; unread > 0 && ioctl(served.peer.get(), SIOCOUTQ, &unread) == 0;)
             std::this_thread::yield();
+        onStrand(served, [] {});
     }
     EXPECT_LT(accepted, 2 * limits.messageSize);
     EXPECT_EQ(served.ended.get(), "a message is too large");
