@@ -12,23 +12,32 @@ void replaceAll(std::string& text, std::string_view what, std::string_view with)
     }
 }
 
-PropertyList withURLs(const PropertyList& value, const ReportingServer& reports) {
+// What stands for what in a bag.
+struct Places {
+    std::vector<std::pair<const char*, std::string>> inStrings;
+    std::vector<std::pair<const char*, PropertyList>> wholeStrings;
+};
+
+PropertyList filledIn(const PropertyList& value, const Places& places) {
     if (const auto* text = value.getIf<std::string>()) {
+        for (const auto& [place, content] : places.wholeStrings) {
+            if (*text == place) return content;
+        }
         std::string result = *text;
-        replaceAll(result, "@events@", reports.eventsURL());
-        replaceAll(result, "@realtime@", reports.realtimeURL());
+        for (const auto& [place, content] : places.inStrings)
+            replaceAll(result, place, content);
         return result;
     }
     if (const auto* array = value.getIf<Array>()) {
         Array result;
         for (const PropertyList& element : *array)
-            result.push_back(withURLs(element, reports));
+            result.push_back(filledIn(element, places));
         return result;
     }
     if (const auto* dictionary = value.getIf<Dictionary>()) {
         Dictionary result;
         for (const auto& [key, element] : *dictionary)
-            result.set(key, withURLs(element, reports));
+            result.set(key, filledIn(element, places));
         return result;
     }
     return value;
@@ -37,18 +46,25 @@ PropertyList withURLs(const PropertyList& value, const ReportingServer& reports)
 }  // namespace
 
 tl::expected<std::unique_ptr<Laboratory>, std::string> Laboratory::make(
-    const std::filesystem::path& directory, ReportingServerOptions reportingOptions) {
+    const std::filesystem::path& directory, ReportingServerOptions reportingOptions,
+    CollectorOptions collectorOptions) {
     auto pki = LabPki::make(directory);
     if (!pki) return tl::make_unexpected(pki.error());
-    std::unique_ptr<Laboratory> laboratory(new Laboratory(std::move(*pki), std::move(reportingOptions)));
-    if (!laboratory->bags().listening() || !laboratory->reports().listening()) {
+    std::unique_ptr<Laboratory> laboratory(
+        new Laboratory(std::move(*pki), std::move(reportingOptions), std::move(collectorOptions)));
+    if (!laboratory->bags().listening() || !laboratory->reports().listening() ||
+        !laboratory->dashboard().listening() || !laboratory->logData().listening()) {
         return tl::make_unexpected(std::string("a server could not be started"));
     }
     return laboratory;
 }
 
 void Laboratory::setBag(const std::string& name, const Dictionary& bag) {
-    bags_.setBag(name, *withURLs(bag, reports_).getIf<Dictionary>());
+    const Places places{{{"@events@", reports_.eventsURL()},
+                         {"@realtime@", reports_.realtimeURL()},
+                         {"@logdata@", logData_.url()}},
+                        {{"@dashboard_port@", int{dashboard_.port()}}}};
+    bags_.setBag(name, *filledIn(bag, places).getIf<Dictionary>());
 }
 
 }  // namespace telvora::lab

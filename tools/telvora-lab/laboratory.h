@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Laboratory: the outside world of the daemon in one object, all of it on this machine: keys, a bag server
-// and a reporting server.
+// Laboratory: the outside world of the daemon in one object, all of it on this machine: keys, a bag server,
+// a reporting server, a dashboard's collector and a server for log data.
 #pragma once
 
 #include <filesystem>
@@ -10,7 +10,9 @@
 #include <tl/expected.hpp>
 
 #include "telvora-lab/bag_server.h"
+#include "telvora-lab/dashboard_collector.h"
 #include "telvora-lab/lab_pki.h"
+#include "telvora-lab/log_data_server.h"
 #include "telvora-lab/reporting_server.h"
 
 namespace telvora::lab {
@@ -19,23 +21,33 @@ class Laboratory {
   public:
     // Writes the keys into `directory` and starts the servers. Fails with a reason.
     static tl::expected<std::unique_ptr<Laboratory>, std::string> make(
-        const std::filesystem::path& directory, ReportingServerOptions reportingOptions = {});
+        const std::filesystem::path& directory, ReportingServerOptions reportingOptions = {},
+        CollectorOptions collectorOptions = {});
 
     const LabPki& pki() const { return pki_; }
     BagServer& bags() { return bags_; }
     ReportingServer& reports() { return reports_; }
+    DashboardCollector& dashboard() { return dashboard_; }
+    LogDataServer& logData() { return logData_; }
 
-    // Serves a bag after replacing "@events@" and "@realtime@" in all its strings by the URLs of the
-    // reporting server, which no file can know.
+    // Serves a bag after putting in what no file can know: "@events@" and "@realtime@" in all its strings are
+    // replaced by the URLs of the reporting server, "@logdata@" by that of the server for log data, and a
+    // string "@dashboard_port@" by the number of the collector's port.
     void setBag(const std::string& name, const Dictionary& bag);
 
   private:
-    Laboratory(LabPki pki, ReportingServerOptions reportingOptions)
-        : pki_(std::move(pki)), bags_(pki_), reports_(pki_, std::move(reportingOptions)) {}
+    Laboratory(LabPki pki, ReportingServerOptions reportingOptions, CollectorOptions collectorOptions)
+        : pki_(std::move(pki)),
+          bags_(pki_),
+          reports_(pki_, std::move(reportingOptions)),
+          dashboard_(std::move(collectorOptions)),
+          logData_(pki_) {}
 
     LabPki pki_;
     BagServer bags_;
     ReportingServer reports_;
+    DashboardCollector dashboard_;
+    LogDataServer logData_;
 };
 
 }  // namespace telvora::lab

@@ -1,21 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "platform/property_list_format.h"
+#include "telvora-lab/collect_command.h"
+#include "telvora-lab/end_of_run.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
 #include "telvora-lab/session_tree.h"
-#include "util/unique_fd.h"
 
 namespace {
 
@@ -29,7 +25,9 @@ struct Arguments {
     std::vector<std::string> bags;
     std::vector<std::string> bagFaults;
     std::string reportingFault = "none";
+    std::string logDataFault = "none";
     std::string countByKey;
+    CollectorOptions collector;
     bool ignoreInput = false;
 };
 
@@ -65,18 +63,10 @@ std::string configure(Laboratory& laboratory, const Arguments& arguments) {
     const auto fault = reportingFaultNamed(arguments.reportingFault);
     if (!fault) return "--reporting-fault: unknown fault '" + arguments.reportingFault + "'";
     laboratory.reports().setFault(*fault);
+    const auto logDataFault = logDataFaultNamed(arguments.logDataFault);
+    if (!logDataFault) return "--log-data-fault: unknown fault '" + arguments.logDataFault + "'";
+    laboratory.logData().setFault(*logDataFault);
     return {};
-}
-
-void waitForTheEnd(int signals, bool ignoreInput) {
-    pollfd sources[] = {{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-    const nfds_t count = ignoreInput ? 1 : 2;
-    char buffer[4096];
-    while (true) {
-        if (poll(sources, count, -1) < 0) continue;
-        if (sources[0].revents != 0) return;
-        if (!ignoreInput && sources[1].revents != 0 && read(STDIN_FILENO, buffer, sizeof buffer) <= 0) return;
-    }
 }
 
 Dictionary summary(Laboratory& laboratory) {
@@ -97,25 +87,29 @@ Dictionary summary(Laboratory& laboratory) {
         if (request.ifModifiedSince) entry.set("ifModifiedSince", *request.ifModifiedSince);
         bagRequests.push_back(std::move(entry));
     }
-    const auto problems = laboratory.reports().problems();
+    Array reports;
+    for (const DashboardReport& report : laboratory.dashboard().reports())
+        reports.push_back(describe(report));
+    Dictionary dashboard = laboratory.dashboard().summary();
+    dashboard.set("reports", std::move(reports));
+    const auto uploads = laboratory.logData().uploads();
+    std::vector<std::string> problems = laboratory.reports().problems();
+    for (const std::string& problem : laboratory.logData().problems())
+        problems.push_back("log data: " + problem);
     return {{"messages", std::move(messages)},
             {"bagRequests", std::move(bagRequests)},
             {"eventCount", laboratory.reports().eventCount()},
             {"distinctCount", laboratory.reports().distinctCount()},
             {"sessions", describeTree(sessionTree(laboratory.reports().events()))},
+            {"dashboard", std::move(dashboard)},
+            {"logData", Array(uploads.begin(), uploads.end())},
             {"problems", Array(problems.begin(), problems.end())}};
 }
 
 int serve(const Arguments& arguments) {
-    // Blocked before any thread exists, so that none of them takes the signal.
-    sigset_t endSignals;
-    sigemptyset(&endSignals);
-    sigaddset(&endSignals, SIGTERM);
-    sigaddset(&endSignals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
-    const UniqueFd signals(signalfd(-1, &endSignals, SFD_CLOEXEC));
-
-    auto laboratory = Laboratory::make(arguments.directory, {.countByKey = arguments.countByKey});
+    const EndOfRun end;
+    auto laboratory =
+        Laboratory::make(arguments.directory, {.countByKey = arguments.countByKey}, arguments.collector);
     if (!laboratory) return complain(laboratory.error());
     if (const std::string reason = configure(**laboratory, arguments); !reason.empty())
         return complain(reason);
@@ -123,10 +117,12 @@ int serve(const Arguments& arguments) {
     const Dictionary addresses{{"bags", (*laboratory)->bags().baseURL()},
                                {"events", (*laboratory)->reports().eventsURL()},
                                {"realtime", (*laboratory)->reports().realtimeURL()},
+                               {"logData", (*laboratory)->logData().url()},
+                               {"dashboardPort", int{(*laboratory)->dashboard().port()}},
                                {"ca", (*laboratory)->pki().caFile()},
                                {"framework", (*laboratory)->pki().frameworkDirectory()}};
     std::cout << toJson(addresses, false) << std::endl;
-    waitForTheEnd(signals.get(), arguments.ignoreInput);
+    end.wait(arguments.ignoreInput);
     std::cout << toJson(summary(**laboratory), true) << std::endl;
     return std::cout.good() ? 0 : 1;
 }
@@ -142,22 +138,28 @@ int main(int argc, char** argv) {
         "Start the servers, print their addresses as one line of JSON, run until SIGTERM, SIGINT or the end "
         "of standard input, then print what arrived as JSON.");
     serveCommand->add_option("--dir", arguments.directory, "Folder for keys and certificates")->required();
-    serveCommand->add_option("--bag", arguments.bags,
-                             "NAME=FILE: serve this property list, signed; @events@ and @realtime@ in its "
-                             "strings stand for the reporting server's URLs");
+    serveCommand->add_option(
+        "--bag", arguments.bags,
+        "NAME=FILE: serve this property list, signed; @events@, @realtime@ and @logdata@ "
+        "in its strings stand for the servers' URLs, a string @dashboard_port@ for the "
+        "number of the collector's port");
     serveCommand->add_option(
         "--bag-fault", arguments.bagFaults,
         "NAME=FAULT: noAnswer, hold, notModified, notFound, truncated, notAPropertyList, "
         "unsignedBag, foreignKey, flippedBit or innerNotAPropertyList");
     serveCommand->add_option("--reporting-fault", arguments.reportingFault,
                              "none, notFound, serviceUnavailable, noAnswer, halfAnswer or hold");
+    serveCommand->add_option("--log-data-fault", arguments.logDataFault, "none, emptyAnswer or noAnswer");
+    addNetworkOptions(*serveCommand, arguments.collector);
     serveCommand->add_option("--count-by", arguments.countByKey,
                              "Do not keep events, count them by the number under this key");
     serveCommand->add_flag("--ignore-input", arguments.ignoreInput, "Do not end with standard input");
+    CollectArguments collectArguments;
+    const CLI::App* collectCommand = addCollectCommand(app, collectArguments);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsageError;
     }
-    return serve(arguments);
+    return collectCommand->parsed() ? collect(collectArguments) : serve(arguments);
 }

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-lab/log_data_server.h"
+
+#include <tl/expected.hpp>
+#include <utility>
+
+#include "platform/property_list_format.h"
+
+namespace telvora::lab {
+namespace {
+
+constexpr std::string_view kPath = "/logdata";
+constexpr size_t kConnections = 4;
+
+constexpr std::pair<std::string_view, LogDataFault> kFaultNames[] = {
+    {"none", LogDataFault::none},
+    {"emptyAnswer", LogDataFault::emptyAnswer},
+    {"noAnswer", LogDataFault::noAnswer},
+};
+
+tl::expected<Array, std::string> recordsIn(const ServerRequest& request) {
+    if (request.method != "POST" || request.path != kPath) {
+        return tl::make_unexpected("unexpected " + request.method + " " + request.path);
+    }
+    if (request.header("Content-Type") != "application/octet-stream") {
+        return tl::make_unexpected(std::string("wrong value of header Content-Type"));
+    }
+    if (request.header("Content-Encoding")) return tl::make_unexpected(std::string("a Content-Encoding"));
+    if (!request.body.starts_with("bplist00")) return tl::make_unexpected(std::string("not bplist00"));
+    const auto archive = parsePropertyList(request.body);
+    if (!archive) return tl::make_unexpected(archive.error());
+    const Array* records = archive->getIf<Array>();
+    if (records == nullptr) return tl::make_unexpected(std::string("not an array"));
+    return *records;
+}
+
+}  // namespace
+
+std::optional<LogDataFault> logDataFaultNamed(std::string_view name) {
+    for (const auto& [known, fault] : kFaultNames) {
+        if (known == name) return fault;
+    }
+    return std::nullopt;
+}
+
+LogDataServer::LogDataServer(const LabPki& pki)
+    : server_(
+          pki.serverCertificateFile(), pki.serverKeyFile(),
+          [this](const ServerRequest& request) { return handle(request); }, kConnections) {}
+
+void LogDataServer::setFault(LogDataFault fault) {
+    MutexLock lock(mutex_);
+    fault_ = fault;
+}
+
+std::vector<Array> LogDataServer::uploads() const {
+    MutexLock lock(mutex_);
+    return uploads_;
+}
+
+std::vector<std::string> LogDataServer::problems() const {
+    MutexLock lock(mutex_);
+    return problems_;
+}
+
+ServerResponse LogDataServer::handle(const ServerRequest& request) {
+    auto records = recordsIn(request);
+    ServerResponse response;
+    MutexLock lock(mutex_);
+    if (!records) {
+        problems_.push_back(records.error());
+        response.status = 400;
+        return response;
+    }
+    uploads_.push_back(std::move(*records));
+    if (fault_ == LogDataFault::noAnswer) response.ending = ServerResponse::Ending::noAnswer;
+    if (fault_ == LogDataFault::none) response.body = location(uploads_.size());
+    return response;
+}
+
+}  // namespace telvora::lab

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// LogDataServer: takes the log data that the daemon posts to /logdata, reads the archive (docs/formats.md)
+// and answers with a location for it.
+//
+// All operations are callable from any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/property_list.h"
+#include "telvora-lab/https_server.h"
+#include "telvora-lab/lab_pki.h"
+#include "util/mutex.h"
+
+namespace telvora::lab {
+
+enum class LogDataFault {
+    none,
+    emptyAnswer,  // 200 without a body
+    noAnswer      // the connection ends before the answer
+};
+
+// The fault of that name as it is written above, or nothing.
+std::optional<LogDataFault> logDataFaultNamed(std::string_view name);
+
+class LogDataServer {
+  public:
+    // `pki` must outlive the server.
+    explicit LogDataServer(const LabPki& pki);
+
+    std::string url() const { return server_.origin() + "/logdata"; }
+    // What the server answers to the upload of that number, the first being 1.
+    std::string location(size_t number) const { return url() + "/" + std::to_string(number); }
+    bool listening() const { return server_.port() != 0; }
+
+    // How uploads are answered from now on; they are received all the same.
+    void setFault(LogDataFault fault);
+
+    // The records of each upload, in order.
+    std::vector<Array> uploads() const;
+    // What was wrong with uploads, one line each; empty when all is well.
+    std::vector<std::string> problems() const;
+
+  private:
+    ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
+
+    mutable Mutex mutex_;
+    LogDataFault fault_ TELVORA_GUARDED_BY(mutex_) = LogDataFault::none;
+    std::vector<Array> uploads_ TELVORA_GUARDED_BY(mutex_);
+    std::vector<std::string> problems_ TELVORA_GUARDED_BY(mutex_);
+    HttpsServer server_;  // last: it stops before what its handlers use goes
+};
+
+}  // namespace telvora::lab
