@@ -5,6 +5,7 @@
 #include <istream>
 #include <optional>
 #include <string>
+#include <tl/expected.hpp>
 #include <vector>
 
 #include "platform/property_list.h"
@@ -47,12 +48,33 @@ struct ReportOptions {
     std::optional<std::string> payloadJson;
 };
 
+// Where a dashboard's reports go and who they are from.
+struct DashboardOptions {
+    std::string collector;          // ADDRESS:PORT
+    bool unreliable = false;        // as a bag without "reliable" has it
+    std::optional<int64_t> period;  // as a bag with this "reliable" has it, in milliseconds
+    int32_t componentType = 0;
+    uint32_t sessionID = 1;
+    uint16_t clientVersion = 0;
+    std::string selfVersion = "1.0";
+    std::optional<std::string> deviceID;  // absent: the device's own
+    uint16_t firstEventNumber = 1;
+    uint32_t count = 1;
+    uint32_t interval = 0;  // milliseconds
+};
+
+// The payload of a report, or what is wrong with it.
+tl::expected<Dictionary, std::string> payloadOf(const ReportOptions& report);
+
 // Runs a session: reports from the lines of `input`, then flush and finish. Returns a Status, and prints what
 // is wrong to standard error.
 int runSession(const SessionOptions& options, std::istream& input);
 
 // Sends one report without a session.
 int runSend(const SessionOptions& options, const ReportOptions& report);
+
+// Sends reports to a dashboard's collector from this process; returns when none of them waits any more.
+int runDashboardSend(const DashboardOptions& options, const ReportOptions& report);
 
 // Prints "telvoractl: problem" to standard error and returns the status.
 int fail(Status status, const std::string& problem);

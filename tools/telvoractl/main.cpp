@@ -31,6 +31,40 @@ constexpr char kSessionHelp[] =
 constexpr char kSendHelp[] =
     "Send one report without a session. Prints {\"outcome\":\"finished\"} when the backends have it.";
 
+constexpr char kDashboardHelp[] =
+    "Send reports to a dashboard's collector from this process, without the daemon, whose sessions never "
+    "send\nthere. Prints each as the line {\"sent\":\"...\"}; ends when all are acknowledged or given up.";
+
+void addReportOptions(CLI::App& command, ReportOptions& report) {
+    command.add_option("--category", report.category, "Category, 0 to 65535")->required();
+    command.add_option("--type", report.type, "Type, 0 to 65535")->required();
+    command.add_option("--payload", report.payload,
+                       "KEY=TEXT for a string, KEY:=JSON for any other value (repeatable)");
+    command.add_option("--payload-json", report.payloadJson,
+                       "A JSON object; --payload entries replace its own");
+}
+
+void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
+    command.add_option("--collector", options.collector, "ADDRESS:PORT, IPv4")->required();
+    command.add_option("--period", options.period,
+                       "Configure as a bag with this \"reliable\" does: milliseconds of the retransmission "
+                       "timer; without, as no bag does: 500 ms");
+    command.add_flag("--unreliable", options.unreliable, "Configure as a bag without \"reliable\" does")
+        ->excludes("--period");
+    command.add_option("--component", options.componentType, "Component type")->capture_default_str();
+    command.add_option("--session-id", options.sessionID, "Session ID")->capture_default_str();
+    command.add_option("--client-version", options.clientVersion, "Client version")->capture_default_str();
+    command.add_option("--framework-version", options.selfVersion, "Version of the reporting framework")
+        ->capture_default_str();
+    command.add_option("--device", options.deviceID,
+                       "Device identifier, of which 40 characters count; default: this device's");
+    command.add_option("--first-number", options.firstEventNumber, "Event number of the first report")
+        ->capture_default_str();
+    command.add_option("--count", options.count, "How many reports")->capture_default_str();
+    command.add_option("--interval", options.interval, "Milliseconds from one to the next")
+        ->capture_default_str();
+}
+
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
     const CLI::Range unsigned32(int64_t{0}, int64_t{std::numeric_limits<uint32_t>::max()});
     command.add_option("--client-type", options.clientType, "Client type: selects the configuration")
@@ -70,18 +104,19 @@ int run(int argc, char** argv) {
 
     CLI::App* send = app.add_subcommand("send", kSendHelp);
     addSessionOptions(*send, options);
-    send->add_option("--category", report.category, "Category, 0 to 65535")->required();
-    send->add_option("--type", report.type, "Type, 0 to 65535")->required();
-    send->add_option("--payload", report.payload,
-                     "KEY=TEXT for a string, KEY:=JSON for any other value (repeatable)");
-    send->add_option("--payload-json", report.payloadJson,
-                     "A JSON object; --payload entries replace its own");
+    addReportOptions(*send, report);
+
+    DashboardOptions dashboard;
+    CLI::App* dashboardSend = app.add_subcommand("dashboard-send", kDashboardHelp);
+    addDashboardOptions(*dashboardSend, dashboard);
+    addReportOptions(*dashboardSend, report);
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kDone : kBadInput;
     }
+    if (dashboardSend->parsed()) return runDashboardSend(dashboard, report);
     if (options.socketPath.empty()) options.socketPath = ClientSession::defaultSocketPath();
     return session->parsed() ? runSession(options, std::cin) : runSend(options, report);
 }

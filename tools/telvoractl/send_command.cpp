@@ -9,8 +9,6 @@
 
 namespace telvora::ctl {
 
-namespace {
-
 tl::expected<Dictionary, std::string> payloadOf(const ReportOptions& report) {
     Dictionary payload;
     if (report.payloadJson) {
@@ -38,8 +36,6 @@ tl::expected<Dictionary, std::string> payloadOf(const ReportOptions& report) {
     }
     return payload;
 }
-
-}  // namespace
 
 int fail(Status status, const std::string& problem) {
     std::fprintf(stderr, "telvoractl: %s\n", problem.c_str());
