@@ -8,8 +8,10 @@
 #include <cmath>
 #include <map>
 #include <set>
+#include <sstream>
 #include <thread>
 
+#include "tests/support/forked_child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
 
@@ -139,6 +141,46 @@ TEST_F(MessageLogTest, ALinkPlantedInTheDirectoryIsNotFollowed) {
     writeToLogFile(log_, "m");
     EXPECT_EQ(test::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
+}
+
+TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
+    constexpr int kRecords = 300;
+    const std::string record(3000, 'r');
+    const auto writeAll = [&](int32_t clock) {
+        now_.seconds = clock;  // each makes a file of its own if it finds none
+        for (int i = 0; i < kRecords; ++i)
+            writeToLogFile(log_, record);
+    };
+    const std::string problems = test::inForkedChild([&](const test::ChildReport& report) {
+        int start[2];
+        report.expect(pipe(start) == 0, "pipe");
+        const pid_t other = fork();
+        char byte = 0;
+        if (other == 0) {
+            report.expect(read(start[0], &byte, 1) == 1, "read");
+            writeAll(kNow + 1);
+            _exit(0);
+        }
+        report.expect(write(start[1], &byte, 1) == 1, "write");
+        writeAll(kNow);
+        int status = -1;
+        report.expect(waitpid(other, &status, 0) == other && status == 0, "the other process");
+    });
+    EXPECT_EQ(problems, "");
+    now_.seconds = kNow + 2;
+    writeToLogFile(log_, "last");
+    ASSERT_EQ(names().size(), 1u);
+    std::istringstream lines(content(*names().begin()));
+    std::string line, last;
+    int whole = 0;
+    while (std::getline(lines, line)) {
+        if (line.ends_with(") " + record) && line.size() == std::string(kDate).size() + record.size())
+            ++whole;
+        else
+            EXPECT_EQ(std::exchange(last, line), "") << "a record that is not whole";
+    }
+    EXPECT_EQ(last, "(2015-11-16 08:00:02 +0000) last");
+    EXPECT_GE(whole, kRecords);  // all but those of a file that the first records' race has cost
 }
 
 TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
