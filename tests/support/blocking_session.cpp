@@ -235,4 +235,17 @@ size_t BlockingSession::unclaimedAnswers() const {
     return state_->replies.size();
 }
 
+std::string BlockingSession::displayURL() {
+    BusMessage reply = state_->call("FetchDisplayURL");
+    return ArgumentReader(reply).string();
+}
+
+UploadAnswer BlockingSession::uploadLogData(const Array& records) {
+    BusMessage reply =
+        state_->call("UploadLogData", [&records](ArgumentWriter& arguments) { arguments.array(records); });
+    ArgumentReader reader(reply);
+    const bool uploaded = reader.boolean();
+    return {uploaded, reader.optionalError()};
+}
+
 }  // namespace telvora::test

@@ -41,6 +41,7 @@ struct Delivery {
 };
 
 using States = std::optional<std::vector<std::string>>;
+using UploadAnswer = std::pair<bool, std::optional<TelvoraError>>;
 using FlushAnswer = std::pair<std::optional<std::string>, std::optional<TelvoraError>>;
 
 class BlockingSession {
@@ -62,6 +63,8 @@ class BlockingSession {
                                     int64_t flag);
     FlushAnswer flush();
     std::optional<std::string> finish();
+    std::string displayURL();
+    UploadAnswer uploadLogData(const Array& records);
 
     // Starts a call without waiting; the function that is returned waits for the answer.
     std::function<States()> beginStartConfig();

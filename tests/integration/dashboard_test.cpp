@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The dashboard as the confined daemon's sessions have it, and as telvoractl reaches it.
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "tests/support/blocking_session.h"
+#include "tests/support/child_process.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Optional;
+using testing::Pair;
+
+class DashboardInDaemon : public DaemonFixture {
+  protected:
+    void serveDashboard(const Dictionary& changes = {}) {
+        Dictionary profile{{"ip", "127.0.0.1"},
+                           {"port", "@dashboard_port@"},
+                           {"reliable", 50},
+                           {"display_url", "https://show.example/"},
+                           {"post_url", "@logdata@"}};
+        profile.merge(changes);
+        laboratory().setBag("dravik",
+                            {{"version", "1"}, {"release", Dictionary{{"dashboard", std::move(profile)}}}});
+        startDaemon();
+    }
+
+    // How many sockets of this machine are connected to the collector.
+    size_t connectedSockets() {
+        char peer[32];
+        std::snprintf(peer, sizeof peer, " 0100007F:%04X 01 ", laboratory().dashboard().port());
+        std::ifstream table("/proc/net/udp");
+        size_t count = 0;
+        for (std::string line; std::getline(table, line);)
+            count += line.find(peer) != std::string::npos ? 1 : 0;
+        return count;
+    }
+
+    // Runs telvoractl until it has sent its reports; its exit status.
+    std::optional<int> dashboardSend(const std::vector<std::string>& more) {
+        std::vector<std::string> arguments{TELVORACTL_PATH, "dashboard-send", "--collector",
+                                           "127.0.0.1:" + std::to_string(laboratory().dashboard().port())};
+        for (const char* argument : {"--device", "tool", "--category", "4", "--type", "9"})
+            arguments.emplace_back(argument);
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return ChildProcess({arguments, {}, false}).waitForExit(kPatience);
+    }
+};
+
+TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) {
+    serveDashboard();
+    auto session = std::make_unique<BlockingSession>(daemon().socketPath());
+    EXPECT_THAT(session->startConfig(), Optional(ElementsAre("dashboard")));
+    EXPECT_EQ(session->displayURL(), "https://show.example/");
+    EXPECT_EQ(connectedSockets(), 1u);
+
+    EXPECT_EQ(session->send(4, 1, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(session->send(4, 1, {{"a", 1}}, 1), std::nullopt);
+    EXPECT_THAT(session->flush(), Pair(std::nullopt, std::nullopt));
+    const Array records{Dictionary{{"n", 1}, {"text", "\xc3\xbc=\n"}, {"data", Data{std::string(3, '\0')}}},
+                        Array{true, -0.5, Date{1.5}}, "x"};
+    EXPECT_THAT(session->uploadLogData(records), Pair(true, std::nullopt));
+    EXPECT_THAT(laboratory().logData().uploads(), ElementsAre(records));
+    EXPECT_THAT(laboratory().logData().problems(), IsEmpty());
+    expectLine("<7>DashboardBackend(uploadLogData): Log data uploaded to " +
+               laboratory().logData().location(1));
+    expectLine("<7>uploadLogData: Log data array upload successful");
+    session->finish();
+
+    session.reset();
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (connectedSockets() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(connectedSockets(), 0u);
+
+    // What the daemon had sent would have arrived before this.
+    EXPECT_EQ(dashboardSend({"--unreliable"}), 0);
+    ASSERT_TRUE(laboratory().dashboard().waitForReports(1, kPatience));
+    EXPECT_EQ(laboratory().dashboard().summary().integer("received"), 1);
+    EXPECT_EQ(laboratory().dashboard().reports()[0].device, "tool");
+}
+
+TEST_F(DashboardInDaemon, FailingUploadsAreToldAndCostNothingElse) {
+    serveDashboard();
+    BlockingSession session(daemon().socketPath());
+    session.startConfig();
+    for (const auto fault : {lab::LogDataFault::emptyAnswer, lab::LogDataFault::noAnswer}) {
+        const size_t from = daemon().logLineCount();
+        laboratory().logData().setFault(fault);
+        EXPECT_THAT(session.uploadLogData({1}), Pair(false, std::nullopt));
+        expectLineBeginning("<3>DashboardBackend(uploadLogData): Error uploading log data array (", from);
+        expectLine("<3>uploadLogData: Log data array upload failed", from);
+    }
+    laboratory().logData().setFault(lab::LogDataFault::none);
+    EXPECT_THAT(session.uploadLogData({1}), Pair(true, std::nullopt));
+}
+
+TEST_F(DashboardInDaemon, WithoutAnAddressThereIsNoDashboard) {
+    serveDashboard({{"ip", "collector.example"}});
+    BlockingSession session(daemon().socketPath());
+    EXPECT_THAT(session.startConfig(), Optional(IsEmpty()));
+    expectLine("<3>DashboardBackend(initWithName): socket connect() failed.");
+    EXPECT_THAT(session.uploadLogData({1}), Pair(false, std::nullopt));
+}
+
+TEST_F(DashboardInDaemon, TelvoractlSendsInEveryMode) {
+    const struct {
+        std::vector<std::string> arguments;
+        bool wantsAcknowledgement, configuredByBag;
+    } modes[] = {{{"--unreliable"}, false, true}, {{"--period", "20"}, true, true}, {{}, true, false}};
+    size_t expected = 0;
+    for (const auto& mode : modes) {
+        std::vector<std::string> arguments = mode.arguments;
+        for (const char* argument : {"--count", "30", "--component", "7", "--payload", "note=a=b\\c",
+                                     "--payload", "ok:=true", "--payload", "empty="})
+            arguments.emplace_back(argument);
+        arguments.insert(arguments.end(), {"--session-id", std::to_string(expected)});
+        EXPECT_EQ(dashboardSend(arguments), 0);
+        ASSERT_TRUE(laboratory().dashboard().waitForReports(expected += 30, kPatience));
+        const lab::DashboardReport report = laboratory().dashboard().reports().back();
+        EXPECT_EQ(report.wantsAcknowledgement, mode.wantsAcknowledgement);
+        EXPECT_EQ(report.configuredByBag, mode.configuredByBag);
+        EXPECT_EQ(report.componentType, 7);
+        EXPECT_THAT(lab::dashboardPairs(report.text),
+                    ElementsAre(Pair("empty", "empty"), Pair("ok", "1"), Pair("note", "a=b\\c")));
+    }
+    EXPECT_EQ(laboratory().dashboard().summary().real("deliveryRatio"), 1);
+    EXPECT_THAT(laboratory().dashboard().problems(), IsEmpty());
+    for (const char* collector :
+         {"127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":1", "name:1", "127.0.0.1:1x"})
+        EXPECT_EQ(dashboardSend({"--collector", collector}), 2) << collector;
+}
+
+}  // namespace
+}  // namespace telvora::test
