@@ -10,8 +10,17 @@
 
 #include "platform/bus_connection.h"
 #include "util/log.h"
+#include "util/mutex.h"
 
 namespace telvora {
+
+namespace {
+
+// libsystemd draws the key of every new hash table into a variable that all threads share, and an object's
+// first interface makes such tables: one connection at a time.
+Mutex hashTablesLock;
+
+}  // namespace
 
 // --- Calls of the peer ---
 
@@ -25,6 +34,7 @@ tl::expected<void, std::string> BusConnection::exportInterface(const char* path,
     exported.vtable = interface.vtable(onCall, sizeof(BoundMethod));
 
     sd_bus_slot* slot = nullptr;
+    const MutexLock lock(hashTablesLock);
     const int result = sd_bus_add_object_vtable(bus_.get(), &slot, path, interface.name().c_str(),
                                                 exported.vtable.data(), exported.methods.data());
     exported.slot.reset(slot);
