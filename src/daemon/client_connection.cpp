@@ -138,7 +138,9 @@ void BusClientConnection::sendMessageToClient(std::optional<Dictionary> sessionI
                                               uint16_t category, uint16_t type,
                                               std::optional<Dictionary> payload) {
     const auto refused = enqueue({std::move(sessionInfo), timestamp, category, type, std::move(payload)});
-    if (refused) logUndelivered(*refused);
+    if (refused) return logUndelivered(*refused);
+    // What a client's own operation brings it goes out before the operation's answer.
+    if (strand_.running_in_this_thread()) drainOutbox();
 }
 
 // Always by way of the outbox, from the strand as well, so that messages keep the order they were sent in.
