@@ -62,6 +62,8 @@ class DaemonWorld {
   public:
     // `deviceProperties` are all that the device says of itself.
     explicit DaemonWorld(Dictionary deviceProperties = {{"DeviceName", "phone"}});
+    // Ends every connection: a connection and its session hold each other until then.
+    ~DaemonWorld() { agent.invalidateAllConnections(); }
 
     // From now on the bag server answers with this inner bag, signed; nothing: it can't be reached.
     void serveBag(std::optional<Dictionary> innerBag);
