@@ -103,8 +103,12 @@ std::string DemoSession::flush() {
     return answer.error ? answer.error->description : std::string();
 }
 
-void DemoSession::finishAndClose() {
+void DemoSession::finish() {
     await<std::optional<std::string>>([&](auto done) { session_->finishSession(std::move(done)); });
+}
+
+void DemoSession::finishAndClose() {
+    finish();
     session_->invalidate();
 }
 

@@ -38,6 +38,7 @@ class DemoSession {
     void sendAll(const std::vector<Report>& reports, size_t from, size_t to);
     // The daemon's error, or "".
     std::string flush();
+    void finish();
     // Sends the finish message and ends the connection.
     void finishAndClose();
 
