@@ -24,12 +24,17 @@ struct DashboardTransportTest : testing::Test, DashboardRig {
 
 // Records when datagrams go out.
 struct SendTimes {
-    explicit SendTimes(VirtualNetwork& network) : start(network.now()) {
-        network.onSend = [this, &network](std::string_view) {
+    explicit SendTimes(VirtualNetwork& virtualNetwork) : network(virtualNetwork), start(network.now()) {
+        network.onSend = [this](std::string_view) {
             at.push_back((network.now() - start) / 1ms);
             return true;
         };
     }
+    ~SendTimes() { network.onSend = nullptr; }
+    SendTimes(const SendTimes&) = delete;
+    SendTimes& operator=(const SendTimes&) = delete;
+
+    VirtualNetwork& network;
     SteadyTime start;
     std::vector<int64_t> at;  // in milliseconds
 };
