@@ -59,6 +59,19 @@ TEST_F(DashboardTransportTest, TheTimerKeepsItsPhaseAndRunsOnlyWhileAPacketWaits
     EXPECT_EQ(network.timerCalls, 20u);
 }
 
+TEST_F(DashboardTransportTest, ATickWalksOnBehindThePacketThatItDrops) {
+    const auto backend = makeReliable();
+    send(*backend, 1);
+    network.runFor(500ms);
+    send(*backend, 2);
+    network.runFor(9499ms);
+    takeSent();
+    network.runFor(1ms);  // tick 20 of the first packet, 19 of the second
+    EXPECT_THAT(takeSent(), ElementsAre(2));
+    network.runFor(500ms);
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
 TEST_F(DashboardTransportTest, LateTicksKeepThePhaseToo) {
     SendTimes times(network);
     network.lateness = 1h;  // as late as they may
