@@ -6,6 +6,7 @@
 
 #include "backends/dashboard_backend.h"
 #include "backends/https_post_backend.h"
+#include "backends/upload_backend.h"
 #include "telvora/keys.h"
 #include "util/log.h"
 
@@ -28,21 +29,17 @@ struct BackendClass {
     MakeBackend make;  // null: this build has no such class
 };
 
-std::shared_ptr<TelvoraBackend> makeHTTPSPostBackend(BackendArguments arguments) {
-    return HTTPSPostBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
-                                  arguments.productFamily);
-}
-
-std::shared_ptr<TelvoraBackend> makeDashboardBackend(BackendArguments arguments) {
-    return DashboardBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
-                                  arguments.productFamily);
+template <typename Backend>
+std::shared_ptr<TelvoraBackend> makeBackend(BackendArguments arguments) {
+    return Backend::make(arguments.services, arguments.name, std::move(arguments.profile),
+                         arguments.productFamily);
 }
 
 constexpr std::array<BackendClass, 6> kBackendClasses{{
-    {kTelvoraBackendDashboard, makeDashboardBackend},
-    {kTelvoraBackendUploadServer, nullptr},
-    {kTelvoraBackendHTTPPost, makeHTTPSPostBackend},
-    {kTelvoraBackendHTTPPost2, makeHTTPSPostBackend},
+    {kTelvoraBackendDashboard, makeBackend<DashboardBackend>},
+    {kTelvoraBackendUploadServer, makeBackend<UploadBackend>},
+    {kTelvoraBackendHTTPPost, makeBackend<HTTPSPostBackend>},
+    {kTelvoraBackendHTTPPost2, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendJoulemark, nullptr},
     {kTelvoraBackendVodex, nullptr},
 }};

@@ -55,7 +55,8 @@ std::optional<std::string> TelvoraBackend::flushMessagesWithCompletion(FlushComp
     return std::nullopt;
 }
 
-bool TelvoraBackend::uploadFileAtPath(const std::string& /*path*/, const std::string& /*extensionToken*/) {
+bool TelvoraBackend::uploadFileAtPath(const std::string& /*path*/, const std::string& /*extensionToken*/,
+                                      ClientFiles& /*clientFiles*/) {
     return false;
 }
 

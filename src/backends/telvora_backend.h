@@ -36,6 +36,8 @@ enum class EventID : uint16_t {};
 // Bit 0: realtime. Bit 1: promote a sampled-out backend.
 enum class SendFlag : uint32_t {};
 
+class ClientFiles;
+
 // What backends use of the outside. All references outlive every backend.
 struct BackendServices {
     HttpClient& http;
@@ -79,8 +81,10 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // the server has answered. Returns the answer for the message log, or nothing. Base: completes with
     // nothing.
     virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
-    // Uploads a file; blocks until the server has answered. Base: false.
-    virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken);
+    // Uploads one of the client's files, which `clientFiles` opens for those who may have it; blocks until the
+    // server has answered. True when a request was sent, whatever became of it. Base: false.
+    virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
+                                  ClientFiles& clientFiles);
     // Uploads an array of log records; blocks likewise. Base: false.
     virtual bool uploadLogData(const Array& records);
     // Gives the backend the dotted ID of its session and that session's ancestors.

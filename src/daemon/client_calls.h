@@ -9,7 +9,7 @@
 
 #include "platform/bus_connection.h"
 #include "protocol/client_session_interface.h"
-#include "protocol/file_extension_issuer.h"
+#include "platform/file_extension_issuer.h"
 
 namespace telvora {
 

@@ -19,7 +19,7 @@
 #include "platform/bus_connection.h"
 #include "platform/work_pool.h"
 #include "protocol/client_session_interface.h"
-#include "protocol/file_extension_issuer.h"
+#include "platform/file_extension_issuer.h"
 #include "util/unique_fd.h"
 
 namespace telvora {

@@ -29,6 +29,8 @@ class InFlightHttpClient final : public HttpClient {
                       });
     }
 
+    void stop() override { client_.stop(); }
+
     size_t inFlight() const { return counter_->inFlight.load(); }
 
   private:

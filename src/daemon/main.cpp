@@ -15,6 +15,7 @@
 #include "daemon/listener.h"
 #include "daemon/shutdown.h"
 #include "daemon/telvorad_agent.h"
+#include "platform/client_files.h"
 #include "platform/descriptor_limit.h"
 #include "platform/directories.h"
 #include "platform/keep_alive_transaction.h"
@@ -34,9 +35,20 @@ namespace {
 constexpr char kServiceName[] = "com.zandor.telvorad";
 constexpr int64_t kDefaultShutdownMilliseconds = 5000;
 
+// The strings of an array in the daemon's own settings.
+std::vector<std::string> defaultStrings(UserDefaults& defaults, std::string_view key) {
+    std::vector<std::string> strings;
+    const std::optional<PropertyList> value = defaults.value(kTelvoraDefaultsDomain, key);
+    const Array* array = value ? value->getIf<Array>() : nullptr;
+    for (const PropertyList& element : array != nullptr ? *array : Array()) {
+        if (const auto* text = element.getIf<std::string>()) strings.push_back(*text);
+    }
+    return strings;
+}
+
 // The daemon proper, in a confined process.
 int run(const Directories& directories, UserDefaults& defaults, const MessageLog& messageLog,
-        ListeningSocket listeningSocket) {
+        const SandboxPaths& paths, ListeningSocket listeningSocket) {
     asio::io_context runLoop(1);
     Shutdown* shutdownWhenIdle = nullptr;  // set below, before anything runs
 
@@ -49,6 +61,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
 
     std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
+    UploadAdmission uploads;
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
     const BackendServices backendServices{http,
@@ -67,7 +80,9 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           defaults,
                                           messageLog,
                                           timeOfDay,
-                                          countryCode};
+                                          countryCode,
+                                          uploads,
+                                          paths.readAndRemove};
     const StorebagFetcher fetcher({http, environment, framework});
     KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = listeningSocket.fromServiceManager,
                                              .inFlight = [&] { return http.inFlight() > 0; },
@@ -88,7 +103,9 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
     runLoop.run();
 
-    // What still runs uses the objects above: it ends before they do.
+    // What still runs uses the objects above: it ends before they do, and waits for no server any more.
+    uploads.close();
+    http.stop();
     pool.stop();
     curl.reset();
     return 0;
@@ -112,7 +129,9 @@ int main() {
 
     const MessageLog messageLog(directories.logs);
     TelvoradUtil::makeLogDirectory(messageLog);
-    const auto confined = enterSandbox(kServiceName, SandboxPaths::fromDirectories(directories));
+    SandboxPaths paths = SandboxPaths::fromDirectories(directories);
+    paths.readAndRemove = canonicalDirectories(defaultStrings(defaults, "uploadDirectories"));
+    const auto confined = enterSandbox(kServiceName, paths);
     if (!confined) {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
         return -1;
@@ -122,7 +141,7 @@ int main() {
         TELVORA_LOG(kLogError, "main: can't listen: %s", listeningSocket.error().c_str());
         return 1;
     }
-    const int status = run(directories, defaults, messageLog, std::move(*listeningSocket));
+    const int status = run(directories, defaults, messageLog, paths, std::move(*listeningSocket));
     stopLogging();
     return status;
 }

@@ -31,7 +31,10 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
                 static_cast<int>(correlatedSessionsCount_.load()));
 
     ++sessionsAlive_;
-    auto session = std::make_shared<TelvoradSession>(services_.sessionServices, *this, connection);
+    const SessionServices& services = services_.sessionServices;
+    auto files = std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission);
+    auto session = std::make_shared<TelvoradSession>(services, *this, connection, files);
+    connection->setFileExtensionIssuer(std::move(files));
     connection->setExportedObject(session);
     {
         const RecursiveMutexLock lock(sessionListLock_);

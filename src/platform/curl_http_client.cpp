@@ -33,7 +33,7 @@ HttpResult failure(CURLcode code, std::string description) {
 }
 
 size_t costOf(const HttpRequest& request) {
-    size_t cost = kExchangeOverhead + request.url.size() + request.body.size();
+    size_t cost = kExchangeOverhead + request.url.size() + (request.countBody ? request.body.size() : 0);
     for (const auto& [name, value] : request.headers)
         cost += name.size() + value.size();
     return cost;
@@ -61,6 +61,7 @@ class CurlHttpClient : public HttpClient {
     ~CurlHttpClient() override;
 
     void start(HttpRequest request, Completion completion) override TELVORA_EXCLUDES(mutex_);
+    void stop() override TELVORA_EXCLUDES(mutex_);
 
   private:
     struct Load {
@@ -95,12 +96,14 @@ class CurlHttpClient : public HttpClient {
 };
 
 CurlHttpClient::~CurlHttpClient() {
-    {
-        const MutexLock lock(mutex_);
-        stopping_ = true;
-        if (sleeper_ != nullptr) sleeper_->wake();
-    }
+    CurlHttpClient::stop();
     if (thread_.joinable()) thread_.join();
+}
+
+void CurlHttpClient::stop() {
+    const MutexLock lock(mutex_);
+    stopping_ = true;
+    if (sleeper_ != nullptr) sleeper_->wake();
 }
 
 void CurlHttpClient::start(HttpRequest request, Completion completion) {

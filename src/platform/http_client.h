@@ -32,6 +32,9 @@ struct HttpRequest {
     size_t maxResponseBytes = size_t{16} << 20;
     // Whether the body of the answer is wanted; if not, it is read and dropped.
     bool keepResponseBody = true;
+    // Whether the body counts as pending bytes; a caller that bounds its large bodies itself says no, so that
+    // they take nobody else's room.
+    bool countBody = true;
 };
 
 struct HttpResponse {
@@ -63,6 +66,10 @@ class HttpClient {
     // it may completes with an error at once, and so does a request that can't be put on the wire (no http or
     // https URL, a control character in a header).
     virtual void start(HttpRequest request, Completion completion) = 0;
+
+    // Ends what is in flight, each completion with an error, and refuses all that comes later. Callable from
+    // any thread but from a completion. Base: nothing, for clients that hold nothing in flight.
+    virtual void stop() {}
 };
 
 // start() and wait for the completion; blocks the calling thread, which tells its work pool so (work_pool.h).

@@ -42,10 +42,12 @@ DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
 }
 
 TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
-                                 std::shared_ptr<ClientSessionReplyInterface> connection)
+                                 std::shared_ptr<ClientSessionReplyInterface> connection,
+                                 std::shared_ptr<ClientFiles> clientFiles)
     : services_(services),
       sessionDelegate_(delegate),
       connection_(std::move(connection)),
+      clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {

@@ -76,8 +76,9 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
     const std::string path = pathOfFileURL(fileURL);
     bool uploaded = false;
     for (const auto& [name, backend] : backends().value_or(BackendDictionary{})) {
-        if (backend->uploadFileAtPath(path, extensionToken)) uploaded = true;
+        if (backend->uploadFileAtPath(path, extensionToken, *clientFiles_)) uploaded = true;
     }
+    clientFiles_->releaseExtension(extensionToken);  // where no backend wanted it
     if (uploaded) {
         TELVORA_LOG(kLogDebug, "uploadFileWithURL: File upload successful for %s", path.c_str());
     } else {

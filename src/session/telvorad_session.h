@@ -12,11 +12,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/client_files.h"
 #include "protocol/client_session_interface.h"
 #include "session/create_backends.h"
 #include "session/telvorad_session_delegate.h"
@@ -34,14 +36,19 @@ struct SessionServices {
     const MessageLog& messageLog;
     Clock clock;
     std::function<std::optional<std::string>()> countryCode;
+    UploadAdmission& uploadAdmission;
+    // Where clients' files may be read by name, and removed; without symbolic links.
+    std::vector<std::filesystem::path> uploadDirectories;
 };
 
 class TelvoradSession final : public ClientSessionInterface,
                               public std::enable_shared_from_this<TelvoradSession> {
   public:
-    // `delegate` outlives the session; `connection` carries the session's calls back to its client.
+    // `delegate` outlives the session; `connection` carries the session's calls back to its client, whose
+    // files are `clientFiles`.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
-                    std::shared_ptr<ClientSessionReplyInterface> connection);
+                    std::shared_ptr<ClientSessionReplyInterface> connection,
+                    std::shared_ptr<ClientFiles> clientFiles);
 
     // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
     // the connection's strand, when the connection has ended and the session has left the registry.
@@ -138,6 +145,7 @@ class TelvoradSession final : public ClientSessionInterface,
     const SessionServices& services_;
     TelvoradSessionDelegate& sessionDelegate_;
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
+    const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
     DeviceIDBuffer deviceid_{};
 

@@ -93,6 +93,7 @@ class DaemonWorld {
     Environment environment;
     ClientFramework framework;
     MessageLog messageLog;
+    UploadAdmission uploads;
     BackendServices backendServices;
     BackendFactory factory;
     SessionServices sessionServices;

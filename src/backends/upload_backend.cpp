@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "backends/upload_backend.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+#include "platform/http_request_rules.h"
+#include "platform/work_pool.h"
+#include "util/compression.h"
+#include "util/log.h"
+#include "util/utf8.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr int64_t kDefaultMaxUploadBytes = int64_t{256} << 20;
+constexpr int64_t kLargestMaxUploadBytes = int64_t{2047} << 20;  // what compression takes at once
+constexpr std::string_view kDescription = "Vidora DLRC log";
+
+// The last component of a path, which need not be one that can be opened.
+std::string_view lastPathComponent(std::string_view path) {
+    const size_t end = path.find_last_not_of('/');
+    path = path.substr(0, end == std::string_view::npos ? 0 : end + 1);
+    return path.substr(path.rfind('/') + 1);
+}
+
+bool logTooLarge(uint64_t maxSize) {
+    TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): The file is larger than %llu bytes",
+                static_cast<unsigned long long>(maxSize));
+    return false;
+}
+
+// The file's whole content, compressed. Nothing when it is empty, can't be read or can't be compressed.
+std::optional<std::string> compressedContent(const ClientFile& file, uint64_t maxSize) try {
+    auto content = readWholeFile(file.file.get(), file.size(), maxSize);
+    if (!content && content.error() == EFBIG) {
+        logTooLarge(maxSize);  // it has grown
+        return std::nullopt;
+    }
+    if (!content || content->empty()) {
+        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Input file is empty");
+        return std::nullopt;
+    }
+    std::optional<std::string> compressed = TelvoradUtil::gzipDeflate(*content);
+    *content = std::string();
+    // Most of the room that compression needs is never filled; a server may keep the rest waiting for long.
+    if (compressed && compressed->size() < compressed->capacity() / 2) compressed->shrink_to_fit();
+    return compressed;
+} catch (const std::bad_alloc&) {
+    TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): There is no memory for %s", file.path.c_str());
+    return std::nullopt;
+}
+
+void removeFile(const ClientFiles& clientFiles, const ClientFile& file) {
+    const auto removed = clientFiles.remove(file);
+    if (removed) return;
+    TELVORA_LOG(kLogWarning, "UploadBackend(uploadFileAtPath): %s stays where it is: %s", file.path.c_str(),
+                removed.error().c_str());
+}
+
+}  // namespace
+
+std::shared_ptr<UploadBackend> UploadBackend::make(const BackendServices& services, std::string name,
+                                                   BackendProfile profile,
+                                                   std::optional<std::string> productFamily) {
+    const Dictionary* entries = profile ? profile->getIf<Dictionary>() : nullptr;
+    const std::string* postURL = entries != nullptr ? entries->string("post_url") : nullptr;
+    if (postURL == nullptr) {
+        TELVORA_LOG(kLogError, "UploadBackend(initWithName): can't resolve upload post URL.");
+        return nullptr;
+    }
+    std::shared_ptr<UploadBackend> backend(
+        new UploadBackend(services, std::move(name), profile, std::move(productFamily)));
+    backend->uploadURL_ = *postURL;
+    if (const std::string* displayURL = entries->string("display_url")) backend->displayURL_ = *displayURL;
+    return backend;
+}
+
+bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string& extensionToken,
+                                     ClientFiles& clientFiles) {
+    TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", path.c_str());
+    if (!uploadURL_) return false;
+    const BlockingSection blocking;
+    // Consumes the extension; whatever happens from here on, leaving this function releases it.
+    const auto file = clientFiles.open(path, extensionToken);
+    if (!file) {
+        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Only upload a regular file.");
+        TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
+                    file.error().c_str());
+        return false;
+    }
+    const uint64_t size = file->size();
+    const uint64_t maxSize = maxUploadBytes();
+    if (size > maxSize) return logTooLarge(maxSize);
+    const auto ticket = clientFiles.admit(2 * size);  // the file and its compressed form
+    if (!ticket) {
+        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
+        return false;
+    }
+    std::optional<std::string> compressed = compressedContent(*file, maxSize);
+    if (!compressed) return false;
+    ticket->shrink(compressed->capacity());
+    std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
+    if (!request) return false;
+    if (isDelivered(performBlocking(services_.http, std::move(*request)))) removeFile(clientFiles, *file);
+    return true;
+}
+
+std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {
+    HttpRequest request;
+    request.method = "POST";
+    request.url = *uploadURL_ + "?uuid=" + udid_.data() + "&sequence=" + std::to_string(sessionID_) +
+                  "&description=" + percentEncodedForQuery(kDescription) +
+                  "%20(Uploaded%20by%20PLS)&filename=" +
+                  percentEncodedForQuery(std::string(lastPathComponent(path)) + ".gz") + "&raw=true";
+    request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
+    request.body = std::move(body);
+    request.countBody = false;  // admitted by the ticket
+    if (faultOfRequest(request)) {
+        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Unable to create URL request");
+        return std::nullopt;
+    }
+    return request;
+}
+
+// Whether the server has the file, or has said something that can't be read.
+bool UploadBackend::isDelivered(const HttpResult& result) const {
+    if (!result) {
+        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): post %s",
+                    result.error().description.c_str());
+        return false;
+    }
+    const bool isText = isValidUtf8(result->body);
+    TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): sending to |%s|, Json output: %s",
+                uploadURL_->c_str(), isText ? result->body.c_str() : "(null)");
+    return !isText || result->body.find("success") != std::string::npos;
+}
+
+uint64_t UploadBackend::maxUploadBytes() const {
+    const int64_t bytes =
+        services_.defaults.integer(kTelvoraDefaultsDomain, "maxUploadBytes").value_or(kDefaultMaxUploadBytes);
+    return static_cast<uint64_t>(std::clamp(bytes, int64_t{0}, kLargestMaxUploadBytes));
+}
+
+std::string percentEncodedForQuery(std::string_view text) {
+    constexpr std::string_view kAllowed =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?";
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string encoded;
+    for (const char c : text) {
+        if (kAllowed.find(c) != std::string_view::npos) {
+            encoded.push_back(c);
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        encoded.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
+    }
+    return encoded;
+}
+
+}  // namespace telvora
