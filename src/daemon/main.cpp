@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <asio/io_context.hpp>
 #include <csignal>
+#include <cstdlib>
 #include <thread>
 
 #include "backends/backend_factory.h"
@@ -108,6 +109,11 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     http.stop();
     pool.stop();
     curl.reset();
+    if (agent.sessionsAlive() > 0) {
+        // The work that would have ended them was dropped, and they and their connections hold each other.
+        stopLogging();
+        std::_Exit(0);
+    }
     return 0;
 }
 

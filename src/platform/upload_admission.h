@@ -46,7 +46,7 @@ class UploadAdmission {
     };
 
     // A place for an upload of a user, who gets half of each limit. Waits while memory is short, which the
-    // work pool is told of; an upload that needs more than its user's share waits until it is alone there.
+    // work pool is told of; an upload that needs more than a limit waits until it is alone under it.
     // Null when too many uploads are under way, or after close().
     std::unique_ptr<Ticket> admit(uid_t user, uint64_t bytes) TELVORA_EXCLUDES(mutex_);
 

@@ -90,6 +90,7 @@ struct BlockingSession::State {
         check(sd_bus_new(&bus), "sd_bus_new");
         const int socket = connectTo(socketPath).release();
         check(sd_bus_set_fd(bus, socket, socket), "sd_bus_set_fd");
+        check(sd_bus_negotiate_fds(bus, 1), "sd_bus_negotiate_fds");
         check(sd_bus_start(bus), "sd_bus_start");
     }
     ~State() {
@@ -99,10 +100,11 @@ struct BlockingSession::State {
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    uint64_t send(const char* method, const Fill& fill) {
+    uint64_t send(const char* method, const Fill& fill,
+                  const BusInterface& interface = clientSessionBusInterface()) {
         sd_bus_message* message = nullptr;
-        check(sd_bus_message_new_method_call(bus, &message, nullptr, kTelvoradPath,
-                                             clientSessionBusInterface().name().c_str(), method),
+        check(sd_bus_message_new_method_call(bus, &message, nullptr, kTelvoradPath, interface.name().c_str(),
+                                             method),
               method);
         BusMessage call = BusMessage::adopt(message);
         ArgumentWriter writer(call);
@@ -147,10 +149,16 @@ struct BlockingSession::State {
     }
 
     BusMessage await(uint64_t cookie) {
+        BusMessage reply = awaitAny(cookie);
+        if (const sd_bus_error* error = reply.error()) throw std::runtime_error(error->name);
+        return reply;
+    }
+
+    // The answer, which may be an error.
+    BusMessage awaitAny(uint64_t cookie) {
         readUntil([&] { return replies.contains(cookie); });
         BusMessage reply = std::move(replies[cookie]);
         replies.erase(cookie);
-        if (const sd_bus_error* error = reply.error()) throw std::runtime_error(error->name);
         return reply;
     }
 
@@ -246,6 +254,36 @@ UploadAnswer BlockingSession::uploadLogData(const Array& records) {
     ArgumentReader reader(reply);
     const bool uploaded = reader.boolean();
     return {uploaded, reader.optionalError()};
+}
+
+tl::expected<std::string, std::string> BlockingSession::issueFileExtension(const std::string& path,
+                                                                           int file) {
+    const uint64_t cookie = state_->send(
+        "IssueFileExtension",
+        [&](ArgumentWriter& arguments) {
+            arguments.string(path);
+            arguments.file(file);
+        },
+        sandboxExtensionBusInterface());
+    BusMessage reply = state_->awaitAny(cookie);
+    if (const sd_bus_error* error = reply.error()) return tl::unexpected(std::string(error->message));
+    return ArgumentReader(reply).string();
+}
+
+bool BlockingSession::uploadFile(const std::string& url, const std::string& extensionToken) {
+    return beginUploadFile(url, extensionToken)();
+}
+
+std::function<bool()> BlockingSession::beginUploadFile(const std::string& url,
+                                                       const std::string& extensionToken) {
+    const uint64_t cookie = state_->send("UploadFileAtPath", [&](ArgumentWriter& arguments) {
+        arguments.string(url);
+        arguments.string(extensionToken);
+    });
+    return [this, cookie] {
+        BusMessage reply = state_->await(cookie);
+        return ArgumentReader(reply).boolean();
+    };
 }
 
 }  // namespace telvora::test

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tl/expected.hpp>
 #include <utility>
 #include <vector>
 
@@ -65,10 +66,14 @@ class BlockingSession {
     std::optional<std::string> finish();
     std::string displayURL();
     UploadAnswer uploadLogData(const Array& records);
+    // The token for a file that is open, or why there is none.
+    tl::expected<std::string, std::string> issueFileExtension(const std::string& path, int file);
+    bool uploadFile(const std::string& url, const std::string& extensionToken = "");
 
     // Starts a call without waiting; the function that is returned waits for the answer.
     std::function<States()> beginStartConfig();
     std::function<FlushAnswer()> beginFlush();
+    std::function<bool()> beginUploadFile(const std::string& url, const std::string& extensionToken = "");
 
     // The next message for the aggregation block. Between the calls of this object nothing is read: a session
     // that is left alone is a client that has stopped reading.

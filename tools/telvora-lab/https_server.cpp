@@ -25,6 +25,7 @@ bool isOfTheLibrary(const std::string& name) {
 ServerRequest fromHttplib(const httplib::Request& request) {
     ServerRequest result;
     result.method = request.method;
+    result.target = request.target;
     result.path = request.path;
     for (const auto& [name, value] : request.params)
         result.query.emplace(name, value);

@@ -19,7 +19,8 @@ namespace telvora::lab {
 
 struct ServerRequest {
     std::string method;
-    std::string path;                          // without the query
+    std::string target;                        // path and query as they came (RFC 9112, section 3.2)
+    std::string path;                          // decoded, without the query
     std::map<std::string, std::string> query;  // decoded; of several values of a name, the first
     HttpHeaders headers;                       // in no particular order
     std::string body;                          // with a Content-Encoding of gzip already undone

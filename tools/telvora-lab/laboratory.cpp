@@ -53,7 +53,8 @@ tl::expected<std::unique_ptr<Laboratory>, std::string> Laboratory::make(
     std::unique_ptr<Laboratory> laboratory(
         new Laboratory(std::move(*pki), std::move(reportingOptions), std::move(collectorOptions)));
     if (!laboratory->bags().listening() || !laboratory->reports().listening() ||
-        !laboratory->dashboard().listening() || !laboratory->logData().listening()) {
+        !laboratory->dashboard().listening() || !laboratory->logData().listening() ||
+        !laboratory->uploads().listening()) {
         return tl::make_unexpected(std::string("a server could not be started"));
     }
     return laboratory;
@@ -62,7 +63,8 @@ tl::expected<std::unique_ptr<Laboratory>, std::string> Laboratory::make(
 void Laboratory::setBag(const std::string& name, const Dictionary& bag) {
     const Places places{{{"@events@", reports_.eventsURL()},
                          {"@realtime@", reports_.realtimeURL()},
-                         {"@logdata@", logData_.url()}},
+                         {"@logdata@", logData_.url()},
+                         {"@upload@", uploads_.uploadURL()}},
                         {{"@dashboard_port@", int{dashboard_.port()}}}};
     bags_.setBag(name, *filledIn(bag, places).getIf<Dictionary>());
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Laboratory: the outside world of the daemon in one object, all of it on this machine: keys, a bag server,
-// a reporting server, a dashboard's collector and a server for log data.
+// a reporting server, a dashboard's collector, and servers for log data and for files.
 #pragma once
 
 #include <filesystem>
@@ -14,6 +14,7 @@
 #include "telvora-lab/lab_pki.h"
 #include "telvora-lab/log_data_server.h"
 #include "telvora-lab/reporting_server.h"
+#include "telvora-lab/upload_server.h"
 
 namespace telvora::lab {
 
@@ -29,10 +30,11 @@ class Laboratory {
     ReportingServer& reports() { return reports_; }
     DashboardCollector& dashboard() { return dashboard_; }
     LogDataServer& logData() { return logData_; }
+    UploadServer& uploads() { return uploads_; }
 
     // Serves a bag after putting in what no file can know: "@events@" and "@realtime@" in all its strings are
-    // replaced by the URLs of the reporting server, "@logdata@" by that of the server for log data, and a
-    // string "@dashboard_port@" by the number of the collector's port.
+    // replaced by the URLs of the reporting server, "@logdata@" and "@upload@" by those of the servers
+    // for log data and for files, and a string "@dashboard_port@" by the number of the collector's port.
     void setBag(const std::string& name, const Dictionary& bag);
 
   private:
@@ -41,13 +43,15 @@ class Laboratory {
           bags_(pki_),
           reports_(pki_, std::move(reportingOptions)),
           dashboard_(std::move(collectorOptions)),
-          logData_(pki_) {}
+          logData_(pki_),
+          uploads_(pki_) {}
 
     LabPki pki_;
     BagServer bags_;
     ReportingServer reports_;
     DashboardCollector dashboard_;
     LogDataServer logData_;
+    UploadServer uploads_;
 };
 
 }  // namespace telvora::lab

@@ -2,6 +2,8 @@
 //
 // telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -26,6 +28,7 @@ struct Arguments {
     std::vector<std::string> bagFaults;
     std::string reportingFault = "none";
     std::string logDataFault = "none";
+    std::string uploadAnswer = "success";
     std::string countByKey;
     CollectorOptions collector;
     bool ignoreInput = false;
@@ -66,10 +69,26 @@ std::string configure(Laboratory& laboratory, const Arguments& arguments) {
     const auto logDataFault = logDataFaultNamed(arguments.logDataFault);
     if (!logDataFault) return "--log-data-fault: unknown fault '" + arguments.logDataFault + "'";
     laboratory.logData().setFault(*logDataFault);
+    const auto uploadAnswer = uploadAnswerNamed(arguments.uploadAnswer);
+    if (!uploadAnswer) return "--upload-answer: unknown answer '" + arguments.uploadAnswer + "'";
+    laboratory.uploads().setAnswer(*uploadAnswer);
     return {};
 }
 
-Dictionary summary(Laboratory& laboratory) {
+// Writes each uploaded file to a file of its own.
+Array writtenUploads(Laboratory& laboratory, const std::filesystem::path& directory) {
+    Array written;
+    for (const ServerRequest& upload : laboratory.uploads().uploads()) {
+        const std::filesystem::path file = directory / "uploads" / std::to_string(written.size() + 1);
+        std::error_code ignored;
+        std::filesystem::create_directories(file.parent_path(), ignored);
+        std::ofstream(file, std::ios::binary) << upload.body;
+        written.push_back(Dictionary{{"target", upload.target}, {"file", file.string()}});
+    }
+    return written;
+}
+
+Dictionary summary(Laboratory& laboratory, const std::filesystem::path& directory) {
     Array messages;
     for (const ReceivedMessage& message : laboratory.reports().messages()) {
         Dictionary headers;
@@ -103,6 +122,7 @@ Dictionary summary(Laboratory& laboratory) {
             {"sessions", describeTree(sessionTree(laboratory.reports().events()))},
             {"dashboard", std::move(dashboard)},
             {"logData", Array(uploads.begin(), uploads.end())},
+            {"uploads", writtenUploads(laboratory, directory)},
             {"problems", Array(problems.begin(), problems.end())}};
 }
 
@@ -118,12 +138,13 @@ int serve(const Arguments& arguments) {
                                {"events", (*laboratory)->reports().eventsURL()},
                                {"realtime", (*laboratory)->reports().realtimeURL()},
                                {"logData", (*laboratory)->logData().url()},
+                               {"upload", (*laboratory)->uploads().uploadURL()},
                                {"dashboardPort", int{(*laboratory)->dashboard().port()}},
                                {"ca", (*laboratory)->pki().caFile()},
                                {"framework", (*laboratory)->pki().frameworkDirectory()}};
     std::cout << toJson(addresses, false) << std::endl;
     end.wait(arguments.ignoreInput);
-    std::cout << toJson(summary(**laboratory), true) << std::endl;
+    std::cout << toJson(summary(**laboratory, arguments.directory), true) << std::endl;
     return std::cout.good() ? 0 : 1;
 }
 
@@ -136,11 +157,11 @@ int main(int argc, char** argv) {
     CLI::App* serveCommand = app.add_subcommand(
         "serve",
         "Start the servers, print their addresses as one line of JSON, run until SIGTERM, SIGINT or the end "
-        "of standard input, then print what arrived as JSON.");
+        "of standard input, then print what arrived as JSON. Uploaded files are written to DIR/uploads.");
     serveCommand->add_option("--dir", arguments.directory, "Folder for keys and certificates")->required();
     serveCommand->add_option(
         "--bag", arguments.bags,
-        "NAME=FILE: serve this property list, signed; @events@, @realtime@ and @logdata@ "
+        "NAME=FILE: serve this property list, signed; @events@, @realtime@, @logdata@ and @upload@ "
         "in its strings stand for the servers' URLs, a string @dashboard_port@ for the "
         "number of the collector's port");
     serveCommand->add_option(
@@ -150,6 +171,8 @@ int main(int argc, char** argv) {
     serveCommand->add_option("--reporting-fault", arguments.reportingFault,
                              "none, notFound, serviceUnavailable, noAnswer, halfAnswer or hold");
     serveCommand->add_option("--log-data-fault", arguments.logDataFault, "none, emptyAnswer or noAnswer");
+    serveCommand->add_option("--upload-answer", arguments.uploadAnswer,
+                             "success, failed, notUtf8, empty, halfAnswer, noAnswer or hold");
     addNetworkOptions(*serveCommand, arguments.collector);
     serveCommand->add_option("--count-by", arguments.countByKey,
                              "Do not keep events, count them by the number under this key");

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-lab/upload_server.h"
+
+#include <utility>
+
+namespace telvora::lab {
+namespace {
+
+constexpr std::pair<std::string_view, UploadAnswer> kAnswerNames[] = {
+    {"success", UploadAnswer::success},
+    {"failed", UploadAnswer::failed},
+    {"notUtf8", UploadAnswer::notUtf8},
+    {"empty", UploadAnswer::empty},
+    {"halfAnswer", UploadAnswer::halfAnswer},
+    {"noAnswer", UploadAnswer::noAnswer},
+    {"hold", UploadAnswer::hold},
+};
+
+ServerResponse responseFor(UploadAnswer answer) {
+    ServerResponse response;
+    response.contentType = "application/json";
+    response.body = R"({"success":true})";
+    if (answer == UploadAnswer::failed) response.body = R"({"status":"failed"})";
+    if (answer == UploadAnswer::notUtf8) response.body = "\xff\xfe";
+    if (answer == UploadAnswer::empty) response.body.clear();
+    if (answer == UploadAnswer::halfAnswer) response.ending = ServerResponse::Ending::halfBody;
+    if (answer == UploadAnswer::noAnswer) response.ending = ServerResponse::Ending::noAnswer;
+    return response;
+}
+
+}  // namespace
+
+std::optional<UploadAnswer> uploadAnswerNamed(std::string_view name) {
+    for (const auto& [answerName, answer] : kAnswerNames) {
+        if (answerName == name) return answer;
+    }
+    return std::nullopt;
+}
+
+UploadServer::UploadServer(const LabPki& pki)
+    : server_(pki.serverCertificateFile(), pki.serverKeyFile(),
+              [this](const ServerRequest& request) { return handle(request); }) {}
+
+UploadServer::~UploadServer() {
+    setAnswer(UploadAnswer::success);
+    releaseHeld();
+}
+
+void UploadServer::setAnswer(UploadAnswer answer) {
+    MutexLock lock(mutex_);
+    answer_ = answer;
+}
+
+void UploadServer::releaseHeld() {
+    MutexLock lock(mutex_);
+    ++releases_;
+    changed_.notify_all();
+}
+
+ServerResponse UploadServer::handle(const ServerRequest& request) {
+    if (request.method != "POST" || request.path != "/upload") {
+        ServerResponse response;
+        response.status = 404;
+        return response;
+    }
+    MutexLock lock(mutex_);
+    uploads_.push_back(request);
+    changed_.notify_all();
+    const UploadAnswer answer = answer_;
+    if (answer == UploadAnswer::hold) {
+        const uint64_t releases = releases_;
+        while (releases_ == releases)
+            changed_.wait(mutex_);
+    }
+    return responseFor(answer);
+}
+
+std::vector<ServerRequest> UploadServer::uploads() const {
+    MutexLock lock(mutex_);
+    return uploads_;
+}
+
+size_t UploadServer::uploadCount() const {
+    MutexLock lock(mutex_);
+    return uploads_.size();
+}
+
+bool UploadServer::waitForUploads(size_t count, std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    MutexLock lock(mutex_);
+    while (uploads_.size() < count) {
+        if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return uploads_.size() >= count;
+    }
+    return true;
+}
+
+}  // namespace telvora::lab

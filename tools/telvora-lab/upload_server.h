@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// UploadServer: takes the files that the daemon posts to /upload, and keeps them byte for byte.
+//
+// All operations are callable from any thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "telvora-lab/https_server.h"
+#include "telvora-lab/lab_pki.h"
+#include "util/mutex.h"
+
+namespace telvora::lab {
+
+// How an upload is answered; it is kept all the same.
+enum class UploadAnswer {
+    success,     // {"success":true}
+    failed,      // {"status":"failed"}
+    notUtf8,     // 200 with bytes that are no UTF-8 text
+    empty,       // 200 without a body
+    halfAnswer,  // the connection ends in the middle of {"success":true}
+    noAnswer,    // the connection ends before the answer
+    hold         // waits for releaseHeld(), then success
+};
+
+// The answer of that name as it is written above, or nothing.
+std::optional<UploadAnswer> uploadAnswerNamed(std::string_view name);
+
+class UploadServer {
+  public:
+    // `pki` must outlive the server.
+    explicit UploadServer(const LabPki& pki);
+    ~UploadServer();
+
+    std::string uploadURL() const { return server_.origin() + "/upload"; }
+    bool listening() const { return server_.port() != 0; }
+
+    void setAnswer(UploadAnswer answer);
+    // Lets the answers go that UploadAnswer::hold holds.
+    void releaseHeld();
+    // Refuses connections until accept(); returns when the port is closed.
+    void refuse() { server_.stop(); }
+    bool accept() { return server_.restart(); }
+
+    // All uploads that arrived, in order; the body is the file, with gzip undone.
+    std::vector<ServerRequest> uploads() const;
+    size_t uploadCount() const;
+    // Whether so many uploads have arrived within `timeout`.
+    bool waitForUploads(size_t count, std::chrono::milliseconds timeout) const;
+
+  private:
+    ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
+
+    mutable Mutex mutex_;
+    mutable std::condition_variable_any changed_;
+    UploadAnswer answer_ TELVORA_GUARDED_BY(mutex_) = UploadAnswer::success;
+    std::vector<ServerRequest> uploads_ TELVORA_GUARDED_BY(mutex_);
+    uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
+    HttpsServer server_;  // last: it stops before what its handlers use goes
+};
+
+}  // namespace telvora::lab
