@@ -26,8 +26,8 @@
 #include "telvora-lab/dashboard_tally.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/faulty_link.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/fake_http_client.h"
-#include "tests/support/temporary_directory.h"
 #include "tests/support/virtual_network.h"
 
 namespace telvora::bench {
@@ -136,7 +136,7 @@ class Soak {
 
     const Options& options_;
     const Scenario& scenario_;
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     UserDefaults defaults_{directory_.path(), directory_.path()};
     DeviceProperties properties_{Dictionary()};
     DeviceIdentity identity_{properties_, defaults_};

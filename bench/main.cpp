@@ -11,11 +11,11 @@
 #include "platform/descriptor_limit.h"
 #include "process_figures.h"
 #include "sessions.h"
+#include "telvora-lab/bags.h"
+#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
-#include "tests/support/bags.h"
-#include "tests/support/daemon_process.h"
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora::bench {
 namespace {
@@ -31,10 +31,10 @@ struct Options {
 };
 
 Dictionary benchBag(const Options& options) {
-    Dictionary entry = test::openClientEntry();
+    Dictionary entry = lab::openClientEntry();
     entry.set("event_threshold", options.eventThreshold);
     if (options.overrideConsent) entry.set("override_dnu", 1);
-    return test::bagWithClients({entry});
+    return lab::bagWithClients({entry});
 }
 
 struct Figures {
@@ -46,7 +46,7 @@ struct Figures {
     double deliverySeconds;
 };
 
-Figures measure(const Options& options, lab::Laboratory& laboratory, const test::DaemonProcess& daemon,
+Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::DaemonProcess& daemon,
                 Load& load) {
     Figures figures{};
     figures.idle = memoryOf(daemon.pid());
@@ -61,7 +61,7 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const test:
     const auto begin = std::chrono::steady_clock::now();
     load.run();
     load.flush();
-    laboratory.reports().waitForEvents(options.load.reports, test::kPatience);
+    laboratory.reports().waitForEvents(options.load.reports, lab::kPatience);
     figures.deliverySeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     figures.cpuSeconds = cpuSeconds(daemon.pid()) - cpuBefore;
     figures.loaded = memoryOf(daemon.pid());
@@ -97,17 +97,17 @@ Dictionary describe(const Options& options, const lab::ReportingServer& reports,
 }
 
 int run(const Options& options) {
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     lab::ReportingServerOptions reportingOptions;
     reportingOptions.countByKey = Load::kNumberKey;
     auto laboratory = lab::Laboratory::make(directory.path() / "lab", reportingOptions);
     if (!laboratory) throw std::runtime_error(laboratory.error());
     (*laboratory)->setBag(kBagName, benchBag(options));
 
-    test::DaemonOptions daemonOptions = test::DaemonOptions::forLaboratory(
+    lab::DaemonOptions daemonOptions = lab::DaemonOptions::forLaboratory(
         directory.path(), (*laboratory)->pki(), (*laboratory)->bags().baseURL());
     daemonOptions.logLevel = 6;  // as in the field
-    test::DaemonProcess daemon(daemonOptions);
+    lab::DaemonProcess daemon(daemonOptions);
     if (!daemon.waitUntilListening()) throw std::runtime_error("the daemon does not start");
 
     Load load(options.load);

@@ -10,11 +10,11 @@
 
 #include "await.h"
 #include "process_figures.h"
+#include "telvora-lab/bags.h"
+#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
+#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
-#include "tests/support/bags.h"
-#include "tests/support/daemon_process.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora::bench {
 namespace {
@@ -39,17 +39,17 @@ struct World {
         auto made = lab::Laboratory::make(directory.path() / "lab", {.countByKey = kCountByKey});
         if (!made) throw std::runtime_error(made.error());
         laboratory = std::move(*made);
-        laboratory->setBag("dravik", test::openBag());
-        test::DaemonOptions options = test::DaemonOptions::forLaboratory(directory.path(), laboratory->pki(),
-                                                                         laboratory->bags().baseURL());
+        laboratory->setBag("dravik", lab::openBag());
+        lab::DaemonOptions options = lab::DaemonOptions::forLaboratory(directory.path(), laboratory->pki(),
+                                                                       laboratory->bags().baseURL());
         options.logLevel = 6;  // as in the field
-        daemon = std::make_unique<test::DaemonProcess>(std::move(options));
+        daemon = std::make_unique<lab::DaemonProcess>(std::move(options));
         if (!daemon->waitUntilListening()) throw std::runtime_error("the daemon does not start");
     }
 
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     std::unique_ptr<lab::Laboratory> laboratory;
-    std::unique_ptr<test::DaemonProcess> daemon;
+    std::unique_ptr<lab::DaemonProcess> daemon;
     ClientRuntime runtime;
 };
 
@@ -59,7 +59,7 @@ class Sessions {
     // Ends the daemon first: what it still holds back is nobody's concern here.
     ~Sessions() {
         world_.daemon->process().signal(SIGKILL);
-        world_.daemon->process().waitForExit(test::kPatience);
+        world_.daemon->process().waitForExit(lab::kPatience);
     }
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
@@ -100,7 +100,7 @@ class Sessions {
             stream.sendNext();
         stream.done.get_future().get();
         await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
-        if (!world_.laboratory->reports().waitForEvents(arrived + reports, test::kPatience)) {
+        if (!world_.laboratory->reports().waitForEvents(arrived + reports, lab::kPatience)) {
             throw std::runtime_error("reports are lost");
         }
         return (cpuSeconds(world_.daemon->pid()) - before) * 1e6 / static_cast<double>(reports);

@@ -81,8 +81,8 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // the server has answered. Returns the answer for the message log, or nothing. Base: completes with
     // nothing.
     virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
-    // Uploads one of the client's files, which `clientFiles` opens for those who may have it; blocks until the
-    // server has answered. True when a request was sent, whatever became of it. Base: false.
+    // Uploads one of the client's files, which `clientFiles` opens for those who may have it; blocks until
+    // the server has answered. True when a request was sent, whatever became of it. Base: false.
     virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                                   ClientFiles& clientFiles);
     // Uploads an array of log records; blocks likewise. Base: false.

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "platform/bus_connection.h"
-#include "protocol/client_session_interface.h"
 #include "platform/file_extension_issuer.h"
+#include "protocol/client_session_interface.h"
 
 namespace telvora {
 

@@ -17,9 +17,9 @@
 #include <string>
 
 #include "platform/bus_connection.h"
+#include "platform/file_extension_issuer.h"
 #include "platform/work_pool.h"
 #include "protocol/client_session_interface.h"
-#include "platform/file_extension_issuer.h"
 #include "util/unique_fd.h"
 
 namespace telvora {

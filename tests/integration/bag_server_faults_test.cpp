@@ -4,7 +4,7 @@
 // why, and nothing else for anybody.
 #include <gmock/gmock.h>
 
-#include "tests/support/bags.h"
+#include "telvora-lab/bags.h"
 #include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
@@ -12,6 +12,8 @@ namespace telvora::test {
 namespace {
 
 using lab::BagFault;
+using lab::kPatience;
+using lab::openBag;
 const auto kStates = testing::Optional(testing::ElementsAre("httpPost"));
 constexpr char kLastModified[] = "Mon, 16 Nov 2015 08:00:00 GMT";
 

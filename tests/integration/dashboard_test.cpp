@@ -7,13 +7,15 @@
 #include <fstream>
 #include <thread>
 
+#include "telvora-lab/child_process.h"
 #include "tests/support/blocking_session.h"
-#include "tests/support/child_process.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::ChildProcess;
+using lab::kPatience;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -7,14 +7,19 @@
 #include <fstream>
 #include <limits>
 
+#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
-#include "tests/support/bags.h"
 #include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::bagWithClients;
+using lab::ChildProcess;
+using lab::ChildProcessOptions;
+using lab::kPatience;
+using lab::openClientEntry;
 using testing::ElementsAre;
 using testing::Optional;
 using Session = std::unique_ptr<BlockingSession>;

@@ -8,13 +8,14 @@
 #include "platform/property_list_format.h"
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora::test {
 namespace {
 
 using lab::BagFault;
 using lab::ReportingFault;
+using lab::TemporaryDirectory;
 
 class Lab : public testing::Test {
   protected:

@@ -6,13 +6,18 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
-#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::ChildProcess;
+using lab::ChildProcessOptions;
+using lab::DaemonOptions;
+using lab::kPatience;
+using lab::openBag;
 using testing::Each;
 using testing::HasSubstr;
 using testing::Not;

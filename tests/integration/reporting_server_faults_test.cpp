@@ -4,13 +4,17 @@
 // is told, a 5xx ends the backend of that session, and nobody else notices.
 #include <gmock/gmock.h>
 
-#include "tests/support/bags.h"
+#include "telvora-lab/bags.h"
 #include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::bagWithClients;
+using lab::kPatience;
+using lab::openBag;
+using lab::openClientEntry;
 using lab::ReportingFault;
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -7,12 +7,16 @@
 
 #include <fstream>
 
-#include "tests/support/bags.h"
+#include "telvora-lab/bags.h"
 #include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
+
+using lab::DaemonOptions;
+using lab::kPatience;
+using lab::openBag;
 
 // A file system of a few pages for a scope.
 class TinyFileSystem {

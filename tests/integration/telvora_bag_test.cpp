@@ -4,12 +4,17 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/child_process.h"
-#include "tests/support/daemon_process.h"
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/child_process.h"
+#include "telvora-lab/daemon_process.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora::test {
 namespace {
+
+using lab::ChildProcess;
+using lab::kPatience;
+using lab::LineCollector;
+using lab::TemporaryDirectory;
 
 constexpr char kBag[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"

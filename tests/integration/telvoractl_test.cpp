@@ -3,12 +3,17 @@
 // telvoractl as its users meet it, at the real daemon.
 #include <gtest/gtest.h>
 
-#include "tests/support/bags.h"
-#include "tests/support/child_process.h"
+#include "telvora-lab/bags.h"
+#include "telvora-lab/child_process.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
+
+using lab::ChildProcess;
+using lab::kPatience;
+using lab::LineCollector;
+using lab::openBag;
 
 class Telvoractl : public DaemonFixture {
   protected:

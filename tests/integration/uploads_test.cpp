@@ -9,13 +9,17 @@
 
 #include <cstring>
 
-#include "tests/support/bags.h"
+#include "telvora-lab/bags.h"
 #include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::DaemonOptions;
+using lab::kPatience;
+using lab::openBag;
+using lab::readFile;
 using lab::UploadAnswer;
 using std::filesystem::path;
 using testing::ElementsAre;

@@ -18,13 +18,14 @@
 #include "platform/bus_message.h"
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
+#include "telvora-lab/daemon_process.h"
 #include "telvora/keys.h"
-#include "tests/support/daemon_process.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::kPatience;
 using Fill = std::function<void(ArgumentWriter&)>;
 
 UniqueFd connectTo(const std::string& socketPath) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BlockingSession: a session as a test reads best, one call after another. Each call waits for its answer,
-// for kPatience at most; a call that gets none throws std::runtime_error.
+// for lab::kPatience at most; a call that gets none throws std::runtime_error.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,9 @@
 namespace telvora::test {
 namespace {
 
+using lab::DaemonOptions;
+using lab::DaemonProcess;
+
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines)

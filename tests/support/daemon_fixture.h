@@ -11,9 +11,9 @@
 #include <memory>
 #include <string_view>
 
+#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
-#include "tests/support/daemon_process.h"
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora::test {
 
@@ -25,22 +25,22 @@ class DaemonFixture : public testing::Test {
     lab::Laboratory& laboratory() { return *laboratory_; }
     lab::BagServer& bags() { return laboratory_->bags(); }
     lab::ReportingServer& reports() { return laboratory_->reports(); }
-    const TemporaryDirectory& directory() const { return directory_; }
+    const lab::TemporaryDirectory& directory() const { return directory_; }
 
     // Starts the daemon, after `change` has had its way with the options, and waits until it listens.
-    void startDaemon(const std::function<void(DaemonOptions&)>& change = {});
+    void startDaemon(const std::function<void(lab::DaemonOptions&)>& change = {});
     // Stops the daemon now and checks how it ends.
     void stopDaemon();
-    DaemonProcess& daemon() { return *daemon_; }
+    lab::DaemonProcess& daemon() { return *daemon_; }
 
     // Expects the whole line, with its level: "<7>..."; waits for it.
     void expectLine(std::string_view line, size_t from = 0);
     void expectLineBeginning(std::string_view beginning, size_t from = 0);
 
   private:
-    TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
-    std::unique_ptr<DaemonProcess> daemon_;
+    std::unique_ptr<lab::DaemonProcess> daemon_;
 };
 
 }  // namespace telvora::test

@@ -17,8 +17,8 @@
 #include "daemon/telvorad_agent.h"
 #include "platform/digest.h"
 #include "platform/entitlements.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/fake_http_client.h"
-#include "tests/support/temporary_directory.h"
 #include "tests/support/virtual_network.h"
 
 namespace telvora::test {
@@ -83,7 +83,7 @@ class DaemonWorld {
 
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // what every backend draws
-    TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     FakeHttpClient http;
     VirtualNetwork network;
     asio::io_context runLoop;

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "demo_session.h"
+#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/event_json.h"
 #include "telvora/keys.h"
-#include "tests/support/daemon_process.h"
 
 namespace telvora::demo {
 namespace {
@@ -87,7 +87,7 @@ void Call::take(AggregatedMessage message) {
 }
 
 bool Call::waitFor(size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + lab::kPatience;
     const MutexLock lock(mutex_);
     while (messages_.size() < count) {
         if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return false;

@@ -14,9 +14,9 @@
 #include "call.h"
 #include "demo_session.h"
 #include "script.h"
+#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
-#include "tests/support/daemon_process.h"
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora::demo {
 namespace {
@@ -64,7 +64,7 @@ int report(const std::vector<Report>& reports, const lab::ReportingServer& serve
 }
 
 int run() {
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     auto laboratory = lab::Laboratory::make(directory.path() / "lab");
     if (!laboratory) {
         say("{}\n", laboratory.error());
@@ -77,8 +77,8 @@ int run() {
     say("2. Servers: a signed bag at {}/dravik\n   reports go to {} and {}\n",
         (*laboratory)->bags().baseURL(), server.eventsURL(), server.realtimeURL());
 
-    test::DaemonProcess daemon(test::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
-                                                                  (*laboratory)->bags().baseURL()));
+    lab::DaemonProcess daemon(lab::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
+                                                                (*laboratory)->bags().baseURL()));
     if (!daemon.waitUntilListening()) {
         for (const std::string& line : daemon.logLines())
             say("{}\n", line);
@@ -103,7 +103,7 @@ int run() {
     size_t expected = 0;
     for (const Report& each : reports)
         expected += each.path.empty() ? 0 : 1;
-    server.waitForEvents(expected, test::kPatience);
+    server.waitForEvents(expected, lab::kPatience);
     const auto status = daemon.stop();  // by then nothing more can arrive
     say("5. The daemon has ended with status {}\n", status.value_or(-1));
     const int result = report(reports, server, std::move(wrong));

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "backends/telvora_backend.h"
+#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 
@@ -26,7 +26,7 @@ struct BackendRig {
         ASSERT_TRUE(defaults.set("com.zandor.diagnosticsharing", "Enabled", consent));
     }
 
-    TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};

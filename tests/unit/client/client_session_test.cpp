@@ -13,9 +13,9 @@
 
 #include "daemon/client_connection.h"
 #include "protocol/client_session_wire.h"
+#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
 #include "tests/support/fake_session.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -83,7 +83,7 @@ class ClientSessionTest : public testing::Test {
     // The first, so that they outlive the strands they made.
     WorkPool pool{1};
     ClientRuntime runtime;
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     std::filesystem::path socketPath = directory.path() / "socket";
     UniqueFd listener;
     std::promise<void> ended;

@@ -6,9 +6,9 @@
 #include <set>
 
 #include "config/environment.h"
+#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 #include "tests/unit/config/bag_test_support.h"
 
 namespace telvora {
@@ -21,7 +21,7 @@ struct Device {
         directory.write("etc/Preferences/com.zandor.telvora.plist", test::serialized(administrators));
     }
 
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 #include "tests/unit/config/bag_test_support.h"
 
 namespace telvora {
@@ -34,7 +34,7 @@ struct Fixture {
         http.setHandler([this](const HttpRequest&) { return answer; });
     }
 
-    test::TemporaryDirectory directory;
+    lab::TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties{Dictionary{}};
     DeviceIdentity identity{properties, defaults};

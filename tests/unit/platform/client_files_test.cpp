@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -47,7 +47,7 @@ class ClientFilesTest : public testing::Test {
         EXPECT_EQ(chmod(all.c_str(), mode), 0);
     }
 
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     mutable UploadAdmission admission_;
 };
 
@@ -133,7 +133,7 @@ TEST_F(ClientFilesTest, DirectoriesAreTakenAsTheyAreNow) {
 }
 
 TEST(ReadWholeFile, ReadsFromTheBeginningToTheEnd) {
-    const test::TemporaryDirectory directory;
+    const lab::TemporaryDirectory directory;
     const std::string content(200'000, 'x');
     const UniqueFd file(open(directory.write("file", content).c_str(), O_RDONLY | O_CLOEXEC));
     lseek(file.get(), 1000, SEEK_SET);

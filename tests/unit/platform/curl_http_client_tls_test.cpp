@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "platform/http_client.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/environment_variable.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -42,7 +42,7 @@ class CurlHttpClientTls : public testing::Test {
         return result;
     }
 
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
 };
 
 TEST_F(CurlHttpClientTls, TrustsTheGivenAuthorityAndNoOther) {

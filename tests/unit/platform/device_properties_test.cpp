@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -15,7 +15,7 @@ class DevicePropertiesTest : public testing::Test {
   protected:
     Dictionary all() const { return DeviceProperties(root_.path() / "etc/telvora", root_.path()).all(); }
 
-    test::TemporaryDirectory root_;
+    lab::TemporaryDirectory root_;
 };
 
 TEST_F(DevicePropertiesTest, APersonalComputerAnswersFromItsReleaseAndItsFirmware) {

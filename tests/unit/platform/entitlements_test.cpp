@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/property_list_format.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -37,7 +37,7 @@ class EntitlementsTest : public testing::Test {
     }
 
     Peer peer_;
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     EntitlementStore store_{directory_.path()};
 };
 

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/forked_child.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -44,7 +44,7 @@ class ListeningSocketTest : public testing::Test {
         });
     }
 
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     const std::filesystem::path path_ = directory_.path() / kName;
 };
 
@@ -78,7 +78,7 @@ TEST_F(ListeningSocketTest, ReplacesOnlyADeadSocket) {
     }
     directory_.write(kName, "a file");
     EXPECT_EQ(open().error(), path_.native() + ": is there and is no socket");
-    EXPECT_EQ(test::readFile(path_), "a file");
+    EXPECT_EQ(lab::readFile(path_), "a file");
     const std::string base = directory_.path().native() + "/", tooLong(200, 'x');
     EXPECT_EQ(open(tooLong).error(), base + tooLong + ": too long for the name of a socket");
     EXPECT_EQ(open("absent/name").error(), "can't bind " + base + "absent/name: No such file or directory");

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/directories.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/environment_variable.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -25,7 +25,7 @@ TEST(LocaleTest, TheCountryIsTheFirstThatIsNamed) {
         {"es_419", "en_", "", std::nullopt},
         {"x_1A", "x_ABC", "", std::nullopt},
     };
-    const test::TemporaryDirectory directory;
+    const lab::TemporaryDirectory directory;
     EXPECT_EQ(currentCountryCode(directory.path() / "none"), std::nullopt);
     for (const auto& each : cases) {
         const EnvironmentVariable all("LC_ALL", each.all), language("LANG", each.language);

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "tests/support/temporary_directory.h"
+#include "telvora-lab/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -212,7 +212,7 @@ TEST(PropertyListHostileTest, IsRefusedWithAReason) {
 }
 
 TEST(PropertyListFileTest, IsReadInEitherFormatAndFailsWithAReason) {
-    const test::TemporaryDirectory directory;
+    const lab::TemporaryDirectory directory;
     const auto xml = directory.write("a.plist", "<plist><integer>7</integer></plist>");
     EXPECT_EQ(readPropertyListFile(xml), PropertyList(7));
     const auto bytes = serializePropertyList(7, PropertyListFormat::binary).value();

@@ -27,8 +27,8 @@
 #include <set>
 #include <thread>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/forked_child.h"
-#include "tests/support/temporary_directory.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -102,7 +102,7 @@ class SandboxTest : public testing::TestWithParam<uid_t> {
                   "");
     }
 
-    test::TemporaryDirectory root_;
+    lab::TemporaryDirectory root_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Users, SandboxTest, testing::ValuesIn(std::set{getuid(), kNobody}),
@@ -193,7 +193,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
 TEST_P(SandboxTest, LeavesWhatTheDaemonMayNeedSomeDay) {
     Served tcp(AF_INET, SOCK_STREAM), udp(AF_INET, SOCK_DGRAM);
     confined([&](const ChildReport& report, const SandboxStatus&) {
-        report.expect(test::readFile(path("etc/device.plist")) == "configuration", "configuration");
+        report.expect(lab::readFile(path("etc/device.plist")) == "configuration", "configuration");
         for (const char* directory : {"state", "logs", "run"}) {
             const std::string made = path(directory) + "/made", a = made + "/a", b = made + "/b";
             report.expectErrno(mkdir(made.c_str(), 0700), 0, "mkdir");
@@ -223,7 +223,7 @@ TEST_P(SandboxTest, LeavesWhatTheDaemonMayNeedSomeDay) {
 
 TEST_P(SandboxTest, SaysWhatIsInForce) {
     confined([&](const ChildReport& report, const SandboxStatus& status) {
-        const std::string self = test::readFile("/proc/self/status");
+        const std::string self = lab::readFile("/proc/self/status");
         const auto has = [&](const std::string& line) { return self.find(line) != std::string::npos; };
         const std::string none = ":\t0000000000000000\n";
         report.expect(status.profile == kProfile && status.landlockAbi >= 1 && status.files, "Landlock");

@@ -5,8 +5,8 @@
 
 #include <thread>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -20,7 +20,7 @@ class UserDefaultsTest : public testing::Test {
                                 "<plist><dict><key>key</key><string>" + value + "</string></dict></plist>");
     }
 
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     std::filesystem::path administrator_ = directory_.path() / "etc";
     std::filesystem::path state_ = directory_.path() / "var/state";
     UserDefaults defaults_{administrator_, state_};

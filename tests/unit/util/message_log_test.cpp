@@ -11,9 +11,9 @@
 #include <sstream>
 #include <thread>
 
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -55,10 +55,10 @@ class MessageLogTest : public testing::Test {
             names.insert(entry.path().filename());
         return names;
     }
-    std::string content(const std::string& name) const { return test::readFile(log_.directory / name); }
+    std::string content(const std::string& name) const { return lab::readFile(log_.directory / name); }
     std::string pathOf(const std::string& name) const { return log_.directory / name; }
 
-    test::TemporaryDirectory directory_;
+    lab::TemporaryDirectory directory_;
     MessageLog log_;
     TimeValue now_{kNow, 999999};
     std::map<std::string, std::optional<double>> created_;
@@ -139,7 +139,7 @@ TEST_F(MessageLogTest, ALinkPlantedInTheDirectoryIsNotFollowed) {
     std::filesystem::create_directories(log_.directory);
     std::filesystem::create_symlink(target, pathOf(kNewName));
     writeToLogFile(log_, "m");
-    EXPECT_EQ(test::readFile(target), "precious\n");
+    EXPECT_EQ(lab::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
 }
 

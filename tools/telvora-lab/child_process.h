@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/line_collector.h"
+#include "telvora-lab/line_collector.h"
 #include "util/unique_fd.h"
 
-namespace telvora::test {
+namespace telvora::lab {
 
 struct ChildProcessOptions {
     std::vector<std::string> arguments;  // the first is the program's path
@@ -59,4 +59,4 @@ class ChildProcess {
     std::unique_ptr<LineCollector> errors_;
 };
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/daemon_process.h"
+#include "telvora-lab/daemon_process.h"
 
 #include <unistd.h>
 
@@ -9,7 +9,7 @@
 
 #include "platform/property_list_format.h"
 
-namespace telvora::test {
+namespace telvora::lab {
 namespace {
 
 constexpr std::string_view kListening = "<6>main: Listener resumes with sandbox, start loop.";
@@ -63,7 +63,7 @@ ChildProcessOptions childOptions(const DaemonOptions& options) {
 
 }  // namespace
 
-DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
+DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
                                            const std::string& storebagURL) {
     DaemonOptions options;
     options.directory = directory;
@@ -119,4 +119,4 @@ std::vector<std::string> DaemonProcess::sanitizerReports() const {
     return reports;
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

@@ -13,12 +13,12 @@
 #include <vector>
 
 #include "platform/property_list.h"
+#include "telvora-lab/child_process.h"
 #include "telvora-lab/lab_pki.h"
-#include "tests/support/child_process.h"
 
-namespace telvora::test {
+namespace telvora::lab {
 
-// How long anything that must happen may take before a test fails. Never reached when all is well.
+// How long anything that must happen may take before whoever waits gives up. Never reached when all is well.
 constexpr std::chrono::seconds kPatience{60};
 
 struct DaemonOptions {
@@ -40,7 +40,7 @@ struct DaemonOptions {
     std::map<std::string, std::string> environment;
 
     // The options for a daemon that lives in `directory` and talks to a laboratory.
-    static DaemonOptions forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
+    static DaemonOptions forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
                                        const std::string& storebagURL);
 };
 
@@ -78,4 +78,4 @@ class DaemonProcess {
     ChildProcess process_;
 };
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

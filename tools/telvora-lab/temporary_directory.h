@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A fresh directory for the life of a scope, and the two file operations that tests keep needing.
+// A fresh directory for the life of a scope, and the two file operations that go with it.
 #pragma once
 
 #include <stdlib.h>
@@ -11,12 +11,12 @@
 #include <string>
 #include <string_view>
 
-namespace telvora::test {
+namespace telvora::lab {
 
 class TemporaryDirectory {
   public:
     TemporaryDirectory() {
-        std::string pattern = std::filesystem::temp_directory_path() / "telvora-test-XXXXXX";
+        std::string pattern = std::filesystem::temp_directory_path() / "telvora-XXXXXX";
         path_ = mkdtemp(pattern.data());
     }
     ~TemporaryDirectory() {
@@ -45,4 +45,4 @@ inline std::string readFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

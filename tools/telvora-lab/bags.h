@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Bags for tests.
+// Bags that let reports through, for whoever needs one.
 #pragma once
 
 #include <string>
 
 #include "platform/property_list.h"
 
-namespace telvora::test {
+namespace telvora::lab {
 
 // An entry of "clients" that any client fits and that lets everything through to the laboratory's reporting
 // server.
@@ -28,4 +28,4 @@ inline Dictionary openBag(const std::string& version = "1.0") {
     return bagWithClients({openClientEntry()}, version);
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/child_process.h"
+#include "telvora-lab/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace telvora::test {
+namespace telvora::lab {
 namespace {
 
 constexpr const char* kInherited[] = {"PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS",
@@ -125,4 +125,4 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
     return status_;
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/line_collector.h"
+#include "telvora-lab/line_collector.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
-namespace telvora::test {
+namespace telvora::lab {
 
 LineCollector::LineCollector(UniqueFd pipe) : pipe_(std::move(pipe)), thread_([this] { read(); }) {}
 
@@ -66,4 +66,4 @@ std::optional<std::string> LineCollector::waitFor(const Predicate& wanted, std::
     }
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab
