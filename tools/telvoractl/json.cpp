@@ -1,85 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "json.h"
 
-#include <rapidjson/error/en.h>
-#include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <cmath>
 #include <cstdio>
-#include <vector>
 
 namespace telvora::ctl {
 
 namespace {
-
-// --- Reading ---
-
-constexpr size_t kMaxDepth = 64;
-
-// Collects the value that RapidJSON's events describe.
-class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collector> {
-  public:
-    const char* problem = nullptr;
-    PropertyList result;
-
-    bool Null() {
-        problem = "null has no place in a property list";
-        return false;
-    }
-    bool Bool(bool value) { return add(value); }
-    bool Int(int value) { return add(value); }
-    bool Uint(unsigned value) { return add(value); }
-    bool Int64(int64_t value) { return add(static_cast<long long>(value)); }
-    bool Uint64(uint64_t value) { return add(static_cast<unsigned long long>(value)); }
-    bool Double(double value) { return add(value); }
-    bool String(const char* text, rapidjson::SizeType length, bool) {
-        return add(std::string_view(text, length));
-    }
-    bool Key(const char* text, rapidjson::SizeType length, bool) {
-        open_.back().key.assign(text, length);
-        return true;
-    }
-    bool StartObject() { return open(Dictionary()); }
-    bool EndObject(rapidjson::SizeType) { return close(); }
-    bool StartArray() { return open(Array()); }
-    bool EndArray(rapidjson::SizeType) { return close(); }
-
-  private:
-    struct Container {
-        std::variant<Dictionary, Array> value;
-        std::string key;  // of the entry to come
-    };
-
-    bool open(std::variant<Dictionary, Array> container) {
-        if (open_.size() >= kMaxDepth) {
-            problem = "nested too deep";
-            return false;
-        }
-        open_.push_back({std::move(container), {}});
-        return true;
-    }
-    bool close() {
-        Container ended = std::move(open_.back());
-        open_.pop_back();
-        return std::visit([this](auto& value) { return add(std::move(value)); }, ended.value);
-    }
-    bool add(PropertyList value) {
-        if (open_.empty()) {
-            result = std::move(value);
-        } else if (auto* dictionary = std::get_if<Dictionary>(&open_.back().value)) {
-            dictionary->set(open_.back().key, std::move(value));
-        } else {
-            std::get<Array>(open_.back().value).push_back(std::move(value));
-        }
-        return true;
-    }
-
-    std::vector<Container> open_;
-};
-
-// --- Printing ---
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
@@ -161,21 +91,6 @@ void printObject(const char* name, Write write) {
 }
 
 }  // namespace
-
-tl::expected<PropertyList, std::string> parseJson(std::string_view text) {
-    rapidjson::MemoryStream bytes(text.data(), text.size());
-    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(bytes);
-    rapidjson::Reader reader;
-    Collector collector;
-    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
-                                rapidjson::kParseFullPrecisionFlag;
-    if (reader.Parse<kFlags>(stream, collector)) return std::move(collector.result);
-    const char* problem = collector.problem != nullptr
-                              ? collector.problem
-                              : rapidjson::GetParseError_En(reader.GetParseErrorCode());
-    return tl::unexpected(std::string(problem) + " (at byte " + std::to_string(reader.GetErrorOffset() + 1) +
-                          ")");
-}
 
 void printLine(const char* name, const std::optional<std::string>& value) {
     printObject(name, [&](Writer& out) { writeOrNull(out, value); });

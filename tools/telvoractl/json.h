@@ -1,22 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// JSON (RFC 8259) as telvoractl reads and prints it. Objects are dictionaries, arrays arrays, and numbers
-// without fraction and exponent integers; null has no place in a property list. Printed: data as base64, a
-// date as its seconds since 1970, a real that JSON can't carry as -1.
+// JSON (RFC 8259) as telvoractl prints it: data as base64, a date as its seconds since 1970, a real that JSON
+// can't carry as -1.
 #pragma once
 
 #include <optional>
 #include <string>
-#include <string_view>
-#include <tl/expected.hpp>
 
 #include "client/client_session.h"
 #include "platform/property_list.h"
 
 namespace telvora::ctl {
-
-// The value that the text is, or what is wrong with it and where.
-tl::expected<PropertyList, std::string> parseJson(std::string_view text);
 
 // Prints {"name": value} lines to standard output; each line goes out at once and whole. A value of nothing
 // is null. Thread-safe.

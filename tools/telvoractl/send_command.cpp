@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "json.h"
+#include "json/json_reader.h"
 #include "telvora/keys.h"
 
 namespace telvora::ctl {

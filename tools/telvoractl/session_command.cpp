@@ -8,7 +8,7 @@
 
 #include "commands.h"
 #include "json.h"
-#include "telvora/keys.h"
+#include "json/report_json.h"
 
 namespace telvora::ctl {
 
@@ -74,43 +74,6 @@ class Answers {
     std::optional<CallFailure> failure_;
 };
 
-// The message dictionary that one line of input describes.
-tl::expected<Dictionary, std::string> messageOf(const std::string& line) {
-    const auto parsed = parseJson(line);
-    if (!parsed) return tl::unexpected(parsed.error());
-    const auto* object = parsed->getIf<Dictionary>();
-    if (object == nullptr) return tl::unexpected(std::string("not an object"));
-
-    const auto failure = [](const std::string& key, const char* problem) {
-        return tl::unexpected("\"" + key + "\" " + problem);
-    };
-    Dictionary message;
-    for (const auto& [key, value] : *object) {
-        const auto* integer = value.getIf<int64_t>();
-        if (key == "payload") {
-            if (!value.is<Dictionary>()) return failure(key, "is not an object");
-            message.set(kTelvoraMessageParametersPayload, value);
-        } else if (key == "category" || key == "type") {
-            if (integer == nullptr || *integer < 0 || *integer > UINT16_MAX) {
-                return failure(key, "is not an integer from 0 to 65535");
-            }
-            message.set(key == "type" ? kTelvoraMessageParametersType : kTelvoraMessageParametersCategory,
-                        value);
-        } else if (key == "flag") {
-            if (integer == nullptr || *integer < 0 || *integer > UINT32_MAX) {
-                return failure(key, "is not an integer from 0 to 4294967295");
-            }
-            message.set(kTelvoraMessageParametersFlag, value);
-        } else {
-            return failure(key, "is unknown (known: category, type, payload, flag)");
-        }
-    }
-    for (const char* key : {"category", "type"}) {
-        if (!object->contains(key)) return failure(key, "is missing");
-    }
-    return message;
-}
-
 class SessionRun {
   public:
     SessionRun(const SessionOptions& options, ClientSession& session, Answers& answers)
@@ -132,7 +95,7 @@ class SessionRun {
         std::string line;
         for (size_t number = 1; std::getline(input, line); ++number) {
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-            auto message = messageOf(line);
+            auto message = messageOfJson(line);
             if (!message) {
                 answers_.wait();  // those before it were sent, and have their answers printed
                 return fail(kBadInput, "line " + std::to_string(number) + ": " + message.error());
