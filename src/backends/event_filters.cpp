@@ -77,13 +77,15 @@ void createFiltersFromArray(const Array& array, std::vector<EventFilter>& filter
     }
 }
 
-void filterEvent(const std::vector<EventFilter>& filters, Dictionary& record) {
+void filterEvent(const std::vector<EventFilter>& filters, Dictionary& record,
+                 const FilterObserver& observer) {
     if (filters.empty()) return;
     const int64_t method = record.integer("_method").value_or(0);
     const int64_t status = record.integer("_status").value_or(0);
     record.retain([&](const std::string& key, PropertyList& value) {
         const EventFilter* filter = firstMatch(filters, key, method, status);
         if (filter == nullptr || filter->action == FilterAction::keep) return true;
+        if (observer) observer(key, *filter);
         if (filter->action == FilterAction::remove) return false;
         if (const auto* text = value.getIf<std::string>()) {
             value = TelvoraBackend::convertIntoSHA256(*text);

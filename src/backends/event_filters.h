@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,10 +32,14 @@ struct EventFilter {
 // strings: it must outlive them.
 void createFiltersFromArray(const Array& array, std::vector<EventFilter>& filters);
 
+// Told of each filter that removes or hashes a key.
+using FilterObserver = std::function<void(const std::string& key, const EventFilter& filter)>;
+
 // Applies to every key of the record the first filter that matches the key, the record's "_method" and its
 // "_status" (0 when absent), both as they stand before any filter acts. A number is hashed in the form in
 // which it would be sent; a value that can't be sent at all is left for the message's own clean-up.
-void filterEvent(const std::vector<EventFilter>& filters, Dictionary& record);
+void filterEvent(const std::vector<EventFilter>& filters, Dictionary& record,
+                 const FilterObserver& observer = {});
 
 using StringList = std::vector<std::string_view>;
 

@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "backends/decision_trace.h"
 #include "backends/event_filters.h"
 #include "backends/telvora_backend.h"
 
@@ -66,6 +67,10 @@ class HTTPSPostBackend final : public TelvoraBackend {
 
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
                      std::optional<std::string> productFamily, const Array& clients);
+
+    void decided(Decision decision, const Dictionary* subject = nullptr) const {
+        if (services_.trace != nullptr) services_.trace->decided(name_, decision, subject);
+    }
 
     // https_post_state.cpp: what the bag says.
     BackendState updateBackendState();

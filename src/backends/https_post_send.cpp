@@ -91,7 +91,13 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
     };
     Dictionary record = newEventDictfromPayload(payload, fields, userInfoDict_.get());
-    filterEvent(filters_, record);
+    FilterObserver observer;
+    if (services_.trace != nullptr) {
+        observer = [this](const std::string& key, const EventFilter& filter) {
+            services_.trace->filtered(name_, key, filter);
+        };
+    }
+    filterEvent(filters_, record, observer);
     return record;
 }
 

@@ -33,13 +33,20 @@ std::string descriptionOf(const Array& list) {
 }  // namespace
 
 BackendState HTTPSPostBackend::updateBackendState() {
-    if (immutable_) return state();
+    if (immutable_) {
+        decided(Decision::kept);
+        return state();
+    }
     const std::optional<std::string> clientName = userInfoString(kTelvoraUserInfoClientName);
     const std::optional<std::string> serviceID = userInfoString(kTelvoraUserInfoServiceName);
     updateBatchEvents(clientName, serviceID);
     if (!requireUserInfo_) return stateWithoutUserInfo();
-    if (userInfoDict_ == nullptr) return BackendState::waitingForUserInfo;
+    if (userInfoDict_ == nullptr) {
+        decided(Decision::userInfoMissing);
+        return BackendState::waitingForUserInfo;
+    }
     const Dictionary* client = clientForSession(clientName, serviceID);
+    decided(client != nullptr ? Decision::entryTaken : Decision::noEntry, client);
     return client != nullptr ? stateFromClient(*client, clientName, serviceID) : BackendState::disabled;
 }
 
@@ -54,6 +61,7 @@ void HTTPSPostBackend::updateBatchEvents(const std::optional<std::string>& clien
             batchEvents_ = !expedite->boolValue();
             TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent=%d",
                         batchEvents_ ? 1 : 0);
+            decided(Decision::batchingSet, client);
         }
         return;
     }
@@ -66,7 +74,9 @@ BackendState HTTPSPostBackend::stateWithoutUserInfo() {
         return client != nullptr && updatePostLink(*client);
     };
     const auto found = std::find_if(clients_.begin(), clients_.end(), updates);
-    resetBackendStateWithClient(found != clients_.end() ? found->getIf<Dictionary>() : nullptr);
+    const Dictionary* client = found != clients_.end() ? found->getIf<Dictionary>() : nullptr;
+    resetBackendStateWithClient(client);
+    decided(client != nullptr ? Decision::servedByFirstLink : Decision::servedWithoutLink, client);
     return BackendState::reporting;
 }
 
@@ -74,10 +84,10 @@ const Dictionary* HTTPSPostBackend::clientForSession(const std::optional<std::st
                                                      const std::optional<std::string>& serviceID) const {
     for (const PropertyList& element : clients_) {
         const auto* client = element.getIf<Dictionary>();
-        if (client != nullptr && matchClientNameAndServiceID(*client, clientName, serviceID) &&
-            isFrameworkEnabledForClient(*client)) {
-            return client;
-        }
+        if (client == nullptr) continue;
+        const bool isNamed = matchClientNameAndServiceID(*client, clientName, serviceID);
+        if (isNamed && isFrameworkEnabledForClient(*client)) return client;
+        decided(isNamed ? Decision::frameworkTooOld : Decision::namesDiffer, client);
     }
     return nullptr;
 }
@@ -92,6 +102,7 @@ BackendState HTTPSPostBackend::stateFromClient(const Dictionary& client,
     const Array* filters = client.array("filters");
     if (filters == nullptr) {
         TELVORA_LOG(kLogWarning, "HTTPSPostBackend(updateBackendState): filters are required.");
+        decided(Decision::filtersMissing, &client);
         return BackendState::disabled;
     }
     createFiltersFromArray(*filters, filters_);
@@ -115,6 +126,7 @@ bool HTTPSPostBackend::updateConsent(const Dictionary& client) {
     const int32_t overrideDnu = bagInteger(client, "override_dnu").value_or(0);
     if (overrideDnu == 1) {
         dnuType_ = dnuEnabled_ ? 2 : 1;
+        decided(Decision::consentOverridden, &client);
         return true;
     }
     dnuType_ = 0;
@@ -122,6 +134,7 @@ bool HTTPSPostBackend::updateConsent(const Dictionary& client) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updateBackendState): reporting disabled by DNU: %d.",
                     overrideDnu);
     }
+    decided(dnuEnabled_ ? Decision::consentGiven : Decision::consentMissing, &client);
     return dnuEnabled_;
 }
 
@@ -132,18 +145,21 @@ bool HTTPSPostBackend::isCountryAndDeviceAdmitted(const Dictionary& client,
     if (!matchStringWithList(splitList(countries), countryCode, false)) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updateBackendState): (%s) isn't in country code list %s",
                     textOrNull(countryCode), textOrNull(countries));
+        decided(Decision::countryMissing, &client);
         return false;
     }
     const std::string* families = client.string("device_whitelist");
     if (!matchStringWithList(splitList(families), productFamily_, true)) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updateBackendState): (%s) isn't in device whitelist %s",
                     textOrNull(productFamily_), textOrNull(families));
+        decided(Decision::deviceMissing, &client);
         return false;
     }
     const std::string* hardware = client.string("device_blacklist");
     if (matchStringWithList(splitList(hardware), hardwareType_, false)) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updateBackendState): (%s) is in device blacklist %s",
                     textOrNull(hardwareType_), textOrNull(hardware));
+        decided(Decision::hardwareExcluded, &client);
         return false;
     }
     return true;
@@ -164,16 +180,23 @@ void HTTPSPostBackend::updateSamplingThreshold(const Dictionary& client,
                     "%.02f",
                     countryCode->c_str(), samplingThreshold_.value_or(0), threshold.value_or(0));
         samplingThreshold_ = threshold;
+        decided(Decision::thresholdOfCountry, entry);
         return;
     }
 }
 
 BackendState HTTPSPostBackend::stateFromSampling(const Dictionary& client) {
-    if (!samplingThreshold_) return BackendState::disabled;
-    if (samplingFactor_ <= *samplingThreshold_) return BackendState::reporting;
+    const auto concluded = [&](Decision decision, BackendState newState) {
+        decided(decision, &client);
+        return newState;
+    };
+    if (!samplingThreshold_) return concluded(Decision::thresholdMissing, BackendState::disabled);
+    if (samplingFactor_ <= *samplingThreshold_) return concluded(Decision::drawnIn, BackendState::reporting);
     overrideSampling_ = client.real("override_sampling");
-    return overrideSampling_ && samplingFactor_ > *overrideSampling_ ? BackendState::disabled
-                                                                     : BackendState::sampledOut;
+    if (overrideSampling_ && samplingFactor_ > *overrideSampling_) {
+        return concluded(Decision::beyondOverride, BackendState::disabled);
+    }
+    return concluded(Decision::sampledOut, BackendState::sampledOut);
 }
 
 void HTTPSPostBackend::updateEventLists(const Dictionary& client) {

@@ -37,6 +37,7 @@ enum class EventID : uint16_t {};
 enum class SendFlag : uint32_t {};
 
 class ClientFiles;
+class DecisionTrace;
 
 // What backends use of the outside. All references outlive every backend.
 struct BackendServices {
@@ -49,6 +50,7 @@ struct BackendServices {
     std::function<long()> timeZoneOffsetSeconds;                           // east positive
     std::function<double()> random;                                        // uniform in [0, 1)
     std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard
+    DecisionTrace* trace = nullptr;  // told why backends do what they do; null: nobody asks
 };
 
 // The configuration of one backend in a bag: the bag's value under the backend's name. Shares the bag, which

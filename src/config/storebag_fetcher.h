@@ -53,4 +53,12 @@ class StorebagFetcher {
 // The name of the bag that serves a client type; nothing for a type that has none.
 std::optional<std::string> bagNameForClientType(uint32_t clientType);
 
+// The section of a bag that an environment uses, or null. "release" stands in, with a line at level 4, where
+// the seed has none of its own. It lives in the bag.
+const Dictionary* sectionForEnvironment(const Dictionary& bag, EnvironmentType type);
+
+// For how many seconds a bag says that it may be used: at most a day, and perhaps none; nothing when it
+// doesn't say.
+std::optional<int32_t> refreshCycleOf(const Dictionary& bag);
+
 }  // namespace telvora

@@ -11,24 +11,6 @@ namespace {
 
 constexpr int64_t kMaxRefreshCycle = 86400;
 
-const Dictionary* sectionForEnvironment(const Dictionary& bag, EnvironmentType type) {
-    const std::optional<std::string> name = sectionNameForEnvironment(type);
-    const Dictionary* section = name ? bag.dictionary(*name) : nullptr;
-    if (section != nullptr || type != EnvironmentType::seed) return section;
-    TELVORA_LOG(kLogWarning,
-                "fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
-    return bag.dictionary("release");
-}
-
-// The bag's own refresh cycle goes before what the server's headers say.
-void overrideMaxAge(const Dictionary& bag, int32_t& maxAge) {
-    const std::optional<int64_t> refreshCycle = bag.integer("refresh_cycle");
-    if (!refreshCycle) return;
-    maxAge = static_cast<int32_t>(
-        std::clamp<int64_t>(*refreshCycle, std::numeric_limits<int32_t>::min(), kMaxRefreshCycle));
-    TELVORA_LOG(kLogInfo, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=%d", maxAge);
-}
-
 }  // namespace
 
 std::optional<std::string> bagNameForClientType(uint32_t clientType) {
@@ -62,6 +44,22 @@ std::optional<std::string> bagNameForClientType(uint32_t clientType) {
     }
 }
 
+const Dictionary* sectionForEnvironment(const Dictionary& bag, EnvironmentType type) {
+    const std::optional<std::string> name = sectionNameForEnvironment(type);
+    const Dictionary* section = name ? bag.dictionary(*name) : nullptr;
+    if (section != nullptr || type != EnvironmentType::seed) return section;
+    TELVORA_LOG(kLogWarning,
+                "fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
+    return bag.dictionary("release");
+}
+
+std::optional<int32_t> refreshCycleOf(const Dictionary& bag) {
+    const std::optional<int64_t> cycle = bag.integer("refresh_cycle");
+    if (!cycle) return std::nullopt;
+    return static_cast<int32_t>(
+        std::clamp<int64_t>(*cycle, std::numeric_limits<int32_t>::min(), kMaxRefreshCycle));
+}
+
 std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientType(
     uint32_t clientType, std::optional<std::string>& version, StorebagFetchStatus& status) const {
     const int printedType = static_cast<int>(clientType);
@@ -93,7 +91,12 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientT
     }
     const std::string* bagVersion = bag->string("version");
     version = bagVersion != nullptr ? std::optional(*bagVersion) : std::nullopt;
-    overrideMaxAge(*bag, status.maxAge);
+    // The bag's own refresh cycle goes before what the server's headers say.
+    if (const auto refreshCycle = refreshCycleOf(*bag)) {
+        status.maxAge = *refreshCycle;
+        TELVORA_LOG(kLogInfo, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=%d",
+                    status.maxAge);
+    }
     return *section;
 }
 
