@@ -25,10 +25,10 @@
 #include "telvora-lab/dashboard_decoder.h"
 #include "telvora-lab/dashboard_tally.h"
 #include "telvora-lab/event_json.h"
+#include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/faulty_link.h"
 #include "telvora-lab/temporary_directory.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/virtual_network.h"
+#include "telvora-lab/virtual_network.h"
 
 namespace telvora::bench {
 namespace {
@@ -141,8 +141,8 @@ class Soak {
     DeviceProperties properties_{Dictionary()};
     DeviceIdentity identity_{properties_, defaults_};
     Environment environment_{defaults_, identity_};
-    test::FakeHttpClient http_;
-    test::VirtualNetwork network_;
+    lab::FakeHttpClient http_;
+    lab::VirtualNetwork network_;
     BackendServices services_{http_,
                               identity_,
                               environment_,

@@ -13,6 +13,9 @@
 
 namespace telvora::test {
 
+using lab::FakeHttpClient;
+using lab::headerOf;
+
 namespace {
 
 std::string gunzip(std::string_view compressed) {

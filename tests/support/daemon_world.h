@@ -17,9 +17,9 @@
 #include "daemon/telvorad_agent.h"
 #include "platform/digest.h"
 #include "platform/entitlements.h"
+#include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/virtual_network.h"
+#include "telvora-lab/virtual_network.h"
 
 namespace telvora::test {
 
@@ -84,8 +84,8 @@ class DaemonWorld {
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // what every backend draws
     lab::TemporaryDirectory directory;
-    FakeHttpClient http;
-    VirtualNetwork network;
+    lab::FakeHttpClient http;
+    lab::VirtualNetwork network;
     asio::io_context runLoop;
     UserDefaults defaults;
     DeviceProperties properties;

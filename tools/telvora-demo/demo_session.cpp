@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "demo_session.h"
 
+#include <fcntl.h>
+
 #include <future>
 #include <stdexcept>
 
@@ -101,6 +103,13 @@ void DemoSession::sendAll(const std::vector<Report>& reports, size_t from, size_
 std::string DemoSession::flush() {
     const auto answer = await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
     return answer.error ? answer.error->description : std::string();
+}
+
+bool DemoSession::upload(const std::string& path) {
+    UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto token = await<std::string>(
+        [&](auto done) { session_->issueFileExtension(path, std::move(file), std::move(done)); });
+    return await<bool>([&](auto done) { session_->uploadFile("file://" + path, token, std::move(done)); });
 }
 
 void DemoSession::finish() {

@@ -38,6 +38,8 @@ class DemoSession {
     void sendAll(const std::vector<Report>& reports, size_t from, size_t to);
     // The daemon's error, or "".
     std::string flush();
+    // Whether the file has been uploaded. The daemon reads it through the descriptor that it is given.
+    bool upload(const std::string& path);
     void finish();
     // Sends the finish message and ends the connection.
     void finishAndClose();

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,25 @@ void browse(ClientRuntime& runtime, const std::string& socketPath) {
     session.finishAndClose();
 }
 
+// A file of a client's goes to the upload server, byte for byte, and then from the disk. What was wrong.
+std::vector<std::string> upload(ClientRuntime& runtime, const std::string& socketPath,
+                                const std::filesystem::path& file, const lab::UploadServer& server) {
+    std::string content(300'000, '\0');
+    for (size_t i = 0; i < content.size(); ++i)
+        content[i] = static_cast<char>(i * i >> 8);
+    std::ofstream(file, std::ios::binary) << content;
+
+    DemoSession session(runtime, socketPath, 6, "uploader", true);
+    const bool uploaded = session.upload(file);
+    const bool arrived = server.uploadCount() == 1 && server.uploads().front().body == content;
+    const bool vanished = !std::filesystem::exists(file);
+    say("5. A file of {} bytes: {}, {} at {}, {} from the disk\n", content.size(),
+        uploaded ? "uploaded" : "NOT uploaded", arrived ? "arrived byte for byte" : "NOT arrived",
+        server.uploadURL(), vanished ? "removed" : "NOT removed");
+    if (uploaded && arrived && vanished) return {};
+    return {"the upload of " + file.string()};
+}
+
 int report(const std::vector<Report>& reports, const lab::ReportingServer& server,
            std::vector<std::string> wrong) {
     for (std::string& problem : server.problems())
@@ -77,8 +98,12 @@ int run() {
     say("2. Servers: a signed bag at {}/dravik\n   reports go to {} and {}\n",
         (*laboratory)->bags().baseURL(), server.eventsURL(), server.realtimeURL());
 
-    lab::DaemonProcess daemon(lab::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
-                                                                (*laboratory)->bags().baseURL()));
+    const std::filesystem::path spool = directory.path() / "spool";  // where the daemon may remove files
+    std::filesystem::create_directory(spool);
+    auto options = lab::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
+                                                     (*laboratory)->bags().baseURL());
+    options.defaults.set("uploadDirectories", Array{spool.string()});
+    lab::DaemonProcess daemon(std::move(options));
     if (!daemon.waitUntilListening()) {
         for (const std::string& line : daemon.logLines())
             say("{}\n", line);
@@ -93,6 +118,9 @@ int run() {
         play(runtime, daemon.socketPath());
         browse(runtime, daemon.socketPath());
         wrong = call.hold(runtime, daemon.socketPath());
+        for (std::string& problem :
+             upload(runtime, daemon.socketPath(), spool / "trace.log", (*laboratory)->uploads()))
+            wrong.push_back(std::move(problem));
     }
 
     std::vector<Report> reports;
@@ -105,7 +133,7 @@ int run() {
         expected += each.path.empty() ? 0 : 1;
     server.waitForEvents(expected, lab::kPatience);
     const auto status = daemon.stop();  // by then nothing more can arrive
-    say("5. The daemon has ended with status {}\n", status.value_or(-1));
+    say("6. The daemon has ended with status {}\n", status.value_or(-1));
     const int result = report(reports, server, std::move(wrong));
     return status == 0 ? result : 1;
 }

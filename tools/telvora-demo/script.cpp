@@ -110,7 +110,8 @@ Dictionary demoBag() {
                         clientEntry("audio", 1.0), clientEntry("video", 1.0)};
     return {{"version", "demo-1"},
             {"refresh_cycle", 600},
-            {"release", Dictionary{{"httpPost", Dictionary{{"clients", clients}}}}}};
+            {"release", Dictionary{{"httpPost", Dictionary{{"clients", clients}}},
+                                   {"uploadServer", Dictionary{{"post_url", "@upload@"}}}}}};
 }
 
 std::vector<Report> reportsOf(const std::string& client) {

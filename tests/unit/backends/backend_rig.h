@@ -7,9 +7,9 @@
 #include <string>
 
 #include "backends/telvora_backend.h"
+#include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
-#include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
 
 namespace telvora::test {
@@ -31,7 +31,7 @@ struct BackendRig {
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};
     Environment environment{defaults, identity};
-    FakeHttpClient http;
+    lab::FakeHttpClient http;
     std::optional<std::string> country = "CH";
     double random = 0.3;
     BackendServices services{http,

@@ -10,6 +10,8 @@
 namespace telvora::test {
 namespace {
 
+using lab::FakeHttpClient;
+using lab::VirtualNetwork;
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;

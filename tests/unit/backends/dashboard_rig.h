@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "backends/dashboard_backend.h"
-#include "tests/support/virtual_network.h"
+#include "telvora-lab/virtual_network.h"
 #include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
@@ -60,7 +60,7 @@ struct DashboardRig : BackendRig {
         return numbers;
     }
 
-    VirtualNetwork network;
+    lab::VirtualNetwork network;
     LogCapture log;
 };
 

@@ -8,6 +8,7 @@
 namespace telvora::test {
 namespace {
 
+using lab::VirtualNetwork;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

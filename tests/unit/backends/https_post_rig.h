@@ -19,7 +19,7 @@ namespace telvora::test {
 struct HTTPSPostRig : BackendRig {
     explicit HTTPSPostRig(Dictionary deviceProperties = {}) : BackendRig(std::move(deviceProperties)) {
         setConsent(true);
-        http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(200); });
+        http.setHandler([](const HttpRequest&) { return lab::FakeHttpClient::response(200); });
     }
 
     // A bag's entry under which the rig's session reports.
@@ -60,7 +60,7 @@ struct HTTPSPostRig : BackendRig {
 
 // A request's body as plain text.
 inline std::string plainBody(const HttpRequest& request) {
-    if (headerOf(request, "Content-Encoding") != "gzip") return request.body;
+    if (lab::headerOf(request, "Content-Encoding") != "gzip") return request.body;
     std::string plain(size_t{4} << 20, '\0');
     z_stream stream{};
     EXPECT_EQ(inflateInit2(&stream, 31), Z_OK);

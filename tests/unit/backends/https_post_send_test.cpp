@@ -235,7 +235,7 @@ TEST(HTTPSPostSendTest, FlushTakesWhatTheListsAdmitWithTheUserInfoOfNow) {
     FlushResult result;
     const auto answer = rig.backend->flushMessagesWithCompletion(into(result));
     EXPECT_EQ(result.calls, 0);
-    ASSERT_TRUE(rig.http.complete(test::FakeHttpClient::response(200)));
+    ASSERT_TRUE(rig.http.complete(lab::FakeHttpClient::response(200)));
     EXPECT_EQ(result.calls, 1);
     ASSERT_TRUE(answer);
     EXPECT_EQ(result.answer, answer);

@@ -7,8 +7,8 @@
 namespace telvora {
 namespace {
 
-using test::FakeHttpClient;
-using test::headerOf;
+using lab::FakeHttpClient;
+using lab::headerOf;
 using test::LogCapture;
 using test::ReportingRig;
 using test::shared;

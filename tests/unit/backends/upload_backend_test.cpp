@@ -9,6 +9,8 @@
 namespace telvora::test {
 namespace {
 
+using lab::FakeHttpClient;
+
 struct UploadRig : BackendRig {
     UploadRig() {
         Peer peer;

@@ -3,15 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"
-#include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/config/bag_test_support.h"
 
 namespace telvora {
 namespace {
 
-using test::FakeHttpClient;
+using lab::FakeHttpClient;
 using Lines = std::vector<std::string>;
 
 const std::string kBase = "http://bags.test/b";
@@ -122,7 +122,7 @@ TEST(StorebagFetcher, HonoursLastModified) {
         EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result);
         EXPECT_EQ(f.status.notChanged, each.notChanged);
         EXPECT_EQ(f.status.lastModified, each.after);
-        EXPECT_EQ(test::headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
+        EXPECT_EQ(lab::headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
         Lines lines = log.lines();
         lines.erase(lines.begin());
         EXPECT_EQ(lines, each.log);

@@ -8,6 +8,9 @@
 namespace telvora::test {
 namespace {
 
+using lab::FakeHttpClient;
+using lab::headerOf;
+
 Dictionary bagOfVersion(const char* version, int refreshCycle) {
     return {{"version", version},
             {"refresh_cycle", refreshCycle},

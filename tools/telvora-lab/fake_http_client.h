@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An HttpClient without a network, for tests of what stands above it.
+// An HttpClient without a network, for what stands above it.
 #pragma once
 
 #include <condition_variable>
@@ -13,10 +13,10 @@
 
 #include "platform/http_client.h"
 
-namespace telvora::test {
+namespace telvora::lab {
 
 // Answers each request at once with what `handler` says, on the calling thread; without a handler, requests
-// are held until the test completes them. Every operation is callable from any thread.
+// are held until complete(). Every operation is callable from any thread.
 class FakeHttpClient : public HttpClient {
   public:
     using Handler = std::function<HttpResult(const HttpRequest&)>;
@@ -65,7 +65,7 @@ class FakeHttpClient : public HttpClient {
         const std::lock_guard lock(mutex_);
         return requests_.size();
     }
-    // Waits until there have been `count` requests; a test that hangs here is ended by its timeout.
+    // Waits until there have been `count` requests.
     void waitForRequests(size_t count) const {
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return requests_.size() >= count; });
@@ -98,4 +98,4 @@ inline std::string headerOf(const HttpRequest& request, std::string_view name) {
     return std::string(headersOnly.header(name).value_or(""));
 }
 
-}  // namespace telvora::test
+}  // namespace telvora::lab
