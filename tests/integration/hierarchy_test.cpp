@@ -315,7 +315,7 @@ TEST_F(Hierarchy, TakesSessionsThatJoinAndLeaveAllAtOnce) {
 
 TEST_F(Hierarchy, OneShotMessagesGiveTheirSessionTheirPlace) {
     const Session top = open(settingsFor(1, "t", 0));
-    auto send = start({TELVORACTL_PATH, "--socket", daemon().socketPath(), "send", "--client-type", "8",
+    auto send = start({TELVORACTL_PATH, "--socket", daemon().socketPath(), "oneshot", "--client-type", "8",
                        "--session-id", "2", "--client-name", "ctl", "--require-user-info",
                        "--hierarchy-token", "t", "--hierarchy-level", "1", "--category", "4", "--type", "7"});
     EXPECT_EQ(send->waitForExit(kPatience), 0);

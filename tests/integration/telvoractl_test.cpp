@@ -101,13 +101,20 @@ TEST_F(Telvoractl, SendsOneReport) {
     std::vector<std::string> report = plain;
     for (const char* more : {"a=b=c", "--payload", "n:=[1,{}]", "--payload-json", "{\"a\":1,\"j\":2.5}"})
         report.emplace_back(more);
-    const Result result = run(daemon().socketPath(), "send", report);
+    const Result result = run(daemon().socketPath(), "oneshot", report);
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, (std::vector<std::string>{"{\"outcome\":\"finished\"}"}));
+    EXPECT_EQ(result.output, (std::vector<std::string>{"outcome: finished"}));
     EXPECT_TRUE(reports().waitForEvents(1, kPatience));
     const std::vector<Dictionary> events = reports().events();
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
+
+    report.emplace_back("--json");
+    const Result sent = run(daemon().socketPath(), "send", report);
+    EXPECT_EQ(sent.status, 0);
+    ASSERT_EQ(sent.output.size(), 4u);  // states, answer, flush, finish
+    EXPECT_EQ(sent.output[0], "{\"reportingStates\":[\"httpPost\"]}");
+    EXPECT_TRUE(reports().waitForEvents(3, kPatience));  // with the daemon's own
 
     for (const char* payload : {"a", "=b", "a:=", "a:=nope"}) {
         std::vector<std::string> bad = plain;

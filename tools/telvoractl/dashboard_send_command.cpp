@@ -1,23 +1,37 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Reports to a dashboard's collector, without a daemon: sessions don't use this way of sending.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <future>
 #include <thread>
 
 #include "backends/dashboard_backend.h"
-#include "commands.h"
-#include "json.h"
+#include "output.h"
 #include "platform/directories.h"
 #include "platform/locale.h"
+#include "session_options.h"
 #include "telvora/keys.h"
-#include "util/log.h"
 
 namespace telvora::ctl {
 
 namespace {
+
+// Where a dashboard's reports go and who they are from.
+struct DashboardOptions {
+    std::string collector;          // ADDRESS:PORT
+    bool unreliable = false;        // as a bag without "reliable" has it
+    std::optional<int64_t> period;  // as a bag with this "reliable" has it, in milliseconds
+    int32_t componentType = 0;
+    uint32_t sessionID = 1;
+    uint16_t clientVersion = 0;
+    std::string selfVersion = "1.0";
+    std::optional<std::string> deviceID;  // absent: the device's own
+    uint16_t firstEventNumber = 1;
+    uint32_t count = 1;
+    uint32_t interval = 0;  // milliseconds
+};
 
 struct Collector {
     std::string address;
@@ -84,20 +98,35 @@ void setIdentity(DashboardBackend& backend, const Outside& outside, const Dashbo
     backend.setUdid(udid);
 }
 
-void printLogLine(int /*level*/, std::string_view line) {
-    std::fprintf(stderr, "telvoractl: %.*s\n", static_cast<int>(line.size()), line.data());
+void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
+    command.add_option("--collector", options.collector, "ADDRESS:PORT, IPv4")->required();
+    command.add_option("--period", options.period,
+                       "Configure as a bag with this \"reliable\" does: milliseconds of the retransmission "
+                       "timer; without, as no bag does: 500 ms");
+    command.add_flag("--unreliable", options.unreliable, "Configure as a bag without \"reliable\" does")
+        ->excludes("--period");
+    command.add_option("--component", options.componentType, "Component type")->capture_default_str();
+    command.add_option("--session-id", options.sessionID, "Session ID")->capture_default_str();
+    command.add_option("--client-version", options.clientVersion, "Client version")->capture_default_str();
+    command.add_option("--framework-version", options.selfVersion, "Version of the reporting framework")
+        ->capture_default_str();
+    command.add_option("--device", options.deviceID,
+                       "Device identifier, of which 40 characters count; default: this device's");
+    command.add_option("--first-number", options.firstEventNumber, "Event number of the first report")
+        ->capture_default_str();
+    command.add_option("--count", options.count, "How many reports")->capture_default_str();
+    command.add_option("--interval", options.interval, "Milliseconds from one to the next")
+        ->capture_default_str();
 }
 
-}  // namespace
-
-int runDashboardSend(const DashboardOptions& options, const ReportOptions& report) {
-    const auto payload = payloadOf(report);
-    if (!payload) return fail(kBadInput, payload.error());
+int runDashboardSend(const DashboardOptions& options, const ReportOptions& report, const Printer& print) {
+    const auto given = report.payloadOrNothing();
+    if (!given) return fail(kBadInput, given.error());
+    const Dictionary payload = given->value_or(Dictionary());
     const auto collector = collectorIn(options.collector);
     if (!collector) return fail(kBadInput, "--collector wants ADDRESS:PORT, not " + options.collector);
 
-    setLogThreshold(kLogWarning);
-    setLogSink(printLogLine);
+    logToStandardError();
     const Outside outside;
     const auto backend = makeBackend(outside, *collector, options);
     if (!backend) return fail(kBadInput, "no way to the collector");
@@ -108,12 +137,31 @@ int runDashboardSend(const DashboardOptions& options, const ReportOptions& repor
         std::this_thread::sleep_until(next);
         next += std::chrono::milliseconds(options.interval);
         const EventID number{static_cast<uint16_t>(options.firstEventNumber + i)};
-        printLine("sent", backend->sendMessage(*payload, timeOfDay(), report.category, report.type, number));
+        print("sent", backend->sendMessage(payload, timeOfDay(), report.category, report.type, number));
     }
     std::promise<void> closed;
     backend->cleanup([&closed] { closed.set_value(); });
     closed.get_future().wait();
     return kDone;
+}
+
+}  // namespace
+
+Command addDashboardSendCommand(CLI::App& app, const CommonOptions& common) {
+    struct Options {
+        DashboardOptions dashboard;
+        ReportOptions report;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("dashboard-send", "Send reports to a dashboard's collector");
+    command->footer(
+        "The reports go out from this process, without the daemon, whose sessions never send there. Prints\n"
+        "each; ends when all are acknowledged or given up.");
+    addDashboardOptions(*command, options->dashboard);
+    addReportOptions(*command, options->report);
+    return {command, [options, &common] {
+                return runDashboardSend(options->dashboard, options->report, Printer(common.json));
+            }};
 }
 
 }  // namespace telvora::ctl

@@ -92,6 +92,13 @@ void printObject(const char* name, Write write) {
 
 }  // namespace
 
+std::string toJson(const PropertyList& value) {
+    rapidjson::StringBuffer buffer;
+    Writer out(buffer);
+    std::visit(ValueWriter{out}, value.value());
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
 void printLine(const char* name, const std::optional<std::string>& value) {
     printObject(name, [&](Writer& out) { writeOrNull(out, value); });
 }

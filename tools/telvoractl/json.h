@@ -12,6 +12,9 @@
 
 namespace telvora::ctl {
 
+// The value as JSON without line feeds.
+std::string toJson(const PropertyList& value);
+
 // Prints {"name": value} lines to standard output; each line goes out at once and whole. A value of nothing
 // is null. Thread-safe.
 void printLine(const char* name, const std::optional<std::string>& value);

@@ -1,153 +1,123 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The reports are pipelined: the next line is sent while earlier ones wait for their answers. Answers come in
-// the order of the lines.
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+// Reports and commands from the lines of standard input. The reports are pipelined: the next line is sent
+// while earlier ones wait for their answers. Answers come in the order of the lines.
+#include <unistd.h>
 
-#include "commands.h"
-#include "json.h"
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+
 #include "json/report_json.h"
+#include "session_run.h"
 
 namespace telvora::ctl {
 
 namespace {
 
-constexpr size_t kMaxWaiting = 512;
+constexpr char kLineHelp[] =
+    "Each line of standard input is a report or a word:\n"
+    "  {\"category\":1,\"type\":2,\"payload\":{\"key\":\"value\"},\"flag\":0}\n"
+    "               payload and flag may be left out; flag 1 sends at once, 2 promotes\n"
+    "  flush        posts what is batched\n"
+    "  states       tells which backends report\n"
+    "  upload PATH  hands over a file\n"
+    "  finish       flushes and finishes the session, as the end of the input does";
 
-// Counts calls that wait for their answer, and keeps the first failure.
-class Answers {
+// Reads lines for a session and does what they say.
+class Lines {
   public:
-    explicit Answers(double timeout) : timeout_(timeout) {}
+    Lines(SessionRun& session, bool interactive) : session_(session), interactive_(interactive) {}
 
-    // Before a call is made: waits for room. False when no answer came for too long, or a call has failed.
-    bool expectOne() {
-        std::unique_lock lock(mutex_);
-        if (!waitUntil(lock, kMaxWaiting - 1)) return false;
-        ++waiting_;
-        return true;
-    }
-    // Waits for all of them; false likewise.
-    bool wait() {
-        std::unique_lock lock(mutex_);
-        return waitUntil(lock, 0);
-    }
-    // A completion that hands the answer to `use` on success.
-    template <typename T, typename Use>
-    Completion<T> completion(Use use) {
-        return [this, use = std::move(use)](tl::expected<T, CallFailure> answer) {
-            if constexpr (std::is_void_v<T>) {
-                if (answer) use();
-            } else {
-                if (answer) use(*answer);
-            }
-            const std::lock_guard lock(mutex_);
-            --waiting_;
-            if (!answer && !failure_) failure_ = answer.error();
-            changed_.notify_all();
-        };
-    }
-    // Why expectOne() or wait() said no, as an exit status with a line on standard error.
-    int report() {
-        const std::lock_guard lock(mutex_);
-        if (!failure_) return fail(kNoAnswer, "the daemon did not answer");
-        const bool lost = failure_->kind == CallFailure::Kind::kConnectionLost;
-        return fail(lost ? kDaemonMissing : kNotReported, failure_->message);
-    }
-
-  private:
-    bool waitUntil(std::unique_lock<std::mutex>& lock, size_t limit) {
-        while (waiting_ > limit && !failure_) {
-            const size_t before = waiting_;
-            const bool moved = changed_.wait_for(lock, std::chrono::duration<double>(timeout_),
-                                                 [&] { return waiting_ != before || failure_; });
-            if (!moved) return false;
-        }
-        return !failure_;
-    }
-
-    const double timeout_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    size_t waiting_ = 0;
-    std::optional<CallFailure> failure_;
-};
-
-class SessionRun {
-  public:
-    SessionRun(const SessionOptions& options, ClientSession& session, Answers& answers)
-        : options_(options), session_(session), answers_(answers) {}
-
-    int configure() {
-        answers_.expectOne();
-        session_.setSessionInfo(options_.sessionInfo(), options_.userInfo(), options_.frameworks,
-                                answers_.completion<void>([] {}));
-        answers_.expectOne();
-        session_.startConfig(answers_.completion<ReportingStates>(
-            [this](const ReportingStates& answer) { states_ = answer; }));
-        if (!answers_.wait()) return answers_.report();
-        printLine("reportingStates", states_);
-        return states_ ? kDone : fail(kNotReported, "the daemon has no configuration for this client type");
-    }
-
-    int reportLines(std::istream& input) {
+    // Until the end of the input or of the session. A line that is wrong ends it, but for people at a
+    // terminal.
+    int read(std::istream& input) {
+        int result = kDone;
         std::string line;
-        for (size_t number = 1; std::getline(input, line); ++number) {
-            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-            auto message = messageOfJson(line);
-            if (!message) {
-                answers_.wait();  // those before it were sent, and have their answers printed
-                return fail(kBadInput, "line " + std::to_string(number) + ": " + message.error());
-            }
-            if (!answers_.expectOne()) return answers_.report();
-            session_.sendMessage(std::move(*message),
-                                 answers_.completion<std::optional<std::string>>(
-                                     [](const auto& answer) { printLine("answer", answer); }));
+        for (size_t number = 1; prompt(), std::getline(input, line); ++number) {
+            line.erase(line.find_last_not_of(" \t\r") + 1);
+            line.erase(0, line.find_first_not_of(" \t"));
+            if (line.empty()) continue;
+            if (line == "finish") break;
+            const int status = obey(line, interactive_ ? "" : "line " + std::to_string(number) + ": ");
+            if (status == kNotDone && !interactive_) result = status;
+            if (status == kDone || status == kNotDone || (interactive_ && status == kBadInput)) continue;
+            return status;
         }
-        return answers_.wait() ? kDone : answers_.report();
-    }
-
-    int finish() {
-        answers_.expectOne();
-        session_.flushMessages(
-            answers_.completion<FlushAnswer>([](const auto& answer) { printLine("flush", answer); }));
-        if (!answers_.wait()) return answers_.report();
-        answers_.expectOne();
-        session_.finishSession(answers_.completion<std::optional<std::string>>(
-            [](const auto& answer) { printLine("finish", answer); }));
-        return answers_.wait() ? kDone : answers_.report();
+        const int waited = session_.wait();
+        return waited != kDone ? waited : result;
     }
 
   private:
-    const SessionOptions& options_;
-    ClientSession& session_;
-    Answers& answers_;
-    ReportingStates states_;
+    int obey(const std::string& line, const std::string& place) {
+        const std::string word = line.substr(0, line.find_first_of(" \t"));
+        const bool isWord = word == "flush" || word == "states" || word == "upload" || word == "help";
+        // What came before has its answers printed first.
+        auto message = isWord ? Dictionary() : messageOfJson(line);
+        if (isWord || !message) {
+            if (const int waited = session_.wait(); waited != kDone) return waited;
+        }
+        if (!message) return fail(kBadInput, place + message.error());
+        if (!isWord) return send(std::move(*message));
+
+        const std::string rest =
+            line.substr(std::min(line.find_first_not_of(" \t", word.size()), line.size()));
+        if (rest.empty() == (word == "upload")) {
+            return fail(kBadInput, place + word + (rest.empty() ? " wants a path" : " stands alone"));
+        }
+        if (word == "flush") return session_.flush();
+        if (word == "states") return session_.states();
+        if (word == "upload") return session_.upload(rest);
+        std::puts(kLineHelp);
+        return kDone;
+    }
+
+    int send(Dictionary message) {
+        const int sent = session_.send(std::move(message));
+        if (sent != kDone) return sent;
+        if (interactive_) return session_.wait();
+        progress_.show(std::to_string(++reports_) + " reports");
+        return kDone;
+    }
+
+    void prompt() const {
+        if (!interactive_) return;
+        std::fputs("> ", stdout);
+        std::fflush(stdout);
+    }
+
+    SessionRun& session_;
+    const bool interactive_;
+    size_t reports_ = 0;
+    Progress progress_{isatty(STDOUT_FILENO) == 0};
 };
+
+int runSession(const SessionOptions& options, const CommonOptions& common, bool aggregate) {
+    const bool interactive = isatty(STDIN_FILENO) != 0 && !common.json;
+    SessionRun session(options, Printer(!interactive));
+    int status = session.open(common.socket(), aggregate);
+    if (status != kDone) return status;
+    if (interactive) std::puts(kLineHelp);
+    status = Lines(session, interactive).read(std::cin);
+    if (status == kDaemonMissing || status == kNoAnswer) return status;
+    const int left = session.leave();  // what was reported before a bad line is not lost for it
+    return status != kDone ? status : left;
+}
 
 }  // namespace
 
-int runSession(const SessionOptions& options, std::istream& input) {
-    Answers answers(options.timeout);  // outlives the runtime, whose thread uses it to the last
-    std::optional<SessionRun> run;     // likewise
-    ClientRuntime runtime;
-    ClientSession::Handlers handlers;
-    if (options.aggregate) {
-        handlers.aggregationBlock = [](const AggregatedMessage& message) {
-            printLine("aggregated", message);
-        };
-    }
-    const auto session = ClientSession::connect(runtime, options.socketPath, std::move(handlers));
-    if (!session) return fail(kDaemonMissing, session.error());
-
-    run.emplace(options, **session, answers);
-    int status = run->configure();
-    if (status != kDone) return status;
-    status = run->reportLines(input);
-    if (status != kDone && status != kBadInput) return status;
-    const int finished = run->finish();  // what was reported before a bad line is not lost for it
-    return status != kDone ? status : finished;
+Command addSessionCommand(CLI::App& app, const CommonOptions& common) {
+    struct Options {
+        SessionOptions session;
+        bool aggregate = false;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("session", "Run a session from the lines of standard input");
+    command->footer(std::string(kLineHelp) +
+                    "\nEach answer is printed: at a terminal as text, else as a line of JSON.");
+    addSessionOptions(*command, options->session);
+    command->add_flag("--aggregate", options->aggregate, "Ask for the session's messages and print them");
+    return {command, [options, &common] { return runSession(options->session, common, options->aggregate); }};
 }
 
 }  // namespace telvora::ctl

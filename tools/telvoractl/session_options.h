@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The options of the commands that report: who does, and what.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <tl/expected.hpp>
+#include <vector>
+
+#include "command.h"
+#include "platform/property_list.h"
+
+namespace telvora::ctl {
+
+// Who reports. Options that were not given are absent and not sent.
+struct SessionOptions {
+    int64_t clientType = 0;
+    int64_t sessionID = 0;
+    std::optional<int64_t> clientVersion;
+    bool batch = false;
+    bool requireUserInfo = false;
+    std::optional<std::string> hierarchyToken;
+    int64_t hierarchyLevel = 0;
+    std::optional<std::string> clientName;
+    std::optional<std::string> serviceName;
+    std::vector<std::string> frameworks;
+    double timeout = 0;  // seconds for one answer
+
+    Dictionary sessionInfo() const;
+    std::optional<Dictionary> userInfo() const;
+};
+
+struct ReportOptions {
+    uint16_t category = 0;
+    uint16_t type = 0;
+    std::vector<std::string> payload;  // KEY=TEXT or KEY:=JSON
+    std::optional<std::string> payloadJson;
+
+    // The payload, or what is wrong with it; an absent one when no option gave any.
+    tl::expected<std::optional<Dictionary>, std::string> payloadOrNothing() const;
+};
+
+void addSessionOptions(CLI::App& command, SessionOptions& options);
+void addReportOptions(CLI::App& command, ReportOptions& report);
+
+}  // namespace telvora::ctl

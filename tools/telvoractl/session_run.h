@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// SessionRun: one session with the daemon, as the commands that need one go through it. Each operation
+// returns a Status, and says on standard error what went wrong.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "answers.h"
+#include "client/client_session.h"
+#include "output.h"
+#include "session_options.h"
+
+namespace telvora::ctl {
+
+class SessionRun {
+  public:
+    SessionRun(const SessionOptions& options, const Printer& print)
+        : options_(options), print_(print), answers_(options.timeout) {}
+
+    // Connects, configures the session and prints its reporting states. With `aggregate`, prints the messages
+    // that the session is asked to aggregate from then on.
+    int open(const std::string& socket, bool aggregate = false);
+
+    // Sends one report. Does not wait for its answer, which is printed when it comes: reports are pipelined.
+    int send(Dictionary message);
+    // Waits for the answers to all reports.
+    int wait();
+
+    // Each prints its answer.
+    int states();
+    int flush();
+    int finish();
+    // Flushes and finishes.
+    int leave();
+    // Hands a file to the daemon for its upload.
+    int upload(const std::string& path);
+
+  private:
+    template <typename T, typename Call>
+    int ask(Call call, const std::string& what, T& answer);
+
+    const SessionOptions& options_;
+    const Printer print_;
+    // In the order in which they can go: the session, the thread that runs its callbacks, what these use.
+    Answers answers_;
+    ClientRuntime runtime_;
+    std::unique_ptr<ClientSession> session_;
+};
+
+}  // namespace telvora::ctl
