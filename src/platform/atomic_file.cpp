@@ -37,7 +37,8 @@ bool syncDirectory(const std::filesystem::path& directory) {
 }  // namespace
 
 tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, std::string_view content) {
-    std::string temporary = path.parent_path() / ".";
+    const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
+    std::string temporary = directory / ".";
     temporary += path.filename().string() + ".XXXXXX";
     const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return failure("mkostemp");
@@ -51,7 +52,7 @@ tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, s
         unlink(temporary.c_str());
         return reason;
     }
-    if (!syncDirectory(path.parent_path())) return failure("fsync of the directory");
+    if (!syncDirectory(directory)) return failure("fsync of the directory");
     return {};
 }
 

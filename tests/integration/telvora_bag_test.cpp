@@ -38,7 +38,7 @@ class TelvoraBag : public testing::Test {
     std::string path(const std::string& name) const { return directory_.path() / name; }
     void write(const std::string& name, const std::string& content) { directory_.write(name, content); }
     Result run(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), TELVORA_BAG_PATH);
+        arguments.insert(arguments.begin(), {"/usr/bin/env", "-C", directory_.path(), TELVORA_BAG_PATH});
         ChildProcess process({arguments, {}, false});
         const int status = process.waitForExit(kPatience).value_or(-1);
         return {status, text(process.output()), text(process.errors())};
@@ -69,6 +69,16 @@ TEST_F(TelvoraBag, SignsWhatItThenVerifiesAndShows) {
     ASSERT_EQ(stat(path("key.pem").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 
+    // JSON is signed as the property list that it stands for, and a file's name needs no directory.
+    write("bag.json", R"({"version": "7.1", "release": {"dashboard": {"port": 0}}})");
+    ASSERT_EQ(run({"sign", "--key", "key.pem", "bag.json", "json.signed"}).status, 0);
+    const Result json = run({"verify", "--public", "public.der", "json.signed"});
+    EXPECT_NE(json.output.find("version 7.1"), std::string::npos) << json.errors;
+    const Result linted = run({"lint", "json.signed"});
+    EXPECT_EQ(linted.status, 1);
+    EXPECT_NE(linted.output.find("release/dashboard/port: error: "), std::string::npos) << linted.output;
+    EXPECT_EQ(run({"lint", "--json", path("bag.plist")}).output, "{\"findings\":[]}\n");
+
     ASSERT_EQ(run({"keygen", "--key", path("other.pem"), "--public", path("other.der")}).status, 0);
     const Result foreign = run({"verify", "--public", path("other.der"), path("signed")});
     EXPECT_EQ(foreign.status, 1);
@@ -94,6 +104,8 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
         {{"sign", "--key", key, path("text"), out}, "no property list"},
         {{"sign", "--key", key, path("array.plist"), out}, "no dictionary"},
         {{"sign", "--key", key, path("bag.plist"), path("nowhere/out")}, "nowhere"},
+        {{"sign", "--key", key, path("signed"), out}, "signed document already"},
+        {{"lint", path("text")}, "no property list"},
         {{"verify", "--public", key, path("signed")}, "no RSA public key"},
         {{"verify", "--public", der, path("bag.plist")}, "bag.plist: "},
         {{"show", path("absent")}, "can't be read"},

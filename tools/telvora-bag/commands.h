@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What telvora-bag does. Each command returns the exit status: 0 done, 1 the signature does not verify, 2 bad
-// input or a file that can't be read or written, with a message on standard error.
+// What telvora-bag does. Each command returns the exit status (documents.h); what is wrong goes to standard
+// error. Files that are written are written whole or not at all.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ namespace telvora::bag {
 // goes into the client framework as publicKey.der.
 int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits);
 
-// Signs a property list, whose bytes are kept as they are.
+// Signs a bag. The bytes of a property list are kept as they are, JSON becomes XML.
 int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile);
 
 // Checks a signed document and says which bag it holds.
@@ -20,5 +20,8 @@ int verify(const std::string& publicKeyFile, const std::string& signedFile);
 
 // Prints the inner bag of a signed document, or a bag that is not signed, as XML. Checks no signature.
 int show(const std::string& file);
+
+// Prints what is wrong with a bag, signed or not, a line or a JSON object each.
+int lint(const std::string& file, bool json);
 
 }  // namespace telvora::bag

@@ -4,18 +4,31 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "commands.h"
+#include "telvora-bag/commands.h"
+#include "telvora-bag/documents.h"
+
+namespace {
+
+constexpr char kFooter[] =
+    "A bag is a property list, XML or binary, or JSON. A file named '-' is standard input or output.\n"
+    "Exit status: 0 done; 1 the signature does not verify, or lint has findings; 2 a bad command line, input "
+    "that "
+    "can't be read, or output that can't be written. Nothing is written half.";
+
+}  // namespace
 
 int main(int argc, char** argv) {
-    constexpr int kUsageError = 2;
+    using namespace telvora;
     int bits = 2048;
+    bool json = false;
     std::string privateKey;
     std::string publicKey;
     std::string input;
     std::string output;
 
-    CLI::App app("Makes, signs and checks storebags.\nA file named '-' is standard input or output.");
+    CLI::App app("Makes, signs, checks and explains storebags.");
     app.require_subcommand(1);
+    app.footer(kFooter);
 
     CLI::App* keygen = app.add_subcommand("keygen", "Make a key pair for signing bags");
     keygen->add_option("--key", privateKey, "Where the private key goes (PEM)")->required();
@@ -24,27 +37,30 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(2048, 8192))
         ->capture_default_str();
 
-    CLI::App* sign = app.add_subcommand("sign", "Sign a bag");
+    CLI::App* sign = app.add_subcommand("sign", "Sign a bag, and print its version and checksums");
     sign->add_option("--key", privateKey, "The private key (PEM)")->required();
-    sign->add_option("bag", input, "The bag: a property list, XML or binary")->required();
+    sign->add_option("bag", input, "The bag")->required();
     sign->add_option("signed", output, "Where the signed document goes")->required();
 
-    CLI::App* verify =
-        app.add_subcommand("verify", "Check a signed document; exit status 1: it does not verify");
+    CLI::App* verify = app.add_subcommand("verify", "Check the signature of a signed document");
     verify->add_option("--public", publicKey, "The public key (DER)")->required();
     verify->add_option("signed", input, "The signed document")->required();
 
     CLI::App* show = app.add_subcommand("show", "Print a bag, signed or not, without checking a signature");
     show->add_option("file", input, "The document")->required();
 
+    CLI::App* lint = app.add_subcommand("lint", "Print what is wrong with a bag, signed or not");
+    lint->add_option("file", input, "The document")->required();
+    lint->add_flag("--json", json, "Print the findings as JSON");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
+        return app.exit(error) == 0 ? 0 : bag::kBadInput;
     }
-    using namespace telvora;
     if (keygen->parsed()) return bag::keygen(privateKey, publicKey, bits);
     if (sign->parsed()) return bag::sign(privateKey, input, output);
     if (verify->parsed()) return bag::verify(publicKey, input);
+    if (lint->parsed()) return bag::lint(input, json);
     return bag::show(input);
 }

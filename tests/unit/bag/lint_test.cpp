@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-bag/lint.h"
+
+#include <gmock/gmock.h>
+
+#include "json/json_reader.h"
+#include "platform/digest.h"
+
+namespace telvora::bag {
+namespace {
+
+Dictionary json(std::string_view text) {
+    const auto parsed = parseJson(text);
+    EXPECT_TRUE(parsed) << text << ": " << (parsed ? "" : parsed.error());
+    return parsed ? *parsed->getIf<Dictionary>() : Dictionary();
+}
+
+std::vector<std::string> lines(const std::vector<Finding>& findings) {
+    std::vector<std::string> all;
+    for (const Finding& f : findings)
+        all.push_back(f.path + (f.severity == Severity::error ? ": error: " : ": warning: ") + f.text);
+    return all;
+}
+
+Dictionary bagWith(Dictionary section) {
+    return {{"version", "1"}, {"release", std::move(section)}};
+}
+
+const char kGoodClient[] = R"({"client": "app", "locale_whitelist": "DE,ch", "filters": [],
+    "sampling_threshold": 0.5, "event_threshold": 49, "post_url": "https://reports.example/"})";
+
+Dictionary bagWithClients(Array clients) {
+    return bagWith({{"httpPost", Dictionary{{"clients", std::move(clients)}}}});
+}
+
+TEST(Lint, FindsWhatIsWrongWithAnEntry) {
+    const struct {
+        const char* changes;  // to the good entry; a finding's path begins within the entry
+        std::vector<std::string> findings;
+    } cases[] = {
+        {R"({})", {}},
+        {R"({"Event_whitelist": [1]})",
+         {"/Event_whitelist: error: the unknown key is ignored; did you mean \"event_whitelist\"?"}},
+        {R"({"locale_whitelist": 1})",
+         {"/locale_whitelist: error: is a number, should be: text with commas; counts as absent: every "
+          "session "
+          "is refused that requires user info"}},
+        {R"({"locale_whitelist": ""})",
+         {"/locale_whitelist: error: is empty, which is not the same as absent: it fits nothing"}},
+        {R"({"locale_whitelist": "DE, CH,x,USA"})",
+         {"/locale_whitelist: error: \" CH\" keeps its blanks and fits only what has them too",
+          "/locale_whitelist: warning: \"x\" fits every country with that letter",
+          "/locale_whitelist: error: \"USA\" is in no country's code: it fits nothing"}},
+        {R"({"enabledSince": "3.256"})",
+         {"/enabledSince: error: \"256\" is not one of the numbers 0 to 255 and counts as another one"}},
+        {R"({"enabledSince": "3.2.1.0"})", {"/enabledSince: warning: only the first three numbers count"}},
+        {R"({"sampling_threshold": 1.5, "override_sampling": -0.25})",
+         {"/override_sampling: error: -0.25 is outside of 0 to 1",
+          "/sampling_threshold: error: 1.5 is outside of 0 to 1"}},
+        {R"({"override_sampling": 0.25})",
+         {"/override_sampling: warning: is below sampling_threshold: it does what 0 would do, no session is "
+          "ever "
+          "held"}},
+        {R"({"override_dnu": 2, "custom_clientId": false, "expedite": true})",
+         {"/override_dnu: error: 2 is outside of 0 to 1",
+          "/custom_clientId: warning: its presence counts, not its value: this says yes"}},
+        {R"({"post_url": "reports.example"})",
+         {"/post_url: error: nothing can be sent to it: URL is not an absolute http or https URL"}},
+        {R"({"realtime_post_url": "http://reports.example/"})",
+         {"/realtime_post_url: warning: is not https: everybody on the way can read what is sent"}},
+        {R"({"event_whitelist": [1, "2", 70000]})",
+         {"/event_whitelist[1]: error: is text, should be: number",
+          "/event_whitelist[2]: error: 70000 is outside of 0 to 65535"}},
+        {R"({"event_whitelist": []})",
+         {"/event_whitelist: error: is empty, which is not the same as absent: nothing passes"}},
+        {R"({"event_whitelist": [1, 3], "event_blacklist": [3, 4]})",
+         {"/event_whitelist: error: 3 is on event_blacklist too: it does not pass",
+          "/event_blacklist: warning: 4 does nothing: it is not on event_whitelist"}},
+        {R"({"filters": [{"action": "remove"}, {"key": "", "action": "sha256"}, {"key": "a", "action": "Remove"}]})",
+         {"/filters[0]/key: error: absent: the filter fits no key",
+          "/filters[1]/key: error: is empty: it fits no key",
+          "/filters[2]/action: error: \"Remove\" is neither \"remove\" nor \"sha256\": the key is kept"}},
+        {R"({"filters": [{"key": "ip", "action": "keep", "method": 5}, {"key": "IP", "action": "remove"},
+                         {"key": "ip", "action": "sha256", "method": 6}]})",
+         {"/filters[2]: error: is never reached: filters[1] decides about all its keys"}},
+        {R"({"filters": [{"key": "ip", "action": "remove", "method": 5}], "event_whitelist": [6]})",
+         {"/filters[0]/method: warning: reports of category 5 are not sent: see the event lists"}},
+        {R"({"per_country_sampling_thresholds": [{"country": ["DE", "ch"], "threshold": 1.5}, {"country": ["DE", "FR"]},
+                                                 {"country": [], "threshold": 1}]})",
+         {"/per_country_sampling_thresholds[0]/threshold: error: 1.5 is outside of 0 to 1",
+          "/per_country_sampling_thresholds[1]/threshold: error: absent: the sessions of these countries are "
+          "refused",
+          "/per_country_sampling_thresholds[0]/country: error: \"ch\" is no country's code in capital "
+          "letters: it "
+          "fits nothing",
+          "/per_country_sampling_thresholds[1]/country: error: \"DE\" is never reached: element 0 has it "
+          "already",
+          "/per_country_sampling_thresholds[1]/country: error: \"FR\" is never reached: it is not in "
+          "locale_whitelist",
+          "/per_country_sampling_thresholds[2]/country: error: is empty: the element fits no country"}},
+    };
+    for (const auto& c : cases) {
+        Dictionary client = json(kGoodClient);
+        client.merge(json(c.changes));
+        std::vector<std::string> expected = c.findings;
+        for (std::string& finding : expected)
+            finding.insert(0, "release/httpPost/clients[0]");
+        EXPECT_EQ(lines(lintBag(bagWithClients({client}))), expected) << c.changes;
+    }
+    EXPECT_THAT(lines(lintBag(bagWithClients({Dictionary()}))),
+                testing::Contains(
+                    "release/httpPost/clients[0]/locale_whitelist: error: absent: every session is refused "
+                    "that requires user info"));
+}
+
+TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
+    const std::string all = "[1]: error: is never used: clients[0] takes all its sessions";
+    const std::string none = "[1]: error: is never used: entries before it take all its sessions";
+    const struct {
+        const char* first;
+        const char* second;
+        std::vector<std::string> findings;
+    } cases[] = {
+        {R"({})", R"({"client": "a"})", {none}},
+        {R"({})", R"({})", {all}},
+        {R"({"client": "a"})", R"({})", {}},
+        {R"({"client": "A,b"})", R"({"client": "a"})", {none}},
+        {R"({"client": "a"})",
+         R"({"client": "a,b"})",
+         {"[1]/client: error: never used for \"a\": clients[0] takes its sessions"}},
+        {R"({"service": "net"})", R"({"service": "network,NETS"})", {all}},
+        {R"({"service": "network"})", R"({"service": "net"})", {}},
+        {R"({"enabledSince": "3.1"})", R"({"enabledSince": "3.2"})", {all}},
+        {R"({"enabledSince": "3.2"})", R"({"enabledSince": "3.1"})", {}},
+        {R"({"enabledSince": "3.2"})",
+         R"({"expedite": 1})",
+         {"[1]/expedite: error: is never looked at: clients[0] is the first entry of these names"}},
+    };
+    for (const auto& c : cases) {
+        Array clients;
+        for (const char* changes : {c.first, c.second}) {
+            Dictionary client = json(kGoodClient);
+            client.erase("client");
+            client.merge(json(changes));
+            clients.emplace_back(std::move(client));
+        }
+        std::vector<std::string> expected = c.findings;
+        for (std::string& finding : expected)
+            finding.insert(0, "release/httpPost/clients");
+        EXPECT_EQ(lines(lintBag(bagWithClients(std::move(clients)))), expected) << c.first << c.second;
+    }
+}
+
+TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
+    const struct {
+        const char* document;
+        std::vector<std::string> findings;
+    } cases[] = {
+        {R"({"version": "1", "refresh_cycle": 3600, "release": {"vodex": {"active": true}, "joulemark": {}}})",
+         {}},
+        {R"({"refresh_cycle": 100000, "beta": {}})",
+         {"beta: error: the unknown key is ignored", "refresh_cycle: error: 100000 is outside of 1 to 86400",
+          "version: warning: absent: sessions end without naming the bag that configured them",
+          "release: warning: absent: no configuration on the devices of ordinary users"}},
+        {R"({"version": "1", "release": {"httpPots": {}, "uploadServer": {}, "httpPost": {"clients": []},
+             "dashboard": {"ip": "collector", "port": 65536}}})",
+         {"release/dashboard/ip: error: \"collector\" is no IPv4 address: the backend is not made",
+          "release/dashboard/port: error: 65536 is outside of 1 to 65535",
+          "release/httpPost/clients: error: is empty: every session that requires user info is refused",
+          "release/httpPots: error: the unknown key names no backend and is passed over; did you mean "
+          "\"httpPost\"?",
+          "release/uploadServer/post_url: error: absent: the backend is not made"}},
+        {R"({"bag": "?", "Signature": "AAAA"})",
+         {"Signature: error: the unknown key is ignored; did you mean \"signature\"?",
+          "bag: error: is not base64: the document is refused",
+          "signature: error: absent: the document is refused"}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(lines(lintDocument(json(c.document))), c.findings) << c.document;
+
+    const Dictionary aSignedOne{{"bag", base64Encode("{}")}, {"signature", "AAAA"}};
+    EXPECT_THAT(lines(lintDocument(aSignedOne)),
+                testing::ElementsAre(testing::StartsWith("bag: error: bag: no property list")));
+}
+
+}  // namespace
+}  // namespace telvora::bag

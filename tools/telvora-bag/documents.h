@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The documents that telvora-bag reads and writes. A failure is a message for people that begins with the
+// file's name. "-" is standard input or output.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tl/expected.hpp>
+
+#include "platform/property_list.h"
+
+namespace telvora::bag {
+
+// Exit statuses.
+enum Status : int {
+    kDone = 0,
+    kFound = 1,  // the signature does not verify; lint has findings
+    kBadInput = 2,
+};
+
+// Prints "telvora-bag: message" to standard error and returns kBadInput.
+int complain(const std::string& message);
+
+// The bytes of a file, at most as many as a property list may have.
+tl::expected<std::string, std::string> readFile(const std::string& path);
+
+enum class Access { owner, everybody };
+// Writes a file whole or not at all.
+tl::expected<void, std::string> writeFile(const std::string& path, std::string_view content,
+                                          Access access = Access::everybody);
+
+// The dictionary that a document holds: a property list, XML or binary, or JSON.
+tl::expected<Dictionary, std::string> parseDictionary(const std::string& path, std::string_view document);
+tl::expected<Dictionary, std::string> readDictionary(const std::string& path);
+// Whether it can only be JSON.
+bool isJson(std::string_view document);
+// The dictionary that a property list holds. What goes to the daemon has to be one.
+tl::expected<Dictionary, std::string> parsePlist(const std::string& path, std::string_view document);
+
+// The parts of a signed document: the inner bag's bytes and the signature.
+struct SignedBag {
+    std::string inner;
+    std::string signature;
+};
+// Nothing when the document has not both of them in base64.
+std::optional<SignedBag> takeApart(const Dictionary& document);
+// Whether it claims to be one.
+bool isSignedDocument(const Dictionary& document);
+
+// Reads a bag, signed or not. No signature is checked.
+tl::expected<Dictionary, std::string> readBag(const std::string& path);
+
+}  // namespace telvora::bag

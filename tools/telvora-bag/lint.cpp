@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The walk over a bag along the table of its keys.
+#include "telvora-bag/lint.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "platform/letter_case.h"
+#include "platform/property_list_format.h"
+#include "telvora-bag/documents.h"
+#include "telvora-bag/lint_rules.h"
+
+namespace telvora::bag {
+
+namespace {
+
+void lintDictionary(const std::string& path, const Dictionary& dictionary, const DictionaryKind& kind,
+                    Findings& findings);
+
+struct TypeName {
+    const char* operator()(bool) const { return "a boolean"; }
+    const char* operator()(const std::string&) const { return "text"; }
+    const char* operator()(const Data&) const { return "data"; }
+    const char* operator()(const Date&) const { return "a date"; }
+    const char* operator()(const Array&) const { return "an array"; }
+    const char* operator()(const Dictionary&) const { return "a dictionary"; }
+    template <typename Number>
+    const char* operator()(Number) const {
+        return "a number";
+    }
+};
+
+std::string wrongType(const PropertyList& value, ValueType type) {
+    return std::string("is ") + std::visit(TypeName(), value.value()) +
+           ", should be: " + std::string(nameOf(type));
+}
+
+bool isOfType(const PropertyList& value, ValueType type) {
+    using enum ValueType;
+    switch (type) {
+        case number:
+            return value.isNumber() && !value.is<bool>();
+        case flag:
+            return value.isNumber();
+        case boolean:
+            return value.is<bool>();
+        case numbers:
+        case texts:
+        case dictionaries:
+            return value.is<Array>();
+        case dictionary:
+            return value.is<Dictionary>();
+        case anything:
+            return true;
+        default:
+            return value.is<std::string>();
+    }
+}
+
+std::string numberText(double number) {
+    std::string text = std::to_string(number);
+    text.erase(std::max(text.find_last_not_of('0'), text.find('.')) + 1);
+    if (text.back() == '.') text.pop_back();
+    return text;
+}
+
+void lintRange(const std::string& path, const PropertyList& value, const KeyRule& rule, Findings& findings) {
+    if (rule.lowest == rule.highest) return;
+    const double number = value.realValue().value_or(0);
+    if (number >= rule.lowest && number <= rule.highest) return;
+    findings.error(path, numberText(number) + " is outside of " + numberText(rule.lowest) + " to " +
+                             numberText(rule.highest));
+}
+
+// The elements of an array, which are all of one type.
+void lintElements(const std::string& path, const Array& array, const KeyRule& rule, ValueType type,
+                  Findings& findings) {
+    for (size_t i = 0; i < array.size(); ++i) {
+        if (!isOfType(array[i], type)) {
+            findings.error(element(path, i), wrongType(array[i], type));
+        } else if (type == ValueType::number) {
+            lintRange(element(path, i), array[i], rule, findings);
+        } else if (type == ValueType::dictionary) {
+            lintDictionary(element(path, i), *array[i].getIf<Dictionary>(), *rule.content, findings);
+        }
+    }
+}
+
+void lintValue(const std::string& path, const PropertyList& value, const KeyRule& rule, Findings& findings) {
+    using enum ValueType;
+    if (!isOfType(value, rule.type)) {
+        findings.error(path, wrongType(value, rule.type) + "; counts as absent: " + std::string(rule.absent));
+        return;
+    }
+    switch (rule.type) {
+        case number:
+        case flag:
+            return lintRange(path, value, rule, findings);
+        case numbers:
+            return lintElements(path, *value.getIf<Array>(), rule, number, findings);
+        case texts:
+            return lintElements(path, *value.getIf<Array>(), rule, text, findings);
+        case dictionaries:
+            return lintElements(path, *value.getIf<Array>(), rule, dictionary, findings);
+        case dictionary:
+            return lintDictionary(path, *value.getIf<Dictionary>(), *rule.content, findings);
+        case boolean:
+        case anything:
+            return;
+        default:
+            return lintText(path, *value.getIf<std::string>(), rule.type, findings);
+    }
+}
+
+// How many letters have to be added, dropped or exchanged to make one text of the other.
+size_t distance(std::string_view a, std::string_view b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < b.size(); ++j) {
+            const size_t exchanged = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+std::string suggestion(std::string_view key, const DictionaryKind& kind) {
+    constexpr size_t kMaxLength = 64;
+    if (key.size() > kMaxLength) return "";
+    const std::string lower = lowerCase(key);
+    const auto away = [&lower](const KeyRule& rule) { return distance(lower, lowerCase(rule.key)); };
+    const auto nearest = std::ranges::min_element(kind.keys, {}, away);
+    if (nearest == kind.keys.end() || away(*nearest) > nearest->key.size() / 4) return "";
+    return "; did you mean " + quoted(nearest->key) + "?";
+}
+
+void lintDictionary(const std::string& path, const Dictionary& dictionary, const DictionaryKind& kind,
+                    Findings& findings) {
+    const std::string prefix = path.empty() ? "" : path + "/";
+    for (const auto& [key, value] : dictionary) {
+        if (const KeyRule* rule = kind.find(key)) {
+            lintValue(prefix + key, value, *rule, findings);
+        } else {
+            findings.error(prefix + key,
+                           "the unknown key " + std::string(kind.unknown) + suggestion(key, kind));
+        }
+    }
+    for (const KeyRule& rule : kind.keys) {
+        if (rule.need == Need::optional || dictionary.contains(rule.key)) continue;
+        findings.add({prefix + std::string(rule.key),
+                      rule.need == Need::required ? Severity::error : Severity::warning,
+                      "absent: " + std::string(rule.absent)});
+    }
+    if (&kind == &kClient) lintEntry(path, dictionary, findings);
+    if (&kind == &kHttpPost) {
+        if (const Array* clients = dictionary.array("clients"))
+            lintEntries(prefix + "clients", *clients, findings);
+    }
+}
+
+}  // namespace
+
+std::vector<Finding> lintBag(const Dictionary& bag) {
+    Findings findings;
+    lintDictionary("", bag, kBag, findings);
+    return findings.take();
+}
+
+std::vector<Finding> lintDocument(const Dictionary& document) {
+    if (!isSignedDocument(document)) return lintBag(document);
+    Findings findings;
+    lintDictionary("", document, kSignedDocument, findings);
+    std::vector<Finding> all = findings.take();
+    const auto parts = takeApart(document);
+    if (!parts) return all;
+    const auto bag = parsePlist("bag", parts->inner);
+    if (!bag) {
+        all.push_back({"bag", Severity::error, bag.error()});
+        return all;
+    }
+    for (Finding& finding : lintBag(*bag))
+        all.push_back(std::move(finding));
+    return all;
+}
+
+}  // namespace telvora::bag

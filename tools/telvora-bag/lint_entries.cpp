@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Entries of "clients" that others before them leave nothing for. The first entry whose names and framework
+// fit a session decides, whatever it then says of countries, devices and consent.
+#include <algorithm>
+
+#include "backends/event_filters.h"
+#include "backends/telvora_backend.h"
+#include "telvora-bag/lint_rules.h"
+
+namespace telvora::bag {
+
+namespace {
+
+// Which sessions an entry is for.
+struct Audience {
+    explicit Audience(const Dictionary& client)
+        : clients(splitList(client.string("client"))), services(splitList(client.string("service"))) {
+        if (const std::string* version = client.string("enabledSince")) since = versionComponents(*version);
+    }
+
+    StringList clients;   // empty: all
+    StringList services;  // likewise
+    std::array<uint8_t, 3> since{};
+};
+
+// Whether every service that `later` fits is one that `earlier` fits too.
+bool coversServices(const Audience& earlier, const Audience& later) {
+    if (earlier.services.empty()) return true;
+    if (later.services.empty()) return false;
+    return std::all_of(later.services.begin(), later.services.end(), [&](std::string_view service) {
+        return matchStringWithList(earlier.services, std::string(service), true);
+    });
+}
+
+// Whether `earlier` takes every session of `later` that has this client name (null: any).
+bool takesClient(const Audience& earlier, const Audience& later, const std::string_view* name) {
+    const bool named =
+        earlier.clients.empty() ||
+        (name != nullptr && matchExactStringWithList(earlier.clients, std::string(*name), true));
+    return named && coversServices(earlier, later);
+}
+
+// The first of the earlier entries that leaves nothing of this client name.
+std::optional<size_t> takerOf(const std::vector<std::optional<Audience>>& audiences, size_t index,
+                              const std::string_view* name, bool anyFramework) {
+    const Audience& later = *audiences[index];
+    for (size_t i = 0; i < index; ++i) {
+        if (!audiences[i] || !takesClient(*audiences[i], later, name)) continue;
+        if (anyFramework || audiences[i]->since <= later.since) return i;
+    }
+    return std::nullopt;
+}
+
+// Adds what is lost of one entry; true when all of it is.
+bool lintAudience(const std::string& path, const std::vector<std::optional<Audience>>& audiences,
+                  size_t index, Findings& findings) {
+    const std::string own = element(path, index);
+    const StringList& names = audiences[index]->clients;
+    if (names.empty()) {
+        const auto taker = takerOf(audiences, index, nullptr, false);
+        if (taker)
+            findings.error(own, "is never used: " + element("clients", *taker) + " takes all its sessions");
+        return taker.has_value();
+    }
+    Findings taken;
+    size_t count = 0;
+    for (const std::string_view name : names) {
+        const auto taker = takerOf(audiences, index, &name, false);
+        if (!taker) continue;
+        ++count;
+        taken.error(own + "/client", "never used for " + quoted(name) + ": " + element("clients", *taker) +
+                                         " takes its sessions");
+    }
+    if (count == names.size()) {
+        findings.error(own, "is never used: entries before it take all its sessions");
+        return true;
+    }
+    for (Finding& finding : taken.take())
+        findings.add(std::move(finding));
+    return false;
+}
+
+// "expedite" is taken from the first entry of the names, even from one for later frameworks.
+void lintExpedite(const std::string& path, const std::vector<std::optional<Audience>>& audiences,
+                  size_t index, Findings& findings) {
+    const StringList& names = audiences[index]->clients;
+    if (names.size() > 1) return;
+    const auto first = takerOf(audiences, index, names.empty() ? nullptr : names.data(), true);
+    if (!first) return;
+    findings.error(element(path, index) + "/expedite", "is never looked at: " + element("clients", *first) +
+                                                           " is the first entry of these names");
+}
+
+}  // namespace
+
+void lintEntries(const std::string& path, const Array& clients, Findings& findings) {
+    if (clients.empty()) findings.error(path, "is empty: every session that requires user info is refused");
+    std::vector<std::optional<Audience>> audiences;
+    audiences.reserve(clients.size());
+    for (size_t i = 0; i < clients.size(); ++i) {
+        const auto* client = clients[i].getIf<Dictionary>();
+        audiences.push_back(client != nullptr ? std::optional<Audience>(*client) : std::nullopt);
+        if (client == nullptr || lintAudience(path, audiences, i, findings)) continue;
+        if (client->contains("expedite")) lintExpedite(path, audiences, i, findings);
+    }
+}
+
+}  // namespace telvora::bag

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The rules that lint consists of. Each adds its findings.
+#pragma once
+
+#include "telvora-bag/bag_keys.h"
+#include "telvora-bag/lint.h"
+
+namespace telvora::bag {
+
+class Findings {
+  public:
+    void error(std::string path, std::string text) {
+        add({std::move(path), Severity::error, std::move(text)});
+    }
+    void warn(std::string path, std::string text) {
+        add({std::move(path), Severity::warning, std::move(text)});
+    }
+    void add(Finding finding) { list_.push_back(std::move(finding)); }
+    std::vector<Finding> take() { return std::move(list_); }
+
+  private:
+    std::vector<Finding> list_;
+};
+
+inline std::string quoted(std::string_view text) {
+    return "\"" + std::string(text) + "\"";
+}
+
+inline std::string element(const std::string& path, size_t index) {
+    return path + "[" + std::to_string(index) + "]";
+}
+
+// A text of a type that has a form of its own: lists, URLs, addresses, versions.
+void lintText(const std::string& path, std::string_view text, ValueType type, Findings& findings);
+
+// What the entries of "clients" are to each other.
+void lintEntries(const std::string& path, const Array& clients, Findings& findings);
+
+// What the keys of one entry are to each other.
+void lintEntry(const std::string& path, const Dictionary& client, Findings& findings);
+
+// The filters of one entry.
+void lintFilters(const std::string& path, const Dictionary& client, Findings& findings);
+
+}  // namespace telvora::bag
