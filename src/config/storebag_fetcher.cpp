@@ -95,6 +95,7 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagWithName(const std::opti
                     "fetchStorebagWithName: Error resolving with lookup server %s, "
                     "sendSynchronousRequest error %s",
                     url.c_str(), result.error().description.c_str());
+        status.builtIn = name == kQuillet;
         return standIn(name);
     }
     status.maxAge = maxAgeOf(*result);

@@ -27,6 +27,7 @@ struct StorebagFetcherServices {
 struct StorebagFetchStatus {
     int32_t maxAge = 0;                         // seconds; stays as it was when the server wasn't reached
     bool notChanged = false;                    // the server said that the caller's copy is still right
+    bool builtIn = false;                       // the result is the built-in stand-in
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: what the server sent
 };
 

@@ -43,6 +43,7 @@ struct BusError {
     std::string message;
 };
 
+inline constexpr char kBusErrorAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 inline constexpr char kBusErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
 inline constexpr char kBusErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr char kBusErrorNotSupported[] = "org.freedesktop.DBus.Error.NotSupported";

@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/entitlements.h"
 
-#include <grp.h>
-#include <pwd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <limits>
 #include <string>
 #include <system_error>
 #include <tl/expected.hpp>
 #include <vector>
 
+#include "platform/name_service.h"
 #include "platform/property_list_format.h"
 #include "util/log.h"
 
@@ -19,32 +16,7 @@ namespace telvora {
 
 namespace {
 
-constexpr size_t kMaxNameServiceBytes = size_t{1} << 20;
-
 using MaybeId = std::optional<uint32_t>;  // a uid_t or a gid_t
-
-// Looks a name up with getpwnam_r(3) or its sibling, whose buffer has to be big enough for the whole entry.
-template <typename Entry, typename LookUp, typename Id>
-MaybeId lookUpId(const std::string& name, LookUp lookUp, Id Entry::*id) {
-    for (std::vector<char> buffer(1024); buffer.size() <= kMaxNameServiceBytes;
-         buffer.resize(buffer.size() * 2)) {
-        Entry entry{};
-        Entry* found = nullptr;
-        const int error = lookUp(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-        if (error == ERANGE) continue;
-        if (error != 0 || found == nullptr) return std::nullopt;
-        return found->*id;
-    }
-    return std::nullopt;
-}
-
-MaybeId userId(const std::string& name) {
-    return lookUpId(name, getpwnam_r, &passwd::pw_uid);
-}
-
-MaybeId groupId(const std::string& name) {
-    return lookUpId(name, getgrnam_r, &group::gr_gid);
-}
 
 // The conditions of a file and what it grants, or why the file can't be relied on.
 struct Grant {
@@ -103,9 +75,7 @@ bool holdsFor(const Grant& grant, const Peer& peer) {
     if (grant.user && idFrom(*grant.user, userId) != MaybeId(peer.uid)) return false;
     if (!grant.group) return true;
     const MaybeId group = idFrom(*grant.group, groupId);
-    if (!group) return false;
-    return *group == peer.gid ||
-           std::find(peer.groups.begin(), peer.groups.end(), *group) != peer.groups.end();
+    return group && peer.isInGroup(*group);
 }
 
 std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {

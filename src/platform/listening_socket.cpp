@@ -8,6 +8,8 @@
 #include <systemd/sd-daemon.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <system_error>
 
@@ -21,21 +23,27 @@ tl::unexpected<std::string> failure(const std::string& what, int error = errno) 
     return tl::unexpected(what + ": " + std::generic_category().message(error));
 }
 
-tl::expected<UniqueFd, std::string> adopt(int handedOver) {
-    if (handedOver < 0) return failure("can't tell what the service manager handed over", -handedOver);
-    if (handedOver != 1) {
-        return tl::unexpected("the service manager handed over " + std::to_string(handedOver) +
-                              " descriptors instead of one");
-    }
-    const int fd = SD_LISTEN_FDS_START;  // close-on-exec by now
-    if (sd_is_socket_unix(fd, SOCK_STREAM, 1, nullptr, 0) <= 0) {
+tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {
+    if (sd_is_socket_unix(socket.get(), SOCK_STREAM, 1, nullptr, 0) <= 0) {
         return tl::unexpected(std::string("the service manager handed over no listening Unix stream socket"));
     }
-    UniqueFd socket(fd);
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return failure("can't set the socket up");
-    return socket;
+    const int flags = fcntl(socket.get(), F_GETFL);
+    if (flags < 0 || fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+        return failure("can't set the socket up");
+    }
+    ListeningSocket result;
+    result.socket = std::move(socket);
+    result.fromServiceManager = true;
+    return result;
 }
+
+struct FreeNames {
+    void operator()(char** names) const {
+        for (char** name = names; name != nullptr && *name != nullptr; ++name)
+            free(*name);
+        free(names);
+    }
+};
 
 std::optional<sockaddr_un> addressOf(const std::filesystem::path& path) {
     sockaddr_un address{};
@@ -80,21 +88,30 @@ ListeningSocket::~ListeningSocket() {
     if (ours.st_dev == there.st_dev && ours.st_ino == there.st_ino) unlink(path_.c_str());
 }
 
-tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path& runtimeDirectory,
-                                                               const std::string& serviceName) {
-    ListeningSocket result;
-    if (const int handedOver = sd_listen_fds(1); handedOver != 0) {
-        auto adopted = adopt(handedOver);
+tl::expected<HandedOverSockets, std::string> takeHandedOverSockets(const std::string& otherName) {
+    char** given = nullptr;
+    const int count = sd_listen_fds_with_names(1, &given);
+    const std::unique_ptr<char*, FreeNames> names(given);
+    if (count < 0) return failure("can't tell what the service manager handed over", -count);
+    HandedOverSockets sockets;
+    for (int i = 0; i < count; ++i) {
+        auto adopted = adopt(UniqueFd(SD_LISTEN_FDS_START + i));  // close-on-exec by now
         if (!adopted) return tl::unexpected(adopted.error());
-        result.socket = std::move(*adopted);
-        result.fromServiceManager = true;
-        return result;
+        std::optional<ListeningSocket>& place = given[i] == otherName ? sockets.other : sockets.main;
+        if (place) {
+            return tl::unexpected("the service manager handed over " + std::to_string(count) +
+                                  " descriptors, two of them for the same");
+        }
+        place.emplace(std::move(*adopted));
     }
+    return sockets;
+}
 
-    const std::filesystem::path path = runtimeDirectory / serviceName;
+tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path) {
     const auto address = addressOf(path);
     if (!address) return tl::unexpected(path.native() + ": too long for the name of a socket");
     if (auto removed = removeStale(path, *address); !removed) return tl::unexpected(removed.error());
+    ListeningSocket result;
     result.socket = makeSocket();
     if (!result.socket) return failure("can't make a socket");
     if (bind(result.socket.get(), generic(*address), sizeof *address) != 0) {

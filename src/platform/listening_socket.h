@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The Unix stream socket on which clients reach the daemon.
+// The Unix stream sockets on which others reach the daemon.
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <tl/expected.hpp>
 
@@ -24,8 +25,7 @@ class ListeningSocket {
     ~ListeningSocket();
 
   private:
-    friend tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path&,
-                                                                          const std::string&);
+    friend tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path);
 
     std::filesystem::path path_;
     // The file of that name when we made it, else none. It is held open so that its number stays its own:
@@ -33,12 +33,19 @@ class ListeningSocket {
     UniqueFd file_;
 };
 
-// The socket that the service manager handed over (sd_listen_fds(3); the variables are then removed from the
-// environment, so no other thread may exist), else a new one at <runtimeDirectory>/<serviceName>. Everybody
-// may connect (mode 0666): who may do what is decided by entitlement. A socket that a dead process left there
-// is replaced; one that answers, or a file of another type, is an error, as is everything else but one
-// listening Unix stream socket from the service manager.
-tl::expected<ListeningSocket, std::string> openListeningSocket(const std::filesystem::path& runtimeDirectory,
-                                                               const std::string& serviceName);
+// A new socket with that name in the file system. Everybody may connect (mode 0666): who may do what is decided
+// by who the peer is. A socket that a dead process left there is replaced; one that answers, or a file of
+// another type, is an error.
+tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path);
+
+// The sockets that the service manager handed over (sd_listen_fds_with_names(3)): the one whose
+// FileDescriptorName= is `otherName`, and the main one, whatever its name. The variables are then removed from
+// the environment, so no other thread may exist. Everything else but listening Unix stream sockets, at most one
+// each, is an error.
+struct HandedOverSockets {
+    std::optional<ListeningSocket> main;
+    std::optional<ListeningSocket> other;
+};
+tl::expected<HandedOverSockets, std::string> takeHandedOverSockets(const std::string& otherName);
 
 }  // namespace telvora

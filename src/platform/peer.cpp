@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <systemd/sd-login.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -73,6 +74,10 @@ std::string readUnit(int socket, pid_t pid) {
 }
 
 }  // namespace
+
+bool Peer::isInGroup(gid_t group) const {
+    return group == gid || std::find(groups.begin(), groups.end(), group) != groups.end();
+}
 
 std::string Peer::description() const {
     return "pid " + std::to_string(pid) + ", uid " + std::to_string(uid);

@@ -21,6 +21,7 @@ struct Peer {
     std::string label;          // what the security module calls it (SO_PEERSEC); empty without one
     std::string unit;           // its systemd unit, as "app.service"; empty when that isn't known for sure
 
+    bool isInGroup(gid_t group) const;
     // For log lines: "pid 4711, uid 1000".
     std::string description() const;
 };

@@ -16,6 +16,7 @@ namespace {
 using test::ChildReport;
 
 constexpr char kName[] = "com.example.service";
+constexpr char kOther[] = "com.example.other";
 
 bool hasFlags(int fd) {
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
@@ -23,24 +24,31 @@ bool hasFlags(int fd) {
 
 class ListeningSocketTest : public testing::Test {
   protected:
-    auto open(const std::string& name = kName) { return openListeningSocket(directory_.path(), name); }
+    auto open(const std::string& name = kName) { return makeListeningSocket(directory_.path() / name); }
     bool connects() {
         sockaddr_un address{AF_UNIX, {}};
         path_.native().copy(address.sun_path, sizeof address.sun_path - 1);
         const UniqueFd client(socket(AF_UNIX, SOCK_STREAM, 0));
         return connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
-    // Opens in a child that was handed `count` descriptors, the first of which is `fd`; what went wrong.
-    std::string openHandedOver(int fd, const char* count) {
+    // Takes over in a child that was handed `fds` under the names (separated by colons); what went wrong.
+    static std::string takeHandedOver(const std::vector<int>& fds, const char* names) {
         return test::inForkedChild([&](const ChildReport& report) {
-            report.expect(fd == 3 || dup2(fd, 3) == 3, "dup2");
+            for (size_t i = 0; i < fds.size(); ++i) {
+                const int place = 3 + static_cast<int>(i);
+                report.expect(fds[i] == place || dup2(fds[i], place) == place, "dup2");
+            }
             setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-            setenv("LISTEN_FDS", count, 1);
-            const auto opened = open();
+            setenv("LISTEN_FDS", std::to_string(fds.size()).c_str(), 1);
+            setenv("LISTEN_FDNAMES", names, 1);
+            const auto taken = takeHandedOverSockets(kOther);
             report.expect(getenv("LISTEN_FDS") == nullptr, "environment");
-            if (!opened) return report.wrong(opened.error());
-            report.expect(opened->fromServiceManager && opened->socket.get() == 3, "socket");
-            report.expect(hasFlags(3), "flags");
+            if (!taken) return report.wrong(taken.error());
+            report.expect(taken->other.has_value() == (fds.size() == 2), "other");
+            if (!taken->main) return report.wrong("main");
+            const int main = taken->main->socket.get();
+            report.expect(main == (std::string_view(names).starts_with(kOther) ? 4 : 3), "which");
+            report.expect(taken->main->fromServiceManager && hasFlags(main), "flags");
         });
     }
 
@@ -88,16 +96,19 @@ TEST_F(ListeningSocketTest, ComesFromTheServiceManagerWhichKeepsTheName) {
     auto managers = open();
     ASSERT_TRUE(managers);
     ASSERT_EQ(fcntl(managers->socket.get(), F_SETFL, 0), 0);
-    EXPECT_EQ(openHandedOver(managers->socket.get(), "1"), "");
+    const int socket = managers->socket.get();
+    EXPECT_EQ(takeHandedOver({socket}, "telvorad.socket"), "");
+    EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "telvorad.socket:com.example.other"), "");
+    EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "com.example.other:telvorad.socket"), "");
     EXPECT_TRUE(connects());
 
     const std::string noSocket = "the service manager handed over no listening Unix stream socket\n";
-    const UniqueFd notListening(socket(AF_UNIX, SOCK_STREAM, 0)), internet(socket(AF_INET, SOCK_STREAM, 0));
+    const UniqueFd notListening(::socket(AF_UNIX, SOCK_STREAM, 0)), internet(::socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(listen(internet.get(), 1), 0);
-    EXPECT_EQ(openHandedOver(notListening.get(), "1"), noSocket);
-    EXPECT_EQ(openHandedOver(internet.get(), "1"), noSocket);
-    EXPECT_EQ(openHandedOver(notListening.get(), "2"),
-              "the service manager handed over 2 descriptors instead of one\n");
+    EXPECT_EQ(takeHandedOver({notListening.get()}, "telvorad.socket"), noSocket);
+    EXPECT_EQ(takeHandedOver({internet.get()}, "telvorad.socket"), noSocket);
+    EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "a:b"),
+              "the service manager handed over 2 descriptors, two of them for the same\n");
 }
 
 }  // namespace
