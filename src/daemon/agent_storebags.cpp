@@ -73,6 +73,7 @@ void TelvoradAgent::fetchAndCacheStorebag(uint32_t clientType) {
     if (section) {
         record.data = std::make_shared<const Dictionary>(std::move(*section));
         record.version = std::move(version);
+        record.builtIn = status.builtIn;
     } else if (!status.notChanged) {
         TELVORA_LOG(kLogError, "fetchAndCacheStorebag: Unable to fetch storebag for client type %d",
                     static_cast<int>(clientType));
@@ -81,6 +82,11 @@ void TelvoradAgent::fetchAndCacheStorebag(uint32_t clientType) {
     record.fetchSuccessful = successful;
     record.maxAge = status.maxAge;
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
+
+    const MutexLock lock(storebagExtractsLock_);
+    storebagExtracts_[bagNameForClientType(clientType)] = {
+        static_cast<int>(clientType), record.version,         record.fetchTime, record.maxAge,
+        record.fetchSuccessful,       record.data != nullptr, record.builtIn};
 }
 
 }  // namespace telvora

@@ -3,8 +3,6 @@
 
 #include <chrono>
 
-#include "daemon/client_connection.h"
-#include "platform/peer.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -16,8 +14,8 @@ constexpr std::chrono::milliseconds kPauseWithoutResources{200};
 
 }  // namespace
 
-Listener::Listener(asio::io_context& runLoop, WorkPool& pool, TelvoradAgent& agent, UniqueFd socket)
-    : pool_(pool), agent_(agent), acceptor_(runLoop), pause_(runLoop) {
+Listener::Listener(asio::io_context& runLoop, UniqueFd socket, Accepted accepted)
+    : accepted_(std::move(accepted)), acceptor_(runLoop), pause_(runLoop) {
     asio::error_code error;
     acceptor_.assign(asio::local::stream_protocol(), socket.get(), error);
     if (error) {
@@ -41,8 +39,9 @@ void Listener::acceptNext() {
     acceptor_.async_accept([this](asio::error_code error, asio::local::stream_protocol::socket socket) {
         if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
         if (!error) {
-            const int fd = socket.release(error);
-            if (!error) accepted(UniqueFd(fd));
+            UniqueFd connection(socket.release(error));
+            // Without a peer, it has gone again.
+            if (const auto peer = readPeer(connection.get())) accepted_(std::move(connection), *peer);
             return acceptNext();
         }
         TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", error.message().c_str());
@@ -51,14 +50,6 @@ void Listener::acceptNext() {
             if (!cancelled) acceptNext();
         });
     });
-}
-
-void Listener::accepted(UniqueFd socket) {
-    const std::optional<Peer> peer = readPeer(socket.get());
-    if (!peer) return;  // it has gone again
-    const std::string description = "#" + std::to_string(++connectionCount_) + " from " + peer->description();
-    const auto connection = ClientConnection::make(pool_.makeStrand(), std::move(socket), description);
-    if (!agent_.listener(connection, *peer)) connection->invalidate();
 }
 
 }  // namespace telvora

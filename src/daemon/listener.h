@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Listener: takes new connections from the listening socket and offers each to the agent.
+// Listener: takes new connections from a listening socket and hands each on, with who is at its other end.
 #pragma once
 
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
+#include <functional>
 
-#include "daemon/telvorad_agent.h"
-#include "platform/work_pool.h"
+#include "platform/peer.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -16,9 +16,11 @@ namespace telvora {
 // Belongs to the run loop that it is made with; every operation is called on that loop's thread.
 class Listener {
   public:
-    // `socket`: a listening, non-blocking Unix stream socket, taken over. `agent` and `pool` outlive the
-    // listener.
-    Listener(asio::io_context& runLoop, WorkPool& pool, TelvoradAgent& agent, UniqueFd socket);
+    // Runs on the run loop's thread.
+    using Accepted = std::function<void(UniqueFd connection, const Peer& peer)>;
+
+    // `socket`: a listening, non-blocking Unix stream socket, taken over.
+    Listener(asio::io_context& runLoop, UniqueFd socket, Accepted accepted);
 
     // Starts to accept.
     void resume();
@@ -27,13 +29,10 @@ class Listener {
 
   private:
     void acceptNext();
-    void accepted(UniqueFd connection);
 
-    WorkPool& pool_;
-    TelvoradAgent& agent_;
+    const Accepted accepted_;
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;
-    uint64_t connectionCount_ = 0;
 };
 
 }  // namespace telvora

@@ -12,9 +12,11 @@
 #include "config/client_framework.h"
 #include "config/environment.h"
 #include "config/storebag_fetcher.h"
+#include "daemon/daemon_status.h"
 #include "daemon/in_flight_http_client.h"
 #include "daemon/listener.h"
 #include "daemon/shutdown.h"
+#include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
 #include "platform/client_files.h"
 #include "platform/descriptor_limit.h"
@@ -26,6 +28,7 @@
 #include "platform/sandbox.h"
 #include "platform/system_log.h"
 #include "platform/uuid.h"
+#include "protocol/status_wire.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -47,9 +50,36 @@ std::vector<std::string> defaultStrings(UserDefaults& defaults, std::string_view
     return strings;
 }
 
+// Where the daemon is reached: by its clients and, unless that failed, by its administrators.
+struct Sockets {
+    ListeningSocket clients;
+    std::optional<ListeningSocket> status;
+};
+
+tl::expected<Sockets, std::string> openSockets(const std::filesystem::path& runtimeDirectory) {
+    auto handedOver = takeHandedOverSockets(kTelvoradStatusSocketName);
+    if (!handedOver) return tl::unexpected(handedOver.error());
+    if (!handedOver->main) {
+        auto made = makeListeningSocket(runtimeDirectory / kServiceName);
+        if (!made) return tl::unexpected(made.error());
+        handedOver->main.emplace(std::move(*made));
+    }
+    if (!handedOver->other) {
+        // The clients' daemon runs on without it.
+        auto made = makeListeningSocket(runtimeDirectory / kTelvoradStatusSocketName);
+        if (made) {
+            handedOver->other.emplace(std::move(*made));
+        } else {
+            TELVORA_LOG(kLogWarning, "main: no status for administrators: %s", made.error().c_str());
+        }
+    }
+    return Sockets{std::move(*handedOver->main), std::move(handedOver->other)};
+}
+
 // The daemon proper, in a confined process.
 int run(const Directories& directories, UserDefaults& defaults, const MessageLog& messageLog,
-        const SandboxPaths& paths, ListeningSocket listeningSocket) {
+        const SandboxPaths& paths, const SandboxStatus& sandbox, Sockets sockets) {
+    const StartTime start{TelvoradUtil::secondsFromTimeValue(timeOfDay())};
     asio::io_context runLoop(1);
     Shutdown* shutdownWhenIdle = nullptr;  // set below, before anything runs
 
@@ -85,22 +115,48 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           uploads,
                                           paths.readAndRemove};
     const StorebagFetcher fetcher({http, environment, framework});
-    KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = listeningSocket.fromServiceManager,
+    KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = sockets.clients.fromServiceManager,
                                              .inFlight = [&] { return http.inFlight() > 0; },
                                              .onIdle = [&] { shutdownWhenIdle->begin(); }});
     TelvoradAgent agent(
         {entitlements, fetcher, sessionServices, keepAlive, timeOfDay, [&] { shutdownWhenIdle->check(); }});
-    Listener listener(runLoop, pool, agent, std::move(listeningSocket.socket));
+    uint64_t connectionCount = 0;
+    Listener listener(runLoop, std::move(sockets.clients.socket), [&](UniqueFd socket, const Peer& peer) {
+        const std::string description =
+            "#" + std::to_string(++connectionCount) + " from " + peer.description();
+        const auto connection = ClientConnection::make(pool.makeStrand(), std::move(socket), description);
+        if (!agent.listener(connection, peer)) connection->invalidate();
+    });
+    StatusService status({[&] {
+                              return Dictionary{{"daemon", daemonStatus(start)},
+                                                {"sandbox", sandboxStatus(sandbox)},
+                                                {"sessions", agent.sessionStatus()},
+                                                {"bags", agent.storebagStatus()},
+                                                {"httpPending", static_cast<long long>(http.inFlight())}};
+                          },
+                          [&] { return properties.all(); }});
+    std::optional<Listener> statusListener;
+    if (sockets.status) {
+        statusListener.emplace(runLoop, std::move(sockets.status->socket),
+                               [&](UniqueFd socket, const Peer& peer) {
+                                   status.accept(pool.makeStrand(), std::move(socket), peer);
+                               });
+    }
     const int64_t deadline = defaults.integer(kTelvoraDefaultsDomain, "shutdownMilliseconds")
                                  .value_or(kDefaultShutdownMilliseconds);
     Shutdown shutdown(runLoop,
-                      {[&] { listener.close(); }, [&] { agent.invalidateAllConnections(); },
+                      {[&] {
+                           listener.close();
+                           if (statusListener) statusListener->close();
+                       },
+                       [&] { agent.invalidateAllConnections(); },
                        [&] { return agent.sessionsAlive() == 0 && http.inFlight() == 0; }},
                       std::chrono::milliseconds(std::max<int64_t>(deadline, 0)));
     shutdownWhenIdle = &shutdown;
 
     shutdown.onSignals();
     listener.resume();
+    if (statusListener) statusListener->resume();
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
     runLoop.run();
 
@@ -142,12 +198,12 @@ int main() {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
         return -1;
     }
-    auto listeningSocket = openListeningSocket(directories.runtime, kServiceName);
-    if (!listeningSocket) {
-        TELVORA_LOG(kLogError, "main: can't listen: %s", listeningSocket.error().c_str());
+    auto sockets = openSockets(directories.runtime);
+    if (!sockets) {
+        TELVORA_LOG(kLogError, "main: can't listen: %s", sockets.error().c_str());
         return 1;
     }
-    const int status = run(directories, defaults, messageLog, paths, std::move(*listeningSocket));
+    const int status = run(directories, defaults, messageLog, paths, *confined, std::move(*sockets));
     stopLogging();
     return status;
 }

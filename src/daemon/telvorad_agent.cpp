@@ -39,7 +39,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     {
         const RecursiveMutexLock lock(sessionListLock_);
         if (sessionList_.empty()) services_.keepAlive.begin();
-        sessionPlaces_[session.get()] = sessionList_.insert(sessionList_.end(), {session, connection});
+        sessionPlaces_[session.get()] = sessionList_.insert(sessionList_.end(), {session, peer, connection});
     }
     connection->setInvalidationHandler([this, session] { invalidated(session); });
     connection->resume();

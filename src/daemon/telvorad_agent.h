@@ -56,6 +56,11 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Sessions that have not come to their end yet, those included that are sending their last reports.
     size_t sessionsAlive() const { return sessionsAlive_.load(); }
 
+    // For administrators: the live sessions in order of acceptance, and the bags that were asked for
+    // (com.zandor.telvorad.Status.xml). Neither waits for a fetch.
+    Array sessionStatus();
+    Array storebagStatus();
+
     // For the sessions; see TelvoradSessionDelegate.
     std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) override;
     std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) override;
@@ -79,10 +84,23 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         double fetchTime = 0;  // of the last attempt, seconds since 1970
         int32_t maxAge = 0;    // seconds
         bool fetchSuccessful = false;
+        bool builtIn = false;  // the data are the built-in stand-in
+    };
+
+    // What is told of a record; under a lock of its own, for the agent's is held across fetches.
+    struct StorebagExtract {
+        int clientType = 0;  // of the session that it was last fetched for
+        std::optional<std::string> version;
+        double fetchTime = 0;
+        int32_t maxAge = 0;
+        bool fetchSuccessful = false;
+        bool held = false;     // there is a bag
+        bool builtIn = false;  // it is the built-in one
     };
 
     struct RegisteredSession {
         std::shared_ptr<TelvoradSession> session;
+        Peer peer;
         std::weak_ptr<ClientConnection> connection;
     };
 
@@ -109,6 +127,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     RecursiveMutex lock_;
     // By bag name; the client types without a bag name share the record of no name.
     std::map<std::optional<std::string>, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
+    Mutex storebagExtractsLock_;
+    std::map<std::optional<std::string>, StorebagExtract> storebagExtracts_
+        TELVORA_GUARDED_BY(storebagExtractsLock_);
     std::unordered_map<std::string, SessionList> correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, std::string> tokens_
         TELVORA_GUARDED_BY(lock_);  // who is in which list

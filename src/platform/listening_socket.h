@@ -33,15 +33,15 @@ class ListeningSocket {
     UniqueFd file_;
 };
 
-// A new socket with that name in the file system. Everybody may connect (mode 0666): who may do what is decided
-// by who the peer is. A socket that a dead process left there is replaced; one that answers, or a file of
-// another type, is an error.
+// A new socket with that name in the file system. Everybody may connect (mode 0666): who may do what is
+// decided by who the peer is. A socket that a dead process left there is replaced; one that answers, or a
+// file of another type, is an error.
 tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path);
 
 // The sockets that the service manager handed over (sd_listen_fds_with_names(3)): the one whose
-// FileDescriptorName= is `otherName`, and the main one, whatever its name. The variables are then removed from
-// the environment, so no other thread may exist. Everything else but listening Unix stream sockets, at most one
-// each, is an error.
+// FileDescriptorName= is `otherName`, and the main one, whatever its name. The variables are then removed
+// from the environment, so no other thread may exist. Everything else but listening Unix stream sockets, at
+// most one each, is an error.
 struct HandedOverSockets {
     std::optional<ListeningSocket> main;
     std::optional<ListeningSocket> other;

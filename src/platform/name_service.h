@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The numbers of users and groups by name (getpwnam_r(3), getgrnam_r(3)). May ask a server and block; callable
-// from any thread.
+// The numbers of users and groups by name (getpwnam_r(3), getgrnam_r(3)). May ask a server and block;
+// callable from any thread.
 #pragma once
 
 #include <sys/types.h>

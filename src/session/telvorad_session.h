@@ -84,6 +84,8 @@ class TelvoradSession final : public ClientSessionInterface,
     // Whether it had a hierarchy token at any time: it may then still be listed under that one.
     bool everInHierarchy() const { return everInHierarchy_.load(); }
     std::string description() const;
+    // All of that for administrators, with the backends' states (com.zandor.telvorad.Status.xml).
+    Dictionary status() const;
 
     // What the agent asks of the sessions of a hierarchy, under its lock, on any thread.
     void updateCombinedSessionID();

@@ -4,15 +4,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <future>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
+#include "protocol/status_wire.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
@@ -119,28 +119,30 @@ std::string introspect(BusPeer& peer, const char* path) {
 }
 
 TEST_F(ClientConnectionTest, ServesTheContract) {
-    std::ostringstream file;
-    file << std::ifstream(TELVORA_WIRE_CONTRACT).rdbuf();
-    const std::string contract = file.str();
+    std::string contract;
+    for (const char* name : {"com.zandor.telvorad.xml", "com.zandor.telvorad.Status.xml"})
+        contract += lab::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
     const std::string served = introspect(resume(), kTelvoradPath);
     for (const char* interface : {kSession, kExtension})
         EXPECT_EQ(declarations(served, interface), declarations(contract, interface));
     EXPECT_GT(declarations(served).size(), 30u);
 
-    // What the client exports comes from the same table.
-    SocketPair sockets;
-    auto client = *BusConnection::make(pool.makeStrand(), std::move(sockets.ours), BusRole::kServer);
-    const auto& interface = clientSessionReplyBusInterface();
-    ASSERT_TRUE(client->exportInterface(kTelvoradClientPath, interface,
-                                        {[](BusMessage&) { return std::optional<BusError>(); }}));
-    std::promise<void> clientEnded;
-    client->start([&](const std::string&) { clientEnded.set_value(); });
-    {
-        BusPeer daemon(std::move(sockets.theirs));
-        EXPECT_EQ(declarations(introspect(daemon, kTelvoradClientPath)),
-                  declarations(contract, interface.name()));
+    // What the client and the status socket export comes from the same table.
+    for (const BusInterface* interface : {&clientSessionReplyBusInterface(), &statusBusInterface()}) {
+        SocketPair sockets;
+        auto server = *BusConnection::make(pool.makeStrand(), std::move(sockets.ours), BusRole::kServer);
+        const auto ignore = [](BusMessage&) { return std::optional<BusError>(); };
+        ASSERT_TRUE(server->exportInterface(
+            "/x", *interface,
+            std::vector<BusConnection::MethodHandler>(interface->methods().size(), ignore)));
+        std::promise<void> over;
+        server->start([&](const std::string&) { over.set_value(); });
+        {
+            BusPeer client(std::move(sockets.theirs));
+            EXPECT_EQ(declarations(introspect(client, "/x")), declarations(contract, interface->name()));
+        }
+        over.get_future().wait();
     }
-    clientEnded.get_future().wait();
 }
 
 // --- Operations ---

@@ -103,7 +103,8 @@ TEST_F(ListeningSocketTest, ComesFromTheServiceManagerWhichKeepsTheName) {
     EXPECT_TRUE(connects());
 
     const std::string noSocket = "the service manager handed over no listening Unix stream socket\n";
-    const UniqueFd notListening(::socket(AF_UNIX, SOCK_STREAM, 0)), internet(::socket(AF_INET, SOCK_STREAM, 0));
+    const UniqueFd notListening(::socket(AF_UNIX, SOCK_STREAM, 0)),
+        internet(::socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(listen(internet.get(), 1), 0);
     EXPECT_EQ(takeHandedOver({notListening.get()}, "telvorad.socket"), noSocket);
     EXPECT_EQ(takeHandedOver({internet.get()}, "telvorad.socket"), noSocket);

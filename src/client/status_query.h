@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Asking the daemon what administrators may know, as telvoractl does:
+//
+//     auto device = queryStatus(StatusMethod::kGetDevice, defaultStatusSocketPath());
+//     if (!device) return fail(..., device.error().message);
+//     const std::string* name = device->string("DeviceName");
+//
+// The keys of the answers: protocol/com.zandor.telvorad.Status.xml.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <tl/expected.hpp>
+
+#include "platform/bus_query.h"
+#include "platform/property_list.h"
+#include "protocol/status_wire.h"
+
+namespace telvora {
+
+// $TELVORA_STATUS_SOCKET, else com.zandor.telvorad.Status in $RUNTIME_DIRECTORY or /run/telvora.
+std::string defaultStatusSocketPath();
+
+// The answer to one method, or why there is none: kRefused where the caller may not read. Blocks for at most
+// twice `timeout`; callable from any thread.
+tl::expected<Dictionary, BusQueryFailure> queryStatus(
+    StatusMethod method, const std::string& socketPath,
+    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace telvora
