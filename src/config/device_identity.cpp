@@ -12,7 +12,9 @@ namespace telvora {
 
 namespace {
 
-constexpr std::string_view kConsentDomain = "com.zandor.diagnosticsharing";
+constexpr std::string_view kClientPrefix = "uuid:";
+constexpr std::string_view kRespectsConsent = "uuidRespectDnu";
+constexpr std::string_view kOverridesConsent = "uuidOverrideDnu";
 
 }  // namespace
 
@@ -31,7 +33,8 @@ void DeviceIdentity::copyUniqueDeviceID(DeviceIDBuffer& buffer) const {
 
 std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
     const std::optional<std::string>& clientIdentifier, const std::optional<std::string>& suffix) const {
-    const std::string key = "uuid:" + clientIdentifier.value_or("") + ":" + suffix.value_or("");
+    const std::string key =
+        std::string(kClientPrefix) + clientIdentifier.value_or("") + ":" + suffix.value_or("");
     std::string identifier = persistentIdentifier(key);
     TELVORA_LOG(kLogInfo, "getPersistentIdentifierForCustomClientIDSuffix: The value for %s: %s", key.c_str(),
                 identifier.c_str());
@@ -39,11 +42,15 @@ std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
 }
 
 std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectsConsent) const {
-    return persistentIdentifier(respectsConsent ? "uuidRespectDnu" : "uuidOverrideDnu");
+    return persistentIdentifier(std::string(respectsConsent ? kRespectsConsent : kOverridesConsent));
+}
+
+bool DeviceIdentity::isIdentifierKey(std::string_view key) {
+    return key.starts_with(kClientPrefix) || key == kRespectsConsent || key == kOverridesConsent;
 }
 
 bool DeviceIdentity::diagnosticsConsent() const {
-    return defaults_.boolean(kConsentDomain, "Enabled");
+    return defaults_.boolean(kConsentDomain, kConsentKey);
 }
 
 // A key whose value can't be written keeps it in memory from then on, so its failure is logged only once.

@@ -16,6 +16,10 @@
 
 namespace telvora {
 
+// Where the user's consent stands, as the boolean "Enabled".
+inline constexpr std::string_view kConsentDomain = "com.zandor.diagnosticsharing";
+inline constexpr std::string_view kConsentKey = "Enabled";
+
 // A zero-terminated device ID of at most 40 bytes; all zero when the device has none.
 using DeviceIDBuffer = std::array<char, 41>;
 
@@ -50,6 +54,9 @@ class DeviceIdentity {
     // The two persistent UUIDs of the device, one for reports that respect the diagnostics consent (true) and
     // one for those that override it (false); never equal, so that the two kinds of reports can't be joined.
     std::string getPersistentIdentifierForDNU(bool respectsConsent) const;
+
+    // Whether a key of the user defaults is that of one of these persistent identifiers.
+    static bool isIdentifierKey(std::string_view key);
 
     // Whether the user shares diagnostics: boolean "Enabled" in "com.zandor.diagnosticsharing"; absent means
     // no.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/user_defaults.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -10,6 +12,7 @@
 #include "platform/atomic_file.h"
 #include "platform/property_list_format.h"
 #include "util/log.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 
@@ -54,11 +57,6 @@ Dictionary readDomainFile(const std::filesystem::path& path) {
     return {};
 }
 
-// A domain is one file name: no path to elsewhere.
-bool isDomain(std::string_view domain) {
-    return !domain.empty() && domain.front() != '.' && domain.find('/') == std::string_view::npos;
-}
-
 std::filesystem::path fileOf(const std::filesystem::path& directory, std::string_view domain) {
     return directory / (std::string(domain) + ".plist");
 }
@@ -79,7 +77,19 @@ tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& pat
         });
 }
 
+// Locks a directory that exists until the descriptor is closed.
+UniqueFd lockDirectory(const std::filesystem::path& directory) {
+    UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    while (fd && flock(fd.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+    return fd;
+}
+
 }  // namespace
+
+bool UserDefaults::isDomain(std::string_view domain) {
+    return !domain.empty() && domain.front() != '.' && domain.find('/') == std::string_view::npos;
+}
 
 struct UserDefaults::CachedFile {
     std::optional<FileIdentity> identity;  // nothing until the file has been looked at
@@ -134,26 +144,36 @@ bool UserDefaults::boolean(std::string_view domain, std::string_view key) {
 
 tl::expected<void, std::string> UserDefaults::set(std::string_view domain, std::string_view key,
                                                   PropertyList value) {
-    return change(domain, key, std::move(value));
-}
-
-tl::expected<void, std::string> UserDefaults::remove(std::string_view domain, std::string_view key) {
-    return change(domain, key, std::nullopt);
-}
-
-tl::expected<void, std::string> UserDefaults::change(std::string_view domain, std::string_view key,
-                                                     Change change) {
-    if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
     // What no file could ever hold must not stand in the way of all later changes.
-    const auto writable = serializePropertyList(
-        Dictionary{{std::string(key), change.value_or(PropertyList())}}, PropertyListFormat::binary);
+    const auto writable =
+        serializePropertyList(Dictionary{{std::string(key), value}}, PropertyListFormat::binary);
     if (!writable) return tl::make_unexpected(writable.error());
+    return change(domain, {{std::string(key), std::move(value)}});
+}
 
+tl::expected<void, std::string> UserDefaults::remove(std::string_view domain,
+                                                     const std::vector<std::string>& keys) {
+    Changes removals;
+    for (const std::string& key : keys)
+        removals.emplace(key, std::nullopt);
+    return change(domain, std::move(removals));
+}
+
+UserDefaults::Files UserDefaults::files(std::string_view domain) {
+    if (!isDomain(domain)) return {};
+    const MutexLock lock(mutex_);
+    return {current(fileOf(administratorDirectory_, domain)), current(fileOf(ownDirectory_, domain))};
+}
+
+tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Changes wanted) {
+    if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
     const MutexLock lock(mutex_);
     const std::filesystem::path path = fileOf(ownDirectory_, domain);
     Changes& changes = unwritten_[std::string(domain)];
-    changes.insert_or_assign(std::string(key), std::move(change));
+    wanted.merge(changes);  // the new ones win
+    changes = std::move(wanted);
 
+    const UniqueFd turn = lockDirectory(ownDirectory_);
     Dictionary content = current(path);
     for (const auto& [changedKey, newValue] : changes) {
         if (newValue) {

@@ -7,7 +7,8 @@
 //
 // The second Preferences/ and its files are made readable for the daemon's user alone. A file is looked at on
 // every access (stat(2)) and read again when it has changed, so that an administrator's edit counts at once.
-// All operations are thread-safe and may block on file I/O.
+// Processes that write take turns by flock(2) on the second Preferences/, so that none undoes another's
+// change. All operations are thread-safe and may block on file I/O.
 #pragma once
 
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <tl/expected.hpp>
+#include <vector>
 
 #include "platform/property_list.h"
 #include "util/mutex.h"
@@ -47,8 +49,18 @@ class UserDefaults {
     // failure (with its reason) the value is still kept in memory for the life of the process, so that
     // identifiers stay stable meanwhile.
     tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value);
-    // Removes a key from the daemon's own file. Removing an absent key succeeds.
-    tl::expected<void, std::string> remove(std::string_view domain, std::string_view key);
+    // Removes keys from the daemon's own file, all with one writing. Removing an absent key succeeds.
+    tl::expected<void, std::string> remove(std::string_view domain, const std::vector<std::string>& keys);
+
+    // What the two files of a domain hold as they stand on the disk.
+    struct Files {
+        Dictionary administrator;
+        Dictionary own;
+    };
+    Files files(std::string_view domain);
+
+    // Whether this can be a domain's name: it names one file, and no path to elsewhere.
+    static bool isDomain(std::string_view domain);
 
     ~UserDefaults();
 
@@ -59,7 +71,7 @@ class UserDefaults {
 
     // The content of a file as it is now, for the cost of one stat(2) where it has not changed.
     const Dictionary& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
-    tl::expected<void, std::string> change(std::string_view domain, std::string_view key, Change change);
+    tl::expected<void, std::string> change(std::string_view domain, Changes wanted);
 
     Mutex mutex_;
     const std::filesystem::path administratorDirectory_;

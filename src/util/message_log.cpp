@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -86,10 +87,8 @@ void createDirectory(const MessageLog& log) {
     std::filesystem::create_directories(log.directory, ignored);
 }
 
-// The log files in the directory, which is made where it is missing.
-std::vector<LogFile> listLogFiles(const MessageLog& log) {
+std::vector<LogFile> listLogFiles(const MessageLog& log, std::error_code& error) {
     std::vector<LogFile> files;
-    std::error_code error;
     std::filesystem::directory_iterator entry(log.directory, error);
     while (!error && entry != std::filesystem::directory_iterator()) {
         if (middleOfLogFileName(entry->path().filename().string())) {
@@ -97,6 +96,13 @@ std::vector<LogFile> listLogFiles(const MessageLog& log) {
         }
         entry.increment(error);
     }
+    return files;
+}
+
+// The log files in the directory, which is made where it is missing.
+std::vector<LogFile> listOrCreate(const MessageLog& log) {
+    std::error_code error;
+    std::vector<LogFile> files = listLogFiles(log, error);
     if (error == std::errc::no_such_file_or_directory) {
         createDirectory(log);
     } else if (error) {
@@ -111,7 +117,7 @@ std::vector<LogFile> listLogFiles(const MessageLog& log) {
 // Deletes every log file but the newest one that is not yet too old; that one, or nothing.
 std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
     std::optional<LogFile> newest;
-    for (LogFile& file : listLogFiles(log)) {
+    for (LogFile& file : listOrCreate(log)) {
         const bool expired = file.created && now - *file.created > kExpiryAge;
         // An unknown date compares as before all others.
         if (!expired && (!newest || file.created > newest->created)) {
@@ -154,6 +160,14 @@ bool append(const LogFile& file, std::string_view record) {
 
 MessageLog::MessageLog(std::filesystem::path logDirectory)
     : directory(std::move(logDirectory)), creationDate(birthTime) {}
+
+std::optional<std::filesystem::path> newestLogFile(const MessageLog& log) {
+    std::error_code ignored;
+    const std::vector<LogFile> files = listLogFiles(log, ignored);
+    const auto newest = std::max_element(
+        files.begin(), files.end(), [](const LogFile& a, const LogFile& b) { return a.created < b.created; });
+    return newest != files.end() ? std::optional(newest->path) : std::nullopt;
+}
 
 }  // namespace telvora
 

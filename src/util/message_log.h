@@ -28,6 +28,9 @@ struct MessageLog {
     explicit MessageLog(std::filesystem::path logDirectory);
 };
 
+// The newest message log file in a directory, or nothing.
+std::optional<std::filesystem::path> newestLogFile(const MessageLog& log);
+
 }  // namespace telvora
 
 namespace TelvoradUtil {

@@ -37,10 +37,17 @@ struct Command {
 };
 
 // Each adds its command to `app`. `common` outlives what they return.
+Command addConsentCommand(CLI::App& app, const CommonOptions& common);
 Command addDashboardSendCommand(CLI::App& app, const CommonOptions& common);
+Command addDefaultsCommand(CLI::App& app, const CommonOptions& common);
+Command addDeviceCommand(CLI::App& app, const CommonOptions& common);
+Command addFlushCommand(CLI::App& app, const CommonOptions& common);
+Command addLogCommand(CLI::App& app, const CommonOptions& common);
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common);
+Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common);
 Command addSendCommand(CLI::App& app, const CommonOptions& common);
 Command addSessionCommand(CLI::App& app, const CommonOptions& common);
+Command addUploadCommand(CLI::App& app, const CommonOptions& common);
 
 // Prints "telvoractl: problem" to standard error and returns the status.
 int fail(Status status, const std::string& problem);

@@ -26,9 +26,11 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addSendCommand,
-    addSessionCommand,
-    addOneshotCommand,
+    addSendCommand,          addSessionCommand,
+    addOneshotCommand,       addFlushCommand,
+    addUploadCommand,        addLogCommand,
+    addConsentCommand,       addDefaultsCommand,
+    addDeviceCommand,        addResetIdentifiersCommand,
     addDashboardSendCommand,
 };
 

@@ -29,8 +29,8 @@ class UserDefaultsTest : public testing::Test {
 TEST_F(UserDefaultsTest, AStoredValueOutlivesTheProcessAndIsPrivate) {
     ASSERT_TRUE(defaults_.set("com.example", "id", "one"));
     ASSERT_TRUE(defaults_.set("com.example", "gone", true));
-    ASSERT_TRUE(defaults_.remove("com.example", "gone"));
-    ASSERT_TRUE(defaults_.remove("com.example", "never there"));
+    ASSERT_TRUE(defaults_.remove("com.example", {"gone"}));
+    ASSERT_TRUE(defaults_.remove("com.example", {"never there"}));
     EXPECT_TRUE(defaults_.set("com.example", "control \x01", 1));
     EXPECT_FALSE(defaults_.set("com.example", "zero", std::string("\0", 1)));
     EXPECT_FALSE(defaults_.set("com.example", "not \xff UTF-8", 1));
@@ -78,7 +78,7 @@ TEST_F(UserDefaultsTest, WhatCannotBeWrittenIsKeptInMemoryAndWrittenWithTheNextC
     EXPECT_FALSE(defaults_.set("d", "id", "stable"));
     EXPECT_EQ(defaults_.string("d", "id"), "stable");
     EXPECT_FALSE(defaults_.set("d", "gone", 1));
-    EXPECT_FALSE(defaults_.remove("d", "gone"));
+    EXPECT_FALSE(defaults_.remove("d", {"gone"}));
     EXPECT_EQ(defaults_.value("d", "gone"), std::nullopt);
 
     std::filesystem::remove(state_);

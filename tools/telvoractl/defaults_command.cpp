@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+
+#include "json.h"
+#include "json/json_reader.h"
+#include "output.h"
+#include "settings.h"
+
+namespace telvora::ctl {
+
+namespace {
+
+struct Options {
+    std::string domain;
+    std::string key;
+    std::string type;
+    std::string text;
+};
+
+template <typename Number>
+std::optional<Number> numberIn(const std::string& text) {
+    Number number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    return parsed.ec == std::errc() && parsed.ptr == end ? std::optional(number) : std::nullopt;
+}
+
+tl::expected<PropertyList, std::string> valueOf(const std::string& type, const std::string& text) {
+    if (type == "string") return PropertyList(text);
+    if (type == "json") return parseJson(text);
+    if (type == "integer") {
+        if (const auto number = numberIn<int64_t>(text)) return PropertyList(*number);
+    } else if (type == "real") {
+        if (const auto number = numberIn<double>(text); number && std::isfinite(*number)) {
+            return PropertyList(*number);
+        }
+    } else if (text == "true" || text == "false") {
+        return PropertyList(text == "true");
+    }
+    return tl::unexpected("not of type " + type);
+}
+
+int runWrite(const Options& options) {
+    auto value = valueOf(options.type, options.text);
+    if (!value) return fail(kBadInput, options.text + ": " + value.error());
+    auto settings = Settings::open();
+    if (!settings) return fail(kNotDone, settings.error());
+    return settings->write(options.domain, options.key, std::move(*value));
+}
+
+int runDelete(const Options& options) {
+    auto settings = Settings::open();
+    if (!settings) return fail(kNotDone, settings.error());
+    return settings->remove(options.domain, {options.key});
+}
+
+int runRead(const Options& options, const CommonOptions& common) {
+    if (!UserDefaults::isDomain(options.domain)) {
+        return fail(kBadInput, options.domain + ": not a preference domain");
+    }
+    auto settings = Settings::open();
+    if (!settings) return fail(kNotDone, settings.error());
+    const UserDefaults::Files files = settings->defaults().files(options.domain);
+    Dictionary all = files.own;
+    all.merge(files.administrator);
+    if (!options.key.empty()) {
+        const PropertyList* value = all.find(options.key);
+        if (value == nullptr) return fail(kNotDone, options.domain + " has no \"" + options.key + "\"");
+        std::puts((common.json ? toJson(*value) : textOf(*value)).c_str());
+        return kDone;
+    }
+    if (common.json) {
+        std::puts(toJson(all).c_str());
+        return kDone;
+    }
+    std::vector<std::vector<std::string>> rows{{"KEY", "SET BY", "VALUE"}};
+    for (const auto& [key, value] : all) {
+        rows.push_back({key, files.administrator.contains(key) ? "administrator" : "state", textOf(value)});
+    }
+    printTable(rows);
+    return kDone;
+}
+
+}  // namespace
+
+Command addDefaultsCommand(CLI::App& app, const CommonOptions& common) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("defaults", "Read, write or delete settings");
+    command->require_subcommand(1);
+    command->footer("com.zandor.telvora is the domain of the daemon's own settings: telvorad.defaults(5).");
+    const auto add = [&](const char* name, const char* description) {
+        CLI::App* action = command->add_subcommand(name, description);
+        action->add_option("domain", options->domain, "Preference domain")->required();
+        return action;
+    };
+    CLI::App* read = add("read", "Print a domain's settings, or the value of one");
+    read->add_option("key", options->key, "Key");
+    CLI::App* write = add("write", "Set a key");
+    write->add_option("key", options->key, "Key")->required();
+    write->add_option("type", options->type, "string, integer, real, boolean or json")
+        ->required()
+        ->check(CLI::IsMember({"string", "integer", "real", "boolean", "json"}));
+    write->add_option("value", options->text, "Value; after -- where it begins with a hyphen")->required();
+    CLI::App* remove = add("delete", "Remove a key");
+    remove->add_option("key", options->key, "Key")->required();
+    return {command, [=, &common] {
+                return write->parsed()    ? runWrite(*options)
+                       : remove->parsed() ? runDelete(*options)
+                                          : runRead(*options, common);
+            }};
+}
+
+}  // namespace telvora::ctl

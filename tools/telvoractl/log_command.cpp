@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The daemon's message log: its last records, and those that come. The files are the daemon's and are only
+// read.
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+
+#include "command.h"
+#include "json.h"
+#include "platform/directories.h"
+#include "util/message_log.h"
+#include "util/unique_fd.h"
+
+namespace telvora::ctl {
+
+namespace {
+
+struct Options {
+    size_t count = 10;
+    bool follow = false;
+};
+
+constexpr std::string_view kTimeShape = "(0000-00-00 00:00:00 +0000) ";
+
+// Whether a record begins here; the texts of records may have several lines.
+bool beginsRecord(std::string_view line) {
+    if (line.size() < kTimeShape.size()) return false;
+    return std::equal(kTimeShape.begin(), kTimeShape.end(), line.begin(),
+                      [](char shape, char c) { return shape == '0' ? c >= '0' && c <= '9' : c == shape; });
+}
+
+void print(const std::string& record, bool json) {
+    std::string line = record;
+    if (json) {
+        const bool timed = beginsRecord(record);
+        Dictionary parts{{"text", timed ? record.substr(kTimeShape.size()) : record}};
+        if (timed) parts.set("time", record.substr(1, kTimeShape.size() - 3));
+        line = toJson(parts);
+    }
+    std::puts(line.c_str());
+}
+
+// Puts records together from the bytes of a file.
+class Records {
+  public:
+    explicit Records(std::function<void(const std::string& record)> use) : use_(std::move(use)) {}
+
+    void add(std::string_view bytes) {
+        line_ += bytes;
+        size_t begin = 0;
+        for (size_t end = 0; (end = line_.find('\n', begin)) != std::string::npos; begin = end + 1)
+            addLine(std::string_view(line_).substr(begin, end - begin));
+        line_.erase(0, begin);
+    }
+    // What has come is whole: the daemon appends a record at once.
+    void end() {
+        if (!record_.empty()) use_(record_);
+        record_.clear();
+    }
+
+  private:
+    void addLine(std::string_view line) {
+        if (beginsRecord(line)) end();
+        if (!record_.empty()) record_ += '\n';
+        record_ += line;
+    }
+
+    const std::function<void(const std::string&)> use_;
+    std::string line_;
+    std::string record_;
+};
+
+// The current file of the log, and the one after it when there is one.
+class Reader {
+  public:
+    explicit Reader(MessageLog log) : log_(std::move(log)) {}
+
+    // Reads what has come since the last time.
+    void read(Records& records) {
+        readOn(records);
+        const auto newest = newestLogFile(log_);
+        if (!newest || newest == current_) return;
+        current_ = *newest;
+        file_.reset(open(current_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        readOn(records);
+    }
+    bool isOpen() const { return static_cast<bool>(file_); }
+
+  private:
+    void readOn(Records& records) const {
+        char buffer[65536];
+        ssize_t count = 0;
+        while (file_ && (count = ::read(file_.get(), buffer, sizeof buffer)) > 0)
+            records.add({buffer, static_cast<size_t>(count)});
+        records.end();
+    }
+
+    const MessageLog log_;
+    std::filesystem::path current_;
+    UniqueFd file_;
+};
+
+// Waits until something has changed in the directory; false when it is gone.
+bool waitForChange(int notifications) {
+    alignas(inotify_event) char events[4096];
+    const ssize_t count = read(notifications, events, sizeof events);
+    if (count < 0) return errno == EINTR;
+    for (ssize_t at = 0; at < count;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+        if ((event->mask & IN_IGNORED) != 0) return false;
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+    return true;
+}
+
+int runLog(const Options& options, const CommonOptions& common) {
+    const MessageLog log(Directories::fromEnvironment().logs);
+    const UniqueFd notifications(inotify_init1(IN_CLOEXEC));
+    if (options.follow &&
+        inotify_add_watch(notifications.get(), log.directory.c_str(),
+                          IN_CREATE | IN_MODIFY | IN_MOVED_TO | IN_DELETE | IN_ONLYDIR) < 0) {
+        return fail(kNotDone, "can't watch " + log.directory.string() + ": " + std::strerror(errno));
+    }
+    Reader reader(log);
+    std::deque<std::string> last;
+    Records old([&](const std::string& record) {
+        last.push_back(record);
+        if (last.size() > options.count) last.pop_front();
+    });
+    reader.read(old);
+    for (const std::string& record : last)
+        print(record, common.json);
+    std::fflush(stdout);
+    if (!options.follow) {
+        if (reader.isOpen()) return kDone;
+        return fail(kNotDone, "no message log that can be read in " + log.directory.string());
+    }
+    Records fresh([&](const std::string& record) { print(record, common.json); });
+    while (waitForChange(notifications.get())) {
+        reader.read(fresh);
+        std::fflush(stdout);
+    }
+    return fail(kNotDone, log.directory.string() + " is gone");
+}
+
+}  // namespace
+
+Command addLogCommand(CLI::App& app, const CommonOptions& common) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("log", "Show the local message log");
+    command->add_option("-n,--records", options->count, "How many of the last records")
+        ->capture_default_str();
+    command->add_flag("-f,--follow", options->follow, "Go on with those that come");
+    return {command, [options, &common] { return runLog(*options, common); }};
+}
+
+}  // namespace telvora::ctl

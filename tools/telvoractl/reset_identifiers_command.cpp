@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "config/device_identity.h"
+#include "settings.h"
+
+namespace telvora::ctl {
+
+namespace {
+
+bool isConfirmed(size_t count) {
+    std::cout << "Delete " << count << " identifiers? Servers will take this device for another one. [y/N] "
+              << std::flush;
+    std::string answer;
+    return std::getline(std::cin, answer) && (answer == "y" || answer == "yes");
+}
+
+int runReset(bool yes, const CommonOptions& common) {
+    auto settings = Settings::open();
+    if (!settings) return fail(kNotDone, settings.error());
+    const std::string domain(kTelvoraDefaultsDomain);
+    const UserDefaults::Files files = settings->defaults().files(domain);
+    std::vector<std::string> keys;
+    Dictionary all = files.own;
+    all.merge(files.administrator);  // so that it is said where these stay
+    for (const auto& [key, value] : all) {
+        if (DeviceIdentity::isIdentifierKey(key)) keys.push_back(key);
+    }
+    if (!keys.empty() && !yes && isatty(STDIN_FILENO) != 0 && !isConfirmed(keys.size())) {
+        return fail(kNotDone, "nothing was deleted");
+    }
+    const int status = settings->remove(domain, keys);
+    if (status != kDone) return status;
+    const std::string count = std::to_string(keys.size());
+    std::puts((common.json ? "{\"deleted\":" + count + "}" : "deleted: " + count).c_str());
+    return kDone;
+}
+
+}  // namespace
+
+Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common) {
+    const auto yes = std::make_shared<bool>(false);
+    CLI::App* command = app.add_subcommand(
+        "reset-identifiers", "Delete the identifiers under which reports of this device are known");
+    command->add_flag("--yes,-y", *yes, "Do not ask, even at a terminal");
+    command->footer(
+        "New random ones are made when they are needed. Sessions that are open keep the old ones.");
+    return {command, [yes, &common] { return runReset(*yes, common); }};
+}
+
+}  // namespace telvora::ctl
