@@ -61,6 +61,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
 
     const std::optional<std::string>& postURL() const { return postURL_; }
     void setPostURL(std::optional<std::string> url) { postURL_ = std::move(url); }
+    // How many events wait for a flush.
+    size_t heldEvents() const { return batchedEvents_.size(); }
 
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;

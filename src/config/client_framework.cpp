@@ -16,7 +16,14 @@ constexpr std::streamsize kMaxKeyBytes = 64 << 10;
 
 }  // namespace
 
+ClientFramework ClientFramework::ofVersion(std::string version) {
+    ClientFramework framework{{}};
+    framework.version_ = std::move(version);
+    return framework;
+}
+
 std::string ClientFramework::bundleVersion() const {
+    if (version_) return *version_;
     const auto information = readPropertyListFile(directory_ / "Info.plist");
     if (!information) return kDefaultVersion;
     const auto* entries = information->getIf<Dictionary>();
@@ -25,6 +32,7 @@ std::string ClientFramework::bundleVersion() const {
 }
 
 std::optional<std::string> ClientFramework::publicKeyDer() const {
+    if (directory_.empty()) return std::nullopt;
     std::ifstream file(directory_ / "publicKey.der", std::ios::binary);
     std::string bytes(kMaxKeyBytes, '\0');
     file.read(bytes.data(), kMaxKeyBytes);

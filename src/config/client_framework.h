@@ -12,6 +12,8 @@ namespace telvora {
 class ClientFramework {
   public:
     explicit ClientFramework(std::filesystem::path directory) : directory_(std::move(directory)) {}
+    // One of this version, without resources.
+    static ClientFramework ofVersion(std::string version);
 
     // "CFBundleVersion" of Info.plist; "8.0" when it is absent. Reads the file at each call. Thread-safe.
     std::string bundleVersion() const;
@@ -22,6 +24,7 @@ class ClientFramework {
 
   private:
     std::filesystem::path directory_;
+    std::optional<std::string> version_;  // stands in for the file
 };
 
 }  // namespace telvora

@@ -4,7 +4,10 @@
 // error. Files that are written are written whole or not at all.
 #pragma once
 
+#include <optional>
 #include <string>
+
+#include "telvora-bag/trial.h"
 
 namespace telvora::bag {
 
@@ -23,5 +26,17 @@ int show(const std::string& file);
 
 // Prints what is wrong with a bag, signed or not, a line or a JSON object each.
 int lint(const std::string& file, bool json);
+
+struct ExplainOptions {
+    std::string file;
+    std::string environment = "release";  // a name or a number
+    std::optional<std::string> deviceFile;
+    std::optional<std::string> eventsFile;
+    bool log = false;
+    Circumstances circumstances;  // the rest of them
+};
+
+// Prints what a bag, signed or not, means for a session, and what would become of recorded reports.
+int explain(const ExplainOptions& options);
 
 }  // namespace telvora::bag

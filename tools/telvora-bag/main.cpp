@@ -2,6 +2,7 @@
 //
 // telvora-bag: the tool of those who write bags.
 #include <CLI/CLI.hpp>
+#include <map>
 #include <string>
 
 #include "telvora-bag/commands.h"
@@ -14,6 +15,42 @@ constexpr char kFooter[] =
     "Exit status: 0 done; 1 the signature does not verify, or lint has findings; 2 a bad command line, input "
     "that "
     "can't be read, or output that can't be written. Nothing is written half.";
+
+CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
+    constexpr int kLastClientType = 18;
+    const auto yesOrNo = CLI::CheckedTransformer(std::map<std::string, bool>{{"yes", true}, {"no", false}});
+    telvora::bag::Circumstances& circumstances = options.circumstances;
+
+    CLI::App* explain =
+        app.add_subcommand("explain", "Print what a bag means for a session on a device, and why");
+    explain->add_option("file", options.file, "The bag, signed or not")->required();
+    explain->add_option("--client-type", circumstances.clientType, "The client's type, 0 to 18")
+        ->required()
+        ->check(CLI::Range(0, kLastClientType));
+    explain
+        ->add_option("--environment", options.environment,
+                     "development, zandor_internal, seed, release, or its number")
+        ->capture_default_str();
+    explain->add_option("--client-name", circumstances.clientName, "The client's name; absent: none");
+    explain->add_option("--service-name", circumstances.serviceName, "The service's name; absent: none");
+    explain->add_flag("!--no-user-info-required", circumstances.requireUserInfo,
+                      "The session does not require user info");
+    explain->add_flag("--batch", circumstances.batch, "The client asks for batches");
+    explain->add_option("--device", options.deviceFile, "The device's properties, as in device.plist");
+    explain->add_option("--country", circumstances.country, "The country's code; absent: unknown");
+    explain->add_option("--consent", circumstances.consent, "Whether the user shares diagnostics, yes or no")
+        ->transform(yesOrNo)
+        ->default_str("no");
+    explain->add_option("--draw", circumstances.draw, "The random sampling factor, 0 to 1")
+        ->check(CLI::Range(0.0, 1.0))
+        ->capture_default_str();
+    explain->add_option("--framework", circumstances.framework, "The version of the client framework")
+        ->capture_default_str();
+    explain->add_option("--events", options.eventsFile,
+                        "Recorded reports, one JSON object a line as 'telvoractl session' reads them");
+    explain->add_flag("--log", options.log, "Print all of the daemon's log lines too");
+    return explain;
+}
 
 }  // namespace
 
@@ -53,6 +90,9 @@ int main(int argc, char** argv) {
     lint->add_option("file", input, "The document")->required();
     lint->add_flag("--json", json, "Print the findings as JSON");
 
+    bag::ExplainOptions explanation;
+    CLI::App* explain = addExplain(app, explanation);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -62,5 +102,6 @@ int main(int argc, char** argv) {
     if (sign->parsed()) return bag::sign(privateKey, input, output);
     if (verify->parsed()) return bag::verify(publicKey, input);
     if (lint->parsed()) return bag::lint(input, json);
+    if (explain->parsed()) return bag::explain(explanation);
     return bag::show(input);
 }

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-bag/explain.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "json/json_reader.h"
+#include "json/report_json.h"
+#include "tests/support/daemon_world.h"
+
+namespace telvora::bag {
+namespace {
+
+using testing::HasSubstr;
+
+Dictionary json(std::string_view text) {
+    const auto parsed = parseJson(text);
+    EXPECT_TRUE(parsed) << text;
+    return parsed ? *parsed->getIf<Dictionary>() : Dictionary();
+}
+
+const char kClient[] =
+    R"({"client": "client", "locale_whitelist": "DE,ch", "filters": [], "sampling_threshold": 0.5,
+    "event_threshold": 49, "post_url": "https://reports.example/"})";
+const char kReports[] = R"({"category": 5, "type": 1, "payload": {"ip": "::1", "user": "x"}}
+{"category": 5, "type": 2}
+{"category": 5, "type": 1}
+
+{"category": 6, "type": 1, "payload": {"IP": "::1"}}
+{"category": 5, "type": 1, "flag": 1}
+{"category": 7, "type": 1, "flag": 2}
+)";
+
+Circumstances circumstances(bool consent) {
+    Circumstances c;
+    c.clientType = 7;
+    c.clientName = "client";
+    c.serviceName = "service";
+    c.device = {{"DeviceName", "phone"}, {"ProductType", "Model1,1"}};
+    c.country = "CH";
+    c.consent = consent;
+    c.draw = 0.3;
+    return c;
+}
+
+// How many of the reports a real session with that bag posts, and whether the backend then counts as one that
+// reports.
+std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Circumstances& given) {
+    test::DaemonWorld world(given.device);
+    world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
+                          std::string("<plist version=\"1.0\"><dict><key>Enabled</key><") +
+                              (given.consent ? "true" : "false") + "/></dict></plist>");
+    world.samplingFactor = given.draw;
+    world.serveBag(bag);
+    const auto connection = world.connectConfigured(1);
+    bool reports = false;
+    connection->session().fetchStatesWithUserInfo(
+        Dictionary{{kTelvoraUserInfoClientName, *given.clientName},
+                   {kTelvoraUserInfoServiceName, *given.serviceName}},
+        [&reports](const auto& states) { reports = !states->empty(); });
+    std::istringstream lines(kReports);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty())
+            connection->session().sendMessageWithDictionary(*messageOfJson(line), [](const auto&) {});
+    }
+    connection->session().flushMessagesWithCompletion({});
+    const auto events = world.postedEvents();
+    const auto isClients = [](const Dictionary& event) { return event.integer("_method") != 0; };
+    return {static_cast<size_t>(std::count_if(events.begin(), events.end(), isClients)), reports};
+}
+
+TEST(Explain, SaysWhatTheDaemonDoes) {
+    const struct {
+        const char* changes;  // to the entry; a number counts as absent
+        bool consent;
+        std::string explanation;
+        size_t posted;  // of six
+    } cases[] = {
+        {R"({})", true, "clients[0]: the draw 0.3 is not above the sampling threshold 0.5\n  => reporting\n",
+         6},
+        {R"({"client": "other"})", true,
+         "clients[0]: passed over: it is for client \"other\", service (absent)\n"
+         "  no entry is for client \"client\" and service \"service\"\n  => disabled",
+         0},
+        {R"({"enabledSince": "9"})", true, "clients[0]: passed over: enabledSince \"9\" is later than 8.0\n",
+         0},
+        {R"({})", false, "the user does not share diagnostics, and override_dnu is not 1\n  => disabled", 0},
+        {R"({"override_dnu": 1})", false,
+         "override_dnu: it does not matter whether the user shares diagnostics\n", 6},
+        {R"({"locale_whitelist": 1})", true,
+         "clients[0]: country \"CH\" is not in locale_whitelist (absent)\n  => disabled", 0},
+        {R"({"device_whitelist": "x,y"})", true, "device \"phone\" is not in device_whitelist \"x,y\"\n", 0},
+        {R"({"device_blacklist": "model"})", true,
+         "product type \"Model1,1\" is in device_blacklist \"model\"\n", 0},
+        {R"({"filters": 1})", true, "clients[0]: filters are absent, and required\n  => disabled", 0},
+        {R"({"sampling_threshold": []})", true, "clients[0]: sampling_threshold is absent\n  => disabled", 0},
+        {R"({"sampling_threshold": 0.2})", true,
+         "clients[0]: the draw 0.3 is above the sampling threshold 0.2\n  => sampled out", 6},
+        {R"({"sampling_threshold": 0.2, "override_sampling": 0.25})", true,
+         "the draw 0.3 is above the sampling threshold 0.2 and above override_sampling 0.25\n  => disabled",
+         0},
+        {R"({"per_country_sampling_thresholds": [{"country": ["CH"], "threshold": 0.1}]})", true,
+         "  per_country_sampling_thresholds has 0.1 for \"CH\"\n"
+         "  clients[0]: the draw 0.3 is above the sampling threshold 0.1\n",
+         6},
+        {R"({"event_whitelist": [0, 5, 7], "event_blacklist": [7]})", true, "categories that pass: 0, 5\n",
+         4},
+        {R"({"expedite": 0, "event_threshold": 1})", true,
+         "batched: report 3 of a category sends those before it\n", 6},
+        {R"({"expedite": 2})", true, "posted at once\n", 6},
+        {R"({"post_url": 1})", true, "posted to: nowhere\n", 0},
+    };
+    for (const auto& c : cases) {
+        Dictionary client = json(kClient);
+        client.merge(json(c.changes));
+        const Dictionary bag = test::DaemonWorld::bagWithClient(std::move(client));
+        const Circumstances given = circumstances(c.consent);
+        const std::string text = explainBag(bag, given, false);
+        EXPECT_THAT(text, HasSubstr(c.explanation)) << c.changes;
+        std::istringstream reports(kReports);
+        EXPECT_THAT(*replayReports(bag, given, reports),
+                    HasSubstr("  " + std::to_string(c.posted) + " of 6 reports posted"))
+            << c.changes;
+        const bool isActive = text.find("=> disabled") == std::string::npos;
+        EXPECT_EQ(postedByDaemon(bag, given), std::pair(c.posted, isActive)) << c.changes;
+    }
+}
+
+TEST(Explain, ShowsAWholeBag) {
+    Dictionary client = json(kClient);
+    client.merge(json(R"({"filters": [{"key": "ip", "action": "remove"},
+        {"key": "user", "action": "sha256", "method": 5, "status": 1}], "realtime_post_url": "https://now.example/"})"));
+    Dictionary bag = test::DaemonWorld::bagWithClient(std::move(client));
+    Dictionary section = *bag.dictionary("release");
+    section.merge(
+        json(R"({"dashboard": {"ip": "127.0.0.1"}, "uploadServer": {"post_url": "https://up.example/"}})"));
+    bag.set("release", section);
+    Circumstances given = circumstances(true);
+    given.environment = EnvironmentType::seed;
+    EXPECT_EQ(explainBag(bag, given, false),
+              "bag \"quillet\", version 1, used for as long as its server says\n"
+              "environment seed\n"
+              "  log: <4>fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.\n"
+              "\ndashboard\n"
+              "  log: <3>DashboardBackend(initWithName): can't resolve server port\n"
+              "  => no backend\n"
+              "\nhttpPost\n"
+              "  clients[0]: taken: the first entry for client \"client\" and service \"service\"\n"
+              "  clients[0]: the user shares diagnostics\n"
+              "  clients[0]: the draw 0.3 is not above the sampling threshold 0.5\n"
+              "  => reporting\n"
+              "  categories that pass: 0-65535\n"
+              "  posted to: https://reports.example/\n"
+              "  realtime reports to: https://now.example/\n"
+              "  posted at once\n"
+              "  fields: \"ip\" is removed\n"
+              "  fields: \"user\" is hashed in reports of category 5 and type 1\n"
+              "\nuploadServer\n"
+              "  => reporting\n");
+
+    std::istringstream reports(kReports);
+    const auto replay = replayReports(bag, given, reports);
+    EXPECT_THAT(*replay, HasSubstr("httpPost\n  6 of 6 reports posted, in 6 posts\n"));
+    EXPECT_THAT(*replay, HasSubstr("  \"IP\" removed from 1 reports\n  \"ip\" removed from 1 reports\n"
+                                   "  \"user\" hashed in 1 reports\n"));
+    std::istringstream broken("{\"category\": 1, \"type\": 1}\n{\"category\": 1}\n");
+    EXPECT_EQ(replayReports(bag, given, broken).error(), "line 2: \"type\" is missing");
+
+    given.clientName.reset();
+    given.serviceName.reset();
+    EXPECT_THAT(explainBag(bag, given, false), HasSubstr("  the session requires user info and has none\n"
+                                                         "  => waiting for user info: reports are held\n"));
+    given.requireUserInfo = false;
+    EXPECT_THAT(explainBag(bag, given, false), HasSubstr("clients[0]: serves the session"));
+    given.environment = EnvironmentType::none;
+    EXPECT_THAT(explainBag(bag, given, false), HasSubstr("=> the bag has no section for it"));
+}
+
+}  // namespace
+}  // namespace telvora::bag

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fstream>
+#include <iostream>
+
+#include "telvora-bag/commands.h"
+#include "telvora-bag/documents.h"
+#include "telvora-bag/explain.h"
+
+namespace telvora::bag {
+
+namespace {
+
+std::optional<EnvironmentType> environmentOf(const std::string& nameOrNumber) {
+    for (const auto type :
+         {EnvironmentType::none, EnvironmentType::development, EnvironmentType::zandorInternal,
+          EnvironmentType::seed, EnvironmentType::release}) {
+        if (nameOrNumber == std::to_string(static_cast<unsigned>(type))) return type;
+        if (nameOrNumber == sectionNameForEnvironment(type)) return type;
+    }
+    return std::nullopt;
+}
+
+tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const Circumstances& circumstances,
+                                                  const std::string& path) {
+    std::ifstream file;
+    if (path != "-") file.open(path);
+    std::istream& reports = path == "-" ? std::cin : file;
+    if (!reports) return tl::unexpected(path + ": can't be read");
+    auto text = replayReports(bag, circumstances, reports);
+    if (!text) return tl::unexpected(path + ": " + text.error());
+    if (reports.bad()) return tl::unexpected(path + ": can't be read");
+    return "\n" + path + "\n" + *text;
+}
+
+}  // namespace
+
+int explain(const ExplainOptions& options) {
+    Circumstances circumstances = options.circumstances;
+    const auto environment = environmentOf(options.environment);
+    if (!environment)
+        return complain("--environment " + options.environment + ": there is no such environment");
+    circumstances.environment = *environment;
+    if (options.deviceFile) {
+        auto device = readDictionary(*options.deviceFile);
+        if (!device) return complain(device.error());
+        circumstances.device = std::move(*device);
+    }
+    const auto bag = readBag(options.file);
+    if (!bag) return complain(bag.error());
+
+    std::string text = explainBag(*bag, circumstances, options.log);
+    if (options.eventsFile) {
+        const auto replay = replayFile(*bag, circumstances, *options.eventsFile);
+        if (!replay) return complain(replay.error());
+        text += *replay;
+    }
+    const auto written = writeFile("-", text);
+    return written ? kDone : complain(written.error());
+}
+
+}  // namespace telvora::bag

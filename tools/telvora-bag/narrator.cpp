@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "telvora-bag/narrator.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace telvora::bag {
+
+namespace {
+
+// A number as people write it.
+std::string text(double number) {
+    std::ostringstream out;
+    out << number;
+    return out.str();
+}
+
+std::string text(const std::optional<std::string>& value) {
+    return value ? "\"" + *value + "\"" : "(unknown)";
+}
+
+}  // namespace
+
+void Narrator::begin(const Array& clients) {
+    clients_ = &clients;
+    taken_ = nullptr;
+    filtersUsed_ = false;
+    batched_ = circumstances_.batch;
+    threshold_.reset();
+}
+
+void Narrator::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject) {
+    switch (decision) {
+        case Decision::batchingSet:
+            batched_ = !subject->boolean("expedite");
+            break;
+        case Decision::entryTaken:
+            threshold_ = subject->real("sampling_threshold");
+            [[fallthrough]];
+        case Decision::servedByFirstLink:
+            taken_ = subject;
+            break;
+        case Decision::thresholdOfCountry:
+            threshold_ = subject->real("threshold");
+            break;
+        case Decision::drawnIn:
+        case Decision::sampledOut:
+            filtersUsed_ = true;
+            break;
+        default:
+            break;
+    }
+    const auto entry =
+        std::find_if(clients_->begin(), clients_->end(), [subject](const PropertyList& element) {
+            return subject != nullptr && element.getIf<Dictionary>() == subject;
+        });
+    out_ << "  ";
+    if (entry != clients_->end()) out_ << "clients[" << entry - clients_->begin() << "]: ";
+    out_ << reasonFor(decision, subject != nullptr ? *subject : Dictionary()) << '\n';
+}
+
+std::string Narrator::session() const {
+    return "client " + text(circumstances_.clientName) + " and service " + text(circumstances_.serviceName);
+}
+
+// A key of a dictionary, with its value.
+std::string Narrator::list(const Dictionary& subject, std::string_view key) const {
+    const std::string* value = subject.string(key);
+    return std::string(key) + (value != nullptr ? " \"" + *value + "\"" : " (absent)");
+}
+
+std::string Narrator::reasonFor(Decision decision, const Dictionary& subject) const {
+    const std::string draw = "the draw " + text(circumstances_.draw);
+    const auto threshold = [this] { return text(threshold_.value_or(0)); };
+    switch (decision) {
+        case Decision::kept:
+            return "a logged message has gone out: the state stays";
+        case Decision::batchingSet:
+            return std::string("expedite: reports are ") + (batched_ ? "batched" : "posted at once");
+        case Decision::servedByFirstLink:
+            return "serves the session, which requires no user info: it is the first entry with a post_url. "
+                   "Of the rest "
+                   "of it only realtime_post_url, event_threshold and extras_on_internal count";
+        case Decision::servedWithoutLink:
+            return "the session requires no user info, and no entry has a post_url: there is nowhere to post "
+                   "to";
+        case Decision::userInfoMissing:
+            return "the session requires user info and has none";
+        case Decision::namesDiffer:
+            return "passed over: it is for " + list(subject, "client") + ", " + list(subject, "service");
+        case Decision::frameworkTooOld:
+            return "passed over: " + list(subject, "enabledSince") + " is later than " +
+                   circumstances_.framework;
+        case Decision::entryTaken:
+            return "taken: the first entry for " + session();
+        case Decision::noEntry:
+            return "no entry is for " + session();
+        case Decision::consentGiven:
+            return "the user shares diagnostics";
+        case Decision::consentOverridden:
+            return "override_dnu: it does not matter whether the user shares diagnostics";
+        case Decision::consentMissing:
+            return "the user does not share diagnostics, and override_dnu is not 1";
+        case Decision::countryMissing:
+            return "country " + text(circumstances_.country) + " is not in " +
+                   list(subject, "locale_whitelist");
+        case Decision::deviceMissing:
+            return "device " + text(identity_->deviceName()) + " is not in " +
+                   list(subject, "device_whitelist");
+        case Decision::hardwareExcluded:
+            return "product type " + text(identity_->productType()) + " is in " +
+                   list(subject, "device_blacklist");
+        case Decision::filtersMissing:
+            return "filters are absent, and required";
+        case Decision::thresholdOfCountry:
+            return "per_country_sampling_thresholds has " + (threshold_ ? threshold() : "no threshold") +
+                   " for " + text(circumstances_.country);
+        case Decision::thresholdMissing:
+            return "sampling_threshold is absent";
+        case Decision::drawnIn:
+            return draw + " is not above the sampling threshold " + threshold();
+        case Decision::sampledOut:
+            return draw + " is above the sampling threshold " + threshold();
+        case Decision::beyondOverride:
+            return draw + " is above the sampling threshold " + threshold() +
+                   " and above override_sampling " + text(subject.real("override_sampling").value_or(0));
+    }
+    return "";
+}
+
+}  // namespace telvora::bag

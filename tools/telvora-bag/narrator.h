@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Puts the decisions of a backend into words, with the values that they were taken from.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "backends/decision_trace.h"
+#include "telvora-bag/trial.h"
+
+namespace telvora::bag {
+
+class Narrator final : public DecisionTrace {
+  public:
+    // Prints to `out` a line for each decision about a session in these circumstances.
+    Narrator(std::ostream& out, const Circumstances& circumstances)
+        : out_(out), circumstances_(circumstances) {}
+
+    // The device that the names of devices are compared with.
+    void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
+    // The entries that the next decisions are about; they must outlive them.
+    void begin(const Array& clients);
+
+    void decided(const std::string& backend, Decision decision, const Dictionary* subject) override;
+    void filtered(const std::string&, const std::string&, const EventFilter&) override {}
+
+    // What has come out: the entry in force (null: none), whether its filters are, whether reports are
+    // batched.
+    const Dictionary* taken() const { return taken_; }
+    bool areFiltersUsed() const { return filtersUsed_; }
+    bool isBatched() const { return batched_; }
+
+  private:
+    std::string reasonFor(Decision decision, const Dictionary& subject) const;
+    std::string session() const;
+    std::string list(const Dictionary& subject, std::string_view key) const;
+
+    std::ostream& out_;
+    const Circumstances& circumstances_;
+    const DeviceIdentity* identity_ = nullptr;
+    const Array* clients_ = nullptr;
+    const Dictionary* taken_ = nullptr;
+    bool filtersUsed_ = false;
+    bool batched_ = false;
+    std::optional<double> threshold_;
+};
+
+}  // namespace telvora::bag

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Trial: real backends on a made-up device, whose posts end here. What the daemon would do with a bag is
+// found out by having its own code do it.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "backends/backend_factory.h"
+#include "backends/decision_trace.h"
+#include "session/create_backends.h"
+#include "telvora-lab/virtual_network.h"
+
+namespace telvora::bag {
+
+// A session, its client and the device it runs on. What is absent is unknown there.
+struct Circumstances {
+    EnvironmentType environment = EnvironmentType::release;
+    uint32_t clientType = 0;
+    std::optional<std::string> clientName;
+    std::optional<std::string> serviceName;
+    bool requireUserInfo = true;
+    bool batch = false;
+    Dictionary device;  // as in device.plist
+    std::optional<std::string> country;
+    bool consent = false;
+    double draw = 0;  // the sampling factor, from 0 to 1
+    std::string framework = "8.0";
+};
+
+// What a post costs, in bytes of its body.
+struct Post {
+    bool isBatch = false;
+    size_t json = 0;
+    size_t sent = 0;
+};
+
+class Trial {
+  public:
+    // `trace` is told why the backends do what they do; it must outlive the trial.
+    Trial(const Circumstances& circumstances, DecisionTrace& trace);
+    Trial(const Trial&) = delete;
+    Trial& operator=(const Trial&) = delete;
+
+    // The backend of a section that names one, its state not yet updated; null when the daemon would not make
+    // one.
+    std::shared_ptr<TelvoraBackend> makeBackend(const std::shared_ptr<const Dictionary>& section) const;
+
+    // Lets the clock go on.
+    void advance(int32_t seconds) { now_.seconds += seconds; }
+    TimeValue now() const { return now_; }
+
+    // Called with every post, which the server accepts.
+    std::function<void(const Post& post)> onPost;
+
+    const DeviceIdentity& identity() const { return identity_; }
+
+  private:
+    class Server;
+
+    const Circumstances circumstances_;
+    TimeValue now_;
+    const DeviceProperties properties_;
+    UserDefaults defaults_;
+    const DeviceIdentity identity_;
+    const Environment environment_;
+    const ClientFramework framework_;
+    mutable lab::VirtualNetwork network_;
+    std::unique_ptr<HttpClient> server_;
+    const BackendServices services_;
+    const BackendFactory factory_;
+};
+
+}  // namespace telvora::bag
