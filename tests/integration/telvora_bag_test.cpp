@@ -77,6 +77,12 @@ TEST_F(TelvoraBag, SignsWhatItThenVerifiesAndShows) {
     const Result linted = run({"lint", "json.signed"});
     EXPECT_EQ(linted.status, 1);
     EXPECT_NE(linted.output.find("release/dashboard/port: error: "), std::string::npos) << linted.output;
+    write("reports", "{\"category\": 5, \"type\": 1}\n");
+    const Result explained = run({"explain", "json.signed", "--client-type", "7", "--consent", "yes",
+                                  "--country", "CH", "--draw", "0.5", "--events", "reports"});
+    EXPECT_EQ(explained.status, 0) << explained.errors;
+    EXPECT_NE(explained.output.find("\ndashboard\n  0 of 1 reports posted"), std::string::npos)
+        << explained.output;
     EXPECT_EQ(run({"lint", "--json", path("bag.plist")}).output, "{\"findings\":[]}\n");
 
     ASSERT_EQ(run({"keygen", "--key", path("other.pem"), "--public", path("other.der")}).status, 0);
@@ -105,6 +111,17 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
         {{"sign", "--key", key, path("array.plist"), out}, "no dictionary"},
         {{"sign", "--key", key, path("bag.plist"), path("nowhere/out")}, "nowhere"},
         {{"sign", "--key", key, path("signed"), out}, "signed document already"},
+        {{"explain", path("bag.plist")}, "--client-type"},
+        {{"explain", path("bag.plist"), "--client-type", "19"}, "19"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--consent", "perhaps"}, "perhaps"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--draw", "1.5"}, "1.5"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--environment", "mars"},
+         "no such environment"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--device", path("text")},
+         "text: no property list"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--events", path("absent")},
+         "absent: can't be read"},
+        {{"explain", path("bag.plist"), "--client-type", "7", "--events", path("text")}, "text: line 1: "},
         {{"lint", path("text")}, "no property list"},
         {{"verify", "--public", key, path("signed")}, "no RSA public key"},
         {{"verify", "--public", der, path("bag.plist")}, "bag.plist: "},
