@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-lab/bag_server.h"
 
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "config/signed_bag.h"
@@ -77,6 +79,18 @@ void BagServer::setBag(const std::string& name, Dictionary bag) {
     bags_[name].content = std::move(bag);
 }
 
+void BagServer::serveSigned(std::filesystem::path directory) {
+    MutexLock lock(mutex_);
+    signedBags_ = std::move(directory);
+}
+
+std::optional<std::string> BagServer::signedDocument(const std::string& name) const {
+    if (!signedBags_ || name.find('/') != std::string::npos) return std::nullopt;
+    std::ifstream file(*signedBags_ / name, std::ios::binary);
+    std::string document(std::istreambuf_iterator<char>(file), {});
+    return document.empty() ? std::nullopt : std::optional(std::move(document));
+}
+
 void BagServer::setHeaders(const std::string& name, std::optional<std::string> cacheControl,
                            std::optional<std::string> lastModified) {
     MutexLock lock(mutex_);
@@ -108,6 +122,11 @@ ServerResponse BagServer::handle(const ServerRequest& request) {
     const auto known = bags_.find(record.name);
     const Bag bag = known != bags_.end() ? known->second : Bag{};
     ServerResponse response = answerFor(bag, record.ifModifiedSince);
+    if (auto document = known == bags_.end() ? signedDocument(record.name) : std::nullopt) {
+        response.status = 200;
+        response.contentType = "application/xml";
+        response.body = std::move(*document);
+    }
     record.status = response.status;
     requests_.push_back(std::move(record));
     changed_.notify_all();

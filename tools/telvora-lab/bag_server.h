@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -56,6 +57,9 @@ class BagServer {
 
     // Adds or replaces a bag: the inner bag with its sections, "version" and "refresh_cycle".
     void setBag(const std::string& name, Dictionary bag);
+    // Bags that no setBag() names are answered with the file of their name in `directory`, as it stands there
+    // at the request: documents that are signed already.
+    void serveSigned(std::filesystem::path directory);
     // The headers of a bag's answers. Without a call: "max-age=600", and no "Last-Modified". A request whose
     // "If-Modified-Since" equals `lastModified` is answered with 304.
     void setHeaders(const std::string& name, std::optional<std::string> cacheControl,
@@ -84,11 +88,13 @@ class BagServer {
 
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
     ServerResponse answerFor(const Bag& bag, const std::optional<std::string>& ifModifiedSince) const;
+    std::optional<std::string> signedDocument(const std::string& name) const TELVORA_REQUIRES(mutex_);
 
     const LabPki& pki_;
     mutable Mutex mutex_;
     mutable std::condition_variable_any changed_;
     std::map<std::string, Bag> bags_ TELVORA_GUARDED_BY(mutex_);
+    std::optional<std::filesystem::path> signedBags_ TELVORA_GUARDED_BY(mutex_);
     std::vector<BagRequest> requests_ TELVORA_GUARDED_BY(mutex_);
     uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
     HttpsServer server_;  // last: it stops before what its handlers use goes

@@ -2,6 +2,7 @@
 //
 // telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
 #include <CLI/CLI.hpp>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -25,6 +26,8 @@ constexpr int kUsageError = 2;
 struct Arguments {
     std::string directory;
     std::vector<std::string> bags;
+    std::string signedBags;
+    std::string environmentFile;
     std::vector<std::string> bagFaults;
     std::string reportingFault = "none";
     std::string logDataFault = "none";
@@ -57,6 +60,7 @@ std::string configure(Laboratory& laboratory, const Arguments& arguments) {
         if (!content) return parts->second + ": not a dictionary";
         laboratory.setBag(parts->first, *content);
     }
+    if (!arguments.signedBags.empty()) laboratory.bags().serveSigned(arguments.signedBags);
     for (const std::string& argument : arguments.bagFaults) {
         const auto parts = assignment(argument);
         const auto fault = parts ? bagFaultNamed(parts->second) : std::nullopt;
@@ -126,6 +130,24 @@ Dictionary summary(Laboratory& laboratory, const std::filesystem::path& director
             {"problems", Array(problems.begin(), problems.end())}};
 }
 
+// As lines that a shell reads: LAB_NAME='value', with the names in capitals. True also without a file.
+bool writeEnvironment(const Dictionary& addresses, const std::string& path) {
+    if (path.empty()) return true;
+    std::ofstream file(path);
+    for (const auto& [key, value] : addresses) {
+        std::string name = "LAB_" + key;
+        for (char& c : name)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        const auto* text = value.getIf<std::string>();
+        std::string quoted = text != nullptr ? *text : std::to_string(value.integerValue().value_or(0));
+        for (size_t at = 0; (at = quoted.find('\'', at)) != std::string::npos; at += 4)
+            quoted.replace(at, 1, "'\\''");
+        file << name << "='" << quoted << "'\n";
+    }
+    file.close();
+    return file.good();
+}
+
 int serve(const Arguments& arguments) {
     const EndOfRun end;
     auto laboratory =
@@ -143,6 +165,9 @@ int serve(const Arguments& arguments) {
                                {"ca", (*laboratory)->pki().caFile()},
                                {"framework", (*laboratory)->pki().frameworkDirectory()}};
     std::cout << toJson(addresses, false) << std::endl;
+    if (!writeEnvironment(addresses, arguments.environmentFile)) {
+        return complain(arguments.environmentFile + ": can't be written");
+    }
     end.wait(arguments.ignoreInput);
     std::cout << toJson(summary(**laboratory, arguments.directory), true) << std::endl;
     return std::cout.good() ? 0 : 1;
@@ -164,6 +189,11 @@ int main(int argc, char** argv) {
         "NAME=FILE: serve this property list, signed; @events@, @realtime@, @logdata@ and @upload@ "
         "in its strings stand for the servers' URLs, a string @dashboard_port@ for the "
         "number of the collector's port");
+    serveCommand->add_option("--signed-bags", arguments.signedBags,
+                             "DIR: serve the signed documents that stand there, each under its file's name");
+    serveCommand->add_option("--env-file", arguments.environmentFile,
+                             "Write the addresses to this file, too, as lines LAB_NAME='value' that a shell "
+                             "reads; it may be a FIFO, whose reader then waits for the servers");
     serveCommand->add_option(
         "--bag-fault", arguments.bagFaults,
         "NAME=FAULT: noAnswer, hold, notModified, notFound, truncated, notAPropertyList, "
