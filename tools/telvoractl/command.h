@@ -21,13 +21,11 @@ enum Status : int {
     kNoAnswer = 4,       // within the time that was given
 };
 
-// The options of all commands. Whole only once the command line has been read.
+// The options of all commands. They count only once the command line has been read.
 struct CommonOptions {
     std::string socketPath;  // empty: not given
     bool json = false;
-
-    // The path of the daemon's socket.
-    std::string socket() const;
+    double wait = 0;  // seconds for the daemon to come up
 };
 
 // A subcommand and what runs it, once the command line has been read; that returns a Status.

@@ -9,7 +9,7 @@ namespace {
 
 int runFlush(const SessionOptions& options, const CommonOptions& common) {
     SessionRun session(options, Printer(common.json));
-    const int status = session.open(common.socket());
+    const int status = session.open(common);
     return status == kDone ? session.flush() : status;
 }
 

@@ -6,7 +6,6 @@
 #include <iostream>
 #include <vector>
 
-#include "client/client_session.h"
 #include "command.h"
 #include "util/log.h"
 
@@ -44,6 +43,9 @@ int run(int argc, char** argv) {
         "--socket", common.socketPath,
         "The daemon's socket; default $TELVORA_SOCKET, else com.zandor.telvorad in $RUNTIME_DIRECTORY "
         "or /run/telvora");
+    app.add_option("--wait", common.wait, "Seconds to wait for a daemon that does not listen yet")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0));
     app.add_flag("--json", common.json, "Print JSON instead of text");
     std::vector<Command> commands;
     for (const auto& add : kCommands)
@@ -65,10 +67,6 @@ void printLogLine(int /*level*/, std::string_view line) {
 }
 
 }  // namespace
-
-std::string CommonOptions::socket() const {
-    return socketPath.empty() ? ClientSession::defaultSocketPath() : socketPath;
-}
 
 int fail(Status status, const std::string& problem) {
     std::fprintf(stderr, "telvoractl: %s\n", problem.c_str());

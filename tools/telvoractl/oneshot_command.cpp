@@ -21,7 +21,7 @@ int runOneshot(const Options& options, const CommonOptions& common) {
     std::string outcome;
     Answers answers(options.session.timeout);
     ClientRuntime runtime;  // its thread uses the two above to the last
-    const auto session = ClientSession::connect(runtime, common.socket());
+    const auto session = connect(runtime, common);
     if (!session) return fail(kDaemonMissing, session.error());
     answers.expectOne();
     (*session)->sendSingleMessage(

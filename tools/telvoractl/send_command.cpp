@@ -21,7 +21,7 @@ int runSend(const Options& options, const CommonOptions& common) {
     if (*payload) message.set(kTelvoraMessageParametersPayload, std::move(**payload));
 
     SessionRun session(options.session, Printer(common.json));
-    int status = session.open(common.socket());
+    int status = session.open(common);
     if (status == kDone) status = session.send(std::move(message));
     if (status == kDone) status = session.wait();
     return status == kDone ? session.leave() : status;

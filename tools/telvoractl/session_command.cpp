@@ -95,7 +95,7 @@ class Lines {
 int runSession(const SessionOptions& options, const CommonOptions& common, bool aggregate) {
     const bool interactive = isatty(STDIN_FILENO) != 0 && !common.json;
     SessionRun session(options, Printer(!interactive));
-    int status = session.open(common.socket(), aggregate);
+    int status = session.open(common, aggregate);
     if (status != kDone) return status;
     if (interactive) std::puts(kLineHelp);
     status = Lines(session, interactive).read(std::cin);

@@ -2,13 +2,30 @@
 #include "session_options.h"
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <limits>
 #include <random>
+#include <thread>
 
 #include "json/json_reader.h"
 #include "telvora/keys.h"
 
 namespace telvora::ctl {
+
+tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
+                                                                  const CommonOptions& common,
+                                                                  ClientSession::Handlers handlers) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds kPause{50};
+    const std::string path =
+        common.socketPath.empty() ? ClientSession::defaultSocketPath() : common.socketPath;
+    const auto deadline = Clock::now() + std::chrono::duration<double>(common.wait);
+    for (;;) {
+        auto session = ClientSession::connect(runtime, path, handlers);
+        if (session || Clock::now() + kPause > deadline) return session;
+        std::this_thread::sleep_for(kPause);
+    }
+}
 
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
     const CLI::Range unsigned32(int64_t{0}, int64_t{std::numeric_limits<uint32_t>::max()});

@@ -4,11 +4,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tl/expected.hpp>
 #include <vector>
 
+#include "client/client_session.h"
 #include "command.h"
 #include "platform/property_list.h"
 
@@ -41,6 +43,11 @@ struct ReportOptions {
     // The payload, or what is wrong with it; an absent one when no option gave any.
     tl::expected<std::optional<Dictionary>, std::string> payloadOrNothing() const;
 };
+
+// Connects to the daemon, for which it waits as long as the options say. Fails with the reason.
+tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
+                                                                  const CommonOptions& common,
+                                                                  ClientSession::Handlers handlers = {});
 
 void addSessionOptions(CLI::App& command, SessionOptions& options);
 void addReportOptions(CLI::App& command, ReportOptions& report);

@@ -56,14 +56,14 @@ int SessionRun::ask(Call call, const std::string& what, T& answer) {
     return kDone;
 }
 
-int SessionRun::open(const std::string& socket, bool aggregate) {
+int SessionRun::open(const CommonOptions& common, bool aggregate) {
     ClientSession::Handlers handlers;
     if (aggregate) {
         handlers.aggregationBlock = [this](const AggregatedMessage& message) {
             print_("aggregated", message);
         };
     }
-    auto session = ClientSession::connect(runtime_, socket, std::move(handlers));
+    auto session = connect(runtime_, common, std::move(handlers));
     if (!session) return fail(kDaemonMissing, session.error());
     session_ = std::move(*session);
 

@@ -21,7 +21,7 @@ class SessionRun {
 
     // Connects, configures the session and prints its reporting states. With `aggregate`, prints the messages
     // that the session is asked to aggregate from then on.
-    int open(const std::string& socket, bool aggregate = false);
+    int open(const CommonOptions& common, bool aggregate = false);
 
     // Sends one report. Does not wait for its answer, which is printed when it comes: reports are pipelined.
     int send(Dictionary message);

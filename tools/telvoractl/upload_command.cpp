@@ -15,7 +15,7 @@ struct Options {
 // All files, even after one that no backend uploads.
 int runUpload(const Options& options, const CommonOptions& common) {
     SessionRun session(options.session, Printer(common.json));
-    int result = session.open(common.socket());
+    int result = session.open(common);
     if (result != kDone) return result;
     for (const std::string& file : options.files) {
         const int status = session.upload(file);
