@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <csignal>
 #include <memory>
 
 #include "platform/work_pool.h"
@@ -9,8 +10,9 @@
 namespace telvora {
 
 // The background thread on which all sessions of a process talk to the daemon and run their callbacks. It is
-// started with the first session. Thread-safe. To be destroyed after its sessions, and not on its own thread,
-// that is in a callback; callbacks that have not run by then are told that the connection is lost.
+// started with the first session; signals are none of its business. Thread-safe. To be destroyed after its
+// sessions, and not on its own thread, that is in a callback; callbacks that have not run by then are told
+// that the connection is lost.
 class ClientRuntime {
   public:
     ClientRuntime() = default;
@@ -18,14 +20,36 @@ class ClientRuntime {
     ClientRuntime(const ClientRuntime&) = delete;
     ClientRuntime& operator=(const ClientRuntime&) = delete;
 
-    // Work for the thread, in order. Starts the thread when there is none.
+    // Work for the thread, in order. Starts the thread when there is none; throws std::system_error when it
+    // can't be started.
     Strand makeStrand() TELVORA_EXCLUDES(lock_) {
         const MutexLock lock(lock_);
-        if (!pool_) pool_ = std::make_unique<WorkPool>(1);
+        if (!pool_) {
+            const NoSignals inherited;
+            pool_ = std::make_unique<WorkPool>(1);
+        }
         return pool_->makeStrand();
     }
 
   private:
+    // A thread starts with its maker's signal mask. What a thread raises itself stays its own.
+    class NoSignals {
+      public:
+        NoSignals() {
+            sigset_t all;
+            sigfillset(&all);
+            for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+                sigdelset(&all, own);
+            pthread_sigmask(SIG_SETMASK, &all, &before_);
+        }
+        ~NoSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+        NoSignals(const NoSignals&) = delete;
+        NoSignals& operator=(const NoSignals&) = delete;
+
+      private:
+        sigset_t before_;
+    };
+
     Mutex lock_;
     std::unique_ptr<WorkPool> pool_ TELVORA_GUARDED_BY(lock_);
 };

@@ -26,7 +26,7 @@ constexpr auto kReadString = [](ArgumentReader& in) { return in.string(); };
 constexpr auto kReadOptionalString = [](ArgumentReader& in) { return in.optionalString(); };
 constexpr auto kReadStates = [](ArgumentReader& in) { return in.optionalStrings(); };
 
-tl::expected<UniqueFd, std::string> connectTo(const std::string& path) {
+tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
     const auto failure = [&path](int error) {
         return tl::unexpected("can't connect to " + path + ": " + std::strerror(error));
     };
@@ -35,7 +35,8 @@ tl::expected<UniqueFd, std::string> connectTo(const std::string& path) {
     if (path.empty() || path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int nonBlocking = fullBacklog == FullBacklog::kFails ? SOCK_NONBLOCK : 0;
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | nonBlocking, 0));
     if (!socket) return failure(errno);
     int result = 0;
     do {
@@ -57,8 +58,8 @@ std::string ClientSession::defaultSocketPath() {
 }
 
 tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect(
-    ClientRuntime& runtime, const std::string& socketPath, Handlers handlers) {
-    auto socket = connectTo(socketPath);
+    ClientRuntime& runtime, const std::string& socketPath, Handlers handlers, FullBacklog fullBacklog) {
+    auto socket = connectTo(socketPath, fullBacklog);
     if (!socket) return tl::unexpected(socket.error());
     auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers));
     if (const auto started = connection->start(std::move(*socket)); !started) {

@@ -67,6 +67,9 @@ struct AggregatedMessage {
     }
 };
 
+// What connecting does while the daemon's backlog is full.
+enum class FullBacklog { kWaits, kFails };
+
 // The session info of a session one level below `parent` in its hierarchy: the parent's but for session ID
 // and level. Nothing when the parent belongs to no hierarchy. Pure.
 std::optional<Dictionary> sessionInfoOfChild(const Dictionary& parent, uint32_t sessionID);
@@ -88,11 +91,13 @@ class ClientSession {
     // $TELVORA_SOCKET, else com.zandor.telvorad in $RUNTIME_DIRECTORY or /run/telvora.
     static std::string defaultSocketPath();
 
-    // Connects to the daemon's socket: unix(7). Blocks while the daemon's backlog is full. Fails with the
-    // reason. `runtime` outlives the session.
-    static tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
-                                                                             const std::string& socketPath,
-                                                                             Handlers handlers = {});
+    // What one call may take on the wire; the daemon ends a connection that brings it much more.
+    static constexpr size_t kMaxCallBytes = 16'000'000;
+
+    // Connects to the daemon's socket: unix(7). Fails with the reason. `runtime` outlives the session.
+    static tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
+        ClientRuntime& runtime, const std::string& socketPath, Handlers handlers = {},
+        FullBacklog fullBacklog = FullBacklog::kWaits);
     // Connects a session one level below this one in its hierarchy, and tells the daemon what it is: what
     // this session is (its last setSessionInfo()), with a session ID and a user info of its own. `completion`
     // is that of setSessionInfo(). Fails with the reason, as connect() does, and when this session belongs to

@@ -70,6 +70,9 @@ class ClientSession::Connection : public std::enable_shared_from_this<ClientSess
             if (out.result() < 0) {
                 return once->fail(CallFailure::Kind::kInvalid, "the arguments can't be sent");
             }
+            if (message.bodySize() > kMaxCallBytes) {
+                return once->fail(CallFailure::Kind::kInvalid, "the arguments are too large");
+            }
             self->send(std::move(message), [read = std::move(read), once, pending = std::move(pending)](
                                                BusMessage& reply) { finish(reply, read, *once); });
         });

@@ -20,8 +20,10 @@ constexpr char kFile[] = "h";
 
 }  // namespace
 
+// None of these is ever destroyed: a client's thread may use them to the very end of its process.
+
 const BusInterface& clientSessionBusInterface() {
-    static const BusInterface interface(
+    static const BusInterface& interface = *new BusInterface(
         "com.zandor.telvorad.ClientSessionInterface",
         {
             {"SetSessionInfo",
@@ -55,21 +57,21 @@ const BusInterface& clientSessionBusInterface() {
 }
 
 const BusInterface& sandboxExtensionBusInterface() {
-    static const BusInterface interface(
+    static const BusInterface& interface = *new BusInterface(
         "com.zandor.telvorad.SandboxExtension",
         {{"IssueFileExtension", {{"path", kString}, {"file", kFile}}, {{"extensionToken", kString}}}});
     return interface;
 }
 
 const BusInterface& clientSessionReplyBusInterface() {
-    static const BusInterface interface("com.zandor.telvorad.ClientSessionReplyInterface",
-                                        {{"SendMessageToClient",
-                                          {{"sessionInfo", kOptionalDictionary},
-                                           {"timestamp", kDouble},
-                                           {"category", kU16},
-                                           {"type", kU16},
-                                           {"payload", kOptionalDictionary}},
-                                          {}}});
+    static const BusInterface& interface = *new BusInterface(
+        "com.zandor.telvorad.ClientSessionReplyInterface", {{"SendMessageToClient",
+                                                             {{"sessionInfo", kOptionalDictionary},
+                                                              {"timestamp", kDouble},
+                                                              {"category", kU16},
+                                                              {"type", kU16},
+                                                              {"payload", kOptionalDictionary}},
+                                                             {}}});
     return interface;
 }
 

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// ApplicationSession: what a telvora_session is behind the C interface: it counts what runs, so that one can
+// wait for it, and runs the application's callbacks, as long as they may run.
+#pragma once
+
+#include <condition_variable>
+
+#include "client/process_runtime.h"
+#include "client/session_target.h"
+
+namespace telvora {
+
+class ApplicationSession : public std::enable_shared_from_this<ApplicationSession> {
+  public:
+    // `options` are complete, whatever the version of the program that they come from.
+    static std::shared_ptr<ApplicationSession> make(const telvora_session_options& options);
+
+    // These are as telvora.h has them for all calls, and for those of their names.
+    telvora_status call(Request request, telvora_completion completion, void* context);
+    telvora_status uploadFile(const char* path, telvora_completion completion, void* context);
+    telvora_status wait(int64_t milliseconds) TELVORA_EXCLUDES(lock_);
+    void end() TELVORA_EXCLUDES(lock_);
+    uint64_t lostCalls() const { return inherited() ? 0 : target_->lostCalls(); }
+
+    // In a forked child nothing else here may be called, not even the destructor.
+    bool inherited() const { return runtime_.inherited(); }
+
+  private:
+    // Something that wait() or end() waits for, for as long as it lives.
+    class Work {
+      public:
+        explicit Work(std::shared_ptr<ApplicationSession> session);
+        ~Work();
+        Work(const Work&) = delete;
+        Work& operator=(const Work&) = delete;
+
+      private:
+        const std::shared_ptr<ApplicationSession> session_;
+    };
+
+    explicit ApplicationSession(const telvora_session_options& options);
+    SessionTarget::Handlers handlers();
+    template <typename Run>
+    void runHandler(Run run) TELVORA_EXCLUDES(lock_);
+    void answered(const Answer& answer, telvora_completion completion, void* context);
+    telvora_status failed(telvora_status status) TELVORA_EXCLUDES(lock_);
+
+    ProcessRuntime& runtime_;
+    const telvora_session_options options_;  // its strings are not kept
+    std::shared_ptr<SessionTarget> target_;  // set by make(), for good
+
+    Mutex lock_;
+    std::condition_variable_any workDone_;
+    size_t work_ TELVORA_GUARDED_BY(lock_) = 0;
+    telvora_status firstFailure_ TELVORA_GUARDED_BY(lock_) = TELVORA_OK;
+    std::atomic<bool> ended_ = false;
+};
+
+}  // namespace telvora
