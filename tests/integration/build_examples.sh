@@ -1,0 +1,25 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+#
+# usage: build_examples.sh BUILD EXAMPLES TO CC CXX FLAGS
+#
+# Installs what is built in BUILD to TO/prefix, and builds the EXAMPLES in C and C++ there as an application's
+# developer does: the one by pkg-config, the other by find_package.
+set -eu
+build=$1 examples=$2 to=$3 cc=$4 cxx=$5 flags=$6
+
+rm -rf "$to"
+cmake --install "$build" --prefix "$to/prefix" >/dev/null
+libdir=$(dirname "$(dirname "$(find "$to/prefix" -name telvora.pc)")")
+[ "$libdir" = "$to/prefix/lib" ] || ln -sfn "$libdir" "$to/prefix/lib"
+ldd "$libdir/libtelvora.so" | grep -E 'libcurl|libssl|libcrypto|libplist' && exit 1
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+mkdir "$to/c"
+# shellcheck disable=SC2046,SC2086  # flags are meant to be split
+"$cc" $flags -std=c99 -Wall -Wextra -Wpedantic -Werror "$examples/c/first_report.c" \
+    $(pkg-config --cflags --libs telvora) -o "$to/c/first_report"
+
+cmake -S "$examples/cpp" -B "$to/cpp" -DCMAKE_PREFIX_PATH="$to/prefix" -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_CXX_FLAGS="$flags -Wall -Wextra -Wpedantic -Werror" >/dev/null
+cmake --build "$to/cpp" >/dev/null

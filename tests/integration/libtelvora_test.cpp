@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// libtelvora as an application has it, the shared library through its C interface, with the real daemon: that
+// every operation gets there, and what becomes of an application whose daemon, process or rights fail it.
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <thread>
+
+#include "telvora-lab/bags.h"
+#include "telvora/telvora.h"
+#include "tests/support/daemon_fixture.h"
+#include "tests/support/forked_child.h"
+
+namespace telvora::test {
+namespace {
+
+// ThreadSanitizer ends a forked child that starts a thread, and a thread costs more under a sanitizer.
+#ifdef TELVORA_SANITIZED
+constexpr bool kChildMayStartThreads = false;
+constexpr int kThreads = 100;
+#else
+constexpr bool kChildMayStartThreads = true;
+constexpr int kThreads = 1000;
+#endif
+
+using lab::ChildProcess;
+using lab::ChildProcessOptions;
+using lab::DaemonOptions;
+using lab::kPatience;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+constexpr int64_t kPatienceMs = std::chrono::milliseconds(kPatience).count();
+
+// What completions and handlers noted, in order; read once the session has been waited for.
+using Notes = std::vector<std::string>;
+
+void noteAnswer(void* context, const telvora_answer* answer) {
+    std::string note = telvora_status_text(telvora_answer_status(answer));
+    const telvora_value* value = telvora_answer_value(answer);
+    if (const char* text = telvora_value_string(value)) note = text;
+    for (size_t i = 0; i < telvora_value_count(telvora_value_at(value, 0)) && i < telvora_value_count(value);
+         ++i)
+        note = telvora_value_string(telvora_value_at(value, i));
+    if (value != nullptr && telvora_value_type(value) == TELVORA_TYPE_BOOL)
+        note = telvora_value_bool(value) ? "true" : "false";
+    const char* description = nullptr;
+    int32_t code = 0;
+    if (telvora_answer_error(answer, nullptr, &code, &description))
+        note += " " + std::to_string(code) + " " + description;
+    static_cast<Notes*>(context)->push_back(note);
+}
+
+class Libtelvora : public DaemonFixture {
+  protected:
+    void SetUp() override {
+        DaemonFixture::SetUp();
+        Dictionary bag = lab::openBag();
+        Dictionary section = *bag.dictionary("release");
+        section.set("uploadServer", Dictionary{{"post_url", "@upload@"}});
+        bag.set("release", std::move(section));
+        laboratory().setBag("dravik", bag);
+        telvora_set_int(info_, kTelvoraSessionInfoClientType, 8);
+        telvora_set_int(info_, kTelvoraSessionInfoSessionID, 7);
+        telvora_set_string(payload_, "fruit", "quince");
+    }
+    void TearDown() override {
+        telvora_session_free(session_);
+        telvora_value_free(info_);
+        telvora_value_free(payload_);
+        DaemonFixture::TearDown();
+    }
+    telvora_session* open(const std::string& path) {
+        telvora_session_options options = {};
+        options.size = sizeof options;
+        options.socket_path = path.c_str();
+        options.on_message = [](void* context, const telvora_value*, double, uint16_t category, uint16_t type,
+                                const telvora_value*) {
+            static_cast<Notes*>(context)->push_back("message " + std::to_string(category) + "/" +
+                                                    std::to_string(type));
+        };
+        options.on_connection = [](void* context, telvora_connection_event event, uint64_t lost,
+                                   const char*) {
+            static_cast<Notes*>(context)->push_back(
+                (event == TELVORA_CONNECTION_LOST ? "lost " : "restored ") + std::to_string(lost));
+        };
+        options.message_context = options.connection_context = &events_;
+        return telvora_session_new(&options);
+    }
+    // A session with the daemon, configured.
+    void configure() {
+        session_ = open(daemon().socketPath());
+        telvora_session_set_info(session_, info_, nullptr, nullptr, 0, nullptr, nullptr);
+        telvora_session_start(session_, nullptr, nullptr);
+        ASSERT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_OK);
+        events_.clear();
+    }
+    telvora_status send() { return telvora_session_send(session_, 5, 6, payload_, nullptr, nullptr); }
+    telvora_status flushAndWait() {
+        telvora_session_flush(session_, nullptr, nullptr);
+        return telvora_session_wait(session_, kPatienceMs);
+    }
+    bool waitForReports(size_t count) { return reports().waitForEvents(count, kPatience); }
+
+    telvora_value* const info_ = telvora_dictionary_new();
+    telvora_value* const payload_ = telvora_dictionary_new();
+    telvora_session* session_ = nullptr;
+    Notes events_;
+};
+
+TEST_F(Libtelvora, CarriesEveryOperation) {
+    startDaemon();
+    session_ = open(daemon().socketPath());
+    const auto file = directory().write("a b%.log", "content");
+    telvora_value* user = telvora_dictionary_new();
+    telvora_set_string(user, kTelvoraUserInfoClientName, "tester");
+    telvora_value* message = telvora_dictionary_new();
+    telvora_set_int(message, kTelvoraMessageParametersCategory, 5);
+    telvora_set_int(message, kTelvoraMessageParametersType, 7);
+    telvora_set_value(message, kTelvoraMessageParametersPayload, payload_);
+    telvora_value* records = telvora_array_new();
+    telvora_set_string(records, nullptr, "record");
+    const char* const frameworks[] = {"Framework"};
+
+    Notes notes;
+    const telvora_status statuses[] = {
+        telvora_session_set_info(session_, info_, user, frameworks, 1, noteAnswer, &notes),
+        telvora_session_start(session_, noteAnswer, &notes),
+        telvora_session_fetch_states(session_, user, noteAnswer, &notes),
+        telvora_session_fetch_display_url(session_, noteAnswer, &notes),
+        telvora_session_send(session_, 5, 6, payload_, nullptr, nullptr),
+        telvora_session_send_dictionary(session_, message, nullptr, nullptr),
+        telvora_session_wait(session_, kPatienceMs),
+        telvora_session_flush(session_, nullptr, nullptr),
+        telvora_session_wait(session_, kPatienceMs),
+        telvora_session_flush(session_, noteAnswer, &notes),
+        telvora_session_finish(session_, nullptr, nullptr),
+        telvora_session_upload_log_data(session_, records, noteAnswer, &notes),
+        telvora_session_upload_file(session_, file.c_str(), noteAnswer, &notes),
+        telvora_session_wait(session_, kPatienceMs),
+        telvora_session_send_single(session_, info_, user, 8, 9, payload_, noteAnswer, &notes),
+        telvora_session_wait(session_, kPatienceMs),
+    };
+    EXPECT_THAT(statuses, testing::Each(TELVORA_OK));
+    EXPECT_THAT(notes, ElementsAre("done", "uploadServer", "uploadServer", "URL not available",
+                                   "done -1 Nothing to flush", "false", "true", "finished"));
+    EXPECT_THAT(events_, ElementsAre("message 0/0", "message 5/6", "message 5/7", "message 0/2"));
+    ASSERT_EQ(laboratory().uploads().uploadCount(), 1u);
+    EXPECT_EQ(laboratory().uploads().uploads()[0].body, "content");
+
+    EXPECT_EQ(telvora_session_upload_file(session_, "/nowhere", nullptr, nullptr), TELVORA_ERROR_FILE);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(telvora_session_send_single(session_, payload_, nullptr, 1, 1, nullptr, nullptr, nullptr),
+              TELVORA_ERROR_INVALID);
+    EXPECT_EQ(telvora_session_send(session_, 1, 1, records, nullptr, nullptr), TELVORA_ERROR_INVALID);
+    const std::string much(17'000'000, 'x');
+    telvora_set_data(payload_, "much", much.data(), much.size());
+    EXPECT_EQ(send(), TELVORA_OK);                                               // and nothing of it leaves
+    EXPECT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_ERROR_FILE);  // the first failure
+    EXPECT_EQ(telvora_session_lost_calls(session_), 0u);
+    for (telvora_value* value : {user, message, records})
+        telvora_value_free(value);
+}
+
+TEST_F(Libtelvora, OutlivesItsDaemon) {
+    startDaemon();
+    configure();
+    kill(daemon().pid(), SIGSTOP);
+    siginfo_t stopped;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(daemon().pid()), &stopped, WSTOPPED), 0);
+    Notes notes;
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(telvora_session_send(session_, 5, 6, payload_, noteAnswer, &notes), TELVORA_OK);
+    EXPECT_EQ(telvora_session_wait(session_, 0), TELVORA_ERROR_TIMEOUT);
+    kill(daemon().pid(), SIGKILL);
+    EXPECT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_ERROR_LOST);
+    EXPECT_THAT(notes, testing::Each(telvora_status_text(TELVORA_ERROR_LOST)));
+    EXPECT_EQ(telvora_session_lost_calls(session_), 3u);
+    ASSERT_EQ(daemon().process().waitForExit(kPatience), 128 + SIGKILL);
+
+    startDaemon();
+    EXPECT_EQ(send(), TELVORA_OK);
+    EXPECT_EQ(flushAndWait(), TELVORA_OK);
+    EXPECT_TRUE(waitForReports(2));  // start and report
+    EXPECT_THAT(events_, UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
+}
+
+TEST_F(Libtelvora, TakesReportsOfManyThreads) {
+    startDaemon();
+    configure();
+    std::vector<std::thread> threads;
+    std::atomic<int> refused = 0;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int report = 0; report < 5; ++report)
+                refused += send() != TELVORA_OK;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(refused, 0);
+    EXPECT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_OK);
+    flushAndWait();
+    EXPECT_TRUE(waitForReports(5 * kThreads + 1));
+}
+
+// In a child process, for the library as it is before its first session, and for a user without rights.
+TEST_F(Libtelvora, FailsAtOnceWithoutADaemon) {
+    startDaemon([](DaemonOptions& options) { options.entitlement.reset(); });
+    const std::string absent = directory().path() / "absent";
+    const std::string deaf = directory().path() / "deaf";
+    const std::string others = daemon().socketPath();
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    deaf.copy(address.sun_path, sizeof address.sun_path - 1);
+    const UniqueFd bound(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+
+    const struct Case {
+        std::string path;
+        bool asNobody;
+        telvora_status sent;  // what the first call returns
+        telvora_status answered;
+    } cases[] = {{absent, false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+                 {deaf, false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+                 {std::string(200, 'x'), false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+                 {others, true, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+                 {others, false, TELVORA_OK, TELVORA_ERROR_LOST}};
+    std::filesystem::permissions(directory().path() / "run", std::filesystem::perms::owner_all);
+    for (const Case& c : cases) {
+        if (c.asNobody && geteuid() != 0) continue;  // who is not root can't become another user
+        SCOPED_TRACE(c.path + (c.asNobody ? " as nobody" : ""));
+        EXPECT_EQ(inForkedChild([&](const ChildReport& report) {
+                      if (c.asNobody && setresuid(65534, 65534, 65534) != 0) report.wrong("no other user");
+                      session_ = open(c.path);
+                      report.expect(send() == c.sent, "the first call");
+                      report.expect(telvora_session_wait(session_, kPatienceMs) == c.answered, "its answer");
+                      report.expect(send() == TELVORA_ERROR_UNAVAILABLE || c.sent == TELVORA_OK, "the next");
+                      telvora_session_free(session_);
+                  }),
+                  "");
+    }
+    session_ = nullptr;
+}
+
+TEST_F(Libtelvora, LeavesAForkedChildItsOwnSessions) {
+    startDaemon();
+    configure();
+    ASSERT_EQ(send(), TELVORA_OK);
+    EXPECT_EQ(inForkedChild([&](const ChildReport& report) {
+                  report.expect(send() == TELVORA_ERROR_FORKED, "a call");
+                  report.expect(telvora_session_wait(session_, -1) == TELVORA_ERROR_FORKED, "a wait");
+                  report.expect(telvora_session_lost_calls(session_) == 0, "the lost calls");
+                  telvora_session_free(session_);
+                  if (!kChildMayStartThreads) return;
+                  telvora_session* own = open(daemon().socketPath());
+                  telvora_session_fetch_display_url(own, nullptr, nullptr);
+                  report.expect(telvora_session_wait(own, kPatienceMs) == TELVORA_OK, "a session of its own");
+                  telvora_session_free(own);
+              }),
+              "");
+    EXPECT_EQ(flushAndWait(), TELVORA_OK);
+    EXPECT_TRUE(waitForReports(2));
+}
+
+// The child sends and exits at once, and goes on calling as its statics and handlers end.
+TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
+    startDaemon();
+    const struct {
+        const char* disable;
+        std::vector<std::string> lines;
+        size_t reports;
+    } cases[] = {{"1", {"threads 1", "0", "atexit: 9", "static: 9"}, 0},
+                 {"0", {"threads 1", "0", "atexit: 9", "static: 9"}, 3}};
+    for (const auto& [disable, lines, count] : cases) {
+        ChildProcess child({{TELVORA_EXIT_CLIENT},
+                            {{"TELVORA_SOCKET", daemon().socketPath()}, {"TELVORA_DISABLE", disable}}});
+        EXPECT_EQ(child.waitForExit(kPatience), 0) << testing::PrintToString(child.errors().lines());
+        child.output().waitFor([](std::string_view) { return false; }, kPatience);  // for all of it
+        EXPECT_EQ(child.output().lines(), lines);
+        EXPECT_TRUE(waitForReports(count));  // start, the report, and the end
+    }
+}
+
+// Those of examples/, built by build_examples.sh against the library as it is installed.
+TEST_F(Libtelvora, HasExamplesThatReport) {
+    startDaemon();
+    const std::string built = TELVORA_EXAMPLES_BUILT;
+    const std::vector<std::string> commands[] = {{built + "/c/first_report"},
+                                                 {built + "/cpp/first_report"},
+                                                 {"/usr/bin/python3", TELVORA_PYTHON_EXAMPLE}};
+    size_t expected = 0;
+    for (const std::vector<std::string>& command : commands) {
+        SCOPED_TRACE(command.back());
+        ChildProcess example(
+            {command,
+             {{"TELVORA_SOCKET", daemon().socketPath()}, {"LD_LIBRARY_PATH", built + "/prefix/lib"}}});
+        EXPECT_EQ(example.waitForExit(kPatience), 0) << testing::PrintToString(example.errors().lines());
+        EXPECT_TRUE(waitForReports(expected += 3));
+    }
+    size_t quinces = 0;
+    for (const Dictionary& event : reports().events())
+        quinces += event.contains("fruit");
+    EXPECT_EQ(quinces, 3u);
+}
+
+}  // namespace
+}  // namespace telvora::test
