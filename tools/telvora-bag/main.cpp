@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "completion/completion.h"
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
 
@@ -92,6 +93,7 @@ int main(int argc, char** argv) {
 
     bag::ExplainOptions explanation;
     CLI::App* explain = addExplain(app, explanation);
+    if (printCompletions(app, argc, argv)) return 0;
 
     try {
         app.parse(argc, argv);

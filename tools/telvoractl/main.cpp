@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "command.h"
+#include "completion/completion.h"
 #include "util/log.h"
 
 namespace telvora::ctl {
@@ -50,6 +51,7 @@ int run(int argc, char** argv) {
     std::vector<Command> commands;
     for (const auto& add : kCommands)
         commands.push_back(add(app, common));
+    if (printCompletions(app, argc, argv)) return kDone;
 
     try {
         app.parse(argc, argv);
