@@ -26,6 +26,9 @@ struct CommonOptions {
     std::string socketPath;  // empty: not given
     bool json = false;
     double wait = 0;  // seconds for the daemon to come up
+
+    // The path of the daemon's socket.
+    std::string socket() const;
 };
 
 // A subcommand and what runs it, once the command line has been read; that returns a Status.

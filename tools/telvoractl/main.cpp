@@ -6,6 +6,7 @@
 #include <iostream>
 #include <vector>
 
+#include "client/client_session.h"
 #include "command.h"
 #include "completion/completion.h"
 #include "util/log.h"
@@ -69,6 +70,10 @@ void printLogLine(int /*level*/, std::string_view line) {
 }
 
 }  // namespace
+
+std::string CommonOptions::socket() const {
+    return socketPath.empty() ? ClientSession::defaultSocketPath() : socketPath;
+}
 
 int fail(Status status, const std::string& problem) {
     std::fprintf(stderr, "telvoractl: %s\n", problem.c_str());

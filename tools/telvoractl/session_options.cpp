@@ -17,11 +17,9 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime&
                                                                   ClientSession::Handlers handlers) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kPause{50};
-    const std::string path =
-        common.socketPath.empty() ? ClientSession::defaultSocketPath() : common.socketPath;
     const auto deadline = Clock::now() + std::chrono::duration<double>(common.wait);
     for (;;) {
-        auto session = ClientSession::connect(runtime, path, handlers);
+        auto session = ClientSession::connect(runtime, common.socket(), handlers);
         if (session || Clock::now() + kPause > deadline) return session;
         std::this_thread::sleep_for(kPause);
     }
