@@ -15,6 +15,7 @@
 #include "daemon/daemon_status.h"
 #include "daemon/in_flight_http_client.h"
 #include "daemon/listener.h"
+#include "daemon/reload.h"
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
@@ -26,6 +27,7 @@
 #include "platform/locale.h"
 #include "platform/quality_of_service.h"
 #include "platform/sandbox.h"
+#include "platform/service_manager.h"
 #include "platform/system_log.h"
 #include "platform/uuid.h"
 #include "protocol/status_wire.h"
@@ -74,6 +76,11 @@ tl::expected<Sockets, std::string> openSockets(const std::filesystem::path& runt
         }
     }
     return Sockets{std::move(*handedOver->main), std::move(handedOver->other)};
+}
+
+void readLogLevel(UserDefaults& defaults) {
+    setLogThreshold(
+        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
 }
 
 // The daemon proper, in a confined process.
@@ -146,6 +153,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                  .value_or(kDefaultShutdownMilliseconds);
     Shutdown shutdown(runLoop,
                       {[&] {
+                           notifyServiceManager("STOPPING=1");
                            listener.close();
                            if (statusListener) statusListener->close();
                        },
@@ -154,10 +162,13 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                       std::chrono::milliseconds(std::max<int64_t>(deadline, 0)));
     shutdownWhenIdle = &shutdown;
 
+    // All other settings are read anew whenever they are used.
+    const Reload reload(runLoop, [&] { readLogLevel(defaults); });
     shutdown.onSignals();
     listener.resume();
     if (statusListener) statusListener->resume();
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
+    notifyServiceManager("READY=1");
     runLoop.run();
 
     // What still runs uses the objects above: it ends before they do, and waits for no server any more.
@@ -186,8 +197,7 @@ int main() {
 
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);
-    setLogThreshold(
-        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
+    readLogLevel(defaults);
 
     const MessageLog messageLog(directories.logs);
     TelvoradUtil::makeLogDirectory(messageLog);
