@@ -55,7 +55,7 @@ tl::expected<BusMessage, BusQueryFailure> callAndWait(const BusQuery& query) {
                        "can't connect to " + query.socketPath + ": " + std::strerror(-result));
     }
     sd_bus_message* received = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     result = sd_bus_call(bus.get(), call.get(), timeout, &error, &received);
     BusMessage reply = BusMessage::adopt(received);
     const std::string message = error.message != nullptr ? error.message : std::strerror(-result);
