@@ -40,6 +40,15 @@ namespace {
 // The name of the service is also that of its sandbox profile.
 constexpr char kServiceName[] = "com.zandor.telvorad";
 constexpr int64_t kDefaultShutdownMilliseconds = 5000;
+constexpr int64_t kDefaultIdleMilliseconds = 30'000;
+
+constexpr int64_t kMostMilliseconds = 24 * 3600 * 1000;
+
+// A setting in milliseconds, a day at most.
+std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view key, int64_t otherwise) {
+    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise);
+    return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMostMilliseconds));
+}
 
 // The strings of an array in the daemon's own settings.
 std::vector<std::string> defaultStrings(UserDefaults& defaults, std::string_view key) {
@@ -78,9 +87,22 @@ tl::expected<Sockets, std::string> openSockets(const std::filesystem::path& runt
     return Sockets{std::move(*handedOver->main), std::move(handedOver->other)};
 }
 
-void readLogLevel(UserDefaults& defaults) {
-    setLogThreshold(
-        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo)));
+// Without the folder the daemon runs on, as without its files; a folder that is barred is a mistake of
+// whoever set the service up.
+bool canRead(const std::filesystem::path& framework) {
+    std::error_code error;
+    std::filesystem::directory_iterator entries(framework, error);
+    if (!error || error == std::errc::no_such_file_or_directory) return true;
+    TELVORA_LOG(kLogError, "main: can't read the framework folder %s: %s", framework.c_str(),
+                error.message().c_str());
+    return false;
+}
+
+int readLogLevel(UserDefaults& defaults) {
+    const auto level =
+        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo));
+    setLogThreshold(level);
+    return level;
 }
 
 // The daemon proper, in a confined process.
@@ -122,9 +144,11 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           uploads,
                                           paths.readAndRemove};
     const StorebagFetcher fetcher({http, environment, framework});
-    KeepAliveTransaction keepAlive(runLoop, {.launchedOnDemand = sockets.clients.fromServiceManager,
-                                             .inFlight = [&] { return http.inFlight() > 0; },
-                                             .onIdle = [&] { shutdownWhenIdle->begin(); }});
+    KeepAliveTransaction keepAlive(
+        runLoop, {.launchedOnDemand = sockets.clients.fromServiceManager,
+                  .inFlight = [&] { return http.inFlight() > 0; },
+                  .onIdle = [&] { shutdownWhenIdle->begin(); },
+                  .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleMilliseconds)});
     TelvoradAgent agent(
         {entitlements, fetcher, sessionServices, keepAlive, timeOfDay, [&] { shutdownWhenIdle->check(); }});
     uint64_t connectionCount = 0;
@@ -149,8 +173,6 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                    status.accept(pool.makeStrand(), std::move(socket), peer);
                                });
     }
-    const int64_t deadline = defaults.integer(kTelvoraDefaultsDomain, "shutdownMilliseconds")
-                                 .value_or(kDefaultShutdownMilliseconds);
     Shutdown shutdown(runLoop,
                       {[&] {
                            notifyServiceManager("STOPPING=1");
@@ -159,11 +181,14 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                        },
                        [&] { agent.invalidateAllConnections(); },
                        [&] { return agent.sessionsAlive() == 0 && http.inFlight() == 0; }},
-                      std::chrono::milliseconds(std::max<int64_t>(deadline, 0)));
+                      milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownMilliseconds));
     shutdownWhenIdle = &shutdown;
 
     // All other settings are read anew whenever they are used.
-    const Reload reload(runLoop, [&] { readLogLevel(defaults); });
+    const Reload reload(runLoop, [&] {
+        const int level = readLogLevel(defaults);
+        TELVORA_LOG(kLogInfo, "main: Logging up to level %d", level);
+    });
     shutdown.onSignals();
     listener.resume();
     if (statusListener) statusListener->resume();
@@ -208,6 +233,7 @@ int main() {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
         return -1;
     }
+    if (!canRead(directories.framework)) return 1;
     auto sockets = openSockets(directories.runtime);
     if (!sockets) {
         TELVORA_LOG(kLogError, "main: can't listen: %s", sockets.error().c_str());

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/daemon_fixture.h"
 
+#include <csignal>
+
 namespace telvora::test {
 namespace {
 
@@ -27,15 +29,24 @@ void DaemonFixture::TearDown() {
 }
 
 void DaemonFixture::startDaemon(const std::function<void(DaemonOptions&)>& change) {
+    launchDaemon(change);
+    ASSERT_TRUE(daemon_->waitUntilListening()) << joined(daemon_->logLines());
+}
+
+void DaemonFixture::launchDaemon(const std::function<void(DaemonOptions&)>& change) {
     DaemonOptions options =
         DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(), bags().baseURL());
     if (change) change(options);
     daemon_ = std::make_unique<DaemonProcess>(std::move(options));
-    ASSERT_TRUE(daemon_->waitUntilListening()) << joined(daemon_->logLines());
 }
 
 void DaemonFixture::stopDaemon() {
-    EXPECT_EQ(daemon_->stop(), 0);
+    daemon_->process().signal(SIGTERM);
+    awaitDaemonsEnd();
+}
+
+void DaemonFixture::awaitDaemonsEnd(int status) {
+    EXPECT_EQ(daemon_->process().waitForExit(lab::kPatience), status);
     EXPECT_EQ(daemon_->sanitizerReports(), std::vector<std::string>());
     if (HasFailure()) std::cerr << "The daemon's log:\n" << joined(daemon_->logLines());
     daemon_.reset();

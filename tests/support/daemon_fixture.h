@@ -29,8 +29,12 @@ class DaemonFixture : public testing::Test {
 
     // Starts the daemon, after `change` has had its way with the options, and waits until it listens.
     void startDaemon(const std::function<void(lab::DaemonOptions&)>& change = {});
+    // The same without waiting.
+    void launchDaemon(const std::function<void(lab::DaemonOptions&)>& change);
     // Stops the daemon now and checks how it ends.
     void stopDaemon();
+    // Waits for its end without stopping it, and checks that.
+    void awaitDaemonsEnd(int status = 0);
     lab::DaemonProcess& daemon() { return *daemon_; }
 
     // Expects the whole line, with its level: "<7>..."; waits for it.

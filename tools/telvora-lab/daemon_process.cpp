@@ -58,7 +58,9 @@ ChildProcessOptions childOptions(const DaemonOptions& options) {
                         {"TELVORA_FRAMEWORK_DIR", options.frameworkDirectory},
                         {"SSL_CERT_FILE", options.caFile},
                         {"LC_ALL", "en_US.UTF-8"}});
-    return {{TELVORAD_PATH}, std::move(environment), true};
+    std::vector<std::string> arguments = options.launcher;
+    arguments.emplace_back(TELVORAD_PATH);
+    return {std::move(arguments), std::move(environment), true};
 }
 
 }  // namespace

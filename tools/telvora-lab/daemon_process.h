@@ -38,6 +38,8 @@ struct DaemonOptions {
     Dictionary deviceProperties;
     // Added to the environment; wins.
     std::map<std::string, std::string> environment;
+    // A program that becomes the daemon (execve), with its arguments; empty: the daemon is started directly.
+    std::vector<std::string> launcher;
 
     // The options for a daemon that lives in `directory` and talks to a laboratory.
     static DaemonOptions forLaboratory(const std::filesystem::path& directory, const LabPki& pki,

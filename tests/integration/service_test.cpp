@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The real daemon as its service manager has it: started by a connection, ending by itself or when told, and
+// refusing to start.
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "telvora-lab/bags.h"
+#include "tests/support/blocking_session.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+using lab::DaemonOptions;
+using lab::kPatience;
+using lab::openBag;
+using testing::Each;
+using testing::Not;
+using testing::StartsWith;
+
+class Service : public DaemonFixture {
+  protected:
+    std::string socket() const { return directory().path() / "run" / "com.zandor.telvorad"; }
+
+    // Has the daemon started by the first connection to its socket, as of now.
+    void activate(int64_t idleMilliseconds) {
+        launchDaemon([&](DaemonOptions& options) {
+            options.defaults.set("idleMilliseconds", idleMilliseconds);
+            options.launcher = {"/usr/bin/systemd-socket-activate", "--listen=" + socket(),
+                                "--listen=" + socket() + ".Status",
+                                "--fdname=com.zandor.telvorad.socket:com.zandor.telvorad.Status"};
+            // It hands on no variable that it isn't told of.
+            for (const char* name : {"RUNTIME_DIRECTORY", "STATE_DIRECTORY", "CONFIGURATION_DIRECTORY",
+                                     "LOGS_DIRECTORY", "TELVORA_FRAMEWORK_DIR", "SSL_CERT_FILE", "LC_ALL",
+                                     "JOURNAL_STREAM", "ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+                options.launcher.insert(options.launcher.end(), {"-E", name});
+            }
+        });
+        expectLine("Listening on " + socket() + " as 3.");
+        expectLine("Listening on " + socket() + ".Status as 4.");
+    }
+};
+
+TEST_F(Service, StartsWithItsFirstConnectionEndsWhenIdleAndLosesNothing) {
+    laboratory().setBag("dravik", openBag());
+    for (int64_t life = 1; life <= 2; ++life) {
+        activate(2000);
+        {
+            BlockingSession session(socket());
+            ASSERT_TRUE(session.startConfig());
+            for (int64_t n = 0; n < 10; ++n)
+                EXPECT_EQ(session.send(1, 1, {{"life", life}, {"n", n}}), std::nullopt);
+        }
+        awaitDaemonsEnd();
+        // The session's start and end are told too.
+        EXPECT_EQ(reports().eventCount(), static_cast<size_t>(12 * life));
+    }
+}
+
+TEST_F(Service, TellsWhyItDoesNotStart) {
+    const auto barred = directory().path() / "barred";
+    std::ofstream(barred) << "no folder";
+    const struct {
+        const char* what;
+        std::function<void(DaemonOptions&)> change;
+        std::string line;
+        int status;
+    } cases[] = {
+        {"no Landlock",
+         [](DaemonOptions& options) {
+             options.launcher = {TELVORA_WITHOUT_SYSTEM_CALL, "landlock_create_ruleset"};
+         },
+         "<3>main: sandbox_init() fails: the kernel has no Landlock: Function not implemented", 255},
+        {"no filters of system calls",
+         [](DaemonOptions& options) {
+             options.launcher = {TELVORA_WITHOUT_SYSTEM_CALL, "seccomp"};
+         },
+         "<3>main: sandbox_init() fails: ", 255},
+        {"a framework folder that isn't one",
+         [&](DaemonOptions& options) { options.frameworkDirectory = barred; },
+         "<3>main: can't read the framework folder " + barred.string() + ": Not a directory", 1},
+        {"something else in the socket's place",
+         [&](DaemonOptions&) { std::filesystem::create_directories(socket()); },
+         "<3>main: can't listen: " + socket() + ": is there and is no socket", 1},
+    };
+    for (const auto& [what, change, line, status] : cases) {
+        SCOPED_TRACE(what);
+        launchDaemon(change);
+        expectLineBeginning(line);
+        awaitDaemonsEnd(status);
+    }
+}
+
+TEST_F(Service, LeavesASocketAloneThatIsInUse) {
+    startDaemon();
+    lab::DaemonProcess second(
+        DaemonOptions::forLaboratory(directory().path(), laboratory().pki(), bags().baseURL()));
+    EXPECT_TRUE(second.waitForLine("<3>main: can't listen: " + socket() + ": in use"));
+    EXPECT_EQ(second.process().waitForExit(kPatience), 1);
+    BlockingSession session(socket());
+}
+
+TEST_F(Service, EndsAtOnceWhenToldTwice) {
+    laboratory().setBag("dravik", openBag());
+    startDaemon([](DaemonOptions& options) { options.defaults.set("shutdownMilliseconds", 3'600'000); });
+    BlockingSession session(socket());
+    ASSERT_TRUE(session.startConfig());
+    reports().setFault(lab::ReportingFault::hold);
+    session.send(4, 1, {{"a", 1}});
+    const auto flushed = session.beginFlush();
+    ASSERT_TRUE(reports().waitForMessages(1, kPatience));
+    daemon().process().signal(SIGTERM);
+    expectLineBeginning("<7>dealloc: ");
+    stopDaemon();
+    reports().releaseHeld();
+}
+
+TEST_F(Service, ReadsItsLogLevelAnewAtSIGHUP) {
+    startDaemon();
+    const auto preferences = directory().path() / "config" / "Preferences" / "com.zandor.telvora.plist";
+    std::filesystem::remove(preferences);
+    daemon().process().signal(SIGHUP);
+    expectLine("<6>main: Logging up to level 6");
+    const size_t from = daemon().logLineCount();
+    BlockingSession(socket()).fetchStates();
+    daemon().process().signal(SIGHUP);
+    expectLine("<6>main: Logging up to level 6", from);
+    EXPECT_THAT(daemon().logLines(), Each(Not(StartsWith("<7>"))));
+}
+
+}  // namespace
+}  // namespace telvora::test
