@@ -12,7 +12,7 @@ if(TELVORA_WERROR)
 endif()
 
 if(TELVORA_SANITIZE)
-  add_compile_options(-fsanitize=${TELVORA_SANITIZE} -fno-omit-frame-pointer -O1)
+  add_compile_options(-fsanitize=${TELVORA_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
   add_link_options(-fsanitize=${TELVORA_SANITIZE})
   add_compile_definitions(TELVORA_SANITIZED)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
