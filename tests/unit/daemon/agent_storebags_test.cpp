@@ -8,9 +8,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::FakeHttpClient;
-using lab::headerOf;
-
 Dictionary bagOfVersion(const char* version, int refreshCycle) {
     return {{"version", version},
             {"refresh_cycle", refreshCycle},
@@ -77,28 +74,6 @@ TEST(AgentStorebags, AFailingServerIsAskedEvery900SecondsAndTheOldBagServesOn) {
     world.now += 1;
     EXPECT_EQ(world.agent.storebagForSession(client->session()), bag);
     EXPECT_EQ(world.bagRequests(), 4U);
-}
-
-TEST(AgentStorebags, AnUnchangedBagIsFreshAgain) {
-    DaemonWorld world;
-    const auto client = connectWithType(world, 5);
-    world.serveBag(bagOfVersion("1", 100));
-    world.agent.storebagForSession(client->session());
-    EXPECT_THAT(world.http.requests().back().url, testing::EndsWith("/orbel?version=8.0"));
-    world.now += 100;
-    std::vector<std::string> validators;
-    world.http.setHandler([&](const HttpRequest& request) {
-        validators.push_back(headerOf(request, "If-Modified-Since"));
-        return FakeHttpClient::response(304, "",
-                                        {{"Last-Modified", "then"}, {"Cache-Control", "max-age=50"}});
-    });
-    // Without a validator of ours, an empty answer is no bag; with one, it says that ours is still right.
-    EXPECT_TRUE(world.agent.storebagForSession(client->session()));
-    world.now += 900;
-    EXPECT_TRUE(world.agent.storebagForSession(client->session()));
-    world.now += 49;
-    EXPECT_TRUE(world.agent.storebagForSession(client->session()));
-    EXPECT_THAT(validators, testing::ElementsAre("", "then"));
 }
 
 }  // namespace

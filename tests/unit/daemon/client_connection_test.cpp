@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/client_connection.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -28,14 +27,6 @@ using test::SocketPair;
 
 constexpr char kSession[] = "com.zandor.telvorad.ClientSessionInterface";
 constexpr char kExtension[] = "com.zandor.telvorad.SandboxExtension";
-
-class FakeIssuer : public FileExtensionIssuer {
-  public:
-    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override {
-        if (!file || path != "/dev/null") return tl::unexpected(std::string("wrong file"));
-        return "token";
-    }
-};
 
 class ClientConnectionTest : public testing::Test {
   protected:
@@ -147,23 +138,6 @@ TEST_F(ClientConnectionTest, ServesTheContract) {
 
 // --- Operations ---
 
-TEST_F(ClientConnectionTest, AnswersBadArgumentsAndLivesOn) {
-    resume();
-    const auto send = [&](const char* method, const char* signature, auto... values) {
-        BusMessage call = sessionCall(method);
-        EXPECT_GE(sd_bus_message_append(call.get(), signature, values...), 0);
-        return errorName(peer->call(call));
-    };
-    EXPECT_EQ(send("SendMessageWithCategory", "s", "x"), kBusErrorInvalidArgs);
-    EXPECT_EQ(send("SendMessageWithCategory", "qqa{sv}", 1, 2, 0), kBusErrorInvalidArgs);
-    EXPECT_EQ(send("SendMessageWithCategory", "qqaa{sv}", 1, 2, 2, 0, 0), kBusErrorInvalidArgs);
-    EXPECT_EQ(send("SendMessageWithDictionary", "a{sv}", 1, "k", "o", "/"), kBusErrorInvalidArgs);
-    EXPECT_EQ(send("UploadLogData", "av", 1, "as", 0), kBusErrorInvalidArgs);
-    EXPECT_EQ(send("Unknown", ""), "org.freedesktop.DBus.Error.UnknownMethod");
-    EXPECT_TRUE(session->calls.empty());
-    EXPECT_EQ(errorName(peer->call(sessionCall("StartConfig"))), "");
-}
-
 TEST_F(ClientConnectionTest, AnswersFromAnyThreadLateOrNever) {
     resume();
     std::vector<std::thread> threads;
@@ -226,28 +200,6 @@ TEST_F(ClientConnectionTest, WhatAClientSentBeforeItWentStillCounts) {
     EXPECT_EQ(session->calls.size(), kReports);
 }
 
-TEST_F(ClientConnectionTest, IssuesExtensionsOnlyThroughAnIssuer) {
-    SocketPair sockets;
-    auto other = ClientConnection::make(pool.makeStrand(), std::move(sockets.ours), "with issuer");
-    other->setExportedObject(session);
-    other->setFileExtensionIssuer(std::make_shared<FakeIssuer>());
-    other->resume();
-    BusPeer issued(std::move(sockets.theirs));
-    const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const auto ask = [&](BusPeer& from, const char* path) {
-        BusMessage call = from.newCall(kTelvoradPath, kExtension, "IssueFileExtension");
-        ArgumentWriter out(call);
-        out.string(path);
-        out.file(null.get());
-        return from.call(call);
-    };
-    EXPECT_EQ(errorName(ask(resume(), "/dev/null")), kBusErrorNotSupported);
-    EXPECT_EQ(errorName(ask(issued, "/etc/passwd")), kBusErrorInvalidArgs);
-    BusMessage reply = ask(issued, "/dev/null");
-    ArgumentReader in(reply);
-    EXPECT_EQ(in.string(), "token");
-}
-
 // --- To the client ---
 
 TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd) {
@@ -280,17 +232,6 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
     connection->sendMessageToClient(info, 1, 1, 1, std::nullopt);
     EXPECT_TRUE(log.contains(
         "<3>sendMessageWithDictionary: Failed to get remote object proxy: the connection has ended"));
-}
-
-TEST_F(ClientConnectionTest, DropsMessagesOfAClientThatDoesNotRead) {
-    LogCapture log;
-    resume();
-    ASSERT_EQ(errorName(peer->call(sessionCall("StartConfig"))), "");
-    const Dictionary payload{{"k", std::string(64 << 10, 'x')}};
-    for (int i = 0; i < 200; ++i)
-        connection->sendMessageToClient(std::nullopt, i, 1, 1, payload);
-    log.waitFor("Failed to get remote object proxy: ");
-    EXPECT_EQ(errorName(peer->call(sessionCall("StartConfig"))), "");  // it reads again, and is served
 }
 
 }  // namespace
