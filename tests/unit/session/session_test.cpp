@@ -57,28 +57,6 @@ TEST(Session, StartMessageTellsOfTheDeviceOnInternalBuildsOnly) {
     }
 }
 
-TEST(Session, WithoutABagNothingIsSentAndTheClientHearsNothing) {
-    const LogCapture log;
-    DaemonWorld world;
-    const auto connection = world.connect();
-    Dictionary info = sessionInfoFor(3);
-    info.set(kTelvoraSessionInfoClientType, 5);
-    connection->session().setSessionInfo(info, kUser, {}, false);
-    bool answered = false;
-    connection->session().startConfigWithCompletionHandler([&](const auto& states) {
-        answered = true;
-        EXPECT_EQ(states, std::nullopt);
-    });
-    EXPECT_TRUE(answered);
-    EXPECT_EQ(
-        answerTo(*connection, {{kTelvoraMessageParametersCategory, 1}, {kTelvoraMessageParametersType, 1}}),
-        std::nullopt);
-    EXPECT_TRUE(log.contains("<7>sendMessageWithDictionary: No backends available to send message"));
-    std::optional<TelvoraError> error;
-    connection->session().flushMessagesWithCompletion([&](const auto&, auto e) { error = std::move(e); });
-    EXPECT_EQ(error, makeTelvoraError("No backends available to send message", -1));
-}
-
 TEST(Session, MessagesNeedTheirMandatoryParameters) {
     DaemonWorld world;
     world.serveBag(DaemonWorld::bagWithClient(reportingClient()));
@@ -152,25 +130,6 @@ TEST(Session, OnlyChangedNamesCountAsNewUserInfo) {
         EXPECT_EQ(log.contains("<7>receivedUserInfo: Received new user info for session 1"), step.announced);
         EXPECT_EQ(*connection->session().userInfo(), step.kept);
     }
-}
-
-TEST(Session, FlushAnswersOnceAndAnEmptyBackendDictionaryNever) {
-    DaemonWorld world;
-    const Dictionary backend{{"clients", Array{reportingClient()}}};
-    world.serveBag(Dictionary{{"release", Dictionary{{"httpPost", backend}, {"httpPost2", backend}}}});
-    const auto two = world.connectConfigured(1);
-    int answers = 0;
-    two->session().flushMessagesWithCompletion([&](const auto&, const auto& error) {
-        ++answers;
-        EXPECT_EQ(error, makeTelvoraError("Nothing to flush", -1));
-    });
-    EXPECT_EQ(answers, 1);
-
-    world.now += 100000;
-    world.serveBag(Dictionary{{"release", Dictionary{{"unknown", 1}}}});
-    const auto none = world.connectConfigured(2);
-    none->session().flushMessagesWithCompletion([&](const auto&, const auto&) { ++answers; });
-    EXPECT_EQ(answers, 1);
 }
 
 TEST(Session, OneShotMessagesUseBackendsOfTheirOwn) {
