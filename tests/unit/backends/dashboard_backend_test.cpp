@@ -3,7 +3,6 @@
 // The backend as its callers see it: construction, sending, log data.
 #include <gmock/gmock.h>
 
-#include "backends/backend_factory.h"
 #include "platform/property_list_format.h"
 #include "tests/unit/backends/dashboard_rig.h"
 
@@ -129,23 +128,6 @@ TEST_F(DashboardBackendTest, TheFiveArgumentOperationSendsAndRenders) {
     network.runFor();
     EXPECT_EQ(network.sent.back().size(), 64u);
     EXPECT_EQ(network.sent.back()[1], 19);
-}
-
-TEST_F(DashboardBackendTest, WhatSessionsSendMeetsNoDatagram) {
-    const BackendFactory factory(services);
-    const auto backend =
-        factory.newBackendWithName("dashboard", profileOf(collectorProfile({{"reliable", 500}})), {}, 7);
-    ASSERT_TRUE(std::dynamic_pointer_cast<DashboardBackend>(backend));
-    EXPECT_EQ(backend->sendMessage(Dictionary{{"k", "v"}}, kNow, 1, 2, SendFlag{1}), std::nullopt);
-    EXPECT_EQ(backend->sendMessage(Dictionary{{"k", "v"}}, kNow, 1, 2, EventID{1}, SendFlag{0}),
-              std::nullopt);
-    EXPECT_EQ(backend->eventID(), 1);
-    network.runFor(1min);
-    EXPECT_THAT(network.sent, IsEmpty());
-    EXPECT_EQ(network.timerCalls, 0u);
-    EXPECT_EQ(backend->state(), BackendState::waitingForUserInfo);
-    backend->updateState();
-    EXPECT_EQ(backend->state(), BackendState::reporting);
 }
 
 struct LogDataTest : DashboardBackendTest {

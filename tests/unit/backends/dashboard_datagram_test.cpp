@@ -59,43 +59,6 @@ TEST(DashboardDatagramTest, TheExampleOfTheDocument) {
               "ok=1 note=a\\=b\\\\c city=Z\xc3\xbcrich");
 }
 
-TEST(DashboardDatagramTest, EveryFieldAtItsLimits) {
-    const std::string zeros(40, '\0');
-    const std::string nothing =
-        "\x00\x00\x01\x00\x00\x00\x00\x00\xff\xff\xff\xff\xff\xff\xff\xbf\x00\x00\x00\x00"s + zeros +
-        "\x00\x00\x00\x02"s;
-    EXPECT_EQ(datagramOf({}), nothing);  // the length is the complement of 64
-
-    const DashboardFields most{.version = 255,
-                               .componentType = 255,
-                               .timestamp = {std::numeric_limits<int32_t>::max(), 999999},
-                               .sessionID = 0xffffffff,
-                               .clientVersion = 0xffff,
-                               .method = 0xffff,
-                               .respCode = 0xffff,
-                               .deviceID = deviceID("short"),
-                               .eventNumber = 0xffff,
-                               .reliable = true,
-                               .fromProfile = false};
-    const std::string everything =
-        "\xff\xff\x01\xf9\x7f\xff\xff\xff\x00\x00\x00\x00\x00\x00\xff\xbf\xff\xff\xff\xff"s + "short" +
-        zeros.substr(5) + "\xff\xff\x00\x03"s;
-    EXPECT_EQ(datagramOf(most), everything);
-
-    DashboardFields before1970 = {};
-    before1970.timestamp = {-1, 4000};
-    EXPECT_EQ(datagramOf(before1970).substr(3, 5), "\x01\xff\xff\xff\xff"s);
-}
-
-TEST(DashboardDatagramTest, TheModeTellsReliabilityAndProfile) {
-    for (const int mode : {0, 1, 2, 3}) {
-        DashboardFields fields;
-        fields.reliable = (mode & 1) != 0;
-        fields.fromProfile = (mode & 2) == 0;
-        EXPECT_EQ(datagramOf(fields).substr(62), "\0"s + static_cast<char>(mode));
-    }
-}
-
 TEST(DashboardDatagramTest, PayloadsBecomeText) {
     using Int = std::numeric_limits<int64_t>;
     const struct {

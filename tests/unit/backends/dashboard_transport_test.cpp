@@ -180,16 +180,6 @@ TEST_F(DashboardTransportTest, TwoPacketsOfOneNumberTakeTwoAcknowledgements) {
     EXPECT_EQ(network.armedTimers, 0u);
 }
 
-TEST_F(DashboardTransportTest, AcknowledgementsThatComeTogetherAllCount) {
-    const auto backend = makeReliable();
-    for (const uint16_t number : {1, 2, 3})
-        send(*backend, number);
-    for (const uint16_t number : {3, 1, 2})
-        network.deliver(acknowledgement(number));
-    network.runFor();
-    EXPECT_EQ(network.armedTimers, 0u);
-}
-
 TEST_F(DashboardTransportTest, AtMost50PacketsWait) {
     const auto backend = makeReliable();
     for (uint16_t number = 1; number <= 60; ++number)
@@ -262,21 +252,6 @@ TEST_F(DashboardTransportTest, TheLastResortClosesWithPacketsQueued) {
     EXPECT_EQ(network.openSockets, 0u);
     EXPECT_EQ(network.armedTimers, 0u);
     EXPECT_THAT(log.lines(), ElementsAre(kLastResort));
-}
-
-TEST_F(DashboardTransportTest, CleanUpEndsBeforeTheLastResortWhenAllIsGivenUp) {
-    auto backend = makeReliable(100);
-    send(*backend, 1);
-    backend->cleanup();
-    backend.reset();
-    network.runFor(1999ms);
-    EXPECT_EQ(network.openSockets, 1u);
-    network.runFor(1ms);  // tick 20
-    EXPECT_EQ(network.openSockets, 0u);
-    EXPECT_THAT(log.lines(), ElementsAre(kLastResort, kCleanUp));
-    EXPECT_THAT(takeSent(), ElementsAre(1, 1, 1, 1, 1));
-    network.runFor(1min);
-    EXPECT_EQ(network.timerCalls, 20u);
 }
 
 TEST_F(DashboardTransportTest, ABackendThatGoesWithoutCleanUpIsDrainedToo) {

@@ -46,22 +46,6 @@ TEST(UploadBackend, NeedsAPostURL) {
     EXPECT_EQ(backend->displayURL(), "d");
 }
 
-TEST(UploadBackend, AsksForAnUploadByURLAndHeaders) {
-    UploadRig rig;
-    EXPECT_TRUE(rig.upload(rig.directory.write("a b.log", "content")));
-    ASSERT_EQ(rig.http.requestCount(), 1U);
-    const HttpRequest request = rig.http.requests().front();
-    EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.url,
-              "https://up.example/in?uuid=&sequence=4000000000&description=Vidora%20DLRC%20log%20(Uploaded"
-              "%20by%20PLS)&filename=a%20b.log.gz&raw=true");
-    EXPECT_EQ(request.headers,
-              (HttpHeaders{{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}}));
-    EXPECT_EQ(request.timeout, std::nullopt);
-    EXPECT_FALSE(request.countBody);
-    EXPECT_EQ(request.body.substr(0, 2), "\x1f\x8b");
-}
-
 TEST(UploadBackend, JudgesTheAnswerByItsTextAlone) {
     const struct {
         HttpResult answer;
