@@ -61,23 +61,6 @@ TEST(DeviceIdentity, KeepsPersistentIdentifiersAcrossRestarts) {
         "<6>getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:app:svc:s: " + first[0]));
 }
 
-TEST(DeviceIdentity, StaysStableAndSaysSoOnceWhenNothingCanBeStored) {
-    const Device device;
-    device.directory.write("state", "a file where the directory should be");
-    const test::LogCapture log;
-    const std::string first = device.identity.getPersistentIdentifierForDNU(true);
-    EXPECT_EQ(first.size(), 36u);
-    EXPECT_EQ(device.identity.getPersistentIdentifierForDNU(true), first);
-    std::vector<std::string> lines = log.lines();
-    EXPECT_EQ(std::erase_if(lines,
-                            [](const std::string& line) {
-                                return line.starts_with(
-                                    "<3>persistentIdentifier: Could not store the value "
-                                    "for uuidRespectDnu: ");
-                            }),
-              1u);
-}
-
 TEST(DeviceIdentity, ConsentIsNoUntilGiven) {
     Device device;
     EXPECT_FALSE(device.identity.diagnosticsConsent());

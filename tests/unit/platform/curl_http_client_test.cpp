@@ -201,38 +201,6 @@ TEST(CurlHttpClient, BoundsPendingBytes) {
     EXPECT_EQ(first.wait_for(0s), std::future_status::timeout);
 }
 
-TEST(CurlHttpClient, CarriesManyRequestsFromManyThreads) {
-    constexpr int kThreads = 4, kEach = 500, kAll = kThreads * kEach;
-    std::atomic<int> served = 0, right = 0;
-    ScriptedServer server([&](Connection& connection) {
-        for (std::string request; !(request = connection.readRequest()).empty();) {
-            ++served;  // before the answer, after which the client may be done
-            const std::string body = request.substr(request.find("\r\n\r\n") + 4);
-            connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-                            body);
-        }
-    });
-    const auto client = makeCurlHttpClient();
-    std::latch done(kAll);
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kEach; ++i) {
-                const std::string body = std::to_string(t * kEach + i);
-                client->start({.method = "POST", .url = server.url(), .body = body},
-                              [&, body](const HttpResult& result) {
-                                  right += result && result->body == body;
-                                  done.count_down();
-                              });
-            }
-        });
-    }
-    done.wait();
-    EXPECT_EQ(right, kAll);
-    EXPECT_EQ(served, kAll);
-    EXPECT_LE(server.connections(), 6u);
-}
-
 TEST(CurlHttpClient, EndsItsConnectionsWhenIdleAndStartsAgain) {
     std::latch closed(1);
     ScriptedServer server([&](Connection& connection) {

@@ -31,16 +31,6 @@ class NetworkQueueTest : public testing::Test {
     std::unique_ptr<NetworkQueue> queue_ = makeNetworkQueue(pool_);
 };
 
-TEST_F(NetworkQueueTest, ItemsRunInOrderAndNeverTwoAtOnce) {
-    std::vector<int> order;  // without a lock: a race detector would tell
-    for (int i = 0; i < 1000; ++i)
-        queue_->post([&order, i] { order.push_back(i); });
-    onQueue([&order] {
-        ASSERT_EQ(order.size(), 1000u);
-        EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-    });
-}
-
 TEST_F(NetworkQueueTest, TimersFireOnceAndNotAfterCancel) {
     std::promise<void> fired;
     std::vector<std::string> calls;

@@ -9,7 +9,6 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "telvora-lab/temporary_directory.h"
 #include "tests/support/forked_child.h"
@@ -181,23 +180,6 @@ TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
     }
     EXPECT_EQ(last, "(2015-11-16 08:00:02 +0000) last");
     EXPECT_GE(whole, kRecords);  // all but those of a file that the first records' race has cost
-}
-
-TEST_F(MessageLogTest, RecordsFromManyThreadsAreWhole) {
-    constexpr int kThreads = 4, kRecords = 50;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([this] {
-            for (int record = 0; record < kRecords; ++record)
-                writeToLogFile(log_, "a record of some length");
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    std::string expected;
-    for (int i = 0; i < kThreads * kRecords; ++i)
-        expected += std::string(kDate) + "a record of some length\n";
-    EXPECT_EQ(content(kNewName), expected);
 }
 
 TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {
