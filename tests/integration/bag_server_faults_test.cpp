@@ -101,17 +101,6 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
     }
 }
 
-TEST_F(BagServerFaults, FallBackToTheBuiltInBagForOneNameOnly) {
-    bags().refuse();
-    EXPECT_EQ(open(8)->startConfig(), std::nullopt);
-    expectLineBeginning("<6>fetchStorebagWithName: Error resolving with lookup server " + bags().baseURL() +
-                        "/dravik?version=8.1.2, sendSynchronousRequest error ");
-    EXPECT_THAT(open(7)->startConfig(), testing::Optional(testing::_));
-    expectLine("<6>fetchStorebagWithName: Loading default storebag 'quillet'");
-    expectLine("<6>fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=3600");
-    expectHealthyClientReports();
-}
-
 TEST_F(BagServerFaults, HoldUpNobodyWhoHasABag) {
     bags().setFault("dravik", BagFault::hold);
     const auto session = open(8);
@@ -120,15 +109,6 @@ TEST_F(BagServerFaults, HoldUpNobodyWhoHasABag) {
     expectHealthyClientReports();
     bags().releaseHeld();
     EXPECT_THAT(states(), kStates);
-}
-
-TEST_F(BagServerFaults, EndAfterFifteenSecondsOfSilence) {
-    bags().setFault("dravik", BagFault::hold);
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(open(8)->startConfig(), std::nullopt);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(14900));
-    expectLineBeginning("<6>fetchStorebagWithName: Error resolving with lookup server ");
-    bags().releaseHeld();
 }
 
 TEST_F(BagServerFaults, LeaveTheLastGoodBagInForce) {

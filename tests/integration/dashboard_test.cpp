@@ -91,29 +91,6 @@ TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) 
     EXPECT_EQ(laboratory().dashboard().reports()[0].device, "tool");
 }
 
-TEST_F(DashboardInDaemon, FailingUploadsAreToldAndCostNothingElse) {
-    serveDashboard();
-    BlockingSession session(daemon().socketPath());
-    session.startConfig();
-    for (const auto fault : {lab::LogDataFault::emptyAnswer, lab::LogDataFault::noAnswer}) {
-        const size_t from = daemon().logLineCount();
-        laboratory().logData().setFault(fault);
-        EXPECT_THAT(session.uploadLogData({1}), Pair(false, std::nullopt));
-        expectLineBeginning("<3>DashboardBackend(uploadLogData): Error uploading log data array (", from);
-        expectLine("<3>uploadLogData: Log data array upload failed", from);
-    }
-    laboratory().logData().setFault(lab::LogDataFault::none);
-    EXPECT_THAT(session.uploadLogData({1}), Pair(true, std::nullopt));
-}
-
-TEST_F(DashboardInDaemon, WithoutAnAddressThereIsNoDashboard) {
-    serveDashboard({{"ip", "collector.example"}});
-    BlockingSession session(daemon().socketPath());
-    EXPECT_THAT(session.startConfig(), Optional(IsEmpty()));
-    expectLine("<3>DashboardBackend(initWithName): socket connect() failed.");
-    EXPECT_THAT(session.uploadLogData({1}), Pair(false, std::nullopt));
-}
-
 TEST_F(DashboardInDaemon, TelvoractlSendsInEveryMode) {
     const struct {
         std::vector<std::string> arguments;

@@ -23,20 +23,14 @@ using lab::readFile;
 using lab::UploadAnswer;
 using std::filesystem::path;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::Optional;
 
 constexpr char kUdid[] = "0123456789abcdef0123456789abcdef01234567";
 constexpr char kRegularFilesOnly[] = "<3>UploadBackend(uploadFileAtPath): Only upload a regular file.";
 constexpr char kEmpty[] = "<3>UploadBackend(uploadFileAtPath): Input file is empty";
-constexpr uid_t kNobody = 65534;
 
 UniqueFd openForReading(const path& file) {
     return UniqueFd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-}
-
-bool runsAsRoot() {
-    return geteuid() == 0;
 }
 
 class Uploads : public DaemonFixture {
@@ -120,56 +114,6 @@ TEST_F(Uploads, ArriveByteForByteAndVanish) {
     expectLine("<7>uploadFileWithURL: File upload successful for " + log.string());
 }
 
-TEST_F(Uploads, KeepNamesWithAnyCharacter) {
-    start();
-    const struct {
-        const char* name;
-        const char* urlName;
-        const char* sent;
-    } cases[] = {{"grüezi.log", "gr%C3%BCezi.log", "gr%C3%BCezi.log.gz"},
-                 {"100%25.log", "100%2525.log", "100%2525.log.gz"},
-                 {"q&=+;@:#.log", "q&=+;@:%23.log", "q&=+;@:%23.log.gz"},
-                 {"[\"<\\>\"]^`{|}", "%5B%22%3C%5C%3E%22%5D%5E%60%7B%7C%7D",
-                  "%5B%22%3C%5C%3E%22%5D%5E%60%7B%7C%7D.gz"}};
-    for (const auto& [name, urlName, sent] : cases) {
-        const path log = file(name);
-        EXPECT_TRUE(session_->uploadFile("file://" + spool().string() + "/" + urlName)) << name;
-        ASSERT_FALSE(uploads().uploads().empty());
-        EXPECT_THAT(uploads().uploads().back().target, HasSubstr(std::string("&filename=") + sent + "&raw="));
-        EXPECT_FALSE(exists(log));
-    }
-}
-
-TEST_F(Uploads, AreRemovedOnlyWhenTheServerHasThem) {
-    start();
-    const struct {
-        UploadAnswer answer;
-        bool removed;
-        const char* line;
-    } cases[] = {
-        {UploadAnswer::failed, false, "<7>UploadBackend(uploadFileAtPath): sending to |"},
-        {UploadAnswer::empty, false, "<7>UploadBackend(uploadFileAtPath): sending to |"},
-        {UploadAnswer::halfAnswer, false, "<3>UploadBackend(uploadFileAtPath): post "},
-        {UploadAnswer::noAnswer, false, "<3>UploadBackend(uploadFileAtPath): post "},
-        {UploadAnswer::notUtf8, true, "<7>UploadBackend(uploadFileAtPath): sending to |"},
-        {UploadAnswer::success, true, "<7>UploadBackend(uploadFileAtPath): sending to |"},
-    };
-    const path log = file("log");
-    for (const auto& [answer, removed, line] : cases) {
-        SCOPED_TRACE(static_cast<int>(answer));
-        file("log");
-        const size_t from = daemon().logLineCount();
-        uploads().setAnswer(answer);
-        EXPECT_TRUE(session_->uploadFile(log));
-        expectLineBeginning(line, from);
-        EXPECT_EQ(exists(log), !removed);
-    }
-    uploads().refuse();
-    file("log");
-    EXPECT_TRUE(session_->uploadFile(log));
-    EXPECT_TRUE(exists(log));
-}
-
 TEST_F(Uploads, WithoutATokenAreRegularFilesInTheDirectoriesOfUploads) {
     start();
     const path target = file("target");
@@ -192,19 +136,6 @@ TEST_F(Uploads, WithoutATokenAreRegularFilesInTheDirectoriesOfUploads) {
     expectRefused(spool() / "empty", "", kEmpty);
     EXPECT_TRUE(exists(spool() / "empty"));
     EXPECT_TRUE(session_->uploadFile(target));
-}
-
-TEST_F(Uploads, OfAnotherUsersFilesAreRefused) {
-    if (!runsAsRoot()) GTEST_SKIP() << "needs another user's file";
-    start();
-    const path log = file("theirs");
-    ASSERT_EQ(chown(log.c_str(), kNobody, kNobody), 0);
-    expectRefused(log);
-    // The client can read it, and so it may upload it; but the file stays.
-    EXPECT_TRUE(session_->uploadFile(log, tokenFor(log)));
-    EXPECT_TRUE(exists(log));
-    expectLine("<4>UploadBackend(uploadFileAtPath): " + log.string() +
-               " stays where it is: another user's file");
 }
 
 TEST_F(Uploads, WithATokenAreReadFromTheDescriptor) {
@@ -334,13 +265,6 @@ TEST_F(Uploads, HaveALimitOfSize) {
     constexpr char kTooLarge[] = "<3>UploadBackend(uploadFileAtPath): The file is larger than 1000 bytes";
     expectRefused(file("large", std::string(1001, 'x')), "", kTooLarge);
     EXPECT_TRUE(session_->uploadFile(file("fits", std::string(1000, 'x'))));
-}
-
-TEST_F(Uploads, NeedAURL) {
-    setUploadURL("not a url");
-    start();
-    expectRefused(file("log"), "", "<3>UploadBackend(uploadFileAtPath): Unable to create URL request");
-    EXPECT_TRUE(exists(spool() / "log"));
 }
 
 TEST_F(Uploads, ThatHangHoldUpNobodyElse) {
