@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/daemon_world.h"
 
-#include <rapidjson/document.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -9,6 +8,7 @@
 
 #include "config/signed_bag.h"
 #include "platform/property_list_format.h"
+#include "telvora-lab/event_json.h"
 #include "telvora/keys.h"
 
 namespace telvora::test {
@@ -30,15 +30,6 @@ std::string gunzip(std::string_view compressed) {
     plain.resize(stream.total_out);
     inflateEnd(&stream);
     return plain;
-}
-
-PropertyList fromJSON(const rapidjson::Value& value) {
-    if (value.IsBool()) return value.GetBool();
-    if (value.IsInt64()) return value.GetInt64();
-    if (value.IsUint64()) return value.GetUint64();
-    if (value.IsDouble()) return value.GetDouble();
-    if (value.IsString()) return std::string(value.GetString(), value.GetStringLength());
-    return Dictionary();
 }
 
 bool isBagRequest(const HttpRequest& request) {
@@ -163,15 +154,8 @@ std::vector<Dictionary> DaemonWorld::postedEvents() const {
     for (const HttpRequest& request : http.requests()) {
         if (isBagRequest(request)) continue;
         const bool compressed = headerOf(request, "Content-Encoding") == "gzip";
-        rapidjson::Document message;
-        const std::string body = compressed ? gunzip(request.body) : request.body;
-        message.Parse(body.data(), body.size());
-        for (const auto& record : message["events"].GetArray()) {
-            Dictionary event;
-            for (const auto& member : record.GetObject())
-                event.set(member.name.GetString(), fromJSON(member.value));
-            events.push_back(std::move(event));
-        }
+        const auto message = lab::parseEventMessage(compressed ? gunzip(request.body) : request.body);
+        events.insert(events.end(), message->events->begin(), message->events->end());
     }
     return events;
 }

@@ -109,16 +109,5 @@ TEST_F(KeepAliveTransactionTest, IsOpenedAndClosedFromAnyThread) {
     EXPECT_EQ(idleCalls_, 1);
 }
 
-TEST(KeepAliveTransaction, RunsOnRealTimeByDefault) {
-    asio::io_context runLoop(1);
-    bool idle = false;
-    const KeepAliveTransaction transaction(runLoop, {.launchedOnDemand = true,
-                                                     .inFlight = [] { return false; },
-                                                     .onIdle = [&] { idle = true; },
-                                                     .idleTime = 1ms});
-    runLoop.run();  // ends when nothing is left to wait for
-    EXPECT_TRUE(idle);
-}
-
 }  // namespace
 }  // namespace telvora
