@@ -54,6 +54,7 @@ class BusClientConnection : public ClientConnection,
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
     }
+    void setGoneHandler(std::function<void()> handler) override { goneHandler_ = std::move(handler); }
     std::string description() const override { return description_; }
 
     void resume() override;
@@ -65,6 +66,7 @@ class BusClientConnection : public ClientConnection,
     void begin();
     tl::expected<void, std::string> exportInterfaces(BusConnection& bus);
     void ended(const std::string& reason);
+    void gone();
     std::optional<std::string> enqueue(MessageToClient message) TELVORA_EXCLUDES(outboxLock_);
     std::deque<MessageToClient> takeOutbox() TELVORA_EXCLUDES(outboxLock_);
     void drainOutbox() TELVORA_EXCLUDES(outboxLock_);
@@ -74,6 +76,7 @@ class BusClientConnection : public ClientConnection,
     const Strand strand_;
     const std::string description_;
     std::function<void()> invalidationHandler_;
+    std::function<void()> goneHandler_;
     ClientCallTargets targets_;
 
     // Used on the strand alone, once make() is through.
@@ -96,9 +99,13 @@ void BusClientConnection::begin() {
     if (bus) {
         if (const auto exported = exportInterfaces(*bus); !exported) failure_ = exported.error();
     }
-    if (!bus || !failure_.empty()) return ended(failure_);
+    if (!bus || !failure_.empty()) {
+        ended(failure_);
+        return gone();
+    }
     bus_ = bus.get();
-    bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); });
+    bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
+               [self = shared_from_this()] { self->gone(); });
 }
 
 tl::expected<void, std::string> BusClientConnection::exportInterfaces(BusConnection& bus) {
@@ -130,6 +137,10 @@ void BusClientConnection::ended(const std::string& reason) {
         ended_ = true;
     }
     drainOutbox();
+}
+
+void BusClientConnection::gone() {
+    if (const auto handler = std::exchange(goneHandler_, nullptr)) handler();
 }
 
 // --- Calls to the client ---

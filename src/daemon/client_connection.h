@@ -41,6 +41,9 @@ class ClientConnection : public ClientSessionReplyInterface {
     // Called at most once, on the strand, when the connection has ended, whoever ended it; the exported
     // object is given up right before.
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;
+    // Called after that, on the strand, when the client has read what it was sent, has left, or has had its
+    // time (BusLimits::parting): before, the process should not end.
+    virtual void setGoneHandler(std::function<void()> handler) = 0;
     // Starts to serve the client. A socket that can't be served is invalidated on the strand.
     virtual void resume() = 0;
     // Ends the connection from any thread; the invalidation handler follows on the strand.

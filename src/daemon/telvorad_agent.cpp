@@ -42,6 +42,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         sessionPlaces_[session.get()] = sessionList_.insert(sessionList_.end(), {session, peer, connection});
     }
     connection->setInvalidationHandler([this, session] { invalidated(session); });
+    connection->setGoneHandler([this] {
+        if (--sessionsAlive_ == 0) services_.noSessionsLeft();
+    });
     connection->resume();
     return true;
 }
@@ -66,7 +69,6 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
     session->dealloc();
     // Only now may an idle process end: the session's last reports are on their way.
     if (lastSession) services_.keepAlive.end();
-    if (--sessionsAlive_ == 0) services_.noSessionsLeft();
 }
 
 void TelvoradAgent::invalidateAllConnections() {

@@ -53,7 +53,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     void invalidateAllConnections();
     // Sessions whose connection is valid.
     size_t sessionCount();
-    // Sessions that have not come to their end yet, those included that are sending their last reports.
+    // Sessions that have not come to their end yet, those included that are sending their last reports or
+    // whose clients are reading their last answers.
     size_t sessionsAlive() const { return sessionsAlive_.load(); }
 
     // For administrators: the live sessions in order of acceptance, and the bags that were asked for

@@ -43,8 +43,9 @@ tl::expected<void, std::string> BusConnection::exportInterface(const char* path,
 }
 
 int BusConnection::onAnyMessage(sd_bus_message*, void* userdata, sd_bus_error*) noexcept {
-    ++static_cast<BusConnection*>(userdata)->messagesRead_;
-    return 0;  // not handled: on to the objects
+    auto& connection = *static_cast<BusConnection*>(userdata);
+    ++connection.messagesRead_;
+    return connection.parting_ ? 1 : 0;  // 0: not handled, on to the objects
 }
 
 // No exception may unwind through sd-bus: what a handler throws (memory, in practice) becomes an error reply.
@@ -84,7 +85,7 @@ void BusConnection::forget(uint64_t id) {
 // After something was done to the bus outside its own turn: waits anew for what it now wants. Neither
 // processes input nor ends the connection here, for the caller may be deep inside a session.
 void BusConnection::carryOn() {
-    if (!bus_ || pumping_ || !descriptor_.is_open()) return;
+    if (!bus_ || pumping_ || parting_ || !descriptor_.is_open()) return;
     if (isOpen()) return arm();
     asio::post(strand_, [self = shared_from_this()] { self->end("the peer has closed the connection"); });
 }

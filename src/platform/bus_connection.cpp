@@ -2,9 +2,13 @@
 //
 // Set-up, the driving loop and the end of a connection; bus_calls.cpp has what travels on it.
 //
-// Invariants: bus_ is set until end() has run. sd-bus is entered only through processOne() and the sending
+// Invariants: bus_ is set until drop() has run. sd-bus is entered only through processOne() and the sending
 // functions. The descriptor is registered with Asio only while sd-bus has it open: sd-bus closes it when
 // sd_bus_process() is called on a connection that has begun to close, so that is never done.
+//
+// How a server takes leave: a peer that writes to a closed socket fails, and to sd-bus that is the end of its
+// connection, whatever it has left to read. So the socket is only closed for sending, once all is written,
+// and the peer, when it has read all, closes it for good. What it sends in between is not carried out.
 #include "platform/bus_connection.h"
 
 #include <poll.h>
@@ -86,8 +90,9 @@ tl::expected<void, std::string> BusConnection::exportHello() {
     return exportInterface("/org/freedesktop/DBus", busInterface, {sayHello});
 }
 
-void BusConnection::start(ClosedHandler closed) {
+void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     closed_ = std::move(closed);
+    gone_ = std::move(gone);
     asio::post(strand_, [self = shared_from_this()] { self->begin(); });
 }
 
@@ -106,7 +111,7 @@ void BusConnection::begin() {
 }
 
 bool BusConnection::isOpen() const {
-    return bus_ && sd_bus_is_open(bus_.get()) > 0;
+    return bus_ && !parting_ && sd_bus_is_open(bus_.get()) > 0;
 }
 
 // One step of sd-bus: writes what is queued, or reads and dispatches one message. 0: nothing to do now.
@@ -116,7 +121,7 @@ int BusConnection::processOne() {
     pumping_ = false;
     forgetWritten();
     if (closeRequested_) {
-        end(*closeRequested_);
+        takeLeave(*closeRequested_);
         return -ENOTCONN;
     }
     if (result < 0) {
@@ -140,7 +145,7 @@ void BusConnection::pump(bool writable) {
     turnPosted_ = true;
     asio::post(strand_, [self = shared_from_this()] {
         self->turnPosted_ = false;
-        if (self->bus_) self->pump(false);
+        if (self->bus_ && !self->parting_) self->pump(false);
     });
 }
 
@@ -168,7 +173,8 @@ void BusConnection::waitFor(Wait wait) {
         asio::posix::descriptor_base::wait_error};
     descriptor_.async_wait(kTypes[wait], [self = shared_from_this(), wait](const asio::error_code& error) {
         self->waiting_[wait] = false;
-        if (self->bus_ && error != asio::error::operation_aborted) self->woken(wait);
+        if (!self->bus_ || error == asio::error::operation_aborted) return;
+        self->parting_ ? self->parting(wait) : self->woken(wait);
     });
 }
 
@@ -206,7 +212,7 @@ void BusConnection::armTimer() {
     }
     timer_.expires_at(*deadline);
     timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
-        if (error || !self->bus_) return;
+        if (error || !self->bus_ || self->parting_) return;
         self->timerSetFor_.reset();
         const auto& authentication = self->authenticationDeadline_;
         if (authentication && *authentication <= std::chrono::steady_clock::now() &&
@@ -218,25 +224,63 @@ void BusConnection::armTimer() {
 }
 
 void BusConnection::close(const std::string& reason) {
-    if (!bus_) return;
+    if (!bus_ || parting_) return;
     if (pumping_) {
         closeRequested_ = reason;
     } else {
-        end(reason);
+        takeLeave(reason);
     }
 }
 
 void BusConnection::end(const std::string& reason) {
     if (!bus_) return;
     const auto self = shared_from_this();
-    if (ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
-    asio::error_code ignored;
+    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    drop();
+}
+
+void BusConnection::takeLeave(const std::string& reason) {
+    const bool conversing = role_ == BusRole::kServer && sd_bus_is_ready(bus_.get()) > 0;
+    if (!conversing) return end(reason);
+    const auto self = shared_from_this();
+    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    if (!isOpen() || peerIsGone()) return drop();
+    pendingCalls_.clear();
+    parting_ = true;
+    timer_.expires_after(limits_.parting);
+    timer_.async_wait([self](const asio::error_code& cancelled) {
+        if (!cancelled && self->bus_) self->drop();
+    });
+    part();
+}
+
+void BusConnection::part() {
+    if (queuedMessages() == 0) {
+        shutdown(sd_bus_get_fd(bus_.get()), SHUT_WR);
+    } else {
+        waitFor(kWrite);
+    }
+    waitFor(kHangUp);
+}
+
+// A step of sd-bus writes, and may read; onAnyMessage() sees to that.
+void BusConnection::parting(Wait wait) {
+    if (wait == kHangUp) return drop();
+    if (wait != kWrite || queuedMessages() == 0) return;
+    const int result = sd_bus_process(bus_.get(), nullptr);
+    if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) return drop();
+    part();
+}
+
+void BusConnection::drop() {
+    const auto self = shared_from_this();
     timer_.cancel();
     if (descriptor_.is_open()) descriptor_.release();
     pendingCalls_.clear();
     filter_.reset();
     exports_.clear();
     bus_.reset();
+    if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }
 
 }  // namespace telvora

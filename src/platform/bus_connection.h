@@ -63,6 +63,8 @@ struct BusLimits {
     size_t queuedMessages = 1024;
     // Calls of the peer that wait for their answer. Beyond it, a server's input rests.
     size_t pendingCalls = 4096;
+    // How long a peer that this server has taken leave of may take to read what it was sent.
+    std::chrono::milliseconds parting{2'000};
 };
 
 class BusConnection;
@@ -112,10 +114,12 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     tl::expected<void, std::string> exportInterface(const char* path, const BusInterface& interface,
                                                     std::vector<MethodHandler> handlers);
 
-    // Begins. The connection keeps itself alive until it has ended; `closed` is given up afterwards.
-    void start(ClosedHandler closed);
+    // Begins. The connection keeps itself alive until the socket is closed; `gone`, if there is one, runs
+    // then. Both handlers are given up afterwards.
+    void start(ClosedHandler closed, std::function<void()> gone = {});
     // Ends the connection; the closed handler runs before this returns, or, called from within a handler,
-    // right after that handler. Idempotent.
+    // right after that handler. Idempotent. A server's peer gets to read all that it was sent, and finds the
+    // end after it: whether a call was answered is then the same to both ends.
     void close(const std::string& reason);
     bool isOpen() const;
 
@@ -176,6 +180,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void checkIncomingSize();
     bool inputRests() const;
     void end(const std::string& reason);
+    void takeLeave(const std::string& reason);
+    void part();
+    void parting(Wait wait);
+    void drop();
 
     static int onCall(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
     static int onAnyMessage(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
@@ -203,11 +211,13 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::optional<asio::steady_timer::time_point> timerSetFor_;
     std::optional<asio::steady_timer::time_point> authenticationDeadline_;
     ClosedHandler closed_;
+    std::function<void()> gone_;
 
     bool waiting_[kWaits] = {};
     bool pumping_ = false;
     bool turnPosted_ = false;
     bool hungUp_ = false;
+    bool parting_ = false;
     std::optional<std::string> closeRequested_;
 
     size_t messagesRead_ = 0;  // since the last checkIncomingSize()

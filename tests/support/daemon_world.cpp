@@ -56,6 +56,7 @@ void FakeConnection::invalidate() {
     session_.reset();
     const auto handler = std::exchange(invalidated_, {});
     if (handler) handler();
+    if (const auto gone = std::exchange(gone_, {})) gone();
 }
 
 void FakeConnection::sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp,

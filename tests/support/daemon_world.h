@@ -39,6 +39,7 @@ class FakeConnection final : public ClientConnection {
     }
     void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer>) override {}
     void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
+    void setGoneHandler(std::function<void()> handler) override { gone_ = std::move(handler); }
     void resume() override { resumed_ = true; }
     // Ends the connection, as its client's end would.
     void invalidate() override;
@@ -54,6 +55,7 @@ class FakeConnection final : public ClientConnection {
     mutable std::mutex mutex_;
     std::shared_ptr<ClientSessionInterface> session_;
     std::function<void()> invalidated_;
+    std::function<void()> gone_;
     bool resumed_ = false;
     std::vector<Delivery> deliveries_;
 };

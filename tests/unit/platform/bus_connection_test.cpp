@@ -146,6 +146,25 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     EXPECT_EQ(served.ended.get(), "a message is too large");
 }
 
+TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
+    Served served = serve();
+    BusPeer peer(std::move(served.peer));
+    constexpr int kAnswers = 8;  // more than the socket holds
+    for (int i = 0; i < kAnswers; ++i)
+        peer.send(fillCall(peer, 100 << 10));
+    for (int i = 0; i < 2; ++i)
+        peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.flush();
+    twoPending_.get_future().wait();
+    endAndWait(served);
+    peer.send(fillCall(peer, 1));
+    peer.flush();
+    int answers = 0;
+    while (peer.receive())
+        ++answers;
+    EXPECT_EQ(answers, kAnswers);
+}
+
 TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
     BusLimits limits;
     limits.queuedBytes = 256 << 10;
