@@ -50,15 +50,15 @@ std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view 
     return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMostMilliseconds));
 }
 
-// The strings of an array in the daemon's own settings.
-std::vector<std::string> defaultStrings(UserDefaults& defaults, std::string_view key) {
-    std::vector<std::string> strings;
-    const std::optional<PropertyList> value = defaults.value(kTelvoraDefaultsDomain, key);
+// The directories that clients may have files uploaded from.
+std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
+    std::vector<std::string> directories;
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "uploadDirectories");
     const Array* array = value ? value->getIf<Array>() : nullptr;
     for (const PropertyList& element : array != nullptr ? *array : Array()) {
-        if (const auto* text = element.getIf<std::string>()) strings.push_back(*text);
+        if (const auto* text = element.getIf<std::string>()) directories.push_back(*text);
     }
-    return strings;
+    return directories;
 }
 
 // Where the daemon is reached: by its clients and, unless that failed, by its administrators.
@@ -227,7 +227,7 @@ int main() {
     const MessageLog messageLog(directories.logs);
     TelvoradUtil::makeLogDirectory(messageLog);
     SandboxPaths paths = SandboxPaths::fromDirectories(directories);
-    paths.readAndRemove = canonicalDirectories(defaultStrings(defaults, "uploadDirectories"));
+    paths.readAndRemove = canonicalDirectories(uploadDirectories(defaults));
     const auto confined = enterSandbox(kServiceName, paths);
     if (!confined) {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());

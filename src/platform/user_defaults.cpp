@@ -126,6 +126,13 @@ std::optional<PropertyList> UserDefaults::value(std::string_view domain, std::st
     return std::nullopt;
 }
 
+std::optional<PropertyList> UserDefaults::administratorValue(std::string_view domain, std::string_view key) {
+    if (!isDomain(domain)) return std::nullopt;
+    const MutexLock lock(mutex_);
+    const PropertyList* value = current(fileOf(administratorDirectory_, domain)).find(key);
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
 std::optional<std::string> UserDefaults::string(std::string_view domain, std::string_view key) {
     const std::optional<PropertyList> found = value(domain, key);
     const std::string* text = found ? found->getIf<std::string>() : nullptr;

@@ -37,6 +37,9 @@ class UserDefaults {
     // has it. An unreadable or malformed file counts as absent and is logged once per change of the file at
     // level 4.
     std::optional<PropertyList> value(std::string_view domain, std::string_view key);
+    // The administrator's value alone: for what decides how far the process is confined, so that a daemon in
+    // wrong hands can't set itself free for its next start.
+    std::optional<PropertyList> administratorValue(std::string_view domain, std::string_view key);
     // As value(); nothing also when the value is no string.
     std::optional<std::string> string(std::string_view domain, std::string_view key);
     // As value(), read as PropertyList::integerValue.

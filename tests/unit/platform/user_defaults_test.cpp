@@ -51,8 +51,10 @@ TEST_F(UserDefaultsTest, AStoredValueOutlivesTheProcessAndIsPrivate) {
 TEST_F(UserDefaultsTest, TheAdministratorsValueWinsAndItsChangesCountAtOnce) {
     ASSERT_TRUE(defaults_.set("d", "key", "own"));
     EXPECT_EQ(defaults_.string("d", "key"), "own");
+    EXPECT_EQ(defaults_.administratorValue("d", "key"), std::nullopt);
     setAdministrators("first");
     EXPECT_EQ(defaults_.string("d", "key"), "first");
+    EXPECT_EQ(defaults_.administratorValue("d", "key"), "first");
     ASSERT_TRUE(defaults_.set("d", "key", "own again"));
     EXPECT_EQ(defaults_.string("d", "key"), "first");
     const auto file = setAdministrators("2");
