@@ -6,6 +6,7 @@
 
 #include "backends/dashboard_backend.h"
 #include "backends/https_post_backend.h"
+#include "backends/joulemark_backend.h"
 #include "backends/upload_backend.h"
 #include "telvora/keys.h"
 #include "util/log.h"
@@ -40,7 +41,7 @@ constexpr std::array<BackendClass, 6> kBackendClasses{{
     {kTelvoraBackendUploadServer, makeBackend<UploadBackend>},
     {kTelvoraBackendHTTPPost, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendHTTPPost2, makeBackend<HTTPSPostBackend>},
-    {kTelvoraBackendJoulemark, nullptr},
+    {kTelvoraBackendJoulemark, makeBackend<JoulemarkBackend>},
     {kTelvoraBackendVodex, nullptr},
 }};
 

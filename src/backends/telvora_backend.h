@@ -38,6 +38,7 @@ enum class SendFlag : uint32_t {};
 
 class ClientFiles;
 class DecisionTrace;
+class PowerLog;
 
 // What backends use of the outside. All references outlive every backend.
 struct BackendServices {
@@ -50,6 +51,7 @@ struct BackendServices {
     std::function<long()> timeZoneOffsetSeconds;                           // east positive
     std::function<double()> random;                                        // uniform in [0, 1)
     std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard
+    PowerLog* powerLog = nullptr;    // null: events are dropped
     DecisionTrace* trace = nullptr;  // told why backends do what they do; null: nobody asks
 };
 

@@ -25,6 +25,7 @@
 #include "platform/keep_alive_transaction.h"
 #include "platform/listening_socket.h"
 #include "platform/locale.h"
+#include "platform/power_log.h"
 #include "platform/quality_of_service.h"
 #include "platform/sandbox.h"
 #include "platform/service_manager.h"
@@ -122,6 +123,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
     UploadAdmission uploads;
+    const std::unique_ptr<PowerLog> powerLog = makeJournalPowerLog();
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
     const BackendServices backendServices{http,
@@ -132,7 +134,8 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           countryCode,
                                           timeZoneOffsetSeconds,
                                           uniformRandom48,
-                                          [&pool] { return makeNetworkQueue(pool); }};
+                                          [&pool] { return makeNetworkQueue(pool); },
+                                          powerLog.get()};
     const BackendFactory factory(backendServices);
     const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
                                           identity,
