@@ -199,16 +199,16 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     notifyServiceManager("READY=1");
     runLoop.run();
 
+    if (agent.sessionsAlive() > 0) {
+        // Their deadline is over, and what they wait for, a server or an adaptor, may never come.
+        stopLogging();
+        std::_Exit(0);
+    }
     // What still runs uses the objects above: it ends before they do, and waits for no server any more.
     uploads.close();
     http.stop();
     pool.stop();
     curl.reset();
-    if (agent.sessionsAlive() > 0) {
-        // The work that would have ended them was dropped, and they and their connections hold each other.
-        stopLogging();
-        std::_Exit(0);
-    }
     return 0;
 }
 
