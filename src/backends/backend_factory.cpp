@@ -8,6 +8,7 @@
 #include "backends/https_post_backend.h"
 #include "backends/joulemark_backend.h"
 #include "backends/upload_backend.h"
+#include "backends/vodex_backend.h"
 #include "telvora/keys.h"
 #include "util/log.h"
 
@@ -27,7 +28,7 @@ using MakeBackend = std::shared_ptr<TelvoraBackend> (*)(BackendArguments);
 
 struct BackendClass {
     std::string_view name;
-    MakeBackend make;  // null: this build has no such class
+    MakeBackend make;
 };
 
 template <typename Backend>
@@ -36,13 +37,19 @@ std::shared_ptr<TelvoraBackend> makeBackend(BackendArguments arguments) {
                          arguments.productFamily);
 }
 
+// The one class that the client type matters to.
+std::shared_ptr<TelvoraBackend> makeVodexBackend(BackendArguments arguments) {
+    return VodexBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
+                              arguments.productFamily, arguments.clientType);
+}
+
 constexpr std::array<BackendClass, 6> kBackendClasses{{
     {kTelvoraBackendDashboard, makeBackend<DashboardBackend>},
     {kTelvoraBackendUploadServer, makeBackend<UploadBackend>},
     {kTelvoraBackendHTTPPost, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendHTTPPost2, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendJoulemark, makeBackend<JoulemarkBackend>},
-    {kTelvoraBackendVodex, nullptr},
+    {kTelvoraBackendVodex, makeVodexBackend},
 }};
 
 // The product that ships without the metrics adaptor.
@@ -58,11 +65,6 @@ std::shared_ptr<TelvoraBackend> BackendFactory::newBackendWithName(
     if (entry == kBackendClasses.end() ||
         (entry->name == kTelvoraBackendVodex && services_.identity.productType() == kProductWithoutVodex)) {
         TELVORA_LOG(kLogError, "TelvoraBackend(newBackendWithName): %s", name.c_str());
-        return nullptr;
-    }
-    if (entry->make == nullptr) {
-        TELVORA_LOG(kLogDebug, "TelvoraBackend(newBackendWithName): this build has no backend %s",
-                    name.c_str());
         return nullptr;
     }
     return entry->make({services_, name, std::move(profile), productFamily, clientType});

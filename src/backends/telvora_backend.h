@@ -51,8 +51,9 @@ struct BackendServices {
     std::function<long()> timeZoneOffsetSeconds;                           // east positive
     std::function<double()> random;                                        // uniform in [0, 1)
     std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard
-    PowerLog* powerLog = nullptr;    // null: events are dropped
-    DecisionTrace* trace = nullptr;  // told why backends do what they do; null: nobody asks
+    std::string vodexAdaptorPath = {};  // the metrics adaptor's shared object
+    PowerLog* powerLog = nullptr;       // null: events are dropped
+    DecisionTrace* trace = nullptr;     // told why backends do what they do; null: nobody asks
 };
 
 // The configuration of one backend in a bag: the bag's value under the backend's name. Shares the bag, which

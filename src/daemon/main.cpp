@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "backends/backend_factory.h"
+#include "backends/vodex_backend.h"
 #include "config/client_framework.h"
 #include "config/environment.h"
 #include "config/storebag_fetcher.h"
@@ -62,6 +63,13 @@ std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
     return directories;
 }
 
+// The shared object of the metrics adaptor.
+std::string vodexAdaptorPath(UserDefaults& defaults) {
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "vodexAdaptorPath");
+    const auto* path = value ? value->getIf<std::string>() : nullptr;
+    return path != nullptr ? *path : VodexBackend::kBundlePath;
+}
+
 // Where the daemon is reached: by its clients and, unless that failed, by its administrators.
 struct Sockets {
     ListeningSocket clients;
@@ -108,7 +116,8 @@ int readLogLevel(UserDefaults& defaults) {
 
 // The daemon proper, in a confined process.
 int run(const Directories& directories, UserDefaults& defaults, const MessageLog& messageLog,
-        const SandboxPaths& paths, const SandboxStatus& sandbox, Sockets sockets) {
+        const SandboxPaths& paths, const SandboxStatus& sandbox, const std::string& adaptorPath,
+        Sockets sockets) {
     const StartTime start{TelvoradUtil::secondsFromTimeValue(timeOfDay())};
     asio::io_context runLoop(1);
     Shutdown* shutdownWhenIdle = nullptr;  // set below, before anything runs
@@ -135,6 +144,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           timeZoneOffsetSeconds,
                                           uniformRandom48,
                                           [&pool] { return makeNetworkQueue(pool); },
+                                          adaptorPath,
                                           powerLog.get()};
     const BackendFactory factory(backendServices);
     const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
@@ -231,6 +241,10 @@ int main() {
     TelvoradUtil::makeLogDirectory(messageLog);
     SandboxPaths paths = SandboxPaths::fromDirectories(directories);
     paths.readAndRemove = canonicalDirectories(uploadDirectories(defaults));
+    const std::string adaptorPath = vodexAdaptorPath(defaults);
+    // A path that names a directory must not open all that is beneath it.
+    if (std::error_code error; std::filesystem::is_regular_file(adaptorPath, error))
+        paths.readOnly.push_back(adaptorPath);
     const auto confined = enterSandbox(kServiceName, paths);
     if (!confined) {
         TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", confined.error().c_str());
@@ -242,7 +256,8 @@ int main() {
         TELVORA_LOG(kLogError, "main: can't listen: %s", sockets.error().c_str());
         return 1;
     }
-    const int status = run(directories, defaults, messageLog, paths, *confined, std::move(*sockets));
+    const int status =
+        run(directories, defaults, messageLog, paths, *confined, adaptorPath, std::move(*sockets));
     stopLogging();
     return status;
 }
