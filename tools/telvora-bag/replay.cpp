@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Recorded reports through a bag. Every report ends posted, held, or lost for a reason: what left the batch
-// was posted if a post went out, else it is lost.
+// Recorded reports through a bag. Every report ends posted, handed to the metrics adaptor, or lost for a
+// reason: what left the batch was posted if a post went out, else it is lost.
 #include <iomanip>
 #include <map>
 #include <sstream>
 
 #include "backends/https_post_backend.h"
+#include "backends/vodex_backend.h"
 #include "config/storebag_fetcher.h"
 #include "json/report_json.h"
 #include "telvora-bag/explain.h"
@@ -53,7 +54,8 @@ class BackendReplay {
     BackendReplay(const std::string& name, const PropertyList& profile, const Circumstances& circumstances)
         : trial_(circumstances, filterCounts_),
           backend_(trial_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
-          https_(dynamic_cast<HTTPSPostBackend*>(backend_.get())) {
+          https_(dynamic_cast<HTTPSPostBackend*>(backend_.get())),
+          handsOn_(dynamic_cast<const VodexBackend*>(backend_.get()) != nullptr) {
         trial_.onPost = [this](const Post& post) { note(post); };
         if (backend_) backend_->updateState();
     }
@@ -62,6 +64,7 @@ class BackendReplay {
         trial_.advance(1);
         ++offered_;
         if (!backend_) return lose(1, "the bag makes no such backend");
+        if (handsOn_) return;
         if (https_ == nullptr) return lose(1, kNotPosted);
         if (!backend_->isWhitelistedEvent(report.category)) return lose(1, "not on event_whitelist");
         if (backend_->isBlacklistedEvent(report.category)) return lose(1, "on event_blacklist");
@@ -112,6 +115,7 @@ class BackendReplay {
     Trial trial_;
     const std::shared_ptr<TelvoraBackend> backend_;
     HTTPSPostBackend* const https_;
+    const bool handsOn_;  // all reports, to the metrics adaptor
     size_t offered_ = 0;
     size_t heldBefore_ = 0;
     size_t heldAtEnd_ = 0;
@@ -123,6 +127,10 @@ class BackendReplay {
 };
 
 void BackendReplay::print(std::ostream& out) const {
+    if (handsOn_) {
+        out << "  " << offered_ << " of " << offered_ << " reports handed to the metrics adaptor\n";
+        return;
+    }
     out << "  " << posted_ << " of " << offered_ << " reports posted, in " << posts_ << " posts\n";
     if (heldAtEnd_ > 0) out << "  " << heldAtEnd_ << " were held until the last flush\n";
     for (const auto& [reason, count] : losses_)

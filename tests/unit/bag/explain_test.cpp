@@ -134,7 +134,8 @@ TEST(Explain, ShowsAWholeBag) {
     Dictionary bag = test::DaemonWorld::bagWithClient(std::move(client));
     Dictionary section = *bag.dictionary("release");
     section.merge(
-        json(R"({"dashboard": {"ip": "127.0.0.1"}, "uploadServer": {"post_url": "https://up.example/"}})"));
+        json(R"({"dashboard": {"ip": "127.0.0.1"}, "uploadServer": {"post_url": "https://up.example/"},
+            "vodex": {}})"));
     bag.set("release", section);
     Circumstances given = circumstances(true);
     given.environment = EnvironmentType::seed;
@@ -157,11 +158,14 @@ TEST(Explain, ShowsAWholeBag) {
               "  fields: \"ip\" is removed\n"
               "  fields: \"user\" is hashed in reports of category 5 and type 1\n"
               "\nuploadServer\n"
+              "  => reporting\n"
+              "\nvodex\n"
               "  => reporting\n");
 
     std::istringstream reports(kReports);
     const auto replay = replayReports(bag, given, reports);
     EXPECT_THAT(*replay, HasSubstr("httpPost\n  6 of 6 reports posted, in 6 posts\n"));
+    EXPECT_THAT(*replay, HasSubstr("vodex\n  6 of 6 reports handed to the metrics adaptor\n"));
     EXPECT_THAT(*replay, HasSubstr("  \"IP\" removed from 1 reports\n  \"ip\" removed from 1 reports\n"
                                    "  \"user\" hashed in 1 reports\n"));
     std::istringstream broken("{\"category\": 1, \"type\": 1}\n{\"category\": 1}\n");
