@@ -256,6 +256,11 @@ int main() {
         TELVORA_LOG(kLogError, "main: can't listen: %s", sockets.error().c_str());
         return 1;
     }
+    // The sockets were all that had to listen.
+    if (const auto tightened = tightenSandbox(kServiceName); !tightened) {
+        TELVORA_LOG(kLogError, "main: sandbox_init() fails: %s\n", tightened.error().c_str());
+        return -1;
+    }
     const int status =
         run(directories, defaults, messageLog, paths, *confined, adaptorPath, std::move(*sockets));
     stopLogging();

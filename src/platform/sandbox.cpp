@@ -61,6 +61,16 @@ Result allowPaths(Landlock& landlock, const SandboxProfile& profile, const Sandb
         .and_then([&] { return allowAll(landlock, runtime, PathAccess::readWriteSocket); });
 }
 
+tl::unexpected<std::string> noProfile(std::string_view name) {
+    return tl::unexpected("no profile named \"" + std::string(name) + "\"");
+}
+
+Result allowSystemCalls(const SandboxProfile& profile) {
+    std::vector<const char*> calls(profile.systemCalls.begin(), profile.systemCalls.end());
+    calls.insert(calls.end(), profile.systemCallsAtStart.begin(), profile.systemCallsAtStart.end());
+    return filterSystemCalls(calls);
+}
+
 SandboxStatus statusOf(const SandboxProfile& profile, int landlockAbi, const DroppedPrivileges& dropped) {
     SandboxStatus status;
     status.profile = profile.name;
@@ -119,7 +129,7 @@ std::string SandboxStatus::description() const {
 tl::expected<SandboxStatus, std::string> enterSandbox(std::string_view profileName,
                                                       const SandboxPaths& paths) {
     const SandboxProfile* profile = findSandboxProfile(profileName);
-    if (profile == nullptr) return tl::unexpected("no profile named \"" + std::string(profileName) + "\"");
+    if (profile == nullptr) return noProfile(profileName);
     if (!sanitizer_needs::kOtherThreadsAtEntry && hasOtherThreads()) {
         return tl::unexpected(std::string("the process has more than one thread"));
     }
@@ -134,10 +144,14 @@ tl::expected<SandboxStatus, std::string> enterSandbox(std::string_view profileNa
     const auto dropped = dropPrivileges();
     if (!dropped) return tl::unexpected(dropped.error());
     if (Result restricted = landlock->restrictSelf(); !restricted) return tl::unexpected(restricted.error());
-    if (Result filtered = filterSystemCalls(profile->systemCalls); !filtered) {
-        return tl::unexpected(filtered.error());
-    }
+    if (Result filtered = allowSystemCalls(*profile); !filtered) return tl::unexpected(filtered.error());
     return statusOf(*profile, landlock->abi(), *dropped);
+}
+
+tl::expected<void, std::string> tightenSandbox(std::string_view profileName) {
+    const SandboxProfile* profile = findSandboxProfile(profileName);
+    if (profile == nullptr) return noProfile(profileName);
+    return forbidSystemCalls(profile->systemCallsAtStart);
 }
 
 }  // namespace telvora

@@ -6,8 +6,8 @@
 // (platform/landlock.h), and a list of permitted system calls (platform/system_call_filter.h). A profile says
 // what is left; profiles are compiled in and go by name.
 //
-// Limits: Landlock forbids binding TCP ports, but a TCP socket that listens without having been bound gets a
-// port from the kernel all the same; and UDP is free. Descriptors that were open before keep their rights.
+// Limits: connecting is free, to TCP servers and to Unix sockets that have a path, and so is UDP. Descriptors
+// that were open before keep their rights.
 #pragma once
 
 #include <filesystem>
@@ -57,5 +57,10 @@ struct SandboxStatus {
 // Landlock or no seccomp filters or refuses; the process may then be partly confined and should end.
 tl::expected<SandboxStatus, std::string> enterSandbox(std::string_view profileName,
                                                       const SandboxPaths& paths);
+
+// Gives up what the profile grants to the start of the process only: once its sockets are there, nothing can
+// be made to listen, and no mode of a file be changed. Must be called while the process has one thread. Fails
+// with a reason when the kernel refuses; the process should then end.
+tl::expected<void, std::string> tightenSandbox(std::string_view profileName);
 
 }  // namespace telvora

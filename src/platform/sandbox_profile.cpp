@@ -50,28 +50,33 @@ constexpr const char* kSystemCalls[] = {
     "timerfd_gettime64", "timerfd_settime", "timerfd_settime64",
     // descriptors and waiting
     "_newselect", "close", "close_range", "dup", "dup2", "dup3", "epoll_create", "epoll_create1", "epoll_ctl",
-    "epoll_pwait", "epoll_pwait2", "epoll_wait", "eventfd", "eventfd2", "fcntl", "fcntl64", "pipe", "pipe2",
-    "poll", "ppoll", "ppoll_time64", "pselect6", "pselect6_time64", "select", "signalfd4",
+    "epoll_pwait", "epoll_pwait2", "epoll_wait", "eventfd", "eventfd2", "pipe", "pipe2", "poll", "ppoll",
+    "ppoll_time64", "pselect6", "pselect6_time64", "select", "signalfd4",
     // files, whose paths are Landlock's business
-    "_llseek", "access", "chmod", "copy_file_range", "faccessat", "faccessat2", "fadvise64", "fadvise64_64",
-    "fallocate", "fchmod", "fchmodat", "fdatasync", "flock", "fstat", "fstat64", "fstatat64", "fstatfs",
-    "fstatfs64", "fsync", "ftruncate", "ftruncate64", "getcwd", "getdents", "getdents64", "lseek", "lstat",
-    "lstat64", "mkdir", "mkdirat", "newfstatat", "open", "openat", "openat2", "pread64", "preadv", "preadv2",
-    "pwrite64", "pwritev", "pwritev2", "read", "readlink", "readlinkat", "readv", "rename", "renameat",
-    "renameat2", "rmdir", "sendfile", "sendfile64", "stat", "stat64", "statfs", "statfs64", "statx", "umask",
-    "unlink", "unlinkat", "utimensat", "utimensat_time64", "write", "writev",
+    "_llseek", "access", "copy_file_range", "faccessat", "faccessat2", "fadvise64", "fadvise64_64",
+    "fallocate", "fdatasync", "flock", "fstat", "fstat64", "fstatat64", "fstatfs", "fstatfs64", "fsync",
+    "ftruncate", "ftruncate64", "getcwd", "getdents", "getdents64", "lseek", "lstat", "lstat64", "mkdir",
+    "mkdirat", "newfstatat", "open", "openat", "openat2", "pread64", "preadv", "preadv2", "pwrite64",
+    "pwritev", "pwritev2", "read", "readlink", "readlinkat", "readv", "rename", "renameat", "renameat2",
+    "rmdir", "sendfile", "sendfile64", "stat", "stat64", "statfs", "statfs64", "statx", "umask", "unlink",
+    "unlinkat", "write", "writev",
     // sockets, of the kinds that may be made
-    "accept", "accept4", "bind", "connect", "getpeername", "getsockname", "getsockopt", "listen", "recv",
-    "recvfrom", "recvmmsg", "recvmmsg_time64", "recvmsg", "send", "sendmmsg", "sendmsg", "sendto",
-    "setsockopt", "shutdown",
+    "accept", "accept4", "bind", "connect", "getpeername", "getsockname", "getsockopt", "recv", "recvfrom",
+    "recvmmsg", "recvmmsg_time64", "recvmsg", "send", "sendmmsg", "sendmsg", "sendto", "setsockopt",
+    "shutdown",
     // what the process may know of itself and the machine
     "capget", "getegid", "getegid32", "geteuid", "geteuid32", "getgid", "getgid32", "getgroups",
     "getgroups32", "getpid", "getppid", "getpriority", "getrandom", "getresgid", "getresgid32", "getresuid",
     "getresuid32", "getrlimit", "getrusage", "getsid", "getuid", "getuid32", "sysinfo", "ugetrlimit",
     "uname"};
 
+// What making sockets takes. Listening gives a port to a TCP socket that has none, and modes of files are
+// nothing that Landlock knows of.
+constexpr const char* kSystemCallsAtStart[] = {"chmod", "fchmodat", "listen", "seccomp"};
+
 constexpr std::array kProfiles = {SandboxProfile{"com.zandor.telvorad", kReadable, kReadableAsRoot,
-                                                 kReadableAsUser, kWritable, kSystemCalls}};
+                                                 kReadableAsUser, kWritable, kSystemCalls,
+                                                 kSystemCallsAtStart}};
 
 }  // namespace
 

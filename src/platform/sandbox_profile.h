@@ -20,6 +20,8 @@ struct SandboxProfile {
     std::span<const char* const> writable;
     // System calls that may be made with any arguments.
     std::span<const char* const> systemCalls;
+    // More of them until tightenSandbox().
+    std::span<const char* const> systemCallsAtStart;
 };
 
 // The profile of that name, or null. It lives as long as the process.

@@ -5,6 +5,7 @@
 // judged here, never what a pointer points to: paths are Landlock's business.
 #include "platform/system_call_filter.h"
 
+#include <fcntl.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
 #include <linux/sockios.h>
@@ -40,20 +41,29 @@ scmp_arg_cmp bitsAre(unsigned argument, uint64_t mask, uint64_t bits) {
     return {argument, SCMP_CMP_MASKED_EQ, mask, bits};
 }
 
+constexpr uint32_t kForbidden = SCMP_ACT_ERRNO(EPERM);
+
 // Gathers rules; remembers the first failure.
 class Filter {
   public:
-    Filter() : context_(seccomp_init(SCMP_ACT_ERRNO(EPERM)), &seccomp_release) {
-        if (!context_) error_ = -ENOMEM;
+    // `others`: what becomes of calls that no rule is for.
+    explicit Filter(uint32_t others) : context_(seccomp_init(others), &seccomp_release) {
+        // A second filter could not set no_new_privs again.
+        error_ = context_ ? seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_NNP, 0) : -ENOMEM;
     }
 
     void allow(const char* name, const Comparisons& comparisons = {}) {
         add(SCMP_ACT_ALLOW, name, comparisons);
     }
+    void forbid(const char* name) { add(kForbidden, name, {}); }
     void pretendMissing(const char* name) { add(SCMP_ACT_ERRNO(ENOSYS), name, {}); }
 
-    // 0, or a negative error number.
-    int load() { return error_ != 0 ? error_ : seccomp_load(context_.get()); }
+    tl::expected<void, std::string> load() {
+        const int error = error_ != 0 ? error_ : seccomp_load(context_.get());
+        if (error == 0) return {};
+        return tl::unexpected("the kernel takes no seccomp filter: " +
+                              std::generic_category().message(-error));
+    }
 
   private:
     void add(uint32_t action, const char* name, const Comparisons& comparisons) {
@@ -103,10 +113,10 @@ void allowThreads(Filter& filter) {
 #else
     constexpr unsigned kFlags = 0;
 #endif
-    constexpr uint64_t kForbidden = CLONE_NEWCGROUP | CLONE_NEWIPC | CLONE_NEWNET | CLONE_NEWNS |
-                                    CLONE_NEWPID | CLONE_NEWUSER | CLONE_NEWUTS | CLONE_PTRACE |
-                                    CLONE_UNTRACED | CLONE_VFORK;
-    filter.allow("clone", {bitsAre(kFlags, kForbidden | CLONE_THREAD, CLONE_THREAD)});
+    constexpr uint64_t kNotForThreads = CLONE_NEWCGROUP | CLONE_NEWIPC | CLONE_NEWNET | CLONE_NEWNS |
+                                        CLONE_NEWPID | CLONE_NEWUSER | CLONE_NEWUTS | CLONE_PTRACE |
+                                        CLONE_UNTRACED | CLONE_VFORK;
+    filter.allow("clone", {bitsAre(kFlags, kNotForThreads | CLONE_THREAD, CLONE_THREAD)});
     filter.pretendMissing("clone3");
 }
 
@@ -135,6 +145,12 @@ void allowRequests(Filter& filter) {
           uint64_t{SIOCGIFINDEX}, uint64_t{SIOCGIFNAME}}) {
         filter.allow("ioctl", {equals(1, request)});
     }
+    // No owner of a descriptor (F_SETOWN), who would get signals from it.
+    for (const char* call : {"fcntl", "fcntl64"}) {
+        for (const uint64_t request :
+             {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL, F_ADD_SEALS, F_GET_SEALS})
+            filter.allow(call, {equals(1, request)});
+    }
     // A thread's name and the state of confinement. PR_SET_VMA only names memory for those who debug.
     constexpr uint64_t kSetVma = 0x53564d41;
     for (const uint64_t request :
@@ -148,7 +164,7 @@ void allowRequests(Filter& filter) {
 }  // namespace
 
 tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> plain) {
-    Filter filter;
+    Filter filter(kForbidden);
     for (const char* name : plain)
         filter.allow(name);
     allowSockets(filter);
@@ -158,9 +174,14 @@ tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> p
     allowRequests(filter);
     for (const char* name : sanitizer_needs::kSystemCalls)
         filter.allow(name);  // with any arguments
-    const int error = filter.load();
-    if (error == 0) return {};
-    return tl::unexpected("the kernel takes no seccomp filter: " + std::generic_category().message(-error));
+    return filter.load();
+}
+
+tl::expected<void, std::string> forbidSystemCalls(std::span<const char* const> names) {
+    Filter filter(SCMP_ACT_ALLOW);
+    for (const char* name : names)
+        filter.forbid(name);
+    return filter.load();
 }
 
 }  // namespace telvora

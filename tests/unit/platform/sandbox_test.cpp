@@ -97,6 +97,8 @@ class SandboxTest : public testing::TestWithParam<uid_t> {
                           kProfile, SandboxPaths::fromDirectories({path("run"), path("state"), path("etc"),
                                                                    path("logs"), path("framework")}));
                       if (!status) return report.wrong(status.error());
+                      if (const auto tightened = tightenSandbox(kProfile); !tightened)
+                          return report.wrong(tightened.error());
                       body(report, *status);
                   }),
                   "");
@@ -155,7 +157,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
         {SYS_io_uring_setup, SYS_process_vm_writev, SYS_perf_event_open, SYS_userfaultfd},
         {SYS_chroot, SYS_pivot_root, SYS_reboot, SYS_setuid, SYS_setgid},
         {SYS_capset, SYS_sethostname, SYS_fchownat, SYS_pidfd_open, SYS_seccomp},
-        {SYS_landlock_restrict_self, SYS_setpriority}};
+        {SYS_landlock_restrict_self, SYS_setpriority, SYS_listen, SYS_fchmodat, SYS_fchmod, SYS_utimensat}};
     constexpr int kMptcp = 262;
     static constexpr int kSockets[][3] = {
         {AF_INET, SOCK_RAW, IPPROTO_ICMP},   {AF_INET6, SOCK_RAW, IPPROTO_TCP},
@@ -169,6 +171,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
         }
         report.expectErrno(syscall(SYS_clone3, nullptr, 0), ENOSYS, "clone3");
         report.expectErrno(ioctl(STDIN_FILENO, TIOCSTI, "x"), EPERM, "TIOCSTI");
+        report.expectErrno(fcntl(STDIN_FILENO, F_SETOWN, getppid()), EPERM, "F_SETOWN");
         for (const auto& [family, type, protocol] : kSockets)
             report.expectErrno(socket(family, type, protocol), EPERM, "socket of " + std::to_string(family));
         if (status.tcpBind) {
