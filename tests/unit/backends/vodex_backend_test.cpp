@@ -41,7 +41,7 @@ TEST(VodexBackendTest, SurvivesWhatIsWrongWithAnAdaptor) {
     const auto threw = [](const std::string& operation) {
         return "<3>VodexBackend(" + operation + "): the Vodex adaptor threw an exception";
     };
-    const std::string directory = TELVORA_FAULTY_ADAPTORS "/";
+    const std::string directory = TELVORA_TEST_ADAPTORS "/";
     const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"noClass.so", {deaf("(null)")}},
         {directory + "absent.so", {deaf("(null)")}},
