@@ -99,7 +99,11 @@ void ReconnectingSession::send(Request request, AnswerHandler done) {
                  if (answer.status == TELVORA_OK || answer.status == TELVORA_ERROR_REFUSED) link->good = true;
                  if (answer.status == TELVORA_ERROR_LOST) {
                      const auto still = self.lock();
-                     if (!still || still->closed_) answer.status = TELVORA_ERROR_CLOSED;
+                     if (!still || still->closed_) {
+                         answer.status = TELVORA_ERROR_CLOSED;
+                     } else if (!link->ended) {
+                         ++still->lostCalls_;  // it was the first to find the connection dead
+                     }
                  }
                  done(std::move(answer));
              });
@@ -113,6 +117,7 @@ void ReconnectingSession::connectionLost(const std::shared_ptr<Link>& link, cons
         if (link_ != link) return;
         link_ = nullptr;
         if (link->good) nextAttempt_ = {};
+        link->ended = true;
         lostCalls_ += link->unanswered.load();
     }
     if (handlers_.connection) handlers_.connection(TELVORA_CONNECTION_LOST, lostCalls(), reason);

@@ -57,6 +57,7 @@ class ReconnectingSession final : public SessionTarget,
         std::shared_ptr<ClientSession> session;
         std::atomic<size_t> unanswered = 0;  // calls of the application
         std::atomic<bool> good = false;      // an answer has come
+        std::atomic<bool> ended = false;     // and what was unanswered is counted as lost
     };
 
     bool connect() TELVORA_REQUIRES(lock_);

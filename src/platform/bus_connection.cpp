@@ -116,6 +116,10 @@ bool BusConnection::isOpen() const {
 
 // One step of sd-bus: writes what is queued, or reads and dispatches one message. 0: nothing to do now.
 int BusConnection::processOne() {
+    if (!isOpen()) {  // a call found the peer gone
+        end("the peer has closed the connection");
+        return -ENOTCONN;
+    }
     pumping_ = true;
     const int result = sd_bus_process(bus_.get(), nullptr);
     pumping_ = false;
