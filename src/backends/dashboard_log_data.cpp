@@ -32,15 +32,22 @@ std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::
 }  // namespace
 
 bool DashboardBackend::uploadLogData(const Array& records) {
+    uploads_->accept();
+    const ReportPlace outcome = postLogData(records);
+    uploads_->move(1, ReportPlace::inFlight, outcome);
+    return outcome == ReportPlace::delivered;
+}
+
+ReportPlace DashboardBackend::postLogData(const Array& records) {
     if (!postURL_) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
-        return false;
+        return ReportPlace::noURL;
     }
     auto archive = serializePropertyList(records, PropertyListFormat::binary);
     if (!archive) {
         TELVORA_LOG(kLogError,
                     "DashboardBackend(uploadLogData): Failed to serialize log data array for upload");
-        return false;
+        return ReportPlace::notSent;
     }
     HttpRequest request;
     request.method = "POST";
@@ -48,16 +55,18 @@ bool DashboardBackend::uploadLogData(const Array& records) {
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(*archive);
     std::optional<std::string> reason;
-    const auto location = uploadLocation(performBlocking(services_.http, std::move(request)), reason);
+    HttpResult result = performBlocking(services_.http, std::move(request));
+    const ReportPlace withoutLocation = result ? ReportPlace::rejected : placeAfter(result);
+    const auto location = uploadLocation(std::move(result), reason);
     if (!location) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Error uploading log data array (%s)",
                     textOrNull(reason));
-        return false;
+        return withoutLocation;
     }
     TELVORA_LOG(kLogDebug, "DashboardBackend(uploadLogData): Log data uploaded to %s", location->c_str());
     sendMessage(Dictionary{{"LogDataUploadLocation", *location}}, services_.clock(), kLogDataMethod,
                 kLogDataRespCode, SendFlag{0});
-    return true;
+    return ReportPlace::delivered;
 }
 
 }  // namespace telvora

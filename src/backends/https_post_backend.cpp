@@ -43,6 +43,10 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
     if (displayURL != nullptr) displayURL_ = *displayURL;
 }
 
+HTTPSPostBackend::~HTTPSPostBackend() {
+    loseBatch(ReportPlace::sessionEnded);
+}
+
 void HTTPSPostBackend::updateState() {
     setState(updateBackendState());
 }

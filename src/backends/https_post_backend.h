@@ -12,8 +12,8 @@
 //     reporting             posted if realtime or not batching, else held   posts the batch
 //
 // Like every backend it is called by one caller at a time. The answer to a post arrives on the HTTP client's
-// thread: there only `state` (atomic) and the constant name are touched, and the flush's completion is
-// called. A post in flight keeps the backend alive.
+// thread: there only `state` (atomic), the account and the constant name are touched, and the flush's
+// completion is called. A post in flight keeps the backend alive.
 #pragma once
 
 #include <memory>
@@ -44,6 +44,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     static std::shared_ptr<HTTPSPostBackend> make(const BackendServices& services, std::string name,
                                                   BackendProfile profile,
                                                   std::optional<std::string> productFamily);
+    ~HTTPSPostBackend() override;
 
     using TelvoraBackend::sendMessage;
 
@@ -61,8 +62,6 @@ class HTTPSPostBackend final : public TelvoraBackend {
 
     const std::optional<std::string>& postURL() const { return postURL_; }
     void setPostURL(std::optional<std::string> url) { postURL_ = std::move(url); }
-    // How many events wait for a flush.
-    size_t heldEvents() const { return batchedEvents_.size(); }
 
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
@@ -102,7 +101,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
                         uint16_t respCode) const;
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
-    bool isAdmitted(const Dictionary& record) const;
+    void loseBatch(ReportPlace cause);
+    bool keepsInFlush(const Dictionary& record);
     std::optional<std::string> postDirectly(Dictionary record, uint16_t method, uint16_t respCode,
                                             SendFlag flag);
 
@@ -112,11 +112,12 @@ class HTTPSPostBackend final : public TelvoraBackend {
     bool isMessageLogged() const;
     std::string createMessageForPostAndLogging(std::span<Dictionary> events,
                                                std::optional<std::string>& prettyJsonString) const;
-    void postJSONMessage(std::string json, SendFlag flag, std::optional<uint16_t> method,
+    // `reports`: how many the message holds.
+    void postJSONMessage(std::string json, size_t reports, SendFlag flag, std::optional<uint16_t> method,
                          std::optional<uint16_t> responseCode, PostCompletion completion);
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
-    void handlePostResult(const HttpResult& result, const PostCompletion& completion);
+    void handlePostResult(const HttpResult& result, size_t reports, const PostCompletion& completion);
 
     const Array& clients_;  // in the profile
     std::optional<std::string> postURL_;

@@ -18,6 +18,12 @@ constexpr uint16_t kSessionStop = 1;
 // flushed like one that has reached the event threshold.
 constexpr size_t kMaxBatchBytes = size_t{8} << 20;
 
+// Why a flush in this state throws the batch away.
+ReportPlace causeOf(BackendState state) {
+    if (state == BackendState::sampledOut) return ReportPlace::sampledOut;
+    return state == BackendState::waitingForUserInfo ? ReportPlace::noUserInfo : ReportPlace::disabled;
+}
+
 void completeWithError(const FlushCompletion& completion, const char* message) {
     if (completion) completion(std::nullopt, makeTelvoraError(message, -1));
 }
@@ -28,7 +34,10 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          TimeValue timestamp, uint16_t method,
                                                          uint16_t respCode, EventID /*eventID*/,
                                                          SendFlag flag) {
-    if (state() == BackendState::disabled) return std::nullopt;
+    if (state() == BackendState::disabled) {
+        reports_->move(1, ReportPlace::inFlight, ReportPlace::disabled);
+        return std::nullopt;
+    }
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
                             ? newEvent(stopMessagePayload(payload), timestamp, method, respCode)
                             : newEvent(payload, timestamp, method, respCode);
@@ -119,7 +128,7 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
         answer = std::string("Flushed events:\n") + textOrNull(flushed) + "\nStandalone event:\n" +
                  textOrNull(answer);
     }
-    postJSONMessage(std::move(json), flag, method, respCode, {});
+    postJSONMessage(std::move(json), 1, flag, method, respCode, {});
     if (flushFirst) immutable_ = true;
     return answer;
 }
@@ -143,8 +152,9 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     if (full && !batchedEvents_.empty()) {
         TELVORA_LOG(kLogWarning, "HTTPSPostBackend(batchEvent): dropping %zu events that can't be flushed",
                     batchedEvents_.size());
-        takeBatch();
+        loseBatch(ReportPlace::batchFull);
     }
+    reports_->move(1, ReportPlace::inFlight, ReportPlace::held);
     batchedEvents_.push_back(std::move(record));
     batchedBytes_ += bytes;
     eventMethodCounts_[method] = count + 1;
@@ -157,28 +167,22 @@ std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
     return std::exchange(batchedEvents_, {});
 }
 
-bool HTTPSPostBackend::isAdmitted(const Dictionary& record) const {
+void HTTPSPostBackend::loseBatch(ReportPlace cause) {
+    reports_->move(takeBatch().size(), ReportPlace::held, cause);
+}
+
+// Whether the lists, which may have changed since the event was held, still let it through.
+bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
     const auto category = static_cast<uint16_t>(record.integer("_method").value_or(0));
-    if (!isWhitelistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "flushMessagesWithCompletion: Dropping event with category %d as it is not whitelisted "
-                    "for backend %s",
-                    category, name_.c_str());
-        return false;
-    }
-    if (isBlacklistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "flushMessagesWithCompletion: Dropping event with category %d as it is blacklisted for "
-                    "backend %s",
-                    category, name_.c_str());
-        return false;
-    }
-    return true;
+    const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    if (excluded) reports_->move(1, ReportPlace::held, *excluded);
+    return !excluded;
 }
 
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
-    if (batchedEvents_.empty() || state() != BackendState::reporting) {
-        takeBatch();
+    const BackendState current = state();
+    if (batchedEvents_.empty() || current != BackendState::reporting) {
+        loseBatch(causeOf(current));
         completeWithError(completion, "Nothing to flush");
         return std::nullopt;
     }
@@ -191,7 +195,8 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
     filterEvent(filters_, userInfo);
     std::vector<Dictionary> events = takeBatch();
-    std::erase_if(events, [this](const Dictionary& event) { return !isAdmitted(event); });
+    std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });
+    reports_->move(events.size(), ReportPlace::held, ReportPlace::inFlight);
     if (events.empty()) {
         completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
         return std::nullopt;
@@ -207,7 +212,8 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
             completion(pretty, std::move(error));
         };
     }
-    postJSONMessage(std::move(json), SendFlag{0}, std::nullopt, std::nullopt, std::move(whenPosted));
+    postJSONMessage(std::move(json), events.size(), SendFlag{0}, std::nullopt, std::nullopt,
+                    std::move(whenPosted));
     if (pretty) immutable_ = true;
     return pretty;
 }

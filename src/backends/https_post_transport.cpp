@@ -52,17 +52,21 @@ std::string HTTPSPostBackend::createMessageForPostAndLogging(
     return compactJson(message);
 }
 
-void HTTPSPostBackend::postJSONMessage(std::string json, SendFlag flag, std::optional<uint16_t> method,
-                                       std::optional<uint16_t> responseCode, PostCompletion completion) {
+void HTTPSPostBackend::postJSONMessage(std::string json, size_t reports, SendFlag flag,
+                                       std::optional<uint16_t> method, std::optional<uint16_t> responseCode,
+                                       PostCompletion completion) {
     const std::optional<std::string>& url = isRealtime(flag) ? realtimePostURL_ : postURL_;
     if (!url) {
+        reports_->move(reports, ReportPlace::inFlight, ReportPlace::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
     auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
-    services_.http.start(requestForMessage(*url, std::move(json), method, responseCode),
-                         [self = std::move(self), completion = std::move(completion)](
-                             const HttpResult& result) { self->handlePostResult(result, completion); });
+    services_.http.start(
+        requestForMessage(*url, std::move(json), method, responseCode),
+        [self = std::move(self), reports, completion = std::move(completion)](const HttpResult& result) {
+            self->handlePostResult(result, reports, completion);
+        });
 }
 
 HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::string json,
@@ -104,7 +108,9 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
 }
 
 // On the HTTP client's thread.
-void HTTPSPostBackend::handlePostResult(const HttpResult& result, const PostCompletion& completion) {
+void HTTPSPostBackend::handlePostResult(const HttpResult& result, size_t reports,
+                                        const PostCompletion& completion) {
+    reports_->move(reports, ReportPlace::inFlight, placeAfter(result));
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

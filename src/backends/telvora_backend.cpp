@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "platform/digest.h"
+#include "util/log.h"
 #include "util/utf8.h"
 
 namespace telvora {
@@ -38,6 +39,7 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        TimeValue /*timestamp*/, uint16_t /*method*/,
                                                        uint16_t /*respCode*/, EventID /*eventID*/,
                                                        SendFlag /*flag*/) {
+    reports_->move(1, ReportPlace::inFlight, ReportPlace::notSupported);
     return std::nullopt;
 }
 
@@ -45,6 +47,7 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        TimeValue timestamp, uint16_t method,
                                                        uint16_t respCode, SendFlag flag) {
     ++eventID_;
+    reports_->accept();
     return sendMessage(payload, timestamp, method, respCode, EventID{eventID_}, flag);
 }
 
@@ -74,6 +77,20 @@ bool TelvoraBackend::isWhitelistedEvent(uint16_t category) const {
 
 bool TelvoraBackend::isBlacklistedEvent(uint16_t category) const {
     return eventBlacklist_ && listHoldsCategory(*eventBlacklist_, category);
+}
+
+std::optional<ReportPlace> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {
+    if (!isWhitelistedEvent(category)) {
+        TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is not whitelisted for backend %s",
+                    operation, category, name_.c_str());
+        return ReportPlace::notWhitelisted;
+    }
+    if (isBlacklistedEvent(category)) {
+        TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is blacklisted for backend %s",
+                    operation, category, name_.c_str());
+        return ReportPlace::blacklisted;
+    }
+    return std::nullopt;
 }
 
 std::string TelvoraBackend::convertIntoSHA256(std::string_view text) {

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "backends/report_account.h"
 #include "config/device_identity.h"
 #include "config/environment.h"
 #include "platform/http_client.h"
@@ -78,8 +79,9 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     virtual std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload,
                                                    TimeValue timestamp, uint16_t method, uint16_t respCode,
                                                    EventID eventID, SendFlag flag);
-    // Counts the report (the counter wraps to 0 after 65535) and sends it under the new number. The one send
-    // operation that sessions call.
+    // Counts the report (the number wraps to 0 after 65535; the account takes it on) and sends it under the
+    // new number. The one send operation that sessions call. Who overrides the other one, or any of the
+    // uploads, says in the account what became of it.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, SendFlag flag);
     // Sends what is held back. `completion` (may be empty) is called once, from any thread, at once or when
@@ -99,6 +101,9 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     bool isWhitelistedEvent(uint16_t category) const;
     // Without a black list, or with an empty one, nothing is excluded.
     bool isBlacklistedEvent(uint16_t category) const;
+    // The loss that the two lists make of a report, which the log is told under the operation's name.
+    // Nothing: they let it through.
+    std::optional<ReportPlace> exclusionOf(uint16_t category, const char* operation) const;
 
     // SHA-256 (FIPS 180-4) of as many UTF-8 bytes of the text as the text has UTF-16 code units, as 64
     // lower-case hexadecimal digits: servers that compute these digests elsewhere count the same way.
@@ -129,6 +134,12 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     void setIsInternal(bool internal) { isInternal_ = internal; }
     void setRequireUserInfo(bool required) { requireUserInfo_ = required; }
     void setBatchEvents(bool batched) { batchEvents_ = batched; }
+    // Whom to tell what becomes of reports and uploads. Without, accounts of the backend's own.
+    void setAccounts(std::shared_ptr<ReportAccount> reports, std::shared_ptr<ReportAccount> uploads) {
+        reports_ = std::move(reports);
+        uploads_ = std::move(uploads);
+    }
+    ReportAccount& reports() const { return *reports_; }
     // Shared with the session and its other backends; null: the client gave none.
     void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { userInfoDict_ = std::move(userInfo); }
 
@@ -146,6 +157,8 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     const std::optional<std::string> productFamily_;
     const double samplingFactor_;
 
+    std::shared_ptr<ReportAccount> reports_ = std::make_shared<ReportAccount>();
+    std::shared_ptr<ReportAccount> uploads_ = std::make_shared<ReportAccount>();
     std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
     uint32_t sessionID_ = 0;
     int32_t compType_ = 0;

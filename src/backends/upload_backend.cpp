@@ -26,31 +26,32 @@ std::string_view lastPathComponent(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-bool logTooLarge(uint64_t maxSize) {
+using Compressed = tl::expected<std::string, ReportPlace>;
+
+tl::unexpected<ReportPlace> tooLarge(uint64_t maxSize) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): The file is larger than %llu bytes",
                 static_cast<unsigned long long>(maxSize));
-    return false;
+    return tl::unexpected(ReportPlace::fileTooLarge);
 }
 
-// The file's whole content, compressed. Nothing when it is empty, can't be read or can't be compressed.
-std::optional<std::string> compressedContent(const ClientFile& file, uint64_t maxSize) try {
+// The file's whole content, compressed. Fails when it is empty, too large, can't be read or can't be
+// compressed.
+Compressed compressedContent(const ClientFile& file, uint64_t maxSize) try {
     auto content = readWholeFile(file.file.get(), file.size(), maxSize);
-    if (!content && content.error() == EFBIG) {
-        logTooLarge(maxSize);  // it has grown
-        return std::nullopt;
-    }
+    if (!content && content.error() == EFBIG) return tooLarge(maxSize);  // it has grown
     if (!content || content->empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Input file is empty");
-        return std::nullopt;
+        return tl::unexpected(ReportPlace::fileUnreadable);
     }
     std::optional<std::string> compressed = TelvoradUtil::gzipDeflate(*content);
     *content = std::string();
     // Most of the room that compression needs is never filled; a server may keep the rest waiting for long.
-    if (compressed && compressed->size() < compressed->capacity() / 2) compressed->shrink_to_fit();
-    return compressed;
+    if (!compressed) return tl::unexpected(ReportPlace::fileUnreadable);
+    if (compressed->size() < compressed->capacity() / 2) compressed->shrink_to_fit();
+    return std::move(*compressed);
 } catch (const std::bad_alloc&) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): There is no memory for %s", file.path.c_str());
-    return std::nullopt;
+    return tl::unexpected(ReportPlace::fileUnreadable);
 }
 
 void removeFile(const ClientFiles& clientFiles, const ClientFile& file) {
@@ -81,7 +82,17 @@ std::shared_ptr<UploadBackend> UploadBackend::make(const BackendServices& servic
 bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                                      ClientFiles& clientFiles) {
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", path.c_str());
-    if (!uploadURL_) return false;
+    uploads_->accept();
+    const tl::expected<ReportPlace, ReportPlace> sent = sendFile(path, extensionToken, clientFiles);
+    uploads_->move(1, ReportPlace::inFlight, sent ? *sent : sent.error());
+    return sent.has_value();
+}
+
+// Where the upload is once it was sent; as an error, why it was not.
+tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string& path,
+                                                               const std::string& extensionToken,
+                                                               ClientFiles& clientFiles) {
+    if (!uploadURL_) return tl::unexpected(ReportPlace::noURL);
     const BlockingSection blocking;
     // Consumes the extension; whatever happens from here on, leaving this function releases it.
     const auto file = clientFiles.open(path, extensionToken);
@@ -89,23 +100,25 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Only upload a regular file.");
         TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
                     file.error().c_str());
-        return false;
+        return tl::unexpected(ReportPlace::fileRefused);
     }
     const uint64_t size = file->size();
     const uint64_t maxSize = maxUploadBytes();
-    if (size > maxSize) return logTooLarge(maxSize);
+    if (size > maxSize) return tooLarge(maxSize);
     const auto ticket = clientFiles.admit(2 * size);  // the file and its compressed form
     if (!ticket) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
-        return false;
+        return tl::unexpected(ReportPlace::tooManyPending);
     }
-    std::optional<std::string> compressed = compressedContent(*file, maxSize);
-    if (!compressed) return false;
+    Compressed compressed = compressedContent(*file, maxSize);
+    if (!compressed) return tl::unexpected(compressed.error());
     ticket->shrink(compressed->capacity());
     std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
-    if (!request) return false;
-    if (isDelivered(performBlocking(services_.http, std::move(*request)))) removeFile(clientFiles, *file);
-    return true;
+    if (!request) return tl::unexpected(ReportPlace::notSent);
+    const HttpResult result = performBlocking(services_.http, std::move(*request));
+    if (!isDelivered(result)) return result ? ReportPlace::rejected : placeAfter(result);
+    removeFile(clientFiles, *file);
+    return ReportPlace::delivered;
 }
 
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tl/expected.hpp>
 
 #include "backends/telvora_backend.h"
 #include "platform/client_files.h"
@@ -33,6 +34,9 @@ class UploadBackend final : public TelvoraBackend {
   private:
     using TelvoraBackend::TelvoraBackend;
 
+    tl::expected<ReportPlace, ReportPlace> sendFile(const std::string& path,
+                                                    const std::string& extensionToken,
+                                                    ClientFiles& clientFiles);
     std::optional<HttpRequest> createRequest(const std::string& path, std::string body) const;
     bool isDelivered(const HttpResult& result) const;
     uint64_t maxUploadBytes() const;

@@ -33,6 +33,7 @@
 #include "platform/system_log.h"
 #include "platform/uuid.h"
 #include "protocol/status_wire.h"
+#include "session/session_status.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -133,6 +134,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
     UploadAdmission uploads;
     const std::unique_ptr<PowerLog> powerLog = makeJournalPowerLog();
+    ReportLedger ledger;
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
     const BackendServices backendServices{http,
@@ -155,6 +157,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                           timeOfDay,
                                           countryCode,
                                           uploads,
+                                          ledger,
                                           paths.readAndRemove};
     const StorebagFetcher fetcher({http, environment, framework});
     KeepAliveTransaction keepAlive(
@@ -176,6 +179,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                                                 {"sandbox", sandboxStatus(sandbox)},
                                                 {"sessions", agent.sessionStatus()},
                                                 {"bags", agent.storebagStatus()},
+                                                {"totals", describe(ledger.totals())},
                                                 {"httpPending", static_cast<long long>(http.inFlight())}};
                           },
                           [&] { return properties.all(); }});

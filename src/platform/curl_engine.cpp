@@ -161,7 +161,7 @@ void CurlEngine::finish(CurlTransfer& transfer, CURLcode code) {
 // Ends an exchange that has already left its line.
 void CurlEngine::finishWaiting(std::unique_ptr<HttpExchange> exchange, CURLcode code) {
     deadlines_.erase({exchange->deadline, exchange.get()});
-    finished_.push_back({std::move(exchange), tl::unexpected(HttpError{code, curl_.easyStrerror(code)})});
+    finished_.push_back({std::move(exchange), tl::unexpected(makeHttpError(code, curl_.easyStrerror(code)))});
 }
 
 void CurlEngine::expire() {

@@ -29,7 +29,7 @@ constexpr std::chrono::milliseconds kMaxTimeout = std::chrono::hours(24);
 constexpr size_t kExchangeOverhead = 1024;  // what an exchange costs beside its texts
 
 HttpResult failure(CURLcode code, std::string description) {
-    return tl::unexpected(HttpError{code, std::move(description)});
+    return tl::unexpected(makeHttpError(code, std::move(description)));
 }
 
 size_t costOf(const HttpRequest& request) {

@@ -33,7 +33,33 @@ bool hasHeader(const HttpRequest& request, std::string_view name) {
                        [&](const auto& header) { return equalsIgnoringCase(header.first, name); });
 }
 
+HttpError::Kind kindOf(CURLcode code) {
+    switch (code) {
+        case CURLE_BAD_FUNCTION_ARGUMENT:
+        case CURLE_URL_MALFORMAT:
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_FAILED_INIT:
+        case CURLE_OUT_OF_MEMORY:
+        case CURLE_ABORTED_BY_CALLBACK:
+            return HttpError::Kind::notSent;
+        case CURLE_NO_CONNECTION_AVAILABLE:
+            return HttpError::Kind::tooManyPending;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return HttpError::Kind::noConnection;
+        default:
+            return HttpError::Kind::noAnswer;
+    }
+}
+
 }  // namespace
+
+HttpError makeHttpError(CURLcode code, std::string description) {
+    return {code, std::move(description), kindOf(code)};
+}
 
 CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options)
     : curl_(curl), easy_(curl.easyInit()) {
@@ -201,11 +227,11 @@ bool CurlTransfer::shouldStartAgain(CURLcode code) {
 
 HttpResult CurlTransfer::end(CURLcode code) {
     if (tooLong_ || code == CURLE_FILESIZE_EXCEEDED) {
-        return tl::unexpected(HttpError{CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"});
+        return tl::unexpected(makeHttpError(CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"));
     }
     if (code != CURLE_OK) {
         const bool explained = errorText_.front() != '\0';
-        return tl::unexpected(HttpError{code, explained ? errorText_.data() : curl_.easyStrerror(code)});
+        return tl::unexpected(makeHttpError(code, explained ? errorText_.data() : curl_.easyStrerror(code)));
     }
     long status = 0;
     curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);

@@ -31,6 +31,9 @@ struct HttpExchange {
     bool hasTimeout() const { return request.timeout.has_value(); }
 };
 
+// The error for one of libcurl's codes.
+HttpError makeHttpError(CURLcode code, std::string description);
+
 class CurlTransfer {
   public:
     // `curl` must outlive the transfer; `options` need not. handle() is null when libcurl has no memory left.

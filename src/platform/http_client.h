@@ -48,8 +48,15 @@ struct HttpResponse {
 
 // A transport failure: no complete answer arrived.
 struct HttpError {
+    enum class Kind {
+        notSent,         // no request that can be made, or the client is shutting down
+        tooManyPending,  // the client holds as much as it may
+        noConnection,    // the server was not reached
+        noAnswer         // it was; what it made of the request is not known
+    };
     int code = 0;  // the transfer library's number, never 0
     std::string description;
+    Kind kind = Kind::noAnswer;
 };
 
 using HttpResult = tl::expected<HttpResponse, HttpError>;

@@ -12,7 +12,7 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
                                                 const std::shared_ptr<const Dictionary>& bag,
                                                 const Dictionary* sessionInfo,
                                                 const std::shared_ptr<const Dictionary>& userInfo,
-                                                const DeviceIDBuffer& deviceID) {
+                                                const DeviceIDBuffer& deviceID, ClientAccounts& accounts) {
     if (!bag) {
         TELVORA_LOG(kLogError, "createBackends: Attempted to create backends with nil storebag");
         return std::nullopt;
@@ -33,6 +33,7 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
         const std::shared_ptr<TelvoraBackend> backend =
             sources.factory.newBackendWithName(name, BackendProfile(bag, &profile), deviceName, clientType);
         if (!backend) continue;
+        backend->setAccounts(accounts.of(name), accounts.of(ClientAccounts::kUploads));
         backend->setSessionID(
             static_cast<uint32_t>(sessionInfo->integer(kTelvoraSessionInfoSessionID).value_or(0)));
         backend->setCompType(clientType);

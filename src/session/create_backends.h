@@ -34,6 +34,6 @@ namespace TelvoradUtil {
 std::optional<telvora::BackendDictionary> createBackends(
     const telvora::BackendSources& sources, const std::shared_ptr<const telvora::Dictionary>& bag,
     const telvora::Dictionary* sessionInfo, const std::shared_ptr<const telvora::Dictionary>& userInfo,
-    const telvora::DeviceIDBuffer& deviceID);
+    const telvora::DeviceIDBuffer& deviceID, telvora::ClientAccounts& accounts);
 
 }  // namespace TelvoradUtil

@@ -49,6 +49,7 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
+      accounts_(services.ledger),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {
     TELVORA_LOG(kLogDebug,
@@ -165,7 +166,7 @@ void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)
 void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag) {
     TELVORA_LOG(kLogDebug, "createBackendsWithStorebag: Creating backends for session %u", sessionID());
     std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
-        services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_);
+        services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_, accounts_);
     if (created) {
         for (const auto& [name, backend] : *created)
             backend->setCombinedSessionIDString(sessionIDString_);

@@ -15,25 +15,6 @@ bool isHTTPSPost(const std::string& name) {
     return name == kTelvoraBackendHTTPPost2 || name == kTelvoraBackendHTTPPost;
 }
 
-// Whether a backend's lists let a category through.
-bool admits(const TelvoraBackend& backend, uint16_t category) {
-    if (!backend.isWhitelistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "sendMessageWithDictionary: Dropping event with category %d as it is not whitelisted for "
-                    "backend %s",
-                    category, backend.name().c_str());
-        return false;
-    }
-    if (backend.isBlacklistedEvent(category)) {
-        TELVORA_LOG(
-            kLogDebug,
-            "sendMessageWithDictionary: Dropping event with category %d as it is blacklisted for backend %s",
-            category, backend.name().c_str());
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 void TelvoradSession::sendMessageWithCategory(uint16_t category, uint16_t type,
@@ -58,11 +39,13 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
     const std::optional<int64_t> category = message.integer(kTelvoraMessageParametersCategory);
     if (!category) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'category'");
+        reachesNoBackend(ReportPlace::incomplete);
         return std::nullopt;
     }
     const std::optional<int64_t> type = message.integer(kTelvoraMessageParametersType);
     if (!type) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'type'");
+        reachesNoBackend(ReportPlace::incomplete);
         return std::nullopt;
     }
     std::optional<Dictionary> payload;
@@ -79,9 +62,15 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
 
     std::optional<std::string> result;
     const MutexLock lock(backendsLock_);
-    if (!backends_) return std::nullopt;
+    if (!backends_ || backends_->empty()) {
+        reachesNoBackend(backends_ ? ReportPlace::noBackend : ReportPlace::notConfigured);
+        return std::nullopt;
+    }
     for (const auto& [key, backend] : *backends_) {
-        if (!admits(*backend, category)) continue;
+        if (const auto excluded = backend->exclusionOf(category, "sendMessageWithDictionary")) {
+            backend->reports().accept(*excluded);
+            continue;
+        }
         std::optional<std::string> answer = backend->sendMessage(payload, timestamp, category, type, flag);
         if (!answer) continue;
         TelvoradUtil::writeToLogFile(services_.messageLog,
@@ -100,9 +89,10 @@ void TelvoradSession::internalSendMessage(const Dictionary& payload, uint16_t me
                 respCode);
 }
 
-bool TelvoradSession::hasBackends() const {
+bool TelvoradSession::hasBackends() {
     const MutexLock lock(backendsLock_);
     if (backends_) return true;
+    reachesNoBackend(ReportPlace::notConfigured);
     TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: No backends available to send message");
     return false;
 }

@@ -13,19 +13,8 @@ void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValu
                  uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
                  const std::string& key) {
     backend.updateState();
-    if (!backend.isWhitelistedEvent(category)) {
-        TELVORA_LOG(kLogDebug,
-                    "sendMessageWithSessionInfo: Dropping event with category %d as it is not whitelisted "
-                    "for backend %s",
-                    category, backend.name().c_str());
-        return;
-    }
-    if (backend.isBlacklistedEvent(category)) {
-        TELVORA_LOG(
-            kLogDebug,
-            "sendMessageWithSessionInfo: Dropping event with category %d as it is blacklisted for backend %s",
-            category, backend.name().c_str());
-        return;
+    if (const auto excluded = backend.exclusionOf(category, "sendMessageWithSessionInfo")) {
+        return backend.reports().accept(*excluded);
     }
     const std::optional<std::string> answer =
         backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
@@ -41,6 +30,7 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
     if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
         !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
+        reachesNoBackend(ReportPlace::incomplete);
         return;
     }
     const UserInfo givenUserInfo = userInfo ? std::make_shared<const Dictionary>(*userInfo) : nullptr;
@@ -50,11 +40,12 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
                 sessionID());
     const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
     if (!storebag) {
+        reachesNoBackend(ReportPlace::notConfigured);
         if (reply) reply("storebag not available");
         return;
     }
     sendMessageWithSessionInfo(services_, *this->sessionInfo(), givenUserInfo, storebag, category, type,
-                               payload);
+                               payload, accounts_);
     if (reply) reply("finished");
 }
 
@@ -62,7 +53,8 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
                                                  const Dictionary& sessionInfo, const UserInfo& userInfo,
                                                  const std::shared_ptr<const Dictionary>& storebag,
                                                  uint16_t category, uint16_t type,
-                                                 const std::optional<Dictionary>& payload) {
+                                                 const std::optional<Dictionary>& payload,
+                                                 ClientAccounts& accounts) {
     TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending single message with sessionID %ld",
                 static_cast<long>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0)));
     if (!storebag) {
@@ -71,8 +63,9 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
                     "RsendMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
         return;
     }
-    const std::optional<BackendDictionary> backends = TelvoradUtil::createBackends(
-        services.backendSources, storebag, &sessionInfo, userInfo, uniqueDeviceID(services.identity));
+    const std::optional<BackendDictionary> backends =
+        TelvoradUtil::createBackends(services.backendSources, storebag, &sessionInfo, userInfo,
+                                     uniqueDeviceID(services.identity), accounts);
     if (!backends) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: No backends available to send single message");
         return;
@@ -80,6 +73,7 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
     if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
         TELVORA_LOG(kLogWarning, "sendMessageWithSessionInfo: user info provided without requiring it.");
     }
+    if (backends->empty()) accounts.of(ClientAccounts::kNoBackend)->accept(ReportPlace::noBackend);
     const TimeValue timestamp = services.clock();
     for (const auto& [key, backend] : *backends) {
         sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);

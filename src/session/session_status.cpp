@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a session tells administrators of itself.
+#include "session/session_status.h"
+
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
 
@@ -24,6 +26,25 @@ const char* nameOf(BackendState state) {
 
 }  // namespace
 
+Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
+    Dictionary described;
+    for (const auto& [name, tally] : tallies) {
+        Dictionary account{{"accepted", tally.accepted}};
+        Dictionary lost;
+        for (size_t i = 0; i < kReportPlaces; ++i) {
+            const uint64_t reports = tally.places[i];
+            if (i < kFirstLoss) {
+                account.set(nameOf(ReportPlace(i)), reports);
+            } else if (reports > 0) {
+                lost.set(nameOf(ReportPlace(i)), reports);
+            }
+        }
+        account.set("lost", std::move(lost));
+        described.set(name, std::move(account));
+    }
+    return described;
+}
+
 Dictionary TelvoradSession::status() const {
     Dictionary status{{"sessionID", static_cast<long long>(sessionID())},
                       {"uuid", sessionIDString_},
@@ -39,6 +60,7 @@ Dictionary TelvoradSession::status() const {
         backends.set(name, std::move(described));
     }
     status.set("backends", std::move(backends));
+    status.set("accounts", describe(accounts_.tallies()));
     return status;
 }
 

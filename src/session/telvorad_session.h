@@ -37,6 +37,7 @@ struct SessionServices {
     Clock clock;
     std::function<std::optional<std::string>()> countryCode;
     UploadAdmission& uploadAdmission;
+    ReportLedger& ledger;
     // Where clients' files may be read by name, and removed; without symbolic links.
     std::vector<std::filesystem::path> uploadDirectories;
 };
@@ -112,7 +113,9 @@ class TelvoradSession final : public ClientSessionInterface,
     std::optional<std::string> submitMessage(uint16_t category, uint16_t type,
                                              const std::optional<Dictionary>& payload, SendFlag flag);
     void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
-    bool hasBackends() const;
+    // For a report that is to be sent: without a backend dictionary, that is logged and counted.
+    bool hasBackends();
+    void reachesNoBackend(ReportPlace why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
     // The backends by value, to work with them outside the lock; nothing: the session has no backend
     // dictionary.
     std::optional<BackendDictionary> backends() const;
@@ -142,13 +145,15 @@ class TelvoradSession final : public ClientSessionInterface,
                                            const UserInfo& userInfo,
                                            const std::shared_ptr<const Dictionary>& storebag,
                                            uint16_t category, uint16_t type,
-                                           const std::optional<Dictionary>& payload);
+                                           const std::optional<Dictionary>& payload,
+                                           ClientAccounts& accounts);
 
     const SessionServices& services_;
     TelvoradSessionDelegate& sessionDelegate_;
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
+    ClientAccounts accounts_;
     DeviceIDBuffer deviceid_{};
 
     std::atomic<uint32_t> sessionID_{0};

@@ -99,6 +99,7 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
                       backendServices.clock,
                       backendServices.countryCode,
                       uploads,
+                      ledger,
                       {}},
       fetcher({http, environment, framework}),
       entitlements(directory.path() / "config"),

@@ -96,6 +96,7 @@ class DaemonWorld {
     ClientFramework framework;
     MessageLog messageLog;
     UploadAdmission uploads;
+    ReportLedger ledger;
     BackendServices backendServices;
     BackendFactory factory;
     SessionServices sessionServices;

@@ -88,7 +88,7 @@ void printReporting(std::ostream& out, const HTTPSPostBackend& backend, const Na
     if (entry != nullptr && narrator.areFiltersUsed()) printFilters(out, *entry);
 }
 
-void explainBackend(std::ostream& out, const Trial& trial, Narrator& narrator, const std::string& name,
+void explainBackend(std::ostream& out, Trial& trial, Narrator& narrator, const std::string& name,
                     const PropertyList& profile) {
     out << '\n' << name << '\n';
     const auto section = std::make_shared<const Dictionary>(Dictionary{{name, profile}});
@@ -135,7 +135,7 @@ std::string explainBag(const Dictionary& bag, const Circumstances& circumstances
         return out.str();
     }
     Narrator narrator(out, circumstances);
-    const Trial trial(circumstances, narrator);
+    Trial trial(circumstances, narrator);
     narrator.setIdentity(trial.identity());
     for (const auto& [name, profile] : *section)
         explainBackend(out, trial, narrator, name, profile);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Recorded reports through a bag. Every report ends posted, handed to the metrics adaptor, or lost for a
-// reason: what left the batch was posted if a post went out, else it is lost.
+// Recorded reports through a bag; each backend's account says what became of them.
 #include <iomanip>
 #include <map>
 #include <sstream>
 
-#include "backends/https_post_backend.h"
+#include "backends/event_filters.h"
 #include "backends/vodex_backend.h"
 #include "config/storebag_fetcher.h"
 #include "json/report_json.h"
@@ -18,7 +17,30 @@ namespace telvora::bag {
 namespace {
 
 constexpr size_t kMaxLineBytes = size_t{1} << 20;
-constexpr char kNotPosted[] = "this backend posts no reports of sessions";
+
+// Why reports are at a place, for people.
+std::string textOf(ReportPlace place) {
+    switch (place) {
+        case ReportPlace::notWhitelisted:
+            return "not on event_whitelist";
+        case ReportPlace::blacklisted:
+            return "on event_blacklist";
+        case ReportPlace::disabled:
+            return "the backend is disabled";
+        case ReportPlace::sampledOut:
+            return "held, but sampled out to the end";
+        case ReportPlace::noUserInfo:
+            return "held, but user info never came";
+        case ReportPlace::batchFull:
+            return "held until the batch was full and could not be sent";
+        case ReportPlace::noURL:
+            return "there is nowhere to post to";
+        case ReportPlace::notSupported:
+            return "this backend posts no reports of sessions";
+        default:
+            return nameOf(place);
+    }
+}
 
 struct Report {
     uint16_t category;
@@ -54,76 +76,44 @@ class BackendReplay {
     BackendReplay(const std::string& name, const PropertyList& profile, const Circumstances& circumstances)
         : trial_(circumstances, filterCounts_),
           backend_(trial_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
-          https_(dynamic_cast<HTTPSPostBackend*>(backend_.get())),
           handsOn_(dynamic_cast<const VodexBackend*>(backend_.get()) != nullptr) {
-        trial_.onPost = [this](const Post& post) { note(post); };
+        trial_.onPost = [this](const Post& post) {
+            ++posts_;
+            json_ += post.json;
+            sent_ += post.sent;
+        };
         if (backend_) backend_->updateState();
     }
 
     void offer(const Report& report) {
         trial_.advance(1);
         ++offered_;
-        if (!backend_) return lose(1, "the bag makes no such backend");
-        if (handsOn_) return;
-        if (https_ == nullptr) return lose(1, kNotPosted);
-        if (!backend_->isWhitelistedEvent(report.category)) return lose(1, "not on event_whitelist");
-        if (backend_->isBlacklistedEvent(report.category)) return lose(1, "on event_blacklist");
-        if (backend_->state() == BackendState::disabled) return lose(1, "the backend is disabled");
-        account(1, [&] {
-            backend_->sendMessage(report.payload, trial_.now(), report.category, report.type, report.flag);
-        });
+        if (!backend_ || handsOn_) return;
+        if (const auto excluded = backend_->exclusionOf(report.category, "replay")) {
+            return backend_->reports().accept(*excluded);
+        }
+        backend_->sendMessage(report.payload, trial_.now(), report.category, report.type, report.flag);
     }
 
     // The session's last flush.
     void finish() {
-        if (https_ == nullptr) return;
-        heldAtEnd_ = https_->heldEvents();
-        account(0, [this] { backend_->flushMessagesWithCompletion({}); });
+        if (!backend_) return;
+        heldAtEnd_ = backend_->reports().tally()[ReportPlace::held];
+        backend_->flushMessagesWithCompletion({});
     }
 
     void print(std::ostream& out) const;
 
   private:
-    void note(const Post& post) {
-        ++posts_;
-        posted_ += post.isBatch ? heldBefore_ : 1;
-        json_ += post.json;
-        sent_ += post.sent;
-    }
-    void lose(size_t count, const char* reason) {
-        if (count > 0) losses_[reason] += count;
-    }
-    template <typename Action>
-    void account(size_t arriving, Action action) {
-        heldBefore_ = https_->heldEvents();
-        const size_t postedBefore = posted_;
-        action();
-        lose(arriving + heldBefore_ - https_->heldEvents() - (posted_ - postedBefore), reasonForLoss());
-    }
-    const char* reasonForLoss() const {
-        switch (backend_->state()) {
-            case BackendState::waitingForUserInfo:
-                return "held, but user info never came";
-            case BackendState::sampledOut:
-                return "held, but sampled out to the end";
-            default:
-                return "there is nowhere to post to";
-        }
-    }
-
     FilterCounts filterCounts_;
     Trial trial_;
     const std::shared_ptr<TelvoraBackend> backend_;
-    HTTPSPostBackend* const https_;
-    const bool handsOn_;  // all reports, to the metrics adaptor
+    const bool handsOn_;  // all reports, to the metrics adaptor, of which there is none here
     size_t offered_ = 0;
-    size_t heldBefore_ = 0;
-    size_t heldAtEnd_ = 0;
-    size_t posted_ = 0;
+    uint64_t heldAtEnd_ = 0;
     size_t posts_ = 0;
     size_t json_ = 0;
     size_t sent_ = 0;
-    std::map<std::string, size_t> losses_;
 };
 
 void BackendReplay::print(std::ostream& out) const {
@@ -131,13 +121,18 @@ void BackendReplay::print(std::ostream& out) const {
         out << "  " << offered_ << " of " << offered_ << " reports handed to the metrics adaptor\n";
         return;
     }
-    out << "  " << posted_ << " of " << offered_ << " reports posted, in " << posts_ << " posts\n";
+    const ReportTally tally = backend_ ? backend_->reports().tally() : ReportTally();
+    const uint64_t posted = tally[ReportPlace::delivered];
+    out << "  " << posted << " of " << offered_ << " reports posted, in " << posts_ << " posts\n";
+    if (!backend_) out << "  the bag makes no such backend\n";
     if (heldAtEnd_ > 0) out << "  " << heldAtEnd_ << " were held until the last flush\n";
-    for (const auto& [reason, count] : losses_)
-        out << "  " << count << " dropped: " << reason << '\n';
+    for (size_t i = kFirstLoss; i < kReportPlaces; ++i) {
+        const auto cause = static_cast<ReportPlace>(i);
+        if (tally[cause] > 0) out << "  " << tally[cause] << " dropped: " << textOf(cause) << '\n';
+    }
     if (posts_ > 0) {
         out << "  " << json_ << " bytes of JSON, " << sent_ << " bytes as sent, " << std::fixed
-            << std::setprecision(1) << static_cast<double>(sent_) / static_cast<double>(posted_)
+            << std::setprecision(1) << static_cast<double>(sent_) / static_cast<double>(posted)
             << " per report\n";
     }
     for (const auto& [keyAndAction, count] : filterCounts_.counts()) {

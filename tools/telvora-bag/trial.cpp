@@ -39,8 +39,7 @@ bool hasHeader(const HttpRequest& request, std::string_view name) {
 
 Post postOf(const HttpRequest& request) {
     const bool compressed = hasHeader(request, "Content-Encoding");
-    return {.isBatch = !hasHeader(request, "X-TVR-Event-Map"),
-            .json = compressed ? lengthOfContent(request.body) : request.body.size(),
+    return {.json = compressed ? lengthOfContent(request.body) : request.body.size(),
             .sent = request.body.size()};
 }
 
@@ -89,7 +88,7 @@ Trial::Trial(const Circumstances& circumstances, DecisionTrace& trace)
     static_cast<void>(defaults_.set("com.zandor.diagnosticsharing", "Enabled", circumstances.consent));
 }
 
-std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const Dictionary>& section) const {
+std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const Dictionary>& section) {
     const Dictionary sessionInfo{{kTelvoraSessionInfoSessionID, 1},
                                  {kTelvoraSessionInfoClientType, circumstances_.clientType},
                                  {kTelvoraSessionInfoRequireUserInfo, circumstances_.requireUserInfo},
@@ -103,7 +102,8 @@ std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const D
     const BackendSources sources{factory_, identity_, framework_, services_.clock};
     const auto backends = TelvoradUtil::createBackends(
         sources, section, &sessionInfo,
-        userInfo.empty() ? nullptr : std::make_shared<const Dictionary>(std::move(userInfo)), deviceID);
+        userInfo.empty() ? nullptr : std::make_shared<const Dictionary>(std::move(userInfo)), deviceID,
+        accounts_);
     if (backends->empty()) return nullptr;
     const auto backend = backends->begin()->second;
     backend->setCombinedSessionIDString(kSessionID);

@@ -33,7 +33,6 @@ struct Circumstances {
 
 // What a post costs, in bytes of its body.
 struct Post {
-    bool isBatch = false;
     size_t json = 0;
     size_t sent = 0;
 };
@@ -47,7 +46,7 @@ class Trial {
 
     // The backend of a section that names one, its state not yet updated; null when the daemon would not make
     // one.
-    std::shared_ptr<TelvoraBackend> makeBackend(const std::shared_ptr<const Dictionary>& section) const;
+    std::shared_ptr<TelvoraBackend> makeBackend(const std::shared_ptr<const Dictionary>& section);
 
     // Lets the clock go on.
     void advance(int32_t seconds) { now_.seconds += seconds; }
@@ -68,10 +67,12 @@ class Trial {
     const DeviceIdentity identity_;
     const Environment environment_;
     const ClientFramework framework_;
-    mutable lab::VirtualNetwork network_;
+    lab::VirtualNetwork network_;
     std::unique_ptr<HttpClient> server_;
     const BackendServices services_;
     const BackendFactory factory_;
+    ReportLedger ledger_;
+    ClientAccounts accounts_{ledger_};
 };
 
 }  // namespace telvora::bag

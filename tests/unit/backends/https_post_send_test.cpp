@@ -193,14 +193,33 @@ TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
         bool hasUserInfo;
         Dictionary client;
         std::string error;
-        bool keepsBatch;
+        ReportPlace place;
     } cases[] = {
-        {"empty", kReporting, false, true, {}, nothing, false},
-        {"sampled out", kSampledOut, true, true, {}, nothing, false},
-        {"waiting", kWaiting, true, true, {}, nothing, false},
-        {"no user info", kReporting, true, false, {}, "Can not flush: userInfo is required", true},
-        {"not white", kReporting, true, true, {{"event_whitelist", Array{}}}, filtered, false},
-        {"black", kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, false},
+        {"empty", kReporting, false, true, {}, nothing, ReportPlace::held},
+        {"sampled out", kSampledOut, true, true, {}, nothing, ReportPlace::sampledOut},
+        {"waiting", kWaiting, true, true, {}, nothing, ReportPlace::noUserInfo},
+        {"disabled", kDisabled, true, true, {}, nothing, ReportPlace::disabled},
+        {"no user info",
+         kReporting,
+         true,
+         false,
+         {},
+         "Can not flush: userInfo is required",
+         ReportPlace::held},
+        {"not white",
+         kReporting,
+         true,
+         true,
+         {{"event_whitelist", Array{}}},
+         filtered,
+         ReportPlace::notWhitelisted},
+        {"black",
+         kReporting,
+         true,
+         true,
+         {{"event_blacklist", Array{5}}},
+         filtered,
+         ReportPlace::blacklisted},
     };
     for (const auto& c : cases) {
         const ReportingRig rig(c.client, true);
@@ -213,11 +232,13 @@ TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
         EXPECT_EQ(result.answer, std::nullopt) << c.what;
         EXPECT_EQ(result.error, (TelvoraError{kTelvoraErrorDomain, -1, c.error})) << c.what;
         EXPECT_EQ(rig.http.requestCount(), 0u) << c.what;
+        const uint64_t kept = rig.backend->reports().tally()[ReportPlace::held];
+        EXPECT_EQ(rig.backend->reports().tally()[c.place], c.hasEvent ? 1u : 0u) << c.what;
 
         rig.backend->setState(kReporting);
         rig.backend->setUserInfoDict(userInfoWith({}));
         rig.backend->flushMessagesWithCompletion({});
-        EXPECT_EQ(rig.http.requestCount(), c.keepsBatch ? 1u : 0u) << c.what;
+        EXPECT_EQ(rig.http.requestCount(), kept) << c.what;
     }
 }
 
@@ -278,6 +299,9 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
         rig.send(kPlain, category, Dictionary{{"big", Array{megabyte}}});
     EXPECT_THAT(log.lines(),
                 Contains("<4>HTTPSPostBackend(batchEvent): dropping 7 events that can't be flushed"));
+    const ReportTally tally = rig.backend->reports().tally();
+    EXPECT_EQ(tally[ReportPlace::batchFull], 7u);
+    EXPECT_EQ(tally[ReportPlace::held], 2u);
 }
 
 }  // namespace
