@@ -1,21 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/status_query.h"
 
-#include <cstdlib>
-
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
 
 namespace telvora {
 
-std::string defaultStatusSocketPath() {
-    if (const char* path = std::getenv("TELVORA_STATUS_SOCKET"); path != nullptr && *path != '\0')
-        return path;
-    const char* directories = std::getenv("RUNTIME_DIRECTORY");
-    std::string directory = directories != nullptr ? directories : "";
-    directory = directory.substr(0, directory.find(':'));
-    if (directory.empty()) directory = "/run/telvora";
-    return directory + "/" + kTelvoradStatusSocketName;
+std::string statusSocketBeside(const std::string& clientSocketPath) {
+    return clientSocketPath + ".Status";
 }
 
 tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,

@@ -2,7 +2,7 @@
 //
 // Asking the daemon what administrators may know, as telvoractl does:
 //
-//     auto device = queryStatus(StatusMethod::kGetDevice, defaultStatusSocketPath());
+//     auto device = queryStatus(StatusMethod::kGetDevice, statusSocketBeside(clientSocketPath));
 //     if (!device) return fail(..., device.error().message);
 //     const std::string* name = device->string("DeviceName");
 //
@@ -19,8 +19,8 @@
 
 namespace telvora {
 
-// $TELVORA_STATUS_SOCKET, else com.zandor.telvorad.Status in $RUNTIME_DIRECTORY or /run/telvora.
-std::string defaultStatusSocketPath();
+// The administrators' socket of the daemon whose clients' socket that is: its name with ".Status" behind it.
+std::string statusSocketBeside(const std::string& clientSocketPath);
 
 // The answer to one method, or why there is none: kRefused where the caller may not read. Blocks for at most
 // twice `timeout`; callable from any thread.

@@ -27,11 +27,17 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addSendCommand,          addSessionCommand,
-    addOneshotCommand,       addFlushCommand,
-    addUploadCommand,        addLogCommand,
-    addConsentCommand,       addDefaultsCommand,
-    addDeviceCommand,        addResetIdentifiersCommand,
+    addStatusCommand,
+    addSendCommand,
+    addSessionCommand,
+    addOneshotCommand,
+    addFlushCommand,
+    addUploadCommand,
+    addLogCommand,
+    addConsentCommand,
+    addDefaultsCommand,
+    addDeviceCommand,
+    addResetIdentifiersCommand,
     addDashboardSendCommand,
 };
 

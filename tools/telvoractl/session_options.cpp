@@ -12,17 +12,23 @@
 
 namespace telvora::ctl {
 
-tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
-                                                                  const CommonOptions& common,
-                                                                  ClientSession::Handlers handlers) {
+void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThere) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kPause{50};
     const auto deadline = Clock::now() + std::chrono::duration<double>(common.wait);
-    for (;;) {
-        auto session = ClientSession::connect(runtime, common.socket(), handlers);
-        if (session || Clock::now() + kPause > deadline) return session;
+    while (!isThere() && Clock::now() + kPause <= deadline)
         std::this_thread::sleep_for(kPause);
-    }
+}
+
+tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
+                                                                  const CommonOptions& common,
+                                                                  const ClientSession::Handlers& handlers) {
+    tl::expected<std::unique_ptr<ClientSession>, std::string> session;
+    awaitDaemon(common, [&] {
+        session = ClientSession::connect(runtime, common.socket(), handlers);
+        return session.has_value();
+    });
+    return session;
 }
 
 void addSessionOptions(CLI::App& command, SessionOptions& options) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,10 +45,12 @@ struct ReportOptions {
     tl::expected<std::optional<Dictionary>, std::string> payloadOrNothing() const;
 };
 
-// Connects to the daemon, for which it waits as long as the options say. Fails with the reason.
-tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime& runtime,
-                                                                  const CommonOptions& common,
-                                                                  ClientSession::Handlers handlers = {});
+// Asks whether the daemon is there until it is, or as long as the options say; at least once.
+void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThere);
+
+// Connects to the daemon, for which it waits. Fails with the reason.
+tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
+    ClientRuntime& runtime, const CommonOptions& common, const ClientSession::Handlers& handlers = {});
 
 void addSessionOptions(CLI::App& command, SessionOptions& options);
 void addReportOptions(CLI::App& command, ReportOptions& report);

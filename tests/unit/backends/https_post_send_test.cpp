@@ -184,6 +184,7 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
 }
 
 TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
+    using Place = ReportPlace;
     const std::string nothing = "Nothing to flush";
     const std::string filtered = "Nothing to flush: batched events were completely filtered out";
     const struct {
@@ -195,31 +196,13 @@ TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
         std::string error;
         ReportPlace place;
     } cases[] = {
-        {"empty", kReporting, false, true, {}, nothing, ReportPlace::held},
-        {"sampled out", kSampledOut, true, true, {}, nothing, ReportPlace::sampledOut},
-        {"waiting", kWaiting, true, true, {}, nothing, ReportPlace::noUserInfo},
-        {"disabled", kDisabled, true, true, {}, nothing, ReportPlace::disabled},
-        {"no user info",
-         kReporting,
-         true,
-         false,
-         {},
-         "Can not flush: userInfo is required",
-         ReportPlace::held},
-        {"not white",
-         kReporting,
-         true,
-         true,
-         {{"event_whitelist", Array{}}},
-         filtered,
-         ReportPlace::notWhitelisted},
-        {"black",
-         kReporting,
-         true,
-         true,
-         {{"event_blacklist", Array{5}}},
-         filtered,
-         ReportPlace::blacklisted},
+        {"empty", kReporting, false, true, {}, nothing, Place::held},
+        {"sampled out", kSampledOut, true, true, {}, nothing, Place::sampledOut},
+        {"waiting", kWaiting, true, true, {}, nothing, Place::noUserInfo},
+        {"disabled", kDisabled, true, true, {}, nothing, Place::disabled},
+        {"no user info", kReporting, true, false, {}, "Can not flush: userInfo is required", Place::held},
+        {"white", kReporting, true, true, {{"event_whitelist", Array{}}}, filtered, Place::notWhitelisted},
+        {"black", kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, Place::blacklisted},
     };
     for (const auto& c : cases) {
         const ReportingRig rig(c.client, true);

@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What administrators are told: that no report goes missing from the books, under load and whatever the
+// reporting server does; who may read it, and with which tools.
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "client/status_query.h"
+#include "telvora-lab/bags.h"
+#include "tests/support/blocking_session.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace telvora::test {
+namespace {
+
+using lab::ChildProcess;
+using lab::kPatience;
+using lab::ReportingFault;
+using testing::HasSubstr;
+
+// Reports at a place of an account, 0 where there is no such place or account.
+int64_t reportsAt(const Dictionary* account, const char* place) {
+    if (account == nullptr) return 0;
+    const Dictionary* lost = account->dictionary("lost");
+    return account->integer(place).value_or(lost != nullptr ? lost->integer(place).value_or(0) : 0);
+}
+
+void expectBalanced(const Dictionary& accounts, const char* whose) {
+    for (const auto& [name, value] : accounts) {
+        const auto& account = *value.getIf<Dictionary>();
+        int64_t found =
+            reportsAt(&account, "inFlight") + reportsAt(&account, "held") + reportsAt(&account, "delivered");
+        for (const auto& [cause, reports] : *account.dictionary("lost"))
+            found += reports.integerValue().value_or(0);
+        EXPECT_EQ(account.integer("accepted"), found) << whose << " " << name;
+        // A place that was left more often than entered would be a number near 2^64.
+        EXPECT_GE(reportsAt(&account, "inFlight"), 0);
+        EXPECT_GE(reportsAt(&account, "held"), 0);
+    }
+}
+
+class Status : public DaemonFixture {
+  protected:
+    std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
+    // The daemon's status, in which all books balance.
+    Dictionary status() {
+        const auto answer = queryStatus(StatusMethod::kGetStatus, socketPath(), kPatience);
+        EXPECT_TRUE(answer) << answer.error().message;
+        if (!answer) return {};
+        expectBalanced(*answer->dictionary("totals"), "totals");
+        for (const PropertyList& session : *answer->array("sessions"))
+            expectBalanced(*session.getIf<Dictionary>()->dictionary("accounts"), "session");
+        return *answer;
+    }
+    // Events that arrived, from a position on. A post on a kept connection that is closed without an answer
+    // goes out once more.
+    int64_t distinctEvents(size_t from) {
+        const std::vector<Dictionary> events = reports().events();
+        int64_t distinct = 0;
+        for (auto at = events.begin() + static_cast<ptrdiff_t>(from); at != events.end(); ++at) {
+            if (std::find(events.begin(), at, *at) == at) ++distinct;
+        }
+        return distinct;
+    }
+    // The total of the backend once it has accepted so many reports and none is on its way any more.
+    Dictionary settled(int64_t accepted) {
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (std::chrono::steady_clock::now() < deadline) {
+            const Dictionary now = status();
+            const Dictionary* account = now.dictionary("totals")->dictionary("httpPost");
+            if (reportsAt(account, "accepted") >= accepted && reportsAt(account, "inFlight") == 0 &&
+                reportsAt(account, "held") == 0) {
+                return *account;
+            }
+        }
+        ADD_FAILURE() << "reports are still on their way";
+        return {};
+    }
+};
+
+// One client's load: batched and realtime reports, every tenth of a category that the bag excludes. The
+// session's end flushes the rest.
+constexpr int kClients = 4;
+constexpr int kReports = 60;
+
+void reportAndLeave(const std::string& socket, int64_t sessionID) {
+    SessionSettings settings;
+    settings.sessionID = sessionID;
+    BlockingSession session(socket, settings);
+    session.startConfig();
+    for (int i = 0; i < kReports; ++i) {
+        const uint16_t category = i % 10 == 0 ? 66 : 4;
+        session.send(category, 1, {{"number", i}}, i % 7 == 0 ? 1 : 0);
+    }
+}
+
+TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
+    Dictionary entry = lab::openClientEntry();
+    entry.set("event_blacklist", Array{66});
+    entry.set("event_threshold", 5);
+    laboratory().setBag("dravik", lab::bagWithClients({entry}));
+    startDaemon([](lab::DaemonOptions& options) { options.logLevel = 6; });
+    const std::jthread reader([this](const std::stop_token& stop) {
+        while (!stop.stop_requested())
+            status();
+    });
+    const struct {
+        const char* what;
+        std::optional<ReportingFault> fault;  // none: connections are refused
+        const char* place;                    // of what was posted
+    } phases[] = {{"well", ReportingFault::none, "delivered"},
+                  {"404", ReportingFault::notFound, "rejected"},
+                  {"closing", ReportingFault::noAnswer, "noAnswer"},
+                  {"closing halfway", ReportingFault::halfAnswer, "noAnswer"},
+                  {"503", ReportingFault::serviceUnavailable, "serverError"},
+                  {"hanging", ReportingFault::hold, "delivered"},
+                  {"refusing", std::nullopt, "noConnection"},
+                  {"well again", ReportingFault::none, "delivered"}};
+    Dictionary before;
+    for (const auto& [what, fault, place] : phases) {
+        SCOPED_TRACE(what);
+        const size_t arrivedBefore = reports().eventCount();
+        const size_t messagesBefore = reports().messageCount();
+        reports().setFault(fault.value_or(ReportingFault::none));
+        if (!fault) reports().refuse();
+        std::vector<std::thread> clients;
+        for (int i = 0; i < kClients; ++i)
+            clients.emplace_back([&, i] { reportAndLeave(daemon().socketPath(), i + 1); });
+        for (std::thread& client : clients)
+            client.join();
+        if (fault == ReportingFault::hold) {
+            EXPECT_TRUE(reports().waitForMessages(messagesBefore + 1, kPatience));
+            const Dictionary now = status();
+            const Dictionary* held = now.dictionary("totals")->dictionary("httpPost");
+            EXPECT_GT(reportsAt(held, "inFlight"), 0);
+            EXPECT_EQ(reportsAt(held, "delivered"), reportsAt(&before, "delivered"));
+            reports().setFault(ReportingFault::none);
+            reports().releaseHeld();
+        }
+        // The daemon's own start and end message go the same way as a client's reports.
+        constexpr int64_t kAccepted = kClients * (kReports + 2);
+        const Dictionary after = settled(reportsAt(&before, "accepted") + kAccepted);
+        const auto more = [&](const char* at) { return reportsAt(&after, at) - reportsAt(&before, at); };
+        EXPECT_EQ(more("accepted"), kAccepted);
+        EXPECT_EQ(more("blacklisted"), kClients * kReports / 10);
+        const int64_t arrived = distinctEvents(arrivedBefore);
+        EXPECT_EQ(fault ? more(place) : arrived, fault ? arrived : 0);
+        EXPECT_EQ(more("accepted"), more("blacklisted") + more(place) + more("disabled"));
+        if (fault != ReportingFault::serviceUnavailable) {
+            EXPECT_EQ(more("disabled"), 0);
+        }
+        before = after;
+        ASSERT_TRUE(fault || reports().accept());
+    }
+}
+
+TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
+    laboratory().setBag("dravik", lab::openBag("3.7"));
+    startDaemon();
+    SessionSettings settings;
+    settings.setHierarchy("token", 0);
+    BlockingSession session(daemon().socketPath(), settings);
+    session.send(4, 1, {});  // before there are backends
+    session.startConfig();
+    session.send(4, 1, {});
+    session.startConfig();  // the start message and the report were in the old backend's batch
+
+    const Dictionary now = status();
+    const Array& sessions = *now.array("sessions");
+    ASSERT_EQ(sessions.size(), 1u);
+    const Dictionary& told = *sessions[0].getIf<Dictionary>();
+    EXPECT_EQ(told.integer("sessionID"), 1);
+    EXPECT_EQ(told.integer("clientType"), 8);
+    EXPECT_EQ(*told.string("token"), "token");
+    EXPECT_EQ(told.dictionary("client")->integer("pid"), getpid());
+    EXPECT_EQ(*told.dictionary("backends")->dictionary("httpPost")->string("state"), "reporting");
+    const Dictionary& accounts = *told.dictionary("accounts");
+    EXPECT_EQ(reportsAt(accounts.dictionary("none"), "notConfigured"), 1);
+    EXPECT_EQ(reportsAt(accounts.dictionary("httpPost"), "sessionEnded"), 2);
+    EXPECT_EQ(reportsAt(accounts.dictionary("httpPost"), "held"), 1);
+    const Dictionary& bag = *now.array("bags")->front().getIf<Dictionary>();
+    EXPECT_EQ(*bag.string("name") + " " + *bag.string("version") + " " + *bag.string("state"),
+              "dravik 3.7 fresh");
+    EXPECT_TRUE(now.dictionary("sandbox")->boolean("systemCallFilter"));
+    EXPECT_EQ(now.dictionary("daemon")->integer("pid"), daemon().pid());
+    const auto device = queryStatus(StatusMethod::kGetDevice, socketPath());
+    ASSERT_TRUE(device);
+    EXPECT_EQ(*device->string("DeviceName"), "Labdevice");
+}
+
+TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
+    startDaemon();
+    // Others may reach the sockets, as they may where the service manager makes the directories.
+    for (const auto& path : {directory().path(), directory().path() / "run"})
+        std::filesystem::permissions(path, std::filesystem::perms(0755));
+    const std::string clients = "unix:path=" + daemon().socketPath();
+    const std::string administrators = "unix:path=" + socketPath();
+    const std::string name = "com.zandor.telvorad", object = "/com/zandor/telvorad";
+    const std::string session = name + ".ClientSessionInterface", status = name + ".Status";
+    const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                             "--clear-groups"};
+    const auto busctl = [&](const std::string& address, std::vector<std::string> more) {
+        more.insert(more.begin(), {"/usr/bin/busctl", "--address=" + address});
+        return more;
+    };
+    const auto gdbus = [&](const std::string& address, const char* command, std::vector<std::string> more) {
+        more.insert(more.begin(), {"/usr/bin/gdbus", command, "--address", address, "--dest", name,
+                                   "--object-path", object});
+        return more;
+    };
+    const auto asNobody = [&](std::vector<std::string> command) {
+        command.insert(command.begin(), nobody.begin(), nobody.end());
+        return command;
+    };
+    const struct {
+        std::vector<std::string> command;
+        int exitStatus;
+        const char* says;  // in a line of its output, or of its errors if it fails
+    } cases[] = {
+        {busctl(clients, {"introspect", name, object}), 0, ".StartConfig"},
+        {busctl(clients, {"tree", name}), 0, "/com/zandor/telvorad"},
+        {busctl(clients, {"call", name, object, session, "FetchDisplayURL"}), 0, "URL not available"},
+        {gdbus(clients, "introspect", {}), 0, "FetchDisplayURL"},
+        {gdbus(clients, "call", {"--method", session + ".FetchDisplayURL"}), 0, "URL not available"},
+        {gdbus(clients, "call", {"--method", "org.freedesktop.DBus.Properties.GetAll", session}), 0, "{}"},
+        {gdbus(clients, "call", {"--method", status + ".GetStatus"}), 1, "Unknown"},
+        {busctl(administrators, {"introspect", name, object}), 0, ".GetStatus"},
+        {busctl(administrators, {"call", name, object, status, "GetDevice"}), 0, "Labdevice"},
+        {gdbus(administrators, "introspect", {}), 0, "GetDevice"},
+        {gdbus(administrators, "call", {"--method", status + ".GetStatus"}), 0, "landlockAbi"},
+        {gdbus(administrators, "call", {"--method", session + ".FetchDisplayURL"}), 1, "Unknown"},
+        {{TELVORACTL_PATH, "--socket", daemon().socketPath(), "status"}, 0, "all so far"},
+        {{TELVORACTL_PATH, "--socket", daemon().socketPath(), "--json", "status"}, 0, "\"totals\":{"},
+        {asNobody(busctl(administrators, {"call", name, object, status, "GetStatus"})), 1, "Access denied"},
+        {asNobody({TELVORACTL_PATH, "--socket", daemon().socketPath(), "status"}), 1, "telvora-admin"},
+    };
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    for (const auto& [command, exitStatus, says] : cases) {
+        ChildProcess process({command, {}, false});
+        const int exited = process.waitForExit(kPatience).value_or(-1);
+        const auto& output = exitStatus == 0 ? process.output() : process.errors();
+        const auto wanted = [says = says](std::string_view line) { return line.find(says) != line.npos; };
+        EXPECT_TRUE(output.waitFor(wanted, kPatience))
+            << testing::PrintToString(command) << testing::PrintToString(output.lines());
+        EXPECT_EQ(exited, exitStatus) << testing::PrintToString(command);
+    }
+}
+
+}  // namespace
+}  // namespace telvora::test

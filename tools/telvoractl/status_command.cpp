@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the daemon tells administrators of itself: as it stands in JSON, or as tables.
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+
+#include "client/status_query.h"
+#include "output.h"
+#include "session_options.h"
+
+namespace telvora::ctl {
+
+namespace {
+
+using Row = std::vector<std::string>;
+using Kind = BusQueryFailure::Kind;
+
+const Dictionary& dictionaryIn(const Dictionary& parent, std::string_view key) {
+    static const Dictionary kNone;
+    const Dictionary* found = parent.dictionary(key);
+    return found != nullptr ? *found : kNone;
+}
+
+// The dictionaries of an array.
+std::vector<Dictionary> entriesIn(const Dictionary& parent, std::string_view key) {
+    std::vector<Dictionary> entries;
+    const Array* array = parent.array(key);
+    for (const PropertyList& element : array != nullptr ? *array : Array()) {
+        if (const auto* entry = element.getIf<Dictionary>()) entries.push_back(*entry);
+    }
+    return entries;
+}
+
+std::string text(const Dictionary& values, std::string_view key) {
+    const PropertyList* value = values.find(key);
+    return value != nullptr ? textOf(*value) : "-";
+}
+
+std::string seconds(const Dictionary& values, std::string_view key) {
+    return std::to_string(std::llround(values.real(key).value_or(0))) + " s";
+}
+
+// "disabled 1, rejected 3"
+std::string lossesOf(const Dictionary& account) {
+    std::string losses;
+    for (const auto& [cause, reports] : dictionaryIn(account, "lost"))
+        losses += (losses.empty() ? "" : ", ") + cause + " " + textOf(reports);
+    return losses.empty() ? "-" : losses;
+}
+
+void printTitled(const char* title, const std::vector<Row>& rows) {
+    std::printf("\n%s\n", title);
+    printTable(rows);
+}
+
+void printDaemon(const Dictionary& status) {
+    const Dictionary& daemon = dictionaryIn(status, "daemon");
+    std::printf("telvorad %s, pid %s, up %s, %s HTTP exchanges under way\n", text(daemon, "version").c_str(),
+                text(daemon, "pid").c_str(), seconds(daemon, "uptime").c_str(),
+                text(status, "httpPending").c_str());
+    const Dictionary& sandbox = dictionaryIn(status, "sandbox");
+    std::string inForce, missing;
+    for (const auto& [name, value] : sandbox) {
+        if (!value.is<bool>()) continue;
+        std::string& list = value.boolValue() ? inForce : missing;
+        list += (list.empty() ? "" : ", ") + name;
+    }
+    std::printf("sandbox %s, Landlock ABI %s: %s%s%s\n", text(sandbox, "profile").c_str(),
+                text(sandbox, "landlockAbi").c_str(), inForce.c_str(),
+                missing.empty() ? "" : "; not in force: ", missing.c_str());
+}
+
+void printSessions(const std::vector<Dictionary>& sessions) {
+    std::vector<Row> rows{{"SESSION", "TYPE", "PID", "USER", "UNIT", "LEVEL", "TOKEN", "BACKENDS"}};
+    for (const Dictionary& session : sessions) {
+        const Dictionary& client = dictionaryIn(session, "client");
+        std::string backends;
+        for (const auto& [name, backend] : dictionaryIn(session, "backends")) {
+            const auto* described = backend.getIf<Dictionary>();
+            backends += (backends.empty() ? "" : ", ") + name + " " +
+                        (described != nullptr ? text(*described, "state") : "-");
+        }
+        rows.push_back({text(session, "sessionID"), text(session, "clientType"), text(client, "pid"),
+                        text(client, "user"), text(client, "unit"), text(session, "level"),
+                        text(session, "token"), backends.empty() ? "-" : backends});
+    }
+    printTitled("Sessions", rows);
+}
+
+void addAccounts(std::vector<Row>& rows, const std::string& whose, const Dictionary& accounts) {
+    for (const auto& [name, value] : accounts) {
+        if (const auto* account = value.getIf<Dictionary>()) {
+            rows.push_back({whose, name, text(*account, "accepted"), text(*account, "delivered"),
+                            text(*account, "held"), text(*account, "inFlight"), lossesOf(*account)});
+        }
+    }
+}
+
+void printReports(const Dictionary& status, const std::vector<Dictionary>& sessions) {
+    std::vector<Row> rows{{"SESSION", "BACKEND", "ACCEPTED", "DELIVERED", "HELD", "IN FLIGHT", "LOST"}};
+    for (const Dictionary& session : sessions)
+        addAccounts(rows, text(session, "sessionID"), dictionaryIn(session, "accounts"));
+    addAccounts(rows, "all so far", dictionaryIn(status, "totals"));
+    printTitled("Reports", rows);
+}
+
+void printBags(const std::vector<Dictionary>& bags) {
+    std::vector<Row> rows{{"BAG", "TYPE", "VERSION", "STATE", "AGE", "MAX AGE"}};
+    for (const Dictionary& bag : bags) {
+        rows.push_back({text(bag, "name"), text(bag, "clientType"), text(bag, "version"), text(bag, "state"),
+                        seconds(bag, "age"), seconds(bag, "maxAge")});
+    }
+    printTitled("Bags", rows);
+}
+
+int runStatus(const CommonOptions& common) {
+    tl::expected<Dictionary, BusQueryFailure> status;
+    awaitDaemon(common, [&] {
+        status = queryStatus(StatusMethod::kGetStatus, statusSocketBeside(common.socket()));
+        return status || status.error().kind != Kind::kUnreachable;
+    });
+    if (!status) {
+        const Kind kind = status.error().kind;
+        return fail(kind == Kind::kRefused    ? kNotDone
+                    : kind == Kind::kNoAnswer ? kNoAnswer
+                                              : kDaemonMissing,
+                    status.error().message);
+    }
+    if (common.json) {
+        std::puts(toJson(*status).c_str());
+        return kDone;
+    }
+    const std::vector<Dictionary> sessions = entriesIn(*status, "sessions");
+    printDaemon(*status);
+    printSessions(sessions);
+    printReports(*status, sessions);
+    printBags(entriesIn(*status, "bags"));
+    return kDone;
+}
+
+}  // namespace
+
+Command addStatusCommand(CLI::App& app, const CommonOptions& common) {
+    CLI::App* command =
+        app.add_subcommand("status", "Show sessions, reports and their losses, bags, sandbox");
+    command->footer("For root, the daemon's user and the group telvora-admin.");
+    return {command, [&common] { return runStatus(common); }};
+}
+
+}  // namespace telvora::ctl
