@@ -13,7 +13,7 @@ int main(int count, char** arguments) {
     const int call = seccomp_syscall_resolve_name(arguments[1]);
     const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
     // The older way to the same as seccomp(2).
-    const scmp_arg_cmp older = SCMP_A0(SCMP_CMP_EQ, PR_SET_SECCOMP);
+    const scmp_arg_cmp older{0, SCMP_CMP_EQ, PR_SET_SECCOMP, 0};
     if (seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), call, 0) != 0 ||
         seccomp_rule_add(filter, SCMP_ACT_ERRNO(EINVAL), SCMP_SYS(prctl), 1, older) != 0 ||
         seccomp_load(filter) != 0) {
