@@ -37,6 +37,17 @@ void ReportTally::add(const ReportTally& other) {
         places[i] += other.places[i];
 }
 
+uint64_t failedOrPending(const ReportTally& tally) {
+    uint64_t reports = tally[ReportPlace::inFlight] + tally[ReportPlace::held];
+    for (const ReportPlace failure :
+         {ReportPlace::batchFull, ReportPlace::sessionEnded, ReportPlace::notSent,
+          ReportPlace::tooManyPending, ReportPlace::noConnection, ReportPlace::noAnswer,
+          ReportPlace::rejected, ReportPlace::serverError}) {
+        reports += tally[failure];
+    }
+    return reports;
+}
+
 ReportAccount::~ReportAccount() {
     if (ledger_ != nullptr) ledger_->close(*this);
 }

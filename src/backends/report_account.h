@@ -112,6 +112,10 @@ class ReportLedger {
     std::map<std::string, ReportTally> closed_ TELVORA_GUARDED_BY(lock_);
 };
 
+// How many reports and uploads a daemon that ended now would have lost against its will: what is still on its
+// way, and what failed; not what the configuration or the user kept back.
+uint64_t failedOrPending(const ReportTally& tally);
+
 // The accounts of one client: by backend, and two more. They stay when the client's backends are made anew.
 class ClientAccounts {
   public:

@@ -115,6 +115,19 @@ int readLogLevel(UserDefaults& defaults) {
     return level;
 }
 
+// Once, at the end.
+void logLosses(const ReportLedger& ledger) {
+    uint64_t accepted = 0;
+    uint64_t lost = 0;
+    for (const auto& [name, tally] : ledger.totals()) {
+        accepted += tally.accepted;
+        lost += failedOrPending(tally);
+    }
+    if (lost == 0) return;
+    TELVORA_LOG(kLogWarning, "main: %llu reports lost of %llu accepted",
+                static_cast<unsigned long long>(lost), static_cast<unsigned long long>(accepted));
+}
+
 // The daemon proper, in a confined process.
 int run(const Directories& directories, UserDefaults& defaults, const MessageLog& messageLog,
         const SandboxPaths& paths, const SandboxStatus& sandbox, const std::string& adaptorPath,
@@ -213,6 +226,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     notifyServiceManager("READY=1");
     runLoop.run();
 
+    logLosses(ledger);
     if (agent.sessionsAlive() > 0) {
         // Their deadline is over, and what they wait for, a server or an adaptor, may never come.
         stopLogging();

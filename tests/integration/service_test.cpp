@@ -104,18 +104,21 @@ TEST_F(Service, LeavesASocketAloneThatIsInUse) {
     BlockingSession session(socket());
 }
 
-TEST_F(Service, EndsAtOnceWhenToldTwice) {
+TEST_F(Service, EndsAtOnceWhenToldTwiceAndTellsWhatIsLost) {
     laboratory().setBag("dravik", openBag());
     startDaemon([](DaemonOptions& options) { options.defaults.set("shutdownMilliseconds", 3'600'000); });
+    reports().setFault(lab::ReportingFault::hold);
     BlockingSession session(socket());
     ASSERT_TRUE(session.startConfig());
-    reports().setFault(lab::ReportingFault::hold);
     session.send(4, 1, {{"a", 1}});
     const auto flushed = session.beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
     daemon().process().signal(SIGTERM);
     expectLineBeginning("<7>dealloc: ");
-    stopDaemon();
+    daemon().process().signal(SIGTERM);
+    // The session's start and end are two of them.
+    expectLine("<4>main: 3 reports lost of 3 accepted");
+    awaitDaemonsEnd();
     reports().releaseHeld();
 }
 
