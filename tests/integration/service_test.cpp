@@ -113,8 +113,10 @@ TEST_F(Service, EndsAtOnceWhenToldTwiceAndTellsWhatIsLost) {
     session.send(4, 1, {{"a", 1}});
     const auto flushed = session.beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
+    const size_t from = daemon().logLineCount();
     daemon().process().signal(SIGTERM);
-    expectLineBeginning("<7>dealloc: ");
+    expectLineBeginning("<7>HTTPSPostBackend(sendMessage): Batching ", from);
+    expectLineBeginning("<7>internalSendMessage: ", from);
     daemon().process().signal(SIGTERM);
     // The session's start and end are two of them.
     expectLine("<4>main: 3 reports lost of 3 accepted");
