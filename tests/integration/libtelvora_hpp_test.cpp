@@ -82,12 +82,14 @@ TEST(LibtelvoraHpp, RecordsWhatWouldBeSent) {
     recorder.deliver({{}, {}, 5, 6, payload});
     EXPECT_EQ(session.wait(60s), TELVORA_ERROR_LOST);
     EXPECT_EQ(session.finish(note), TELVORA_ERROR_UNAVAILABLE);
-    [&]() -> Detached {
+    // Named, as what a coroutine captures lives in its closure.
+    const auto coroutine = [&]() -> Detached {
         heard.push_back("awaits");
         const Answer answer = co_await telvora::Awaitable(
             [&](telvora::Completion done) { return session.fetchDisplayURL(std::move(done)); });
         note(answer);
-    }();
+    };
+    coroutine();
     EXPECT_EQ(session.wait(60s), TELVORA_ERROR_UNAVAILABLE);
     EXPECT_THAT(heard, ElementsAre("kept", "failed", "delivered", "awaits", "URL not available"));
 
