@@ -20,12 +20,13 @@ as() {
 }
 # The sockets as the units describe them; returns when they listen.
 activate() {
-    (umask 0117 && as telvora systemd-socket-activate --listen="$socket" --listen="$socket.Status" \
+    as telvora systemd-socket-activate --listen="$socket" --listen="$socket.Status" \
         --fdname=com.zandor.telvorad.socket:com.zandor.telvorad.Status \
-        -E SSL_CERT_FILE="$LAB_CA" -E LC_ALL=en_US.UTF-8 /usr/sbin/telvorad) 2>telvorad.log &
+        -E SSL_CERT_FILE="$LAB_CA" -E LC_ALL=en_US.UTF-8 /usr/sbin/telvorad 2>telvorad.log &
     daemon=$!
     until grep -q 'com.zandor.telvorad.Status as 4' telvorad.log; do kill -0 "$daemon" || fail "no sockets"; done
     chgrp telvora-admin "$socket.Status"
+    chmod 0660 "$socket" "$socket.Status"
 }
 report() {
     as "$1" telvoractl send --client-type 8 --require-user-info --client-name tester --category 4 --type 2 \
@@ -47,7 +48,7 @@ chmod -R a+rX lab
 telvora-bag keygen --key bag.pem --public /usr/share/telvora/publicKey.der
 cat >bag.json <<END
 {"version": "1.0", "release": {"httpPost": {"clients": [{"post_url": "$LAB_EVENTS", "locale_whitelist": "US",
-    "sampling_threshold": 1.0, "event_threshold": 49}]}}}
+    "sampling_threshold": 1.0, "event_threshold": 49, "filters": [{"key": "name", "action": "sha256"}]}]}}}
 END
 telvora-bag sign --key bag.pem bag.json bags/dravik
 telvoractl defaults write com.zandor.telvora telvora_storebag_url string "$LAB_BAGS"
