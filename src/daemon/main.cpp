@@ -42,15 +42,15 @@ namespace {
 
 // The name of the service is also that of its sandbox profile.
 constexpr char kServiceName[] = "com.zandor.telvorad";
-constexpr int64_t kDefaultShutdownMilliseconds = 5000;
-constexpr int64_t kDefaultIdleMilliseconds = 30'000;
+constexpr std::chrono::milliseconds kDefaultShutdownTime = std::chrono::seconds(5);
 
-constexpr int64_t kMostMilliseconds = 24 * 3600 * 1000;
+constexpr std::chrono::milliseconds kMostTime = std::chrono::hours(24);
 
 // A setting in milliseconds, a day at most.
-std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view key, int64_t otherwise) {
-    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise);
-    return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMostMilliseconds));
+std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view key,
+                                       std::chrono::milliseconds otherwise) {
+    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise.count());
+    return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMostTime.count()));
 }
 
 // The directories that clients may have files uploaded from.
@@ -177,7 +177,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
         runLoop, {.launchedOnDemand = sockets.clients.fromServiceManager,
                   .inFlight = [&] { return http.inFlight() > 0; },
                   .onIdle = [&] { shutdownWhenIdle->begin(); },
-                  .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleMilliseconds)});
+                  .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime)});
     TelvoradAgent agent(
         {entitlements, fetcher, sessionServices, keepAlive, timeOfDay, [&] { shutdownWhenIdle->check(); }});
     uint64_t connectionCount = 0;
@@ -211,7 +211,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                        },
                        [&] { agent.invalidateAllConnections(); },
                        [&] { return agent.sessionsAlive() == 0 && http.inFlight() == 0; }},
-                      milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownMilliseconds));
+                      milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime));
     shutdownWhenIdle = &shutdown;
 
     // All other settings are read anew whenever they are used.

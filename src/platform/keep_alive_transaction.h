@@ -21,6 +21,8 @@ class IdleTimer {
     virtual void cancel() = 0;
 };
 
+inline constexpr std::chrono::milliseconds kDefaultIdleTime = std::chrono::seconds(30);
+
 struct KeepAliveOptions {
     // Whether the process may end by itself at all. Without it nothing below is ever used.
     bool launchedOnDemand = false;
@@ -29,7 +31,7 @@ struct KeepAliveOptions {
     // Called on the main run loop, once, when no transaction has been open for `idleTime`, counted from the
     // start of the run loop or the last transaction's end, and nothing is in flight.
     std::function<void()> onIdle;
-    std::chrono::milliseconds idleTime = std::chrono::seconds(30);
+    std::chrono::milliseconds idleTime = kDefaultIdleTime;
     std::unique_ptr<IdleTimer> timer = nullptr;  // null: real time
 };
 
