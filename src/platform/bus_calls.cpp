@@ -207,6 +207,14 @@ size_t BusConnection::queuedMessages() const {
     return bus_ && sd_bus_get_n_queued_write(bus_.get(), &queued) >= 0 ? queued : 0;
 }
 
+// Asked anew before each step: that the socket was writable when a wait for it ended says little by the time
+// its handler runs.
+bool BusConnection::canWrite() const {
+    if (queuedMessages() == 0) return false;
+    pollfd socket = {sd_bus_get_fd(bus_.get()), POLLOUT, 0};
+    return poll(&socket, 1, 0) > 0 && (socket.revents & POLLOUT) != 0;
+}
+
 bool BusConnection::outputCongested() const {
     return queuedBytes_ >= limits_.queuedBytes || queuedMessages() >= limits_.queuedMessages;
 }

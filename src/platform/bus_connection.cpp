@@ -107,7 +107,7 @@ void BusConnection::begin() {
     asio::error_code error;
     descriptor_.assign(fd, error);
     if (error) return end(error.message());
-    pump(false);
+    pump();
 }
 
 bool BusConnection::isOpen() const {
@@ -137,10 +137,10 @@ int BusConnection::processOne() {
     return result;
 }
 
-void BusConnection::pump(bool writable) {
+void BusConnection::pump() {
     for (int i = 0; i < kMessagesPerTurn; ++i) {
-        // While input rests, a step may only write: the first one does so when the socket is writable.
-        if (inputRests() && !(writable && i == 0)) return arm();
+        // While input rests, a step may only write; sd-bus reads where it can't.
+        if (inputRests() && !canWrite()) return arm();
         const int result = processOne();
         if (result < 0) return;
         if (result == 0) return arm();
@@ -149,7 +149,7 @@ void BusConnection::pump(bool writable) {
     turnPosted_ = true;
     asio::post(strand_, [self = shared_from_this()] {
         self->turnPosted_ = false;
-        if (self->bus_ && !self->parting_) self->pump(false);
+        if (self->bus_ && !self->parting_) self->pump();
     });
 }
 
@@ -186,7 +186,7 @@ void BusConnection::woken(Wait wait) {
     // There is no reason left to let input rest: what the peer sent before it went still counts.
     if (wait == kHangUp) hungUp_ = true;
     if (wait == kRead) checkIncomingSize();
-    if (bus_) pump(wait == kWrite);
+    if (bus_) pump();
 }
 
 // What is readable now will be read now; as long as no message comes of it, it belongs to one message.
@@ -223,7 +223,7 @@ void BusConnection::armTimer() {
             sd_bus_is_ready(self->bus_.get()) <= 0) {
             return self->end("authentication timed out");
         }
-        self->pump(false);
+        self->pump();
     });
 }
 

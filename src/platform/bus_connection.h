@@ -171,7 +171,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     tl::expected<void, std::string> exportHello();
 
     void begin();
-    void pump(bool writable);
+    void pump();
     int processOne();
     void arm();
     void waitFor(Wait wait);
@@ -198,6 +198,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void noteQueued(size_t bytes);
     void forgetWritten();
     size_t queuedMessages() const;
+    bool canWrite() const;
 
     Strand strand_;
     const BusRole role_;
