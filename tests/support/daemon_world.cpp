@@ -2,35 +2,19 @@
 #include "tests/support/daemon_world.h"
 
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cmath>
 
 #include "config/signed_bag.h"
 #include "platform/property_list_format.h"
-#include "telvora-lab/event_json.h"
 #include "telvora/keys.h"
+#include "tests/support/posted_message.h"
 
 namespace telvora::test {
 
 using lab::FakeHttpClient;
-using lab::headerOf;
 
 namespace {
-
-std::string gunzip(std::string_view compressed) {
-    z_stream stream{};
-    inflateInit2(&stream, 31);
-    std::string plain(compressed.size() * 100 + 1024, '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
-    stream.avail_in = static_cast<uInt>(compressed.size());
-    stream.next_out = reinterpret_cast<Bytef*>(plain.data());
-    stream.avail_out = static_cast<uInt>(plain.size());
-    inflate(&stream, Z_FINISH);
-    plain.resize(stream.total_out);
-    inflateEnd(&stream);
-    return plain;
-}
 
 bool isBagRequest(const HttpRequest& request) {
     return request.method == "GET";
@@ -155,9 +139,8 @@ std::vector<Dictionary> DaemonWorld::postedEvents() const {
     std::vector<Dictionary> events;
     for (const HttpRequest& request : http.requests()) {
         if (isBagRequest(request)) continue;
-        const bool compressed = headerOf(request, "Content-Encoding") == "gzip";
-        const auto message = lab::parseEventMessage(compressed ? gunzip(request.body) : request.body);
-        events.insert(events.end(), message->events->begin(), message->events->end());
+        const lab::EventMessage message = messageOf(request);
+        events.insert(events.end(), message.events->begin(), message.events->end());
     }
     return events;
 }

@@ -4,32 +4,42 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
-#include <zlib.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "backends/https_post_backend.h"
+#include "tests/support/posted_message.h"
 #include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
 
+constexpr auto kWaiting = BackendState::waitingForUserInfo;
+constexpr auto kDisabled = BackendState::disabled;
+constexpr auto kReporting = BackendState::reporting;
+constexpr auto kSampledOut = BackendState::sampledOut;
+
+constexpr SendFlag kPlain{0};
+constexpr SendFlag kRealtime{1};
+constexpr SendFlag kPromote{2};
+constexpr SendFlag kPromoteRealtime{3};
+
+constexpr char kPost[] = "https://post.example/";
+constexpr char kRealtimePost[] = "https://realtime.example/";
+
+// A bag's entry under which the rig's session reports.
+inline Dictionary reportingClient(const Dictionary& changes = {}) {
+    Dictionary client{{"locale_whitelist", "CH"}, {"filters", Array{}}, {"sampling_threshold", 0.5},
+                      {"event_threshold", 49},    {"post_url", kPost},  {"realtime_post_url", kRealtimePost}};
+    client.merge(changes);
+    return client;
+}
+
 struct HTTPSPostRig : BackendRig {
-    explicit HTTPSPostRig(Dictionary deviceProperties = {}) : BackendRig(std::move(deviceProperties)) {
+    HTTPSPostRig() {
         setConsent(true);
         http.setHandler([](const HttpRequest&) { return lab::FakeHttpClient::response(200); });
-    }
-
-    // A bag's entry under which the rig's session reports.
-    static Dictionary reportingClient() {
-        return {{"locale_whitelist", "CH"},
-                {"filters", Array{}},
-                {"sampling_threshold", 0.5},
-                {"event_threshold", 49},
-                {"post_url", "https://post.example/"},
-                {"realtime_post_url", "https://realtime.example/"}};
     }
 
     // A backend that requires user info and has it, not batching.
@@ -47,39 +57,13 @@ struct HTTPSPostRig : BackendRig {
         backend->setUserInfoDict(shared(userInfoOf("app", "network")));
         return backend;
     }
-
     std::shared_ptr<HTTPSPostBackend> makeReportingBackend(const Dictionary& changes = {}) {
-        Dictionary client = reportingClient();
-        client.merge(changes);
-        auto backend = makeBackend({std::move(client)});
+        auto backend = makeBackend({reportingClient(changes)});
         backend->updateState();
-        EXPECT_EQ(backend->state(), BackendState::reporting);
+        EXPECT_EQ(backend->state(), kReporting);
         return backend;
     }
 };
-
-// A request's body as plain text.
-inline std::string plainBody(const HttpRequest& request) {
-    if (lab::headerOf(request, "Content-Encoding") != "gzip") return request.body;
-    std::string plain(size_t{4} << 20, '\0');
-    z_stream stream{};
-    EXPECT_EQ(inflateInit2(&stream, 31), Z_OK);
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(request.body.data()));
-    stream.avail_in = static_cast<uInt>(request.body.size());
-    stream.next_out = reinterpret_cast<Bytef*>(plain.data());
-    stream.avail_out = static_cast<uInt>(plain.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-    plain.resize(stream.total_out);
-    inflateEnd(&stream);
-    return plain;
-}
-
-inline rapidjson::Document messageOf(const HttpRequest& request) {
-    rapidjson::Document document;
-    document.Parse<rapidjson::kParseFullPrecisionFlag>(plainBody(request).c_str());
-    EXPECT_FALSE(document.HasParseError());
-    return document;
-}
 
 // A backend that reports.
 struct ReportingRig : HTTPSPostRig {
@@ -89,19 +73,20 @@ struct ReportingRig : HTTPSPostRig {
     }
 
     // Sends a report of type 6.
-    std::optional<std::string> send(SendFlag flag = {}, uint16_t category = 5,
+    std::optional<std::string> send(SendFlag flag = kPlain, uint16_t category = 5,
                                     const std::optional<Dictionary>& payload = Dictionary{}) const {
         return backend->sendMessage(payload, kNow, category, 6, flag);
     }
-    rapidjson::Document message(size_t at = 0) const { return messageOf(http.requests().at(at)); }
+    lab::EventMessage message(size_t at = 0) const { return messageOf(http.requests().at(at)); }
+    // The first event of a request.
+    Dictionary event(size_t at = 0) const { return message(at).events->at(0); }
     // "_eventNumber" of each event, request by request.
-    std::vector<std::vector<int>> posts() const {
-        std::vector<std::vector<int>> all;
-        for (const HttpRequest& request : http.requests()) {
-            const rapidjson::Document posted = messageOf(request);
-            all.emplace_back();
-            for (const auto& event : posted["events"].GetArray())
-                all.back().push_back(event["_eventNumber"].GetInt());
+    std::vector<std::vector<int64_t>> posts() const {
+        std::vector<std::vector<int64_t>> all(http.requestCount());
+        for (size_t at = 0; at < all.size(); ++at) {
+            const lab::EventMessage posted = message(at);
+            for (const Dictionary& one : *posted.events)
+                all[at].push_back(one.integer("_eventNumber").value());
         }
         return all;
     }

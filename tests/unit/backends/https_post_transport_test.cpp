@@ -1,29 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/unit/backends/https_post_rig.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
 
 using lab::FakeHttpClient;
-using lab::headerOf;
-using test::LogCapture;
-using test::ReportingRig;
-using test::shared;
 using testing::ElementsAre;
 using testing::Pair;
 
 TEST(HTTPSPostTransportTest, HeadersInOrder) {
     const ReportingRig rig;
     rig.backend->setIsInternal(true);
-    rig.backend->setUserInfoDict(shared(test::userInfoOf("app\r\nX-Forged: 1", "net")));
+    rig.backend->setUserInfoDict(shared(userInfoOf("app\r\nX-Forged: 1", "net")));
     rig.send();
-    const HttpRequest request = rig.http.requests().at(0);
-    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(rig.http.requests().at(0).method, "POST");
     EXPECT_THAT(
-        request.headers,
+        rig.http.requests().at(0).headers,
         ElementsAre(Pair("X-TVR-Client-Name", "app  X-Forged: 1"), Pair("X-TVR-Service-Name", "net"),
                     Pair("X-TVR-Internal-Build", "1"), Pair("User-Agent", "Telvora/3.1.9 (Model1,1; 12.1)"),
                     Pair("X-TVR-Client-Version", "11"), Pair("X-TVR-Sender", "VC"),
@@ -44,20 +38,20 @@ TEST(HTTPSPostTransportTest, HeadersInOrder) {
                     Pair("Content-Type", "application/json"), Pair("Content-Encoding", "gzip")));
 }
 
-// A message is sent plain where gzip gains nothing: the filters leave next to nothing of this event.
+// A message is sent plain where gzip gains nothing: the filters leave nothing of this event.
 TEST(HTTPSPostTransportTest, SmallMessagesAreSentPlain) {
-    Array filters;
-    for (const char* key :
-         {"_clientTS", "_clientVersion", "_eventNumber", "_internal", "_method", "_osVersion",
-          "_productFamily", "_productModel", "_reportVers", "_sender", "_sessionID", "_startTS", "_status",
-          "_timezoneOffset", "eventTime", kTelvoraUserInfoClientName, kTelvoraUserInfoServiceName})
-        filters.emplace_back(Dictionary{{"key", key}, {"action", "remove"}});
-    ReportingRig rig({{"filters", std::move(filters)}});
+    ReportingRig rig;
     rig.send();
-    const HttpRequest request = rig.http.requests().at(0);
-    EXPECT_EQ(headerOf(request, "Content-Encoding"), "");
+    Array filters;
+    for (const auto& [key, value] : rig.event())
+        filters.emplace_back(Dictionary{{"key", key}, {"action", "remove"}});
+    ReportingRig filtering({{"filters", std::move(filters)}});
+    filtering.send();
+    const HttpRequest request = filtering.http.requests().at(0);
+    EXPECT_EQ(lab::headerOf(request, "Content-Encoding"), "");
     EXPECT_EQ(request.body, "{\"postTime\":1447660800.25,\"clientId\":\"" +
-                                rig.identity.getPersistentIdentifierForDNU(true) + "\",\"events\":[{}]}");
+                                filtering.identity.getPersistentIdentifierForDNU(true) +
+                                "\",\"events\":[{}]}");
 }
 
 TEST(HTTPSPostTransportTest, TheClientIdentifierFollowsConsentAndBag) {
@@ -77,18 +71,17 @@ TEST(HTTPSPostTransportTest, TheClientIdentifierFollowsConsentAndBag) {
         {"extras", {{"extras_on_internal", 1}, {"custom_clientId", 1}}, true, true, udid},
     };
     for (const auto& c : cases) {
-        test::HTTPSPostRig rig;
+        HTTPSPostRig rig;
         rig.setConsent(c.consent);
         const auto backend = rig.makeReportingBackend(c.client);
         backend->setIsInternal(c.internal);
         backend->setUdid({"0123abc"});
-        const auto answer = backend->sendMessage(Dictionary{}, test::kNow, 5, 6, SendFlag{0});
+        const auto answer = backend->sendMessage(Dictionary{}, kNow, 5, 6, kPlain);
         const std::string identifiers[] = {
             rig.identity.getPersistentIdentifierForDNU(true),
             rig.identity.getPersistentIdentifierForDNU(false),
             rig.identity.getPersistentIdentifierForCustomClientIDSuffix("app", "network"), "0123abc"};
-        EXPECT_EQ(test::messageOf(rig.http.requests().at(0))["clientId"].GetString(), identifiers[c.expected])
-            << c.what;
+        EXPECT_EQ(messageOf(rig.http.requests().at(0)).clientId, identifiers[c.expected]) << c.what;
         // Only a consenting user's messages may be logged.
         EXPECT_EQ(answer.has_value(), !c.client.contains("override_dnu")) << c.what;
     }
@@ -101,48 +94,47 @@ TEST(HTTPSPostTransportTest, LoggingCanBeForcedInTwoEnvironments) {
         bool logged;
     } cases[] = {{1, true, true}, {2, true, true}, {3, true, false}, {4, true, false}, {1, false, false}};
     for (const auto& c : cases) {
-        test::HTTPSPostRig rig;
+        HTTPSPostRig rig;
         rig.setConsent(false);
         rig.setDefault("environmentType", c.environment);
         rig.setDefault("forceEventLogging", c.force);
         const auto backend = rig.makeReportingBackend({{"override_dnu", 1}});
-        const auto answer = backend->sendMessage(Dictionary{}, test::kNow, 5, 6, SendFlag{0});
+        const auto answer = backend->sendMessage(Dictionary{}, kNow, 5, 6, kPlain);
         EXPECT_EQ(answer.has_value(), c.logged) << c.environment;
     }
 }
 
 TEST(HTTPSPostTransportTest, TheAnswerDecidesOnTheBackend) {
-    const std::string disabled = "backend httpPost disabled by server ";
+    const auto byServer = [](int status) {
+        return makeTelvoraError(
+            "backend httpPost disabled by server " + std::to_string(status) + " return code", status);
+    };
     const struct {
         HttpResult result;
         BackendState state;
         std::optional<TelvoraError> error;
-        std::string line;  // "": none looked for
+        std::string line = "";  // "": none looked for
     } cases[] = {
-        {FakeHttpClient::response(200), BackendState::reporting, {}, ""},
-        {FakeHttpClient::response(404), BackendState::reporting, {}, ""},
-        {FakeHttpClient::response(499), BackendState::reporting, {}, ""},
-        {FakeHttpClient::response(600), BackendState::reporting, {}, ""},
-        {FakeHttpClient::response(500), BackendState::disabled,
-         makeTelvoraError(disabled + "500 return code", 500),
+        {FakeHttpClient::response(200), kReporting, {}},
+        {FakeHttpClient::response(499), kReporting, {}},
+        {FakeHttpClient::response(600), kReporting, {}},
+        {FakeHttpClient::response(500), kDisabled, byServer(500),
          "<6>postJSONMessage: backend httpPost disabled by server 500 return code"},
-        {FakeHttpClient::response(599), BackendState::disabled,
-         makeTelvoraError(disabled + "599 return code", 599), ""},
-        {FakeHttpClient::failure("no route"), BackendState::reporting, makeTelvoraError("no route", -1),
+        {FakeHttpClient::response(599), kDisabled, byServer(599)},
+        {FakeHttpClient::failure("no route"), kReporting, makeTelvoraError("no route", -1),
          "<3>HTTPSPostBackend(postJsonMessage): post error: no route"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.result ? c.result->status : 0);
         ReportingRig rig({}, true);
-        rig.http.setHandler(nullptr);
+        rig.http.setHandler([&c](const HttpRequest&) { return c.result; });
         rig.send();
         int calls = 0;
+        const LogCapture log;
         rig.backend->flushMessagesWithCompletion([&](auto, const auto& error) {
             ++calls;
             EXPECT_EQ(error, c.error);
         });
-        const LogCapture log;
-        rig.http.complete(c.result);
         EXPECT_EQ(calls, 1);
         EXPECT_EQ(rig.backend->state(), c.state);
         EXPECT_TRUE(c.line.empty() || log.contains(c.line));
@@ -170,4 +162,4 @@ TEST(HTTPSPostTransportTest, WithoutAURLNothingIsPosted) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

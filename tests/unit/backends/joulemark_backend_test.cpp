@@ -2,48 +2,21 @@
 #include "backends/joulemark_backend.h"
 
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include "backends/backend_factory.h"
 #include "platform/power_log.h"
 #include "platform/property_list_format.h"
+#include "tests/support/unix_socket.h"
 #include "tests/unit/backends/backend_rig.h"
-#include "util/unique_fd.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
 
-using test::BackendRig;
-using test::LogCapture;
-
-// A journal: its socket, and its reading of entries.
-struct Journal {
-    explicit Journal(const std::string& path) : socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{AF_UNIX, {}};
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    // The fields of the next entry as "NAME=value". A test that hangs here is ended by its timeout.
-    std::vector<std::string> next() const {
-        std::string entry(1 << 16, '\0');
-        entry.resize(static_cast<size_t>(recv(socket.get(), entry.data(), entry.size(), 0)));
-        std::vector<std::string> fields;
-        for (std::string_view rest = entry; !rest.empty();) {
-            const size_t name = rest.find('\n');
-            uint64_t length = 0;
-            for (size_t i = 8; i > 0; --i)
-                length = length << 8 | static_cast<uint8_t>(rest.at(name + i));
-            fields.push_back(std::string(rest.substr(0, name)) + '=' +
-                             std::string(rest.substr(name + 9, length)));
-            EXPECT_EQ(rest.at(name + 9 + length), '\n');
-            rest.remove_prefix(name + 10 + length);
-        }
-        return fields;
-    }
-
-    UniqueFd socket;
-};
+// A field in the journal's form for any bytes.
+std::string field(const std::string& name, const std::string& value) {
+    const std::string length{static_cast<char>(value.size()), static_cast<char>(value.size() >> 8)};
+    return name + '\n' + length + std::string(6, '\0') + value + '\n';
+}
 
 TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     BackendRig rig;
@@ -56,37 +29,30 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
                              {"a_b_", "one\ntwo=2"}, {"yes", true},
                              {"real", 0.1},          {"data", Data{std::string("\0\xff", 2)}},
                              {"list", Array{1}},     {std::string(90, 'z'), Date{1.5}}};
-    // While no journal is there, nothing happens.
-    EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, EventID{1}), std::nullopt);
+    backend->sendMessage(payload, {}, 1, 1, EventID{1});  // there is no journal yet
 
-    const Journal journal(path);
+    const UniqueFd journal = boundSocket(path, SOCK_DGRAM);
     backend->sendMessage(payload, {}, 0, 1, EventID{2});
     backend->sendMessage(Dictionary{}, {}, 1, 1, EventID{3});
     backend->sendMessage(std::nullopt, {}, 1, 1, EventID{4});
     EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, SendFlag{}), std::nullopt);  // what sessions call
     EXPECT_EQ(backend->sendMessage(payload, {}, 300, 65535, EventID{7}), std::nullopt);
-    const std::vector<std::string> fields{
-        "MESSAGE=MediaHostD-TVR",
-        "PRIORITY=6",
-        "SYSLOG_IDENTIFIER=telvorad",
-        "JM_CATEGORY=28",
-        "JM_EVENT=MediaHostD-TVR",
-        "JM_ENTRY_A_B_=-2",
-        "JM_ENTRY_A_B_=one\ntwo=2",
-        std::string("JM_ENTRY_DATA=\0\xff", 16),
-        "JM_ENTRY_EVENT=7",
-        "JM_ENTRY_LIST=" + *serializePropertyList(Array{1}, PropertyListFormat::xml),
-        "JM_ENTRY_METHOD=300",
-        "JM_ENTRY_REAL=0.1",
-        "JM_ENTRY_RESPCODE=65535",
-        "JM_ENTRY_YES=true",
-        "JM_ENTRY_" + std::string(55, 'Z') + "=1.5"};
-    EXPECT_EQ(journal.next(), fields);
+    std::string entry(1 << 16, '\0');
+    entry.resize(static_cast<size_t>(recv(journal.get(), entry.data(), entry.size(), 0)));
+    EXPECT_EQ(entry, field("MESSAGE", "MediaHostD-TVR") + field("PRIORITY", "6") +
+                         field("SYSLOG_IDENTIFIER", "telvorad") + field("JM_CATEGORY", "28") +
+                         field("JM_EVENT", "MediaHostD-TVR") + field("JM_ENTRY_A_B_", "-2") +
+                         field("JM_ENTRY_A_B_", "one\ntwo=2") +
+                         field("JM_ENTRY_DATA", std::string("\0\xff", 2)) + field("JM_ENTRY_EVENT", "7") +
+                         field("JM_ENTRY_LIST", *serializePropertyList(Array{1}, PropertyListFormat::xml)) +
+                         field("JM_ENTRY_METHOD", "300") + field("JM_ENTRY_REAL", "0.1") +
+                         field("JM_ENTRY_RESPCODE", "65535") + field("JM_ENTRY_YES", "true") +
+                         field("JM_ENTRY_" + std::string(55, 'Z'), "1.5"));
 }
 
 TEST(JoulemarkBackendTest, WaitsForNoJournalAndTellsNoValues) {
     const lab::TemporaryDirectory directory;
-    const Journal behind(directory.path() / "journal");
+    const UniqueFd behind = boundSocket(directory.path() / "journal", SOCK_DGRAM);
     const auto powerLog = makeJournalPowerLog(directory.path() / "journal");
     const LogCapture log;
     while (log.lines().empty())  // until its queue is full
@@ -98,4 +64,4 @@ TEST(JoulemarkBackendTest, WaitsForNoJournalAndTellsNoValues) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

@@ -18,11 +18,6 @@ struct UploadRig : BackendRig {
         files = std::make_unique<ClientFiles>(peer, std::vector{directory.path()}, admission);
         backend = UploadBackend::make(services, kTelvoraBackendUploadServer,
                                       profileOf({{"post_url", "https://up.example/in"}}), std::nullopt);
-        backend->setSessionID(4'000'000'000);
-        answer(FakeHttpClient::response(200, "a success"));
-    }
-    void answer(const HttpResult& result) {
-        http.setHandler([result](const HttpRequest&) { return result; });
     }
     bool upload(const std::filesystem::path& file) { return backend->uploadFileAtPath(file, "", *files); }
 
@@ -39,37 +34,30 @@ TEST(UploadBackend, NeedsAPostURL) {
         EXPECT_EQ(UploadBackend::make(rig.services, kTelvoraBackendUploadServer, profile, "phone"), nullptr);
     }
     EXPECT_EQ(log.count("<3>UploadBackend(initWithName): can't resolve upload post URL."), 4U);
-    const auto backend = UploadBackend::make(rig.services, kTelvoraBackendUploadServer,
-                                             profileOf({{"post_url", "u"}, {"display_url", "d"}}), "phone");
-    ASSERT_NE(backend, nullptr);
-    EXPECT_EQ(backend->uploadURL(), "u");
-    EXPECT_EQ(backend->displayURL(), "d");
 }
 
 TEST(UploadBackend, JudgesTheAnswerByItsTextAlone) {
+    const std::string answered =
+        "<7>UploadBackend(uploadFileAtPath): sending to |https://up.example/in|, Json output: ";
     const struct {
         HttpResult answer;
         bool removed;
-        const char* line;
+        std::string line;
     } cases[] = {
-        {FakeHttpClient::response(500, "no success"), true, "Json output: no success"},
-        {FakeHttpClient::response(200, "Success"), false, "Json output: Success"},
-        {FakeHttpClient::response(200, ""), false, "Json output: "},
-        {FakeHttpClient::response(200, "\xc0"), true, "Json output: (null)"},
-        {FakeHttpClient::failure("the line is dead"), false, nullptr},
+        {FakeHttpClient::response(500, "no success"), true, answered + "no success"},
+        {FakeHttpClient::response(200, "Success"), false, answered + "Success"},
+        {FakeHttpClient::response(200, ""), false, answered},
+        {FakeHttpClient::response(200, "\xc0"), true, answered + "(null)"},
+        {FakeHttpClient::failure("no route"), false, "<3>UploadBackend(uploadFileAtPath): post no route"},
     };
-    for (const auto& [answer, removed, line] : cases) {
+    for (const auto& test : cases) {
         const LogCapture log;
         UploadRig rig;
-        rig.answer(answer);
+        rig.http.setHandler([&test](const HttpRequest&) { return test.answer; });
         const auto file = rig.directory.write("file", "content");
         EXPECT_TRUE(rig.upload(file));
-        EXPECT_EQ(exists(file), !removed);
-        EXPECT_TRUE(log.contains(line != nullptr
-                                     ? std::string("<7>UploadBackend(uploadFileAtPath): sending to "
-                                                   "|https://up.example/in|, ") +
-                                           line
-                                     : "<3>UploadBackend(uploadFileAtPath): post the line is dead"));
+        EXPECT_EQ(exists(file), !test.removed);
+        EXPECT_TRUE(log.contains(test.line)) << test.line;
     }
 }
 

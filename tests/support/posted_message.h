@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "telvora-lab/event_json.h"
+#include "telvora-lab/fake_http_client.h"
+#include "tests/support/inflated.h"
+
+namespace telvora::test {
+
+// The message of events that a request carries, its gzip undone.
+inline lab::EventMessage messageOf(const HttpRequest& request) {
+    const bool compressed = lab::headerOf(request, "Content-Encoding") == "gzip";
+    return lab::parseEventMessage(compressed ? inflated(request.body).value() : request.body).value();
+}
+
+}  // namespace telvora::test
