@@ -7,6 +7,7 @@
 
 #include "await.h"
 #include "telvora/keys.h"
+#include "world.h"
 
 namespace telvora::bench {
 namespace {
@@ -22,27 +23,13 @@ Dictionary payload(uint64_t number) {
 
 }  // namespace
 
-// Its functions run on its runtime's thread, but for open() and flush().
+// Its functions run on its runtime's thread, but for flush().
 class Load::Client {
   public:
-    Client(Load& load, ClientRuntime& runtime, const std::string& socketPath) : load_(load) {
-        auto session = ClientSession::connect(runtime, socketPath);
-        if (!session) throw std::runtime_error(session.error());
-        session_ = std::move(*session);
+    Client(Load& load, ClientRuntime& runtime, const std::string& socketPath, uint64_t sessionID)
+        : load_(load),
+          session_(openSession(runtime, socketPath, {{kTelvoraSessionInfoSessionID, sessionID}})) {
         latencies_.reserve(load.options_.reports / load.options_.clients + 1);
-    }
-
-    void open(int64_t sessionID, int64_t clientType) {
-        const Dictionary sessionInfo{{kTelvoraSessionInfoSessionID, sessionID},
-                                     {kTelvoraSessionInfoClientType, clientType},
-                                     {kTelvoraSessionInfoRequireUserInfo, true},
-                                     {kTelvoraSessionInfoBatchEvent, true}};
-        const Dictionary userInfo{{kTelvoraUserInfoClientName, "bench"},
-                                  {kTelvoraUserInfoServiceName, "load"}};
-        await<void>([&](auto done) { session_->setSessionInfo(sessionInfo, userInfo, {}, std::move(done)); });
-        const auto states =
-            await<ReportingStates>([&](auto done) { session_->startConfig(std::move(done)); });
-        if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
     }
 
     void sendNext() {
@@ -81,10 +68,9 @@ Load::Load(const LoadOptions& options) : options_(options), unacknowledged_(opti
 
 Load::~Load() = default;
 
-void Load::open(const std::string& socketPath, int64_t clientType) {
+void Load::open(const std::string& socketPath) {
     for (size_t i = 0; i < options_.clients; ++i) {
-        clients_.push_back(std::make_unique<Client>(*this, *runtimes_[i % runtimes_.size()], socketPath));
-        clients_.back()->open(static_cast<int64_t>(i), clientType);
+        clients_.push_back(std::make_unique<Client>(*this, *runtimes_[i % runtimes_.size()], socketPath, i));
     }
 }
 

@@ -33,7 +33,7 @@ class Load {
 
     // Opens a session per client and waits until each has its configuration. Throws std::runtime_error when
     // one has none.
-    void open(const std::string& socketPath, int64_t clientType);
+    void open(const std::string& socketPath);
     // Sends all reports; returns when each is acknowledged. Throws when a call fails.
     void run();
     // Has what is held back sent, and waits for the answers.

@@ -10,18 +10,14 @@
 #include "load.h"
 #include "platform/descriptor_limit.h"
 #include "process_figures.h"
+#include "service.h"
 #include "sessions.h"
 #include "telvora-lab/bags.h"
-#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/event_json.h"
-#include "telvora-lab/laboratory.h"
-#include "telvora-lab/temporary_directory.h"
+#include "world.h"
 
 namespace telvora::bench {
 namespace {
-
-constexpr int64_t kClientType = 8;
-constexpr char kBagName[] = "dravik";
 
 struct Options {
     LoadOptions load;
@@ -50,12 +46,12 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::
                 Load& load) {
     Figures figures{};
     figures.idle = memoryOf(daemon.pid());
-    const int64_t wakeupsBefore = wakeups(daemon.pid());
+    const Wakeups wakeupsBefore = wakeupsOf(daemon.pid());
     std::this_thread::sleep_for(std::chrono::duration<double>(options.idleSeconds));
-    figures.idleWakeups =
-        static_cast<double>(wakeups(daemon.pid()) - wakeupsBefore) / std::max(options.idleSeconds, 0.001);
+    figures.idleWakeups = static_cast<double>(wakeupsSince(wakeupsBefore, wakeupsOf(daemon.pid()))) /
+                          std::max(options.idleSeconds, 0.001);
 
-    load.open(daemon.socketPath(), kClientType);
+    load.open(daemon.socketPath());
     figures.connected = memoryOf(daemon.pid());
     const double cpuBefore = cpuSeconds(daemon.pid());
     const auto begin = std::chrono::steady_clock::now();
@@ -97,26 +93,15 @@ Dictionary describe(const Options& options, const lab::ReportingServer& reports,
 }
 
 int run(const Options& options) {
-    lab::TemporaryDirectory directory;
-    lab::ReportingServerOptions reportingOptions;
-    reportingOptions.countByKey = Load::kNumberKey;
-    auto laboratory = lab::Laboratory::make(directory.path() / "lab", reportingOptions);
-    if (!laboratory) throw std::runtime_error(laboratory.error());
-    (*laboratory)->setBag(kBagName, benchBag(options));
-
-    lab::DaemonOptions daemonOptions = lab::DaemonOptions::forLaboratory(
-        directory.path(), (*laboratory)->pki(), (*laboratory)->bags().baseURL());
-    daemonOptions.logLevel = 6;  // as in the field
-    lab::DaemonProcess daemon(daemonOptions);
-    if (!daemon.waitUntilListening()) throw std::runtime_error("the daemon does not start");
-
+    World world(benchBag(options), Load::kNumberKey);
+    const auto daemon = world.start();
     Load load(options.load);
-    const Figures figures = measure(options, **laboratory, daemon, load);
-    const lab::ReportingServer& reports = (*laboratory)->reports();
+    const Figures figures = measure(options, world.laboratory(), *daemon, load);
+    const lab::ReportingServer& reports = world.laboratory().reports();
     std::cout << lab::toJson(describe(options, reports, figures, load), true) << std::endl;
     for (const std::string& problem : reports.problems())
         std::cerr << problem << '\n';
-    for (const std::string& line : daemon.logLines())
+    for (const std::string& line : daemon->logLines())
         if (line.starts_with("<3>") || line.starts_with("<4>")) std::cerr << line << '\n';
     return reports.distinctCount() == options.load.reports && reports.duplicateCount() == 0 &&
                    reports.problems().empty()
@@ -154,6 +139,13 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(10, 100'000));
     sessionsMode->add_option("--reports", sessions.reports, "Reports per measurement of their cost")
         ->check(CLI::Range(100, 10'000'000));
+    telvora::bench::ServiceOptions service;
+    CLI::App* serviceMode = app.add_subcommand(
+        "service", "Measure instead how fast the daemon starts, and what it costs while nothing happens.");
+    serviceMode->add_option("--starts", service.starts, "Starts, told and by a connection")
+        ->check(CLI::Range(1, 1000));
+    serviceMode->add_option("--idle-minutes", service.idleMinutes, "How long idle daemons are watched")
+        ->check(CLI::Range(0.01, 1440.0));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -163,6 +155,10 @@ int main(int argc, char** argv) {
     try {
         if (*sessionsMode) {
             std::cout << telvora::lab::toJson(telvora::bench::measureSessions(sessions), true) << std::endl;
+            return 0;
+        }
+        if (*serviceMode) {
+            std::cout << telvora::lab::toJson(telvora::bench::measureService(service), true) << std::endl;
             return 0;
         }
         return telvora::bench::run(options);

@@ -3,10 +3,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
 #include <system_error>
 
 namespace telvora::bench {
@@ -48,13 +48,22 @@ Memory memoryOf(pid_t pid) {
             field(folder(pid) / "smaps_rollup", "Pss")};
 }
 
-int64_t wakeups(pid_t pid) {
-    int64_t sum = 0;
+Wakeups wakeupsOf(pid_t pid) {
+    Wakeups wakeups;
     std::error_code ignored;
-    for (const auto& task : std::filesystem::directory_iterator(folder(pid) / "task", ignored)) {
-        sum += field(task.path() / "status", "voluntary_ctxt_switches");
+    for (const auto& task : std::filesystem::directory_iterator(folder(pid) / "task", ignored))
+        wakeups[task.path().filename()] = field(task.path() / "status", "voluntary_ctxt_switches");
+    return wakeups;
+}
+
+int64_t wakeupsSince(const Wakeups& before, const Wakeups& now) {
+    int64_t sum = 0;
+    for (const auto& [thread, count] : now) {
+        const auto earlier = before.find(thread);
+        sum += count - (earlier == before.end() ? 0 : earlier->second);
     }
-    return sum;
+    return sum + std::count_if(before.begin(), before.end(),
+                               [&](const auto& thread) { return !now.contains(thread.first); });
 }
 
 }  // namespace telvora::bench

@@ -6,6 +6,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
+#include <string>
 
 namespace telvora::bench {
 
@@ -19,7 +21,11 @@ struct Memory {
 };
 Memory memoryOf(pid_t pid);
 
-// How often the threads that there are now have gone to sleep and were woken.
-int64_t wakeups(pid_t pid);
+// How often each thread that there is now has gone to sleep and was woken.
+using Wakeups = std::map<std::string, int64_t>;
+Wakeups wakeupsOf(pid_t pid);
+// How often the threads of `now` were woken since `before`, when some of them may not have been there. A
+// thread that has ended meanwhile counts once.
+int64_t wakeupsSince(const Wakeups& before, const Wakeups& now);
 
 }  // namespace telvora::bench

@@ -11,10 +11,8 @@
 #include "await.h"
 #include "process_figures.h"
 #include "telvora-lab/bags.h"
-#include "telvora-lab/daemon_process.h"
-#include "telvora-lab/laboratory.h"
-#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
+#include "world.h"
 
 namespace telvora::bench {
 namespace {
@@ -33,33 +31,13 @@ double share(const std::vector<double>& sorted, double part) {
     return sorted[static_cast<size_t>(part * static_cast<double>(sorted.size() - 1))];
 }
 
-// A daemon of its own, with the servers that it needs.
-struct World {
-    World() {
-        auto made = lab::Laboratory::make(directory.path() / "lab", {.countByKey = kCountByKey});
-        if (!made) throw std::runtime_error(made.error());
-        laboratory = std::move(*made);
-        laboratory->setBag("dravik", lab::openBag());
-        lab::DaemonOptions options = lab::DaemonOptions::forLaboratory(directory.path(), laboratory->pki(),
-                                                                       laboratory->bags().baseURL());
-        options.logLevel = 6;  // as in the field
-        daemon = std::make_unique<lab::DaemonProcess>(std::move(options));
-        if (!daemon->waitUntilListening()) throw std::runtime_error("the daemon does not start");
-    }
-
-    lab::TemporaryDirectory directory;
-    std::unique_ptr<lab::Laboratory> laboratory;
-    std::unique_ptr<lab::DaemonProcess> daemon;
-    ClientRuntime runtime;
-};
-
 class Sessions {
   public:
-    explicit Sessions(World& world) : world_(world) {}
+    Sessions() : world_(lab::openBag(), kCountByKey), daemon_(world_.start()) {}
     // Ends the daemon first: what it still holds back is nobody's concern here.
     ~Sessions() {
-        world_.daemon->process().signal(SIGKILL);
-        world_.daemon->process().waitForExit(lab::kPatience);
+        daemon_->process().signal(SIGKILL);
+        daemon_->process().waitForExit(lab::kPatience);
     }
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
@@ -69,43 +47,33 @@ class Sessions {
         ClientSession::Handlers handlers;
         if (aggregates)
             handlers.aggregationBlock = [count = aggregated_](const AggregatedMessage&) { ++*count; };
-        auto session =
-            ClientSession::connect(world_.runtime, world_.daemon->socketPath(), std::move(handlers));
-        if (!session) throw std::runtime_error(session.error());
-        sessions_.push_back(std::move(*session));
-        ClientSession& opened = *sessions_.back();
-        Dictionary info{{kTelvoraSessionInfoSessionID, sessions_.size()},
-                        {kTelvoraSessionInfoClientType, 8},
-                        {kTelvoraSessionInfoRequireUserInfo, true},
-                        {kTelvoraSessionInfoBatchEvent, true}};
+        Dictionary info{{kTelvoraSessionInfoSessionID, sessions_.size()}};
         if (!token.empty()) {
             info.set(kTelvoraSessionInfoHierarchyToken, Dictionary{{kTelvoraHierarchyTokenTokenID, token},
                                                                    {kTelvoraHierarchyTokenLevel, level}});
         }
-        const Dictionary user{{kTelvoraUserInfoClientName, "bench"},
-                              {kTelvoraUserInfoServiceName, "sessions"}};
-        opened.setSessionInfo(std::move(info), user, {}, nullptr);
-        const auto states = await<ReportingStates>([&](auto done) { opened.startConfig(std::move(done)); });
-        if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
-        return opened;
+        sessions_.push_back(
+            openSession(runtime_, daemon_->socketPath(), std::move(info), std::move(handlers)));
+        return *sessions_.back();
     }
 
     // The daemon's processor time per report in microseconds, for reports of one session.
     double costOfReports(ClientSession& session, uint64_t reports) {
-        const double before = cpuSeconds(world_.daemon->pid());
+        const double before = cpuSeconds(daemon_->pid());
         Stream stream{session, nextNumber_, nextNumber_ + reports, reports, {}};
         nextNumber_ += reports;
-        const size_t arrived = world_.laboratory->reports().eventCount();
+        const size_t arrived = world_.laboratory().reports().eventCount();
         for (size_t i = 0; i < kWindow; ++i)
             stream.sendNext();
         stream.done.get_future().get();
         await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
-        if (!world_.laboratory->reports().waitForEvents(arrived + reports, lab::kPatience)) {
+        if (!world_.laboratory().reports().waitForEvents(arrived + reports, lab::kPatience)) {
             throw std::runtime_error("reports are lost");
         }
-        return (cpuSeconds(world_.daemon->pid()) - before) * 1e6 / static_cast<double>(reports);
+        return (cpuSeconds(daemon_->pid()) - before) * 1e6 / static_cast<double>(reports);
     }
 
+    pid_t daemon() const { return daemon_->pid(); }
     uint64_t aggregated() const { return aggregated_->load(); }
 
   private:
@@ -128,7 +96,9 @@ class Sessions {
         }
     };
 
-    World& world_;
+    World world_;
+    std::unique_ptr<lab::DaemonProcess> daemon_;
+    ClientRuntime runtime_;
     uint64_t nextNumber_ = 0;
     // Shared with the aggregation block, which the runtime may run once more after this object's end.
     const std::shared_ptr<std::atomic<uint64_t>> aggregated_ = std::make_shared<std::atomic<uint64_t>>(0);
@@ -149,10 +119,9 @@ Dictionary costs(Sessions& sessions, uint64_t reports) {
 }
 
 Dictionary measure(size_t count, bool hierarchies, uint64_t reports) {
-    World world;
-    Sessions sessions(world);
+    Sessions sessions;
     sessions.open();  // fetches the bag
-    const pid_t pid = world.daemon->pid();
+    const pid_t pid = sessions.daemon();
     const Memory before = memoryOf(pid);
     const double cpuBefore = cpuSeconds(pid);
     const auto begin = Clock::now();

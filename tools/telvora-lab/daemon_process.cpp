@@ -48,6 +48,23 @@ void writeConfiguration(const DaemonOptions& options) {
     writePropertyList(config / "device.plist", device);
 }
 
+std::string socketIn(const std::filesystem::path& directory) {
+    return directory / "run" / "com.zandor.telvorad";
+}
+
+std::vector<std::string> socketActivation(const std::string& socket,
+                                          const std::map<std::string, std::string>& environment) {
+    std::vector<std::string> arguments{"/usr/bin/systemd-socket-activate", "--listen=" + socket,
+                                       "--listen=" + socket + ".Status",
+                                       "--fdname=com.zandor.telvorad.socket:com.zandor.telvorad.Status"};
+    // It hands on no variable that it isn't told of.
+    for (const char* name : {"JOURNAL_STREAM", "ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
+        arguments.insert(arguments.end(), {"-E", name});
+    for (const auto& [name, value] : environment)
+        arguments.insert(arguments.end(), {"-E", name});
+    return arguments;
+}
+
 ChildProcessOptions childOptions(const DaemonOptions& options) {
     writeConfiguration(options);
     std::map<std::string, std::string> environment = options.environment;
@@ -58,7 +75,9 @@ ChildProcessOptions childOptions(const DaemonOptions& options) {
                         {"TELVORA_FRAMEWORK_DIR", options.frameworkDirectory},
                         {"SSL_CERT_FILE", options.caFile},
                         {"LC_ALL", "en_US.UTF-8"}});
-    std::vector<std::string> arguments = options.launcher;
+    std::vector<std::string> arguments = options.socketActivation
+                                             ? socketActivation(socketIn(options.directory), environment)
+                                             : options.launcher;
     arguments.emplace_back(TELVORAD_PATH);
     return {std::move(arguments), std::move(environment), true};
 }
@@ -91,6 +110,14 @@ DaemonProcess::DaemonProcess(DaemonOptions options)
 
 bool DaemonProcess::waitUntilListening() const {
     return waitForLine(kListening);
+}
+
+bool DaemonProcess::waitUntilActivatable() const {
+    return waitForLine("Listening on " + socketPath() + ".Status as 4.");
+}
+
+std::string DaemonProcess::socketPath() const {
+    return socketIn(directory_);
 }
 
 bool DaemonProcess::waitForLine(std::string_view line, size_t from) const {

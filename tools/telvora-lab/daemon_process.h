@@ -40,6 +40,9 @@ struct DaemonOptions {
     std::map<std::string, std::string> environment;
     // A program that becomes the daemon (execve), with its arguments; empty: the daemon is started directly.
     std::vector<std::string> launcher;
+    // Whether it is started by the first connection to its socket (systemd-socket-activate(1)), in place of a
+    // launcher.
+    bool socketActivation = false;
 
     // The options for a daemon that lives in `directory` and talks to a laboratory.
     static DaemonOptions forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
@@ -56,7 +59,9 @@ class DaemonProcess {
 
     // Waits for the line that says that the daemon listens.
     bool waitUntilListening() const;
-    std::string socketPath() const { return directory_ / "run" / "com.zandor.telvorad"; }
+    // With socketActivation: waits until its sockets take the connection that will start it.
+    bool waitUntilActivatable() const;
+    std::string socketPath() const;
     pid_t pid() const { return process_.pid(); }
     ChildProcess& process() { return process_; }
 

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "world.h"
+
+#include <stdexcept>
+
+#include "await.h"
+#include "telvora/keys.h"
+
+namespace telvora::bench {
+
+World::World(const Dictionary& bag, std::string countByKey) {
+    auto made = lab::Laboratory::make(directory_.path() / "lab", {.countByKey = std::move(countByKey)});
+    if (!made) throw std::runtime_error(made.error());
+    laboratory_ = std::move(*made);
+    laboratory_->setBag("dravik", bag);
+}
+
+std::unique_ptr<lab::DaemonProcess> World::launch(
+    const std::function<void(lab::DaemonOptions&)>& change) const {
+    lab::DaemonOptions options = lab::DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(),
+                                                                   laboratory_->bags().baseURL());
+    options.logLevel = 6;
+    if (change) change(options);
+    return std::make_unique<lab::DaemonProcess>(std::move(options));
+}
+
+std::unique_ptr<lab::DaemonProcess> World::start(
+    const std::function<void(lab::DaemonOptions&)>& change) const {
+    auto daemon = launch(change);
+    if (!daemon->waitUntilListening()) throw std::runtime_error("the daemon does not start");
+    return daemon;
+}
+
+std::unique_ptr<ClientSession> openSession(ClientRuntime& runtime, const std::string& socketPath,
+                                           Dictionary info, ClientSession::Handlers handlers) {
+    auto session = ClientSession::connect(runtime, socketPath, std::move(handlers));
+    if (!session) throw std::runtime_error(session.error());
+    info.merge({{kTelvoraSessionInfoClientType, kClientType},
+                {kTelvoraSessionInfoRequireUserInfo, true},
+                {kTelvoraSessionInfoBatchEvent, true}});
+    const Dictionary user{{kTelvoraUserInfoClientName, "bench"}, {kTelvoraUserInfoServiceName, "load"}};
+    await<void>([&](auto done) { (*session)->setSessionInfo(info, user, {}, std::move(done)); });
+    const auto states = await<ReportingStates>([&](auto done) { (*session)->startConfig(std::move(done)); });
+    if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
+    return std::move(*session);
+}
+
+}  // namespace telvora::bench
