@@ -7,35 +7,20 @@
 #include <fstream>
 #include <thread>
 
-#include "telvora-lab/child_process.h"
-#include "tests/support/blocking_session.h"
+#include "telvora-lab/bags.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::ChildProcess;
 using lab::kPatience;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Optional;
 using testing::Pair;
 
 class DashboardInDaemon : public DaemonFixture {
   protected:
-    void serveDashboard(const Dictionary& changes = {}) {
-        Dictionary profile{{"ip", "127.0.0.1"},
-                           {"port", "@dashboard_port@"},
-                           {"reliable", 50},
-                           {"display_url", "https://show.example/"},
-                           {"post_url", "@logdata@"}};
-        profile.merge(changes);
-        laboratory().setBag("dravik",
-                            {{"version", "1"}, {"release", Dictionary{{"dashboard", std::move(profile)}}}});
-        startDaemon();
-    }
-
     // How many sockets of this machine are connected to the collector.
     size_t connectedSockets() {
         char peer[32];
@@ -47,30 +32,34 @@ class DashboardInDaemon : public DaemonFixture {
         return count;
     }
 
-    // Runs telvoractl until it has sent its reports; its exit status.
-    std::optional<int> dashboardSend(const std::vector<std::string>& more) {
-        std::vector<std::string> arguments{TELVORACTL_PATH, "dashboard-send", "--collector",
-                                           "127.0.0.1:" + std::to_string(laboratory().dashboard().port())};
-        for (const char* argument : {"--device", "tool", "--category", "4", "--type", "9"})
-            arguments.emplace_back(argument);
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return ChildProcess({arguments, {}, false}).waitForExit(kPatience);
+    static void dashboardSend(const std::string& collector, const std::string& more, int status = 0) {
+        expectRun(wordsOf(TELVORACTL_PATH " dashboard-send --device tool --category 4 --type 9 --collector " +
+                          collector + " " + more),
+                  status);
     }
+    std::string collector() { return "127.0.0.1:" + std::to_string(laboratory().dashboard().port()); }
 };
 
 TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) {
-    serveDashboard();
-    auto session = std::make_unique<BlockingSession>(daemon().socketPath());
-    EXPECT_THAT(session->startConfig(), Optional(ElementsAre("dashboard")));
+    laboratory().setBag(
+        "dravik", lab::bagWithBackends({{"dashboard", Dictionary{{"ip", "127.0.0.1"},
+                                                                 {"port", "@dashboard_port@"},
+                                                                 {"reliable", 50},
+                                                                 {"display_url", "https://show.example/"},
+                                                                 {"post_url", "@logdata@"}}}}));
+    startDaemon();
+    auto session = open({}, {"dashboard"});
     EXPECT_EQ(session->displayURL(), "https://show.example/");
     EXPECT_EQ(connectedSockets(), 1u);
 
     EXPECT_EQ(session->send(4, 1, {{"a", 1}}), std::nullopt);
     EXPECT_EQ(session->send(4, 1, {{"a", 1}}, 1), std::nullopt);
-    EXPECT_THAT(session->flush(), Pair(std::nullopt, std::nullopt));
+    const FlushAnswer flushed = session->flush();
+    EXPECT_EQ(flushed.answer, std::nullopt);
+    EXPECT_EQ(flushed.error, std::nullopt);
     const Array records{Dictionary{{"n", 1}, {"text", "\xc3\xbc=\n"}, {"data", Data{std::string(3, '\0')}}},
                         Array{true, -0.5, Date{1.5}}, "x"};
-    EXPECT_THAT(session->uploadLogData(records), Pair(true, std::nullopt));
+    EXPECT_TRUE(session->uploadLogData(records).uploaded);
     EXPECT_THAT(laboratory().logData().uploads(), ElementsAre(records));
     EXPECT_THAT(laboratory().logData().problems(), IsEmpty());
     expectLine("<7>DashboardBackend(uploadLogData): Log data uploaded to " +
@@ -85,7 +74,7 @@ TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) 
     EXPECT_EQ(connectedSockets(), 0u);
 
     // What the daemon had sent would have arrived before this.
-    EXPECT_EQ(dashboardSend({"--unreliable"}), 0);
+    dashboardSend(collector(), "--unreliable");
     ASSERT_TRUE(laboratory().dashboard().waitForReports(1, kPatience));
     EXPECT_EQ(laboratory().dashboard().summary().integer("received"), 1);
     EXPECT_EQ(laboratory().dashboard().reports()[0].device, "tool");
@@ -93,17 +82,16 @@ TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) 
 
 TEST_F(DashboardInDaemon, TelvoractlSendsInEveryMode) {
     const struct {
-        std::vector<std::string> arguments;
+        std::string arguments;
         bool wantsAcknowledgement, configuredByBag;
-    } modes[] = {{{"--unreliable"}, false, true}, {{"--period", "20"}, true, true}, {{}, true, false}};
+    } modes[] = {{"--unreliable", false, true}, {"--period 20", true, true}, {"", true, false}};
     size_t expected = 0;
     for (const auto& mode : modes) {
-        std::vector<std::string> arguments = mode.arguments;
-        for (const char* argument : {"--count", "30", "--component", "7", "--payload", "note=a=b\\c",
-                                     "--payload", "ok:=true", "--payload", "empty="})
-            arguments.emplace_back(argument);
-        arguments.insert(arguments.end(), {"--session-id", std::to_string(expected)});
-        EXPECT_EQ(dashboardSend(arguments), 0);
+        SCOPED_TRACE(mode.arguments);
+        dashboardSend(collector(),
+                      "--count 30 --component 7 --payload note=a=b\\c --payload ok:=true --payload empty= "
+                      "--session-id " +
+                          std::to_string(expected) + " " + mode.arguments);
         ASSERT_TRUE(laboratory().dashboard().waitForReports(expected += 30, kPatience));
         const lab::DashboardReport report = laboratory().dashboard().reports().back();
         EXPECT_EQ(report.wantsAcknowledgement, mode.wantsAcknowledgement);
@@ -114,9 +102,8 @@ TEST_F(DashboardInDaemon, TelvoractlSendsInEveryMode) {
     }
     EXPECT_EQ(laboratory().dashboard().summary().real("deliveryRatio"), 1);
     EXPECT_THAT(laboratory().dashboard().problems(), IsEmpty());
-    for (const char* collector :
-         {"127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":1", "name:1", "127.0.0.1:1x"})
-        EXPECT_EQ(dashboardSend({"--collector", collector}), 2) << collector;
+    for (const char* bad : {"127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":1", "name:1", "127.0.0.1:1x"})
+        dashboardSend(bad, "", 2);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@ usage: gdbus_client.py SOCKET CLIENT_TYPE
 Talks to all operations and checks every answer; then does what a client must not do, on connections of its own, and
 checks that the daemon says so and goes on. Exits with status 0 if all was as it should be.
 """
-import socket
 import sys
 
 from gi.repository import Gio, GLib
@@ -130,27 +129,6 @@ def refusals(path):
     expect("the connection lives on", client.call("FetchDisplayURL"), ("URL not available",))
 
 
-def rudeness(path):
-    for opening in [b"GET / HTTP/1.1\r\n\r\n", b"\0AUTH NONSENSE\r\n" * 3, bytes(range(256)) * 64]:
-        with socket.socket(socket.AF_UNIX) as rude:
-            rude.settimeout(TIMEOUT / 1000)
-            rude.connect(path)
-            try:
-                rude.sendall(opening)
-                rude.shutdown(socket.SHUT_WR)
-                while rude.recv(4096):
-                    pass
-            except OSError:
-                pass
-        print("ok: garbage is hung up on")
-    # Half a message, then silence for ever.
-    client = Client(path)
-    client.bus.call(None, PATH, SESSION, "FlushMessages", None, None, 0, TIMEOUT, None, None)
-    client.bus.get_stream().get_socket().close()
-    expect("others are served", Client(path).call("FetchDisplayURL"), ("URL not available",))
-
-
 if __name__ == "__main__":
     all_operations(sys.argv[1], int(sys.argv[2]))
     refusals(sys.argv[1])
-    rudeness(sys.argv[1])

@@ -1,91 +1,74 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sessions that belong together, at the real daemon, from one process and from several.
+// Sessions that belong together, at the real daemon, and what their clients may do to each other.
 #include <gmock/gmock.h>
 
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <limits>
+#include <thread>
 
 #include "telvora-lab/bags.h"
 #include "telvora/keys.h"
-#include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::bagWithClients;
-using lab::ChildProcess;
-using lab::ChildProcessOptions;
 using lab::kPatience;
-using lab::openClientEntry;
 using testing::ElementsAre;
 using testing::Optional;
+using testing::StartsWith;
 using Session = std::unique_ptr<BlockingSession>;
 
 constexpr uint16_t kBlacklisted = 9;  // reaches aggregators, but no backend
 constexpr char kUnreachable[] = "<3>sendMessageWithDictionary: Failed to get remote object proxy: ";
 
-SessionSettings settingsFor(int64_t sessionID) {
-    SessionSettings settings;
-    settings.sessionID = sessionID;
-    return settings;
+Dictionary token(const PropertyList& tokenID, const PropertyList& level) {
+    return {{kTelvoraHierarchyTokenTokenID, tokenID}, {kTelvoraHierarchyTokenLevel, level}};
 }
 
-SessionSettings settingsFor(int64_t sessionID, const std::string& token, int64_t level) {
-    SessionSettings settings = settingsFor(sessionID);
-    settings.setHierarchy(token, level);
-    return settings;
+SessionSettings place(int64_t sessionID, const std::string& tokenID, int64_t level, bool aggregates = false) {
+    return {.sessionID = sessionID, .hierarchyToken = token(tokenID, level), .aggregates = aggregates};
+}
+
+// The last of the IDs that a combined one is made of.
+std::string ownID(const std::string& combined) {
+    return combined.substr(combined.rfind('.') + 1);
 }
 
 class Hierarchy : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        Dictionary entry = openClientEntry();
+        Dictionary entry = lab::openClientEntry();
         entry.set("event_blacklist", Array{kBlacklisted});
-        laboratory().setBag("dravik", bagWithClients({entry}));
+        laboratory().setBag("dravik", lab::bagWithClients({entry}));
         startDaemon();
     }
 
-    Session open(const SessionSettings& settings) {
-        auto session = std::make_unique<BlockingSession>(daemon().socketPath(), settings);
-        EXPECT_THAT(session->startConfig(), Optional(ElementsAre("httpPost"))) << settings.sessionID;
-        return session;
-    }
-    Session openAggregator(int64_t sessionID, const std::string& token, int64_t level) {
-        SessionSettings settings = settingsFor(sessionID, token, level);
-        settings.aggregates = true;
-        return open(settings);
+    void expectEndOf(int64_t sessionID) {
+        expectLine("<7>dealloc: TelvoradSession dealloc: " + std::to_string(sessionID));
     }
     // Ends a session, and waits until the daemon is through with it.
     void close(Session& session, int64_t sessionID) {
         session.reset();
-        expectLine("<7>dealloc: TelvoradSession dealloc: " + std::to_string(sessionID));
+        expectEndOf(sessionID);
     }
-    std::unique_ptr<ChildProcess> start(std::vector<std::string> arguments) {
-        return std::make_unique<ChildProcess>(ChildProcessOptions{std::move(arguments), {}, false});
-    }
-    // A session in a process of its own, which reports nothing and stays until its input is closed.
-    std::unique_ptr<ChildProcess> openElsewhere(int64_t sessionID, const std::string& token, int64_t level,
-                                                bool aggregates = false) {
-        std::vector<std::string> arguments{
-            TELVORACTL_PATH,     "--socket", daemon().socketPath(), "session",
-            "--client-type",     "8",        "--session-id",        std::to_string(sessionID),
-            "--client-name",     "ctl",      "--require-user-info", "--batch",
-            "--hierarchy-token", token,      "--hierarchy-level",   std::to_string(level)};
-        if (aggregates) arguments.push_back("--aggregate");
-        auto process = start(std::move(arguments));
-        EXPECT_TRUE(process->output().waitFor(
-            [](std::string_view line) { return line == "{\"reportingStates\":[\"httpPost\"]}"; }, kPatience));
-        return process;
+    // telvoractl with a session of that ID on that level of the hierarchy "t".
+    std::vector<std::string> telvoractl(const std::string& command, int64_t sessionID, int64_t level) {
+        return wordsOf(TELVORACTL_PATH " --socket " + daemon().socketPath() + " " + command +
+                       " --client-type 8 --client-name ctl --require-user-info --hierarchy-token t " +
+                       "--hierarchy-level " + std::to_string(level) + " --session-id " +
+                       std::to_string(sessionID));
     }
     // The ID under which a session reports now.
     std::string idOf(const Session& session) {
         const int64_t mark = ++lastMark_;
         session->send(4, 1, {{"mark", mark}});
-        EXPECT_EQ(session->flush().second, std::nullopt);
+        EXPECT_EQ(session->flush().error, std::nullopt);
         for (const Dictionary& event : reports().events()) {
             if (event.integer("mark") == mark) return *event.string("_sessionID");
         }
@@ -97,88 +80,59 @@ class Hierarchy : public DaemonFixture {
 };
 
 // The next report, of the daemon's own start messages none.
-Delivery nextReport(const Session& session) {
-    Delivery delivery = session->nextDelivery();
-    while (delivery.sessionInfo && delivery.category == 0)
-        delivery = session->nextDelivery();
-    return delivery;
+AggregatedMessage nextReport(const Session& session) {
+    AggregatedMessage message = session->nextDelivery();
+    while (message.sessionInfo && message.category == 0)
+        message = session->nextDelivery();
+    return message;
 }
 
-bool isEndMarker(const Delivery& delivery) {
-    return !delivery.sessionInfo && !delivery.payload && delivery.timestamp == 0 && delivery.category == 0 &&
-           delivery.type == 0;
-}
-
-TEST_F(Hierarchy, ChildrenOutliveTheirParents) {
-    auto parent = openElsewhere(10, "t", 0);
-    const Session child = open(settingsFor(11, "t", 1));
-    const Session own = open(settingsFor(12));
+TEST_F(Hierarchy, ChildrenOutliveTheirParentsAndParentsTheirChildren) {
+    Session parent = open(place(10, "t", 0));
+    const std::string top = idOf(parent);
+    EXPECT_EQ(top.size(), 24u);
+    Session child = open(place(11, "t", 1));
     const std::string combined = idOf(child);
-    EXPECT_EQ(combined.size(), 2 * idOf(own).size() + 1);
-    EXPECT_EQ(combined[24], '.');
+    EXPECT_EQ(combined, top + "." + ownID(combined));
+    Session grandchild = open(place(12, "t", 2));
+    EXPECT_THAT(idOf(grandchild), StartsWith(combined + "."));
 
-    parent->closeInput();
-    EXPECT_EQ(parent->waitForExit(kPatience), 0);
-    expectLine("<7>dealloc: TelvoradSession dealloc: 10");
+    close(grandchild, 12);
+    EXPECT_EQ(idOf(child), combined);
+    close(parent, 10);
     EXPECT_EQ(idOf(child), combined) << "the backends keep the ID that they have";
-
-    const Session orphan = open(settingsFor(13, "t", 1));
-    EXPECT_EQ(idOf(orphan).find('.'), std::string::npos);
+    const Session orphan = open(place(13, "t", 1));
+    EXPECT_EQ(idOf(orphan).size(), 24u);
     expectLine("<3>parentSessionForChild: Unable to find session with hierarchy of 0 for hierarchyToken 't'");
-    expectLine(
-        "<6>syncReportingStates: child session 13 (backend httpPost) with hierarchy 1 is missing its parent");
-
-    const Session newParent = open(settingsFor(14, "t", 0));
-    EXPECT_EQ(idOf(child), idOf(newParent) + combined.substr(24));
-}
-
-TEST_F(Hierarchy, ParentsOutliveTheirChildren) {
-    const Session parent = open(settingsFor(10, "t", 0));
-    const std::string id = idOf(parent);
-    auto child = openElsewhere(11, "t", 1);
-    Session grandchild = open(settingsFor(12, "t", 2));
-    EXPECT_EQ(idOf(grandchild).size(), 3 * id.size() + 2);
-    child->closeInput();
-    EXPECT_EQ(child->waitForExit(kPatience), 0);
-    expectLine("<7>dealloc: TelvoradSession dealloc: 11");
-    EXPECT_EQ(idOf(parent), id);
-    EXPECT_EQ(idOf(open(settingsFor(13, "t", 1))).substr(0, 25), id + ".");
+    const Session newParent = open(place(14, "t", 0));
+    EXPECT_EQ(idOf(child), idOf(newParent) + "." + ownID(combined));
 }
 
 TEST_F(Hierarchy, TheFirstOfALevelIsTheParent) {
-    const Session top = open(settingsFor(1, "t", 0));
-    Session first = open(settingsFor(2, "t", 1));
-    const Session second = open(settingsFor(3, "t", 1));
-    const Session bottom = open(settingsFor(4, "t", 2));
-    const std::string own = idOf(bottom).substr(49);
-    EXPECT_EQ(idOf(bottom), idOf(first) + own);
+    const Session top = open(place(1, "t", 0));
+    Session first = open(place(2, "t", 1));
+    const Session second = open(place(3, "t", 1));
+    EXPECT_THAT(idOf(open(place(4, "t", 2))), StartsWith(idOf(first) + "."));
     close(first, 2);
-    EXPECT_THAT(bottom->fetchStates(), Optional(ElementsAre("httpPost")));
-    const Session lower = open(settingsFor(5, "t", 2));
-    EXPECT_EQ(idOf(lower).substr(0, 49), idOf(second));
+    EXPECT_THAT(idOf(open(place(5, "t", 2))), StartsWith(idOf(second) + "."));
 }
 
 TEST_F(Hierarchy, AChangedTokenMovesASession) {
-    const Session one = open(settingsFor(1, "one", 0));
-    const Session two = open(settingsFor(2, "two", 0));
-    const Session child = open(settingsFor(3, "one", 1));
+    const Session one = open(place(1, "one", 0));
+    const Session two = open(place(2, "two", 0));
+    const Session child = open(place(3, "one", 1));
     const std::string before = idOf(child);
-    child->setSessionInfo(settingsFor(3, "two", 1));
+    EXPECT_THAT(before, StartsWith(idOf(one) + "."));
+    child->setSessionInfo(place(3, "two", 1));
     EXPECT_EQ(idOf(child), before) << "the new place counts from the next configuration on";
     child->startConfig();
-    EXPECT_EQ(idOf(child), idOf(two) + before.substr(24));
-    // Under its old token nobody finds it any more.
-    EXPECT_EQ(idOf(open(settingsFor(4, "one", 2))).find('.'), std::string::npos);
-    EXPECT_EQ(before.substr(0, 24), idOf(one));
+    EXPECT_EQ(idOf(child), idOf(two) + "." + ownID(before));
+    EXPECT_EQ(idOf(open(place(4, "one", 2))).size(), 24u) << "nobody finds it under its old token";
 }
 
 TEST_F(Hierarchy, OddTokensHarmNobody) {
-    const Session top = open(settingsFor(1, "t", 0));
-    const auto token = [](const PropertyList& tokenID, const PropertyList& level) {
-        return Dictionary{{kTelvoraHierarchyTokenTokenID, tokenID}, {kTelvoraHierarchyTokenLevel, level}};
-    };
-    constexpr auto kLowest = std::numeric_limits<int64_t>::min();
-    constexpr auto kHighest = std::numeric_limits<int64_t>::max();
+    const Session top = open(place(1, "t", 0));
+    using Levels = std::numeric_limits<int64_t>;
     const PropertyList tokens[] = {"t",
                                    Array{"t", 1},
                                    7,
@@ -186,77 +140,85 @@ TEST_F(Hierarchy, OddTokensHarmNobody) {
                                    token(Array{"t"}, 1),
                                    token("t", "one"),
                                    token("t", -1),
-                                   token("t", kLowest),
+                                   token("t", Levels::min()),
                                    token("t", 5),
-                                   token("t", kHighest),
+                                   token("t", Levels::max()),
                                    token("", 1),
                                    Dictionary{}};
     int64_t sessionID = 100;
     for (const PropertyList& odd : tokens) {
-        SessionSettings settings = settingsFor(++sessionID);
-        settings.hierarchyToken = odd;
-        settings.aggregates = true;
-        EXPECT_EQ(idOf(open(settings)).find('.'), std::string::npos) << sessionID;
+        const Session session = open({.sessionID = ++sessionID, .hierarchyToken = odd, .aggregates = true});
+        EXPECT_EQ(idOf(session).size(), 24u) << sessionID;
     }
-    EXPECT_EQ(idOf(open(settingsFor(2, "t", 1))).substr(0, 25), idOf(top) + ".");
+    EXPECT_THAT(idOf(open(place(2, "t", 1))), StartsWith(idOf(top) + "."));
 }
 
 TEST_F(Hierarchy, AGapCutsTheHigherAncestorsOff) {
-    const Session top = open(settingsFor(1, "t", 0));
-    const Session second = open(settingsFor(2, "t", 2));
-    const Session third = open(settingsFor(3, "t", 3));
+    const Session top = open(place(1, "t", 0));
+    const Session second = open(place(2, "t", 2));
+    const Session third = open(place(3, "t", 3));
     const std::string id = idOf(second);
     EXPECT_EQ(id.size(), 24u);
-    EXPECT_EQ(idOf(third).substr(0, 25), id + ".");
+    EXPECT_THAT(idOf(third), StartsWith(id + "."));
     expectLine(
         "<6>parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
         "parentSessionID is '" +
         id + "'");
     // Aggregation knows no gaps.
-    const Session aggregator = openAggregator(4, "t", 1);
+    const Session aggregator = open(place(4, "t", 1, true));
     third->send(kBlacklisted, 1, {{"k", 1}});
     EXPECT_EQ(nextReport(aggregator).payload->integer("k"), 1);
 }
 
 TEST_F(Hierarchy, OnlyTheHighestAggregatorHears) {
-    const Session child = openAggregator(2, "t", 1);
-    child->send(kBlacklisted, 1, {});
+    const Session child = open(place(2, "t", 1, true));
+    child->send(kBlacklisted, 1);
     EXPECT_EQ(nextReport(child).type, 1);
-    const Session parent = openAggregator(1, "t", 0);
-    EXPECT_TRUE(isEndMarker(child->nextDelivery()));
+    const Session parent = open(place(1, "t", 0, true));
+    EXPECT_TRUE(child->nextDelivery().isEndMarker());
     child->send(kBlacklisted, 2, {{"k", 1}, {kTelvoraUserInfoClientName, "somebody else"}});
-    const Delivery delivery = nextReport(parent);
-    EXPECT_EQ(delivery.sessionInfo->integer(kTelvoraSessionInfoSessionID), 2);
-    EXPECT_GT(delivery.timestamp, 0);
-    EXPECT_EQ(delivery.type, 2);
-    EXPECT_EQ(delivery.payload, (Dictionary{{"k", 1},
-                                            {kTelvoraUserInfoClientName, "tester"},
-                                            {kTelvoraUserInfoServiceName, "integration"}}));
+    const AggregatedMessage message = nextReport(parent);
+    EXPECT_EQ(message.sessionInfo->integer(kTelvoraSessionInfoSessionID), 2);
+    EXPECT_GT(message.timestamp, 0);
+    EXPECT_EQ(message.type, 2);
+    EXPECT_EQ(message.payload, (Dictionary{{"k", 1},
+                                           {kTelvoraUserInfoClientName, "tester"},
+                                           {kTelvoraUserInfoServiceName, "integration"}}));
 }
 
-TEST_F(Hierarchy, SurvivesClientsThatAreKilled) {
-    const Session neighbour = open(settingsFor(1, "t", 1));
-    auto aggregator = openElsewhere(10, "t", 0, true);
-    auto flood = start({TELVORA_HIERARCHY_CLIENT, daemon().socketPath(), "t", "flood", "1"});
-    const auto flooding = [](std::string_view line) { return line == "flooding"; };
-    ASSERT_TRUE(flood->output().waitFor(flooding, kPatience));
-    ASSERT_TRUE(aggregator->output().waitFor(
-        [](std::string_view line) { return line.find("xxxx") != std::string_view::npos; }, kPatience));
+TEST_F(Hierarchy, SurvivesClientsThatGoInTheMiddle) {
+    const Session neighbour = open(place(1, "t", 1));
+    lab::ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}, false});
+    const auto waitForOutput = [&](std::string_view part) {
+        return aggregator.output().waitFor(
+            [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);
+    };
+    ASSERT_TRUE(waitForOutput("{\"reportingStates\":[\"httpPost\"]}"));
+    Session flooding = open(place(2, "t", 1));
+    std::jthread flood([&](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            for (int i = 0; i < 64; ++i)
+                flooding->beginSend(4, 1, {{"text", std::string(500, 'x')}});
+            flooding->fetchStates();
+        }
+        for (int i = 0; i < 64; ++i)
+            flooding->beginSend(4, 1, {{"text", "in flight at the end"}});
+    });
+    ASSERT_TRUE(waitForOutput("xxxx"));
 
     // While it is being called: its end marker, at the least, can't reach it any more.
     const size_t from = daemon().logLineCount();
-    aggregator->signal(SIGKILL);
-    EXPECT_EQ(aggregator->waitForExit(kPatience), 128 + SIGKILL);
-    expectLine("<7>dealloc: TelvoradSession dealloc: 10");
+    aggregator.signal(SIGKILL);
+    EXPECT_EQ(aggregator.waitForExit(kPatience), 128 + SIGKILL);
+    expectEndOf(10);
     expectLineBeginning(kUnreachable, from);
     EXPECT_EQ(idOf(neighbour).size(), 49u);
 
-    // While its reports are in flight.
-    flood->signal(SIGKILL);
-    EXPECT_EQ(flood->waitForExit(kPatience), 128 + SIGKILL);
-    expectLine("<7>dealloc: TelvoradSession dealloc: 1000");
+    flood.request_stop();
+    flood.join();
+    close(flooding, 2);
     EXPECT_EQ(idOf(neighbour).size(), 49u);
-    EXPECT_EQ(idOf(open(settingsFor(2, "t", 0))).size(), 24u);
+    EXPECT_EQ(idOf(open(place(3, "t", 0))).size(), 24u);
 }
 
 int64_t residentKiB(pid_t pid) {
@@ -268,16 +230,16 @@ int64_t residentKiB(pid_t pid) {
 }
 
 TEST_F(Hierarchy, AnAggregatorThatStopsReadingDelaysNobody) {
-    constexpr size_t kBytes = 16'000;
     constexpr int kUntilFull = 500;  // 8 MB: more than all that may wait for one client
     constexpr int kMore = 2000;
     [[maybe_unused]] constexpr int64_t kMayGrowKiB = 4096;
-    const Session aggregator = openAggregator(1, "t", 0);
-    const Session child = open(settingsFor(2, "t", 1));
-    const Session neighbour = open(settingsFor(3));
+    const Session aggregator = open(place(1, "t", 0, true));
+    const Session child = open(place(2, "t", 1));
+    const Session neighbour = open({.sessionID = 3});
 
+    auto reading = aggregator->stopReading();
     const size_t from = daemon().logLineCount();
-    const Dictionary payload{{"text", std::string(kBytes, 'x')}};
+    const Dictionary payload{{"text", std::string(16'000, 'x')}};
     for (int i = 0; i < kUntilFull; ++i)
         child->send(kBlacklisted, 1, payload);
     expectLineBeginning(kUnreachable, from);
@@ -291,87 +253,54 @@ TEST_F(Hierarchy, AnAggregatorThatStopsReadingDelaysNobody) {
     EXPECT_EQ(idOf(child).size(), 49u);
 
     // What was not dropped is still there for it, and it can go on.
+    reading.unlock();
     EXPECT_EQ(nextReport(aggregator).type, 1);
     EXPECT_THAT(aggregator->fetchStates(), Optional(ElementsAre("httpPost")));
-    child->send(kBlacklisted, 3, {});
-    Delivery delivery = nextReport(aggregator);
-    while (delivery.type != 3)
-        delivery = nextReport(aggregator);
-    EXPECT_EQ(delivery.sessionInfo->integer(kTelvoraSessionInfoSessionID), 2);
+    child->send(kBlacklisted, 3);
+    AggregatedMessage message = nextReport(aggregator);
+    while (message.type != 3)
+        message = nextReport(aggregator);
+    EXPECT_EQ(message.sessionInfo->integer(kTelvoraSessionInfoSessionID), 2);
 }
 
 TEST_F(Hierarchy, TakesSessionsThatJoinAndLeaveAllAtOnce) {
-    constexpr int kProcesses = 4;
-    const Session top = open(settingsFor(5000, "t", 0));
-    std::vector<std::unique_ptr<ChildProcess>> clients;
-    for (int i = 0; i < kProcesses; ++i)
-        clients.push_back(start({TELVORA_HIERARCHY_CLIENT, daemon().socketPath(), "t", "churn", "25", "2"}));
-    for (const auto& client : clients) {
-        EXPECT_EQ(client->waitForExit(kPatience * 2), 0);
-        EXPECT_EQ(client->errors().lines(), std::vector<std::string>());
+    const Session top = open(place(5000, "t", 0));
+    // Sessions on all levels join, report, and leave without goodbye.
+    const auto churn = [this] {
+        std::vector<Session> sessions;
+        std::vector<std::function<void()>> answers;
+        for (int64_t i = 0; i < 25; ++i) {
+            sessions.push_back(
+                std::make_unique<BlockingSession>(daemon().socketPath(), place(i, "t", i % 4, i % 10 == 0)));
+            answers.emplace_back(sessions.back()->beginStartConfig());
+            for (uint16_t report = 0; report < 3; ++report)
+                answers.emplace_back(sessions.back()->beginSend(4, report, {{"n", i}}));
+        }
+        for (const auto& answer : answers)
+            answer();
+    };
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::future<void>> clients;
+        for (int i = 0; i < 4; ++i)
+            clients.push_back(std::async(std::launch::async, churn));
+        for (auto& client : clients)
+            EXPECT_NO_THROW(client.get());
     }
-    EXPECT_EQ(idOf(open(settingsFor(5001, "t", 1))).substr(0, 25), idOf(top) + ".");
+    EXPECT_THAT(idOf(open(place(5001, "t", 1))), StartsWith(idOf(top) + "."));
 }
 
 TEST_F(Hierarchy, OneShotMessagesGiveTheirSessionTheirPlace) {
-    const Session top = open(settingsFor(1, "t", 0));
-    auto send = start({TELVORACTL_PATH, "--socket", daemon().socketPath(), "oneshot", "--client-type", "8",
-                       "--session-id", "2", "--client-name", "ctl", "--require-user-info",
-                       "--hierarchy-token", "t", "--hierarchy-level", "1", "--category", "4", "--type", "7"});
-    EXPECT_EQ(send->waitForExit(kPatience), 0);
+    const Session top = open(place(1, "t", 0));
+    expectRun(telvoractl("oneshot --category 4 --type 7", 2, 1), 0, "finished");
     expectLine(
         "<7>updateCorrelatedSessions: Adding session 2 to list for hierarchyToken t with "
         "hierarchyLevel 1");
     // Its report goes out under no combined ID, and its place is free again.
-    expectLine("<7>dealloc: TelvoradSession dealloc: 2");
-    ASSERT_TRUE(reports().waitForEvents(1, kPatience));
+    expectEndOf(2);
+    ASSERT_TRUE(waitForEvents(1));
     for (const Dictionary& event : reports().events())
         EXPECT_EQ(event.string("_sessionID"), nullptr);
-    EXPECT_EQ(idOf(open(settingsFor(3, "t", 2))).find('.'), std::string::npos);
-}
-
-class Flush : public DaemonFixture {};
-
-TEST_F(Flush, WithoutBackendsIsAnError) {
-    startDaemon();
-    BlockingSession session(daemon().socketPath());
-    EXPECT_EQ(session.startConfig(), std::nullopt);
-    EXPECT_EQ(session.flush(),
-              FlushAnswer(std::nullopt, makeTelvoraError("No backends available to send message", -1)));
-    EXPECT_EQ(session.finish(), std::nullopt);
-    expectLine("<7>internalFlushMessagesWithCompletion: No backends available to send message");
-}
-
-TEST_F(Flush, OfAnEmptyDictionaryIsNeverAnswered) {
-    laboratory().setBag("dravik", {{"version", "1"}, {"release", Dictionary{{"unknown", Dictionary{}}}}});
-    startDaemon();
-    BlockingSession session(daemon().socketPath());
-    EXPECT_THAT(session.startConfig(), Optional(testing::IsEmpty()));
-    session.beginFlush();
-    EXPECT_THAT(session.fetchStates(), Optional(testing::IsEmpty()));  // a later call has its answer
-    EXPECT_EQ(session.unclaimedAnswers(), 0u);
-}
-
-TEST_F(Flush, TellsOfTheFirstBackendThatFailsAtOnce) {
-    lab::ReportingServer failing(laboratory().pki());
-    failing.setFault(lab::ReportingFault::noAnswer);
-    Dictionary second = openClientEntry();
-    second.set("post_url", failing.eventsURL());
-    laboratory().setBag(
-        "dravik", {{"version", "1"},
-                   {"release", Dictionary{{"httpPost", Dictionary{{"clients", Array{openClientEntry()}}}},
-                                          {"httpPost2", Dictionary{{"clients", Array{second}}}}}}});
-    startDaemon();
-    BlockingSession session(daemon().socketPath());
-    EXPECT_THAT(session.startConfig(), Optional(ElementsAre("httpPost", "httpPost2")));
-    reports().setFault(lab::ReportingFault::hold);
-    session.send(4, 1, {{"k", 1}});
-    EXPECT_TRUE(session.flush().second) << "while the other backend still waits for its server";
-    reports().setFault(lab::ReportingFault::none);
-    reports().releaseHeld();
-    EXPECT_TRUE(reports().waitForEvents(2, kPatience));
-    EXPECT_TRUE(session.flush().second) << "nothing to flush";
-    EXPECT_EQ(session.unclaimedAnswers(), 0u);
+    EXPECT_EQ(idOf(open(place(3, "t", 2))).size(), 24u);
 }
 
 }  // namespace

@@ -5,18 +5,13 @@
 #include <gmock/gmock.h>
 
 #include "telvora-lab/bags.h"
-#include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::bagWithClients;
 using lab::kPatience;
-using lab::openBag;
-using lab::openClientEntry;
 using lab::ReportingFault;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
 
@@ -26,32 +21,20 @@ class ReportingServerFaults : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
+        laboratory().setBag("dravik", lab::openBag());
         // Another client type reports to another server, which is well.
         well_ = std::make_unique<lab::ReportingServer>(laboratory().pki());
-        Dictionary entry = openClientEntry();
-        entry.set("post_url", well_->eventsURL());
-        bags().setBag("fenlow", bagWithClients({entry}));
-        laboratory().setBag("dravik", openBag());
+        bags().setBag("fenlow", lab::bagWithClients({entryFor(*well_)}));
         startDaemon();
-        neighbour_ = open(9);
+        neighbour_ = open({.clientType = 9});
     }
 
-    std::unique_ptr<BlockingSession> open(int64_t clientType) {
-        SessionSettings settings;
-        settings.clientType = clientType;
-        auto session = std::make_unique<BlockingSession>(daemon().socketPath(), settings);
-        EXPECT_THAT(session->startConfig(), Optional(ElementsAre("httpPost")));
-        return session;
+    static Dictionary entryFor(const lab::ReportingServer& server) {
+        Dictionary entry = lab::openClientEntry();
+        entry.set("post_url", server.eventsURL());
+        return entry;
     }
-    static void expectReports(BlockingSession& session, lab::ReportingServer& server) {
-        const size_t before = server.eventCount();
-        session.send(4, 2, {});
-        EXPECT_EQ(session.flush().second, std::nullopt);
-        EXPECT_TRUE(server.waitForEvents(before + 1, kPatience));
-    }
-    void expectNeighbourReports() { expectReports(*neighbour_, *well_); }
-    // That `session` can still report.
-    void expectReports(BlockingSession& session) { expectReports(session, reports()); }
+    void expectNeighbourReports() { expectReport(*neighbour_, *well_); }
 
     std::unique_ptr<lab::ReportingServer> well_;
     std::unique_ptr<BlockingSession> neighbour_;
@@ -59,63 +42,78 @@ class ReportingServerFaults : public DaemonFixture {
 
 TEST_F(ReportingServerFaults, TellTheClientThatFlushesAndNobodyElse) {
     const struct {
+        const char* what;
         std::optional<ReportingFault> fault;  // none: connections are refused
         bool transportError;
-    } cases[] = {{ReportingFault::noAnswer, true},
-                 {ReportingFault::halfAnswer, true},
-                 {ReportingFault::notFound, false},
-                 {std::nullopt, true}};
-    const auto session = open(8);
-    for (const auto& [fault, transportError] : cases) {
-        SCOPED_TRACE(fault ? static_cast<int>(*fault) : -1);
+    } cases[] = {{"no answer", ReportingFault::noAnswer, true},
+                 {"half an answer", ReportingFault::halfAnswer, true},
+                 {"404", ReportingFault::notFound, false},
+                 {"refused", std::nullopt, true}};
+    const auto session = open();
+    for (const auto& [what, fault, transportError] : cases) {
+        SCOPED_TRACE(what);
         const size_t from = daemon().logLineCount();
         if (!fault) reports().refuse();
         reports().setFault(fault.value_or(ReportingFault::none));
         session->send(4, 1, {{"a", 1}});
-        const auto [answer, error] = session->flush();
-        EXPECT_TRUE(answer);  // what was sent, whether or not it arrived
-        EXPECT_EQ(error.has_value(), transportError);
+        const FlushAnswer flushed = session->flush();
+        EXPECT_TRUE(flushed.answer);  // what was sent, whether or not it arrived
+        EXPECT_EQ(flushed.error.has_value(), transportError);
         if (transportError) expectLineBeginning("<3>HTTPSPostBackend(postJsonMessage): post error: ", from);
         expectNeighbourReports();
         reports().setFault(ReportingFault::none);
         ASSERT_TRUE(fault || reports().accept());
-        expectReports(*session);
+        expectReport(*session);
     }
 }
 
 TEST_F(ReportingServerFaults, EndABackendByServiceUnavailable) {
-    const auto session = open(8);
+    const auto session = open();
     reports().setFault(ReportingFault::serviceUnavailable);
-    session->send(4, 1, {});
-    EXPECT_EQ(session->flush().second, makeTelvoraError(kDisabled, 503));
+    session->send(4, 1);
+    EXPECT_EQ(session->flush().error, makeTelvoraError(kDisabled, 503));
     expectLine(std::string("<6>postJSONMessage: ") + kDisabled);
     reports().setFault(ReportingFault::none);
 
     // Disabled for this session, whatever it does.
     const size_t arrived = reports().eventCount();
-    EXPECT_EQ(session->send(4, 1, {}), std::nullopt);
+    EXPECT_EQ(session->send(4, 1), std::nullopt);
     EXPECT_EQ(session->send(4, 1, {}, 3), std::nullopt);
-    EXPECT_EQ(session->flush().second, makeTelvoraError("Nothing to flush", -1));
+    EXPECT_EQ(session->flush().error, makeTelvoraError("Nothing to flush", -1));
     EXPECT_THAT(session->fetchStates(), Optional(IsEmpty()));
     EXPECT_EQ(reports().eventCount(), arrived);
 
     expectNeighbourReports();
-    expectReports(*open(8));
+    expectReport(*open());
 }
 
 TEST_F(ReportingServerFaults, HoldUpOnlyTheClientThatFlushes) {
-    const auto session = open(8);
+    const auto session = open();
     reports().setFault(ReportingFault::hold);
-    session->send(4, 1, {});
+    session->send(4, 1);
     const auto flushed = session->beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
     // The same client's other calls are answered meanwhile, too.
-    EXPECT_EQ(session->send(4, 2, {}), std::nullopt);
+    EXPECT_EQ(session->send(4, 2), std::nullopt);
     expectNeighbourReports();
     reports().setFault(ReportingFault::none);
     reports().releaseHeld();
-    EXPECT_EQ(flushed().second, std::nullopt);
-    expectReports(*session);
+    EXPECT_EQ(flushed().error, std::nullopt);
+    expectReport(*session);
+}
+
+TEST_F(ReportingServerFaults, AreToldWhileAnotherBackendStillWaits) {
+    well_->setFault(ReportingFault::noAnswer);
+    laboratory().setBag("dravik",
+                        lab::openBag({{"httpPost2", Dictionary{{"clients", Array{entryFor(*well_)}}}}}));
+    const auto session = open({}, {"httpPost", "httpPost2"});
+    reports().setFault(ReportingFault::hold);
+    session->send(4, 1);
+    EXPECT_TRUE(session->flush().error);
+    reports().setFault(ReportingFault::none);
+    reports().releaseHeld();
+    EXPECT_TRUE(waitForEvents(2));
+    EXPECT_EQ(session->flush().error, makeTelvoraError("Nothing to flush", -1));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <fstream>
 
 #include "telvora-lab/bags.h"
-#include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
@@ -25,26 +24,20 @@ using testing::StartsWith;
 class Service : public DaemonFixture {
   protected:
     std::string socket() const { return directory().path() / "run" / "com.zandor.telvorad"; }
-
-    // Has the daemon started by the first connection to its socket, as of now.
-    void activate(int64_t idleMilliseconds) {
-        launchDaemon([&](DaemonOptions& options) {
-            options.defaults.set("idleMilliseconds", idleMilliseconds);
-            options.socketActivation = true;
-        });
-        ASSERT_TRUE(daemon().waitUntilActivatable());
-    }
 };
 
 TEST_F(Service, StartsWithItsFirstConnectionEndsWhenIdleAndLosesNothing) {
     laboratory().setBag("dravik", openBag());
     for (int64_t life = 1; life <= 2; ++life) {
-        activate(2000);
+        launchDaemon([](DaemonOptions& options) {
+            options.defaults.set("idleMilliseconds", 2000);
+            options.socketActivation = true;
+        });
+        ASSERT_TRUE(daemon().waitUntilActivatable());
         {
-            BlockingSession session(socket());
-            ASSERT_TRUE(session.startConfig());
+            const auto session = open();
             for (int64_t n = 0; n < 10; ++n)
-                EXPECT_EQ(session.send(1, 1, {{"life", life}, {"n", n}}), std::nullopt);
+                EXPECT_EQ(session->send(1, 1, {{"life", life}, {"n", n}}), std::nullopt);
         }
         awaitDaemonsEnd();
         // The session's start and end are told too.
@@ -92,17 +85,16 @@ TEST_F(Service, LeavesASocketAloneThatIsInUse) {
         DaemonOptions::forLaboratory(directory().path(), laboratory().pki(), bags().baseURL()));
     EXPECT_TRUE(second.waitForLine("<3>main: can't listen: " + socket() + ": in use"));
     EXPECT_EQ(second.process().waitForExit(kPatience), 1);
-    BlockingSession session(socket());
+    BlockingSession(socket()).fetchStates();
 }
 
 TEST_F(Service, EndsAtOnceWhenToldTwiceAndTellsWhatIsLost) {
     laboratory().setBag("dravik", openBag());
     startDaemon([](DaemonOptions& options) { options.defaults.set("shutdownMilliseconds", 3'600'000); });
     reports().setFault(lab::ReportingFault::hold);
-    BlockingSession session(socket());
-    ASSERT_TRUE(session.startConfig());
-    session.send(4, 1, {{"a", 1}});
-    const auto flushed = session.beginFlush();
+    const auto session = open();
+    session->send(4, 1, {{"a", 1}});
+    session->beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
     const size_t from = daemon().logLineCount();
     daemon().process().signal(SIGTERM);

@@ -8,16 +8,15 @@
 
 #include "client/status_query.h"
 #include "telvora-lab/bags.h"
-#include "tests/support/blocking_session.h"
+#include "telvora/keys.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::ChildProcess;
 using lab::kPatience;
 using lab::ReportingFault;
-using testing::HasSubstr;
 
 // Reports at a place of an account, 0 where there is no such place or account.
 int64_t reportsAt(const Dictionary* account, const char* place) {
@@ -85,9 +84,7 @@ constexpr int kClients = 4;
 constexpr int kReports = 60;
 
 void reportAndLeave(const std::string& socket, int64_t sessionID) {
-    SessionSettings settings;
-    settings.sessionID = sessionID;
-    BlockingSession session(socket, settings);
+    BlockingSession session(socket, {.sessionID = sessionID});
     session.startConfig();
     for (int i = 0; i < kReports; ++i) {
         const uint16_t category = i % 10 == 0 ? 66 : 4;
@@ -156,14 +153,14 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
 }
 
 TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
-    laboratory().setBag("dravik", lab::openBag("3.7"));
+    laboratory().setBag("dravik", lab::openBag());
     startDaemon();
-    SessionSettings settings;
-    settings.setHierarchy("token", 0);
-    BlockingSession session(daemon().socketPath(), settings);
-    session.send(4, 1, {});  // before there are backends
+    BlockingSession session(daemon().socketPath(),
+                            {.hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
+                                                          {kTelvoraHierarchyTokenLevel, 0}}});
+    session.send(4, 1);  // before there are backends
     session.startConfig();
-    session.send(4, 1, {});
+    session.send(4, 1);
     session.startConfig();  // the start message and the report were in the old backend's batch
 
     const Dictionary now = status();
@@ -172,7 +169,7 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     const Dictionary& told = *sessions[0].getIf<Dictionary>();
     EXPECT_EQ(told.integer("sessionID"), 1);
     EXPECT_EQ(told.integer("clientType"), 8);
-    EXPECT_EQ(*told.string("token"), "token");
+    EXPECT_EQ(*told.string("token"), "t");
     EXPECT_EQ(told.dictionary("client")->integer("pid"), getpid());
     EXPECT_EQ(*told.dictionary("backends")->dictionary("httpPost")->string("state"), "reporting");
     const Dictionary& accounts = *told.dictionary("accounts");
@@ -181,7 +178,7 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     EXPECT_EQ(reportsAt(accounts.dictionary("httpPost"), "held"), 1);
     const Dictionary& bag = *now.array("bags")->front().getIf<Dictionary>();
     EXPECT_EQ(*bag.string("name") + " " + *bag.string("version") + " " + *bag.string("state"),
-              "dravik 3.7 fresh");
+              "dravik 1.0 fresh");
     EXPECT_TRUE(now.dictionary("sandbox")->boolean("systemCallFilter"));
     EXPECT_EQ(now.dictionary("daemon")->integer("pid"), daemon().pid());
     const auto device = queryStatus(StatusMethod::kGetDevice, socketPath());
@@ -194,57 +191,41 @@ TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
     // Others may reach the sockets, as they may where the service manager makes the directories.
     for (const auto& path : {directory().path(), directory().path() / "run"})
         std::filesystem::permissions(path, std::filesystem::perms(0755));
-    const std::string clients = "unix:path=" + daemon().socketPath();
-    const std::string administrators = "unix:path=" + socketPath();
-    const std::string name = "com.zandor.telvorad", object = "/com/zandor/telvorad";
-    const std::string session = name + ".ClientSessionInterface", status = name + ".Status";
-    const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
-                                             "--clear-groups"};
-    const auto busctl = [&](const std::string& address, std::vector<std::string> more) {
-        more.insert(more.begin(), {"/usr/bin/busctl", "--address=" + address});
-        return more;
-    };
-    const auto gdbus = [&](const std::string& address, const char* command, std::vector<std::string> more) {
-        more.insert(more.begin(), {"/usr/bin/gdbus", command, "--address", address, "--dest", name,
-                                   "--object-path", object});
-        return more;
-    };
-    const auto asNobody = [&](std::vector<std::string> command) {
-        command.insert(command.begin(), nobody.begin(), nobody.end());
-        return command;
-    };
+    const std::string clients = " --address=unix:path=" + daemon().socketPath();
+    const std::string administrators = clients + ".Status";
+    const std::string busctl = "/usr/bin/busctl", target = " com.zandor.telvorad /com/zandor/telvorad ";
+    const std::string introspect = "/usr/bin/gdbus introspect", call = "/usr/bin/gdbus call",
+                      object = " --dest com.zandor.telvorad --object-path /com/zandor/telvorad ";
+    const std::string session = "com.zandor.telvorad.ClientSessionInterface";
+    const std::string fetch = object + "--method " + session + ".FetchDisplayURL";
+    const std::string get = object + "--method com.zandor.telvorad.Status.GetStatus";
+    const std::string telvoractl = TELVORACTL_PATH " status --socket " + daemon().socketPath();
+    const std::string asNobody = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups ";
     const struct {
-        std::vector<std::string> command;
+        std::string command;
         int exitStatus;
-        const char* says;  // in a line of its output, or of its errors if it fails
+        const char* says;
     } cases[] = {
-        {busctl(clients, {"introspect", name, object}), 0, ".StartConfig"},
-        {busctl(clients, {"tree", name}), 0, "/com/zandor/telvorad"},
-        {busctl(clients, {"call", name, object, session, "FetchDisplayURL"}), 0, "URL not available"},
-        {gdbus(clients, "introspect", {}), 0, "FetchDisplayURL"},
-        {gdbus(clients, "call", {"--method", session + ".FetchDisplayURL"}), 0, "URL not available"},
-        {gdbus(clients, "call", {"--method", "org.freedesktop.DBus.Properties.GetAll", session}), 0, "{}"},
-        {gdbus(clients, "call", {"--method", status + ".GetStatus"}), 1, "Unknown"},
-        {busctl(administrators, {"introspect", name, object}), 0, ".GetStatus"},
-        {busctl(administrators, {"call", name, object, status, "GetDevice"}), 0, "Labdevice"},
-        {gdbus(administrators, "introspect", {}), 0, "GetDevice"},
-        {gdbus(administrators, "call", {"--method", status + ".GetStatus"}), 0, "landlockAbi"},
-        {gdbus(administrators, "call", {"--method", session + ".FetchDisplayURL"}), 1, "Unknown"},
-        {{TELVORACTL_PATH, "--socket", daemon().socketPath(), "status"}, 0, "all so far"},
-        {{TELVORACTL_PATH, "--socket", daemon().socketPath(), "--json", "status"}, 0, "\"totals\":{"},
-        {asNobody(busctl(administrators, {"call", name, object, status, "GetStatus"})), 1, "Access denied"},
-        {asNobody({TELVORACTL_PATH, "--socket", daemon().socketPath(), "status"}), 1, "telvora-admin"},
+        {busctl + clients + " introspect" + target, 0, ".StartConfig"},
+        {busctl + clients + " tree com.zandor.telvorad", 0, "/com/zandor/telvorad"},
+        {busctl + clients + " call" + target + session + " FetchDisplayURL", 0, "URL not available"},
+        {introspect + clients + object, 0, "FetchDisplayURL"},
+        {call + clients + fetch, 0, "URL not available"},
+        {call + clients + object + "--method org.freedesktop.DBus.Properties.GetAll " + session, 0, "{}"},
+        {call + clients + get, 1, "Unknown"},
+        {busctl + administrators + " introspect" + target, 0, ".GetStatus"},
+        {busctl + administrators + " call" + target + "com.zandor.telvorad.Status GetDevice", 0, "Labdevice"},
+        {introspect + administrators + object, 0, "GetDevice"},
+        {call + administrators + get, 0, "landlockAbi"},
+        {call + administrators + fetch, 1, "Unknown"},
+        {telvoractl, 0, "all so far"},
+        {telvoractl + " --json", 0, "\"totals\":{"},
+        {asNobody + call + administrators + get, 1, "AccessDenied"},
+        {asNobody + telvoractl, 1, "telvora-admin"},
     };
     if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
-    for (const auto& [command, exitStatus, says] : cases) {
-        ChildProcess process({command, {}, false});
-        const int exited = process.waitForExit(kPatience).value_or(-1);
-        const auto& output = exitStatus == 0 ? process.output() : process.errors();
-        const auto wanted = [says = says](std::string_view line) { return line.find(says) != line.npos; };
-        EXPECT_TRUE(output.waitFor(wanted, kPatience))
-            << testing::PrintToString(command) << testing::PrintToString(output.lines());
-        EXPECT_EQ(exited, exitStatus) << testing::PrintToString(command);
-    }
+    for (const auto& [command, exitStatus, says] : cases)
+        expectRun(wordsOf(command), exitStatus, says);
 }
 
 }  // namespace

@@ -8,15 +8,10 @@
 #include <fstream>
 
 #include "telvora-lab/bags.h"
-#include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
 namespace {
-
-using lab::DaemonOptions;
-using lab::kPatience;
-using lab::openBag;
 
 // A file system of a few pages for a scope.
 class TinyFileSystem {
@@ -39,22 +34,26 @@ class TinyFileSystem {
 
 class StorageFaults : public DaemonFixture {
   protected:
-    // Sends a realtime report, which is posted and logged at once.
-    void expectRealtimeReport(BlockingSession& session) {
-        const size_t before = reports().eventCount();
-        EXPECT_TRUE(session.send(9, 1, {{"k", "v"}}, 1)) << "a logged answer";
-        EXPECT_TRUE(reports().waitForEvents(before + 1, kPatience));
+    void start() {
+        laboratory().setBag("dravik", lab::openBag());
+        startDaemon();
+        session_ = open();
     }
+    // Sends a realtime report, which is posted and logged at once.
+    void expectRealtimeReport() {
+        const size_t before = reports().eventCount();
+        EXPECT_TRUE(session_->send(9, 1, {{"k", "v"}}, 1)) << "a logged answer";
+        EXPECT_TRUE(waitForEvents(before + 1));
+    }
+
+    std::unique_ptr<BlockingSession> session_;
 };
 
 TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
     const TinyFileSystem logs(directory().path() / "logs");
     if (!logs.mounted()) GTEST_SKIP() << "mounting a file system takes privileges that this process lacks";
-    laboratory().setBag("dravik", openBag());
-    startDaemon();
-    BlockingSession session(daemon().socketPath());
-    session.startConfig();
-    expectRealtimeReport(session);
+    start();
+    expectRealtimeReport();
     expectLineBeginning("<6>writeToLogFile: Saved log message to ");
 
     logs.fill();
@@ -62,25 +61,21 @@ TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
     // The rest of the file's last page takes a few more; the record that finds no room takes its file with
     // it.
     for (int i = 0; i < 20; ++i)
-        expectRealtimeReport(session);
+        expectRealtimeReport();
     expectLineBeginning("<6>writeToLogFile: Deleted expired telvorad log file ", from);
 }
 
 TEST_F(StorageFaults, AStateDirectoryThatCantBeWrittenCostsNoReport) {
-    laboratory().setBag("dravik", openBag());
-    startDaemon([&](DaemonOptions& options) {
-        std::filesystem::create_directories(options.directory / "state");
-        chmod((options.directory / "state").c_str(),
-              0500);  // holds for root too: the daemon has no capabilities
-    });
-    BlockingSession session(daemon().socketPath());
-    session.startConfig();
-    expectRealtimeReport(session);
-    expectRealtimeReport(session);
+    const auto state = directory().path() / "state";
+    create_directories(state);
+    chmod(state.c_str(), 0500);  // holds for root too: the daemon has no capabilities
+    start();
+    expectRealtimeReport();
+    expectRealtimeReport();
     const auto messages = reports().messages();
     ASSERT_GE(messages.size(), 2U);
     EXPECT_EQ(messages[0].clientId, messages[1].clientId) << "identifiers stay while the process lives";
-    chmod((directory().path() / "state").c_str(), 0700);
+    chmod(state.c_str(), 0700);
 }
 
 }  // namespace

@@ -1,91 +1,58 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl as its users meet it, at the real daemon.
-#include <gtest/gtest.h>
+// telvoractl as its users meet it, at the real daemon and at the daemon's directories.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "telvora-lab/bags.h"
-#include "telvora-lab/child_process.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::ChildProcess;
 using lab::kPatience;
-using lab::LineCollector;
-using lab::openBag;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::StartsWith;
 
 class Telvoractl : public DaemonFixture {
   protected:
-    struct Result {
-        int status;
-        std::vector<std::string> output;
-        std::vector<std::string> errors;
-    };
-
-    // Runs the program with client type 8 and a session ID, `input` on its standard input.
-    static Result run(const std::string& socket, const std::string& command,
-                      const std::vector<std::string>& more, const std::string& input = "") {
-        std::vector<std::string> arguments{"--socket", socket,         command, "--client-type",
-                                           "8",        "--session-id", "5"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return runTool(std::move(arguments), {}, input);
-    }
-    static Result runTool(std::vector<std::string> arguments,
-                          const std::map<std::string, std::string>& environment,
-                          const std::string& input = "") {
-        arguments.insert(arguments.begin(), TELVORACTL_PATH);
-        ChildProcess process({arguments, environment, false});
-        process.writeInput(input);
-        process.closeInput();
-        const int status = process.waitForExit(kPatience).value_or(-1);
-        return {status, linesOf(process.output()), linesOf(process.errors())};
-    }
-
-    void startWithBag() {
-        laboratory().setBag("dravik", openBag());
+    void SetUp() override {
+        DaemonFixture::SetUp();
+        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         startDaemon();
+        socket_ = daemon().socketPath();
+    }
+    // A command that has a session.
+    lab::Finished run(const std::string& command, int status, const std::string& says = "",
+                      std::string_view input = "") {
+        return expectRun(wordsOf(TELVORACTL_PATH " --socket " + socket_ + " " + command +
+                                 " --session-id 5 --client-type " + clientType_),
+                         status, says, input);
     }
 
-  private:
-    static std::vector<std::string> linesOf(const LineCollector& collector) {
-        collector.waitFor([](std::string_view) { return false; }, kPatience);  // to the end
-        return collector.lines();
-    }
+    std::string socket_;
+    std::string clientType_ = "8";
 };
 
 TEST_F(Telvoractl, RunsASessionFromLines) {
-    startDaemon();
-    const Result unconfigured = run(daemon().socketPath(), "session", {}, "{\"category\":1,\"type\":2}\n");
-    EXPECT_EQ(unconfigured.status, 1);
-    EXPECT_EQ(unconfigured.output, (std::vector<std::string>{"{\"reportingStates\":null}"}));
-    stopDaemon();
-
-    startWithBag();
-    const Result result =
-        run(daemon().socketPath(), "session", {"--batch", "--client-name", "n"},
+    const lab::Finished session =
+        run("session --batch --client-name n", 0, "",
             "{\"category\":3,\"type\":4,\"payload\":{\"text\":\"ü\",\"real\":0.1,\"n\":-7}}\n"
             "\n"
             "{\"category\":3,\"type\":5}\n");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(result.errors.empty()) << result.errors.front();
-    ASSERT_EQ(result.output.size(), 5u);  // states, two answers, flush, finish
-    EXPECT_EQ(result.output[0], "{\"reportingStates\":[\"httpPost\"]}");
-    EXPECT_TRUE(reports().waitForEvents(3, kPatience));
-    bool found = false;
-    for (const Dictionary& event : reports().events()) {
+    EXPECT_THAT(session.errors, testing::IsEmpty());
+    ASSERT_EQ(session.output.size(), 5u);  // states, two answers, flush, finish
+    EXPECT_EQ(session.output[0], "{\"reportingStates\":[\"httpPost\",\"uploadServer\"]}");
+    EXPECT_TRUE(waitForEvents(3));
+    const auto isReport = [](const Dictionary& event) {
         const std::string* text = event.string("text");
-        found = found ||
-                (text != nullptr && *text == "ü" && event.real("real") == 0.1 && event.integer("n") == -7);
-    }
-    EXPECT_TRUE(found);
-}
+        return text != nullptr && *text == "ü" && event.real("real") == 0.1 && event.integer("n") == -7;
+    };
+    EXPECT_THAT(reports().events(), Contains(testing::Truly(isReport)));
 
-TEST_F(Telvoractl, SaysWhatIsWrongWithItsInput) {
-    startWithBag();
-    const std::pair<const char*, const char*> lines[] = {
+    const std::pair<const char*, const char*> bad[] = {
         {"{\"category\":1,\"type\":2}\nnonsense", "telvoractl: line 2: "},
         {"[1]", "telvoractl: line 1: not an object"},
         {"{\"category\":1}", "telvoractl: line 1: \"type\" is missing"},
@@ -93,130 +60,108 @@ TEST_F(Telvoractl, SaysWhatIsWrongWithItsInput) {
         {"{\"category\":1,\"type\":2,\"payload\":[]}", "telvoractl: line 1: \"payload\" is not an object"},
         {"{\"category\":1,\"type\":2,\"payload\":{\"k\":null}}", "telvoractl: line 1: null has no place"},
         {"{\"category\":1,\"type\":2,\"more\":3}", "telvoractl: line 1: \"more\" is unknown"},
+        {"states\nupload", "telvoractl: line 2: upload wants a path"},
     };
-    for (const auto& [input, problem] : lines) {
-        const Result result = run(daemon().socketPath(), "session", {}, input);
-        EXPECT_EQ(result.status, 2) << input;
-        ASSERT_EQ(result.errors.size(), 1u) << input;
-        EXPECT_EQ(result.errors[0].rfind(problem, 0), 0u) << result.errors[0];
-        EXPECT_EQ(result.output.back().rfind("{\"finish\":", 0), 0u) << input;
+    for (const auto& [input, problem] : bad) {
+        const lab::Finished result = run("session", 2, problem, input);
+        EXPECT_THAT(result.errors, ElementsAre(StartsWith(problem)));
+        EXPECT_THAT(result.output.back(), StartsWith("{\"finish\":")) << input;
     }
+    clientType_ = "9";  // for which there is no bag
+    run("session", 1, "{\"reportingStates\":null}", "{\"category\":1,\"type\":2}\n");
 }
 
 TEST_F(Telvoractl, SendsOneReport) {
-    startWithBag();
-    const std::vector<std::string> plain{"--category", "3", "--type", "4", "--payload"};
-    std::vector<std::string> report = plain;
-    for (const char* more : {"a=b=c", "--payload", "n:=[1,{}]", "--payload-json", "{\"a\":1,\"j\":2.5}"})
-        report.emplace_back(more);
-    const Result result = run(daemon().socketPath(), "oneshot", report);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, (std::vector<std::string>{"outcome: finished"}));
-    EXPECT_TRUE(reports().waitForEvents(1, kPatience));
+    const std::string report =
+        " --category 3 --type 4 --payload a=b=c --payload n:=[1,{}] --payload-json {\"a\":1,\"j\":2.5}";
+    run("oneshot" + report, 0, "outcome: finished");
+    EXPECT_TRUE(waitForEvents(1));
     const std::vector<Dictionary> events = reports().events();
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
 
-    report.emplace_back("--json");
-    const Result sent = run(daemon().socketPath(), "send", report);
-    EXPECT_EQ(sent.status, 0);
+    const lab::Finished sent = run("send --json" + report, 0);
     ASSERT_EQ(sent.output.size(), 4u);  // states, answer, flush, finish
-    EXPECT_EQ(sent.output[0], "{\"reportingStates\":[\"httpPost\"]}");
-    EXPECT_TRUE(reports().waitForEvents(3, kPatience));  // with the daemon's own
+    EXPECT_EQ(sent.output[0], "{\"reportingStates\":[\"httpPost\",\"uploadServer\"]}");
+    EXPECT_TRUE(waitForEvents(3));  // with the daemon's own
 
-    for (const char* payload : {"a", "=b", "a:=", "a:=nope"}) {
-        std::vector<std::string> bad = plain;
-        bad.emplace_back(payload);
-        EXPECT_EQ(run(daemon().socketPath(), "send", bad).status, 2) << payload;
-    }
-    EXPECT_EQ(run(daemon().socketPath(), "send", {"--category", "65536", "--type", "4"}).status, 2);
-    EXPECT_EQ(run(daemon().socketPath() + ".none", "send", report).status, 3);
+    for (const char* payload : {"a", "=b", "a:=", "a:=nope"})
+        run(std::string("send --category 3 --type 4 --payload ") + payload, 2);
+    run("send --category 65536 --type 4", 2);
+    socket_ += ".none";
+    run("send" + report, 3);
 }
 
 TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
-    Dictionary bag = openBag();
-    Dictionary section = *bag.dictionary("release");
-    section.set("uploadServer", Dictionary{{"post_url", "@upload@"}});
-    bag.set("release", std::move(section));
-    laboratory().setBag("dravik", bag);
-    startDaemon();
-    const std::string socket = daemon().socketPath();
-    EXPECT_EQ(run(socket, "flush", {"--batch"}).status, 0);
-    EXPECT_TRUE(reports().waitForEvents(1, kPatience));  // the start, which was batched
+    run("flush --batch", 0);
+    EXPECT_TRUE(waitForEvents(1));  // the start, which was batched
 
-    directory().write("a b%ü", "content");
-    const std::string file = directory().path() / "a b%ü";
-    EXPECT_EQ(run(socket, "upload", {file, "--json"}).output.back(), "{\"upload\":\"uploaded\"}");
-    EXPECT_TRUE(laboratory().uploads().waitForUploads(1, kPatience));
-    const Result mixed = run(socket, "session", {}, "states\nupload " + file + "\nupload\n");
-    EXPECT_EQ(mixed.status, 2);
-    EXPECT_EQ(mixed.errors, (std::vector<std::string>{"telvoractl: line 3: upload wants a path"}));
+    const std::string file = directory().write("b%ü", "content");
+    run("upload --json " + file, 0, "{\"upload\":\"uploaded\"}");
+    run("session", 0, "", "upload " + file + "\n");
     EXPECT_EQ(laboratory().uploads().uploadCount(), 2u);
     for (const std::string& bad : {file + ".none", directory().path().string()})
-        EXPECT_EQ(run(socket, "upload", {bad}).status, 2) << bad;
+        run("upload " + bad, 2);
 
-    const std::string logs = directory().path() / "logs";
-    const Result log = runTool({"log", "-n", "1", "--json"}, {{"LOGS_DIRECTORY", logs}});
-    ASSERT_EQ(log.output.size(), 1u);
-    EXPECT_EQ(log.output[0].rfind("{\"text\":\"[", 0), 0u) << log.output[0];
-    ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, {{"LOGS_DIRECTORY", logs}}, false});
+    const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory().path() / "logs"}};
+    const lab::Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
+    EXPECT_THAT(log.output, ElementsAre(StartsWith("{\"text\":\"[")));
+    lab::ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs, false});
     ASSERT_TRUE(follow.output().waitFor([](std::string_view) { return true; }, kPatience));
     const size_t shown = follow.output().lineCount();
-    run(socket, "upload", {file});
+    run("upload " + file, 0);
     EXPECT_TRUE(follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); },
                                         kPatience, shown));
 }
 
-TEST_F(Telvoractl, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
-    const std::filesystem::path state = directory().path() / "state";
-    const std::filesystem::path config = directory().path() / "config";
-    std::filesystem::create_directories(state);
-    std::filesystem::permissions(directory().path(), std::filesystem::perms(0755));
-    constexpr uid_t kSomebody = 65534;
+TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
+    const lab::TemporaryDirectory directory;
+    const std::filesystem::path state = directory.path() / "state";
+    create_directories(state);
+    permissions(directory.path(), std::filesystem::perms(0755));
     const bool isRoot = geteuid() == 0;
-    ASSERT_TRUE(!isRoot || chown(state.c_str(), kSomebody, kSomebody) == 0);
-    directory().write("config/device.plist",
-                      "<plist version=\"1.0\"><dict><key>DeviceName</key><string>d</string></dict></plist>");
-    directory().write("config/Preferences/fixed.plist",
-                      "<plist version=\"1.0\"><dict><key>k</key><string>v</string></dict></plist>");
-    const std::string own = "com.zandor.telvora";
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-        std::string output;  // the first line
-    } steps[] = {
-        {{"consent", "show"}, 0, "consent: off"},
-        {{"consent", "on"}, 0, ""},
-        {{"consent", "show", "--json"}, 0, "{\"consent\":true}"},
-        {{"consent", "perhaps"}, 2, ""},
-        {{"defaults", "write", own, "logLevel", "integer", "7"}, 0, ""},
-        {{"defaults", "write", own, "logLevel", "integer", "7x"}, 2, ""},
-        {{"defaults", "write", own, "a", "json", "[1,{\"b\":null}]"}, 2, ""},
-        {{"defaults", "write", own, "uuid:c:", "string", "old"}, 0, ""},
-        {{"defaults", "write", "../x", "k", "string", "v"}, 2, ""},
-        {{"defaults", "write", "fixed", "k", "string", "w"}, 1, ""},
-        {{"defaults", "read", "fixed", "k"}, 0, "v"},
-        {{"defaults", "read", own, "--json"}, 0, "{\"logLevel\":7,\"uuid:c:\":\"old\"}"},
-        {{"reset-identifiers"}, 0, "deleted: 1"},
-        {{"defaults", "read", own, "--json"}, 0, "{\"logLevel\":7}"},
-        {{"defaults", "delete", own, "logLevel"}, 0, ""},
-        {{"defaults", "read", own, "logLevel"}, 1, ""},
-        {{"log"}, 1, ""},
-    };
-    const std::map<std::string, std::string> environment{
-        {"STATE_DIRECTORY", state}, {"CONFIGURATION_DIRECTORY", config}, {"LOGS_DIRECTORY", state / "none"}};
-    for (const auto& [arguments, status, output] : steps) {
-        const Result result = runTool(arguments, environment);
-        const std::string what = testing::PrintToString(arguments);
-        EXPECT_EQ(result.status, status) << what;
-        EXPECT_EQ(result.output.empty() ? "" : result.output.front(), output) << what;
-        EXPECT_EQ(result.errors.empty(), status == 0) << what;
+    const uid_t owner = isRoot ? 65534 : geteuid();
+    ASSERT_EQ(chown(state.c_str(), owner, static_cast<gid_t>(-1)), 0);
+    for (const char* file : {"device", "Preferences/fixed"}) {
+        directory.write(
+            std::string("config/") + file + ".plist",
+            "<plist version=\"1.0\"><dict><key>DeviceName</key><string>d</string></dict></plist>");
     }
-    EXPECT_NE(runTool({"device", "--json"}, environment).output.at(0).find("\"DeviceName\":\"d\""),
-              std::string::npos);
-    struct stat status {};
-    ASSERT_EQ(stat((state / "Preferences" / (own + ".plist")).c_str(), &status), 0);
-    EXPECT_EQ(status.st_uid, isRoot ? kSomebody : geteuid());  // so that the daemon can read it
+    const struct {
+        const char* arguments;
+        int status;
+        const char* says = "";
+    } steps[] = {
+        {"consent show", 0, "consent: off"},
+        {"consent on", 0},
+        {"consent show --json", 0, "{\"consent\":true}"},
+        {"consent perhaps", 2, "perhaps"},
+        {"defaults write com.zandor.telvora logLevel integer 7", 0},
+        {"defaults write com.zandor.telvora logLevel integer 7x", 2, "7x"},
+        {"defaults write com.zandor.telvora a json [1,{\"b\":null}]", 2, "null"},
+        {"defaults write com.zandor.telvora uuid:c: string old", 0},
+        {"defaults write ../x k string v", 2, "../x"},
+        {"defaults write fixed DeviceName string w", 1, "fixed"},
+        {"defaults read fixed DeviceName", 0, "d"},
+        {"defaults read com.zandor.telvora --json", 0, "{\"logLevel\":7,\"uuid:c:\":\"old\"}"},
+        {"reset-identifiers", 0, "deleted: 1"},
+        {"defaults read com.zandor.telvora --json", 0, "{\"logLevel\":7}"},
+        {"defaults delete com.zandor.telvora logLevel", 0},
+        {"defaults read com.zandor.telvora logLevel", 1, "logLevel"},
+        {"log", 1, "none"},
+        {"device --json", 0, "\"DeviceName\":\"d\""},
+    };
+    for (const auto& [arguments, status, says] : steps) {
+        const lab::Finished run =
+            expectRun(wordsOf(std::string(TELVORACTL_PATH " ") + arguments), status, says, "",
+                      {{"STATE_DIRECTORY", state},
+                       {"CONFIGURATION_DIRECTORY", directory.path() / "config"},
+                       {"LOGS_DIRECTORY", state / "none"}});
+        EXPECT_EQ(run.errors.empty(), status == 0) << arguments;
+    }
+    struct stat file {};
+    ASSERT_EQ(stat((state / "Preferences/com.zandor.telvora.plist").c_str(), &file), 0);
+    EXPECT_EQ(file.st_uid, owner);  // so that the daemon can read it
 }
 
 }  // namespace

@@ -10,25 +10,17 @@
 #include <cstddef>
 
 #include "telvora-lab/bags.h"
-#include "tests/support/blocking_session.h"
 #include "tests/support/daemon_fixture.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
-using testing::ElementsAre;
-using testing::Optional;
-
 class VodexAdaptor : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        Dictionary bag = lab::openBag();
-        Dictionary section = *bag.dictionary("release");
-        section.set("vodex", Dictionary());
-        bag.set("release", std::move(section));
+        const Dictionary bag = lab::openBag({{"vodex", Dictionary()}});
         laboratory().setBag("quillet", bag);  // client type 7
         laboratory().setBag("dravik", bag);   // client type 8, which has no adaptor
     }
@@ -40,24 +32,20 @@ class VodexAdaptor : public DaemonFixture {
             options.defaults = {{"vodexAdaptorPath", path.string()}, {"shutdownMilliseconds", 100}};
         });
     }
-    std::unique_ptr<BlockingSession> open(int64_t sessionID, int64_t clientType = 7) {
-        SessionSettings settings;
-        settings.sessionID = sessionID;
-        settings.clientType = clientType;
-        return std::make_unique<BlockingSession>(daemon().socketPath(), settings);
+    std::unique_ptr<BlockingSession> openWithAdaptor() {
+        return open({.clientType = 7}, {"httpPost", "vodex"});
     }
 };
 
 TEST_F(VodexAdaptor, GetsEveryReport) {
     start(TELVORA_EXAMPLE_ADAPTOR);
-    auto session = open(1);
-    EXPECT_THAT(session->startConfig(), Optional(ElementsAre("httpPost", "vodex")));
+    auto session = openWithAdaptor();
     expectLineBeginning("vodex-adaptor: report 1: method 0 respCode 0 { ");
     session->send(5, 6, {{"codec", "opus"}, {"frames", 40}, {"list", Array{1, 2}}});
     expectLine(
         "vodex-adaptor: report 2: method 5 respCode 6 { codec: string of 4 bytes, frames: integer, "
         "list: array of 2 }");
-    session->send(65535, 65535, {});
+    session->send(65535, 65535);
     expectLine("vodex-adaptor: report 3: method 65535 respCode 65535 { }");
     session.reset();
     expectLine("vodex-adaptor: 4 reports");
@@ -66,19 +54,15 @@ TEST_F(VodexAdaptor, GetsEveryReport) {
     stopDaemon();
     bags().setFault("quillet", lab::BagFault::noAnswer);
     start(TELVORA_EXAMPLE_ADAPTOR);
-    session = open(2);
-    EXPECT_THAT(session->startConfig(), Optional(ElementsAre("vodex")));
+    open({.clientType = 7}, {"vodex"});
     expectLineBeginning("vodex-adaptor: report 1: method 0 respCode 0 { ");
 }
 
 TEST_F(VodexAdaptor, ThatThrowsCostsNothingElse) {
     start(TELVORA_TEST_ADAPTORS "/sendThrows.so");
-    const auto session = open(1);
-    session->startConfig();
-    session->send(5, 6, {});
+    const auto session = openWithAdaptor();
+    expectReport(*session);
     expectLine("<3>VodexBackend(sendMessage): the Vodex adaptor threw an exception");
-    EXPECT_EQ(session->flush().second, std::nullopt);
-    EXPECT_TRUE(reports().waitForEvents(2, kPatience));
 }
 
 #ifdef TELVORA_SANITIZED
@@ -161,8 +145,7 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     const auto [listener, name] = abstractSocket();
     start(TELVORA_TEST_ADAPTORS "/escaping.so");
     directory().write("state/file", "the daemon's");
-    const auto session = open(1);
-    session->startConfig();
+    const auto session = openWithAdaptor();
     session->send(1, 1,
                   {{"directory", secret.parent_path().string()},
                    {"own", (directory().path() / "state").string()},
@@ -174,24 +157,21 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     EXPECT_EQ(found, expected);
     EXPECT_EQ(lab::readFile(secret), "secret");
     // The daemon goes on.
-    EXPECT_TRUE(open(2)->startConfig());
-    EXPECT_EQ(session->flush().second, std::nullopt);
-    EXPECT_TRUE(reports().waitForEvents(2, kPatience));
+    openWithAdaptor();
+    expectReport(*session);
 }
 
 TEST_F(VodexAdaptor, ThatHangsHoldsUpNeitherOthersNorTheEnd) {
     start(TELVORA_TEST_ADAPTORS "/sendHangs.so");
     std::vector<std::unique_ptr<BlockingSession>> hanging;
-    for (int64_t i = 0; i < 5; ++i) {  // more than the daemon has runners
+    for (int i = 0; i < 5; ++i) {  // more than the daemon has runners
         const size_t from = daemon().logLineCount();
-        hanging.push_back(open(i));
+        hanging.push_back(
+            std::make_unique<BlockingSession>(daemon().socketPath(), SessionSettings{.clientType = 7}));
         hanging.back()->beginStartConfig();
         expectLine("sendHangs", from);
     }
-    const auto other = open(9, 8);
-    EXPECT_THAT(other->startConfig(), Optional(ElementsAre("httpPost")));
-    other->send(5, 6, {});
-    EXPECT_EQ(other->flush().second, std::nullopt);
+    expectReport(*open());
     stopDaemon();
 }
 

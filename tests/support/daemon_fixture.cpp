@@ -47,9 +47,24 @@ void DaemonFixture::stopDaemon() {
 
 void DaemonFixture::awaitDaemonsEnd(int status) {
     EXPECT_EQ(daemon_->process().waitForExit(lab::kPatience), status);
+    daemon_->process().errors().linesToTheEnd(lab::kPatience);  // which are then all there
     EXPECT_EQ(daemon_->sanitizerReports(), std::vector<std::string>());
     if (HasFailure()) std::cerr << "The daemon's log:\n" << joined(daemon_->logLines());
     daemon_.reset();
+}
+
+std::unique_ptr<BlockingSession> DaemonFixture::open(const SessionSettings& settings,
+                                                     const std::vector<std::string>& backends) {
+    auto session = std::make_unique<BlockingSession>(daemon().socketPath(), settings);
+    EXPECT_EQ(session->startConfig(), ReportingStates(backends)) << "session " << settings.sessionID;
+    return session;
+}
+
+void DaemonFixture::expectReport(BlockingSession& session, lab::ReportingServer& server) {
+    const size_t before = server.eventCount();
+    session.send(4, 2);
+    EXPECT_EQ(session.flush().error, std::nullopt);
+    EXPECT_TRUE(server.waitForEvents(before + 1, lab::kPatience));
 }
 
 void DaemonFixture::expectLine(std::string_view line, size_t from) {

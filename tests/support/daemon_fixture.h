@@ -9,11 +9,14 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
 #include "telvora-lab/temporary_directory.h"
+#include "tests/support/blocking_session.h"
 
 namespace telvora::test {
 
@@ -36,6 +39,14 @@ class DaemonFixture : public testing::Test {
     // Waits for its end without stopping it, and checks that.
     void awaitDaemonsEnd(int status = 0);
     lab::DaemonProcess& daemon() { return *daemon_; }
+
+    // A session with the daemon, which configures it with these backends.
+    std::unique_ptr<BlockingSession> open(const SessionSettings& settings = {},
+                                          const std::vector<std::string>& backends = {"httpPost"});
+    // That the session reports to this server.
+    void expectReport(BlockingSession& session, lab::ReportingServer& server);
+    void expectReport(BlockingSession& session) { expectReport(session, reports()); }
+    bool waitForEvents(size_t count) { return reports().waitForEvents(count, lab::kPatience); }
 
     // Expects the whole line, with its level: "<7>..."; waits for it.
     void expectLine(std::string_view line, size_t from = 0);

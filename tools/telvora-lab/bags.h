@@ -18,14 +18,20 @@ inline Dictionary openClientEntry() {
         {"sampling_threshold", 1.0}, {"event_threshold", 49}};
 }
 
-// A bag with one backend, "httpPost", in the section "release".
-inline Dictionary bagWithClients(Array clients, const std::string& version = "1.0") {
-    return {{"version", version},
-            {"release", Dictionary{{"httpPost", Dictionary{{"clients", std::move(clients)}}}}}};
+// A bag with these backends in the section "release".
+inline Dictionary bagWithBackends(Dictionary backends) {
+    return {{"version", "1.0"}, {"release", std::move(backends)}};
 }
 
-inline Dictionary openBag(const std::string& version = "1.0") {
-    return bagWithClients({openClientEntry()}, version);
+// A bag with one backend, "httpPost".
+inline Dictionary bagWithClients(Array clients) {
+    return bagWithBackends({{"httpPost", Dictionary{{"clients", std::move(clients)}}}});
+}
+
+// A bag with an open "httpPost", and these backends too.
+inline Dictionary openBag(Dictionary more = {}) {
+    more.set("httpPost", Dictionary{{"clients", Array{openClientEntry()}}});
+    return bagWithBackends(std::move(more));
 }
 
 }  // namespace telvora::lab

@@ -125,4 +125,12 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
     return status_;
 }
 
+Finished runToEnd(const ChildProcessOptions& options, std::string_view input) {
+    ChildProcess process(options);
+    process.writeInput(input);
+    process.closeInput();
+    const int status = process.waitForExit(kPatience).value_or(-1);
+    return {status, process.output().linesToTheEnd(kPatience), process.errors().linesToTheEnd(kPatience)};
+}
+
 }  // namespace telvora::lab

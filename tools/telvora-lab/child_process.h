@@ -10,12 +10,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "telvora-lab/line_collector.h"
 #include "util/unique_fd.h"
 
 namespace telvora::lab {
+
+// How long anything that must happen may take before whoever waits gives up. Never reached when all is well.
+constexpr std::chrono::seconds kPatience{60};
 
 struct ChildProcessOptions {
     std::vector<std::string> arguments;  // the first is the program's path
@@ -58,5 +62,15 @@ class ChildProcess {
     std::unique_ptr<LineCollector> output_;
     std::unique_ptr<LineCollector> errors_;
 };
+
+// What a program left that ran to its end.
+struct Finished {
+    int status = -1;  // as waitForExit() tells it, -1 where it did not end
+    std::vector<std::string> output;
+    std::vector<std::string> errors;
+};
+
+// Runs a program with `input` on its standard input, and waits for its end for at most kPatience.
+Finished runToEnd(const ChildProcessOptions& options, std::string_view input = "");
 
 }  // namespace telvora::lab

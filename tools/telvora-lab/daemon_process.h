@@ -18,9 +18,6 @@
 
 namespace telvora::lab {
 
-// How long anything that must happen may take before whoever waits gives up. Never reached when all is well.
-constexpr std::chrono::seconds kPatience{60};
-
 struct DaemonOptions {
     std::filesystem::path directory;  // holds run/, state/, config/ and logs/, which are made if absent
     std::string frameworkDirectory;

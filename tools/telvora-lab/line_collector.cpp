@@ -42,6 +42,11 @@ std::vector<std::string> LineCollector::lines() const {
     return lines_;
 }
 
+std::vector<std::string> LineCollector::linesToTheEnd(std::chrono::milliseconds timeout) const {
+    waitFor([](std::string_view) { return false; }, timeout);
+    return lines();
+}
+
 size_t LineCollector::lineCount() const {
     MutexLock lock(mutex_);
     return lines_.size();

@@ -28,6 +28,8 @@ class LineCollector {
     LineCollector& operator=(const LineCollector&) = delete;
 
     std::vector<std::string> lines() const;
+    // All of them, once the pipe has ended; waits for that until `timeout` is over.
+    std::vector<std::string> linesToTheEnd(std::chrono::milliseconds timeout) const;
     size_t lineCount() const;
     // How often `line` has come, whole.
     size_t count(std::string_view line) const;

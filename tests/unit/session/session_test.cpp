@@ -169,6 +169,22 @@ TEST(Session, DisplayURLFallsBack) {
     EXPECT_THAT(urls, ElementsAre("URL not available", "https://show.example"));
 }
 
+TEST(Session, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails) {
+    DaemonWorld world;
+    world.serveBag(Dictionary{{"release", Dictionary{{"unknown", Dictionary()}}}});
+    const auto connection = world.connect();
+    std::vector<std::string> errors;
+    const auto flush = [&] {
+        connection->session().flushMessagesWithCompletion(
+            [&](const auto&, const auto& error) { errors.push_back(error->description); });
+    };
+    flush();
+    connection->session().setSessionInfo(sessionInfoFor(1), kUser, {}, false);
+    connection->session().startConfigWithCompletionHandler([](const auto&) {});
+    flush();
+    EXPECT_THAT(errors, ElementsAre("No backends available to send message"));
+}
+
 TEST(Session, TheEndSendsTheEndMessageWithTheBagsVersion) {
     DaemonWorld world;
     world.serveBag(DaemonWorld::bagWithClient(reportingClient()));

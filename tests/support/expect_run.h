@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Programs as their users run them.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "telvora-lab/child_process.h"
+
+namespace telvora::test {
+
+// Of a command line without quotes.
+inline std::vector<std::string> wordsOf(const std::string& line) {
+    std::istringstream words(line);
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
+// Runs a program to its end. Expects its exit status, and `says` in a line of its output or errors.
+inline lab::Finished expectRun(const std::vector<std::string>& words, int status,
+                               const std::string& says = "", std::string_view input = "",
+                               const std::map<std::string, std::string>& environment = {}) {
+    const testing::ScopedTrace trace(__FILE__, __LINE__, testing::PrintToString(words));
+    lab::Finished run = lab::runToEnd({words, environment, false}, input);
+    EXPECT_EQ(run.status, status) << testing::PrintToString(run.errors);
+    std::vector<std::string> said = run.output;
+    said.insert(said.end(), run.errors.begin(), run.errors.end());
+    if (!says.empty()) {
+        EXPECT_THAT(said, testing::Contains(testing::HasSubstr(says)));
+    }
+    return run;
+}
+
+}  // namespace telvora::test
