@@ -258,9 +258,9 @@ TEST_F(Uploads, ThatHangHoldUpNobodyElse) {
     EXPECT_TRUE(exists(spool() / "hanging0"));
 }
 
-TEST_F(Uploads, OfHundredsOfMegabytesTakeTheirOwnRoom) {
+TEST_F(Uploads, LargerThanAllPendingRequestsTakeTheirOwnRoom) {
     start();
-    const std::string content = noise(size_t{100} << 20);
+    const std::string content = noise(size_t{65} << 20);
     uploads().setAnswer(UploadAnswer::hold);
     const auto uploaded = session_->beginUploadFile(file("large", content));
     ASSERT_TRUE(uploads().waitForUploads(1, kPatience));

@@ -3,37 +3,15 @@
 // D-Bus messages without a peer: written, sealed, and read again.
 #pragma once
 
-#include <sys/socket.h>
-
 #include <cstdarg>
-#include <stdexcept>
 
-#include "platform/bus_message.h"
+#include "tests/support/bus_peer.h"
 
 namespace telvora::test {
 
 class BusMessages {
   public:
-    BusMessages() {
-        int ends[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0 || sd_bus_new(&bus_) < 0 ||
-            sd_bus_set_fd(bus_, ends[0], ends[0]) < 0 || sd_bus_start(bus_) < 0) {
-            throw std::runtime_error("no bus to make messages for");
-        }
-        peer_ = ends[1];
-    }
-    ~BusMessages() {
-        sd_bus_close_unref(bus_);
-        close(peer_);
-    }
-    BusMessages(const BusMessages&) = delete;
-    BusMessages& operator=(const BusMessages&) = delete;
-
-    BusMessage make() {
-        sd_bus_message* message = nullptr;
-        sd_bus_message_new_method_call(bus_, &message, nullptr, "/", "a.b", "C");
-        return BusMessage::adopt(message);
-    }
+    BusMessage make() { return bus_.newCall("/", "a.b", "C"); }
     // A message whose body sd_bus_message_append(3) makes of the signature and the values, ready to be read.
     BusMessage make(const char* signature, ...) {
         BusMessage message = make();
@@ -52,8 +30,8 @@ class BusMessages {
     }
 
   private:
-    sd_bus* bus_ = nullptr;
-    int peer_ = -1;
+    SocketPair sockets_;
+    BusPeer bus_{std::move(sockets_.ours)};
 };
 
 }  // namespace telvora::test

@@ -4,18 +4,17 @@
 // decent server would give.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/read.hpp>
+#include <asio/read_until.hpp>
+#include <asio/write.hpp>
 #include <functional>
 #include <list>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
-
-#include "util/unique_fd.h"
 
 namespace telvora::test {
 
@@ -24,78 +23,52 @@ class ScriptedServer {
     // One accepted connection, for its script. All operations return at the peer's end or the server's.
     class Connection {
       public:
-        explicit Connection(int fd) : fd_(fd) {}
+        explicit Connection(asio::ip::tcp::socket& socket) : socket_(socket) {}
 
         // One HTTP request: its head and as much body as Content-Length says; "" when the peer has gone.
         std::string readRequest() {
-            size_t headEnd;
-            while ((headEnd = received_.find("\r\n\r\n")) == std::string::npos) {
-                if (!receive()) return {};
+            size_t size = asio::read_until(socket_, asio::dynamic_buffer(received_), "\r\n\r\n", gone_);
+            if (gone_) return {};
+            constexpr std::string_view kLength = "Content-Length: ";
+            const size_t at = received_.find(kLength);
+            if (at < size) size += std::stoul(received_.substr(at + kLength.size()));
+            if (received_.size() < size) {
+                asio::read(socket_, asio::dynamic_buffer(received_),
+                           asio::transfer_exactly(size - received_.size()), gone_);
             }
-            const size_t size = headEnd + 4 + contentLength(received_.substr(0, headEnd));
-            while (received_.size() < size) {
-                if (!receive()) return {};
-            }
+            if (gone_) return {};
             std::string request = received_.substr(0, size);
             received_.erase(0, size);
             return request;
         }
-        void send(std::string_view text) {
-            while (!text.empty()) {
-                const ssize_t sent = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
-                if (sent <= 0) return;
-                text.remove_prefix(static_cast<size_t>(sent));
-            }
+        void send(std::string_view text) { asio::write(socket_, asio::buffer(text), gone_); }
+        // Waits for more of a request.
+        void readSome() {
+            asio::read(socket_, asio::dynamic_buffer(received_), asio::transfer_at_least(1), gone_);
         }
-        // Waits for more of a request; false when the peer has gone.
-        bool readSome() { return receive(); }
         void waitForClose() {
-            while (receive()) {
-            }
+            while (!gone_)
+                readSome();
         }
 
       private:
-        bool receive() {
-            char buffer[16384];
-            const ssize_t size = recv(fd_, buffer, sizeof buffer, 0);
-            if (size > 0) received_.append(buffer, static_cast<size_t>(size));
-            return size > 0;
-        }
-        static size_t contentLength(const std::string& head) {
-            constexpr std::string_view kName = "Content-Length: ";
-            const size_t at = head.find(kName);
-            return at == std::string::npos ? 0 : std::stoul(head.substr(at + kName.size()));
-        }
-
-        int fd_;
+        asio::ip::tcp::socket& socket_;
+        asio::error_code gone_;
         std::string received_;
     };
 
     // Runs on a thread per connection; the connection is closed when it returns.
     using Script = std::function<void(Connection&)>;
 
-    explicit ScriptedServer(Script script) : script_(std::move(script)) {
-        listener_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        if (bind(listener_.get(), generic, length) != 0 || listen(listener_.get(), 128) != 0 ||
-            getsockname(listener_.get(), generic, &length) != 0) {
-            std::abort();
-        }
-        port_ = ntohs(address.sin_port);
-        acceptor_ = std::thread([this] { acceptAll(); });
-    }
+    explicit ScriptedServer(Script script)
+        : script_(std::move(script)), port_(listener_.local_endpoint().port()) {}
     ~ScriptedServer() {
-        shutdown(listener_.get(), SHUT_RDWR);
+        ::shutdown(listener_.native_handle(), SHUT_RDWR);
         acceptor_.join();
-        const std::lock_guard lock(mutex_);
-        for (auto& peer : peers_)
-            shutdown(peer.fd.get(), SHUT_RDWR);
-        for (auto& peer : peers_)
+        for (Peer& peer : peers_) {
+            ::shutdown(peer.socket.native_handle(), SHUT_RDWR);
             peer.thread.join();
+        }
     }
     ScriptedServer(const ScriptedServer&) = delete;
     ScriptedServer& operator=(const ScriptedServer&) = delete;
@@ -111,31 +84,31 @@ class ScriptedServer {
 
   private:
     struct Peer {
-        UniqueFd fd;
+        asio::ip::tcp::socket socket;
         std::thread thread;
     };
 
     void acceptAll() {
-        for (;;) {
-            UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!fd) return;
+        for (asio::error_code ended;;) {
+            asio::ip::tcp::socket socket = listener_.accept(ended);
+            if (ended) return;
             const std::lock_guard lock(mutex_);
-            Peer& peer = peers_.emplace_back();
-            peer.fd = std::move(fd);
-            peer.thread = std::thread([this, number = peer.fd.get()] {
-                Connection connection(number);
+            Peer& peer = peers_.emplace_back(Peer{std::move(socket), {}});
+            peer.thread = std::thread([this, &socket = peer.socket] {
+                Connection connection(socket);
                 script_(connection);
-                shutdown(number, SHUT_RDWR);
+                ::shutdown(socket.native_handle(), SHUT_RDWR);
             });
         }
     }
 
-    Script script_;
-    UniqueFd listener_;
-    uint16_t port_ = 0;
+    const Script script_;
+    asio::io_context context_;
+    asio::ip::tcp::acceptor listener_{context_, {asio::ip::address_v4::loopback(), 0}};
+    const uint16_t port_;
     mutable std::mutex mutex_;
     std::list<Peer> peers_;
-    std::thread acceptor_;
+    std::thread acceptor_{[this] { acceptAll(); }};
 };
 
 }  // namespace telvora::test

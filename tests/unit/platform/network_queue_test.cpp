@@ -106,7 +106,7 @@ TEST_F(NetworkQueueTest, APeerThatIsAwayShowsInTheNextSendAndMayComeBack) {
     });
     refused.get_future().wait();
     onQueue([&] { EXPECT_FALSE(socket->send("refused")); });
-    ASSERT_TRUE(peer.open());
+    peer.open();
     onQueue([&] { EXPECT_TRUE(socket->send("back")); });
     EXPECT_EQ(peer.receive(), "back");
 }
