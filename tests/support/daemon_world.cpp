@@ -5,10 +5,9 @@
 
 #include <cmath>
 
-#include "config/signed_bag.h"
-#include "platform/property_list_format.h"
 #include "telvora/keys.h"
 #include "tests/support/posted_message.h"
+#include "tests/support/signed_document.h"
 
 namespace telvora::test {
 
@@ -18,12 +17,6 @@ namespace {
 
 bool isBagRequest(const HttpRequest& request) {
     return request.method == "GET";
-}
-
-// One key for all worlds of a process: making one takes long.
-const RsaPrivateKey& bagKey() {
-    static const RsaPrivateKey key = std::move(*RsaPrivateKey::generate(2048));
-    return key;
 }
 
 Peer ownPeer() {
@@ -94,22 +87,17 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
         {"User", std::to_string(getuid())},
         {"Entitlements", Dictionary{{"com.zandor.private.telvorad", true}}},
     };
-    directory.write("config/entitlements.d/test.plist",
-                    *serializePropertyList(grant, PropertyListFormat::xml));
+    directory.write("config/entitlements.d/test.plist", serialized(grant));
     directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
-                    *serializePropertyList(Dictionary{{"Enabled", true}}, PropertyListFormat::xml));
-    http.setHandler([](const HttpRequest& request) {
-        return isBagRequest(request) ? FakeHttpClient::failure("no bag server")
-                                     : FakeHttpClient::response(200);
-    });
+                    serialized(Dictionary{{"Enabled", true}}));
+    serveBag(std::nullopt);
 }
 
 void DaemonWorld::serveBag(std::optional<Dictionary> innerBag) {
-    std::optional<std::string> document;
-    if (innerBag) document = *signBag(*serializePropertyList(*innerBag, PropertyListFormat::xml), bagKey());
-    http.setHandler([document](const HttpRequest& request) {
-        if (!isBagRequest(request)) return FakeHttpClient::response(200);
-        return document ? FakeHttpClient::response(200, *document) : FakeHttpClient::failure("no bag server");
+    const HttpResult bag = innerBag ? FakeHttpClient::response(200, signedDocument(*innerBag))
+                                    : FakeHttpClient::failure("no bag server");
+    http.setHandler([bag](const HttpRequest& request) {
+        return isBagRequest(request) ? bag : FakeHttpClient::response(200);
     });
 }
 

@@ -8,6 +8,7 @@
 #include "json/json_reader.h"
 #include "json/report_json.h"
 #include "tests/support/daemon_world.h"
+#include "tests/support/signed_document.h"
 
 namespace telvora::bag {
 namespace {
@@ -15,9 +16,7 @@ namespace {
 using testing::HasSubstr;
 
 Dictionary json(std::string_view text) {
-    const auto parsed = parseJson(text);
-    EXPECT_TRUE(parsed) << text;
-    return parsed ? *parsed->getIf<Dictionary>() : Dictionary();
+    return *parseJson(text).value().getIf<Dictionary>();
 }
 
 const char kClient[] =
@@ -33,15 +32,13 @@ const char kReports[] = R"({"category": 5, "type": 1, "payload": {"ip": "::1", "
 )";
 
 Circumstances circumstances(bool consent) {
-    Circumstances c;
-    c.clientType = 7;
-    c.clientName = "client";
-    c.serviceName = "service";
-    c.device = {{"DeviceName", "phone"}, {"ProductType", "Model1,1"}};
-    c.country = "CH";
-    c.consent = consent;
-    c.draw = 0.3;
-    return c;
+    return {.clientType = 7,
+            .clientName = "client",
+            .serviceName = "service",
+            .device = {{"DeviceName", "phone"}, {"ProductType", "Model1,1"}},
+            .country = "CH",
+            .consent = consent,
+            .draw = 0.3};
 }
 
 // How many of the reports a real session with that bag posts, and whether the backend then counts as one that
@@ -49,25 +46,22 @@ Circumstances circumstances(bool consent) {
 std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Circumstances& given) {
     test::DaemonWorld world(given.device);
     world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
-                          std::string("<plist version=\"1.0\"><dict><key>Enabled</key><") +
-                              (given.consent ? "true" : "false") + "/></dict></plist>");
+                          test::serialized(Dictionary{{"Enabled", given.consent}}));
     world.samplingFactor = given.draw;
     world.serveBag(bag);
     const auto connection = world.connectConfigured(1);
     bool reports = false;
     connection->session().fetchStatesWithUserInfo(
-        Dictionary{{kTelvoraUserInfoClientName, *given.clientName},
-                   {kTelvoraUserInfoServiceName, *given.serviceName}},
-        [&reports](const auto& states) { reports = !states->empty(); });
+        *connection->session().userInfo(), [&reports](const auto& states) { reports = !states->empty(); });
     std::istringstream lines(kReports);
     for (std::string line; std::getline(lines, line);) {
         if (!line.empty())
             connection->session().sendMessageWithDictionary(*messageOfJson(line), [](const auto&) {});
     }
     connection->session().flushMessagesWithCompletion({});
-    const auto events = world.postedEvents();
-    const auto isClients = [](const Dictionary& event) { return event.integer("_method") != 0; };
-    return {static_cast<size_t>(std::count_if(events.begin(), events.end(), isClients)), reports};
+    auto events = world.postedEvents();
+    std::erase_if(events, [](const Dictionary& event) { return event.integer("_method") == 0; });
+    return {events.size(), reports};
 }
 
 TEST(Explain, SaysWhatTheDaemonDoes) {

@@ -2,25 +2,17 @@
 #include "client/client_session.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <atomic>
-#include <filesystem>
-#include <future>
 #include <thread>
 
-#include "daemon/client_connection.h"
 #include "protocol/client_session_wire.h"
-#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
-#include "tests/support/fake_session.h"
+#include "tests/support/environment_variable.h"
+#include "tests/unit/client/daemon_end.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
-
-using test::FakeSession;
 
 class FakeIssuer : public FileExtensionIssuer {
     tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override {
@@ -49,66 +41,44 @@ T ask(Operation operation) {
     if constexpr (!std::is_void_v<T>) return std::move(result.value());
 }
 
-// A daemon with one connection, and a session connected to it.
-class ClientSessionTest : public testing::Test {
-  protected:
+struct ClientSessionTest : DaemonEnd {
     ClientSessionTest() {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        socketPath.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        listener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener.get(), 1), 0);
+        issuer = std::make_shared<FakeIssuer>();
+        listen();
     }
     ~ClientSessionTest() override {
         session.reset();
-        if (connection) ended.get_future().wait();
+        hangUp();
         pool.stop();
     }
     void connect(ClientSession::Handlers handlers = {}) {
         auto connected = ClientSession::connect(runtime, socketPath, std::move(handlers));
         ASSERT_TRUE(connected) << connected.error();
         session = std::move(*connected);
-        accept();
-    }
-    void accept() {
-        connection = ClientConnection::make(
-            pool.makeStrand(), UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)), "client");
-        connection->setExportedObject(daemon);
-        connection->setFileExtensionIssuer(std::make_shared<FakeIssuer>());
-        connection->setInvalidationHandler([this] { ended.set_value(); });
-        connection->resume();
+        ASSERT_TRUE(accept());
     }
 
-    // The first, so that they outlive the strands they made.
-    WorkPool pool{1};
-    ClientRuntime runtime;
-    lab::TemporaryDirectory directory;
-    std::filesystem::path socketPath = directory.path() / "socket";
-    UniqueFd listener;
-    std::promise<void> ended;
-    std::shared_ptr<FakeSession> daemon = std::make_shared<FakeSession>();
-    std::shared_ptr<ClientConnection> connection;
     std::unique_ptr<ClientSession> session;
 };
 
 TEST_F(ClientSessionTest, SaysWhyItCantConnect) {
-    for (const std::string& path :
-         {(directory.path() / "none").string(), std::string(200, 'x'), std::string()}) {
+    for (const std::string& path : {socketPath + "none", std::string(200, 'x'), std::string()}) {
         const auto connected = ClientSession::connect(runtime, path);
         ASSERT_FALSE(connected);
         EXPECT_EQ(connected.error().rfind("can't connect to " + path + ": ", 0), 0u);
     }
 }
 
-TEST_F(ClientSessionTest, TakesTheSocketFromTheEnvironment) {
-    unsetenv("TELVORA_SOCKET");
-    unsetenv("RUNTIME_DIRECTORY");
-    EXPECT_EQ(ClientSession::defaultSocketPath(), "/run/telvora/com.zandor.telvorad");
-    setenv("RUNTIME_DIRECTORY", "/a:/b", 1);
-    EXPECT_EQ(ClientSession::defaultSocketPath(), "/a/com.zandor.telvorad");
-    setenv("TELVORA_SOCKET", "/c", 1);
-    EXPECT_EQ(ClientSession::defaultSocketPath(), "/c");
+TEST(ClientSessionPathTest, ComesFromTheEnvironment) {
+    const struct {
+        const char *socket, *directory, *path;
+    } cases[] = {{nullptr, nullptr, "/run/telvora/com.zandor.telvorad"},
+                 {nullptr, "/a:/b", "/a/com.zandor.telvorad"},
+                 {"/c", "/a:/b", "/c"}};
+    for (const auto& c : cases) {
+        const EnvironmentVariable socket("TELVORA_SOCKET", c.socket), run("RUNTIME_DIRECTORY", c.directory);
+        EXPECT_EQ(ClientSession::defaultSocketPath(), c.path);
+    }
 }
 
 TEST_F(ClientSessionTest, OffersEveryOperation) {
@@ -268,7 +238,7 @@ TEST_F(ClientSessionTest, HasChildrenInItsHierarchy) {
     auto child = (*first)->child(2, userInfo, configured.completion(), {[](const auto&) {}, nullptr});
     ASSERT_TRUE(child);
     session = std::move(*child);
-    accept();
+    ASSERT_TRUE(accept());
     first->reset();  // a child goes on without its parent
     EXPECT_TRUE(configured.get());
     const Dictionary expected{{kTelvoraSessionInfoSessionID, 2},
@@ -279,4 +249,4 @@ TEST_F(ClientSessionTest, HasChildrenInItsHierarchy) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

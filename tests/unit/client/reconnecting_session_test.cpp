@@ -2,35 +2,24 @@
 #include "client/reconnecting_session.h"
 
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
-#include <future>
+#include "tests/unit/client/daemon_end.h"
 
-#include "daemon/client_connection.h"
-#include "telvora-lab/temporary_directory.h"
-#include "tests/support/fake_session.h"
-
-namespace telvora {
+namespace telvora::test {
 namespace {
 
 using namespace std::chrono_literals;
-using test::FakeSession;
 using testing::ElementsAre;
 
-// A session, and a daemon whose every connection the test takes itself.
-class ReconnectingSessionTest : public testing::Test {
-  protected:
-    struct Event {
-        telvora_connection_event event;
-        uint64_t lostCalls;
-    };
+struct ReconnectingSessionTest : DaemonEnd {
+    using enum Operation;
+    using Event = std::pair<telvora_connection_event, uint64_t>;  // with the calls that were lost
 
     ReconnectingSessionTest() {
         SessionTarget::Handlers handlers;
         handlers.connection = [this](telvora_connection_event event, uint64_t lost, const std::string&) {
             const MutexLock lock(lock_);
-            events_.push_back({event, lost});
+            events_.emplace_back(event, lost);
             changed_.notify_all();
         };
         session = std::make_shared<ReconnectingSession>(runtime, socketPath, std::move(handlers),
@@ -42,33 +31,6 @@ class ReconnectingSessionTest : public testing::Test {
         pool.stop();
     }
 
-    void listen() {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-        listener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(listener.get(), 8), 0);
-    }
-    // Takes the next connection with a daemon that knows nothing yet; false when there is none.
-    bool accept() {
-        UniqueFd socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!socket) return false;
-        daemon = std::make_shared<FakeSession>();
-        ended = std::make_shared<std::promise<void>>();
-        connection = ClientConnection::make(pool.makeStrand(), std::move(socket), "client");
-        connection->setExportedObject(daemon);
-        connection->setInvalidationHandler([ended = ended] { ended->set_value(); });
-        connection->resume();
-        return true;
-    }
-    void hangUp() {
-        if (!connection) return;
-        connection->invalidate();
-        ended->get_future().wait();
-        connection = nullptr;
-    }
-
     telvora_status call(Request request, std::future<Answer>* answer = nullptr) {
         auto promise = std::make_shared<std::promise<Answer>>();
         if (answer != nullptr) *answer = promise->get_future();
@@ -78,7 +40,7 @@ class ReconnectingSessionTest : public testing::Test {
     telvora_status call(Operation operation, std::future<Answer>* answer = nullptr) {
         return call(Request{.operation = operation}, answer);
     }
-    static Request info(int id, Operation operation = Operation::kSetSessionInfo) {
+    static Request info(int id, Operation operation = kSetSessionInfo) {
         Request request{.operation = operation};
         request.sessionInfo = {{"id", id}};
         request.userInfo = Dictionary{{"user", id}};
@@ -107,15 +69,7 @@ class ReconnectingSessionTest : public testing::Test {
         return names;
     }
 
-    WorkPool pool{1};
-    ClientRuntime runtime;
-    lab::TemporaryDirectory directory;
-    std::string socketPath = directory.path() / "socket";
     std::chrono::steady_clock::time_point now{1h};
-    UniqueFd listener;
-    std::shared_ptr<FakeSession> daemon;
-    std::shared_ptr<ClientConnection> connection;
-    std::shared_ptr<std::promise<void>> ended;
     std::shared_ptr<ReconnectingSession> session;
 
   private:
@@ -128,31 +82,29 @@ TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsWhatItWasTold) {
     EXPECT_EQ(call(info(1)), TELVORA_ERROR_UNAVAILABLE);
     listen();
     now += 999ms;
-    EXPECT_EQ(call(Operation::kStartConfig), TELVORA_ERROR_UNAVAILABLE);
+    EXPECT_EQ(call(kStartConfig), TELVORA_ERROR_UNAVAILABLE);
     EXPECT_FALSE(accept());
     now += 1ms;
     std::future<Answer> answer;
-    EXPECT_EQ(call(Operation::kSendMessage, &answer), TELVORA_OK);
+    EXPECT_EQ(call(kSendMessage, &answer), TELVORA_OK);
     ASSERT_TRUE(accept());
     EXPECT_EQ(answer.get().status, TELVORA_OK);
     EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig", "sendMessageWithCategory"));
-    EXPECT_EQ(nextEvent().event, TELVORA_CONNECTION_RESTORED);
+    EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_RESTORED);
 }
 
 TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt) {
     listen();
     std::future<Answer> answers[2];
     for (std::future<Answer>& answer : answers)
-        EXPECT_EQ(call(Operation::kSendMessage, &answer), TELVORA_OK);
+        EXPECT_EQ(call(kSendMessage, &answer), TELVORA_OK);
     UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
-    const Event event = nextEvent();
-    EXPECT_EQ(event.event, TELVORA_CONNECTION_LOST);
-    EXPECT_EQ(event.lostCalls, 2u);
+    EXPECT_EQ(nextEvent(), Event(TELVORA_CONNECTION_LOST, 2));
     for (std::future<Answer>& answer : answers)
         EXPECT_EQ(answer.get().status, TELVORA_ERROR_LOST);
-    EXPECT_EQ(call(Operation::kSendMessage), TELVORA_ERROR_UNAVAILABLE);
+    EXPECT_EQ(call(kSendMessage), TELVORA_ERROR_UNAVAILABLE);
     now += ReconnectingSession::kRest;
-    EXPECT_EQ(call(Operation::kSendMessage, &answers[0]), TELVORA_OK);
+    EXPECT_EQ(call(kSendMessage, &answers[0]), TELVORA_OK);
     session->close();
     EXPECT_EQ(answers[0].get().status, TELVORA_ERROR_CLOSED);
     EXPECT_EQ(session->lostCalls(), 2u);
@@ -165,23 +117,17 @@ TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
         Operation first;  // on the new connection
         std::vector<std::string> heard;
     } cases[] = {
-        {{}, Operation::kSendMessage, {"sendMessageWithCategory"}},
-        {{Operation::kSetSessionInfo},
-         Operation::kSendMessage,
-         {"setSessionInfo 1", "sendMessageWithCategory"}},
-        {{Operation::kSetSessionInfo, Operation::kStartConfig},
-         Operation::kFlushMessages,
+        {{}, kSendMessage, {"sendMessageWithCategory"}},
+        {{kSetSessionInfo}, kSendMessage, {"setSessionInfo 1", "sendMessageWithCategory"}},
+        {{kSetSessionInfo, kStartConfig},
+         kFlushMessages,
          {"setSessionInfo 1", "startConfig", "flushMessages"}},
-        {{Operation::kSetSessionInfo, Operation::kStartConfig, Operation::kFetchStates},
-         Operation::kFetchDisplayURL,
+        {{kSetSessionInfo, kStartConfig, kFetchStates},
+         kFetchDisplayURL,
          {"setSessionInfo 3", "startConfig", "fetchDisplayURL"}},
-        {{Operation::kSetSessionInfo, Operation::kStartConfig},
-         Operation::kSetSessionInfo,
-         {"setSessionInfo 9", "startConfig"}},
-        {{Operation::kSetSessionInfo, Operation::kStartConfig},
-         Operation::kStartConfig,
-         {"setSessionInfo 1", "startConfig"}},
-        {{Operation::kSetSessionInfo}, Operation::kStartConfig, {"setSessionInfo 1", "startConfig"}},
+        {{kSetSessionInfo, kStartConfig}, kSetSessionInfo, {"setSessionInfo 9", "startConfig"}},
+        {{kSetSessionInfo, kStartConfig}, kStartConfig, {"setSessionInfo 1", "startConfig"}},
+        {{kSetSessionInfo}, kStartConfig, {"setSessionInfo 1", "startConfig"}},
     };
     for (const auto& [before, first, expected] : cases) {
         session = std::make_shared<ReconnectingSession>(runtime, socketPath, SessionTarget::Handlers{});
@@ -189,19 +135,19 @@ TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
         int id = 0;
         for (const Operation operation : before)
             ASSERT_EQ(call(info(++id, operation)), TELVORA_OK);
-        ASSERT_EQ(call(Operation::kFetchDisplayURL, &answer), TELVORA_OK);
+        ASSERT_EQ(call(kFetchDisplayURL, &answer), TELVORA_OK);
         ASSERT_TRUE(accept());
         ASSERT_EQ(answer.get().status, TELVORA_OK);
 
         // A call without an answer shows the client that the connection has ended.
         daemon->onSendMessage = [this](const StringReply&) { connection->invalidate(); };
-        ASSERT_EQ(call(Operation::kSendMessage, &answer), TELVORA_OK);
+        ASSERT_EQ(call(kSendMessage, &answer), TELVORA_OK);
         ASSERT_EQ(answer.get().status, TELVORA_ERROR_LOST);
         hangUp();
         ASSERT_EQ(call(info(9, first), &answer), TELVORA_OK);
         ASSERT_TRUE(accept());
         ASSERT_EQ(answer.get().status, TELVORA_OK);
-        ASSERT_EQ(call(Operation::kFinishSession, &answer), TELVORA_OK);
+        ASSERT_EQ(call(kFinishSession, &answer), TELVORA_OK);
         ASSERT_EQ(answer.get().status, TELVORA_OK);
         std::vector<std::string> names = heard();
         names.pop_back();
@@ -212,4 +158,4 @@ TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

@@ -9,16 +9,16 @@
 #include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/config/bag_test_support.h"
+#include "tests/support/signed_document.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
 
 // A device that gives these answers, and its user defaults.
 struct Device {
     explicit Device(const Dictionary& answers = {}, const Dictionary& administrators = {})
         : properties(answers) {
-        directory.write("etc/Preferences/com.zandor.telvora.plist", test::serialized(administrators));
+        directory.write("etc/Preferences/com.zandor.telvora.plist", serialized(administrators));
     }
 
     lab::TemporaryDirectory directory;
@@ -45,16 +45,14 @@ TEST(DeviceIdentity, KeepsPersistentIdentifiersAcrossRestarts) {
         const DeviceIdentity identity(device.properties, defaults);
         return std::vector{
             identity.getPersistentIdentifierForCustomClientIDSuffix("app:svc", "s"),
-            identity.getPersistentIdentifierForCustomClientIDSuffix("app:svc", std::nullopt),
             identity.getPersistentIdentifierForCustomClientIDSuffix(std::nullopt, std::nullopt),
             identity.getPersistentIdentifierForDNU(true), identity.getPersistentIdentifierForDNU(false)};
     };
-    const test::LogCapture log;
+    const LogCapture log;
     const std::vector<std::string> first = identifiers();
     EXPECT_EQ(std::set(first.begin(), first.end()).size(), first.size());
     EXPECT_EQ(identifiers(), first);
-    const char* const keys[] = {"uuid:app:svc:s", "uuid:app:svc:", "uuid::", "uuidRespectDnu",
-                                "uuidOverrideDnu"};
+    const char* const keys[] = {"uuid:app:svc:s", "uuid::", "uuidRespectDnu", "uuidOverrideDnu"};
     for (size_t i = 0; i < first.size(); ++i)
         EXPECT_EQ(device.defaults.string(kTelvoraDefaultsDomain, keys[i]), first[i]) << keys[i];
     EXPECT_TRUE(log.contains(
@@ -80,44 +78,44 @@ TEST(Environment, TypeComesFromTheSettingElseFromTheBuild) {
         Dictionary settings;
         const char* releaseType;
         uint32_t expected;
-        std::optional<std::string> section, invalid;
+        std::optional<std::string> section;
+        std::string invalid = "";
     } cases[] = {
-        {{}, "Internal", 2, "zandor_internal", {}},
-        {{}, "internal", 4, "release", {}},
-        {{{"environmentType", 0}}, "", 0, {}, {}},
-        {{{"environmentType", 1}}, "", 1, "development", {}},
-        {{{"environmentType", "3"}}, "", 3, "seed", {}},
+        {{}, "Internal", 2, "zandor_internal"},
+        {{}, "internal", 4, "release"},
+        {{{"environmentType", 0}}, "", 0, {}},
+        {{{"environmentType", 1}}, "", 1, "development"},
+        {{{"environmentType", "3"}}, "", 3, "seed"},
         {{{"environmentType", 5}}, "", 2, "zandor_internal", "5"},
         {{{"environmentType", -1}}, "", 2, "zandor_internal", "4294967295"},
-        {{{"environmentType", Array{}}}, "", 0, {}, {}},
+        {{{"environmentType", Array{}}}, "", 0, {}},
     };
     for (const auto& each : cases) {
         Device device({{"ReleaseType", each.releaseType}}, each.settings);
         const Environment environment(device.defaults, device.identity);
-        const test::LogCapture log;
+        const LogCapture log;
         const EnvironmentType type = environment.userDefaultsEnvironment();
-        EXPECT_EQ(environment.userDefaultsEnvironment(), type);
-        std::vector<std::string> expectedLog;
-        if (each.invalid)
-            expectedLog.push_back("<3>userDefaultsEnvironment: Invalid environment type " + *each.invalid);
-        expectedLog.push_back("<6>userDefaultsEnvironment: Environment type " +
-                              std::to_string(each.expected));
+        EXPECT_EQ(environment.userDefaultsEnvironment(), type);  // without further lines
+        std::vector<std::string> lines{"<6>userDefaultsEnvironment: Environment type " +
+                                       std::to_string(each.expected)};
+        if (!each.invalid.empty())
+            lines.insert(lines.begin(),
+                         "<3>userDefaultsEnvironment: Invalid environment type " + each.invalid);
         EXPECT_EQ(static_cast<uint32_t>(type), each.expected);
-        EXPECT_EQ(log.lines(), expectedLog);
+        EXPECT_EQ(log.lines(), lines);
         EXPECT_EQ(sectionNameForEnvironment(type), each.section);
     }
 }
 
 TEST(Environment, BaseURLIsReadOnce) {
-    Device internal({{"ReleaseType", "Internal"}}), external;
-    const Environment inside(internal.defaults, internal.identity),
-        outside(external.defaults, external.identity);
-    EXPECT_NE(inside.storebagBaseURL(), outside.storebagBaseURL());
-    EXPECT_TRUE(outside.storebagBaseURL().starts_with("https://"));
-    ASSERT_TRUE(internal.defaults.set(kTelvoraDefaultsDomain, "telvora_storebag_url", "http://bags.test/b"));
-    EXPECT_NE(inside.storebagBaseURL(), "http://bags.test/b");
-    EXPECT_EQ(Environment(internal.defaults, internal.identity).storebagBaseURL(), "http://bags.test/b");
+    Device device({{"ReleaseType", "Internal"}}), external;
+    const Environment before(device.defaults, device.identity);
+    const std::string url = before.storebagBaseURL();
+    EXPECT_NE(url, Environment(external.defaults, external.identity).storebagBaseURL());
+    ASSERT_TRUE(device.defaults.set(kTelvoraDefaultsDomain, "telvora_storebag_url", "http://bags.test/b"));
+    EXPECT_EQ(before.storebagBaseURL(), url);
+    EXPECT_EQ(Environment(device.defaults, device.identity).storebagBaseURL(), "http://bags.test/b");
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

@@ -4,13 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/log_capture.h"
-#include "tests/unit/config/bag_test_support.h"
+#include "tests/support/signed_document.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
-
-using test::bagKey;
-using test::serialized;
 
 constexpr const char* kMissing = "<3>fetchStorebagWithName: Signature is missing";
 constexpr const char* kNotVerified = "<3>fetchStorebagWithName: Signature can not be verified, 0x";
@@ -33,7 +30,7 @@ TEST(SignedBag, OpensWhatItsKeySigned) {
 
 TEST(SignedBag, OpensNothingElse) {
     const std::string inner = serialized(kBag), list = serialized(Array{1});
-    const std::string key = bagKey().publicKeyToDer(), whole = test::signedDocument(kBag);
+    const std::string key = bagKey().publicKeyToDer(), whole = signedDocument(kBag);
     const PropertyList signature = base64Encode(bagKey().signSha1(inner));
     const RsaPrivateKey otherKey = RsaPrivateKey::generate(2048).value();
     std::string tampered = inner;
@@ -63,7 +60,7 @@ TEST(SignedBag, OpensNothingElse) {
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.document);
-        const test::LogCapture log;
+        const LogCapture log;
         EXPECT_EQ(openSignedBag(each.document, each.key), std::nullopt);
         const std::vector<std::string> lines = log.lines();
         ASSERT_EQ(lines.size(), each.log.size());
@@ -73,4 +70,4 @@ TEST(SignedBag, OpensNothingElse) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

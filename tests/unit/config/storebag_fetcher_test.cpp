@@ -6,9 +6,9 @@
 #include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/config/bag_test_support.h"
+#include "tests/support/signed_document.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
 
 using lab::FakeHttpClient;
@@ -28,9 +28,9 @@ struct Fixture {
     explicit Fixture(const Dictionary& settings = {}) {
         Dictionary all = settings;
         all.set("telvora_storebag_url", kBase);
-        directory.write("etc/Preferences/com.zandor.telvora.plist", test::serialized(all));
-        directory.write("framework/publicKey.der", test::bagKey().publicKeyToDer());
-        directory.write("framework/Info.plist", test::serialized(Dictionary{{"CFBundleVersion", "9.1"}}));
+        directory.write("etc/Preferences/com.zandor.telvora.plist", serialized(all));
+        directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
+        directory.write("framework/Info.plist", serialized(Dictionary{{"CFBundleVersion", "9.1"}}));
         http.setHandler([this](const HttpRequest&) { return answer; });
     }
 
@@ -41,21 +41,20 @@ struct Fixture {
     Environment environment{defaults, identity};
     ClientFramework framework{directory.path() / "framework"};
     FakeHttpClient http;
-    HttpResult answer = FakeHttpClient::response(200, test::signedDocument(kBag));
+    HttpResult answer = FakeHttpClient::response(200, signedDocument(kBag));
     StorebagFetcher fetcher{{http, environment, framework}};
     StorebagFetchStatus status{.maxAge = -7};
 };
 
 TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
     Fixture f;
-    const test::LogCapture log;
+    const LogCapture log;
+    const std::string url = kBase + "/orbel?version=9.1";
     EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), kBag);
-    EXPECT_EQ(f.status.maxAge, 86400);
     EXPECT_FALSE(f.status.notChanged);
-    EXPECT_EQ(log.lines(), (Lines{"<7>" + kFetch + "Storebag Server URL: " + kBase + "/orbel?version=9.1"}));
+    EXPECT_EQ(log.lines(), (Lines{"<7>" + kFetch + "Storebag Server URL: " + url}));
     const HttpRequest request = f.http.requests().at(0);
-    EXPECT_EQ(request.method, "GET");
-    EXPECT_EQ(request.url, kBase + "/orbel?version=9.1");
+    EXPECT_EQ(request.method + " " + request.url, "GET " + url);
     EXPECT_TRUE(request.headers.empty());
     EXPECT_EQ(request.timeout, std::chrono::seconds(15));
 
@@ -78,7 +77,7 @@ TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
         {"Max-Age=600", 86400},
         {"public,max-age=600", 86400},
         {"s-max-age=1 max-age=2 max-age=3", 2},
-        {"max-age=99999999999999999999", 2147483647},
+        {"max-age=99999999999999999999", INT32_MAX},
     };
     Fixture f;
     for (const auto& [value, expected] : cases) {
@@ -89,36 +88,33 @@ TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
 }
 
 TEST(StorebagFetcher, HonoursLastModified) {
-    const HttpHeaders dated{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
-    const std::string document = test::signedDocument(kBag);
-    const std::string adding = "<7>" + kFetch + "Adding 'Last-Modified: old' to the header",
-                      received = "<7>" + kFetch + "New 'Last-Modified: new' received",
-                      unchanged =
-                          "<7>" + kFetch + "storebag content has not changed. using its cached version";
+    const HttpHeaders undated, dated{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
+    const std::string whole = signedDocument(kBag);
+    const std::string adding = "<7>" + kFetch + "Adding 'Last-Modified: old' to the header";
+    const std::string received = "<7>" + kFetch + "New 'Last-Modified: new' received";
+    const std::string unchanged =
+        "<7>" + kFetch + "storebag content has not changed. using its cached version";
     const struct {
-        HttpResult answer;
+        int status;
+        std::string body;
+        HttpHeaders headers;
         std::optional<std::string> before, after;
         bool notChanged, result;
         Lines log;  // after the line with the URL
     } cases[] = {
-        {FakeHttpClient::response(304, "", dated), "old", "old", true, false, {adding, unchanged}},
-        {FakeHttpClient::response(200, document, dated), "old", "new", false, true, {adding, received}},
-        {FakeHttpClient::response(200, document, dated), std::nullopt, "new", false, true, {received}},
-        {FakeHttpClient::response(200, document), "old", "old", false, true, {adding}},
+        {304, "", dated, "old", "old", true, false, {adding, unchanged}},
+        {200, whole, dated, "old", "new", false, true, {adding, received}},
+        {200, whole, dated, std::nullopt, "new", false, true, {received}},
+        {200, whole, undated, "old", "old", false, true, {adding}},
         // An empty answer is only unchanged with a date on both sides.
-        {FakeHttpClient::response(200, ""), "old", "old", false, false, {adding, kNoProperties, kMissing}},
-        {FakeHttpClient::response(200, "", dated),
-         std::nullopt,
-         "new",
-         false,
-         false,
-         {received, kNoProperties, kMissing}},
+        {200, "", undated, "old", "old", false, false, {adding, kNoProperties, kMissing}},
+        {200, "", dated, std::nullopt, "new", false, false, {received, kNoProperties, kMissing}},
     };
     for (const auto& each : cases) {
         Fixture f;
-        f.answer = each.answer;
+        f.answer = FakeHttpClient::response(each.status, each.body, each.headers);
         f.status.lastModified = each.before;
-        const test::LogCapture log;
+        const LogCapture log;
         EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result);
         EXPECT_EQ(f.status.notChanged, each.notChanged);
         EXPECT_EQ(f.status.lastModified, each.after);
@@ -136,7 +132,7 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     const std::string error = "<6>" + kFetch + "Error resolving with lookup server " + kBase;
     const std::string ending = "?version=9.1, sendSynchronousRequest error no route";
     const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
-    const test::LogCapture log;
+    const LogCapture log;
     EXPECT_EQ(f.fetcher.fetchStorebagWithName("quillet", f.status),
               (Dictionary{{"zandor_internal", section},
                           {"development", section},
@@ -155,14 +151,11 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
 }
 
 TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
-    const Dictionary seed{{"s", 1}};
-    const std::string ageLine = "<6>" + kSelect + "Store bag override MaxAge=";
-    const std::string seedLine = "<4>" + kSelect + "Seed section is missing in the storebag.";
-    const std::string noneLine = "<3>" + kSelect + "Could not find storebag for client type 5 with ";
-    const auto with = [](const char* key, PropertyList value) {
-        Dictionary bag = kBag;
-        bag.set(key, std::move(value));
-        return bag;
+    const std::string age = "<6>" + kSelect + "Store bag override MaxAge=";
+    const std::string noSeed = "<4>" + kSelect + "Seed section is missing in the storebag.";
+    const std::string none = "<3>" + kSelect + "Could not find storebag for client type 5 with ";
+    const auto with = [](const char* key, const PropertyList& value) {
+        return Dictionary::merged(kBag, {{key, value}});
     };
     const struct {
         int environment;
@@ -172,24 +165,22 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
         Lines log;  // above debug level, after the line of the environment
     } cases[] = {
         {4, kBag, kSection, 60, {}},
-        {3, with("seed", seed), seed, 60, {}},
-        {3, kBag, kSection, 60, {seedLine}},
-        {3, {}, std::nullopt, 60, {seedLine, noneLine + "seed environment"}},
-        {1, kBag, std::nullopt, 60, {noneLine + "development environment"}},
-        {0, kBag, std::nullopt, 60, {noneLine + "(null) environment"}},
-        {4, with("release", "x"), std::nullopt, 60, {noneLine + "release environment"}},
-        {4, with("refresh_cycle", 100000), kSection, 86400, {ageLine + "86400"}},
-        {4, with("refresh_cycle", 600), kSection, 600, {ageLine + "600"}},
-        {4, with("refresh_cycle", 0), kSection, 0, {ageLine + "0"}},
-        {4, with("refresh_cycle", -5), kSection, -5, {ageLine + "-5"}},
+        {3, with("seed", Dictionary{{"s", 1}}), Dictionary{{"s", 1}}, 60, {}},
+        {3, kBag, kSection, 60, {noSeed}},
+        {3, {}, std::nullopt, 60, {noSeed, none + "seed environment"}},
+        {1, kBag, std::nullopt, 60, {none + "development environment"}},
+        {0, kBag, std::nullopt, 60, {none + "(null) environment"}},
+        {4, with("release", "x"), std::nullopt, 60, {none + "release environment"}},
+        {4, with("refresh_cycle", 100000), kSection, 86400, {age + "86400"}},
+        {4, with("refresh_cycle", 600), kSection, 600, {age + "600"}},
+        {4, with("refresh_cycle", -5), kSection, -5, {age + "-5"}},
     };
     for (const auto& each : cases) {
         Fixture f({{"environmentType", each.environment}});
-        f.answer =
-            FakeHttpClient::response(200, test::signedDocument(each.bag), {{"Cache-Control", "max-age=60"}});
+        f.answer = FakeHttpClient::response(200, signedDocument(each.bag), {{"Cache-Control", "max-age=60"}});
         f.environment.userDefaultsEnvironment();
         std::optional<std::string> version = "before";
-        const test::LogCapture log;
+        const LogCapture log;
         EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), each.section);
         EXPECT_EQ(version, each.section ? "1.2" : "before");
         EXPECT_EQ(f.status.maxAge, each.maxAge);
@@ -203,7 +194,7 @@ TEST(StorebagSelection, SaysWhyThereIsNone) {
     Fixture f;
     f.answer = FakeHttpClient::failure("down");
     std::optional<std::string> version;
-    const test::LogCapture log;
+    const LogCapture log;
     EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(0, version, f.status), std::nullopt);
     EXPECT_EQ(f.http.requestCount(), 0u);
     EXPECT_EQ(log.lines(), (Lines{"<3>" + kSelect + "Could not find storebag name for client type 0"}));
@@ -218,4 +209,4 @@ TEST(StorebagSelection, SaysWhyThereIsNone) {
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

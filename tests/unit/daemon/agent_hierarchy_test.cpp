@@ -18,19 +18,6 @@ Dictionary reportingBag() {
                                        {"event_threshold", 1000}});
 }
 
-std::string dotted(std::initializer_list<const FakeConnection*> chain) {
-    std::string ids;
-    for (const FakeConnection* connection : chain) {
-        ids += (ids.empty() ? "" : ".") + connection->session().sessionIDString();
-    }
-    return ids;
-}
-
-// What the agent tells of a session's ancestors, "" for nothing.
-std::string parentOf(DaemonWorld& world, const std::shared_ptr<FakeConnection>& connection) {
-    return world.agent.parentSessionIDStringForSession(connection->session()).value_or("");
-}
-
 TEST(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
     DaemonWorld world;
     const auto top = world.connectConfigured(1, {{"t", 0}});
@@ -38,7 +25,8 @@ TEST(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
     top->session().setSessionInfo(sessionInfoFor(1), std::nullopt, {}, false);
     top->invalidate();
     EXPECT_TRUE(session.expired());
-    EXPECT_EQ(parentOf(world, world.connectConfigured(2, {{"t", 1}})), "");
+    const auto child = world.connectConfigured(2, {{"t", 1}});
+    EXPECT_EQ(world.agent.parentSessionIDStringForSession(child->session()), std::nullopt);
 }
 
 TEST(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
@@ -48,11 +36,11 @@ TEST(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
     child->session().sendMessageWithCategory(5, 1, Dictionary{{"k", "v"}}, [](const auto&) {});
     const auto top = world.connectConfigured(1, {{"t", 0}});
     child->session().flushMessagesWithCompletion({});
+    const std::string combined = top->session().sessionIDString() + "." + child->session().sessionIDString();
     const auto events = world.postedEvents();
     ASSERT_FALSE(events.empty());
-    for (const Dictionary& event : events) {
-        EXPECT_EQ(*event.string("_sessionID"), dotted({top.get(), child.get()}));
-    }
+    for (const Dictionary& event : events)
+        EXPECT_EQ(*event.string("_sessionID"), combined);
 }
 
 TEST(AgentHierarchy, ChildrenFollowTheirParentsState) {

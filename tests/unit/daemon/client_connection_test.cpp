@@ -4,29 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <regex>
-#include <set>
 #include <thread>
 
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
-#include "protocol/status_wire.h"
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
 
-namespace telvora {
+namespace telvora::test {
 namespace {
 
-using test::BusPeer;
-using test::errorName;
-using test::FakeSession;
-using test::LogCapture;
-using test::SocketPair;
-
 constexpr char kSession[] = "com.zandor.telvorad.ClientSessionInterface";
-constexpr char kExtension[] = "com.zandor.telvorad.SandboxExtension";
 
 class ClientConnectionTest : public testing::Test {
   protected:
@@ -42,10 +31,9 @@ class ClientConnectionTest : public testing::Test {
     }
     // Nothing of the fixture goes while the pool still uses it; the strands go before their pool.
     ~ClientConnectionTest() override { pool.stop(); }
-    BusPeer& resume() {
+    void resume() {
         connection->resume();
         peer = std::make_unique<BusPeer>(std::move(theirs));
-        return *peer;
     }
     BusMessage sessionCall(const char* method) { return peer->newCall(kTelvoradPath, kSession, method); }
     BusMessage reportCall() {
@@ -66,77 +54,6 @@ class ClientConnectionTest : public testing::Test {
     std::function<void()> beforeEnd;
     std::promise<void> ended;
 };
-
-// --- The contract ---
-
-std::string attribute(const std::string& tag, const char* name) {
-    std::smatch match;
-    std::regex_search(tag, match, std::regex("\\b" + std::string(name) + "=\"([^\"]*)\""));
-    return match.empty() ? "" : match[1].str();
-}
-
-// "interface.method" and "interface.method n: direction type name" for everything of ours that the XML
-// declares.
-std::set<std::string> declarations(const std::string& xml, const std::string& prefix = "com.zandor.") {
-    std::set<std::string> found;
-    std::string interface;
-    std::string method;
-    int argument = 0;
-    const std::regex tags("<!--[^]*?-->|<(interface|method|arg)\\b[^>]*>");
-    for (std::sregex_iterator at(xml.begin(), xml.end(), tags), none; at != none; ++at) {
-        const std::string tag = at->str();
-        const std::string kind = (*at)[1];
-        std::string declared;
-        if (kind == "interface") interface = attribute(tag, "name");
-        if (kind == "method") {
-            declared = method = interface + "." + attribute(tag, "name");
-            argument = 0;
-        }
-        if (kind == "arg") {
-            declared = method + " " + std::to_string(argument++) + ": " + attribute(tag, "direction") + " " +
-                       attribute(tag, "type") + " " + attribute(tag, "name");
-        }
-        if (!declared.empty() && declared.rfind(prefix, 0) == 0) found.insert(declared);
-    }
-    return found;
-}
-
-std::string introspect(BusPeer& peer, const char* path) {
-    BusMessage reply = peer.call(peer.newCall(path, "org.freedesktop.DBus.Introspectable", "Introspect"));
-    EXPECT_EQ(errorName(reply), "");
-    const char* xml = "";
-    reply.read('s', &xml);
-    return xml;
-}
-
-TEST_F(ClientConnectionTest, ServesTheContract) {
-    std::string contract;
-    for (const char* name : {"com.zandor.telvorad.xml", "com.zandor.telvorad.Status.xml"})
-        contract += lab::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
-    const std::string served = introspect(resume(), kTelvoradPath);
-    for (const char* interface : {kSession, kExtension})
-        EXPECT_EQ(declarations(served, interface), declarations(contract, interface));
-    EXPECT_GT(declarations(served).size(), 30u);
-
-    // What the client and the status socket export comes from the same table.
-    for (const BusInterface* interface : {&clientSessionReplyBusInterface(), &statusBusInterface()}) {
-        SocketPair sockets;
-        auto server = *BusConnection::make(pool.makeStrand(), std::move(sockets.ours), BusRole::kServer);
-        const auto ignore = [](BusMessage&) { return std::optional<BusError>(); };
-        ASSERT_TRUE(server->exportInterface(
-            "/x", *interface,
-            std::vector<BusConnection::MethodHandler>(interface->methods().size(), ignore)));
-        std::promise<void> over;
-        server->start([&](const std::string&) { over.set_value(); });
-        {
-            BusPeer client(std::move(sockets.theirs));
-            EXPECT_EQ(declarations(introspect(client, "/x")), declarations(contract, interface->name()));
-        }
-        over.get_future().wait();
-    }
-}
-
-// --- Operations ---
 
 TEST_F(ClientConnectionTest, AnswersFromAnyThreadLateOrNever) {
     resume();
@@ -200,8 +117,6 @@ TEST_F(ClientConnectionTest, WhatAClientSentBeforeItWentStillCounts) {
     EXPECT_EQ(session->calls.size(), kReports);
 }
 
-// --- To the client ---
-
 TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd) {
     LogCapture log;
     resume();
@@ -235,4 +150,4 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
 }
 
 }  // namespace
-}  // namespace telvora
+}  // namespace telvora::test

@@ -28,23 +28,18 @@ Peer peerOf(uid_t uid, std::vector<gid_t> groups = {}) {
 class ClientFilesTest : public testing::Test {
   protected:
     ClientFilesTest() {
-        if (geteuid() == 0) {
-            // Another user's folder, as the daemon's user sees it.
-            EXPECT_EQ(chown(directory_.path().c_str(), getuid(), getgid()), 0);
-            EXPECT_EQ(chmod(directory_.path().c_str(), 0755), 0);
-        }
+        // Another user's folder, as the daemon's user sees it.
+        if (geteuid() == 0) own(directory_.path(), getuid(), getgid(), 0755);
     }
     ClientFiles filesOf(Peer peer) const { return {std::move(peer), {directory_.path()}, admission_}; }
+    static void own(const path& path, uid_t user, gid_t group, mode_t mode) {
+        EXPECT_EQ(chown(path.c_str(), user, group), 0);
+        EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    }
     path write(const std::string& name, uid_t owner, mode_t mode = 0644) const {
         path file = directory_.write(name, "content");
-        EXPECT_EQ(chmod(file.c_str(), mode), 0);
-        EXPECT_EQ(chown(file.c_str(), owner, static_cast<gid_t>(-1)), 0);
+        own(file, owner, getgid(), mode);
         return file;
-    }
-    void own(const path& relative, uid_t user, gid_t group, mode_t mode) const {
-        const path all = directory_.path() / relative;
-        EXPECT_EQ(chown(all.c_str(), user, group), 0);
-        EXPECT_EQ(chmod(all.c_str(), mode), 0);
     }
 
     lab::TemporaryDirectory directory_;
@@ -76,9 +71,8 @@ TEST_F(ClientFilesTest, ClientsGoWhereTheirModeBitsLetThem) {
     for (const auto& expected : cases) {
         SCOPED_TRACE(testing::Message()
                      << expected.user << ":" << expected.group << " " << std::oct << expected.mode);
-        own(".", 0, 0, 0755);
         const path file = write("d/file", kOther);
-        own("d", expected.user, expected.group, expected.mode);
+        own(file.parent_path(), expected.user, expected.group, expected.mode);
         const auto opened = files.open(file, "");
         EXPECT_EQ(opened.has_value(), expected.mayRead);
         if (!opened) continue;

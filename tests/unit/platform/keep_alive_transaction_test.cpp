@@ -51,20 +51,24 @@ class KeepAliveTransactionTest : public testing::Test {
 TEST_F(KeepAliveTransactionTest, IdlesOnceNobodyHasNeededTheProcessForLong) {
     const auto transaction = make(true);
     EXPECT_TRUE(waits());  // nobody has come yet
-    transaction->begin();
-    transaction->begin();
+    for (int i = 0; i < 2; ++i)
+        transaction->begin();
     EXPECT_FALSE(waits());
     transaction->end();
     EXPECT_FALSE(waits());
     transaction->end();
     EXPECT_TRUE(waits());
-    inFlight_ = true;
-    fire();
-    EXPECT_EQ(idleCalls_, 0);
-    inFlight_ = false;
-    fire();
-    EXPECT_EQ(idleCalls_, 1);
+    for (const bool inFlight : {true, false}) {
+        inFlight_ = inFlight;
+        fire();
+        EXPECT_EQ(idleCalls_, inFlight ? 0 : 1);
+    }
     EXPECT_FALSE(timer_);
+
+    const auto notOnDemand = make(false);
+    notOnDemand->begin();
+    notOnDemand->end();
+    EXPECT_FALSE(waits());
 }
 
 TEST_F(KeepAliveTransactionTest, ABeginThatRacesTheTimerWins) {
@@ -74,13 +78,6 @@ TEST_F(KeepAliveTransactionTest, ABeginThatRacesTheTimerWins) {
     fire();
     EXPECT_EQ(idleCalls_, 0);
     EXPECT_FALSE(timer_);
-}
-
-TEST_F(KeepAliveTransactionTest, NeverIdlesAProcessThatWasNotLaunchedOnDemand) {
-    const auto transaction = make(false);
-    transaction->begin();
-    transaction->end();
-    EXPECT_FALSE(waits());
 }
 
 TEST_F(KeepAliveTransactionTest, MayGoBeforeItsTimerAndItsPosts) {

@@ -63,7 +63,6 @@ TEST_F(ListeningSocketTest, IsOpenToAllAndGoesWithItsOwner) {
         EXPECT_FALSE(opened->fromServiceManager);
         EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0666));
         EXPECT_TRUE(hasFlags(opened->socket.get()));
-
         const ListeningSocket moved = std::move(*opened);
         EXPECT_TRUE(connects());
         EXPECT_EQ(open().error(), path_.native() + ": in use");
@@ -102,12 +101,12 @@ TEST_F(ListeningSocketTest, ComesFromTheServiceManagerWhichKeepsTheName) {
     EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "com.example.other:telvorad.socket"), "");
     EXPECT_TRUE(connects());
 
-    const std::string noSocket = "the service manager handed over no listening Unix stream socket\n";
     const UniqueFd notListening(::socket(AF_UNIX, SOCK_STREAM, 0)),
         internet(::socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(listen(internet.get(), 1), 0);
-    EXPECT_EQ(takeHandedOver({notListening.get()}, "telvorad.socket"), noSocket);
-    EXPECT_EQ(takeHandedOver({internet.get()}, "telvorad.socket"), noSocket);
+    for (const UniqueFd* wrong : {&notListening, &internet})
+        EXPECT_EQ(takeHandedOver({wrong->get()}, "telvorad.socket"),
+                  "the service manager handed over no listening Unix stream socket\n");
     EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "a:b"),
               "the service manager handed over 2 descriptors, two of them for the same\n");
 }

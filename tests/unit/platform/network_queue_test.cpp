@@ -33,26 +33,22 @@ class NetworkQueueTest : public testing::Test {
 
 TEST_F(NetworkQueueTest, TimersFireOnceAndNotAfterCancel) {
     std::promise<void> fired;
-    std::vector<std::string> calls;
-    auto timer = queue_->makeTimer();
-    auto replaced = queue_->makeTimer();
-    auto cancelled = queue_->makeTimer();
+    auto cancelled = queue_->makeTimer(), timer = queue_->makeTimer();
     const SteadyTime past = queue_->now() - 1s;
+    const auto never = [] { ADD_FAILURE() << "called"; };
     onQueue([&] {
-        cancelled->arm(past, 1ns, [&] { calls.emplace_back("cancelled"); });
-        replaced->arm(past, 1ns, [&] { calls.emplace_back("replaced"); });
+        cancelled->arm(past, 1ns, never);
+        timer->arm(past, 1ns, never);
         cancelled->cancel();
-        replaced->arm(past, 1ns, [&] {
-            calls.emplace_back("replacement");
+        timer->arm(past, 1ns, [&] {
             timer->arm(past, 1ns, [&] {
-                calls.emplace_back("last");
-                timer.reset();  // from within its own call
-                fired.set_value();
+                timer.reset();      // from within its own call
+                fired.set_value();  // a second time, it throws
             });
         });
     });
     fired.get_future().wait();
-    onQueue([&] { EXPECT_EQ(calls, (std::vector<std::string>{"replacement", "last"})); });
+    onQueue([] {});
 }
 
 TEST(SharedWakeupTest, TimersOfOneLeewayFallTogether) {

@@ -5,7 +5,7 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
+#include <optional>
 
 #include "telvora-lab/temporary_directory.h"
 
@@ -29,21 +29,18 @@ std::string bigEndian(uint64_t value, size_t bytes) {
     return text;
 }
 
-// A binary document of these objects, with two-byte references and four-byte offsets; the first is the top.
-std::string binary(const std::vector<std::string>& objects, uint64_t count, uint64_t top = 0,
-                   uint64_t offsetError = 0) {
+// A binary document of these objects, with two-byte references and four-byte offsets; the first is the top,
+// and what it says of their number is true unless told otherwise.
+std::string binary(const std::vector<std::string>& objects, std::optional<uint64_t> count = {},
+                   uint64_t top = 0, uint64_t offsetError = 0) {
     std::string document = "bplist00", table;
     for (const std::string& object : objects) {
         table += bigEndian(document.size() + offsetError, 4);
         document += object;
     }
     const uint64_t tableStart = document.size();
-    return document + table + "\0\0\0\0\0\0\x04\x02"s + bigEndian(count, 8) + bigEndian(top, 8) +
-           bigEndian(tableStart, 8);
-}
-
-std::string binary(const std::vector<std::string>& objects) {
-    return binary(objects, objects.size());
+    return document + table + "\0\0\0\0\0\0\x04\x02"s + bigEndian(count.value_or(objects.size()), 8) +
+           bigEndian(top, 8) + bigEndian(tableStart, 8);
 }
 
 std::string reference(uint64_t index) {
@@ -60,25 +57,14 @@ std::string nestedBinary(size_t levels, size_t width) {
 }
 
 Dictionary everyType() {
-    return Dictionary{{"boolean", true},
-                      {"no", false},
-                      {"integer", -5},
-                      {"least", std::numeric_limits<int64_t>::min()},
-                      {"most", std::numeric_limits<int64_t>::max()},
-                      {"unsigned", std::numeric_limits<uint64_t>::max()},
-                      {"half", uint64_t{1} << 63},
-                      {"real", 0.1},
-                      {"small", 1e-300},
-                      {"whole", 2.0},
-                      {"string", "a<b>&\"' \xc3\xa9\xf0\x9f\x98\x80\n"},
-                      {"empty", ""},
-                      {"data", Data{"\0\1\2\xff"s}},
-                      {"no data", Data{}},
-                      {"date", Date{1447660800}},
-                      {"never", Date{64092211200}},
-                      {"long ago", Date{-11676096000}},
-                      {"array", Array{1, "two", Array{}, Dictionary{}}},
-                      {"k&y <\xc3\xa9>", Dictionary{{"", 1}}}};
+    return {{"booleans", Array{true, false}},
+            {"integers", Array{-5, INT64_MIN, INT64_MAX, UINT64_MAX, uint64_t{1} << 63}},
+            {"reals", Array{0.1, 1e-300, 2.0}},
+            {"strings", Array{"a<b>&\"' \xc3\xa9\xf0\x9f\x98\x80\n", ""}},
+            {"data", Array{Data{"\0\1\2\xff"s}, Data{}}},
+            {"dates", Array{Date{1447660800}, Date{64092211200}, Date{-11676096000}}},
+            {"array", Array{1, "two", Array{}, Dictionary{}}},
+            {"k&y <\xc3\xa9>", Dictionary{{"", 1}}}};
 }
 
 class PropertyListFormatTest : public testing::TestWithParam<PropertyListFormat> {};
@@ -91,8 +77,10 @@ INSTANTIATE_TEST_SUITE_P(Formats, PropertyListFormatTest,
 TEST_P(PropertyListFormatTest, EveryTypeSurvivesTheRoundTripInsideAndAtTheTop) {
     const std::string document = serializePropertyList(everyType(), GetParam()).value();
     EXPECT_EQ(parsePropertyList(document), PropertyList(everyType()));
-    for (const auto& [key, value] : everyType())
-        EXPECT_EQ(parsePropertyList(serializePropertyList(value, GetParam()).value()), value) << key;
+    for (const PropertyList& top :
+         {PropertyList(true), PropertyList(-5), PropertyList(0.1), PropertyList("text"),
+          PropertyList(Data{"\0"s}), PropertyList(Date{1}), PropertyList(Array{1})})
+        EXPECT_EQ(parsePropertyList(serializePropertyList(top, GetParam()).value()), top);
     for (const size_t count : {14, 15, 255, 256, 65535, 65536}) {
         const std::string text(count, 'x');
         const PropertyList value = Array{text, text + "\xc3\xa9", Data{text},

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The daemon's end of a session under test: a socket whose connections the test takes itself, one at a time.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <string>
+
+#include "client/client_session.h"
+#include "daemon/client_connection.h"
+#include "telvora-lab/temporary_directory.h"
+#include "tests/support/fake_session.h"
+#include "tests/support/unix_socket.h"
+
+namespace telvora::test {
+
+struct DaemonEnd : testing::Test {
+    void listen() { listener = boundSocket(socketPath, SOCK_STREAM | SOCK_NONBLOCK); }
+    // Takes the next connection with a daemon that knows nothing yet; false when there is none.
+    bool accept() {
+        UniqueFd socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!socket) return false;
+        daemon = std::make_shared<FakeSession>();
+        ended = std::make_shared<std::promise<void>>();
+        connection = ClientConnection::make(pool.makeStrand(), std::move(socket), "client");
+        connection->setExportedObject(daemon);
+        connection->setFileExtensionIssuer(issuer);
+        connection->setInvalidationHandler([ended = ended] { ended->set_value(); });
+        connection->resume();
+        return true;
+    }
+    void hangUp() {
+        if (!connection) return;
+        connection->invalidate();
+        ended->get_future().wait();
+        connection = nullptr;
+    }
+
+    // The first, so that they outlive the strands they made.
+    WorkPool pool{1};
+    ClientRuntime runtime;
+    lab::TemporaryDirectory directory;
+    std::string socketPath = directory.path() / "socket";
+    UniqueFd listener;
+    std::shared_ptr<FileExtensionIssuer> issuer;
+    std::shared_ptr<FakeSession> daemon;
+    std::shared_ptr<ClientConnection> connection;
+    std::shared_ptr<std::promise<void>> ended;
+};
+
+}  // namespace telvora::test
