@@ -107,6 +107,15 @@ Dictionary DaemonWorld::bagWithClient(Dictionary client) {
              Dictionary{{kTelvoraBackendHTTPPost, Dictionary{{"clients", Array{std::move(client)}}}}}}};
 }
 
+Dictionary DaemonWorld::reportingBag(const Dictionary& changes) {
+    Dictionary client{{"filters", Array()},
+                      {"sampling_threshold", 1.0},
+                      {"locale_whitelist", "CH"},
+                      {"post_url", "https://reports.example/events"}};
+    client.merge(changes);
+    return bagWithClient(std::move(client));
+}
+
 std::shared_ptr<FakeConnection> DaemonWorld::connect() {
     auto connection = std::make_shared<FakeConnection>();
     agent.listener(connection, ownPeer());

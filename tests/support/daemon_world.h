@@ -71,6 +71,8 @@ class DaemonWorld {
     void serveBag(std::optional<Dictionary> innerBag);
     // A bag with one section, "release", and the HTTPS backend "httpPost" in it with this clients entry.
     static Dictionary bagWithClient(Dictionary client);
+    // The same with an entry under which connectConfigured()'s sessions report, but for these changes.
+    static Dictionary reportingBag(const Dictionary& changes = {});
 
     // A connection that the agent has let in.
     std::shared_ptr<FakeConnection> connect();

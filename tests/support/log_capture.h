@@ -5,7 +5,6 @@
 #pragma once
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -24,7 +23,6 @@ class LogCapture {
         setLogSink([](int level, std::string_view line) {
             const std::lock_guard lock(store().mutex);
             store().lines.push_back("<" + std::to_string(level) + ">" + std::string(line));
-            store().changed.notify_all();
         });
     }
     ~LogCapture() {
@@ -44,14 +42,6 @@ class LogCapture {
         return static_cast<size_t>(std::count(all.begin(), all.end(), line));
     }
     bool contains(std::string_view line) const { return count(line) > 0; }
-    // Waits until some line contains `part`; a test that hangs here is ended by its timeout.
-    void waitFor(std::string_view part) const {
-        std::unique_lock lock(store().mutex);
-        store().changed.wait(lock, [&] {
-            return std::any_of(store().lines.begin(), store().lines.end(),
-                               [&](const std::string& line) { return line.find(part) != std::string::npos; });
-        });
-    }
     void clear() {
         const std::lock_guard lock(store().mutex);
         store().lines.clear();
@@ -60,7 +50,6 @@ class LogCapture {
   private:
     struct Store {
         std::mutex mutex;
-        std::condition_variable changed;
         std::vector<std::string> lines;
     };
     static Store& store() {

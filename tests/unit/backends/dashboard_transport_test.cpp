@@ -150,56 +150,45 @@ TEST_F(DashboardTransportTest, AtMost50PacketsWait) {
     EXPECT_EQ(resent.back(), 60);
 }
 
-TEST_F(DashboardTransportTest, CleanUpOfAnEmptyQueueClosesAtOnce) {
-    for (const auto& backend : {makeReliable(), makeBackend(collectorProfile())}) {
-        int closed = 0;
-        const size_t others = network.openSockets - 1;
-        backend->cleanup([&closed] { ++closed; });
-        EXPECT_EQ(closed, 0);  // the queue's business
-        network.runFor();
-        EXPECT_EQ(closed, 1);
-        EXPECT_EQ(network.openSockets, others);
-        // Whatever comes now costs nothing.
-        for (uint16_t number = 0; number < 100; ++number)
+TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
+    const struct {
+        uint16_t queued, acknowledged;
+        std::chrono::milliseconds closed;
+        std::vector<std::string> lines;
+    } cases[] = {{0, 0, 0ms, {}},
+                 {50, 50, 2200ms, {kLastResort, kCleanUp}},  // at the tick after the acknowledgements
+                 {50, 49, 200ms + 9500ms, {kLastResort}}};
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.acknowledged);
+        log.clear();
+        auto backend = makeReliable();
+        network.runFor(1300ms);
+        for (uint16_t number = 1; number <= test.queued; ++number)
             send(*backend, number);
-        backend->cleanup();
+        std::vector<std::chrono::nanoseconds> closed;
+        backend->cleanup([&, start = network.now()] { closed.push_back(network.now() - start); });
+        backend.reset();  // the session's last word
+        EXPECT_THAT(closed, IsEmpty());
+        network.runFor(2s);
+        for (uint16_t number = 1; number <= test.acknowledged; ++number)
+            acknowledge(number);
         network.runFor(1min);
-        EXPECT_THAT(network.sent, IsEmpty());
-        EXPECT_EQ(network.timerCalls, 0u);
+        EXPECT_THAT(closed, ElementsAre(test.closed));
+        EXPECT_EQ(network.openSockets, 0u);
+        EXPECT_EQ(network.armedTimers, 0u);
+        EXPECT_EQ(log.lines(), test.lines);
     }
-    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(DashboardTransportTest, CleanUpWaitsForWhatIsQueuedAndEndsAtTheNextTick) {
-    auto backend = makeReliable();
-    network.runFor(1300ms);
-    for (const uint16_t number : {1, 2})
+TEST_F(DashboardTransportTest, WhatComesAfterCleanUpCostsNothing) {
+    const auto backend = makeReliable();
+    backend->cleanup();
+    for (uint16_t number = 0; number < 100; ++number)
         send(*backend, number);
     backend->cleanup();
-    backend.reset();  // the session's last word
-    network.runFor(2s);
-    for (const uint16_t number : {1, 2})
-        acknowledge(number);
-    network.runFor(199ms);
-    EXPECT_EQ(network.openSockets, 1u);
-    network.runFor(1ms);
-    EXPECT_EQ(network.openSockets, 0u);
-    EXPECT_EQ(network.armedTimers, 0u);
-    EXPECT_THAT(log.lines(), ElementsAre(kLastResort, kCleanUp));
-}
-
-TEST_F(DashboardTransportTest, TheLastResortClosesWithPacketsQueued) {
-    auto backend = makeReliable(2000);
-    for (uint16_t number = 1; number <= 50; ++number)
-        send(*backend, number);
-    backend->cleanup();
-    backend.reset();
-    network.runFor(2000ms + 9499ms);
-    EXPECT_EQ(network.openSockets, 1u);
-    network.runFor(1ms);
-    EXPECT_EQ(network.openSockets, 0u);
-    EXPECT_EQ(network.armedTimers, 0u);
-    EXPECT_THAT(log.lines(), ElementsAre(kLastResort));
+    network.runFor(1min);
+    EXPECT_THAT(network.sent, IsEmpty());
+    EXPECT_EQ(network.timerCalls, 0u);
 }
 
 TEST_F(DashboardTransportTest, ABackendThatGoesWithoutCleanUpIsDrainedToo) {

@@ -8,15 +8,8 @@
 namespace telvora::test {
 namespace {
 
-// A bag whose one client is batched and reports, with a limit that no test here reaches.
-Dictionary reportingBag() {
-    return DaemonWorld::bagWithClient({{"filters", Array()},
-                                       {"sampling_threshold", 1.0},
-                                       {"locale_whitelist", "CH"},
-                                       {"post_url", "https://reports.example/events"},
-                                       {"expedite", 0},
-                                       {"event_threshold", 1000}});
-}
+// Has sessions hold their reports until a flush.
+const Dictionary kBatched{{"expedite", 0}, {"event_threshold", 1000}};
 
 TEST(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
     DaemonWorld world;
@@ -31,7 +24,7 @@ TEST(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
 
 TEST(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
     DaemonWorld world;
-    world.serveBag(reportingBag());
+    world.serveBag(DaemonWorld::reportingBag(kBatched));
     const auto child = world.connectConfigured(2, {{"t", 1}});
     child->session().sendMessageWithCategory(5, 1, Dictionary{{"k", "v"}}, [](const auto&) {});
     const auto top = world.connectConfigured(1, {{"t", 0}});
@@ -46,7 +39,7 @@ TEST(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
 TEST(AgentHierarchy, ChildrenFollowTheirParentsState) {
     const LogCapture log;
     DaemonWorld world;
-    world.serveBag(reportingBag());
+    world.serveBag(DaemonWorld::reportingBag(kBatched));
     const auto states = [](FakeConnection& connection) {
         std::optional<std::vector<std::string>> names;
         connection.session().fetchStatesWithUserInfo(*connection.session().userInfo(),
@@ -68,7 +61,7 @@ TEST(AgentHierarchy, ChildrenFollowTheirParentsState) {
 
 TEST(AgentHierarchy, AggregatorsHearOfReportsWithoutAPayloadAndOfTheirOwnEnd) {
     DaemonWorld world;
-    world.serveBag(reportingBag());
+    world.serveBag(DaemonWorld::reportingBag(kBatched));
     const auto top = world.connectConfigured(1, {{"t", 0}}, true);
     const auto child = world.connectConfigured(2, {{"t", 1}}, true);
     child->session().sendMessageWithCategory(7, 10, std::nullopt, [](const auto&) {});

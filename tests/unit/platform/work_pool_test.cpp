@@ -29,19 +29,6 @@ std::future<void> postTo(WorkPool& pool, Work work) {
     return done->get_future();
 }
 
-TEST(WorkPool, AStrandRunsItsWorkInOrderAndOneAfterAnother) {
-    WorkPool pool(4);
-    Strand strand = pool.makeStrand();
-    std::vector<int> order;  // no lock: what the strand promises is what TSan checks here
-    std::latch done(1);
-    for (int i = 0; i < 1000; ++i)
-        asio::post(strand, [&order, i] { order.push_back(i); });
-    asio::post(strand, [&] { done.count_down(); });
-    done.wait();
-    ASSERT_EQ(order.size(), 1000u);
-    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
 TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) {
     constexpr size_t kCap = WorkPool::kMaxSurplusThreads + 1;
     for (const size_t blocked : {size_t{8}, kCap + 10}) {

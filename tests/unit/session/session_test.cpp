@@ -10,110 +10,83 @@ namespace telvora::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::Optional;
 
 const Dictionary kUser{{kTelvoraUserInfoClientName, "client"}, {kTelvoraUserInfoServiceName, "service"}};
 
-Dictionary reportingClient() {
-    return {{"filters", Array()},
-            {"sampling_threshold", 1.0},
-            {"locale_whitelist", "CH"},
-            {"post_url", "https://reports.example/events"}};
-}
+// A daemon whose sessions report.
+struct SessionTest : testing::Test {
+    SessionTest() { world.serveBag(DaemonWorld::reportingBag()); }
 
-// The answer to a message of this dictionary.
-std::optional<std::string> answerTo(FakeConnection& connection, Dictionary message) {
-    std::optional<std::string> answer;
-    connection.session().sendMessageWithDictionary(std::move(message),
-                                                   [&](auto a) { answer = std::move(a); });
-    return answer;
-}
+    LogCapture log;
+    DaemonWorld world;
+};
 
-TEST(Session, StartMessageTellsOfTheDeviceOnInternalBuildsOnly) {
-    const struct {
-        Dictionary device;
-        std::vector<std::string> keys;
-    } cases[] = {
+TEST_F(SessionTest, StartMessageTellsOfTheDeviceOnInternalBuildsOnly) {
+    const std::pair<Dictionary, std::vector<std::string>> cases[] = {
         {{{"DeviceName", "phone"}}, {"AutomaticTimeSet", "Locale"}},
         {{{"DeviceName", "phone"}, {"ReleaseType", "Internal"}, {"SerialNumber", "s1"}},
          {"AutomaticTimeSet", "Build", "Hardware", "Locale", "Product", "ReportVers", "SerialNum",
           "Version"}},
     };
-    for (const auto& c : cases) {
-        DaemonWorld world(c.device);
-        Dictionary bag = DaemonWorld::bagWithClient(reportingClient());
+    for (const auto& [device, expected] : cases) {
+        DaemonWorld onDevice(device);
+        Dictionary bag = DaemonWorld::reportingBag();
         bag.set("zandor_internal", *bag.find("release"));
-        world.serveBag(bag);
-        const auto connection = world.connectConfigured(1);
-        const auto events = world.postedEvents();
+        onDevice.serveBag(bag);
+        const auto connection = onDevice.connectConfigured(1);
+        const auto events = onDevice.postedEvents();
         ASSERT_EQ(events.size(), 1U);
         std::vector<std::string> keys;
         for (const auto& [key, value] : events.front()) {
             const bool ofBackend = key.starts_with("_") || key == "eventTime" || key.starts_with("Telvora");
             if (!ofBackend) keys.push_back(key);
         }
-        EXPECT_EQ(keys, c.keys);
+        EXPECT_EQ(keys, expected);
         EXPECT_TRUE(events.front().boolean("AutomaticTimeSet"));
     }
 }
 
-TEST(Session, MessagesNeedTheirMandatoryParameters) {
-    DaemonWorld world;
-    world.serveBag(DaemonWorld::bagWithClient(reportingClient()));
+TEST_F(SessionTest, MessagesNeedTheirMandatoryParameters) {
     const auto connection = world.connectConfigured(1);
-    const size_t before = world.postedEvents().size();
-    const struct {
-        Dictionary message;
-        const char* line;
-    } refused[] = {
-        {{{kTelvoraMessageParametersType, 1}},
-         "<7>sendMessageWithDictionary: Missing mandatory parameter 'category'"},
-        {{{kTelvoraMessageParametersCategory, 1}},
-         "<7>sendMessageWithDictionary: Missing mandatory parameter 'type'"},
-        {{{kTelvoraMessageParametersCategory, Array()}, {kTelvoraMessageParametersType, 1}},
-         "<7>sendMessageWithDictionary: Missing mandatory parameter 'category'"},
+    const auto send = [&](Dictionary message) {
+        connection->session().sendMessageWithDictionary(std::move(message), [](const auto&) {});
     };
-    for (const auto& r : refused) {
-        const LogCapture log;
-        answerTo(*connection, r.message);
-        EXPECT_TRUE(log.contains(r.line)) << r.line;
+    const size_t before = world.postedEvents().size();
+    const std::pair<Dictionary, std::string> refused[] = {
+        {{{kTelvoraMessageParametersType, 1}}, "category"},
+        {{{kTelvoraMessageParametersCategory, 1}}, "type"},
+        {{{kTelvoraMessageParametersCategory, Array()}, {kTelvoraMessageParametersType, 1}}, "category"},
+    };
+    for (const auto& [message, missing] : refused) {
+        send(message);
+        EXPECT_EQ(log.lines().back(),
+                  "<7>sendMessageWithDictionary: Missing mandatory parameter '" + missing + "'");
     }
     EXPECT_EQ(world.postedEvents().size(), before);
 
-    answerTo(*connection, {{kTelvoraMessageParametersCategory, 65536 + 9},
-                           {kTelvoraMessageParametersType, 65536 + 4},
-                           {kTelvoraMessageParametersPayload, "no dictionary"}});
-    const Dictionary event = world.postedEvents().back();
-    EXPECT_EQ(event.integer("_method"), 9) << "only the low 16 bits count";
-    EXPECT_EQ(event.integer("_status"), 4);
+    send({{kTelvoraMessageParametersCategory, 65536 + 9},
+          {kTelvoraMessageParametersType, 65536 + 4},
+          {kTelvoraMessageParametersPayload, "no dictionary"}});
+    EXPECT_EQ(world.postedEvents().back().integer("_method"), 9) << "only the low 16 bits count";
+    EXPECT_EQ(world.postedEvents().back().integer("_status"), 4);
 }
 
-TEST(Session, ListsDropACategoryPerBackend) {
-    Dictionary client = reportingClient();
-    client.set("event_whitelist", Array{0, 5, 6});
-    client.set("event_blacklist", Array{6});
-    const LogCapture log;
-    DaemonWorld world;
-    world.serveBag(DaemonWorld::bagWithClient(client));
+TEST_F(SessionTest, ListsDropACategoryPerBackend) {
+    world.serveBag(
+        DaemonWorld::reportingBag({{"event_whitelist", Array{0, 5, 6}}, {"event_blacklist", Array{6}}}));
     const auto connection = world.connectConfigured(1);
-    for (const uint16_t category : {5, 6, 7}) {
+    for (const uint16_t category : {5, 6, 7})
         connection->session().sendMessageWithCategory(category, 1, std::nullopt, [](const auto&) {});
-    }
     std::vector<int64_t> categories;
     for (const Dictionary& event : world.postedEvents())
         categories.push_back(*event.integer("_method"));
     EXPECT_THAT(categories, ElementsAre(0, 5));
-    EXPECT_TRUE(
-        log.contains("<7>sendMessageWithDictionary: Dropping event with category 7 as it is not whitelisted "
-                     "for backend httpPost"));
-    EXPECT_TRUE(
-        log.contains("<7>sendMessageWithDictionary: Dropping event with category 6 as it is blacklisted for "
-                     "backend httpPost"));
+    for (const std::string dropped : {"7 as it is not whitelisted", "6 as it is blacklisted"})
+        EXPECT_TRUE(log.contains("<7>sendMessageWithDictionary: Dropping event with category " + dropped +
+                                 " for backend httpPost"));
 }
 
-TEST(Session, OnlyChangedNamesCountAsNewUserInfo) {
-    DaemonWorld world;
-    world.serveBag(DaemonWorld::bagWithClient(reportingClient()));
+TEST_F(SessionTest, OnlyChangedNamesCountAsNewUserInfo) {
     const auto connection = world.connectConfigured(1);
     Dictionary more = kUser;
     more.set("extra", 1);
@@ -125,15 +98,15 @@ TEST(Session, OnlyChangedNamesCountAsNewUserInfo) {
         Dictionary kept;
     } steps[] = {{more, false, more}, {renamed, true, renamed}, {std::nullopt, false, renamed}};
     for (const auto& step : steps) {
-        const LogCapture log;
+        log.clear();
         connection->session().fetchStatesWithUserInfo(step.userInfo, [](const auto&) {});
         EXPECT_EQ(log.contains("<7>receivedUserInfo: Received new user info for session 1"), step.announced);
         EXPECT_EQ(*connection->session().userInfo(), step.kept);
     }
 }
 
-TEST(Session, OneShotMessagesUseBackendsOfTheirOwn) {
-    DaemonWorld world;
+TEST_F(SessionTest, OneShotMessagesUseBackendsOfTheirOwn) {
+    world.serveBag(std::nullopt);
     const auto connection = world.connect();
     std::vector<std::string> outcomes;
     const auto send = [&](Dictionary info, std::optional<Dictionary> user) {
@@ -144,33 +117,24 @@ TEST(Session, OneShotMessagesUseBackendsOfTheirOwn) {
     send({{kTelvoraSessionInfoSessionID, 1}}, std::nullopt);  // no client type: no answer
     send({{kTelvoraSessionInfoSessionID, 4}, {kTelvoraSessionInfoClientType, 5}}, std::nullopt);
     world.now += 1000;
-    world.serveBag(DaemonWorld::bagWithClient(reportingClient()));
+    world.serveBag(DaemonWorld::reportingBag());
     send(sessionInfoFor(77), kUser);
     EXPECT_THAT(outcomes, ElementsAre("storebag not available", "finished"));
     EXPECT_EQ(connection->session().sessionID(), 77U) << "the session takes over the identity";
-    const auto events = world.postedEvents();
-    ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events[0].integer("_method"), 8);
+    ASSERT_EQ(world.postedEvents().size(), 1U);
+    EXPECT_EQ(world.postedEvents()[0].integer("_method"), 8);
 }
 
-TEST(Session, DisplayURLFallsBack) {
-    DaemonWorld world;
-    const Dictionary clients{{"clients", Array{reportingClient()}}};
-    Dictionary withURL = clients;
-    withURL.set("display_url", "https://show.example");
+TEST_F(SessionTest, TheDisplayURLIsThatOfTheFirstBackendThatHasOne) {
+    const Dictionary clients{{"clients", Array{}}};
+    const Dictionary withURL{{"clients", Array{}}, {"display_url", "https://show.example"}};
     world.serveBag(Dictionary{{"release", Dictionary{{"httpPost", clients}, {"httpPost2", withURL}}}});
-    const auto connection = world.connect();
-    std::vector<std::string> urls;
-    const auto fetch = [&] { connection->session().fetchDisplayURL([&](auto url) { urls.push_back(url); }); };
-    fetch();
-    connection->session().setSessionInfo(sessionInfoFor(1), kUser, {}, false);
-    connection->session().startConfigWithCompletionHandler([](const auto&) {});
-    fetch();
-    EXPECT_THAT(urls, ElementsAre("URL not available", "https://show.example"));
+    std::string url;
+    world.connectConfigured(1)->session().fetchDisplayURL([&url](const auto& told) { url = told; });
+    EXPECT_EQ(url, "https://show.example");
 }
 
-TEST(Session, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails) {
-    DaemonWorld world;
+TEST_F(SessionTest, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails) {
     world.serveBag(Dictionary{{"release", Dictionary{{"unknown", Dictionary()}}}});
     const auto connection = world.connect();
     std::vector<std::string> errors;
@@ -185,11 +149,8 @@ TEST(Session, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails) {
     EXPECT_THAT(errors, ElementsAre("No backends available to send message"));
 }
 
-TEST(Session, TheEndSendsTheEndMessageWithTheBagsVersion) {
-    DaemonWorld world;
-    world.serveBag(DaemonWorld::bagWithClient(reportingClient()));
-    const auto connection = world.connectConfigured(1);
-    connection->invalidate();
+TEST_F(SessionTest, TheEndSendsTheEndMessageWithTheBagsVersion) {
+    world.connectConfigured(1)->invalidate();
     const Dictionary end = world.postedEvents().back();
     EXPECT_EQ(end.integer("_method"), 0);
     EXPECT_EQ(end.integer("_status"), 1);
