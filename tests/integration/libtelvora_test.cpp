@@ -3,8 +3,6 @@
 // libtelvora as an application has it, the shared library through its C interface, with the real daemon: that
 // every operation gets there, and what becomes of an application whose daemon, process or rights fail it.
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -13,23 +11,20 @@
 #include "telvora-lab/bags.h"
 #include "telvora/telvora.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/expect_run.h"
 #include "tests/support/forked_child.h"
+#include "tests/support/unix_socket.h"
 
 namespace telvora::test {
 namespace {
 
-// ThreadSanitizer ends a forked child that starts a thread, and a thread costs more under a sanitizer.
+// ThreadSanitizer ends a forked child that starts a thread.
 #ifdef TELVORA_SANITIZED
 constexpr bool kChildMayStartThreads = false;
-constexpr int kThreads = 100;
 #else
 constexpr bool kChildMayStartThreads = true;
-constexpr int kThreads = 1000;
 #endif
 
-using lab::ChildProcess;
-using lab::ChildProcessOptions;
-using lab::DaemonOptions;
 using lab::kPatience;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
@@ -42,10 +37,10 @@ using Notes = std::vector<std::string>;
 void noteAnswer(void* context, const telvora_answer* answer) {
     std::string note = telvora_status_text(telvora_answer_status(answer));
     const telvora_value* value = telvora_answer_value(answer);
-    if (const char* text = telvora_value_string(value)) note = text;
-    for (size_t i = 0; i < telvora_value_count(telvora_value_at(value, 0)) && i < telvora_value_count(value);
-         ++i)
-        note = telvora_value_string(telvora_value_at(value, i));
+    const telvora_value* last = telvora_value_at(value, telvora_value_count(value) - 1);
+    for (const telvora_value* one : {value, last}) {
+        if (const char* text = telvora_value_string(one)) note = text;
+    }
     if (value != nullptr && telvora_value_type(value) == TELVORA_TYPE_BOOL)
         note = telvora_value_bool(value) ? "true" : "false";
     const char* description = nullptr;
@@ -59,11 +54,7 @@ class Libtelvora : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        Dictionary bag = lab::openBag();
-        Dictionary section = *bag.dictionary("release");
-        section.set("uploadServer", Dictionary{{"post_url", "@upload@"}});
-        bag.set("release", std::move(section));
-        laboratory().setBag("dravik", bag);
+        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         telvora_set_int(info_, kTelvoraSessionInfoClientType, 8);
         telvora_set_int(info_, kTelvoraSessionInfoSessionID, 7);
         telvora_set_string(payload_, "fruit", "quince");
@@ -104,7 +95,6 @@ class Libtelvora : public DaemonFixture {
         telvora_session_flush(session_, nullptr, nullptr);
         return telvora_session_wait(session_, kPatienceMs);
     }
-    bool waitForReports(size_t count) { return reports().waitForEvents(count, kPatience); }
 
     telvora_value* const info_ = telvora_dictionary_new();
     telvora_value* const payload_ = telvora_dictionary_new();
@@ -185,62 +175,56 @@ TEST_F(Libtelvora, OutlivesItsDaemon) {
     startDaemon();
     EXPECT_EQ(send(), TELVORA_OK);
     EXPECT_EQ(flushAndWait(), TELVORA_OK);
-    EXPECT_TRUE(waitForReports(2));  // start and report
+    EXPECT_TRUE(waitForEvents(2));  // start and report
     EXPECT_THAT(events_, UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
 }
 
 TEST_F(Libtelvora, TakesReportsOfManyThreads) {
+    constexpr int kThreads = 100, kReports = 50;
     startDaemon();
     configure();
     std::vector<std::thread> threads;
     std::atomic<int> refused = 0;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
-            for (int report = 0; report < 5; ++report)
+            for (int report = 0; report < kReports; ++report)
                 refused += send() != TELVORA_OK;
         });
     }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(refused, 0);
-    EXPECT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_OK);
-    flushAndWait();
-    EXPECT_TRUE(waitForReports(5 * kThreads + 1));
+    EXPECT_EQ(flushAndWait(), TELVORA_OK);
+    EXPECT_TRUE(waitForEvents(kThreads * kReports + 1));
 }
 
 // In a child process, for the library as it is before its first session, and for a user without rights.
 TEST_F(Libtelvora, FailsAtOnceWithoutADaemon) {
-    startDaemon([](DaemonOptions& options) { options.entitlement.reset(); });
-    const std::string absent = directory().path() / "absent";
+    startDaemon([](lab::DaemonOptions& options) { options.entitlement.reset(); });
     const std::string deaf = directory().path() / "deaf";
-    const std::string others = daemon().socketPath();
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    deaf.copy(address.sun_path, sizeof address.sun_path - 1);
-    const UniqueFd bound(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-
-    const struct Case {
+    boundSocket(deaf, SOCK_STREAM);  // and closed
+    const struct {
         std::string path;
         bool asNobody;
-        telvora_status sent;  // what the first call returns
-        telvora_status answered;
-    } cases[] = {{absent, false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+        telvora_status first;  // what the first call returns
+        telvora_status answer;
+    } cases[] = {{directory().path() / "absent", false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
                  {deaf, false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
                  {std::string(200, 'x'), false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
-                 {others, true, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
-                 {others, false, TELVORA_OK, TELVORA_ERROR_LOST}};
+                 {daemon().socketPath(), true, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
+                 {daemon().socketPath(), false, TELVORA_OK, TELVORA_ERROR_LOST}};
     std::filesystem::permissions(directory().path() / "run", std::filesystem::perms::owner_all);
-    for (const Case& c : cases) {
-        if (c.asNobody && geteuid() != 0) continue;  // who is not root can't become another user
-        if (c.sent == TELVORA_OK && !kChildMayStartThreads) continue;
-        SCOPED_TRACE(c.path + (c.asNobody ? " as nobody" : ""));
-        EXPECT_EQ(inForkedChild([&](const ChildReport& report) {
-                      if (c.asNobody && setresuid(65534, 65534, 65534) != 0) report.wrong("no other user");
-                      session_ = open(c.path);
-                      report.expect(send() == c.sent, "the first call");
-                      report.expect(telvora_session_wait(session_, kPatienceMs) == c.answered, "its answer");
-                      report.expect(send() == TELVORA_ERROR_UNAVAILABLE || c.sent == TELVORA_OK, "the next");
+    for (const auto& [path, asNobody, first, answer] : cases) {
+        if (asNobody && geteuid() != 0) continue;  // who is not root can't become another user
+        if (first == TELVORA_OK && !kChildMayStartThreads) continue;
+        SCOPED_TRACE(path + (asNobody ? " as nobody" : ""));
+        EXPECT_EQ(inForkedChild([&, &path = path, asNobody = asNobody, first = first,
+                                 answer = answer](const ChildReport& report) {
+                      if (asNobody && setresuid(65534, 65534, 65534) != 0) report.wrong("no other user");
+                      session_ = open(path);
+                      report.expect(send() == first, "the first call");
+                      report.expect(telvora_session_wait(session_, kPatienceMs) == answer, "its answer");
+                      report.expect(send() == TELVORA_ERROR_UNAVAILABLE || first == TELVORA_OK, "the next");
                       telvora_session_free(session_);
                   }),
                   "");
@@ -265,25 +249,20 @@ TEST_F(Libtelvora, LeavesAForkedChildItsOwnSessions) {
               }),
               "");
     EXPECT_EQ(flushAndWait(), TELVORA_OK);
-    EXPECT_TRUE(waitForReports(2));
+    EXPECT_TRUE(waitForEvents(2));
 }
 
 // The child sends and exits at once, and goes on calling as its statics and handlers end.
 TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
     startDaemon();
-    const struct {
-        const char* disable;
-        std::vector<std::string> lines;
-        size_t reports;
-    } cases[] = {{"1", {"threads 1", "0", "atexit: 9", "static: 9"}, 0},
-                 {"0", {"threads 1", "0", "atexit: 9", "static: 9"}, 3}};
-    for (const auto& [disable, lines, count] : cases) {
-        ChildProcess child({{TELVORA_EXIT_CLIENT},
-                            {{"TELVORA_SOCKET", daemon().socketPath()}, {"TELVORA_DISABLE", disable}}});
-        EXPECT_EQ(child.waitForExit(kPatience), 0) << testing::PrintToString(child.errors().lines());
-        child.output().waitFor([](std::string_view) { return false; }, kPatience);  // for all of it
-        EXPECT_EQ(child.output().lines(), lines);
-        EXPECT_TRUE(waitForReports(count));  // start, the report, and the end
+    const std::vector<std::string> lines{"threads 1", "0", "atexit: 9", "static: 9"};
+    for (const bool disabled : {true, false}) {
+        const lab::Finished child =
+            expectRun({TELVORA_EXIT_CLIENT}, 0, "", "",
+                      {{"TELVORA_SOCKET", daemon().socketPath()}, {"TELVORA_DISABLE", disabled ? "1" : "0"}});
+        EXPECT_EQ(child.output, lines) << disabled;
+        EXPECT_TRUE(disabled ? reports().eventCount() == 0
+                             : waitForEvents(3));  // start, the report, and the end
     }
 }
 
@@ -291,22 +270,17 @@ TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
 TEST_F(Libtelvora, HasExamplesThatReport) {
     startDaemon();
     const std::string built = TELVORA_EXAMPLES_BUILT;
-    const std::vector<std::string> commands[] = {{built + "/c/first_report"},
-                                                 {built + "/cpp/first_report"},
-                                                 {"/usr/bin/python3", TELVORA_PYTHON_EXAMPLE}};
     size_t expected = 0;
-    for (const std::vector<std::string>& command : commands) {
-        SCOPED_TRACE(command.back());
-        ChildProcess example(
-            {command,
-             {{"TELVORA_SOCKET", daemon().socketPath()}, {"LD_LIBRARY_PATH", built + "/prefix/lib"}}});
-        EXPECT_EQ(example.waitForExit(kPatience), 0) << testing::PrintToString(example.errors().lines());
-        EXPECT_TRUE(waitForReports(expected += 3));
+    for (const std::string& command : {built + "/c/first_report", built + "/cpp/first_report",
+                                       std::string("/usr/bin/python3 " TELVORA_PYTHON_EXAMPLE)}) {
+        expectRun(wordsOf(command), 0, "", "",
+                  {{"TELVORA_SOCKET", daemon().socketPath()}, {"LD_LIBRARY_PATH", built + "/prefix/lib"}});
+        EXPECT_TRUE(waitForEvents(expected += 3)) << command;
     }
-    size_t quinces = 0;
-    for (const Dictionary& event : reports().events())
-        quinces += event.contains("fruit");
-    EXPECT_EQ(quinces, 3u);
+    const auto events = reports().events();
+    EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                            [](const Dictionary& event) { return event.contains("fruit"); }),
+              3);
 }
 
 }  // namespace
