@@ -22,33 +22,7 @@ std::string datagramOf(DashboardFields fields, const Dictionary& payload = {}) {
     return std::string(datagram.bytes());
 }
 
-TEST(DashboardCollectorTest, DecodesWhateverTheBackendSends) {
-    const std::string header = datagramOf({.version = 3,
-                                           .componentType = 200,
-                                           .timestamp = {INT32_MAX, 999999},
-                                           .sessionID = 0x89abcdef,
-                                           .clientVersion = 0xfedc,
-                                           .method = 0x8001,
-                                           .respCode = 0xff00,
-                                           .deviceID = {"0123456789abcdef0123456789abcdef01234567"},
-                                           .eventNumber = 0xfffe,
-                                           .reliable = true,
-                                           .fromProfile = false});
-    EXPECT_EQ(lab::describe(*lab::decodeDashboardDatagram(header)),
-              (Dictionary{{"version", 3},
-                          {"component", "200"},
-                          {"time", 2147483647.996},
-                          {"session", 0x89abcdef},
-                          {"clientVersion", 0xfedc},
-                          {"method", 0x8001},
-                          {"responseCode", 0xff00},
-                          {"device", "0123456789abcdef0123456789abcdef01234567"},
-                          {"eventNumber", 0xfffe},
-                          {"wantsAcknowledgement", true},
-                          {"configuredByBag", false},
-                          {"text", ""},
-                          {"pairs", Array{}}}));
-
+TEST(DashboardCollectorTest, DecodesWhateverTextTheBackendSends) {
     std::mt19937 random(1);
     const auto below = [&random](uint32_t bound) { return static_cast<uint32_t>(random()) % bound; };
     const char* const pieces[] = {"\\", "=", "a", " b", "\xc3\xa4", "\r", "\t", "value", "\\=", "/"};

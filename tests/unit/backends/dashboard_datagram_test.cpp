@@ -95,18 +95,12 @@ TEST(DashboardDatagramTest, TheTextEndsAt1023Bytes) {
     }
 }
 
-TEST(DashboardDatagramTest, TheLineUndoesTheComplements) {
-    DashboardFields fields{.timestamp = {0, 3999},
-                           .sessionID = 4294967295,
-                           .clientVersion = 65535,
-                           .deviceID = {"short"},
-                           .eventNumber = 258};
-    const std::pair<uint8_t, const char*> codes[] = {
-        {0, "SM"}, {15, "VT-CRABS"}, {19, ""}, {128, ""}, {255, ""}};
-    for (const auto& [type, code] : codes) {
-        fields.componentType = type;
+TEST(DashboardDatagramTest, TheLineHasACodeForComponentsInTheTableAlone) {
+    for (const auto& [type, code] : {std::pair{0, "SM"}, {18, "LINDQVAR"}, {19, ""}, {128, ""}, {255, ""}}) {
+        DashboardFields fields{.componentType = static_cast<uint8_t>(type), .timestamp = {}};
+        fields.sessionID = 4294967295;
         EXPECT_EQ(renderDashboardDatagram(datagramOf({}, fields)),
-                  "0.000 short 127.0.0.1 "s + code + " 65535 4294967295   258     0     0 ");
+                  "0.000  127.0.0.1 "s + code + "     0 4294967295     0     0     0 ");
     }
 }
 

@@ -79,8 +79,6 @@ TEST(BackendFactoryTest, MakesWhatTheNameSays) {
         const auto backend = factory.newBackendWithName(name, profile, "family", 7);
         ASSERT_NE(backend, nullptr);
         EXPECT_EQ(backend->name(), name);
-        EXPECT_EQ(backend->samplingFactor(), 0.3);
-        EXPECT_EQ(backend->state(), BackendState::waitingForUserInfo);
     }
     const BackendRig halcyra({{"ProductType", "Halcyra"}});  // has no metrics adaptor
     const BackendFactory without(halcyra.services);

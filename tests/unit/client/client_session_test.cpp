@@ -124,33 +124,6 @@ TEST_F(ClientSessionTest, OffersEveryOperation) {
     EXPECT_EQ(daemon->calls.size(), clientSessionBusInterface().methods().size());
 }
 
-TEST_F(ClientSessionTest, PipelinesFromManyThreadsAndKeepsEachOnesOrder) {
-    connect();
-    constexpr int kThreads = 4;
-    constexpr int kReports = 1000;
-    std::atomic<int> answers = 0;
-    std::promise<void> all;
-    std::vector<std::thread> threads;
-    for (uint16_t thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&, thread] {
-            for (uint16_t i = 0; i < kReports; ++i) {
-                session->sendMessage(thread, i, std::nullopt, [&](const auto& answer) {
-                    EXPECT_TRUE(answer);
-                    if (++answers == kThreads * kReports) all.set_value();
-                });
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    all.get_future().wait();
-    int64_t next[kThreads] = {};
-    for (const PropertyList& call : daemon->calls) {
-        const Array& arguments = *call.getIf<Dictionary>()->array("sendMessageWithCategory");
-        EXPECT_EQ(arguments[1].integerValue(), next[*arguments[0].integerValue()]++);
-    }
-}
-
 TEST_F(ClientSessionTest, TellsEveryCallerWhenTheConnectionIsLost) {
     std::promise<std::string> lost;
     connect({nullptr, [&](const std::string& reason) { lost.set_value(reason); }});

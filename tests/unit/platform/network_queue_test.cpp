@@ -66,11 +66,11 @@ TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
     ASSERT_TRUE(socket->makeReadSource());
     ASSERT_EQ(socket->connect("127.0.0.1", peer.port()), 0);
     std::promise<std::string> received;
+    std::vector<char> buffer(4);
     onQueue([&] {
         EXPECT_TRUE(socket->send("ping"));
         EXPECT_FALSE(socket->send(std::string(70000, 'x')));  // more than a datagram holds
         socket->whenReadable([&] {
-            std::vector<char> buffer(4);
             const size_t length = socket->receive(buffer);
             received.set_value(std::string(buffer.data(), length));
         });
@@ -80,7 +80,6 @@ TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
     EXPECT_EQ(received.get_future().get(), "pong");
 
     onQueue([&] {
-        std::vector<char> buffer(4);
         EXPECT_EQ(socket->receive(buffer), 0u);  // nothing is there, and nobody waits
         socket->whenReadable([] { ADD_FAILURE() << "called after closing"; });
         socket->close();

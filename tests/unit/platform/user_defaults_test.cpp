@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
 
@@ -92,20 +90,6 @@ TEST_F(UserDefaultsTest, ADomainIsNoPath) {
         EXPECT_FALSE(defaults_.set(domain, "key", 1)) << domain;
         EXPECT_EQ(defaults_.value(domain, "key"), std::nullopt) << domain;
     }
-}
-
-TEST_F(UserDefaultsTest, ThreadsShareIt) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([this, i] {
-            EXPECT_TRUE(defaults_.set("d", std::to_string(i), i));
-            EXPECT_EQ(defaults_.integer("d", std::to_string(i)), i);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(later().integer("d", std::to_string(i)), i);
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "protocol/property_list_codec.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cmath>
 #include <functional>
@@ -99,19 +97,6 @@ TEST_F(PropertyListCodec, CarriesPlainArgumentsAndValuesOrNothing) {
         EXPECT_EQ(in.optionalError(), there ? std::optional(error) : std::nullopt);
     }
     EXPECT_TRUE(in.ok()) << in.failure();
-}
-
-TEST_F(PropertyListCodec, CarriesADescriptor) {
-    const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    BusMessage message = written([&](ArgumentWriter& out) { out.file(null.get()); });
-    ArgumentReader in(message);
-    const UniqueFd received = in.file();
-    struct stat a = {};
-    struct stat b = {};
-    ASSERT_EQ(fstat(received.get(), &a), 0);
-    ASSERT_EQ(fstat(null.get(), &b), 0);
-    EXPECT_EQ(a.st_rdev, b.st_rdev);
-    EXPECT_TRUE((fcntl(received.get(), F_GETFD) & FD_CLOEXEC) != 0);
 }
 
 TEST_F(PropertyListCodec, RefusesTypesThatAreNoPropertyList) {
