@@ -39,10 +39,7 @@ class FakeSession : public ClientSessionInterface {
         if (onSendMessage) return onSendMessage(std::move(reply));
         reply(std::nullopt);
     }
-    void sendMessageWithDictionary(Dictionary message, StringReply reply) override {
-        note("sendMessageWithDictionary", {message});
-        reply("answer");
-    }
+    void sendMessageWithDictionary(Dictionary, StringReply) override {}
     void flushMessagesWithCompletion(FlushReply reply) override {
         note("flushMessages", {});
         reply("flushed", makeTelvoraError("no", 503));
@@ -51,21 +48,10 @@ class FakeSession : public ClientSessionInterface {
         note("finishSession", {});
         reply("finished");
     }
-    void uploadFileAtPath(std::string fileURL, std::string token, UploadFileReply reply) override {
-        note("uploadFileAtPath", {fileURL, token});
-        reply(true);
-    }
-    void uploadLogData(Array records, UploadLogDataReply reply) override {
-        note("uploadLogData", {records});
-        reply(true, std::nullopt);
-    }
-    void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
-                                    uint16_t category, uint16_t type, std::optional<Dictionary> payload,
-                                    StringReply reply) override {
-        note("sendMessageWithSessionInfo",
-             {sessionInfo, orNothing(userInfo), unsigned{category}, unsigned{type}, orNothing(payload)});
-        reply("storebag not available");
-    }
+    void uploadFileAtPath(std::string, std::string, UploadFileReply) override {}
+    void uploadLogData(Array, UploadLogDataReply) override {}
+    void sendMessageWithSessionInfo(Dictionary, std::optional<Dictionary>, uint16_t, uint16_t,
+                                    std::optional<Dictionary>, StringReply) override {}
 
   private:
     void note(const char* operation, Array arguments) {

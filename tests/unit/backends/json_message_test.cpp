@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
-#include <limits>
+#include <cmath>
+#include <cstdint>
 
 #include "tests/support/log_capture.h"
 
@@ -13,18 +14,16 @@ namespace telvora {
 namespace {
 
 TEST(JsonMessageTest, WritesEveryTypeCompactOrPretty) {
-    const Dictionary event{
-        {"bool", true},
-        {"int", -7},
-        {"uint", std::numeric_limits<uint64_t>::max()},
-        {"tenth", 0.1},
-        {"whole", 3.0},
-        {"nan", std::numeric_limits<double>::quiet_NaN()},
-        {"big", 1e300},
-        {"time", 1447660800.123456},
-        {"text", "a\"b\\\n\x01/€"},
-        {"broken \xff", "\xc3(\xed\xa0\x80"},
-    };
+    const Dictionary event{{"bool", true},
+                           {"int", -7},
+                           {"uint", UINT64_MAX},
+                           {"tenth", 0.1},
+                           {"whole", 3.0},
+                           {"nan", NAN},
+                           {"big", 1e300},
+                           {"time", 1447660800.123456},
+                           {"text", "a\"b\\\n\x01/€"},
+                           {"broken \xff", "\xc3(\xed\xa0\x80"}};
     EXPECT_EQ(compactJson({1447660800.25, "id", {&event, 1}}),
               "{\"postTime\":1447660800.25,\"clientId\":\"id\",\"events\":[{\"big\":1e+300,\"bool\":true,"
               "\"broken \xef\xbf\xbd\":\"\xef\xbf\xbd(\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\","
@@ -36,8 +35,7 @@ TEST(JsonMessageTest, WritesEveryTypeCompactOrPretty) {
               "{\n  \"postTime\": 1.5,\n  \"clientId\": \"id\",\n  \"events\": [\n    {\n      \"a\": 1\n    "
               "}\n  ]\n}");
     // Without a client nothing but the time is written.
-    EXPECT_EQ(compactJson({std::numeric_limits<double>::infinity(), std::nullopt, {&small, 1}}),
-              "{\"postTime\":-1.0}");
+    EXPECT_EQ(compactJson({INFINITY, std::nullopt, {&small, 1}}), "{\"postTime\":-1.0}");
 }
 
 // Texts are looked at eight characters at a time: each place in a block and each rest is another case.
@@ -63,7 +61,7 @@ TEST(JsonMessageTest, WhatJsonCantCarryIsRemovedWithAWarning) {
                      {"bool", false},
                      {"data", Data{"\x01\x02"}},
                      {"date", Date{12.5}},
-                     {"endless", Date{std::numeric_limits<double>::infinity()}},
+                     {"endless", Date{INFINITY}},
                      {"nested", Dictionary{{"private", "value"}}},
                      {"text", "t"}};
     const test::LogCapture log;

@@ -1,24 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// What no session with the real daemon shows: each of its operations is tried there.
 #include "client/client_session.h"
 
-#include <fcntl.h>
-
 #include <atomic>
-#include <thread>
 
-#include "protocol/client_session_wire.h"
 #include "telvora/keys.h"
 #include "tests/support/environment_variable.h"
 #include "tests/unit/client/daemon_end.h"
 
 namespace telvora::test {
 namespace {
-
-class FakeIssuer : public FileExtensionIssuer {
-    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override {
-        return file ? "token for " + path : "";
-    }
-};
 
 // The future of an operation's answer.
 template <typename T>
@@ -31,21 +23,8 @@ struct Answer {
     Result get() const { return promise->get_future().get(); }
 };
 
-// What `operation` answers when it is given a completion.
-template <typename T, typename Operation>
-T ask(Operation operation) {
-    const Answer<T> answer;
-    operation(answer.completion());
-    auto result = answer.get();
-    EXPECT_TRUE(result);
-    if constexpr (!std::is_void_v<T>) return std::move(result.value());
-}
-
 struct ClientSessionTest : DaemonEnd {
-    ClientSessionTest() {
-        issuer = std::make_shared<FakeIssuer>();
-        listen();
-    }
+    ClientSessionTest() { listen(); }
     ~ClientSessionTest() override {
         session.reset();
         hangUp();
@@ -79,49 +58,6 @@ TEST(ClientSessionPathTest, ComesFromTheEnvironment) {
         const EnvironmentVariable socket("TELVORA_SOCKET", c.socket), run("RUNTIME_DIRECTORY", c.directory);
         EXPECT_EQ(ClientSession::defaultSocketPath(), c.path);
     }
-}
-
-TEST_F(ClientSessionTest, OffersEveryOperation) {
-    using Text = std::optional<std::string>;
-    connect();
-    const Dictionary d{{"k", 1}, {"z", Array{true}}};
-    ClientSession& s = *session;
-    ask<void>([&](auto done) { s.setSessionInfo(d, std::nullopt, {"a", "b"}, done); });
-    const std::vector<std::string> states{"httpPost", "dashboard"};
-    EXPECT_EQ(ask<ReportingStates>([&](auto done) { s.startConfig(done); }), states);
-    EXPECT_EQ(ask<ReportingStates>([&](auto done) { s.fetchStates(d, done); }), std::nullopt);
-    EXPECT_EQ(ask<std::string>([&](auto done) { s.fetchDisplayURL(done); }), "URL not available");
-    EXPECT_EQ(ask<Text>([&](auto done) { s.sendMessage(65535, 2, d, done); }), std::nullopt);
-    EXPECT_EQ(ask<Text>([&](auto done) { s.sendMessage(d, done); }), "answer");
-    const auto flushed = ask<FlushAnswer>([&](auto done) { s.flushMessages(done); });
-    EXPECT_EQ(flushed.answer, "flushed");
-    EXPECT_EQ(flushed.error, makeTelvoraError("no", 503));
-    EXPECT_EQ(ask<Text>([&](auto done) { s.finishSession(done); }), "finished");
-    EXPECT_EQ(ask<std::string>([&](auto done) {
-                  s.issueFileExtension("/dev/null", UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)), done);
-              }),
-              "token for /dev/null");
-    EXPECT_TRUE(ask<bool>([&](auto done) { s.uploadFile("file:///a", "token", done); }));
-    const auto uploaded = ask<UploadAnswer>([&](auto done) { s.uploadLogData({1, d}, done); });
-    EXPECT_TRUE(uploaded.uploaded && !uploaded.error);
-    EXPECT_EQ(ask<std::string>([&](auto done) { s.sendSingleMessage(d, d, 3, 4, std::nullopt, done); }),
-              "storebag not available");
-
-    const Array expected{
-        Dictionary{{"setSessionInfo", Array{d, "nothing", Array{"a", "b"}, false}}},
-        Dictionary{{"startConfig", Array{}}},
-        Dictionary{{"fetchStates", Array{d}}},
-        Dictionary{{"fetchDisplayURL", Array{}}},
-        Dictionary{{"sendMessageWithCategory", Array{65535, 2, d}}},
-        Dictionary{{"sendMessageWithDictionary", Array{d}}},
-        Dictionary{{"flushMessages", Array{}}},
-        Dictionary{{"finishSession", Array{}}},
-        Dictionary{{"uploadFileAtPath", Array{"file:///a", "token"}}},
-        Dictionary{{"uploadLogData", Array{Array{1, d}}}},
-        Dictionary{{"sendMessageWithSessionInfo", Array{d, d, 3, 4, "nothing"}}},
-    };
-    EXPECT_EQ(daemon->calls, expected);
-    EXPECT_EQ(daemon->calls.size(), clientSessionBusInterface().methods().size());
 }
 
 TEST_F(ClientSessionTest, TellsEveryCallerWhenTheConnectionIsLost) {
@@ -169,28 +105,6 @@ TEST_F(ClientSessionTest, RefusesWhatCantBeSentAndTooMuchOfIt) {
     all.get_future().wait();
     EXPECT_GE(refused, 10u);
     EXPECT_LE(refused, 11u);  // the invalid call may not quite have ended
-}
-
-TEST_F(ClientSessionTest, HandsMessagesToTheAggregationBlock) {
-    std::promise<AggregatedMessage> first;
-    std::promise<void> end;
-    connect({[&](AggregatedMessage message) {
-                 if (message.isEndMarker()) return end.set_value();
-                 first.set_value(std::move(message));
-             },
-             nullptr});
-    ask<void>([&](auto done) { session->setSessionInfo({}, std::nullopt, {}, done); });
-    EXPECT_EQ(daemon->calls[0],
-              PropertyList(Dictionary{{"setSessionInfo", Array{Dictionary{}, "nothing", Array{}, true}}}));
-    connection->sendMessageToClient(Dictionary{{"s", 1}}, 2.5, 3, 4, Dictionary{{"k", "v"}});
-    connection->sendMessageToClient(std::nullopt, 0, 0, 0, std::nullopt);
-    end.get_future().wait();
-    const AggregatedMessage message = first.get_future().get();
-    EXPECT_EQ(message.sessionInfo, (Dictionary{{"s", 1}}));
-    EXPECT_EQ(message.timestamp, 2.5);
-    EXPECT_EQ(message.category, 3);
-    EXPECT_EQ(message.type, 4);
-    EXPECT_EQ(message.payload, (Dictionary{{"k", "v"}}));
 }
 
 TEST_F(ClientSessionTest, HasChildrenInItsHierarchy) {

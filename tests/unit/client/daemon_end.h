@@ -27,7 +27,6 @@ struct DaemonEnd : testing::Test {
         ended = std::make_shared<std::promise<void>>();
         connection = ClientConnection::make(pool.makeStrand(), std::move(socket), "client");
         connection->setExportedObject(daemon);
-        connection->setFileExtensionIssuer(issuer);
         connection->setInvalidationHandler([ended = ended] { ended->set_value(); });
         connection->resume();
         return true;
@@ -45,7 +44,6 @@ struct DaemonEnd : testing::Test {
     lab::TemporaryDirectory directory;
     std::string socketPath = directory.path() / "socket";
     UniqueFd listener;
-    std::shared_ptr<FileExtensionIssuer> issuer;
     std::shared_ptr<FakeSession> daemon;
     std::shared_ptr<ClientConnection> connection;
     std::shared_ptr<std::promise<void>> ended;

@@ -64,26 +64,19 @@ TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
 }
 
 TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
-    const std::pair<const char*, int32_t> cases[] = {
-        {"", 86400},
-        {"max-age=600", 600},
-        {"public, max-age=600", 600},
-        {"max-age=600, private", 600},
-        {"max-age 600", 600},
-        {"max-age=abc", 0},
-        {"max-age=", 0},
-        {"max-age= 600", 0},
-        {"max-age", 86400},
-        {"Max-Age=600", 86400},
-        {"public,max-age=600", 86400},
-        {"s-max-age=1 max-age=2 max-age=3", 2},
-        {"max-age=99999999999999999999", INT32_MAX},
-    };
+    const std::pair<int32_t, std::vector<const char*>> cases[] = {
+        {600, {"max-age=600", "public, max-age=600", "max-age=600, private", "max-age 600"}},
+        {0, {"max-age=abc", "max-age=", "max-age= 600"}},
+        {86400, {"", "max-age", "Max-Age=600", "public,max-age=600"}},
+        {2, {"s-max-age=1 max-age=2 max-age=3"}},
+        {INT32_MAX, {"max-age=99999999999999999999"}}};
     Fixture f;
-    for (const auto& [value, expected] : cases) {
-        f.answer = FakeHttpClient::response(200, "", {{"cache-control", value}});
-        f.fetcher.fetchStorebagWithName("orbel", f.status);
-        EXPECT_EQ(f.status.maxAge, expected) << value;
+    for (const auto& [maxAge, values] : cases) {
+        for (const char* value : values) {
+            f.answer = FakeHttpClient::response(200, "", {{"cache-control", value}});
+            f.fetcher.fetchStorebagWithName("orbel", f.status);
+            EXPECT_EQ(f.status.maxAge, maxAge) << value;
+        }
     }
 }
 
