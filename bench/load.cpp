@@ -5,7 +5,7 @@
 #include <functional>
 #include <stdexcept>
 
-#include "await.h"
+#include "telvora-lab/await.h"
 #include "telvora/keys.h"
 #include "world.h"
 
@@ -43,7 +43,7 @@ class Load::Client {
     }
 
     void flush() {
-        await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
+        lab::await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
     }
 
     const std::vector<uint32_t>& latencies() const { return latencies_; }

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "await.h"
 #include "process_figures.h"
+#include "telvora-lab/await.h"
 #include "telvora-lab/bags.h"
 #include "telvora/keys.h"
 #include "world.h"
@@ -57,7 +57,7 @@ double activationTime(const World& world) {
     const auto begin = Clock::now();
     auto session = openSession(runtime, daemon->socketPath(), {{kTelvoraSessionInfoSessionID, 1}});
     const Dictionary payload{{kCountByKey, 1}};
-    await<std::optional<std::string>>(
+    lab::await<std::optional<std::string>>(
         [&](auto done) { session->sendMessage(1, 1, payload, std::move(done)); });
     const double time = millisecondsSince(begin);
     session.reset();

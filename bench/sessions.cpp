@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "await.h"
 #include "process_figures.h"
+#include "telvora-lab/await.h"
 #include "telvora-lab/bags.h"
 #include "telvora/keys.h"
 #include "world.h"
@@ -66,7 +66,7 @@ class Sessions {
         for (size_t i = 0; i < kWindow; ++i)
             stream.sendNext();
         stream.done.get_future().get();
-        await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
+        lab::await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
         if (!world_.laboratory().reports().waitForEvents(arrived + reports, lab::kPatience)) {
             throw std::runtime_error("reports are lost");
         }

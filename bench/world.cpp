@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-#include "await.h"
+#include "telvora-lab/await.h"
 #include "telvora/keys.h"
 
 namespace telvora::bench {
@@ -39,8 +39,9 @@ std::unique_ptr<ClientSession> openSession(ClientRuntime& runtime, const std::st
                 {kTelvoraSessionInfoRequireUserInfo, true},
                 {kTelvoraSessionInfoBatchEvent, true}});
     const Dictionary user{{kTelvoraUserInfoClientName, "bench"}, {kTelvoraUserInfoServiceName, "load"}};
-    await<void>([&](auto done) { (*session)->setSessionInfo(info, user, {}, std::move(done)); });
-    const auto states = await<ReportingStates>([&](auto done) { (*session)->startConfig(std::move(done)); });
+    lab::await<void>([&](auto done) { (*session)->setSessionInfo(info, user, {}, std::move(done)); });
+    const auto states =
+        lab::await<ReportingStates>([&](auto done) { (*session)->startConfig(std::move(done)); });
     if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
     return std::move(*session);
 }

@@ -188,7 +188,7 @@ TEST_F(Hierarchy, OnlyTheHighestAggregatorHears) {
 
 TEST_F(Hierarchy, SurvivesClientsThatGoInTheMiddle) {
     const Session neighbour = open(place(1, "t", 1));
-    lab::ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}, false});
+    lab::ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}});
     const auto waitForOutput = [&](std::string_view part) {
         return aggregator.output().waitFor(
             [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);

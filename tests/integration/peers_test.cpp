@@ -29,7 +29,7 @@ TEST_F(Peers, MayBeWrittenBySomebodyElse) {
     startDaemon();
     // Its exit status alone is its verdict: GLib warns on standard error of connections that end as they
     // must.
-    expectRun({"/usr/bin/python3", TELVORA_GDBUS_CLIENT, daemon().socketPath(), "8"}, 0);
+    expectRun({"/usr/bin/python3", TELVORA_GDBUS_CLIENT, daemon().socketPath()}, 0);
 
     // Start, two reports and finish in one batch, and the end message on its own way at the connection's end.
     EXPECT_TRUE(waitForEvents(5));

@@ -106,7 +106,7 @@ TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
     const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory().path() / "logs"}};
     const lab::Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
     EXPECT_THAT(log.output, ElementsAre(StartsWith("{\"text\":\"[")));
-    lab::ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs, false});
+    lab::ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
     ASSERT_TRUE(follow.output().waitFor([](std::string_view) { return true; }, kPatience));
     const size_t shown = follow.output().lineCount();
     run("upload " + file, 0);

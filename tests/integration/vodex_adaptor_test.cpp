@@ -57,13 +57,6 @@ TEST_F(VodexAdaptor, GetsEveryReport) {
     expectLineBeginning("vodex-adaptor: report 1: method 0 respCode 0 { ");
 }
 
-TEST_F(VodexAdaptor, ThatThrowsCostsNothingElse) {
-    start(TELVORA_TEST_ADAPTORS "/sendThrows.so");
-    const auto session = openWithAdaptor();
-    expectReport(*session);
-    expectLine("<3>VodexBackend(sendMessage): the Vodex adaptor threw an exception");
-}
-
 TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     std::map<int, std::vector<std::string>> attempts{
         {EACCES,

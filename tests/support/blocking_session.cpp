@@ -3,33 +3,20 @@
 
 #include <fcntl.h>
 
-#include <future>
 #include <stdexcept>
 
-#include "telvora-lab/daemon_process.h"
+#include "telvora-lab/await.h"
 #include "telvora/keys.h"
 
 namespace telvora::test {
 namespace {
 
+using lab::await;
+using lab::begin;
 using lab::kPatience;
 
 const Dictionary kUserInfo{{kTelvoraUserInfoClientName, "tester"},
                            {kTelvoraUserInfoServiceName, "integration"}};
-
-// Starts a call with its completion; the function that is returned waits for the answer.
-template <typename T, typename Start>
-std::function<T()> begin(Start start) {
-    auto promise = std::make_shared<std::promise<tl::expected<T, CallFailure>>>();
-    start([promise](const tl::expected<T, CallFailure>& answer) { promise->set_value(answer); });
-    return [answered = promise->get_future().share()] {
-        if (answered.wait_for(kPatience) != std::future_status::ready)
-            throw std::runtime_error("no answer came");
-        const tl::expected<T, CallFailure>& answer = answered.get();
-        if (!answer) throw std::runtime_error(answer.error().message);
-        if constexpr (!std::is_void_v<T>) return *answer;
-    };
-}
 
 }  // namespace
 
@@ -55,7 +42,7 @@ void BlockingSession::setSessionInfo(const SessionSettings& settings) {
                     {kTelvoraSessionInfoRequireUserInfo, true},
                     {kTelvoraSessionInfoBatchEvent, true}};
     if (settings.hierarchyToken) info.set(kTelvoraSessionInfoHierarchyToken, *settings.hierarchyToken);
-    begin<void>([&](auto done) { session_->setSessionInfo(info, kUserInfo, {}, done); })();
+    await<void>([&](auto done) { session_->setSessionInfo(info, kUserInfo, {}, done); });
 }
 
 BlockingSession::Pending<ReportingStates> BlockingSession::beginStartConfig() {
@@ -63,7 +50,7 @@ BlockingSession::Pending<ReportingStates> BlockingSession::beginStartConfig() {
 }
 
 ReportingStates BlockingSession::fetchStates() {
-    return begin<ReportingStates>([&](auto done) { session_->fetchStates(kUserInfo, done); })();
+    return await<ReportingStates>([&](auto done) { session_->fetchStates(kUserInfo, done); });
 }
 
 BlockingSession::Pending<std::optional<std::string>> BlockingSession::beginSend(uint16_t category,
@@ -79,7 +66,7 @@ std::optional<std::string> BlockingSession::send(uint16_t category, uint16_t typ
                              {kTelvoraMessageParametersType, int64_t{type}},
                              {kTelvoraMessageParametersPayload, payload},
                              {kTelvoraMessageParametersFlag, flag}};
-    return begin<std::optional<std::string>>([&](auto done) { session_->sendMessage(message, done); })();
+    return await<std::optional<std::string>>([&](auto done) { session_->sendMessage(message, done); });
 }
 
 BlockingSession::Pending<FlushAnswer> BlockingSession::beginFlush() {
@@ -87,22 +74,22 @@ BlockingSession::Pending<FlushAnswer> BlockingSession::beginFlush() {
 }
 
 void BlockingSession::finish() {
-    begin<std::optional<std::string>>([&](auto done) { session_->finishSession(done); })();
+    await<std::optional<std::string>>([&](auto done) { session_->finishSession(done); });
 }
 
 std::string BlockingSession::displayURL() {
-    return begin<std::string>([&](auto done) { session_->fetchDisplayURL(done); })();
+    return await<std::string>([&](auto done) { session_->fetchDisplayURL(done); });
 }
 
 UploadAnswer BlockingSession::uploadLogData(const Array& records) {
-    return begin<UploadAnswer>([&](auto done) { session_->uploadLogData(records, done); })();
+    return await<UploadAnswer>([&](auto done) { session_->uploadLogData(records, done); });
 }
 
 tl::expected<std::string, std::string> BlockingSession::issueFileExtension(const std::string& path,
                                                                            int file) try {
-    return begin<std::string>([&](auto done) {
+    return await<std::string>([&](auto done) {
         session_->issueFileExtension(path, UniqueFd(fcntl(file, F_DUPFD_CLOEXEC, 0)), done);
-    })();
+    });
 } catch (const std::runtime_error& refused) {
     return tl::unexpected<std::string>(refused.what());
 }

@@ -27,7 +27,7 @@ inline lab::Finished expectRun(const std::vector<std::string>& words, int status
                                const std::string& says = "", std::string_view input = "",
                                const std::map<std::string, std::string>& environment = {}) {
     const testing::ScopedTrace trace(__FILE__, __LINE__, testing::PrintToString(words));
-    lab::Finished run = lab::runToEnd({words, environment, false}, input);
+    lab::Finished run = lab::runToEnd({words, environment}, input);
     EXPECT_EQ(run.status, status) << testing::PrintToString(run.errors);
     std::vector<std::string> said = run.output;
     said.insert(said.end(), run.errors.begin(), run.errors.end());

@@ -3,27 +3,18 @@
 
 #include <fcntl.h>
 
-#include <future>
 #include <stdexcept>
 
+#include "telvora-lab/await.h"
 #include "telvora/keys.h"
 
 namespace telvora::demo {
 namespace {
 
+using lab::await;
+
 constexpr int64_t kClientType = 8;
 constexpr int64_t kClientVersion = 3;
-
-// Starts a call with a completion and waits until that has run.
-template <typename T, typename Start>
-T await(Start start) {
-    std::promise<tl::expected<T, CallFailure>> promise;
-    auto answered = promise.get_future();
-    start([&promise](tl::expected<T, CallFailure> answer) { promise.set_value(std::move(answer)); });
-    tl::expected<T, CallFailure> answer = answered.get();
-    if (!answer) throw std::runtime_error(answer.error().message);
-    if constexpr (!std::is_void_v<T>) return std::move(*answer);
-}
 
 std::unique_ptr<ClientSession> connected(tl::expected<std::unique_ptr<ClientSession>, std::string> session) {
     if (!session) throw std::runtime_error(session.error());

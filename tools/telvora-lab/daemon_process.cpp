@@ -16,6 +16,18 @@ constexpr std::string_view kListening = "<6>main: Listener resumes with sandbox,
 constexpr std::string_view kSanitizerMarks[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                                                 "WARNING: ThreadSanitizer", "runtime error:"};
 
+constexpr int kRelease = 4;  // an environment type
+
+// What the device says of itself.
+const Dictionary kDevice{{"UniqueDeviceID", "0123456789abcdef0123456789abcdef01234567"},
+                         {"ProductVersion", "9.1"},
+                         {"BuildVersion", "13B143"},
+                         {"HWModelStr", "LAB1"},
+                         {"SerialNumber", "LAB0000001"},
+                         {"DeviceName", "Labdevice"},
+                         {"ProductType", "Lab1,1"},
+                         {"ReleaseType", "Customer"}};
+
 void writePropertyList(const std::filesystem::path& path, const PropertyList& value) {
     std::filesystem::create_directories(path.parent_path());
     const auto document = serializePropertyList(value, PropertyListFormat::xml);
@@ -38,14 +50,12 @@ void writeConfiguration(const DaemonOptions& options) {
     }
     Dictionary defaults{{"telvora_storebag_url", options.storebagURL},
                         {"logLevel", options.logLevel},
-                        {"environmentType", options.environmentType}};
+                        {"environmentType", kRelease}};
     defaults.merge(options.defaults);
     writePropertyList(config / "Preferences" / "com.zandor.telvora.plist", defaults);
     writePropertyList(config / "Preferences" / "com.zandor.diagnosticsharing.plist",
-                      Dictionary{{"Enabled", options.consent}});
-    Dictionary device = defaultDeviceProperties();
-    device.merge(options.deviceProperties);
-    writePropertyList(config / "device.plist", device);
+                      Dictionary{{"Enabled", true}});
+    writePropertyList(config / "device.plist", kDevice);
 }
 
 std::string socketIn(const std::filesystem::path& directory) {
@@ -67,14 +77,13 @@ std::vector<std::string> socketActivation(const std::string& socket,
 
 ChildProcessOptions childOptions(const DaemonOptions& options) {
     writeConfiguration(options);
-    std::map<std::string, std::string> environment = options.environment;
-    environment.insert({{"RUNTIME_DIRECTORY", options.directory / "run"},
-                        {"STATE_DIRECTORY", options.directory / "state"},
-                        {"CONFIGURATION_DIRECTORY", options.directory / "config"},
-                        {"LOGS_DIRECTORY", options.directory / "logs"},
-                        {"TELVORA_FRAMEWORK_DIR", options.frameworkDirectory},
-                        {"SSL_CERT_FILE", options.caFile},
-                        {"LC_ALL", "en_US.UTF-8"}});
+    std::map<std::string, std::string> environment{{"RUNTIME_DIRECTORY", options.directory / "run"},
+                                                   {"STATE_DIRECTORY", options.directory / "state"},
+                                                   {"CONFIGURATION_DIRECTORY", options.directory / "config"},
+                                                   {"LOGS_DIRECTORY", options.directory / "logs"},
+                                                   {"TELVORA_FRAMEWORK_DIR", options.frameworkDirectory},
+                                                   {"SSL_CERT_FILE", options.caFile},
+                                                   {"LC_ALL", "en_US.UTF-8"}};
     std::vector<std::string> arguments = options.socketActivation
                                              ? socketActivation(socketIn(options.directory), environment)
                                              : options.launcher;
@@ -92,17 +101,6 @@ DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& director
     options.caFile = pki.caFile();
     options.storebagURL = storebagURL;
     return options;
-}
-
-Dictionary defaultDeviceProperties() {
-    return {{"UniqueDeviceID", "0123456789abcdef0123456789abcdef01234567"},
-            {"ProductVersion", "9.1"},
-            {"BuildVersion", "13B143"},
-            {"HWModelStr", "LAB1"},
-            {"SerialNumber", "LAB0000001"},
-            {"DeviceName", "Labdevice"},
-            {"ProductType", "Lab1,1"},
-            {"ReleaseType", "Customer"}};
 }
 
 DaemonProcess::DaemonProcess(DaemonOptions options)

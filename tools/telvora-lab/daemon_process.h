@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,16 +24,10 @@ struct DaemonOptions {
     std::string storebagURL;
 
     int logLevel = 7;
-    int environmentType = 4;  // release
-    bool consent = true;
     // The value of the entitlement for this process's user; nothing: no file grants anything.
     std::optional<PropertyList> entitlement = PropertyList(true);
     // Added to the domain "com.zandor.telvora"; wins.
     Dictionary defaults;
-    // Added to the properties that defaultDeviceProperties() tells; wins.
-    Dictionary deviceProperties;
-    // Added to the environment; wins.
-    std::map<std::string, std::string> environment;
     // A program that becomes the daemon (execve), with its arguments; empty: the daemon is started directly.
     std::vector<std::string> launcher;
     // Whether it is started by the first connection to its socket (systemd-socket-activate(1)), in place of a
@@ -45,9 +38,6 @@ struct DaemonOptions {
     static DaemonOptions forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
                                        const std::string& storebagURL);
 };
-
-// What the device says of itself where the options don't say otherwise.
-Dictionary defaultDeviceProperties();
 
 class DaemonProcess {
   public:
@@ -69,7 +59,6 @@ class DaemonProcess {
     bool waitForLineBeginning(std::string_view beginning, size_t from = 0) const;
     std::vector<std::string> logLines() const { return process_.errors().lines(); }
     size_t logLineCount() const { return process_.errors().lineCount(); }
-    size_t countOfLine(std::string_view line) const { return process_.errors().count(line); }
 
     // Ends the daemon (SIGTERM) and returns its exit status, 128 plus the signal's number if a signal ended
     // it, or nothing if it did not end within kPatience.

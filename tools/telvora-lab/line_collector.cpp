@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 namespace telvora::lab {
@@ -50,11 +49,6 @@ std::vector<std::string> LineCollector::linesToTheEnd(std::chrono::milliseconds 
 size_t LineCollector::lineCount() const {
     MutexLock lock(mutex_);
     return lines_.size();
-}
-
-size_t LineCollector::count(std::string_view line) const {
-    MutexLock lock(mutex_);
-    return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line));
 }
 
 std::optional<std::string> LineCollector::waitFor(const Predicate& wanted, std::chrono::milliseconds timeout,

@@ -31,8 +31,6 @@ class LineCollector {
     // All of them, once the pipe has ended; waits for that until `timeout` is over.
     std::vector<std::string> linesToTheEnd(std::chrono::milliseconds timeout) const;
     size_t lineCount() const;
-    // How often `line` has come, whole.
-    size_t count(std::string_view line) const;
 
     using Predicate = std::function<bool(std::string_view line)>;
     // The first line from position `from` on that fulfils `wanted`; waits for it until `timeout` is over or
