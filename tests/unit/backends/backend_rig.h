@@ -3,9 +3,6 @@
 // A device, a bag server's word and a server, as much of them as a backend sees.
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "backends/telvora_backend.h"
 #include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"

@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "backends/dashboard_backend.h"
 #include "telvora-lab/virtual_network.h"

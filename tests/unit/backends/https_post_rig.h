@@ -5,10 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "backends/https_post_backend.h"
 #include "tests/support/posted_message.h"
 #include "tests/unit/backends/backend_rig.h"

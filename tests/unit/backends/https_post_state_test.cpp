@@ -134,17 +134,11 @@ TEST(HTTPSPostStateTest, ExpediteOfTheFirstNamesakeSetsBatching) {
 }
 
 TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
-    // An entry with these links, where "" is none.
-    const auto entry = [](const std::string& url, const std::string& realtime, int threshold) {
-        Dictionary client = reportingClient({{"event_threshold", threshold}, {"post_url", url}});
-        if (url.empty()) client.erase("post_url");
-        client.set("realtime_post_url", realtime);
-        if (realtime.empty()) client.erase("realtime_post_url");
-        return client;
-    };
-    const Array both{entry("http://a/", "http://r/", 3)};
-    const Array one{entry("http://a/", "", 3)};
-    const Array none{entry("", "", 1)};
+    constexpr int kNone = 0;  // no text, and so no link
+    const Array both{reportingClient({{"event_threshold", 3}})};
+    const Array one{reportingClient({{"event_threshold", 3}, {"realtime_post_url", kNone}})};
+    const Array none{
+        reportingClient({{"event_threshold", 1}, {"post_url", kNone}, {"realtime_post_url", kNone}})};
     const Array others{
         "x", none[0], Dictionary{{"client", "z"}, {"post_url", "http://z/"}, {"event_threshold", 5}}, one[0]};
     using Links = std::vector<std::string>;  // the plain one and the realtime one
@@ -155,8 +149,8 @@ TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
         Links posted;
         const char* threshold;
     } cases[] = {
-        {{"", ""}, both, true, {"http://a/", "http://r/"}, "3"},
-        {{"", ""}, one, true, {"http://a/", "http://a/"}, "3"},
+        {{"", ""}, both, true, {kPost, kRealtimePost}, "3"},
+        {{"", ""}, one, true, {kPost, kPost}, "3"},
         {{"http://d/", "http://e/"}, both, true, {"http://d/", "http://e/"}, "3"},
         {{"http://d/", ""}, one, true, {"http://d/", "http://d/"}, "3"},
         // Without user info the first entry that has a link counts, whosever it is, if any.

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <memory>
-#include <string>
 
 #include "client/client_session.h"
 #include "daemon/client_connection.h"

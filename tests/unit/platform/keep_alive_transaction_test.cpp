@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <vector>
-
 namespace telvora {
 namespace {
 
@@ -90,20 +87,6 @@ TEST_F(KeepAliveTransactionTest, MayGoBeforeItsTimerAndItsPosts) {
     handler();
     waits();
     EXPECT_EQ(idleCalls_, 0);
-}
-
-TEST_F(KeepAliveTransactionTest, IsOpenedAndClosedFromAnyThread) {
-    const auto transaction = make(true);
-    const auto use = [&] {
-        for (int i = 0; i < 100; ++i) {
-            transaction->begin();
-            transaction->end();
-        }
-    };
-    { const std::jthread threads[] = {std::jthread(use), std::jthread(use), std::jthread(use)}; }
-    EXPECT_TRUE(waits());
-    fire();
-    EXPECT_EQ(idleCalls_, 1);
 }
 
 }  // namespace

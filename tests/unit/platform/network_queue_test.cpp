@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <future>
-#include <vector>
 
 #include "tests/support/udp_peer.h"
 
@@ -107,18 +106,14 @@ TEST_F(NetworkQueueTest, APeerThatIsAwayShowsInTheNextSendAndMayComeBack) {
 }
 
 TEST_F(NetworkQueueTest, AddressesAreReadAsDottedDecimals) {
-    const struct {
-        const char* address;
-        bool valid;
-    } cases[] = {
-        {"127.0.0.1", true},   {"127.1", true}, {"127.0.0.1 and more", true}, {"127.000.000.0001234", true},
-        {"", false},           {"::1", false},  {"localhost", false},         {"256.0.0.1", false},
-        {"127.0.0.1.", false}, {"-1", false},   {"255.255.255.255", false},   {"127.0.0.1x", false},
+    const auto connect = [this](const char* address) {
+        return std::move(*queue_->makeUdpSocket())->connect(address, 9);
     };
-    for (const auto& [address, valid] : cases) {
-        const auto socket = std::move(*queue_->makeUdpSocket());
-        EXPECT_EQ(socket->connect(address, 9), valid ? 0 : EACCES) << address;
-    }
+    for (const char* address : {"127.0.0.1", "127.1", "127.0.0.1 and more", "127.000.000.0001234"})
+        EXPECT_EQ(connect(address), 0) << address;
+    for (const char* address :
+         {"", "::1", "localhost", "256.0.0.1", "127.0.0.1.", "-1", "255.255.255.255", "127.0.0.1x"})
+        EXPECT_EQ(connect(address), EACCES) << address;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <optional>
 
 #include "telvora-lab/temporary_directory.h"
 

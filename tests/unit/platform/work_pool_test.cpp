@@ -9,7 +9,6 @@
 #include <latch>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "util/log.h"
 
