@@ -211,24 +211,5 @@ TEST_F(BusConnectionTest, LetsInputRestWhileCallsArePending) {
         call->reply([](BusMessage&) { return 0; });
 }
 
-TEST_F(BusConnectionTest, AnEndedClientDropsTheHandlersOfItsCalls) {
-    Served served = serve();
-    auto client = *BusConnection::make(pool_.makeStrand(), std::move(served.peer), BusRole::kClient);
-    std::promise<std::string> ended;
-    client->start([&](const std::string& reason) { ended.set_value(reason); });
-    auto dropped = std::make_shared<std::promise<void>>();
-    auto droppedFuture = dropped->get_future();
-    asio::post(client->strand(), [&, dropped = std::move(dropped)]() mutable {
-        EXPECT_TRUE(client->call(client->newCall(kPath, kInterface, "Fail"),
-                                 [&](BusMessage&) { client->close("enough"); }));
-        // The answer to this one comes too late; its handler is destroyed uncalled.
-        EXPECT_TRUE(client->call(client->newCall(kPath, "org.freedesktop.DBus.Peer", "Ping"),
-                                 [dropped = std::move(dropped)](BusMessage&) { dropped->set_value(); }));
-    });
-    EXPECT_EQ(ended.get_future().get(), "enough");
-    served.ended.wait();
-    EXPECT_THROW(droppedFuture.get(), std::future_error);
-}
-
 }  // namespace
 }  // namespace telvora
