@@ -36,15 +36,12 @@ struct DashboardRig : BackendRig {
         network.runFor();
     }
 
-    // What a collector sends back for a report of that number.
-    static std::string acknowledgement(uint16_t number, size_t length = 64) {
+    // Has the collector send back what it does for a report of that number, cut or filled up to a length.
+    void acknowledge(uint16_t number, size_t length = 64) {
         std::string datagram(std::max<size_t>(length, 62), '\0');
         datagram[60] = static_cast<char>(number >> 8);
         datagram[61] = static_cast<char>(number);
-        return datagram.substr(0, length);
-    }
-    void acknowledge(uint16_t number, size_t length = 64) {
-        network.deliver(acknowledgement(number, length));
+        network.deliver(datagram.substr(0, length));
         network.runFor();
     }
 
