@@ -12,7 +12,7 @@ namespace telvora::ctl {
 
 namespace {
 
-struct Options {
+struct DefaultsOptions {
     std::string domain;
     std::string key;
     std::string type;
@@ -42,7 +42,7 @@ tl::expected<PropertyList, std::string> valueOf(const std::string& type, const s
     return tl::unexpected("not of type " + type);
 }
 
-int runWrite(const Options& options) {
+int runWrite(const DefaultsOptions& options) {
     auto value = valueOf(options.type, options.text);
     if (!value) return fail(kBadInput, options.text + ": " + value.error());
     auto settings = Settings::open();
@@ -50,13 +50,13 @@ int runWrite(const Options& options) {
     return settings->write(options.domain, options.key, std::move(*value));
 }
 
-int runDelete(const Options& options) {
+int runDelete(const DefaultsOptions& options) {
     auto settings = Settings::open();
     if (!settings) return fail(kNotDone, settings.error());
     return settings->remove(options.domain, {options.key});
 }
 
-int runRead(const Options& options, const CommonOptions& common) {
+int runRead(const DefaultsOptions& options, const CommonOptions& common) {
     if (!UserDefaults::isDomain(options.domain)) {
         return fail(kBadInput, options.domain + ": not a preference domain");
     }
@@ -86,7 +86,7 @@ int runRead(const Options& options, const CommonOptions& common) {
 }  // namespace
 
 Command addDefaultsCommand(CLI::App& app, const CommonOptions& common) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DefaultsOptions>();
     CLI::App* command = app.add_subcommand("defaults", "Read, write or delete settings");
     command->require_subcommand(1);
     command->footer("com.zandor.telvora is the domain of the daemon's own settings: telvorad.defaults(5).");

@@ -22,7 +22,7 @@ namespace telvora::ctl {
 
 namespace {
 
-struct Options {
+struct LogOptions {
     size_t count = 10;
     bool follow = false;
 };
@@ -120,7 +120,7 @@ bool waitForChange(int notifications) {
     return true;
 }
 
-int runLog(const Options& options, const CommonOptions& common) {
+int runLog(const LogOptions& options, const CommonOptions& common) {
     const MessageLog log(Directories::fromEnvironment().logs);
     const UniqueFd notifications(inotify_init1(IN_CLOEXEC));
     if (options.follow &&
@@ -153,7 +153,7 @@ int runLog(const Options& options, const CommonOptions& common) {
 }  // namespace
 
 Command addLogCommand(CLI::App& app, const CommonOptions& common) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<LogOptions>();
     CLI::App* command = app.add_subcommand("log", "Show the local message log");
     command->add_option("-n,--records", options->count, "How many of the last records")
         ->capture_default_str();

@@ -9,12 +9,12 @@ namespace telvora::ctl {
 
 namespace {
 
-struct Options {
+struct OneshotOptions {
     SessionOptions session;
     ReportOptions report;
 };
 
-int runOneshot(const Options& options, const CommonOptions& common) {
+int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
     auto payload = options.report.payloadOrNothing();
     if (!payload) return fail(kBadInput, payload.error());
 
@@ -36,7 +36,7 @@ int runOneshot(const Options& options, const CommonOptions& common) {
 }  // namespace
 
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<OneshotOptions>();
     CLI::App* command = app.add_subcommand("oneshot", "Send one report without a session");
     command->footer("Prints \"finished\" when the backends have the report.");
     addSessionOptions(*command, options->session);

@@ -8,12 +8,12 @@ namespace telvora::ctl {
 
 namespace {
 
-struct Options {
+struct SendOptions {
     SessionOptions session;
     ReportOptions report;
 };
 
-int runSend(const Options& options, const CommonOptions& common) {
+int runSend(const SendOptions& options, const CommonOptions& common) {
     auto payload = options.report.payloadOrNothing();
     if (!payload) return fail(kBadInput, payload.error());
     Dictionary message{{kTelvoraMessageParametersCategory, options.report.category},
@@ -30,7 +30,7 @@ int runSend(const Options& options, const CommonOptions& common) {
 }  // namespace
 
 Command addSendCommand(CLI::App& app, const CommonOptions& common) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<SendOptions>();
     CLI::App* command = app.add_subcommand("send", "Open a session, send one report, flush and finish");
     addSessionOptions(*command, options->session);
     addReportOptions(*command, options->report);

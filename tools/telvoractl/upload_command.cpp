@@ -7,13 +7,13 @@ namespace telvora::ctl {
 
 namespace {
 
-struct Options {
+struct UploadOptions {
     SessionOptions session;
     std::vector<std::string> files;
 };
 
 // All files, even after one that no backend uploads.
-int runUpload(const Options& options, const CommonOptions& common) {
+int runUpload(const UploadOptions& options, const CommonOptions& common) {
     SessionRun session(options.session, Printer(common.json));
     int result = session.open(common);
     if (result != kDone) return result;
@@ -28,7 +28,7 @@ int runUpload(const Options& options, const CommonOptions& common) {
 }  // namespace
 
 Command addUploadCommand(CLI::App& app, const CommonOptions& common) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<UploadOptions>();
     CLI::App* command = app.add_subcommand("upload", "Open a session and upload files");
     addSessionOptions(*command, options->session);
     command->add_option("path", options->files, "Files to upload, each open to the caller")->required();
