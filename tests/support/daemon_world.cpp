@@ -36,18 +36,6 @@ void FakeConnection::invalidate() {
     if (const auto gone = std::exchange(gone_, {})) gone();
 }
 
-void FakeConnection::sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp,
-                                         uint16_t category, uint16_t type,
-                                         std::optional<Dictionary> payload) {
-    const std::lock_guard lock(mutex_);
-    deliveries_.push_back({std::move(sessionInfo), timestamp, category, type, std::move(payload)});
-}
-
-std::vector<FakeConnection::Delivery> FakeConnection::deliveries() const {
-    const std::lock_guard lock(mutex_);
-    return deliveries_;
-}
-
 DaemonWorld::DaemonWorld(Dictionary deviceProperties)
     : defaults(directory.path() / "config", directory.path() / "state"),
       properties(std::move(deviceProperties)),

@@ -28,8 +28,6 @@ class FakeConnection final : public ClientConnection {
   public:
     struct Delivery {
         std::optional<Dictionary> sessionInfo;
-        double timestamp;
-        uint16_t category;
         uint16_t type;
         std::optional<Dictionary> payload;
     };
@@ -43,16 +41,17 @@ class FakeConnection final : public ClientConnection {
     void resume() override { resumed_ = true; }
     // Ends the connection, as its client's end would.
     void invalidate() override;
-    void sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
-                             uint16_t type, std::optional<Dictionary> payload) override;
+    void sendMessageToClient(std::optional<Dictionary> sessionInfo, double, uint16_t, uint16_t type,
+                             std::optional<Dictionary> payload) override {
+        deliveries_.push_back({std::move(sessionInfo), type, std::move(payload)});
+    }
     std::string description() const override { return "fake"; }
 
     TelvoradSession& session() const { return static_cast<TelvoradSession&>(*session_); }
     bool resumed() const { return resumed_; }
-    std::vector<Delivery> deliveries() const;
+    const std::vector<Delivery>& deliveries() const { return deliveries_; }
 
   private:
-    mutable std::mutex mutex_;
     std::shared_ptr<ClientSessionInterface> session_;
     std::function<void()> invalidated_;
     std::function<void()> gone_;
