@@ -1,12 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "world.h"
 
+#include <limits>
 #include <stdexcept>
 
+#include "platform/user_quotas.h"
 #include "telvora-lab/await.h"
 #include "telvora/keys.h"
 
 namespace telvora::bench {
+
+namespace {
+
+// User defaults under which one user may have all of the daemon, as this one is about to.
+Dictionary withoutQuotas() {
+    Dictionary defaults;
+    for (size_t i = 0; i < kQuotas; ++i)
+        defaults.set(ruleOf(static_cast<Quota>(i)).key, std::numeric_limits<int64_t>::max());
+    return defaults;
+}
+
+}  // namespace
 
 World::World(const Dictionary& bag, std::string countByKey) {
     auto made = lab::Laboratory::make(directory_.path() / "lab", {.countByKey = std::move(countByKey)});
@@ -20,6 +34,7 @@ std::unique_ptr<lab::DaemonProcess> World::launch(
     lab::DaemonOptions options = lab::DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(),
                                                                    laboratory_->bags().baseURL());
     options.logLevel = 6;
+    options.defaults = withoutQuotas();
     if (change) change(options);
     return std::make_unique<lab::DaemonProcess>(std::move(options));
 }

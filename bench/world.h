@@ -23,8 +23,8 @@ class World {
     World(const Dictionary& bag, std::string countByKey);
 
     lab::Laboratory& laboratory() { return *laboratory_; }
-    // A daemon that logs as in the field, after `change`; the directories are this object's, so that a daemon
-    // finds what the one before it left.
+    // A daemon that logs as in the field, without quotas, after `change`; the directories are this object's,
+    // so that a daemon finds what the one before it left.
     std::unique_ptr<lab::DaemonProcess> launch(
         const std::function<void(lab::DaemonOptions&)>& change = nullptr) const;
     // The same, once it listens. Throws std::runtime_error when it does not start.

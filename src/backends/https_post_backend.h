@@ -66,6 +66,12 @@ class HTTPSPostBackend final : public TelvoraBackend {
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
 
+    // What a message takes along: how many reports it holds, and their part of the user's pending bytes.
+    struct Load {
+        size_t reports = 0;
+        QuotaHold room;
+    };
+
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
                      std::optional<std::string> productFamily, const Array& clients);
 
@@ -102,6 +108,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
     void loseBatch(ReportPlace cause);
+    std::optional<std::string> loseOverQuota();
     bool keepsInFlush(const Dictionary& record);
     std::optional<std::string> postDirectly(Dictionary record, uint16_t method, uint16_t respCode,
                                             SendFlag flag);
@@ -112,12 +119,11 @@ class HTTPSPostBackend final : public TelvoraBackend {
     bool isMessageLogged() const;
     std::string createMessageForPostAndLogging(std::span<Dictionary> events,
                                                std::optional<std::string>& prettyJsonString) const;
-    // `reports`: how many the message holds.
-    void postJSONMessage(std::string json, size_t reports, SendFlag flag, std::optional<uint16_t> method,
+    void postJSONMessage(std::string json, Load load, SendFlag flag, std::optional<uint16_t> method,
                          std::optional<uint16_t> responseCode, PostCompletion completion);
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
-    void handlePostResult(const HttpResult& result, size_t reports, const PostCompletion& completion);
+    void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
 
     const Array& clients_;  // in the profile
     std::optional<std::string> postURL_;
@@ -136,6 +142,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::vector<EventFilter> filters_;  // refer to the profile
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;                                 // approximately
+    QuotaHold batchRoom_;                                     // the same, of the user's pending bytes
     std::unordered_map<int64_t, int32_t> eventMethodCounts_;  // of the batch's events, by "_method"
     bool immutable_ = false;  // a logged message has gone out: the bag is not consulted any more
 };

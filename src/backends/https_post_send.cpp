@@ -112,6 +112,8 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
 
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
                                                           uint16_t respCode, SendFlag flag) {
+    QuotaHold room;
+    if (!user_.take(Quota::pendingBytes, approximateSize(record), room)) return loseOverQuota();
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
@@ -128,7 +130,7 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
         answer = std::string("Flushed events:\n") + textOrNull(flushed) + "\nStandalone event:\n" +
                  textOrNull(answer);
     }
-    postJSONMessage(std::move(json), 1, flag, method, respCode, {});
+    postJSONMessage(std::move(json), {1, std::move(room)}, flag, method, respCode, {});
     if (flushFirst) immutable_ = true;
     return answer;
 }
@@ -154,6 +156,10 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
                     batchedEvents_.size());
         loseBatch(ReportPlace::batchFull);
     }
+    if (!user_.take(Quota::pendingBytes, bytes, batchRoom_)) {
+        std::optional<std::string> answer = loseOverQuota();
+        return flushed ? flushed : answer;
+    }
     reports_->move(1, ReportPlace::inFlight, ReportPlace::held);
     batchedEvents_.push_back(std::move(record));
     batchedBytes_ += bytes;
@@ -164,11 +170,19 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
 std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
     eventMethodCounts_.clear();
     batchedBytes_ = 0;
+    batchRoom_ = {};
     return std::exchange(batchedEvents_, {});
 }
 
 void HTTPSPostBackend::loseBatch(ReportPlace cause) {
     reports_->move(takeBatch().size(), ReportPlace::held, cause);
+}
+
+// The report is lost, but what is held before it may leave, and make room for those to come.
+std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
+    reports_->move(1, ReportPlace::inFlight, ReportPlace::overQuota);
+    if (state() != BackendState::reporting || batchedEvents_.empty()) return std::nullopt;
+    return flushMessagesWithCompletion({});
 }
 
 // Whether the lists, which may have changed since the event was held, still let it through.
@@ -194,6 +208,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     // The user info may have changed since the events were recorded.
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
     filterEvent(filters_, userInfo);
+    QuotaHold room = std::move(batchRoom_);
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });
     reports_->move(events.size(), ReportPlace::held, ReportPlace::inFlight);
@@ -212,8 +227,8 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
             completion(pretty, std::move(error));
         };
     }
-    postJSONMessage(std::move(json), events.size(), SendFlag{0}, std::nullopt, std::nullopt,
-                    std::move(whenPosted));
+    postJSONMessage(std::move(json), {events.size(), std::move(room)}, SendFlag{0}, std::nullopt,
+                    std::nullopt, std::move(whenPosted));
     if (pretty) immutable_ = true;
     return pretty;
 }

@@ -14,6 +14,10 @@ namespace telvora {
 
 namespace {
 
+// What a request costs beside its body, rather more than less: of the user's pending bytes, so that these
+// bound the number of requests, too.
+constexpr size_t kRequestBytes = 4096;
+
 // A field value with every control character replaced by a blank (RFC 9110, section 5.5): the names come from
 // clients, and a line feed must not start a header of its own.
 std::string fieldValue(std::string text) {
@@ -52,21 +56,23 @@ std::string HTTPSPostBackend::createMessageForPostAndLogging(
     return compactJson(message);
 }
 
-void HTTPSPostBackend::postJSONMessage(std::string json, size_t reports, SendFlag flag,
+void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag flag,
                                        std::optional<uint16_t> method, std::optional<uint16_t> responseCode,
                                        PostCompletion completion) {
     const std::optional<std::string>& url = isRealtime(flag) ? realtimePostURL_ : postURL_;
     if (!url) {
-        reports_->move(reports, ReportPlace::inFlight, ReportPlace::noURL);
+        reports_->move(load.reports, ReportPlace::inFlight, ReportPlace::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
     auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
-    services_.http.start(
-        requestForMessage(*url, std::move(json), method, responseCode),
-        [self = std::move(self), reports, completion = std::move(completion)](const HttpResult& result) {
-            self->handlePostResult(result, reports, completion);
-        });
+    HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
+    load.room.resize(kRequestBytes + request.body.size());
+    services_.http.start(std::move(request),
+                         [self = std::move(self), load = std::make_shared<Load>(std::move(load)),
+                          completion = std::move(completion)](const HttpResult& result) {
+                             self->handlePostResult(result, *load, completion);
+                         });
 }
 
 HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::string json,
@@ -108,9 +114,11 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
 }
 
 // On the HTTP client's thread.
-void HTTPSPostBackend::handlePostResult(const HttpResult& result, size_t reports,
+void HTTPSPostBackend::handlePostResult(const HttpResult& result, Load& load,
                                         const PostCompletion& completion) {
-    reports_->move(reports, ReportPlace::inFlight, placeAfter(result));
+    const LogScope onBehalfOfUser(user_.logAdmission());
+    load.room = {};
+    reports_->move(load.reports, ReportPlace::inFlight, placeAfter(result));
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

@@ -5,11 +5,11 @@ namespace telvora {
 
 const char* nameOf(ReportPlace place) {
     static constexpr std::array<const char*, kReportPlaces> kNames = {
-        "inFlight",   "held",        "delivered",      "notWhitelisted", "blacklisted",
-        "disabled",   "sampledOut",  "noUserInfo",     "batchFull",      "sessionEnded",
-        "noURL",      "notSent",     "tooManyPending", "noConnection",   "noAnswer",
-        "rejected",   "serverError", "notSupported",   "noAdaptor",      "notConfigured",
-        "incomplete", "noBackend",   "fileRefused",    "fileTooLarge",   "fileUnreadable"};
+        "inFlight",     "held",           "delivered",     "notWhitelisted", "blacklisted",  "disabled",
+        "sampledOut",   "noUserInfo",     "batchFull",     "overQuota",      "sessionEnded", "noURL",
+        "notSent",      "tooManyPending", "noConnection",  "noAnswer",       "rejected",     "serverError",
+        "notSupported", "noAdaptor",      "notConfigured", "incomplete",     "noBackend",    "fileRefused",
+        "fileTooLarge", "fileUnreadable"};
     return kNames[static_cast<size_t>(place)];
 }
 
@@ -40,7 +40,7 @@ void ReportTally::add(const ReportTally& other) {
 uint64_t failedOrPending(const ReportTally& tally) {
     uint64_t reports = tally[ReportPlace::inFlight] + tally[ReportPlace::held];
     for (const ReportPlace failure :
-         {ReportPlace::batchFull, ReportPlace::sessionEnded, ReportPlace::notSent,
+         {ReportPlace::batchFull, ReportPlace::overQuota, ReportPlace::sessionEnded, ReportPlace::notSent,
           ReportPlace::tooManyPending, ReportPlace::noConnection, ReportPlace::noAnswer,
           ReportPlace::rejected, ReportPlace::serverError}) {
         reports += tally[failure];

@@ -22,6 +22,7 @@
 #include <unordered_set>
 
 #include "platform/http_client.h"
+#include "platform/user_quotas.h"
 #include "util/mutex.h"
 
 namespace telvora {
@@ -37,6 +38,7 @@ enum class ReportPlace : uint8_t {
     sampledOut,      // held by a backend that was not drawn, until a flush threw it away
     noUserInfo,      // held by a backend that waited for user info, likewise
     batchFull,       // the batch was at its bound and could not be flushed
+    overQuota,       // its user had as much pending as one user may have
     sessionEnded,    // held by a backend when that ended
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
@@ -117,19 +119,23 @@ class ReportLedger {
 uint64_t failedOrPending(const ReportTally& tally);
 
 // The accounts of one client: by backend, and two more. They stay when the client's backends are made anew.
+// With them goes the user whose quotas the client's reports count against.
 class ClientAccounts {
   public:
     static constexpr char kNoBackend[] = "none";  // of the reports that reach no backend
     static constexpr char kUploads[] = "uploads";
 
-    explicit ClientAccounts(ReportLedger& ledger) : ledger_(ledger) {}
+    explicit ClientAccounts(ReportLedger& ledger, QuotaUser user = {})
+        : ledger_(ledger), user_(std::move(user)) {}
 
     // The account of that name, which is opened with its first use.
     std::shared_ptr<ReportAccount> of(const std::string& name) TELVORA_EXCLUDES(lock_);
     std::map<std::string, ReportTally> tallies() const TELVORA_EXCLUDES(lock_);
+    const QuotaUser& user() const { return user_; }
 
   private:
     ReportLedger& ledger_;
+    const QuotaUser user_;
     mutable Mutex lock_;  // before the ledger's
     std::map<std::string, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
 };

@@ -134,10 +134,13 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     void setIsInternal(bool internal) { isInternal_ = internal; }
     void setRequireUserInfo(bool required) { requireUserInfo_ = required; }
     void setBatchEvents(bool batched) { batchEvents_ = batched; }
-    // Whom to tell what becomes of reports and uploads. Without, accounts of the backend's own.
-    void setAccounts(std::shared_ptr<ReportAccount> reports, std::shared_ptr<ReportAccount> uploads) {
+    // Whom to tell what becomes of reports and uploads, and whose quotas reports count against. Without,
+    // accounts of the backend's own and nobody's quotas.
+    void setAccounts(std::shared_ptr<ReportAccount> reports, std::shared_ptr<ReportAccount> uploads,
+                     QuotaUser user) {
         reports_ = std::move(reports);
         uploads_ = std::move(uploads);
+        user_ = std::move(user);
     }
     ReportAccount& reports() const { return *reports_; }
     // Shared with the session and its other backends; null: the client gave none.
@@ -159,6 +162,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
     std::shared_ptr<ReportAccount> reports_ = std::make_shared<ReportAccount>();
     std::shared_ptr<ReportAccount> uploads_ = std::make_shared<ReportAccount>();
+    QuotaUser user_;
     std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
     uint32_t sessionID_ = 0;
     int32_t compType_ = 0;

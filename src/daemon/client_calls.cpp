@@ -3,6 +3,7 @@
 
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
+#include "util/log.h"
 
 namespace telvora {
 
@@ -73,6 +74,8 @@ UploadLogDataReply uploadLogDataReply(std::shared_ptr<PendingCall> call) {
 class SessionCalls {
   public:
     SessionCalls(BusConnection& bus, const ClientCallTargets& targets) : bus_(bus), targets_(targets) {}
+
+    LogAdmission* logAdmission() const { return targets_.user.logAdmission(); }
 
     Failure setSessionInfo(BusMessage& call) const {
         ArgumentReader in(call);
@@ -187,7 +190,10 @@ class SessionCalls {
 
 BusConnection::MethodHandler bind(const SessionCalls& calls,
                                   Failure (SessionCalls::*method)(BusMessage&) const) {
-    return [calls, method](BusMessage& call) { return (calls.*method)(call); };
+    return [calls, method](BusMessage& call) {
+        const LogScope onBehalfOfUser(calls.logAdmission());
+        return (calls.*method)(call);
+    };
 }
 
 }  // namespace

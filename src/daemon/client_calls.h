@@ -9,14 +9,17 @@
 
 #include "platform/bus_connection.h"
 #include "platform/file_extension_issuer.h"
+#include "platform/user_quotas.h"
 #include "protocol/client_session_interface.h"
 
 namespace telvora {
 
-// The objects behind a connection. Empty pointers: before the first call, or after the connection's end.
+// The objects behind a connection, empty pointers before the first call and after its end; and on whose
+// behalf calls are carried out.
 struct ClientCallTargets {
     std::shared_ptr<ClientSessionInterface> session;
     std::shared_ptr<FileExtensionIssuer> issuer;
+    QuotaUser user;
 };
 
 // Handlers for clientSessionBusInterface() and sandboxExtensionBusInterface(), in their order. `bus` and

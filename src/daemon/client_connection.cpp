@@ -51,6 +51,7 @@ class BusClientConnection : public ClientConnection,
     void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) override {
         targets_.issuer = std::move(issuer);
     }
+    void setUser(QuotaUser user) override { targets_.user = std::move(user); }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
     }
@@ -128,7 +129,9 @@ void BusClientConnection::invalidate() {
 // from then on there is nobody to send to.
 void BusClientConnection::ended(const std::string& reason) {
     TELVORA_LOG(kLogDebug, "ClientConnection(ended): %s: %s", description_.c_str(), reason.c_str());
-    targets_ = {};
+    const LogScope onBehalfOfUser(targets_.user.logAdmission());
+    targets_.session.reset();
+    targets_.issuer.reset();
     if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
     drainOutbox();
     bus_ = nullptr;
@@ -175,6 +178,7 @@ std::deque<MessageToClient> BusClientConnection::takeOutbox() {
 }
 
 void BusClientConnection::drainOutbox() {
+    const LogScope onBehalfOfUser(targets_.user.logAdmission());
     for (const MessageToClient& message : takeOutbox()) {
         const auto sent = bus_ != nullptr
                               ? deliver(*bus_, message)

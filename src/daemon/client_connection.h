@@ -18,6 +18,7 @@
 
 #include "platform/bus_connection.h"
 #include "platform/file_extension_issuer.h"
+#include "platform/user_quotas.h"
 #include "platform/work_pool.h"
 #include "protocol/client_session_interface.h"
 #include "util/unique_fd.h"
@@ -38,6 +39,8 @@ class ClientConnection : public ClientSessionReplyInterface {
     virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> session) = 0;
     // Answers the client's IssueFileExtension; without one, the call is answered with "not supported".
     virtual void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) = 0;
+    // On whose behalf the client's calls are carried out; without one, on nobody's.
+    virtual void setUser(QuotaUser user) = 0;
     // Called at most once, on the strand, when the connection has ended, whoever ended it; the exported
     // object is given up right before.
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;

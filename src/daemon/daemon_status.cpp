@@ -29,4 +29,19 @@ Dictionary sandboxStatus(const SandboxStatus& sandbox) {
             {"notDumpable", sandbox.notDumpable}};
 }
 
+Array userStatus(UserQuotas& quotas) {
+    Array users;
+    for (const auto& [user, uses] : quotas.uses()) {
+        Dictionary described;
+        for (size_t i = 0; i < kQuotas; ++i) {
+            described.set(
+                ruleOf(static_cast<Quota>(i)).name,
+                Dictionary{{"held", uses[i].held}, {"limit", uses[i].limit}, {"refused", uses[i].refused}});
+        }
+        users.emplace_back(
+            Dictionary{{"user", static_cast<long long>(user)}, {"quotas", std::move(described)}});
+    }
+    return users;
+}
+
 }  // namespace telvora

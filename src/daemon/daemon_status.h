@@ -8,6 +8,7 @@
 
 #include "platform/property_list.h"
 #include "platform/sandbox.h"
+#include "platform/user_quotas.h"
 #include "util/time_value.h"
 
 namespace telvora {
@@ -22,5 +23,7 @@ struct StartTime {
 Dictionary daemonStatus(const StartTime& start);
 // Under "sandbox": what of the confinement is in force.
 Dictionary sandboxStatus(const SandboxStatus& sandbox);
+// Under "users": what each has of its quotas.
+Array userStatus(UserQuotas& quotas);
 
 }  // namespace telvora

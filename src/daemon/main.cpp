@@ -31,6 +31,7 @@
 #include "platform/sandbox.h"
 #include "platform/service_manager.h"
 #include "platform/system_log.h"
+#include "platform/user_quotas.h"
 #include "platform/uuid.h"
 #include "protocol/status_wire.h"
 #include "session/session_status.h"
@@ -143,6 +144,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     const EntitlementStore entitlements(directories.configuration);
     const auto countryCode = [] { return currentCountryCode(); };
 
+    UserQuotas quotas(defaults);
     std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
     WorkPool pool(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
     UploadAdmission uploads;
@@ -178,8 +180,8 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                   .inFlight = [&] { return http.inFlight() > 0; },
                   .onIdle = [&] { shutdownWhenIdle->begin(); },
                   .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime)});
-    TelvoradAgent agent(
-        {entitlements, fetcher, sessionServices, keepAlive, timeOfDay, [&] { shutdownWhenIdle->check(); }});
+    TelvoradAgent agent({entitlements, fetcher, sessionServices, quotas, keepAlive, timeOfDay,
+                         [&] { shutdownWhenIdle->check(); }});
     uint64_t connectionCount = 0;
     Listener listener(runLoop, std::move(sockets.clients.socket), [&](UniqueFd socket, const Peer& peer) {
         const std::string description =
@@ -191,11 +193,13 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
                               return Dictionary{{"daemon", daemonStatus(start)},
                                                 {"sandbox", sandboxStatus(sandbox)},
                                                 {"sessions", agent.sessionStatus()},
+                                                {"users", userStatus(quotas)},
                                                 {"bags", agent.storebagStatus()},
                                                 {"totals", describe(ledger.totals())},
                                                 {"httpPending", static_cast<long long>(http.inFlight())}};
                           },
-                          [&] { return properties.all(); }});
+                          [&] { return properties.all(); }},
+                         quotas);
     std::optional<Listener> statusListener;
     if (sockets.status) {
         statusListener.emplace(runLoop, std::move(sockets.status->socket),
@@ -227,6 +231,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     runLoop.run();
 
     logLosses(ledger);
+    quotas.tellRefusals();
     if (agent.sessionsAlive() > 0) {
         // Their deadline is over, and what they wait for, a server or an adaptor, may never come.
         stopLogging();

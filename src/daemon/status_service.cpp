@@ -43,12 +43,16 @@ bool mayReadStatus(const Peer& peer) {
 }
 
 void StatusService::accept(Strand strand, UniqueFd socket, const Peer& peer) {
+    const QuotaUser user = quotas_.of(peer.uid);
+    const LogScope onBehalfOfUser(user.logAdmission());
     const bool admitted = mayReadStatus(peer);
     if (!admitted) {
         TELVORA_LOG(kLogDebug, "StatusService(accept): %s may not read the status",
                     peer.description().c_str());
         if (refused_.use_count() > kMaxRefusedPeers) return;
     }
+    const auto connected = std::make_shared<QuotaHold>();
+    if (!user.take(Quota::connections, 1, *connected)) return;
     const auto bus = BusConnection::make(std::move(strand), std::move(socket), BusRole::kServer, kLimits);
     auto served = bus.and_then([&](const std::shared_ptr<BusConnection>& connection) {
         return connection->exportInterface(kTelvoradPath, statusBusInterface(),
@@ -60,8 +64,8 @@ void StatusService::accept(Strand strand, UniqueFd socket, const Peer& peer) {
                     served.error().c_str());
         return;
     }
-    // The count of the refused goes with the handler, which the connection keeps until its end.
-    (*bus)->start([counted = admitted ? nullptr : refused_](const std::string&) {});
+    // The counts go with the handler, which the connection keeps until its end.
+    (*bus)->start([connected, counted = admitted ? nullptr : refused_](const std::string&) {});
 }
 
 }  // namespace telvora

@@ -14,6 +14,7 @@
 
 #include "platform/peer.h"
 #include "platform/property_list.h"
+#include "platform/user_quotas.h"
 #include "platform/work_pool.h"
 #include "util/unique_fd.h"
 
@@ -31,14 +32,16 @@ class StatusService {
         std::function<Dictionary()> device;
     };
 
-    explicit StatusService(Answers answers) : answers_(std::move(answers)) {}
+    // `quotas`, under which connections count, outlives the work pool.
+    StatusService(Answers answers, UserQuotas& quotas) : answers_(std::move(answers)), quotas_(quotas) {}
 
-    // Serves a connected stream socket until its end, on the strand. Callable from any thread. The service
-    // outlives the work pool's last turn.
+    // Serves a connected stream socket until its end, on the strand; or closes it. Callable from any thread.
+    // The service outlives the work pool's last turn.
     void accept(Strand strand, UniqueFd socket, const Peer& peer);
 
   private:
     const Answers answers_;
+    UserQuotas& quotas_;
     // How many refused peers are connected: who holds a copy holds one of them.
     const std::shared_ptr<void> refused_ = std::make_shared<int>();
 };

@@ -16,6 +16,8 @@ constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
 bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection,
                              const Peer& peer) {
     const std::shared_ptr<ClientConnection>& connection = shouldAcceptNewConnection;
+    const QuotaUser user = services_.quotas.of(peer.uid);
+    const LogScope onBehalfOfUser(user.logAdmission());
     const std::optional<PropertyList> entitlement =
         services_.entitlements.valueForEntitlement(peer, kClientEntitlement);
     if (!entitlement || !entitlement->boolValue()) {
@@ -25,6 +27,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
                     connection->description().c_str());
         return false;
     }
+    const auto connected = std::make_shared<QuotaHold>();
+    QuotaHold place;
+    if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) return false;
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
                 connection->description().c_str(), static_cast<int>(sessionCount()),
@@ -32,17 +37,21 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
 
     ++sessionsAlive_;
     const SessionServices& services = services_.sessionServices;
-    auto files = std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission);
-    auto session = std::make_shared<TelvoradSession>(services, *this, connection, files);
+    auto files =
+        std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
+    auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user);
     connection->setFileExtensionIssuer(std::move(files));
     connection->setExportedObject(session);
+    connection->setUser(user);
     {
         const RecursiveMutexLock lock(sessionListLock_);
         if (sessionList_.empty()) services_.keepAlive.begin();
-        sessionPlaces_[session.get()] = sessionList_.insert(sessionList_.end(), {session, peer, connection});
+        sessionPlaces_[session.get()] =
+            sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
     }
     connection->setInvalidationHandler([this, session] { invalidated(session); });
-    connection->setGoneHandler([this] {
+    // Who holds the handler holds the user's place for the connection.
+    connection->setGoneHandler([this, connected] {
         if (--sessionsAlive_ == 0) services_.noSessionsLeft();
     });
     connection->resume();

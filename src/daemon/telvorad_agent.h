@@ -25,6 +25,7 @@
 #include "platform/entitlements.h"
 #include "platform/keep_alive_transaction.h"
 #include "platform/peer.h"
+#include "platform/user_quotas.h"
 #include "session/telvorad_session.h"
 #include "session/telvorad_session_delegate.h"
 #include "util/mutex.h"
@@ -36,6 +37,7 @@ struct AgentServices {
     const EntitlementStore& entitlements;
     const StorebagFetcher& storebagFetcher;
     const SessionServices& sessionServices;
+    UserQuotas& quotas;
     KeepAliveTransaction& keepAlive;
     Clock clock;
     std::function<void()> noSessionsLeft;  // called, on any thread, when the last session has come to its end
@@ -45,8 +47,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
     explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
 
-    // Whether the new connection is let in: then it has its session and serves it. A refused one is left as
-    // it is, for the listener to close.
+    // Whether the new connection is let in: its peer must have the entitlement, and its user room for one
+    // more connection and session. Then it has its session and serves it. A refused one is left as it is, for
+    // the listener to close.
     bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
 
     // Ends every connection; their sessions end on their own strands.
@@ -103,6 +106,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         std::shared_ptr<TelvoradSession> session;
         Peer peer;
         std::weak_ptr<ClientConnection> connection;
+        QuotaHold place;
     };
 
     // Registry.

@@ -30,11 +30,17 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
 
 }  // namespace
 
-ClientFiles::ClientFiles(Peer client, std::vector<path> uploadDirectories, UploadAdmission& admission)
-    : client_(std::move(client)), directories_(std::move(uploadDirectories)), admission_(admission) {}
+ClientFiles::ClientFiles(Peer client, std::vector<path> uploadDirectories, UploadAdmission& admission,
+                         QuotaUser user)
+    : client_(std::move(client)),
+      directories_(std::move(uploadDirectories)),
+      admission_(admission),
+      user_(std::move(user)) {}
 
 tl::expected<std::string, std::string> ClientFiles::issueFileExtension(std::string filePath, UniqueFd file) {
-    return extensions_.issue(std::move(filePath), std::move(file));
+    QuotaHold place;
+    if (!user_.take(Quota::extensionTokens, 1, place)) return refusal("Too many extensions are unused");
+    return extensions_.issue(std::move(filePath), std::move(file), std::move(place));
 }
 
 tl::expected<ClientFile, std::string> ClientFiles::open(const std::string& filePath,

@@ -30,6 +30,7 @@
 #include "platform/file_extensions.h"
 #include "platform/peer.h"
 #include "platform/upload_admission.h"
+#include "platform/user_quotas.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -46,9 +47,9 @@ struct ClientFile {
 class ClientFiles final : public FileExtensionIssuer {
   public:
     // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission`
-    // outlives this.
-    ClientFiles(Peer client, std::vector<std::filesystem::path> uploadDirectories,
-                UploadAdmission& admission);
+    // outlives this. `user`: whose extension tokens are counted.
+    ClientFiles(Peer client, std::vector<std::filesystem::path> uploadDirectories, UploadAdmission& admission,
+                QuotaUser user = {});
 
     tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override;
     // Makes a token void; the descriptor behind it is closed if nobody has consumed it.
@@ -75,6 +76,7 @@ class ClientFiles final : public FileExtensionIssuer {
     const Peer client_;
     const std::vector<std::filesystem::path> directories_;
     UploadAdmission& admission_;
+    const QuotaUser user_;
     FileExtensions extensions_;
 };
 

@@ -40,13 +40,14 @@ tl::unexpected<std::string> refusal(const char* reason) {
 
 }  // namespace
 
-tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file) {
+tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file,
+                                                             QuotaHold place) {
     if (path.empty() || path.size() > PATH_MAX) return refusal("The path is empty or too long");
     if (!isOpenForReading(file.get())) return refusal("The file is not open for reading");
     if (extensions_.size() >= kMaxTokens) return refusal("Too many extensions are unused");
     std::string token = randomToken();
     if (token.empty()) return refusal("No extension can be made");
-    extensions_[token] = {std::move(path), std::move(file)};
+    extensions_[token] = {std::move(path), std::move(file), std::move(place)};
     return token;
 }
 

@@ -13,6 +13,7 @@
 #include <tl/expected.hpp>
 #include <unordered_map>
 
+#include "platform/user_quotas.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -22,10 +23,11 @@ class FileExtensions {
     // Tokens that may be out at a time; each holds a descriptor open.
     static constexpr size_t kMaxTokens = 64;
 
-    // Takes over `file` and returns its token, 64 hexadecimal digits. Fails with a reason when the descriptor
-    // was not opened for reading (open(2): O_WRONLY, O_PATH), when the path is empty or longer than PATH_MAX,
-    // when too many tokens are out, and when the kernel gives no random numbers.
-    tl::expected<std::string, std::string> issue(std::string path, UniqueFd file);
+    // Takes over `file`, with its place in a quota, and returns its token, 64 hexadecimal digits. Fails with
+    // a reason when the descriptor was not opened for reading (open(2): O_WRONLY, O_PATH), when the path is
+    // empty or longer than PATH_MAX, when too many tokens are out, and when the kernel gives no random
+    // numbers.
+    tl::expected<std::string, std::string> issue(std::string path, UniqueFd file, QuotaHold place);
 
     // Gives up the descriptor that the token was issued for; from then on the token is void. None when there
     // is no such token or it was issued for another path; then it stays as it was.
@@ -38,6 +40,7 @@ class FileExtensions {
     struct Extension {
         std::string path;
         UniqueFd file;
+        QuotaHold place;
     };
 
     std::unordered_map<std::string, Extension> extensions_;

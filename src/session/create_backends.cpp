@@ -33,7 +33,7 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
         const std::shared_ptr<TelvoraBackend> backend =
             sources.factory.newBackendWithName(name, BackendProfile(bag, &profile), deviceName, clientType);
         if (!backend) continue;
-        backend->setAccounts(accounts.of(name), accounts.of(ClientAccounts::kUploads));
+        backend->setAccounts(accounts.of(name), accounts.of(ClientAccounts::kUploads), accounts.user());
         backend->setSessionID(
             static_cast<uint32_t>(sessionInfo->integer(kTelvoraSessionInfoSessionID).value_or(0)));
         backend->setCompType(clientType);

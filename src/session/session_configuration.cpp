@@ -43,13 +43,13 @@ DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
 
 TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                                  std::shared_ptr<ClientSessionReplyInterface> connection,
-                                 std::shared_ptr<ClientFiles> clientFiles)
+                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user)
     : services_(services),
       sessionDelegate_(delegate),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
-      accounts_(services.ledger),
+      accounts_(services.ledger, std::move(user)),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {
     TELVORA_LOG(kLogDebug,

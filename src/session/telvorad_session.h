@@ -46,10 +46,10 @@ class TelvoradSession final : public ClientSessionInterface,
                               public std::enable_shared_from_this<TelvoradSession> {
   public:
     // `delegate` outlives the session; `connection` carries the session's calls back to its client, whose
-    // files are `clientFiles`.
+    // files are `clientFiles` and whose user is `user`.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                     std::shared_ptr<ClientSessionReplyInterface> connection,
-                    std::shared_ptr<ClientFiles> clientFiles);
+                    std::shared_ptr<ClientFiles> clientFiles, QuotaUser user);
 
     // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
     // the connection's strand, when the connection has ended and the session has left the registry.

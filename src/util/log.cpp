@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 namespace telvora {
 
@@ -14,6 +15,14 @@ std::atomic<int> logThreshold{kLogInfo};
 namespace {
 
 std::atomic<LogSink> currentSink{nullptr};
+thread_local LogAdmission* currentAdmission = nullptr;
+
+bool isAdmitted(int level) {
+    LogAdmission* const admission = currentAdmission;
+    if (admission == nullptr || level >= kLogDebug) return true;
+    const LogScope nobody(nullptr);
+    return admission->admitsLine();
+}
 
 std::string escapeControlCharacters(std::string_view line) {
     std::string escaped;
@@ -42,9 +51,15 @@ void setLogSink(LogSink sink) {
     currentSink.store(sink, std::memory_order_release);
 }
 
+LogScope::LogScope(LogAdmission* admission) : outer_(std::exchange(currentAdmission, admission)) {}
+
+LogScope::~LogScope() {
+    currentAdmission = outer_;
+}
+
 void logLine(int level, const char* format, ...) {
     const LogSink sink = currentSink.load(std::memory_order_acquire);
-    if (sink == nullptr) return;
+    if (sink == nullptr || !isAdmitted(level)) return;
 
     char shortLine[512];
     va_list arguments;

@@ -34,8 +34,31 @@ void setLogThreshold(int level);
 // Replaces the sink (null: lines are dropped, which is also the initial state).
 void setLogSink(LogSink sink);
 
-// Formats and sends one line, whatever its level. Control characters in the result are written as \xNN, so
-// that text from outside can't forge a second line; one trailing line feed is kept.
+// Says whether a line above the debug level is sent.
+class LogAdmission {
+  public:
+    // What it logs itself is nobody's. Called from any thread.
+    virtual bool admitsLine() = 0;
+
+  protected:
+    ~LogAdmission() = default;
+};
+
+// While it exists, what this thread logs above the debug level has to be admitted; null: all of it is. Scopes
+// nest: the innermost counts.
+class LogScope {
+  public:
+    explicit LogScope(LogAdmission* admission);  // outlives the scope
+    ~LogScope();
+    LogScope(const LogScope&) = delete;
+    LogScope& operator=(const LogScope&) = delete;
+
+  private:
+    LogAdmission* const outer_;
+};
+
+// Formats and sends one line, whatever its level, if it is admitted. Control characters in the result are
+// written as \xNN, so that text from outside can't forge a second line; one trailing line feed is kept.
 void logLine(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace telvora

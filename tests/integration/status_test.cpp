@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What administrators are told: that no report goes missing from the books, under load and whatever the
-// reporting server does; who may read it, and with which tools.
+// What administrators are told: that no report goes missing from the books, under load, whatever the
+// reporting server does and when a user is over its quotas; who may read it, and with which tools.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <thread>
 
 #include "client/status_query.h"
+#include "platform/user_defaults.h"
 #include "telvora-lab/bags.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_fixture.h"
@@ -39,8 +42,15 @@ void expectBalanced(const Dictionary& accounts, const char* whose) {
     }
 }
 
+constexpr char kAsNobody[] = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups ";  // if root
+
 class Status : public DaemonFixture {
   protected:
+    // Others may reach the sockets, as they may where the service manager makes the directories.
+    void letOthersIn() {
+        for (const auto& path : {directory().path(), directory().path() / "run"})
+            std::filesystem::permissions(path, std::filesystem::perms(0755));
+    }
     std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
     // The daemon's status, in which all books balance.
     Dictionary status() {
@@ -186,11 +196,98 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     EXPECT_EQ(*device->string("DeviceName"), "Labdevice");
 }
 
+// Each quota in turn is used up by this process's user, while another user is served as ever.
+TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
+    laboratory().setBag("dravik", lab::openBag());
+    directory().write(
+        "config/entitlements.d/60-nobody.plist",
+        "<plist version=\"1.0\"><dict><key>User</key><integer>65534</integer><key>Entitlements</key>"
+        "<dict><key>com.zandor.private.telvorad</key><true/></dict></dict></plist>");
+    startDaemon();
+    letOthersIn();
+    UserDefaults defaults(directory().path() / "config", directory().path() / "state");
+    // The daemon reads it with the connection of the query, which it may refuse.
+    const auto limit = [&](const char* key, int64_t most) {
+        ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, key, most));
+        static_cast<void>(queryStatus(StatusMethod::kGetStatus, socketPath(), kPatience));
+    };
+    const auto use = [](const Dictionary& status, const char* quota, const char* what) {
+        for (const PropertyList& user : *status.array("users")) {
+            const auto& described = *user.getIf<Dictionary>();
+            if (described.integer("user") != int64_t{geteuid()}) continue;
+            return described.dictionary("quotas")->dictionary(quota)->integer(what).value_or(-1);
+        }
+        return int64_t{-1};
+    };
+    int64_t accepted = 0;  // of the backend
+    const auto expectOver = [&](const std::string& quota) {
+        expectLine("<3>UserQuotas: user " + std::to_string(geteuid()) + " is over the quota of " + quota);
+        if (geteuid() != 0) return;  // only root can be somebody else
+        const size_t before = daemon().logLineCount();
+        expectRun(
+            wordsOf(std::string(kAsNobody) + TELVORACTL_PATH " oneshot --socket " + daemon().socketPath() +
+                    " --client-type 8 --session-id 9 --category 4 --type 1 --client-name other"
+                    " --require-user-info"),
+            0);
+        expectLineBeginning("<6>writeToLogFile: Saved log message to ", before);
+        ++accepted;
+    };
+
+    BlockingSession one(daemon().socketPath()), two(daemon().socketPath());
+    limit("maxSessionsPerUser", 2);
+    EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
+    expectOver("2 sessions (maxSessionsPerUser)");
+    EXPECT_EQ(use(status(), "sessions", "held"), 2);
+    EXPECT_EQ(use(status(), "sessions", "refused"), 1);
+    limit("maxConnectionsPerUser", 2);
+    expectOver("2 connections (maxConnectionsPerUser)");
+    limit("maxConnectionsPerUser", 1024);
+
+    limit("maxExtensionTokensPerUser", 2);
+    const std::string path = directory().write("file", "content");
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto token = one.issueFileExtension(path, file.get());
+    EXPECT_TRUE(token && two.issueFileExtension(path, file.get()));
+    EXPECT_FALSE(two.issueFileExtension(path, file.get()));
+    expectOver("2 extensionTokens (maxExtensionTokensPerUser)");
+    one.uploadFile("file://" + path, *token);
+    EXPECT_TRUE(two.issueFileExtension(path, file.get()));
+
+    limit("maxPendingBytesPerUser", 20'000);
+    reports().setFault(ReportingFault::hold);
+    one.startConfig();
+    constexpr int kSent = 10;
+    for (int i = 0; i < kSent; ++i)
+        one.send(4, 1, {{"number", i}}, 1);
+    expectOver("20000 pendingBytes (maxPendingBytesPerUser)");
+    accepted += 1 + kSent;
+    const Dictionary now = status();
+    const int64_t lost = reportsAt(now.dictionary("totals")->dictionary("httpPost"), "overQuota");
+    EXPECT_GT(lost, 0);
+    EXPECT_EQ(use(now, "pendingBytes", "refused"), lost);
+    EXPECT_GT(use(now, "pendingBytes", "held"), 0);
+    reports().setFault(ReportingFault::none);
+    reports().releaseHeld();
+    settled(accepted);
+    one.send(4, 1, {{"number", kSent}}, 1);
+    const Dictionary after = settled(++accepted);
+    EXPECT_EQ(reportsAt(&after, "accepted"), accepted);
+    EXPECT_EQ(reportsAt(&after, "delivered"), accepted - lost);
+    EXPECT_EQ(use(status(), "pendingBytes", "held"), 0);
+
+    limit("maxLogLinesPerUser", 60);
+    ptrdiff_t calls = 0;
+    for (; use(status(), "logLines", "refused") == 0; ++calls)
+        two.uploadLogData({});
+    expectOver("60 logLines (maxLogLinesPerUser)");
+    const std::vector<std::string> lines = daemon().logLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "<3>uploadLogData: Log data array upload failed") + 1,
+              calls);
+}
+
 TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
     startDaemon();
-    // Others may reach the sockets, as they may where the service manager makes the directories.
-    for (const auto& path : {directory().path(), directory().path() / "run"})
-        std::filesystem::permissions(path, std::filesystem::perms(0755));
+    letOthersIn();
     const std::string clients = " --address=unix:path=" + daemon().socketPath();
     const std::string administrators = clients + ".Status";
     const std::string busctl = "/usr/bin/busctl", target = " com.zandor.telvorad /com/zandor/telvorad ";
@@ -200,7 +297,6 @@ TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
     const std::string fetch = object + "--method " + session + ".FetchDisplayURL";
     const std::string get = object + "--method com.zandor.telvorad.Status.GetStatus";
     const std::string telvoractl = TELVORACTL_PATH " status --socket " + daemon().socketPath();
-    const std::string asNobody = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups ";
     const struct {
         std::string command;
         int exitStatus;
@@ -220,8 +316,8 @@ TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
         {call + administrators + fetch, 1, "Unknown"},
         {telvoractl, 0, "all so far"},
         {telvoractl + " --json", 0, "\"totals\":{"},
-        {asNobody + call + administrators + get, 1, "AccessDenied"},
-        {asNobody + telvoractl, 1, "telvora-admin"},
+        {kAsNobody + call + administrators + get, 1, "AccessDenied"},
+        {kAsNobody + telvoractl, 1, "telvora-admin"},
     };
     if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
     for (const auto& [command, exitStatus, says] : cases)

@@ -43,6 +43,7 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
       environment(defaults, identity),
       framework(directory.path() / "framework"),
       messageLog(directory.path() / "logs"),
+      quotas(defaults),
       backendServices{http,
                       identity,
                       environment,
@@ -69,7 +70,7 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
       fetcher({http, environment, framework}),
       entitlements(directory.path() / "config"),
       keepAlive(runLoop, {.launchedOnDemand = false, .inFlight = [] { return false; }, .onIdle = [] {}}),
-      agent({entitlements, fetcher, sessionServices, keepAlive, backendServices.clock, [] {}}) {
+      agent({entitlements, fetcher, sessionServices, quotas, keepAlive, backendServices.clock, [] {}}) {
     directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
     const Dictionary grant{
         {"User", std::to_string(getuid())},

@@ -36,6 +36,7 @@ class FakeConnection final : public ClientConnection {
         session_ = std::move(session);
     }
     void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer>) override {}
+    void setUser(QuotaUser) override {}
     void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
     void setGoneHandler(std::function<void()> handler) override { gone_ = std::move(handler); }
     void resume() override { resumed_ = true; }
@@ -97,6 +98,7 @@ class DaemonWorld {
     ClientFramework framework;
     MessageLog messageLog;
     UploadAdmission uploads;
+    UserQuotas quotas;
     ReportLedger ledger;
     BackendServices backendServices;
     BackendFactory factory;

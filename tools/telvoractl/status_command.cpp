@@ -105,6 +105,19 @@ void printReports(const Dictionary& status, const std::vector<Dictionary>& sessi
     printTitled("Reports", rows);
 }
 
+void printUsers(const std::vector<Dictionary>& users) {
+    std::vector<Row> rows{{"USER", "QUOTA", "HELD", "LIMIT", "REFUSED"}};
+    for (const Dictionary& user : users) {
+        for (const auto& [name, value] : dictionaryIn(user, "quotas")) {
+            if (const auto* quota = value.getIf<Dictionary>()) {
+                rows.push_back({text(user, "user"), name, text(*quota, "held"), text(*quota, "limit"),
+                                text(*quota, "refused")});
+            }
+        }
+    }
+    printTitled("Users", rows);
+}
+
 void printBags(const std::vector<Dictionary>& bags) {
     std::vector<Row> rows{{"BAG", "TYPE", "VERSION", "STATE", "AGE", "MAX AGE"}};
     for (const Dictionary& bag : bags) {
@@ -135,6 +148,7 @@ int runStatus(const CommonOptions& common) {
     printDaemon(*status);
     printSessions(sessions);
     printReports(*status, sessions);
+    printUsers(entriesIn(*status, "users"));
     printBags(entriesIn(*status, "bags"));
     return kDone;
 }
@@ -143,7 +157,7 @@ int runStatus(const CommonOptions& common) {
 
 Command addStatusCommand(CLI::App& app, const CommonOptions& common) {
     CLI::App* command =
-        app.add_subcommand("status", "Show sessions, reports and their losses, bags, sandbox");
+        app.add_subcommand("status", "Show sessions, reports and their losses, users, bags, sandbox");
     command->footer("For root, the daemon's user and the group telvora-admin.");
     return {command, [&common] { return runStatus(common); }};
 }

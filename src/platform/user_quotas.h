@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// UserQuotas: how much of the daemon one user may take up, whatever that user's programs do. What is over a
+// quota is refused to that user alone, and the log is told: once, and then at most once a minute how often
+// since. All users have the same limits, root and the daemon's own user too.
+//
+// A user's quotas are counted in one place for all connections (UserShare in user_quotas.cpp): a QuotaUser
+// refers to it, a QuotaHold is a part of one quota that is taken. Taking and giving back cost one atomic
+// operation each. Once nothing refers to a user any more, the user is forgotten within the minute that its
+// refusals and its log lines count for, and the next connection of anybody.
+//
+// The limits are user defaults. They are read with every connection and every question for the status, and
+// count from then on for all; what is taken stays taken.
+//
+// Everything here may be called from any thread, but one QuotaHold from one at a time.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "platform/user_defaults.h"
+#include "util/log.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+enum class Quota : uint8_t {
+    connections,      // to either socket, until both ends have let go of them
+    sessions,         // whose connection is valid
+    pendingBytes,     // of reports that wait in a batch or for a server's answer
+    extensionTokens,  // that are unused; each holds a descriptor
+    logLines,         // in a minute, above the debug level, on behalf of the user's clients
+};
+inline constexpr size_t kQuotas = static_cast<size_t>(Quota::logLines) + 1;
+
+struct QuotaRule {
+    const char* name;  // in the log and on the wire
+    const char* key;   // the user default, in the domain com.zandor.telvora, that changes the limit
+    uint64_t limit;    // without it
+};
+const QuotaRule& ruleOf(Quota quota);
+
+class UserQuotas;
+struct UserShare;
+
+// A part of one quota of one user, or nothing. Its end gives it back.
+class QuotaHold {
+  public:
+    QuotaHold() = default;
+    QuotaHold(QuotaHold&& other) noexcept { swap(other); }
+    QuotaHold& operator=(QuotaHold&& other) noexcept;
+    ~QuotaHold() { resize(0); }
+
+    // From now on it is this much. More than before is not refused: it counts against what comes next.
+    void resize(uint64_t amount);
+
+  private:
+    friend class QuotaUser;
+    void swap(QuotaHold& other) noexcept;
+
+    std::shared_ptr<UserShare> share_;
+    Quota quota_{};
+    uint64_t amount_ = 0;
+};
+
+// A user as the quotas know it. A default-constructed one is nobody, to whom nothing is refused.
+class QuotaUser {
+  public:
+    QuotaUser() = default;
+
+    // Adds to a hold, which is empty or of this user and quota. False: the user would be over its quota; then
+    // nothing has changed, and the refusal is counted and logged.
+    bool take(Quota quota, uint64_t amount, QuotaHold& hold) const;
+    // For a LogScope: what is logged in it is on this user's behalf. Lives as long as any QuotaUser for it.
+    LogAdmission* logAdmission() const;
+
+  private:
+    friend class UserQuotas;
+    explicit QuotaUser(std::shared_ptr<UserShare> share) : share_(std::move(share)) {}
+
+    std::shared_ptr<UserShare> share_;
+};
+
+struct QuotaUse {
+    uint64_t held = 0;
+    uint64_t limit = 0;
+    uint64_t refused = 0;  // how often, since the user was last forgotten
+};
+
+// Outlives every QuotaUser and QuotaHold.
+class UserQuotas {
+  public:
+    using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
+
+    // `defaults` outlives this.
+    explicit UserQuotas(UserDefaults& defaults, SteadyClock clock = std::chrono::steady_clock::now);
+    ~UserQuotas();
+
+    // Reads the limits. May block on file I/O.
+    QuotaUser of(uid_t user) TELVORA_EXCLUDES(lock_);
+    // The users that are known, and their quotas in the order of Quota. Reads the limits, likewise.
+    std::map<uid_t, std::array<QuotaUse, kQuotas>> uses() TELVORA_EXCLUDES(lock_);
+    // Logs the refusals that the log has not been told of yet: for the daemon's end.
+    void tellRefusals() TELVORA_EXCLUDES(lock_);
+
+  private:
+    friend struct UserShare;
+    void readLimits();
+    uint64_t limitOf(Quota quota) const {
+        return limits_[static_cast<size_t>(quota)].load(std::memory_order_relaxed);
+    }
+
+    UserDefaults& defaults_;
+    const SteadyClock clock_;
+    std::array<std::atomic<uint64_t>, kQuotas> limits_{};
+    Mutex lock_;  // before a share's
+    std::map<uid_t, std::shared_ptr<UserShare>> users_ TELVORA_GUARDED_BY(lock_);
+    std::chrono::steady_clock::time_point nextSweep_ TELVORA_GUARDED_BY(lock_);
+};
+
+}  // namespace telvora

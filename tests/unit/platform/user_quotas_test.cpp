@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/user_quotas.h"
+
+#include <gtest/gtest.h>
+
+#include "telvora-lab/temporary_directory.h"
+#include "tests/support/log_capture.h"
+
+namespace telvora {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class UserQuotasTest : public testing::Test {
+  protected:
+    void limit(Quota quota, int64_t limit) {
+        ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, ruleOf(quota).key, limit));
+    }
+    QuotaUse use(uid_t user, Quota quota) { return quotas_.uses().at(user)[static_cast<size_t>(quota)]; }
+
+    const lab::TemporaryDirectory directory_;
+    UserDefaults defaults_{directory_.path() / "config", directory_.path() / "state"};
+    std::chrono::steady_clock::time_point now_{};
+    UserQuotas quotas_{defaults_, [this] { return now_; }};
+    const test::LogCapture log_;
+};
+
+TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
+    const struct {
+        Quota quota;
+        const char *over, *more;
+    } cases[] = {
+        {Quota::connections, "10 connections (maxConnectionsPerUser)", "connections"},
+        {Quota::sessions, "10 sessions (maxSessionsPerUser)", "sessions"},
+        {Quota::pendingBytes, "10 pendingBytes (maxPendingBytesPerUser)", "pendingBytes"},
+        {Quota::extensionTokens, "10 extensionTokens (maxExtensionTokensPerUser)", "extensionTokens"},
+    };
+    Lines expected;
+    for (const auto& [quota, over, more] : cases) {
+        SCOPED_TRACE(more);
+        limit(quota, 10);
+        const QuotaUser first = quotas_.of(1), second = quotas_.of(2);
+        QuotaHold six, four, all, none;
+        EXPECT_TRUE(first.take(quota, 6, six) && first.take(quota, 3, four) && first.take(quota, 1, four));
+        for (int i = 0; i < 3; ++i)
+            EXPECT_FALSE(first.take(quota, 1, none));
+        expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of ") + over);
+        EXPECT_TRUE(second.take(quota, 10, all));
+        EXPECT_EQ(use(1, quota).refused, 3u);
+        EXPECT_EQ(use(2, quota).refused, 0u);
+
+        four = {};
+        EXPECT_TRUE(first.take(quota, 4, none));
+        six.resize(9);  // what is needed is not refused, but counts
+        EXPECT_EQ(use(1, quota).held, 13u);
+        EXPECT_FALSE(first.take(quota, 1, four));
+        limit(quota, 14);
+        EXPECT_FALSE(first.take(quota, 1, four));
+        quotas_.of(2);
+        EXPECT_TRUE(first.take(quota, 1, four));
+
+        // Two refusals were never told of, one more is, and the log again only once.
+        limit(quota, 0);
+        quotas_.of(2);
+        now_ += std::chrono::minutes(1);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_FALSE(first.take(quota, 1, four));
+        expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
+                           " 4 more times");
+        expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of 0") + (over + 2));
+        EXPECT_EQ(log_.lines(), expected);
+        quotas_.tellRefusals();
+        expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
+                           " 1 more times");
+        EXPECT_EQ(log_.lines(), expected);
+    }
+    // Both have let go of everything.
+    now_ += std::chrono::minutes(1);
+    quotas_.of(3);
+    EXPECT_EQ(quotas_.uses().size(), 1u);
+}
+
+TEST_F(UserQuotasTest, WithholdsLogLinesButNotOthersAndNotForLong) {
+    limit(Quota::logLines, 2);
+    const QuotaUser first = quotas_.of(1), second = quotas_.of(2);
+    const auto logAs = [](const QuotaUser& user, const char* text) {
+        const LogScope scope(user.logAdmission());
+        TELVORA_LOG(kLogInfo, "%s", text);
+        TELVORA_LOG(kLogDebug, "debug %s", text);
+    };
+    for (const char* text : {"a", "b", "c", "d"})
+        logAs(first, text);
+    logAs(second, "other");
+    TELVORA_LOG(kLogInfo, "nobody's");
+    EXPECT_EQ(use(1, Quota::logLines).held, 2u);
+    now_ += std::chrono::minutes(1);
+    EXPECT_EQ(use(1, Quota::logLines).held, 0u);
+    logAs(first, "e");
+    EXPECT_EQ(
+        log_.lines(),
+        (Lines{"<6>a", "<7>debug a", "<6>b", "<7>debug b",
+               "<3>UserQuotas: user 1 is over the quota of 2 logLines (maxLogLinesPerUser)", "<7>debug c",
+               "<7>debug d", "<6>other", "<7>debug other", "<6>nobody's",
+               "<3>UserQuotas: user 1 was over the quota of logLines 1 more times", "<6>e", "<7>debug e"}));
+}
+
+}  // namespace
+}  // namespace telvora
