@@ -109,6 +109,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::vector<Dictionary> takeBatch();
     void loseBatch(ReportPlace cause);
     std::optional<std::string> loseOverQuota();
+    bool hasRoomForUserInfo(const Dictionary& userInfo);
     bool keepsInFlush(const Dictionary& record);
     std::optional<std::string> postDirectly(Dictionary record, uint16_t method, uint16_t respCode,
                                             SendFlag flag);

@@ -193,6 +193,13 @@ bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
     return !excluded;
 }
 
+// Each event held has room for the user info that it was recorded with. One that has grown since is sent once
+// per event and so could make a small batch a huge one.
+bool HTTPSPostBackend::hasRoomForUserInfo(const Dictionary& userInfo) {
+    const size_t merged = approximateSize(userInfo) * batchedEvents_.size();
+    return merged <= batchedBytes_ || user_.take(Quota::pendingBytes, merged - batchedBytes_, batchRoom_);
+}
+
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
     const BackendState current = state();
     if (batchedEvents_.empty() || current != BackendState::reporting) {
@@ -208,6 +215,11 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     // The user info may have changed since the events were recorded.
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
     filterEvent(filters_, userInfo);
+    if (!hasRoomForUserInfo(userInfo)) {
+        loseBatch(ReportPlace::overQuota);
+        completeWithError(completion, "Can not flush: over quota");
+        return std::nullopt;
+    }
     QuotaHold room = std::move(batchRoom_);
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });

@@ -248,5 +248,29 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
     EXPECT_EQ(tally[ReportPlace::held], 2u);
 }
 
+TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
+    const lab::TemporaryDirectory directory;
+    UserDefaults defaults(directory.path() / "config", directory.path() / "state");
+    ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, "maxPendingBytesPerUser", 1 << 20));
+    UserQuotas quotas(defaults);
+    const ReportingRig rig({}, true);
+    const auto account = std::make_shared<ReportAccount>();
+    rig.backend->setAccounts(account, account, quotas.of(1000));
+    for (const auto& [bytes, delivered, lost] : {std::tuple{10'000, 20u, 0u}, {100'000, 20u, 20u}}) {
+        rig.backend->setUserInfoDict(userInfoWith({}));
+        for (int i = 0; i < 20; ++i)
+            rig.send();
+        rig.backend->setUserInfoDict(userInfoWith({{"big", std::string(bytes, 'x')}}));
+        FlushResult result;
+        rig.backend->flushMessagesWithCompletion(into(result));
+        EXPECT_EQ(result.calls, 1);
+        const auto over = makeTelvoraError("Can not flush: over quota", -1);
+        EXPECT_EQ(result.error, lost > 0 ? std::optional(over) : std::nullopt);
+        EXPECT_EQ(account->tally()[ReportPlace::delivered], delivered);
+        EXPECT_EQ(account->tally()[ReportPlace::overQuota], lost);
+        EXPECT_EQ(quotas.uses().at(1000)[static_cast<size_t>(Quota::pendingBytes)].held, 0u);
+    }
+}
+
 }  // namespace
 }  // namespace telvora::test
