@@ -17,8 +17,8 @@ using Clock = std::chrono::steady_clock;
 constexpr uint16_t kCategories = 4;
 
 Dictionary payload(uint64_t number) {
-    return {{"codec", "av1"},           {"bitrate", 4200}, {"live", true},
-            {Load::kNumberKey, number}, {"ratio", 0.75},   {"region", "eu-central"}};
+    return {{"codec", "av1"},     {"bitrate", 4200}, {"live", true},
+            {kNumberKey, number}, {"ratio", 0.75},   {"region", "eu-central"}};
 }
 
 }  // namespace

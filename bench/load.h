@@ -25,16 +25,14 @@ struct LoadOptions {
 
 class Load {
   public:
-    // The key in each report's payload under which its number stands: 0 to reports - 1, each once.
-    static constexpr char kNumberKey[] = "n";
-
     explicit Load(const LoadOptions& options);
     ~Load();
 
     // Opens a session per client and waits until each has its configuration. Throws std::runtime_error when
     // one has none.
     void open(const std::string& socketPath);
-    // Sends all reports; returns when each is acknowledged. Throws when a call fails.
+    // Sends all reports, numbered from 0, each once; returns when each is acknowledged. Throws when a call
+    // fails.
     void run();
     // Has what is held back sent, and waits for the answers.
     void flush();

@@ -93,7 +93,7 @@ Dictionary describe(const Options& options, const lab::ReportingServer& reports,
 }
 
 int run(const Options& options) {
-    World world(benchBag(options), Load::kNumberKey);
+    World world(benchBag(options));
     const auto daemon = world.start();
     Load load(options.load);
     const Figures figures = measure(options, world.laboratory(), *daemon, load);

@@ -2,6 +2,7 @@
 #include "service.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -20,7 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kCountByKey[] = "n";
 constexpr int64_t kNever = int64_t{24} * 3600 * 1000;  // milliseconds
 constexpr size_t kIdleSessions[] = {0, 1, 100};
 
@@ -56,7 +56,7 @@ double activationTime(const World& world) {
     ClientRuntime runtime;
     const auto begin = Clock::now();
     auto session = openSession(runtime, daemon->socketPath(), {{kTelvoraSessionInfoSessionID, 1}});
-    const Dictionary payload{{kCountByKey, 1}};
+    const Dictionary payload{{kNumberKey, 1}};
     lab::await<std::optional<std::string>>(
         [&](auto done) { session->sendMessage(1, 1, payload, std::move(done)); });
     const double time = millisecondsSince(begin);
@@ -78,7 +78,7 @@ Dictionary activationTimes(const World& world, size_t starts) {
 class Idler {
   public:
     explicit Idler(size_t sessions)
-        : world_(lab::openBag(), kCountByKey),
+        : world_(lab::openBag()),
           daemon_(world_.start([](auto& options) { options.defaults.set("idleMilliseconds", kNever); })) {
         for (size_t i = 0; i < sessions; ++i) {
             sessions_.push_back(
@@ -121,7 +121,7 @@ Array idleFigures(double minutes) {
 }  // namespace
 
 Dictionary measureService(const ServiceOptions& options) {
-    const World world(lab::openBag(), kCountByKey);
+    const World world(lab::openBag());
     return {{"startMilliseconds", startTimes(world, options.starts)},
             {"activationMilliseconds", activationTimes(world, options.starts)},
             {"idleMinutes", options.idleMinutes},

@@ -3,7 +3,7 @@
 // The daemon as a service: how fast it is there, and what it costs while nothing happens.
 #pragma once
 
-#include <chrono>
+#include <cstddef>
 
 #include "platform/property_list.h"
 

@@ -21,7 +21,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kHierarchySize = 10;
 constexpr size_t kWindow = 64;
-constexpr char kCountByKey[] = "n";
 
 double secondsSince(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -33,7 +32,7 @@ double share(const std::vector<double>& sorted, double part) {
 
 class Sessions {
   public:
-    Sessions() : world_(lab::openBag(), kCountByKey), daemon_(world_.start()) {}
+    Sessions() : world_(lab::openBag()), daemon_(world_.start()) {}
     // Ends the daemon first: what it still holds back is nobody's concern here.
     ~Sessions() {
         daemon_->process().signal(SIGKILL);
@@ -88,7 +87,7 @@ class Sessions {
         void sendNext() {
             const uint64_t number = next.fetch_add(1);
             if (number >= end) return;
-            const Dictionary payload{{kCountByKey, number}, {"codec", "av1"}, {"bitrate", 4200}};
+            const Dictionary payload{{kNumberKey, number}, {"codec", "av1"}, {"bitrate", 4200}};
             session.sendMessage(4, 1, payload, [this](const auto&) {
                 if (unanswered.fetch_sub(1) == 1) return done.set_value();
                 sendNext();

@@ -22,8 +22,8 @@ Dictionary withoutQuotas() {
 
 }  // namespace
 
-World::World(const Dictionary& bag, std::string countByKey) {
-    auto made = lab::Laboratory::make(directory_.path() / "lab", {.countByKey = std::move(countByKey)});
+World::World(const Dictionary& bag) {
+    auto made = lab::Laboratory::make(directory_.path() / "lab", {.countByKey = kNumberKey});
     if (!made) throw std::runtime_error(made.error());
     laboratory_ = std::move(*made);
     laboratory_->setBag("dravik", bag);

@@ -15,12 +15,12 @@
 namespace telvora::bench {
 
 constexpr int64_t kClientType = 8;  // whose bag every World serves
+constexpr char kNumberKey[] = "n";  // of each report's payload: its number, by which a World counts it
 
 class World {
   public:
-    // Serves `bag`. Reports are counted by the number that their payloads hold under `countByKey`. Throws
-    // std::runtime_error when there can be no servers.
-    World(const Dictionary& bag, std::string countByKey);
+    // Serves `bag`. Throws std::runtime_error when there can be no servers.
+    explicit World(const Dictionary& bag);
 
     lab::Laboratory& laboratory() { return *laboratory_; }
     // A daemon that logs as in the field, without quotas, after `change`; the directories are this object's,
