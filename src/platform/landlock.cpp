@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/refused_call.h"
+
 namespace telvora {
 
 namespace {
@@ -73,16 +75,26 @@ tl::unexpected<std::string> failure(const std::string& what) {
     return tl::unexpected(what + ": " + std::generic_category().message(errno));
 }
 
+constexpr char kCreateRuleset[] = "landlock_create_ruleset";
+
+std::string whyNoLandlock(int error) {
+    if (error == ENOSYS)
+        return "the kernel has no Landlock: it needs Linux 5.13 or later with CONFIG_SECURITY_LANDLOCK";
+    if (error == EOPNOTSUPP)
+        return "Landlock is switched off: add \"landlock\" to the lsm= list of the kernel's command line";
+    return refusedCall(kCreateRuleset, error);
+}
+
 }  // namespace
 
 tl::expected<Landlock, std::string> Landlock::make() {
     const long abi = syscall(SYS_landlock_create_ruleset, nullptr, 0, kQueryVersion);
-    if (abi < 1) return failure("the kernel has no Landlock");
+    if (abi < 1) return tl::unexpected(whyNoLandlock(errno));
     const RulesetAttributes attributes = everything(static_cast<int>(abi));
     // Kernels accept a longer structure than they know as long as the rest is zero.
     UniqueFd ruleset(
         static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
-    if (!ruleset) return failure("can't make a Landlock rule set");
+    if (!ruleset) return tl::unexpected(refusedCall(kCreateRuleset, errno));
     return Landlock(static_cast<int>(abi), std::move(ruleset));
 }
 
@@ -98,14 +110,14 @@ tl::expected<void, std::string> Landlock::allow(const std::filesystem::path& pat
     if (!S_ISDIR(status.st_mode)) rights &= kRightsOfFiles;
     const PathBeneathAttributes rule{rights, target.get()};
     if (syscall(SYS_landlock_add_rule, ruleset_.get(), kRulePathBeneath, &rule, 0) != 0) {
-        return failure("can't allow " + path.native());
+        return tl::unexpected(refusedCall("landlock_add_rule", errno) + " for " + path.native());
     }
     return {};
 }
 
 tl::expected<void, std::string> Landlock::restrictSelf() {
     if (syscall(SYS_landlock_restrict_self, ruleset_.get(), 0) != 0) {
-        return failure("can't put the Landlock rules in force");
+        return tl::unexpected(refusedCall("landlock_restrict_self", errno));
     }
     return {};
 }

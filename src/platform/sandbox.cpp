@@ -75,10 +75,8 @@ SandboxStatus statusOf(const SandboxProfile& profile, int landlockAbi, const Dro
     SandboxStatus status;
     status.profile = profile.name;
     status.landlockAbi = landlockAbi;
-    status.files = true;
-    status.tcpBind = landlockAbi >= 4;
-    status.deviceIoctl = landlockAbi >= 5;
-    status.signals = status.abstractSockets = landlockAbi >= 6;
+    status.files = status.tcpBind = status.deviceIoctl = status.signals = true;
+    status.abstractSockets = landlockAbi >= 6;
     status.systemCallFilter = status.noNewPrivileges = status.noCapabilities = true;
     status.emptyBoundingSet = dropped.boundingSet;
     status.notDumpable = dropped.notDumpable;

@@ -6,8 +6,9 @@
 // (platform/landlock.h), and a list of permitted system calls (platform/system_call_filter.h). A profile says
 // what is left; profiles are compiled in and go by name.
 //
-// Limits: connecting is free, to TCP servers and to Unix sockets that have a path, and so is UDP. Descriptors
-// that were open before keep their rights.
+// Limits: connecting is free, to TCP and UDP servers and to Unix sockets that have a path. Abstract Unix sockets
+// can be reached below Landlock ABI 6, since seccomp cannot see addresses. Descriptors that were open before
+// keep their rights.
 #pragma once
 
 #include <filesystem>
@@ -37,10 +38,11 @@ struct SandboxStatus {
     std::string profile;
     int landlockAbi = 0;
     bool files = false;
-    bool tcpBind = false;          // from Landlock ABI 4 on
-    bool deviceIoctl = false;      // from 5 on
-    bool signals = false;          // from 6 on
-    bool abstractSockets = false;  // from 6 on
+    // Denied by the system-call filter, whatever Landlock adds from ABI 4, 5 and 6 on.
+    bool tcpBind = false;
+    bool deviceIoctl = false;
+    bool signals = false;
+    bool abstractSockets = false;  // from Landlock ABI 6 on
     bool systemCallFilter = false;
     bool noNewPrivileges = false;
     bool noCapabilities = false;

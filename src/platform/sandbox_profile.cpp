@@ -56,12 +56,11 @@ constexpr const char* kSystemCalls[] = {
     "_llseek", "access", "copy_file_range", "faccessat", "faccessat2", "fadvise64", "fadvise64_64",
     "fallocate", "fdatasync", "flock", "fstat", "fstat64", "fstatat64", "fstatfs", "fstatfs64", "fsync",
     "ftruncate", "ftruncate64", "getcwd", "getdents", "getdents64", "lseek", "lstat", "lstat64", "mkdir",
-    "mkdirat", "newfstatat", "open", "openat", "openat2", "pread64", "preadv", "preadv2", "pwrite64",
-    "pwritev", "pwritev2", "read", "readlink", "readlinkat", "readv", "rename", "renameat", "renameat2",
-    "rmdir", "sendfile", "sendfile64", "stat", "stat64", "statfs", "statfs64", "statx", "umask", "unlink",
-    "unlinkat", "write", "writev",
+    "mkdirat", "newfstatat", "pread64", "preadv", "preadv2", "pwrite64", "pwritev", "pwritev2", "read",
+    "readlink", "readlinkat", "readv", "rename", "renameat", "renameat2", "rmdir", "sendfile", "sendfile64",
+    "stat", "stat64", "statfs", "statfs64", "statx", "umask", "unlink", "unlinkat", "write", "writev",
     // sockets, of the kinds that may be made
-    "accept", "accept4", "bind", "connect", "getpeername", "getsockname", "getsockopt", "recv", "recvfrom",
+    "accept", "accept4", "connect", "getpeername", "getsockname", "getsockopt", "recv", "recvfrom",
     "recvmmsg", "recvmmsg_time64", "recvmsg", "send", "sendmmsg", "sendmsg", "sendto", "setsockopt",
     "shutdown",
     // what the process may know of itself and the machine
@@ -70,9 +69,10 @@ constexpr const char* kSystemCalls[] = {
     "getresuid32", "getrlimit", "getrusage", "getsid", "getuid", "getuid32", "sysinfo", "ugetrlimit",
     "uname"};
 
-// What making sockets takes. Listening gives a port to a TCP socket that has none, and modes of files are
-// nothing that Landlock knows of.
-constexpr const char* kSystemCallsAtStart[] = {"chmod", "fchmodat", "listen", "seccomp"};
+// What making sockets takes. Without bind and listen no port can be had, whether or not the kernel's Landlock
+// watches ports; getaddrinfo(3) goes on without the addresses that it would read from a bound netlink socket.
+// Landlock does not watch the modes of files.
+constexpr const char* kSystemCallsAtStart[] = {"bind", "chmod", "fchmodat", "listen", "seccomp"};
 
 constexpr std::array kProfiles = {SandboxProfile{"com.zandor.telvorad", kReadable, kReadableAsRoot,
                                                  kReadableAsUser, kWritable, kSystemCalls,

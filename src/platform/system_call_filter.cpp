@@ -21,9 +21,9 @@
 #include <cerrno>
 #include <initializer_list>
 #include <memory>
-#include <system_error>
 #include <vector>
 
+#include "platform/refused_call.h"
 #include "platform/sanitizer_needs.h"
 
 namespace telvora {
@@ -50,6 +50,8 @@ class Filter {
     explicit Filter(uint32_t others) : context_(seccomp_init(others), &seccomp_release) {
         // A second filter could not set no_new_privs again.
         error_ = context_ ? seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_NNP, 0) : -ENOMEM;
+        // The kernel's own error from seccomp_load(3), for the log.
+        if (error_ == 0) error_ = seccomp_attr_set(context_.get(), SCMP_FLTATR_API_SYSRAWRC, 1);
     }
 
     void allow(const char* name, const Comparisons& comparisons = {}) {
@@ -61,8 +63,9 @@ class Filter {
     tl::expected<void, std::string> load() {
         const int error = error_ != 0 ? error_ : seccomp_load(context_.get());
         if (error == 0) return {};
-        return tl::unexpected("the kernel takes no seccomp filter: " +
-                              std::generic_category().message(-error));
+        const bool unknown = error == -EINVAL || error == -ENOSYS;
+        return tl::unexpected(unknown ? "the kernel has no seccomp filters: it needs CONFIG_SECCOMP_FILTER"
+                                      : refusedCall("seccomp", -error));
     }
 
   private:
@@ -120,6 +123,16 @@ void allowThreads(Filter& filter) {
     filter.pretendMissing("clone3");
 }
 
+// Landlock watches the truncation of files only from ABI 3 on. Below that, a file that may merely be read
+// could be emptied by opening it for reading with O_TRUNC. openat2(2) hides its flags behind a pointer.
+void allowOpening(Filter& filter) {
+    for (const uint64_t flags : {O_RDONLY, O_WRONLY, O_RDWR, O_WRONLY | O_TRUNC, O_RDWR | O_TRUNC}) {
+        filter.allow("open", {bitsAre(1, O_ACCMODE | O_TRUNC, flags)});
+        filter.allow("openat", {bitsAre(2, O_ACCMODE | O_TRUNC, flags)});
+    }
+    filter.pretendMissing("openat2");
+}
+
 void allowSignalsToSelf(Filter& filter) {
     const auto self = equals(0, static_cast<uint64_t>(getpid()));
     filter.allow("kill", {self});
@@ -167,6 +180,7 @@ tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> p
     Filter filter(kForbidden);
     for (const char* name : plain)
         filter.allow(name);
+    allowOpening(filter);
     allowSockets(filter);
     allowSignalsToSelf(filter);
     allowThreads(filter);

@@ -13,6 +13,7 @@ namespace telvora {
 // arguments, and these few with arguments that are checked:
 //
 //     socket, socketpair  Unix sockets, TCP and UDP over IP, and netlink's routing family; no raw sockets
+//     open, openat        a file that is opened only for reading is not truncated; openat2(2) does not exist
 //     clone               threads only; clone3(2) does not exist, so that the C library uses clone(2)
 //     kill, tgkill        signals to this process only
 //     mmap, mprotect      executable memory only from files (plug-ins), and never writable

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A metrics adaptor that tries to get out of the daemon's sandbox at each report, whose payload says where
-// to: "directory" (a client's, with a file "secret"), "own" (one of the daemon's), "process" and "socket"
-// (the name of an abstract one). It writes a line "escape NAME: ERRNO" for each attempt, 0 where it came
-// through.
+// to: "directory" (a client's, with a file "secret"), "own" (a directory of the daemon's), "configuration" (a
+// file that it reads), "process" and "socket" (the name of an abstract one). It writes a line "escape NAME:
+// ERROR" for each attempt, the name of an errno value or "success". The file "escapes" lists the lines that
+// are expected.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
@@ -20,6 +22,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "telvora/vodex_adaptor.h"
@@ -29,8 +32,8 @@ namespace {
 const telvora_vodex_host* host;
 
 void tell(const std::string& name, long result) {
-    const int error = result < 0 ? errno : 0;
-    std::fprintf(stderr, "escape %s: %d\n", name.c_str(), error);
+    const char* error = result < 0 ? strerrorname_np(errno) : "success";
+    std::fprintf(stderr, "escape %s: %s\n", name.c_str(), error);
 }
 
 long openFile(const std::string& path, int flags) {
@@ -39,7 +42,8 @@ long openFile(const std::string& path, int flags) {
     return file;
 }
 
-void files(const std::string& directory, const std::string& own, const std::string& process) {
+void files(const std::string& directory, const std::string& own, const std::string& configuration,
+           const std::string& process) {
     const std::string secret = directory + "/secret";
     tell("read shadow", openFile("/etc/shadow", O_RDONLY));
     tell("list home", openFile(directory, O_RDONLY | O_DIRECTORY));
@@ -56,7 +60,8 @@ void files(const std::string& directory, const std::string& own, const std::stri
     tell("chmod home", chmod(secret.c_str(), 0777));
     tell("chown home", chown(secret.c_str(), 1, 1));
     tell("utimes home", utimensat(AT_FDCWD, secret.c_str(), nullptr, 0));
-    tell("write own configuration", openFile(own + "/../config/device.plist", O_WRONLY));
+    tell("write own configuration", openFile(configuration, O_WRONLY));
+    tell("truncate own configuration", openFile(configuration, O_RDONLY | O_TRUNC));
     tell("device", openFile("/dev/zero", O_RDWR));
 }
 
@@ -92,6 +97,9 @@ void networks(const std::string& name) {
     tell("listen unbound", listen(tcp, 1));
     tell("bind TCP", bind(tcp, reinterpret_cast<const sockaddr*>(&any), sizeof any));
     close(tcp);
+    const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    tell("bind UDP", bind(udp, reinterpret_cast<const sockaddr*>(&any), sizeof any));
+    close(udp);
     const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -107,6 +115,7 @@ void kernel() {
     tell("load a module", syscall(SYS_init_module, nullptr, 0, ""));
     tell("load a module's file", syscall(SYS_finit_module, STDERR_FILENO, "", 0));
     tell("bpf", syscall(SYS_bpf, 0, nullptr, 0));
+    tell("device ioctl", ioctl(STDERR_FILENO, TIOCSTI, "x"));
     tell("io_uring", syscall(SYS_io_uring_setup, 1, nullptr));
     tell("become root", setuid(0));
 }
@@ -125,7 +134,8 @@ void* create(const telvora_vodex_host* given) {
 void send(void*, uint16_t method, uint16_t, const telvora_vodex_value* payload) {
     if (method == 0) return;  // the daemon's own reports
     const int64_t process = host->integer(host->value_for_key(payload, "process"));
-    files(text(payload, "directory"), text(payload, "own"), std::to_string(process));
+    files(text(payload, "directory"), text(payload, "own"), text(payload, "configuration"),
+          std::to_string(process));
     processes(static_cast<pid_t>(process));
     networks(text(payload, "socket"));
     kernel();

@@ -1,0 +1,21 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=sh
+#
+# The packages on a booted machine, as their users meet them: through apt and the service manager alone.
+. /srv/try/machine/lib.sh
+. /srv/try/machine/steps.sh
+
+install_packages
+start_laboratory
+activation_and_reports
+consent
+upload
+reload
+confinement
+refused_calls
+idle_exit
+restart_under_load
+crash
+costs
+purge
+install telvorad telvoractl # for the boot without Landlock

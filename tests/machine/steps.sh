@@ -1,0 +1,251 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=sh
+lab=/srv/lab
+settings="telvoractl defaults write com.zandor.telvora"
+
+install_packages() {
+    step "installing the packages with apt, the device's set first"
+    echo "deb [trusted=yes] file:$try/packages ./" >/etc/apt/sources.list
+    apt-get -q update >/dev/null
+    install telvorad libtelvora1 telvoractl
+    ! dpkg-query -W 'libcpp-httplib*' >/dev/null 2>&1 || fail "the device's set brings a test server"
+    install telvora-tools telvora-lab libtelvora-dev
+    for socket in $unit.socket $unit.Status.socket; do
+        expect "$socket does not listen" is $socket active
+        expect "$socket is not enabled" systemctl -q is-enabled $socket
+    done
+    expect "runs without being asked" is $unit.service inactive
+    [ "$(stat -c %U:%G:%a /run/telvora/$unit /run/telvora/$unit.Status | tr '\n' ' ')" = \
+        "root:telvora:660 root:telvora-admin:660 " ] || fail "$(ls -l /run/telvora)"
+    systemd-analyze security --threshold=15 --no-pager $unit.service | tail -n 1
+    systemd-analyze verify $unit.service || fail "systemd-analyze verify"
+    useradd --create-home --groups telvora app
+    useradd --create-home --groups telvora-admin admin
+    useradd --create-home stranger
+}
+
+# A laboratory on this machine, whose authority the system's store trusts, and a signed bag.
+start_laboratory() {
+    step "starting the laboratory"
+    mkdir -p $lab/bags
+    cd $lab
+    mkfifo lab.env
+    telvora-lab serve --dir lab --signed-bags bags --env-file lab.env --ignore-input >arrived.json 2>lab.log &
+    laboratory=$!
+    . ./lab.env
+    cp "$LAB_CA" /usr/local/share/ca-certificates/laboratory.crt
+    update-ca-certificates >/dev/null 2>&1
+    telvora-bag keygen --key bag.pem --public /usr/share/telvora/publicKey.der
+    client="{\"post_url\": \"$LAB_EVENTS\", \"locale_whitelist\": \"US\", \"sampling_threshold\": 1.0,
+        \"event_threshold\": 49, \"expedite\": 0, \"filters\": [{\"key\": \"name\", \"action\": \"sha256\"}]}"
+    cat >bag.json <<END
+{"version": "1.0", "release": {"httpPost": {"clients": [$client]}, "uploadServer": {"post_url": "$LAB_UPLOAD"}}}
+END
+    telvora-bag sign --key bag.pem bag.json bags/dravik
+    echo '{"version": "1.0", "release": {"vodex": {}}}' >vodex.json
+    telvora-bag sign --key bag.pem vodex.json bags/quillet
+    $settings telvora_storebag_url string "$LAB_BAGS"
+    telvoractl consent on
+    echo LANG=en_US.UTF-8 >/etc/locale.conf
+}
+
+activation_and_reports() {
+    step "a member of telvora reports over the activated socket"
+    mark
+    echo "milliseconds from connecting to the first answer, with activation: $(as app $try/bin/client first)"
+    expect "not ready" is $unit.service active
+    expect "no line of its start" logged "main: Listener resumes with sandbox, start loop."
+    report app --payload greeting=first --payload name=Ada
+    step "a stranger is denied"
+    ! report stranger --payload greeting=stranger 2>/tmp/refusal || fail "let a stranger in"
+    cat /tmp/refusal
+    step "status is for administrators"
+    as admin telvoractl status
+    ! as app telvoractl status >/dev/null 2>&1 || fail "answered a client"
+}
+
+consent() {
+    step "consent off, on"
+    as app telvoractl consent show
+    telvoractl consent off
+    report app --payload greeting=withoutConsent
+    telvoractl consent on
+    report app --payload greeting=withConsent
+}
+
+# ProtectHome= hides the file from the daemon; the client's descriptor is all that it gets.
+upload() {
+    step "an upload from a home directory"
+    echo "a diary" | as app tee /home/app/diary >/dev/null
+    as app chmod 0600 /home/app/diary
+    as app telvoractl upload --client-type 8 --require-user-info --client-name tester /home/app/diary
+    grep -rq "a diary" $lab/lab/uploads || zgrep -q "a diary" $lab/lab/uploads/* || fail "no upload: $(ls -lR $lab/lab/uploads)"
+    ! as stranger telvoractl upload --client-type 8 /home/app/diary 2>/dev/null || fail "uploaded another's file"
+}
+
+reload() {
+    step "reload changes the log level"
+    for level in 7 6; do
+        mark
+        $settings logLevel integer $level
+        systemctl reload $unit.service
+        await logged "main: Logging up to level $level"
+        report app --payload greeting=level$level
+        case $(lines | grep -c "setSessionInfo: Configuring session") in
+            0) [ $level = 6 ] || fail "no debug lines" ;;
+            *) [ $level = 7 ] || fail "debug lines are left" ;;
+        esac
+    done
+}
+
+# What an adaptor within the daemon can reach, under the unit, on this kernel.
+confinement() {
+    step "nothing leaves the sandbox"
+    echo secret | as app tee /home/app/secret >/dev/null
+    cp $try/escaping.so /usr/lib/escaping.so
+    $settings vodexAdaptorPath string /usr/lib/escaping.so
+    systemd-socket-activate --listen=@canary /bin/false >/dev/null 2>&1 &
+    canary=$!
+    await grep -q @canary /proc/net/unix
+    mark
+    systemctl restart $unit.service
+    touch /var/lib/telvora/file
+    report app --client-type 7 --payload directory=/home/app --payload own=/var/lib/telvora \
+        --payload configuration=/etc/telvora/entitlements.d/50-telvora.plist --payload process:=$canary --payload socket=canary
+    await logged "escape: done"
+    lines | grep '^escape .*:.*: ' | LC_ALL=C sort >/tmp/found
+    abi=$(as admin telvoractl --json status | sed -n 's/.*"landlockAbi": *\([0-9]*\).*/\1/p')
+    [ "$abi" -ge 6 ] && abstract=EPERM || abstract=success
+    sed "s/@ABSTRACT@/$abstract/" $try/escapes | grep -v '^#' | LC_ALL=C sort >/tmp/expected
+    diff /tmp/expected /tmp/found || fail "the confinement differs from its table, with Landlock ABI $abi"
+    as admin telvoractl status | grep '^sandbox'
+    [ "$(cat /home/app/secret)" = secret ] || fail "the canary is gone"
+    kill $canary 2>/dev/null || true
+    telvoractl defaults delete com.zandor.telvora vodexAdaptorPath
+}
+
+# Each call that the unit must allow beyond systemd's groups: the daemon names the one that it lacks.
+refused_calls() {
+    step "a filter that lacks a call is told by its name"
+    dropin=/run/systemd/system/$unit.service.d/lacking.conf
+    mkdir -p "${dropin%/*}"
+    for call in landlock_create_ruleset landlock_add_rule landlock_restrict_self seccomp; do
+        systemctl stop $unit.service
+        printf '[Service]\nSystemCallFilter=~%s\n' $call >$dropin
+        systemctl daemon-reload
+        mark
+        ! report app >/dev/null 2>&1 || fail "runs without $call"
+        await is $unit.socket inactive
+        [ "$(property ExecMainStatus) $(property NRestarts)" = "255 0" ] || fail "$(systemctl status $unit.service)"
+        lines | grep "main: sandbox_init() fails: $call(2): Operation not permitted" || fail "no line: $(lines)"
+        rm $dropin
+        systemctl daemon-reload
+        systemctl start $unit.socket $unit.Status.socket
+    done
+    report app --payload greeting=afterRefusals
+}
+
+idle_exit() {
+    step "idle exit, and activation again"
+    $settings idleMilliseconds integer 1000
+    systemctl restart $unit.service
+    await is $unit.service inactive
+    [ "$(property Result)" = success ] || fail "ended with $(property Result)"
+    expect "the socket went too" is $unit.socket active
+    telvoractl defaults delete com.zandor.telvora idleMilliseconds
+    report app --payload greeting=afterIdleExit
+    expect "not activated again" is $unit.service active
+}
+
+# The books of both sides: each report arrived, or is counted as lost by the library or by a daemon.
+restart_under_load() {
+    step "systemctl restart under load"
+    mark
+    as app $try/bin/client load 6000 >/tmp/load &
+    load=$!
+    for time in 1 2 3; do
+        await telvoractl_counts $((time * 400))
+        systemctl restart $unit.service
+    done
+    wait $load || fail "the client failed: $(cat /tmp/load)"
+    read -r sent lost </tmp/load
+    lost_by_daemons=$(lines | sed -n 's/.*main: \([0-9]*\) reports lost of .*/\1/p' | paste -sd+ - )
+    echo "$sent sent, $lost lost by the library, ${lost_by_daemons:-0} by daemons"
+    lost=$((lost + ${lost_by_daemons:-0}))
+}
+# The running daemon has accepted so many reports.
+telvoractl_counts() {
+    accepted=$(as admin telvoractl --json status | tr ',{' '\n\n' | sed -n 's/.*"accepted": *\([0-9]*\).*/\1/p' | sort -n | tail -n 1)
+    [ "${accepted:-0}" -ge 400 ] && [ "$1" -gt 0 ]
+}
+
+crash() {
+    step "kill -9 and Restart="
+    before=$(property MainPID)
+    restarts=$(property NRestarts)
+    systemctl kill --signal=KILL $unit.service
+    await restarted
+    report app --payload greeting=afterCrash
+    expect "the socket went too" is $unit.socket active
+}
+restarted() {
+    [ "$(property MainPID)" != "$before" ] && [ "$(property NRestarts)" = $((restarts + 1)) ] && is $unit.service active
+}
+
+# Memory as systemd and the kernel count it; a wake-up is a switch to one of the daemon's threads.
+costs() {
+    step "memory and wake-ups"
+    systemctl restart $unit.service
+    await is $unit.service active
+    cost "idle"
+    for count in 1 100; do
+        mkfifo /tmp/hold$count
+        as app $try/bin/client hold $count </tmp/hold$count >/tmp/held &
+        exec 9>/tmp/hold$count
+        await grep -q held /tmp/held
+        cost "$count sessions"
+        exec 9>&-
+        wait $!
+    done
+    if grep -q try.measure /proc/cmdline; then
+        as app $try/bin/client load 100000
+        cost "after 100,000 reports"
+    fi
+}
+cost() {
+    seconds=10
+    if grep -q try.measure /proc/cmdline; then seconds=60; fi
+    before=$(switches)
+    timeout $seconds tail -f /dev/null || true
+    after=$(switches)
+    process=$(property MainPID)
+    echo "$1: $(sed -n 's/^\(Rss\|Pss\): */\1 /p' "/proc/$process/smaps_rollup" | paste -sd ' ' -)," \
+        "MemoryCurrent $(($(property MemoryCurrent) / 1024)) kB, $(((after - before) * 60 / seconds)) wake-ups a minute"
+}
+switches() {
+    cat "/proc/$(property MainPID)"/task/*/status | awk '/^voluntary_ctxt_switches/ { sum += $2 } END { print sum }'
+}
+
+purge() {
+    step "what arrived"
+    systemctl stop $unit.service
+    kill $laboratory
+    wait $laboratory || fail "the laboratory failed: $(cat $lab/lab.log)"
+    for greeting in first withConsent level7 level6 afterRefusals afterIdleExit afterCrash; do
+        [ "$(grep -c "\"greeting\": \"$greeting\"" $lab/arrived.json)" = 1 ] || fail "not one report \"$greeting\""
+    done
+    ! grep -E '"(stranger|withoutConsent|Ada)"' $lab/arrived.json || fail "should not have left the machine"
+    arrived=$(sed -n 's/.*"number": \([0-9]*\).*/\1/p' $lab/arrived.json | grep -vx 0 | sort -n | uniq -c |
+        awk '$1 > 1 { print "twice:", $2 > "/dev/stderr" } { n++ } END { print n + 0 }')
+    echo "$arrived of $sent numbered reports arrived, $lost are counted as lost"
+    [ "$arrived" -le "$sent" ] && [ $((arrived + lost)) -ge "$sent" ] || fail "the books do not agree"
+
+    step "purge"
+    [ "$(systemctl list-units --failed --no-legend | wc -l)" = 0 ] || fail "$(systemctl list-units --failed)"
+    rm /usr/share/telvora/publicKey.der /usr/lib/escaping.so
+    apt-get -q -y purge telvorad telvoractl telvora-tools telvora-lab libtelvora-dev libtelvora1 >/dev/null
+    for left in /etc/telvora /var/lib/telvora /var/log/telvora /run/telvora /usr/share/telvora /usr/sbin/telvorad; do
+        [ ! -e $left ] || fail "left behind: $(ls -lR $left)"
+    done
+    [ -z "$(systemctl list-units --all --no-legend "$unit*")" ] || fail "$(systemctl list-units --all "$unit*")"
+}
