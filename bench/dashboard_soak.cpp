@@ -28,7 +28,7 @@
 #include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/faulty_link.h"
 #include "telvora-lab/temporary_directory.h"
-#include "telvora-lab/virtual_network.h"
+#include "virtual-network/virtual_network.h"
 
 namespace telvora::bench {
 namespace {
@@ -142,7 +142,7 @@ class Soak {
     DeviceIdentity identity_{properties_, defaults_};
     Environment environment_{defaults_, identity_};
     lab::FakeHttpClient http_;
-    lab::VirtualNetwork network_;
+    VirtualNetwork network_;
     BackendServices services_{http_,
                               identity_,
                               environment_,

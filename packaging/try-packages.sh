@@ -1,16 +1,16 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# On a machine with the packages and nothing else of ours: reports through the service as its manager would run
-# it, then purges it. try-packages runs it in a root of its own.
+# On a machine with nothing of ours: installs the packages that lie in /tmp, reports through the service as its
+# manager would run it, then purges it. try-packages runs it in a root of its own.
 set -eu
-export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 runtime=/run/telvora
 socket=$runtime/com.zandor.telvorad
 
 fail() {
     echo "$*" >&2
-    cat /srv/lab/telvorad.log >&2
+    [ ! -e telvorad.log ] || cat telvorad.log >&2
     exit 1
 }
 as() {
@@ -32,6 +32,18 @@ report() {
     as "$1" telvoractl send --client-type 8 --require-user-info --client-name tester --category 4 --type 2 \
         --payload "greeting=$2"
 }
+
+# The set of a device first, which must come without what only laboratories need; then the rest.
+sizes() { dpkg-query -W -f '${Package} ${Installed-Size}\n' | sort; }
+installPackages() {
+    apt-get -q -y install --no-install-recommends "$@" >/srv/install.log 2>&1 || { cat /srv/install.log; exit 1; }
+}
+apt-get -q update >/dev/null
+sizes >/srv/before
+installPackages /tmp/telvorad_*.deb /tmp/libtelvora1_*.deb /tmp/telvoractl_*.deb
+sizes | comm -13 /srv/before - | awk '{ print; sum += $2 } END { print "A device'"'"'s set, installed KiB:", sum }'
+! sizes | grep -E '^(libcpp-httplib|telvora-lab|telvora-tools)' || fail "a device needs none of these"
+installPackages /tmp/*.deb
 
 for user in app:telvora admin:telvora-admin stranger:nogroup; do
     useradd --groups "${user#*:}" "${user%:*}"
@@ -69,7 +81,7 @@ for life in first second; do
 done
 
 rm /usr/share/telvora/publicKey.der
-dpkg --purge telvora-tools libtelvora-dev libtelvora1 telvorad >/dev/null
+dpkg --purge telvora-lab telvora-tools telvoractl libtelvora-dev libtelvora1 telvorad >/dev/null
 for left in /etc/telvora /var/lib/telvora /var/log/telvora "$runtime" /usr/share/telvora /usr/sbin/telvorad; do
     [ ! -e "$left" ] || fail "left behind: $(ls -lR "$left")"
 done

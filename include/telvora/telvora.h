@@ -89,7 +89,7 @@ typedef enum telvora_status {
 /* The status in words, for people. Never NULL, lives for ever. */
 TELVORA_API const char* telvora_status_text(telvora_status status);
 
-/* The library's version, "1.0.0". Lives for ever. */
+/* The library's version, "1.1.0". Lives for ever. */
 TELVORA_API const char* telvora_version(void);
 
 /* --- Values ----------------------------------------------------------------------------------------------

@@ -19,7 +19,7 @@
 #include "platform/entitlements.h"
 #include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/temporary_directory.h"
-#include "telvora-lab/virtual_network.h"
+#include "virtual-network/virtual_network.h"
 
 namespace telvora::test {
 
@@ -89,7 +89,7 @@ class DaemonWorld {
     double samplingFactor = 0;   // what every backend draws
     lab::TemporaryDirectory directory;
     lab::FakeHttpClient http;
-    lab::VirtualNetwork network;
+    VirtualNetwork network;
     asio::io_context runLoop;
     UserDefaults defaults;
     DeviceProperties properties;

@@ -12,7 +12,7 @@
 #include "backends/backend_factory.h"
 #include "backends/decision_trace.h"
 #include "session/create_backends.h"
-#include "telvora-lab/virtual_network.h"
+#include "virtual-network/virtual_network.h"
 
 namespace telvora::bag {
 
@@ -67,7 +67,7 @@ class Trial {
     const DeviceIdentity identity_;
     const Environment environment_;
     const ClientFramework framework_;
-    lab::VirtualNetwork network_;
+    VirtualNetwork network_;
     std::unique_ptr<HttpClient> server_;
     const BackendServices services_;
     const BackendFactory factory_;

@@ -8,8 +8,8 @@
 #include <algorithm>
 
 #include "backends/dashboard_backend.h"
-#include "telvora-lab/virtual_network.h"
 #include "tests/unit/backends/backend_rig.h"
+#include "virtual-network/virtual_network.h"
 
 namespace telvora::test {
 
@@ -54,7 +54,7 @@ struct DashboardRig : BackendRig {
         return numbers;
     }
 
-    lab::VirtualNetwork network;
+    VirtualNetwork network;
     LogCapture log;
 };
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "telvora-lab/virtual_network.h"
+#include "virtual-network/virtual_network.h"
 
 #include <algorithm>
 #include <cstring>
 #include <deque>
 #include <optional>
 
-namespace telvora::lab {
+namespace telvora {
 
 class VirtualTimer final : public QueueTimer {
   public:
@@ -150,4 +150,4 @@ void VirtualNetwork::deliver(const std::string& datagram) {
         socket->take(datagram);
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora

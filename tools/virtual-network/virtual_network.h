@@ -14,7 +14,7 @@
 
 #include "platform/network_queue.h"
 
-namespace telvora::lab {
+namespace telvora {
 
 class VirtualSocket;
 
@@ -64,4 +64,4 @@ class VirtualNetwork {
     std::vector<VirtualSocket*> sockets_;
 };
 
-}  // namespace telvora::lab
+}  // namespace telvora
