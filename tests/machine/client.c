@@ -3,9 +3,11 @@
  * A program on the machine that has only libtelvora's package.
  *
  *     client first          one report; prints the milliseconds from connecting to its answer
- *     client load COUNT     numbered reports, which outlive a restart of the daemon; prints "SENT LOST"
- *     client hold COUNT     opens so many sessions, prints "held", and keeps them until standard input ends
+ *     client load [COUNT]   numbered reports, so many or until standard input ends, across restarts of the
+ * daemon; prints "SENT LOST" client hold COUNT     opens so many sessions, prints "held", and keeps them
+ * until standard input ends
  */
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -55,19 +57,25 @@ static int first(void) {
     return status == TELVORA_OK ? 0 : 1;
 }
 
+static bool input_ended(void) {
+    struct pollfd input = {STDIN_FILENO, POLLIN, 0};
+    return poll(&input, 1, 0) > 0;
+}
+
 static int load(int count) {
     telvora_session* session = open_session(2);
     const struct timespec pause = {0, 1000000}; /* the library connects anew once a second */
-    for (int number = 1; number <= count;) {
-        const telvora_status status = send_number(session, number);
-        if (status == TELVORA_OK && number++ % kReportsInFlight == 0)
+    int sent = 0;
+    while (count > 0 ? sent < count : !input_ended()) {
+        const telvora_status status = send_number(session, sent + 1);
+        if (status == TELVORA_OK && ++sent % kReportsInFlight == 0)
             telvora_session_wait(session, kPatienceMs);
         if (status != TELVORA_OK) nanosleep(&pause, NULL);
     }
     telvora_session_wait(session, kPatienceMs);
     telvora_session_flush(session, NULL, NULL);
     const telvora_status flushed = telvora_session_wait(session, kPatienceMs);
-    printf("%d %llu\n", count, (unsigned long long)telvora_session_lost_calls(session));
+    printf("%d %llu\n", sent, (unsigned long long)telvora_session_lost_calls(session));
     telvora_session_free(session);
     return flushed == TELVORA_OK ? 0 : 1;
 }

@@ -40,7 +40,7 @@ property() {
 # The service's own lines since the last mark.
 mark() {
     journalctl --sync
-    cursor=$(journalctl -n 0 --show-cursor -q | sed -n 's/^-- cursor: //p')
+    cursor=$(journalctl -n 1 --show-cursor -q -o cat | sed -n 's/^-- cursor: //p')
 }
 lines() {
     journalctl --sync
