@@ -10,6 +10,7 @@ std::string refusedCall(const std::string& call, int error) {
     std::string reason = call + "(2): " + std::generic_category().message(error);
     // No permission is needed to give up rights: only a filter around the process refuses that.
     if (error == EPERM) reason += "; the service manager or container must allow this system call";
+    if (error == ENOSYS) reason += "; the kernel lacks it";
     return reason;
 }
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <linux/if_arp.h>
 #include <linux/netlink.h>
+#include <linux/seccomp.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -16,6 +17,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -61,11 +63,9 @@ class Filter {
     void pretendMissing(const char* name) { add(SCMP_ACT_ERRNO(ENOSYS), name, {}); }
 
     tl::expected<void, std::string> load() {
-        const int error = error_ != 0 ? error_ : seccomp_load(context_.get());
-        if (error == 0) return {};
-        const bool unknown = error == -EINVAL || error == -ENOSYS;
-        return tl::unexpected(unknown ? "the kernel has no seccomp filters: it needs CONFIG_SECCOMP_FILTER"
-                                      : refusedCall("seccomp", -error));
+        if (error_ == 0) error_ = seccomp_load(context_.get());
+        if (error_ != 0) return tl::unexpected(refusedCall("seccomp", -error_));
+        return {};
     }
 
   private:
@@ -177,6 +177,11 @@ void allowRequests(Filter& filter) {
 }  // namespace
 
 tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> plain) {
+    // Without seccomp(2), libseccomp takes prctl(2) instead, which the first filter then refuses to the
+    // second.
+    uint32_t action = SECCOMP_RET_ERRNO;
+    if (syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &action) != 0)
+        return tl::unexpected(refusedCall("seccomp", errno));
     Filter filter(kForbidden);
     for (const char* name : plain)
         filter.allow(name);

@@ -63,7 +63,7 @@ TEST_F(Service, TellsWhyItDoesNotStart) {
          [](DaemonOptions& options) {
              options.launcher = {TELVORA_WITHOUT_SYSTEM_CALL, "seccomp"};
          },
-         "<3>main: sandbox_init() fails: ", 255},
+         "<3>main: sandbox_init() fails: seccomp(2): Function not implemented; the kernel lacks it", 255},
         {"a framework folder that isn't one",
          [&](DaemonOptions& options) { options.frameworkDirectory = barred; },
          "<3>main: can't read the framework folder " + barred.string() + ": Not a directory", 1},

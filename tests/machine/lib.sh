@@ -52,7 +52,8 @@ logged() {
 report() {
     who=$1
     shift
-    as "$who" telvoractl send --client-type 8 --require-user-info --client-name tester --category 4 --type 2 "$@"
+    as "$who" telvoractl send --client-type 8 --require-user-info --client-name tester --category 4 --type 2 "$@" \
+        >/tmp/report || { cat /tmp/report; return 1; }
 }
 install() {
     apt-get -q -y install --no-install-recommends "$@" >/tmp/apt.log 2>&1 || { cat /tmp/apt.log; fail "apt-get install $*"; }
