@@ -7,6 +7,6 @@ find_package(CURL REQUIRED)
 find_package(fmt REQUIRED)
 
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
-pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+find_package(EXPAT REQUIRED)
 pkg_check_modules(SECCOMP REQUIRED IMPORTED_TARGET libseccomp)
 pkg_check_modules(CAPNG REQUIRED IMPORTED_TARGET libcap-ng)

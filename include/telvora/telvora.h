@@ -280,11 +280,12 @@ TELVORA_API telvora_status telvora_session_flush(telvora_session* session, telvo
 TELVORA_API telvora_status telvora_session_finish(telvora_session* session, telvora_completion completion,
                                                   void* context);
 
-/* Uploads the file: opens it (open(2), O_RDONLY|O_CLOEXEC|O_NONBLOCK), hands it to the daemon, and asks for
- * its upload by file URL (RFC 8089). A relative path starts at the working directory. Blocks on the file
- * system only. Returns TELVORA_ERROR_FILE with errno when the file can't be opened. The daemon may remove a
- * file that was uploaded. Answer: whether a backend uploaded it, a boolean. TELVORA_ERROR_REFUSED, with the
- * reason, when the daemon does not take the file. */
+/* Uploads the file: opens it (open(2), O_RDONLY|O_CLOEXEC|O_NONBLOCK|O_NOFOLLOW), hands it to the daemon, and
+ * asks for its upload by file URL (RFC 8089). A relative path starts at the working directory. Blocks on the
+ * file system only. Returns TELVORA_ERROR_FILE with errno when the file can't be opened, ELOOP for a symbolic
+ * link. The daemon may remove a file that was uploaded. Answer: whether a backend uploaded it, a boolean;
+ * false also when 32 uploads of the same user are under way. TELVORA_ERROR_REFUSED, with the reason, when the
+ * daemon does not take the file. */
 TELVORA_API telvora_status telvora_session_upload_file(telvora_session* session, const char* path,
                                                        telvora_completion completion, void* context);
 

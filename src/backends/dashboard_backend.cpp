@@ -18,7 +18,7 @@ constexpr int64_t kLongestPeriod = 24 * 60 * 60 * 1000;  // keeps times far from
 // The integer value of the number under `key`, or nothing.
 std::optional<int64_t> number(const Dictionary& profile, std::string_view key) {
     const PropertyList* value = profile.find(key);
-    return value != nullptr && value->isNumber() ? value->integerValue() : std::nullopt;
+    return value != nullptr && value->isNumber() ? value->wrappedInteger() : std::nullopt;
 }
 
 std::optional<std::string> text(const Dictionary& profile, std::string_view key) {

@@ -18,6 +18,8 @@ constexpr uint8_t kHeaderKind = 1;
 constexpr int32_t kMicrosecondsPerUnit = 4000;
 constexpr int kMillisecondsPerUnit = 4;
 constexpr size_t kRenderedBytes = 1152;
+// Sign, "0.", the 323 zeros that the smallest real begins with, and 17 digits; the largest has 309 digits.
+constexpr size_t kLongestReal = 344;
 
 enum ModeBit : uint16_t { kModeReliable = 1, kModeNoProfile = 2 };
 
@@ -144,9 +146,9 @@ std::string descriptionForObject(const PropertyList& object) {
     if (const auto* number = object.getIf<int64_t>()) return std::to_string(*number);
     if (const auto* number = object.getIf<uint64_t>()) return std::to_string(*number);
     if (const auto* number = object.getIf<double>()) {
-        char text[32];
-        const auto end = std::to_chars(text, text + sizeof text, TelvoradUtil::sanitizeNumber(*number)).ptr;
-        return {text, end};
+        char text[kLongestReal];
+        const double real = TelvoradUtil::sanitizeNumber(*number);
+        return {text, std::to_chars(text, text + sizeof text, real, std::chars_format::fixed).ptr};
     }
     return "null";
 }

@@ -55,7 +55,8 @@ void fillDashboardDatagram(DashboardDatagram& datagram, const DashboardFields& f
 //     12.344 0123456789012345678901234567890123456789 127.0.0.1 VC     3   777     1     4     5  key=value
 std::string renderDashboardDatagram(const DashboardDatagram& datagram);
 
-// A string itself, a number in decimal (shortest form, true as 1), everything else as "null".
+// A string itself; a number in decimal without an exponent, with the fewest digits that tell it from all
+// others (true as 1); "null" for everything else.
 std::string descriptionForObject(const PropertyList& object);
 
 // The text without line feeds, every backslash doubled and every "=" preceded by one; "empty" if that leaves

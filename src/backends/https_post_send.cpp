@@ -187,7 +187,7 @@ std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
 
 // Whether the lists, which may have changed since the event was held, still let it through.
 bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
-    const auto category = static_cast<uint16_t>(record.integer("_method").value_or(0));
+    const auto category = static_cast<uint16_t>(record.wrappedInteger("_method").value_or(0));
     const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
     if (excluded) reports_->move(1, ReportPlace::held, *excluded);
     return !excluded;

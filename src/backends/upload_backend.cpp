@@ -54,6 +54,18 @@ Compressed compressedContent(const ClientFile& file, uint64_t maxSize) try {
     return tl::unexpected(ReportPlace::fileUnreadable);
 }
 
+ReportPlace refused(const std::string& path, const FileRefusal& refusal) {
+    TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): %s",
+                refusal.isRegularFile ? "Input file is empty" : "Only upload a regular file.");
+    TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
+                refusal.reason.c_str());
+    return refusal.isRegularFile ? ReportPlace::fileUnreadable : ReportPlace::fileRefused;
+}
+
+bool wasSent(const HttpError& error) {
+    return error.kind != HttpError::Kind::notSent && error.kind != HttpError::Kind::tooManyPending;
+}
+
 void removeFile(const ClientFiles& clientFiles, const ClientFile& file) {
     const auto removed = clientFiles.remove(file);
     if (removed) return;
@@ -96,12 +108,7 @@ tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string
     const BlockingSection blocking;
     // Consumes the extension; whatever happens from here on, leaving this function releases it.
     const auto file = clientFiles.open(path, extensionToken);
-    if (!file) {
-        TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Only upload a regular file.");
-        TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
-                    file.error().c_str());
-        return tl::unexpected(ReportPlace::fileRefused);
-    }
+    if (!file) return tl::unexpected(refused(path, file.error()));
     const uint64_t size = file->size();
     const uint64_t maxSize = maxUploadBytes();
     if (size > maxSize) return tooLarge(maxSize);
@@ -116,9 +123,13 @@ tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string
     std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
     if (!request) return tl::unexpected(ReportPlace::notSent);
     const HttpResult result = performBlocking(services_.http, std::move(*request));
-    if (!isDelivered(result)) return result ? ReportPlace::rejected : placeAfter(result);
-    removeFile(clientFiles, *file);
-    return ReportPlace::delivered;
+    if (isDelivered(result)) {
+        removeFile(clientFiles, *file);
+        return ReportPlace::delivered;
+    }
+    if (result) return ReportPlace::rejected;
+    if (wasSent(result.error())) return placeAfter(result);
+    return tl::unexpected(placeAfter(result));
 }
 
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {
@@ -140,9 +151,9 @@ std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path,
 
 // Whether the server has the file, or has said something that can't be read.
 bool UploadBackend::isDelivered(const HttpResult& result) const {
-    if (!result) {
+    if (!result || result->body.empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): post %s",
-                    result.error().description.c_str());
+                    result ? "(null)" : result.error().description.c_str());
         return false;
     }
     const bool isText = isValidUtf8(result->body);

@@ -24,7 +24,8 @@ class UploadBackend final : public TelvoraBackend {
 
     // Any answer that contains "success", and any that is no UTF-8 text, has the file removed; what can't be
     // removed is logged at level 4. False, with a line at level 3, when no request was sent: no regular file,
-    // an empty or too large one, too many uploads under way, or no URL to send it to.
+    // one that is empty, unreadable or too large, too many uploads under way, no URL to send it to, or an
+    // HTTP client that does not take the request.
     bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                           ClientFiles& clientFiles) override;
 

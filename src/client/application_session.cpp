@@ -141,7 +141,8 @@ telvora_status ApplicationSession::uploadFile(const char* path, telvora_completi
     Request request{.operation = Operation::kUploadFile};
     request.path = std::filesystem::absolute(path);
     if (target_->readsFiles()) {
-        request.file.reset(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        // The server gets the file under the name in the path, which must not be that of a link to it.
+        request.file.reset(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!request.file) {
             const int error = errno;
             failed(TELVORA_ERROR_FILE);

@@ -1,26 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/signed_bag.h"
 
-#include "platform/property_list_format.h"
 #include "util/log.h"
 
 namespace telvora {
 
 namespace {
 
-std::optional<Dictionary> dictionaryOf(tl::expected<PropertyList, std::string> parsed) {
-    const Dictionary* dictionary = parsed ? parsed->getIf<Dictionary>() : nullptr;
-    if (dictionary == nullptr) return std::nullopt;
-    return *dictionary;
-}
-
-std::optional<Dictionary> parseDocument(std::string_view document) {
-    auto parsed = parsePropertyList(document);
-    if (!parsed) {
-        TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
-                    parsed.error().c_str());
-    }
-    return dictionaryOf(std::move(parsed));
+// Lives in `parsed`; null when that is no dictionary.
+const Dictionary* dictionaryIn(const tl::expected<PropertyList, std::string>& parsed) {
+    return parsed ? parsed->getIf<Dictionary>() : nullptr;
 }
 
 std::optional<std::string> decodedString(const Dictionary& dictionary, std::string_view key) {
@@ -32,8 +21,13 @@ std::optional<std::string> decodedString(const Dictionary& dictionary, std::stri
 
 std::optional<Dictionary> openSignedBag(std::string_view document,
                                         const std::optional<std::string>& publicKeyDer) {
-    const std::optional<Dictionary> outer = parseDocument(document);
-    if (!outer || outer->string("signature") == nullptr) {
+    const auto parsed = parsePropertyList(document);
+    if (!parsed) {
+        TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
+                    parsed.error().c_str());
+    }
+    const Dictionary* outer = dictionaryIn(parsed);
+    if (outer == nullptr || outer->string("signature") == nullptr) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature is missing");
         return std::nullopt;
     }
@@ -47,10 +41,22 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p", key->identity());
         return std::nullopt;
     }
-    return dictionaryOf(parsePropertyList(*bag));
+    const auto inner = parsePropertyList(*bag);
+    // A bag that is right but for its size is its author's to mend, and has to be heard of.
+    if (!inner && exceedsPropertyListLimit(inner.error())) {
+        TELVORA_LOG(kLogError, "fetchStorebagWithName: The bag is over a limit: %s", inner.error().c_str());
+    }
+    const Dictionary* content = dictionaryIn(inner);
+    return content != nullptr ? std::optional(*content) : std::nullopt;
+}
+
+std::string whyTooLongToSign() {
+    return "longer than the " + std::to_string(kMaxInnerBagBytes) +
+           " bytes of which a signed document of 16 MiB can be made";
 }
 
 tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key) {
+    if (innerBag.size() > kMaxInnerBagBytes) return tl::unexpected(whyTooLongToSign());
     const std::string signature = key.signSha1(innerBag);
     if (signature.empty()) return tl::unexpected(std::string("the key can't sign"));
     const Dictionary document{{"bag", base64Encode(innerBag)}, {"signature", base64Encode(signature)}};

@@ -9,6 +9,7 @@
 // Thread-safe: no shared state.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,17 +17,22 @@
 
 #include "platform/digest.h"
 #include "platform/property_list.h"
+#include "platform/property_list_format.h"
 
 namespace telvora {
 
+// The longest inner bag whose document, base64 and with the signature of a key of any length, a daemon reads.
+inline constexpr size_t kMaxInnerBagBytes = (kMaxPropertyListBytes - 8192) / 4 * 3;
+std::string whyTooLongToSign();
+
 // The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies, or
 // nothing. What is wrong is logged at level 3, except for a key or base64 text that can't be read and for an
-// inner bag that is no dictionary.
+// inner bag that is malformed or no dictionary.
 std::optional<Dictionary> openSignedBag(std::string_view document,
                                         const std::optional<std::string>& publicKeyDer);
 
-// Makes the document for a serialised inner bag, as an XML property list. Fails with a reason when the key
-// can't sign.
+// Makes the document for a serialised inner bag, as an XML property list. Fails with a reason when the bag is
+// too long or the key can't sign.
 tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key);
 
 }  // namespace telvora

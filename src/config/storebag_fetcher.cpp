@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "config/signed_bag.h"
+#include "platform/http_request_rules.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -30,7 +31,8 @@ Dictionary defaultBag() {
 // The seconds after "max-age" in a Cache-Control value that is taken apart at '=' and blanks only, as the bag
 // servers write it; a day when it says nothing of them.
 int32_t maxAgeOf(const HttpResponse& response) {
-    std::string_view rest = response.header("Cache-Control").value_or("");
+    const std::string cacheControl = response.listHeader("Cache-Control");
+    std::string_view rest = cacheControl;
     const auto nextComponent = [&rest]() -> std::optional<std::string_view> {
         if (rest.data() == nullptr) return std::nullopt;
         const size_t end = rest.find_first_of("= ");
@@ -67,10 +69,11 @@ std::optional<Dictionary> standIn(const std::optional<std::string>& name) {
     return defaultBag();
 }
 
-// Takes over what the response says of the caller's copy; true when that copy is still right.
+// Takes over what the response says of the caller's copy; true when that copy is still right. A value that no
+// request could carry back counts as absent.
 bool updateLastModified(const HttpResponse& response, std::optional<std::string>& lastModified) {
     const auto received = response.header("Last-Modified");
-    if (!received) return false;
+    if (!received || !isHeaderValue(*received)) return false;
     if (response.body.empty() && lastModified) {
         TELVORA_LOG(kLogDebug,
                     "fetchStorebagWithName: storebag content has not changed. using its cached version");

@@ -42,7 +42,7 @@ Array TelvoradAgent::storebagStatus() {
     const double now = TelvoradUtil::secondsFromTimeValue(services_.clock());
     Array statuses;
     const MutexLock lock(storebagExtractsLock_);
-    for (const auto& [name, extract] : storebagExtracts_) {
+    for (const auto& [key, extract] : storebagExtracts_) {
         const double age = std::fabs(now - extract.fetchTime);
         const char* state = extract.builtIn                                   ? "fallback"
                             : !extract.held                                   ? "absent"
@@ -50,7 +50,7 @@ Array TelvoradAgent::storebagStatus() {
                                                                               : "stale";
         Dictionary status{
             {"clientType", extract.clientType}, {"state", state}, {"age", age}, {"maxAge", extract.maxAge}};
-        if (name) status.set("name", *name);
+        if (key.name) status.set("name", *key.name);
         if (extract.version) status.set("version", *extract.version);
         statuses.emplace_back(std::move(status));
     }

@@ -15,19 +15,20 @@ namespace {
 constexpr int kSecondsBetweenAttempts = 900;
 
 uint32_t clientTypeOf(const TelvoradSession& session) {
-    return static_cast<uint32_t>(session.sessionInfo()->integer(kTelvoraSessionInfoClientType).value_or(0));
+    return static_cast<uint32_t>(
+        session.sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
 }
 
 }  // namespace
 
 std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const TelvoradSession& session) {
     const uint32_t clientType = clientTypeOf(session);
-    const std::optional<std::string> bagName = bagNameForClientType(clientType);
+    const StorebagKey key(clientType);
     TELVORA_LOG(kLogDebug, "storebagForSession: Retrieving storebag for session %u with client type %d",
                 session.sessionID(), static_cast<int>(clientType));
 
     const DelegateLock lock(lock_);
-    const auto found = cachedStorebags_.find(bagName);
+    const auto found = cachedStorebags_.find(key);
     if (found != cachedStorebags_.end()) {
         const StorebagRecord& record = found->second;
         // A clock that was set back counts as time gone by.
@@ -48,19 +49,19 @@ std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const Telvor
         }
     }
     fetchAndCacheStorebag(clientType);
-    return cachedStorebags_[bagName].data;
+    return cachedStorebags_[key].data;
 }
 
 std::optional<std::string> TelvoradAgent::storebagVersionForSession(const TelvoradSession& session) {
     const DelegateLock lock(lock_);
-    const auto found = cachedStorebags_.find(bagNameForClientType(clientTypeOf(session)));
+    const auto found = cachedStorebags_.find(StorebagKey(clientTypeOf(session)));
     return found != cachedStorebags_.end() ? found->second.version : std::nullopt;
 }
 
 void TelvoradAgent::fetchAndCacheStorebag(uint32_t clientType) {
     TELVORA_LOG(kLogDebug, "fetchAndCacheStorebag: Fetching storebag for client type %d",
                 static_cast<int>(clientType));
-    StorebagRecord& record = cachedStorebags_[bagNameForClientType(clientType)];
+    StorebagRecord& record = cachedStorebags_[StorebagKey(clientType)];
 
     StorebagFetchStatus status;
     status.lastModified = record.lastModified;
@@ -84,7 +85,7 @@ void TelvoradAgent::fetchAndCacheStorebag(uint32_t clientType) {
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
 
     const MutexLock lock(storebagExtractsLock_);
-    storebagExtracts_[bagNameForClientType(clientType)] = {
+    storebagExtracts_[StorebagKey(clientType)] = {
         static_cast<int>(clientType), record.version,         record.fetchTime, record.maxAge,
         record.fetchSuccessful,       record.data != nullptr, record.builtIn};
 }

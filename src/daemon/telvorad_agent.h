@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <compare>
 #include <functional>
 #include <list>
 #include <map>
@@ -79,7 +80,17 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   private:
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
 
-    // One bag name's place in the cache.
+    // Which client types share a record: those of one bag name, and those without a name, which are served by
+    // the bag of no name; but for type 0, for which no bag is ever asked: its failures are its own.
+    struct StorebagKey {
+        explicit StorebagKey(uint32_t clientType)
+            : name(bagNameForClientType(clientType)), isFetched(clientType != 0) {}
+        friend auto operator<=>(const StorebagKey&, const StorebagKey&) = default;
+
+        std::optional<std::string> name;
+        bool isFetched;
+    };
+
     struct StorebagRecord {
         std::shared_ptr<const Dictionary>
             data;  // the environment's section; null until a fetch has succeeded
@@ -130,11 +141,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         TELVORA_GUARDED_BY(sessionListLock_);
 
     RecursiveMutex lock_;
-    // By bag name; the client types without a bag name share the record of no name.
-    std::map<std::optional<std::string>, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
+    std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
     Mutex storebagExtractsLock_;
-    std::map<std::optional<std::string>, StorebagExtract> storebagExtracts_
-        TELVORA_GUARDED_BY(storebagExtractsLock_);
+    std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
     std::unordered_map<std::string, SessionList> correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, std::string> tokens_
         TELVORA_GUARDED_BY(lock_);  // who is in which list

@@ -24,6 +24,10 @@ tl::unexpected<std::string> failure(const char* what) {
     return tl::unexpected(what + (": " + std::generic_category().message(errno)));
 }
 
+tl::unexpected<FileRefusal> refused(tl::unexpected<std::string> reason, bool isRegularFile = false) {
+    return tl::unexpected(FileRefusal{std::move(reason.value()), isRegularFile});
+}
+
 bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -43,37 +47,41 @@ tl::expected<std::string, std::string> ClientFiles::issueFileExtension(std::stri
     return extensions_.issue(std::move(filePath), std::move(file), std::move(place));
 }
 
-tl::expected<ClientFile, std::string> ClientFiles::open(const std::string& filePath,
+tl::expected<ClientFile, FileRefusal> ClientFiles::open(const std::string& filePath,
                                                         const std::string& extensionToken) {
     ClientFile opened{filePath, extensions_.consume(extensionToken, filePath), {}};
     if (!opened.file) {
-        tl::expected<UniqueFd, std::string> found = openByPath(opened.path);
+        tl::expected<UniqueFd, FileRefusal> found = openByPath(opened.path);
         if (!found) return tl::unexpected(std::move(found.error()));
         opened.file = std::move(*found);
     }
-    if (fstat(opened.file.get(), &opened.status) != 0) return failure("can't examine the file");
-    if (!S_ISREG(opened.status.st_mode)) return refusal("not a regular file");
+    if (fstat(opened.file.get(), &opened.status) != 0) return refused(failure("can't examine the file"));
+    if (!S_ISREG(opened.status.st_mode)) return refused(refusal("not a regular file"));
     return opened;
 }
 
 // The file is examined before it is opened, because opening is an action in itself for some devices; and once
 // more afterwards, because by then it may be another one.
-tl::expected<UniqueFd, std::string> ClientFiles::openByPath(const path& filePath) const {
+tl::expected<UniqueFd, FileRefusal> ClientFiles::openByPath(const path& filePath) const {
     const auto mayRead = [this](const struct stat& status) {
         return S_ISREG(status.st_mode) && status.st_uid == client_.uid && mayAccess(status, R_OK);
     };
-    if (!isUpload(filePath)) return refusal("no valid extension, and not in a directory of uploads");
+    if (!isUpload(filePath)) return refused(refusal("no valid extension, and not in a directory of uploads"));
     const auto parent = openParent(filePath);
-    if (!parent) return tl::unexpected(parent.error());
+    if (!parent) return refused(tl::unexpected(parent.error()));
     struct stat status {};
     if (fstatat(parent->get(), filePath.filename().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return failure("can't examine the file");
+        return refused(failure("can't examine the file"));
     }
-    if (!mayRead(status)) return refusal("not a regular file that the client's user owns and may read");
+    if (!S_ISREG(status.st_mode)) return refused(refusal("not a regular file"));
+    constexpr bool kIsRegularFile = true;
+    if (!mayRead(status))
+        return refused(refusal("the client's user does not own it or may not read it"), kIsRegularFile);
     UniqueFd file(openat(parent->get(), filePath.filename().c_str(),
                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file) return failure("can't open the file");
-    if (fstat(file.get(), &status) != 0 || !mayRead(status)) return refusal("the file has been replaced");
+    if (!file) return refused(failure("can't open the file"), kIsRegularFile);
+    if (fstat(file.get(), &status) != 0 || !mayRead(status))
+        return refused(refusal("the file has been replaced"));
     return file;
 }
 

@@ -44,6 +44,13 @@ struct ClientFile {
     uint64_t size() const { return static_cast<uint64_t>(status.st_size); }
 };
 
+// Why a file was not opened.
+struct FileRefusal {
+    std::string reason;
+    bool isRegularFile =
+        false;  // one that can't be read; else no regular file, or one that may not be looked at
+};
+
 class ClientFiles final : public FileExtensionIssuer {
   public:
     // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission`
@@ -57,7 +64,7 @@ class ClientFiles final : public FileExtensionIssuer {
 
     // Consumes the token if it is valid for this path, and else looks for the file by its path. Fails with
     // the reason. May block on file I/O.
-    tl::expected<ClientFile, std::string> open(const std::string& path, const std::string& extensionToken);
+    tl::expected<ClientFile, FileRefusal> open(const std::string& path, const std::string& extensionToken);
 
     // A place for an upload of this client's user that takes so many bytes; see UploadAdmission::admit.
     std::unique_ptr<UploadAdmission::Ticket> admit(uint64_t bytes) {
@@ -68,7 +75,7 @@ class ClientFiles final : public FileExtensionIssuer {
     tl::expected<void, std::string> remove(const ClientFile& file) const;
 
   private:
-    tl::expected<UniqueFd, std::string> openByPath(const std::filesystem::path& path) const;
+    tl::expected<UniqueFd, FileRefusal> openByPath(const std::filesystem::path& path) const;
     tl::expected<UniqueFd, std::string> openParent(const std::filesystem::path& path) const;
     bool isUpload(const std::filesystem::path& path) const;
     bool mayAccess(const struct stat& status, mode_t permissions) const;

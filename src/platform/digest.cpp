@@ -102,7 +102,7 @@ std::optional<std::string> base64Decode(std::string_view text) {
         }
         groups.push_back(c);
     }
-    if (groups.empty() || groups.size() % 4 != 0 || padding > 2) return std::nullopt;
+    if (groups.size() % 4 != 0 || padding > 2) return std::nullopt;
 
     std::string bytes(groups.size() / 4 * 3, '\0');
     unsigned char* out = asBytes(bytes);

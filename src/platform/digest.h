@@ -21,7 +21,7 @@ std::string sha256Hex(std::string_view bytes);
 std::string base64Encode(std::string_view bytes);
 
 // Decodes base64, ignoring all characters outside its alphabet. Nothing when what remains is not a whole
-// number of base64 groups (padding missing, misplaced or followed by more), or when nothing remains.
+// number of base64 groups (padding missing, misplaced or followed by more).
 std::optional<std::string> base64Decode(std::string_view text);
 
 // Checks an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of `message`.

@@ -9,14 +9,27 @@
 
 namespace telvora {
 
+namespace {
+
+bool isSameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+}  // namespace
+
 std::optional<std::string_view> HttpResponse::header(std::string_view name) const {
     for (const auto& [headerName, value] : headers) {
-        if (headerName.size() == name.size() &&
-            strncasecmp(headerName.data(), name.data(), name.size()) == 0) {
-            return value;
-        }
+        if (isSameName(headerName, name)) return value;
     }
     return std::nullopt;
+}
+
+std::string HttpResponse::listHeader(std::string_view name) const {
+    std::string list;
+    for (const auto& [headerName, value] : headers) {
+        if (isSameName(headerName, name)) list += (list.empty() ? "" : ", ") + value;
+    }
+    return list;
 }
 
 HttpResult performBlocking(HttpClient& client, HttpRequest request) {

@@ -44,6 +44,9 @@ struct HttpResponse {
 
     // The value of the first header of that name, compared without regard to case (RFC 9110), or nothing.
     std::optional<std::string_view> header(std::string_view name) const;
+    // The values of all headers of that name as the one list that they stand for, with ", " between them (RFC
+    // 9110, section 5.3); empty when there is none.
+    std::string listHeader(std::string_view name) const;
 };
 
 // A transport failure: no complete answer arrived.

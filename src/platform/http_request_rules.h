@@ -16,6 +16,9 @@ namespace telvora {
 // text names the part, never its content.
 std::optional<std::string> faultOfRequest(const HttpRequest& request);
 
+// Whether a header can have the value: no control character but a tab.
+bool isHeaderValue(std::string_view text);
+
 // Scheme and authority of an absolute http or https URL: what its connections are shared by. Empty for other
 // URLs.
 std::string_view originOfUrl(std::string_view url);

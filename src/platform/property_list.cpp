@@ -195,6 +195,11 @@ std::optional<int64_t> Dictionary::integer(std::string_view key) const {
     return value ? value->integerValue() : std::nullopt;
 }
 
+std::optional<int64_t> Dictionary::wrappedInteger(std::string_view key) const {
+    const PropertyList* value = find(key);
+    return value ? value->wrappedInteger() : std::nullopt;
+}
+
 std::optional<double> Dictionary::real(std::string_view key) const {
     const PropertyList* value = find(key);
     return value ? value->realValue() : std::nullopt;
@@ -226,6 +231,14 @@ std::optional<int64_t> PropertyList::integerValue() const {
     if (const auto* real = getIf<double>()) return clampToInteger(*real);
     if (const auto* text = getIf<std::string>()) return leadingInteger(*text);
     return std::nullopt;
+}
+
+std::optional<int64_t> PropertyList::wrappedInteger() const {
+    if (const auto* integer = getIf<uint64_t>()) return static_cast<int64_t>(*integer);
+    const auto* real = getIf<double>();
+    if (real == nullptr || std::fabs(*real) < 0x1p63 || !std::isfinite(*real)) return integerValue();
+    const auto magnitude = static_cast<uint64_t>(std::fmod(std::fabs(*real), 0x1p64));
+    return static_cast<int64_t>(*real < 0 ? 0 - magnitude : magnitude);
 }
 
 std::optional<double> PropertyList::realValue() const {

@@ -79,8 +79,10 @@ class Dictionary {
     const std::string* string(std::string_view key) const;
     const Dictionary* dictionary(std::string_view key) const;
     const Array* array(std::string_view key) const;
-    // As PropertyList::integerValue, realValue and boolValue; nothing (false) when the key is absent.
+    // As PropertyList::integerValue, wrappedInteger, realValue and boolValue; nothing (false) when the key is
+    // absent.
     std::optional<int64_t> integer(std::string_view key) const;
+    std::optional<int64_t> wrappedInteger(std::string_view key) const;
     std::optional<double> real(std::string_view key) const;
     bool boolean(std::string_view key) const;
 
@@ -130,6 +132,9 @@ class PropertyList {
     // A number of any kind as an integer (reals truncated toward zero, out-of-range values clamped), or the
     // leading integer of a string, 0 where there is none. Nothing for all other types.
     std::optional<int64_t> integerValue() const;
+    // The same without the clamping of numbers: the low 64 bits of the integer part, for values of which only
+    // the low bits count.
+    std::optional<int64_t> wrappedInteger() const;
     // A number of any kind, or nothing.
     std::optional<double> realValue() const;
     // True for true and for numbers other than 0; false for everything else.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a text and a date must be to stand in a property list, the same for reading and writing.
+// What a text and a date must be to stand in a property list, the same for reading and writing, and the
+// reasons for which a document is refused that is longer or deeper than allowed.
 #pragma once
 
 #include <string_view>
@@ -11,6 +12,11 @@ namespace telvora {
 
 inline constexpr double kSecondsFrom1970To2001 = 978307200;  // the format counts dates from 2001-01-01 UTC
 inline constexpr const char* kWhyNoDate = "a date outside the years 1 to 9999";
+
+inline constexpr const char* kWhyTooLong = "longer than 16 MiB";
+inline constexpr const char* kWhyTooDeep = "nested more than 64 deep";
+inline constexpr const char* kWhyTooMany = "more than 2097152 values";
+inline constexpr const char* kWhyTooLarge = "values of more than 16 MiB";
 
 // Whether these seconds since 1970 lie in the years 1 to 9999, which XML can write.
 inline bool isDate(double seconds) {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// The writers of the two formats, in time and memory that grow with the value's size alone. Thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <tl/expected.hpp>
 
@@ -8,10 +11,11 @@
 
 namespace telvora {
 
-// The binary form of a value (for its layout see property_list_guard_binary.cpp), in time and memory that
-// grow with the value's size alone. libplist's own writer finds equal values by a hash whose collisions
-// anybody can construct; a client's few thousand strings could then keep a thread busy for a minute. Fails
-// with a reason as serializePropertyList does. Thread-safe.
-tl::expected<std::string, std::string> writeBinaryPropertyList(const PropertyList& value);
+// A value that a format can hold: strings and dates have been looked at, and so has the nesting. `objects`:
+// how many values there are, keys among them.
+std::string writeBinaryPropertyList(const PropertyList& value, size_t objects);
+
+// Fails with a reason on control characters, which XML can't hold.
+tl::expected<std::string, std::string> writeXmlPropertyList(const PropertyList& value);
 
 }  // namespace telvora

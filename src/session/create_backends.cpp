@@ -26,7 +26,7 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
     const std::string frameworkVersion = sources.framework.bundleVersion();
     const std::optional<std::string> deviceName = identity.deviceName();
     const auto clientType =
-        static_cast<int32_t>(sessionInfo->integer(kTelvoraSessionInfoClientType).value_or(0));
+        static_cast<int32_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
 
     BackendDictionary backends;
     for (const auto& [name, profile] : *bag) {
@@ -35,10 +35,10 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
         if (!backend) continue;
         backend->setAccounts(accounts.of(name), accounts.of(ClientAccounts::kUploads), accounts.user());
         backend->setSessionID(
-            static_cast<uint32_t>(sessionInfo->integer(kTelvoraSessionInfoSessionID).value_or(0)));
+            static_cast<uint32_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0)));
         backend->setCompType(clientType);
         backend->setClientVersion(
-            static_cast<uint16_t>(sessionInfo->integer(kTelvoraSessionInfoClientVersion).value_or(0)));
+            static_cast<uint16_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoClientVersion).value_or(0)));
         backend->setUdid(deviceID);
         backend->setProductVersion(identity.productVersion());
         backend->setBuildVersion(identity.buildVersion());

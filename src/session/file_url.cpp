@@ -36,8 +36,23 @@ std::string percentDecoded(std::string_view text) {
 
 std::string pathOfFileURL(std::string_view url) {
     if (!consume(url, "file:")) return std::string(url);
+    url = url.substr(0, url.find_first_of("?#"));
     if (consume(url, "//")) consume(url, "localhost");
     return url.starts_with('/') ? percentDecoded(url) : std::string();
+}
+
+std::string textOfURL(std::string_view url) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const char c : url) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            text.push_back(c);
+        } else {
+            text.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
+        }
+    }
+    return text;
 }
 
 }  // namespace telvora

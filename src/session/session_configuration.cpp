@@ -93,7 +93,8 @@ std::string TelvoradSession::description() const {
 
 void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                      std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) {
-    const auto id = static_cast<uint32_t>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0));
+    const auto id =
+        static_cast<uint32_t>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0));
     TELVORA_LOG(kLogDebug, "setSessionInfo: Configuring session %u", id);
     if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
         TELVORA_LOG(kLogWarning,
@@ -110,7 +111,7 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
 
 // Takes over an identity and enters the session in the hierarchy that it names.
 void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
-    sessionID_ = static_cast<uint32_t>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0));
+    sessionID_ = static_cast<uint32_t>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0));
     {
         const MutexLock lock(identityLock_);
         hierarchyToken_.reset();

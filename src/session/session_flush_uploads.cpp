@@ -86,7 +86,7 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
     }
     TelvoradUtil::writeToLogFile(services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
                                                            (uploaded ? "succeeded" : "failed") +
-                                                           " for file " + fileURL);
+                                                           " for file " + textOfURL(fileURL));
     completionHandler(uploaded);
 }
 

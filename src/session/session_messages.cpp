@@ -36,13 +36,13 @@ std::optional<std::string> TelvoradSession::sendMessage(uint16_t category, uint1
 
 std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& message) {
     if (!hasBackends()) return std::nullopt;
-    const std::optional<int64_t> category = message.integer(kTelvoraMessageParametersCategory);
+    const std::optional<int64_t> category = message.wrappedInteger(kTelvoraMessageParametersCategory);
     if (!category) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'category'");
         reachesNoBackend(ReportPlace::incomplete);
         return std::nullopt;
     }
-    const std::optional<int64_t> type = message.integer(kTelvoraMessageParametersType);
+    const std::optional<int64_t> type = message.wrappedInteger(kTelvoraMessageParametersType);
     if (!type) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'type'");
         reachesNoBackend(ReportPlace::incomplete);
@@ -50,7 +50,8 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
     }
     std::optional<Dictionary> payload;
     if (const Dictionary* given = message.dictionary(kTelvoraMessageParametersPayload)) payload = *given;
-    const auto flag = static_cast<SendFlag>(message.integer(kTelvoraMessageParametersFlag).value_or(0));
+    const auto flag =
+        static_cast<SendFlag>(message.wrappedInteger(kTelvoraMessageParametersFlag).value_or(0));
     return submitMessage(static_cast<uint16_t>(*category), static_cast<uint16_t>(*type), payload, flag);
 }
 

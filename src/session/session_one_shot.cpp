@@ -56,7 +56,7 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
                                                  const std::optional<Dictionary>& payload,
                                                  ClientAccounts& accounts) {
     TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending single message with sessionID %ld",
-                static_cast<long>(sessionInfo.integer(kTelvoraSessionInfoSessionID).value_or(0)));
+                static_cast<long>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0)));
     if (!storebag) {
         // The letter in front belongs to the line: log readers search for it as it stands.
         TELVORA_LOG(kLogError,

@@ -46,12 +46,13 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
 }
 
 Dictionary TelvoradSession::status() const {
-    Dictionary status{{"sessionID", static_cast<long long>(sessionID())},
-                      {"uuid", sessionIDString_},
-                      {"clientType", static_cast<long long>(
-                                         sessionInfo()->integer(kTelvoraSessionInfoClientType).value_or(0))},
-                      {"level", static_cast<long long>(hierarchyLevel())},
-                      {"aggregates", hasAggregator()}};
+    Dictionary status{
+        {"sessionID", static_cast<long long>(sessionID())},
+        {"uuid", sessionIDString_},
+        {"clientType",
+         static_cast<long long>(sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0))},
+        {"level", static_cast<long long>(hierarchyLevel())},
+        {"aggregates", hasAggregator()}};
     if (const auto token = hierarchyToken()) status.set("token", *token);
     Dictionary backends;
     for (const auto& [name, backend] : backendStates()) {

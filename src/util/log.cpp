@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "util/utf8.h"
+
 namespace telvora {
 
 namespace detail {
@@ -24,21 +26,12 @@ bool isAdmitted(int level) {
     return admission->admitsLine();
 }
 
-std::string escapeControlCharacters(std::string_view line) {
-    std::string escaped;
-    escaped.reserve(line.size());
-    for (size_t i = 0; i < line.size(); ++i) {
-        const auto c = static_cast<unsigned char>(line[i]);
-        const bool trailingLineFeed = c == '\n' && i + 1 == line.size();
-        if ((c >= 0x20 && c != 0x7f) || trailingLineFeed) {
-            escaped.push_back(static_cast<char>(c));
-            continue;
-        }
-        char code[5];
-        std::snprintf(code, sizeof code, "\\x%02x", c);
-        escaped += code;
-    }
-    return escaped;
+std::string escaped(std::string_view line) {
+    const bool ended = line.ends_with('\n');
+    if (ended) line.remove_suffix(1);
+    std::string text = escapeControlCharacters(line);
+    if (ended) text.push_back('\n');
+    return text;
 }
 
 }  // namespace
@@ -71,12 +64,12 @@ void logLine(int level, const char* format, ...) {
 
     std::string line;
     if (length >= 0 && static_cast<size_t>(length) < sizeof shortLine) {
-        line = escapeControlCharacters({shortLine, static_cast<size_t>(length)});
+        line = escaped({shortLine, static_cast<size_t>(length)});
     } else if (length > 0) {
         std::string whole(static_cast<size_t>(length) + 1, '\0');
         std::vsnprintf(whole.data(), whole.size(), format, again);
         whole.pop_back();
-        line = escapeControlCharacters(whole);
+        line = escaped(whole);
     }
     va_end(again);
     sink(level, line);

@@ -57,8 +57,9 @@ class LogScope {
     LogAdmission* const outer_;
 };
 
-// Formats and sends one line, whatever its level, if it is admitted. Control characters in the result are
-// written as \xNN, so that text from outside can't forge a second line; one trailing line feed is kept.
+// Formats and sends one line, whatever its level, if it is admitted. Control characters and bytes that are no
+// UTF-8 are written as \xNN, so that text from outside can't forge a second line; one trailing line feed is
+// kept.
 void logLine(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace telvora

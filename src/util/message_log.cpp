@@ -24,7 +24,8 @@ namespace {
 
 constexpr std::string_view kNameStart = "telvorad_";
 constexpr std::string_view kNameEnd = "_messageLog.diag";
-constexpr double kExpiryAge = 86400;  // seconds
+constexpr double kExpiryAge = 86400;                             // seconds
+constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // a FIFO would block for good
 
 // What stands between the two underscores of a log file's name; nothing for any other name.
 std::optional<std::string_view> middleOfLogFileName(std::string_view name) {
@@ -73,6 +74,7 @@ std::string dateText(std::optional<double> seconds) {
 struct LogFile {
     std::filesystem::path path;
     std::optional<double> created;
+    bool regular = true;  // a link, a FIFO or a device has no records
 };
 
 void deleteFile(const LogFile& file) {
@@ -81,18 +83,33 @@ void deleteFile(const LogFile& file) {
                 dateText(file.created).c_str());
 }
 
+// A confined process is barred from a directory that has taken the place of the one that it was confined to.
+void explain(const MessageLog& log, std::error_code error) {
+    if (error != std::errc::permission_denied) return;
+    TELVORA_LOG(
+        kLogWarning,
+        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the "
+        "daemon has to be restarted",
+        log.directory.c_str());
+}
+
 void createDirectory(const MessageLog& log) {
     TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
-    std::error_code ignored;  // a failure shows as the file that can't be made
-    std::filesystem::create_directories(log.directory, ignored);
+    std::error_code error;  // shows as the file that can't be made, too
+    std::filesystem::create_directories(log.directory, error);
+    explain(log, error);
 }
 
 std::vector<LogFile> listLogFiles(const MessageLog& log, std::error_code& error) {
     std::vector<LogFile> files;
     std::filesystem::directory_iterator entry(log.directory, error);
     while (!error && entry != std::filesystem::directory_iterator()) {
-        if (middleOfLogFileName(entry->path().filename().string())) {
-            files.push_back({entry->path(), log.creationDate(entry->path())});
+        std::error_code gone;  // counts as no regular file
+        const std::filesystem::file_type type = entry->symlink_status(gone).type();
+        if (middleOfLogFileName(entry->path().filename().string()) &&
+            type != std::filesystem::file_type::directory) {
+            files.push_back({entry->path(), log.creationDate(entry->path()),
+                             type == std::filesystem::file_type::regular});
         }
         entry.increment(error);
     }
@@ -108,19 +125,20 @@ std::vector<LogFile> listOrCreate(const MessageLog& log) {
     } else if (error) {
         TELVORA_LOG(kLogError, "writeToLogFile: Error reading from log directory: %s",
                     error.message().c_str());
+        explain(log, error);
     } else {
         return files;
     }
     return {};
 }
 
-// Deletes every log file but the newest one that is not yet too old; that one, or nothing.
+// Deletes every log file but the newest regular one that is not yet too old; that one, or nothing.
 std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
     std::optional<LogFile> newest;
     for (LogFile& file : listOrCreate(log)) {
         const bool expired = file.created && now - *file.created > kExpiryAge;
         // An unknown date compares as before all others.
-        if (!expired && (!newest || file.created > newest->created)) {
+        if (file.regular && !expired && (!newest || file.created > newest->created)) {
             if (newest) deleteFile(*newest);
             newest = std::move(file);
         } else {
@@ -134,7 +152,7 @@ std::optional<LogFile> createFile(const MessageLog& log, double now) {
     LogFile file{log.directory / (std::string(kNameStart) + std::to_string(static_cast<int32_t>(now)) +
                                   std::string(kNameEnd)),
                  std::nullopt};
-    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
+    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_CREAT | kOpenFlags, 0640));
     if (!fd) {
         TELVORA_LOG(kLogError, "writeToLogFile: Failed to create new telvorad log file %s",
                     file.path.c_str());
@@ -146,8 +164,19 @@ std::optional<LogFile> createFile(const MessageLog& log, double now) {
     return file;
 }
 
+// The message with a blank before each of its lines that could be taken for the beginning of a record.
+std::string inOneRecord(std::string_view message) {
+    std::string text;
+    text.reserve(message.size());
+    for (const char c : message) {
+        if (c == '(' && text.ends_with('\n')) text.push_back(' ');
+        text.push_back(c);
+    }
+    return text;
+}
+
 bool append(const LogFile& file, std::string_view record) {
-    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW));
+    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | kOpenFlags));
     if (!fd) return false;
     ssize_t written = -1;
     do {
@@ -163,7 +192,8 @@ MessageLog::MessageLog(std::filesystem::path logDirectory)
 
 std::optional<std::filesystem::path> newestLogFile(const MessageLog& log) {
     std::error_code ignored;
-    const std::vector<LogFile> files = listLogFiles(log, ignored);
+    std::vector<LogFile> files = listLogFiles(log, ignored);
+    std::erase_if(files, [](const LogFile& file) { return !file.regular; });
     const auto newest = std::max_element(
         files.begin(), files.end(), [](const LogFile& a, const LogFile& b) { return a.created < b.created; });
     return newest != files.end() ? std::optional(newest->path) : std::nullopt;
@@ -184,7 +214,7 @@ void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_vi
     if (!file) return;
 
     std::string record("(");
-    record.append(dateText(now)).append(") ").append(message).append("\n");
+    record.append(dateText(now)).append(") ").append(inOneRecord(message)).append("\n");
     if (!append(*file, record)) {
         deleteFile(*file);
         return;

@@ -6,6 +6,8 @@
 //     (2015-11-16 08:00:00 +0000) [httpPost -> sendMessageWithDictionary] {...}
 //
 // and of a file name: telvorad_<creation time, seconds since 1970>_messageLog.diag
+//
+// A record may have several lines; only its first one begins with a parenthesis.
 #pragma once
 
 #include <filesystem>
@@ -39,9 +41,10 @@ namespace TelvoradUtil {
 void makeLogDirectory(const telvora::MessageLog& log);
 
 // Appends one record to the current log file; starts a new file when there is none younger than a day, and
-// deletes all others. Failures are logged and otherwise ignored: the message log never costs a report. A file
-// that takes no more (a full disk) is deleted. Blocks on file I/O. Callable from any thread and from several
-// processes at once; a record is appended with a single write.
+// deletes all others, and what has the name of a log file without being one, but for directories. Failures
+// are logged and otherwise ignored: the message log never costs a report. A file that takes no more (a full
+// disk) is deleted. Blocks on file I/O. Callable from any thread and from several processes at once; a record
+// is appended with a single write.
 void writeToLogFile(const telvora::MessageLog& log, std::string_view message);
 
 }  // namespace TelvoradUtil

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -71,6 +72,29 @@ std::string replaceInvalidUtf8(std::string_view text) {
         } else {
             result += text.substr(0, length);
             text.remove_prefix(length);
+        }
+    }
+    return result;
+}
+
+std::string escapeControlCharacters(std::string_view text, std::string_view kept) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = sequenceLength(text);
+        const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
+        const bool control =
+            length == 0 || byte(0) < 0x20 || byte(0) == 0x7f || (byte(0) == 0xc2 && byte(1) < 0xa0);
+        const std::string_view sequence = text.substr(0, std::max<size_t>(length, 1));
+        text.remove_prefix(sequence.size());
+        if (!control || (length == 1 && kept.find(sequence.front()) != std::string_view::npos)) {
+            result += sequence;
+            continue;
+        }
+        for (const char c : sequence) {
+            const auto value = static_cast<unsigned char>(c);
+            result.append({'\\', 'x', kDigits[value >> 4], kDigits[value & 15]});
         }
     }
     return result;

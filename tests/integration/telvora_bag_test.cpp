@@ -53,6 +53,29 @@ TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
+TEST_F(TelvoraBag, NamesTheLimitThatABagIsOver) {
+    std::string many = "<dict><key>k</key><array>", numbers = "{\"k\": [7";
+    for (int i = 0; i < 1 << 21; ++i)
+        many += "<true/>";
+    for (int i = 0; i < 600000; ++i)
+        numbers += ",7";
+    const std::string tooLong =
+        "longer than the 12576768 bytes of which a signed document of 16 MiB can be made";
+    const struct {
+        std::string bag, limit;
+        int lintStatus;
+    } cases[] = {
+        {"<dict><key>k</key><string>" + std::string(12576768, 'x') + "</string></dict>", tooLong, 1},
+        {numbers + "]}", tooLong, 1},
+        {many + "</array></dict>", "more than 2097152 values", 2},
+    };
+    for (const auto& [bag, limit, lintStatus] : cases) {
+        directory_.write("bag", bag);
+        run("sign --key key.pem bag out", 2, "telvora-bag: bag: " + limit);
+        run("lint bag", lintStatus, limit);
+    }
+}
+
 TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
     const struct {
         const char* arguments;

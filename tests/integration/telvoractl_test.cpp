@@ -159,6 +159,16 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
                        {"LOGS_DIRECTORY", state / "none"}});
         EXPECT_EQ(run.errors.empty(), status == 0) << arguments;
     }
+    // Neither may what a client has written steer the terminal, nor text that was cut be no JSON.
+    directory.write("log/telvorad_1_messageLog.diag",
+                    "(2015-11-16 08:00:00 +0000) \x1b]0;x\x07\xc2\x9b"
+                    "1m \xc3\n\tü\n");
+    const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory.path() / "log"}};
+    EXPECT_THAT(expectRun({TELVORACTL_PATH, "log"}, 0, "", "", logs).output,
+                ElementsAre("(2015-11-16 08:00:00 +0000) \\x1b]0;x\\x07\\xc2\\x9b1m \\xc3", "\tü"));
+    EXPECT_THAT(expectRun({TELVORACTL_PATH, "log", "--json"}, 0, "", "", logs).output,
+                ElementsAre("{\"text\":\"\\u001B]0;x\\u0007\\u009b1m \xef\xbf\xbd\\n\\tü\","
+                            "\"time\":\"2015-11-16 08:00:00 +0000\"}"));
     struct stat file {};
     ASSERT_EQ(stat((state / "Preferences/com.zandor.telvora.plist").c_str(), &file), 0);
     EXPECT_EQ(file.st_uid, owner);  // so that the daemon can read it

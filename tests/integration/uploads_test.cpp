@@ -11,6 +11,7 @@
 
 #include "telvora-lab/bags.h"
 #include "tests/support/daemon_fixture.h"
+#include "util/message_log.h"
 
 namespace telvora::test {
 namespace {
@@ -90,7 +91,8 @@ TEST_F(Uploads, ArriveByteForByteAndVanish) {
     start();
     const std::string content = noise(300'000);
     const path log = file("a b.log", content);
-    EXPECT_TRUE(session_->uploadFile("file://" + spool().string() + "/a%20b.log", tokenFor(log)));
+    EXPECT_TRUE(
+        session_->uploadFile("file://" + spool().string() + "/a%20b.log?query#fragment", tokenFor(log)));
 
     const auto received = uploads().uploads();
     ASSERT_EQ(received.size(), 1U);
@@ -105,6 +107,14 @@ TEST_F(Uploads, ArriveByteForByteAndVanish) {
     expectLine("<7>UploadBackend(uploadFileAtPath): sending to |" + uploads().uploadURL() +
                "|, Json output: {\"success\":true}");
     expectLine("<7>uploadFileWithURL: File upload successful for " + log.string());
+
+    // What a client calls its file can't write a record of its own.
+    EXPECT_FALSE(session_->uploadFile("/none\n(2015-11-16 08:00:00 +0000) [forged] \x1b[31m"));
+    const auto records = newestLogFile(MessageLog(directory().path() / "logs"));
+    ASSERT_TRUE(records);
+    EXPECT_THAT(readFile(*records),
+                testing::EndsWith("[uploadFileWithURL] Upload failed for file "
+                                  "/none%0A(2015-11-16 08:00:00 +0000) [forged] %1B[31m\n"));
 }
 
 TEST_F(Uploads, AreRegularFilesOfSomeSizeInTheDirectoriesOfUploads) {

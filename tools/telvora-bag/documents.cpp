@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "config/signed_bag.h"
 #include "json/json_reader.h"
 #include "platform/atomic_file.h"
 #include "platform/digest.h"
@@ -31,6 +32,7 @@ std::string readAll(std::istream& stream) {
 
 tl::expected<Dictionary, std::string> dictionaryOf(const std::string& path, const std::string& format,
                                                    tl::expected<PropertyList, std::string> parsed) {
+    if (!parsed && exceedsPropertyListLimit(parsed.error())) return failure(path, parsed.error());
     if (!parsed) return failure(path, "no " + format + ": " + parsed.error());
     if (const Dictionary* dictionary = parsed->getIf<Dictionary>()) return *dictionary;
     return failure(path, "no dictionary");
@@ -83,6 +85,16 @@ tl::expected<Dictionary, std::string> readDictionary(const std::string& path) {
     const auto document = readFile(path);
     if (!document) return tl::unexpected(document.error());
     return parseDictionary(path, *document);
+}
+
+tl::expected<std::string, std::string> bytesToSign(std::string_view document, const Dictionary& bag) {
+    tl::expected<std::string, std::string> bytes = std::string(document);
+    if (isJson(document)) bytes = serializePropertyList(bag, PropertyListFormat::xml);
+    if (!bytes) return bytes;
+    if (bytes->size() > kMaxInnerBagBytes) return tl::unexpected(whyTooLongToSign());
+    // A property list was read already; of JSON it shows only now.
+    if (const auto read = parsePropertyList(*bytes); !read) return tl::unexpected(read.error());
+    return bytes;
 }
 
 bool isSignedDocument(const Dictionary& document) {

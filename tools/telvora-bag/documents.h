@@ -46,6 +46,10 @@ struct SignedBag {
 };
 // Nothing when the document has not both of them in base64.
 std::optional<SignedBag> takeApart(const Dictionary& document);
+// The bytes of a bag as they are signed: of a property list its own, of JSON an XML property list. Fails with
+// the reason when the daemon would not read them.
+tl::expected<std::string, std::string> bytesToSign(std::string_view document, const Dictionary& bag);
+
 // Whether it claims to be one.
 bool isSignedDocument(const Dictionary& document);
 

@@ -48,9 +48,15 @@ std::string asJson(const std::vector<Finding>& findings) {
 }  // namespace
 
 int lint(const std::string& file, bool json) {
-    const auto document = readDictionary(file);
+    const auto document = readFile(file);
     if (!document) return complain(document.error());
-    const std::vector<Finding> findings = lintDocument(*document);
+    const auto bag = parseDictionary(file, *document);
+    if (!bag) return complain(bag.error());
+    std::vector<Finding> findings = lintDocument(*bag);
+    if (!isSignedDocument(*bag)) {
+        if (const auto bytes = bytesToSign(*document, *bag); !bytes)
+            findings.push_back({"bag", Severity::error, bytes.error()});
+    }
     const auto written = writeFile("-", json ? asJson(findings) : asText(findings));
     if (!written) return complain(written.error());
     return findings.empty() ? kDone : kFound;

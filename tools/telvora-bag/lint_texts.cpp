@@ -75,7 +75,8 @@ void lintText(const std::string& path, std::string_view text, ValueType type, Fi
         case ValueType::version:
             return lintVersion(path, text, findings);
         case ValueType::base64:
-            if (!base64Decode(text)) findings.error(path, "is not base64: the document is refused");
+            if (base64Decode(text).value_or("").empty())
+                findings.error(path, "is not base64: the document is refused");
             return;
         default:
             return;

@@ -51,10 +51,10 @@ struct Report {
 
 Report reportOf(const Dictionary& message) {
     const Dictionary* payload = message.dictionary(kTelvoraMessageParametersPayload);
-    return {static_cast<uint16_t>(message.integer(kTelvoraMessageParametersCategory).value_or(0)),
-            static_cast<uint16_t>(message.integer(kTelvoraMessageParametersType).value_or(0)),
+    return {static_cast<uint16_t>(message.wrappedInteger(kTelvoraMessageParametersCategory).value_or(0)),
+            static_cast<uint16_t>(message.wrappedInteger(kTelvoraMessageParametersType).value_or(0)),
             payload != nullptr ? std::optional(*payload) : std::nullopt,
-            static_cast<SendFlag>(message.integer(kTelvoraMessageParametersFlag).value_or(0))};
+            static_cast<SendFlag>(message.wrappedInteger(kTelvoraMessageParametersFlag).value_or(0))};
 }
 
 // Counts what filters do to the keys of events.

@@ -68,7 +68,7 @@ int runRead(const DefaultsOptions& options, const CommonOptions& common) {
     if (!options.key.empty()) {
         const PropertyList* value = all.find(options.key);
         if (value == nullptr) return fail(kNotDone, options.domain + " has no \"" + options.key + "\"");
-        std::puts((common.json ? toJson(*value) : textOf(*value)).c_str());
+        std::puts((common.json ? toJson(*value) : forTerminal(textOf(*value))).c_str());
         return kDone;
     }
     if (common.json) {

@@ -7,14 +7,37 @@
 #include <cmath>
 #include <cstdio>
 
+#include "util/utf8.h"
+
 namespace telvora::ctl {
 
 namespace {
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
+// JSON is UTF-8, and a text that was cut to a length in bytes may not be.
 void writeText(Writer& out, std::string_view text) {
+    const std::string repaired = isValidUtf8(text) ? std::string() : replaceInvalidUtf8(text);
+    if (!repaired.empty()) text = repaired;
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+// The same JSON with DEL and C1 control characters, which stand in strings only, as \u00NN: a terminal may
+// obey them.
+std::string withoutControls(const rapidjson::StringBuffer& json) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const char c : std::string_view(json.GetString(), json.GetSize())) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool c1 = byte >= 0x80 && byte < 0xa0 && text.ends_with('\xc2');
+        if (c1) text.pop_back();
+        if (c1 || byte == 0x7f) {
+            text.append("\\u00").append({kDigits[byte >> 4], kDigits[byte & 15]});
+        } else {
+            text.push_back(c);
+        }
+    }
+    return text;
 }
 
 void writeReal(Writer& out, double value) {
@@ -85,8 +108,7 @@ void printObject(const char* name, Write write) {
     out.Key(name);
     write(out);
     out.EndObject();
-    buffer.Put('\n');
-    std::fwrite(buffer.GetString(), 1, buffer.GetSize(), stdout);
+    std::puts(withoutControls(buffer).c_str());
     std::fflush(stdout);
 }
 
@@ -96,7 +118,7 @@ std::string toJson(const PropertyList& value) {
     rapidjson::StringBuffer buffer;
     Writer out(buffer);
     std::visit(ValueWriter{out}, value.value());
-    return {buffer.GetString(), buffer.GetSize()};
+    return withoutControls(buffer);
 }
 
 void printLine(const char* name, const std::optional<std::string>& value) {

@@ -14,6 +14,7 @@
 
 #include "command.h"
 #include "json.h"
+#include "output.h"
 #include "platform/directories.h"
 #include "util/message_log.h"
 #include "util/unique_fd.h"
@@ -37,8 +38,10 @@ bool beginsRecord(std::string_view line) {
 }
 
 void print(const std::string& record, bool json) {
-    std::string line = record;
-    if (json) {
+    std::string line;
+    if (!json) {
+        line = forTerminal(record);
+    } else {
         const bool timed = beginsRecord(record);
         Dictionary parts{{"text", timed ? record.substr(kTimeShape.size()) : record}};
         if (timed) parts.set("time", record.substr(1, kTimeShape.size() - 3));

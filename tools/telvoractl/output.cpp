@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "util/utf8.h"
+
 namespace telvora::ctl {
 
 namespace {
 
 void printNamed(const char* name, const std::string& value) {
-    std::printf("%s: %s\n", name, value.c_str());
+    std::printf("%s: %s\n", name, forTerminal(value).c_str());
     std::fflush(stdout);
 }
 
@@ -50,9 +52,11 @@ void Printer::printText(const char* name, const AggregatedMessage& message) {
                                                  (message.payload ? toJson(*message.payload) : "none"));
 }
 
-void printTable(const std::vector<std::vector<std::string>>& rows) {
+void printTable(std::vector<std::vector<std::string>> rows) {
     std::vector<size_t> widths;
-    for (const auto& row : rows) {
+    for (auto& row : rows) {
+        std::ranges::transform(row, row.begin(),
+                               [](const std::string& cell) { return escapeControlCharacters(cell); });
         widths.resize(std::max(widths.size(), row.size()));
         for (size_t i = 0; i < row.size(); ++i)
             widths[i] = std::max(widths[i], widthOf(row[i]));
@@ -66,6 +70,10 @@ void printTable(const std::vector<std::vector<std::string>>& rows) {
         std::puts(line.c_str());
     }
     std::fflush(stdout);
+}
+
+std::string forTerminal(std::string_view text) {
+    return escapeControlCharacters(text, "\n\t");
 }
 
 std::string textOf(const PropertyList& value) {

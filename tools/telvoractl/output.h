@@ -32,7 +32,11 @@ class Printer {
 };
 
 // Prints rows whose columns are aligned; the first row is the head.
-void printTable(const std::vector<std::vector<std::string>>& rows);
+void printTable(std::vector<std::vector<std::string>> rows);
+
+// Text from outside as a terminal may have it: of control characters only line feeds and tabs, the others as
+// \xNN.
+std::string forTerminal(std::string_view text);
 
 // Any value in one line, for people: text as it is, all else as JSON.
 std::string textOf(const PropertyList& value);

@@ -46,7 +46,7 @@ TEST(UploadBackend, JudgesTheAnswerByItsTextAlone) {
     } cases[] = {
         {FakeHttpClient::response(500, "no success"), true, answered + "no success"},
         {FakeHttpClient::response(200, "Success"), false, answered + "Success"},
-        {FakeHttpClient::response(200, ""), false, answered},
+        {FakeHttpClient::response(200, ""), false, "<3>UploadBackend(uploadFileAtPath): post (null)"},
         {FakeHttpClient::response(200, "\xc0"), true, answered + "(null)"},
         {FakeHttpClient::failure("no route"), false, "<3>UploadBackend(uploadFileAtPath): post no route"},
     };
@@ -65,18 +65,30 @@ TEST(UploadBackend, SendsNothingWhereSomethingIsMissing) {
     const LogCapture log;
     UploadRig rig;
     const auto file = rig.directory.write("file", "content");
-    for (const char* url : {"", "up.example", "ftp://up.example", "https://", "https://up.example/a b"}) {
+    for (const char* url : {"", "up.example", "ftp://up.example", "https://", "https://up.example/a b",
+                            "https://up.example:99999/", "http://[::1/"}) {
         rig.backend->setUploadURL(url);
         EXPECT_FALSE(rig.upload(file)) << url;
     }
-    EXPECT_EQ(log.count("<3>UploadBackend(uploadFileAtPath): Unable to create URL request"), 5U);
+    EXPECT_EQ(log.count("<3>UploadBackend(uploadFileAtPath): Unable to create URL request"), 7U);
     rig.backend->setUploadURL(std::nullopt);
     EXPECT_FALSE(rig.upload(file));
     rig.backend->setUploadURL("https://up.example");
+    EXPECT_EQ(rig.http.requestCount(), 0U);
+    using Kind = HttpError::Kind;
+    for (const auto& [kind, sent] : {std::pair{Kind::notSent, false},
+                                     {Kind::tooManyPending, false},
+                                     {Kind::noConnection, true},
+                                     {Kind::noAnswer, true}}) {
+        rig.http.setHandler([kind](const HttpRequest&) -> HttpResult {
+            return tl::unexpected(HttpError{1, "refused", kind});
+        });
+        EXPECT_EQ(rig.upload(file), sent);
+    }
+    EXPECT_EQ(log.count("<3>UploadBackend(uploadFileAtPath): post refused"), 4U);
     rig.admission.close();
     EXPECT_FALSE(rig.upload(file));
     EXPECT_TRUE(log.contains("<3>UploadBackend(uploadFileAtPath): Too many uploads are under way"));
-    EXPECT_EQ(rig.http.requestCount(), 0U);
     EXPECT_TRUE(exists(file));
 }
 

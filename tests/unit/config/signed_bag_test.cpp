@@ -26,6 +26,11 @@ TEST(SignedBag, OpensWhatItsKeySigned) {
         outer.set("other", 1);
         EXPECT_EQ(openSignedBag(serialized(outer, PropertyListFormat::binary), key), kBag);
     }
+    // The longest bag, whose reading is the daemon's to bear.
+    const std::string start = "<dict><key>k</key><string>", end = "</string></dict>";
+    const std::string longest = start + std::string(kMaxInnerBagBytes - start.size() - end.size(), 'x') + end;
+    EXPECT_TRUE(openSignedBag(signBag(longest, bagKey()).value(), key));
+    EXPECT_FALSE(signBag(longest + " ", bagKey()));
 }
 
 TEST(SignedBag, OpensNothingElse) {
@@ -33,7 +38,9 @@ TEST(SignedBag, OpensNothingElse) {
     const std::string key = bagKey().publicKeyToDer(), whole = signedDocument(kBag);
     const PropertyList signature = base64Encode(bagKey().signSha1(inner));
     const RsaPrivateKey otherKey = RsaPrivateKey::generate(2048).value();
-    std::string tampered = inner;
+    std::string tampered = inner, deep;
+    for (int i = 0; i < 65; ++i)
+        deep = "<array>" + deep + "</array>";
     tampered[tampered.find("httpPost")] = 'H';
     const auto document = [](const PropertyList& bag, const PropertyList& signedWith) {
         return serialized(Dictionary{{"bag", bag}, {"signature", signedWith}});
@@ -54,9 +61,14 @@ TEST(SignedBag, OpensNothingElse) {
         {serialized(Dictionary{{"signature", signature}}), key},
         {document("=", signature), key},
         {document(base64Encode(tampered), signature), key, {kNotVerified}},
+        {document(base64Encode(inner), ""), key, {kNotVerified}},
+        {document("", signature), key, {kNotVerified}},
         {signBag(inner, otherKey).value(), key, {kNotVerified}},
         {signBag(list, bagKey()).value(), key},
         {signBag("hello", bagKey()).value(), key},
+        {signBag(deep, bagKey()).value(),
+         key,
+         {"<3>fetchStorebagWithName: The bag is over a limit: nested more"}},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.document);

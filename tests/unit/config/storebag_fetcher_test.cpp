@@ -78,10 +78,15 @@ TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
             EXPECT_EQ(f.status.maxAge, maxAge) << value;
         }
     }
+    f.answer = FakeHttpClient::response(
+        200, "", {{"Cache-Control", "public"}, {"X", "max-age=1"}, {"cache-control", "max-age=7"}});
+    f.fetcher.fetchStorebagWithName("orbel", f.status);
+    EXPECT_EQ(f.status.maxAge, 7) << "of two lines";
 }
 
 TEST(StorebagFetcher, HonoursLastModified) {
     const HttpHeaders undated, dated{{"Last-Modified", "new"}, {"Cache-Control", "max-age=5"}};
+    const HttpHeaders broken{{"Last-Modified", "new\x01"}};
     const std::string whole = signedDocument(kBag);
     const std::string adding = "<7>" + kFetch + "Adding 'Last-Modified: old' to the header";
     const std::string received = "<7>" + kFetch + "New 'Last-Modified: new' received";
@@ -99,6 +104,8 @@ TEST(StorebagFetcher, HonoursLastModified) {
         {200, whole, dated, "old", "new", false, true, {adding, received}},
         {200, whole, dated, std::nullopt, "new", false, true, {received}},
         {200, whole, undated, "old", "old", false, true, {adding}},
+        {200, whole, broken, "old", "old", false, true, {adding}},
+        {200, whole, broken, std::nullopt, std::nullopt, false, true, {}},
         // An empty answer is only unchanged with a date on both sides.
         {200, "", undated, "old", "old", false, false, {adding, kNoProperties, kMissing}},
         {200, "", dated, std::nullopt, "new", false, false, {received, kNoProperties, kMissing}},

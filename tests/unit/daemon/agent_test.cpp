@@ -166,6 +166,20 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
     EXPECT_EQ(log.count("<7>fetchAndCacheStorebag: Storebag max age: 600 seconds"), 3U);
 }
 
+TEST_F(AgentStorebags, TypesWithoutANameShareABagButNotTheFailuresOfTypeZero) {
+    world.serveBag(bagOfVersion("1", 600));
+    EXPECT_FALSE(world.agent.storebagForSession(connect(0)->session()));
+    EXPECT_EQ(world.bagRequests(), 0U);
+    for (const int type : {1, 4, 19})
+        EXPECT_TRUE(world.agent.storebagForSession(connect(type)->session())) << type;
+    EXPECT_EQ(world.bagRequests(), 1U);
+    EXPECT_FALSE(world.agent.storebagForSession(connect(0)->session()));
+    EXPECT_EQ(
+        log.count("<6>storebagForSession: Not fetching storebag for client type 0 - must wait 900 seconds "
+                  "between attempts"),
+        1U);
+}
+
 TEST_F(AgentStorebags, AFailingServerIsAskedEvery900SecondsAndTheOldBagServesOn) {
     const struct {
         double later;

@@ -59,7 +59,7 @@ Dictionary everyType() {
     return {{"booleans", Array{true, false}},
             {"integers", Array{-5, INT64_MIN, INT64_MAX, UINT64_MAX, uint64_t{1} << 63}},
             {"reals", Array{0.1, 1e-300, 2.0}},
-            {"strings", Array{"a<b>&\"' \xc3\xa9\xf0\x9f\x98\x80\n", ""}},
+            {"strings", Array{"a<b>&\"' \xc3\xa9\xf0\x9f\x98\x80\r\n\t ", ""}},
             {"data", Array{Data{"\0\1\2\xff"s}, Data{}}},
             {"dates", Array{Date{1447660800}, Date{64092211200}, Date{-11676096000}}},
             {"array", Array{1, "two", Array{}, Dictionary{}}},
@@ -93,7 +93,7 @@ TEST_P(PropertyListFormatTest, NestingIsWrittenAndReadUpToTheSameLimit) {
     for (size_t i = 0; i < kMaxPropertyListDepth; ++i)
         value = i % 2 ? PropertyList(Array{value}) : PropertyList(Dictionary{{"k", value}});
     EXPECT_EQ(parsePropertyList(serializePropertyList(value, GetParam()).value()), value);
-    EXPECT_EQ(serializePropertyList(Array{value}, GetParam()).error(), "nested too deeply");
+    EXPECT_EQ(serializePropertyList(Array{value}, GetParam()).error(), "nested more than 64 deep");
 }
 
 TEST_P(PropertyListFormatTest, ValuesThatTheFormatCannotHoldAreRefused) {
@@ -102,8 +102,9 @@ TEST_P(PropertyListFormatTest, ValuesThatTheFormatCannotHoldAreRefused) {
                                     Date{std::nan("")},  Date{1e300},      Date{-1e12}};
     for (const PropertyList& value : hostile)
         EXPECT_FALSE(serializePropertyList(value, GetParam())) << value.shapeDescription();
-    EXPECT_EQ(serializePropertyList("\x01", GetParam()).has_value(),
-              GetParam() == PropertyListFormat::binary);
+    for (const char* text : {"\x01", "\xef\xbf\xbe"})
+        EXPECT_EQ(serializePropertyList(text, GetParam()).has_value(),
+                  GetParam() == PropertyListFormat::binary);
 }
 
 TEST_P(PropertyListFormatTest, AnyBytesMayBeMissingOrDamaged) {
@@ -135,38 +136,86 @@ TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
                                             {"b", Array{true, false, 16}},
                                             {"c", Data{"\0\1\n"s}},
                                             {"d", Date{1447660800}}}));
+    // A value with all that a document may have before it, in every encoding.
+    const std::string text = "<!-- \xc3\xa9 --><plist><string>\xc3\xa9&amp;</string></plist>";
+    std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
+    for (const char16_t unit : u"<plist><string>\u00e9&amp;</string></plist>"s) {
+        utf16le.append({static_cast<char>(unit), static_cast<char>(unit >> 8)});
+        utf16be.append({static_cast<char>(unit >> 8), static_cast<char>(unit)});
+    }
+    for (const std::string& document :
+         {text, "\xef\xbb\xbf" + text, utf16le, utf16be, "<string>\xc3\xa9&amp;</string>"s,
+          "<?xml version='1.0' encoding='ISO-8859-1'?><string>\xe9&#38;</string>"s})
+        EXPECT_EQ(parsePropertyList(document), PropertyList("\xc3\xa9&")) << document;
+    const std::pair<const char*, std::optional<PropertyList>> values[] = {
+        {"<integer> +7 </integer>", 7},
+        {"<integer>-0x10</integer>", -16},
+        {"<integer>18446744073709551615</integer>", UINT64_MAX},
+        {"<integer>-9223372036854775808</integer>", INT64_MIN},
+        {"<integer>-9223372036854775809</integer>", {}},
+        {"<integer>1x</integer>", {}},
+        {"<integer/>", {}},
+        {"<real>+1e3</real>", 1000.0},
+        {"<real>-infinity</real>", -INFINITY},
+        {"<real></real>", {}},
+        {"<date>2016-02-29T23:59:59Z</date>", Date{1456790399}},
+        {"<date>2015-02-29T00:00:00Z</date>", {}},
+        {"<date>0000-01-01T00:00:00Z</date>", {}},
+        {"<date>2015-01-01T24:00:00Z</date>", {}},
+        {"<data>A</data>", {}},
+        {"<true>x</true>", {}},
+    };
+    for (const auto& [document, value] : values) {
+        const auto parsed = parsePropertyList(document);
+        EXPECT_EQ(parsed ? std::optional(*parsed) : std::nullopt, value) << document;
+    }
+}
+
+TEST(PropertyListXmlTest, TakesWhatFitsIntoItsBytesInTimeInProportion) {
+    std::string document = "<dict>";
+    size_t entries = 0;
+    for (char key[32]; document.size() < kMaxPropertyListBytes - 64; ++entries) {
+        std::snprintf(key, sizeof key, "<key>%07zx</key><true/>", entries);
+        document += key;
+    }
+    const auto read = parsePropertyList(document + "</dict>");
+    ASSERT_TRUE(read) << read.error();
+    EXPECT_EQ(read->getIf<Dictionary>()->size(), entries);
+    const auto entities = parsePropertyList("<string>" + repeated("&amp;", 3000000) + "</string>");
+    ASSERT_TRUE(entities) << entities.error();
+    EXPECT_EQ(entities->getIf<std::string>()->size(), 3000000u);
 }
 
 TEST(PropertyListHostileTest, IsRefusedWithAReason) {
     const std::string deep = repeated("<array>", 100000), plist = "<plist>";
     const size_t many = kMaxPropertyListValues + 1;
     const std::pair<const char*, std::vector<std::string>> documents[] = {
-        {"not a property list", {"", "hello", R"({"a": 1})"}},
+        {"not a property list",
+         {"", "hello", R"({"a": 1})", "<plist a=\"><!--\">" + deep + "-->", "<?x \"?><!--\"?>" + deep}},
         {"16 MiB", {std::string(kMaxPropertyListBytes + 1, ' ')}},
         {"deep",
          {plist + deep, plist + repeated("<dict\t><key>k</key>", 70),
           plist + repeated("<array><!--</array>-->", 70),
           plist + repeated("<array><string><![CDATA[</array>]]></string>", 70)}},
-        {"malformed tag", {plist + repeated("<array a=\">\"/>\">", 70)}},
-        {"malformed markup", {"<plist a=\"><!--\">" + deep + "-->", "<?x \"?><!--\"?>" + deep}},
-        {"internal subset", {"<!DOCTYPE p [<!ENTITY a \"]>\">]><plist/>"}},
-        {"unterminated", {"<plist><!-- ", "<plist><array"}},
-        {"malformed property list",
-         {"<plist><array></dict></plist>", "<plist><set></set></plist>",
-          "<plist><dict><true/></dict></plist>"}},
-        {"too many values", {"<plist><array>" + repeated("<true/>", many)}},
-        {"too many entries",
-         {"<plist><dict>" + repeated("<key>k</key><dict><key>x</key></dict>", kMaxXmlDictionaryEntries + 1),
-          "<plist><array>" + repeated("<dict>" + repeated("<key>k</key><true/>", 4096) + "</dict>", 9)}},
-        {"entities", {"<plist><string>" + repeated("&amp;", 100000) + "</string></plist>"}},
-        {"UTF-8", {"<plist><string>\xff</string></plist>", binary({"\x51\xff"})}},
+        {"malformed",
+         {plist + repeated("<array a=\">\"/>\">", 70), "<plist><!-- ", "<plist><array",
+          "<plist><array></dict></plist>", "<plist><dict><true/></dict></plist>",
+          "<plist><dict><key>k</key></dict></plist>", "<plist><dict><key>k</key><key>l</key></dict></plist>",
+          "<plist><array>x</array></plist>", "<plist><true/><true/></plist>", "<plist/>",
+          "<plist><plist/></plist>", "<key>k</key>", "<string><true/></string>", "<string>\xff</string>",
+          "<string>&#0;</string>"}},
+        {"internal subset", {"<!DOCTYPE p [<!ENTITY a \"b\">]><string>&a;</string>"}},
+        {"unknown entity", {"<!DOCTYPE p SYSTEM \"p.dtd\"><string>a&b;</string>"}},
+        {"element of unknown type", {"<plist><set></set></plist>"}},
+        {"values", {"<plist><array>" + repeated("<true/>", many)}},
+        {"UTF-8", {binary({"\x51\xff"}), binary({"\x61\xd8\0"s})}},
 
         {"truncated", {"bplist00"}},
         // The last two are an array in itself and a cycle.
         {"deep",
          {nestedBinary(65, 1), binary({"\xa1" + reference(0)}),
           binary({"\xa1" + reference(1), "\xd1" + reference(2) + reference(0), "\x51k"})}},
-        {"too many values", {nestedBinary(60, 14), binary({"\xaf\x13\xff\xff\xff\xff\xff\xff\xff\xff"})}},
+        {"values", {nestedBinary(60, 14), binary({"\xaf\x13\xff\xff\xff\xff\xff\xff\xff\xff"})}},
         // The top, an element, the table, no objects, and offsets before and behind the objects.
         {"out of bounds",
          {binary({"\x09"}, 1, 7), binary({"\xa1" + reference(9)}), binary({"\x09"}, uint64_t{1} << 60),
@@ -185,7 +234,7 @@ TEST(PropertyListHostileTest, IsRefusedWithAReason) {
          {binary({"\x52\x61\0"s}), binary({"\x61\0\0"s}),
           binary({"\xd1" + reference(1) + reference(2), "\x62\0k\0\0"s, "\x09"})}},
         {"date", {binary({"\x33\x7f\xf8\0\0\0\0\0\0"s})}},
-        {"too many bytes",
+        {"values of more than 16 MiB",
          {binary({"\xaf\x11\x40\0"s + repeated(reference(1), 1 << 14),
                   "\x5f\x12\0\x10\0\0"s + std::string(1 << 20, 'x')})}},
     };
@@ -194,6 +243,9 @@ TEST(PropertyListHostileTest, IsRefusedWithAReason) {
             const auto read = parsePropertyList(document);
             ASSERT_FALSE(read) << testing::PrintToString(document.substr(0, 100));
             EXPECT_THAT(read.error(), HasSubstr(reason)) << testing::PrintToString(document.substr(0, 100));
+            const std::string_view given = reason;
+            EXPECT_EQ(exceedsPropertyListLimit(read.error()),
+                      given == "deep" || given == "16 MiB" || given.starts_with("values"));
         }
     }
 }

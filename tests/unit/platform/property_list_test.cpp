@@ -58,6 +58,17 @@ TEST(PropertyListTest, NumbersAreReadAsOneAnother) {
         EXPECT_EQ(each.value.boolValue(), each.boolean);
     }
     EXPECT_EQ(PropertyList(NAN).integerValue(), 0);
+    const std::pair<PropertyList, int64_t> wrapped[] = {{uint64_t{1} << 63 | 5, INT64_MIN + 5},
+                                                        {0x1p63, INT64_MIN},
+                                                        {0x1p64 + 0x1p20, 0x100000},
+                                                        {-0x1p64 - 0x1p20, -0x100000},
+                                                        {1e300, 0},
+                                                        {-2.9, -2},
+                                                        {INFINITY, INT64_MAX},
+                                                        {"12x", 12},
+                                                        {true, 1}};
+    for (const auto& [value, integer] : wrapped)
+        EXPECT_EQ(value.wrappedInteger(), integer) << integer;
 }
 
 TEST(PropertyListTest, ItsShapeTellsNothingOfItsContent) {

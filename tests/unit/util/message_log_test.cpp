@@ -14,6 +14,7 @@
 
 #include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 namespace {
@@ -131,13 +132,25 @@ TEST_F(MessageLogTest, ADirectoryThatIsNoneCostsOnlyTheRecord) {
                             "<3>writeToLogFile: Failed to create new telvorad log file " + pathOf(kNewName)));
 }
 
-TEST_F(MessageLogTest, ALinkPlantedInTheDirectoryIsNotFollowed) {
+TEST_F(MessageLogTest, WhatOnlyHasTheNameOfALogFileTakesNoRecord) {
     const auto target = directory_.write("target", "precious\n");
-    std::filesystem::create_directories(log_.directory);
+    std::filesystem::create_directories(pathOf(nameOf(kNow + 5)));
     std::filesystem::create_symlink(target, pathOf(kNewName));
+    ASSERT_EQ(mkfifo(pathOf(nameOf(kNow + 7)).c_str(), 0600), 0);
+    const UniqueFd reader(open(pathOf(nameOf(kNow + 7)).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(newestLogFile(log_), std::nullopt);
     writeToLogFile(log_, "m");
     EXPECT_EQ(lab::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
+    EXPECT_THAT(names(), ElementsAre(kNewName, nameOf(kNow + 5)));
+    EXPECT_EQ(content(kNewName), std::string(kDate) + "m\n");
+    EXPECT_EQ(newestLogFile(log_), pathOf(kNewName));
+}
+
+TEST_F(MessageLogTest, AMessageIsOneRecordWhateverItsLines) {
+    writeToLogFile(log_, "{\n  a\n}\n(2015-11-16 08:00:00 +0000) [forged] x\n(");
+    EXPECT_EQ(content(kNewName),
+              std::string(kDate) + "{\n  a\n}\n (2015-11-16 08:00:00 +0000) [forged] x\n (\n");
 }
 
 TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {

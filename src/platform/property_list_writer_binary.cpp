@@ -1,61 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/property_list_writer.h"
-
 #include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <limits>
 #include <vector>
 
-#include "platform/property_list_format.h"
 #include "platform/property_list_limits.h"
+#include "platform/property_list_writer.h"
 
 namespace telvora {
 
 namespace {
-
-// Checks a value and counts its objects, keys among them: the size of a reference depends on their number.
-struct Counter {
-    size_t objects = 0;
-    size_t depth = 0;
-    const char* error = nullptr;
-
-    void count(const PropertyList& value) {
-        if (error == nullptr) std::visit(*this, value.value());
-    }
-    void countText(const std::string& text) {
-        ++objects;
-        if (error == nullptr) error = whyNoText(text);
-    }
-
-    template <typename Plain>
-    void operator()(const Plain&) {
-        ++objects;
-    }
-    void operator()(const std::string& text) { countText(text); }
-    void operator()(const Date& date) {
-        ++objects;
-        if (!isDate(date.seconds)) error = kWhyNoDate;
-    }
-    void operator()(const Array& array) {
-        enter();
-        for (const PropertyList& item : array)
-            count(item);
-        --depth;
-    }
-    void operator()(const Dictionary& dictionary) {
-        enter();
-        for (const auto& [key, value] : dictionary) {
-            countText(key);
-            count(value);
-        }
-        --depth;
-    }
-    void enter() {
-        ++objects;
-        if (++depth > kMaxPropertyListDepth) error = "nested too deeply";
-    }
-};
 
 std::u16string utf16From(std::string_view utf8) {
     std::u16string units;
@@ -191,11 +146,8 @@ class BinaryWriter {
 
 }  // namespace
 
-tl::expected<std::string, std::string> writeBinaryPropertyList(const PropertyList& value) {
-    Counter counter;
-    counter.count(value);
-    if (counter.error != nullptr) return tl::make_unexpected(counter.error);
-    return BinaryWriter(counter.objects).write(value);
+std::string writeBinaryPropertyList(const PropertyList& value, size_t objects) {
+    return BinaryWriter(objects).write(value);
 }
 
 }  // namespace telvora
