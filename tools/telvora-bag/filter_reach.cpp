@@ -25,6 +25,15 @@ std::optional<uint16_t> numberFor(const std::vector<EventFilter>& filters, const
     return std::nullopt;
 }
 
+Dictionary recordOf(std::string_view key, const std::optional<FilterSubject>& subject) {
+    Dictionary record{{std::string(key), kValue}};
+    if (subject) {
+        record.set("_method", unsigned{subject->category});
+        record.set("_status", unsigned{subject->type});
+    }
+    return record;
+}
+
 int strictness(FilterAction action) {
     return action == FilterAction::remove ? 2 : action == FilterAction::sha256 ? 1 : 0;
 }
@@ -37,7 +46,13 @@ std::optional<FilterSubject> subjectOf(const std::vector<EventFilter>& filters, 
     const auto category = numberFor(filters, own, &EventFilter::method, passes);
     const auto type = numberFor(filters, own, &EventFilter::status, [](uint16_t) { return true; });
     if (!category || !type) return std::nullopt;
-    return FilterSubject{*category, *type};
+    const FilterSubject subject{*category, *type};
+    bool decides = false;
+    Dictionary record = recordOf(own.key, subject);
+    filterEvent(filters, record, [&](const std::string&, const EventFilter& filter) {
+        if (&filter == &own) decides = true;
+    });
+    return decides ? std::optional(subject) : std::nullopt;
 }
 
 bool isUserInfoKey(std::string_view key) {
@@ -46,11 +61,7 @@ bool isUserInfoKey(std::string_view key) {
 
 FilterAction actionOn(const std::vector<EventFilter>& filters, std::string_view key,
                       const std::optional<FilterSubject>& subject) {
-    Dictionary record{{std::string(key), kValue}};
-    if (subject) {
-        record.set("_method", unsigned{subject->category});
-        record.set("_status", unsigned{subject->type});
-    }
+    Dictionary record = recordOf(key, subject);
     filterEvent(filters, record);
     const std::string* left = record.string(key);
     if (left == nullptr) return FilterAction::remove;

@@ -15,8 +15,8 @@ namespace telvora::bag {
 
 using CategoryTest = std::function<bool(uint16_t category)>;
 
-// A category and a type that `filters[index]` is for and, where it leaves them open, that no other filter of
-// the same key names. `passes`: of which categories reports are sent.
+// A category and a type in which `filters[index]` acts: those that it names or, where it leaves them open,
+// some that no other filter of its key names. `passes`: of which categories reports are sent.
 struct FilterSubject {
     uint16_t category;
     uint16_t type;

@@ -51,16 +51,18 @@ std::optional<size_t> takerOf(const std::vector<std::optional<Audience>>& audien
 }
 
 // The entry that sessions use which require no user info: the first one with a link or, where none has one,
-// the last one, for realtime reports.
+// the last one, which says where realtime reports go.
 std::optional<size_t> entryWithoutUserInfo(const Array& clients) {
     std::optional<size_t> last;
+    bool anyRealtime = false;
     for (size_t i = 0; i < clients.size(); ++i) {
         const auto entry = ClientEntry::of(clients[i]);
         if (!entry) continue;
         if (entry->postURL() != nullptr) return i;
-        last = entry->realtimePostURL() != nullptr ? std::optional(i) : std::nullopt;
+        anyRealtime = anyRealtime || entry->realtimePostURL() != nullptr;
+        last = i;
     }
-    return last;
+    return anyRealtime ? last : std::nullopt;
 }
 
 // An entry whose sessions, where they require user info, all belong to `takers`. True when it is never used.
