@@ -110,8 +110,7 @@ constexpr KeyRule kClientKeys[] = {
     {"post_url", url, Need::advised,
      "reports that are not realtime can't be posted, but where the user default httpsPostURL names a server",
      "Where reports are posted. A session that requires no user info uses the first entry that has one, "
-     "whatever "
-     "else the entry says."},
+     "whatever else the entry says."},
     {"realtime_post_url", url, Need::optional, "post_url", "Where realtime reports are posted."},
     {"event_whitelist", numerals, Need::optional, "every category",
      "The categories that are sent. An empty list lets nothing pass.", 0, kMaxCategory},
@@ -125,9 +124,12 @@ constexpr KeyRule kFilterKeys[] = {
     {"action", text, Need::advised, "the key is kept",
      "\"remove\" takes the key out, \"sha256\" replaces its value by a SHA-256 digest, anything else keeps "
      "it."},
-    {"method", number, Need::optional, "-1", "The category of the reports it is for; -1 for all.", -1,
-     kMaxCategory},
-    {"status", number, Need::optional, "-1", "The type of the reports it is for; -1 for all.", -1,
+    {"method", number, Need::optional, "-1",
+     "The category of the reports it is for; -1 for all. User info of batched reports counts as of category "
+     "0.",
+     -1, kMaxCategory},
+    {"status", number, Need::optional, "-1",
+     "The type of the reports it is for; -1 for all. User info of batched reports counts as of type 0.", -1,
      kMaxCategory},
 };
 
