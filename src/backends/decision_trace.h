@@ -4,6 +4,7 @@
 // authors of bags. The daemon asks nothing, and pays one look at a null pointer per step.
 #pragma once
 
+#include <span>
 #include <string>
 
 #include "platform/property_list.h"
@@ -11,6 +12,7 @@
 namespace telvora {
 
 struct EventFilter;
+struct ReportingPolicy;
 
 // The steps of updateState(), in the order in which they can be taken. A step that ends the walk says with
 // which state.
@@ -32,7 +34,7 @@ enum class Decision {
     hardwareExcluded,    // disabled
     filtersMissing,      // disabled
     thresholdOfCountry,  // the subject is the country's element
-    thresholdMissing,    // disabled
+    thresholdMissing,    // disabled: neither the entry nor the country's element has one
     drawnIn,             // reporting: the factor is within the threshold
     sampledOut,          // sampled out
     beyondOverride,      // disabled: beyond the second threshold too
@@ -45,9 +47,13 @@ class DecisionTrace {
     virtual ~DecisionTrace() = default;
 
     // `subject`: the entry of "clients" (or what the decision names) in the bag; null where there is none.
-    virtual void decided(const std::string& backend, Decision decision, const Dictionary* subject) = 0;
+    // `soFar`: the policy with all that is decided up to this step.
+    virtual void decided(const std::string& backend, Decision decision, const Dictionary* subject,
+                         const ReportingPolicy& soFar) = 0;
     // A filter of the bag acted on a key of an event.
     virtual void filtered(const std::string& backend, const std::string& key, const EventFilter& filter) = 0;
+    // These events, as they stand, are the content of the next post.
+    virtual void leaving(const std::string& backend, std::span<const Dictionary> events) = 0;
 };
 
 }  // namespace telvora

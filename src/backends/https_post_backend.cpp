@@ -23,21 +23,21 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
                                    std::optional<std::string> productFamily, const Array& clients)
     : TelvoraBackend(services, std::move(name), std::move(profile), std::move(productFamily)),
       clients_(clients),
-      postURL_(services.defaults.string(kTelvoraDefaultsDomain, "httpsPostURL")),
-      realtimePostURL_(services.defaults.string(kTelvoraDefaultsDomain, "httpsRealtimePostURL")),
-      useDefaultPostURL_(postURL_.has_value()),
-      useDefaultRealtimePostURL_(realtimePostURL_.has_value()),
       dnuEnabled_(services.identity.diagnosticsConsent()),
       forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, "forceEventLogging")),
       uuidRespectDnu_(services.identity.getPersistentIdentifierForDNU(true)),
       uuidOverrideDnu_(services.identity.getPersistentIdentifierForDNU(false)) {
-    if (postURL_) {
+    policy_.postURL = services.defaults.string(kTelvoraDefaultsDomain, "httpsPostURL");
+    if (policy_.postURL) {
+        policy_.useDefaultPostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for postURL",
-                    postURL_->c_str());
+                    policy_.postURL->c_str());
     }
-    if (realtimePostURL_) {
+    policy_.realtimePostURL = services.defaults.string(kTelvoraDefaultsDomain, "httpsRealtimePostURL");
+    if (policy_.realtimePostURL) {
+        policy_.useDefaultRealtimePostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for realtimePostURL",
-                    realtimePostURL_->c_str());
+                    policy_.realtimePostURL->c_str());
     }
     const std::string* displayURL = profileDictionary()->string("display_url");
     if (displayURL != nullptr) displayURL_ = *displayURL;
@@ -48,7 +48,22 @@ HTTPSPostBackend::~HTTPSPostBackend() {
 }
 
 void HTTPSPostBackend::updateState() {
-    setState(updateBackendState());
+    if (immutable_) {
+        if (services_.trace != nullptr) services_.trace->decided(name_, Decision::kept, nullptr, policy_);
+        return;
+    }
+    policy_ = nextPolicy(std::move(policy_),
+                         {.services = services_,
+                          .backend = name_,
+                          .clients = clients_,
+                          .userInfo = userInfoDict_.get(),
+                          .requireUserInfo = requireUserInfo_,
+                          .frameworkVersion = {selfVersionMajor_, selfVersionMiddle_, selfVersionMinor_},
+                          .samplingFactor = samplingFactor_,
+                          .consent = dnuEnabled_,
+                          .productFamily = productFamily_,
+                          .hardwareType = hardwareType_});
+    setState(policy_.state);
 }
 
 void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {

@@ -24,7 +24,6 @@
 #include <vector>
 
 #include "backends/decision_trace.h"
-#include "backends/event_filters.h"
 #include "backends/telvora_backend.h"
 
 namespace telvora {
@@ -60,8 +59,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     // Held events take the new identifier too.
     void setCorrelatedSessionID(const std::string& combinedSessionID) override;
 
-    const std::optional<std::string>& postURL() const { return postURL_; }
-    void setPostURL(std::optional<std::string> url) { postURL_ = std::move(url); }
+    const std::optional<std::string>& postURL() const { return policy_.postURL; }
+    void setPostURL(std::optional<std::string> url) { policy_.postURL = std::move(url); }
 
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
@@ -74,31 +73,6 @@ class HTTPSPostBackend final : public TelvoraBackend {
 
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
                      std::optional<std::string> productFamily, const Array& clients);
-
-    void decided(Decision decision, const Dictionary* subject = nullptr) const {
-        if (services_.trace != nullptr) services_.trace->decided(name_, decision, subject);
-    }
-
-    // https_post_state.cpp: what the bag says.
-    BackendState updateBackendState();
-    BackendState stateWithoutUserInfo();
-    const Dictionary* clientForSession(const std::optional<std::string>& clientName,
-                                       const std::optional<std::string>& serviceID) const;
-    BackendState stateFromClient(const Dictionary& client, const std::optional<std::string>& clientName,
-                                 const std::optional<std::string>& serviceID);
-    bool updateConsent(const Dictionary& client);
-    bool isCountryAndDeviceAdmitted(const Dictionary& client,
-                                    const std::optional<std::string>& countryCode) const;
-    void updateSamplingThreshold(const Dictionary& client, const std::optional<std::string>& countryCode);
-    BackendState stateFromSampling(const Dictionary& client);
-    void updateEventLists(const Dictionary& client);
-    void updateBatchEvents(const std::optional<std::string>& clientName,
-                           const std::optional<std::string>& serviceID);
-    bool updatePostLink(const Dictionary& client);
-    bool matchClientNameAndServiceID(const Dictionary& client, const std::optional<std::string>& clientName,
-                                     const std::optional<std::string>& serviceID) const;
-    bool isFrameworkEnabledForClient(const Dictionary& client) const;
-    void resetBackendStateWithClient(const Dictionary* client);
 
     // https_post_send.cpp: what happens to a report.
     bool isUserInfoMissing() const { return requireUserInfo_ && userInfoDict_ == nullptr; }
@@ -115,7 +89,6 @@ class HTTPSPostBackend final : public TelvoraBackend {
                                             SendFlag flag);
 
     // https_post_transport.cpp: how it leaves the device.
-    std::optional<std::string> userInfoString(std::string_view key) const;
     std::string clientIdentifier() const;
     bool isMessageLogged() const;
     std::string createMessageForPostAndLogging(std::span<Dictionary> events,
@@ -126,21 +99,11 @@ class HTTPSPostBackend final : public TelvoraBackend {
                                   std::optional<uint16_t> responseCode) const;
     void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
 
-    const Array& clients_;  // in the profile
-    std::optional<std::string> postURL_;
-    std::optional<std::string> realtimePostURL_;
-    bool useDefaultPostURL_ = false;          // the user default has the say, not the bag
-    bool useDefaultRealtimePostURL_ = false;  // likewise
-    const bool dnuEnabled_;                   // the user shares diagnostics
+    const Array& clients_;   // in the profile
+    const bool dnuEnabled_;  // the user shares diagnostics
     const bool forceEventLogging_;
-    int32_t dnuType_ = 0;  // 0: consent respected; overridden: 1 the user did not consent, 2 did
     const std::string uuidRespectDnu_;
     const std::string uuidOverrideDnu_;
-    std::optional<std::string> uuidCustom_;
-    std::optional<double> overrideSampling_;
-    int32_t extrasOnInternal_ = 0;
-    int32_t eventThreshold_ = 49;
-    std::vector<EventFilter> filters_;  // refer to the profile
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;                                 // approximately
     QuotaHold batchRoom_;                                     // the same, of the user's pending bytes

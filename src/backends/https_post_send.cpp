@@ -49,9 +49,9 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): realtime is %d", isRealtime(flag) ? 1 : 0);
     const BackendState current = state();
     const bool held = current == BackendState::waitingForUserInfo || current == BackendState::sampledOut;
-    if (held || (!isRealtime(flag) && batchEvents_) || isUserInfoMissing()) {
+    if (held || (!isRealtime(flag) && policy_.batchEvents) || isUserInfoMissing()) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Batching %d, %d, %d",
-                    static_cast<int>(current), batchEvents_ ? 1 : 0, requireUserInfo_ ? 1 : 0);
+                    static_cast<int>(current), policy_.batchEvents ? 1 : 0, requireUserInfo_ ? 1 : 0);
         return batchEvent(std::move(record));
     }
     return postDirectly(std::move(record), method, respCode, flag);
@@ -70,10 +70,10 @@ std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
         return number ? PropertyList(*number) : PropertyList(-1);
     };
     Dictionary extended = *payload;
-    extended.set("Opt", dnuType_);
-    extended.set("SamplingThreshold", numberOrMinusOne(samplingThreshold_));
-    extended.set("OverrideSampling", numberOrMinusOne(overrideSampling_));
-    extended.set("Batch", batchEvents_ ? 1 : 0);
+    extended.set("Opt", policy_.dnuType);
+    extended.set("SamplingThreshold", numberOrMinusOne(policy_.samplingThreshold));
+    extended.set("OverrideSampling", numberOrMinusOne(policy_.overrideSampling));
+    extended.set("Batch", policy_.batchEvents ? 1 : 0);
     return extended;
 }
 
@@ -106,7 +106,7 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
             services_.trace->filtered(name_, key, filter);
         };
     }
-    filterEvent(filters_, record, observer);
+    filterEvent(policy_.filters, record, observer);
     return record;
 }
 
@@ -123,7 +123,7 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
         flushed = flushMessagesWithCompletion({});
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Sending %d, %d, %d", static_cast<int>(state()),
-                batchEvents_ ? 1 : 0, requireUserInfo_ ? 1 : 0);
+                policy_.batchEvents ? 1 : 0, requireUserInfo_ ? 1 : 0);
     std::optional<std::string> answer;
     std::string json = createMessageForPostAndLogging({&record, 1}, answer);
     if (flushFirst) {
@@ -141,8 +141,8 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     const bool full = batchedBytes_ + bytes > kMaxBatchBytes;
     int32_t count = eventMethodCounts_[method];
     std::optional<std::string> flushed;
-    if (count > eventThreshold_ || full) {
-        if (count > eventThreshold_) {
+    if (count > policy_.eventThreshold || full) {
+        if (count > policy_.eventThreshold) {
             TELVORA_LOG(kLogDebug,
                         "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
                         "threshold for method %d",
@@ -214,7 +214,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(flushMessagesWithCompletion): called");
     // The user info may have changed since the events were recorded.
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
-    filterEvent(filters_, userInfo);
+    filterEvent(policy_.filters, userInfo);
     if (!hasRoomForUserInfo(userInfo)) {
         loseBatch(ReportPlace::overQuota);
         completeWithError(completion, "Can not flush: over quota");

@@ -28,19 +28,14 @@ std::string fieldValue(std::string text) {
 
 }  // namespace
 
-std::optional<std::string> HTTPSPostBackend::userInfoString(std::string_view key) const {
-    const std::string* value = userInfoDict_ ? userInfoDict_->string(key) : nullptr;
-    return value != nullptr ? std::optional(*value) : std::nullopt;
-}
-
 std::string HTTPSPostBackend::clientIdentifier() const {
-    if (extrasOnInternal_ != 0 && isInternal_) return udid_.data();
-    if (uuidCustom_) return *uuidCustom_;
-    return dnuType_ != 0 ? uuidOverrideDnu_ : uuidRespectDnu_;
+    if (policy_.extrasOnInternal != 0 && isInternal_) return udid_.data();
+    if (policy_.uuidCustom) return *policy_.uuidCustom;
+    return policy_.dnuType != 0 ? uuidOverrideDnu_ : uuidRespectDnu_;
 }
 
 bool HTTPSPostBackend::isMessageLogged() const {
-    if (dnuType_ == 0 && dnuEnabled_) return true;
+    if (policy_.dnuType == 0 && dnuEnabled_) return true;
     if (!forceEventLogging_) return false;
     const EnvironmentType environment = services_.environment.userDefaultsEnvironment();
     return environment == EnvironmentType::development || environment == EnvironmentType::zandorInternal;
@@ -50,6 +45,7 @@ std::string HTTPSPostBackend::createMessageForPostAndLogging(
     std::span<Dictionary> events, std::optional<std::string>& prettyJsonString) const {
     for (Dictionary& event : events)
         makeJsonSafe(event);
+    if (services_.trace != nullptr) services_.trace->leaving(name_, events);
     const JsonMessage message{TelvoradUtil::secondsFromTimeValue(services_.clock()), clientIdentifier(),
                               events};
     if (isMessageLogged()) prettyJsonString = prettyJson(message);
@@ -59,7 +55,7 @@ std::string HTTPSPostBackend::createMessageForPostAndLogging(
 void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag flag,
                                        std::optional<uint16_t> method, std::optional<uint16_t> responseCode,
                                        PostCompletion completion) {
-    const std::optional<std::string>& url = isRealtime(flag) ? realtimePostURL_ : postURL_;
+    const std::optional<std::string>& url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
     if (!url) {
         reports_->move(load.reports, ReportPlace::inFlight, ReportPlace::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
@@ -86,10 +82,10 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     const auto add = [&request](const char* name, std::string value) {
         request.headers.emplace_back(name, fieldValue(std::move(value)));
     };
-    if (auto clientName = userInfoString(kTelvoraUserInfoClientName)) {
+    if (auto clientName = userInfoText(userInfoDict_.get(), kTelvoraUserInfoClientName)) {
         add("X-TVR-Client-Name", std::move(*clientName));
     }
-    if (auto serviceName = userInfoString(kTelvoraUserInfoServiceName)) {
+    if (auto serviceName = userInfoText(userInfoDict_.get(), kTelvoraUserInfoServiceName)) {
         add("X-TVR-Service-Name", std::move(*serviceName));
     }
     if (isInternal_) add("X-TVR-Internal-Build", "1");

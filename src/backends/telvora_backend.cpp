@@ -3,21 +3,12 @@
 
 #include <algorithm>
 
+#include "backends/client_entry.h"
 #include "platform/digest.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
 namespace telvora {
-
-namespace {
-
-bool listHoldsCategory(const Array& list, uint16_t category) {
-    return std::any_of(list.begin(), list.end(), [category](const PropertyList& entry) {
-        return entry.integerValue() == int64_t{category};
-    });
-}
-
-}  // namespace
 
 TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
                                std::optional<std::string> productFamily)
@@ -72,11 +63,11 @@ void TelvoraBackend::setCorrelatedSessionID(const std::string& combinedSessionID
 }
 
 bool TelvoraBackend::isWhitelistedEvent(uint16_t category) const {
-    return !eventWhitelist_ || listHoldsCategory(*eventWhitelist_, category);
+    return policy_.eventWhitelist == nullptr || listHoldsCategory(*policy_.eventWhitelist, category);
 }
 
 bool TelvoraBackend::isBlacklistedEvent(uint16_t category) const {
-    return eventBlacklist_ && listHoldsCategory(*eventBlacklist_, category);
+    return policy_.eventBlacklist != nullptr && listHoldsCategory(*policy_.eventBlacklist, category);
 }
 
 std::optional<ReportPlace> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "backends/report_account.h"
+#include "backends/reporting_policy.h"
 #include "config/device_identity.h"
 #include "config/environment.h"
 #include "platform/http_client.h"
@@ -29,8 +30,6 @@
 #include "util/time_value.h"
 
 namespace telvora {
-
-enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, reporting = 2, sampledOut = 3 };
 
 // Told apart by type, so that a running number can't pass for a flag.
 enum class EventID : uint16_t {};
@@ -115,8 +114,10 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
     BackendState state() const { return state_.load(); }
     void setState(BackendState state) { state_.store(state); }
-    std::optional<double> samplingThreshold() const { return samplingThreshold_; }
-    void setSamplingThreshold(std::optional<double> threshold) { samplingThreshold_ = threshold; }
+    // What it does with reports, as it was decided last.
+    const ReportingPolicy& policy() const { return policy_; }
+    std::optional<double> samplingThreshold() const { return policy_.samplingThreshold; }
+    void setSamplingThreshold(std::optional<double> threshold) { policy_.samplingThreshold = threshold; }
     double samplingFactor() const { return samplingFactor_; }
     const std::string& name() const { return name_; }
     const std::optional<std::string>& displayURL() const { return displayURL_; }
@@ -133,7 +134,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     void setHardwareType(std::optional<std::string> type) { hardwareType_ = std::move(type); }
     void setIsInternal(bool internal) { isInternal_ = internal; }
     void setRequireUserInfo(bool required) { requireUserInfo_ = required; }
-    void setBatchEvents(bool batched) { batchEvents_ = batched; }
+    void setBatchEvents(bool batched) { policy_.batchEvents = batched; }
     // Whom to tell what becomes of reports and uploads, and whose quotas reports count against. Without,
     // accounts of the backend's own and nobody's quotas.
     void setAccounts(std::shared_ptr<ReportAccount> reports, std::shared_ptr<ReportAccount> uploads,
@@ -174,18 +175,15 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::string selfVersion_ = "0.0";  // as servers read it: "3.1", or "3.1.2" where the minor number isn't 0
     bool isInternal_ = false;
     bool requireUserInfo_ = false;
-    bool batchEvents_ = false;
     double startTimeStamp_ = 0;  // seconds since 1970
     DeviceIDBuffer udid_{};
-    std::optional<double> samplingThreshold_;
     std::optional<std::string> combinedSessionIDString_;
     std::optional<std::string> displayURL_;
     std::optional<std::string> productVersion_;
     std::optional<std::string> buildVersion_;
     std::optional<std::string> hardwareType_;
     std::shared_ptr<const Dictionary> userInfoDict_;
-    std::optional<Array> eventWhitelist_;
-    std::optional<Array> eventBlacklist_;
+    ReportingPolicy policy_;  // refers to the profile
 };
 
 // The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.

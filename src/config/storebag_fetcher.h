@@ -51,6 +51,12 @@ class StorebagFetcher {
     StorebagFetcherServices services_;
 };
 
+// Whether a bag is fetched for sessions of this client type at all. Other types without a bag's name ask their
+// server for "(null)".
+constexpr bool isBagFetchedFor(uint32_t clientType) {
+    return clientType != 0;
+}
+
 // The name of the bag that serves a client type; nothing for a type that has none.
 std::optional<std::string> bagNameForClientType(uint32_t clientType);
 

@@ -63,7 +63,7 @@ std::optional<int32_t> refreshCycleOf(const Dictionary& bag) {
 std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientType(
     uint32_t clientType, std::optional<std::string>& version, StorebagFetchStatus& status) const {
     const int printedType = static_cast<int>(clientType);
-    if (clientType == 0) {
+    if (!isBagFetchedFor(clientType)) {
         TELVORA_LOG(
             kLogError,
             "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type %d",

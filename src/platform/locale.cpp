@@ -13,21 +13,13 @@ namespace telvora {
 
 namespace {
 
-// The two letters after the underscore of "language_TERRITORY.codeset@modifier", in upper case. Areas that
-// are no country ("es_419") give nothing.
+// Of "language_TERRITORY.codeset@modifier". Areas that are no country ("es_419") give nothing.
 std::optional<std::string> territoryOf(std::string_view locale) {
     const size_t underscore = locale.find('_');
     if (underscore == std::string_view::npos) return std::nullopt;
     std::string_view territory = locale.substr(underscore + 1);
     territory = territory.substr(0, territory.find_first_of(".@"));
-    if (territory.size() != 2) return std::nullopt;
-
-    std::string code(territory);
-    for (char& c : code) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-        if (c < 'A' || c > 'Z') return std::nullopt;
-    }
-    return code;
+    return countryCodeOf(territory);
 }
 
 // Every report asks for the offset, and tzset(3) looks at the zone's file each time: once a second will do.
@@ -38,6 +30,16 @@ struct OffsetOfASecond {
 };
 
 }  // namespace
+
+std::optional<std::string> countryCodeOf(std::string_view territory) {
+    if (territory.size() != 2) return std::nullopt;
+    std::string code(territory);
+    for (char& c : code) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        if (c < 'A' || c > 'Z') return std::nullopt;
+    }
+    return code;
+}
 
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {
     for (const char* variable : {"LC_ALL", "LANG"}) {

@@ -24,7 +24,7 @@ constexpr KeyRule kSignedDocumentKeys[] = {
 constexpr KeyRule kBagKeys[] = {
     {"version", text, Need::advised, "sessions end without naming the bag that configured them",
      "The bag's own version, which every session names in its last report."},
-    {"refresh_cycle", number, Need::optional, "the max-age of the answer's Cache-Control, else a day",
+    {"refresh_cycle", numeral, Need::optional, "the max-age of the answer's Cache-Control, else a day",
      "For how many seconds the bag may be used before it is fetched again; at most a day (86400).", 1, 86400},
     {"development", dictionary, Need::optional, "no configuration in this environment",
      "What holds in the environment 1.", 0, 0, &kSection},
@@ -36,6 +36,8 @@ constexpr KeyRule kBagKeys[] = {
      "What holds in the environment 4, which is that of all other builds.", 0, 0, &kSection},
 };
 
+constexpr std::string_view kMadeAnyway = "the backend is made all the same";
+
 constexpr KeyRule kSectionKeys[] = {
     {kTelvoraBackendHTTPPost, dictionary, Need::optional, "no such backend",
      "Reports as JSON events over HTTPS.", 0, 0, &kHttpPost},
@@ -46,9 +48,10 @@ constexpr KeyRule kSectionKeys[] = {
     {kTelvoraBackendUploadServer, dictionary, Need::optional, "no such backend",
      "Uploads of diagnostic files.", 0, 0, &kUploadServer},
     {kTelvoraBackendVodex, dictionary, Need::optional, "no such backend",
-     "Reports to the device's metrics adaptor, for the client types 7, 11 and 13.", 0, 0, &kVodex},
+     "Reports to the device's metrics adaptor, for the client types 7, 11 and 13.", 0, 0, &kVodex,
+     kMadeAnyway},
     {kTelvoraBackendJoulemark, dictionary, Need::optional, "no such backend",
-     "Reports to the device's power log.", 0, 0, &kJoulemark},
+     "Not used so far: the device's power log takes no reports of sessions.", 0, 0, &kJoulemark, kMadeAnyway},
 };
 
 constexpr KeyRule kHttpPostKeys[] = {
@@ -59,7 +62,7 @@ constexpr KeyRule kHttpPostKeys[] = {
 };
 
 constexpr KeyRule kClientKeys[] = {
-    {"client", list, Need::optional, "every client",
+    {"client", names, Need::optional, "every client",
      "The names of the clients that the entry is for, compared "
      "whole and without regard to case."},
     {"service", list, Need::optional, "every service",
@@ -87,7 +90,8 @@ constexpr KeyRule kClientKeys[] = {
      "What is removed from events or hashed in them before they leave the device. The first filter that fits "
      "decides about a key. May be empty.",
      0, 0, &kFilter},
-    {"sampling_threshold", number, Need::required, "every session is refused that requires user info",
+    {"sampling_threshold", number, Need::required,
+     "every session is refused that requires user info, but where the country has a threshold of its own",
      "Which part of the sessions reports: those whose random draw, from 0 to 1, is not above it.", 0, 1},
     {"per_country_sampling_thresholds", dictionaries, Need::optional, "one threshold for all",
      "Other thresholds for some countries.", 0, 0, &kCountryThreshold},
@@ -104,14 +108,13 @@ constexpr KeyRule kClientKeys[] = {
     {"extras_on_internal", flag, Need::optional, "0",
      "Whether internal builds identify themselves by the device's identifier."},
     {"post_url", url, Need::advised,
-     "nothing can be posted, but where the user default httpsPostURL names a server",
+     "reports that are not realtime can't be posted, but where the user default httpsPostURL names a server",
      "Where reports are posted. A session that requires no user info uses the first entry that has one, "
-     "whatever "
-     "else the entry says."},
+     "whatever else the entry says."},
     {"realtime_post_url", url, Need::optional, "post_url", "Where realtime reports are posted."},
-    {"event_whitelist", numbers, Need::optional, "every category",
+    {"event_whitelist", numerals, Need::optional, "every category",
      "The categories that are sent. An empty list lets nothing pass.", 0, kMaxCategory},
-    {"event_blacklist", numbers, Need::optional, "no category", "The categories that are not sent.", 0,
+    {"event_blacklist", numerals, Need::optional, "no category", "The categories that are not sent.", 0,
      kMaxCategory},
 };
 
@@ -121,9 +124,12 @@ constexpr KeyRule kFilterKeys[] = {
     {"action", text, Need::advised, "the key is kept",
      "\"remove\" takes the key out, \"sha256\" replaces its value by a SHA-256 digest, anything else keeps "
      "it."},
-    {"method", number, Need::optional, "-1", "The category of the reports it is for; -1 for all.", -1,
-     kMaxCategory},
-    {"status", number, Need::optional, "-1", "The type of the reports it is for; -1 for all.", -1,
+    {"method", number, Need::optional, "-1",
+     "The category of the reports it is for; -1 for all. User info of batched reports counts as of category "
+     "0.",
+     -1, kMaxCategory},
+    {"status", number, Need::optional, "-1",
+     "The type of the reports it is for; -1 for all. User info of batched reports counts as of type 0.", -1,
      kMaxCategory},
 };
 
@@ -137,11 +143,11 @@ constexpr KeyRule kCountryThresholdKeys[] = {
 constexpr KeyRule kDashboardKeys[] = {
     {"ip", address, Need::required, "the backend is not made", "The collector's IPv4 address."},
     {"port", number, Need::required, "the backend is not made", "Its UDP port.", 1, 65535},
-    {"reliable", number, Need::optional, "each datagram is sent once",
+    {"reliable", numeral, Need::optional, "each datagram is sent once",
      "Its presence has datagrams acknowledged and sent again; the value is the period of the timer for that, "
      "in "
      "milliseconds.",
-     1, 86400000},
+     1, 86400000, nullptr, "the period is 500 ms"},
     {"post_url", url, Need::optional, "log data can't be uploaded", "Where log data is uploaded to."},
     {"display_url", url, Need::optional, "none", "As in the HTTPS backends, which go before."},
 };
@@ -192,6 +198,7 @@ std::string_view nameOf(ValueType type) {
         case base64:
             return "base64 text";
         case list:
+        case names:
             return "text with commas";
         case url:
             return "URL";
@@ -200,12 +207,13 @@ std::string_view nameOf(ValueType type) {
         case version:
             return "version";
         case number:
+        case numeral:
             return "number";
         case flag:
             return "number or boolean";
         case boolean:
             return "boolean";
-        case numbers:
+        case numerals:
             return "array of numbers";
         case texts:
             return "array of texts";

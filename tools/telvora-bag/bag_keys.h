@@ -13,14 +13,16 @@ enum class ValueType {
     text,
     base64,   // text
     list,     // text: elements between commas, nothing trimmed
+    names,    // a list whose elements are compared whole
     url,      // text
     address,  // text: IPv4
     version,  // text: up to three numbers between dots
     number,
-    flag,  // a number or a boolean
+    numeral,  // a number; text counts as the integer that it starts with
+    flag,     // a number or a boolean
     boolean,
-    numbers,  // an array of them
-    texts,    // an array of them
+    numerals,  // an array of them
+    texts,     // an array of them
     dictionary,
     dictionaries,  // an array of them
     anything,
@@ -45,6 +47,8 @@ struct KeyRule {
     double highest = 0;  // both 0: every number will do
     // Of dictionaries.
     const DictionaryKind* content = nullptr;
+    // What holds where the value is of another type; empty: the same as where it is absent.
+    std::string_view mistyped = {};
 };
 
 // A kind of dictionary that a bag is made of.

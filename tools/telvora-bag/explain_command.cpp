@@ -2,6 +2,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "platform/locale.h"
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
 #include "telvora-bag/explain.h"
@@ -40,6 +41,11 @@ int explain(const ExplainOptions& options) {
     if (!environment)
         return complain("--environment " + options.environment + ": there is no such environment");
     circumstances.environment = *environment;
+    if (circumstances.country) {
+        const std::string given = *circumstances.country;
+        circumstances.country = countryCodeOf(given);
+        if (!circumstances.country) return complain("--country " + given + ": is no code of two letters");
+    }
     if (options.deviceFile) {
         auto device = readDictionary(*options.deviceFile);
         if (!device) return complain(device.error());

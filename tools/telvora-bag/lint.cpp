@@ -40,12 +40,13 @@ bool isOfType(const PropertyList& value, ValueType type) {
     using enum ValueType;
     switch (type) {
         case number:
+        case numeral:
             return value.isNumber() && !value.is<bool>();
         case flag:
             return value.isNumber();
         case boolean:
             return value.is<bool>();
-        case numbers:
+        case numerals:
         case texts:
         case dictionaries:
             return value.is<Array>();
@@ -58,29 +59,41 @@ bool isOfType(const PropertyList& value, ValueType type) {
     }
 }
 
-std::string numberText(double number) {
-    std::string text = std::to_string(number);
-    text.erase(std::max(text.find_last_not_of('0'), text.find('.')) + 1);
-    if (text.back() == '.') text.pop_back();
-    return text;
+// The number that the daemon reads, by its own accessors, where a value of this type is due.
+std::optional<double> numberUsed(const PropertyList& value, ValueType type) {
+    if (type == ValueType::numeral) {
+        const auto integer = value.integerValue();
+        return integer ? std::optional(static_cast<double>(*integer)) : std::nullopt;
+    }
+    return type == ValueType::number || type == ValueType::flag ? value.realValue() : std::nullopt;
 }
 
-void lintRange(const std::string& path, const PropertyList& value, const KeyRule& rule, Findings& findings) {
+void lintRange(const std::string& path, double number, const KeyRule& rule, Findings& findings) {
     if (rule.lowest == rule.highest) return;
-    const double number = value.realValue().value_or(0);
     if (number >= rule.lowest && number <= rule.highest) return;
     findings.error(path, numberText(number) + " is outside of " + numberText(rule.lowest) + " to " +
                              numberText(rule.highest));
+}
+
+void lintNumber(const std::string& path, const PropertyList& value, double used, ValueType type,
+                const KeyRule& rule, Findings& findings) {
+    if (!isOfType(value, type)) {
+        findings.warn(path, wrongType(value, type) + "; counts as " + numberText(used));
+    } else if (value.realValue() != used) {
+        findings.warn(path, numberText(value.realValue().value_or(0)) + " counts as " + numberText(used));
+    }
+    lintRange(path, used, rule, findings);
 }
 
 // The elements of an array, which are all of one type.
 void lintElements(const std::string& path, const Array& array, const KeyRule& rule, ValueType type,
                   Findings& findings) {
     for (size_t i = 0; i < array.size(); ++i) {
-        if (!isOfType(array[i], type)) {
+        const std::optional<double> number = numberUsed(array[i], type);
+        if (number) {
+            lintNumber(element(path, i), array[i], *number, type, rule, findings);
+        } else if (!isOfType(array[i], type)) {
             findings.error(element(path, i), wrongType(array[i], type));
-        } else if (type == ValueType::number) {
-            lintRange(element(path, i), array[i], rule, findings);
         } else if (type == ValueType::dictionary) {
             lintDictionary(element(path, i), *array[i].getIf<Dictionary>(), *rule.content, findings);
         }
@@ -89,16 +102,18 @@ void lintElements(const std::string& path, const Array& array, const KeyRule& ru
 
 void lintValue(const std::string& path, const PropertyList& value, const KeyRule& rule, Findings& findings) {
     using enum ValueType;
+    if (const auto used = numberUsed(value, rule.type)) {
+        return lintNumber(path, value, *used, rule.type, rule, findings);
+    }
     if (!isOfType(value, rule.type)) {
-        findings.error(path, wrongType(value, rule.type) + "; counts as absent: " + std::string(rule.absent));
+        const std::string effect = rule.mistyped.empty() ? "counts as absent: " + std::string(rule.absent)
+                                                         : std::string(rule.mistyped);
+        findings.error(path, wrongType(value, rule.type) + "; " + effect);
         return;
     }
     switch (rule.type) {
-        case number:
-        case flag:
-            return lintRange(path, value, rule, findings);
-        case numbers:
-            return lintElements(path, *value.getIf<Array>(), rule, number, findings);
+        case numerals:
+            return lintElements(path, *value.getIf<Array>(), rule, numeral, findings);
         case texts:
             return lintElements(path, *value.getIf<Array>(), rule, text, findings);
         case dictionaries:
@@ -135,7 +150,7 @@ std::string suggestion(std::string_view key, const DictionaryKind& kind) {
     const auto away = [&lower](const KeyRule& rule) { return distance(lower, lowerCase(rule.key)); };
     const auto nearest = std::ranges::min_element(kind.keys, {}, away);
     if (nearest == kind.keys.end() || away(*nearest) > nearest->key.size() / 4) return "";
-    return "; did you mean " + quoted(nearest->key) + "?";
+    return "; did you mean " + inQuotes(nearest->key) + "?";
 }
 
 void lintDictionary(const std::string& path, const Dictionary& dictionary, const DictionaryKind& kind,

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Entries of "clients" that others before them leave nothing for. The first entry whose names and framework
-// fit a session decides, whatever it then says of countries, devices and consent.
+// fit a session decides, whatever it then says of countries, devices and consent; sessions that require no
+// user info ask for a link alone.
 #include <algorithm>
 
-#include "backends/event_filters.h"
-#include "backends/telvora_backend.h"
+#include "backends/client_entry.h"
 #include "telvora-bag/lint_rules.h"
 
 namespace telvora::bag {
@@ -14,14 +14,12 @@ namespace {
 
 // Which sessions an entry is for.
 struct Audience {
-    explicit Audience(const Dictionary& client)
-        : clients(splitList(client.string("client"))), services(splitList(client.string("service"))) {
-        if (const std::string* version = client.string("enabledSince")) since = versionComponents(*version);
-    }
+    explicit Audience(const ClientEntry& entry)
+        : clients(entry.clients()), services(entry.services()), since(entry.enabledSince()) {}
 
     StringList clients;   // empty: all
     StringList services;  // likewise
-    std::array<uint8_t, 3> since{};
+    std::array<uint8_t, 3> since;
 };
 
 // Whether every service that `later` fits is one that `earlier` fits too.
@@ -52,16 +50,41 @@ std::optional<size_t> takerOf(const std::vector<std::optional<Audience>>& audien
     return std::nullopt;
 }
 
+// The entry that sessions use which require no user info: the first one with a link or, where none has one,
+// the last one, which says where realtime reports go.
+std::optional<size_t> entryWithoutUserInfo(const Array& clients) {
+    std::optional<size_t> last;
+    bool anyRealtime = false;
+    for (size_t i = 0; i < clients.size(); ++i) {
+        const auto entry = ClientEntry::of(clients[i]);
+        if (!entry) continue;
+        if (entry->postURL() != nullptr) return i;
+        anyRealtime = anyRealtime || entry->realtimePostURL() != nullptr;
+        last = i;
+    }
+    return anyRealtime ? last : std::nullopt;
+}
+
+// An entry whose sessions, where they require user info, all belong to `takers`. True when it is never used.
+bool reportTaken(const std::string& path, const std::string& takers, bool usedWithoutUserInfo,
+                 Findings& findings) {
+    if (usedWithoutUserInfo) {
+        findings.warn(path, "is used by sessions that require no user info alone: " + takers + " all others");
+    } else {
+        findings.error(path, "is never used: " + takers + " all its sessions");
+    }
+    return !usedWithoutUserInfo;
+}
+
 // Adds what is lost of one entry; true when all of it is.
 bool lintAudience(const std::string& path, const std::vector<std::optional<Audience>>& audiences,
-                  size_t index, Findings& findings) {
+                  size_t index, bool usedWithoutUserInfo, Findings& findings) {
     const std::string own = element(path, index);
     const StringList& names = audiences[index]->clients;
     if (names.empty()) {
         const auto taker = takerOf(audiences, index, nullptr, false);
-        if (taker)
-            findings.error(own, "is never used: " + element("clients", *taker) + " takes all its sessions");
-        return taker.has_value();
+        return taker &&
+               reportTaken(own, element("clients", *taker) + " takes", usedWithoutUserInfo, findings);
     }
     Findings taken;
     size_t count = 0;
@@ -69,12 +92,12 @@ bool lintAudience(const std::string& path, const std::vector<std::optional<Audie
         const auto taker = takerOf(audiences, index, &name, false);
         if (!taker) continue;
         ++count;
-        taken.error(own + "/client", "never used for " + quoted(name) + ": " + element("clients", *taker) +
-                                         " takes its sessions");
+        taken.error(own + "/client", "never used for " + inQuotes(name) + ": " + element("clients", *taker) +
+                                         " takes its sessions" +
+                                         (usedWithoutUserInfo ? " that require user info" : ""));
     }
     if (count == names.size()) {
-        findings.error(own, "is never used: entries before it take all its sessions");
-        return true;
+        return reportTaken(own, "entries before it take", usedWithoutUserInfo, findings);
     }
     for (Finding& finding : taken.take())
         findings.add(std::move(finding));
@@ -96,13 +119,14 @@ void lintExpedite(const std::string& path, const std::vector<std::optional<Audie
 
 void lintEntries(const std::string& path, const Array& clients, Findings& findings) {
     if (clients.empty()) findings.error(path, "is empty: every session that requires user info is refused");
+    const auto withoutUserInfo = entryWithoutUserInfo(clients);
     std::vector<std::optional<Audience>> audiences;
     audiences.reserve(clients.size());
     for (size_t i = 0; i < clients.size(); ++i) {
-        const auto* client = clients[i].getIf<Dictionary>();
-        audiences.push_back(client != nullptr ? std::optional<Audience>(*client) : std::nullopt);
-        if (client == nullptr || lintAudience(path, audiences, i, findings)) continue;
-        if (client->contains("expedite")) lintExpedite(path, audiences, i, findings);
+        const auto entry = ClientEntry::of(clients[i]);
+        audiences.push_back(entry ? std::optional<Audience>(*entry) : std::nullopt);
+        if (!entry || lintAudience(path, audiences, i, i == withoutUserInfo, findings)) continue;
+        if (entry->batchEvents()) lintExpedite(path, audiences, i, findings);
     }
 }
 

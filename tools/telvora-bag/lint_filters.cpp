@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Filters that can never act: the first filter that fits a key decides about it.
+// Filters that can never act, as the first filter that fits a key decides about it, and filters that leave
+// user info alone.
 #include <algorithm>
 
-#include "backends/event_filters.h"
+#include "telvora-bag/filter_reach.h"
 #include "telvora-bag/lint_rules.h"
 
 namespace telvora::bag {
@@ -21,24 +22,37 @@ void lintAction(const std::string& path, const Dictionary& filter, Findings& fin
     const std::string* action = filter.string("action");
     if (action == nullptr || std::ranges::find(kActions, *action) != std::end(kActions)) return;
     findings.error(path + "/action",
-                   quoted(*action) + " is neither \"remove\" nor \"sha256\": the key is kept");
+                   inQuotes(*action) + " is neither \"remove\" nor \"sha256\": the key is kept");
 }
 
-// Whether the lists of the entry keep all reports of a category from being sent.
-bool isHeldBack(const Dictionary& client, int64_t category) {
-    const auto holds = [category](const Array* list) {
-        return std::any_of(list->begin(), list->end(),
-                           [&](const PropertyList& value) { return value.integerValue() == category; });
-    };
-    const Array* white = client.array("event_whitelist");
-    const Array* black = client.array("event_blacklist");
-    return (white != nullptr && !holds(white)) || (black != nullptr && holds(black));
+bool isCategory(int32_t number) {
+    return number >= 0 && number <= UINT16_MAX;
+}
+
+bool passesLists(const ClientEntry& entry, uint16_t category) {
+    const Array* white = entry.eventWhitelist();
+    const Array* black = entry.eventBlacklist();
+    return (white == nullptr || listHoldsCategory(*white, category)) &&
+           (black == nullptr || !listHoldsCategory(*black, category));
+}
+
+void lintUserInfo(const std::string& path, const ClientEntry& entry, const std::vector<EventFilter>& filters,
+                  size_t index, Findings& findings) {
+    const std::string_view key = filters[index].key;
+    const auto subject =
+        subjectOf(filters, index, [&entry](uint16_t category) { return passesLists(entry, category); });
+    if (!subject || !isUserInfoKey(key)) return;
+    const FilterAction inUserInfo = actionOn(filters, key, {});
+    if (!isStricter(actionOn(filters, key, subject), inUserInfo)) return;
+    findings.warn(path, "does not protect user info: batched reports have it " +
+                            std::string(inUserInfo == FilterAction::sha256 ? "hashed" : "as given") +
+                            ", as it is filtered there like a report of category 0 and type 0");
 }
 
 }  // namespace
 
-void lintFilters(const std::string& path, const Dictionary& client, Findings& findings) {
-    const Array* array = client.array("filters");
+void lintFilters(const std::string& path, const ClientEntry& entry, Findings& findings) {
+    const Array* array = entry.filters();
     if (array == nullptr) return;
     std::vector<EventFilter> filters;
     createFiltersFromArray(*array, filters);
@@ -58,9 +72,12 @@ void lintFilters(const std::string& path, const Dictionary& client, Findings& fi
             findings.error(own, "is never reached: " +
                                     element("filters", static_cast<size_t>(earlier - filters.begin())) +
                                     " decides about all its keys");
-        } else if (filters[i].method >= 0 && isHeldBack(client, filters[i].method)) {
+        } else if (isCategory(filters[i].method) &&
+                   !passesLists(entry, static_cast<uint16_t>(filters[i].method))) {
             findings.warn(own + "/method", "reports of category " + std::to_string(filters[i].method) +
                                                " are not sent: see the event lists");
+        } else {
+            lintUserInfo(own, entry, filters, i, findings);
         }
     }
 }

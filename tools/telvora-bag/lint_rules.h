@@ -3,8 +3,10 @@
 // The rules that lint consists of. Each adds its findings.
 #pragma once
 
+#include "backends/client_entry.h"
 #include "telvora-bag/bag_keys.h"
 #include "telvora-bag/lint.h"
+#include "telvora-bag/texts.h"
 
 namespace telvora::bag {
 
@@ -23,10 +25,6 @@ class Findings {
     std::vector<Finding> list_;
 };
 
-inline std::string quoted(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
-}
-
 inline std::string element(const std::string& path, size_t index) {
     return path + "[" + std::to_string(index) + "]";
 }
@@ -41,6 +39,6 @@ void lintEntries(const std::string& path, const Array& clients, Findings& findin
 void lintEntry(const std::string& path, const Dictionary& client, Findings& findings);
 
 // The filters of one entry.
-void lintFilters(const std::string& path, const Dictionary& client, Findings& findings);
+void lintFilters(const std::string& path, const ClientEntry& entry, Findings& findings);
 
 }  // namespace telvora::bag

@@ -14,13 +14,15 @@ namespace telvora::bag {
 
 namespace {
 
-void lintList(const std::string& path, const std::string& text, Findings& findings) {
+void lintList(const std::string& path, const std::string& text, const std::string& emptyFits,
+              Findings& findings) {
     for (const std::string_view part : splitList(&text)) {
         if (part.empty()) {
-            findings.error(path, text.empty() ? "is empty, which is not the same as absent: it fits nothing"
-                                              : "an element between the commas is empty: it fits nothing");
+            findings.error(path, (text.empty() ? "is empty, which is not the same as absent: it fits "
+                                               : "an element between the commas is empty: it fits ") +
+                                     emptyFits);
         } else if (part.front() == ' ' || part.back() == ' ') {
-            findings.error(path, quoted(part) + " keeps its blanks and fits only what has them too");
+            findings.error(path, inQuotes(part) + " keeps its blanks and fits only what has them too");
         }
     }
 }
@@ -38,7 +40,7 @@ void lintUrl(const std::string& path, const std::string& text, Findings& finding
 void lintAddress(const std::string& path, const std::string& text, Findings& findings) {
     in_addr address{};
     if (inet_pton(AF_INET, text.c_str(), &address) == 1) return;
-    findings.error(path, quoted(text) + " is no IPv4 address: the backend is not made");
+    findings.error(path, inQuotes(text) + " is no IPv4 address: the backend is not made");
 }
 
 bool isVersionNumber(std::string_view text) {
@@ -53,8 +55,8 @@ void lintVersion(const std::string& path, std::string_view text, Findings& findi
         const size_t dot = text.find('.');
         const std::string_view number = text.substr(0, dot);
         if (!isVersionNumber(number)) {
-            findings.error(path,
-                           quoted(number) + " is not one of the numbers 0 to 255 and counts as another one");
+            findings.error(
+                path, inQuotes(number) + " is not one of the numbers 0 to 255 and counts as another one");
         }
         if (dot == std::string_view::npos) return;
         text.remove_prefix(dot + 1);
@@ -67,7 +69,9 @@ void lintVersion(const std::string& path, std::string_view text, Findings& findi
 void lintText(const std::string& path, std::string_view text, ValueType type, Findings& findings) {
     switch (type) {
         case ValueType::list:
-            return lintList(path, std::string(text), findings);
+            return lintList(path, std::string(text), "nothing", findings);
+        case ValueType::names:
+            return lintList(path, std::string(text), "an empty name alone", findings);
         case ValueType::url:
             return lintUrl(path, std::string(text), findings);
         case ValueType::address:

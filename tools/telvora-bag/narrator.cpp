@@ -2,61 +2,28 @@
 #include "telvora-bag/narrator.h"
 
 #include <algorithm>
-#include <sstream>
+
+#include "telvora-bag/texts.h"
 
 namespace telvora::bag {
 
 namespace {
 
-// A number as people write it.
-std::string text(double number) {
-    std::ostringstream out;
-    out << number;
-    return out.str();
-}
-
 std::string text(const std::optional<std::string>& value) {
-    return value ? "\"" + *value + "\"" : "(unknown)";
+    return value ? inQuotes(*value) : "(unknown)";
 }
 
 }  // namespace
 
-void Narrator::begin(const Array& clients) {
-    clients_ = &clients;
-    taken_ = nullptr;
-    filtersUsed_ = false;
-    batched_ = circumstances_.batch;
-    threshold_.reset();
-}
-
-void Narrator::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject) {
-    switch (decision) {
-        case Decision::batchingSet:
-            batched_ = !subject->boolean("expedite");
-            break;
-        case Decision::entryTaken:
-            threshold_ = subject->real("sampling_threshold");
-            [[fallthrough]];
-        case Decision::servedByFirstLink:
-            taken_ = subject;
-            break;
-        case Decision::thresholdOfCountry:
-            threshold_ = subject->real("threshold");
-            break;
-        case Decision::drawnIn:
-        case Decision::sampledOut:
-            filtersUsed_ = true;
-            break;
-        default:
-            break;
-    }
+void Narrator::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject,
+                       const ReportingPolicy& soFar) {
     const auto entry =
         std::find_if(clients_->begin(), clients_->end(), [subject](const PropertyList& element) {
             return subject != nullptr && element.getIf<Dictionary>() == subject;
         });
     out_ << "  ";
     if (entry != clients_->end()) out_ << "clients[" << entry - clients_->begin() << "]: ";
-    out_ << reasonFor(decision, subject != nullptr ? *subject : Dictionary()) << '\n';
+    out_ << reasonFor(decision, subject != nullptr ? *subject : Dictionary(), soFar) << '\n';
 }
 
 std::string Narrator::session() const {
@@ -69,23 +36,25 @@ std::string Narrator::list(const Dictionary& subject, std::string_view key) cons
     return std::string(key) + (value != nullptr ? " \"" + *value + "\"" : " (absent)");
 }
 
-std::string Narrator::reasonFor(Decision decision, const Dictionary& subject) const {
-    const std::string draw = "the draw " + text(circumstances_.draw);
-    const auto threshold = [this] { return text(threshold_.value_or(0)); };
+std::string Narrator::reasonFor(Decision decision, const Dictionary& subject,
+                                const ReportingPolicy& soFar) const {
+    const std::string draw = "the draw " + numberText(circumstances_.draw);
+    const std::string threshold = soFar.samplingThreshold ? numberText(*soFar.samplingThreshold) : "(none)";
     switch (decision) {
         case Decision::kept:
             return "a logged message has gone out: the state stays";
         case Decision::batchingSet:
-            return std::string("expedite: reports are ") + (batched_ ? "batched" : "posted at once");
+            return std::string("expedite: reports are ") + (soFar.batchEvents ? "batched" : "posted at once");
         case Decision::servedByFirstLink:
             return "serves the session, which requires no user info: it is the first entry with a post_url. "
-                   "Of the rest "
-                   "of it only realtime_post_url, event_threshold and extras_on_internal count";
+                   "Of "
+                   "the rest of it only realtime_post_url, event_threshold and extras_on_internal count";
         case Decision::servedWithoutLink:
-            return "the session requires no user info, and no entry has a post_url: there is nowhere to post "
-                   "to";
+            return "the session requires no user info, and no entry has a post_url";
         case Decision::userInfoMissing:
-            return "the session requires user info and has none";
+            return "the session requires user info and has none: its entry, and with it filters and lists, "
+                   "is "
+                   "chosen once it has";
         case Decision::namesDiffer:
             return "passed over: it is for " + list(subject, "client") + ", " + list(subject, "service");
         case Decision::frameworkTooOld:
@@ -113,17 +82,17 @@ std::string Narrator::reasonFor(Decision decision, const Dictionary& subject) co
         case Decision::filtersMissing:
             return "filters are absent, and required";
         case Decision::thresholdOfCountry:
-            return "per_country_sampling_thresholds has " + (threshold_ ? threshold() : "no threshold") +
-                   " for " + text(circumstances_.country);
+            return "per_country_sampling_thresholds has " + threshold + " for " +
+                   text(circumstances_.country);
         case Decision::thresholdMissing:
-            return "sampling_threshold is absent";
+            return "there is no sampling threshold";
         case Decision::drawnIn:
-            return draw + " is not above the sampling threshold " + threshold();
+            return draw + " is not above the sampling threshold " + threshold;
         case Decision::sampledOut:
-            return draw + " is above the sampling threshold " + threshold();
+            return draw + " is above the sampling threshold " + threshold;
         case Decision::beyondOverride:
-            return draw + " is above the sampling threshold " + threshold() +
-                   " and above override_sampling " + text(subject.real("override_sampling").value_or(0));
+            return draw + " is above the sampling threshold " + threshold + " and above override_sampling " +
+                   numberText(soFar.overrideSampling.value_or(0));
     }
     return "";
 }

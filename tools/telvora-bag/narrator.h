@@ -20,19 +20,15 @@ class Narrator final : public DecisionTrace {
     // The device that the names of devices are compared with.
     void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
     // The entries that the next decisions are about; they must outlive them.
-    void begin(const Array& clients);
+    void begin(const Array& clients) { clients_ = &clients; }
 
-    void decided(const std::string& backend, Decision decision, const Dictionary* subject) override;
+    void decided(const std::string& backend, Decision decision, const Dictionary* subject,
+                 const ReportingPolicy& soFar) override;
     void filtered(const std::string&, const std::string&, const EventFilter&) override {}
-
-    // What has come out: the entry in force (null: none), whether its filters are, whether reports are
-    // batched.
-    const Dictionary* taken() const { return taken_; }
-    bool areFiltersUsed() const { return filtersUsed_; }
-    bool isBatched() const { return batched_; }
+    void leaving(const std::string&, std::span<const Dictionary>) override {}
 
   private:
-    std::string reasonFor(Decision decision, const Dictionary& subject) const;
+    std::string reasonFor(Decision decision, const Dictionary& subject, const ReportingPolicy& soFar) const;
     std::string session() const;
     std::string list(const Dictionary& subject, std::string_view key) const;
 
@@ -40,10 +36,6 @@ class Narrator final : public DecisionTrace {
     const Circumstances& circumstances_;
     const DeviceIdentity* identity_ = nullptr;
     const Array* clients_ = nullptr;
-    const Dictionary* taken_ = nullptr;
-    bool filtersUsed_ = false;
-    bool batched_ = false;
-    std::optional<double> threshold_;
 };
 
 }  // namespace telvora::bag

@@ -25,31 +25,20 @@ Dictionary withName(Dictionary device) {
     return device;
 }
 
-// The last four bytes of a gzip stream (RFC 1952) are the length of what it holds.
-size_t lengthOfContent(const std::string& gzip) {
-    size_t length = 0;
-    for (size_t i = 1; i <= 4 && i <= gzip.size(); ++i)
-        length = length << 8 | static_cast<unsigned char>(gzip[gzip.size() - i]);
-    return length;
-}
-
-bool hasHeader(const HttpRequest& request, std::string_view name) {
-    return HttpResponse{0, request.headers, {}}.header(name).has_value();
-}
-
-Post postOf(const HttpRequest& request) {
-    const bool compressed = hasHeader(request, "Content-Encoding");
-    return {.json = compressed ? lengthOfContent(request.body) : request.body.size(),
-            .sent = request.body.size()};
-}
-
 }  // namespace
+
+Dictionary userInfoOf(const Circumstances& circumstances) {
+    Dictionary userInfo = circumstances.userInfo;
+    if (circumstances.clientName) userInfo.set(kTelvoraUserInfoClientName, *circumstances.clientName);
+    if (circumstances.serviceName) userInfo.set(kTelvoraUserInfoServiceName, *circumstances.serviceName);
+    return userInfo;
+}
 
 class Trial::Server final : public HttpClient {
   public:
     explicit Server(const Trial& trial) : trial_(trial) {}
     void start(HttpRequest request, Completion completion) override {
-        if (trial_.onPost) trial_.onPost(postOf(request));
+        if (trial_.onRequest) trial_.onRequest(request);
         completion(HttpResponse{200, {}, {}});
     }
 
@@ -93,9 +82,7 @@ std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const D
                                  {kTelvoraSessionInfoClientType, circumstances_.clientType},
                                  {kTelvoraSessionInfoRequireUserInfo, circumstances_.requireUserInfo},
                                  {kTelvoraSessionInfoBatchEvent, circumstances_.batch}};
-    Dictionary userInfo;
-    if (circumstances_.clientName) userInfo.set(kTelvoraUserInfoClientName, *circumstances_.clientName);
-    if (circumstances_.serviceName) userInfo.set(kTelvoraUserInfoServiceName, *circumstances_.serviceName);
+    Dictionary userInfo = userInfoOf(circumstances_);
 
     DeviceIDBuffer deviceID{};
     identity_.copyUniqueDeviceID(deviceID);

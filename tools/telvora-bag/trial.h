@@ -22,20 +22,18 @@ struct Circumstances {
     uint32_t clientType = 0;
     std::optional<std::string> clientName;
     std::optional<std::string> serviceName;
+    Dictionary userInfo = {};  // the rest of it
     bool requireUserInfo = true;
     bool batch = false;
-    Dictionary device;  // as in device.plist
-    std::optional<std::string> country;
+    Dictionary device;                   // as in device.plist
+    std::optional<std::string> country;  // two capital letters
     bool consent = false;
     double draw = 0;  // the sampling factor, from 0 to 1
     std::string framework = "8.0";
 };
 
-// What a post costs, in bytes of its body.
-struct Post {
-    size_t json = 0;
-    size_t sent = 0;
-};
+// The session's whole user info; empty: it has none.
+Dictionary userInfoOf(const Circumstances& circumstances);
 
 class Trial {
   public:
@@ -52,8 +50,8 @@ class Trial {
     void advance(int32_t seconds) { now_.seconds += seconds; }
     TimeValue now() const { return now_; }
 
-    // Called with every post, which the server accepts.
-    std::function<void(const Post& post)> onPost;
+    // Called with every request, which the server accepts.
+    std::function<void(const HttpRequest& request)> onRequest;
 
     const DeviceIdentity& identity() const { return identity_; }
 

@@ -14,8 +14,7 @@ struct ProbeBackend : TelvoraBackend {
     explicit ProbeBackend(const BackendServices& services)
         : TelvoraBackend(services, "probe", nullptr, std::nullopt) {}
 
-    using TelvoraBackend::eventBlacklist_;
-    using TelvoraBackend::eventWhitelist_;
+    using TelvoraBackend::policy_;
     using TelvoraBackend::selfVersion_;
     using TelvoraBackend::sendMessage;
     std::optional<std::string> sendMessage(const std::optional<Dictionary>&, TimeValue, uint16_t, uint16_t,
@@ -50,10 +49,12 @@ TEST_F(TelvoraBackendTest, CountsItsMessagesUpToTheWrap) {
 TEST_F(TelvoraBackendTest, EmptyListsAreNotAlike) {
     EXPECT_TRUE(backend.isWhitelistedEvent(5));
     EXPECT_FALSE(backend.isBlacklistedEvent(5));
-    backend.eventWhitelist_ = backend.eventBlacklist_ = Array{};
+    const Array empty;
+    backend.policy_.eventWhitelist = backend.policy_.eventBlacklist = &empty;
     EXPECT_FALSE(backend.isWhitelistedEvent(5));
     EXPECT_FALSE(backend.isBlacklistedEvent(5));
-    backend.eventWhitelist_ = backend.eventBlacklist_ = Array{Dictionary{}, "5", 7, 65536 + 9};
+    const Array filled{Dictionary{}, "5", 7, 65536 + 9};
+    backend.policy_.eventWhitelist = backend.policy_.eventBlacklist = &filled;
     for (const auto& [category, listed] : {std::pair{0, false}, {5, true}, {7, true}, {9, false}}) {
         EXPECT_EQ(backend.isWhitelistedEvent(static_cast<uint16_t>(category)), listed) << category;
         EXPECT_EQ(backend.isBlacklistedEvent(static_cast<uint16_t>(category)), listed) << category;

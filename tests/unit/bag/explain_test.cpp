@@ -14,6 +14,7 @@ namespace telvora::bag {
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 Dictionary json(std::string_view text) {
     return *parseJson(text).value().getIf<Dictionary>();
@@ -88,9 +89,15 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         {R"({"device_blacklist": "model"})", true,
          "product type \"Model1,1\" is in device_blacklist \"model\"\n", 0},
         {R"({"filters": 1})", true, "clients[0]: filters are absent, and required\n  => disabled", 0},
-        {R"({"sampling_threshold": []})", true, "clients[0]: sampling_threshold is absent\n  => disabled", 0},
+        {R"({"sampling_threshold": []})", true, "clients[0]: there is no sampling threshold\n  => disabled",
+         0},
         {R"({"sampling_threshold": 0.2})", true,
          "clients[0]: the draw 0.3 is above the sampling threshold 0.2\n  => sampled out", 6},
+        {R"({"sampling_threshold": 0.2, "event_threshold": 0})", true,
+         "  => sampled out\n  reports: held; a flush drops them: the session is sampled out\n"
+         "  promoting reports: posted at once to https://reports.example/\n"
+         "  batches: report 2 of a category drops those before it\n",
+         2},
         {R"({"sampling_threshold": 0.2, "override_sampling": 0.25})", true,
          "the draw 0.3 is above the sampling threshold 0.2 and above override_sampling 0.25\n  => disabled",
          0},
@@ -98,12 +105,18 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
          "  per_country_sampling_thresholds has 0.1 for \"CH\"\n"
          "  clients[0]: the draw 0.3 is above the sampling threshold 0.1\n",
          6},
+        {R"({"per_country_sampling_thresholds": [{"country": ["CH"]}]})", true,
+         "  per_country_sampling_thresholds has (none) for \"CH\"\n"
+         "  clients[0]: there is no sampling threshold\n",
+         0},
+        {R"({"event_threshold": "49", "expedite": 0})", true,
+         "batches: report 2 of a category sends those before it\n", 6},
         {R"({"event_whitelist": [0, 5, 7], "event_blacklist": [7]})", true, "categories that pass: 0, 5\n",
          4},
         {R"({"expedite": 0, "event_threshold": 1})", true,
-         "batched: report 3 of a category sends those before it\n", 6},
-        {R"({"expedite": 2})", true, "posted at once\n", 6},
-        {R"({"post_url": 1})", true, "posted to: nowhere\n", 0},
+         "batches: report 3 of a category sends those before it\n", 6},
+        {R"({"expedite": 2})", true, "  reports: posted at once to https://reports.example/\n", 6},
+        {R"({"post_url": 1})", true, "reports: dropped: there is nowhere to post to\n", 0},
     };
     for (const auto& c : cases) {
         Dictionary client = json(kClient);
@@ -145,16 +158,16 @@ TEST(Explain, ShowsAWholeBag) {
               "  clients[0]: the user shares diagnostics\n"
               "  clients[0]: the draw 0.3 is not above the sampling threshold 0.5\n"
               "  => reporting\n"
-              "  categories that pass: 0-65535\n"
-              "  posted to: https://reports.example/\n"
-              "  realtime reports to: https://now.example/\n"
-              "  posted at once\n"
+              "  reports: posted at once to https://reports.example/\n"
+              "  realtime reports: posted at once to https://now.example/\n"
               "  fields: \"ip\" is removed\n"
               "  fields: \"user\" is hashed in reports of category 5 and type 1\n"
               "\nuploadServer\n"
               "  => reporting\n"
+              "  reports: dropped: this backend takes no reports of sessions\n"
               "\nvodex\n"
-              "  => reporting\n");
+              "  => reporting\n"
+              "  reports: handed to the metrics adaptor, if the device has one\n");
 
     std::istringstream reports(kReports);
     const auto replay = replayReports(bag, given, reports);
@@ -167,12 +180,18 @@ TEST(Explain, ShowsAWholeBag) {
 
     given.clientName.reset();
     given.serviceName.reset();
-    EXPECT_THAT(explainBag(bag, given, false), HasSubstr("  the session requires user info and has none\n"
-                                                         "  => waiting for user info: reports are held\n"));
+    EXPECT_THAT(explainBag(bag, given, false),
+                HasSubstr("  => waiting for user info\n"
+                          "  reports: held; a flush drops them: there is no user info\n"
+                          "  batches: report 51 of a category drops those before it\n"));
     given.requireUserInfo = false;
     EXPECT_THAT(explainBag(bag, given, false), HasSubstr("clients[0]: serves the session"));
+    given.clientType = 1;
+    EXPECT_THAT(explainBag(bag, given, false), StartsWith("bag \"(null)\", version 1,"));
     given.environment = EnvironmentType::none;
     EXPECT_THAT(explainBag(bag, given, false), HasSubstr("=> the bag has no section for it"));
+    given.clientType = 0;
+    EXPECT_EQ(explainBag(bag, given, false), "=> client type 0 has no bag: its sessions have no backends\n");
 }
 
 }  // namespace

@@ -33,6 +33,7 @@ std::vector<Finding> lintClients(Array clients) {
 }
 
 TEST(Lint, FindsWhatIsWrongWithAnEntry) {
+    const std::string kLikeZero = ", as it is filtered there like a report of category 0 and type 0";
     const struct {
         const char* changes;  // to the good entry; a finding's path begins within the entry
         std::vector<std::string> findings;
@@ -50,6 +51,10 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
          {"/locale_whitelist: error: \" CH\" keeps its blanks and fits only what has them too",
           "/locale_whitelist: warning: \"x\" fits every country with that letter",
           "/locale_whitelist: error: \"USA\" is in no country's code: it fits nothing"}},
+        {R"({"sampling_threshold": true, "event_threshold": "49", "client": ""})",
+         {"/client: error: is empty, which is not the same as absent: it fits an empty name alone",
+          "/event_threshold: error: is text, should be: number; counts as absent: 0",
+          "/sampling_threshold: warning: is a boolean, should be: number; counts as 1"}},
         {R"({"enabledSince": "3.256"})",
          {"/enabledSince: error: \"256\" is not one of the numbers 0 to 255 and counts as another one"}},
         {R"({"enabledSince": "3.2.1.0"})", {"/enabledSince: warning: only the first three numbers count"}},
@@ -68,7 +73,7 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
         {R"({"realtime_post_url": "http://reports.example/"})",
          {"/realtime_post_url: warning: is not https: everybody on the way can read what is sent"}},
         {R"({"event_whitelist": [1, "2", 70000]})",
-         {"/event_whitelist[1]: error: is text, should be: number",
+         {"/event_whitelist[1]: warning: is text, should be: number; counts as 2",
           "/event_whitelist[2]: error: 70000 is outside of 0 to 65535"}},
         {R"({"event_whitelist": []})",
          {"/event_whitelist: error: is empty, which is not the same as absent: nothing passes"}},
@@ -84,6 +89,12 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
          {"/filters[2]: error: is never reached: filters[1] decides about all its keys"}},
         {R"({"filters": [{"key": "ip", "action": "remove", "method": 5}], "event_whitelist": [6]})",
          {"/filters[0]/method: warning: reports of category 5 are not sent: see the event lists"}},
+        {R"({"filters": [{"key": "a", "action": "sha256", "method": 5}, {"key": "a", "action": "sha256"},
+                         {"key": "B", "action": "remove", "status": 3}, {"key": "b", "action": "sha256"},
+                         {"key": "c", "action": "keep", "method": 0}, {"key": "c", "action": "remove"},
+                         {"key": "_sessionID", "action": "remove", "method": 5}]})",
+         {"/filters[2]: warning: does not protect user info: batched reports have it hashed" + kLikeZero,
+          "/filters[5]: warning: does not protect user info: batched reports have it as given" + kLikeZero}},
         {R"({"per_country_sampling_thresholds": [{"country": ["DE", "ch"], "threshold": 1.5}, {"country": ["DE", "FR"]},
                                                  {"country": [], "threshold": 1}]})",
          {"/per_country_sampling_thresholds[0]/threshold: error: 1.5 is outside of 0 to 1",
@@ -92,8 +103,9 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
           "/per_country_sampling_thresholds[0]/country: error: \"ch\" is no country's code in capital "
           "letters: it "
           "fits nothing",
-          "/per_country_sampling_thresholds[1]/country: error: \"DE\" is never reached: element 0 has it "
-          "already",
+          "/per_country_sampling_thresholds[1]/country: error: \"DE\" is never reached: an element before "
+          "has "
+          "it already",
           "/per_country_sampling_thresholds[1]/country: error: \"FR\" is never reached: it is not in "
           "locale_whitelist",
           "/per_country_sampling_thresholds[2]/country: error: is empty: the element fits no country"}},
@@ -117,6 +129,12 @@ TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
         std::vector<std::string> findings;
     } cases[] = {
         {R"({})", R"({"client": "a"})", {none}},
+        {R"({"post_url": 1, "expedite": 1})",
+         R"({"expedite": 1})",
+         {"[0]/post_url: error: is a number, should be: URL; counts as absent: reports that are not realtime "
+          "can't be posted, but where the user default httpsPostURL names a server",
+          "[1]: warning: is used by sessions that require no user info alone: clients[0] takes all others",
+          "[1]/expedite: error: is never looked at: clients[0] is the first entry of these names"}},
         {R"({"client": "a"})", R"({})", {}},
         {R"({"client": "A,b"})", R"({"client": "a"})", {none}},
         {R"({"client": "a"})",
@@ -155,12 +173,14 @@ TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
           "version: warning: absent: sessions end without naming the bag that configured them",
           "release: warning: absent: no configuration on the devices of ordinary users"}},
         {R"({"version": "1", "release": {"httpPots": {}, "uploadServer": {}, "httpPost": {"clients": []},
-             "dashboard": {"ip": "collector", "port": 65536}}})",
+             "dashboard": {"ip": "collector", "port": 65536, "reliable": {}}, "joulemark": true}})",
          {"release/dashboard/ip: error: \"collector\" is no IPv4 address: the backend is not made",
           "release/dashboard/port: error: 65536 is outside of 1 to 65535",
+          "release/dashboard/reliable: error: is a dictionary, should be: number; the period is 500 ms",
           "release/httpPost/clients: error: is empty: every session that requires user info is refused",
           "release/httpPots: error: the unknown key names no backend and is passed over; did you mean "
           "\"httpPost\"?",
+          "release/joulemark: error: is a boolean, should be: dictionary; the backend is made all the same",
           "release/uploadServer/post_url: error: absent: the backend is not made"}},
         {R"({"bag": "?", "Signature": "AAAA"})",
          {"Signature: error: the unknown key is ignored; did you mean \"signature\"?",

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// BackendRun: one real backend of a made-up session, to which reports are sent. The tool learns the fate of
+// reports from runs, never from rules of its own.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "backends/decision_trace.h"
+#include "telvora-bag/trial.h"
+
+namespace telvora::bag {
+
+class BackendRun final : private DecisionTrace {
+  public:
+    // `profile`: the section's value under `name`. Both must outlive the construction only.
+    BackendRun(const std::string& name, const PropertyList& profile, const Circumstances& circumstances);
+
+    // What the server gets with one post. Sizes are those of the body, in bytes.
+    struct Post {
+        const std::string& url;
+        std::span<const Dictionary> events;
+        size_t json = 0;
+        size_t sent = 0;
+    };
+    // Called with each post, which the server accepts. May be empty.
+    std::function<void(const Post& post)> onPost;
+    // Called for each key of a report that a filter removes or hashes. May be empty.
+    std::function<void(const std::string& key, const EventFilter& filter)> onFiltered;
+
+    // Null when the daemon would not make one.
+    const TelvoraBackend* backend() const { return backend_.get(); }
+    // Whether all reports go to the device's metrics adaptor, of which there is none here.
+    bool isHandedOn() const { return handedOn_; }
+
+    // Submits one report as a session does, a second after the one before.
+    void send(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload = {},
+              SendFlag flag = {});
+    void flush();
+    ReportTally tally() const { return backend_ ? backend_->reports().tally() : ReportTally(); }
+
+  private:
+    void decided(const std::string&, Decision, const Dictionary*, const ReportingPolicy&) override {}
+    void filtered(const std::string& backend, const std::string& key, const EventFilter& filter) override;
+    void leaving(const std::string& backend, std::span<const Dictionary> events) override;
+    void posted(const HttpRequest& request);
+
+    std::vector<Dictionary> leaving_;
+    Trial trial_;
+    const std::shared_ptr<TelvoraBackend> backend_;
+    const bool handedOn_;
+};
+
+// Why reports were lost, for people.
+std::string reasonOf(ReportPlace place);
+
+}  // namespace telvora::bag

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How values stand in messages for people.
+#pragma once
+
+#include <array>
+#include <charconv>
+#include <string>
+#include <string_view>
+
+namespace telvora::bag {
+
+// The shortest decimals that read back as the same number, so that different ones never look alike.
+inline std::string numberText(double number) {
+    std::array<char, 400> digits{};  // the least numbers have 324 zeros after the point
+    const auto [end, error] =
+        std::to_chars(digits.data(), digits.data() + digits.size(), number, std::chars_format::fixed);
+    return {digits.data(), end};
+}
+
+inline std::string inQuotes(std::string_view text) {
+    return "\"" + std::string(text) + "\"";
+}
+
+}  // namespace telvora::bag
