@@ -45,8 +45,9 @@
  *
  * A session with a telvora_message_handler also connects anew without a call, once it has lost a connection
  * and telvora_session_set_info() has told what it is: the sessions below it report without it meanwhile. It
- * tries at once, and while that fails again after 1 s, 2 s, 4 s and so on, at last every 10 minutes. Other
- * sessions, and this one before a loss and while it is connected, have no timer.
+ * tries at once after a connection that lasted a second, and while that fails again after 1 s, 2 s, 4 s and
+ * so on, at last every 10 minutes. Other sessions, and this one before a loss and while it is connected, have
+ * no timer.
  *
  * After fork(2), an inherited session is the parent's: in the child each of its calls returns
  * TELVORA_ERROR_FORKED, and telvora_session_free() does nothing. The child may open sessions of its own.

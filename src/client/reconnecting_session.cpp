@@ -64,6 +64,7 @@ bool ReconnectingSession::connect() {
     auto session = ClientSession::connect(runtime_, socketPath_, std::move(handlers), FullBacklog::kFails);
     if (!session) return false;
     link->session = std::move(*session);
+    link->since = clock_();
     link_ = link;
     retry_ = nullptr;
     return true;
@@ -155,19 +156,18 @@ void ReconnectingSession::send(Request request, AnswerHandler done) {
 // Everything that was called on the link, and has not been answered by now, never will be: this runs where
 // the answers run, and before the calls are told.
 void ReconnectingSession::connectionLost(const std::shared_ptr<Link>& link, const std::string& reason) {
+    const bool lasted = link->good && clock_() - link->since >= kRest;
     {
         const MutexLock lock(lock_);
         if (link_ != link) return;
         link_ = nullptr;
-        if (link->good) {
-            nextAttempt_ = {};
-            retryDelay_ = kRest;
-        }
+        if (link->good) nextAttempt_ = {};
+        if (lasted) retryDelay_ = kRest;
         link->ended = true;
         lostCalls_ += link->unanswered.load();
     }
     if (handlers_.connection) handlers_.connection(TELVORA_CONNECTION_LOST, lostCalls(), reason);
-    comeBack(link->good);
+    comeBack(lasted);
 }
 
 void ReconnectingSession::close() {

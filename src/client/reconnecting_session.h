@@ -21,8 +21,9 @@
 //   attempt has also failed when its connection ends before it has brought any answer: that is how the daemon
 //   turns a client away. After a connection that was good, the next call tries at once.
 // - A session with a message handler returns by itself when it has lost its connection, for its children
-//   report without it meanwhile: at once, and where that fails after 1 s, 2 s, 4 s and so on, up to
-//   kLongestRest. Any other session has no timer, nor has this one before a loss or while it is connected.
+//   report without it meanwhile: at once after a connection that was good for a second, and else, or where
+//   that fails, after 1 s, 2 s, 4 s and so on, up to kLongestRest. Any other session has no timer, nor has
+//   this one before a loss or while it is connected.
 // - The replay restores the session that the daemon had: setSessionInfo with the newest user info, and
 //   startConfig if that was asked for, whether or not these calls arrived. User info that was withdrawn stays
 //   withdrawn, and the session's first report has the user info of the call at hand. What that call tells
@@ -67,6 +68,7 @@ class ReconnectingSession final : public SessionTarget,
     // One connection.
     struct Link {
         std::shared_ptr<ClientSession> session;
+        std::chrono::steady_clock::time_point since;
         std::atomic<size_t> unanswered = 0;  // calls of the application
         std::atomic<bool> good = false;      // an answer has come
         bool started = false;                // startConfig was called; under lock_

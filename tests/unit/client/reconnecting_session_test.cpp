@@ -26,7 +26,7 @@ struct ReconnectingSessionTest : DaemonEnd {
         };
         if (aggregates) handlers.message = [](const AggregatedMessage&) {};
         session = std::make_shared<ReconnectingSession>(
-            runtime, socketPath, std::move(handlers), [this] { return now; },
+            runtime, socketPath, std::move(handlers), [this] { return now.load(); },
             [this](std::chrono::milliseconds delay, std::function<void()> due) {
                 const auto started = std::make_shared<int>();
                 timer = started;
@@ -84,7 +84,7 @@ struct ReconnectingSessionTest : DaemonEnd {
         return names;
     }
 
-    std::chrono::steady_clock::time_point now{1h};
+    std::atomic<std::chrono::steady_clock::time_point> now{std::chrono::steady_clock::time_point(1h)};
     std::shared_ptr<ReconnectingSession> session;
     std::weak_ptr<void> timer;  // the newest
 
@@ -118,10 +118,10 @@ struct ReconnectingSessionTest : DaemonEnd {
 TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsWhatItWasTold) {
     EXPECT_EQ(call(Step{kSetSessionInfo, 1}), TELVORA_ERROR_UNAVAILABLE);
     listen();
-    now += 999ms;
+    now = now.load() + 999ms;
     EXPECT_EQ(call(kStartConfig), TELVORA_ERROR_UNAVAILABLE);
     EXPECT_FALSE(accept());
-    now += 1ms;
+    now = now.load() + 1ms;
     std::future<Answer> answer;
     EXPECT_EQ(call(kSendMessage, &answer), TELVORA_OK);
     ASSERT_TRUE(accept());
@@ -145,7 +145,7 @@ TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt)
     for (std::future<Answer>& answer : answers)
         EXPECT_EQ(answer.get().status, TELVORA_ERROR_LOST);
     EXPECT_EQ(call(kSendMessage), TELVORA_ERROR_UNAVAILABLE);
-    now += ReconnectingSession::kRest;
+    now = now.load() + ReconnectingSession::kRest;
     EXPECT_EQ(call(kSendMessage, &answers[0]), TELVORA_OK);
     session->close();
     EXPECT_EQ(answers[0].get().status, TELVORA_ERROR_CLOSED);
@@ -228,11 +228,12 @@ TEST_F(ReconnectingSessionTest, ReturnsByItselfWhereItAggregates) {
         EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_RESTORED);
         EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig"));
     };
+    now = now.load() + 1s;
     hangUp();
     EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_LOST);
     expectReturn();
 
-    // Without a daemon it waits ever longer, and starts anew after a connection that was good.
+    // Without a daemon it waits ever longer, and starts anew after a connection that lasted.
     listener.reset();
     hangUp();
     EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_LOST);
@@ -260,6 +261,7 @@ TEST_F(ReconnectingSessionTest, ReturnsByItselfWhereItAggregates) {
 
     std::filesystem::remove(socketPath);
     listener.reset();
+    now = now.load() + 1s;
     hangUp();
     EXPECT_THAT(nextTimer(), Pair(1s, testing::_));
     session->close();
