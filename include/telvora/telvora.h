@@ -37,11 +37,17 @@
  *
  * The daemon may be absent, or go away: when it ends for want of work, crashes, is upgraded. No operation
  * waits for it. A session connects with its first call, and connects anew with the next call after its
- * connection was lost; it then tells the daemon again what telvora_session_set_info() and
- * telvora_session_start() last told. These two are kept even where they return TELVORA_ERROR_UNAVAILABLE. A
- * call that was lost is not sent again: nobody knows whether it was carried out. While the daemon can't be
- * reached, calls fail at once and without a system call but the clock's; a connection is tried at most once a
- * second.
+ * connection was lost; it then restores in the daemon what telvora_session_set_info(),
+ * telvora_session_start() and telvora_session_fetch_states() last told, even where they returned
+ * TELVORA_ERROR_UNAVAILABLE. User info that was withdrawn stays withdrawn. A call that was lost is not sent
+ * again: nobody knows whether it was carried out. While the daemon can't be reached, calls fail at once and
+ * without a system call but the clock's; calls try a connection at most once a second.
+ *
+ * A session with a telvora_message_handler also connects anew without a call, once it has lost a connection
+ * and telvora_session_set_info() has told what it is: the sessions below it report without it meanwhile. It
+ * tries at once after a connection that lasted a second, and while that fails again after 1 s, 2 s, 4 s and
+ * so on, at last every 10 minutes. Other sessions, and this one before a loss and while it is connected, have
+ * no timer.
  *
  * After fork(2), an inherited session is the parent's: in the child each of its calls returns
  * TELVORA_ERROR_FORKED, and telvora_session_free() does nothing. The child may open sessions of its own.
@@ -75,7 +81,9 @@ typedef enum telvora_status {
     TELVORA_OK = 0,
     TELVORA_ERROR_INVALID = 1,     /* the arguments can't be sent, or the answer can't be read */
     TELVORA_ERROR_UNAVAILABLE = 2, /* the daemon can't be reached; nothing was sent */
-    TELVORA_ERROR_LOST = 3,        /* the connection ended before the answer; the call may have been done */
+    TELVORA_ERROR_LOST = 3,        /* the connection ended before the answer; the call may have been done.
+                                      The answer's message names the usual causes where the daemon turned the
+                                      program away: see telvorad.entitlements(5) */
     TELVORA_ERROR_BUSY = 4,        /* 16384 calls of the session wait for their answer; nothing was sent */
     TELVORA_ERROR_REFUSED = 5,     /* the daemon answered with an error; the answer's message has its text */
     TELVORA_ERROR_FILE = 6,        /* the file can't be opened; errno says why */
@@ -190,7 +198,7 @@ typedef void (*telvora_message_handler)(void* context, const telvora_value* sess
                                         uint16_t category, uint16_t type, const telvora_value* payload);
 
 typedef enum telvora_connection_event {
-    TELVORA_CONNECTION_LOST = 1,    /* the connection has ended; the next call makes a new one */
+    TELVORA_CONNECTION_LOST = 1,    /* the connection has ended */
     TELVORA_CONNECTION_RESTORED = 2 /* the daemon has been told anew what the session is */
 } telvora_connection_event;
 
@@ -244,12 +252,14 @@ TELVORA_API telvora_status telvora_session_set_info(telvora_session* session,
                                                     const char* const* frameworks, size_t count,
                                                     telvora_completion completion, void* context);
 
-/* Has the daemon configure the session. Answer: the names of the backends that report, an array of strings;
- * nothing when there is no configuration for this session's client type. */
+/* Has the daemon configure the session. Answer: the names of the backends that report or have sampled
+ * themselves out, an array of strings; nothing when there is no configuration for this session's client type.
+ * A session that is configured already is flushed first, since the daemon makes its backends anew. */
 TELVORA_API telvora_status telvora_session_start(telvora_session* session, telvora_completion completion,
                                                  void* context);
 
-/* Tells new user info, or NULL. Answer: as that of telvora_session_start(). */
+/* Tells new user info; NULL withdraws it, but from a session with kTelvoraSessionInfoRequireUserInfo, which
+ * keeps what it has. Answer: as that of telvora_session_start(). */
 TELVORA_API telvora_status telvora_session_fetch_states(telvora_session* session,
                                                         const telvora_value* user_info,
                                                         telvora_completion completion, void* context);
@@ -271,7 +281,9 @@ TELVORA_API telvora_status telvora_session_send_dictionary(telvora_session* sess
                                                            telvora_completion completion, void* context);
 
 /* Has the backends send what they hold back. Answer: a backend's, a string or nothing, with an error where
- * one failed or had nothing to flush. A session whose configuration has no backends is never answered. */
+ * one failed or had nothing to flush, or where the configuration names no backends: "The session's bag names
+ * no backends". Of the last, a session of a level above 0 in its hierarchy is not told: then there is no
+ * answer. */
 TELVORA_API telvora_status telvora_session_flush(telvora_session* session, telvora_completion completion,
                                                  void* context);
 

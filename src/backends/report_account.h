@@ -42,8 +42,8 @@ enum class ReportPlace : uint8_t {
     sessionEnded,    // held by a backend when that ended
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
-    tooManyPending,  // too many requests or uploads were under way
-    noConnection,    // the server could not be reached
+    tooManyPending,  // too many requests or uploads were under way; of a copy: too many were unread
+    noConnection,    // the server, or the client that was to have a copy, could not be reached
     noAnswer,        // the server may or may not have it
     rejected,        // the server's answer was neither 2xx nor 5xx; of a file: not "success"
     serverError,     // the server's answer was 5xx
@@ -118,12 +118,13 @@ class ReportLedger {
 // way, and what failed; not what the configuration or the user kept back.
 uint64_t failedOrPending(const ReportTally& tally);
 
-// The accounts of one client: by backend, and two more. They stay when the client's backends are made anew.
+// The accounts of one client: by backend, and three more. They stay when the client's backends are made anew.
 // With them goes the user whose quotas the client's reports count against.
 class ClientAccounts {
   public:
     static constexpr char kNoBackend[] = "none";  // of the reports that reach no backend
     static constexpr char kUploads[] = "uploads";
+    static constexpr char kAggregator[] = "aggregator";  // of the copies for the client's aggregation block
 
     explicit ClientAccounts(ReportLedger& ledger, QuotaUser user = {})
         : ledger_(ledger), user_(std::move(user)) {}

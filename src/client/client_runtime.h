@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <asio/steady_timer.hpp>
+#include <chrono>
 #include <csignal>
+#include <functional>
 #include <memory>
 
 #include "platform/work_pool.h"
@@ -29,6 +32,17 @@ class ClientRuntime {
             pool_ = std::make_unique<WorkPool>(1);
         }
         return pool_->makeStrand();
+    }
+
+    // Runs `due` once after `delay`, on the thread, unless the timer that it returns has been given up by
+    // then.
+    std::shared_ptr<void> startTimer(std::chrono::milliseconds delay, std::function<void()> due)
+        TELVORA_EXCLUDES(lock_) {
+        auto timer = std::make_shared<asio::steady_timer>(makeStrand(), delay);
+        timer->async_wait([due = std::move(due)](const asio::error_code& error) {
+            if (!error) due();
+        });
+        return timer;
     }
 
   private:

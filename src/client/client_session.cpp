@@ -24,7 +24,6 @@ size_t index(SessionMethod method) {
 constexpr auto kNoArguments = [](ArgumentWriter&) {};
 constexpr auto kReadString = [](ArgumentReader& in) { return in.string(); };
 constexpr auto kReadOptionalString = [](ArgumentReader& in) { return in.optionalString(); };
-constexpr auto kReadStates = [](ArgumentReader& in) { return in.optionalStrings(); };
 
 tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
     const auto failure = [&path](int error) {
@@ -113,6 +112,9 @@ void ClientSession::invalidate() {
 
 void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                    std::vector<std::string> frameworksToCheck, Completion<void> completion) {
+    const Dictionary* token = sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken);
+    connection_->setFollowsParent(token != nullptr &&
+                                  token->integer(kTelvoraHierarchyTokenLevel).value_or(0) != 0);
     {
         const MutexLock lock(lock_);
         sessionInfo_ = sessionInfo;
@@ -132,15 +134,14 @@ void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Diction
 }
 
 void ClientSession::startConfig(Completion<ReportingStates> completion) {
-    connection_->call(clientSessionBusInterface(), index(SessionMethod::kStartConfig), kNoArguments,
-                      kReadStates, std::move(completion));
+    connection_->callForStates(SessionMethod::kStartConfig, kNoArguments, std::move(completion));
 }
 
 void ClientSession::fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kFetchStates),
+    connection_->callForStates(
+        SessionMethod::kFetchStates,
         [userInfo = std::move(userInfo)](ArgumentWriter& out) { out.optionalDictionary(userInfo); },
-        kReadStates, std::move(completion));
+        std::move(completion));
 }
 
 void ClientSession::fetchDisplayURL(Completion<std::string> completion) {
@@ -168,15 +169,7 @@ void ClientSession::sendMessage(Dictionary message, Completion<std::optional<std
 }
 
 void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kFlushMessages), kNoArguments,
-        [](ArgumentReader& in) {
-            FlushAnswer answer;
-            answer.answer = in.optionalString();
-            answer.error = in.optionalError();
-            return answer;
-        },
-        std::move(completion));
+    connection_->flush(std::move(completion));
 }
 
 void ClientSession::finishSession(Completion<std::optional<std::string>> completion) {
@@ -223,8 +216,9 @@ void ClientSession::sendSingleMessage(Dictionary sessionInfo, std::optional<Dict
                                       Completion<std::string> completion) {
     connection_->call(
         clientSessionBusInterface(), index(SessionMethod::kSendMessageWithSessionInfo),
-        [sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo), category, type,
-         payload = std::move(payload)](ArgumentWriter& out) {
+        [connection = connection_, sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo),
+         category, type, payload = std::move(payload)](ArgumentWriter& out) {
+            connection->changeStates();
             out.dictionary(sessionInfo);
             out.optionalDictionary(userInfo);
             out.u16(category);

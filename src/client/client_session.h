@@ -124,6 +124,8 @@ class ClientSession {
     void sendMessage(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                      Completion<std::optional<std::string>> completion);
     void sendMessage(Dictionary message, Completion<std::optional<std::string>> completion);
+    // Where the session's bag names no backends, which the daemon doesn't answer, the error is
+    // FlushWatch::kNoBackends (flush_watch.h); below another session of a hierarchy there is no answer then.
     void flushMessages(Completion<FlushAnswer> completion);
     void finishSession(Completion<std::optional<std::string>> completion);
     // The token under which the daemon may read `file`, which the client has open at `path`.

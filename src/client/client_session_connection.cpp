@@ -1,10 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/client_session_connection.h"
 
-#include "protocol/client_session_wire.h"
 #include "util/log.h"
 
 namespace telvora {
+
+namespace {
+
+// How the daemon turns a client away.
+constexpr char kTurnedAway[] =
+    "the daemon closed the connection without an answer: most likely this program is not entitled "
+    "(telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
+
+}  // namespace
 
 tl::expected<void, std::string> ClientSession::Connection::start(UniqueFd socket) {
     const auto bus = BusConnection::make(strand_, std::move(socket), BusRole::kClient);
@@ -27,7 +35,39 @@ void ClientSession::Connection::invalidate() {
 
 void ClientSession::Connection::ended(const std::string& reason) {
     bus_ = nullptr;
-    if (!invalidated_ && handlers_.connectionLost) handlers_.connectionLost(reason);
+    const bool turnedAway = !answered_ && !invalidated_;
+    if (turnedAway) *loss_ = kTurnedAway;
+    if (!invalidated_ && handlers_.connectionLost) handlers_.connectionLost(turnedAway ? *loss_ : reason);
+}
+
+void ClientSession::Connection::flush(Completion<FlushAnswer> completion) {
+    const auto number = std::make_shared<size_t>(0);
+    const std::weak_ptr<FlushWatch::Flush> flush = call<FlushAnswer>(
+        clientSessionBusInterface(), static_cast<size_t>(SessionMethod::kFlushMessages),
+        [self = shared_from_this(), number](ArgumentWriter&) { *number = self->flushes_.newestStates(); },
+        [](ArgumentReader& in) {
+            FlushAnswer answer;
+            answer.answer = in.optionalString();
+            answer.error = in.optionalError();
+            return answer;
+        },
+        std::move(completion));
+    asio::post(strand_, [self = shared_from_this(), number, flush] {
+        self->flushes_.add(flush, *number);
+        self->probeFlushes();
+    });
+}
+
+void ClientSession::Connection::probeFlushes() {
+    if (followsParent_) return;
+    FlushWatch::Suspects suspects = flushes_.takeSuspects();
+    if (suspects.empty()) return;
+    call<std::string>(
+        clientSessionBusInterface(), static_cast<size_t>(SessionMethod::kFetchDisplayURL),
+        [](ArgumentWriter&) {}, [](ArgumentReader& in) { return in.string(); },
+        [suspects = std::move(suspects)](const auto& answer) {
+            if (answer) FlushWatch::convict(suspects);
+        });
 }
 
 BusMessage ClientSession::Connection::newCall(const BusInterface& interface, size_t method) {
@@ -42,6 +82,7 @@ void ClientSession::Connection::send(BusMessage message, BusConnection::ReplyHan
 }
 
 std::optional<BusError> ClientSession::Connection::messageToClient(BusMessage& call) {
+    answered_ = true;
     ArgumentReader in(call);
     AggregatedMessage message;
     message.sessionInfo = in.optionalDictionary();

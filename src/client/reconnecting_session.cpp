@@ -1,16 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/reconnecting_session.h"
 
+#include <algorithm>
+
 #include "client/fork_lock.h"
+#include "telvora/keys.h"
 
 namespace telvora {
 
 ReconnectingSession::ReconnectingSession(ClientRuntime& runtime, std::string socketPath, Handlers handlers,
-                                         Clock clock)
+                                         Clock clock, StartTimer startTimer)
     : runtime_(runtime),
       socketPath_(std::move(socketPath)),
       handlers_(std::move(handlers)),
-      clock_(std::move(clock)) {}
+      clock_(std::move(clock)),
+      startTimer_(startTimer ? std::move(startTimer)
+                             : [&runtime](std::chrono::milliseconds delay, std::function<void()> due) {
+                                   return runtime.startTimer(delay, std::move(due));
+                               }) {}
 
 ReconnectingSession::~ReconnectingSession() {
     ReconnectingSession::close();
@@ -19,24 +26,27 @@ ReconnectingSession::~ReconnectingSession() {
 telvora_status ReconnectingSession::call(Request request, AnswerHandler done) {
     const MutexLock lock(lock_);
     const bool fresh = link_ == nullptr;
-    const bool connected = !fresh || connect();
+    const bool connected = !fresh || connectForCall();
     if (connected && link_->unanswered.load() >= ClientSession::kMaxPendingCalls) return TELVORA_ERROR_BUSY;
 
     const bool tells = request.operation == Operation::kSetSessionInfo;
     const bool starts = request.operation == Operation::kStartConfig;
-    if (connected && fresh) replay(!tells, !tells && !starts);
     remember(request);
     if (!connected) return TELVORA_ERROR_UNAVAILABLE;
+    if (fresh) replay(!tells, !tells && !starts);
     send(std::move(request), std::move(done));
     if (fresh && tells) replay(false, true);
     return TELVORA_OK;
 }
 
-bool ReconnectingSession::connect() {
+bool ReconnectingSession::connectForCall() {
     const auto now = clock_();
     if (now < nextAttempt_) return false;
     nextAttempt_ = now + kRest;
+    return connect();
+}
 
+bool ReconnectingSession::connect() {
     const auto link = std::make_shared<Link>();
     ClientSession::Handlers handlers;
     if (handlers_.message) {
@@ -54,21 +64,50 @@ bool ReconnectingSession::connect() {
     auto session = ClientSession::connect(runtime_, socketPath_, std::move(handlers), FullBacklog::kFails);
     if (!session) return false;
     link->session = std::move(*session);
+    link->since = clock_();
     link_ = link;
+    retry_ = nullptr;
     return true;
 }
 
+// Calls meanwhile try on their own, so that they find a new daemon as soon as ever.
+void ReconnectingSession::comeBack(bool atOnce) {
+    const MutexLock lock(lock_);
+    if (link_ || closed_ || !handlers_.message || !info_) return;
+    if (atOnce && connect()) return replay(true, true);
+    retry_ = startTimer_(retryDelay_, [self = weak_from_this()] {
+        if (const auto still = self.lock()) still->comeBack(true);
+    });
+    retryDelay_ = std::min<std::chrono::milliseconds>(2 * retryDelay_, kLongestRest);
+}
+
 void ReconnectingSession::remember(const Request& request) {
-    if (request.operation == Operation::kSetSessionInfo) {
-        info_.emplace();
-        info_->sessionInfo = request.sessionInfo;
-        info_->userInfo = request.userInfo;
-        info_->frameworksToCheck = request.frameworksToCheck;
+    switch (request.operation) {
+        case Operation::kSetSessionInfo:
+            info_.emplace();
+            info_->sessionInfo = request.sessionInfo;
+            info_->userInfo = request.userInfo;
+            info_->frameworksToCheck = request.frameworksToCheck;
+            requiresUserInfo_ = request.sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo);
+            break;
+        case Operation::kStartConfig:
+            started_ = true;
+            break;
+        case Operation::kFetchStates:
+            rememberUserInfo(request.userInfo);
+            break;
+        case Operation::kSendSingleMessage:
+            requiresUserInfo_ = request.sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo);
+            rememberUserInfo(request.userInfo);
+            break;
+        default:
+            break;
     }
-    if (request.operation == Operation::kStartConfig) started_ = true;
-    if (request.operation == Operation::kFetchStates && request.userInfo && info_) {
-        info_->userInfo = request.userInfo;
-    }
+}
+
+// As the daemon does: a session that requires user info keeps what it has when it is told that there is none.
+void ReconnectingSession::rememberUserInfo(const std::optional<Dictionary>& userInfo) {
+    if (info_ && (userInfo || !requiresUserInfo_)) info_->userInfo = userInfo;
 }
 
 void ReconnectingSession::replay(bool info, bool start) {
@@ -88,10 +127,15 @@ void ReconnectingSession::replay(bool info, bool start) {
         if (!start) told = restored;
         session.setSessionInfo(info_->sessionInfo, info_->userInfo, info_->frameworksToCheck, told);
     }
-    if (start) session.startConfig(restored);
+    if (start) {
+        link_->started = true;
+        session.startConfig(restored);
+    }
 }
 
 void ReconnectingSession::send(Request request, AnswerHandler done) {
+    if (request.operation == Operation::kStartConfig && std::exchange(link_->started, true))
+        link_->session->flushMessages({});
     ++link_->unanswered;
     carryOut(link_->session, std::move(request),
              [self = weak_from_this(), link = link_, done = std::move(done)](Answer answer) {
@@ -112,20 +156,24 @@ void ReconnectingSession::send(Request request, AnswerHandler done) {
 // Everything that was called on the link, and has not been answered by now, never will be: this runs where
 // the answers run, and before the calls are told.
 void ReconnectingSession::connectionLost(const std::shared_ptr<Link>& link, const std::string& reason) {
+    const bool lasted = link->good && clock_() - link->since >= kRest;
     {
         const MutexLock lock(lock_);
         if (link_ != link) return;
         link_ = nullptr;
         if (link->good) nextAttempt_ = {};
+        if (lasted) retryDelay_ = kRest;
         link->ended = true;
         lostCalls_ += link->unanswered.load();
     }
     if (handlers_.connection) handlers_.connection(TELVORA_CONNECTION_LOST, lostCalls(), reason);
+    comeBack(lasted);
 }
 
 void ReconnectingSession::close() {
     closed_ = true;
     const MutexLock lock(lock_);
+    retry_ = nullptr;
     if (link_) link_->session->invalidate();
 }
 

@@ -18,16 +18,20 @@ namespace telvora {
 
 namespace {
 
+constexpr char kEnded[] = "the connection has ended";
+
 struct MessageToClient {
-    std::optional<Dictionary> sessionInfo;
+    std::shared_ptr<const Dictionary> sessionInfo;
     double timestamp = 0;
     uint16_t category = 0;
     uint16_t type = 0;
     std::optional<Dictionary> payload;
+    DeliveryReply done;
+    size_t size = 0;  // on the wire, about
 
-    size_t size() const {
+    void measure() {
         constexpr size_t kRest = 128;  // header and plain arguments
-        return kRest + (sessionInfo ? wireSize(*sessionInfo) : 0) + (payload ? wireSize(*payload) : 0);
+        size = kRest + (sessionInfo ? wireSize(*sessionInfo) : 0) + (payload ? wireSize(*payload) : 0);
     }
 };
 
@@ -60,19 +64,22 @@ class BusClientConnection : public ClientConnection,
 
     void resume() override;
     void invalidate() override;
-    void sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
-                             uint16_t type, std::optional<Dictionary> payload) override;
+    void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
+                             uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                             DeliveryReply done) override;
 
   private:
     void begin();
     tl::expected<void, std::string> exportInterfaces(BusConnection& bus);
     void ended(const std::string& reason);
     void gone();
-    std::optional<std::string> enqueue(MessageToClient message) TELVORA_EXCLUDES(outboxLock_);
-    std::deque<MessageToClient> takeOutbox() TELVORA_EXCLUDES(outboxLock_);
+    std::optional<Delivery> enqueue(MessageToClient& message) TELVORA_EXCLUDES(outboxLock_);
+    std::optional<MessageToClient> takeFromOutbox() TELVORA_EXCLUDES(outboxLock_);
     void drainOutbox() TELVORA_EXCLUDES(outboxLock_);
-    static tl::expected<void, std::string> deliver(BusConnection& bus, const MessageToClient& message);
-    static void logUndelivered(const std::string& reason);
+    void emptyOutbox() TELVORA_EXCLUDES(outboxLock_);
+    void deliver(const MessageToClient& message);
+    static tl::expected<void, std::string> write(BusConnection& bus, const MessageToClient& message);
+    static void drop(const MessageToClient& message, Delivery why, const char* reason);
 
     const Strand strand_;
     const std::string description_;
@@ -84,10 +91,12 @@ class BusClientConnection : public ClientConnection,
     std::shared_ptr<BusConnection> starting_;  // until resume()
     std::string failure_;                      // why there is none
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
+    const char* whyUnreachable_ = kEnded;      // when bus_ is null
 
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
     size_t outboxBytes_ TELVORA_GUARDED_BY(outboxLock_) = 0;
+    QuotaHold outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
     bool ended_ TELVORA_GUARDED_BY(outboxLock_) = false;
 };
 
@@ -105,6 +114,7 @@ void BusClientConnection::begin() {
         return gone();
     }
     bus_ = bus.get();
+    bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });
 }
@@ -125,21 +135,25 @@ void BusClientConnection::invalidate() {
     });
 }
 
-// The session may send its last message while it is given up, so the outbox is emptied once more after that;
-// from then on there is nobody to send to.
+// The session sends its last messages while it is given up, so the outbox is emptied once more after that;
+// from then on there is nobody to send to. A client that has left misses them, and the log says why.
 void BusClientConnection::ended(const std::string& reason) {
     TELVORA_LOG(kLogDebug, "ClientConnection(ended): %s: %s", description_.c_str(), reason.c_str());
     const LogScope onBehalfOfUser(targets_.user.logAdmission());
+    if (bus_ != nullptr && !bus_->isOpen()) {
+        bus_ = nullptr;
+        whyUnreachable_ = "the client has left, which is no error where it has ended its session";
+    }
     targets_.session.reset();
     targets_.issuer.reset();
     if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
-    drainOutbox();
+    emptyOutbox();
     bus_ = nullptr;
     {
         const MutexLock lock(outboxLock_);
         ended_ = true;
     }
-    drainOutbox();
+    emptyOutbox();
 }
 
 void BusClientConnection::gone() {
@@ -148,53 +162,76 @@ void BusClientConnection::gone() {
 
 // --- Calls to the client ---
 
-void BusClientConnection::sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp,
+void BusClientConnection::sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
                                               uint16_t category, uint16_t type,
-                                              std::optional<Dictionary> payload) {
-    const auto refused = enqueue({std::move(sessionInfo), timestamp, category, type, std::move(payload)});
-    if (refused) return logUndelivered(*refused);
+                                              std::optional<Dictionary> payload, DeliveryReply done) {
+    MessageToClient message{std::move(sessionInfo), timestamp,      category, type,
+                            std::move(payload),     std::move(done)};
+    message.measure();
+    if (const auto refused = enqueue(message)) {
+        const bool ended = *refused == Delivery::unreachable;
+        return drop(message, *refused, ended ? kEnded : "too many messages are waiting");
+    }
     // What a client's own operation brings it goes out before the operation's answer.
     if (strand_.running_in_this_thread()) drainOutbox();
 }
 
 // Always by way of the outbox, from the strand as well, so that messages keep the order they were sent in.
-std::optional<std::string> BusClientConnection::enqueue(MessageToClient message) {
-    const size_t size = message.size();
+// Takes the message, or says why not.
+std::optional<Delivery> BusClientConnection::enqueue(MessageToClient& message) {
+    const size_t size = message.size;
     const MutexLock lock(outboxLock_);
-    if (ended_) return "the connection has ended";
-    if (outbox_.size() >= kMaxOutboxMessages || outboxBytes_ + size > kMaxOutboxBytes) {
-        return "too many messages are waiting";
-    }
+    if (ended_) return Delivery::unreachable;
+    if (outbox_.size() >= kMaxOutboxMessages || outboxBytes_ + size > kMaxOutboxBytes)
+        return Delivery::tooMuchUnread;
+    if (!targets_.user.take(Quota::unreadBytes, size, outboxRoom_)) return Delivery::overQuota;
     outbox_.push_back(std::move(message));
     outboxBytes_ += size;
     if (outbox_.size() == 1) asio::post(strand_, [self = shared_from_this()] { self->drainOutbox(); });
     return std::nullopt;
 }
 
-std::deque<MessageToClient> BusClientConnection::takeOutbox() {
+std::optional<MessageToClient> BusClientConnection::takeFromOutbox() {
     const MutexLock lock(outboxLock_);
-    outboxBytes_ = 0;
-    return std::exchange(outbox_, {});
+    if (outbox_.empty()) return std::nullopt;
+    MessageToClient message = std::move(outbox_.front());
+    outbox_.pop_front();
+    outboxBytes_ -= message.size;
+    outboxRoom_.resize(outboxBytes_);
+    return message;
 }
 
+// As far as the client reads; the bus says when it goes on.
 void BusClientConnection::drainOutbox() {
     const LogScope onBehalfOfUser(targets_.user.logAdmission());
-    for (const MessageToClient& message : takeOutbox()) {
-        const auto sent = bus_ != nullptr
-                              ? deliver(*bus_, message)
-                              : tl::expected<void, std::string>(tl::unexpect, "the connection has ended");
-        if (!sent) logUndelivered(sent.error());
+    while (bus_ != nullptr && !bus_->outputCongested()) {
+        const auto message = takeFromOutbox();
+        if (!message) return;
+        deliver(*message);
     }
 }
 
-tl::expected<void, std::string> BusClientConnection::deliver(BusConnection& bus,
-                                                             const MessageToClient& message) {
+// At the end: the bus lets the client read all that it has taken by then.
+void BusClientConnection::emptyOutbox() {
+    while (const auto message = takeFromOutbox())
+        deliver(*message);
+}
+
+void BusClientConnection::deliver(const MessageToClient& message) {
+    if (bus_ == nullptr) return drop(message, Delivery::unreachable, whyUnreachable_);
+    if (const auto written = write(*bus_, message); !written)
+        return drop(message, Delivery::unreachable, written.error().c_str());
+    if (message.done) message.done(Delivery::handedOver);
+}
+
+tl::expected<void, std::string> BusClientConnection::write(BusConnection& bus,
+                                                           const MessageToClient& message) {
     static const BusInterface& interface = clientSessionReplyBusInterface();
     BusMessage call =
         bus.newCall(kTelvoradClientPath, interface.name().c_str(), interface.methods()[0].name.c_str());
     if (call) {
         ArgumentWriter out(call);
-        out.optionalDictionary(message.sessionInfo);
+        out.optionalDictionary(message.sessionInfo.get());
         out.real(message.timestamp);
         out.u16(message.category);
         out.u16(message.type);
@@ -204,9 +241,9 @@ tl::expected<void, std::string> BusClientConnection::deliver(BusConnection& bus,
     return bus.sendOneWay(std::move(call));
 }
 
-void BusClientConnection::logUndelivered(const std::string& reason) {
-    TELVORA_LOG(kLogError, "sendMessageWithDictionary: Failed to get remote object proxy: %s",
-                reason.c_str());
+void BusClientConnection::drop(const MessageToClient& message, Delivery why, const char* reason) {
+    TELVORA_LOG(kLogError, "sendMessageWithDictionary: Failed to get remote object proxy: %s", reason);
+    if (message.done) message.done(why);
 }
 
 }  // namespace

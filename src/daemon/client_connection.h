@@ -27,8 +27,9 @@ namespace telvora {
 
 class ClientConnection : public ClientSessionReplyInterface {
   public:
-    // Messages to the client that wait for the strand, which a session's operation may be blocking.
-    static constexpr size_t kMaxOutboxMessages = 1024;
+    // Messages to the client that wait for the strand, which a session's operation may be blocking, or for
+    // the client to read what BusLimits lets wait before them. They count in their user's Quota::unreadBytes.
+    static constexpr size_t kMaxOutboxMessages = 8192;
     static constexpr size_t kMaxOutboxBytes = size_t{4} << 20;
 
     // Takes over a connected stream socket. `description` names the peer in log lines. Nothing is read yet.

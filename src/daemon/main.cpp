@@ -121,6 +121,7 @@ void logLosses(const ReportLedger& ledger) {
     uint64_t accepted = 0;
     uint64_t lost = 0;
     for (const auto& [name, tally] : ledger.totals()) {
+        if (name == ClientAccounts::kAggregator) continue;  // the reports themselves are counted elsewhere
         accepted += tally.accepted;
         lost += failedOrPending(tally);
     }

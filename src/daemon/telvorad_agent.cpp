@@ -25,6 +25,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
                     "listener: new XPC connection %s does not have required telvora entitlement. Closing "
                     "connection...",
                     connection->description().c_str());
+        refusals_.notEntitled(peer);
         return false;
     }
     const auto connected = std::make_shared<QuotaHold>();

@@ -23,6 +23,7 @@
 
 #include "config/storebag_fetcher.h"
 #include "daemon/client_connection.h"
+#include "daemon/refusal_log.h"
 #include "platform/entitlements.h"
 #include "platform/keep_alive_transaction.h"
 #include "platform/peer.h"
@@ -132,6 +133,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
                                                                          const SessionList& sessions);
 
     const AgentServices services_;
+    RefusalLog refusals_;
 
     std::atomic<size_t> sessionsAlive_{0};
 

@@ -133,7 +133,6 @@ BusMessage BusConnection::newCall(const char* path, const char* interface, const
 
 tl::expected<void, std::string> BusConnection::sendOneWay(BusMessage call) {
     if (!isOpen() || !call) return tl::unexpected(std::string("the connection has ended"));
-    if (outputCongested()) return tl::unexpected(std::string("the peer has left too much unread"));
     int result = sd_bus_message_set_expect_reply(call.get(), false);
     if (result >= 0) result = send(call);
     carryOn();
@@ -192,6 +191,13 @@ void BusConnection::noteQueued(size_t bytes) {
     queuedSizes_.push_back(bytes);
     queuedBytes_ += bytes;
     forgetWritten();
+    congested_ = congested_ || outputCongested();
+}
+
+void BusConnection::tellUncongested() {
+    if (!congested_ || outputCongested()) return;
+    congested_ = false;
+    if (uncongested_) uncongested_();
 }
 
 void BusConnection::forgetWritten() {

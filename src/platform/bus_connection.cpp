@@ -133,6 +133,8 @@ int BusConnection::processOne() {
     } else if (!isOpen()) {
         end("the peer has closed the connection");
         return -ENOTCONN;
+    } else {
+        tellUncongested();
     }
     return result;
 }
@@ -283,6 +285,7 @@ void BusConnection::drop() {
     pendingCalls_.clear();
     filter_.reset();
     exports_.clear();
+    uncongested_ = nullptr;
     bus_.reset();
     if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }

@@ -57,8 +57,8 @@ struct BusLimits {
     // checked in between: a peer that writes as fast as it is read from can get more in, though never more
     // than the 128 MiB at which sd-bus itself ends the connection.
     size_t messageSize = size_t{16} << 20;
-    // Outgoing bytes and messages that wait for the peer to read. Beyond either, sendOneWay() refuses and a
-    // server's input rests.
+    // Outgoing bytes and messages that wait for the peer to read. Beyond either, the output is congested: a
+    // server's input rests, and one-way calls should.
     size_t queuedBytes = size_t{1} << 20;
     size_t queuedMessages = 1024;
     // Calls of the peer that wait for their answer. Beyond it, a server's input rests.
@@ -114,8 +114,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     tl::expected<void, std::string> exportInterface(const char* path, const BusInterface& interface,
                                                     std::vector<MethodHandler> handlers);
 
+    // Runs whenever the output is no longer congested. Before start().
+    void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
     // Begins. The connection keeps itself alive until the socket is closed; `gone`, if there is one, runs
-    // then. Both handlers are given up afterwards.
+    // then. All handlers are given up afterwards.
     void start(ClosedHandler closed, std::function<void()> gone = {});
     // Ends the connection; the closed handler runs before this returns, or, called from within a handler,
     // right after that handler. Idempotent. A server's peer gets to read all that it was sent, and finds the
@@ -130,13 +132,12 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     // A call to the peer; nothing when the connection has ended or memory has.
     BusMessage newCall(const char* path, const char* interface, const char* method);
-    // Sends without expecting an answer. Fails with the reason when the connection has ended or the peer has
-    // left too much unread.
+    // Sends without expecting an answer, whether or not the output is congested. Fails with the reason when
+    // the connection has ended.
     tl::expected<void, std::string> sendOneWay(BusMessage call);
-    // Sends and waits for the answer, without limit. Fails likewise, except that a full queue does not
-    // refuse.
+    // Sends and waits for the answer, without limit. Fails likewise.
     tl::expected<void, std::string> call(BusMessage call, ReplyHandler handler);
-    // Whether the peer has left so much unread that sendOneWay() refuses.
+    // Whether the peer has left more unread than BusLimits has it.
     bool outputCongested() const;
 
     const Strand& strand() const { return strand_; }
@@ -197,6 +198,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void carryOn();
     void noteQueued(size_t bytes);
     void forgetWritten();
+    void tellUncongested();
     size_t queuedMessages() const;
     bool canWrite() const;
 
@@ -213,6 +215,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::optional<asio::steady_timer::time_point> authenticationDeadline_;
     ClosedHandler closed_;
     std::function<void()> gone_;
+    std::function<void()> uncongested_;
 
     bool waiting_[kWaits] = {};
     bool pumping_ = false;
@@ -225,6 +228,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     size_t bytesOfPartialMessage_ = 0;
     std::deque<size_t> queuedSizes_;  // of the newest messages in sd-bus's queue
     size_t queuedBytes_ = 0;
+    bool congested_ = false;  // since uncongested_ last ran
     std::unordered_map<uint64_t, BusMessage> pendingCalls_;
     uint64_t lastCallId_ = 0;
 };

@@ -19,6 +19,7 @@ constexpr std::array<QuotaRule, kQuotas> kRules = {{
     {"sessions", "maxSessionsPerUser", 1000},
     // Half of what the HTTP client takes for one server (http_client.h): the other half is for the others.
     {"pendingBytes", "maxPendingBytesPerUser", uint64_t{16} << 20},
+    {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
     {"extensionTokens", "maxExtensionTokensPerUser", 512},
     // Half of what the journal takes of one service, journald.conf(5), likewise.
     {"logLines", "maxLogLinesPerUser", 10'000},

@@ -37,6 +37,7 @@ enum class Quota : uint8_t {
     connections,      // to either socket, until both ends have let go of them
     sessions,         // whose connection is valid
     pendingBytes,     // of reports that wait in a batch or for a server's answer
+    unreadBytes,      // of messages that wait for the user's clients to read those before them
     extensionTokens,  // that are unused; each holds a descriptor
     logLines,         // in a minute, above the debug level, on behalf of the user's clients
 };

@@ -42,13 +42,17 @@ void ArgumentWriter::file(int fd) {
 // --- A value or nothing ---
 
 template <typename Value, typename Write>
-void ArgumentWriter::optional(const char* element, const std::optional<Value>& value, Write write) {
+void ArgumentWriter::optional(const char* element, const Value& value, Write write) {
     open('a', element);
     if (value) write(*value);
     close();
 }
 
 void ArgumentWriter::optionalDictionary(const std::optional<Dictionary>& value) {
+    optional("a{sv}", value, [this](const Dictionary& present) { dictionary(present); });
+}
+
+void ArgumentWriter::optionalDictionary(const Dictionary* value) {
     optional("a{sv}", value, [this](const Dictionary& present) { dictionary(present); });
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,16 +49,26 @@ class ClientSessionInterface {
                                             std::optional<Dictionary> payload, StringReply reply) = 0;
 };
 
+// What became of a message to the client.
+enum class Delivery {
+    handedOver,     // to the client's socket, or to the little that waits right behind it
+    tooMuchUnread,  // dropped: the client has left too much unread
+    overQuota,      // dropped: the client's user has left too much unread with all its clients
+    unreachable,    // dropped: the connection has ended
+};
+using DeliveryReply = std::function<void(Delivery delivery)>;
+
 // The one operation that a client offers the daemon. One-way: it does not wait for the client.
 class ClientSessionReplyInterface {
   public:
     virtual ~ClientSessionReplyInterface() = default;
 
-    // Hands one message to the client's aggregation block; sessionInfo nothing, 0, 0, 0, payload nothing is
-    // the end marker. `timestamp`: seconds since 1970. Callable from any thread. A client that can't be
-    // reached, or that has left too much unread, loses the message with a line at level 3.
-    virtual void sendMessageToClient(std::optional<Dictionary> sessionInfo, double timestamp,
-                                     uint16_t category, uint16_t type, std::optional<Dictionary> payload) = 0;
+    // Hands one message to the client's aggregation block; sessionInfo null, 0, 0, 0, payload nothing is the
+    // end marker. `timestamp`: seconds since 1970. Callable from any thread. A message that is dropped has a
+    // line at level 3. `done`, if there is one, is called at most once, from any thread, and must not block.
+    virtual void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
+                                     uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+                                     DeliveryReply done) = 0;
 
     // What names this connection in log lines.
     virtual std::string description() const = 0;

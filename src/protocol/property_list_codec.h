@@ -87,6 +87,7 @@ class ArgumentWriter {
     void dictionary(const Dictionary& value) { dictionary(value, 0); }
     void array(const Array& value) { array(value, 0); }
     void optionalDictionary(const std::optional<Dictionary>& value);
+    void optionalDictionary(const Dictionary* value);  // null: nothing
     void optionalString(const std::optional<std::string>& value);
     void optionalStrings(const std::optional<std::vector<std::string>>& value);
     void optionalError(const std::optional<TelvoraError>& value);
@@ -98,7 +99,7 @@ class ArgumentWriter {
 
   private:
     template <typename Value, typename Write>
-    void optional(const char* element, const std::optional<Value>& value, Write write);
+    void optional(const char* element, const Value& value, Write write);
 
     void check(int result) {
         if (result < 0 && result_ >= 0) result_ = result;

@@ -7,6 +7,24 @@
 
 namespace telvora {
 
+namespace {
+
+ReportPlace placeAfter(Delivery delivery) {
+    switch (delivery) {
+        case Delivery::handedOver:
+            return ReportPlace::delivered;
+        case Delivery::tooMuchUnread:
+            return ReportPlace::tooManyPending;
+        case Delivery::overQuota:
+            return ReportPlace::overQuota;
+        case Delivery::unreachable:
+            break;
+    }
+    return ReportPlace::noConnection;
+}
+
+}  // namespace
+
 void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint16_t type,
                                        const std::optional<Dictionary>& payload) {
     const auto deliver = [&](TelvoradSession& aggregator) {
@@ -30,8 +48,16 @@ void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint
 
 void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& sessionInfo, double timestamp,
                                        uint16_t category, uint16_t type, std::optional<Dictionary> payload) {
-    connection_->sendMessageToClient(sessionInfo ? std::optional(*sessionInfo) : std::nullopt, timestamp,
-                                     category, type, std::move(payload));
+    DeliveryReply counted;
+    if (sessionInfo) {
+        const auto account = accounts_.of(ClientAccounts::kAggregator);
+        account->accept();
+        counted = [account](Delivery delivery) {
+            account->move(1, ReportPlace::inFlight, placeAfter(delivery));
+        };
+    }
+    connection_->sendMessageToClient(sessionInfo, timestamp, category, type, std::move(payload),
+                                     std::move(counted));
 }
 
 void TelvoradSession::shutdownSessionAggregation() {

@@ -172,8 +172,19 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
         for (const auto& [name, backend] : *created)
             backend->setCombinedSessionIDString(sessionIDString_);
     }
-    const MutexLock lock(backendsLock_);
-    backends_ = std::move(created);
+    uint64_t held = 0;
+    {
+        const MutexLock lock(backendsLock_);
+        for (const auto& [name, backend] : backends_.value_or(BackendDictionary{}))
+            held += backend->reports().tally()[ReportPlace::held];
+        backends_ = std::move(created);
+    }
+    if (held == 0) return;
+    TELVORA_LOG(
+        kLogWarning,
+        "createBackendsWithStorebag: Session %u is configured anew without a flush: %llu reports that "
+        "its backends held are lost",
+        sessionID(), static_cast<unsigned long long>(held));
 }
 
 void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {

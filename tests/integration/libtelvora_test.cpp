@@ -181,6 +181,12 @@ TEST_F(Libtelvora, OutlivesItsDaemon) {
     EXPECT_EQ(flushAndWait(), TELVORA_OK);
     EXPECT_TRUE(waitForEvents(2));  // start and report
     EXPECT_THAT(events_, UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
+
+    // It aggregates, and so returns without a call.
+    kill(daemon().pid(), SIGKILL);
+    ASSERT_EQ(daemon().process().waitForExit(kPatience), 128 + SIGKILL);
+    startDaemon();
+    expectLine("<7>setSessionInfo: Configuring session 7");
 }
 
 TEST_F(Libtelvora, TakesReportsOfManyThreads) {

@@ -11,6 +11,7 @@
 namespace telvora::test {
 namespace {
 
+using testing::Contains;
 using testing::Each;
 using testing::HasSubstr;
 using testing::Not;
@@ -22,6 +23,11 @@ TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
     EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
     expectLineBeginning("<7>listener: new XPC connection ");
     EXPECT_THAT(daemon().logLines(), Each(Not(HasSubstr("initWithSessionDelegate"))));
+
+    // Both ends are told why, the administrator once a minute.
+    expectRun(wordsOf(TELVORACTL_PATH " flush --client-type 8 --socket " + daemon().socketPath()), 3,
+              "not entitled (telvorad.entitlements(5))");
+    EXPECT_THAT(daemon().logLines(), Contains(testing::StartsWith("<6>RefusalLog: refused pid ")).Times(1));
 }
 
 TEST_F(Peers, MayBeWrittenBySomebodyElse) {

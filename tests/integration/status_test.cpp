@@ -172,6 +172,9 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     session.startConfig();
     session.send(4, 1);
     session.startConfig();  // the start message and the report were in the old backend's batch
+    expectLine(
+        "<4>createBackendsWithStorebag: Session 1 is configured anew without a flush: 2 reports that its "
+        "backends held are lost");
 
     const Dictionary now = status();
     const Array& sessions = *now.array("sessions");

@@ -112,6 +112,10 @@ TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
     run("upload " + file, 0);
     EXPECT_TRUE(follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); },
                                         kPatience, shown));
+
+    laboratory().setBag("pellam", lab::bagWithBackends({}));
+    clientType_ = "10";
+    run("flush", 1, "The session's bag names no backends");
 }
 
 TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {

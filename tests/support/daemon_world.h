@@ -26,8 +26,8 @@ namespace telvora::test {
 // One client's end of the wire.
 class FakeConnection final : public ClientConnection {
   public:
-    struct Delivery {
-        std::optional<Dictionary> sessionInfo;
+    struct Delivered {
+        std::shared_ptr<const Dictionary> sessionInfo;
         uint16_t type;
         std::optional<Dictionary> payload;
     };
@@ -42,22 +42,23 @@ class FakeConnection final : public ClientConnection {
     void resume() override { resumed_ = true; }
     // Ends the connection, as its client's end would.
     void invalidate() override;
-    void sendMessageToClient(std::optional<Dictionary> sessionInfo, double, uint16_t, uint16_t type,
-                             std::optional<Dictionary> payload) override {
+    void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double, uint16_t, uint16_t type,
+                             std::optional<Dictionary> payload, DeliveryReply done) override {
         deliveries_.push_back({std::move(sessionInfo), type, std::move(payload)});
+        if (done) done(Delivery::handedOver);
     }
     std::string description() const override { return "fake"; }
 
     TelvoradSession& session() const { return static_cast<TelvoradSession&>(*session_); }
     bool resumed() const { return resumed_; }
-    const std::vector<Delivery>& deliveries() const { return deliveries_; }
+    const std::vector<Delivered>& deliveries() const { return deliveries_; }
 
   private:
     std::shared_ptr<ClientSessionInterface> session_;
     std::function<void()> invalidated_;
     std::function<void()> gone_;
     bool resumed_ = false;
-    std::vector<Delivery> deliveries_;
+    std::vector<Delivered> deliveries_;
 };
 
 class DaemonWorld {

@@ -15,6 +15,8 @@ class FakeSession : public ClientSessionInterface {
     std::vector<PropertyList> calls;
     // Takes a reply instead of its being run at once.
     std::function<void(StringReply)> onSendMessage;
+    std::vector<std::string> reportingStates{"httpPost", "dashboard"};
+    bool answersFlushes = true;
 
     void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                         std::vector<std::string> frameworks, bool hasAggregationBlock) override {
@@ -23,7 +25,7 @@ class FakeSession : public ClientSessionInterface {
     }
     void startConfigWithCompletionHandler(ReportingStatesReply reply) override {
         note("startConfig", {});
-        reply(std::vector<std::string>{"httpPost", "dashboard"});
+        reply(reportingStates);
     }
     void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo, ReportingStatesReply reply) override {
         note("fetchStates", {orNothing(userInfo)});
@@ -42,7 +44,7 @@ class FakeSession : public ClientSessionInterface {
     void sendMessageWithDictionary(Dictionary, StringReply) override {}
     void flushMessagesWithCompletion(FlushReply reply) override {
         note("flushMessages", {});
-        reply("flushed", makeTelvoraError("no", 503));
+        if (answersFlushes) reply("flushed", makeTelvoraError("no", 503));
     }
     void finishSessionWithReply(StringReply reply) override {
         note("finishSession", {});

@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "client/flush_watch.h"
 #include "telvora/keys.h"
 #include "tests/support/environment_variable.h"
 #include "tests/unit/client/daemon_end.h"
@@ -74,6 +75,63 @@ TEST_F(ClientSessionTest, TellsEveryCallerWhenTheConnectionIsLost) {
     Answer<std::string> late;
     session->fetchDisplayURL(late.completion());
     EXPECT_EQ(late.get().error().kind, CallFailure::Kind::kConnectionLost);
+}
+
+TEST_F(ClientSessionTest, SaysThatItWasTurnedAway) {
+    std::promise<std::string> lost;
+    auto connected = ClientSession::connect(runtime, socketPath,
+                                            {nullptr, [&](const auto& reason) { lost.set_value(reason); }});
+    ASSERT_TRUE(connected);
+    session = std::move(*connected);
+    Answer<std::string> waiting;
+    session->fetchDisplayURL(waiting.completion());
+    UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    const std::string reason = waiting.get().error().message;
+    EXPECT_NE(reason.find("not entitled (telvorad.entitlements(5))"), std::string::npos) << reason;
+    EXPECT_EQ(lost.get_future().get(), reason);
+}
+
+// The daemon answers no flush where the bag names no backends.
+TEST_F(ClientSessionTest, AnswersAFlushThatNoBackendCanAnswer) {
+    const struct {
+        const char* what;
+        std::vector<std::string> states;
+        bool answersFlushes;
+        int level;
+        const char* error;  // null: no answer
+    } cases[] = {{"no backends", {}, false, 0, FlushWatch::kNoBackends},
+                 {"backends that don't report", {}, true, 0, "no"},
+                 {"a server that takes its time", {"httpPost"}, false, 0, nullptr},
+                 {"a parent that may make it report", {}, false, 1, nullptr}};
+    for (const auto& [what, states, answersFlushes, level, error] : cases) {
+        SCOPED_TRACE(what);
+        connect();
+        daemon->reportingStates = states;
+        daemon->answersFlushes = answersFlushes;
+        const Dictionary token{{kTelvoraHierarchyTokenLevel, level}};
+        session->setSessionInfo({{kTelvoraSessionInfoHierarchyToken, token}}, std::nullopt, {}, nullptr);
+        Answer<ReportingStates> started;
+        Answer<FlushAnswer> flushes[2];  // one before, one after the states are known
+        session->startConfig(started.completion());
+        session->flushMessages(flushes[0].completion());
+        EXPECT_TRUE(started.get());
+        session->flushMessages(flushes[1].completion());
+        for (int i = 0; i < 2; ++i) {  // and what follows from the first answer
+            Answer<std::string> after;
+            session->fetchDisplayURL(after.completion());
+            EXPECT_TRUE(after.get());
+        }
+        if (error == nullptr) session->invalidate();
+        for (Answer<FlushAnswer>& flush : flushes) {
+            const auto answer = flush.get();
+            ASSERT_EQ(answer.has_value(), error != nullptr);
+            if (answer) {
+                EXPECT_EQ(answer->error->description, error);
+            }
+        }
+        session.reset();
+        hangUp();
+    }
 }
 
 TEST_F(ClientSessionTest, RefusesWhatCantBeSentAndTooMuchOfIt) {

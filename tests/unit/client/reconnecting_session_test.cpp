@@ -2,7 +2,9 @@
 #include "client/reconnecting_session.h"
 
 #include <gmock/gmock.h>
+#include <poll.h>
 
+#include "telvora/keys.h"
 #include "tests/unit/client/daemon_end.h"
 
 namespace telvora::test {
@@ -10,20 +12,27 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::Pair;
 
 struct ReconnectingSessionTest : DaemonEnd {
     using enum Operation;
     using Event = std::pair<telvora_connection_event, uint64_t>;  // with the calls that were lost
 
-    ReconnectingSessionTest() {
+    ReconnectingSessionTest() { open(false); }
+    void open(bool aggregates) {
         SessionTarget::Handlers handlers;
         handlers.connection = [this](telvora_connection_event event, uint64_t lost, const std::string&) {
-            const MutexLock lock(lock_);
-            events_.emplace_back(event, lost);
-            changed_.notify_all();
+            events_.push({event, lost});
         };
-        session = std::make_shared<ReconnectingSession>(runtime, socketPath, std::move(handlers),
-                                                        [this] { return now; });
+        if (aggregates) handlers.message = [](const AggregatedMessage&) {};
+        session = std::make_shared<ReconnectingSession>(
+            runtime, socketPath, std::move(handlers), [this] { return now.load(); },
+            [this](std::chrono::milliseconds delay, std::function<void()> due) {
+                const auto started = std::make_shared<int>();
+                timer = started;
+                timers_.push({delay, std::move(due)});
+                return started;
+            });
     }
     ~ReconnectingSessionTest() override {
         session->close();
@@ -40,19 +49,25 @@ struct ReconnectingSessionTest : DaemonEnd {
     telvora_status call(Operation operation, std::future<Answer>* answer = nullptr) {
         return call(Request{.operation = operation}, answer);
     }
-    static Request info(int id, Operation operation = kSetSessionInfo) {
-        Request request{.operation = operation};
-        request.sessionInfo = {{"id", id}};
-        request.userInfo = Dictionary{{"user", id}};
-        return request;
-    }
-    Event nextEvent() {
-        const MutexLock lock(lock_);
-        while (events_.empty())
-            changed_.wait(lock_);
-        const Event event = events_.front();
-        events_.erase(events_.begin());
-        return event;
+    // A call with this user info, if it is not 0.
+    struct Step {
+        Operation operation;
+        int user = 0;
+        bool requiresUserInfo = false;
+
+        operator Request() const {
+            Request request{.operation = operation};
+            request.sessionInfo = {{kTelvoraSessionInfoRequireUserInfo, requiresUserInfo}};
+            if (user != 0) request.userInfo = Dictionary{{"user", user}};
+            return request;
+        }
+    };
+    Event nextEvent() { return events_.pop(); }
+    // What the session started its next timer for.
+    std::pair<std::chrono::milliseconds, std::function<void()>> nextTimer() { return timers_.pop(); }
+    bool acceptNext() {
+        pollfd waiting = {listener.get(), POLLIN, 0};
+        return poll(&waiting, 1, -1) == 1 && accept();
     }
     // The names of the calls that the present connection has brought, with the user info where one came.
     std::vector<std::string> heard() const {
@@ -69,28 +84,55 @@ struct ReconnectingSessionTest : DaemonEnd {
         return names;
     }
 
-    std::chrono::steady_clock::time_point now{1h};
+    std::atomic<std::chrono::steady_clock::time_point> now{std::chrono::steady_clock::time_point(1h)};
     std::shared_ptr<ReconnectingSession> session;
+    std::weak_ptr<void> timer;  // the newest
 
   private:
-    Mutex lock_;
-    std::condition_variable_any changed_;
-    std::vector<Event> events_ TELVORA_GUARDED_BY(lock_);
+    template <typename T>
+    class Queue {
+      public:
+        void push(T item) {
+            const MutexLock lock(lock_);
+            items_.push_back(std::move(item));
+            changed_.notify_all();
+        }
+        T pop() {
+            const MutexLock lock(lock_);
+            while (items_.empty())
+                changed_.wait(lock_);
+            T item = std::move(items_.front());
+            items_.pop_front();
+            return item;
+        }
+
+      private:
+        Mutex lock_;
+        std::condition_variable_any changed_;
+        std::deque<T> items_ TELVORA_GUARDED_BY(lock_);
+    };
+    Queue<Event> events_;
+    Queue<std::pair<std::chrono::milliseconds, std::function<void()>>> timers_;
 };
 
 TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsWhatItWasTold) {
-    EXPECT_EQ(call(info(1)), TELVORA_ERROR_UNAVAILABLE);
+    EXPECT_EQ(call(Step{kSetSessionInfo, 1}), TELVORA_ERROR_UNAVAILABLE);
     listen();
-    now += 999ms;
+    now = now.load() + 999ms;
     EXPECT_EQ(call(kStartConfig), TELVORA_ERROR_UNAVAILABLE);
     EXPECT_FALSE(accept());
-    now += 1ms;
+    now = now.load() + 1ms;
     std::future<Answer> answer;
     EXPECT_EQ(call(kSendMessage, &answer), TELVORA_OK);
     ASSERT_TRUE(accept());
     EXPECT_EQ(answer.get().status, TELVORA_OK);
     EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig", "sendMessageWithCategory"));
     EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_RESTORED);
+    // What the daemon's backends hold is not lost when they are made anew.
+    EXPECT_EQ(call(kStartConfig, &answer), TELVORA_OK);
+    EXPECT_EQ(answer.get().status, TELVORA_OK);
+    EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig", "sendMessageWithCategory",
+                                     "flushMessages", "startConfig"));
 }
 
 TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt) {
@@ -103,38 +145,54 @@ TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt)
     for (std::future<Answer>& answer : answers)
         EXPECT_EQ(answer.get().status, TELVORA_ERROR_LOST);
     EXPECT_EQ(call(kSendMessage), TELVORA_ERROR_UNAVAILABLE);
-    now += ReconnectingSession::kRest;
+    now = now.load() + ReconnectingSession::kRest;
     EXPECT_EQ(call(kSendMessage, &answers[0]), TELVORA_OK);
     session->close();
     EXPECT_EQ(answers[0].get().status, TELVORA_ERROR_CLOSED);
     EXPECT_EQ(session->lostCalls(), 2u);
 }
 
-TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
+TEST_F(ReconnectingSessionTest, RestoresTheSessionThatTheDaemonHad) {
     listen();
     const struct {
-        std::vector<Operation> before;
-        Operation first;  // on the new connection
+        std::vector<Step> before;
+        Step first;  // on the new connection
         std::vector<std::string> heard;
     } cases[] = {
-        {{}, kSendMessage, {"sendMessageWithCategory"}},
-        {{kSetSessionInfo}, kSendMessage, {"setSessionInfo 1", "sendMessageWithCategory"}},
-        {{kSetSessionInfo, kStartConfig},
-         kFlushMessages,
+        {{}, {kSendMessage}, {"sendMessageWithCategory"}},
+        {{{kSetSessionInfo, 1}}, {kSendMessage}, {"setSessionInfo 1", "sendMessageWithCategory"}},
+        {{{kSetSessionInfo, 1}, {kStartConfig}},
+         {kFlushMessages},
          {"setSessionInfo 1", "startConfig", "flushMessages"}},
-        {{kSetSessionInfo, kStartConfig, kFetchStates},
-         kFetchDisplayURL,
+        // Nothing is told twice.
+        {{{kSetSessionInfo, 1}, {kStartConfig}}, {kSetSessionInfo, 9}, {"setSessionInfo 9", "startConfig"}},
+        {{{kSetSessionInfo, 1}, {kStartConfig}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},
+        {{{kSetSessionInfo, 1}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},
+        // The user info is the daemon's, a withdrawal included, before the session's first report.
+        {{{kSetSessionInfo, 1}, {kStartConfig}, {kFetchStates, 3}},
+         {kFetchDisplayURL},
          {"setSessionInfo 3", "startConfig", "fetchDisplayURL"}},
-        {{kSetSessionInfo, kStartConfig}, kSetSessionInfo, {"setSessionInfo 9", "startConfig"}},
-        {{kSetSessionInfo, kStartConfig}, kStartConfig, {"setSessionInfo 1", "startConfig"}},
-        {{kSetSessionInfo}, kStartConfig, {"setSessionInfo 1", "startConfig"}},
+        {{{kSetSessionInfo, 1}, {kStartConfig}, {kFetchStates}},
+         {kFetchDisplayURL},
+         {"setSessionInfo", "startConfig", "fetchDisplayURL"}},
+        {{{kSetSessionInfo, 1, true}, {kFetchStates}},
+         {kFetchDisplayURL},
+         {"setSessionInfo 1", "fetchDisplayURL"}},
+        {{{kSetSessionInfo, 1}, {kStartConfig}},
+         {kFetchStates},
+         {"setSessionInfo", "startConfig", "fetchStates"}},
+        {{{kSetSessionInfo, 1, true}, {kSendSingleMessage}},
+         {kFetchDisplayURL},
+         {"setSessionInfo", "fetchDisplayURL"}},
+        {{{kSetSessionInfo, 1}, {kSendSingleMessage, 2, true}, {kFetchStates}},
+         {kFetchDisplayURL},
+         {"setSessionInfo 2", "fetchDisplayURL"}},
     };
     for (const auto& [before, first, expected] : cases) {
         session = std::make_shared<ReconnectingSession>(runtime, socketPath, SessionTarget::Handlers{});
         std::future<Answer> answer;
-        int id = 0;
-        for (const Operation operation : before)
-            ASSERT_EQ(call(info(++id, operation)), TELVORA_OK);
+        for (const Step& step : before)
+            ASSERT_EQ(call(step), TELVORA_OK);
         ASSERT_EQ(call(kFetchDisplayURL, &answer), TELVORA_OK);
         ASSERT_TRUE(accept());
         ASSERT_EQ(answer.get().status, TELVORA_OK);
@@ -144,7 +202,7 @@ TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
         ASSERT_EQ(call(kSendMessage, &answer), TELVORA_OK);
         ASSERT_EQ(answer.get().status, TELVORA_ERROR_LOST);
         hangUp();
-        ASSERT_EQ(call(info(9, first), &answer), TELVORA_OK);
+        ASSERT_EQ(call(first, &answer), TELVORA_OK);
         ASSERT_TRUE(accept());
         ASSERT_EQ(answer.get().status, TELVORA_OK);
         ASSERT_EQ(call(kFinishSession, &answer), TELVORA_OK);
@@ -155,6 +213,59 @@ TEST_F(ReconnectingSessionTest, TellsANewDaemonNothingTwice) {
         session->close();
         hangUp();
     }
+}
+
+TEST_F(ReconnectingSessionTest, ReturnsByItselfWhereItAggregates) {
+    listen();
+    open(true);
+    std::future<Answer> answer;
+    ASSERT_EQ(call(Step{kSetSessionInfo, 1}), TELVORA_OK);
+    ASSERT_EQ(call(kStartConfig, &answer), TELVORA_OK);
+    ASSERT_TRUE(accept());
+    ASSERT_EQ(answer.get().status, TELVORA_OK);
+    const auto expectReturn = [this] {
+        ASSERT_TRUE(acceptNext());
+        EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_RESTORED);
+        EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig"));
+    };
+    now = now.load() + 1s;
+    hangUp();
+    EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_LOST);
+    expectReturn();
+
+    // Without a daemon it waits ever longer, and starts anew after a connection that lasted.
+    listener.reset();
+    hangUp();
+    EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_LOST);
+    for (const auto delay : {1s, 2s, 4s, 8s, 16s, 32s, 64s, 128s, 256s, 512s, 600s, 600s}) {
+        const auto [waited, due] = nextTimer();
+        EXPECT_EQ(waited, delay);
+        if (delay == 256s) {  // as a daemon that turns it away
+            std::filesystem::remove(socketPath);
+            listen();
+            due();
+            UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+            EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_LOST);
+            listener.reset();
+        } else {
+            due();
+        }
+    }
+    std::filesystem::remove(socketPath);
+    listen();
+    const auto [waited, due] = nextTimer();
+    EXPECT_EQ(waited, 600s);
+    due();
+    expectReturn();
+    EXPECT_TRUE(timer.expired());
+
+    std::filesystem::remove(socketPath);
+    listener.reset();
+    now = now.load() + 1s;
+    hangUp();
+    EXPECT_THAT(nextTimer(), Pair(1s, testing::_));
+    session->close();
+    EXPECT_TRUE(timer.expired());
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ TEST_F(AgentHierarchy, AggregatorsHearOfReportsWithoutAPayloadAndOfTheirOwnEnd) 
     EXPECT_EQ(top->deliveries().back().type, 10);
     EXPECT_EQ(top->deliveries().back().payload, std::nullopt) << "without payload, no user info either";
     top->invalidate();
-    EXPECT_EQ(top->deliveries().back().sessionInfo, std::nullopt) << "one end marker, last";
+    EXPECT_EQ(top->deliveries().back().sessionInfo, nullptr) << "one end marker, last";
 }
 
 // --- Bags ---

@@ -8,6 +8,7 @@
 
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
+#include "telvora-lab/temporary_directory.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
@@ -121,9 +122,9 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
     LogCapture log;
     resume();
     ASSERT_EQ(errorName(peer->call(sessionCall("StartConfig"))), "");
-    const Dictionary info{{"session", 7}};
-    connection->sendMessageToClient(info, 12.5, 3, 4, Dictionary{{"k", "v"}});
-    beforeEnd = [&] { connection->sendMessageToClient(std::nullopt, 0, 0, 0, std::nullopt); };
+    const auto info = std::make_shared<const Dictionary>(Dictionary{{"session", 7}});
+    connection->sendMessageToClient(info, 12.5, 3, 4, Dictionary{{"k", "v"}}, {});
+    beforeEnd = [&] { connection->sendMessageToClient(nullptr, 0, 0, 0, std::nullopt, {}); };
     connection->invalidate();
     ended.get_future().wait();
 
@@ -133,7 +134,7 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
     EXPECT_STREQ(sd_bus_message_get_member(first.get()), "SendMessageToClient");
     EXPECT_EQ(sd_bus_message_get_expect_reply(first.get()), 0);
     ArgumentReader in(first);
-    EXPECT_EQ(in.optionalDictionary(), info);
+    EXPECT_EQ(in.optionalDictionary(), *info);
     EXPECT_EQ(in.real(), 12.5);
     EXPECT_EQ(in.u16(), 3);
     EXPECT_EQ(in.u16(), 4);
@@ -144,9 +145,56 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
     EXPECT_EQ(markerIn.optionalDictionary(), std::nullopt);
     EXPECT_EQ(markerIn.real(), 0);
     EXPECT_FALSE(peer->receive());
-    connection->sendMessageToClient(info, 1, 1, 1, std::nullopt);
+    connection->sendMessageToClient(info, 1, 1, 1, std::nullopt, {});
     EXPECT_TRUE(log.contains(
         "<3>sendMessageWithDictionary: Failed to get remote object proxy: the connection has ended"));
+}
+
+// Its messages wait for a client that lags, within what is documented and its user's quota.
+TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
+    lab::TemporaryDirectory directory;
+    UserDefaults defaults(directory.path(), directory.path());
+    UserQuotas quotas(defaults);
+    const QuotaUser user = quotas.of(1);
+    connection->setUser(user);
+    resume();
+    ASSERT_EQ(errorName(peer->call(sessionCall("StartConfig"))), "");
+
+    constexpr size_t kBytes = 100'000;
+    constexpr int kMessages = 100;  // 10 MB
+    std::atomic<int> outcomes[4] = {};
+    const auto send = [&](int number, std::optional<Dictionary> payload) {
+        connection->sendMessageToClient(std::make_shared<const Dictionary>(), number, 1, 1,
+                                        std::move(payload),
+                                        [&](Delivery delivery) { ++outcomes[static_cast<int>(delivery)]; });
+    };
+    for (int i = 1; i <= kMessages; ++i)
+        send(i, Dictionary{{"text", std::string(kBytes, 'x')}});
+    const int dropped = outcomes[static_cast<int>(Delivery::tooMuchUnread)];
+    const int kept = kMessages - dropped;
+    EXPECT_GE(kept * kBytes, ClientConnection::kMaxOutboxBytes - kBytes);
+    EXPECT_LE(kept * kBytes, ClientConnection::kMaxOutboxBytes + (size_t{2} << 20));
+    EXPECT_GT(quotas.uses()[1][static_cast<size_t>(Quota::unreadBytes)].held, size_t{1} << 20);
+
+    ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, "maxUnreadBytesPerUser", 1));
+    static_cast<void>(quotas.of(1));
+    send(kMessages + 1, std::nullopt);
+    EXPECT_EQ(outcomes[static_cast<int>(Delivery::overQuota)], 1);
+    double last = 0;
+    for (int i = 0; i < kept; ++i) {
+        BusMessage message = peer->receive();
+        ASSERT_TRUE(message);
+        ArgumentReader in(message);
+        in.optionalDictionary();
+        const double number = in.real();
+        EXPECT_GT(number, last);
+        last = number;
+    }
+    ASSERT_EQ(errorName(peer->call(sessionCall("FetchDisplayURL"))), "");
+    EXPECT_EQ(outcomes[static_cast<int>(Delivery::handedOver)], kept);
+    EXPECT_EQ(quotas.uses()[1][static_cast<size_t>(Quota::unreadBytes)].held, 0u);
+    connection->invalidate();
+    ended.get_future().wait();
 }
 
 }  // namespace

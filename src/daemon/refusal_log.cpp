@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/refusal_log.h"
+
+#include <string>
+#include <utility>
+
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr std::chrono::minutes kPeriod{1};
+
+}  // namespace
+
+void RefusalLog::notEntitled(const Peer& peer) {
+    const auto now = clock_();
+    uint64_t before = 0;
+    {
+        const MutexLock lock(lock_);
+        std::erase_if(users_, [&](const auto& entry) {
+            return entry.first != peer.uid && entry.second.nextLine <= now;
+        });
+        Refusals& refusals = users_[peer.uid];
+        if (now < refusals.nextLine) {
+            ++refusals.untold;
+            return;
+        }
+        before = std::exchange(refusals.untold, 0);
+        refusals.nextLine = now + kPeriod;
+    }
+    const std::string others = before > 0 ? ", after " + std::to_string(before) + " more of this user" : "";
+    TELVORA_LOG(kLogInfo, "RefusalLog: refused %s%s%s: not entitled, see telvorad.entitlements(5)%s",
+                peer.description().c_str(), peer.unit.empty() ? "" : ", unit ", peer.unit.c_str(),
+                others.c_str());
+}
+
+}  // namespace telvora

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "platform/peer.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+// RefusalLog: logs at the default level which peers are turned away for want of the entitlement. A program
+// that connects again and again must not fill the log: each user has a line a minute, with the number of
+// refusals since the one before. Users without a refusal in the last minute are forgotten. Thread-safe.
+class RefusalLog {
+  public:
+    using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
+
+    explicit RefusalLog(SteadyClock clock = std::chrono::steady_clock::now) : clock_(std::move(clock)) {}
+
+    void notEntitled(const Peer& peer) TELVORA_EXCLUDES(lock_);
+
+  private:
+    struct Refusals {
+        uint64_t untold = 0;
+        std::chrono::steady_clock::time_point nextLine;  // not before
+    };
+
+    const SteadyClock clock_;
+    Mutex lock_;
+    std::map<uid_t, Refusals> users_ TELVORA_GUARDED_BY(lock_);
+};
+
+}  // namespace telvora
