@@ -48,6 +48,8 @@ HTTPSPostBackend::~HTTPSPostBackend() {
 }
 
 void HTTPSPostBackend::updateState() {
+    // Left alone rather than set to what it was: a server's answer or the parent session may be changing it.
+    if (immutable_) return decided(Decision::kept);
     setState(updateBackendState());
 }
 

@@ -33,10 +33,6 @@ std::string descriptionOf(const Array& list) {
 }  // namespace
 
 BackendState HTTPSPostBackend::updateBackendState() {
-    if (immutable_) {
-        decided(Decision::kept);
-        return state();
-    }
     const std::optional<std::string> clientName = userInfoString(kTelvoraUserInfoClientName);
     const std::optional<std::string> serviceID = userInfoString(kTelvoraUserInfoServiceName);
     updateBatchEvents(clientName, serviceID);
@@ -167,7 +163,8 @@ bool HTTPSPostBackend::isCountryAndDeviceAdmitted(const Dictionary& client,
 
 void HTTPSPostBackend::updateSamplingThreshold(const Dictionary& client,
                                                const std::optional<std::string>& countryCode) {
-    samplingThreshold_ = client.real("sampling_threshold");
+    const std::optional<double> ofAll = client.real("sampling_threshold");
+    setSamplingThreshold(ofAll);
     const Array* perCountry = client.array("per_country_sampling_thresholds");
     if (perCountry == nullptr || !countryCode) return;
     for (const PropertyList& element : *perCountry) {
@@ -178,8 +175,8 @@ void HTTPSPostBackend::updateSamplingThreshold(const Dictionary& client,
         TELVORA_LOG(kLogDebug,
                     "HTTPSPostBackend(updateBackendState): sampling threshold for %s changed from %.02f to "
                     "%.02f",
-                    countryCode->c_str(), samplingThreshold_.value_or(0), threshold.value_or(0));
-        samplingThreshold_ = threshold;
+                    countryCode->c_str(), ofAll.value_or(0), threshold.value_or(0));
+        setSamplingThreshold(threshold);
         decided(Decision::thresholdOfCountry, entry);
         return;
     }
@@ -190,8 +187,9 @@ BackendState HTTPSPostBackend::stateFromSampling(const Dictionary& client) {
         decided(decision, &client);
         return newState;
     };
-    if (!samplingThreshold_) return concluded(Decision::thresholdMissing, BackendState::disabled);
-    if (samplingFactor_ <= *samplingThreshold_) return concluded(Decision::drawnIn, BackendState::reporting);
+    const std::optional<double> threshold = samplingThreshold();
+    if (!threshold) return concluded(Decision::thresholdMissing, BackendState::disabled);
+    if (samplingFactor_ <= *threshold) return concluded(Decision::drawnIn, BackendState::reporting);
     overrideSampling_ = client.real("override_sampling");
     if (overrideSampling_ && samplingFactor_ > *overrideSampling_) {
         return concluded(Decision::beyondOverride, BackendState::disabled);
