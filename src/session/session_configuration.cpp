@@ -64,12 +64,11 @@ void TelvoradSession::dealloc() {
     sendEndMessage();
     flushMessagesWithCompletion({});
     shutdownSessionAggregation();
-
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
-        backend->cleanup();
-    backends_.reset();
+    if (const auto ended = backends()) {
+        for (const auto& [name, backend] : *ended)
+            backend->cleanup();
+    }
+    replaceBackends(nullptr);
 }
 
 std::shared_ptr<const Dictionary> TelvoradSession::sessionInfo() const {
@@ -151,8 +150,7 @@ void TelvoradSession::fetchStatesWithUserInfo(std::optional<Dictionary> userInfo
 
 void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)> reply) {
     TELVORA_LOG(kLogDebug, "fetchDisplayURL: Fetching display URL for session %u", sessionID());
-    const std::optional<BackendDictionary> current = backends();
-    if (current) {
+    if (const auto current = backends()) {
         for (const char* name :
              {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
             const auto backend = current->find(name);
@@ -167,12 +165,31 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     TELVORA_LOG(kLogDebug, "createBackendsWithStorebag: Creating backends for session %u", sessionID());
     std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
         services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_, accounts_);
-    if (created) {
-        for (const auto& [name, backend] : *created)
-            backend->setCombinedSessionIDString(sessionIDString_);
+    if (!created) return replaceBackends(nullptr);
+    for (const auto& [name, backend] : *created)
+        backend->setCombinedSessionIDString(sessionIDString_);
+    replaceBackends(std::make_shared<const BackendDictionary>(std::move(*created)));
+}
+
+std::shared_ptr<const BackendDictionary> TelvoradSession::backends() {
+    std::shared_ptr<const BackendDictionary> current;
+    std::optional<std::string> combinedID;
+    {
+        const MutexLock lock(backendsLock_);
+        current = backends_;
+        combinedID = std::exchange(newCombinedID_, std::nullopt);
     }
+    if (current && combinedID) {
+        for (const auto& [name, backend] : *current)
+            backend->setCorrelatedSessionID(*combinedID);
+    }
+    return current;
+}
+
+void TelvoradSession::replaceBackends(std::shared_ptr<const BackendDictionary> backends) {
     const MutexLock lock(backendsLock_);
-    backends_ = std::move(created);
+    backends_.swap(backends);  // the old ones end with the argument, after the lock
+    newCombinedID_.reset();
 }
 
 void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
@@ -195,9 +212,9 @@ void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
 
 void TelvoradSession::updateUserInfoForBackends() {
     const UserInfo current = userInfo();
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
+    const auto all = backends();
+    if (!all) return;
+    for (const auto& [name, backend] : *all)
         backend->setUserInfoDict(current);
 }
 

@@ -3,11 +3,11 @@
 // TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session
 // info and a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
 //
-// The operations of ClientSessionInterface run on the connection's strand, one after another. Other sessions
-// of the same hierarchy, on other strands, read what a session says of itself and give its backends new IDs
-// and states: so `identityLock_` guards the one and `backendsLock_` the other. Both are leaves: whoever holds
-// one of them takes no further lock of this program's sessions or agent (the agent's lock comes before, never
-// after).
+// The operations of ClientSessionInterface run on the connection's strand, one after another, and so does all
+// work of the session's backends: a metrics adaptor may take its time in it, and no lock is held then. Other
+// sessions of the same hierarchy, on other strands, read what a session says of itself (`identityLock_`),
+// change its backends' states, which are atomic, and leave a new combined ID for the strand to find
+// (`backendsLock_`). Both locks are held for moments only, for whoever waits for them may hold the agent's.
 #pragma once
 
 #include <atomic>
@@ -116,9 +116,11 @@ class TelvoradSession final : public ClientSessionInterface,
     // For a report that is to be sent: without a backend dictionary, that is logged and counted.
     bool hasBackends();
     void reachesNoBackend(ReportPlace why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
-    // The backends by value, to work with them outside the lock; nothing: the session has no backend
-    // dictionary.
-    std::optional<BackendDictionary> backends() const;
+    // The backends for an operation of the connection's strand, which alone may keep them: whoever is the
+    // last to let go of them calls into adaptors. Under the newest combined ID. Null: the session has no
+    // backend dictionary.
+    std::shared_ptr<const BackendDictionary> backends() TELVORA_EXCLUDES(backendsLock_);
+    void replaceBackends(std::shared_ptr<const BackendDictionary> backends) TELVORA_EXCLUDES(backendsLock_);
 
     // Flush and uploads.
     void internalFlushMessagesWithCompletion(FlushReply completion);
@@ -132,11 +134,7 @@ class TelvoradSession final : public ClientSessionInterface,
                           uint16_t category, uint16_t type, std::optional<Dictionary> payload);
 
     // Reporting states.
-    struct ReportingState {
-        BackendState state;
-        std::optional<double> samplingThreshold;
-    };
-    std::map<std::string, ReportingState> backendStates() const;
+    std::map<std::string, ReportingState> backendStates() const TELVORA_EXCLUDES(backendsLock_);
     void updateReportingStates();
     std::optional<std::vector<std::string>> fetchReportingStates() const;
 
@@ -161,13 +159,16 @@ class TelvoradSession final : public ClientSessionInterface,
     std::atomic<int64_t> hierarchyLevel_{0};
     std::atomic<bool> everInHierarchy_{false};
 
-    mutable Mutex identityLock_;
+    mutable Mutex identityLock_{LockRank::session};
     std::shared_ptr<const Dictionary> sessionInfo_ TELVORA_GUARDED_BY(identityLock_);
     UserInfo userInfo_ TELVORA_GUARDED_BY(identityLock_);
     std::optional<std::string> hierarchyToken_ TELVORA_GUARDED_BY(identityLock_);
 
-    mutable Mutex backendsLock_;
-    std::optional<BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
+    mutable Mutex backendsLock_{LockRank::session};
+    // Null: no backend dictionary. Replaced on the connection's strand only.
+    std::shared_ptr<const BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
+    // A combined ID that the backends are to have before they work on.
+    std::optional<std::string> newCombinedID_ TELVORA_GUARDED_BY(backendsLock_);
 
     // Touched on the connection's strand only.
     std::vector<std::string> frameworks_;
