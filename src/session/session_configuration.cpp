@@ -43,12 +43,14 @@ DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
 
 TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                                  std::shared_ptr<ClientSessionReplyInterface> connection,
-                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user)
+                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user,
+                                 uid_t hierarchyUser)
     : services_(services),
       sessionDelegate_(delegate),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
+      hierarchyUser_(hierarchyUser),
       accounts_(services.ledger, std::move(user)),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {
