@@ -48,10 +48,12 @@ HTTPSPostBackend::~HTTPSPostBackend() {
 }
 
 void HTTPSPostBackend::updateState() {
+    // Left alone rather than set to what it was: a server's answer or the parent session may be changing it.
     if (immutable_) {
         if (services_.trace != nullptr) services_.trace->decided(name_, Decision::kept, nullptr, policy_);
         return;
     }
+    policy_.samplingThreshold = samplingThreshold();
     policy_ = nextPolicy(std::move(policy_),
                          {.services = services_,
                           .backend = name_,
@@ -63,6 +65,7 @@ void HTTPSPostBackend::updateState() {
                           .consent = dnuEnabled_,
                           .productFamily = productFamily_,
                           .hardwareType = hardwareType_});
+    setSamplingThreshold(policy_.samplingThreshold);
     setState(policy_.state);
 }
 

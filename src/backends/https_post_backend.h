@@ -11,9 +11,12 @@
 //     disabled              dropped                                         throws the batch away
 //     reporting             posted if realtime or not batching, else held   posts the batch
 //
-// Like every backend it is called by one caller at a time. The answer to a post arrives on the HTTP client's
-// thread: there only `state` (atomic), the account and the constant name are touched, and the flush's
-// completion is called. A post in flight keeps the backend alive.
+// The answer to a post arrives on the HTTP client's thread: there only the state, the account and the
+// constant name are touched, and the flush's completion is called. A post in flight keeps the backend alive.
+//
+// A batch that would be posted counts against its user's quota of pending bytes. One of a backend that is
+// sampled out or disabled has a quota of its own (dormantBytes), so that it takes no room from reports that
+// leave.
 #pragma once
 
 #include <memory>
@@ -62,6 +65,9 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const std::optional<std::string>& postURL() const { return policy_.postURL; }
     void setPostURL(std::optional<std::string> url) { policy_.postURL = std::move(url); }
 
+  protected:
+    void stateChanged() override TELVORA_EXCLUDES(batchRoomLock_);
+
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
 
@@ -82,6 +88,9 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
     void loseBatch(ReportPlace cause);
+    Quota quotaOfBatch() const;
+    bool takeBatchRoom(Quota quota, size_t bytes) TELVORA_EXCLUDES(batchRoomLock_);
+    QuotaHold releaseBatchRoom() TELVORA_EXCLUDES(batchRoomLock_);
     std::optional<std::string> loseOverQuota();
     bool hasRoomForUserInfo(const Dictionary& userInfo);
     bool keepsInFlush(const Dictionary& record);
@@ -105,8 +114,9 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const std::string uuidRespectDnu_;
     const std::string uuidOverrideDnu_;
     std::vector<Dictionary> batchedEvents_;
-    size_t batchedBytes_ = 0;                                 // approximately
-    QuotaHold batchRoom_;                                     // the same, of the user's pending bytes
+    size_t batchedBytes_ = 0;  // approximately
+    Mutex batchRoomLock_;
+    QuotaHold batchRoom_ TELVORA_GUARDED_BY(batchRoomLock_);  // the same, of the user's quotas
     std::unordered_map<int64_t, int32_t> eventMethodCounts_;  // of the batch's events, by "_method"
     bool immutable_ = false;  // a logged message has gone out: the bag is not consulted any more
 };

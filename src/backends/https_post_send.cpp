@@ -43,8 +43,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                             : newEvent(payload, timestamp, method, respCode);
 
     if (isPromoting(flag)) {
-        BackendState expected = BackendState::sampledOut;
-        state_.compare_exchange_strong(expected, BackendState::reporting);
+        changeState(BackendState::sampledOut, BackendState::reporting);
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): realtime is %d", isRealtime(flag) ? 1 : 0);
     const BackendState current = state();
@@ -71,7 +70,7 @@ std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
     };
     Dictionary extended = *payload;
     extended.set("Opt", policy_.dnuType);
-    extended.set("SamplingThreshold", numberOrMinusOne(policy_.samplingThreshold));
+    extended.set("SamplingThreshold", numberOrMinusOne(samplingThreshold()));
     extended.set("OverrideSampling", numberOrMinusOne(policy_.overrideSampling));
     extended.set("Batch", policy_.batchEvents ? 1 : 0);
     return extended;
@@ -156,7 +155,7 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
                     batchedEvents_.size());
         loseBatch(ReportPlace::batchFull);
     }
-    if (!user_.take(Quota::pendingBytes, bytes, batchRoom_)) {
+    if (!takeBatchRoom(quotaOfBatch(), bytes)) {
         std::optional<std::string> answer = loseOverQuota();
         return flushed ? flushed : answer;
     }
@@ -170,8 +169,34 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
 std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
     eventMethodCounts_.clear();
     batchedBytes_ = 0;
-    batchRoom_ = {};
+    releaseBatchRoom();
     return std::exchange(batchedEvents_, {});
+}
+
+// By the fate that the batch has as things stand.
+Quota HTTPSPostBackend::quotaOfBatch() const {
+    const BackendState current = state();
+    const bool dormant = current == BackendState::sampledOut || current == BackendState::disabled;
+    return dormant ? Quota::dormantBytes : Quota::pendingBytes;
+}
+
+bool HTTPSPostBackend::takeBatchRoom(Quota quota, size_t bytes) {
+    QuotaHold more;
+    if (!user_.take(quota, bytes, more)) return false;
+    const MutexLock lock(batchRoomLock_);
+    batchRoom_.add(std::move(more));
+    batchRoom_.countAs(quotaOfBatch());
+    return true;
+}
+
+QuotaHold HTTPSPostBackend::releaseBatchRoom() {
+    const MutexLock lock(batchRoomLock_);
+    return std::move(batchRoom_);
+}
+
+void HTTPSPostBackend::stateChanged() {
+    const MutexLock lock(batchRoomLock_);
+    batchRoom_.countAs(quotaOfBatch());
 }
 
 void HTTPSPostBackend::loseBatch(ReportPlace cause) {
@@ -197,7 +222,7 @@ bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
 // per event and so could make a small batch a huge one.
 bool HTTPSPostBackend::hasRoomForUserInfo(const Dictionary& userInfo) {
     const size_t merged = approximateSize(userInfo) * batchedEvents_.size();
-    return merged <= batchedBytes_ || user_.take(Quota::pendingBytes, merged - batchedBytes_, batchRoom_);
+    return merged <= batchedBytes_ || takeBatchRoom(Quota::pendingBytes, merged - batchedBytes_);
 }
 
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
@@ -220,7 +245,8 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
         completeWithError(completion, "Can not flush: over quota");
         return std::nullopt;
     }
-    QuotaHold room = std::move(batchRoom_);
+    QuotaHold room = releaseBatchRoom();
+    room.countAs(Quota::pendingBytes);
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });
     reports_->move(events.size(), ReportPlace::held, ReportPlace::inFlight);

@@ -109,7 +109,7 @@ class ReportLedger {
     friend class ReportAccount;
     void close(const ReportAccount& account) TELVORA_EXCLUDES(lock_);
 
-    mutable Mutex lock_;  // before an account's
+    mutable Mutex lock_{LockRank::ledger};
     std::unordered_set<const ReportAccount*> open_ TELVORA_GUARDED_BY(lock_);
     std::map<std::string, ReportTally> closed_ TELVORA_GUARDED_BY(lock_);
 };
@@ -137,7 +137,7 @@ class ClientAccounts {
   private:
     ReportLedger& ledger_;
     const QuotaUser user_;
-    mutable Mutex lock_;  // before the ledger's
+    mutable Mutex lock_{LockRank::accounts};
     std::map<std::string, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
 };
 

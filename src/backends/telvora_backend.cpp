@@ -26,6 +26,36 @@ void TelvoraBackend::updateState() {
     setState(BackendState::reporting);
 }
 
+std::optional<double> TelvoraBackend::samplingThreshold() const {
+    const MutexLock lock(thresholdLock_);
+    return samplingThreshold_;
+}
+
+void TelvoraBackend::setSamplingThreshold(std::optional<double> threshold) {
+    const MutexLock lock(thresholdLock_);
+    samplingThreshold_ = threshold;
+}
+
+void TelvoraBackend::setState(BackendState state) {
+    state_.store(state);
+    stateChanged();
+}
+
+bool TelvoraBackend::changeState(BackendState from, BackendState to) {
+    if (!state_.compare_exchange_strong(from, to)) return false;
+    stateChanged();
+    return true;
+}
+
+bool TelvoraBackend::followState(BackendState parents) {
+    BackendState current = state();
+    while (current != BackendState::sampledOut) {
+        if (changeState(current, parents)) return true;
+        current = state();
+    }
+    return false;
+}
+
 std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dictionary>& /*payload*/,
                                                        TimeValue /*timestamp*/, uint16_t /*method*/,
                                                        uint16_t /*respCode*/, EventID /*eventID*/,

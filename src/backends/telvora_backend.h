@@ -3,9 +3,10 @@
 // TelvoraBackend: the base of every reporting destination of a session.
 //
 // A session creates its backends through the factory (backend_factory.h), sets their identity, and from then
-// on uses only the operations declared here. The session calls them one at a time (it holds its own lock);
-// what a backend's asynchronous work touches besides (HTTP completions change `state`) is atomic. A backend
-// whose work outlives a call keeps itself alive through shared_from_this().
+// on uses only the operations declared here. A backend belongs to its session's strand. From any thread:
+// state(), samplingThreshold(), their setters and followState(), for HTTP completions and the other sessions
+// of the hierarchy; name() and reports(). A backend whose work outlives a call keeps itself alive through
+// shared_from_this().
 #pragma once
 
 #include <array>
@@ -27,9 +28,16 @@
 #include "platform/property_list.h"
 #include "platform/user_defaults.h"
 #include "protocol/telvora_error.h"
+#include "util/mutex.h"
 #include "util/time_value.h"
 
 namespace telvora {
+
+// What a child session's backend takes over from its parent's.
+struct ReportingState {
+    BackendState state = BackendState::waitingForUserInfo;
+    std::optional<double> samplingThreshold;
+};
 
 // Told apart by type, so that a running number can't pass for a flag.
 enum class EventID : uint16_t {};
@@ -113,11 +121,15 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     void setStartTimestamp(TimeValue time) { startTimeStamp_ = TelvoradUtil::secondsFromTimeValue(time); }
 
     BackendState state() const { return state_.load(); }
-    void setState(BackendState state) { state_.store(state); }
-    // What it does with reports, as it was decided last.
+    // What it does with reports, as it was decided last; its threshold is that of the bag, which the parent
+    // session may have replaced since.
     const ReportingPolicy& policy() const { return policy_; }
-    std::optional<double> samplingThreshold() const { return policy_.samplingThreshold; }
-    void setSamplingThreshold(std::optional<double> threshold) { policy_.samplingThreshold = threshold; }
+    void setState(BackendState state);
+    std::optional<double> samplingThreshold() const TELVORA_EXCLUDES(thresholdLock_);
+    void setSamplingThreshold(std::optional<double> threshold) TELVORA_EXCLUDES(thresholdLock_);
+    ReportingState reportingState() const { return {state(), samplingThreshold()}; }
+    // Takes over the state of the parent's backend; false: this one is sampled out, and stays so.
+    bool followState(BackendState parents);
     double samplingFactor() const { return samplingFactor_; }
     const std::string& name() const { return name_; }
     const std::optional<std::string>& displayURL() const { return displayURL_; }
@@ -148,6 +160,11 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { userInfoDict_ = std::move(userInfo); }
 
   protected:
+    // From this state to that one; false: it has another.
+    bool changeState(BackendState from, BackendState to);
+    // Called after each change of state, on the thread that made it. Base: nothing.
+    virtual void stateChanged() {}
+
     // Draws samplingFactor.
     TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
                    std::optional<std::string> productFamily);
@@ -164,7 +181,6 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::shared_ptr<ReportAccount> reports_ = std::make_shared<ReportAccount>();
     std::shared_ptr<ReportAccount> uploads_ = std::make_shared<ReportAccount>();
     QuotaUser user_;
-    std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
     uint32_t sessionID_ = 0;
     int32_t compType_ = 0;
     uint16_t clientVersion_ = 0;
@@ -184,6 +200,11 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::optional<std::string> hardwareType_;
     std::shared_ptr<const Dictionary> userInfoDict_;
     ReportingPolicy policy_;  // refers to the profile
+
+  private:
+    std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
+    mutable Mutex thresholdLock_;
+    std::optional<double> samplingThreshold_ TELVORA_GUARDED_BY(thresholdLock_);
 };
 
 // The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.

@@ -64,7 +64,7 @@ class ClientRuntime {
         sigset_t before_;
     };
 
-    Mutex lock_;
+    Mutex lock_{LockRank::clientRuntime};
     std::unique_ptr<WorkPool> pool_ TELVORA_GUARDED_BY(lock_);
 };
 

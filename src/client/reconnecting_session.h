@@ -92,7 +92,7 @@ class ReconnectingSession final : public SessionTarget,
     std::atomic<uint64_t> lostCalls_ = 0;
     std::atomic<bool> closed_ = false;
 
-    Mutex lock_;
+    Mutex lock_{LockRank::clientSession};
     std::shared_ptr<Link> link_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextAttempt_ TELVORA_GUARDED_BY(lock_);  // of a call
     std::shared_ptr<void> retry_ TELVORA_GUARDED_BY(lock_);  // the timer, while one runs

@@ -69,7 +69,8 @@ class DeviceIdentity {
     UserDefaults& defaults_;
     const bool isInternal_;
     const std::string processIdentifier_;
-    mutable Mutex identifierMutex_;  // makes read-then-create of an identifier one step
+    mutable Mutex identifierMutex_{
+        LockRank::identifiers};  // makes read-then-create of an identifier one step
 };
 
 // "client:service", both in lower case, an absent name empty.

@@ -86,6 +86,11 @@ bool updateLastModified(const HttpResponse& response, std::optional<std::string>
 
 }  // namespace
 
+void StorebagFetcher::readSettings() const {
+    services_.environment.storebagBaseURL();
+    services_.environment.userDefaultsEnvironment();
+}
+
 std::optional<Dictionary> StorebagFetcher::fetchStorebagWithName(const std::optional<std::string>& name,
                                                                  StorebagFetchStatus& status) const {
     const std::string url = services_.environment.storebagBaseURL() + "/" + name.value_or("(null)") +

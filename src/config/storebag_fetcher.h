@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Fetching a storebag: download, signature check, choice of the environment's section. Both operations block
-// for up to 15 seconds and keep no state of their own; callable from any thread.
+// Fetching a storebag: download, signature check, choice of the environment's section. The fetches block for
+// up to 15 seconds and keep no state of their own; callable from any thread.
 #pragma once
 
 #include <cstdint>
@@ -34,6 +34,10 @@ struct StorebagFetchStatus {
 class StorebagFetcher {
   public:
     explicit StorebagFetcher(StorebagFetcherServices services) : services_(services) {}
+
+    // Reads the settings of a fetch, which are read once per process: for callers who hold a lock across the
+    // fetch that must not wait for a file.
+    void readSettings() const;
 
     // Downloads and verifies the bag of that name (nothing: the fetch is still attempted with an absent
     // name). Returns the inner bag, or nothing. When the server can't be reached, the bag "quillet" has a

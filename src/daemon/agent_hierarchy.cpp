@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The hierarchy: per token, the live sessions in the order in which they came. "The session of level n"
-// always means the first of that level in the list.
+// The hierarchies: per token and user, the live sessions in the order in which they came. "The session of
+// level n" always means the first of that level in the list.
 #include <algorithm>
 
 #include "daemon/telvorad_agent.h"
@@ -28,24 +28,30 @@ void TelvoradAgent::updateCorrelatedSessions(const std::shared_ptr<TelvoradSessi
     }
     const DelegateLock lock(lock_);
     leaveCorrelatedSessions(*session);
-    SessionList& list = correlatedSessions_[*token];
+    const auto hierarchy = correlatedSessions_.try_emplace({*token, session->hierarchyUser()}).first;
+    SessionList& list = hierarchy->second;
     if (list.empty()) newTokenBytes_ += token->size() + sizeof(SessionList);
     TELVORA_LOG(
         kLogDebug,
         "updateCorrelatedSessions: Adding session %u to list for hierarchyToken %s with hierarchyLevel %d",
         session->sessionID(), token->c_str(), static_cast<int>(session->hierarchyLevel()));
+    if (othersHaveToken(*token, session->hierarchyUser())) {
+        TELVORA_LOG(kLogInfo,
+                    "updateCorrelatedSessions: Session %u does not join other users' sessions with "
+                    "hierarchyToken %s",
+                    session->sessionID(), token->c_str());
+    }
     list.push_back(session);
-    tokens_[session.get()] = *token;
+    hierarchyPlaces_[session.get()] = hierarchy;
     if (newTokenBytes_ > kMaxIdleTokenBytes) dropEmptyLists();
     correlatedSessionsCount_ = correlatedSessions_.size();
 }
 
 void TelvoradAgent::leaveCorrelatedSessions(const TelvoradSession& session) {
-    const auto entered = tokens_.find(&session);
-    if (entered == tokens_.end()) return;
-    SessionList& list = correlatedSessions_[entered->second];
-    std::erase_if(list, [&](const auto& member) { return member.get() == &session; });
-    tokens_.erase(entered);
+    const auto place = hierarchyPlaces_.find(&session);
+    if (place == hierarchyPlaces_.end()) return;
+    std::erase_if(place->second->second, [&](const auto& member) { return member.get() == &session; });
+    hierarchyPlaces_.erase(place);
 }
 
 void TelvoradAgent::dropEmptyLists() {
@@ -53,8 +59,16 @@ void TelvoradAgent::dropEmptyLists() {
     newTokenBytes_ = 0;
 }
 
-const TelvoradAgent::SessionList* TelvoradAgent::sessionsOfToken(const std::string& token) const {
-    const auto found = correlatedSessions_.find(token);
+bool TelvoradAgent::othersHaveToken(const std::string& token, uid_t user) const {
+    for (auto at = correlatedSessions_.lower_bound({token, 0});
+         at != correlatedSessions_.end() && at->first.first == token; ++at) {
+        if (at->first.second != user && !at->second.empty()) return true;
+    }
+    return false;
+}
+
+const TelvoradAgent::SessionList* TelvoradAgent::sessionsOfToken(const std::string& token, uid_t user) const {
+    const auto found = correlatedSessions_.find({token, user});
     return found != correlatedSessions_.end() && !found->second.empty() ? &found->second : nullptr;
 }
 
@@ -73,7 +87,7 @@ std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const 
                 token->c_str(), session.sessionID());
 
     const DelegateLock lock(lock_);
-    const SessionList* sessions = sessionsOfToken(*token);
+    const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
     if (sessions == nullptr) {
         TELVORA_LOG(kLogError,
                     "parentSessionIDStringForSession: ERROR: No sessions found for hierarchyToken %s",
@@ -110,7 +124,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const Telv
     TELVORA_LOG(kLogDebug, "parentSessionForChild: Checking hierarchyToken '%s' for session %u",
                 token->c_str(), child.sessionID());
 
-    const SessionList* sessions = sessionsOfToken(*token);
+    const SessionList* sessions = sessionsOfToken(*token, child.hierarchyUser());
     if (sessions == nullptr) {
         TELVORA_LOG(kLogError, "parentSessionForChild: ERROR: No sessions found for hierarchyToken %s",
                     token->c_str());
@@ -141,7 +155,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSess
     const int64_t level = session.hierarchyLevel();
     if (level < 1) return nullptr;
     const std::optional<std::string> token = session.hierarchyToken();
-    const SessionList* sessions = token ? sessionsOfToken(*token) : nullptr;
+    const SessionList* sessions = token ? sessionsOfToken(*token, session.hierarchyUser()) : nullptr;
     if (sessions == nullptr) return nullptr;
 
     // The first session of each level, top first: the levels that exist are few, whatever number a client
@@ -173,7 +187,7 @@ void TelvoradAgent::updateDownstreamSessions(TelvoradSession& session) {
     const bool ancestorAggregates = level >= 1 && getAncestorWithAggregatorForSession(session) != nullptr;
     if (ancestorAggregates) session.shutdownSessionAggregation();
 
-    const SessionList* sessions = sessionsOfToken(*token);
+    const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
     if (sessions == nullptr) return;
     for (const auto& deeper : *sessions) {
         if (deeper->hierarchyLevel() <= level) continue;

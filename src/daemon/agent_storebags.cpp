@@ -27,6 +27,7 @@ std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const Telvor
     TELVORA_LOG(kLogDebug, "storebagForSession: Retrieving storebag for session %u with client type %d",
                 session.sessionID(), static_cast<int>(clientType));
 
+    services_.storebagFetcher.readSettings();
     const DelegateLock lock(lock_);
     const auto found = cachedStorebags_.find(key);
     if (found != cachedStorebags_.end()) {

@@ -7,6 +7,9 @@
 // Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which
 // guards the bag cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for
 // the same bag find it fetched. All operations may be called from any thread.
+//
+// A hierarchy is known by its token and by its user (TelvoradSession::hierarchyUser): a token is a name that
+// others can guess, and sessions of a hierarchy see and govern each other's reports.
 #pragma once
 
 #include <atomic>
@@ -126,7 +129,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Storebags.
     void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
     // Hierarchy.
-    const SessionList* sessionsOfToken(const std::string& token) const TELVORA_REQUIRES(lock_);
+    using Hierarchies = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
+    const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
+    bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     void leaveCorrelatedSessions(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);
     static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
@@ -137,17 +142,17 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
 
     std::atomic<size_t> sessionsAlive_{0};
 
-    RecursiveMutex sessionListLock_;
+    RecursiveMutex sessionListLock_{LockRank::agent};
     std::list<RegisteredSession> sessionList_ TELVORA_GUARDED_BY(sessionListLock_);  // in order of acceptance
     std::unordered_map<const TelvoradSession*, std::list<RegisteredSession>::iterator> sessionPlaces_
         TELVORA_GUARDED_BY(sessionListLock_);
 
-    RecursiveMutex lock_;
+    RecursiveMutex lock_{LockRank::agent};
     std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
     Mutex storebagExtractsLock_;
     std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
-    std::unordered_map<std::string, SessionList> correlatedSessions_ TELVORA_GUARDED_BY(lock_);
-    std::unordered_map<const TelvoradSession*, std::string> tokens_
+    Hierarchies correlatedSessions_ TELVORA_GUARDED_BY(lock_);
+    std::unordered_map<const TelvoradSession*, Hierarchies::iterator> hierarchyPlaces_
         TELVORA_GUARDED_BY(lock_);  // who is in which list
     size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) =
         0;                                            // of tokens entered since empty lists were last dropped

@@ -2,7 +2,6 @@
 #include "platform/entitlements.h"
 
 #include <algorithm>
-#include <limits>
 #include <string>
 #include <system_error>
 #include <tl/expected.hpp>
@@ -16,25 +15,12 @@ namespace telvora {
 
 namespace {
 
-using MaybeId = std::optional<uint32_t>;  // a uid_t or a gid_t
-
 // The conditions of a file and what it grants, or why the file can't be relied on.
 struct Grant {
     std::optional<PropertyList> user, group;  // a non-empty string or a number that is an id
     std::optional<std::string> unit, label;
     Dictionary entitlements;
 };
-
-bool isName(const PropertyList& value) {
-    const auto* text = value.getIf<std::string>();
-    return text != nullptr && !text->empty() && text->find('\0') == std::string::npos;
-}
-
-bool isId(const PropertyList& value) {
-    const auto* number = value.getIf<int64_t>();
-    // The highest number means "no user" to the kernel.
-    return number != nullptr && *number >= 0 && *number < int64_t{std::numeric_limits<uint32_t>::max()};
-}
 
 tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
     auto document = readPropertyListFile(file);
@@ -44,9 +30,9 @@ tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
     Grant grant;
     bool hasEntitlements = false;
     for (const auto& [key, value] : *dictionary) {
-        if ((key == "User" || key == "Group") && (isName(value) || isId(value))) {
+        if ((key == "User" || key == "Group") && isNameOrId(value)) {
             (key == "User" ? grant.user : grant.group) = value;
-        } else if ((key == "Unit" || key == "Label") && isName(value)) {
+        } else if ((key == "Unit" || key == "Label") && value.is<std::string>() && isNameOrId(value)) {
             (key == "Unit" ? grant.unit : grant.label) = *value.getIf<std::string>();
         } else if (key == "Entitlements" && value.is<Dictionary>()) {
             grant.entitlements = *value.getIf<Dictionary>();
@@ -59,22 +45,13 @@ tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
     return grant;
 }
 
-// A name that consists of digits only is a number.
-MaybeId idFrom(const PropertyList& value, MaybeId (*lookUp)(const std::string&)) {
-    if (isId(value)) return static_cast<uint32_t>(*value.getIf<int64_t>());
-    const auto& name = *value.getIf<std::string>();
-    if (name.find_first_not_of("0123456789") != std::string::npos) return lookUp(name);
-    const PropertyList number(leadingInteger(name));
-    return isId(number) ? MaybeId(*number.getIf<int64_t>()) : std::nullopt;
-}
-
 bool holdsFor(const Grant& grant, const Peer& peer) {
     // The cheap comparisons come first; the look-up of a name may ask a server.
     if (grant.unit && *grant.unit != peer.unit) return false;
     if (grant.label && *grant.label != peer.label) return false;
-    if (grant.user && idFrom(*grant.user, userId) != MaybeId(peer.uid)) return false;
+    if (grant.user && userIdFrom(*grant.user) != peer.uid) return false;
     if (!grant.group) return true;
-    const MaybeId group = idFrom(*grant.group, groupId);
+    const std::optional<gid_t> group = groupIdFrom(*grant.group);
     return group && peer.isInGroup(*group);
 }
 

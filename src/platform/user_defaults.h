@@ -76,7 +76,7 @@ class UserDefaults {
     const Dictionary& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
     tl::expected<void, std::string> change(std::string_view domain, Changes wanted);
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::defaults};
     const std::filesystem::path administratorDirectory_;
     const std::filesystem::path ownDirectory_;
     std::map<std::filesystem::path, CachedFile> files_ TELVORA_GUARDED_BY(mutex_);

@@ -10,8 +10,11 @@ namespace {
 
 using TimePoint = std::chrono::steady_clock::time_point;
 
-// What log lines and what is said of refusals count for.
+// Window for counting log lines, and least time between two lines about refusals.
 constexpr std::chrono::minutes kPeriod{1};
+// Errors and warnings in a period that each client may log beyond its user's quota: with as many clients as a
+// user may have, as many lines as that quota.
+constexpr uint64_t kOwnErrorLines = 10;
 
 constexpr std::array<QuotaRule, kQuotas> kRules = {{
     {"connections", "maxConnectionsPerUser", 1024},
@@ -20,6 +23,8 @@ constexpr std::array<QuotaRule, kQuotas> kRules = {{
     // Half of what the HTTP client takes for one server (http_client.h): the other half is for the others.
     {"pendingBytes", "maxPendingBytesPerUser", uint64_t{16} << 20},
     {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
+    // As much as one backend's batch may hold.
+    {"dormantBytes", "maxDormantBytesPerUser", uint64_t{8} << 20},
     {"extensionTokens", "maxExtensionTokensPerUser", 512},
     // Half of what the journal takes of one service, journald.conf(5), likewise.
     {"logLines", "maxLogLinesPerUser", 10'000},
@@ -35,13 +40,20 @@ const QuotaRule& ruleOf(Quota quota) {
     return kRules[static_cast<size_t>(quota)];
 }
 
+// The errors and warnings of one client beyond its user's quota, in the period that ends so.
+struct OwnErrorLines {
+    uint64_t count = 0;
+    TimePoint periodEnd;
+};
+
 // What one user has taken and was refused.
-struct UserShare final : LogAdmission {
+struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
-    bool admitsLine() override TELVORA_EXCLUDES(lock_);
+    // `client` is guarded by this share's lock.
+    bool admitsLine(int level, OwnErrorLines& client) TELVORA_EXCLUDES(lock_);
     std::array<QuotaUse, kQuotas> uses() TELVORA_EXCLUDES(lock_);
     // Logs the refusals that have not been told and may be by now.
     void tellRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
@@ -55,27 +67,37 @@ struct UserShare final : LogAdmission {
         TimePoint nextLine;  // not before
     };
 
+    bool holdsTooMuch(Quota quota);
     void refuse(Quota quota, TimePoint now) TELVORA_EXCLUDES(lock_);
     void tellUntold(Quota quota, uint64_t refusals) const;
 
     const UserQuotas& quotas_;
     const uid_t user_;
     std::array<std::atomic<uint64_t>, kQuotas> held_{};  // but log lines
-    Mutex lock_;
+    Mutex lock_{LockRank::userLog};
     uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;  // logged in this period
     TimePoint periodEnd_ TELVORA_GUARDED_BY(lock_);
     std::array<Refusals, kQuotas> refusals_ TELVORA_GUARDED_BY(lock_);
 };
 
 bool UserShare::take(Quota quota, uint64_t amount) {
-    std::atomic<uint64_t>& taken = held(quota);
-    if (taken.fetch_add(amount, std::memory_order_relaxed) + amount <= quotas_.limitOf(quota)) return true;
-    taken.fetch_sub(amount, std::memory_order_relaxed);
+    held(quota) += amount;
+    if (!holdsTooMuch(quota)) return true;
+    held(quota) -= amount;
     refuse(quota, quotas_.clock_());
     return false;
 }
 
-bool UserShare::admitsLine() {
+// Bytes can change from one of the two quotas to the other without being refused: a limit for both together
+// bounds them all the same.
+bool UserShare::holdsTooMuch(Quota quota) {
+    if (held(quota) > quotas_.limitOf(quota)) return true;
+    if (quota != Quota::pendingBytes && quota != Quota::dormantBytes) return false;
+    return held(Quota::pendingBytes) + held(Quota::dormantBytes) >
+           quotas_.limitOf(Quota::pendingBytes) + quotas_.limitOf(Quota::dormantBytes);
+}
+
+bool UserShare::admitsLine(int level, OwnErrorLines& client) {
     const TimePoint now = quotas_.clock_();
     bool begins = false;
     bool admitted = false;
@@ -87,7 +109,13 @@ bool UserShare::admitsLine() {
             lines_ = 0;
         }
         admitted = lines_ < quotas_.limitOf(Quota::logLines);
-        if (admitted) ++lines_;
+        if (admitted) {
+            ++lines_;
+        } else if (level <= kLogWarning) {
+            if (client.periodEnd != periodEnd_) client = {0, periodEnd_};
+            admitted = client.count < kOwnErrorLines;
+            if (admitted) ++client.count;
+        }
     }
     if (begins) tellRefusals(now);
     if (!admitted) refuse(Quota::logLines, now);
@@ -169,6 +197,36 @@ void QuotaHold::resize(uint64_t amount) {
     amount_ = amount;
 }
 
+void QuotaHold::countAs(Quota quota) {
+    // Counted twice for a moment rather than not at all.
+    if (share_) {
+        share_->held(quota) += amount_;
+        share_->held(quota_) -= amount_;
+    }
+    quota_ = quota;
+}
+
+void QuotaHold::add(QuotaHold other) {
+    if (!share_) return swap(other);
+    other.countAs(quota_);
+    amount_ += std::exchange(other.amount_, 0);
+}
+
+namespace {
+
+struct ClientLog final : LogAdmission {
+    explicit ClientLog(std::shared_ptr<UserShare> user) : share(std::move(user)) {}
+    bool admitsLine(int level) override { return share->admitsLine(level, ownErrors); }
+
+    const std::shared_ptr<UserShare> share;
+    OwnErrorLines ownErrors;
+};
+
+}  // namespace
+
+QuotaUser::QuotaUser(std::shared_ptr<UserShare> share)
+    : share_(std::move(share)), log_(std::make_shared<ClientLog>(share_)) {}
+
 bool QuotaUser::take(Quota quota, uint64_t amount, QuotaHold& hold) const {
     if (!share_) return true;
     if (!share_->take(quota, amount)) return false;
@@ -181,7 +239,7 @@ bool QuotaUser::take(Quota quota, uint64_t amount, QuotaHold& hold) const {
 }
 
 LogAdmission* QuotaUser::logAdmission() const {
-    return share_.get();
+    return log_.get();
 }
 
 // --- All users ---

@@ -5,8 +5,8 @@
 // since. All users have the same limits, root and the daemon's own user too.
 //
 // A user's quotas are counted in one place for all connections (UserShare in user_quotas.cpp): a QuotaUser
-// refers to it, a QuotaHold is a part of one quota that is taken. Taking and giving back cost one atomic
-// operation each. Once nothing refers to a user any more, the user is forgotten within the minute that its
+// refers to it, a QuotaHold is a part of one quota that is taken. Taking and giving back cost a few atomic
+// operations. Once nothing refers to a user any more, the user is forgotten within the minute that its
 // refusals and its log lines count for, and the next connection of anybody.
 //
 // The limits are user defaults. They are read with every connection and every question for the status, and
@@ -38,6 +38,7 @@ enum class Quota : uint8_t {
     sessions,         // whose connection is valid
     pendingBytes,     // of reports that wait in a batch or for a server's answer
     unreadBytes,      // of messages that wait for the user's clients to read those before them
+    dormantBytes,     // of reports in batches that a flush would throw away as things stand
     extensionTokens,  // that are unused; each holds a descriptor
     logLines,         // in a minute, above the debug level, on behalf of the user's clients
 };
@@ -63,6 +64,10 @@ class QuotaHold {
 
     // From now on it is this much. More than before is not refused: it counts against what comes next.
     void resize(uint64_t amount);
+    // From now on it is a part of this quota; not refused either.
+    void countAs(Quota quota);
+    // Takes over another hold of the same user, as a part of this one's quota.
+    void add(QuotaHold other);
 
   private:
     friend class QuotaUser;
@@ -73,7 +78,8 @@ class QuotaHold {
     uint64_t amount_ = 0;
 };
 
-// A user as the quotas know it. A default-constructed one is nobody, to whom nothing is refused.
+// A user as the quotas know it, and one of its clients. A default-constructed one is nobody, to whom nothing
+// is refused.
 class QuotaUser {
   public:
     QuotaUser() = default;
@@ -81,14 +87,17 @@ class QuotaUser {
     // Adds to a hold, which is empty or of this user and quota. False: the user would be over its quota; then
     // nothing has changed, and the refusal is counted and logged.
     bool take(Quota quota, uint64_t amount, QuotaHold& hold) const;
-    // For a LogScope: what is logged in it is on this user's behalf. Lives as long as any QuotaUser for it.
+    // For a LogScope: what is logged in it is on this client's behalf. Lives as long as any copy of this. The
+    // lines of the user's other clients can use up the user's quota, but not the errors and warnings that
+    // each client has besides.
     LogAdmission* logAdmission() const;
 
   private:
     friend class UserQuotas;
-    explicit QuotaUser(std::shared_ptr<UserShare> share) : share_(std::move(share)) {}
+    explicit QuotaUser(std::shared_ptr<UserShare> share);
 
     std::shared_ptr<UserShare> share_;
+    std::shared_ptr<LogAdmission> log_;
 };
 
 struct QuotaUse {
@@ -106,7 +115,7 @@ class UserQuotas {
     explicit UserQuotas(UserDefaults& defaults, SteadyClock clock = std::chrono::steady_clock::now);
     ~UserQuotas();
 
-    // Reads the limits. May block on file I/O.
+    // For one client of the user. Reads the limits. May block on file I/O.
     QuotaUser of(uid_t user) TELVORA_EXCLUDES(lock_);
     // The users that are known, and their quotas in the order of Quota. Reads the limits, likewise.
     std::map<uid_t, std::array<QuotaUse, kQuotas>> uses() TELVORA_EXCLUDES(lock_);
@@ -123,7 +132,7 @@ class UserQuotas {
     UserDefaults& defaults_;
     const SteadyClock clock_;
     std::array<std::atomic<uint64_t>, kQuotas> limits_{};
-    Mutex lock_;  // before a share's
+    Mutex lock_{LockRank::users};
     std::map<uid_t, std::shared_ptr<UserShare>> users_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextSweep_ TELVORA_GUARDED_BY(lock_);
 };

@@ -43,12 +43,14 @@ DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
 
 TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                                  std::shared_ptr<ClientSessionReplyInterface> connection,
-                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user)
+                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user,
+                                 uid_t hierarchyUser)
     : services_(services),
       sessionDelegate_(delegate),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
+      hierarchyUser_(hierarchyUser),
       accounts_(services.ledger, std::move(user)),
       deviceid_(uniqueDeviceID(services.identity)),
       sessionInfo_(std::make_shared<const Dictionary>()) {
@@ -64,12 +66,11 @@ void TelvoradSession::dealloc() {
     sendEndMessage();
     flushMessagesWithCompletion({});
     shutdownSessionAggregation();
-
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
-        backend->cleanup();
-    backends_.reset();
+    if (const auto ended = backends()) {
+        for (const auto& [name, backend] : *ended)
+            backend->cleanup();
+    }
+    replaceBackends(nullptr);
 }
 
 std::shared_ptr<const Dictionary> TelvoradSession::sessionInfo() const {
@@ -152,8 +153,7 @@ void TelvoradSession::fetchStatesWithUserInfo(std::optional<Dictionary> userInfo
 
 void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)> reply) {
     TELVORA_LOG(kLogDebug, "fetchDisplayURL: Fetching display URL for session %u", sessionID());
-    const std::optional<BackendDictionary> current = backends();
-    if (current) {
+    if (const auto current = backends()) {
         for (const char* name :
              {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
             const auto backend = current->find(name);
@@ -168,23 +168,45 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     TELVORA_LOG(kLogDebug, "createBackendsWithStorebag: Creating backends for session %u", sessionID());
     std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
         services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_, accounts_);
+    std::shared_ptr<const BackendDictionary> backends;
     if (created) {
         for (const auto& [name, backend] : *created)
             backend->setCombinedSessionIDString(sessionIDString_);
+        backends = std::make_shared<const BackendDictionary>(std::move(*created));
     }
+    const auto former = replaceBackends(std::move(backends));
     uint64_t held = 0;
-    {
-        const MutexLock lock(backendsLock_);
-        for (const auto& [name, backend] : backends_.value_or(BackendDictionary{}))
-            held += backend->reports().tally()[ReportPlace::held];
-        backends_ = std::move(created);
-    }
+    for (const auto& [name, backend] : former ? *former : BackendDictionary())
+        held += backend->reports().tally()[ReportPlace::held];
     if (held == 0) return;
     TELVORA_LOG(
         kLogWarning,
         "createBackendsWithStorebag: Session %u is configured anew without a flush: %llu reports that "
         "its backends held are lost",
         sessionID(), static_cast<unsigned long long>(held));
+}
+
+std::shared_ptr<const BackendDictionary> TelvoradSession::backends() {
+    std::shared_ptr<const BackendDictionary> current;
+    std::optional<std::string> combinedID;
+    {
+        const MutexLock lock(backendsLock_);
+        current = backends_;
+        combinedID = std::exchange(newCombinedID_, std::nullopt);
+    }
+    if (current && combinedID) {
+        for (const auto& [name, backend] : *current)
+            backend->setCorrelatedSessionID(*combinedID);
+    }
+    return current;
+}
+
+std::shared_ptr<const BackendDictionary> TelvoradSession::replaceBackends(
+    std::shared_ptr<const BackendDictionary> backends) {
+    const MutexLock lock(backendsLock_);
+    backends_.swap(backends);
+    newCombinedID_.reset();
+    return backends;
 }
 
 void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
@@ -207,9 +229,9 @@ void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
 
 void TelvoradSession::updateUserInfoForBackends() {
     const UserInfo current = userInfo();
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
+    const auto all = backends();
+    if (!all) return;
+    for (const auto& [name, backend] : *all)
         backend->setUserInfoDict(current);
 }
 

@@ -38,7 +38,7 @@ void TelvoradSession::flushMessagesWithCompletion(FlushReply completion) {
 // The client hears exactly once: of the first backend that fails, or else of the last one to report. A flush
 // of no backends at all is never answered.
 void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion) {
-    const std::optional<BackendDictionary> current = backends();
+    const auto current = backends();
     if (!current) {
         TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", kNoBackends);
         if (completion) completion(std::nullopt, makeTelvoraError(kNoBackends, -1));
@@ -54,7 +54,6 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
             const FlushReply reply = takeCompletion(*flush, error.has_value());
             if (reply) reply(std::move(answer), std::move(error));
         };
-        const MutexLock lock(backendsLock_);
         backend->flushMessagesWithCompletion(std::move(reported));
     }
 }
@@ -70,13 +69,14 @@ void TelvoradSession::uploadFileAtPath(std::string fileURL, std::string extensio
     uploadFileWithURL(fileURL, extensionToken, completionHandler);
 }
 
-// Uploads wait for the network, so they run on a copy of the backends, outside their lock.
 void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
                                         const UploadFileReply& completionHandler) {
     const std::string path = pathOfFileURL(fileURL);
     bool uploaded = false;
-    for (const auto& [name, backend] : backends().value_or(BackendDictionary{})) {
-        if (backend->uploadFileAtPath(path, extensionToken, *clientFiles_)) uploaded = true;
+    if (const auto current = backends()) {
+        for (const auto& [name, backend] : *current) {
+            if (backend->uploadFileAtPath(path, extensionToken, *clientFiles_)) uploaded = true;
+        }
     }
     clientFiles_->releaseExtension(extensionToken);  // where no backend wanted it
     if (uploaded) {
@@ -92,8 +92,10 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
 
 void TelvoradSession::uploadLogData(Array records, UploadLogDataReply completionHandler) {
     bool uploaded = false;
-    for (const auto& [name, backend] : backends().value_or(BackendDictionary{})) {
-        if (backend->uploadLogData(records)) uploaded = true;
+    if (const auto current = backends()) {
+        for (const auto& [name, backend] : *current) {
+            if (backend->uploadLogData(records)) uploaded = true;
+        }
     }
     if (uploaded) {
         TELVORA_LOG(kLogDebug, "uploadLogData: Log data array upload successful");

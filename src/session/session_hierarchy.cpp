@@ -6,6 +6,7 @@
 
 namespace telvora {
 
+// The backends may be at work: they take the ID before their next operation.
 // A session without ancestors leaves its backends the ID that they have.
 void TelvoradSession::updateCombinedSessionID() {
     const std::optional<std::string> parent = sessionDelegate_.parentSessionIDStringForSession(*this);
@@ -15,9 +16,7 @@ void TelvoradSession::updateCombinedSessionID() {
                 "updateCombinedSessionID: Updating combined session ID '%s' for session %u backends",
                 combined.c_str(), sessionID());
     const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
-        backend->setCorrelatedSessionID(combined);
+    if (backends_) newCombinedID_ = combined;
 }
 
 }  // namespace telvora

@@ -62,12 +62,9 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
     aggregateMessage(TelvoradUtil::secondsFromTimeValue(timestamp), category, type, payload);
 
     std::optional<std::string> result;
-    const MutexLock lock(backendsLock_);
-    if (!backends_ || backends_->empty()) {
-        reachesNoBackend(backends_ ? ReportPlace::noBackend : ReportPlace::notConfigured);
-        return std::nullopt;
-    }
-    for (const auto& [key, backend] : *backends_) {
+    const auto current = backends();
+    if (current->empty()) reachesNoBackend(ReportPlace::noBackend);
+    for (const auto& [key, backend] : *current) {
         if (const auto excluded = backend->exclusionOf(category, "sendMessageWithDictionary")) {
             backend->reports().accept(*excluded);
             continue;
@@ -91,16 +88,10 @@ void TelvoradSession::internalSendMessage(const Dictionary& payload, uint16_t me
 }
 
 bool TelvoradSession::hasBackends() {
-    const MutexLock lock(backendsLock_);
-    if (backends_) return true;
+    if (backends()) return true;
     reachesNoBackend(ReportPlace::notConfigured);
     TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: No backends available to send message");
     return false;
-}
-
-std::optional<BackendDictionary> TelvoradSession::backends() const {
-    const MutexLock lock(backendsLock_);
-    return backends_;
 }
 
 }  // namespace telvora

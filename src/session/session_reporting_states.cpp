@@ -7,9 +7,9 @@
 namespace telvora {
 
 void TelvoradSession::updateReportingStates() {
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_)
+    const auto current = backends();
+    if (!current) return;
+    for (const auto& [name, backend] : *current)
         backend->updateState();
 }
 
@@ -31,27 +31,27 @@ void TelvoradSession::syncReportingStates() {
                         sessionID(), name.c_str(), static_cast<long long>(hierarchyLevel()));
             continue;
         }
-        if (backend->state() == BackendState::sampledOut) continue;
         const auto followed = parentStates.find(name);
         if (followed == parentStates.end()) {
-            backend->setState(BackendState::disabled);
+            backend->followState(BackendState::disabled);
             continue;
         }
-        backend->setState(followed->second.state);
-        backend->setSamplingThreshold(followed->second.samplingThreshold);
+        const ReportingState& parents = followed->second;
+        if (!backend->followState(parents.state)) continue;
+        backend->setSamplingThreshold(parents.samplingThreshold);
         TELVORA_LOG(
             kLogDebug,
             "HTTPSPostBackend(syncReportingStates): %s: state and sampling rate updated to %d, %.02f%%",
-            name.c_str(), static_cast<int>(backend->state()), backend->samplingThreshold().value_or(0));
+            name.c_str(), static_cast<int>(parents.state), parents.samplingThreshold.value_or(0));
     }
 }
 
-std::map<std::string, TelvoradSession::ReportingState> TelvoradSession::backendStates() const {
+std::map<std::string, ReportingState> TelvoradSession::backendStates() const {
     std::map<std::string, ReportingState> states;
     const MutexLock lock(backendsLock_);
     if (!backends_) return states;
     for (const auto& [name, backend] : *backends_) {
-        states.emplace(name, ReportingState{backend->state(), backend->samplingThreshold()});
+        states.emplace(name, backend->reportingState());
     }
     return states;
 }

@@ -53,7 +53,10 @@ Dictionary TelvoradSession::status() const {
          static_cast<long long>(sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0))},
         {"level", static_cast<long long>(hierarchyLevel())},
         {"aggregates", hasAggregator()}};
-    if (const auto token = hierarchyToken()) status.set("token", *token);
+    if (const auto token = hierarchyToken()) {
+        status.set("token", *token);
+        status.set("hierarchyUser", static_cast<long long>(hierarchyUser()));
+    }
     Dictionary backends;
     for (const auto& [name, backend] : backendStates()) {
         Dictionary described{{"state", nameOf(backend.state)}};

@@ -3,11 +3,11 @@
 // TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session
 // info and a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
 //
-// The operations of ClientSessionInterface run on the connection's strand, one after another. Other sessions
-// of the same hierarchy, on other strands, read what a session says of itself and give its backends new IDs
-// and states: so `identityLock_` guards the one and `backendsLock_` the other. Both are leaves: whoever holds
-// one of them takes no further lock of this program's sessions or agent (the agent's lock comes before, never
-// after).
+// The operations of ClientSessionInterface run on the connection's strand, one after another, and so does all
+// work of the session's backends: a metrics adaptor may take its time in it, and no lock is held then. Other
+// sessions of the same hierarchy, on other strands, read what a session says of itself (`identityLock_`),
+// change its backends' states, which are atomic, and leave a new combined ID for the strand to find
+// (`backendsLock_`). Both locks are held for moments only, for whoever waits for them may hold the agent's.
 #pragma once
 
 #include <atomic>
@@ -46,10 +46,11 @@ class TelvoradSession final : public ClientSessionInterface,
                               public std::enable_shared_from_this<TelvoradSession> {
   public:
     // `delegate` outlives the session; `connection` carries the session's calls back to its client, whose
-    // files are `clientFiles` and whose user is `user`.
+    // files are `clientFiles`, whose quotas are those of `user`, and who meets others in the hierarchies of
+    // `hierarchyUser`.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                     std::shared_ptr<ClientSessionReplyInterface> connection,
-                    std::shared_ptr<ClientFiles> clientFiles, QuotaUser user);
+                    std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t hierarchyUser);
 
     // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
     // the connection's strand, when the connection has ended and the session has left the registry.
@@ -82,6 +83,8 @@ class TelvoradSession final : public ClientSessionInterface,
     bool hasAggregator() const { return hasAggregator_.load(); }
     int64_t hierarchyLevel() const { return hierarchyLevel_.load(); }
     std::optional<std::string> hierarchyToken() const;  // nothing: a standalone session
+    // Sessions with the same token are in one hierarchy only if this is the same, too.
+    uid_t hierarchyUser() const { return hierarchyUser_; }
     // Whether it had a hierarchy token at any time: it may then still be listed under that one.
     bool everInHierarchy() const { return everInHierarchy_.load(); }
     std::string description() const;
@@ -116,9 +119,13 @@ class TelvoradSession final : public ClientSessionInterface,
     // For a report that is to be sent: without a backend dictionary, that is logged and counted.
     bool hasBackends();
     void reachesNoBackend(ReportPlace why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
-    // The backends by value, to work with them outside the lock; nothing: the session has no backend
-    // dictionary.
-    std::optional<BackendDictionary> backends() const;
+    // The backends for an operation of the connection's strand, which alone may keep them: whoever is the
+    // last to let go of them calls into adaptors. Under the newest combined ID. Null: the session has no
+    // backend dictionary.
+    std::shared_ptr<const BackendDictionary> backends() TELVORA_EXCLUDES(backendsLock_);
+    // Returns the former ones, which end with the last of their users.
+    std::shared_ptr<const BackendDictionary> replaceBackends(
+        std::shared_ptr<const BackendDictionary> backends) TELVORA_EXCLUDES(backendsLock_);
 
     // Flush and uploads.
     void internalFlushMessagesWithCompletion(FlushReply completion);
@@ -132,11 +139,7 @@ class TelvoradSession final : public ClientSessionInterface,
                           uint16_t category, uint16_t type, std::optional<Dictionary> payload);
 
     // Reporting states.
-    struct ReportingState {
-        BackendState state;
-        std::optional<double> samplingThreshold;
-    };
-    std::map<std::string, ReportingState> backendStates() const;
+    std::map<std::string, ReportingState> backendStates() const TELVORA_EXCLUDES(backendsLock_);
     void updateReportingStates();
     std::optional<std::vector<std::string>> fetchReportingStates() const;
 
@@ -153,6 +156,7 @@ class TelvoradSession final : public ClientSessionInterface,
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
+    const uid_t hierarchyUser_;
     ClientAccounts accounts_;
     DeviceIDBuffer deviceid_{};
 
@@ -161,13 +165,16 @@ class TelvoradSession final : public ClientSessionInterface,
     std::atomic<int64_t> hierarchyLevel_{0};
     std::atomic<bool> everInHierarchy_{false};
 
-    mutable Mutex identityLock_;
+    mutable Mutex identityLock_{LockRank::session};
     std::shared_ptr<const Dictionary> sessionInfo_ TELVORA_GUARDED_BY(identityLock_);
     UserInfo userInfo_ TELVORA_GUARDED_BY(identityLock_);
     std::optional<std::string> hierarchyToken_ TELVORA_GUARDED_BY(identityLock_);
 
-    mutable Mutex backendsLock_;
-    std::optional<BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
+    mutable Mutex backendsLock_{LockRank::session};
+    // Null: no backend dictionary. Replaced on the connection's strand only.
+    std::shared_ptr<const BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
+    // A combined ID that the backends are to have before they work on.
+    std::optional<std::string> newCombinedID_ TELVORA_GUARDED_BY(backendsLock_);
 
     // Touched on the connection's strand only.
     std::vector<std::string> frameworks_;

@@ -23,7 +23,7 @@ bool isAdmitted(int level) {
     LogAdmission* const admission = currentAdmission;
     if (admission == nullptr || level >= kLogDebug) return true;
     const LogScope nobody(nullptr);
-    return admission->admitsLine();
+    return admission->admitsLine(level);
 }
 
 std::string escaped(std::string_view line) {

@@ -37,8 +37,8 @@ void setLogSink(LogSink sink);
 // Says whether a line above the debug level is sent.
 class LogAdmission {
   public:
-    // What it logs itself is nobody's. Called from any thread.
-    virtual bool admitsLine() = 0;
+    // Whether one more line of this level is sent. What it logs itself is nobody's. Called from any thread.
+    virtual bool admitsLine(int level) = 0;
 
   protected:
     ~LogAdmission() = default;

@@ -2,6 +2,11 @@
 //
 // Mutexes that clang's thread-safety analysis understands, so that "which lock guards which member" is
 // checked by the compiler and not only written down. Other compilers see plain std mutexes.
+//
+// In builds with sanitizers each mutex also checks the order in which locks are taken: a thread that takes a
+// lock of a rank that is not above those of all locks it holds ends the process, with both locks' names on
+// standard error, whether or not another thread would have deadlocked with it that time. Other builds pay
+// nothing for it.
 #pragma once
 
 #include <condition_variable>
@@ -20,14 +25,82 @@
 
 namespace telvora {
 
+// The order of locks: of those that one thread holds, each was taken after all of a lower rank. Two locks of
+// one rank are never held together. docs/threads.md says why.
+enum class LockRank : unsigned char {
+    // The daemon's.
+    agent,        // the registry; the bag cache and the hierarchy
+    session,      // a session's identity; its backends
+    identifiers,  // DeviceIdentity
+    defaults,     // UserDefaults
+    accounts,     // of a client
+    ledger,       // of all clients
+    users,        // UserQuotas
+    // The client library's.
+    clientSession,  // ReconnectingSession
+    fork,
+    clientRuntime,
+    // Both's.
+    leaf,     // every other lock
+    userLog,  // the log lines of a user: under it nothing is logged, under all others something may be
+};
+
+#ifdef TELVORA_SANITIZED
+
+// What a mutex is called when the order is broken: where it was made, and its rank.
+struct LockName {
+    LockRank rank;
+    const char* file;
+    int line;
+};
+
+// For the mutexes below, on the calling thread. taking() ends the process if the order forbids it; a
+// recursive mutex that the thread holds already is no further one.
+void checkLockOrder(const void* mutex, const LockName& taking);
+void noteUnlocked(const void* mutex);
+
+#endif
+
 template <typename StdMutex>
 class TELVORA_TSA(capability("mutex")) BasicMutex {
   public:
-    void lock() TELVORA_TSA(acquire_capability()) { mutex_.lock(); }
-    void unlock() TELVORA_TSA(release_capability()) { mutex_.unlock(); }
-    bool try_lock() TELVORA_TSA(try_acquire_capability(true)) { return mutex_.try_lock(); }
+#ifdef TELVORA_SANITIZED
+    constexpr explicit BasicMutex(LockRank rank = LockRank::leaf, const char* file = __builtin_FILE(),
+                                  int line = __builtin_LINE())
+        : name_{rank, file, line} {}
+#else
+    constexpr explicit BasicMutex(LockRank /*rank*/ = LockRank::leaf) {}
+#endif
+
+    void lock() TELVORA_TSA(acquire_capability()) {
+        check();
+        mutex_.lock();
+    }
+    void unlock() TELVORA_TSA(release_capability()) {
+        mutex_.unlock();
+        forget();
+    }
+    bool try_lock() TELVORA_TSA(try_acquire_capability(true)) {
+        check();
+        const bool locked = mutex_.try_lock();
+        if (!locked) forget();
+        return locked;
+    }
 
   private:
+#ifdef TELVORA_SANITIZED
+    void check() {
+        checkLockOrder(this, name_);
+    }
+    void forget() {
+        noteUnlocked(this);
+    }
+
+    const LockName name_;
+#else
+    void check() {}
+    void forget() {}
+#endif
     StdMutex mutex_;
 };
 

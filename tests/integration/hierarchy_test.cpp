@@ -309,6 +309,52 @@ TEST_F(Hierarchy, TakesSessionsThatJoinAndLeaveAllAtOnce) {
     EXPECT_THAT(idOf(open(place(5001, "t", 1))), StartsWith(idOf(top) + "."));
 }
 
+// A token is no secret: that another user's session has the same one must not matter.
+TEST_F(Hierarchy, OtherUsersMeetOnlyWhereTheAdministratorSaysSo) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    const struct {
+        std::optional<PropertyList> shared;
+        bool meet;
+    } cases[] = {{std::nullopt, false},
+                 {Array{Array{65533, 65534}, Array{0}}, false},
+                 {"everybody", false},
+                 {Array{Array{"root", 65534}}, true}};
+    for (const auto& [shared, meet] : cases) {
+        stopDaemon();
+        startDaemon([setting = shared](lab::DaemonOptions& options) {
+            if (setting) options.defaults.set("sharedHierarchies", *setting);
+        });
+        letOthersIn();
+        std::vector<std::string> command = wordsOf(kAsNobody);
+        const std::vector<std::string> aggregate = telvoractl("session --aggregate", 10, 0);
+        command.insert(command.end(), aggregate.begin(), aggregate.end());
+        lab::ChildProcess stranger({command, {}});
+        const auto waitForOutput = [&](std::string_view part) {
+            return stranger.output().waitFor(
+                [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);
+        };
+        ASSERT_TRUE(waitForOutput("{\"reportingStates\":[\"httpPost\"]}"));
+
+        const Session child = open(place(1, "t", 1));
+        const Session grandchild = open(place(2, "t", 2));
+        EXPECT_EQ(idOf(child).size(), meet ? 49u : 24u);
+        EXPECT_THAT(idOf(grandchild), StartsWith(idOf(child) + "."));
+        child->send(kBlacklisted, 1, {{"text", "for the family only"}});
+        if (meet) {
+            EXPECT_TRUE(waitForOutput("for the family only"));
+        } else {
+            expectLine(
+                "<6>updateCorrelatedSessions: Session 1 does not join other users' sessions with "
+                "hierarchyToken t");
+        }
+        stranger.signal(SIGTERM);
+        stranger.waitForExit(kPatience);
+        const auto heard = stranger.output().linesToTheEnd(kPatience);
+        EXPECT_THAT(heard, Contains(testing::HasSubstr("sessionInfo"))
+                               .Times(meet ? testing::AtLeast(1) : testing::Exactly(0)));
+    }
+}
+
 TEST_F(Hierarchy, OneShotMessagesGiveTheirSessionTheirPlace) {
     const Session top = open(place(1, "t", 0));
     expectRun(telvoractl("oneshot --category 4 --type 7", 2, 1), 0, "finished");

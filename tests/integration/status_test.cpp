@@ -42,15 +42,8 @@ void expectBalanced(const Dictionary& accounts, const char* whose) {
     }
 }
 
-constexpr char kAsNobody[] = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups ";  // if root
-
 class Status : public DaemonFixture {
   protected:
-    // Others may reach the sockets, as they may where the service manager makes the directories.
-    void letOthersIn() {
-        for (const auto& path : {directory().path(), directory().path() / "run"})
-            std::filesystem::permissions(path, std::filesystem::perms(0755));
-    }
     std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
     // The daemon's status, in which all books balance.
     Dictionary status() {
@@ -183,6 +176,7 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     EXPECT_EQ(told.integer("sessionID"), 1);
     EXPECT_EQ(told.integer("clientType"), 8);
     EXPECT_EQ(*told.string("token"), "t");
+    EXPECT_EQ(told.integer("hierarchyUser"), int64_t{geteuid()});
     EXPECT_EQ(told.dictionary("client")->integer("pid"), getpid());
     EXPECT_EQ(*told.dictionary("backends")->dictionary("httpPost")->string("state"), "reporting");
     const Dictionary& accounts = *told.dictionary("accounts");
@@ -202,10 +196,6 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
 // Each quota in turn is used up by this process's user, while another user is served as ever.
 TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     laboratory().setBag("dravik", lab::openBag());
-    directory().write(
-        "config/entitlements.d/60-nobody.plist",
-        "<plist version=\"1.0\"><dict><key>User</key><integer>65534</integer><key>Entitlements</key>"
-        "<dict><key>com.zandor.private.telvorad</key><true/></dict></dict></plist>");
     startDaemon();
     letOthersIn();
     UserDefaults defaults(directory().path() / "config", directory().path() / "state");
@@ -286,6 +276,9 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     const std::vector<std::string> lines = daemon().logLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "<3>uploadLogData: Log data array upload failed") + 1,
               calls);
+    const size_t before = daemon().logLineCount();
+    one.uploadLogData({});
+    expectLine("<3>uploadLogData: Log data array upload failed", before);  // another session has its own
 }
 
 TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {

@@ -8,7 +8,9 @@
 #include <asio/local/stream_protocol.hpp>
 #include <fstream>
 
+#include "client/status_query.h"
 #include "telvora-lab/bags.h"
+#include "telvora/keys.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {
@@ -101,14 +103,27 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
 TEST_F(VodexAdaptor, ThatHangsHoldsUpNeitherOthersNorTheEnd) {
     start(TELVORA_TEST_ADAPTORS "/sendHangs.so");
     std::vector<std::unique_ptr<BlockingSession>> hanging;
+    const auto inHierarchy = [](int64_t clientType, int64_t level) {
+        return SessionSettings{.clientType = clientType,
+                               .hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
+                                                            {kTelvoraHierarchyTokenLevel, level}}};
+    };
     for (int i = 0; i < 5; ++i) {  // more than the daemon has runners
         const size_t from = daemon().logLineCount();
-        hanging.push_back(
-            std::make_unique<BlockingSession>(daemon().socketPath(), SessionSettings{.clientType = 7}));
+        hanging.push_back(std::make_unique<BlockingSession>(daemon().socketPath(), inHierarchy(7, 1)));
         hanging.back()->beginStartConfig();
         expectLine("sendHangs", from);
     }
     expectReport(*open());
+    // Their parent has IDs and states for them, their child takes theirs over, and the administrator is
+    // told of all.
+    const auto parent = open(inHierarchy(8, 0)), child = open(inHierarchy(8, 2));
+    expectReport(*parent);
+    expectReport(*child);
+    const auto status =
+        queryStatus(StatusMethod::kGetStatus, statusSocketBeside(daemon().socketPath()), lab::kPatience);
+    ASSERT_TRUE(status) << status.error().message;
+    EXPECT_EQ(status->array("sessions")->size(), hanging.size() + 2);
     stopDaemon();
 }
 

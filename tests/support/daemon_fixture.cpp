@@ -40,6 +40,15 @@ void DaemonFixture::launchDaemon(const std::function<void(DaemonOptions&)>& chan
     daemon_ = std::make_unique<DaemonProcess>(std::move(options));
 }
 
+void DaemonFixture::letOthersIn() {
+    for (const auto& path : {directory_.path(), directory_.path() / "run"})
+        std::filesystem::permissions(path, std::filesystem::perms(0755));
+    directory_.write(
+        "config/entitlements.d/60-nobody.plist",
+        "<plist version=\"1.0\"><dict><key>User</key><integer>65534</integer><key>Entitlements</key>"
+        "<dict><key>com.zandor.private.telvorad</key><true/></dict></dict></plist>");
+}
+
 void DaemonFixture::stopDaemon() {
     daemon_->process().signal(SIGTERM);
     awaitDaemonsEnd();

@@ -20,6 +20,9 @@
 
 namespace telvora::test {
 
+// What runs a command as another user, if this one is root.
+inline constexpr char kAsNobody[] = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups ";
+
 class DaemonFixture : public testing::Test {
   protected:
     void SetUp() override;
@@ -34,6 +37,9 @@ class DaemonFixture : public testing::Test {
     void startDaemon(const std::function<void(lab::DaemonOptions&)>& change = {});
     // The same without waiting.
     void launchDaemon(const std::function<void(lab::DaemonOptions&)>& change);
+    // Lets others reach the sockets of the daemon that listens, as they may where the service manager makes
+    // the directories, and lets the user of kAsNobody be its client.
+    void letOthersIn();
     // Stops the daemon now and checks how it ends.
     void stopDaemon();
     // Waits for its end without stopping it, and checks that.

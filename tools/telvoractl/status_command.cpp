@@ -71,8 +71,14 @@ void printDaemon(const Dictionary& status) {
                 missing.empty() ? "" : "; not in force: ", missing.c_str());
 }
 
+// A hierarchy is known by its token and its user: "t of 1000".
+std::string hierarchyOf(const Dictionary& session) {
+    if (!session.contains("token")) return "-";
+    return text(session, "token") + " of " + text(session, "hierarchyUser");
+}
+
 void printSessions(const std::vector<Dictionary>& sessions) {
-    std::vector<Row> rows{{"SESSION", "TYPE", "PID", "USER", "UNIT", "LEVEL", "TOKEN", "BACKENDS"}};
+    std::vector<Row> rows{{"SESSION", "TYPE", "PID", "USER", "UNIT", "LEVEL", "HIERARCHY", "BACKENDS"}};
     for (const Dictionary& session : sessions) {
         const Dictionary& client = dictionaryIn(session, "client");
         std::string backends;
@@ -83,7 +89,7 @@ void printSessions(const std::vector<Dictionary>& sessions) {
         }
         rows.push_back({text(session, "sessionID"), text(session, "clientType"), text(client, "pid"),
                         text(client, "user"), text(client, "unit"), text(session, "level"),
-                        text(session, "token"), backends.empty() ? "-" : backends});
+                        hierarchyOf(session), backends.empty() ? "-" : backends});
     }
     printTitled("Sessions", rows);
 }

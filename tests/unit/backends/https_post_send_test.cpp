@@ -272,5 +272,52 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
     }
 }
 
+TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLeave) {
+    ReportingRig rig({{"override_sampling", 1.0}, {"event_threshold", 1000}});
+    rig.setDefault("maxPendingBytesPerUser", 200'000);
+    rig.setDefault("maxDormantBytesPerUser", 100'000);
+    UserQuotas quotas(rig.defaults);
+    const auto held = [&](Quota quota) { return quotas.uses().at(1)[static_cast<size_t>(quota)].held; };
+    const auto lost = [](const TelvoraBackend& backend) {
+        return backend.reports().tally()[ReportPlace::overQuota];
+    };
+    const Dictionary large{{"text", std::string(10'000, 'x')}};
+    rig.backend->setAccounts(std::make_shared<ReportAccount>(), nullptr, quotas.of(1));
+    rig.random = 0.9;
+    const auto sampledOut =
+        rig.makeBackend({reportingClient({{"override_sampling", 1.0}, {"event_threshold", 1000}})});
+    sampledOut->setBatchEvents(true);
+    sampledOut->setAccounts(std::make_shared<ReportAccount>(), nullptr, quotas.of(1));
+    sampledOut->updateState();
+    ASSERT_EQ(sampledOut->state(), kSampledOut);
+
+    for (int i = 0; i < 100; ++i)
+        sampledOut->sendMessage(large, kNow, 5, 6, kPlain);
+    EXPECT_EQ(held(Quota::pendingBytes), 0u);
+    const size_t heldReports = sampledOut->reports().tally()[ReportPlace::held];
+    EXPECT_GT(heldReports, 5u);
+    EXPECT_EQ(lost(*sampledOut), 100 - heldReports);
+    for (int i = 0; i < 100; ++i)
+        rig.send(kPlain, 5, large);
+    EXPECT_EQ(lost(*rig.backend), 0u);
+    EXPECT_EQ(rig.http.requestCount(), 100u);
+
+    // Promoted, it counts like any other, and leaves.
+    const uint64_t dormant = held(Quota::dormantBytes);
+    EXPECT_GT(dormant, 50'000u);
+    sampledOut->sendMessage(Dictionary(), kNow, 5, 6, kPromote);
+    EXPECT_EQ(held(Quota::dormantBytes), 0u);
+    EXPECT_GT(held(Quota::pendingBytes), dormant);
+    // What another session's state or a server does to it, too.
+    for (const BackendState state : {kDisabled, kReporting, kSampledOut, kReporting}) {
+        if (!sampledOut->followState(state)) sampledOut->setState(state);
+        const bool leaves = state == kReporting;
+        EXPECT_EQ(held(leaves ? Quota::dormantBytes : Quota::pendingBytes), 0u);
+    }
+    sampledOut->flushMessagesWithCompletion({});
+    EXPECT_EQ(sampledOut->reports().tally()[ReportPlace::delivered], heldReports + 1);
+    EXPECT_EQ(held(Quota::pendingBytes), 0u);
+}
+
 }  // namespace
 }  // namespace telvora::test

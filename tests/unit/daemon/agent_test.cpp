@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include "daemon/shared_hierarchies.h"
 #include "daemon/telvorad_agent.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
@@ -122,6 +123,32 @@ TEST_F(AgentHierarchy, AggregatorsHearOfReportsWithoutAPayloadAndOfTheirOwnEnd) 
     EXPECT_EQ(top->deliveries().back().payload, std::nullopt) << "without payload, no user info either";
     top->invalidate();
     EXPECT_EQ(top->deliveries().back().sessionInfo, nullptr) << "one end marker, last";
+}
+
+TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
+    const struct {
+        PropertyList setting;
+        std::vector<uid_t> hierarchyUsers;  // of the users 5, 6, 7
+    } cases[] = {
+        {Array{}, {5, 6, 7}},
+        {Array{Array{7, "5"}}, {5, 6, 5}},
+        {Array{Array{6, 7}, Array{5, 6}}, {5, 6, 6}},  // the first that names a user counts
+        {Array{Array{7, 6, 5, "no such user"}}, {5, 5, 5}},
+        {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // what is wrong shares nothing
+        {Array{7, 5}, {5, 6, 7}},
+        {"7,5", {5, 6, 7}},
+    };
+    for (const auto& [setting, hierarchyUsers] : cases) {
+        world.directory.write("config/Preferences/com.zandor.telvora.plist",
+                              serialized(Dictionary{{"sharedHierarchies", setting}}));
+        std::vector<uid_t> found;
+        for (const uid_t user : {5, 6, 7})
+            found.push_back(hierarchyUserOf(user, world.defaults));
+        EXPECT_EQ(found, hierarchyUsers) << setting.shapeDescription();
+    }
+    world.directory.write("config/Preferences/com.zandor.telvora.plist", serialized(Dictionary()));
+    ASSERT_TRUE(world.defaults.set(kTelvoraDefaultsDomain, "sharedHierarchies", Array{Array{5, 7}}));
+    EXPECT_EQ(hierarchyUserOf(7, world.defaults), 7u) << "the daemon's own file has no say";
 }
 
 // --- Bags ---

@@ -22,7 +22,7 @@ class UserQuotasTest : public testing::Test {
     UserDefaults defaults_{directory_.path() / "config", directory_.path() / "state"};
     std::chrono::steady_clock::time_point now_{};
     UserQuotas quotas_{defaults_, [this] { return now_; }};
-    const test::LogCapture log_;
+    test::LogCapture log_;
 };
 
 TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
@@ -33,6 +33,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         {Quota::connections, "10 connections (maxConnectionsPerUser)", "connections"},
         {Quota::sessions, "10 sessions (maxSessionsPerUser)", "sessions"},
         {Quota::pendingBytes, "10 pendingBytes (maxPendingBytesPerUser)", "pendingBytes"},
+        {Quota::dormantBytes, "10 dormantBytes (maxDormantBytesPerUser)", "dormantBytes"},
         {Quota::extensionTokens, "10 extensionTokens (maxExtensionTokensPerUser)", "extensionTokens"},
     };
     Lines expected;
@@ -102,6 +103,48 @@ TEST_F(UserQuotasTest, WithholdsLogLinesButNotOthersAndNotForLong) {
                "<3>UserQuotas: user 1 is over the quota of 2 logLines (maxLogLinesPerUser)", "<7>debug c",
                "<7>debug d", "<6>other", "<7>debug other", "<6>nobody's",
                "<3>UserQuotas: user 1 was over the quota of logLines 1 more times", "<6>e", "<7>debug e"}));
+}
+
+TEST_F(UserQuotasTest, BytesChangeTheirQuotaWithoutBeingRefusedButAreBoundedTogether) {
+    limit(Quota::pendingBytes, 10);
+    limit(Quota::dormantBytes, 5);
+    const QuotaUser user = quotas_.of(1);
+    QuotaHold batch, more;
+    EXPECT_TRUE(user.take(Quota::pendingBytes, 10, batch));
+    batch.countAs(Quota::dormantBytes);
+    EXPECT_EQ(use(1, Quota::pendingBytes).held, 0u);
+    EXPECT_FALSE(user.take(Quota::pendingBytes, 6, more));
+    EXPECT_TRUE(user.take(Quota::pendingBytes, 5, more));
+    batch.add(std::move(more));
+    EXPECT_EQ(use(1, Quota::dormantBytes).held, 15u);
+    batch.countAs(Quota::pendingBytes);
+    EXPECT_FALSE(user.take(Quota::dormantBytes, 1, more));
+    batch = {};
+    EXPECT_EQ(use(1, Quota::pendingBytes).held + use(1, Quota::dormantBytes).held, 0u);
+}
+
+TEST_F(UserQuotasTest, EachClientHasErrorsAndWarningsOfItsOwn) {
+    limit(Quota::logLines, 3);
+    const QuotaUser noisy = quotas_.of(1), quiet = quotas_.of(1);
+    const auto logAs = [](const QuotaUser& client, int level, const char* text, int times = 1) {
+        const LogScope scope(client.logAdmission());
+        for (int i = 0; i < times; ++i)
+            TELVORA_LOG(level, "%s", text);
+    };
+    for (int period = 0; period < 2; ++period) {
+        logAs(noisy, kLogInfo, "info", 100);
+        logAs(noisy, kLogError, "error", 100);
+        logAs(quiet, kLogInfo, "withheld");
+        logAs(quiet, kLogWarning, "warning");
+        logAs(quiet, kLogError, "cause");
+        EXPECT_EQ(log_.count("<6>info"), 3u);
+        EXPECT_EQ(log_.count("<3>error"), 10u);
+        EXPECT_EQ(log_.count("<6>withheld"), 0u);
+        EXPECT_EQ(log_.count("<4>warning") + log_.count("<3>cause"), 2u);
+        EXPECT_EQ(use(1, Quota::logLines).held, 3u);
+        now_ += std::chrono::minutes(1);
+        log_.clear();
+    }
 }
 
 }  // namespace

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/shared_hierarchies.h"
+
+#include <algorithm>
+#include <set>
+
+#include "platform/name_service.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr char kSharedHierarchies[] = "sharedHierarchies";
+
+bool isListOfUsers(const PropertyList& value) {
+    const auto* users = value.getIf<Array>();
+    return users != nullptr && std::all_of(users->begin(), users->end(), isNameOrId);
+}
+
+}  // namespace
+
+uid_t hierarchyUserOf(uid_t user, UserDefaults& defaults) {
+    // The administrator's alone: it widens what one user's programs get of another's.
+    const auto setting = defaults.administratorValue(kTelvoraDefaultsDomain, kSharedHierarchies);
+    if (!setting) return user;
+    const auto* lists = setting->getIf<Array>();
+    if (lists == nullptr || !std::all_of(lists->begin(), lists->end(), isListOfUsers)) {
+        TELVORA_LOG(kLogWarning, "TelvoradAgent: %s shares nothing: it is no array of arrays of users",
+                    kSharedHierarchies);
+        return user;
+    }
+    std::set<uid_t> namedBefore;
+    for (const PropertyList& list : *lists) {
+        std::set<uid_t> sharing;
+        for (const PropertyList& named : *list.getIf<Array>()) {
+            const std::optional<uid_t> id = userIdFrom(named);
+            if (id && !namedBefore.contains(*id)) sharing.insert(*id);
+        }
+        if (sharing.contains(user)) return *sharing.begin();
+        namedBefore.merge(sharing);
+    }
+    return user;
+}
+
+}  // namespace telvora
