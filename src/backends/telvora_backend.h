@@ -34,7 +34,7 @@ namespace telvora {
 
 enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, reporting = 2, sampledOut = 3 };
 
-// What a child session's backend takes over from its parent's.
+// The values that a child session's backend takes over from its parent's.
 struct ReportingState {
     BackendState state = BackendState::waitingForUserInfo;
     std::optional<double> samplingThreshold;
