@@ -33,7 +33,7 @@
 
 namespace telvora {
 
-// What a child session's backend takes over from its parent's.
+// The values that a child session's backend takes over from its parent's.
 struct ReportingState {
     BackendState state = BackendState::waitingForUserInfo;
     std::optional<double> samplingThreshold;

@@ -12,8 +12,8 @@ using TimePoint = std::chrono::steady_clock::time_point;
 
 // Window for counting log lines, and least time between two lines about refusals.
 constexpr std::chrono::minutes kPeriod{1};
-// Errors and warnings in a period that each client may log beyond its user's quota: with as many clients as a
-// user may have, as many lines as that quota.
+// Errors and warnings in a period that each client may log beyond its user's quota. All clients of a user
+// together may log this number for each session that the user may have, so that reconnecting gains no more.
 constexpr uint64_t kOwnErrorLines = 10;
 
 constexpr std::array<QuotaRule, kQuotas> kRules = {{
@@ -75,7 +75,8 @@ struct UserShare {
     const uid_t user_;
     std::array<std::atomic<uint64_t>, kQuotas> held_{};  // but log lines
     Mutex lock_{LockRank::userLog};
-    uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;  // logged in this period
+    uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;          // logged in this period
+    uint64_t ownErrorLines_ TELVORA_GUARDED_BY(lock_) = 0;  // likewise, beyond the quota
     TimePoint periodEnd_ TELVORA_GUARDED_BY(lock_);
     std::array<Refusals, kQuotas> refusals_ TELVORA_GUARDED_BY(lock_);
 };
@@ -107,14 +108,19 @@ bool UserShare::admitsLine(int level, OwnErrorLines& client) {
         if (begins) {
             periodEnd_ = now + kPeriod;
             lines_ = 0;
+            ownErrorLines_ = 0;
         }
         admitted = lines_ < quotas_.limitOf(Quota::logLines);
         if (admitted) {
             ++lines_;
         } else if (level <= kLogWarning) {
             if (client.periodEnd != periodEnd_) client = {0, periodEnd_};
-            admitted = client.count < kOwnErrorLines;
-            if (admitted) ++client.count;
+            admitted = client.count < kOwnErrorLines &&
+                       ownErrorLines_ / kOwnErrorLines < quotas_.limitOf(Quota::sessions);
+            if (admitted) {
+                ++client.count;
+                ++ownErrorLines_;
+            }
         }
     }
     if (begins) tellRefusals(now);

@@ -47,7 +47,7 @@ enum class LockRank : unsigned char {
 
 #ifdef TELVORA_SANITIZED
 
-// What a mutex is called when the order is broken: where it was made, and its rank.
+// Names a mutex in the message about a broken order: its rank, and where it was made.
 struct LockName {
     LockRank rank;
     const char* file;

@@ -125,6 +125,7 @@ TEST_F(UserQuotasTest, BytesChangeTheirQuotaWithoutBeingRefusedButAreBoundedToge
 
 TEST_F(UserQuotasTest, EachClientHasErrorsAndWarningsOfItsOwn) {
     limit(Quota::logLines, 3);
+    limit(Quota::sessions, 5);
     const QuotaUser noisy = quotas_.of(1), quiet = quotas_.of(1);
     const auto logAs = [](const QuotaUser& client, int level, const char* text, int times = 1) {
         const LogScope scope(client.logAdmission());
@@ -142,6 +143,9 @@ TEST_F(UserQuotasTest, EachClientHasErrorsAndWarningsOfItsOwn) {
         EXPECT_EQ(log_.count("<6>withheld"), 0u);
         EXPECT_EQ(log_.count("<4>warning") + log_.count("<3>cause"), 2u);
         EXPECT_EQ(use(1, Quota::logLines).held, 3u);
+        for (int i = 0; i < 10; ++i)  // that come and go
+            logAs(quotas_.of(1), kLogError, "come again", 100);
+        EXPECT_EQ(log_.count("<3>come again"), 50u - 12u);
         now_ += std::chrono::minutes(1);
         log_.clear();
     }
