@@ -143,11 +143,11 @@ TEST_F(Libtelvora, CarriesEveryOperation) {
     EXPECT_EQ(laboratory().uploads().uploads()[0].body, "content");
 
     EXPECT_EQ(telvora_session_upload_file(session_, "/nowhere", nullptr, nullptr), TELVORA_ERROR_FILE);
+    EXPECT_EQ(errno, ENOENT);
     const auto link = directory().path() / "link";
     create_symlink(directory().write("linked", "content"), link);
     EXPECT_EQ(telvora_session_upload_file(session_, link.c_str(), nullptr, nullptr), TELVORA_ERROR_FILE);
     EXPECT_EQ(errno, ELOOP);
-    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(telvora_session_send_single(session_, payload_, nullptr, 1, 1, nullptr, nullptr, nullptr),
               TELVORA_ERROR_INVALID);
     EXPECT_EQ(telvora_session_send(session_, 1, 1, records, nullptr, nullptr), TELVORA_ERROR_INVALID);
