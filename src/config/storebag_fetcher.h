@@ -55,8 +55,8 @@ class StorebagFetcher {
     StorebagFetcherServices services_;
 };
 
-// Whether a bag is fetched for sessions of this client type at all. Other types without a bag's name ask their
-// server for "(null)".
+// Whether a bag is fetched for sessions of this client type at all. Other types without a bag's name ask
+// their server for "(null)".
 constexpr bool isBagFetchedFor(uint32_t clientType) {
     return clientType != 0;
 }

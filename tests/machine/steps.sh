@@ -7,7 +7,11 @@ install_packages() {
     step "installing the packages with apt, the device's set first"
     echo "deb [trusted=yes] file:$try/packages ./" >/etc/apt/sources.list
     apt-get -q update >/dev/null
+    dpkg-query -W -f '${Package}\n' >/tmp/packages
     install telvorad libtelvora1 telvoractl
+    echo "the device's set, in KiB: $(dpkg-query -W -f '${Package} ${Installed-Size}\n' |
+        awk 'NR == FNR { old[$1]; next } !($1 in old) { printf "%s %d, ", $1, $2; sum += $2 } END { print "all", sum }' \
+            /tmp/packages -)"
     ! dpkg-query -W 'libcpp-httplib*' >/dev/null 2>&1 || fail "the device's set brings a test server"
     install telvora-tools telvora-lab libtelvora-dev
     for socket in $unit.socket $unit.Status.socket; do
