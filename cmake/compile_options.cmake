@@ -25,7 +25,9 @@ else()
   # The figures that libstdc++ checks here cost next to nothing, and what they stop would be a security hole.
   add_compile_options(-fstack-protector-strong)
   add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
-  add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+  # A program keeps only the functions that it needs of the files that it links.
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed -Wl,--gc-sections)
 endif()
 
 # Asio without Boost, and without its exceptions reaching a handler: every call here takes an error_code.
