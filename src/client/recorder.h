@@ -61,7 +61,7 @@ class RecordedSession final : public SessionTarget {
     const std::shared_ptr<Recorder> recorder_;
     const std::shared_ptr<const Handlers> handlers_;
 
-    Mutex lock_;
+    Mutex lock_{LockRank::clientSession};
     std::optional<Strand> strand_ TELVORA_GUARDED_BY(lock_);  // once made, for good
 };
 

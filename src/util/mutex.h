@@ -37,7 +37,7 @@ enum class LockRank : unsigned char {
     ledger,       // of all clients
     users,        // UserQuotas
     // The client library's.
-    clientSession,  // ReconnectingSession
+    clientSession,  // ReconnectingSession, RecordedSession
     fork,
     clientRuntime,
     // Both's.

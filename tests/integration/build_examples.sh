@@ -12,7 +12,7 @@ rm -rf "$to"
 cmake --install "$build" --prefix "$to/prefix" >/dev/null
 libdir=$(dirname "$(dirname "$(find "$to/prefix" -name telvora.pc)")")
 [ "$libdir" = "$to/prefix/lib" ] || ln -sfn "$libdir" "$to/prefix/lib"
-ldd "$libdir/libtelvora.so" | grep -E 'libcurl|libssl|libcrypto|libexpat' && exit 1
+ldd "$libdir/libtelvora.so" | grep -E 'libcurl|libssl|libcrypto|libexpat|libseccomp|libcap-ng|libz' && exit 1
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 mkdir "$to/c"

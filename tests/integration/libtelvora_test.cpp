@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "telvora-lab/bags.h"
@@ -33,6 +34,27 @@ constexpr int64_t kPatienceMs = std::chrono::milliseconds(kPatience).count();
 
 // What completions and handlers noted, in order; read once the session has been waited for.
 using Notes = std::vector<std::string>;
+
+// Events come on the library's thread, and without a wait where the session returns by itself.
+class Events {
+  public:
+    void add(std::string event) {
+        const std::scoped_lock lock(lock_);
+        events_.push_back(std::move(event));
+    }
+    Notes all() const {
+        const std::scoped_lock lock(lock_);
+        return events_;
+    }
+    void clear() {
+        const std::scoped_lock lock(lock_);
+        events_.clear();
+    }
+
+  private:
+    mutable std::mutex lock_;
+    Notes events_;
+};
 
 void noteAnswer(void* context, const telvora_answer* answer) {
     std::string note = telvora_status_text(telvora_answer_status(answer));
@@ -71,13 +93,13 @@ class Libtelvora : public DaemonFixture {
         options.socket_path = path.c_str();
         options.on_message = [](void* context, const telvora_value*, double, uint16_t category, uint16_t type,
                                 const telvora_value*) {
-            static_cast<Notes*>(context)->push_back("message " + std::to_string(category) + "/" +
-                                                    std::to_string(type));
+            static_cast<Events*>(context)->add("message " + std::to_string(category) + "/" +
+                                               std::to_string(type));
         };
         options.on_connection = [](void* context, telvora_connection_event event, uint64_t lost,
                                    const char*) {
-            static_cast<Notes*>(context)->push_back(
-                (event == TELVORA_CONNECTION_LOST ? "lost " : "restored ") + std::to_string(lost));
+            static_cast<Events*>(context)->add((event == TELVORA_CONNECTION_LOST ? "lost " : "restored ") +
+                                               std::to_string(lost));
         };
         options.message_context = options.connection_context = &events_;
         return telvora_session_new(&options);
@@ -99,7 +121,7 @@ class Libtelvora : public DaemonFixture {
     telvora_value* const info_ = telvora_dictionary_new();
     telvora_value* const payload_ = telvora_dictionary_new();
     telvora_session* session_ = nullptr;
-    Notes events_;
+    Events events_;
 };
 
 TEST_F(Libtelvora, CarriesEveryOperation) {
@@ -138,7 +160,7 @@ TEST_F(Libtelvora, CarriesEveryOperation) {
     EXPECT_THAT(statuses, testing::Each(TELVORA_OK));
     EXPECT_THAT(notes, ElementsAre("done", "uploadServer", "uploadServer", "URL not available",
                                    "done -1 Nothing to flush", "false", "true", "finished"));
-    EXPECT_THAT(events_, ElementsAre("message 0/0", "message 5/6", "message 5/7", "message 0/2"));
+    EXPECT_THAT(events_.all(), ElementsAre("message 0/0", "message 5/6", "message 5/7", "message 0/2"));
     ASSERT_EQ(laboratory().uploads().uploadCount(), 1u);
     EXPECT_EQ(laboratory().uploads().uploads()[0].body, "content");
 
@@ -180,7 +202,7 @@ TEST_F(Libtelvora, OutlivesItsDaemon) {
     EXPECT_EQ(send(), TELVORA_OK);
     EXPECT_EQ(flushAndWait(), TELVORA_OK);
     EXPECT_TRUE(waitForEvents(2));  // start and report
-    EXPECT_THAT(events_, UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
+    EXPECT_THAT(events_.all(), UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
 
     // It aggregates, and so returns without a call.
     kill(daemon().pid(), SIGKILL);

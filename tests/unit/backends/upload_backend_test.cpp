@@ -80,8 +80,8 @@ TEST(UploadBackend, SendsNothingWhereSomethingIsMissing) {
                                      {Kind::tooManyPending, false},
                                      {Kind::noConnection, true},
                                      {Kind::noAnswer, true}}) {
-        rig.http.setHandler([kind](const HttpRequest&) -> HttpResult {
-            return tl::unexpected(HttpError{1, "refused", kind});
+        rig.http.setHandler([fault = kind](const HttpRequest&) -> HttpResult {
+            return tl::unexpected(HttpError{1, "refused", fault});
         });
         EXPECT_EQ(rig.upload(file), sent);
     }
