@@ -44,7 +44,7 @@ TEST(MutexDeathTest, LocksAreTakenInTheOrderOfTheirRanks) {
     Mutex inner(LockRank::session);
     const RecursiveMutexLock lock(again);
     const MutexLock innerLock(inner);
-    const RecursiveMutexLock relock(again);
+    [&again] { const RecursiveMutexLock relock(again); }();
 }
 
 #endif
