@@ -23,7 +23,8 @@ install_packages() {
     expect "runs without being asked" is $unit.service inactive
     [ "$(stat -c %U:%G:%a /run/telvora/$unit /run/telvora/$unit.Status | tr '\n' ' ')" = \
         "root:telvora:660 root:telvora-admin:660 " ] || fail "$(ls -l /run/telvora)"
-    systemd-analyze security --threshold=15 --no-pager $unit.service | tail -n 1
+    systemd-analyze security --threshold=15 --no-pager $unit.service >/tmp/security || fail "$(cat /tmp/security)"
+    tail -n 1 /tmp/security
     systemd-analyze verify --man=no $unit.service || fail "systemd-analyze verify"
     useradd --create-home --groups telvora app
     useradd --create-home --groups telvora-admin admin
