@@ -18,14 +18,14 @@ bool hasForbiddenCharacter(std::string_view text) {
         const auto byte = static_cast<uint8_t>(text[i]);
         if (byte < ' ' && byte != '\t' && byte != '\n' && byte != '\r') return true;
         // U+FFFE and U+FFFF.
-        if (byte == 0xef && (text.substr(i, 3) == "\xef\xbf\xbe" || text.substr(i, 3) == "\xef\xbf\xbf")) return true;
+        if (byte == 0xef && (text.substr(i, 3) == "\xef\xbf\xbe" || text.substr(i, 3) == "\xef\xbf\xbf"))
+            return true;
     }
     return false;
 }
 
 struct XmlWriter {
-    std::string document =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
+    std::string document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
     size_t depth = 0;
     const char* error = nullptr;
 

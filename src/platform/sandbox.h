@@ -6,9 +6,9 @@
 // (platform/landlock.h), and a list of permitted system calls (platform/system_call_filter.h). A profile says
 // what is left; profiles are compiled in and go by name.
 //
-// Limits: connecting is free, to TCP and UDP servers and to Unix sockets that have a path. Abstract Unix sockets
-// can be reached below Landlock ABI 6, since seccomp cannot see addresses. Descriptors that were open before
-// keep their rights.
+// Limits: connecting is free, to TCP and UDP servers and to Unix sockets that have a path. Abstract Unix
+// sockets can be reached below Landlock ABI 6, since seccomp cannot see addresses. Descriptors that were open
+// before keep their rights.
 #pragma once
 
 #include <filesystem>
