@@ -13,7 +13,7 @@ cmake --install "$build" --prefix "$to/prefix" >/dev/null
 libdir=$(dirname "$(dirname "$(find "$to/prefix" -name telvora.pc)")")
 [ "$libdir" = "$to/prefix/lib" ] || ln -sfn "$libdir" "$to/prefix/lib"
 # Builds with sanitizers are linked with libraries that they do not need.
-if [ -z "$flags" ] && ldd "$libdir/libtelvora.so" | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz'; then exit 1; fi
+if [ -z "$flags" ] && ldd "$libdir/libtelvora.so" | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz[.]so'; then exit 1; fi
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 mkdir "$to/c"

@@ -14,7 +14,7 @@ install_packages() {
             /tmp/packages -)"
     ! dpkg-query -W 'libcpp-httplib*' >/dev/null 2>&1 || fail "the device's set brings a test server"
     install telvora-tools telvora-lab libtelvora-dev
-    ! ldd /usr/lib/*/libtelvora.so.1 | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz' ||
+    ! ldd /usr/lib/*/libtelvora.so.1 | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz[.]so' ||
         fail "applications get the daemon's libraries"
     for socket in $unit.socket $unit.Status.socket; do
         expect "$socket does not listen" is $socket active
