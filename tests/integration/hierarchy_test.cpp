@@ -299,7 +299,7 @@ TEST_F(Hierarchy, OtherUsersMeetOnlyWhereTheAdministratorSaysSo) {
     } cases[] = {{std::nullopt, false},
                  {Array{Array{65533, 65534}, Array{0}}, false},
                  {"everybody", false},
-                 {Array{Array{"root", 65534}}, true}};
+                 {Array{PropertyList(Array{"root", 65534})}, true}};
     for (const auto& [shared, meet] : cases) {
         stopDaemon();
         startDaemon([setting = shared](lab::DaemonOptions& options) {

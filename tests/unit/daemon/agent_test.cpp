@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "daemon/shared_hierarchies.h"
 #include "daemon/telvorad_agent.h"
+#include "session/shared_hierarchies.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
 #include "tests/support/log_capture.h"
@@ -131,9 +131,9 @@ TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
         std::vector<uid_t> hierarchyUsers;  // of the users 5, 6, 7
     } cases[] = {
         {Array{}, {5, 6, 7}},
-        {Array{Array{7, "5"}}, {5, 6, 5}},
+        {Array{PropertyList(Array{7, "5"})}, {5, 6, 5}},
         {Array{Array{6, 7}, Array{5, 6}}, {5, 6, 6}},  // the first that names a user counts
-        {Array{Array{7, 6, 5, "no such user"}}, {5, 5, 5}},
+        {Array{PropertyList(Array{7, 6, 5, 8})}, {5, 5, 5}},
         {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // what is wrong shares nothing
         {Array{7, 5}, {5, 6, 7}},
         {"7,5", {5, 6, 7}},
@@ -147,7 +147,8 @@ TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
         EXPECT_EQ(found, hierarchyUsers) << setting.shapeDescription();
     }
     world.directory.write("config/Preferences/com.zandor.telvora.plist", serialized(Dictionary()));
-    ASSERT_TRUE(world.defaults.set(kTelvoraDefaultsDomain, "sharedHierarchies", Array{Array{5, 7}}));
+    ASSERT_TRUE(
+        world.defaults.set(kTelvoraDefaultsDomain, "sharedHierarchies", Array{PropertyList(Array{5, 7})}));
     EXPECT_EQ(hierarchyUserOf(7, world.defaults), 7u) << "the daemon's own file has no say";
 }
 
