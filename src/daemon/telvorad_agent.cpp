@@ -3,7 +3,6 @@
 // Acceptance of connections and the registry of live sessions.
 #include "daemon/telvorad_agent.h"
 
-#include "daemon/shared_hierarchies.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -41,8 +40,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     const SessionServices& services = services_.sessionServices;
     auto files =
         std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
-    auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user,
-                                                     hierarchyUserOf(peer.uid, services.defaults));
+    auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
     connection->setFileExtensionIssuer(std::move(files));
     connection->setExportedObject(session);
     connection->setUser(user);

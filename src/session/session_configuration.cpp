@@ -6,6 +6,7 @@
 
 #include "platform/digest.h"
 #include "platform/uuid.h"
+#include "session/shared_hierarchies.h"
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
 #include "util/log.h"
@@ -43,16 +44,16 @@ DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
 
 TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                                  std::shared_ptr<ClientSessionReplyInterface> connection,
-                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user,
-                                 uid_t hierarchyUser)
+                                 std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t uid)
     : services_(services),
       sessionDelegate_(delegate),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
-      hierarchyUser_(hierarchyUser),
+      uid_(uid),
       accounts_(services.ledger, std::move(user)),
       deviceid_(uniqueDeviceID(services.identity)),
+      hierarchyUser_(uid),
       sessionInfo_(std::make_shared<const Dictionary>()) {
     TELVORA_LOG(kLogDebug,
                 "initWithSessionDelegate: TelvoradSession initWithSessionDelegate:<TelvoradAgent %p>",
@@ -113,6 +114,9 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
 // Takes over an identity and enters the session in the hierarchy that it names.
 void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
     sessionID_ = static_cast<uint32_t>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0));
+    if (sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken) != nullptr) {
+        hierarchyUser_ = hierarchyUserOf(uid_, services_.defaults);
+    }
     {
         const MutexLock lock(identityLock_);
         hierarchyToken_.reset();

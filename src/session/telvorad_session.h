@@ -46,11 +46,10 @@ class TelvoradSession final : public ClientSessionInterface,
                               public std::enable_shared_from_this<TelvoradSession> {
   public:
     // `delegate` outlives the session; `connection` carries the session's calls back to its client, whose
-    // files are `clientFiles`, whose quotas are those of `user`, and who meets others in the hierarchies of
-    // `hierarchyUser`.
+    // files are `clientFiles` and whose user is `uid`, with the quotas `user`.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                     std::shared_ptr<ClientSessionReplyInterface> connection,
-                    std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t hierarchyUser);
+                    std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t uid);
 
     // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
     // the connection's strand, when the connection has ended and the session has left the registry.
@@ -83,8 +82,9 @@ class TelvoradSession final : public ClientSessionInterface,
     bool hasAggregator() const { return hasAggregator_.load(); }
     int64_t hierarchyLevel() const { return hierarchyLevel_.load(); }
     std::optional<std::string> hierarchyToken() const;  // nothing: a standalone session
-    // Sessions with the same token are in one hierarchy only if this is the same, too.
-    uid_t hierarchyUser() const { return hierarchyUser_; }
+    // Sessions with the same token are in one hierarchy only if this is the same, too: the client's user, or
+    // one whose hierarchies that user shares (shared_hierarchies.h).
+    uid_t hierarchyUser() const { return hierarchyUser_.load(); }
     // Whether it had a hierarchy token at any time: it may then still be listed under that one.
     bool everInHierarchy() const { return everInHierarchy_.load(); }
     std::string description() const;
@@ -156,7 +156,7 @@ class TelvoradSession final : public ClientSessionInterface,
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
-    const uid_t hierarchyUser_;
+    const uid_t uid_;
     ClientAccounts accounts_;
     DeviceIDBuffer deviceid_{};
 
@@ -164,6 +164,7 @@ class TelvoradSession final : public ClientSessionInterface,
     std::atomic<bool> hasAggregator_{false};
     std::atomic<int64_t> hierarchyLevel_{0};
     std::atomic<bool> everInHierarchy_{false};
+    std::atomic<uid_t> hierarchyUser_;
 
     mutable Mutex identityLock_{LockRank::session};
     std::shared_ptr<const Dictionary> sessionInfo_ TELVORA_GUARDED_BY(identityLock_);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "daemon/shared_hierarchies.h"
 #include "daemon/telvorad_agent.h"
+#include "session/shared_hierarchies.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
 #include "tests/support/log_capture.h"
@@ -133,7 +133,7 @@ TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
         {Array{}, {5, 6, 7}},
         {Array{PropertyList(Array{7, "5"})}, {5, 6, 5}},
         {Array{Array{6, 7}, Array{5, 6}}, {5, 6, 6}},  // the first that names a user counts
-        {Array{PropertyList(Array{7, 6, 5, "no such user"})}, {5, 5, 5}},
+        {Array{PropertyList(Array{7, 6, 5, 8})}, {5, 5, 5}},
         {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // what is wrong shares nothing
         {Array{7, 5}, {5, 6, 7}},
         {"7,5", {5, 6, 7}},

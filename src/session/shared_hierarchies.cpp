@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/shared_hierarchies.h"
+#include "session/shared_hierarchies.h"
 
 #include <algorithm>
 #include <set>
 
 #include "platform/name_service.h"
+#include "platform/work_pool.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -26,10 +27,11 @@ uid_t hierarchyUserOf(uid_t user, UserDefaults& defaults) {
     if (!setting) return user;
     const auto* lists = setting->getIf<Array>();
     if (lists == nullptr || !std::all_of(lists->begin(), lists->end(), isListOfUsers)) {
-        TELVORA_LOG(kLogWarning, "TelvoradAgent: %s shares nothing: it is no array of arrays of users",
+        TELVORA_LOG(kLogWarning, "TelvoradSession: %s shares nothing: it is no array of arrays of users",
                     kSharedHierarchies);
         return user;
     }
+    const BlockingSection lookingUpNames;
     std::set<uid_t> namedBefore;
     for (const PropertyList& list : *lists) {
         std::set<uid_t> sharing;
