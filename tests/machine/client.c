@@ -33,9 +33,9 @@ static telvora_session* open_session(int id) {
     return session;
 }
 
-static telvora_status send_number(telvora_session* session, int number) {
+static telvora_status send_number(telvora_session* session, const char* key, int number) {
     telvora_value* payload = telvora_dictionary_new();
-    telvora_set_int(payload, "number", number);
+    telvora_set_int(payload, key, number);
     const telvora_status status = telvora_session_send(session, 5, 6, payload, NULL, NULL);
     telvora_value_free(payload);
     return status;
@@ -50,7 +50,7 @@ static double milliseconds(void) {
 static int first(void) {
     const double start = milliseconds();
     telvora_session* session = open_session(1);
-    send_number(session, 0);
+    send_number(session, "number", 0);
     const telvora_status status = telvora_session_wait(session, kPatienceMs);
     printf("%.1f\n", milliseconds() - start);
     telvora_session_free(session);
@@ -64,10 +64,11 @@ static bool input_ended(void) {
 
 static int load(int count) {
     telvora_session* session = open_session(2);
-    const struct timespec pause = {0, 1000000}; /* the library connects anew once a second */
+    const struct timespec pause = {0, 1000000};        /* the library connects anew once a second */
+    const char* key = count > 0 ? "sample" : "number"; /* the books are kept of those without a count */
     int sent = 0;
     while (count > 0 ? sent < count : !input_ended()) {
-        const telvora_status status = send_number(session, sent + 1);
+        const telvora_status status = send_number(session, key, sent + 1);
         if (status == TELVORA_OK && ++sent % kReportsInFlight == 0)
             telvora_session_wait(session, kPatienceMs);
         if (status != TELVORA_OK) nanosleep(&pause, NULL);
