@@ -21,14 +21,14 @@
 #include <iostream>
 #include <map>
 
-#include "backends/dashboard_backend.h"
+#include "async/virtual_network.h"
+#include "dashboard/dashboard_backend.h"
 #include "telvora-lab/dashboard_decoder.h"
 #include "telvora-lab/dashboard_tally.h"
 #include "telvora-lab/event_json.h"
-#include "telvora-lab/fake_http_client.h"
 #include "telvora-lab/faulty_link.h"
-#include "telvora-lab/temporary_directory.h"
-#include "virtual-network/virtual_network.h"
+#include "tests/support/fake_http_client.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::bench {
 namespace {

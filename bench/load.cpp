@@ -5,8 +5,8 @@
 #include <functional>
 #include <stdexcept>
 
-#include "telvora-lab/await.h"
 #include "telvora/keys.h"
+#include "tests/support/await.h"
 #include "world.h"
 
 namespace telvora::bench {

@@ -7,13 +7,13 @@
 #include <iostream>
 #include <thread>
 
+#include "daemon/descriptor_limit.h"
 #include "load.h"
-#include "platform/descriptor_limit.h"
 #include "process_figures.h"
 #include "service.h"
 #include "sessions.h"
-#include "telvora-lab/bags.h"
 #include "telvora-lab/event_json.h"
+#include "tests/support/bags.h"
 #include "world.h"
 
 namespace telvora::bench {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "process_figures.h"
-#include "telvora-lab/await.h"
-#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
+#include "tests/support/await.h"
+#include "tests/support/bags.h"
 #include "world.h"
 
 namespace telvora::bench {

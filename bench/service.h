@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::bench {
 

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "process_figures.h"
-#include "telvora-lab/await.h"
-#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
+#include "tests/support/await.h"
+#include "tests/support/bags.h"
 #include "world.h"
 
 namespace telvora::bench {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::bench {
 

@@ -4,9 +4,9 @@
 #include <limits>
 #include <stdexcept>
 
-#include "platform/user_quotas.h"
-#include "telvora-lab/await.h"
+#include "access/user_quotas.h"
 #include "telvora/keys.h"
+#include "tests/support/await.h"
 
 namespace telvora::bench {
 

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "client/client_session.h"
-#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
-#include "telvora-lab/temporary_directory.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::bench {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "util/time_value.h"
 
 namespace telvora {

@@ -55,7 +55,9 @@ void HTTPSPostBackend::updateState() {
     }
     policy_.samplingThreshold = samplingThreshold();
     policy_ = nextPolicy(std::move(policy_),
-                         {.services = services_,
+                         {.identity = services_.identity,
+                          .countryCode = services_.countryCode,
+                          .trace = services_.trace,
                           .backend = name_,
                           .clients = clients_,
                           .userInfo = userInfoDict_.get(),

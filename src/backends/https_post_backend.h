@@ -26,8 +26,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "backends/decision_trace.h"
 #include "backends/telvora_backend.h"
+#include "policy/decision_trace.h"
 
 namespace telvora {
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What happens to a report: drop, hold or post; the batch and its flush.
-#include "backends/absent_text.h"
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
+#include "policy/absent_text.h"
 #include "util/log.h"
 
 namespace telvora {

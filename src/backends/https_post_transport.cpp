@@ -3,9 +3,9 @@
 // How events leave the device: the message, the request and what its answer means.
 #include <algorithm>
 
-#include "backends/absent_text.h"
 #include "backends/https_post_backend.h"
 #include "backends/json_message.h"
+#include "policy/absent_text.h"
 #include "telvora/keys.h"
 #include "util/compression.h"
 #include "util/log.h"

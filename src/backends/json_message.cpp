@@ -6,9 +6,9 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
+#include "plist/json_number.h"
 #include "util/log.h"
 #include "util/time_value.h"
 #include "util/utf8.h"
@@ -84,28 +84,10 @@ bool isPlain(std::string_view text) {
     return !hasSpecial(load<uint64_t>(last));
 }
 
-struct DoubleText {
-    char text[32];
-    size_t length;
-};
-
-// The fraction is kept where it is zero, so that a reader that tells the two apart sees a real number.
-DoubleText textOf(double value) {
-    DoubleText result;
-    const double finite = TelvoradUtil::sanitizeNumber(value);
-    char* end = std::to_chars(result.text, result.text + sizeof result.text - 2, finite).ptr;
-    if (std::all_of(result.text, end, [](char c) { return (c >= '0' && c <= '9') || c == '-'; })) {
-        *end++ = '.';
-        *end++ = '0';
-    }
-    result.length = static_cast<size_t>(end - result.text);
-    return result;
-}
-
 template <typename Writer>
 void writeDouble(Writer& writer, double value) {
-    const DoubleText text = textOf(value);
-    writer.RawValue(text.text, text.length, rapidjson::kNumberType);
+    const JsonReal text(value);
+    writer.RawValue(text.data(), text.size(), rapidjson::kNumberType);
 }
 
 template <typename Writer>
@@ -188,14 +170,6 @@ std::string prettyJson(const JsonMessage& message) {
     PrettyWriter writer(buffer);
     writer.SetIndent(' ', 2);
     return write(message, buffer, writer);
-}
-
-std::optional<std::string> jsonNumberText(const PropertyList& value) {
-    if (!value.isNumber() && !value.is<Date>()) return std::nullopt;
-    rapidjson::StringBuffer buffer;
-    CompactWriter writer(buffer);
-    std::visit(ValueWriter<CompactWriter>{writer}, value.value());
-    return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 }  // namespace telvora

@@ -12,7 +12,7 @@
 #include <span>
 #include <string>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 
@@ -31,8 +31,5 @@ void makeJsonSafe(Dictionary& record);
 std::string compactJson(const JsonMessage& message);
 // On several lines, for people to read.
 std::string prettyJson(const JsonMessage& message);
-
-// A number or a date as it would stand in a message; nothing for all other types.
-std::optional<std::string> jsonNumberText(const PropertyList& value);
 
 }  // namespace telvora

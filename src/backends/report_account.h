@@ -21,8 +21,8 @@
 #include <string>
 #include <unordered_set>
 
-#include "platform/http_client.h"
-#include "platform/user_quotas.h"
+#include "access/user_quotas.h"
+#include "http/http_client.h"
 #include "util/mutex.h"
 
 namespace telvora {

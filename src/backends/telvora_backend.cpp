@@ -3,10 +3,9 @@
 
 #include <algorithm>
 
-#include "backends/client_entry.h"
-#include "platform/digest.h"
+#include "config/client_framework.h"
+#include "policy/client_entry.h"
 #include "util/log.h"
-#include "util/utf8.h"
 
 namespace telvora {
 
@@ -114,10 +113,6 @@ std::optional<ReportPlace> TelvoraBackend::exclusionOf(uint16_t category, const 
     return std::nullopt;
 }
 
-std::string TelvoraBackend::convertIntoSHA256(std::string_view text) {
-    return sha256Hex(text.substr(0, utf16Length(text)));
-}
-
 void TelvoraBackend::setSelfVersion(std::string_view version) {
     const std::array<uint8_t, 3> components = versionComponents(version);
     selfVersionMajor_ = components[0];
@@ -137,16 +132,6 @@ std::string_view senderCodeForClientType(int32_t clientType) {
         "SG", "LT", "KESTOVA", "NVCAM", "VT-HLS", "VT-CRABS", "TAMSEL", "CORVANE", "LINDQVAR"};
     if (clientType < 0 || static_cast<size_t>(clientType) >= kSenderCodes.size()) return {};
     return kSenderCodes[static_cast<size_t>(clientType)];
-}
-
-std::array<uint8_t, 3> versionComponents(std::string_view version) {
-    std::array<uint8_t, 3> components{};
-    for (uint8_t& component : components) {
-        const size_t end = std::min(version.find('.'), version.size());
-        component = static_cast<uint8_t>(leadingInteger(version.substr(0, end)));
-        version.remove_prefix(std::min(end + 1, version.size()));
-    }
-    return components;
 }
 
 }  // namespace telvora

@@ -19,14 +19,14 @@
 #include <string_view>
 #include <vector>
 
+#include "async/network_queue.h"
 #include "backends/report_account.h"
-#include "backends/reporting_policy.h"
 #include "config/device_identity.h"
 #include "config/environment.h"
-#include "platform/http_client.h"
-#include "platform/network_queue.h"
-#include "platform/property_list.h"
+#include "http/http_client.h"
 #include "platform/user_defaults.h"
+#include "plist/property_list.h"
+#include "policy/reporting_policy.h"
 #include "protocol/telvora_error.h"
 #include "util/mutex.h"
 #include "util/time_value.h"
@@ -111,10 +111,6 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // The loss that the two lists make of a report, which the log is told under the operation's name.
     // Nothing: they let it through.
     std::optional<ReportPlace> exclusionOf(uint16_t category, const char* operation) const;
-
-    // SHA-256 (FIPS 180-4) of as many UTF-8 bytes of the text as the text has UTF-16 code units, as 64
-    // lower-case hexadecimal digits: servers that compute these digests elsewhere count the same way.
-    static std::string convertIntoSHA256(std::string_view text);
 
     // Read as versionComponents() does.
     void setSelfVersion(std::string_view version);
@@ -209,9 +205,5 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
 // The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.
 std::string_view senderCodeForClientType(int32_t clientType);
-
-// Major, middle and minor number of a dotted version; missing components are 0, each is cut to 8 bits,
-// further ones are ignored.
-std::array<uint8_t, 3> versionComponents(std::string_view version);
 
 }  // namespace telvora

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <new>
 
-#include "platform/http_request_rules.h"
-#include "platform/work_pool.h"
+#include "async/work_pool.h"
+#include "http/http_request_rules.h"
 #include "util/compression.h"
 #include "util/log.h"
 #include "util/utf8.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <tl/expected.hpp>
 
+#include "access/client_files.h"
 #include "backends/telvora_backend.h"
-#include "platform/client_files.h"
 
 namespace telvora {
 

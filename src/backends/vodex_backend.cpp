@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "backends/vodex_backend.h"
 
+#include "async/work_pool.h"
 #include "backends/vodex_payload.h"
-#include "platform/work_pool.h"
 #include "util/log.h"
 
 namespace telvora {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "telvora/vodex_adaptor.h"
 
 namespace telvora {

@@ -7,7 +7,7 @@
 #include <functional>
 #include <memory>
 
-#include "platform/work_pool.h"
+#include "async/work_pool.h"
 #include "util/mutex.h"
 
 namespace telvora {

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "client/client_runtime.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "protocol/telvora_error.h"
 #include "util/mutex.h"
 #include "util/unique_fd.h"

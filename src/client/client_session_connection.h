@@ -7,9 +7,9 @@
 #include <atomic>
 #include <utility>
 
+#include "bus/bus_connection.h"
 #include "client/client_session.h"
 #include "client/flush_watch.h"
-#include "platform/bus_connection.h"
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
 

@@ -13,8 +13,8 @@
 #include <string>
 #include <tl/expected.hpp>
 
-#include "platform/bus_query.h"
-#include "platform/property_list.h"
+#include "bus/bus_query.h"
+#include "plist/property_list.h"
 #include "protocol/status_wire.h"
 
 namespace telvora {

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/client_framework.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 
 namespace telvora {
 
@@ -39,6 +40,16 @@ std::optional<std::string> ClientFramework::publicKeyDer() const {
     if (!file.eof() || file.gcount() == 0) return std::nullopt;
     bytes.resize(static_cast<size_t>(file.gcount()));
     return bytes;
+}
+
+std::array<uint8_t, 3> versionComponents(std::string_view version) {
+    std::array<uint8_t, 3> components{};
+    for (uint8_t& component : components) {
+        const size_t end = std::min(version.find('.'), version.size());
+        component = static_cast<uint8_t>(leadingInteger(version.substr(0, end)));
+        version.remove_prefix(std::min(end + 1, version.size()));
+    }
+    return components;
 }
 
 }  // namespace telvora

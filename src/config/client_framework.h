@@ -3,9 +3,12 @@
 // The client framework's resources: a directory with Info.plist ("CFBundleVersion") and publicKey.der.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace telvora {
 
@@ -26,5 +29,9 @@ class ClientFramework {
     std::filesystem::path directory_;
     std::optional<std::string> version_;  // stands in for the file
 };
+
+// Major, middle and minor number of a dotted version; missing components are 0, each is cut to 8 bits,
+// further ones are ignored.
+std::array<uint8_t, 3> versionComponents(std::string_view version);
 
 }  // namespace telvora

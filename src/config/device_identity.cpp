@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-#include "platform/letter_case.h"
 #include "platform/uuid.h"
 #include "telvora/keys.h"
+#include "util/letter_case.h"
 #include "util/log.h"
 
 namespace telvora {

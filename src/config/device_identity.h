@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "platform/device_properties.h"
-#include "platform/property_list.h"
 #include "platform/user_defaults.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 

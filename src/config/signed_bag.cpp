@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/signed_bag.h"
 
+#include "util/base64.h"
 #include "util/log.h"
 
 namespace telvora {

@@ -16,8 +16,8 @@
 #include <tl/expected.hpp>
 
 #include "platform/digest.h"
-#include "platform/property_list.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list.h"
+#include "plist/property_list_format.h"
 
 namespace telvora {
 

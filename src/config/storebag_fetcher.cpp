@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "config/signed_bag.h"
-#include "platform/http_request_rules.h"
+#include "http/http_request_rules.h"
 #include "util/log.h"
 
 namespace telvora {

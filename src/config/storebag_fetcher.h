@@ -11,8 +11,8 @@
 
 #include "config/client_framework.h"
 #include "config/environment.h"
-#include "platform/http_client.h"
-#include "platform/property_list.h"
+#include "http/http_client.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 

@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "platform/bus_connection.h"
-#include "platform/file_extension_issuer.h"
-#include "platform/user_quotas.h"
+#include "access/file_extension_issuer.h"
+#include "access/user_quotas.h"
+#include "bus/bus_connection.h"
 #include "protocol/client_session_interface.h"
 
 namespace telvora {

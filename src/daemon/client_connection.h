@@ -16,10 +16,10 @@
 #include <memory>
 #include <string>
 
-#include "platform/bus_connection.h"
-#include "platform/file_extension_issuer.h"
-#include "platform/user_quotas.h"
-#include "platform/work_pool.h"
+#include "access/file_extension_issuer.h"
+#include "access/user_quotas.h"
+#include "async/work_pool.h"
+#include "bus/bus_connection.h"
 #include "protocol/client_session_interface.h"
 #include "util/unique_fd.h"
 

@@ -6,9 +6,9 @@
 
 #include <chrono>
 
-#include "platform/property_list.h"
-#include "platform/sandbox.h"
-#include "platform/user_quotas.h"
+#include "access/user_quotas.h"
+#include "plist/property_list.h"
+#include "sandbox/sandbox.h"
 #include "util/time_value.h"
 
 namespace telvora {

@@ -7,7 +7,7 @@
 #include <functional>
 #include <memory>
 
-#include "platform/http_client.h"
+#include "http/http_client.h"
 
 namespace telvora {
 

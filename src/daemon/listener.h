@@ -8,7 +8,7 @@
 #include <asio/steady_timer.hpp>
 #include <functional>
 
-#include "platform/peer.h"
+#include "access/peer.h"
 #include "util/unique_fd.h"
 
 namespace telvora {

@@ -6,7 +6,7 @@
 #include <functional>
 #include <map>
 
-#include "platform/peer.h"
+#include "access/peer.h"
 #include "util/mutex.h"
 
 namespace telvora {

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "platform/bus_connection.h"
-#include "platform/name_service.h"
+#include "access/name_service.h"
+#include "bus/bus_connection.h"
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
 #include "protocol/status_wire.h"

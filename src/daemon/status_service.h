@@ -12,10 +12,10 @@
 #include <memory>
 #include <string>
 
-#include "platform/peer.h"
-#include "platform/property_list.h"
-#include "platform/user_quotas.h"
-#include "platform/work_pool.h"
+#include "access/peer.h"
+#include "access/user_quotas.h"
+#include "async/work_pool.h"
+#include "plist/property_list.h"
 #include "util/unique_fd.h"
 
 namespace telvora {

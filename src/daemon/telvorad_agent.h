@@ -24,13 +24,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "access/entitlements.h"
+#include "access/peer.h"
+#include "access/user_quotas.h"
 #include "config/storebag_fetcher.h"
 #include "daemon/client_connection.h"
+#include "daemon/keep_alive_transaction.h"
 #include "daemon/refusal_log.h"
-#include "platform/entitlements.h"
-#include "platform/keep_alive_transaction.h"
-#include "platform/peer.h"
-#include "platform/user_quotas.h"
 #include "session/telvorad_session.h"
 #include "session/telvorad_session_delegate.h"
 #include "util/mutex.h"

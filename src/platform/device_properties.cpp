@@ -6,7 +6,7 @@
 
 #include "platform/digest.h"
 #include "platform/environment_file.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "util/log.h"
 #include "util/utf8.h"
 

@@ -24,7 +24,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 

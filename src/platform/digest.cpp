@@ -24,9 +24,6 @@ struct FreeOpenSsl {
 template <typename T>
 using Owned = std::unique_ptr<T, FreeOpenSsl>;
 
-// OpenSSL takes lengths as int: longer input goes through in whole groups of 3 bytes and 4 characters.
-constexpr size_t kGroupsPerBlock = 1 << 20;
-
 const unsigned char* asBytes(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
@@ -46,10 +43,6 @@ std::string takeError() {
     if (code != 0) ERR_error_string_n(code, text, sizeof text);
     ERR_clear_error();
     return text;
-}
-
-bool isBase64Character(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
 }
 
 std::string bioContent(BIO* bio) {
@@ -75,45 +68,6 @@ std::string sha256Hex(std::string_view bytes) {
         text.push_back(kDigits[byte & 15]);
     }
     return text;
-}
-
-std::string base64Encode(std::string_view bytes) {
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock adds a terminator
-    unsigned char* out = asBytes(text);
-    for (size_t at = 0; at < bytes.size(); at += 3 * kGroupsPerBlock) {
-        const std::string_view block = bytes.substr(at, 3 * kGroupsPerBlock);
-        out += EVP_EncodeBlock(out, asBytes(block), static_cast<int>(block.size()));
-    }
-    text.pop_back();
-    return text;
-}
-
-std::optional<std::string> base64Decode(std::string_view text) {
-    std::string groups;
-    groups.reserve(text.size());
-    size_t padding = 0;
-    for (const char c : text) {
-        if (c == '=') {
-            ++padding;
-        } else if (!isBase64Character(c)) {
-            continue;
-        } else if (padding > 0) {
-            return std::nullopt;
-        }
-        groups.push_back(c);
-    }
-    if (groups.size() % 4 != 0 || padding > 2) return std::nullopt;
-
-    std::string bytes(groups.size() / 4 * 3, '\0');
-    unsigned char* out = asBytes(bytes);
-    for (size_t at = 0; at < groups.size(); at += 4 * kGroupsPerBlock) {
-        const std::string_view block = std::string_view(groups).substr(at, 4 * kGroupsPerBlock);
-        const int written = EVP_DecodeBlock(out, asBytes(block), static_cast<int>(block.size()));
-        if (written < 0) return std::nullopt;
-        out += written;
-    }
-    bytes.resize(bytes.size() - padding);  // EVP_DecodeBlock writes a zero byte for each padding character
-    return bytes;
 }
 
 std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {

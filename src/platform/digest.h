@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Digests, base64 and RSA signatures, on OpenSSL's EVP. Thread-safe: no shared state.
+// Digests and RSA signatures, on OpenSSL's EVP. Thread-safe: no shared state.
 #pragma once
 
 #include <array>
@@ -16,13 +16,6 @@ std::array<uint8_t, 32> sha256(std::string_view bytes);
 
 // 64 lower-case hexadecimal digits.
 std::string sha256Hex(std::string_view bytes);
-
-// RFC 4648 base64, with padding and without line breaks.
-std::string base64Encode(std::string_view bytes);
-
-// Decodes base64, ignoring all characters outside its alphabet. Nothing when what remains is not a whole
-// number of base64 groups (padding missing, misplaced or followed by more).
-std::optional<std::string> base64Decode(std::string_view text);
 
 // Checks an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of `message`.
 // `publicKeyDer`: PKCS#1 RSAPublicKey or SubjectPublicKeyInfo.

@@ -12,7 +12,7 @@
 #include <charconv>
 #include <system_error>
 
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 

@@ -9,8 +9,8 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/atomic_file.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
+#include "util/atomic_file.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 

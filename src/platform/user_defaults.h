@@ -20,7 +20,7 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "util/mutex.h"
 
 namespace telvora {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "protocol/telvora_error.h"
 
 namespace telvora {

@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/bus_message.h"
-#include "platform/property_list.h"
+#include "bus/bus_message.h"
+#include "plist/property_list.h"
 #include "protocol/telvora_error.h"
 #include "util/unique_fd.h"
 

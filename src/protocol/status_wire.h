@@ -5,7 +5,7 @@
 // published; a test holds the two together.
 #pragma once
 
-#include "platform/bus_interface.h"
+#include "bus/bus_interface.h"
 
 namespace telvora {
 

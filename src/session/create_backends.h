@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "backends/backend_factory.h"
 #include "config/client_framework.h"
 #include "config/device_identity.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
+#include "session/backend_factory.h"
 
 namespace telvora {
 

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <limits>
 
-#include "platform/digest.h"
 #include "platform/uuid.h"
 #include "session/shared_hierarchies.h"
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
+#include "util/base64.h"
 #include "util/log.h"
 
 namespace telvora {

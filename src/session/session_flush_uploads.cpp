@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The operations that act on all backends at once: flush, finish, and the two kinds of uploads.
-#include "session/file_url.h"
 #include "session/telvorad_session.h"
+#include "util/file_url.h"
 #include "util/log.h"
 
 namespace telvora {

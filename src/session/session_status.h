@@ -5,7 +5,7 @@
 #include <string>
 
 #include "backends/report_account.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 

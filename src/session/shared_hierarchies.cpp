@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <set>
 
-#include "platform/name_service.h"
-#include "platform/work_pool.h"
+#include "access/name_service.h"
+#include "async/work_pool.h"
 #include "util/log.h"
 
 namespace telvora {

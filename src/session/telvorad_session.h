@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/client_files.h"
+#include "access/client_files.h"
 #include "protocol/client_session_interface.h"
 #include "session/create_backends.h"
 #include "session/telvorad_session_delegate.h"

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/property_list.h"
-#include "platform/work_pool.h"
+#include "async/work_pool.h"
+#include "plist/property_list.h"
 #include "util/mutex.h"
 
 namespace telvora {

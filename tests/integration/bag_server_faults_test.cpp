@@ -4,7 +4,7 @@
 // why, and nothing else for anybody.
 #include <gmock/gmock.h>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

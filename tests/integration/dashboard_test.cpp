@@ -7,7 +7,7 @@
 #include <fstream>
 #include <thread>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/expect_run.h"
 

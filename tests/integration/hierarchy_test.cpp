@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "client/status_query.h"
-#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/expect_run.h"
 

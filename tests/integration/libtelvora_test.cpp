@@ -9,8 +9,8 @@
 #include <mutex>
 #include <thread>
 
-#include "telvora-lab/bags.h"
 #include "telvora/telvora.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/expect_run.h"
 #include "tests/support/forked_child.h"

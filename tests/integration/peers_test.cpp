@@ -3,8 +3,8 @@
 // The real daemon and the peers on its socket: those that it doesn't let in, and one that is not ours.
 #include <gmock/gmock.h>
 
-#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/expect_run.h"
 

@@ -4,7 +4,7 @@
 // is told, a 5xx ends the backend of that session, and nobody else notices.
 #include <gmock/gmock.h>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

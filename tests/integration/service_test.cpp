@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

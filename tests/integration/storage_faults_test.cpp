@@ -7,7 +7,7 @@
 
 #include <fstream>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

@@ -3,8 +3,8 @@
 // telvora-bag as its users meet it: the program, its exit status and what it leaves on the disk.
 #include <sys/stat.h>
 
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/expect_run.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {

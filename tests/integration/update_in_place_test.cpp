@@ -9,8 +9,8 @@
 #include <set>
 #include <thread>
 
-#include "telvora-lab/bags.h"
 #include "telvora/telvora.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

@@ -9,7 +9,7 @@
 
 #include <random>
 
-#include "telvora-lab/bags.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 #include "util/message_log.h"
 

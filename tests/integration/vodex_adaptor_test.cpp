@@ -9,8 +9,8 @@
 #include <fstream>
 
 #include "client/status_query.h"
-#include "telvora-lab/bags.h"
 #include "telvora/keys.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
 
 namespace telvora::test {

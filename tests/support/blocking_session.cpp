@@ -5,8 +5,8 @@
 
 #include <stdexcept>
 
-#include "telvora-lab/await.h"
 #include "telvora/keys.h"
+#include "tests/support/await.h"
 
 namespace telvora::test {
 namespace {

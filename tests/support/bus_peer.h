@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/bus_message.h"
+#include "bus/bus_message.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {

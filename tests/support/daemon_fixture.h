@@ -13,10 +13,10 @@
 #include <string_view>
 #include <vector>
 
-#include "telvora-lab/daemon_process.h"
 #include "telvora-lab/laboratory.h"
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/blocking_session.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 

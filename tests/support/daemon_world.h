@@ -10,16 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "backends/backend_factory.h"
+#include "access/entitlements.h"
+#include "async/virtual_network.h"
 #include "config/client_framework.h"
 #include "config/environment.h"
 #include "config/storebag_fetcher.h"
 #include "daemon/telvorad_agent.h"
 #include "platform/digest.h"
-#include "platform/entitlements.h"
-#include "telvora-lab/fake_http_client.h"
-#include "telvora-lab/temporary_directory.h"
-#include "virtual-network/virtual_network.h"
+#include "session/backend_factory.h"
+#include "tests/support/fake_http_client.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "telvora-lab/child_process.h"
+#include "tests/support/child_process.h"
 
 namespace telvora::test {
 

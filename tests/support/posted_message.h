@@ -2,7 +2,7 @@
 #pragma once
 
 #include "telvora-lab/event_json.h"
-#include "telvora-lab/fake_http_client.h"
+#include "tests/support/fake_http_client.h"
 #include "tests/support/inflated.h"
 
 namespace telvora::test {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "config/signed_bag.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 
 namespace telvora::test {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <tl/expected.hpp>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora {
 

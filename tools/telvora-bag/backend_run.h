@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "backends/decision_trace.h"
+#include "policy/decision_trace.h"
 #include "telvora-bag/trial.h"
 
 namespace telvora::bag {

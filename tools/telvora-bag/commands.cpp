@@ -5,7 +5,7 @@
 
 #include "config/signed_bag.h"
 #include "platform/digest.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "telvora-bag/documents.h"
 
 namespace telvora::bag {

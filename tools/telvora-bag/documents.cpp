@@ -8,9 +8,9 @@
 
 #include "config/signed_bag.h"
 #include "json/json_reader.h"
-#include "platform/atomic_file.h"
-#include "platform/digest.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
+#include "util/atomic_file.h"
+#include "util/base64.h"
 
 namespace telvora::bag {
 

@@ -3,8 +3,8 @@
 
 #include <sstream>
 
-#include "backends/absent_text.h"
 #include "config/storebag_fetcher.h"
+#include "policy/absent_text.h"
 #include "telvora-bag/narrator.h"
 #include "telvora-bag/samples.h"
 #include "util/log.h"

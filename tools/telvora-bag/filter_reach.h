@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "backends/event_filters.h"
+#include "policy/event_filters.h"
 
 namespace telvora::bag {
 

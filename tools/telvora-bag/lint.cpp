@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <numeric>
 
-#include "platform/letter_case.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "telvora-bag/documents.h"
 #include "telvora-bag/lint_rules.h"
+#include "util/letter_case.h"
 
 namespace telvora::bag {
 

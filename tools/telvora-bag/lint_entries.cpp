@@ -5,7 +5,7 @@
 // user info ask for a link alone.
 #include <algorithm>
 
-#include "backends/client_entry.h"
+#include "policy/client_entry.h"
 #include "telvora-bag/lint_rules.h"
 
 namespace telvora::bag {

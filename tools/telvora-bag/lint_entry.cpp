@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <set>
 
-#include "backends/client_entry.h"
 #include "platform/locale.h"
+#include "policy/client_entry.h"
 #include "telvora-bag/lint_rules.h"
 
 namespace telvora::bag {

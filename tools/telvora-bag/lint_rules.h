@@ -3,7 +3,7 @@
 // The rules that lint consists of. Each adds its findings.
 #pragma once
 
-#include "backends/client_entry.h"
+#include "policy/client_entry.h"
 #include "telvora-bag/bag_keys.h"
 #include "telvora-bag/lint.h"
 #include "telvora-bag/texts.h"

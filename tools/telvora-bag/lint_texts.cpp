@@ -5,10 +5,10 @@
 
 #include <charconv>
 
-#include "backends/event_filters.h"
-#include "platform/digest.h"
-#include "platform/http_request_rules.h"
+#include "http/http_request_rules.h"
+#include "policy/event_filters.h"
 #include "telvora-bag/lint_rules.h"
+#include "util/base64.h"
 
 namespace telvora::bag {
 

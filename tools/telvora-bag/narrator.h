@@ -6,7 +6,7 @@
 #include <ostream>
 #include <string>
 
-#include "backends/decision_trace.h"
+#include "policy/decision_trace.h"
 #include "telvora-bag/trial.h"
 
 namespace telvora::bag {

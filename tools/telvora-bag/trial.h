@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
-#include "backends/backend_factory.h"
-#include "backends/decision_trace.h"
+#include "async/virtual_network.h"
+#include "policy/decision_trace.h"
+#include "session/backend_factory.h"
 #include "session/create_backends.h"
-#include "virtual-network/virtual_network.h"
 
 namespace telvora::bag {
 

@@ -6,7 +6,8 @@
 #include <utility>
 
 #include "config/signed_bag.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
+#include "util/base64.h"
 
 namespace telvora::lab {
 namespace {

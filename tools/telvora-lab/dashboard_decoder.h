@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::lab {
 

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "telvora-lab/dashboard_decoder.h"
 
 namespace telvora::lab {

@@ -10,7 +10,7 @@
 
 #include <cmath>
 
-#include "platform/digest.h"
+#include "util/base64.h"
 
 namespace telvora::lab {
 namespace {

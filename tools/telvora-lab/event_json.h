@@ -10,7 +10,7 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::lab {
 

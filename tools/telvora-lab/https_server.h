@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/http_client.h"
+#include "http/http_client.h"
 
 namespace telvora::lab {
 

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <system_error>
 
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "telvora-lab/certificates.h"
 
 namespace telvora::lab {

@@ -4,7 +4,7 @@
 #include <tl/expected.hpp>
 #include <utility>
 
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 
 namespace telvora::lab {
 namespace {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
 #include "util/mutex.h"

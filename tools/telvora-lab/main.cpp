@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
 #include "telvora-lab/collect_command.h"
 #include "telvora-lab/end_of_run.h"
 #include "telvora-lab/event_json.h"

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/http_client.h"
-#include "platform/property_list.h"
+#include "http/http_client.h"
+#include "plist/property_list.h"
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
 #include "util/mutex.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::lab {
 

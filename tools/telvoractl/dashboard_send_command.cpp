@@ -7,7 +7,7 @@
 #include <future>
 #include <thread>
 
-#include "backends/dashboard_backend.h"
+#include "dashboard/dashboard_backend.h"
 #include "output.h"
 #include "platform/directories.h"
 #include "platform/locale.h"

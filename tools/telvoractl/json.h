@@ -8,7 +8,7 @@
 #include <string>
 
 #include "client/client_session.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::ctl {
 

@@ -13,7 +13,7 @@
 
 #include "client/client_session.h"
 #include "command.h"
-#include "platform/property_list.h"
+#include "plist/property_list.h"
 
 namespace telvora::ctl {
 

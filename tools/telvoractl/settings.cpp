@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "settings.h"
 
-#include "platform/privileges.h"
+#include "sandbox/privileges.h"
 
 namespace telvora::ctl {
 

@@ -4,10 +4,10 @@
 #pragma once
 
 #include "backends/telvora_backend.h"
-#include "telvora-lab/fake_http_client.h"
-#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
+#include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 

@@ -75,7 +75,7 @@ TEST(HTTPSPostSendTest, UserInfoWinsOverFieldsAndFiltersActLast) {
     EXPECT_EQ(rig.message().postTime, 1447660800.25);
     const Dictionary event = rig.event();
     EXPECT_EQ(*event.string("_sessionID"), "mine");
-    EXPECT_EQ(*event.string("secret"), TelvoraBackend::convertIntoSHA256("from user info"));
+    EXPECT_EQ(*event.string("secret"), convertIntoSHA256("from user info"));
     EXPECT_EQ(event.real("when"), 12.0);
     EXPECT_EQ(event.integer("_startTS"), 1447660800);
     EXPECT_EQ(event.integer("_timezoneOffset"), 3600);
@@ -221,7 +221,7 @@ TEST(HTTPSPostSendTest, FlushTakesWhatTheListsAdmitWithTheUserInfoOfNow) {
     EXPECT_EQ(result.error, std::nullopt);
 
     EXPECT_EQ(rig.posts(), (Posts{{2}}));
-    EXPECT_EQ(*rig.event().string("user"), TelvoraBackend::convertIntoSHA256("someone"));
+    EXPECT_EQ(*rig.event().string("user"), convertIntoSHA256("someone"));
     EXPECT_EQ(*rig.event().string("gone"), "back");  // the copy is filtered as an event of method 0
     for (const char* dropped : {"4 as it is not whitelisted", "6 as it is blacklisted"})
         EXPECT_TRUE(

@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include "backends/backend_factory.h"
 #include "platform/power_log.h"
-#include "platform/property_list_format.h"
+#include "plist/property_list_format.h"
+#include "session/backend_factory.h"
 #include "tests/support/unix_socket.h"
 #include "tests/unit/backends/backend_rig.h"
 

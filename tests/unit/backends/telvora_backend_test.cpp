@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "backends/backend_factory.h"
-#include "platform/digest.h"
 #include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
@@ -58,35 +56,6 @@ TEST_F(TelvoraBackendTest, EmptyListsAreNotAlike) {
     for (const auto& [category, listed] : {std::pair{0, false}, {5, true}, {7, true}, {9, false}}) {
         EXPECT_EQ(backend.isWhitelistedEvent(static_cast<uint16_t>(category)), listed) << category;
         EXPECT_EQ(backend.isBlacklistedEvent(static_cast<uint16_t>(category)), listed) << category;
-    }
-}
-
-TEST_F(TelvoraBackendTest, DigestCoversAsManyBytesAsThereAreUtf16Units) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"abc", "abc"},
-        {"", ""},
-        {"äbc", "äb"},           // 3 units of 4 bytes
-        {"😀x", "\xf0\x9f\x98"},  // a surrogate pair counts two
-    };
-    for (const auto& [text, hashed] : cases)
-        EXPECT_EQ(TelvoraBackend::convertIntoSHA256(text), sha256Hex(hashed)) << text;
-}
-
-TEST(BackendFactoryTest, MakesWhatTheNameSays) {
-    const BackendProfile profile = profileOf({{"clients", Array{}}});
-    BackendRig rig;
-    const BackendFactory factory(rig.services);
-    for (const char* name : {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2}) {
-        const auto backend = factory.newBackendWithName(name, profile, "family", 7);
-        ASSERT_NE(backend, nullptr);
-        EXPECT_EQ(backend->name(), name);
-    }
-    const BackendRig halcyra({{"ProductType", "Halcyra"}});  // has no metrics adaptor
-    const BackendFactory without(halcyra.services);
-    for (const char* name : {"refresh_cycle", "httppost", "", kTelvoraBackendVodex}) {
-        const LogCapture log;
-        EXPECT_EQ(without.newBackendWithName(name, profile, "family", 7), nullptr);
-        EXPECT_TRUE(log.contains(std::string("<3>TelvoraBackend(newBackendWithName): ") + name));
     }
 }
 

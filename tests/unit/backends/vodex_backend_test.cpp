@@ -7,8 +7,8 @@
 #include <limits>
 #include <sstream>
 
-#include "backends/backend_factory.h"
 #include "backends/vodex_payload.h"
+#include "session/backend_factory.h"
 #include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "backends/client_entry.h"
+#include "policy/client_entry.h"
 #include "telvora-bag/explain.h"
 #include "telvora-bag/lint.h"
 #include "telvora/keys.h"
@@ -227,19 +227,13 @@ std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
         const Circumstances given = randomCircumstances(dice, !dice.roll(4));
         if (onlyWithUserInfo && !given.requireUserInfo) continue;
         const auto country = dice.oneOf<std::optional<std::string>>({"CH", "DE", std::nullopt});
-        const BackendServices services{http,
-                                       identity,
-                                       environment,
-                                       defaults,
-                                       [] { return TimeValue{}; },
-                                       [&country] { return country; },
-                                       [] { return 0L; },
-                                       [] { return 0.0; }};
         const Dictionary userInfo = userInfoOf(given);
         const std::optional<std::string> device = "phone";
         const std::optional<std::string> hardware = "Model1,1";
         const ReportingPolicy policy =
-            nextPolicy({}, {.services = services,
+            nextPolicy({}, {.identity = identity,
+                            .countryCode = [&country] { return country; },
+                            .trace = nullptr,
                             .backend = "httpPost",
                             .clients = clients,
                             .userInfo = userInfo.empty() ? nullptr : &userInfo,

@@ -5,6 +5,7 @@
 
 #include "json/json_reader.h"
 #include "platform/digest.h"
+#include "util/base64.h"
 
 namespace telvora::bag {
 namespace {

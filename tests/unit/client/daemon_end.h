@@ -9,8 +9,8 @@
 
 #include "client/client_session.h"
 #include "daemon/client_connection.h"
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/fake_session.h"
+#include "tests/support/temporary_directory.h"
 #include "tests/support/unix_socket.h"
 
 namespace telvora::test {

@@ -6,10 +6,10 @@
 #include <set>
 
 #include "config/environment.h"
-#include "telvora-lab/temporary_directory.h"
 #include "telvora/keys.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {

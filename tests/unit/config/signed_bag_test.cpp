@@ -5,6 +5,7 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
+#include "util/base64.h"
 
 namespace telvora::test {
 namespace {

@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include "telvora-lab/fake_http_client.h"
-#include "telvora-lab/temporary_directory.h"
+#include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {

@@ -8,10 +8,10 @@
 
 #include "protocol/client_session_wire.h"
 #include "protocol/property_list_codec.h"
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
 namespace {

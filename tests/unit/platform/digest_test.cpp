@@ -12,20 +12,6 @@ TEST(Sha256Test, MatchesThePublishedDigest) {
     EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
-TEST(Base64Test, EncodesStreamsAndDecodesWholeGroupsAmongForeignCharacters) {
-    EXPECT_EQ(base64Encode(""), "");
-    EXPECT_EQ(base64Encode("foob"), "Zm9vYg==");
-    std::string bytes;
-    while (bytes.size() < (3 << 20) + 2)
-        bytes.push_back(static_cast<char>(bytes.size() * 7));
-    EXPECT_EQ(base64Decode(base64Encode(bytes)), bytes);
-    EXPECT_EQ(base64Decode("\n"), "");
-    EXPECT_EQ(base64Decode(" Zm\r\n9v-Y*mE\t= "), "fooba");
-    for (const char* malformed :
-         {"Z", "Zg", "Zg=", "Zm8", "Zg==Zg==", "=Zg=", "Z===", "====", "Zm9v=", "Zm9v===="})
-        EXPECT_EQ(base64Decode(malformed), std::nullopt) << malformed;
-}
-
 TEST(RsaTest, ASignatureFitsItsMessageAndItsKeyOnly) {
     const RsaPrivateKey key = RsaPrivateKey::generate(2048).value();
     const std::string info = key.publicKeyToDer(), signature = key.signSha1("message");

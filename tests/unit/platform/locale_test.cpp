@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/directories.h"
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/environment_variable.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {

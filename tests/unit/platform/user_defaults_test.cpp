@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "protocol/client_session_wire.h"
 #include "protocol/status_wire.h"
-#include "telvora-lab/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {

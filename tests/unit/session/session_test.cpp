@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "session/file_url.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
 #include "tests/support/log_capture.h"
+#include "util/file_url.h"
 
 namespace telvora::test {
 namespace {

@@ -12,8 +12,8 @@
 #include <set>
 #include <sstream>
 
-#include "telvora-lab/temporary_directory.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
 #include "util/unique_fd.h"
 
 namespace telvora {

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "access/entitlements.h"
+
+#include <algorithm>
+#include <string>
+#include <system_error>
+#include <tl/expected.hpp>
+#include <vector>
+
+#include "access/name_service.h"
+#include "plist/property_list_format.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+// The conditions of a file and what it grants, or why the file can't be relied on.
+struct Grant {
+    std::optional<PropertyList> user, group;  // a non-empty string or a number that is an id
+    std::optional<std::string> unit, label;
+    Dictionary entitlements;
+};
+
+tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
+    auto document = readPropertyListFile(file);
+    if (!document) return tl::unexpected(document.error());
+    const auto* dictionary = document->getIf<Dictionary>();
+    if (dictionary == nullptr) return tl::unexpected(std::string("not a dictionary"));
+    Grant grant;
+    bool hasEntitlements = false;
+    for (const auto& [key, value] : *dictionary) {
+        if ((key == "User" || key == "Group") && isNameOrId(value)) {
+            (key == "User" ? grant.user : grant.group) = value;
+        } else if ((key == "Unit" || key == "Label") && value.is<std::string>() && isNameOrId(value)) {
+            (key == "Unit" ? grant.unit : grant.label) = *value.getIf<std::string>();
+        } else if (key == "Entitlements" && value.is<Dictionary>()) {
+            grant.entitlements = *value.getIf<Dictionary>();
+            hasEntitlements = true;
+        } else {
+            return tl::unexpected("the key \"" + key + "\" is unknown or its value is not of its type");
+        }
+    }
+    if (!hasEntitlements) return tl::unexpected(std::string("\"Entitlements\" is missing"));
+    return grant;
+}
+
+bool holdsFor(const Grant& grant, const Peer& peer) {
+    // The cheap comparisons come first; the look-up of a name may ask a server.
+    if (grant.unit && *grant.unit != peer.unit) return false;
+    if (grant.label && *grant.label != peer.label) return false;
+    if (grant.user && userIdFrom(*grant.user) != peer.uid) return false;
+    if (!grant.group) return true;
+    const std::optional<gid_t> group = groupIdFrom(*grant.group);
+    return group && peer.isInGroup(*group);
+}
+
+std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {
+    std::vector<std::filesystem::path> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (entry->path().extension() == ".plist" && entry->is_regular_file(ignored)) {
+            files.push_back(entry->path());
+        }
+    }
+    if (error) files.clear();  // half the files might grant what the other half takes back
+    std::sort(files.begin(), files.end(),
+              [](const auto& a, const auto& b) { return a.native().compare(b.native()) < 0; });
+    return files;
+}
+
+}  // namespace
+
+std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& peer,
+                                                                  std::string_view name) const {
+    std::optional<PropertyList> value;
+    for (const std::filesystem::path& file : filesInOrder(directory_)) {
+        const auto grant = readGrant(file);
+        if (!grant) {
+            TELVORA_LOG(kLogWarning, "EntitlementStore: %s grants nothing: %s", file.c_str(),
+                        grant.error().c_str());
+            continue;
+        }
+        const PropertyList* granted = grant->entitlements.find(name);
+        if (granted != nullptr && holdsFor(*grant, peer)) value = *granted;
+    }
+    return value;
+}
+
+}  // namespace telvora

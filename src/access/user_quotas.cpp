@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "access/user_quotas.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace telvora {
+
+namespace {
+
+using TimePoint = std::chrono::steady_clock::time_point;
+
+// Window for counting log lines, and least time between two lines about refusals.
+constexpr std::chrono::minutes kPeriod{1};
+// Errors and warnings in a period that each client may log beyond its user's quota. All clients of a user
+// together may log this number for each session that the user may have, so that reconnecting gains no more.
+constexpr uint64_t kOwnErrorLines = 10;
+
+constexpr std::array<QuotaRule, kQuotas> kRules = {{
+    {"connections", "maxConnectionsPerUser", 1024},
+    // Fewer, so that a user whose sessions are too many can still ask for the status.
+    {"sessions", "maxSessionsPerUser", 1000},
+    // Half of what the HTTP client takes for one server (http_client.h): the other half is for the others.
+    {"pendingBytes", "maxPendingBytesPerUser", uint64_t{16} << 20},
+    {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
+    // As much as one backend's batch may hold.
+    {"dormantBytes", "maxDormantBytesPerUser", uint64_t{8} << 20},
+    {"extensionTokens", "maxExtensionTokensPerUser", 512},
+    // Half of what the journal takes of one service, journald.conf(5), likewise.
+    {"logLines", "maxLogLinesPerUser", 10'000},
+}};
+
+constexpr Quota quotaAt(size_t index) {
+    return static_cast<Quota>(index);
+}
+
+}  // namespace
+
+const QuotaRule& ruleOf(Quota quota) {
+    return kRules[static_cast<size_t>(quota)];
+}
+
+// The errors and warnings of one client beyond its user's quota, in the period that ends so.
+struct OwnErrorLines {
+    uint64_t count = 0;
+    TimePoint periodEnd;
+};
+
+// What one user has taken and was refused.
+struct UserShare {
+    UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
+
+    std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
+    bool take(Quota quota, uint64_t amount);
+    // `client` is guarded by this share's lock.
+    bool admitsLine(int level, OwnErrorLines& client) TELVORA_EXCLUDES(lock_);
+    std::array<QuotaUse, kQuotas> uses() TELVORA_EXCLUDES(lock_);
+    // Logs the refusals that have not been told and may be by now.
+    void tellRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
+    // Whether no refusal and no log line counts any more.
+    bool isQuiet(TimePoint now) TELVORA_EXCLUDES(lock_);
+
+  private:
+    struct Refusals {
+        uint64_t all = 0;
+        uint64_t untold = 0;
+        TimePoint nextLine;  // not before
+    };
+
+    bool holdsTooMuch(Quota quota);
+    void refuse(Quota quota, TimePoint now) TELVORA_EXCLUDES(lock_);
+    void tellUntold(Quota quota, uint64_t refusals) const;
+
+    const UserQuotas& quotas_;
+    const uid_t user_;
+    std::array<std::atomic<uint64_t>, kQuotas> held_{};  // but log lines
+    Mutex lock_{LockRank::userLog};
+    uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;          // logged in this period
+    uint64_t ownErrorLines_ TELVORA_GUARDED_BY(lock_) = 0;  // likewise, beyond the quota
+    TimePoint periodEnd_ TELVORA_GUARDED_BY(lock_);
+    std::array<Refusals, kQuotas> refusals_ TELVORA_GUARDED_BY(lock_);
+};
+
+bool UserShare::take(Quota quota, uint64_t amount) {
+    held(quota) += amount;
+    if (!holdsTooMuch(quota)) return true;
+    held(quota) -= amount;
+    refuse(quota, quotas_.clock_());
+    return false;
+}
+
+// Bytes can change from one of the two quotas to the other without being refused: a limit for both together
+// bounds them all the same.
+bool UserShare::holdsTooMuch(Quota quota) {
+    if (held(quota) > quotas_.limitOf(quota)) return true;
+    if (quota != Quota::pendingBytes && quota != Quota::dormantBytes) return false;
+    return held(Quota::pendingBytes) + held(Quota::dormantBytes) >
+           quotas_.limitOf(Quota::pendingBytes) + quotas_.limitOf(Quota::dormantBytes);
+}
+
+bool UserShare::admitsLine(int level, OwnErrorLines& client) {
+    const TimePoint now = quotas_.clock_();
+    bool begins = false;
+    bool admitted = false;
+    {
+        const MutexLock lock(lock_);
+        begins = now >= periodEnd_;
+        if (begins) {
+            periodEnd_ = now + kPeriod;
+            lines_ = 0;
+            ownErrorLines_ = 0;
+        }
+        admitted = lines_ < quotas_.limitOf(Quota::logLines);
+        if (admitted) {
+            ++lines_;
+        } else if (level <= kLogWarning) {
+            if (client.periodEnd != periodEnd_) client = {0, periodEnd_};
+            admitted = client.count < kOwnErrorLines &&
+                       ownErrorLines_ / kOwnErrorLines < quotas_.limitOf(Quota::sessions);
+            if (admitted) {
+                ++client.count;
+                ++ownErrorLines_;
+            }
+        }
+    }
+    if (begins) tellRefusals(now);
+    if (!admitted) refuse(Quota::logLines, now);
+    return admitted;
+}
+
+void UserShare::refuse(Quota quota, TimePoint now) {
+    uint64_t before = 0;
+    {
+        const MutexLock lock(lock_);
+        Refusals& refusals = refusals_[static_cast<size_t>(quota)];
+        ++refusals.all;
+        if (now < refusals.nextLine) {
+            ++refusals.untold;
+            return;
+        }
+        before = std::exchange(refusals.untold, 0);
+        refusals.nextLine = quota == Quota::logLines ? periodEnd_ : now + kPeriod;
+    }
+    if (before > 0) tellUntold(quota, before);
+    const LogScope nobody(nullptr);
+    TELVORA_LOG(kLogError, "UserQuotas: user %u is over the quota of %llu %s (%s)", user_,
+                static_cast<unsigned long long>(quotas_.limitOf(quota)), ruleOf(quota).name,
+                ruleOf(quota).key);
+}
+
+void UserShare::tellUntold(Quota quota, uint64_t refusals) const {
+    const LogScope nobody(nullptr);
+    TELVORA_LOG(kLogError, "UserQuotas: user %u was over the quota of %s %llu more times", user_,
+                ruleOf(quota).name, static_cast<unsigned long long>(refusals));
+}
+
+void UserShare::tellRefusals(TimePoint now) {
+    for (size_t i = 0; i < kQuotas; ++i) {
+        uint64_t untold = 0;
+        {
+            const MutexLock lock(lock_);
+            if (now >= refusals_[i].nextLine) untold = std::exchange(refusals_[i].untold, 0);
+        }
+        if (untold > 0) tellUntold(quotaAt(i), untold);
+    }
+}
+
+bool UserShare::isQuiet(TimePoint now) {
+    const MutexLock lock(lock_);
+    return now >= periodEnd_ &&
+           std::all_of(refusals_.begin(), refusals_.end(),
+                       [now](const Refusals& refusals) { return now >= refusals.nextLine; });
+}
+
+std::array<QuotaUse, kQuotas> UserShare::uses() {
+    const TimePoint now = quotas_.clock_();
+    std::array<QuotaUse, kQuotas> uses;
+    const MutexLock lock(lock_);
+    for (size_t i = 0; i < kQuotas; ++i) {
+        uses[i] = {held_[i].load(std::memory_order_relaxed), quotas_.limitOf(quotaAt(i)), refusals_[i].all};
+    }
+    uses[static_cast<size_t>(Quota::logLines)].held = now < periodEnd_ ? lines_ : 0;
+    return uses;
+}
+
+// --- Handles ---
+
+QuotaHold& QuotaHold::operator=(QuotaHold&& other) noexcept {
+    QuotaHold taken(std::move(other));
+    swap(taken);
+    return *this;
+}
+
+void QuotaHold::swap(QuotaHold& other) noexcept {
+    std::swap(share_, other.share_);
+    std::swap(quota_, other.quota_);
+    std::swap(amount_, other.amount_);
+}
+
+void QuotaHold::resize(uint64_t amount) {
+    // Modulo 2^64, so that this gives back as well as takes.
+    if (share_) share_->held(quota_).fetch_add(amount - amount_, std::memory_order_relaxed);
+    amount_ = amount;
+}
+
+void QuotaHold::countAs(Quota quota) {
+    // Counted twice for a moment rather than not at all.
+    if (share_) {
+        share_->held(quota) += amount_;
+        share_->held(quota_) -= amount_;
+    }
+    quota_ = quota;
+}
+
+void QuotaHold::add(QuotaHold other) {
+    if (!share_) return swap(other);
+    other.countAs(quota_);
+    amount_ += std::exchange(other.amount_, 0);
+}
+
+namespace {
+
+struct ClientLog final : LogAdmission {
+    explicit ClientLog(std::shared_ptr<UserShare> user) : share(std::move(user)) {}
+    bool admitsLine(int level) override { return share->admitsLine(level, ownErrors); }
+
+    const std::shared_ptr<UserShare> share;
+    OwnErrorLines ownErrors;
+};
+
+}  // namespace
+
+QuotaUser::QuotaUser(std::shared_ptr<UserShare> share)
+    : share_(std::move(share)), log_(std::make_shared<ClientLog>(share_)) {}
+
+bool QuotaUser::take(Quota quota, uint64_t amount, QuotaHold& hold) const {
+    if (!share_) return true;
+    if (!share_->take(quota, amount)) return false;
+    if (!hold.share_) {
+        hold.share_ = share_;
+        hold.quota_ = quota;
+    }
+    hold.amount_ += amount;
+    return true;
+}
+
+LogAdmission* QuotaUser::logAdmission() const {
+    return log_.get();
+}
+
+// --- All users ---
+
+UserQuotas::UserQuotas(UserDefaults& defaults, SteadyClock clock)
+    : defaults_(defaults), clock_(std::move(clock)) {
+    readLimits();
+}
+
+UserQuotas::~UserQuotas() = default;
+
+void UserQuotas::readLimits() {
+    for (size_t i = 0; i < kQuotas; ++i) {
+        const std::optional<int64_t> given = defaults_.integer(kTelvoraDefaultsDomain, kRules[i].key);
+        limits_[i].store(given ? static_cast<uint64_t>(std::max<int64_t>(*given, 0)) : kRules[i].limit,
+                         std::memory_order_relaxed);
+    }
+}
+
+QuotaUser UserQuotas::of(uid_t user) {
+    readLimits();
+    const TimePoint now = clock_();
+    const MutexLock lock(lock_);
+    std::shared_ptr<UserShare>& known = users_[user];
+    if (!known) known = std::make_shared<UserShare>(*this, user);
+    QuotaUser found(known);
+    if (now >= nextSweep_) {
+        nextSweep_ = now + kPeriod;
+        for (const auto& [each, share] : users_)
+            share->tellRefusals(now);
+        std::erase_if(users_, [now](const auto& entry) {
+            return entry.second.use_count() == 1 && entry.second->isQuiet(now);
+        });
+    }
+    return found;
+}
+
+std::map<uid_t, std::array<QuotaUse, kQuotas>> UserQuotas::uses() {
+    readLimits();
+    std::map<uid_t, std::array<QuotaUse, kQuotas>> uses;
+    const MutexLock lock(lock_);
+    for (const auto& [user, share] : users_)
+        uses.emplace(user, share->uses());
+    return uses;
+}
+
+void UserQuotas::tellRefusals() {
+    const MutexLock lock(lock_);
+    for (const auto& [user, share] : users_)
+        share->tellRefusals(TimePoint::max());
+}
+
+}  // namespace telvora

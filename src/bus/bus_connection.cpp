@@ -1,0 +1,293 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Set-up, the driving loop and the end of a connection; bus_calls.cpp has what travels on it.
+//
+// Invariants: bus_ is set until drop() has run. sd-bus is entered only through processOne() and the sending
+// functions. The descriptor is registered with Asio only while sd-bus has it open: sd-bus closes it when
+// sd_bus_process() is called on a connection that has begun to close, so that is never done.
+//
+// How a server takes leave: a peer that writes to a closed socket fails, and to sd-bus that is the end of its
+// connection, whatever it has left to read. So the socket is only closed for sending, once all is written,
+// and the peer, when it has read all, closes it for good. What it sends in between is not carried out.
+#include "bus/bus_connection.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <systemd/sd-id128.h>
+
+#include <algorithm>
+#include <asio/error.hpp>
+#include <asio/post.hpp>
+#include <cstring>
+
+namespace telvora {
+
+namespace {
+
+// One turn of a strand; a turn of small messages takes well under a millisecond.
+constexpr int kMessagesPerTurn = 64;
+// sd-bus asks for 8 MiB each; this much kernel memory is enough to keep both ends busy.
+constexpr int kSendBufferBytes = 256 << 10;
+
+std::string errnoText(int error) {
+    return std::strerror(error < 0 ? -error : error);
+}
+
+}  // namespace
+
+tl::expected<std::shared_ptr<BusConnection>, std::string> BusConnection::make(Strand strand, UniqueFd socket,
+                                                                              BusRole role,
+                                                                              BusLimits limits) {
+    std::shared_ptr<BusConnection> connection(
+        new BusConnection(std::move(strand), std::move(socket), role, limits));
+    return connection->configure().map([&] { return connection; });
+}
+
+BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits)
+    : strand_(std::move(strand)),
+      role_(role),
+      limits_(limits),
+      socket_(std::move(socket)),
+      descriptor_(strand_),
+      timer_(strand_) {}
+
+BusConnection::~BusConnection() {
+    if (descriptor_.is_open()) descriptor_.release();
+}
+
+tl::expected<void, std::string> BusConnection::configure() {
+    sd_bus* bus = nullptr;
+    int result = sd_bus_new(&bus);
+    bus_.reset(bus);
+    if (result >= 0 && role_ == BusRole::kServer) {
+        sd_id128_t guid = {};
+        result = sd_id128_randomize(&guid);
+        if (result >= 0) result = sd_bus_set_server(bus, true, guid);
+        if (result >= 0) result = sd_bus_set_anonymous(bus, false);
+    }
+    // Who may call is decided before a connection gets here, not per method by sd-bus.
+    if (result >= 0) result = sd_bus_set_trusted(bus, true);
+    if (result >= 0) result = sd_bus_negotiate_fds(bus, true);
+    if (result >= 0) result = sd_bus_set_fd(bus, socket_.get(), socket_.get());
+    if (result >= 0) {
+        socket_.release();
+        sd_bus_slot* slot = nullptr;
+        result = sd_bus_add_filter(bus, &slot, onAnyMessage, this);
+        filter_.reset(slot);
+    }
+    if (result < 0) return tl::unexpected(errnoText(result));
+    return role_ == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
+}
+
+// Tools that take every socket for a message bus open with this call and give up without an answer.
+tl::expected<void, std::string> BusConnection::exportHello() {
+    static const BusInterface busInterface("org.freedesktop.DBus", {{"Hello", {}, {{"", "s"}}}});
+    const auto sayHello = [this](BusMessage& call) -> std::optional<BusError> {
+        replyNow(call, [](BusMessage& reply) { return reply.appendString(":1.0"); });
+        return std::nullopt;
+    };
+    return exportInterface("/org/freedesktop/DBus", busInterface, {sayHello});
+}
+
+void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
+    closed_ = std::move(closed);
+    gone_ = std::move(gone);
+    asio::post(strand_, [self = shared_from_this()] { self->begin(); });
+}
+
+void BusConnection::begin() {
+    if (!bus_) return;
+    authenticationDeadline_ = std::chrono::steady_clock::now() + limits_.authenticationTimeout;
+    const int result = sd_bus_start(bus_.get());
+    if (result < 0) return end(errnoText(result));
+
+    const int fd = sd_bus_get_fd(bus_.get());
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+    asio::error_code error;
+    descriptor_.assign(fd, error);
+    if (error) return end(error.message());
+    pump();
+}
+
+bool BusConnection::isOpen() const {
+    return bus_ && !parting_ && sd_bus_is_open(bus_.get()) > 0;
+}
+
+// One step of sd-bus: writes what is queued, or reads and dispatches one message. 0: nothing to do now.
+int BusConnection::processOne() {
+    if (!isOpen()) {  // a call found the peer gone
+        end("the peer has closed the connection");
+        return -ENOTCONN;
+    }
+    pumping_ = true;
+    const int result = sd_bus_process(bus_.get(), nullptr);
+    pumping_ = false;
+    forgetWritten();
+    if (closeRequested_) {
+        takeLeave(*closeRequested_);
+        return -ENOTCONN;
+    }
+    if (result < 0) {
+        end(errnoText(result));
+    } else if (!isOpen()) {
+        end("the peer has closed the connection");
+        return -ENOTCONN;
+    } else {
+        tellUncongested();
+    }
+    return result;
+}
+
+void BusConnection::pump() {
+    for (int i = 0; i < kMessagesPerTurn; ++i) {
+        // While input rests, a step may only write; sd-bus reads where it can't.
+        if (inputRests() && !canWrite()) return arm();
+        const int result = processOne();
+        if (result < 0) return;
+        if (result == 0) return arm();
+    }
+    if (turnPosted_) return;
+    turnPosted_ = true;
+    asio::post(strand_, [self = shared_from_this()] {
+        self->turnPosted_ = false;
+        if (self->bus_ && !self->parting_) self->pump();
+    });
+}
+
+// Only a server lets input rest: were both ends to do so, each could wait for the other for ever. A client
+// has asked for the answers that it gets.
+bool BusConnection::inputRests() const {
+    return role_ == BusRole::kServer && !hungUp_ &&
+           (outputCongested() || pendingCalls_.size() >= limits_.pendingCalls);
+}
+
+void BusConnection::arm() {
+    const int events = sd_bus_get_events(bus_.get());
+    if (events < 0) return end(errnoText(events));
+    const bool rests = inputRests();
+    if ((events & POLLIN) != 0 && !rests) waitFor(kRead);
+    if ((events & POLLOUT) != 0) waitFor(kWrite);
+    if (rests) waitFor(kHangUp);
+    armTimer();
+}
+
+void BusConnection::waitFor(Wait wait) {
+    if (std::exchange(waiting_[wait], true)) return;
+    static constexpr asio::posix::descriptor_base::wait_type kTypes[kWaits] = {
+        asio::posix::descriptor_base::wait_read, asio::posix::descriptor_base::wait_write,
+        asio::posix::descriptor_base::wait_error};
+    descriptor_.async_wait(kTypes[wait], [self = shared_from_this(), wait](const asio::error_code& error) {
+        self->waiting_[wait] = false;
+        if (!self->bus_ || error == asio::error::operation_aborted) return;
+        self->parting_ ? self->parting(wait) : self->woken(wait);
+    });
+}
+
+void BusConnection::woken(Wait wait) {
+    // There is no reason left to let input rest: what the peer sent before it went still counts.
+    if (wait == kHangUp) hungUp_ = true;
+    if (wait == kRead) checkIncomingSize();
+    if (bus_) pump();
+}
+
+// What is readable now will be read now; as long as no message comes of it, it belongs to one message.
+void BusConnection::checkIncomingSize() {
+    int available = 0;
+    if (ioctl(sd_bus_get_fd(bus_.get()), FIONREAD, &available) != 0 || available < 0) return;
+    if (std::exchange(messagesRead_, 0) != 0) bytesOfPartialMessage_ = 0;
+    bytesOfPartialMessage_ += static_cast<size_t>(available);
+    if (bytesOfPartialMessage_ > limits_.messageSize) end("a message is too large");
+}
+
+void BusConnection::armTimer() {
+    std::optional<asio::steady_timer::time_point> deadline;
+    uint64_t microseconds = UINT64_MAX;
+    if (sd_bus_get_timeout(bus_.get(), &microseconds) >= 0 && microseconds != UINT64_MAX) {
+        deadline = asio::steady_timer::time_point(std::chrono::microseconds(microseconds));
+    }
+    if (authenticationDeadline_ && sd_bus_is_ready(bus_.get()) > 0) authenticationDeadline_.reset();
+    if (authenticationDeadline_)
+        deadline = std::min(deadline.value_or(*authenticationDeadline_), *authenticationDeadline_);
+
+    if (deadline == timerSetFor_) return;
+    timerSetFor_ = deadline;
+    if (!deadline) {
+        timer_.cancel();
+        return;
+    }
+    timer_.expires_at(*deadline);
+    timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
+        if (error || !self->bus_ || self->parting_) return;
+        self->timerSetFor_.reset();
+        const auto& authentication = self->authenticationDeadline_;
+        if (authentication && *authentication <= std::chrono::steady_clock::now() &&
+            sd_bus_is_ready(self->bus_.get()) <= 0) {
+            return self->end("authentication timed out");
+        }
+        self->pump();
+    });
+}
+
+void BusConnection::close(const std::string& reason) {
+    if (!bus_ || parting_) return;
+    if (pumping_) {
+        closeRequested_ = reason;
+    } else {
+        takeLeave(reason);
+    }
+}
+
+void BusConnection::end(const std::string& reason) {
+    if (!bus_) return;
+    const auto self = shared_from_this();
+    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    drop();
+}
+
+void BusConnection::takeLeave(const std::string& reason) {
+    const bool conversing = role_ == BusRole::kServer && sd_bus_is_ready(bus_.get()) > 0;
+    if (!conversing) return end(reason);
+    const auto self = shared_from_this();
+    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    if (!isOpen() || peerIsGone()) return drop();
+    pendingCalls_.clear();
+    parting_ = true;
+    timer_.expires_after(limits_.parting);
+    timer_.async_wait([self](const asio::error_code& cancelled) {
+        if (!cancelled && self->bus_) self->drop();
+    });
+    part();
+}
+
+void BusConnection::part() {
+    if (queuedMessages() == 0) {
+        shutdown(sd_bus_get_fd(bus_.get()), SHUT_WR);
+    } else {
+        waitFor(kWrite);
+    }
+    waitFor(kHangUp);
+}
+
+// A step of sd-bus writes, and may read; onAnyMessage() sees to that.
+void BusConnection::parting(Wait wait) {
+    if (wait == kHangUp) return drop();
+    if (wait != kWrite || queuedMessages() == 0) return;
+    const int result = sd_bus_process(bus_.get(), nullptr);
+    if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) return drop();
+    part();
+}
+
+void BusConnection::drop() {
+    const auto self = shared_from_this();
+    timer_.cancel();
+    if (descriptor_.is_open()) descriptor_.release();
+    pendingCalls_.clear();
+    filter_.reset();
+    exports_.clear();
+    uncongested_ = nullptr;
+    bus_.reset();
+    if (const auto gone = std::exchange(gone_, nullptr)) gone();
+}
+
+}  // namespace telvora

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Whichever thread opens or closes the transaction only counts, and lets the main run loop look at the count.
+// The loop acts on what it finds then, so the order in which such looks arrive does not matter.
+#include "daemon/keep_alive_transaction.h"
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <utility>
+
+#include "util/mutex.h"
+
+namespace telvora {
+
+namespace {
+
+class SteadyIdleTimer : public IdleTimer {
+  public:
+    explicit SteadyIdleTimer(asio::io_context& runLoop) : timer_(runLoop) {}
+
+    void start(std::chrono::milliseconds delay, std::function<void()> handler) override {
+        timer_.expires_after(delay);
+        timer_.async_wait([handler = std::move(handler)](asio::error_code cancelled) {
+            if (!cancelled) handler();
+        });
+    }
+    void cancel() override { timer_.cancel(); }
+
+  private:
+    asio::steady_timer timer_;
+};
+
+}  // namespace
+
+struct KeepAliveTransaction::State : std::enable_shared_from_this<KeepAliveTransaction::State> {
+    State(asio::io_context& mainRunLoop, KeepAliveOptions given)
+        : runLoop(mainRunLoop), options(std::move(given)) {
+        if (!options.timer) options.timer = std::make_unique<SteadyIdleTimer>(runLoop);
+    }
+
+    void change(int by) {
+        {
+            MutexLock lock(mutex);
+            count += by;
+            if (count != (by > 0 ? 1 : 0)) return;  // neither the first nor the last
+        }
+        lookSoon();
+    }
+
+    void lookSoon() {
+        if (!options.launchedOnDemand) return;
+        asio::post(runLoop, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) self->look();
+        });
+    }
+
+    void look() {
+        if (isOpen()) return options.timer->cancel();
+        options.timer->start(options.idleTime, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) self->idled();
+        });
+    }
+
+    void idled() {
+        if (isOpen()) return;  // just now, and a look is on its way
+        if (options.inFlight()) return look();
+        if (auto onIdle = std::exchange(options.onIdle, nullptr)) onIdle();
+    }
+
+    bool isOpen() {
+        MutexLock lock(mutex);
+        return count > 0;
+    }
+
+    asio::io_context& runLoop;
+    KeepAliveOptions options;
+    Mutex mutex;
+    int count TELVORA_GUARDED_BY(mutex) = 0;
+};
+
+KeepAliveTransaction::KeepAliveTransaction(asio::io_context& mainRunLoop, KeepAliveOptions options)
+    : state_(std::make_shared<State>(mainRunLoop, std::move(options))) {
+    state_->lookSoon();
+}
+
+KeepAliveTransaction::~KeepAliveTransaction() = default;
+
+void KeepAliveTransaction::begin() {
+    state_->change(1);
+}
+
+void KeepAliveTransaction::end() {
+    state_->change(-1);
+}
+
+}  // namespace telvora

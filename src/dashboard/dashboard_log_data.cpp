@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The upload of log data; docs/formats.md describes the archive.
+#include "dashboard/dashboard_backend.h"
+#include "plist/property_list_format.h"
+#include "policy/absent_text.h"
+#include "util/log.h"
+#include "util/utf8.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr uint16_t kLogDataMethod = 0;
+constexpr uint16_t kLogDataRespCode = 2;
+
+// What the server says of where the log data is now. Nothing, and the reason if there is one, where it
+// doesn't.
+std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::string>& reason) {
+    if (!result) {
+        reason = result.error().description;
+        return std::nullopt;
+    }
+    if (result->body.empty()) return std::nullopt;
+    if (!isValidUtf8(result->body)) {
+        reason = "the answer is not UTF-8 text";
+        return std::nullopt;
+    }
+    return std::move(result->body);
+}
+
+}  // namespace
+
+bool DashboardBackend::uploadLogData(const Array& records) {
+    uploads_->accept();
+    const ReportPlace outcome = postLogData(records);
+    uploads_->move(1, ReportPlace::inFlight, outcome);
+    return outcome == ReportPlace::delivered;
+}
+
+ReportPlace DashboardBackend::postLogData(const Array& records) {
+    if (!postURL_) {
+        TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
+        return ReportPlace::noURL;
+    }
+    auto archive = serializePropertyList(records, PropertyListFormat::binary);
+    if (!archive) {
+        TELVORA_LOG(kLogError,
+                    "DashboardBackend(uploadLogData): Failed to serialize log data array for upload");
+        return ReportPlace::notSent;
+    }
+    HttpRequest request;
+    request.method = "POST";
+    request.url = *postURL_;
+    request.headers = {{"Content-Type", "application/octet-stream"}};
+    request.body = std::move(*archive);
+    std::optional<std::string> reason;
+    HttpResult result = performBlocking(services_.http, std::move(request));
+    const ReportPlace withoutLocation = result ? ReportPlace::rejected : placeAfter(result);
+    const auto location = uploadLocation(std::move(result), reason);
+    if (!location) {
+        TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Error uploading log data array (%s)",
+                    textOrNull(reason));
+        return withoutLocation;
+    }
+    TELVORA_LOG(kLogDebug, "DashboardBackend(uploadLogData): Log data uploaded to %s", location->c_str());
+    sendMessage(Dictionary{{"LogDataUploadLocation", *location}}, services_.clock(), kLogDataMethod,
+                kLogDataRespCode, SendFlag{0});
+    return ReportPlace::delivered;
+}
+
+}  // namespace telvora

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "http/curl_library.h"
+
+#include <dlfcn.h>
+
+namespace telvora {
+
+namespace {
+
+// The name under which every libcurl of the present ABI is installed.
+constexpr const char* kLibraryName = "libcurl.so.4";
+
+std::string loaderError() {
+    const char* error = dlerror();
+    return error != nullptr ? error : "unknown error of the dynamic loader";
+}
+
+}  // namespace
+
+// The handle is never closed: a name lookup that was given up may still be running inside the library.
+tl::expected<std::unique_ptr<CurlLibrary>, std::string> CurlLibrary::open() {
+    void* handle = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) return tl::unexpected(loaderError());
+
+    std::unique_ptr<CurlLibrary> library(new CurlLibrary);
+#define TELVORA_CURL_LOAD(name, symbol)                                            \
+    library->name = reinterpret_cast<decltype(&::symbol)>(dlsym(handle, #symbol)); \
+    if (library->name == nullptr) return tl::unexpected(loaderError());
+    TELVORA_CURL_FUNCTIONS(TELVORA_CURL_LOAD)
+#undef TELVORA_CURL_LOAD
+
+    const CURLcode code = library->globalInit(CURL_GLOBAL_DEFAULT);
+    if (code != CURLE_OK) return tl::unexpected(std::string(library->easyStrerror(code)));
+    library->initialized_ = true;
+    return library;
+}
+
+CurlLibrary::~CurlLibrary() {
+    if (initialized_) globalCleanup();
+}
+
+}  // namespace telvora

@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "http/curl_transfer.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <new>
+
+#include "http/http_request_rules.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr long kConnectTimeoutMilliseconds = 15000;
+constexpr long kStallSeconds = 60;
+constexpr long kCaCacheSeconds = 3600;
+constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+bool hasHeader(const HttpRequest& request, std::string_view name) {
+    return std::any_of(request.headers.begin(), request.headers.end(),
+                       [&](const auto& header) { return equalsIgnoringCase(header.first, name); });
+}
+
+HttpError::Kind kindOf(CURLcode code) {
+    switch (code) {
+        case CURLE_BAD_FUNCTION_ARGUMENT:
+        case CURLE_URL_MALFORMAT:
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_FAILED_INIT:
+        case CURLE_OUT_OF_MEMORY:
+        case CURLE_ABORTED_BY_CALLBACK:
+            return HttpError::Kind::notSent;
+        case CURLE_NO_CONNECTION_AVAILABLE:
+            return HttpError::Kind::tooManyPending;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return HttpError::Kind::noConnection;
+        default:
+            return HttpError::Kind::noAnswer;
+    }
+}
+
+}  // namespace
+
+HttpError makeHttpError(CURLcode code, std::string description) {
+    return {code, std::move(description), kindOf(code)};
+}
+
+CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options)
+    : curl_(curl), easy_(curl.easyInit()) {
+    if (easy_ != nullptr) setConstantOptions(options);
+}
+
+CurlTransfer::~CurlTransfer() {
+    curl_.easyCleanup(easy_);
+}
+
+CurlTransfer& CurlTransfer::of(const CurlLibrary& curl, CURL* handle) {
+    char* self = nullptr;
+    curl.easyGetinfo(handle, CURLINFO_PRIVATE, &self);
+    return *reinterpret_cast<CurlTransfer*>(self);
+}
+
+void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
+    curl_.easySetopt(easy_, CURLOPT_PRIVATE, this);
+    curl_.easySetopt(easy_, CURLOPT_ERRORBUFFER, errorText_.data());
+    curl_.easySetopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTransfer::onHeader);
+    curl_.easySetopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_.easySetopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::onBody);
+    curl_.easySetopt(easy_, CURLOPT_WRITEDATA, this);
+
+    curl_.easySetopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    curl_.easySetopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
+    // Where reports go is for the bag to say, not for a variable that was left in the environment.
+    curl_.easySetopt(easy_, CURLOPT_PROXY, "");
+
+    curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    curl_.easySetopt(easy_, CURLOPT_MAXAGE_CONN, static_cast<long>(options.idleConnectionAge.count()));
+
+    curl_.easySetopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
+    // A directory of certificates would keep libcurl from caching the store between connections.
+    curl_.easySetopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
+    if (!options.caFile.empty()) curl_.easySetopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
+}
+
+CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
+    exchange_ = std::move(exchange);
+    exchange_->carrier = this;
+    response_ = {};
+    headerBytes_ = bodyBytes_ = 0;
+    tooLong_ = false;
+    errorText_.front() = '\0';
+
+    const HttpRequest& request = exchange_->request;
+    setMethodAndBody(request);
+    curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 0L);
+    curl_.easySetopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
+    // Over TLS the first handshake tells whether one connection serves all; worth waiting for. Without TLS
+    // there is nothing to learn, and a slow first answer would hold up the others.
+    curl_.easySetopt(easy_, CURLOPT_PIPEWAIT, isSecureUrl(request.url) ? 1L : 0L);
+    curl_.easySetopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(std::clamp<size_t>(request.maxResponseBytes, 1, INT64_MAX)));
+    return curl_.easySetopt(easy_, CURLOPT_URL, request.url.c_str());
+}
+
+void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
+    curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also undoes what an earlier method has set
+    if (request.method == "HEAD") {
+        curl_.easySetopt(easy_, CURLOPT_NOBODY, 1L);
+        return;
+    }
+    if (request.method == "POST" || !request.body.empty()) {
+        curl_.easySetopt(easy_, CURLOPT_POST, 1L);
+        curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, request.body.data());
+        curl_.easySetopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    }
+    if (request.method != "POST" && (request.method != "GET" || !request.body.empty())) {
+        curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    }
+}
+
+// libcurl copies neither the list nor its strings, so both are kept here and their memory is used again.
+curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
+    headerText_.clear();
+    size_t lines = 0;
+    const auto add = [&](std::string_view name, std::string_view separator, std::string_view value) {
+        headerText_.append(name).append(separator).append(value).push_back('\0');
+        ++lines;
+    };
+    for (const auto& [name, value] : request.headers) {
+        // How the body is framed follows from the body alone.
+        if (equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Transfer-Encoding"))
+            continue;
+        if (value.empty()) {
+            add(name, ";", "");
+        } else {
+            add(name, ": ", value);
+        }
+    }
+    // A header without a value takes libcurl's own one out.
+    for (const std::string_view name : {"Accept", "Content-Type", "Expect"}) {
+        if (!hasHeader(request, name)) add(name, ":", "");
+    }
+
+    headerList_.resize(lines);
+    char* text = headerText_.data();
+    for (size_t i = 0; i < lines; ++i) {
+        headerList_[i] = {text, i + 1 < lines ? &headerList_[i + 1] : nullptr};
+        text += std::string_view(text).size() + 1;
+    }
+    return headerList_.data();
+}
+
+size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self) noexcept {
+    auto& transfer = *static_cast<CurlTransfer*>(self);
+    transfer.headerBytes_ += size * count;
+    if (transfer.headerBytes_ > kMaxHeaderBytes) {
+        transfer.tooLong_ = true;
+        return 0;
+    }
+    try {
+        transfer.readHeader({data, size * count});
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    return size * count;
+}
+
+void CurlTransfer::readHeader(std::string_view line) {
+    if (line.substr(0, 5) == "HTTP/") {
+        response_.headers.clear();  // what came before belongs to an interim answer (RFC 9110, section 15.2)
+        return;
+    }
+    const size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return;
+    response_.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
+}
+
+size_t CurlTransfer::onBody(char* data, size_t size, size_t count, void* self) noexcept {
+    auto& transfer = *static_cast<CurlTransfer*>(self);
+    const HttpRequest& request = transfer.exchange_->request;
+    const size_t bytes = size * count;
+    if (bytes > request.maxResponseBytes - transfer.bodyBytes_) {
+        transfer.tooLong_ = true;
+        return 0;
+    }
+    transfer.bodyBytes_ += bytes;
+    if (!request.keepResponseBody) return bytes;
+    try {
+        transfer.response_.body.append(data, bytes);
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    return bytes;
+}
+
+bool CurlTransfer::shouldStartAgain(CURLcode code) {
+    long newConnections = 0;
+    curl_.easyGetinfo(easy_, CURLINFO_NUM_CONNECTS, &newConnections);
+    if (code != CURLE_SEND_ERROR || newConnections > 0 || headerBytes_ > 0) return false;
+    return curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
+}
+
+HttpResult CurlTransfer::end(CURLcode code) {
+    if (tooLong_ || code == CURLE_FILESIZE_EXCEEDED) {
+        return tl::unexpected(makeHttpError(CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"));
+    }
+    if (code != CURLE_OK) {
+        const bool explained = errorText_.front() != '\0';
+        return tl::unexpected(makeHttpError(code, explained ? errorText_.data() : curl_.easyStrerror(code)));
+    }
+    long status = 0;
+    curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    response_.status = static_cast<int>(status);
+    return std::move(response_);
+}
+
+std::unique_ptr<HttpExchange> CurlTransfer::release() {
+    exchange_->carrier = nullptr;
+    return std::move(exchange_);
+}
+
+}  // namespace telvora

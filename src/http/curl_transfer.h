@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One libcurl easy handle and the exchange that it carries at the moment. Handles are made once and used for
+// one exchange after another, for setting up a fresh one costs more than a small post. Belongs to the HTTP
+// thread.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "http/curl_library.h"
+#include "http/http_client.h"
+
+namespace telvora {
+
+class CurlTransfer;
+
+// A request on its way from start() to its completion.
+struct HttpExchange {
+    HttpRequest request;
+    HttpClient::Completion completion;
+    std::string origin;                              // scheme and authority
+    size_t cost = 0;                                 // bytes that it counts for while it is pending
+    std::chrono::steady_clock::time_point deadline;  // of all of it, or of its wait in line (hasTimeout())
+    CurlTransfer* carrier = nullptr;                 // once it is under way
+
+    bool hasTimeout() const { return request.timeout.has_value(); }
+};
+
+// The error for one of libcurl's codes.
+HttpError makeHttpError(CURLcode code, std::string description);
+
+class CurlTransfer {
+  public:
+    // `curl` must outlive the transfer; `options` need not. handle() is null when libcurl has no memory left.
+    CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options);
+    ~CurlTransfer();
+    CurlTransfer(const CurlTransfer&) = delete;
+    CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+    // The transfer that a handle belongs to.
+    static CurlTransfer& of(const CurlLibrary& curl, CURL* handle);
+
+    CURL* handle() const { return easy_; }
+    // Null while the transfer is free.
+    HttpExchange* exchange() const { return exchange_.get(); }
+
+    // Takes an exchange and sets the handle up for it; the handle may then be added to a multi handle. On an
+    // error the exchange has been taken all the same, and end() is due.
+    CURLcode begin(std::unique_ptr<HttpExchange> exchange);
+
+    // Whether a connection that had been kept open turned out to be closed while the request was being sent,
+    // so that no server can have acted on it (RFC 9112, section 9.3.1); libcurl itself tries again only where
+    // the request had gone out whole. The handle is then set up to go through a connection of its own.
+    bool shouldStartAgain(CURLcode code);
+    // What came of the exchange, which libcurl ended with `code`.
+    HttpResult end(CURLcode code);
+    // Gives the exchange up; the transfer is free for the next one.
+    std::unique_ptr<HttpExchange> release();
+
+  private:
+    static size_t onHeader(char* data, size_t size, size_t count, void* self) noexcept;
+    static size_t onBody(char* data, size_t size, size_t count, void* self) noexcept;
+    void readHeader(std::string_view line);
+    void setConstantOptions(const CurlHttpClientOptions& options);
+    void setMethodAndBody(const HttpRequest& request);
+    curl_slist* makeHeaderList(const HttpRequest& request);
+
+    const CurlLibrary& curl_;
+    CURL* easy_;
+    std::unique_ptr<HttpExchange> exchange_;
+    HttpResponse response_;
+    size_t headerBytes_ = 0;
+    size_t bodyBytes_ = 0;
+    bool tooLong_ = false;
+    std::array<char, CURL_ERROR_SIZE> errorText_{};
+    std::string headerText_;              // the request's header lines, each zero-terminated
+    std::vector<curl_slist> headerList_;  // its nodes, which point into headerText_
+};
+
+}  // namespace telvora

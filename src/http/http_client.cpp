@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "http/http_client.h"
+
+#include <strings.h>
+
+#include <future>
+
+#include "async/work_pool.h"
+
+namespace telvora {
+
+namespace {
+
+bool isSameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+}  // namespace
+
+std::optional<std::string_view> HttpResponse::header(std::string_view name) const {
+    for (const auto& [headerName, value] : headers) {
+        if (isSameName(headerName, name)) return value;
+    }
+    return std::nullopt;
+}
+
+std::string HttpResponse::listHeader(std::string_view name) const {
+    std::string list;
+    for (const auto& [headerName, value] : headers) {
+        if (isSameName(headerName, name)) list += (list.empty() ? "" : ", ") + value;
+    }
+    return list;
+}
+
+HttpResult performBlocking(HttpClient& client, HttpRequest request) {
+    auto promise = std::make_shared<std::promise<HttpResult>>();
+    std::future<HttpResult> future = promise->get_future();
+    const BlockingSection blocking;
+    client.start(std::move(request), [promise = std::move(promise)](HttpResult result) {
+        promise->set_value(std::move(result));
+    });
+    try {
+        return future.get();
+    } catch (const std::future_error&) {  // the client has dropped the completion instead of running it
+        return tl::unexpected(HttpError{-1, "the HTTP client gave the request up"});
+    }
+}
+
+}  // namespace telvora

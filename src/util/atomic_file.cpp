@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "util/atomic_file.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include "util/unique_fd.h"
+
+namespace telvora {
+
+namespace {
+
+tl::unexpected<std::string> failure(const char* operation) {
+    return tl::make_unexpected(std::string(operation) + ": " + std::generic_category().message(errno));
+}
+
+bool writeAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(fd, content.data(), content.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        content.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+bool syncDirectory(const std::filesystem::path& directory) {
+    const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd && fsync(fd.get()) == 0;
+}
+
+}  // namespace
+
+tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, std::string_view content) {
+    const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
+    std::string temporary = directory / ".";
+    temporary += path.filename().string() + ".XXXXXX";
+    const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
+    if (!fd) return failure("mkostemp");
+
+    const char* failed = !writeAll(fd.get(), content)                   ? "write"
+                         : fsync(fd.get()) != 0                         ? "fsync"
+                         : rename(temporary.c_str(), path.c_str()) != 0 ? "rename"
+                                                                        : nullptr;
+    if (failed != nullptr) {
+        const auto reason = failure(failed);
+        unlink(temporary.c_str());
+        return reason;
+    }
+    if (!syncDirectory(directory)) return failure("fsync of the directory");
+    return {};
+}
+
+}  // namespace telvora

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Calls of the client library for those who have time to wait for the answers.
+#pragma once
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <type_traits>
+
+#include "client/client_session.h"
+#include "tests/support/child_process.h"
+
+namespace telvora::lab {
+
+// Starts a call with its completion. The function that is returned waits for the answer; it throws
+// std::runtime_error when there is none, or none within kPatience.
+template <typename T, typename Start>
+std::function<T()> begin(Start start) {
+    auto promise = std::make_shared<std::promise<tl::expected<T, CallFailure>>>();
+    start([promise](const tl::expected<T, CallFailure>& answer) { promise->set_value(answer); });
+    return [answered = promise->get_future().share()] {
+        if (answered.wait_for(kPatience) != std::future_status::ready)
+            throw std::runtime_error("no answer came");
+        const tl::expected<T, CallFailure>& answer = answered.get();
+        if (!answer) throw std::runtime_error(answer.error().message);
+        if constexpr (!std::is_void_v<T>) return *answer;
+    };
+}
+
+template <typename T, typename Start>
+T await(Start start) {
+    return begin<T>(start)();
+}
+
+}  // namespace telvora::lab

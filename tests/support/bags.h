@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Bags that let reports through, for whoever needs one.
+#pragma once
+
+#include <string>
+
+#include "plist/property_list.h"
+
+namespace telvora::lab {
+
+// An entry of "clients" that any client fits and that lets everything through to the laboratory's reporting
+// server.
+inline Dictionary openClientEntry() {
+    return {
+        {"post_url", "@events@"},    {"realtime_post_url", "@realtime@"},
+        {"locale_whitelist", "US"},  {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}}}},
+        {"sampling_threshold", 1.0}, {"event_threshold", 49}};
+}
+
+// A bag with these backends in the section "release".
+inline Dictionary bagWithBackends(Dictionary backends) {
+    return {{"version", "1.0"}, {"release", std::move(backends)}};
+}
+
+// A bag with one backend, "httpPost".
+inline Dictionary bagWithClients(Array clients) {
+    return bagWithBackends({{"httpPost", Dictionary{{"clients", std::move(clients)}}}});
+}
+
+// A bag with an open "httpPost", and these backends too.
+inline Dictionary openBag(Dictionary more = {}) {
+    more.set("httpPost", Dictionary{{"clients", Array{openClientEntry()}}});
+    return bagWithBackends(std::move(more));
+}
+
+}  // namespace telvora::lab

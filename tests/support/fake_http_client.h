@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// An HttpClient without a network, for what stands above it.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/http_client.h"
+
+namespace telvora::lab {
+
+// Answers each request at once with what `handler` says, on the calling thread; without a handler, requests
+// are held until complete(). Every operation is callable from any thread.
+class FakeHttpClient : public HttpClient {
+  public:
+    using Handler = std::function<HttpResult(const HttpRequest&)>;
+
+    FakeHttpClient() = default;
+    explicit FakeHttpClient(Handler handler) : handler_(std::move(handler)) {}
+    // Completes what is still held with an error, as every client does.
+    ~FakeHttpClient() override {
+        while (complete(failure("destroyed"))) {
+        }
+    }
+
+    static HttpResult response(int status, std::string body = {}, HttpHeaders headers = {}) {
+        return HttpResponse{status, std::move(headers), std::move(body)};
+    }
+    static HttpResult failure(std::string description) {
+        return tl::unexpected(HttpError{7, std::move(description)});
+    }
+
+    void setHandler(Handler handler) {
+        const std::lock_guard lock(mutex_);
+        handler_ = std::move(handler);
+    }
+
+    void start(HttpRequest request, Completion completion) override {
+        Handler handler;
+        {
+            const std::lock_guard lock(mutex_);
+            requests_.push_back(request);
+            handler = handler_;
+            changed_.notify_all();
+            if (!handler) {
+                held_.push_back(std::move(completion));
+                return;
+            }
+        }
+        completion(handler(request));
+    }
+
+    // All requests so far.
+    std::vector<HttpRequest> requests() const {
+        const std::lock_guard lock(mutex_);
+        return requests_;
+    }
+    size_t requestCount() const {
+        const std::lock_guard lock(mutex_);
+        return requests_.size();
+    }
+    // Waits until there have been `count` requests.
+    void waitForRequests(size_t count) const {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return requests_.size() >= count; });
+    }
+
+    // Completes the oldest held request on the calling thread; false when none is held.
+    bool complete(HttpResult result) {
+        Completion completion;
+        {
+            const std::lock_guard lock(mutex_);
+            if (held_.empty()) return false;
+            completion = std::move(held_.front());
+            held_.pop_front();
+        }
+        completion(std::move(result));
+        return true;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    Handler handler_;
+    std::vector<HttpRequest> requests_;
+    std::deque<Completion> held_;
+};
+
+// The value of a request's header, or "" when it has none.
+inline std::string headerOf(const HttpRequest& request, std::string_view name) {
+    const HttpResponse headersOnly{0, request.headers, {}};
+    return std::string(headersOnly.header(name).value_or(""));
+}
+
+}  // namespace telvora::lab

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "access/user_quotas.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+namespace telvora {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class UserQuotasTest : public testing::Test {
+  protected:
+    void limit(Quota quota, int64_t limit) {
+        ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, ruleOf(quota).key, limit));
+    }
+    QuotaUse use(uid_t user, Quota quota) { return quotas_.uses().at(user)[static_cast<size_t>(quota)]; }
+
+    const lab::TemporaryDirectory directory_;
+    UserDefaults defaults_{directory_.path() / "config", directory_.path() / "state"};
+    std::chrono::steady_clock::time_point now_{};
+    UserQuotas quotas_{defaults_, [this] { return now_; }};
+    test::LogCapture log_;
+};
+
+TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
+    const struct {
+        Quota quota;
+        const char *over, *more;
+    } cases[] = {
+        {Quota::connections, "10 connections (maxConnectionsPerUser)", "connections"},
+        {Quota::sessions, "10 sessions (maxSessionsPerUser)", "sessions"},
+        {Quota::pendingBytes, "10 pendingBytes (maxPendingBytesPerUser)", "pendingBytes"},
+        {Quota::dormantBytes, "10 dormantBytes (maxDormantBytesPerUser)", "dormantBytes"},
+        {Quota::extensionTokens, "10 extensionTokens (maxExtensionTokensPerUser)", "extensionTokens"},
+    };
+    Lines expected;
+    for (const auto& [quota, over, more] : cases) {
+        SCOPED_TRACE(more);
+        limit(quota, 10);
+        const QuotaUser first = quotas_.of(1), second = quotas_.of(2);
+        QuotaHold six, four, all, none;
+        EXPECT_TRUE(first.take(quota, 6, six) && first.take(quota, 3, four) && first.take(quota, 1, four));
+        for (int i = 0; i < 3; ++i)
+            EXPECT_FALSE(first.take(quota, 1, none));
+        expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of ") + over);
+        EXPECT_TRUE(second.take(quota, 10, all));
+        EXPECT_EQ(use(1, quota).refused, 3u);
+        EXPECT_EQ(use(2, quota).refused, 0u);
+
+        four = {};
+        EXPECT_TRUE(first.take(quota, 4, none));
+        six.resize(9);  // what is needed is not refused, but counts
+        EXPECT_EQ(use(1, quota).held, 13u);
+        EXPECT_FALSE(first.take(quota, 1, four));
+        limit(quota, 14);
+        EXPECT_FALSE(first.take(quota, 1, four));
+        quotas_.of(2);
+        EXPECT_TRUE(first.take(quota, 1, four));
+
+        // Two refusals were never told of, one more is, and the log again only once.
+        limit(quota, 0);
+        quotas_.of(2);
+        now_ += std::chrono::minutes(1);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_FALSE(first.take(quota, 1, four));
+        expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
+                           " 4 more times");
+        expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of 0") + (over + 2));
+        EXPECT_EQ(log_.lines(), expected);
+        quotas_.tellRefusals();
+        expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
+                           " 1 more times");
+        EXPECT_EQ(log_.lines(), expected);
+    }
+    // Both have let go of everything.
+    now_ += std::chrono::minutes(1);
+    quotas_.of(3);
+    EXPECT_EQ(quotas_.uses().size(), 1u);
+}
+
+TEST_F(UserQuotasTest, WithholdsLogLinesButNotOthersAndNotForLong) {
+    limit(Quota::logLines, 2);
+    const QuotaUser first = quotas_.of(1), second = quotas_.of(2);
+    const auto logAs = [](const QuotaUser& user, const char* text) {
+        const LogScope scope(user.logAdmission());
+        TELVORA_LOG(kLogInfo, "%s", text);
+        TELVORA_LOG(kLogDebug, "debug %s", text);
+    };
+    for (const char* text : {"a", "b", "c", "d"})
+        logAs(first, text);
+    logAs(second, "other");
+    TELVORA_LOG(kLogInfo, "nobody's");
+    EXPECT_EQ(use(1, Quota::logLines).held, 2u);
+    now_ += std::chrono::minutes(1);
+    EXPECT_EQ(use(1, Quota::logLines).held, 0u);
+    logAs(first, "e");
+    EXPECT_EQ(
+        log_.lines(),
+        (Lines{"<6>a", "<7>debug a", "<6>b", "<7>debug b",
+               "<3>UserQuotas: user 1 is over the quota of 2 logLines (maxLogLinesPerUser)", "<7>debug c",
+               "<7>debug d", "<6>other", "<7>debug other", "<6>nobody's",
+               "<3>UserQuotas: user 1 was over the quota of logLines 1 more times", "<6>e", "<7>debug e"}));
+}
+
+TEST_F(UserQuotasTest, BytesChangeTheirQuotaWithoutBeingRefusedButAreBoundedTogether) {
+    limit(Quota::pendingBytes, 10);
+    limit(Quota::dormantBytes, 5);
+    const QuotaUser user = quotas_.of(1);
+    QuotaHold batch, more;
+    EXPECT_TRUE(user.take(Quota::pendingBytes, 10, batch));
+    batch.countAs(Quota::dormantBytes);
+    EXPECT_EQ(use(1, Quota::pendingBytes).held, 0u);
+    EXPECT_FALSE(user.take(Quota::pendingBytes, 6, more));
+    EXPECT_TRUE(user.take(Quota::pendingBytes, 5, more));
+    batch.add(std::move(more));
+    EXPECT_EQ(use(1, Quota::dormantBytes).held, 15u);
+    batch.countAs(Quota::pendingBytes);
+    EXPECT_FALSE(user.take(Quota::dormantBytes, 1, more));
+    batch = {};
+    EXPECT_EQ(use(1, Quota::pendingBytes).held + use(1, Quota::dormantBytes).held, 0u);
+}
+
+TEST_F(UserQuotasTest, EachClientHasErrorsAndWarningsOfItsOwn) {
+    limit(Quota::logLines, 3);
+    limit(Quota::sessions, 5);
+    const QuotaUser noisy = quotas_.of(1), quiet = quotas_.of(1);
+    const auto logAs = [](const QuotaUser& client, int level, const char* text, int times = 1) {
+        const LogScope scope(client.logAdmission());
+        for (int i = 0; i < times; ++i)
+            TELVORA_LOG(level, "%s", text);
+    };
+    for (int period = 0; period < 2; ++period) {
+        logAs(noisy, kLogInfo, "info", 100);
+        logAs(noisy, kLogError, "error", 100);
+        logAs(quiet, kLogInfo, "withheld");
+        logAs(quiet, kLogWarning, "warning");
+        logAs(quiet, kLogError, "cause");
+        EXPECT_EQ(log_.count("<6>info"), 3u);
+        EXPECT_EQ(log_.count("<3>error"), 10u);
+        EXPECT_EQ(log_.count("<6>withheld"), 0u);
+        EXPECT_EQ(log_.count("<4>warning") + log_.count("<3>cause"), 2u);
+        EXPECT_EQ(use(1, Quota::logLines).held, 3u);
+        for (int i = 0; i < 10; ++i)  // that come and go
+            logAs(quotas_.of(1), kLogError, "come again", 100);
+        EXPECT_EQ(log_.count("<3>come again"), 50u - 12u);
+        now_ += std::chrono::minutes(1);
+        log_.clear();
+    }
+}
+
+}  // namespace
+}  // namespace telvora

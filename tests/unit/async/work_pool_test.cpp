@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "async/work_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/post.hpp>
+#include <atomic>
+#include <future>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+
+#include "util/log.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Posts `work` to its own strand and returns what tells its end.
+template <typename Work>
+std::future<void> postTo(WorkPool& pool, Work work) {
+    auto done = std::make_shared<std::promise<void>>();
+    asio::post(pool.makeStrand(), [done, work = std::move(work)]() mutable {
+        work();
+        done->set_value();
+    });
+    return done->get_future();
+}
+
+TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) {
+    constexpr size_t kCap = WorkPool::kMaxSurplusThreads + 1;
+    for (const size_t blocked : {size_t{8}, kCap + 10}) {
+        WorkPool pool(1, 1ms);
+        EXPECT_EQ(pool.threadCount(), 1u);
+        std::promise<void> release;
+        auto released = release.get_future().share();
+        std::latch entered(static_cast<std::ptrdiff_t>(std::min(blocked, kCap)));
+        std::vector<std::future<void>> all;
+        for (size_t i = 0; i < blocked; ++i) {
+            all.push_back(postTo(pool, [&, counts = i < kCap] {
+                const BlockingSection outer;
+                const BlockingSection nested;
+                if (counts) entered.count_down();
+                released.wait();
+            }));
+        }
+        entered.wait();
+        EXPECT_EQ(pool.threadCount(), std::min(blocked + 1, kCap));
+        if (blocked < kCap) {
+            EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
+        }
+        release.set_value();
+        for (auto& one : all)
+            EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        EXPECT_EQ(pool.threadCount(), 1u);
+        EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
+    }
+}
+
+TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
+    WorkPool pool(1);
+    std::latch running(1);
+    std::promise<void> release;
+    std::atomic<bool> finished = false;
+    auto dropped = std::make_shared<int>(0);
+    asio::post(pool.context(), [&] {
+        running.count_down();
+        release.get_future().wait();
+        finished = true;
+    });
+    asio::post(pool.context(), [&pool, dropped] {
+        ++*dropped;
+        asio::post(pool.context(), [dropped] { ++*dropped; });
+    });
+    running.wait();
+    pool.context().stop();  // what stop() does first, here before the running item may return
+    release.set_value();
+    pool.stop();
+    pool.stop();
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(*dropped, 0);
+    EXPECT_EQ(pool.threadCount(), 0u);
+}
+
+TEST(WorkPoolDeathTest, AnExceptionThatLeavesAWorkItemIsLoggedAndEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            setLogSink([](int level, std::string_view line) {
+                fprintf(stderr, "<%d>%.*s\n", level, static_cast<int>(line.size()), line.data());
+            });
+            WorkPool pool(1);
+            postTo(pool, [] { throw std::runtime_error("spilt"); }).wait();
+        },
+        "<3>WorkPool: a work item threw: spilt");
+}
+
+}  // namespace
+}  // namespace telvora

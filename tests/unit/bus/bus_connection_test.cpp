@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bus/bus_connection.h"
+
+#include <gmock/gmock.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
+#include <asio/post.hpp>
+#include <future>
+#include <thread>
+
+#include "tests/support/bus_peer.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_view_literals;
+using test::BusPeer;
+using test::errorName;
+
+constexpr char kPath[] = "/test", kInterface[] = "com.example.Test";
+const BusInterface kMethods(kInterface, {{"Fill", {{"bytes", "u"}}, {{"text", "s"}}},
+                                         {"Fail", {}, {}},
+                                         {"Keep", {}, {}}});
+
+class BusConnectionTest : public testing::Test {
+  protected:
+    // A served connection and the future of the reason for its end.
+    struct Served {
+        std::shared_ptr<BusConnection> bus;
+        UniqueFd peer;
+        std::future<std::string> ended;
+    };
+
+    Served serve(BusLimits limits = {}) {
+        test::SocketPair sockets;
+        auto bus =
+            *BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
+        const auto fill = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
+            uint32_t size = 0;
+            call.read('u', &size);
+            calledWhileCongested_ = calledWhileCongested_ || bus->outputCongested();
+            bus->replyNow(call,
+                          [size](BusMessage& reply) { return reply.appendString(std::string(size, 'x')); });
+            return std::nullopt;
+        };
+        const auto fail = [](BusMessage&) -> std::optional<BusError> { throw std::runtime_error("thrown"); };
+        const auto keep = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
+            pending_.push_back(bus->defer(call));
+            if (pending_.size() == 2) twoPending_.set_value();
+            return std::nullopt;
+        };
+        EXPECT_TRUE(bus->exportInterface(kPath, kMethods, {fill, fail, keep}));
+        auto ended = std::make_shared<std::promise<std::string>>();
+        bus->start([ended](const std::string& reason) { ended->set_value(reason); });
+        return {bus, std::move(sockets.theirs), ended->get_future()};
+    }
+    // Runs `work` on the connection's strand and waits for it.
+    static void onStrand(const Served& served, const std::function<void()>& work) {
+        std::promise<void> done;
+        asio::post(served.bus->strand(), [&] {
+            work();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+    static void endAndWait(Served& served) {
+        onStrand(served, [&] { served.bus->close("done"); });
+        served.ended.wait();
+    }
+    static BusMessage fillCall(BusPeer& peer, uint32_t size) {
+        BusMessage call = peer.newCall(kPath, kInterface, "Fill");
+        call.append('u', &size);
+        return call;
+    }
+    static void sendAll(const Served& served, std::string_view bytes) {
+        for (ssize_t sent = 1; sent > 0 && !bytes.empty(); bytes.remove_prefix(sent > 0 ? sent : 0))
+            sent = send(served.peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+
+    std::atomic<bool> calledWhileCongested_ = false;
+    WorkPool pool_{2};
+    std::vector<std::shared_ptr<PendingCall>> pending_;
+    std::promise<void> twoPending_;
+};
+
+TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
+    Served served = serve();
+    BusPeer peer(std::move(served.peer));
+    const struct {
+        const char *path, *interface, *method, *error;
+    } cases[] = {
+        {"/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello", ""},
+        {kPath, kInterface, "Fill", kBusErrorInvalidArgs},  // its argument is missing
+        {kPath, kInterface, "Fail", kBusErrorFailed},
+        {kPath, kInterface, "Unknown", "org.freedesktop.DBus.Error.UnknownMethod"},
+        {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(errorName(peer.call(peer.newCall(c.path, c.interface, c.method))), c.error) << c.method;
+    BusMessage description =
+        peer.call(peer.newCall(kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
+    const char* xml = "";
+    description.read('s', &xml);
+    EXPECT_THAT(xml, testing::HasSubstr("<arg type=\"u\" name=\"bytes\" direction=\"in\"/>\n   <arg "
+                                        "type=\"s\" name=\"text\" direction=\"out\"/>"));
+    endAndWait(served);
+}
+
+TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
+    const std::string flood(1 << 20, 'A');
+    Served bystander = serve();
+    BusPeer peer(std::move(bystander.peer));
+    for (const std::string_view bytes :
+         {""sv, "\0"sv, "GET / HTTP/1.1\r\n\r\n"sv, "\0AUTH ANONYMOUS\r\nBEGIN\r\n"sv,
+          "\0AUTH EXTERNAL 3939393939\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv,  // somebody else
+          "\0\r\n\r\n\r\n\xff\xff\xff\xff"sv, std::string_view(flood)}) {
+        BusLimits limits;
+        if (bytes != flood) limits.authenticationTimeout = 20ms;
+        Served served = serve(limits);
+        sendAll(served, bytes);
+        served.ended.wait();
+        EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
+    }
+    endAndWait(bystander);
+}
+
+TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
+    BusLimits limits;
+    limits.messageSize = 128 << 10;
+    Served served = serve(limits);
+    std::string conversation("\0AUTH EXTERNAL ", 15);
+    for (const char digit : std::to_string(getuid()))
+        conversation += {'3', digit};
+    // A method call whose header announces a body of 1 MiB.
+    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
+    sendAll(served, conversation + "\r\nBEGIN\r\n");
+    sendAll(served, {reinterpret_cast<const char*>(words), sizeof words});
+
+    // Each piece is read before the next one comes, as from a peer that is no faster than this end.
+    const std::string piece(8 << 10, '\0');
+    size_t accepted = 0;
+    for (ssize_t sent = 0; (sent = send(served.peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL)) > 0;) {
+        accepted += static_cast<size_t>(sent);
+        for (int unread = 1; unread > 0 && ioctl(served.peer.get(), SIOCOUTQ, &unread) == 0;)
+            std::this_thread::yield();
+        onStrand(served, [] {});
+    }
+    EXPECT_LT(accepted, 2 * limits.messageSize);
+    EXPECT_EQ(served.ended.get(), "a message is too large");
+}
+
+TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
+    Served served = serve();
+    BusPeer peer(std::move(served.peer));
+    constexpr int kAnswers = 8;  // more than the socket holds
+    for (int i = 0; i < kAnswers; ++i)
+        peer.send(fillCall(peer, 100 << 10));
+    for (int i = 0; i < 2; ++i)
+        peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.flush();
+    twoPending_.get_future().wait();
+    endAndWait(served);
+    peer.send(fillCall(peer, 1));
+    peer.flush();
+    int answers = 0;
+    while (peer.receive())
+        ++answers;
+    EXPECT_EQ(answers, kAnswers);
+}
+
+TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
+    BusLimits limits;
+    limits.queuedBytes = 256 << 10;
+    Served served = serve(limits), bystander = serve();
+    BusPeer peer(std::move(served.peer)), other(std::move(bystander.peer));
+    constexpr int kCalls = 200;
+    for (int i = 0; i < kCalls; ++i)
+        peer.send(fillCall(peer, 64 << 10));
+    peer.flush();
+    EXPECT_EQ(errorName(other.call(fillCall(other, 1))), "");
+    // Nothing was lost meanwhile: once the peer reads, every answer comes.
+    for (int i = 0; i < kCalls; ++i)
+        ASSERT_EQ(errorName(peer.receive()), "");
+    EXPECT_FALSE(calledWhileCongested_);
+    endAndWait(served);
+    endAndWait(bystander);
+}
+
+TEST_F(BusConnectionTest, LetsInputRestWhileCallsArePending) {
+    BusLimits limits;
+    limits.pendingCalls = 2;
+    Served served = serve(limits);
+    BusPeer peer(std::move(served.peer));
+    for (int i = 0; i < 3; ++i)
+        peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.flush();
+    twoPending_.get_future().wait();
+    auto first = pending_[0];
+    first->reply([](BusMessage&) { return 0; });  // makes room for the third
+    first->reply([](BusMessage&) { return 0; });  // and once only
+    EXPECT_EQ(errorName(peer.receive()), "");
+
+    // A peer that goes while its input rests is noticed; answers that come later are dropped.
+    peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.flush();
+    peer.close();
+    served.ended.wait();
+    for (const auto& call : pending_)
+        call->reply([](BusMessage&) { return 0; });
+}
+
+}  // namespace
+}  // namespace telvora

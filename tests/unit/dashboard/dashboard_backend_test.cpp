@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The backend as its callers see it: construction, sending, log data.
+#include <gmock/gmock.h>
+
+#include "plist/property_list_format.h"
+#include "tests/unit/dashboard/dashboard_rig.h"
+
+namespace telvora::test {
+namespace {
+
+using lab::FakeHttpClient;
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::Pair;
+
+struct DashboardBackendTest : testing::Test, DashboardRig {};
+
+TEST_F(DashboardBackendTest, ConstructionFailsWithALine) {
+    const BackendProfile good = profileOf(collectorProfile({{"reliable", 500}}));
+    const struct {
+        BackendProfile profile;
+        std::string line;
+        int socketError = 0, connectError = 0;
+        bool timerFails = false;
+    } cases[] = {
+        {nullptr, "initWitName with all null params."},
+        {std::make_shared<PropertyList>("x"), "can't resolve server IP"},
+        {profileOf({{"port", 1}}), "can't resolve server IP"},
+        {profileOf({{"ip", 1}, {"port", 1}}), "can't resolve server IP"},
+        {profileOf({{"ip", "192.0.2.1"}}), "can't resolve server port"},
+        {profileOf({{"ip", "192.0.2.1"}, {"port", "1"}}), "can't resolve server port"},
+        {good, "socket() failed (24)", 24},
+        {good, "socket connect() failed.", 0, 13},
+        {good, "can't create timer source.", 0, 0, true},
+    };
+    for (const auto& test : cases) {
+        network.socketError = test.socketError;
+        network.connectError = test.connectError;
+        network.timerFails = test.timerFails;
+        log.clear();
+        EXPECT_EQ(DashboardBackend::make(services, "dashboard", test.profile, "PhoneOne"), nullptr);
+        EXPECT_THAT(log.lines(), ElementsAre("<3>DashboardBackend(initWithName): " + test.line));
+        network.runFor();
+        EXPECT_EQ(network.openSockets, 0u) << test.line;
+    }
+}
+
+TEST_F(DashboardBackendTest, OfThePortTheLow16BitsCount) {
+    makeBackend(collectorProfile({{"port", (int64_t{1} << 32) + 65536 + 5000}}));
+    EXPECT_THAT(network.peers, ElementsAre(Pair("192.0.2.1", 5000)));
+}
+
+TEST_F(DashboardBackendTest, WithoutABoundSocketOrAReadSourceNoAcknowledgementIsAwaited) {
+    const struct {
+        int bindError;
+        const char* line;
+        std::vector<int> sent;
+    } cases[] = {{98, "can't bind socket, 98", {1}}, {0, "can't create read source", {1, 1, 1, 1, 1}}};
+    network.readSourceFails = true;
+    for (const auto& [bindError, line, sent] : cases) {
+        network.bindError = bindError;
+        log.clear();
+        const auto backend = makeBackend(collectorProfile({{"reliable", 500}}));
+        EXPECT_THAT(log.lines(), ElementsAre("<3>DashboardBackend(useReliableUDP): "s + line));
+        send(*backend, 1);
+        acknowledge(1);
+        network.runFor(10s);
+        EXPECT_EQ(takeSent(), sent);
+        EXPECT_EQ(network.armedTimers, 0u);
+    }
+}
+
+TEST_F(DashboardBackendTest, TheFiveArgumentOperationSendsAndRenders) {
+    const auto backend = makeBackend(collectorProfile());
+    backend->setSelfVersion("2.9");
+    backend->setCompType(256 + 18);  // of which a byte is sent
+    backend->setSessionID(1);
+    backend->setClientVersion(65535);
+    backend->setUdid({"D"});
+    EXPECT_EQ(backend->sendMessage(Dictionary{{"k", "v"}}, TimeValue{7, 8000}, 1, 2, EventID{3}),
+              "7.008 D 127.0.0.1 LINDQVAR 65535     1     3     1     2  k=v");
+    EXPECT_EQ(backend->sendMessage(std::nullopt, TimeValue{7, 8000}, 1, 2, EventID{3}),
+              "7.008 D 127.0.0.1 LINDQVAR 65535     1     3     1     2 ");
+    EXPECT_TRUE(network.sent.empty());  // that is the queue's business
+    network.runFor();
+    ASSERT_EQ(network.sent.size(), 2u);
+    EXPECT_EQ(network.sent[0].substr(0, 4), "\x02\x12\x01\x02");
+    EXPECT_EQ(network.sent[0].substr(60), "\0\x03\0\0 k=v"s);
+    EXPECT_EQ(network.sent[1].size(), 64u);
+}
+
+struct LogDataTest : DashboardBackendTest {
+    const Array records{Dictionary{{"n", 1}, {"msg", "hi"}}};
+    std::shared_ptr<DashboardBackend> backend =
+        makeBackend(collectorProfile({{"post_url", "https://log.example/"}}));
+};
+
+TEST_F(LogDataTest, IsPostedAsABinaryPropertyList) {
+    http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(500, "https://at.example/1"); });
+    EXPECT_TRUE(backend->uploadLogData(records));
+    ASSERT_EQ(http.requestCount(), 1u);
+    const HttpRequest request = http.requests()[0];
+    EXPECT_EQ(request.method + " " + request.url, "POST https://log.example/");
+    EXPECT_THAT(request.headers, ElementsAre(Pair("Content-Type", "application/octet-stream")));
+    // The example of docs/formats.md.
+    EXPECT_EQ(request.body,
+              "bplist00\xa1\x01\xd2\x02\x03\x04\x05Smsg"
+              "QnRhi\x10\x01\x08\x0a\x0f\x13\x15\x18"s +
+                  "\0\0\0\0\0\0\x01\x01\0\0\0\0\0\0\0\x06\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x1a"s);
+    EXPECT_THAT(log.lines(), ElementsAre("<7>DashboardBackend(uploadLogData): Log data uploaded to "
+                                         "https://at.example/1"));
+    // Its own report goes the way of all reports of sessions.
+    EXPECT_EQ(backend->eventID(), 1);
+    network.runFor();
+    EXPECT_TRUE(network.sent.empty());
+}
+
+TEST_F(LogDataTest, FailsWithALine) {
+    PropertyList nested = Array();
+    for (int i = 0; i < 100; ++i)
+        nested = Array{std::move(nested)};
+    const auto withoutURL = makeBackend(collectorProfile());
+    const std::string uploading = "Error uploading log data array ";
+    const struct {
+        std::shared_ptr<DashboardBackend> backend;
+        Array records;
+        HttpResult answer;
+        std::string line;
+        size_t requests;
+    } cases[] = {
+        {backend, records, FakeHttpClient::failure("no route"), uploading + "(no route)", 1},
+        {backend, records, FakeHttpClient::response(200, ""), uploading + "((null))", 1},
+        {backend, records, FakeHttpClient::response(200, "\xff\xfe"),
+         uploading + "(the answer is not UTF-8 text)", 1},
+        {backend, {nested}, {}, "Failed to serialize log data array for upload", 0},
+        {withoutURL, records, {}, "Post URL for log data array is nil", 0},
+    };
+    for (const auto& test : cases) {
+        log.clear();
+        http.setHandler([&test](const HttpRequest&) { return test.answer; });
+        const size_t before = http.requestCount();
+        EXPECT_FALSE(test.backend->uploadLogData(test.records));
+        EXPECT_THAT(log.lines(), ElementsAre("<3>DashboardBackend(uploadLogData): " + test.line));
+        EXPECT_EQ(http.requestCount(), before + test.requests);
+    }
+    EXPECT_EQ(backend->eventID(), 0);
+}
+
+}  // namespace
+}  // namespace telvora::test

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What happens to datagrams on their way, in virtual time; at the end on real threads and a real socket.
+#include <gmock/gmock.h>
+
+#include "tests/support/udp_peer.h"
+#include "tests/unit/dashboard/dashboard_rig.h"
+
+namespace telvora::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kCleanUp[] = "<7>DashboardBackend(myPeriodicTask): clean up at myPeriodicTask.";
+constexpr char kLastResort[] =
+    "<7>DashboardBackend(myPeriodicTask): scheduled last resort clean-up in 9500 ms.";
+
+struct DashboardTransportTest : testing::Test, DashboardRig {
+    std::shared_ptr<DashboardBackend> makeReliable(const PropertyList& period = 500) {
+        return makeBackend(collectorProfile({{"reliable", period}}));
+    }
+    // When datagrams go out in the minute after a report, in milliseconds after it.
+    std::vector<int64_t> sendTimes(DashboardBackend& backend) {
+        std::vector<int64_t> times;
+        network.onSend = [&, start = network.now()](std::string_view) {
+            times.push_back((network.now() - start) / 1ms);
+            return true;
+        };
+        send(backend, 1);
+        network.runFor(1min);
+        network.onSend = nullptr;
+        return times;
+    }
+};
+
+TEST_F(DashboardTransportTest, TheTimerKeepsItsPhaseAndRunsOnlyWhileAPacketWaits) {
+    const auto backend = makeReliable();
+    network.runFor(1234ms);
+    EXPECT_EQ(network.armedTimers, 0u);
+    // Ticks 2, 5, 10 and 19 of those that fall on multiples of 500 ms; the first one is at 1500.
+    EXPECT_THAT(sendTimes(*backend), ElementsAre(0, 766, 2266, 4766, 9266));
+    EXPECT_EQ(network.timerCalls, 20u);
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
+TEST_F(DashboardTransportTest, LateTicksKeepThePhaseTooAndAnyPeriodWillDo) {
+    const struct {
+        PropertyList period;
+        std::chrono::nanoseconds lateness;
+        std::vector<int64_t> times;
+    } cases[] = {
+        {500, 1h, {0, 1100, 2600, 5100, 9600}},  // as late as they may be
+        {10, 1h, {0, 25, 55, 105, 195}},         // which is less where they would catch up with each other
+        {0, 0s, {0, 2, 5, 10, 19}},
+        {-5, 0s, {0, 2, 5, 10, 19}},
+        {true, 0s, {0, 2, 5, 10, 19}},
+        {std::numeric_limits<int64_t>::max(), 0s, {0}},
+    };
+    for (const auto& [period, lateness, times] : cases) {
+        network.lateness = lateness;
+        EXPECT_EQ(sendTimes(*makeReliable(period)), times);
+    }
+}
+
+TEST_F(DashboardTransportTest, ATickWalksOnBehindThePacketThatItDrops) {
+    const auto backend = makeReliable();
+    send(*backend, 1);
+    network.runFor(500ms);
+    send(*backend, 2);
+    network.runFor(9499ms);
+    takeSent();
+    network.runFor(1ms);  // tick 20 of the first packet, 19 of the second
+    EXPECT_THAT(takeSent(), ElementsAre(2));
+    network.runFor(500ms);
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
+TEST_F(DashboardTransportTest, UnreliableDeliveryKeepsOnlyWhatWasNotTaken) {
+    const auto backend = makeBackend(collectorProfile());
+    send(*backend, 1);
+    EXPECT_THAT(takeSent(), ElementsAre(1));
+    EXPECT_EQ(network.armedTimers, 0u);
+
+    // The collector is away: the network refuses what comes after the first datagram.
+    int refused = 0;
+    network.onSend = [&refused](std::string_view) { return ++refused, false; };
+    send(*backend, 2);
+    send(*backend, 3);
+    network.runFor(2s);
+    EXPECT_EQ(refused, 2 + 4 * 2);
+    network.onSend = nullptr;  // it comes back
+    send(*backend, 4);
+    network.runFor(500ms);
+    EXPECT_THAT(takeSent(), ElementsAre(4, 2, 3));
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
+TEST_F(DashboardTransportTest, ACollectorThatWasAwayGetsReliablyWhatWasQueued) {
+    const auto backend = makeReliable();
+    const auto refuse = [](std::string_view) { return false; };
+    network.onSend = refuse;
+    send(*backend, 1);
+    for (const char* refused : {"the report", "its resend, which then doesn't count"}) {
+        network.onSend = refuse;
+        network.runFor(1h);
+        network.onSend = nullptr;
+        network.runFor(500ms);
+        EXPECT_THAT(takeSent(), ElementsAre(1)) << refused;
+    }
+    acknowledge(1);
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
+TEST_F(DashboardTransportTest, AcknowledgementsOfEveryLength) {
+    const auto backend = makeReliable();
+    for (const size_t length : {0, 61, 62, 64, 1088, 65507}) {
+        send(*backend, 0x01fe);
+        acknowledge(0xfe01);
+        EXPECT_EQ(network.armedTimers, 1u);
+        acknowledge(0x01fe, length);
+        EXPECT_EQ(network.armedTimers, length < 62 ? 1u : 0u) << length;
+        acknowledge(0x01fe);
+    }
+}
+
+TEST_F(DashboardTransportTest, TwoPacketsOfOneNumberTakeTwoAcknowledgements) {
+    const auto backend = makeReliable();
+    send(*backend, 7, {{"which", "first"}});
+    send(*backend, 7, {{"which", "second"}});
+    acknowledge(7);
+    takeSent();
+    network.runFor(1s);
+    ASSERT_THAT(network.sent, SizeIs(1));
+    EXPECT_EQ(network.sent[0].substr(64), " which=second");
+    acknowledge(7);
+    EXPECT_EQ(network.armedTimers, 0u);
+}
+
+TEST_F(DashboardTransportTest, AtMost50PacketsWait) {
+    const auto backend = makeReliable();
+    for (uint16_t number = 1; number <= 60; ++number)
+        send(*backend, number);
+    takeSent();
+    network.runFor(1s);
+    const std::vector<int> resent = takeSent();
+    ASSERT_THAT(resent, SizeIs(50));
+    EXPECT_EQ(resent.front(), 11);
+    EXPECT_EQ(resent.back(), 60);
+}
+
+TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
+    const struct {
+        uint16_t queued, acknowledged;
+        std::chrono::milliseconds closed;
+        std::vector<std::string> lines;
+    } cases[] = {{0, 0, 0ms, {}},
+                 {50, 50, 2200ms, {kLastResort, kCleanUp}},  // at the tick after the acknowledgements
+                 {50, 49, 200ms + 9500ms, {kLastResort}}};
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.acknowledged);
+        log.clear();
+        auto backend = makeReliable();
+        network.runFor(1300ms);
+        for (uint16_t number = 1; number <= test.queued; ++number)
+            send(*backend, number);
+        std::vector<std::chrono::nanoseconds> closed;
+        backend->cleanup([&, start = network.now()] { closed.push_back(network.now() - start); });
+        backend.reset();  // the session's last word
+        EXPECT_THAT(closed, IsEmpty());
+        network.runFor(2s);
+        for (uint16_t number = 1; number <= test.acknowledged; ++number)
+            acknowledge(number);
+        network.runFor(1min);
+        EXPECT_THAT(closed, ElementsAre(test.closed));
+        EXPECT_EQ(network.openSockets, 0u);
+        EXPECT_EQ(network.armedTimers, 0u);
+        EXPECT_EQ(log.lines(), test.lines);
+    }
+}
+
+TEST_F(DashboardTransportTest, WhatComesAfterCleanUpCostsNothing) {
+    const auto backend = makeReliable();
+    backend->cleanup();
+    for (uint16_t number = 0; number < 100; ++number)
+        send(*backend, number);
+    backend->cleanup();
+    network.runFor(1min);
+    EXPECT_THAT(network.sent, IsEmpty());
+    EXPECT_EQ(network.timerCalls, 0u);
+}
+
+TEST_F(DashboardTransportTest, ABackendThatGoesWithoutCleanUpIsDrainedToo) {
+    auto backend = makeReliable();
+    send(*backend, 1);
+    backend.reset();
+    EXPECT_EQ(network.openSockets, 1u);
+    acknowledge(1);
+    EXPECT_EQ(network.openSockets, 0u);
+}
+
+TEST_F(DashboardTransportTest, ThePoolMayEndWhilePacketsWait) {
+    WorkPool pool(2);
+    services.makeNetworkQueue = [&pool] { return makeNetworkQueue(pool); };
+    UdpPeer collector;
+    auto backend = DashboardBackend::make(services, "dashboard", "127.0.0.1", collector.port(), std::nullopt);
+    backend->sendMessage(std::nullopt, kNow, 1, 2, EventID{1});
+    backend->cleanup();
+    backend.reset();
+    EXPECT_EQ(collector.receive().size(), 64u);
+    pool.stop();
+}
+
+}  // namespace
+}  // namespace telvora::test

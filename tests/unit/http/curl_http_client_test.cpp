@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <latch>
+#include <mutex>
+#include <stdexcept>
+
+#include "http/http_client.h"
+#include "tests/support/scripted_server.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::chrono_literals;
+using test::ScriptedServer;
+using Connection = ScriptedServer::Connection;
+
+// Numbers of the transfer library that callers may see in a log.
+constexpr int kUnsupported = 1, kRefused = 7, kTruncated = 18, kTimedOut = 28, kBadArgument = 43,
+              kEmptyReply = 52, kTooLong = 63, kTooManyPending = 89;
+
+std::future<HttpResult> startIn(HttpClient& client, HttpRequest request) {
+    auto promise = std::make_shared<std::promise<HttpResult>>();
+    client.start(std::move(request), [promise](HttpResult result) { promise->set_value(std::move(result)); });
+    return promise->get_future();
+}
+
+int errorCode(const HttpResult& result) {
+    return result ? 0 : result.error().code;
+}
+
+// Answers every request of a connection with the same text.
+ScriptedServer::Script answering(std::string answer) {
+    return [answer = std::move(answer)](Connection& connection) {
+        while (!connection.readRequest().empty())
+            connection.send(answer);
+    };
+}
+
+// Reads the first request and never answers.
+void hang(Connection& connection) {
+    connection.waitForClose();
+}
+
+const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+
+TEST(CurlHttpClient, SendsExactlyWhatTheCallerGave) {
+    const std::string bigBody(3 << 20, 'x');
+    const struct {
+        HttpRequest request;
+        std::string rest;  // after the line and the host
+    } cases[] = {
+        {{.headers = {{"X-B", "2"}, {"If-Modified-Since", "then"}, {"X-Empty", ""}}},
+         "X-B: 2\r\nIf-Modified-Since: then\r\nX-Empty:\r\n\r\n"},
+        {{.method = "POST", .headers = {{"Content-Type", "a/b"}, {"Content-Length", "9"}}, .body = "{}"},
+         "Content-Type: a/b\r\nContent-Length: 2\r\n\r\n{}"},
+        {{.method = "POST"}, "Content-Length: 0\r\n\r\n"},
+        {{.method = "POST", .body = bigBody}, "Content-Length: 3145728\r\n\r\n" + bigBody},
+        {{.method = "PUT", .body = std::string("a\0b", 3)}, std::string("Content-Length: 3\r\n\r\na\0b", 24)},
+        {{.method = "DELETE"}, "\r\n"},
+        {{}, "\r\n"},  // nothing is left over from what the handle carried before
+    };
+    std::mutex mutex;
+    std::string last;
+    ScriptedServer server([&](Connection& connection) {
+        for (std::string request; !(request = connection.readRequest()).empty();) {
+            const std::lock_guard lock(mutex);
+            last = std::move(request);
+            connection.send(kOk);
+        }
+    });
+    const std::string middle =
+        " /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) + "\r\n";
+    const auto client = makeCurlHttpClient();
+    for (const auto& each : cases) {
+        HttpRequest request = each.request;
+        request.url = server.url("/p?q=1");
+        ASSERT_EQ(errorCode(performBlocking(*client, request)), 0);
+        const std::lock_guard lock(mutex);
+        EXPECT_TRUE(last == request.method + middle + each.rest) << last.substr(0, 400);
+    }
+    EXPECT_EQ(server.connections(), 1u);
+}
+
+TEST(CurlHttpClient, TakesWholeAnswersAndNoOthers) {
+    const std::string ok = "HTTP/1.1 200 OK\r\nX-A: 1\r\n",
+                      chunked = ok + "Transfer-Encoding: chunked\r\n\r\n";
+    const std::string most(1000, 'x');
+    std::string endlessHeaders = ok;
+    for (int i = 0; i < 20000; ++i)
+        endlessHeaders += "X-Header-Number: " + std::to_string(i) + "\r\n";
+    const struct {
+        std::string answer;
+        int error, status = 0;
+        std::string body = {};
+    } cases[] = {
+        {ok + "x-a:  2\r\nContent-Length: 3\r\n\r\nabc", 0, 200, "abc"},
+        {ok + "Content-Length: 1000\r\n\r\n" + most, 0, 200, most},
+        {"HTTP/1.1 100 Continue\r\nX-A: 0\r\n\r\nHTTP/1.1 201 Created\r\nX-A: 1\r\nContent-Length: 0\r\n\r\n",
+         0, 201, ""},
+        {chunked + "3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", 0, 200, "abcd"},
+        {"HTTP/1.1 304 Not Modified\r\nX-A: 1\r\n\r\n", 0, 304, ""},
+        {"HTTP/1.1 302 Found\r\nX-A: 1\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 1\r\n\r\nr", 0,
+         302, "r"},
+        {"HTTP/1.1 503 Sorry\r\nX-A:1 \r\nContent-Length: 1\r\n\r\ne", 0, 503, "e"},
+        {ok + "Content-Length: 100\r\n\r\nabc", kTruncated},
+        {chunked + "64\r\nabc", kTruncated},
+        {chunked + "3\r\nabc\r\n", kTruncated},  // no last chunk
+        {"", kEmptyReply},
+        {"SSH-2.0-x\r\n\r\n", kUnsupported},
+        {ok + "Content-Length: 1001\r\n\r\nabc", kTooLong},
+        {ok + "\r\n" + most + "x", kTooLong},
+        {endlessHeaders + "\r\n", kTooLong},
+    };
+    const auto client = makeCurlHttpClient();
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.answer.substr(0, 100));
+        ScriptedServer server([&](Connection& connection) {
+            if (each.error == 0) return answering(each.answer)(connection);
+            connection.readRequest();
+            connection.send(each.answer);
+        });
+        for (const bool keep : {true, false}) {
+            const HttpResult result = performBlocking(
+                *client, {.url = server.url(), .maxResponseBytes = 1000, .keepResponseBody = keep});
+            ASSERT_EQ(errorCode(result), each.error);
+            EXPECT_FALSE(!result && result.error().description.empty());
+            if (!result) continue;
+            EXPECT_EQ(result->status, each.status);
+            EXPECT_EQ(result->body, keep ? each.body : "");
+            EXPECT_EQ(result->header("x-A"), "1");
+            EXPECT_EQ(result->header("X-None"), std::nullopt);
+        }
+    }
+}
+
+TEST(CurlHttpClient, SendsAgainWhatAKeptConnectionWasClosedUnder) {
+    std::atomic<int> connections = 0;
+    ScriptedServer server([&](Connection& connection) {
+        if (connections++ > 0) return answering(kOk)(connection);
+        connection.readRequest();
+        connection.send(kOk);
+        connection.readSome();  // of the second request, most of which is yet to come
+    });
+    const auto client = makeCurlHttpClient();
+    EXPECT_EQ(errorCode(startIn(*client, {.url = server.url()}).get()), 0);
+    const std::string body(8 << 20, 'x');
+    EXPECT_EQ(errorCode(startIn(*client, {.method = "POST", .url = server.url(), .body = body}).get()), 0);
+    EXPECT_EQ(connections, 2);
+}
+
+TEST(CurlHttpClient, ReportsARefusedConnectionAndARequestThatCanNotBeSent) {
+    const std::string url = ScriptedServer(hang).url();
+    const auto client = makeCurlHttpClient();
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = url})), kRefused);
+    std::future<HttpResult> faulty = startIn(*client, {.url = url, .headers = {{"X", "a\nb"}}});
+    ASSERT_EQ(faulty.wait_for(0s), std::future_status::ready);
+    EXPECT_EQ(errorCode(faulty.get()), kBadArgument);
+}
+
+TEST(CurlHttpClient, TimesOutUnderWayAndInLine) {
+    ScriptedServer server(hang);
+    auto client = makeCurlHttpClient({.maxConnectionsPerHost = 1});
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = server.url(), .timeout = 50ms})), kTimedOut);
+    std::future<HttpResult> patient = startIn(*client, {.url = server.url()});
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = server.url(), .timeout = 50ms})), kTimedOut);
+    EXPECT_EQ(patient.wait_for(0s), std::future_status::timeout);
+    client.reset();
+    EXPECT_NE(errorCode(patient.get()), 0);
+}
+
+TEST(CurlHttpClient, AServerThatHangsDelaysNobodyElse) {
+    ScriptedServer hanging(hang), healthy(answering(kOk));
+    auto client =
+        makeCurlHttpClient({.maxConnections = 4, .maxConnectionsPerHost = 2, .maxPendingRequests = 40});
+    std::vector<std::future<HttpResult>> stuck;
+    for (int i = 0; i < 20; ++i)
+        stuck.push_back(startIn(*client, {.url = hanging.url()}));
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = hanging.url()})), kTooManyPending);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(performBlocking(*client, {.url = healthy.url()}));
+    client.reset();
+    for (auto& each : stuck)
+        EXPECT_NE(errorCode(each.get()), 0);
+    EXPECT_LE(hanging.connections(), 2u);
+}
+
+TEST(CurlHttpClient, BoundsPendingBytes) {
+    ScriptedServer server(hang);
+    const auto client = makeCurlHttpClient({.maxPendingBytes = 100'000});
+    const auto post = [&](size_t bytes) {
+        return startIn(*client, {.method = "POST", .url = server.url(), .body = std::string(bytes, 'x')});
+    };
+    std::future<HttpResult> tooBig = post(100'001), first = post(40'000), beyondShare = post(10'000);
+    for (auto* refused : {&tooBig, &beyondShare}) {
+        ASSERT_EQ(refused->wait_for(0s), std::future_status::ready);
+        EXPECT_EQ(errorCode(refused->get()), kTooManyPending);
+    }
+    EXPECT_EQ(first.wait_for(0s), std::future_status::timeout);
+}
+
+TEST(CurlHttpClient, EndsItsConnectionsWhenIdleAndStartsAgain) {
+    std::latch closed(1);
+    ScriptedServer server([&](Connection& connection) {
+        connection.readRequest();
+        connection.send(kOk);
+        connection.waitForClose();
+        if (!closed.try_wait()) closed.count_down();
+    });
+    const auto client = makeCurlHttpClient({.idleConnectionAge = 0s});
+    EXPECT_TRUE(performBlocking(*client, {.url = server.url()}));
+    closed.wait();
+    EXPECT_TRUE(performBlocking(*client, {.url = server.url()}));
+}
+
+TEST(CurlHttpClient, ACompletionMayThrowAndMayStartTheNextRequest) {
+    ScriptedServer server(answering(kOk));
+    const auto client = makeCurlHttpClient();
+    std::promise<HttpResult> last;
+    client->start({.url = server.url()}, [&](const HttpResult&) {
+        client->start({.url = server.url()}, [&](HttpResult result) { last.set_value(std::move(result)); });
+        throw std::runtime_error("thrown by a test");
+    });
+    EXPECT_TRUE(last.get_future().get());
+}
+
+TEST(CurlHttpClient, DestructionCompletesWhatIsLeftAndRefusesMore) {
+    ScriptedServer server(hang);
+    auto client = makeCurlHttpClient();
+    HttpClient& raw = *client;
+    int completed = 0, refused = 0;
+    for (int i = 0; i < 100; ++i) {
+        raw.start({.url = server.url()}, [&](const HttpResult& result) {
+            completed += errorCode(result) != 0;
+            raw.start({.url = server.url()},
+                      [&](const HttpResult& next) { refused += errorCode(next) != 0; });
+        });
+    }
+    client.reset();
+    EXPECT_EQ(completed, 100);
+    EXPECT_EQ(refused, 100);
+}
+
+}  // namespace
+}  // namespace telvora
