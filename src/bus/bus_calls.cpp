@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What travels on a connection: calls in, answers out, calls out, answers in.
+// The messages of a connection: calls in, answers out, calls out, answers in.
 #include <poll.h>
 
 #include <asio/dispatch.hpp>
@@ -10,34 +10,15 @@
 
 #include "bus/bus_connection.h"
 #include "util/log.h"
-#include "util/mutex.h"
 
 namespace telvora {
-
-namespace {
-
-// libsystemd draws the key of every new hash table into a variable that all threads share, and an object's
-// first interface makes such tables: one connection at a time.
-Mutex hashTablesLock;
-
-}  // namespace
 
 // --- Calls of the peer ---
 
 tl::expected<void, std::string> BusConnection::exportInterface(const char* path,
                                                                const BusInterface& interface,
-                                                               std::vector<MethodHandler> handlers) {
-    Export& exported = exports_.emplace_back();
-    exported.methods.reserve(handlers.size());
-    for (MethodHandler& handler : handlers)
-        exported.methods.push_back({this, std::move(handler)});
-    exported.vtable = interface.vtable(onCall, sizeof(BoundMethod));
-
-    sd_bus_slot* slot = nullptr;
-    const MutexLock lock(hashTablesLock);
-    const int result = sd_bus_add_object_vtable(bus_.get(), &slot, path, interface.name().c_str(),
-                                                exported.vtable.data(), exported.methods.data());
-    exported.slot.reset(slot);
+                                                               BusCallHandler handler) {
+    const int result = exports_.emplace_back(interface, std::move(handler)).addTo(bus_.get(), path);
     if (result < 0) return tl::unexpected(std::string(std::strerror(-result)));
     return {};
 }
@@ -45,21 +26,7 @@ tl::expected<void, std::string> BusConnection::exportInterface(const char* path,
 int BusConnection::onAnyMessage(sd_bus_message*, void* userdata, sd_bus_error*) noexcept {
     auto& connection = *static_cast<BusConnection*>(userdata);
     ++connection.messagesRead_;
-    return connection.parting_ ? 1 : 0;  // 0: not handled, on to the objects
-}
-
-// No exception may unwind through sd-bus: what a handler throws (memory, in practice) becomes an error reply.
-int BusConnection::onCall(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept {
-    const BoundMethod& method = *static_cast<BoundMethod*>(userdata);
-    try {
-        BusMessage call = BusMessage::share(message);
-        if (const std::optional<BusError> failure = method.handler(call)) {
-            return sd_bus_error_set(error, failure->name.c_str(), failure->message.c_str());
-        }
-        return 1;
-    } catch (const std::exception& exception) {
-        return sd_bus_error_set(error, kBusErrorFailed, exception.what());
-    }
+    return connection.halfClosed_ ? 1 : 0;  // 0: not handled, on to the objects
 }
 
 std::shared_ptr<PendingCall> BusConnection::defer(BusMessage& call) {
@@ -75,28 +42,29 @@ void BusConnection::replyNow(BusMessage& call, const PendingCall::Fill& fill) {
 void BusConnection::answer(uint64_t id, const PendingCall::Fill& fill) {
     const auto call = pendingCalls_.extract(id);
     if (!call.empty() && isOpen()) sendReply(call.mapped().get(), fill);
-    carryOn();
+    rearm();
 }
 
-void BusConnection::forget(uint64_t id) {
-    if (pendingCalls_.erase(id) != 0) carryOn();
+void BusConnection::abandon(uint64_t id) {
+    if (pendingCalls_.erase(id) != 0) rearm();
 }
 
-// After something was done to the bus outside its own turn: waits anew for what it now wants. Neither
-// processes input nor ends the connection here, for the caller may be deep inside a session.
-void BusConnection::carryOn() {
-    if (!bus_ || pumping_ || parting_ || !descriptor_.is_open()) return;
+// Waits anew after a change to the bus outside its own turn. Neither processes input nor ends the connection
+// here: the caller may be deep inside a session.
+void BusConnection::rearm() {
+    if (!bus_ || pumping_ || halfClosed_ || !descriptor_.is_open()) return;
     if (isOpen()) return arm();
     asio::post(strand_, [self = shared_from_this()] { self->end("the peer has closed the connection"); });
 }
 
 int BusConnection::sendReply(sd_bus_message* call, const PendingCall::Fill& fill) {
+    if (sd_bus_message_get_expect_reply(call) == 0) return 0;
     sd_bus_message* message = nullptr;
     int result = sd_bus_message_new_method_return(call, &message);
     BusMessage reply = BusMessage::adopt(message);
     if (result >= 0) result = fill(reply);
     if (result >= 0) return send(reply);
-    if (peerIsGone()) return result;
+    if (peerHungUp()) return result;
     TELVORA_LOG(kLogError, "BusConnection(sendReply): Failed to write the answer to %s: %s",
                 sd_bus_message_get_member(call), std::strerror(-result));
     return sd_bus_reply_method_errno(call, result, nullptr);
@@ -107,7 +75,7 @@ PendingCall::PendingCall(std::shared_ptr<BusConnection> connection, uint64_t id)
 
 PendingCall::~PendingCall() {
     if (answered_.load(std::memory_order_relaxed)) return;
-    asio::dispatch(connection_->strand_, [connection = connection_, id = id_] { connection->forget(id); });
+    asio::dispatch(connection_->strand_, [connection = connection_, id = id_] { connection->abandon(id); });
 }
 
 void PendingCall::reply(Fill fill) {
@@ -135,7 +103,7 @@ tl::expected<void, std::string> BusConnection::sendOneWay(BusMessage call) {
     if (!isOpen() || !call) return tl::unexpected(std::string("the connection has ended"));
     int result = sd_bus_message_set_expect_reply(call.get(), false);
     if (result >= 0) result = send(call);
-    carryOn();
+    rearm();
     if (result < 0) return tl::unexpected(std::string(std::strerror(-result)));
     return {};
 }
@@ -148,10 +116,10 @@ tl::expected<void, std::string> BusConnection::call(BusMessage call, ReplyHandle
     if (result < 0) return tl::unexpected(std::string(std::strerror(-result)));
     sd_bus_slot_set_destroy_callback(slot, [](void* userdata) { delete static_cast<SentCall*>(userdata); });
     sent.release();
-    sd_bus_slot_set_floating(slot, true);  // the bus owns it from here: until the answer, or its own end
+    sd_bus_slot_set_floating(slot, true);  // owned by the bus from here, until the answer or the bus's end
     sd_bus_slot_unref(slot);
     noteQueued(call.bodySize());
-    carryOn();
+    rearm();
     return {};
 }
 
@@ -169,9 +137,9 @@ int BusConnection::onReply(sd_bus_message* message, void* userdata, sd_bus_error
 
 // --- The queue ---
 
-// To sd-bus a failure to write is the end of the connection, though input may be left that the peer sent
-// before it went. So nothing is written to a peer that has gone, and its input is read to the end.
-bool BusConnection::peerIsGone() {
+// sd-bus ends the connection when a write fails, although input may be left that the peer sent before it
+// left. So this end does not write to a peer that has hung up, and reads its input to the end.
+bool BusConnection::peerHungUp() {
     if (hungUp_) return true;
     pollfd socket = {sd_bus_get_fd(bus_.get()), 0, 0};
     hungUp_ = poll(&socket, 1, 0) > 0 && (socket.revents & POLLHUP) != 0;
@@ -179,28 +147,28 @@ bool BusConnection::peerIsGone() {
 }
 
 int BusConnection::send(BusMessage& message) {
-    if (peerIsGone()) return -EPIPE;
+    if (peerHungUp()) return -EPIPE;
     const int result = sd_bus_send(bus_.get(), message.get(), nullptr);
     if (result >= 0) noteQueued(message.bodySize());
     return result;
 }
 
-// sd-bus tells how many messages it has queued but not how large they are. It writes them in order, so the
-// sizes of the newest so many are those that still count.
+// sd-bus reports the number of its queued messages but not their sizes. It writes them in order, so the
+// newest sizes, as many as messages are queued, are those that count.
 void BusConnection::noteQueued(size_t bytes) {
     queuedSizes_.push_back(bytes);
     queuedBytes_ += bytes;
-    forgetWritten();
+    discardWritten();
     congested_ = congested_ || outputCongested();
 }
 
-void BusConnection::tellUncongested() {
+void BusConnection::notifyUncongested() {
     if (!congested_ || outputCongested()) return;
     congested_ = false;
     if (uncongested_) uncongested_();
 }
 
-void BusConnection::forgetWritten() {
+void BusConnection::discardWritten() {
     const size_t queued = queuedMessages();
     while (queuedSizes_.size() > queued) {
         queuedBytes_ -= queuedSizes_.front();
@@ -213,8 +181,7 @@ size_t BusConnection::queuedMessages() const {
     return bus_ && sd_bus_get_n_queued_write(bus_.get(), &queued) >= 0 ? queued : 0;
 }
 
-// Asked anew before each step: that the socket was writable when a wait for it ended says little by the time
-// its handler runs.
+// Polled before each step: by the time that the handler of a wait runs, the socket may be full again.
 bool BusConnection::canWrite() const {
     if (queuedMessages() == 0) return false;
     pollfd socket = {sd_bus_get_fd(bus_.get()), POLLOUT, 0};

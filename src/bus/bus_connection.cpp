@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Set-up, the driving loop and the end of a connection; bus_calls.cpp has what travels on it.
+// Set-up, the event loop and the end of a connection; bus_calls.cpp has its messages.
 //
-// Invariants: bus_ is set until drop() has run. sd-bus is entered only through processOne() and the sending
-// functions. The descriptor is registered with Asio only while sd-bus has it open: sd-bus closes it when
-// sd_bus_process() is called on a connection that has begun to close, so that is never done.
+// Invariants: bus_ is set until teardown() has run. sd-bus is entered only through processOne() and the
+// sending functions. The descriptor is registered with Asio only while sd-bus has it open: sd-bus closes it
+// when sd_bus_process() is called on a connection that has begun to close, so that is never done.
 //
-// How a server takes leave: a peer that writes to a closed socket fails, and to sd-bus that is the end of its
-// connection, whatever it has left to read. So the socket is only closed for sending, once all is written,
-// and the peer, when it has read all, closes it for good. What it sends in between is not carried out.
+// A server half-closes a connection that it ends. A peer that writes to a closed socket fails, and its sd-bus
+// ends the connection then, with messages unread. So the server shuts down only its sending side, once all is
+// written; the peer reads all and closes the socket. Calls that arrive in between are discarded.
 #include "bus/bus_connection.h"
 
 #include <poll.h>
@@ -25,9 +25,9 @@ namespace telvora {
 
 namespace {
 
-// One turn of a strand; a turn of small messages takes well under a millisecond.
+// Length of one turn of a strand; a turn of small messages takes well under a millisecond.
 constexpr int kMessagesPerTurn = 64;
-// sd-bus asks for 8 MiB each; this much kernel memory is enough to keep both ends busy.
+// sd-bus requests 8 MiB per socket; this size is enough to keep both ends busy.
 constexpr int kSendBufferBytes = 256 << 10;
 
 std::string errnoText(int error) {
@@ -66,7 +66,7 @@ tl::expected<void, std::string> BusConnection::configure() {
         if (result >= 0) result = sd_bus_set_server(bus, true, guid);
         if (result >= 0) result = sd_bus_set_anonymous(bus, false);
     }
-    // Who may call is decided before a connection gets here, not per method by sd-bus.
+    // The daemon checks a peer's access before it makes the connection; sd-bus makes no check per method.
     if (result >= 0) result = sd_bus_set_trusted(bus, true);
     if (result >= 0) result = sd_bus_negotiate_fds(bus, true);
     if (result >= 0) result = sd_bus_set_fd(bus, socket_.get(), socket_.get());
@@ -80,14 +80,14 @@ tl::expected<void, std::string> BusConnection::configure() {
     return role_ == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
 }
 
-// Tools that take every socket for a message bus open with this call and give up without an answer.
+// Tools that expect a message bus on every socket begin with this call and fail without an answer.
 tl::expected<void, std::string> BusConnection::exportHello() {
     static const BusInterface busInterface("org.freedesktop.DBus", {{"Hello", {}, {{"", "s"}}}});
-    const auto sayHello = [this](BusMessage& call) -> std::optional<BusError> {
+    const auto sayHello = [this](size_t, BusMessage& call) -> std::optional<BusError> {
         replyNow(call, [](BusMessage& reply) { return reply.appendString(":1.0"); });
         return std::nullopt;
     };
-    return exportInterface("/org/freedesktop/DBus", busInterface, {sayHello});
+    return exportInterface("/org/freedesktop/DBus", busInterface, sayHello);
 }
 
 void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
@@ -111,10 +111,10 @@ void BusConnection::begin() {
 }
 
 bool BusConnection::isOpen() const {
-    return bus_ && !parting_ && sd_bus_is_open(bus_.get()) > 0;
+    return bus_ && !halfClosed_ && sd_bus_is_open(bus_.get()) > 0;
 }
 
-// One step of sd-bus: writes what is queued, or reads and dispatches one message. 0: nothing to do now.
+// One step of sd-bus: writes queued messages, or reads and dispatches one message. 0 if sd-bus is idle.
 int BusConnection::processOne() {
     if (!isOpen()) {  // a call found the peer gone
         end("the peer has closed the connection");
@@ -123,9 +123,9 @@ int BusConnection::processOne() {
     pumping_ = true;
     const int result = sd_bus_process(bus_.get(), nullptr);
     pumping_ = false;
-    forgetWritten();
+    discardWritten();
     if (closeRequested_) {
-        takeLeave(*closeRequested_);
+        halfClose(*closeRequested_);
         return -ENOTCONN;
     }
     if (result < 0) {
@@ -134,15 +134,15 @@ int BusConnection::processOne() {
         end("the peer has closed the connection");
         return -ENOTCONN;
     } else {
-        tellUncongested();
+        notifyUncongested();
     }
     return result;
 }
 
 void BusConnection::pump() {
     for (int i = 0; i < kMessagesPerTurn; ++i) {
-        // While input rests, a step may only write; sd-bus reads where it can't.
-        if (inputRests() && !canWrite()) return arm();
+        // While reading is paused, a step may only write; sd-bus reads if it can't write.
+        if (readPaused() && !canWrite()) return arm();
         const int result = processOne();
         if (result < 0) return;
         if (result == 0) return arm();
@@ -151,13 +151,13 @@ void BusConnection::pump() {
     turnPosted_ = true;
     asio::post(strand_, [self = shared_from_this()] {
         self->turnPosted_ = false;
-        if (self->bus_ && !self->parting_) self->pump();
+        if (self->bus_ && !self->halfClosed_) self->pump();
     });
 }
 
-// Only a server lets input rest: were both ends to do so, each could wait for the other for ever. A client
-// has asked for the answers that it gets.
-bool BusConnection::inputRests() const {
+// Only a server pauses reading: if both ends did, each could wait for the other for ever. A client requested
+// the answers that it receives.
+bool BusConnection::readPaused() const {
     return role_ == BusRole::kServer && !hungUp_ &&
            (outputCongested() || pendingCalls_.size() >= limits_.pendingCalls);
 }
@@ -165,10 +165,10 @@ bool BusConnection::inputRests() const {
 void BusConnection::arm() {
     const int events = sd_bus_get_events(bus_.get());
     if (events < 0) return end(errnoText(events));
-    const bool rests = inputRests();
-    if ((events & POLLIN) != 0 && !rests) waitFor(kRead);
+    const bool paused = readPaused();
+    if ((events & POLLIN) != 0 && !paused) waitFor(kRead);
     if ((events & POLLOUT) != 0) waitFor(kWrite);
-    if (rests) waitFor(kHangUp);
+    if (paused) waitFor(kHangUp);
     armTimer();
 }
 
@@ -180,18 +180,18 @@ void BusConnection::waitFor(Wait wait) {
     descriptor_.async_wait(kTypes[wait], [self = shared_from_this(), wait](const asio::error_code& error) {
         self->waiting_[wait] = false;
         if (!self->bus_ || error == asio::error::operation_aborted) return;
-        self->parting_ ? self->parting(wait) : self->woken(wait);
+        self->halfClosed_ ? self->drain(wait) : self->onReady(wait);
     });
 }
 
-void BusConnection::woken(Wait wait) {
-    // There is no reason left to let input rest: what the peer sent before it went still counts.
+void BusConnection::onReady(Wait wait) {
+    // Reading is not paused any more: messages that the peer sent before it hung up are still processed.
     if (wait == kHangUp) hungUp_ = true;
     if (wait == kRead) checkIncomingSize();
     if (bus_) pump();
 }
 
-// What is readable now will be read now; as long as no message comes of it, it belongs to one message.
+// All readable bytes are read in this turn. Until a message is complete, they belong to one message.
 void BusConnection::checkIncomingSize() {
     int available = 0;
     if (ioctl(sd_bus_get_fd(bus_.get()), FIONREAD, &available) != 0 || available < 0) return;
@@ -218,7 +218,7 @@ void BusConnection::armTimer() {
     }
     timer_.expires_at(*deadline);
     timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
-        if (error || !self->bus_ || self->parting_) return;
+        if (error || !self->bus_ || self->halfClosed_) return;
         self->timerSetFor_.reset();
         const auto& authentication = self->authenticationDeadline_;
         if (authentication && *authentication <= std::chrono::steady_clock::now() &&
@@ -230,11 +230,11 @@ void BusConnection::armTimer() {
 }
 
 void BusConnection::close(const std::string& reason) {
-    if (!bus_ || parting_) return;
+    if (!bus_ || halfClosed_) return;
     if (pumping_) {
         closeRequested_ = reason;
     } else {
-        takeLeave(reason);
+        halfClose(reason);
     }
 }
 
@@ -242,25 +242,25 @@ void BusConnection::end(const std::string& reason) {
     if (!bus_) return;
     const auto self = shared_from_this();
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
-    drop();
+    teardown();
 }
 
-void BusConnection::takeLeave(const std::string& reason) {
-    const bool conversing = role_ == BusRole::kServer && sd_bus_is_ready(bus_.get()) > 0;
-    if (!conversing) return end(reason);
+void BusConnection::halfClose(const std::string& reason) {
+    const bool ready = role_ == BusRole::kServer && sd_bus_is_ready(bus_.get()) > 0;
+    if (!ready) return end(reason);
     const auto self = shared_from_this();
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
-    if (!isOpen() || peerIsGone()) return drop();
+    if (!isOpen() || peerHungUp()) return teardown();
     pendingCalls_.clear();
-    parting_ = true;
-    timer_.expires_after(limits_.parting);
+    halfClosed_ = true;
+    timer_.expires_after(limits_.drainTimeout);
     timer_.async_wait([self](const asio::error_code& cancelled) {
-        if (!cancelled && self->bus_) self->drop();
+        if (!cancelled && self->bus_) self->teardown();
     });
-    part();
+    shutdownWhenWritten();
 }
 
-void BusConnection::part() {
+void BusConnection::shutdownWhenWritten() {
     if (queuedMessages() == 0) {
         shutdown(sd_bus_get_fd(bus_.get()), SHUT_WR);
     } else {
@@ -269,16 +269,16 @@ void BusConnection::part() {
     waitFor(kHangUp);
 }
 
-// A step of sd-bus writes, and may read; onAnyMessage() sees to that.
-void BusConnection::parting(Wait wait) {
-    if (wait == kHangUp) return drop();
+// A step of sd-bus writes, and may read; onAnyMessage() discards the message then.
+void BusConnection::drain(Wait wait) {
+    if (wait == kHangUp) return teardown();
     if (wait != kWrite || queuedMessages() == 0) return;
     const int result = sd_bus_process(bus_.get(), nullptr);
-    if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) return drop();
-    part();
+    if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) return teardown();
+    shutdownWhenWritten();
 }
 
-void BusConnection::drop() {
+void BusConnection::teardown() {
     const auto self = shared_from_this();
     timer_.cancel();
     if (descriptor_.is_open()) descriptor_.release();

@@ -3,17 +3,18 @@
 // BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification; sd-bus(3)) on a connected
 // Unix stream socket, driven by its strand.
 //
-// How it runs: sd-bus never blocks and never waits here. The strand waits for what sd_bus_get_events(3) and
-// sd_bus_get_timeout(3) ask for, then processes all input that is there, a bounded number of messages per
-// turn so that one busy peer can't keep a runner to itself. A quiet connection has no timer and no wakeup.
+// sd-bus never blocks and never waits here. The strand waits for the events and the timeout that
+// sd_bus_get_events(3) and sd_bus_get_timeout(3) return, then processes the available input: a bounded number
+// of messages per turn, so that one busy peer does not occupy a thread. A quiet connection has no timer and
+// no wakeup.
 //
-// What a peer can cost: BusLimits says it. A client whose answers pile up, or that has too many calls
-// unanswered, is not read from until that has changed; its own socket then fills up and it waits. A peer that
-// does not authenticate in time, or that sends a message that is too large, is disconnected.
+// BusLimits bounds the cost of a peer. A server stops reading from a client whose answers pile up or that has
+// too many unanswered calls; the client's socket then fills up and the client waits. A peer that does not
+// authenticate in time, or that sends too large a message, is disconnected.
 //
-// Everything here is called on the connection's strand, except make(), and except that the functions
-// before start() may be called by the thread that will call start(). Handlers run on the strand. Connections
-// and pending calls must be given up before the pool is.
+// All functions are called on the connection's strand, except make(), and except that the functions before
+// start() may be called by the thread that will call start(). Handlers run on the strand. Connections and
+// pending calls must be destroyed before the pool.
 #pragma once
 
 #include <asio/posix/stream_descriptor.hpp>
@@ -28,7 +29,6 @@
 #include <string>
 #include <tl/expected.hpp>
 #include <unordered_map>
-#include <vector>
 
 #include "async/work_pool.h"
 #include "bus/bus_interface.h"
@@ -37,40 +37,29 @@
 
 namespace telvora {
 
-// An error reply: a D-Bus error name and a text for people.
-struct BusError {
-    std::string name;
-    std::string message;
-};
-
-inline constexpr char kBusErrorAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
-inline constexpr char kBusErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
-inline constexpr char kBusErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
-inline constexpr char kBusErrorNotSupported[] = "org.freedesktop.DBus.Error.NotSupported";
-
 enum class BusRole { kServer, kClient };
 
 struct BusLimits {
-    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
+    // From start() until the peer has authenticated (EXTERNAL: the user that the kernel reports).
     std::chrono::milliseconds authenticationTimeout{10'000};
     // Largest incoming message, in bytes. sd-bus reads on as long as there is more to read, and the size is
-    // checked in between: a peer that writes as fast as it is read from can get more in, though never more
-    // than the 128 MiB at which sd-bus itself ends the connection.
+    // checked in between: a peer that writes as fast as it is read from can send more, but never more than
+    // the 128 MiB at which sd-bus itself ends the connection.
     size_t messageSize = size_t{16} << 20;
     // Outgoing bytes and messages that wait for the peer to read. Beyond either, the output is congested: a
-    // server's input rests, and one-way calls should.
+    // server pauses reading, and one-way calls should wait.
     size_t queuedBytes = size_t{1} << 20;
     size_t queuedMessages = 1024;
-    // Calls of the peer that wait for their answer. Beyond it, a server's input rests.
+    // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
-    // How long a peer that this server has taken leave of may take to read what it was sent.
-    std::chrono::milliseconds parting{2'000};
+    // Time that a half-closed server connection leaves its peer to read its last messages.
+    std::chrono::milliseconds drainTimeout{2'000};
 };
 
 class BusConnection;
 
-// A received call that is to be answered later. May be kept, answered and destroyed on any thread, as long as
-// the strand's pool exists; destroyed unanswered, it leaves the caller without an answer.
+// A received call that is answered later. May be kept, answered and destroyed on any thread, as long as the
+// strand's pool exists. The caller gets no answer if it is destroyed unanswered.
 class PendingCall {
   public:
     // Appends the answer's body; a negative errno makes it an error reply instead. Runs on the strand.
@@ -81,7 +70,7 @@ class PendingCall {
     PendingCall(const PendingCall&) = delete;
     PendingCall& operator=(const PendingCall&) = delete;
 
-    // Answers; the second and all later calls do nothing. On the strand the answer goes out before this
+    // Answers. The second and all later calls have no effect. On the strand the answer is sent before this
     // returns.
     void reply(Fill fill);
 
@@ -93,51 +82,48 @@ class PendingCall {
 
 class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:
-    // Handles one call; `call` is at its first argument and has the method's signature. An error is answered
-    // right away; otherwise the handler has called replyNow() or taken a PendingCall, or there is no answer.
-    using MethodHandler = std::function<std::optional<BusError>(BusMessage& call)>;
     // Takes the answer to an own call: a method return, or an error (BusMessage::error()). Destroyed uncalled
-    // when the connection ends first.
+    // if the connection ends first.
     using ReplyHandler = std::function<void(BusMessage& reply)>;
-    // Runs once, when the connection ends, with the reason. Where this end ended it, one-way calls still go
-    // out while the handler runs.
+    // Runs once, when the connection ends, with the reason. If this end ended it, one-way calls can still be
+    // sent while the handler runs.
     using ClosedHandler = std::function<void(const std::string& reason)>;
 
-    // Takes over a connected Unix stream socket. Fails with the reason when sd-bus can't use it.
+    // Takes over a connected Unix stream socket. Fails with sd-bus's reason.
     static tl::expected<std::shared_ptr<BusConnection>, std::string> make(Strand strand, UniqueFd socket,
                                                                           BusRole role,
                                                                           BusLimits limits = {});
     ~BusConnection();
 
-    // Answers the calls to `interface` at `path`, one handler per method, in the interface's order. Before
-    // start(). `interface` outlives the connection.
+    // Passes the calls to `interface` at `path` to `handler`. Before start(). `interface` outlives the
+    // connection.
     tl::expected<void, std::string> exportInterface(const char* path, const BusInterface& interface,
-                                                    std::vector<MethodHandler> handlers);
+                                                    BusCallHandler handler);
 
-    // Runs whenever the output is no longer congested. Before start().
+    // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
-    // Begins. The connection keeps itself alive until the socket is closed; `gone`, if there is one, runs
-    // then. All handlers are given up afterwards.
+    // Begins. The connection keeps itself alive until the socket is closed; then `gone` runs, if it is set.
+    // All handlers are destroyed afterwards.
     void start(ClosedHandler closed, std::function<void()> gone = {});
-    // Ends the connection; the closed handler runs before this returns, or, called from within a handler,
-    // right after that handler. Idempotent. A server's peer gets to read all that it was sent, and finds the
-    // end after it: whether a call was answered is then the same to both ends.
+    // Ends the connection. The closed handler runs before this returns, or, if called within a handler, right
+    // after that handler. Idempotent. A server's peer still reads all messages that were sent to it, and
+    // finds the end after them: both ends agree then on whether a call was answered.
     void close(const std::string& reason);
     bool isOpen() const;
 
-    // Keeps a call that a handler is given, to answer it later.
+    // Keeps a handler's call for a later answer.
     std::shared_ptr<PendingCall> defer(BusMessage& call);
     // Answers a call inside its handler.
     void replyNow(BusMessage& call, const PendingCall::Fill& fill);
 
-    // A call to the peer; nothing when the connection has ended or memory has.
+    // A call to the peer. An empty message if the connection has ended or memory is exhausted.
     BusMessage newCall(const char* path, const char* interface, const char* method);
-    // Sends without expecting an answer, whether or not the output is congested. Fails with the reason when
-    // the connection has ended.
+    // Sends without expecting an answer, whether or not the output is congested. Fails with the reason if the
+    // connection has ended.
     tl::expected<void, std::string> sendOneWay(BusMessage call);
-    // Sends and waits for the answer, without limit. Fails likewise.
+    // Sends and waits for the answer, without a time limit. Fails likewise.
     tl::expected<void, std::string> call(BusMessage call, ReplyHandler handler);
-    // Whether the peer has left more unread than BusLimits has it.
+    // Whether the peer has left more unread than BusLimits allows.
     bool outputCongested() const;
 
     const Strand& strand() const { return strand_; }
@@ -155,15 +141,6 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     using BusHandle = std::unique_ptr<sd_bus, Unref<sd_bus_close_unref>>;
     using SlotHandle = std::unique_ptr<sd_bus_slot, Unref<sd_bus_slot_unref>>;
 
-    struct BoundMethod {
-        BusConnection* connection;
-        MethodHandler handler;
-    };
-    struct Export {
-        std::vector<BoundMethod> methods;
-        std::vector<sd_bus_vtable> vtable;
-        SlotHandle slot;
-    };
     struct SentCall;
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
@@ -176,29 +153,28 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int processOne();
     void arm();
     void waitFor(Wait wait);
-    void woken(Wait wait);
+    void onReady(Wait wait);
     void armTimer();
     void checkIncomingSize();
-    bool inputRests() const;
+    bool readPaused() const;
     void end(const std::string& reason);
-    void takeLeave(const std::string& reason);
-    void part();
-    void parting(Wait wait);
-    void drop();
+    void halfClose(const std::string& reason);
+    void shutdownWhenWritten();
+    void drain(Wait wait);
+    void teardown();
 
-    static int onCall(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
     static int onAnyMessage(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
     static int onReply(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
 
     void answer(uint64_t id, const PendingCall::Fill& fill);
-    void forget(uint64_t id);
+    void abandon(uint64_t id);
     int sendReply(sd_bus_message* call, const PendingCall::Fill& fill);
-    bool peerIsGone();
+    bool peerHungUp();
     int send(BusMessage& message);
-    void carryOn();
+    void rearm();
     void noteQueued(size_t bytes);
-    void forgetWritten();
-    void tellUncongested();
+    void discardWritten();
+    void notifyUncongested();
     size_t queuedMessages() const;
     bool canWrite() const;
 
@@ -207,7 +183,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     const BusLimits limits_;
     UniqueFd socket_;  // until sd-bus has taken it over
     BusHandle bus_;
-    std::deque<Export> exports_;
+    std::deque<BusExport> exports_;
     SlotHandle filter_;
     asio::posix::stream_descriptor descriptor_;  // the same descriptor as the bus's; never closes it
     asio::steady_timer timer_;
@@ -221,7 +197,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     bool pumping_ = false;
     bool turnPosted_ = false;
     bool hungUp_ = false;
-    bool parting_ = false;
+    bool halfClosed_ = false;
     std::optional<std::string> closeRequested_;
 
     size_t messagesRead_ = 0;  // since the last checkIncomingSize()

@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BusInterface: what one D-Bus interface looks like, its methods with their arguments' names and types. It is
-// immutable, and made once per process; every connection that exports the interface shares it.
+// BusInterface: the names and types of one D-Bus interface. It is immutable and made once per process; all
+// connections that export the interface share it. BusExport: the interface on one connection.
 #pragma once
 
-#include <systemd/sd-bus-vtable.h>
-
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "bus/bus_message.h"
 
 namespace telvora {
 
@@ -23,30 +25,55 @@ struct BusMethod {
     std::vector<BusArgument> out;
 };
 
+// Handles one call of the method at `index` of BusInterface::methods(). `call` stands at its first argument
+// and has the method's signature. A returned error is sent at once; otherwise the handler has answered, or
+// has kept the call for a later answer.
+using BusCallHandler = std::function<std::optional<BusError>(size_t index, BusMessage& call)>;
+
 class BusInterface {
   public:
     BusInterface(std::string name, std::vector<BusMethod> methods);
+    ~BusInterface();
     BusInterface(const BusInterface&) = delete;
     BusInterface& operator=(const BusInterface&) = delete;
 
     const std::string& name() const { return name_; }
     const std::vector<BusMethod>& methods() const { return methods_; }
-    // The types of a method's arguments, one after another.
-    const std::string& signature(size_t method) const { return texts_[method].in; }
-
-    // The same as sd-bus wants it. Calls reach `handler` with the user data advanced by `stride` per method.
-    std::vector<sd_bus_vtable> vtable(sd_bus_message_handler_t handler, size_t stride) const;
 
   private:
-    struct Texts {
-        std::string in;
-        std::string out;
-        std::string names;  // of all arguments, each with its NUL
-    };
+    friend class BusExport;
+    struct Table;  // the methods as sd-bus reads them
 
     std::string name_;
     std::vector<BusMethod> methods_;
-    std::vector<Texts> texts_;
+    std::unique_ptr<const Table> table_;
+};
+
+class BusExport {
+  public:
+    BusExport(const BusInterface& interface, BusCallHandler handler);
+    BusExport(const BusExport&) = delete;
+    BusExport& operator=(const BusExport&) = delete;
+
+    // Adds the interface to `bus` at `path`, until this object's end, which the bus must outlive. Negative
+    // errno on failure.
+    int addTo(sd_bus* bus, const char* path);
+
+  private:
+    struct Method {
+        const BusCallHandler* handler;
+        size_t index;
+    };
+    struct Unref {
+        void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+    };
+    friend class BusInterface;
+    static int onCall(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
+
+    const BusInterface& interface_;
+    const BusCallHandler handler_;
+    std::vector<Method> methods_;
+    std::unique_ptr<sd_bus_slot, Unref> slot_;
 };
 
 }  // namespace telvora

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BusMessage: owns one reference to a D-Bus message, and reads or writes its body in order. The functions
-// keep the convention of sd_bus_message_read(3): a negative errno on failure, 0 at the end of a container,
-// positive on success. They are inline, for a report's road leads through every one of them several times.
+// return a negative errno on failure, 0 at the end of a container and a positive value on success, as
+// sd_bus_message_read(3) does. They are inline: every report passes through each of them several times.
 //
 // A message belongs to its connection's strand: reference counts inside sd-bus are not atomic.
 #pragma once
@@ -10,11 +10,23 @@
 #include <systemd/sd-bus.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
 namespace telvora {
+
+// An error reply: a D-Bus error name and a text for people.
+struct BusError {
+    std::string name;
+    std::string message;
+};
+
+inline constexpr char kBusErrorAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+inline constexpr char kBusErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
+inline constexpr char kBusErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
+inline constexpr char kBusErrorNotSupported[] = "org.freedesktop.DBus.Error.NotSupported";
 
 class BusMessage {
   public:
@@ -36,12 +48,18 @@ class BusMessage {
     sd_bus_message* get() const { return message_; }
     explicit operator bool() const { return message_ != nullptr; }
 
-    // The error that an error reply carries, or null.
-    const sd_bus_error* error() const { return sd_bus_message_get_error(message_); }
+    // The error of an error reply; std::nullopt for any other message.
+    std::optional<BusError> error() const {
+        const sd_bus_error* error = sd_bus_message_get_error(message_);
+        if (error == nullptr) return std::nullopt;
+        return BusError{error->name != nullptr ? error->name : "error",
+                        error->message != nullptr ? error->message : ""};
+    }
 
     // --- Reading ---
 
-    // What comes next; `contents` is a container's inner signature and lives as long as the message.
+    // The type of the next value. `contents` is a container's inner signature; it lives as long as the
+    // message.
     int peekType(char& type, const char*& contents) {
         return sd_bus_message_peek_type(message_, &type, &contents);
     }
@@ -70,12 +88,13 @@ class BusMessage {
         return sd_bus_message_open_container(message_, type, contents);
     }
     int close() { return sd_bus_message_close_container(message_); }
-    // Appends one basic value that is no string.
+    // Appends one basic value other than a string.
     int append(char type, const void* value) {
         bodySize_ += sizeof(uint64_t);
         return sd_bus_message_append_basic(message_, type, value);
     }
-    // Appends a string up to its first NUL, for D-Bus has none inside. -EINVAL when it is not valid UTF-8.
+    // Appends a string up to its first NUL: a D-Bus string has no NUL inside. -EINVAL if it is not valid
+    // UTF-8.
     int appendString(const std::string& text) {
         bodySize_ += text.size() + sizeof(uint64_t);
         return sd_bus_message_append_basic(message_, 's', text.c_str());
@@ -85,7 +104,7 @@ class BusMessage {
         return sd_bus_message_append_array(message_, 'y', bytes.data(), bytes.size());
     }
 
-    // About how many bytes were appended so far.
+    // Approximate number of bytes appended so far.
     size_t bodySize() const { return bodySize_; }
 
   private:

@@ -10,7 +10,7 @@ namespace {
 
 using Kind = BusQueryFailure::Kind;
 
-// A D-Bus address, in which all but a few characters stand escaped (D-Bus Specification, "Server Addresses").
+// A D-Bus address: all but a few characters are escaped (D-Bus Specification, "Server Addresses").
 std::string addressOf(const std::string& socketPath) {
     constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_/.";
     constexpr char kDigits[] = "0123456789abcdef";

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One call of a program that has nothing else to do meanwhile: connects to a peer-to-peer D-Bus server on a
-// Unix socket, calls, and waits for the answer.
+// One blocking call: connects to a peer-to-peer D-Bus server on a Unix socket, calls a method and waits for
+// the answer.
 #pragma once
 
 #include <chrono>
@@ -14,15 +14,15 @@ namespace telvora {
 
 struct BusQuery {
     std::string socketPath;
-    const char* path = "";       // of the object
-    const char* interface = "";  // all three as they stand in a call
+    const char* path = "";  // of the object
+    const char* interface = "";
     const char* method = "";
     std::chrono::milliseconds timeout{10'000};  // for the connection and for the answer, each
 };
 
 struct BusQueryFailure {
     enum class Kind {
-        kUnreachable,  // nobody listens there, or the connection was lost
+        kUnreachable,  // no listener, or the connection was lost
         kNoAnswer,     // in time
         kRefused,      // the answer is an error
     };
@@ -30,8 +30,8 @@ struct BusQueryFailure {
     std::string message;  // for people
 };
 
-// The answer, at its first argument, or why there is none. Blocks the calling thread, which may be any; the
-// answer belongs to it.
+// The answer, at its first argument, or the failure. Blocks the calling thread, which may be any and owns the
+// answer.
 tl::expected<BusMessage, BusQueryFailure> callAndWait(const BusQuery& query);
 
 }  // namespace telvora

@@ -10,13 +10,14 @@
 #include "client/handles.h"
 #include "client/reconnecting_session.h"
 #include "client/recorder.h"
-#include "protocol/client_session_wire.h"
+#include "protocol/client_session_interface.h"
 
 namespace telvora {
 
 namespace {
 
-// Not by RUNTIME_DIRECTORY, as the daemon and its tools do: in a service's environment that is the service's.
+// RUNTIME_DIRECTORY, which the daemon and its tools use, does not apply: in a service's environment it is the
+// service's own.
 std::string socketPath(const telvora_session_options& options) {
     if (options.socket_path != nullptr) return options.socket_path;
     const char* path = secure_getenv("TELVORA_SOCKET");
@@ -105,7 +106,7 @@ SessionTarget::Handlers ApplicationSession::handlers() {
     return handlers;
 }
 
-// Whatever sees ended_ unset here is work that end() waits for.
+// end() waits for work that reads ended_ as false here.
 template <typename Run>
 void ApplicationSession::runHandler(Run run) {
     const Work work(shared_from_this());
@@ -141,7 +142,7 @@ telvora_status ApplicationSession::uploadFile(const char* path, telvora_completi
     Request request{.operation = Operation::kUploadFile};
     request.path = std::filesystem::absolute(path);
     if (target_->readsFiles()) {
-        // The server gets the file under the name in the path, which must not be that of a link to it.
+        // The server gets the file's name from the path, so the path must not end in a symbolic link.
         request.file.reset(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         if (!request.file) {
             const int error = errno;
@@ -155,7 +156,7 @@ telvora_status ApplicationSession::uploadFile(const char* path, telvora_completi
 
 telvora_status ApplicationSession::wait(int64_t milliseconds) {
     if (ProcessRuntime::Callback::isRunning()) return TELVORA_ERROR_INVALID;
-    constexpr int64_t kLongest = int64_t{365} * 86400 * 1000;  // what a clock can count on from now
+    constexpr int64_t kLongest = int64_t{365} * 86400 * 1000;  // does not overflow the clock
     const auto deadline =
         std::chrono::steady_clock::now() +
         std::chrono::milliseconds(milliseconds < 0 ? kLongest : std::min(milliseconds, kLongest));
@@ -167,8 +168,8 @@ telvora_status ApplicationSession::wait(int64_t milliseconds) {
     return std::exchange(firstFailure_, TELVORA_OK);
 }
 
-// Within exit(3), and on the thread that the callbacks run on, there is nothing to wait for: they don't run
-// any more, or can't before this has returned.
+// Does not wait within exit(3), where callbacks do not run any more, or on the thread of the callbacks, which
+// this function occupies.
 void ApplicationSession::end() {
     ended_ = true;
     target_->close();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ApplicationSession: what a telvora_session is behind the C interface: it counts what runs, so that one can
-// wait for it, and runs the application's callbacks, as long as they may run.
+// ApplicationSession: the object behind a telvora_session. It counts the calls and callbacks under way, so
+// that the application can wait for them, and runs the application's callbacks as long as they may run.
 #pragma once
 
 #include <condition_variable>
@@ -13,21 +13,21 @@ namespace telvora {
 
 class ApplicationSession : public std::enable_shared_from_this<ApplicationSession> {
   public:
-    // `options` are complete, whatever the version of the program that they come from.
+    // `options` have all members of this version.
     static std::shared_ptr<ApplicationSession> make(const telvora_session_options& options);
 
-    // These are as telvora.h has them for all calls, and for those of their names.
+    // See telvora.h.
     telvora_status call(Request request, telvora_completion completion, void* context);
     telvora_status uploadFile(const char* path, telvora_completion completion, void* context);
     telvora_status wait(int64_t milliseconds) TELVORA_EXCLUDES(lock_);
     void end() TELVORA_EXCLUDES(lock_);
     uint64_t lostCalls() const { return inherited() ? 0 : target_->lostCalls(); }
 
-    // In a forked child nothing else here may be called, not even the destructor.
+    // In a forked child no other function may be called, not even the destructor.
     bool inherited() const { return runtime_.inherited(); }
 
   private:
-    // Something that wait() or end() waits for, for as long as it lives.
+    // wait() and end() wait until all objects of this class are destroyed.
     class Work {
       public:
         explicit Work(std::shared_ptr<ApplicationSession> session);
@@ -47,8 +47,8 @@ class ApplicationSession : public std::enable_shared_from_this<ApplicationSessio
     telvora_status failed(telvora_status status) TELVORA_EXCLUDES(lock_);
 
     ProcessRuntime& runtime_;
-    const telvora_session_options options_;  // its strings are not kept
-    std::shared_ptr<SessionTarget> target_;  // set by make(), for good
+    const telvora_session_options options_;  // its strings must not be used later
+    std::shared_ptr<SessionTarget> target_;  // set once, by make()
 
     Mutex lock_;
     std::condition_variable_any workDone_;

@@ -12,10 +12,15 @@
 
 namespace telvora {
 
-// The background thread on which all sessions of a process talk to the daemon and run their callbacks. It is
-// started with the first session; signals are none of its business. Thread-safe. To be destroyed after its
-// sessions, and not on its own thread, that is in a callback; callbacks that have not run by then are told
-// that the connection is lost.
+// Held while a session connects. fork(2) waits for it (process_runtime.cpp), so the locks that connecting
+// takes, those of libsystemd among them, are free in the child, and the child can connect sessions of its
+// own.
+inline Mutex forkLock{LockRank::fork};
+
+// The background thread on which all sessions of a process communicate with the daemon and run their
+// callbacks. It starts with the first session and blocks all signals. Thread-safe. Must be destroyed after
+// its sessions, and not in a callback; completions that have not run by then get
+// CallFailure::Kind::kConnectionLost.
 class ClientRuntime {
   public:
     ClientRuntime() = default;
@@ -23,8 +28,7 @@ class ClientRuntime {
     ClientRuntime(const ClientRuntime&) = delete;
     ClientRuntime& operator=(const ClientRuntime&) = delete;
 
-    // Work for the thread, in order. Starts the thread when there is none; throws std::system_error when it
-    // can't be started.
+    // A strand of the thread. Starts the thread if it does not run; throws std::system_error if that fails.
     Strand makeStrand() TELVORA_EXCLUDES(lock_) {
         const MutexLock lock(lock_);
         if (!pool_) {
@@ -34,8 +38,7 @@ class ClientRuntime {
         return pool_->makeStrand();
     }
 
-    // Runs `due` once after `delay`, on the thread, unless the timer that it returns has been given up by
-    // then.
+    // Runs `due` once on the thread, after `delay`, unless the returned timer has been destroyed by then.
     std::shared_ptr<void> startTimer(std::chrono::milliseconds delay, std::function<void()> due)
         TELVORA_EXCLUDES(lock_) {
         auto timer = std::make_shared<asio::steady_timer>(makeStrand(), delay);
@@ -46,7 +49,7 @@ class ClientRuntime {
     }
 
   private:
-    // A thread starts with its maker's signal mask. What a thread raises itself stays its own.
+    // A thread inherits its creator's signal mask. Signals that a thread raises itself stay unblocked.
     class NoSignals {
       public:
         NoSignals() {

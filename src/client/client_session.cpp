@@ -10,20 +10,11 @@
 #include <limits>
 
 #include "client/client_session_connection.h"
-#include "protocol/client_session_wire.h"
 #include "telvora/keys.h"
 
 namespace telvora {
 
 namespace {
-
-size_t index(SessionMethod method) {
-    return static_cast<size_t>(method);
-}
-
-constexpr auto kNoArguments = [](ArgumentWriter&) {};
-constexpr auto kReadString = [](ArgumentReader& in) { return in.string(); };
-constexpr auto kReadOptionalString = [](ArgumentReader& in) { return in.optionalString(); };
 
 tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
     const auto failure = [&path](int error) {
@@ -120,52 +111,29 @@ void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Diction
         sessionInfo_ = sessionInfo;
         frameworksToCheck_ = frameworksToCheck;
     }
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kSetSessionInfo),
-        [sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo),
-         frameworks = std::move(frameworksToCheck),
-         aggregates = connection_->aggregates()](ArgumentWriter& out) {
-            out.dictionary(sessionInfo);
-            out.optionalDictionary(userInfo);
-            out.strings(frameworks);
-            out.boolean(aggregates);
-        },
-        [](ArgumentReader&) {}, std::move(completion));
+    connection_->call(kSetSessionInfo, std::move(completion), std::move(sessionInfo), std::move(userInfo),
+                      std::move(frameworksToCheck), connection_->aggregates());
 }
 
 void ClientSession::startConfig(Completion<ReportingStates> completion) {
-    connection_->callForStates(SessionMethod::kStartConfig, kNoArguments, std::move(completion));
+    connection_->callForStates(kStartConfig, std::move(completion));
 }
 
 void ClientSession::fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion) {
-    connection_->callForStates(
-        SessionMethod::kFetchStates,
-        [userInfo = std::move(userInfo)](ArgumentWriter& out) { out.optionalDictionary(userInfo); },
-        std::move(completion));
+    connection_->callForStates(kFetchStates, std::move(completion), std::move(userInfo));
 }
 
 void ClientSession::fetchDisplayURL(Completion<std::string> completion) {
-    connection_->call(clientSessionBusInterface(), index(SessionMethod::kFetchDisplayURL), kNoArguments,
-                      kReadString, std::move(completion));
+    connection_->call(kFetchDisplayURL, std::move(completion));
 }
 
 void ClientSession::sendMessage(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                 Completion<std::optional<std::string>> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithCategory),
-        [category, type, payload = std::move(payload)](ArgumentWriter& out) {
-            out.u16(category);
-            out.u16(type);
-            out.optionalDictionary(payload);
-        },
-        kReadOptionalString, std::move(completion));
+    connection_->call(kSendMessageWithCategory, std::move(completion), category, type, std::move(payload));
 }
 
 void ClientSession::sendMessage(Dictionary message, Completion<std::optional<std::string>> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithDictionary),
-        [message = std::move(message)](ArgumentWriter& out) { out.dictionary(message); }, kReadOptionalString,
-        std::move(completion));
+    connection_->call(kSendMessageWithDictionary, std::move(completion), std::move(message));
 }
 
 void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
@@ -173,59 +141,27 @@ void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
 }
 
 void ClientSession::finishSession(Completion<std::optional<std::string>> completion) {
-    connection_->call(clientSessionBusInterface(), index(SessionMethod::kFinishSession), kNoArguments,
-                      kReadOptionalString, std::move(completion));
+    connection_->call(kFinishSession, std::move(completion));
 }
 
 void ClientSession::issueFileExtension(std::string path, UniqueFd file, Completion<std::string> completion) {
-    // A shared pointer, because what waits in the queue has to be copyable.
-    connection_->call(
-        sandboxExtensionBusInterface(), 0,
-        [path = std::move(path), file = std::make_shared<UniqueFd>(std::move(file))](ArgumentWriter& out) {
-            out.string(path);
-            out.file(file->get());
-        },
-        kReadString, std::move(completion));
+    connection_->call(kIssueFileExtension, std::move(completion), std::move(path), std::move(file));
 }
 
 void ClientSession::uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kUploadFileAtPath),
-        [fileURL = std::move(fileURL), extensionToken = std::move(extensionToken)](ArgumentWriter& out) {
-            out.string(fileURL);
-            out.string(extensionToken);
-        },
-        [](ArgumentReader& in) { return in.boolean(); }, std::move(completion));
+    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL), std::move(extensionToken));
 }
 
 void ClientSession::uploadLogData(Array records, Completion<UploadAnswer> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kUploadLogData),
-        [records = std::move(records)](ArgumentWriter& out) { out.array(records); },
-        [](ArgumentReader& in) {
-            UploadAnswer answer;
-            answer.uploaded = in.boolean();
-            answer.error = in.optionalError();
-            return answer;
-        },
-        std::move(completion));
+    connection_->call(kUploadLogData, std::move(completion), std::move(records));
 }
 
 void ClientSession::sendSingleMessage(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                       uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                       Completion<std::string> completion) {
-    connection_->call(
-        clientSessionBusInterface(), index(SessionMethod::kSendMessageWithSessionInfo),
-        [connection = connection_, sessionInfo = std::move(sessionInfo), userInfo = std::move(userInfo),
-         category, type, payload = std::move(payload)](ArgumentWriter& out) {
-            connection->changeStates();
-            out.dictionary(sessionInfo);
-            out.optionalDictionary(userInfo);
-            out.u16(category);
-            out.u16(type);
-            out.optionalDictionary(payload);
-        },
-        kReadString, std::move(completion));
+    connection_->callThatChangesStates(kSendMessageWithSessionInfo, std::move(completion),
+                                       std::move(sessionInfo), std::move(userInfo), category, type,
+                                       std::move(payload));
 }
 
 }  // namespace telvora

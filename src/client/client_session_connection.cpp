@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/client_session_connection.h"
 
+#include "protocol/method_export.h"
 #include "util/log.h"
 
 namespace telvora {
 
 namespace {
 
-// How the daemon turns a client away.
+// The loss reason of a connection that ends without any answer: the daemon refuses a client this way.
 constexpr char kTurnedAway[] =
     "the daemon closed the connection without an answer: most likely this program is not entitled "
     "(telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
@@ -17,9 +18,10 @@ constexpr char kTurnedAway[] =
 tl::expected<void, std::string> ClientSession::Connection::start(UniqueFd socket) {
     const auto bus = BusConnection::make(strand_, std::move(socket), BusRole::kClient);
     if (!bus) return tl::unexpected(bus.error());
-    const auto exported =
-        (*bus)->exportInterface(kTelvoradClientPath, clientSessionReplyBusInterface(),
-                                {[this](BusMessage& call) { return messageToClient(call); }});
+    const auto exported = exportMethods<kClientMessageMethods>(**bus, [this](const auto& run) {
+        answered_ = true;
+        return run(*this);
+    });
     if (!exported) return exported;
     bus_ = bus->get();
     bus_->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); });
@@ -42,15 +44,8 @@ void ClientSession::Connection::ended(const std::string& reason) {
 
 void ClientSession::Connection::flush(Completion<FlushAnswer> completion) {
     const auto number = std::make_shared<size_t>(0);
-    const std::weak_ptr<FlushWatch::Flush> flush = call<FlushAnswer>(
-        clientSessionBusInterface(), static_cast<size_t>(SessionMethod::kFlushMessages),
-        [self = shared_from_this(), number](ArgumentWriter&) { *number = self->flushes_.newestStates(); },
-        [](ArgumentReader& in) {
-            FlushAnswer answer;
-            answer.answer = in.optionalString();
-            answer.error = in.optionalError();
-            return answer;
-        },
+    const std::weak_ptr<FlushWatch::Flush> flush = callAfter(
+        kFlushMessages, [number](Connection& self) { *number = self.flushes_.newestStates(); },
         std::move(completion));
     asio::post(strand_, [self = shared_from_this(), number, flush] {
         self->flushes_.add(flush, *number);
@@ -62,43 +57,33 @@ void ClientSession::Connection::probeFlushes() {
     if (followsParent_) return;
     FlushWatch::Suspects suspects = flushes_.takeSuspects();
     if (suspects.empty()) return;
-    call<std::string>(
-        clientSessionBusInterface(), static_cast<size_t>(SessionMethod::kFetchDisplayURL),
-        [](ArgumentWriter&) {}, [](ArgumentReader& in) { return in.string(); },
-        [suspects = std::move(suspects)](const auto& answer) {
-            if (answer) FlushWatch::convict(suspects);
-        });
+    call<std::string>(kFetchDisplayURL, [suspects = std::move(suspects)](const auto& answer) {
+        if (answer) FlushWatch::convict(suspects);
+    });
 }
 
-BusMessage ClientSession::Connection::newCall(const BusInterface& interface, size_t method) {
-    if (bus_ == nullptr) return {};
-    return bus_->newCall(kTelvoradPath, interface.name().c_str(), interface.methods()[method].name.c_str());
+// Counts a call as pending while the result exists. Null if too many are pending.
+std::shared_ptr<void> ClientSession::Connection::takePendingCall() {
+    if (pendingCalls_.fetch_add(1, std::memory_order_relaxed) >= kMaxPendingCalls) {
+        pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
+        return nullptr;
+    }
+    return {this, [self = shared_from_this()](void*) {
+                self->pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
+            }};
 }
 
-// What can't be sent is destroyed, and with it the handler, which tells the caller.
+// If the call can't be sent, the handler is destroyed, and its completion runs then.
 void ClientSession::Connection::send(BusMessage message, BusConnection::ReplyHandler handler) {
     const auto sent = bus_->call(std::move(message), std::move(handler));
     if (!sent) TELVORA_LOG(kLogDebug, "ClientSession(send): %s", sent.error().c_str());
 }
 
-std::optional<BusError> ClientSession::Connection::messageToClient(BusMessage& call) {
-    answered_ = true;
-    ArgumentReader in(call);
-    AggregatedMessage message;
-    message.sessionInfo = in.optionalDictionary();
-    message.timestamp = in.real();
-    message.category = in.u16();
-    message.type = in.u16();
-    message.payload = in.optionalDictionary();
-    if (!in.ok()) return BusError{kBusErrorInvalidArgs, in.failure()};
-    if (handlers_.aggregationBlock && !invalidated_) handlers_.aggregationBlock(std::move(message));
-    return std::nullopt;
-}
-
-std::string ClientSession::Connection::errorText(const BusMessage& reply) {
-    const sd_bus_error* error = reply.error();
-    const std::string name = error->name != nullptr ? error->name : "error";
-    return error->message != nullptr ? name + ": " + error->message : name;
+void ClientSession::Connection::messageToClient(std::optional<Dictionary> sessionInfo, double timestamp,
+                                                uint16_t category, uint16_t type,
+                                                std::optional<Dictionary> payload) {
+    if (!handlers_.aggregationBlock || invalidated_) return;
+    handlers_.aggregationBlock({std::move(sessionInfo), timestamp, category, type, std::move(payload)});
 }
 
 }  // namespace telvora

@@ -1,30 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The part of a session that lives on the runtime's thread.
+// The part of a session that runs on the runtime's thread.
 #pragma once
 
 #include <asio/post.hpp>
 #include <atomic>
 #include <utility>
 
-#include "bus/bus_connection.h"
 #include "client/client_session.h"
 #include "client/flush_watch.h"
-#include "protocol/client_session_wire.h"
-#include "protocol/property_list_codec.h"
+#include "protocol/client_session_methods.h"
+#include "protocol/method_call.h"
 
 namespace telvora {
 
-// Why a connection's unanswered calls get no answer. Set before the first of them is told.
+// The reason why a connection's unanswered calls get no answer. Set before the first of their completions
+// runs.
 using LossReason = std::shared_ptr<std::string>;
 
-// Runs a completion exactly once: with the answer, or, where that never comes, from its destructor.
+// Runs a completion exactly once: with the answer, or from its destructor with a failure.
 template <typename T>
 class CompletionOnce {
   public:
     CompletionOnce(Completion<T> completion, LossReason loss)
         : completion_(std::move(completion)), loss_(std::move(loss)) {}
-    ~CompletionOnce() { (*this)(tl::unexpected(CallFailure{CallFailure::Kind::kConnectionLost, *loss_})); }
+    ~CompletionOnce() { fail(CallFailure::Kind::kConnectionLost, *loss_); }
     CompletionOnce(const CompletionOnce&) = delete;
     CompletionOnce& operator=(const CompletionOnce&) = delete;
 
@@ -40,7 +40,8 @@ class CompletionOnce {
     const LossReason loss_;
 };
 
-class ClientSession::Connection : public std::enable_shared_from_this<ClientSession::Connection> {
+class ClientSession::Connection : public ClientMessageInterface,
+                                  public std::enable_shared_from_this<ClientSession::Connection> {
   public:
     Connection(Strand strand, Handlers handlers)
         : strand_(std::move(strand)), handlers_(std::move(handlers)) {}
@@ -53,70 +54,39 @@ class ClientSession::Connection : public std::enable_shared_from_this<ClientSess
 
     // Whether a session above this one can change its states.
     void setFollowsParent(bool follows) { followsParent_ = follows; }
-    // On the strand, as a call is written that may change the states.
-    size_t changeStates() { return flushes_.changeStates(); }
-    // These are call()s.
-    template <typename Write>
-    void callForStates(SessionMethod method, Write write, Completion<ReportingStates> completion);
+
+    // Sends one call. `arguments` are those of the method, `T` is as for readAnswer(). Callable from any
+    // thread.
+    template <typename T, typename Handler, typename... Arguments>
+    void call(const Method<Handler>& method, Completion<T> completion, Arguments... arguments) {
+        callAfter(
+            method, [](Connection&) {}, std::move(completion), std::move(arguments)...);
+    }
+    // As call(), for calls that may change the session's states.
+    template <typename T, typename Handler, typename... Arguments>
+    void callThatChangesStates(const Method<Handler>& method, Completion<T> completion,
+                               Arguments... arguments) {
+        callAfter(
+            method, [](Connection& self) { self.flushes_.changeStates(); }, std::move(completion),
+            std::move(arguments)...);
+    }
+    // As call(), for calls that change the states and are answered with them.
+    template <typename Handler, typename... Arguments>
+    void callForStates(const Method<Handler>& method, Completion<ReportingStates> completion,
+                       Arguments... arguments);
     void flush(Completion<FlushAnswer> completion);
 
-    // Sends one call: `write` appends its arguments on the strand, `read` makes the answer of the reply's.
-    template <typename T, typename Write, typename Read>
-    std::shared_ptr<CompletionOnce<T>> call(const BusInterface& interface, size_t method, Write write,
-                                            Read read, Completion<T> completion) {
-        auto once = std::make_shared<CompletionOnce<T>>(std::move(completion), loss_);
-        if (pendingCalls_.fetch_add(1, std::memory_order_relaxed) >= kMaxPendingCalls) {
-            pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
-            asio::post(strand_, [once] {
-                once->fail(CallFailure::Kind::kTooManyCalls, "too many calls wait for their answer");
-            });
-            return once;
-        }
-        // Counts the call as pending for as long as anything of it exists.
-        std::shared_ptr<void> pending(nullptr, [self = shared_from_this()](void*) {
-            self->pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
-        });
-        asio::post(strand_, [self = shared_from_this(), &interface, method, write = std::move(write),
-                             read = std::move(read), once, pending = std::move(pending)]() mutable {
-            BusMessage message = self->newCall(interface, method);
-            if (!message) return;  // and `once` tells
-            ArgumentWriter out(message);
-            write(out);
-            if (out.result() < 0) {
-                return once->fail(CallFailure::Kind::kInvalid, "the arguments can't be sent");
-            }
-            if (message.bodySize() > kMaxCallBytes) {
-                return once->fail(CallFailure::Kind::kInvalid, "the arguments are too large");
-            }
-            self->send(std::move(message),
-                       [self, read = std::move(read), once, pending = std::move(pending)](BusMessage& reply) {
-                           self->answered_ = true;
-                           finish(reply, read, *once);
-                       });
-        });
-        return once;
-    }
-
   private:
-    BusMessage newCall(const BusInterface& interface, size_t method);
+    // Runs `beforeWrite` on the strand right before the arguments are written.
+    template <typename T, typename Handler, typename BeforeWrite, typename... Arguments>
+    std::shared_ptr<CompletionOnce<T>> callAfter(const Method<Handler>& method, BeforeWrite beforeWrite,
+                                                 Completion<T> completion, Arguments... arguments);
+    std::shared_ptr<void> takePendingCall();
     void send(BusMessage message, BusConnection::ReplyHandler handler);
-    std::optional<BusError> messageToClient(BusMessage& call);
+    void messageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
+                         uint16_t type, std::optional<Dictionary> payload) override;
     void ended(const std::string& reason);
     void probeFlushes();
-    static std::string errorText(const BusMessage& reply);
-
-    template <typename T, typename Read>
-    static void finish(BusMessage& reply, const Read& read, CompletionOnce<T>& completion) {
-        if (reply.error() != nullptr) return completion.fail(CallFailure::Kind::kRefused, errorText(reply));
-        ArgumentReader in(reply);
-        if constexpr (std::is_void_v<T>) {
-            completion({});
-        } else {
-            T answer = read(in);
-            if (!in.ok()) return completion.fail(CallFailure::Kind::kInvalid, in.failure());
-            completion(std::move(answer));
-        }
-    }
 
     const Strand strand_;
     const Handlers handlers_;
@@ -130,23 +100,62 @@ class ClientSession::Connection : public std::enable_shared_from_this<ClientSess
     FlushWatch flushes_;
 };
 
-template <typename Write>
-void ClientSession::Connection::callForStates(SessionMethod method, Write write,
-                                              Completion<ReportingStates> completion) {
+template <typename T, typename Handler, typename BeforeWrite, typename... Arguments>
+std::shared_ptr<CompletionOnce<T>> ClientSession::Connection::callAfter(const Method<Handler>& method,
+                                                                        BeforeWrite beforeWrite,
+                                                                        Completion<T> completion,
+                                                                        Arguments... arguments) {
+    auto once = std::make_shared<CompletionOnce<T>>(std::move(completion), loss_);
+    std::shared_ptr<void> pending = takePendingCall();
+    if (!pending) {
+        asio::post(strand_, [once] {
+            once->fail(CallFailure::Kind::kTooManyCalls, "too many calls wait for their answer");
+        });
+        return once;
+    }
+    asio::post(strand_, [self = shared_from_this(), &method, beforeWrite = std::move(beforeWrite),
+                         arguments = std::tuple<Arguments...>(std::move(arguments)...), once,
+                         pending = std::move(pending)]() mutable {
+        BusMessage message = self->bus_ != nullptr ? newCall(*self->bus_, method) : BusMessage();
+        if (!message) return;  // the destructor of `once` runs the completion
+        beforeWrite(*self);
+        const auto write = [&](const auto&... values) { return writeArguments(message, method, values...); };
+        if (std::apply(write, arguments) < 0) {
+            return once->fail(CallFailure::Kind::kInvalid, "the arguments can't be sent");
+        }
+        if (message.bodySize() > kMaxCallBytes) {
+            return once->fail(CallFailure::Kind::kInvalid, "the arguments are too large");
+        }
+        self->send(std::move(message),
+                   [self, &method, once, pending = std::move(pending)](BusMessage& reply) {
+                       self->answered_ = true;
+                       if (const auto error = reply.error()) {
+                           const std::string& text = error->message;
+                           return once->fail(CallFailure::Kind::kRefused,
+                                             text.empty() ? error->name : error->name + ": " + text);
+                       }
+                       (*once)(readAnswer<T>(reply, method).map_error([](std::string text) {
+                           return CallFailure{CallFailure::Kind::kInvalid, std::move(text)};
+                       }));
+                   });
+    });
+    return once;
+}
+
+template <typename Handler, typename... Arguments>
+void ClientSession::Connection::callForStates(const Method<Handler>& method,
+                                              Completion<ReportingStates> completion,
+                                              Arguments... arguments) {
     const auto number = std::make_shared<size_t>(0);
-    call<ReportingStates>(
-        clientSessionBusInterface(), static_cast<size_t>(method),
-        [self = shared_from_this(), number, write = std::move(write)](ArgumentWriter& out) {
-            *number = self->changeStates();
-            write(out);
-        },
-        [](ArgumentReader& in) { return in.optionalStrings(); },
+    callAfter<ReportingStates>(
+        method, [number](Connection& self) { *number = self.flushes_.changeStates(); },
         [self = shared_from_this(), number,
          completion = std::move(completion)](tl::expected<ReportingStates, CallFailure> answer) {
             if (answer) self->flushes_.answerStates(*number, *answer);
             if (completion) completion(std::move(answer));
             self->probeFlushes();
-        });
+        },
+        std::move(arguments)...);
 }
 
 }  // namespace telvora

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Between the handles of the C interface and what is behind them. Values and answers are lent to the
-// application where they stand: their handles are the objects' own addresses, of types that nobody defines.
+// Conversion between the handles of the C interface and the objects behind them. Handles of values and
+// answers are the objects' own addresses, as pointers to incomplete types; the application borrows the
+// objects.
 #pragma once
 
 #include <memory>
@@ -40,12 +41,12 @@ inline const Answer* unwrap(const telvora_answer* answer) {
     return reinterpret_cast<const Answer*>(answer);
 }
 
-// The dictionary that the value is, or null.
+// The value as a dictionary; null if it is of another type.
 inline const Dictionary* dictionaryIn(const telvora_value* value) {
     return value != nullptr ? unwrap(value)->getIf<Dictionary>() : nullptr;
 }
 
-// A value that an argument gives as a pointer: nothing for NULL. False when it is of another type.
+// Copies an optional argument; NULL leaves `into` empty. False if the value is of another type.
 template <typename T>
 bool take(const telvora_value* value, std::optional<T>& into) {
     if (value == nullptr) return true;
@@ -54,7 +55,7 @@ bool take(const telvora_value* value, std::optional<T>& into) {
     return found != nullptr;
 }
 
-// Nothing is thrown across the C interface: runs `body`, which returns `R`; `shortage` where it throws.
+// No exception crosses the C interface: the result of `body`, or `shortage` if it throws.
 template <typename R, typename Body>
 R guarded(R shortage, Body body) noexcept {
     try {

@@ -5,8 +5,6 @@
 
 #include <cstdlib>
 
-#include "client/fork_lock.h"
-
 namespace telvora {
 
 std::atomic<ProcessRuntime*> ProcessRuntime::current = nullptr;
@@ -22,8 +20,8 @@ void afterFork() TELVORA_NO_THREAD_SAFETY_ANALYSIS {
     forkLock.unlock();
 }
 
-// How many forks lie between this process and the one that loaded the library. Unlike a process ID, it costs
-// no system call to look at.
+// The number of forks between the process that loaded the library and this one. Unlike a process ID, reading
+// it needs no system call.
 std::atomic<unsigned> forks = 0;
 
 void afterForkInChild() {
@@ -31,9 +29,9 @@ void afterForkInChild() {
     afterFork();
 }
 
-// From the library's loading on, so that no fork can come between a runtime and this.
+// Registered when the library is loaded, before any runtime exists.
 [[maybe_unused]] const int forksAreSeen = pthread_atfork(beforeFork, afterFork, afterForkInChild);
-std::atomic_flag exitIsSeen = ATOMIC_FLAG_INIT;  // children inherit what is registered
+std::atomic_flag exitIsSeen = ATOMIC_FLAG_INIT;  // children inherit the registration
 
 }  // namespace
 

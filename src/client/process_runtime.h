@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ProcessRuntime: what all sessions of libtelvora share in one process, and what becomes of it when the
-// process forks or exits. A C interface has no other place for it than the process itself.
+// ProcessRuntime: the state that all sessions of libtelvora share in one process, and its behaviour at
+// fork(2) and exit(3). The C interface passes no context, so the object is global.
 //
-// It is never destroyed: its thread, and the application's, may use it until the process is gone. A child
-// process makes its own; the parent's stays in its memory untouched, with locks that a thread which the child
-// does not have may hold.
+// It is never destroyed: its thread, and the application's, may use it until the process ends. A child
+// process makes its own. The parent's stays in the child's memory unused: a thread that does not exist in the
+// child may hold its locks.
 #pragma once
 
 #include <atomic>
@@ -20,7 +20,7 @@ class ProcessRuntime {
     // How long exit(3) waits for answers.
     static constexpr std::chrono::milliseconds kExitPatience{250};
 
-    // This process's; made by the first use. Throws std::bad_alloc.
+    // The object of this process; the first use makes it. Throws std::bad_alloc.
     static ProcessRuntime& ofThisProcess();
     ProcessRuntime(const ProcessRuntime&) = delete;
     ProcessRuntime& operator=(const ProcessRuntime&) = delete;
@@ -28,14 +28,14 @@ class ProcessRuntime {
     ClientRuntime& client() { return client_; }
     // Whether the calling process has forked from the one that this belongs to.
     bool inherited() const;
-    // Whether exit(3) has begun: no callback of the application may begin then.
+    // Whether exit(3) has begun: no callback of the application may start then.
     bool exiting() const { return exiting_.load(); }
 
-    // Bracket what exit(3) waits for.
+    // Begin and end of work that exit(3) waits for.
     void workBegins() { ++work_; }
     void workEnds();
 
-    // While the application's code runs on the library's thread.
+    // Exists while the application's code runs on the library's thread.
     class Callback {
       public:
         Callback() { running = true; }
@@ -58,7 +58,7 @@ class ProcessRuntime {
     ClientRuntime client_;
     std::atomic<bool> exiting_ = false;
     std::atomic<size_t> work_ = 0;
-    std::mutex lock_;  // for the condition only: what it waits for is atomic
+    std::mutex lock_;  // for the condition only: work_ is atomic
     std::condition_variable workDone_;
 };
 

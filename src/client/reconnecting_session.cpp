@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "client/fork_lock.h"
 #include "telvora/keys.h"
 
 namespace telvora {
@@ -29,20 +28,20 @@ telvora_status ReconnectingSession::call(Request request, AnswerHandler done) {
     const bool connected = !fresh || connectForCall();
     if (connected && link_->unanswered.load() >= ClientSession::kMaxPendingCalls) return TELVORA_ERROR_BUSY;
 
-    const bool tells = request.operation == Operation::kSetSessionInfo;
+    const bool setsInfo = request.operation == Operation::kSetSessionInfo;
     const bool starts = request.operation == Operation::kStartConfig;
     remember(request);
     if (!connected) return TELVORA_ERROR_UNAVAILABLE;
-    if (fresh) replay(!tells, !tells && !starts);
+    if (fresh) replay(!setsInfo, !setsInfo && !starts);
     send(std::move(request), std::move(done));
-    if (fresh && tells) replay(false, true);
+    if (fresh && setsInfo) replay(false, true);
     return TELVORA_OK;
 }
 
 bool ReconnectingSession::connectForCall() {
     const auto now = clock_();
     if (now < nextAttempt_) return false;
-    nextAttempt_ = now + kRest;
+    nextAttempt_ = now + kMinRetryDelay;
     return connect();
 }
 
@@ -70,15 +69,15 @@ bool ReconnectingSession::connect() {
     return true;
 }
 
-// Calls meanwhile try on their own, so that they find a new daemon as soon as ever.
-void ReconnectingSession::comeBack(bool atOnce) {
+// Calls that come meanwhile connect on their own, so that they reach a new daemon as early as possible.
+void ReconnectingSession::reconnect(bool atOnce) {
     const MutexLock lock(lock_);
     if (link_ || closed_ || !handlers_.message || !info_) return;
     if (atOnce && connect()) return replay(true, true);
     retry_ = startTimer_(retryDelay_, [self = weak_from_this()] {
-        if (const auto still = self.lock()) still->comeBack(true);
+        if (const auto still = self.lock()) still->reconnect(true);
     });
-    retryDelay_ = std::min<std::chrono::milliseconds>(2 * retryDelay_, kLongestRest);
+    retryDelay_ = std::min<std::chrono::milliseconds>(2 * retryDelay_, kMaxRetryDelay);
 }
 
 void ReconnectingSession::remember(const Request& request) {
@@ -105,7 +104,7 @@ void ReconnectingSession::remember(const Request& request) {
     }
 }
 
-// As the daemon does: a session that requires user info keeps what it has when it is told that there is none.
+// As in the daemon: a session that requires user info keeps it when a call has none.
 void ReconnectingSession::rememberUserInfo(const std::optional<Dictionary>& userInfo) {
     if (info_ && (userInfo || !requiresUserInfo_)) info_->userInfo = userInfo;
 }
@@ -123,9 +122,9 @@ void ReconnectingSession::replay(bool info, bool start) {
         }
     };
     if (info) {
-        Completion<void> told;
-        if (!start) told = restored;
-        session.setSessionInfo(info_->sessionInfo, info_->userInfo, info_->frameworksToCheck, told);
+        Completion<void> completion;
+        if (!start) completion = restored;
+        session.setSessionInfo(info_->sessionInfo, info_->userInfo, info_->frameworksToCheck, completion);
     }
     if (start) {
         link_->started = true;
@@ -137,37 +136,38 @@ void ReconnectingSession::send(Request request, AnswerHandler done) {
     if (request.operation == Operation::kStartConfig && std::exchange(link_->started, true))
         link_->session->flushMessages({});
     ++link_->unanswered;
-    carryOut(link_->session, std::move(request),
-             [self = weak_from_this(), link = link_, done = std::move(done)](Answer answer) {
-                 --link->unanswered;
-                 if (answer.status == TELVORA_OK || answer.status == TELVORA_ERROR_REFUSED) link->good = true;
-                 if (answer.status == TELVORA_ERROR_LOST) {
-                     const auto still = self.lock();
-                     if (!still || still->closed_) {
-                         answer.status = TELVORA_ERROR_CLOSED;
-                     } else if (!link->ended) {
-                         ++still->lostCalls_;  // it was the first to find the connection dead
-                     }
-                 }
-                 done(std::move(answer));
-             });
+    telvora::send(link_->session, std::move(request),
+                  [self = weak_from_this(), link = link_, done = std::move(done)](Answer answer) {
+                      --link->unanswered;
+                      if (answer.status == TELVORA_OK || answer.status == TELVORA_ERROR_REFUSED)
+                          link->good = true;
+                      if (answer.status == TELVORA_ERROR_LOST) {
+                          const auto still = self.lock();
+                          if (!still || still->closed_) {
+                              answer.status = TELVORA_ERROR_CLOSED;
+                          } else if (!link->ended) {
+                              ++still->lostCalls_;  // the first call to find the connection lost
+                          }
+                      }
+                      done(std::move(answer));
+                  });
 }
 
-// Everything that was called on the link, and has not been answered by now, never will be: this runs where
-// the answers run, and before the calls are told.
+// This runs on the thread of the answers and before the completions of lost calls: every call of the link
+// that is unanswered now stays so.
 void ReconnectingSession::connectionLost(const std::shared_ptr<Link>& link, const std::string& reason) {
-    const bool lasted = link->good && clock_() - link->since >= kRest;
+    const bool lasted = link->good && clock_() - link->since >= kMinRetryDelay;
     {
         const MutexLock lock(lock_);
         if (link_ != link) return;
         link_ = nullptr;
         if (link->good) nextAttempt_ = {};
-        if (lasted) retryDelay_ = kRest;
+        if (lasted) retryDelay_ = kMinRetryDelay;
         link->ended = true;
         lostCalls_ += link->unanswered.load();
     }
     if (handlers_.connection) handlers_.connection(TELVORA_CONNECTION_LOST, lostCalls(), reason);
-    comeBack(lasted);
+    reconnect(lasted);
 }
 
 void ReconnectingSession::close() {

@@ -2,7 +2,7 @@
 //
 // ReconnectingSession: a session that outlives its connections.
 //
-//              a call, and no attempt within the last second; or the session's own return
+//              a call, and no attempt within the last second; or the session's own retry
 //              ┌────────────────────────────────────────────────────────────────┐
 //              │                                                                ▼
 //       ┌─────────────┐  the attempt fails: kept for replay, UNAVAILABLE  ┌────────────┐
@@ -15,24 +15,24 @@
 //              └──────────────────────────────────────────────────────────│ connected │──┐ a call: sent
 //                                                                         └───────────┘◀─┘
 //
-// - A call connects. Connecting does not block (unix(7): a local socket connects at once or not at all), so
+// - A call connects. Connecting does not block (unix(7): a local socket connects at once or fails), so
 //   "connecting" is a state only while the lock is held.
-// - Unconnected, a call within a second of an attempt that failed returns UNAVAILABLE without another. An
-//   attempt has also failed when its connection ends before it has brought any answer: that is how the daemon
-//   turns a client away. After a connection that was good, the next call tries at once.
-// - A session with a message handler returns by itself when it has lost its connection, for its children
-//   report without it meanwhile: at once after a connection that was good for a second, and else, or where
-//   that fails, after 1 s, 2 s, 4 s and so on, up to kLongestRest. Any other session has no timer, nor has
-//   this one before a loss or while it is connected.
-// - The replay restores the session that the daemon had: setSessionInfo with the newest user info, and
-//   startConfig if that was asked for, whether or not these calls arrived. User info that was withdrawn stays
-//   withdrawn, and the session's first report has the user info of the call at hand. What that call tells
-//   itself is left out, so that nothing is told twice. When the daemon has answered the replay,
-//   handlers.connection(RESTORED).
-// - A startConfig on a configured session makes the daemon's backends anew, without what they hold. A flush
-//   goes before it.
-// - A call that was on its way is never sent again: nobody knows whether the daemon has carried it out. It is
-//   answered LOST and counted.
+// - Unconnected, a call within a second of a failed attempt returns UNAVAILABLE without another attempt. An
+//   attempt has also failed if its connection ends before the first answer: the daemon refuses a client this
+//   way. After a good connection, the next call connects at once.
+// - A session with a message handler reconnects by itself, because its children report without it meanwhile:
+// at
+//   once after a connection that was good for a second; otherwise, or if that fails, after 1 s, 2 s, 4 s and
+//   so on, up to kMaxRetryDelay. All other sessions have no timer; this one has a timer only after a loss.
+// - The replay restores the daemon's session: setSessionInfo with the newest user info, and startConfig if
+// the
+//   application called it, whether or not these calls arrived. User info that was withdrawn stays withdrawn,
+//   and the session's first report has the user info of the current call. The replay leaves out a call that
+//   equals the current call. When the daemon has answered the replay, handlers.connection(RESTORED).
+// - A startConfig on a configured session makes the daemon's backends anew, without their batches. A flush
+//   precedes it.
+// - A call that was on its way is not sent again, because the daemon may have carried it out. It is answered
+//   LOST and counted.
 #pragma once
 
 #include <atomic>
@@ -46,12 +46,12 @@ class ReconnectingSession final : public SessionTarget,
                                   public std::enable_shared_from_this<ReconnectingSession> {
   public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
-    // Runs `due` once after `delay`, on the runtime's thread, unless the timer that it returns has been given
-    // up by then.
+    // Runs `due` once on the runtime's thread, after `delay`, unless the returned timer has been destroyed by
+    // then.
     using StartTimer =
         std::function<std::shared_ptr<void>(std::chrono::milliseconds delay, std::function<void()> due)>;
-    static constexpr std::chrono::seconds kRest{1};
-    static constexpr std::chrono::seconds kLongestRest{600};
+    static constexpr std::chrono::seconds kMinRetryDelay{1};
+    static constexpr std::chrono::seconds kMaxRetryDelay{600};
 
     // `runtime` outlives the session. Without `startTimer`, the runtime's timers.
     ReconnectingSession(ClientRuntime& runtime, std::string socketPath, Handlers handlers,
@@ -72,12 +72,12 @@ class ReconnectingSession final : public SessionTarget,
         std::atomic<size_t> unanswered = 0;  // calls of the application
         std::atomic<bool> good = false;      // an answer has come
         bool started = false;                // startConfig was called; under lock_
-        std::atomic<bool> ended = false;     // and what was unanswered is counted as lost
+        std::atomic<bool> ended = false;     // and its unanswered calls are counted as lost
     };
 
     bool connectForCall() TELVORA_REQUIRES(lock_);
     bool connect() TELVORA_REQUIRES(lock_);
-    void comeBack(bool atOnce) TELVORA_EXCLUDES(lock_);
+    void reconnect(bool atOnce) TELVORA_EXCLUDES(lock_);
     void remember(const Request& request) TELVORA_REQUIRES(lock_);
     void rememberUserInfo(const std::optional<Dictionary>& userInfo) TELVORA_REQUIRES(lock_);
     void replay(bool info, bool start) TELVORA_REQUIRES(lock_);
@@ -96,7 +96,7 @@ class ReconnectingSession final : public SessionTarget,
     std::shared_ptr<Link> link_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextAttempt_ TELVORA_GUARDED_BY(lock_);  // of a call
     std::shared_ptr<void> retry_ TELVORA_GUARDED_BY(lock_);  // the timer, while one runs
-    std::chrono::milliseconds retryDelay_ TELVORA_GUARDED_BY(lock_) = kRest;
+    std::chrono::milliseconds retryDelay_ TELVORA_GUARDED_BY(lock_) = kMinRetryDelay;
     std::optional<Request> info_ TELVORA_GUARDED_BY(lock_);  // the newest setSessionInfo
     bool requiresUserInfo_ TELVORA_GUARDED_BY(lock_) = false;
     bool started_ TELVORA_GUARDED_BY(lock_) = false;

@@ -7,78 +7,12 @@ namespace telvora {
 
 namespace {
 
-void setIf(Dictionary& dictionary, const char* key, const std::optional<Dictionary>& value) {
-    if (value) dictionary.set(key, *value);
-}
-
-// The arguments by their names; those that are nothing are left out.
-Dictionary describe(const Request& request, bool aggregates) {
-    Dictionary call{{"operation", operationName(request.operation)}};
-    const auto setMessage = [&] {
-        call.set("category", unsigned{request.category});
-        call.set("type", unsigned{request.type});
-        setIf(call, "payload", request.payload);
-    };
-    switch (request.operation) {
-        case Operation::kSetSessionInfo:
-            call.set("sessionInfo", request.sessionInfo);
-            call.set("frameworksToCheck",
-                     Array(request.frameworksToCheck.begin(), request.frameworksToCheck.end()));
-            call.set("hasAggregationBlock", aggregates);
-            setIf(call, "userInfo", request.userInfo);
-            break;
-        case Operation::kFetchStates:
-            setIf(call, "userInfo", request.userInfo);
-            break;
-        case Operation::kSendMessage:
-            setMessage();
-            break;
-        case Operation::kSendMessageDictionary:
-            call.set("message", request.message);
-            break;
-        case Operation::kUploadFile:
-            call.set("path", request.path);
-            break;
-        case Operation::kUploadLogData:
-            call.set("records", request.records);
-            break;
-        case Operation::kSendSingleMessage:
-            call.set("sessionInfo", request.sessionInfo);
-            setIf(call, "userInfo", request.userInfo);
-            setMessage();
-            break;
-        case Operation::kStartConfig:
-        case Operation::kFetchDisplayURL:
-        case Operation::kFlushMessages:
-        case Operation::kFinishSession:
-            break;
-    }
-    return call;
-}
-
-// Whether the status is one of an answer, and not of a call that was never made.
+// Whether a call with this status was sent.
 bool isAnswer(telvora_status status) {
     return status == TELVORA_OK || status == TELVORA_ERROR_LOST || status == TELVORA_ERROR_REFUSED;
 }
 
 }  // namespace
-
-Recorder::Reply Recorder::defaultReply(Operation operation) {
-    switch (operation) {
-        case Operation::kStartConfig:
-        case Operation::kFetchStates:
-            return {TELVORA_OK, Array{}};
-        case Operation::kFetchDisplayURL:
-            return {TELVORA_OK, "URL not available"};
-        case Operation::kUploadFile:
-        case Operation::kUploadLogData:
-            return {TELVORA_OK, true};
-        case Operation::kSendSingleMessage:
-            return {TELVORA_OK, "finished"};
-        default:
-            return {};
-    }
-}
 
 void Recorder::setReply(const std::optional<std::string>& operation, Reply reply) {
     const MutexLock lock(lock_);
@@ -95,7 +29,7 @@ Recorder::Reply Recorder::record(const Request& request, bool aggregates) {
     calls_.push_back(describe(request, aggregates));
     if (const auto set = replies_.find(operationName(request.operation)); set != replies_.end())
         return set->second;
-    return replyToAll_ ? *replyToAll_ : defaultReply(request.operation);
+    return replyToAll_ ? *replyToAll_ : Reply{TELVORA_OK, defaultAnswer(request.operation)};
 }
 
 void Recorder::addSession(std::weak_ptr<RecordedSession> session) {
@@ -145,8 +79,8 @@ const Strand& RecordedSession::strand() {
 
 telvora_status RecordedSession::call(Request request, AnswerHandler done) {
     const bool aggregates = handlers_->message != nullptr;
-    Recorder::Reply reply =
-        recorder_ ? recorder_->record(request, aggregates) : Recorder::defaultReply(request.operation);
+    Recorder::Reply reply = recorder_ ? recorder_->record(request, aggregates)
+                                      : Recorder::Reply{TELVORA_OK, defaultAnswer(request.operation)};
     if (!isAnswer(reply.status)) return reply.status;
     Answer answer{reply.status, {}, std::move(reply.value), std::nullopt};
     if (!request.awaited) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What takes the daemon's place in an application's own tests, and, without a recorder, where libtelvora is
-// switched off. Both classes are thread-safe.
+// Replaces the daemon in an application's own tests, and, without a recorder, where libtelvora is disabled.
+// Both classes are thread-safe.
 #pragma once
 
 #include <map>
@@ -19,12 +19,9 @@ class Recorder {
         std::optional<PropertyList> value;
     };
 
-    // What an operation is answered where nothing else was set.
-    static Reply defaultReply(Operation operation);
-
-    // For all operations of this name, or, with nothing, of any.
+    // Sets the reply to all operations of this name, or, with std::nullopt, to all operations.
     void setReply(const std::optional<std::string>& operation, Reply reply) TELVORA_EXCLUDES(lock_);
-    // Notes the call; what it is to be answered.
+    // Records the call and returns the reply to it.
     Reply record(const Request& request, bool aggregates) TELVORA_EXCLUDES(lock_);
     void addSession(std::weak_ptr<RecordedSession> session) TELVORA_EXCLUDES(lock_);
     void deliver(const AggregatedMessage& message) TELVORA_EXCLUDES(lock_);
@@ -43,7 +40,7 @@ class Recorder {
 
 class RecordedSession final : public SessionTarget {
   public:
-    // `recorder`: null where nothing is recorded. `runtime` outlives the session.
+    // `recorder`: null to record no calls. `runtime` outlives the session.
     RecordedSession(ClientRuntime& runtime, std::shared_ptr<Recorder> recorder, Handlers handlers);
 
     telvora_status call(Request request, AnswerHandler done) override TELVORA_EXCLUDES(lock_);
@@ -51,7 +48,7 @@ class RecordedSession final : public SessionTarget {
     uint64_t lostCalls() const override { return 0; }
     bool readsFiles() const override { return false; }
 
-    // Hands the message to the aggregation block, if there is one.
+    // Passes the message to the aggregation block, if there is one.
     void deliver(AggregatedMessage message) TELVORA_EXCLUDES(lock_);
 
   private:

@@ -59,7 +59,7 @@ Completion<T> answering(AnswerHandler done) {
     };
 }
 
-// Two calls: the daemon gives a token for the open file, and gets it back with the file's URL.
+// Two calls: the first turns the open file into a token, the second sends the token with the file's URL.
 void upload(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
     auto issued = [session = std::weak_ptr(session), path = request.path,
                    done = std::move(done)](tl::expected<std::string, CallFailure> token) {
@@ -71,66 +71,130 @@ void upload(const std::shared_ptr<ClientSession>& session, Request request, Answ
     session->issueFileExtension(std::move(request.path), std::move(request.file), std::move(issued));
 }
 
+// --- The operations ---
+
+enum Arguments : unsigned {
+    kNoArguments = 0,
+    kInfo = 1,
+    kFrameworks = 2,  // and whether the session aggregates
+    kUser = 4,
+    kPayload = 8,  // with category and type
+    kMessage = 16,
+    kPath = 32,
+    kRecords = 64,
+};
+
+using Session = std::shared_ptr<ClientSession>;
+using Text = std::optional<std::string>;
+
+struct Description {
+    const char* name;
+    unsigned arguments;
+    PropertyList (*defaultAnswer)();  // null: an answer without a value
+    void (*send)(const Session& session, Request request, AnswerHandler done);
+};
+
+PropertyList noStates() {
+    return Array{};
+}
+PropertyList noURL() {
+    return "URL not available";
+}
+PropertyList uploaded() {
+    return true;
+}
+PropertyList finished() {
+    return "finished";
+}
+
+// In the order of Operation.
+constexpr Description kOperations[] = {
+    {"setSessionInfo", kInfo | kFrameworks | kUser, nullptr,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->setSessionInfo(std::move(request.sessionInfo), std::move(request.userInfo),
+                                 std::move(request.frameworksToCheck), answering<void>(std::move(done)));
+     }},
+    {"startConfig", kNoArguments, noStates,
+     [](const Session& session, Request, AnswerHandler done) {
+         session->startConfig(answering<ReportingStates>(std::move(done)));
+     }},
+    {"fetchStates", kUser, noStates,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->fetchStates(std::move(request.userInfo), answering<ReportingStates>(std::move(done)));
+     }},
+    {"fetchDisplayURL", kNoArguments, noURL,
+     [](const Session& session, Request, AnswerHandler done) {
+         session->fetchDisplayURL(answering<std::string>(std::move(done)));
+     }},
+    {"sendMessage", kPayload, nullptr,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->sendMessage(request.category, request.type, std::move(request.payload),
+                              answering<Text>(std::move(done)));
+     }},
+    {"sendMessage", kMessage, nullptr,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->sendMessage(std::move(request.message), answering<Text>(std::move(done)));
+     }},
+    {"flushMessages", kNoArguments, nullptr,
+     [](const Session& session, Request, AnswerHandler done) {
+         session->flushMessages(answering<FlushAnswer>(std::move(done)));
+     }},
+    {"finishSession", kNoArguments, nullptr,
+     [](const Session& session, Request, AnswerHandler done) {
+         session->finishSession(answering<Text>(std::move(done)));
+     }},
+    {"uploadFile", kPath, uploaded, upload},
+    {"uploadLogData", kRecords, uploaded,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->uploadLogData(std::move(request.records), answering<UploadAnswer>(std::move(done)));
+     }},
+    {"sendSingleMessage", kInfo | kUser | kPayload, finished,
+     [](const Session& session, Request request, AnswerHandler done) {
+         session->sendSingleMessage(std::move(request.sessionInfo), std::move(request.userInfo),
+                                    request.category, request.type, std::move(request.payload),
+                                    answering<std::string>(std::move(done)));
+     }},
+};
+
+const Description& descriptionOf(Operation operation) {
+    return kOperations[static_cast<size_t>(operation)];
+}
+
 }  // namespace
 
 const char* operationName(Operation operation) {
-    switch (operation) {
-        case Operation::kSetSessionInfo:
-            return "setSessionInfo";
-        case Operation::kStartConfig:
-            return "startConfig";
-        case Operation::kFetchStates:
-            return "fetchStates";
-        case Operation::kFetchDisplayURL:
-            return "fetchDisplayURL";
-        case Operation::kSendMessage:
-        case Operation::kSendMessageDictionary:
-            return "sendMessage";
-        case Operation::kFlushMessages:
-            return "flushMessages";
-        case Operation::kFinishSession:
-            return "finishSession";
-        case Operation::kUploadFile:
-            return "uploadFile";
-        case Operation::kUploadLogData:
-            return "uploadLogData";
-        case Operation::kSendSingleMessage:
-            return "sendSingleMessage";
-    }
-    return "";
+    return descriptionOf(operation).name;
 }
 
-void carryOut(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
-    using Text = std::optional<std::string>;
-    ClientSession& s = *session;
-    switch (request.operation) {
-        case Operation::kSetSessionInfo:
-            return s.setSessionInfo(std::move(request.sessionInfo), std::move(request.userInfo),
-                                    std::move(request.frameworksToCheck), answering<void>(std::move(done)));
-        case Operation::kStartConfig:
-            return s.startConfig(answering<ReportingStates>(std::move(done)));
-        case Operation::kFetchStates:
-            return s.fetchStates(std::move(request.userInfo), answering<ReportingStates>(std::move(done)));
-        case Operation::kFetchDisplayURL:
-            return s.fetchDisplayURL(answering<std::string>(std::move(done)));
-        case Operation::kSendMessage:
-            return s.sendMessage(request.category, request.type, std::move(request.payload),
-                                 answering<Text>(std::move(done)));
-        case Operation::kSendMessageDictionary:
-            return s.sendMessage(std::move(request.message), answering<Text>(std::move(done)));
-        case Operation::kFlushMessages:
-            return s.flushMessages(answering<FlushAnswer>(std::move(done)));
-        case Operation::kFinishSession:
-            return s.finishSession(answering<Text>(std::move(done)));
-        case Operation::kUploadFile:
-            return upload(session, std::move(request), std::move(done));
-        case Operation::kUploadLogData:
-            return s.uploadLogData(std::move(request.records), answering<UploadAnswer>(std::move(done)));
-        case Operation::kSendSingleMessage:
-            return s.sendSingleMessage(std::move(request.sessionInfo), std::move(request.userInfo),
-                                       request.category, request.type, std::move(request.payload),
-                                       answering<std::string>(std::move(done)));
+Dictionary describe(const Request& request, bool aggregates) {
+    const Description& operation = descriptionOf(request.operation);
+    const auto has = [&operation](Arguments arguments) { return (operation.arguments & arguments) != 0; };
+    Dictionary call{{"operation", operation.name}};
+    if (has(kInfo)) call.set("sessionInfo", request.sessionInfo);
+    if (has(kUser) && request.userInfo) call.set("userInfo", *request.userInfo);
+    if (has(kFrameworks)) {
+        call.set("frameworksToCheck",
+                 Array(request.frameworksToCheck.begin(), request.frameworksToCheck.end()));
+        call.set("hasAggregationBlock", aggregates);
     }
+    if (has(kPayload)) {
+        call.set("category", unsigned{request.category});
+        call.set("type", unsigned{request.type});
+        if (request.payload) call.set("payload", *request.payload);
+    }
+    if (has(kMessage)) call.set("message", request.message);
+    if (has(kPath)) call.set("path", request.path);
+    if (has(kRecords)) call.set("records", request.records);
+    return call;
+}
+
+std::optional<PropertyList> defaultAnswer(Operation operation) {
+    const auto answer = descriptionOf(operation).defaultAnswer;
+    return answer != nullptr ? std::optional(answer()) : std::nullopt;
+}
+
+void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
+    descriptionOf(request.operation).send(session, std::move(request), std::move(done));
 }
 
 std::string fileURL(const std::string& path) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One call of libtelvora as a value, so that what happens to all calls alike (their way to the daemon, to a
-// recorder or to nowhere, their answers, their failures) stands in one place each.
+// One call of libtelvora as a value, so that all calls share the code that sends them to the daemon or to a
+// recorder and that handles their answers and failures. request.cpp describes each operation once.
 #pragma once
 
 #include <cstdint>
@@ -30,10 +30,7 @@ enum class Operation {
     kSendSingleMessage,
 };
 
-// As a recorder names it.
-const char* operationName(Operation operation);
-
-// An operation and those of the arguments that it takes.
+// An operation and its arguments; the other members stay empty.
 struct Request {
     Operation operation = Operation::kSetSessionInfo;
     Dictionary sessionInfo = {};
@@ -46,7 +43,7 @@ struct Request {
     Array records = {};
     std::string path = {};  // absolute
     UniqueFd file = {};     // open at `path`, for a session with the daemon
-    bool awaited = true;    // whether the application hears the answer
+    bool awaited = true;    // whether the application takes the answer
 };
 
 struct Answer {
@@ -58,8 +55,14 @@ struct Answer {
 
 using AnswerHandler = std::function<void(Answer answer)>;
 
+// The name of the operation for a recorder.
+const char* operationName(Operation operation);
+// The operation's name and its arguments by their names, without absent ones, for a recorder.
+Dictionary describe(const Request& request, bool aggregates);
+// The value that a recorder answers the operation with by default.
+std::optional<PropertyList> defaultAnswer(Operation operation);
 // Sends the request; `done` runs as ClientSession's completions do.
-void carryOut(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done);
+void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done);
 
 // The file URL of an absolute path (RFC 8089).
 std::string fileURL(const std::string& path);

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/status_query.h"
 
-#include "protocol/client_session_wire.h"
-#include "protocol/property_list_codec.h"
+#include "protocol/method_call.h"
 
 namespace telvora {
 
@@ -12,14 +11,12 @@ std::string statusSocketBeside(const std::string& clientSocketPath) {
 
 tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,
                                                       std::chrono::milliseconds timeout) {
-    const BusInterface& interface = statusBusInterface();
-    const std::string& name = interface.methods()[static_cast<size_t>(method)].name;
-    auto reply = callAndWait({socketPath, kTelvoradPath, interface.name().c_str(), name.c_str(), timeout});
+    auto reply = callAndWait(
+        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout});
     if (!reply) return tl::unexpected(reply.error());
-    ArgumentReader in(*reply);
-    Dictionary answer = in.dictionary();
-    if (in.ok()) return answer;
-    return tl::unexpected(BusQueryFailure{BusQueryFailure::Kind::kRefused, in.failure()});
+    return readAnswer<Dictionary>(*reply, method).map_error([](std::string text) {
+        return BusQueryFailure{BusQueryFailure::Kind::kRefused, std::move(text)};
+    });
 }
 
 }  // namespace telvora

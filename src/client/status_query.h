@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Asking the daemon what administrators may know, as telvoractl does:
+// Queries of the daemon's administrator interface, as telvoractl makes them:
 //
-//     auto device = queryStatus(StatusMethod::kGetDevice, statusSocketBeside(clientSocketPath));
+//     auto device = queryStatus(kGetDevice, statusSocketBeside(clientSocketPath));
 //     if (!device) return fail(..., device.error().message);
 //     const std::string* name = device->string("DeviceName");
 //
-// The keys of the answers: protocol/com.zandor.telvorad.Status.xml.
+// The keys of the answers: protocol/status_keys.h.
 #pragma once
 
 #include <chrono>
@@ -15,15 +15,15 @@
 
 #include "bus/bus_query.h"
 #include "plist/property_list.h"
-#include "protocol/status_wire.h"
+#include "protocol/status_interface.h"
 
 namespace telvora {
 
-// The administrators' socket of the daemon whose clients' socket that is: its name with ".Status" behind it.
+// The path of the administrators' socket beside the clients' socket.
 std::string statusSocketBeside(const std::string& clientSocketPath);
 
-// The answer to one method, or why there is none: kRefused where the caller may not read. Blocks for at most
-// twice `timeout`; callable from any thread.
+// The answer to one method, or the failure: kRefused if the caller may not read. Blocks for at most twice
+// `timeout`. Callable from any thread.
 tl::expected<Dictionary, BusQueryFailure> queryStatus(
     StatusMethod method, const std::string& socketPath,
     std::chrono::milliseconds timeout = std::chrono::seconds(10));

@@ -22,14 +22,14 @@ using telvora::wrap;
 
 namespace {
 
-// The options as this version of the library knows them, of a program that may know fewer or more.
+// The options of this version of the library, from a program that may have fewer or more.
 telvora_session_options complete(const telvora_session_options* given) {
     telvora_session_options options = {};
     if (given != nullptr) std::memcpy(&options, given, std::min(given->size, sizeof options));
     return options;
 }
 
-// Runs `body` with the session: no other way leads to it.
+// Runs `body` with the session. All functions use the session through this one.
 template <typename Body>
 telvora_status with(telvora_session* session, Body body) {
     if (session == nullptr) return TELVORA_ERROR_INVALID;
@@ -37,7 +37,7 @@ telvora_status with(telvora_session* session, Body body) {
     return guarded(TELVORA_ERROR_RESOURCES, [&] { return body(*session->session); });
 }
 
-// Makes a call of the operation, with the arguments that `fill` gives; false from it: they are invalid.
+// Calls the operation. `fill` sets the arguments and returns false if they are invalid.
 template <typename Fill>
 telvora_status call(telvora_session* session, Operation operation, telvora_completion completion,
                     void* context, Fill fill) {
@@ -53,7 +53,7 @@ telvora_status call(telvora_session* session, Operation operation, telvora_compl
     return call(session, operation, completion, context, [](Request&) { return true; });
 }
 
-// A dictionary that must be there.
+// Copies a mandatory dictionary. False if it is missing or of another type.
 bool takeMandatory(const telvora_value* value, Dictionary& into) {
     const Dictionary* found = dictionaryIn(value);
     if (found != nullptr) into = *found;

@@ -18,13 +18,13 @@ telvora_value* newValue(const PropertyList& value) {
     return guarded<telvora_value*>(nullptr, [&] { return wrap(new PropertyList(value)); });
 }
 
-// `make` gives the value, so that what it may throw is caught too.
+// `make` makes the value, so that its exceptions are caught, too.
 template <typename Make>
 telvora_status set(telvora_value* container, const char* key, Make make) {
     return guarded(TELVORA_ERROR_RESOURCES, [&] {
         PropertyList* target = container != nullptr ? unwrap(container) : nullptr;
         if (target == nullptr) return TELVORA_ERROR_INVALID;
-        // Elements of the value itself are changed in place; its type stays.
+        // Changes elements in place; the type of the value stays.
         auto* dictionary = const_cast<Dictionary*>(target->getIf<Dictionary>());
         auto* array = const_cast<Array*>(target->getIf<Array>());
         if (key != nullptr && dictionary != nullptr) {

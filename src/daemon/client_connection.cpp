@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who owns whom: the bus is kept alive by its own waiting, and owns this connection through its closed
-// handler; this connection only points back. So a connection ends as a whole when the bus ends, or with the
-// pool that it ran on.
+// Ownership: the bus keeps itself alive and owns this connection through its handlers; this connection only
+// points back. So both end when the bus ends, or with their pool.
 #include "daemon/client_connection.h"
 
 #include <asio/post.hpp>
 #include <deque>
 
-#include "daemon/client_calls.h"
-#include "protocol/client_session_wire.h"
-#include "protocol/property_list_codec.h"
+#include "protocol/client_session_methods.h"
+#include "protocol/method_call.h"
+#include "protocol/method_export.h"
 #include "util/log.h"
 #include "util/mutex.h"
 
@@ -27,7 +26,7 @@ struct MessageToClient {
     uint16_t type = 0;
     std::optional<Dictionary> payload;
     DeliveryReply done;
-    size_t size = 0;  // on the wire, about
+    size_t size = 0;  // on the wire, approximately
 
     void measure() {
         constexpr size_t kRest = 128;  // header and plain arguments
@@ -36,6 +35,7 @@ struct MessageToClient {
 };
 
 class BusClientConnection : public ClientConnection,
+                            public SandboxExtensionInterface,
                             public std::enable_shared_from_this<BusClientConnection> {
   public:
     BusClientConnection(Strand strand, std::string description)
@@ -50,12 +50,12 @@ class BusClientConnection : public ClientConnection,
     }
 
     void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
-        targets_.session = std::move(session);
+        session_ = std::move(session);
     }
     void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) override {
-        targets_.issuer = std::move(issuer);
+        issuer_ = std::move(issuer);
     }
-    void setUser(QuotaUser user) override { targets_.user = std::move(user); }
+    void setUser(QuotaUser user) override { user_ = std::move(user); }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
     }
@@ -67,6 +67,7 @@ class BusClientConnection : public ClientConnection,
     void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
                              uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                              DeliveryReply done) override;
+    tl::expected<std::string, BusError> issueFileExtension(std::string path, UniqueFd file) override;
 
   private:
     void begin();
@@ -85,11 +86,13 @@ class BusClientConnection : public ClientConnection,
     const std::string description_;
     std::function<void()> invalidationHandler_;
     std::function<void()> goneHandler_;
-    ClientCallTargets targets_;
+    std::shared_ptr<ClientSessionInterface> session_;
+    std::shared_ptr<FileExtensionIssuer> issuer_;
+    QuotaUser user_;
 
     // Used on the strand alone, once make() is through.
     std::shared_ptr<BusConnection> starting_;  // until resume()
-    std::string failure_;                      // why there is none
+    std::string failure_;                      // of starting_
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
     const char* whyUnreachable_ = kEnded;      // when bus_ is null
 
@@ -120,11 +123,23 @@ void BusClientConnection::begin() {
 }
 
 tl::expected<void, std::string> BusClientConnection::exportInterfaces(BusConnection& bus) {
-    auto exported =
-        bus.exportInterface(kTelvoradPath, clientSessionBusInterface(), clientSessionHandlers(bus, targets_));
+    auto exported = exportMethods<kClientSessionMethods>(bus, [this](const auto& run) {
+        const LogScope onBehalfOfUser(user_.logAdmission());
+        return run(*session_);
+    });
     if (!exported) return exported;
-    return bus.exportInterface(kTelvoradPath, sandboxExtensionBusInterface(),
-                               sandboxExtensionHandlers(bus, targets_));
+    return exportMethods<kSandboxExtensionMethods>(bus, [this](const auto& run) {
+        const LogScope onBehalfOfUser(user_.logAdmission());
+        return run(*this);
+    });
+}
+
+tl::expected<std::string, BusError> BusClientConnection::issueFileExtension(std::string path, UniqueFd file) {
+    if (!issuer_)
+        return tl::unexpected(BusError{kBusErrorNotSupported, "No file extensions are issued here"});
+    return issuer_->issueFileExtension(std::move(path), std::move(file)).map_error([](std::string error) {
+        return BusError{kBusErrorInvalidArgs, std::move(error)};
+    });
 }
 
 void BusClientConnection::invalidate() {
@@ -135,17 +150,17 @@ void BusClientConnection::invalidate() {
     });
 }
 
-// The session sends its last messages while it is given up, so the outbox is emptied once more after that;
-// from then on there is nobody to send to. A client that has left misses them, and the log says why.
+// The session sends its last messages while it is destroyed, so the outbox is emptied once more after that. A
+// client that has left misses them, and the log gives the reason.
 void BusClientConnection::ended(const std::string& reason) {
     TELVORA_LOG(kLogDebug, "ClientConnection(ended): %s: %s", description_.c_str(), reason.c_str());
-    const LogScope onBehalfOfUser(targets_.user.logAdmission());
+    const LogScope onBehalfOfUser(user_.logAdmission());
     if (bus_ != nullptr && !bus_->isOpen()) {
         bus_ = nullptr;
         whyUnreachable_ = "the client has left, which is no error where it has ended its session";
     }
-    targets_.session.reset();
-    targets_.issuer.reset();
+    session_.reset();
+    issuer_.reset();
     if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
     emptyOutbox();
     bus_ = nullptr;
@@ -172,19 +187,19 @@ void BusClientConnection::sendMessageToClient(std::shared_ptr<const Dictionary> 
         const bool ended = *refused == Delivery::unreachable;
         return drop(message, *refused, ended ? kEnded : "too many messages are waiting");
     }
-    // What a client's own operation brings it goes out before the operation's answer.
+    // A message that the client's own operation causes is sent before the operation's answer.
     if (strand_.running_in_this_thread()) drainOutbox();
 }
 
-// Always by way of the outbox, from the strand as well, so that messages keep the order they were sent in.
-// Takes the message, or says why not.
+// All messages pass the outbox, also those from the strand, so that they keep their order. Takes the message;
+// otherwise returns the reason and leaves the message.
 std::optional<Delivery> BusClientConnection::enqueue(MessageToClient& message) {
     const size_t size = message.size;
     const MutexLock lock(outboxLock_);
     if (ended_) return Delivery::unreachable;
     if (outbox_.size() >= kMaxOutboxMessages || outboxBytes_ + size > kMaxOutboxBytes)
         return Delivery::tooMuchUnread;
-    if (!targets_.user.take(Quota::unreadBytes, size, outboxRoom_)) return Delivery::overQuota;
+    if (!user_.take(Quota::unreadBytes, size, outboxRoom_)) return Delivery::overQuota;
     outbox_.push_back(std::move(message));
     outboxBytes_ += size;
     if (outbox_.size() == 1) asio::post(strand_, [self = shared_from_this()] { self->drainOutbox(); });
@@ -201,9 +216,9 @@ std::optional<MessageToClient> BusClientConnection::takeFromOutbox() {
     return message;
 }
 
-// As far as the client reads; the bus says when it goes on.
+// Sends until the output is congested; the bus calls this again once it is not.
 void BusClientConnection::drainOutbox() {
-    const LogScope onBehalfOfUser(targets_.user.logAdmission());
+    const LogScope onBehalfOfUser(user_.logAdmission());
     while (bus_ != nullptr && !bus_->outputCongested()) {
         const auto message = takeFromOutbox();
         if (!message) return;
@@ -211,7 +226,7 @@ void BusClientConnection::drainOutbox() {
     }
 }
 
-// At the end: the bus lets the client read all that it has taken by then.
+// At the end: the client reads all messages that the bus has taken by then.
 void BusClientConnection::emptyOutbox() {
     while (const auto message = takeFromOutbox())
         deliver(*message);
@@ -226,18 +241,10 @@ void BusClientConnection::deliver(const MessageToClient& message) {
 
 tl::expected<void, std::string> BusClientConnection::write(BusConnection& bus,
                                                            const MessageToClient& message) {
-    static const BusInterface& interface = clientSessionReplyBusInterface();
-    BusMessage call =
-        bus.newCall(kTelvoradClientPath, interface.name().c_str(), interface.methods()[0].name.c_str());
-    if (call) {
-        ArgumentWriter out(call);
-        out.optionalDictionary(message.sessionInfo.get());
-        out.real(message.timestamp);
-        out.u16(message.category);
-        out.u16(message.type);
-        out.optionalDictionary(message.payload);
-        if (out.result() < 0) return tl::unexpected(std::string("the message can't be written"));
-    }
+    BusMessage call = newCall(bus, kSendMessageToClient);
+    if (call && writeArguments(call, kSendMessageToClient, message.sessionInfo.get(), message.timestamp,
+                               message.category, message.type, message.payload) < 0)
+        return tl::unexpected(std::string("the message can't be written"));
     return bus.sendOneWay(std::move(call));
 }
 

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ClientConnection: one accepted client. It decodes the client's D-Bus calls for the session that it exports,
-// sends the replies, and carries the session's one-way calls back to the client.
+// ClientConnection: one accepted client. It passes the client's calls to the session that it exports, sends the
+// replies, and sends the session's one-way calls to the client.
 //
-// The bus and the exported session's operations live on the connection's strand. sendMessageToClient(),
-// invalidate() and description() may be called from any thread; everything else before resume(), from one
-// thread. The connection keeps itself alive from resume() to its invalidation, and must be given up
-// before its pool is.
+// The bus and the exported session's operations run on the connection's strand. sendMessageToClient(),
+// invalidate() and description() may be called from any thread; all other functions before resume(), from one
+// thread. The connection keeps itself alive from resume() to its invalidation, and must be destroyed before its
+// pool.
 //
-// What one client can cost is bounded by BusLimits, and the messages on their way to it by kMaxOutboxMessages
-// and kMaxOutboxBytes.
+// BusLimits bounds the cost of one client; kMaxOutboxMessages and kMaxOutboxBytes bound the messages on their
+// way to it.
 #pragma once
 
 #include <functional>
@@ -27,12 +27,13 @@ namespace telvora {
 
 class ClientConnection : public ClientSessionReplyInterface {
   public:
-    // Messages to the client that wait for the strand, which a session's operation may be blocking, or for
-    // the client to read what BusLimits lets wait before them. They count in their user's Quota::unreadBytes.
+    // Messages to the client that wait for the strand, which a session's operation may block, or for the client
+    // to read the output that BusLimits lets wait before them. They count in their user's Quota::unreadBytes.
     static constexpr size_t kMaxOutboxMessages = 8192;
     static constexpr size_t kMaxOutboxBytes = size_t{4} << 20;
 
-    // Takes over a connected stream socket. `description` names the peer in log lines. Nothing is read yet.
+    // Takes over a connected stream socket. `description` names the peer in log lines. Reading starts with
+    // resume().
     static std::shared_ptr<ClientConnection> make(Strand strand, UniqueFd socket, std::string description,
                                                   BusLimits limits = {});
 
@@ -40,15 +41,15 @@ class ClientConnection : public ClientSessionReplyInterface {
     virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> session) = 0;
     // Answers the client's IssueFileExtension; without one, the call is answered with "not supported".
     virtual void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) = 0;
-    // On whose behalf the client's calls are carried out; without one, on nobody's.
+    // The user on whose behalf the client's calls run; optional.
     virtual void setUser(QuotaUser user) = 0;
-    // Called at most once, on the strand, when the connection has ended, whoever ended it; the exported
-    // object is given up right before.
+    // Called at most once, on the strand, when either side has ended the connection; the reference to the
+    // exported object is released right before.
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;
-    // Called after that, on the strand, when the client has read what it was sent, has left, or has had its
-    // time (BusLimits::parting): before, the process should not end.
+    // Called after that, on the strand, when the client has read its last messages, has left, or has had its
+    // time (BusLimits::drainTimeout). The process should not end before.
     virtual void setGoneHandler(std::function<void()> handler) = 0;
-    // Starts to serve the client. A socket that can't be served is invalidated on the strand.
+    // Starts to serve the client. An unusable socket is invalidated on the strand.
     virtual void resume() = 0;
     // Ends the connection from any thread; the invalidation handler follows on the strand.
     virtual void invalidate() = 0;

@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// StatusService: what an administrator may ask, on connections of its own: com.zandor.telvorad.Status
-// (protocol/com.zandor.telvorad.Status.xml). Such a connection makes no session, keeps no process alive and
-// has no part in the registry.
+// StatusService: serves com.zandor.telvorad.Status (protocol/com.zandor.telvorad.Status.xml) to
+// administrators, on connections of its own. Such a connection makes no session, does not keep the process
+// alive and is not in the registry.
 //
-// Who may read is decided by who the kernel says the peer is: root, the daemon's own user, the members of the
-// group "telvora-admin". All others are let in to be told so, a few of them at a time.
+// The kernel's credentials of the peer decide: root, the daemon's own user and the members of the group
+// "telvora-admin" may read. All others are answered with an error, a few of them at a time.
 #pragma once
 
-#include <functional>
 #include <memory>
-#include <string>
 
 #include "access/peer.h"
 #include "access/user_quotas.h"
 #include "async/work_pool.h"
-#include "plist/property_list.h"
+#include "protocol/status_interface.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -25,28 +23,18 @@ class StatusService {
     // Connections of peers that may not read; more of them are closed at once.
     static constexpr int kMaxRefusedPeers = 8;
 
-    // What the methods answer with; called on any thread, also two at once. What they refer to outlives the
-    // work pool's last turn.
-    struct Answers {
-        std::function<Dictionary()> status;
-        std::function<Dictionary()> device;
-    };
+    // `status` answers the calls. Both, and the service, outlive the work pool's last turn; connections count
+    // in `quotas`.
+    StatusService(StatusInterface& status, UserQuotas& quotas) : status_(status), quotas_(quotas) {}
 
-    // `quotas`, under which connections count, outlives the work pool.
-    StatusService(Answers answers, UserQuotas& quotas) : answers_(std::move(answers)), quotas_(quotas) {}
-
-    // Serves a connected stream socket until its end, on the strand; or closes it. Callable from any thread.
-    // The service outlives the work pool's last turn.
+    // Serves a connected stream socket until its end, on the strand, or closes it. Callable from any thread.
     void accept(Strand strand, UniqueFd socket, const Peer& peer);
 
   private:
-    const Answers answers_;
+    StatusInterface& status_;
     UserQuotas& quotas_;
-    // How many refused peers are connected: who holds a copy holds one of them.
+    // Its use count, less this one, is the number of refused peers that are connected.
     const std::shared_ptr<void> refused_ = std::make_shared<int>();
 };
-
-// Whether the peer may read the daemon's status. May ask the name service.
-bool mayReadStatus(const Peer& peer);
 
 }  // namespace telvora

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Every report passes through here, so values are read straight to where they stay, and nothing is formatted
-// unless it is wrong.
+// Every report passes through here, so values are read straight to their place, and text is formatted only
+// for a failure.
 #include <fcntl.h>
 
 #include <cstring>
@@ -61,40 +61,14 @@ UniqueFd ArgumentReader::file() {
     return own;
 }
 
-// --- A value or nothing ---
-
-template <typename Read>
-auto ArgumentReader::optional(const char* element, Read read) -> std::optional<decltype(read())> {
-    std::optional<decltype(read())> value;
-    if (!enter('a', element)) return value;
-    if (!message_.atEnd()) value = read();
-    if (ok() && !message_.atEnd()) fail("More than one element where one value or nothing is expected");
+TelvoraError ArgumentReader::error() {
+    TelvoraError error;
+    if (!enter('r', "sis")) return error;
+    error.domain = string();
+    read('i', &error.code);
+    error.description = string();
     if (ok()) exit();
-    return value;
-}
-
-std::optional<Dictionary> ArgumentReader::optionalDictionary() {
-    return optional("a{sv}", [this] { return dictionary(); });
-}
-
-std::optional<std::string> ArgumentReader::optionalString() {
-    return optional("s", [this] { return string(); });
-}
-
-std::optional<std::vector<std::string>> ArgumentReader::optionalStrings() {
-    return optional("as", [this] { return strings(); });
-}
-
-std::optional<TelvoraError> ArgumentReader::optionalError() {
-    return optional("(sis)", [this] {
-        TelvoraError error;
-        if (!enter('r', "sis")) return error;
-        error.domain = string();
-        read('i', &error.code);
-        error.description = string();
-        if (ok()) exit();
-        return error;
-    });
+    return error;
 }
 
 // --- Property lists ---

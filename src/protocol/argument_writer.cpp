@@ -39,39 +39,12 @@ void ArgumentWriter::file(int fd) {
     append('h', &fd);
 }
 
-// --- A value or nothing ---
-
-template <typename Value, typename Write>
-void ArgumentWriter::optional(const char* element, const Value& value, Write write) {
-    open('a', element);
-    if (value) write(*value);
+void ArgumentWriter::error(const TelvoraError& value) {
+    open('r', "sis");
+    string(value.domain);
+    append('i', &value.code);
+    string(value.description);
     close();
-}
-
-void ArgumentWriter::optionalDictionary(const std::optional<Dictionary>& value) {
-    optional("a{sv}", value, [this](const Dictionary& present) { dictionary(present); });
-}
-
-void ArgumentWriter::optionalDictionary(const Dictionary* value) {
-    optional("a{sv}", value, [this](const Dictionary& present) { dictionary(present); });
-}
-
-void ArgumentWriter::optionalString(const std::optional<std::string>& value) {
-    optional("s", value, [this](const std::string& present) { string(present); });
-}
-
-void ArgumentWriter::optionalStrings(const std::optional<std::vector<std::string>>& value) {
-    optional("as", value, [this](const std::vector<std::string>& present) { strings(present); });
-}
-
-void ArgumentWriter::optionalError(const std::optional<TelvoraError>& value) {
-    optional("(sis)", value, [this](const TelvoraError& error) {
-        open('r', "sis");
-        string(error.domain);
-        append('i', &error.code);
-        string(error.description);
-        close();
-    });
 }
 
 // --- Property lists ---

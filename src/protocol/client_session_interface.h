@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The two interfaces between a client and the daemon, as C++ sees them. The wire form is in
-// client_session_wire.h.
+// The interfaces between a client and the daemon as C++ classes; client_session_methods.h has their names on
+// the wire.
 #pragma once
 
 #include <cstdint>
@@ -9,16 +9,25 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tl/expected.hpp>
 #include <vector>
 
+#include "bus/bus_message.h"
 #include "plist/property_list.h"
 #include "protocol/telvora_error.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 
-// Reply callbacks. Each is called at most once, from any thread; one that is destroyed uncalled means that
-// the client gets no answer. None may block.
+inline constexpr char kTelvoradPath[] = "/com/zandor/telvorad";
+
+// The name of the clients' socket in the runtime directory.
+inline constexpr char kTelvoradSocketName[] = "com.zandor.telvorad";
+
+// Reply callbacks. Each is called at most once, from any thread; the client gets no answer if one is
+// destroyed uncalled. A callback must not block.
 using ReportingStatesReply = std::function<void(std::optional<std::vector<std::string>> reportingStates)>;
+using TextReply = std::function<void(std::string answer)>;
 using StringReply = std::function<void(std::optional<std::string> answer)>;
 using FlushReply = std::function<void(std::optional<std::string> answer, std::optional<TelvoraError> error)>;
 using UploadFileReply = std::function<void(bool uploaded)>;
@@ -28,6 +37,8 @@ using UploadLogDataReply = std::function<void(bool uploaded, std::optional<Telvo
 // after another, on the connection's strand; some of them block that strand (a bag fetch, an upload).
 class ClientSessionInterface {
   public:
+    static constexpr char kWireName[] = "com.zandor.telvorad.ClientSessionInterface";
+    static constexpr const char* kWirePath = kTelvoradPath;
     virtual ~ClientSessionInterface() = default;
 
     virtual void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
@@ -35,7 +46,7 @@ class ClientSessionInterface {
     virtual void startConfigWithCompletionHandler(ReportingStatesReply completionHandler) = 0;
     virtual void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo,
                                          ReportingStatesReply completionHandler) = 0;
-    virtual void fetchDisplayURL(std::function<void(std::string displayURL)> reply) = 0;
+    virtual void fetchDisplayURL(TextReply reply) = 0;
     virtual void sendMessageWithCategory(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                          StringReply reply) = 0;
     virtual void sendMessageWithDictionary(Dictionary message, StringReply reply) = 0;
@@ -46,31 +57,53 @@ class ClientSessionInterface {
     virtual void uploadLogData(Array records, UploadLogDataReply completionHandler) = 0;
     virtual void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                             uint16_t category, uint16_t type,
-                                            std::optional<Dictionary> payload, StringReply reply) = 0;
+                                            std::optional<Dictionary> payload, TextReply reply) = 0;
 };
 
-// What became of a message to the client.
+// Turns a file that the client has open at `path` into an extension token for uploadFileAtPath.
+class SandboxExtensionInterface {
+  public:
+    static constexpr char kWireName[] = "com.zandor.telvorad.SandboxExtension";
+    static constexpr const char* kWirePath = kTelvoradPath;
+    virtual ~SandboxExtensionInterface() = default;
+
+    virtual tl::expected<std::string, BusError> issueFileExtension(std::string path, UniqueFd file) = 0;
+};
+
+// The operation that a client offers the daemon. One-way: the daemon does not wait for the client.
+class ClientMessageInterface {
+  public:
+    static constexpr char kWireName[] = "com.zandor.telvorad.ClientSessionReplyInterface";
+    static constexpr char kWirePath[] = "/com/zandor/telvorad/client";
+    virtual ~ClientMessageInterface() = default;
+
+    // `timestamp`: seconds since 1970. std::nullopt, 0, 0, 0, std::nullopt is the end marker.
+    virtual void messageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
+                                 uint16_t type, std::optional<Dictionary> payload) = 0;
+};
+
+// The outcome of a message to the client.
 enum class Delivery {
-    handedOver,     // to the client's socket, or to the little that waits right behind it
+    handedOver,     // to the client's socket, or to the short queue behind it
     tooMuchUnread,  // dropped: the client has left too much unread
     overQuota,      // dropped: the client's user has left too much unread with all its clients
     unreachable,    // dropped: the connection has ended
 };
 using DeliveryReply = std::function<void(Delivery delivery)>;
 
-// The one operation that a client offers the daemon. One-way: it does not wait for the client.
+// The daemon's end of ClientMessageInterface, for the sessions.
 class ClientSessionReplyInterface {
   public:
     virtual ~ClientSessionReplyInterface() = default;
 
-    // Hands one message to the client's aggregation block; sessionInfo null, 0, 0, 0, payload nothing is the
-    // end marker. `timestamp`: seconds since 1970. Callable from any thread. A message that is dropped has a
-    // line at level 3. `done`, if there is one, is called at most once, from any thread, and must not block.
+    // Sends one message to the client's aggregation block; sessionInfo null, 0, 0, 0, payload std::nullopt is
+    // the end marker. `timestamp`: seconds since 1970. Callable from any thread. A dropped message is logged
+    // at level 3. `done`, if set, is called at most once, from any thread, and must not block.
     virtual void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
                                      uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                      DeliveryReply done) = 0;
 
-    // What names this connection in log lines.
+    // The connection's name in log lines.
     virtual std::string description() const = 0;
 };
 

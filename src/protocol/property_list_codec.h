@@ -5,12 +5,12 @@
 //     dictionary a{sv}    array av    string s    boolean b    integer y n q i u x t    real d
 //     data ay    date (d), seconds since 1970-01-01 UTC
 //
-// and "a value or nothing" as an array of at most one element: aa{sv}, as, aas, a(sis). All other types are
+// and an optional value as an array of at most one element: aa{sv}, as, aas, a(sis). All other types are
 // refused by name. Of entries with the same key the last one wins.
 //
 // ArgumentReader and ArgumentWriter walk a message's arguments in order. The first failure sticks: after it
-// every read yields an empty value and every write does nothing, so a caller checks once, at the end. Both
-// borrow the message and, as it does, belong to its connection's strand.
+// every read returns an empty value and every write has no effect, so a caller checks once, at the end. Both
+// borrow the message and belong to its connection's strand. codec.h selects their functions by type.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,7 @@
 
 namespace telvora {
 
-// Dictionaries and arrays inside one another; a value that nests deeper is refused. (D-Bus allows more, but
-// each level costs it three containers of the 64 that it allows.)
+// Maximum nesting of dictionaries and arrays. (D-Bus allows 64 containers; each level takes three of them.)
 inline constexpr int kMaxPropertyListDepth = 16;
 
 class ArgumentReader {
@@ -40,21 +39,25 @@ class ArgumentReader {
     std::vector<std::string> strings();
     Dictionary dictionary();
     Array array();
-    std::optional<Dictionary> optionalDictionary();
-    std::optional<std::string> optionalString();
-    std::optional<std::vector<std::string>> optionalStrings();
-    std::optional<TelvoraError> optionalError();
-    // A duplicate of the descriptor that came along, close-on-exec.
+    TelvoraError error();
+    // A duplicate of the received descriptor, close-on-exec.
     UniqueFd file();
+    // An array of at most one element of the D-Bus type `element`, which `read` reads.
+    template <typename Read>
+    auto optional(const char* element, Read read) -> std::optional<decltype(read())> {
+        std::optional<decltype(read())> value;
+        if (!enter('a', element)) return value;
+        if (!message_.atEnd()) value = read();
+        if (ok() && !message_.atEnd()) fail("More than one element where one value or nothing is expected");
+        if (ok()) exit();
+        return value;
+    }
 
     bool ok() const { return failure_.empty(); }
-    // What is wrong, for people; never a value of the message. Empty while nothing is.
+    // The first failure, for people; never a value of the message. Empty if all reads succeeded.
     const std::string& failure() const { return failure_; }
 
   private:
-    template <typename Read>
-    auto optional(const char* element, Read read) -> std::optional<decltype(read())>;
-
     bool check(int result);
     bool fail(std::string failure);
     bool read(char type, void* value) { return ok() && check(message_.read(type, value)); }
@@ -81,26 +84,26 @@ class ArgumentWriter {
     void boolean(bool value);
     void u16(uint16_t value);
     void real(double value);
-    // Text that is not valid UTF-8 goes out with U+FFFD in place of what is invalid.
+    // Invalid UTF-8 is replaced with U+FFFD.
     void string(const std::string& value);
     void strings(const std::vector<std::string>& values);
     void dictionary(const Dictionary& value) { dictionary(value, 0); }
     void array(const Array& value) { array(value, 0); }
-    void optionalDictionary(const std::optional<Dictionary>& value);
-    void optionalDictionary(const Dictionary* value);  // null: nothing
-    void optionalString(const std::optional<std::string>& value);
-    void optionalStrings(const std::optional<std::vector<std::string>>& value);
-    void optionalError(const std::optional<TelvoraError>& value);
+    void error(const TelvoraError& value);
     // Sends a duplicate of `fd`.
     void file(int fd);
+    // An array of `value`, which `write` writes as the D-Bus type `element`; empty if `value` is null.
+    template <typename Value, typename Write>
+    void optional(const char* element, const Value* value, Write write) {
+        open('a', element);
+        if (value != nullptr) write(*value);
+        close();
+    }
 
     // 0, or the negative errno of the first failure.
     int result() const { return result_; }
 
   private:
-    template <typename Value, typename Write>
-    void optional(const char* element, const Value& value, Write write);
-
     void check(int result) {
         if (result < 0 && result_ >= 0) result_ = result;
     }
@@ -122,7 +125,7 @@ class ArgumentWriter {
     int result_ = 0;
 };
 
-// About how many bytes the value takes on the wire.
+// Approximate size of the value on the wire, in bytes.
 size_t wireSize(const Dictionary& dictionary);
 
 }  // namespace telvora

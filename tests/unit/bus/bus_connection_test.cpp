@@ -37,7 +37,14 @@ class BusConnectionTest : public testing::Test {
         test::SocketPair sockets;
         auto bus =
             *BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
-        const auto fill = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
+        const auto handle = [this, bus = bus.get()](size_t method,
+                                                    BusMessage& call) -> std::optional<BusError> {
+            if (method == 1) throw std::runtime_error("thrown");
+            if (method == 2) {
+                pending_.push_back(bus->defer(call));
+                if (pending_.size() == 2) twoPending_.set_value();
+                return std::nullopt;
+            }
             uint32_t size = 0;
             call.read('u', &size);
             calledWhileCongested_ = calledWhileCongested_ || bus->outputCongested();
@@ -45,13 +52,7 @@ class BusConnectionTest : public testing::Test {
                           [size](BusMessage& reply) { return reply.appendString(std::string(size, 'x')); });
             return std::nullopt;
         };
-        const auto fail = [](BusMessage&) -> std::optional<BusError> { throw std::runtime_error("thrown"); };
-        const auto keep = [this, bus = bus.get()](BusMessage& call) -> std::optional<BusError> {
-            pending_.push_back(bus->defer(call));
-            if (pending_.size() == 2) twoPending_.set_value();
-            return std::nullopt;
-        };
-        EXPECT_TRUE(bus->exportInterface(kPath, kMethods, {fill, fail, keep}));
+        EXPECT_TRUE(bus->exportInterface(kPath, kMethods, handle));
         auto ended = std::make_shared<std::promise<std::string>>();
         bus->start([ended](const std::string& reason) { ended->set_value(reason); });
         return {bus, std::move(sockets.theirs), ended->get_future()};
@@ -170,7 +171,7 @@ TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
     EXPECT_EQ(answers, kAnswers);
 }
 
-TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
+TEST_F(BusConnectionTest, PausesReadingWhileAnswersAreUnread) {
     BusLimits limits;
     limits.queuedBytes = 256 << 10;
     Served served = serve(limits), bystander = serve();
@@ -180,7 +181,7 @@ TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
         peer.send(fillCall(peer, 64 << 10));
     peer.flush();
     EXPECT_EQ(errorName(other.call(fillCall(other, 1))), "");
-    // Nothing was lost meanwhile: once the peer reads, every answer comes.
+    // Once the peer reads, every answer comes.
     for (int i = 0; i < kCalls; ++i)
         ASSERT_EQ(errorName(peer.receive()), "");
     EXPECT_FALSE(calledWhileCongested_);
@@ -188,7 +189,7 @@ TEST_F(BusConnectionTest, LetsInputRestWhileAnswersAreUnread) {
     endAndWait(bystander);
 }
 
-TEST_F(BusConnectionTest, LetsInputRestWhileCallsArePending) {
+TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     BusLimits limits;
     limits.pendingCalls = 2;
     Served served = serve(limits);
@@ -202,7 +203,7 @@ TEST_F(BusConnectionTest, LetsInputRestWhileCallsArePending) {
     first->reply([](BusMessage&) { return 0; });  // and once only
     EXPECT_EQ(errorName(peer.receive()), "");
 
-    // A peer that goes while its input rests is noticed; answers that come later are dropped.
+    // The hang-up of a peer whose input is paused is noticed; later answers are dropped.
     peer.send(peer.newCall(kPath, kInterface, "Keep"));
     peer.flush();
     peer.close();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What no session with the real daemon shows: each of its operations is tried there.
+// Cases that a session with the real daemon does not show.
 #include "client/client_session.h"
 
 #include <atomic>
@@ -61,7 +61,7 @@ TEST(ClientSessionPathTest, ComesFromTheEnvironment) {
     }
 }
 
-TEST_F(ClientSessionTest, TellsEveryCallerWhenTheConnectionIsLost) {
+TEST_F(ClientSessionTest, FailsEveryCallWhenTheConnectionIsLost) {
     std::promise<std::string> lost;
     connect({nullptr, [&](const std::string& reason) { lost.set_value(reason); }});
     std::promise<void> asked;
@@ -116,7 +116,7 @@ TEST_F(ClientSessionTest, AnswersAFlushThatNoBackendCanAnswer) {
         session->flushMessages(flushes[0].completion());
         EXPECT_TRUE(started.get());
         session->flushMessages(flushes[1].completion());
-        for (int i = 0; i < 2; ++i) {  // and what follows from the first answer
+        for (int i = 0; i < 2; ++i) {  // and the probe after the first answer
             Answer<std::string> after;
             session->fetchDisplayURL(after.completion());
             EXPECT_TRUE(after.get());
@@ -134,7 +134,7 @@ TEST_F(ClientSessionTest, AnswersAFlushThatNoBackendCanAnswer) {
     }
 }
 
-TEST_F(ClientSessionTest, RefusesWhatCantBeSentAndTooMuchOfIt) {
+TEST_F(ClientSessionTest, RefusesInvalidArgumentsAndTooManyCalls) {
     connect();
     Dictionary deep;
     for (int i = 0; i < 40; ++i)

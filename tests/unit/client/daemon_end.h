@@ -17,7 +17,7 @@ namespace telvora::test {
 
 struct DaemonEnd : testing::Test {
     void listen() { listener = boundSocket(socketPath, SOCK_STREAM | SOCK_NONBLOCK); }
-    // Takes the next connection with a daemon that knows nothing yet; false when there is none.
+    // Accepts the next connection with a new daemon; false if there is no connection.
     bool accept() {
         UniqueFd socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!socket) return false;
@@ -36,7 +36,7 @@ struct DaemonEnd : testing::Test {
         connection = nullptr;
     }
 
-    // The first, so that they outlive the strands they made.
+    // The first members, so that they outlive the strands that they make.
     WorkPool pool{1};
     ClientRuntime runtime;
     lab::TemporaryDirectory directory;

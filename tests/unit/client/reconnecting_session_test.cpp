@@ -63,7 +63,7 @@ struct ReconnectingSessionTest : DaemonEnd {
         }
     };
     Event nextEvent() { return events_.pop(); }
-    // What the session started its next timer for.
+    // The session's next timer.
     std::pair<std::chrono::milliseconds, std::function<void()>> nextTimer() { return timers_.pop(); }
     bool acceptNext() {
         pollfd waiting = {listener.get(), POLLIN, 0};
@@ -115,7 +115,7 @@ struct ReconnectingSessionTest : DaemonEnd {
     Queue<std::pair<std::chrono::milliseconds, std::function<void()>>> timers_;
 };
 
-TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsWhatItWasTold) {
+TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsItsCalls) {
     EXPECT_EQ(call(Step{kSetSessionInfo, 1}), TELVORA_ERROR_UNAVAILABLE);
     listen();
     now = now.load() + 999ms;
@@ -128,7 +128,7 @@ TEST_F(ReconnectingSessionTest, TriesOnceASecondAndKeepsWhatItWasTold) {
     EXPECT_EQ(answer.get().status, TELVORA_OK);
     EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig", "sendMessageWithCategory"));
     EXPECT_EQ(nextEvent().first, TELVORA_CONNECTION_RESTORED);
-    // What the daemon's backends hold is not lost when they are made anew.
+    // The batches of the daemon's backends are not lost when these are made anew.
     EXPECT_EQ(call(kStartConfig, &answer), TELVORA_OK);
     EXPECT_EQ(answer.get().status, TELVORA_OK);
     EXPECT_THAT(heard(), ElementsAre("setSessionInfo 1", "startConfig", "sendMessageWithCategory",
@@ -145,7 +145,7 @@ TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt)
     for (std::future<Answer>& answer : answers)
         EXPECT_EQ(answer.get().status, TELVORA_ERROR_LOST);
     EXPECT_EQ(call(kSendMessage), TELVORA_ERROR_UNAVAILABLE);
-    now = now.load() + ReconnectingSession::kRest;
+    now = now.load() + ReconnectingSession::kMinRetryDelay;
     EXPECT_EQ(call(kSendMessage, &answers[0]), TELVORA_OK);
     session->close();
     EXPECT_EQ(answers[0].get().status, TELVORA_ERROR_CLOSED);
@@ -164,7 +164,7 @@ TEST_F(ReconnectingSessionTest, RestoresTheSessionThatTheDaemonHad) {
         {{{kSetSessionInfo, 1}, {kStartConfig}},
          {kFlushMessages},
          {"setSessionInfo 1", "startConfig", "flushMessages"}},
-        // Nothing is told twice.
+        // No call is sent twice.
         {{{kSetSessionInfo, 1}, {kStartConfig}}, {kSetSessionInfo, 9}, {"setSessionInfo 9", "startConfig"}},
         {{{kSetSessionInfo, 1}, {kStartConfig}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},
         {{{kSetSessionInfo, 1}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},

@@ -108,7 +108,7 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
                      "its parent"));
     EXPECT_THAT(states(*orphan), testing::Optional(testing::ElementsAre("httpPost")));
 
-    const auto top = world.connect();  // without a bag it has no backend for its child to follow
+    const auto top = world.connect();  // has no bag, so no backend for its child to follow
     top->session().setSessionInfo(sessionInfoFor(1, {{"t", 0}}),
                                   Dictionary{{kTelvoraUserInfoClientName, "c"}}, {}, false);
     world.agent.updateDownstreamSessions(top->session());
@@ -134,7 +134,7 @@ TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
         {Array{PropertyList(Array{7, "5"})}, {5, 6, 5}},
         {Array{Array{6, 7}, Array{5, 6}}, {5, 6, 6}},  // the first that names a user counts
         {Array{PropertyList(Array{7, 6, 5, 8})}, {5, 5, 5}},
-        {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // what is wrong shares nothing
+        {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // an invalid list is ignored
         {Array{7, 5}, {5, 6, 7}},
         {"7,5", {5, 6, 7}},
     };

@@ -6,8 +6,8 @@
 #include <future>
 #include <thread>
 
-#include "protocol/client_session_wire.h"
-#include "protocol/property_list_codec.h"
+#include "protocol/client_session_methods.h"
+#include "protocol/method_call.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
@@ -15,8 +15,6 @@
 
 namespace telvora::test {
 namespace {
-
-constexpr char kSession[] = "com.zandor.telvorad.ClientSessionInterface";
 
 class ClientConnectionTest : public testing::Test {
   protected:
@@ -30,20 +28,18 @@ class ClientConnectionTest : public testing::Test {
         });
         theirs = std::move(sockets.theirs);
     }
-    // Nothing of the fixture goes while the pool still uses it; the strands go before their pool.
+    // The pool uses the fixture until it stops; the strands are destroyed before their pool.
     ~ClientConnectionTest() override { pool.stop(); }
     void resume() {
         connection->resume();
         peer = std::make_unique<BusPeer>(std::move(theirs));
     }
-    BusMessage sessionCall(const char* method) { return peer->newCall(kTelvoradPath, kSession, method); }
+    BusMessage sessionCall(const char* method) {
+        return peer->newCall(kTelvoradPath, ClientSessionInterface::kWireName, method);
+    }
     BusMessage reportCall() {
         BusMessage call = sessionCall("SendMessageWithCategory");
-        ArgumentWriter out(call);
-        out.u16(1);
-        out.u16(2);
-        out.optionalDictionary(std::nullopt);
-        EXPECT_EQ(out.result(), 0);
+        EXPECT_EQ(writeArguments(call, kSendMessageWithCategory, 1, 2, std::nullopt), 0);
         return call;
     }
 
@@ -66,8 +62,7 @@ TEST_F(ClientConnectionTest, AnswersFromAnyThreadLateOrNever) {
         });
     };
     BusMessage reply = peer->call(reportCall());
-    ArgumentReader in(reply);
-    EXPECT_EQ(in.optionalString(), "late");
+    EXPECT_EQ(readAnswer<std::optional<std::string>>(reply, kSendMessageWithCategory), "late");
     threads[0].join();
 
     session->onSendMessage = [](StringReply) {};  // no answer
@@ -96,7 +91,7 @@ TEST_F(ClientConnectionTest, AClientMayGoInTheMiddleOfACall) {
     reply("too late");
 }
 
-TEST_F(ClientConnectionTest, WhatAClientSentBeforeItWentStillCounts) {
+TEST_F(ClientConnectionTest, CallsThatAClientSentBeforeItLeftAreCarriedOut) {
     resume();
     std::promise<void> entered;
     std::promise<void> gone;
@@ -130,19 +125,20 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
 
     BusMessage first = peer->receive();
     ASSERT_TRUE(first);
-    EXPECT_STREQ(sd_bus_message_get_path(first.get()), kTelvoradClientPath);
+    EXPECT_STREQ(sd_bus_message_get_path(first.get()), ClientMessageInterface::kWirePath);
     EXPECT_STREQ(sd_bus_message_get_member(first.get()), "SendMessageToClient");
     EXPECT_EQ(sd_bus_message_get_expect_reply(first.get()), 0);
     ArgumentReader in(first);
-    EXPECT_EQ(in.optionalDictionary(), *info);
+    using Optional = Codec<std::optional<Dictionary>>;
+    EXPECT_EQ(Optional::read(in), *info);
     EXPECT_EQ(in.real(), 12.5);
     EXPECT_EQ(in.u16(), 3);
     EXPECT_EQ(in.u16(), 4);
-    EXPECT_EQ(in.optionalDictionary(), (Dictionary{{"k", "v"}}));
+    EXPECT_EQ(Optional::read(in), (Dictionary{{"k", "v"}}));
     BusMessage marker = peer->receive();
     ASSERT_TRUE(marker);
     ArgumentReader markerIn(marker);
-    EXPECT_EQ(markerIn.optionalDictionary(), std::nullopt);
+    EXPECT_EQ(Optional::read(markerIn), std::nullopt);
     EXPECT_EQ(markerIn.real(), 0);
     EXPECT_FALSE(peer->receive());
     connection->sendMessageToClient(info, 1, 1, 1, std::nullopt, {});
@@ -150,7 +146,7 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
         "<3>sendMessageWithDictionary: Failed to get remote object proxy: the connection has ended"));
 }
 
-// Its messages wait for a client that lags, within what is documented and its user's quota.
+// Messages wait for a client that lags, within the documented bounds and its user's quota.
 TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
     lab::TemporaryDirectory directory;
     UserDefaults defaults(directory.path(), directory.path());
@@ -185,7 +181,7 @@ TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
         BusMessage message = peer->receive();
         ASSERT_TRUE(message);
         ArgumentReader in(message);
-        in.optionalDictionary();
+        Codec<std::optional<Dictionary>>::read(in);
         const double number = in.real();
         EXPECT_GT(number, last);
         last = number;

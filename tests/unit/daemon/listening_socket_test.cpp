@@ -31,7 +31,7 @@ class ListeningSocketTest : public testing::Test {
         const UniqueFd client(socket(AF_UNIX, SOCK_STREAM, 0));
         return connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
-    // Takes over in a child that was handed `fds` under the names (separated by colons); what went wrong.
+    // Takes over in a child that was handed `fds` under the names (separated by colons). The failure, if any.
     static std::string takeHandedOver(const std::vector<int>& fds, const char* names) {
         return test::inForkedChild([&](const ChildReport& report) {
             for (size_t i = 0; i < fds.size(); ++i) {
@@ -75,7 +75,7 @@ TEST_F(ListeningSocketTest, ReplacesOnlyADeadSocket) {
     {
         auto first = open();
         ASSERT_TRUE(first);
-        first->socket.reset();  // as when the process dies: the name stays, nobody listens
+        first->socket.reset();  // as when the process dies: the name stays, without a listener
         EXPECT_FALSE(connects());
         const auto second = open();
         ASSERT_TRUE(second) << second.error();

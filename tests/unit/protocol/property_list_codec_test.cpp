@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "protocol/property_list_codec.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+#include "protocol/codec.h"
 #include "tests/support/bus_messages.h"
 
 namespace telvora {
@@ -14,7 +13,7 @@ using test::BusMessages;
 
 class PropertyListCodec : public testing::Test {
   protected:
-    // What the other side reads of what `write` wrote.
+    // The message of `write` as the other side reads it.
     BusMessage written(const std::function<void(ArgumentWriter&)>& write) {
         BusMessage message = messages_.make();
         ArgumentWriter out(message);
@@ -80,22 +79,22 @@ TEST_F(PropertyListCodec, RefusesTypesThatAreNoPropertyList) {
     refuses("a{ss}", 0);
 }
 
-TEST_F(PropertyListCodec, RefusesMoreThanOneWhereOneOrNothingBelongsAndTheFirstFailureSticks) {
+TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstFailureSticks) {
     const std::string expected = "More than one element where one value or nothing is expected";
     BusMessage dictionaries = messages_.make("aa{sv}", 2, 0, 0);
     ArgumentReader fromDictionaries(dictionaries);
-    fromDictionaries.optionalDictionary();
+    Codec<std::optional<Dictionary>>::read(fromDictionaries);
     EXPECT_EQ(fromDictionaries.failure(), expected);
     BusMessage strings = messages_.make("ass", 2, "a", "b", "next");
     ArgumentReader fromStrings(strings);
-    fromStrings.optionalString();
+    Codec<std::optional<std::string>>::read(fromStrings);
     EXPECT_EQ(fromStrings.string(), "");
     EXPECT_EQ(fromStrings.failure(), expected);
     for (const bool empty : {false, true}) {
         BusMessage other = empty ? messages_.make("") : messages_.make("s", "text");
         ArgumentReader in(other);
         EXPECT_EQ(in.u16(), 0);
-        EXPECT_EQ(in.optionalDictionary(), std::nullopt);
+        EXPECT_EQ(Codec<std::optional<Dictionary>>::read(in), std::nullopt);
         EXPECT_FALSE(in.ok());
     }
 }
