@@ -26,7 +26,7 @@ void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValu
 
 void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                                  uint16_t category, uint16_t type,
-                                                 std::optional<Dictionary> payload, StringReply reply) {
+                                                 std::optional<Dictionary> payload, TextReply reply) {
     if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
         !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");

@@ -72,7 +72,7 @@ class TelvoradSession final : public ClientSessionInterface,
     void uploadLogData(Array records, UploadLogDataReply completionHandler) override;
     void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                     uint16_t category, uint16_t type, std::optional<Dictionary> payload,
-                                    StringReply reply) override;
+                                    TextReply reply) override;
 
     // What the session is, readable from any thread.
     uint32_t sessionID() const { return sessionID_.load(); }

@@ -260,7 +260,7 @@ TEST_F(Hierarchy, AnAggregatorThatStopsReadingDelaysNobody) {
     int64_t copies = 1;
     for (AggregatedMessage message = aggregator->nextDelivery(); message.type != 3; ++copies)
         message = aggregator->nextDelivery();
-    const auto status = queryStatus(StatusMethod::kGetStatus, statusSocketBeside(daemon().socketPath()));
+    const auto status = queryStatus(kGetStatus, statusSocketBeside(daemon().socketPath()));
     ASSERT_TRUE(status) << status.error().message;
     const Dictionary account = *status->dictionary("totals")->dictionary("aggregator");
     EXPECT_EQ(account.integer("delivered"), copies);

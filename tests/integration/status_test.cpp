@@ -47,7 +47,7 @@ class Status : public DaemonFixture {
     std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
     // The daemon's status, in which all books balance.
     Dictionary status() {
-        const auto answer = queryStatus(StatusMethod::kGetStatus, socketPath(), kPatience);
+        const auto answer = queryStatus(kGetStatus, socketPath(), kPatience);
         EXPECT_TRUE(answer) << answer.error().message;
         if (!answer) return {};
         expectBalanced(*answer->dictionary("totals"), "totals");
@@ -188,7 +188,7 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
               "dravik 1.0 fresh");
     EXPECT_TRUE(now.dictionary("sandbox")->boolean("systemCallFilter"));
     EXPECT_EQ(now.dictionary("daemon")->integer("pid"), daemon().pid());
-    const auto device = queryStatus(StatusMethod::kGetDevice, socketPath());
+    const auto device = queryStatus(kGetDevice, socketPath());
     ASSERT_TRUE(device);
     EXPECT_EQ(*device->string("DeviceName"), "Labdevice");
 }
@@ -202,7 +202,7 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     // The daemon reads it with the connection of the query, which it may refuse.
     const auto limit = [&](const char* key, int64_t most) {
         ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, key, most));
-        static_cast<void>(queryStatus(StatusMethod::kGetStatus, socketPath(), kPatience));
+        static_cast<void>(queryStatus(kGetStatus, socketPath(), kPatience));
     };
     const auto use = [](const Dictionary& status, const char* quota, const char* what) {
         for (const PropertyList& user : *status.array("users")) {

@@ -121,7 +121,7 @@ TEST_F(VodexAdaptor, ThatHangsHoldsUpNeitherOthersNorTheEnd) {
     expectReport(*parent);
     expectReport(*child);
     const auto status =
-        queryStatus(StatusMethod::kGetStatus, statusSocketBeside(daemon().socketPath()), lab::kPatience);
+        queryStatus(kGetStatus, statusSocketBeside(daemon().socketPath()), lab::kPatience);
     ASSERT_TRUE(status) << status.error().message;
     EXPECT_EQ(status->array("sessions")->size(), hanging.size() + 2);
     stopDaemon();

@@ -92,7 +92,8 @@ class BusPeer {
 // "" for a method return, the error's name for an error, "ended" for none.
 inline std::string errorName(const BusMessage& reply) {
     if (!reply) return "ended";
-    return reply.error() != nullptr && reply.error()->name != nullptr ? reply.error()->name : "";
+    const auto error = reply.error();
+    return error ? error->name : "";
 }
 
 }  // namespace telvora::test

@@ -31,7 +31,7 @@ class FakeSession : public ClientSessionInterface {
         note("fetchStates", {orNothing(userInfo)});
         reply(std::nullopt);
     }
-    void fetchDisplayURL(std::function<void(std::string)> reply) override {
+    void fetchDisplayURL(TextReply reply) override {
         note("fetchDisplayURL", {});
         reply("URL not available");
     }
@@ -53,7 +53,7 @@ class FakeSession : public ClientSessionInterface {
     void uploadFileAtPath(std::string, std::string, UploadFileReply) override {}
     void uploadLogData(Array, UploadLogDataReply) override {}
     void sendMessageWithSessionInfo(Dictionary, std::optional<Dictionary>, uint16_t, uint16_t,
-                                    std::optional<Dictionary>, StringReply) override {}
+                                    std::optional<Dictionary>, TextReply) override {}
 
   private:
     void note(const char* operation, Array arguments) {
