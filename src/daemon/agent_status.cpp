@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the agent tells administrators of its clients and its bags. It waits for no bag fetch: the sessions
-// are asked outside all locks of the agent's, and of the cache there is an extract under a lock of its own.
+// Composes the parts of the status that concern the clients and the bags (protocol/status_keys.h). It does
+// not wait for a bag fetch: it queries the sessions outside all locks of the agent, and reads an extract of
+// the cache that has its own lock.
 #include <cmath>
 
 #include "daemon/telvorad_agent.h"
+#include "protocol/status_keys.h"
 #include "util/time_value.h"
 
 namespace telvora {
@@ -12,10 +14,10 @@ namespace telvora {
 namespace {
 
 Dictionary clientStatus(const Peer& peer) {
-    Dictionary client{{"user", static_cast<long long>(peer.uid)},
-                      {"group", static_cast<long long>(peer.gid)},
-                      {"pid", static_cast<long long>(peer.pid)}};
-    if (!peer.unit.empty()) client.set("unit", peer.unit);
+    Dictionary client{{status::kUser, static_cast<long long>(peer.uid)},
+                      {status::kGroup, static_cast<long long>(peer.gid)},
+                      {status::kPid, static_cast<long long>(peer.pid)}};
+    if (!peer.unit.empty()) client.set(status::kUnit, peer.unit);
     return client;
 }
 
@@ -31,9 +33,9 @@ Array TelvoradAgent::sessionStatus() {
     }
     Array statuses;
     for (const auto& [session, peer] : sessions) {
-        Dictionary status = session->status();
-        status.set("client", clientStatus(peer));
-        statuses.emplace_back(std::move(status));
+        Dictionary described = session->status();
+        described.set(status::kClient, clientStatus(peer));
+        statuses.emplace_back(std::move(described));
     }
     return statuses;
 }
@@ -48,11 +50,13 @@ Array TelvoradAgent::storebagStatus() {
                             : !extract.held                                   ? "absent"
                             : extract.fetchSuccessful && age < extract.maxAge ? "fresh"
                                                                               : "stale";
-        Dictionary status{
-            {"clientType", extract.clientType}, {"state", state}, {"age", age}, {"maxAge", extract.maxAge}};
-        if (key.name) status.set("name", *key.name);
-        if (extract.version) status.set("version", *extract.version);
-        statuses.emplace_back(std::move(status));
+        Dictionary bag{{status::kClientType, extract.clientType},
+                       {status::kState, state},
+                       {status::kAge, age},
+                       {status::kMaxAge, extract.maxAge}};
+        if (key.name) bag.set(status::kName, *key.name);
+        if (extract.version) bag.set(status::kVersion, *extract.version);
+        statuses.emplace_back(std::move(bag));
     }
     return statuses;
 }

@@ -3,30 +3,32 @@
 
 #include <unistd.h>
 
+#include "protocol/status_keys.h"
+
 namespace telvora {
 
 Dictionary daemonStatus(const StartTime& start) {
     const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start.steady;
-    return {{"version", TELVORA_VERSION},
-            {"pid", getpid()},
-            {"user", static_cast<long long>(geteuid())},
-            {"startTime", Date{start.timeOfDay}},
-            {"uptime", uptime.count()}};
+    return {{status::kVersion, TELVORA_VERSION},
+            {status::kPid, getpid()},
+            {status::kUser, static_cast<long long>(geteuid())},
+            {status::kStartTime, Date{start.timeOfDay}},
+            {status::kUptime, uptime.count()}};
 }
 
 Dictionary sandboxStatus(const SandboxStatus& sandbox) {
-    return {{"profile", sandbox.profile},
-            {"landlockAbi", sandbox.landlockAbi},
-            {"files", sandbox.files},
-            {"tcpBind", sandbox.tcpBind},
-            {"deviceIoctl", sandbox.deviceIoctl},
-            {"signals", sandbox.signals},
-            {"abstractSockets", sandbox.abstractSockets},
-            {"systemCallFilter", sandbox.systemCallFilter},
-            {"noNewPrivileges", sandbox.noNewPrivileges},
-            {"noCapabilities", sandbox.noCapabilities},
-            {"emptyBoundingSet", sandbox.emptyBoundingSet},
-            {"notDumpable", sandbox.notDumpable}};
+    return {{status::kProfile, sandbox.profile},
+            {status::kLandlockAbi, sandbox.landlockAbi},
+            {status::kFiles, sandbox.files},
+            {status::kTcpBind, sandbox.tcpBind},
+            {status::kDeviceIoctl, sandbox.deviceIoctl},
+            {status::kSignals, sandbox.signals},
+            {status::kAbstractSockets, sandbox.abstractSockets},
+            {status::kSystemCallFilter, sandbox.systemCallFilter},
+            {status::kNoNewPrivileges, sandbox.noNewPrivileges},
+            {status::kNoCapabilities, sandbox.noCapabilities},
+            {status::kEmptyBoundingSet, sandbox.emptyBoundingSet},
+            {status::kNotDumpable, sandbox.notDumpable}};
 }
 
 Array userStatus(UserQuotas& quotas) {
@@ -34,12 +36,13 @@ Array userStatus(UserQuotas& quotas) {
     for (const auto& [user, uses] : quotas.uses()) {
         Dictionary described;
         for (size_t i = 0; i < kQuotas; ++i) {
-            described.set(
-                ruleOf(static_cast<Quota>(i)).name,
-                Dictionary{{"held", uses[i].held}, {"limit", uses[i].limit}, {"refused", uses[i].refused}});
+            described.set(ruleOf(static_cast<Quota>(i)).name,
+                          Dictionary{{status::kHeld, uses[i].held},
+                                     {status::kLimit, uses[i].limit},
+                                     {status::kRefused, uses[i].refused}});
         }
-        users.emplace_back(
-            Dictionary{{"user", static_cast<long long>(user)}, {"quotas", std::move(described)}});
+        users.emplace_back(Dictionary{{status::kUser, static_cast<long long>(user)},
+                                      {status::kQuotas, std::move(described)}});
     }
     return users;
 }

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The keys of the answers to kGetStatus (status_interface.h), by dictionary. com.zandor.telvorad.Status.xml
+// describes their values. The names of quotas, of backends and of the outcomes of reports are keys, too; the
+// rooms that define them have their names.
+#pragma once
+
+namespace telvora::status {
+
+// The answer.
+inline constexpr char kDaemon[] = "daemon";
+inline constexpr char kSandbox[] = "sandbox";
+inline constexpr char kSessions[] = "sessions";
+inline constexpr char kUsers[] = "users";
+inline constexpr char kBags[] = "bags";
+inline constexpr char kTotals[] = "totals";
+inline constexpr char kHttpPending[] = "httpPending";
+
+// Of several parts.
+inline constexpr char kUser[] = "user";
+inline constexpr char kPid[] = "pid";
+inline constexpr char kVersion[] = "version";
+inline constexpr char kClientType[] = "clientType";
+inline constexpr char kState[] = "state";
+
+// The daemon.
+inline constexpr char kStartTime[] = "startTime";
+inline constexpr char kUptime[] = "uptime";
+
+// The sandbox.
+inline constexpr char kProfile[] = "profile";
+inline constexpr char kLandlockAbi[] = "landlockAbi";
+inline constexpr char kFiles[] = "files";
+inline constexpr char kTcpBind[] = "tcpBind";
+inline constexpr char kDeviceIoctl[] = "deviceIoctl";
+inline constexpr char kSignals[] = "signals";
+inline constexpr char kAbstractSockets[] = "abstractSockets";
+inline constexpr char kSystemCallFilter[] = "systemCallFilter";
+inline constexpr char kNoNewPrivileges[] = "noNewPrivileges";
+inline constexpr char kNoCapabilities[] = "noCapabilities";
+inline constexpr char kEmptyBoundingSet[] = "emptyBoundingSet";
+inline constexpr char kNotDumpable[] = "notDumpable";
+
+// A session.
+inline constexpr char kClient[] = "client";
+inline constexpr char kGroup[] = "group";
+inline constexpr char kUnit[] = "unit";
+inline constexpr char kSessionID[] = "sessionID";
+inline constexpr char kUuid[] = "uuid";
+inline constexpr char kLevel[] = "level";
+inline constexpr char kToken[] = "token";
+inline constexpr char kHierarchyUser[] = "hierarchyUser";
+inline constexpr char kAggregates[] = "aggregates";
+inline constexpr char kBackends[] = "backends";
+inline constexpr char kSamplingThreshold[] = "samplingThreshold";
+inline constexpr char kAccounts[] = "accounts";
+
+// An account of reports.
+inline constexpr char kAccepted[] = "accepted";
+inline constexpr char kInFlight[] = "inFlight";
+inline constexpr char kHeld[] = "held";  // also of a quota
+inline constexpr char kDelivered[] = "delivered";
+inline constexpr char kLost[] = "lost";
+
+// A user.
+inline constexpr char kQuotas[] = "quotas";
+inline constexpr char kLimit[] = "limit";
+inline constexpr char kRefused[] = "refused";
+
+// A bag.
+inline constexpr char kName[] = "name";
+inline constexpr char kAge[] = "age";
+inline constexpr char kMaxAge[] = "maxAge";
+
+}  // namespace telvora::status
