@@ -3,6 +3,7 @@
 // What a session tells administrators of itself.
 #include "session/session_status.h"
 
+#include "protocol/status_keys.h"
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
 
@@ -29,7 +30,7 @@ const char* nameOf(BackendState state) {
 Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
     Dictionary described;
     for (const auto& [name, tally] : tallies) {
-        Dictionary account{{"accepted", tally.accepted}};
+        Dictionary account{{status::kAccepted, tally.accepted}};
         Dictionary lost;
         for (size_t i = 0; i < kReportPlaces; ++i) {
             const uint64_t reports = tally.places[i];
@@ -39,7 +40,7 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
                 lost.set(nameOf(ReportPlace(i)), reports);
             }
         }
-        account.set("lost", std::move(lost));
+        account.set(status::kLost, std::move(lost));
         described.set(name, std::move(account));
     }
     return described;
@@ -47,24 +48,24 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
 
 Dictionary TelvoradSession::status() const {
     Dictionary status{
-        {"sessionID", static_cast<long long>(sessionID())},
-        {"uuid", sessionIDString_},
-        {"clientType",
+        {status::kSessionID, static_cast<long long>(sessionID())},
+        {status::kUuid, sessionIDString_},
+        {status::kClientType,
          static_cast<long long>(sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0))},
-        {"level", static_cast<long long>(hierarchyLevel())},
-        {"aggregates", hasAggregator()}};
+        {status::kLevel, static_cast<long long>(hierarchyLevel())},
+        {status::kAggregates, hasAggregator()}};
     if (const auto token = hierarchyToken()) {
-        status.set("token", *token);
-        status.set("hierarchyUser", static_cast<long long>(hierarchyUser()));
+        status.set(status::kToken, *token);
+        status.set(status::kHierarchyUser, static_cast<long long>(hierarchyUser()));
     }
     Dictionary backends;
     for (const auto& [name, backend] : backendStates()) {
-        Dictionary described{{"state", nameOf(backend.state)}};
-        if (backend.samplingThreshold) described.set("samplingThreshold", *backend.samplingThreshold);
+        Dictionary described{{status::kState, nameOf(backend.state)}};
+        if (backend.samplingThreshold) described.set(status::kSamplingThreshold, *backend.samplingThreshold);
         backends.set(name, std::move(described));
     }
-    status.set("backends", std::move(backends));
-    status.set("accounts", describe(accounts_.tallies()));
+    status.set(status::kBackends, std::move(backends));
+    status.set(status::kAccounts, describe(accounts_.tallies()));
     return status;
 }
 

@@ -7,6 +7,7 @@
 
 #include "client/status_query.h"
 #include "output.h"
+#include "protocol/status_keys.h"
 #include "session_options.h"
 
 namespace telvora::ctl {
@@ -44,7 +45,7 @@ std::string seconds(const Dictionary& values, std::string_view key) {
 // "disabled 1, rejected 3"
 std::string lossesOf(const Dictionary& account) {
     std::string losses;
-    for (const auto& [cause, reports] : dictionaryIn(account, "lost"))
+    for (const auto& [cause, reports] : dictionaryIn(account, status::kLost))
         losses += (losses.empty() ? "" : ", ") + cause + " " + textOf(reports);
     return losses.empty() ? "-" : losses;
 }
@@ -55,41 +56,42 @@ void printTitled(const char* title, const std::vector<Row>& rows) {
 }
 
 void printDaemon(const Dictionary& status) {
-    const Dictionary& daemon = dictionaryIn(status, "daemon");
-    std::printf("telvorad %s, pid %s, up %s, %s HTTP exchanges under way\n", text(daemon, "version").c_str(),
-                text(daemon, "pid").c_str(), seconds(daemon, "uptime").c_str(),
-                text(status, "httpPending").c_str());
-    const Dictionary& sandbox = dictionaryIn(status, "sandbox");
+    const Dictionary& daemon = dictionaryIn(status, status::kDaemon);
+    std::printf("telvorad %s, pid %s, up %s, %s HTTP exchanges under way\n",
+                text(daemon, status::kVersion).c_str(), text(daemon, status::kPid).c_str(),
+                seconds(daemon, status::kUptime).c_str(), text(status, status::kHttpPending).c_str());
+    const Dictionary& sandbox = dictionaryIn(status, status::kSandbox);
     std::string inForce, missing;
     for (const auto& [name, value] : sandbox) {
         if (!value.is<bool>()) continue;
         std::string& list = value.boolValue() ? inForce : missing;
         list += (list.empty() ? "" : ", ") + name;
     }
-    std::printf("sandbox %s, Landlock ABI %s: %s%s%s\n", text(sandbox, "profile").c_str(),
-                text(sandbox, "landlockAbi").c_str(), inForce.c_str(),
+    std::printf("sandbox %s, Landlock ABI %s: %s%s%s\n", text(sandbox, status::kProfile).c_str(),
+                text(sandbox, status::kLandlockAbi).c_str(), inForce.c_str(),
                 missing.empty() ? "" : "; not in force: ", missing.c_str());
 }
 
 // A hierarchy is known by its token and its user: "t of 1000".
 std::string hierarchyOf(const Dictionary& session) {
-    if (!session.contains("token")) return "-";
-    return text(session, "token") + " of " + text(session, "hierarchyUser");
+    if (!session.contains(status::kToken)) return "-";
+    return text(session, status::kToken) + " of " + text(session, status::kHierarchyUser);
 }
 
 void printSessions(const std::vector<Dictionary>& sessions) {
     std::vector<Row> rows{{"SESSION", "TYPE", "PID", "USER", "UNIT", "LEVEL", "HIERARCHY", "BACKENDS"}};
     for (const Dictionary& session : sessions) {
-        const Dictionary& client = dictionaryIn(session, "client");
+        const Dictionary& client = dictionaryIn(session, status::kClient);
         std::string backends;
-        for (const auto& [name, backend] : dictionaryIn(session, "backends")) {
+        for (const auto& [name, backend] : dictionaryIn(session, status::kBackends)) {
             const auto* described = backend.getIf<Dictionary>();
             backends += (backends.empty() ? "" : ", ") + name + " " +
-                        (described != nullptr ? text(*described, "state") : "-");
+                        (described != nullptr ? text(*described, status::kState) : "-");
         }
-        rows.push_back({text(session, "sessionID"), text(session, "clientType"), text(client, "pid"),
-                        text(client, "user"), text(client, "unit"), text(session, "level"),
-                        hierarchyOf(session), backends.empty() ? "-" : backends});
+        rows.push_back({text(session, status::kSessionID), text(session, status::kClientType),
+                        text(client, status::kPid), text(client, status::kUser), text(client, status::kUnit),
+                        text(session, status::kLevel), hierarchyOf(session),
+                        backends.empty() ? "-" : backends});
     }
     printTitled("Sessions", rows);
 }
@@ -97,8 +99,9 @@ void printSessions(const std::vector<Dictionary>& sessions) {
 void addAccounts(std::vector<Row>& rows, const std::string& whose, const Dictionary& accounts) {
     for (const auto& [name, value] : accounts) {
         if (const auto* account = value.getIf<Dictionary>()) {
-            rows.push_back({whose, name, text(*account, "accepted"), text(*account, "delivered"),
-                            text(*account, "held"), text(*account, "inFlight"), lossesOf(*account)});
+            rows.push_back({whose, name, text(*account, status::kAccepted),
+                            text(*account, status::kDelivered), text(*account, status::kHeld),
+                            text(*account, status::kInFlight), lossesOf(*account)});
         }
     }
 }
@@ -106,18 +109,18 @@ void addAccounts(std::vector<Row>& rows, const std::string& whose, const Diction
 void printReports(const Dictionary& status, const std::vector<Dictionary>& sessions) {
     std::vector<Row> rows{{"SESSION", "BACKEND", "ACCEPTED", "DELIVERED", "HELD", "IN FLIGHT", "LOST"}};
     for (const Dictionary& session : sessions)
-        addAccounts(rows, text(session, "sessionID"), dictionaryIn(session, "accounts"));
-    addAccounts(rows, "all so far", dictionaryIn(status, "totals"));
+        addAccounts(rows, text(session, status::kSessionID), dictionaryIn(session, status::kAccounts));
+    addAccounts(rows, "all so far", dictionaryIn(status, status::kTotals));
     printTitled("Reports", rows);
 }
 
 void printUsers(const std::vector<Dictionary>& users) {
     std::vector<Row> rows{{"USER", "QUOTA", "HELD", "LIMIT", "REFUSED"}};
     for (const Dictionary& user : users) {
-        for (const auto& [name, value] : dictionaryIn(user, "quotas")) {
+        for (const auto& [name, value] : dictionaryIn(user, status::kQuotas)) {
             if (const auto* quota = value.getIf<Dictionary>()) {
-                rows.push_back({text(user, "user"), name, text(*quota, "held"), text(*quota, "limit"),
-                                text(*quota, "refused")});
+                rows.push_back({text(user, status::kUser), name, text(*quota, status::kHeld),
+                                text(*quota, status::kLimit), text(*quota, status::kRefused)});
             }
         }
     }
@@ -127,8 +130,9 @@ void printUsers(const std::vector<Dictionary>& users) {
 void printBags(const std::vector<Dictionary>& bags) {
     std::vector<Row> rows{{"BAG", "TYPE", "VERSION", "STATE", "AGE", "MAX AGE"}};
     for (const Dictionary& bag : bags) {
-        rows.push_back({text(bag, "name"), text(bag, "clientType"), text(bag, "version"), text(bag, "state"),
-                        seconds(bag, "age"), seconds(bag, "maxAge")});
+        rows.push_back({text(bag, status::kName), text(bag, status::kClientType), text(bag, status::kVersion),
+                        text(bag, status::kState), seconds(bag, status::kAge),
+                        seconds(bag, status::kMaxAge)});
     }
     printTitled("Bags", rows);
 }
@@ -136,7 +140,7 @@ void printBags(const std::vector<Dictionary>& bags) {
 int runStatus(const CommonOptions& common) {
     tl::expected<Dictionary, BusQueryFailure> status;
     awaitDaemon(common, [&] {
-        status = queryStatus(StatusMethod::kGetStatus, statusSocketBeside(common.socket()));
+        status = queryStatus(kGetStatus, statusSocketBeside(common.socket()));
         return status || status.error().kind != Kind::kUnreachable;
     });
     if (!status) {
@@ -150,12 +154,12 @@ int runStatus(const CommonOptions& common) {
         std::puts(toJson(*status).c_str());
         return kDone;
     }
-    const std::vector<Dictionary> sessions = entriesIn(*status, "sessions");
+    const std::vector<Dictionary> sessions = entriesIn(*status, status::kSessions);
     printDaemon(*status);
     printSessions(sessions);
     printReports(*status, sessions);
-    printUsers(entriesIn(*status, "users"));
-    printBags(entriesIn(*status, "bags"));
+    printUsers(entriesIn(*status, status::kUsers));
+    printBags(entriesIn(*status, status::kBags));
     return kDone;
 }
 
