@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The hierarchies: per token and user, the live sessions in the order in which they came. "The session of
-// level n" always means the first of that level in the list.
+// The hierarchies: for each token and user, the list of live sessions in order of arrival. "The session of
+// level n" is the first of that level in the list.
 #include <algorithm>
 
 #include "daemon/telvorad_agent.h"
@@ -11,8 +11,8 @@ namespace telvora {
 
 namespace {
 
-// Lists stay when they empty, so that a token keeps its place while its sessions come and go. This bounds
-// what a client can leave behind by inventing tokens.
+// An empty list stays, because its token's sessions often come and go. This bounds the memory that a client
+// can take by inventing tokens.
 constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 
 }  // namespace
@@ -158,8 +158,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSess
     const SessionList* sessions = token ? sessionsOfToken(*token, session.hierarchyUser()) : nullptr;
     if (sessions == nullptr) return nullptr;
 
-    // The first session of each level, top first: the levels that exist are few, whatever number a client
-    // claims.
+    // The first session of each level, top first. Only few levels exist, whatever number a client sends.
     std::map<int64_t, const std::shared_ptr<TelvoradSession>*> firstOfLevel;
     for (const auto& member : *sessions) {
         const int64_t memberLevel = member->hierarchyLevel();

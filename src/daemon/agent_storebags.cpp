@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The bag cache: a good bag is trusted for its age, a failing server is left alone for a while.
+// The bag cache: a fetched bag is used up to its maximum age; a server that failed is not asked for a while.
 #include <cmath>
 
 #include "daemon/telvorad_agent.h"
@@ -11,7 +11,7 @@ namespace telvora {
 
 namespace {
 
-// A bag server that failed is asked again only after this long.
+// Time before a bag server that failed is asked again.
 constexpr int kSecondsBetweenAttempts = 900;
 
 uint32_t clientTypeOf(const TelvoradSession& session) {
@@ -32,7 +32,7 @@ std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const Telvor
     const auto found = cachedStorebags_.find(key);
     if (found != cachedStorebags_.end()) {
         const StorebagRecord& record = found->second;
-        // A clock that was set back counts as time gone by.
+        // A clock that was set back counts as elapsed time.
         const double age =
             std::fabs(TelvoradUtil::secondsFromTimeValue(services_.clock()) - record.fetchTime);
         if (record.fetchSuccessful && age < record.maxAge) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// InFlightHttpClient: counts what is on its way, so that the process ends only when nothing is.
+// InFlightHttpClient: counts the requests under way, so that the process ends only when all have completed.
 #pragma once
 
 #include <atomic>

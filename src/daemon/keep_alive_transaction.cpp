@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whichever thread opens or closes the transaction only counts, and lets the main run loop look at the count.
-// The loop acts on what it finds then, so the order in which such looks arrive does not matter.
+// The thread that opens or closes the transaction only counts, and has the main run loop check the count. The
+// loop acts on the count that it finds, so the order of the checks does not matter.
 #include "daemon/keep_alive_transaction.h"
 
 #include <asio/post.hpp>
@@ -44,17 +44,17 @@ struct KeepAliveTransaction::State : std::enable_shared_from_this<KeepAliveTrans
             count += by;
             if (count != (by > 0 ? 1 : 0)) return;  // neither the first nor the last
         }
-        lookSoon();
+        checkSoon();
     }
 
-    void lookSoon() {
+    void checkSoon() {
         if (!options.launchedOnDemand) return;
         asio::post(runLoop, [weak = weak_from_this()] {
-            if (const auto self = weak.lock()) self->look();
+            if (const auto self = weak.lock()) self->check();
         });
     }
 
-    void look() {
+    void check() {
         if (isOpen()) return options.timer->cancel();
         options.timer->start(options.idleTime, [weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->idled();
@@ -62,8 +62,8 @@ struct KeepAliveTransaction::State : std::enable_shared_from_this<KeepAliveTrans
     }
 
     void idled() {
-        if (isOpen()) return;  // just now, and a look is on its way
-        if (options.inFlight()) return look();
+        if (isOpen()) return;  // opened just now; a check is posted
+        if (options.inFlight()) return check();
         if (auto onIdle = std::exchange(options.onIdle, nullptr)) onIdle();
     }
 
@@ -80,7 +80,7 @@ struct KeepAliveTransaction::State : std::enable_shared_from_this<KeepAliveTrans
 
 KeepAliveTransaction::KeepAliveTransaction(asio::io_context& mainRunLoop, KeepAliveOptions options)
     : state_(std::make_shared<State>(mainRunLoop, std::move(options))) {
-    state_->lookSoon();
+    state_->checkSoon();
 }
 
 KeepAliveTransaction::~KeepAliveTransaction() = default;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The keep-alive transaction: open while there is anybody to serve. A daemon that its service manager started
-// on demand, by a connection to a socket that the manager holds, may end when it has idled; the manager
-// starts it again at the next connection.
+// The keep-alive transaction: open while the daemon has sessions. A daemon that its service manager started
+// on demand, by a connection to the manager's socket, may end when it has idled; the manager starts it again
+// at the next connection.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -12,11 +12,11 @@
 
 namespace telvora {
 
-// A timer that runs a handler once, on the main run loop, which is also where it is called.
+// A timer that runs a handler once on the main run loop. Its functions are called there, too.
 class IdleTimer {
   public:
     virtual ~IdleTimer() = default;
-    // Replaces what was started before.
+    // Replaces a start before.
     virtual void start(std::chrono::milliseconds delay, std::function<void()> handler) = 0;
     virtual void cancel() = 0;
 };
@@ -24,19 +24,20 @@ class IdleTimer {
 inline constexpr std::chrono::milliseconds kDefaultIdleTime = std::chrono::seconds(30);
 
 struct KeepAliveOptions {
-    // Whether the process may end by itself at all. Without it nothing below is ever used.
+    // Whether the process may end by itself. If false, the options below are not used.
     bool launchedOnDemand = false;
-    // Asked on the main run loop: whether work is still on its way that no transaction stands for.
+    // Whether requests are under way that no transaction counts. Called on the main run loop.
     std::function<bool()> inFlight;
-    // Called on the main run loop, once, when no transaction has been open for `idleTime`, counted from the
-    // start of the run loop or the last transaction's end, and nothing is in flight.
+    // Called once on the main run loop when no transaction has been open for `idleTime`, from the start of
+    // the run loop or the end of the last transaction, and no request is under way.
     std::function<void()> onIdle;
     std::chrono::milliseconds idleTime = kDefaultIdleTime;
     std::unique_ptr<IdleTimer> timer = nullptr;  // null: real time
 };
 
-// begin() and end() may be called from any thread; made and destroyed while the main run loop does not run,
-// or on it. While a transaction is open, and in a process that was not launched on demand, no timer runs.
+// begin() and end() may be called from any thread; constructor and destructor while the main run loop does
+// not run, or on it. No timer runs while a transaction is open or in a process that was not launched on
+// demand.
 class KeepAliveTransaction {
   public:
     // `mainRunLoop` must outlive the transaction.
@@ -45,7 +46,7 @@ class KeepAliveTransaction {
     KeepAliveTransaction(const KeepAliveTransaction&) = delete;
     KeepAliveTransaction& operator=(const KeepAliveTransaction&) = delete;
 
-    // Opens the transaction; begins nest and each needs its end.
+    // Opens the transaction. Calls nest; each needs its end().
     void begin();
     void end();
 

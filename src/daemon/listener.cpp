@@ -9,7 +9,7 @@ namespace telvora {
 
 namespace {
 
-// How long to leave new connections waiting when the process is out of file descriptors or memory.
+// Pause before the next accept when the process is out of file descriptors or memory.
 constexpr std::chrono::milliseconds kPauseWithoutResources{200};
 
 }  // namespace
@@ -40,7 +40,7 @@ void Listener::acceptNext() {
         if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
         if (!error) {
             UniqueFd connection(socket.release(error));
-            // Without a peer, it has gone again.
+            // A connection without a peer has ended again.
             if (const auto peer = readPeer(connection.get())) accepted_(std::move(connection), *peer);
             return acceptNext();
         }

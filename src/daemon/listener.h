@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Listener: takes new connections from a listening socket and hands each on, with who is at its other end.
+// Listener: accepts connections from a listening socket and passes each on with its peer's credentials.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -24,7 +24,7 @@ class Listener {
 
     // Starts to accept.
     void resume();
-    // Accepts no more and closes the socket.
+    // Stops accepting and closes the socket.
     void close();
 
   private:

@@ -13,14 +13,17 @@
 #include <optional>
 #include <system_error>
 
+#include "protocol/status_interface.h"
+#include "util/log.h"
+
 namespace telvora {
 
 namespace {
 
 constexpr mode_t kOpenToAll = 0666;
 
-tl::unexpected<std::string> failure(const std::string& what, int error = errno) {
-    return tl::unexpected(what + ": " + std::generic_category().message(error));
+tl::unexpected<std::string> failure(const std::string& context, int error = errno) {
+    return tl::unexpected(context + ": " + std::generic_category().message(error));
 }
 
 tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {
@@ -62,7 +65,7 @@ const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// Removes what a dead process left there. A socket that nobody listens on any more refuses connections.
+// Removes the socket of a dead process: it refuses connections.
 tl::expected<void, std::string> removeStale(const std::filesystem::path& path, const sockaddr_un& address) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
@@ -123,6 +126,25 @@ tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesy
     if (chmod(path.c_str(), kOpenToAll) != 0) return failure("can't open " + path.native() + " to all");
     if (listen(result.socket.get(), SOMAXCONN) != 0) return failure("can't listen on " + path.native());
     return result;
+}
+
+tl::expected<Sockets, std::string> openSockets(const std::filesystem::path& runtimeDirectory) {
+    auto handedOver = takeHandedOverSockets(kTelvoradStatusSocketName);
+    if (!handedOver) return tl::unexpected(handedOver.error());
+    if (!handedOver->main) {
+        auto made = makeListeningSocket(runtimeDirectory / kTelvoradSocketName);
+        if (!made) return tl::unexpected(made.error());
+        handedOver->main.emplace(std::move(*made));
+    }
+    if (!handedOver->other) {
+        auto made = makeListeningSocket(runtimeDirectory / kTelvoradStatusSocketName);
+        if (made) {
+            handedOver->other.emplace(std::move(*made));
+        } else {
+            TELVORA_LOG(kLogWarning, "main: no status for administrators: %s", made.error().c_str());
+        }
+    }
+    return Sockets{std::move(*handedOver->main), std::move(handedOver->other)};
 }
 
 }  // namespace telvora

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The Unix stream sockets on which others reach the daemon.
+// The Unix stream sockets on which the daemon is reached.
 #pragma once
 
 #include <filesystem>
@@ -13,7 +13,7 @@
 namespace telvora {
 
 // A listening socket, non-blocking and close-on-exec. The socket may be moved out of `socket`; the object
-// then still owns the name in the file system, which it removes at its end if it made it.
+// then still owns the name in the file system, and removes it at its end if it made it.
 class ListeningSocket {
   public:
     UniqueFd socket;
@@ -28,24 +28,35 @@ class ListeningSocket {
     friend tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path);
 
     std::filesystem::path path_;
-    // The file of that name when we made it, else none. It is held open so that its number stays its own:
-    // by the end, another daemon's file may go by the name.
+    // The file that this object made, if any. It is held open so that its inode number is not reused: by the
+    // end, another daemon's file may have the name.
     UniqueFd file_;
 };
 
-// A new socket with that name in the file system. Everybody may connect (mode 0666): who may do what is
-// decided by who the peer is. A socket that a dead process left there is replaced; one that answers, or a
+// A new socket with that name in the file system. Everybody may connect (mode 0666): the credentials of each
+// peer decide its rights. A socket that a dead process left there is replaced; a socket that answers, or a
 // file of another type, is an error.
 tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesystem::path& path);
 
 // The sockets that the service manager handed over (sd_listen_fds_with_names(3)): the one whose
-// FileDescriptorName= is `otherName`, and the main one, whatever its name. The variables are then removed
-// from the environment, so no other thread may exist. Everything else but listening Unix stream sockets, at
-// most one each, is an error.
+// FileDescriptorName= is `otherName`, and the main one, of any other name. Removes the variables from the
+// environment, so no other thread may exist. Any other descriptor than at most one listening Unix stream
+// socket each is an error.
 struct HandedOverSockets {
     std::optional<ListeningSocket> main;
     std::optional<ListeningSocket> other;
 };
 tl::expected<HandedOverSockets, std::string> takeHandedOverSockets(const std::string& otherName);
+
+// The daemon's sockets: for its clients and for its administrators. Without the latter, which is logged, the
+// daemon still serves its clients.
+struct Sockets {
+    ListeningSocket clients;
+    std::optional<ListeningSocket> status;
+};
+
+// The sockets that the service manager handed over, or new ones in the runtime directory. Fails with the
+// reason. No other thread may exist.
+tl::expected<Sockets, std::string> openSockets(const std::filesystem::path& runtimeDirectory);
 
 }  // namespace telvora

@@ -24,10 +24,10 @@ void RefusalLog::notEntitled(const Peer& peer) {
         });
         Refusals& refusals = users_[peer.uid];
         if (now < refusals.nextLine) {
-            ++refusals.untold;
+            ++refusals.unlogged;
             return;
         }
-        before = std::exchange(refusals.untold, 0);
+        before = std::exchange(refusals.unlogged, 0);
         refusals.nextLine = now + kPeriod;
     }
     const std::string others = before > 0 ? ", after " + std::to_string(before) + " more of this user" : "";

@@ -11,9 +11,10 @@
 
 namespace telvora {
 
-// RefusalLog: logs at the default level which peers are turned away for want of the entitlement. A program
-// that connects again and again must not fill the log: each user has a line a minute, with the number of
-// refusals since the one before. Users without a refusal in the last minute are forgotten. Thread-safe.
+// RefusalLog: logs at the default level the peers that are refused because they lack the entitlement. A
+// program that connects again and again must not fill the log: each user has one line per minute, with the
+// number of refusals since the line before. Users without a refusal in the last minute are forgotten.
+// Thread-safe.
 class RefusalLog {
   public:
     using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
@@ -24,7 +25,7 @@ class RefusalLog {
 
   private:
     struct Refusals {
-        uint64_t untold = 0;
+        uint64_t unlogged = 0;
         std::chrono::steady_clock::time_point nextLine;  // not before
     };
 

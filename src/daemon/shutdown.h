@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Shutdown: the daemon's orderly end. No new connection, every session ends as at its connection's end, and
-// what is on its way to a server is waited for up to a deadline.
+// Shutdown: the daemon's orderly end. It accepts no new connection, ends every session, and waits for
+// requests under way up to a deadline.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -18,7 +18,7 @@ class Shutdown {
     struct Steps {
         std::function<void()> stopAccepting;
         std::function<void()> endSessions;
-        std::function<bool()> isIdle;  // whether all sessions have ended and nothing is in flight
+        std::function<bool()> isIdle;  // whether all sessions have ended and no request is under way
     };
 
     Shutdown(asio::io_context& runLoop, Steps steps, std::chrono::milliseconds deadline);
@@ -27,7 +27,7 @@ class Shutdown {
     void onSignals();
     // Begins now. On the run loop's thread.
     void begin();
-    // Something may have become idle: ends the run loop if that completes the shutdown. From any thread.
+    // Ends the run loop if the daemon has become idle and the shutdown has begun. Callable from any thread.
     void check();
 
   private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Acceptance of connections and the registry of live sessions.
+// Admission of connections and the registry of live sessions.
 #include "daemon/telvorad_agent.h"
 
 #include "util/log.h"
@@ -51,7 +51,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
             sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
     }
     connection->setInvalidationHandler([this, session] { invalidated(session); });
-    // Who holds the handler holds the user's place for the connection.
+    // The handler holds the connection's charge on the user's quota.
     connection->setGoneHandler([this, connected] {
         if (--sessionsAlive_ == 0) services_.noSessionsLeft();
     });
@@ -77,7 +77,7 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
         leaveCorrelatedSessions(*session);
     }
     session->dealloc();
-    // Only now may an idle process end: the session's last reports are on their way.
+    // An idle process may end only now: the session's last reports are on their way.
     if (lastSession) services_.keepAlive.end();
 }
 

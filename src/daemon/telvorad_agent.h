@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// TelvoradAgent: the one object that every connection and every session meets. It lets peers in by
-// entitlement, keeps the registry of live sessions and with it the process alive, serves bags from its cache,
-// and knows which sessions form a hierarchy.
+// TelvoradAgent: the object that all connections and sessions share. It admits peers by entitlement, keeps
+// the registry of live sessions, which keeps the process alive, serves bags from its cache, and groups
+// sessions into hierarchies.
 //
 // Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which
-// guards the bag cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for
-// the same bag find it fetched. All operations may be called from any thread.
+// guards the bag cache and the hierarchies. The latter stays held across a bag fetch, so that sessions that
+// wait for the same bag find it fetched. All operations may be called from any thread.
 //
-// A hierarchy is known by its token and by its user (TelvoradSession::hierarchyUser): a token is a name that
-// others can guess, and sessions of a hierarchy see and govern each other's reports.
+// A hierarchy is identified by its token and its user (TelvoradSession::hierarchyUser): others can guess a
+// token, and the sessions of a hierarchy see and control each other's reports.
 #pragma once
 
 #include <atomic>
@@ -37,7 +37,7 @@
 
 namespace telvora {
 
-// What the agent uses of the outside; all outlive it.
+// The objects that the agent uses; all outlive it.
 struct AgentServices {
     const EntitlementStore& entitlements;
     const StorebagFetcher& storebagFetcher;
@@ -45,28 +45,28 @@ struct AgentServices {
     UserQuotas& quotas;
     KeepAliveTransaction& keepAlive;
     Clock clock;
-    std::function<void()> noSessionsLeft;  // called, on any thread, when the last session has come to its end
+    std::function<void()> noSessionsLeft;  // called on any thread when the last session has ended
 };
 
 class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
     explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
 
-    // Whether the new connection is let in: its peer must have the entitlement, and its user room for one
-    // more connection and session. Then it has its session and serves it. A refused one is left as it is, for
-    // the listener to close.
+    // Whether the new connection is admitted: its peer must have the entitlement, and its user quota for one
+    // more connection and session. An admitted connection gets its session and is served. A refused
+    // connection is left to the caller, which closes it.
     bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
 
     // Ends every connection; their sessions end on their own strands.
     void invalidateAllConnections();
     // Sessions whose connection is valid.
     size_t sessionCount();
-    // Sessions that have not come to their end yet, those included that are sending their last reports or
-    // whose clients are reading their last answers.
+    // Sessions that have not ended yet, including those that send their last reports or whose clients read
+    // their last answers.
     size_t sessionsAlive() const { return sessionsAlive_.load(); }
 
-    // For administrators: the live sessions in order of acceptance, and the bags that were asked for
-    // (com.zandor.telvorad.Status.xml). Neither waits for a fetch.
+    // The status of the live sessions, in order of acceptance, and of the requested bags (status_keys.h).
+    // Neither waits for a fetch.
     Array sessionStatus();
     Array storebagStatus();
 
@@ -84,8 +84,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   private:
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
 
-    // Which client types share a record: those of one bag name, and those without a name, which are served by
-    // the bag of no name; but for type 0, for which no bag is ever asked: its failures are its own.
+    // The client types with the same bag name share a record; so do those without a bag name, which the bag
+    // without a name serves. Type 0 has a record of its own: no bag is ever requested for it.
     struct StorebagKey {
         explicit StorebagKey(uint32_t clientType)
             : name(bagNameForClientType(clientType)), isFetched(clientType != 0) {}
@@ -103,18 +103,18 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         double fetchTime = 0;  // of the last attempt, seconds since 1970
         int32_t maxAge = 0;    // seconds
         bool fetchSuccessful = false;
-        bool builtIn = false;  // the data are the built-in stand-in
+        bool builtIn = false;  // the data are the built-in bag
     };
 
-    // What is told of a record; under a lock of its own, for the agent's is held across fetches.
+    // A record's part of the status. It has its own lock: the agent's is held across fetches.
     struct StorebagExtract {
-        int clientType = 0;  // of the session that it was last fetched for
+        int clientType = 0;  // of the session that caused the last fetch
         std::optional<std::string> version;
         double fetchTime = 0;
         int32_t maxAge = 0;
         bool fetchSuccessful = false;
-        bool held = false;     // there is a bag
-        bool builtIn = false;  // it is the built-in one
+        bool held = false;     // the record has a bag
+        bool builtIn = false;  // the bag is the built-in one
     };
 
     struct RegisteredSession {
@@ -153,10 +153,10 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
     Hierarchies correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, Hierarchies::iterator> hierarchyPlaces_
-        TELVORA_GUARDED_BY(lock_);  // who is in which list
+        TELVORA_GUARDED_BY(lock_);  // the list of each session
     size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) =
-        0;                                            // of tokens entered since empty lists were last dropped
-    std::atomic<size_t> correlatedSessionsCount_{0};  // for the log, which must not wait for a fetch
+        0;                                            // of tokens added since empty lists were last dropped
+    std::atomic<size_t> correlatedSessionsCount_{0};  // for the log, without waiting for a fetch
 };
 
 }  // namespace telvora

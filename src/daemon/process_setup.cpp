@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/quality_of_service.h"
+#include "daemon/process_setup.h"
 
 #include <linux/ioprio.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "util/log.h"
@@ -20,16 +22,16 @@ constexpr int kNice = 5;
 constexpr int kIoPriorityLevel = 6;  // 0 to 7, 7 the lowest
 constexpr unsigned long kTimerSlackNanoseconds = 50'000'000;
 
-void report(const char* what, long result) {
+void report(const char* setting, long result) {
     if (result == 0) return;
-    TELVORA_LOG(kLogDebug, "setUtilityQualityOfService: can't set the %s: %s", what,
+    TELVORA_LOG(kLogDebug, "setUtilityQualityOfService: can't set the %s: %s", setting,
                 std::generic_category().message(errno).c_str());
 }
 
 }  // namespace
 
 void setUtilityQualityOfService() {
-    // Whoever started the daemon may have put it lower still; raising it again is refused to most users.
+    // The daemon may have been started with a lower priority; most users may not raise it again.
     errno = 0;
     const int nice = getpriority(PRIO_PROCESS, 0);
     if (errno != 0 || nice < kNice) report("nice value", setpriority(PRIO_PROCESS, 0, kNice));
@@ -37,6 +39,13 @@ void setUtilityQualityOfService() {
     if (syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, 0) != kIoPriority)
         report("I/O priority", syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, kIoPriority));
     report("timer slack", prctl(PR_SET_TIMERSLACK, kTimerSlackNanoseconds, 0UL, 0UL, 0UL));
+}
+
+void notifyServiceManager(const char* state) {
+    const int result = sd_notify(0, state);
+    if (result < 0) {
+        TELVORA_LOG(kLogWarning, "main: can't tell the service manager: %s", std::strerror(-result));
+    }
 }
 
 }  // namespace telvora

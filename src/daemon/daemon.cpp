@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/daemon.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+
+#include "daemon/process_setup.h"
+#include "platform/locale.h"
+#include "platform/system_log.h"
+#include "platform/uuid.h"
+#include "protocol/status_keys.h"
+#include "session/session_status.h"
+#include "util/log.h"
+
+namespace telvora {
+
+Daemon::Daemon(const ProcessContext& process, Sockets sockets)
+    : process_(process),
+      start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
+      properties_(process.directories.configuration),
+      identity_(properties_, process.defaults),
+      environment_(process.defaults, identity_),
+      framework_(process.directories.framework),
+      entitlements_(process.directories.configuration),
+      quotas_(process.defaults),
+      curl_(makeCurlHttpClient()),
+      pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
+      powerLog_(makeJournalPowerLog()),
+      http_(*curl_, [this] { shutdown_.check(); }),
+      backendServices_(makeBackendServices()),
+      factory_(backendServices_),
+      sessionServices_(makeSessionServices()),
+      fetcher_({.http = http_, .environment = environment_, .framework = framework_}),
+      keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
+                            .inFlight = [this] { return http_.inFlight() > 0; },
+                            .onIdle = [this] { shutdown_.begin(); },
+                            .idleTime = process.settings.idleTime}),
+      agent_({.entitlements = entitlements_,
+              .storebagFetcher = fetcher_,
+              .sessionServices = sessionServices_,
+              .quotas = quotas_,
+              .keepAlive = keepAlive_,
+              .clock = timeOfDay,
+              .noSessionsLeft = [this] { shutdown_.check(); }}),
+      status_(*this, quotas_),
+      listener_(runLoop_, std::move(sockets.clients.socket),
+                [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); }),
+      shutdown_(runLoop_,
+                {.stopAccepting = [this] { stopAccepting(); },
+                 .endSessions = [this] { agent_.invalidateAllConnections(); },
+                 .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
+                process.settings.shutdownTime),
+      reload_(runLoop_, SIGHUP) {
+    if (!sockets.status) return;
+    statusListener_.emplace(runLoop_, std::move(sockets.status->socket),
+                            [this](UniqueFd socket, const Peer& peer) {
+                                status_.accept(pool_.makeStrand(), std::move(socket), peer);
+                            });
+}
+
+BackendServices Daemon::makeBackendServices() {
+    return {.http = http_,
+            .identity = identity_,
+            .environment = environment_,
+            .defaults = process_.defaults,
+            .clock = timeOfDay,
+            .countryCode = [] { return currentCountryCode(); },
+            .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
+            .random = uniformRandom48,
+            .makeNetworkQueue = [this] { return makeNetworkQueue(pool_); },
+            .vodexAdaptorPath = process_.settings.vodexAdaptorPath,
+            .powerLog = powerLog_.get()};
+}
+
+SessionServices Daemon::makeSessionServices() {
+    return {.backendSources = {.factory = factory_,
+                               .identity = identity_,
+                               .framework = framework_,
+                               .clock = timeOfDay},
+            .identity = identity_,
+            .framework = framework_,
+            .defaults = process_.defaults,
+            .messageLog = process_.messageLog,
+            .clock = timeOfDay,
+            .countryCode = [] { return currentCountryCode(); },
+            .uploadAdmission = uploads_,
+            .ledger = ledger_,
+            .uploadDirectories = process_.settings.uploadDirectories};
+}
+
+void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
+    const std::string description = "#" + std::to_string(++connections_) + " from " + peer.description();
+    const auto connection = ClientConnection::make(pool_.makeStrand(), std::move(socket), description);
+    if (!agent_.listener(connection, peer)) connection->invalidate();
+}
+
+void Daemon::run() {
+    reloadOnSignal();
+    shutdown_.onSignals();
+    listener_.resume();
+    if (statusListener_) statusListener_->resume();
+    TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
+    notifyServiceManager("READY=1");
+    runLoop_.run();
+
+    logLosses();
+    quotas_.tellRefusals();
+    if (agent_.sessionsAlive() > 0) {
+        // Their deadline has passed; the server or the adaptor that they wait for may never answer.
+        stopLogging();
+        std::_Exit(0);
+    }
+    // Work that still runs uses the members: it ends before they do, and waits for no server any more.
+    uploads_.close();
+    http_.stop();
+    pool_.stop();
+    curl_.reset();
+}
+
+void Daemon::stopAccepting() {
+    notifyServiceManager("STOPPING=1");
+    listener_.close();
+    if (statusListener_) statusListener_->close();
+}
+
+void Daemon::reloadOnSignal() {
+    reload_.async_wait([this](asio::error_code error, int) {
+        if (error) return;
+        const int level = readLogLevel(process_.defaults);
+        TELVORA_LOG(kLogInfo, "main: Logging up to level %d", level);
+        reloadOnSignal();
+    });
+}
+
+void Daemon::logLosses() const {
+    uint64_t accepted = 0;
+    uint64_t lost = 0;
+    for (const auto& [name, tally] : ledger_.totals()) {
+        if (name == ClientAccounts::kAggregator) continue;  // copies of reports that other accounts count
+        accepted += tally.accepted;
+        lost += failedOrPending(tally);
+    }
+    if (lost == 0) return;
+    TELVORA_LOG(kLogWarning, "main: %llu reports lost of %llu accepted",
+                static_cast<unsigned long long>(lost), static_cast<unsigned long long>(accepted));
+}
+
+Dictionary Daemon::getStatus() {
+    return {{status::kDaemon, daemonStatus(start_)},
+            {status::kSandbox, sandboxStatus(process_.sandbox)},
+            {status::kSessions, agent_.sessionStatus()},
+            {status::kUsers, userStatus(quotas_)},
+            {status::kBags, agent_.storebagStatus()},
+            {status::kTotals, describe(ledger_.totals())},
+            {status::kHttpPending, static_cast<long long>(http_.inFlight())}};
+}
+
+}  // namespace telvora

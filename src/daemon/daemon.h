@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Daemon: the daemon in a confined process. It owns all other objects. A member uses only the members above it,
+// except in handlers, which run after the construction.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <memory>
+#include <optional>
+
+#include "access/client_files.h"
+#include "access/user_quotas.h"
+#include "backends/report_account.h"
+#include "config/client_framework.h"
+#include "config/environment.h"
+#include "config/storebag_fetcher.h"
+#include "daemon/daemon_status.h"
+#include "daemon/in_flight_http_client.h"
+#include "daemon/keep_alive_transaction.h"
+#include "daemon/listener.h"
+#include "daemon/listening_socket.h"
+#include "daemon/settings.h"
+#include "daemon/shutdown.h"
+#include "daemon/status_service.h"
+#include "daemon/telvorad_agent.h"
+#include "platform/directories.h"
+#include "platform/power_log.h"
+#include "session/backend_factory.h"
+
+namespace telvora {
+
+// The state of the process that main has set up.
+struct ProcessContext {
+    const Directories& directories;
+    UserDefaults& defaults;
+    const MessageLog& messageLog;
+    const Settings& settings;
+    const SandboxStatus& sandbox;
+};
+
+class Daemon final : private StatusInterface {
+  public:
+    // `process` outlives the daemon.
+    Daemon(const ProcessContext& process, Sockets sockets);
+
+    // Serves until the shutdown is complete. Ends the process at once if sessions are left at the deadline.
+    void run();
+
+  private:
+    BackendServices makeBackendServices();
+    SessionServices makeSessionServices();
+    void serveClient(UniqueFd socket, const Peer& peer);
+    void stopAccepting();
+    void reloadOnSignal();
+    void logLosses() const;
+    Dictionary getStatus() override;
+    Dictionary getDevice() override { return properties_.all(); }
+
+    const ProcessContext& process_;
+    const StartTime start_;
+    asio::io_context runLoop_{1};
+
+    const DeviceProperties properties_;
+    const DeviceIdentity identity_;
+    const Environment environment_;
+    const ClientFramework framework_;
+    const EntitlementStore entitlements_;
+    UserQuotas quotas_;
+    std::unique_ptr<HttpClient> curl_;
+    WorkPool pool_;
+    UploadAdmission uploads_;
+    const std::unique_ptr<PowerLog> powerLog_;
+    ReportLedger ledger_;
+    InFlightHttpClient http_;
+    const BackendServices backendServices_;
+    const BackendFactory factory_;
+    const SessionServices sessionServices_;
+    const StorebagFetcher fetcher_;
+    KeepAliveTransaction keepAlive_;
+    TelvoradAgent agent_;
+    StatusService status_;
+    uint64_t connections_ = 0;
+    Listener listener_;
+    std::optional<Listener> statusListener_;
+    Shutdown shutdown_;
+    asio::signal_set reload_;
+};
+
+}  // namespace telvora

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The process towards the kernel and the service manager.
+#pragma once
+
+namespace telvora {
+
+// Gives the calling thread, and every thread that it starts from now on, the service of a background utility:
+// nice 5 (setpriority(2)), best-effort I/O priority 6 (ioprio_set(2)) and a timer slack of 50 ms (prctl(2)).
+// So main calls it first. A setting that the kernel refuses stays as it is and is logged at level 7.
+void setUtilityQualityOfService();
+
+// Notifies the service manager of the daemon's state: "READY=1", "STOPPING=1", ... (sd_notify(3)). No effect
+// in a process that was not started by a service manager. Callable from any thread.
+void notifyServiceManager(const char* state);
+
+}  // namespace telvora

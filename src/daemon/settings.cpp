@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/settings.h"
+
+#include <algorithm>
+
+#include "access/client_files.h"
+#include "backends/vodex_backend.h"
+#include "daemon/keep_alive_transaction.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr std::chrono::milliseconds kDefaultShutdownTime = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kMaxTime = std::chrono::hours(24);
+
+std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view key,
+                                       std::chrono::milliseconds otherwise) {
+    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise.count());
+    return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMaxTime.count()));
+}
+
+std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
+    std::vector<std::string> directories;
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "uploadDirectories");
+    const Array* array = value ? value->getIf<Array>() : nullptr;
+    for (const PropertyList& element : array != nullptr ? *array : Array()) {
+        if (const auto* text = element.getIf<std::string>()) directories.push_back(*text);
+    }
+    return directories;
+}
+
+std::string vodexAdaptorPath(UserDefaults& defaults) {
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "vodexAdaptorPath");
+    const auto* path = value ? value->getIf<std::string>() : nullptr;
+    return path != nullptr ? *path : VodexBackend::kBundlePath;
+}
+
+}  // namespace
+
+Settings readSettings(UserDefaults& defaults) {
+    return {.uploadDirectories = canonicalDirectories(uploadDirectories(defaults)),
+            .vodexAdaptorPath = vodexAdaptorPath(defaults),
+            .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime),
+            .shutdownTime = milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime)};
+}
+
+int readLogLevel(UserDefaults& defaults) {
+    const auto level =
+        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo));
+    setLogThreshold(level);
+    return level;
+}
+
+}  // namespace telvora

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The settings that the daemon reads at its start (telvorad.defaults(5)). All others are read at each use.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/user_defaults.h"
+
+namespace telvora {
+
+struct Settings {
+    // Directories from which clients may have files uploaded; without symbolic links.
+    std::vector<std::filesystem::path> uploadDirectories;
+    std::string vodexAdaptorPath;  // the shared object of the metrics adaptor
+    std::chrono::milliseconds idleTime;
+    std::chrono::milliseconds shutdownTime;
+};
+
+Settings readSettings(UserDefaults& defaults);
+
+// Applies the setting "logLevel" and returns it.
+int readLogLevel(UserDefaults& defaults);
+
+}  // namespace telvora
