@@ -149,7 +149,8 @@ void ClientSession::issueFileExtension(std::string path, UniqueFd file, Completi
 }
 
 void ClientSession::uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion) {
-    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL), std::move(extensionToken));
+    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL),
+                      std::move(extensionToken));
 }
 
 void ClientSession::uploadLogData(Array records, Completion<UploadAnswer> completion) {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ClientConnection: one accepted client. It passes the client's calls to the session that it exports, sends the
-// replies, and sends the session's one-way calls to the client.
+// ClientConnection: one accepted client. It passes the client's calls to the session that it exports, sends
+// the replies, and sends the session's one-way calls to the client.
 //
 // The bus and the exported session's operations run on the connection's strand. sendMessageToClient(),
 // invalidate() and description() may be called from any thread; all other functions before resume(), from one
-// thread. The connection keeps itself alive from resume() to its invalidation, and must be destroyed before its
-// pool.
+// thread. The connection keeps itself alive from resume() to its invalidation, and must be destroyed before
+// its pool.
 //
 // BusLimits bounds the cost of one client; kMaxOutboxMessages and kMaxOutboxBytes bound the messages on their
 // way to it.
@@ -27,8 +27,9 @@ namespace telvora {
 
 class ClientConnection : public ClientSessionReplyInterface {
   public:
-    // Messages to the client that wait for the strand, which a session's operation may block, or for the client
-    // to read the output that BusLimits lets wait before them. They count in their user's Quota::unreadBytes.
+    // Messages to the client that wait for the strand, which a session's operation may block, or for the
+    // client to read the output that BusLimits lets wait before them. They count in their user's
+    // Quota::unreadBytes.
     static constexpr size_t kMaxOutboxMessages = 8192;
     static constexpr size_t kMaxOutboxBytes = size_t{4} << 20;
 

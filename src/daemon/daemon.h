@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Daemon: the daemon in a confined process. It owns all other objects. A member uses only the members above it,
-// except in handlers, which run after the construction.
+// Daemon: the daemon in a confined process. It owns all other objects. A member uses only the members above
+// it, except in handlers, which run after the construction.
 #pragma once
 
 #include <asio/io_context.hpp>
