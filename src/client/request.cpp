@@ -88,6 +88,7 @@ using Session = std::shared_ptr<ClientSession>;
 using Text = std::optional<std::string>;
 
 struct Description {
+    Operation operation;
     const char* name;
     unsigned arguments;
     PropertyList (*defaultAnswer)();  // null: an answer without a value
@@ -107,54 +108,60 @@ PropertyList finished() {
     return "finished";
 }
 
-// In the order of Operation.
 constexpr Description kOperations[] = {
-    {"setSessionInfo", kInfo | kFrameworks | kUser, nullptr,
+    {Operation::kSetSessionInfo, "setSessionInfo", kInfo | kFrameworks | kUser, nullptr,
      [](const Session& session, Request request, AnswerHandler done) {
          session->setSessionInfo(std::move(request.sessionInfo), std::move(request.userInfo),
                                  std::move(request.frameworksToCheck), answering<void>(std::move(done)));
      }},
-    {"startConfig", kNoArguments, noStates,
+    {Operation::kStartConfig, "startConfig", kNoArguments, noStates,
      [](const Session& session, Request, AnswerHandler done) {
          session->startConfig(answering<ReportingStates>(std::move(done)));
      }},
-    {"fetchStates", kUser, noStates,
+    {Operation::kFetchStates, "fetchStates", kUser, noStates,
      [](const Session& session, Request request, AnswerHandler done) {
          session->fetchStates(std::move(request.userInfo), answering<ReportingStates>(std::move(done)));
      }},
-    {"fetchDisplayURL", kNoArguments, noURL,
+    {Operation::kFetchDisplayURL, "fetchDisplayURL", kNoArguments, noURL,
      [](const Session& session, Request, AnswerHandler done) {
          session->fetchDisplayURL(answering<std::string>(std::move(done)));
      }},
-    {"sendMessage", kPayload, nullptr,
+    {Operation::kSendMessage, "sendMessage", kPayload, nullptr,
      [](const Session& session, Request request, AnswerHandler done) {
          session->sendMessage(request.category, request.type, std::move(request.payload),
                               answering<Text>(std::move(done)));
      }},
-    {"sendMessage", kMessage, nullptr,
+    {Operation::kSendMessageDictionary, "sendMessage", kMessage, nullptr,
      [](const Session& session, Request request, AnswerHandler done) {
          session->sendMessage(std::move(request.message), answering<Text>(std::move(done)));
      }},
-    {"flushMessages", kNoArguments, nullptr,
+    {Operation::kFlushMessages, "flushMessages", kNoArguments, nullptr,
      [](const Session& session, Request, AnswerHandler done) {
          session->flushMessages(answering<FlushAnswer>(std::move(done)));
      }},
-    {"finishSession", kNoArguments, nullptr,
+    {Operation::kFinishSession, "finishSession", kNoArguments, nullptr,
      [](const Session& session, Request, AnswerHandler done) {
          session->finishSession(answering<Text>(std::move(done)));
      }},
-    {"uploadFile", kPath, uploaded, upload},
-    {"uploadLogData", kRecords, uploaded,
+    {Operation::kUploadFile, "uploadFile", kPath, uploaded, upload},
+    {Operation::kUploadLogData, "uploadLogData", kRecords, uploaded,
      [](const Session& session, Request request, AnswerHandler done) {
          session->uploadLogData(std::move(request.records), answering<UploadAnswer>(std::move(done)));
      }},
-    {"sendSingleMessage", kInfo | kUser | kPayload, finished,
+    {Operation::kSendSingleMessage, "sendSingleMessage", kInfo | kUser | kPayload, finished,
      [](const Session& session, Request request, AnswerHandler done) {
          session->sendSingleMessage(std::move(request.sessionInfo), std::move(request.userInfo),
                                     request.category, request.type, std::move(request.payload),
                                     answering<std::string>(std::move(done)));
      }},
 };
+
+consteval bool eachIsAtItsIndex() {
+    for (size_t i = 0; i < std::size(kOperations); ++i)
+        if (kOperations[i].operation != static_cast<Operation>(i)) return false;
+    return true;
+}
+static_assert(eachIsAtItsIndex());
 
 const Description& descriptionOf(Operation operation) {
     return kOperations[static_cast<size_t>(operation)];

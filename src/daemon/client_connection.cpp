@@ -94,7 +94,7 @@ class BusClientConnection : public ClientConnection,
     std::shared_ptr<BusConnection> starting_;  // until resume()
     std::string failure_;                      // of starting_
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
-    const char* whyUnreachable_ = kEnded;      // when bus_ is null
+    const char* unreachableReason_ = kEnded;   // when bus_ is null
 
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
@@ -157,7 +157,7 @@ void BusClientConnection::ended(const std::string& reason) {
     const LogScope onBehalfOfUser(user_.logAdmission());
     if (bus_ != nullptr && !bus_->isOpen()) {
         bus_ = nullptr;
-        whyUnreachable_ = "the client has left, which is no error where it has ended its session";
+        unreachableReason_ = "the client has left, which is no error where it has ended its session";
     }
     session_.reset();
     issuer_.reset();
@@ -233,7 +233,7 @@ void BusClientConnection::emptyOutbox() {
 }
 
 void BusClientConnection::deliver(const MessageToClient& message) {
-    if (bus_ == nullptr) return drop(message, Delivery::unreachable, whyUnreachable_);
+    if (bus_ == nullptr) return drop(message, Delivery::unreachable, unreachableReason_);
     if (const auto written = write(*bus_, message); !written)
         return drop(message, Delivery::unreachable, written.error().c_str());
     if (message.done) message.done(Delivery::handedOver);

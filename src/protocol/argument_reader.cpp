@@ -22,7 +22,7 @@ bool ArgumentReader::check(int result) {
 // --- Plain arguments ---
 
 bool ArgumentReader::boolean() {
-    int value = 0;  // as sd_bus_message_read_basic(3) wants it
+    int value = 0;  // D-Bus carries a boolean in 32 bits
     read('b', &value);
     return value != 0;
 }

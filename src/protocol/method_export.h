@@ -99,9 +99,23 @@ std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<
         using Out = std::tuple_element_t<0, typename Traits::Answer>;
         tl::expected<Out, BusError> answer = run();
         if (!answer) return answer.error();
-        bus.replyNow(call, [&](BusMessage& reply) { return writeAnswer(reply, std::tuple<Out>(*answer)); });
+        bus.replyNow(
+            call, [&](BusMessage& reply) { return writeAnswer(reply, std::tuple<Out>(std::move(*answer))); });
     }
     return std::nullopt;
+}
+
+template <typename Interface>
+using CarryOut = std::optional<BusError> (*)(Interface& target, BusConnection& bus, BusMessage& call);
+
+// carryOut() for each method of a table.
+template <const auto& kMethods, size_t... index>
+constexpr auto callsOf(std::index_sequence<index...>) {
+    using Target = InterfaceOf<kMethods>;
+    return std::array<CarryOut<Target>, sizeof...(index)>{
+        [](Target& target, BusConnection& bus, BusMessage& call) {
+            return carryOut(std::get<index>(kMethods), target, bus, call);
+        }...};
 }
 
 // Exports the methods on `bus`. For each call, `around` is called with a function `run`: it returns
@@ -109,14 +123,8 @@ std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<
 template <const auto& kMethods, typename Around>
 tl::expected<void, std::string> exportMethods(BusConnection& bus, Around around) {
     using Target = InterfaceOf<kMethods>;
-    using CarryOut = std::optional<BusError> (*)(Target&, BusConnection&, BusMessage&);
-    static constexpr auto kCalls = []<size_t... index>(std::index_sequence<index...>) {
-        return std::array<CarryOut, sizeof...(index)>{
-            [](Target& target, BusConnection& on, BusMessage& call) {
-                return carryOut(std::get<index>(kMethods), target, on, call);
-            }...};
-    }
-    (std::make_index_sequence<std::tuple_size_v<std::remove_cvref_t<decltype(kMethods)>>>());
+    constexpr size_t kCount = std::tuple_size_v<std::remove_cvref_t<decltype(kMethods)>>;
+    static constexpr auto kCalls = callsOf<kMethods>(std::make_index_sequence<kCount>());
     return bus.exportInterface(
         Target::kWirePath, busInterface<kMethods>(),
         [&bus, around = std::move(around)](size_t method, BusMessage& call) -> std::optional<BusError> {

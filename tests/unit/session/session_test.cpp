@@ -112,7 +112,7 @@ TEST_F(SessionTest, OneShotMessagesUseBackendsOfTheirOwn) {
     const auto send = [&](Dictionary info, std::optional<Dictionary> user) {
         connection->session().sendMessageWithSessionInfo(
             std::move(info), std::move(user), 8, 3, Dictionary{{"k", 1}},
-            [&](auto outcome) { outcomes.push_back(outcome.value_or("nothing")); });
+            [&](std::string outcome) { outcomes.push_back(std::move(outcome)); });
     };
     send({{kTelvoraSessionInfoSessionID, 1}}, std::nullopt);  // no client type: no answer
     send({{kTelvoraSessionInfoSessionID, 4}, {kTelvoraSessionInfoClientType, 5}}, std::nullopt);
