@@ -44,7 +44,7 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
 }
 
 HTTPSPostBackend::~HTTPSPostBackend() {
-    loseBatch(ReportPlace::sessionEnded);
+    loseBatch(ReportOutcome::sessionEnded);
 }
 
 void HTTPSPostBackend::updateState() {

@@ -87,7 +87,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
                         uint16_t respCode) const;
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
-    void loseBatch(ReportPlace cause);
+    void loseBatch(ReportOutcome cause);
     Quota quotaOfBatch() const;
     bool takeBatchRoom(Quota quota, size_t bytes) TELVORA_EXCLUDES(batchRoomLock_);
     QuotaHold releaseBatchRoom() TELVORA_EXCLUDES(batchRoomLock_);

@@ -19,9 +19,9 @@ constexpr uint16_t kSessionStop = 1;
 constexpr size_t kMaxBatchBytes = size_t{8} << 20;
 
 // Why a flush in this state throws the batch away.
-ReportPlace causeOf(BackendState state) {
-    if (state == BackendState::sampledOut) return ReportPlace::sampledOut;
-    return state == BackendState::waitingForUserInfo ? ReportPlace::noUserInfo : ReportPlace::disabled;
+ReportOutcome causeOf(BackendState state) {
+    if (state == BackendState::sampledOut) return ReportOutcome::sampledOut;
+    return state == BackendState::waitingForUserInfo ? ReportOutcome::noUserInfo : ReportOutcome::disabled;
 }
 
 void completeWithError(const FlushCompletion& completion, const char* message) {
@@ -35,7 +35,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          uint16_t respCode, EventID /*eventID*/,
                                                          SendFlag flag) {
     if (state() == BackendState::disabled) {
-        reports_->move(1, ReportPlace::inFlight, ReportPlace::disabled);
+        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::disabled);
         return std::nullopt;
     }
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
@@ -153,13 +153,13 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     if (full && !batchedEvents_.empty()) {
         TELVORA_LOG(kLogWarning, "HTTPSPostBackend(batchEvent): dropping %zu events that can't be flushed",
                     batchedEvents_.size());
-        loseBatch(ReportPlace::batchFull);
+        loseBatch(ReportOutcome::batchFull);
     }
     if (!takeBatchRoom(quotaOfBatch(), bytes)) {
         std::optional<std::string> answer = loseOverQuota();
         return flushed ? flushed : answer;
     }
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::held);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::held);
     batchedEvents_.push_back(std::move(record));
     batchedBytes_ += bytes;
     eventMethodCounts_[method] = count + 1;
@@ -199,13 +199,13 @@ void HTTPSPostBackend::stateChanged() {
     batchRoom_.countAs(quotaOfBatch());
 }
 
-void HTTPSPostBackend::loseBatch(ReportPlace cause) {
-    reports_->move(takeBatch().size(), ReportPlace::held, cause);
+void HTTPSPostBackend::loseBatch(ReportOutcome cause) {
+    reports_->move(takeBatch().size(), ReportOutcome::held, cause);
 }
 
 // The report is lost, but what is held before it may leave, and make room for those to come.
 std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::overQuota);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::overQuota);
     if (state() != BackendState::reporting || batchedEvents_.empty()) return std::nullopt;
     return flushMessagesWithCompletion({});
 }
@@ -214,7 +214,7 @@ std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
 bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
     const auto category = static_cast<uint16_t>(record.wrappedInteger("_method").value_or(0));
     const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
-    if (excluded) reports_->move(1, ReportPlace::held, *excluded);
+    if (excluded) reports_->move(1, ReportOutcome::held, *excluded);
     return !excluded;
 }
 
@@ -241,7 +241,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
     filterEvent(policy_.filters, userInfo);
     if (!hasRoomForUserInfo(userInfo)) {
-        loseBatch(ReportPlace::overQuota);
+        loseBatch(ReportOutcome::overQuota);
         completeWithError(completion, "Can not flush: over quota");
         return std::nullopt;
     }
@@ -249,7 +249,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     room.countAs(Quota::pendingBytes);
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });
-    reports_->move(events.size(), ReportPlace::held, ReportPlace::inFlight);
+    reports_->move(events.size(), ReportOutcome::held, ReportOutcome::inFlight);
     if (events.empty()) {
         completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
         return std::nullopt;

@@ -57,7 +57,7 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
                                        PostCompletion completion) {
     const std::optional<std::string>& url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
     if (!url) {
-        reports_->move(load.reports, ReportPlace::inFlight, ReportPlace::noURL);
+        reports_->move(load.reports, ReportOutcome::inFlight, ReportOutcome::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
@@ -114,7 +114,7 @@ void HTTPSPostBackend::handlePostResult(const HttpResult& result, Load& load,
                                         const PostCompletion& completion) {
     const LogScope onBehalfOfUser(user_.logAdmission());
     load.room = {};
-    reports_->move(load.reports, ReportPlace::inFlight, placeAfter(result));
+    reports_->move(load.reports, ReportOutcome::inFlight, outcomeOf(result));
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

@@ -27,7 +27,7 @@
 
 namespace telvora {
 
-enum class ReportPlace : uint8_t {
+enum class ReportOutcome : uint8_t {
     inFlight,   // in the backend's hands, or posted and not answered yet
     held,       // in the batch
     delivered,  // the server has said that it has it; the metrics adaptor has been called
@@ -56,20 +56,20 @@ enum class ReportPlace : uint8_t {
     fileTooLarge,
     fileUnreadable,  // or empty
 };
-inline constexpr size_t kReportPlaces = static_cast<size_t>(ReportPlace::fileUnreadable) + 1;
-inline constexpr size_t kFirstLoss = static_cast<size_t>(ReportPlace::notWhitelisted);
+inline constexpr size_t kReportOutcomes = static_cast<size_t>(ReportOutcome::fileUnreadable) + 1;
+inline constexpr size_t kFirstLoss = static_cast<size_t>(ReportOutcome::notWhitelisted);
 
-// A place's name on the wire, as it is written above.
-const char* nameOf(ReportPlace place);
+// An outcome's name on the wire, as it is written above.
+const char* nameOf(ReportOutcome outcome);
 
 // Where reports are once their post has ended so.
-ReportPlace placeAfter(const HttpResult& result);
+ReportOutcome outcomeOf(const HttpResult& result);
 
 struct ReportTally {
     uint64_t accepted = 0;
-    std::array<uint64_t, kReportPlaces> places{};
+    std::array<uint64_t, kReportOutcomes> outcomes{};
 
-    uint64_t operator[](ReportPlace place) const { return places[static_cast<size_t>(place)]; }
+    uint64_t operator[](ReportOutcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
     void add(const ReportTally& other);
 };
 
@@ -83,9 +83,9 @@ class ReportAccount {
     ReportAccount(const ReportAccount&) = delete;
     ReportAccount& operator=(const ReportAccount&) = delete;
 
-    // One more report, which is at `place`.
-    void accept(ReportPlace place = ReportPlace::inFlight) TELVORA_EXCLUDES(lock_);
-    void move(size_t reports, ReportPlace from, ReportPlace to) TELVORA_EXCLUDES(lock_);
+    // One more report, which is at `outcome`.
+    void accept(ReportOutcome outcome = ReportOutcome::inFlight) TELVORA_EXCLUDES(lock_);
+    void move(size_t reports, ReportOutcome from, ReportOutcome to) TELVORA_EXCLUDES(lock_);
     ReportTally tally() const TELVORA_EXCLUDES(lock_);
 
   private:

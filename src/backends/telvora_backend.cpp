@@ -59,7 +59,7 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        TimeValue /*timestamp*/, uint16_t /*method*/,
                                                        uint16_t /*respCode*/, EventID /*eventID*/,
                                                        SendFlag /*flag*/) {
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::notSupported);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::notSupported);
     return std::nullopt;
 }
 
@@ -99,16 +99,16 @@ bool TelvoraBackend::isBlacklistedEvent(uint16_t category) const {
     return policy_.eventBlacklist != nullptr && listHoldsCategory(*policy_.eventBlacklist, category);
 }
 
-std::optional<ReportPlace> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {
+std::optional<ReportOutcome> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {
     if (!isWhitelistedEvent(category)) {
         TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is not whitelisted for backend %s",
                     operation, category, name_.c_str());
-        return ReportPlace::notWhitelisted;
+        return ReportOutcome::notWhitelisted;
     }
     if (isBlacklistedEvent(category)) {
         TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is blacklisted for backend %s",
                     operation, category, name_.c_str());
-        return ReportPlace::blacklisted;
+        return ReportOutcome::blacklisted;
     }
     return std::nullopt;
 }

@@ -110,7 +110,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     bool isBlacklistedEvent(uint16_t category) const;
     // The loss that the two lists make of a report, which the log is told under the operation's name.
     // Nothing: they let it through.
-    std::optional<ReportPlace> exclusionOf(uint16_t category, const char* operation) const;
+    std::optional<ReportOutcome> exclusionOf(uint16_t category, const char* operation) const;
 
     // Read as versionComponents() does.
     void setSelfVersion(std::string_view version);

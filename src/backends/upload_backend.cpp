@@ -26,12 +26,12 @@ std::string_view lastPathComponent(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-using Compressed = tl::expected<std::string, ReportPlace>;
+using Compressed = tl::expected<std::string, ReportOutcome>;
 
-tl::unexpected<ReportPlace> tooLarge(uint64_t maxSize) {
+tl::unexpected<ReportOutcome> tooLarge(uint64_t maxSize) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): The file is larger than %llu bytes",
                 static_cast<unsigned long long>(maxSize));
-    return tl::unexpected(ReportPlace::fileTooLarge);
+    return tl::unexpected(ReportOutcome::fileTooLarge);
 }
 
 // The file's whole content, compressed. Fails when it is empty, too large, can't be read or can't be
@@ -41,25 +41,25 @@ Compressed compressedContent(const ClientFile& file, uint64_t maxSize) try {
     if (!content && content.error() == EFBIG) return tooLarge(maxSize);  // it has grown
     if (!content || content->empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Input file is empty");
-        return tl::unexpected(ReportPlace::fileUnreadable);
+        return tl::unexpected(ReportOutcome::fileUnreadable);
     }
     std::optional<std::string> compressed = TelvoradUtil::gzipDeflate(*content);
     *content = std::string();
     // Most of the room that compression needs is never filled; a server may keep the rest waiting for long.
-    if (!compressed) return tl::unexpected(ReportPlace::fileUnreadable);
+    if (!compressed) return tl::unexpected(ReportOutcome::fileUnreadable);
     if (compressed->size() < compressed->capacity() / 2) compressed->shrink_to_fit();
     return std::move(*compressed);
 } catch (const std::bad_alloc&) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): There is no memory for %s", file.path.c_str());
-    return tl::unexpected(ReportPlace::fileUnreadable);
+    return tl::unexpected(ReportOutcome::fileUnreadable);
 }
 
-ReportPlace refused(const std::string& path, const FileRefusal& refusal) {
+ReportOutcome refused(const std::string& path, const FileRefusal& refusal) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): %s",
                 refusal.isRegularFile ? "Input file is empty" : "Only upload a regular file.");
     TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
                 refusal.reason.c_str());
-    return refusal.isRegularFile ? ReportPlace::fileUnreadable : ReportPlace::fileRefused;
+    return refusal.isRegularFile ? ReportOutcome::fileUnreadable : ReportOutcome::fileRefused;
 }
 
 bool wasSent(const HttpError& error) {
@@ -95,16 +95,16 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
                                      ClientFiles& clientFiles) {
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", path.c_str());
     uploads_->accept();
-    const tl::expected<ReportPlace, ReportPlace> sent = sendFile(path, extensionToken, clientFiles);
-    uploads_->move(1, ReportPlace::inFlight, sent ? *sent : sent.error());
+    const tl::expected<ReportOutcome, ReportOutcome> sent = sendFile(path, extensionToken, clientFiles);
+    uploads_->move(1, ReportOutcome::inFlight, sent ? *sent : sent.error());
     return sent.has_value();
 }
 
 // Where the upload is once it was sent; as an error, why it was not.
-tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string& path,
-                                                               const std::string& extensionToken,
-                                                               ClientFiles& clientFiles) {
-    if (!uploadURL_) return tl::unexpected(ReportPlace::noURL);
+tl::expected<ReportOutcome, ReportOutcome> UploadBackend::sendFile(const std::string& path,
+                                                                   const std::string& extensionToken,
+                                                                   ClientFiles& clientFiles) {
+    if (!uploadURL_) return tl::unexpected(ReportOutcome::noURL);
     const BlockingSection blocking;
     // Consumes the extension; whatever happens from here on, leaving this function releases it.
     const auto file = clientFiles.open(path, extensionToken);
@@ -115,21 +115,21 @@ tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string
     const auto ticket = clientFiles.admit(2 * size);  // the file and its compressed form
     if (!ticket) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
-        return tl::unexpected(ReportPlace::tooManyPending);
+        return tl::unexpected(ReportOutcome::tooManyPending);
     }
     Compressed compressed = compressedContent(*file, maxSize);
     if (!compressed) return tl::unexpected(compressed.error());
     ticket->shrink(compressed->capacity());
     std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
-    if (!request) return tl::unexpected(ReportPlace::notSent);
+    if (!request) return tl::unexpected(ReportOutcome::notSent);
     const HttpResult result = performBlocking(services_.http, std::move(*request));
     if (isDelivered(result)) {
         removeFile(clientFiles, *file);
-        return ReportPlace::delivered;
+        return ReportOutcome::delivered;
     }
-    if (result) return ReportPlace::rejected;
-    if (wasSent(result.error())) return placeAfter(result);
-    return tl::unexpected(placeAfter(result));
+    if (result) return ReportOutcome::rejected;
+    if (wasSent(result.error())) return outcomeOf(result);
+    return tl::unexpected(outcomeOf(result));
 }
 
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {

@@ -35,9 +35,9 @@ class UploadBackend final : public TelvoraBackend {
   private:
     using TelvoraBackend::TelvoraBackend;
 
-    tl::expected<ReportPlace, ReportPlace> sendFile(const std::string& path,
-                                                    const std::string& extensionToken,
-                                                    ClientFiles& clientFiles);
+    tl::expected<ReportOutcome, ReportOutcome> sendFile(const std::string& path,
+                                                        const std::string& extensionToken,
+                                                        ClientFiles& clientFiles);
     std::optional<HttpRequest> createRequest(const std::string& path, std::string body) const;
     bool isDelivered(const HttpResult& result) const;
     uint64_t maxUploadBytes() const;

@@ -72,7 +72,7 @@ class DashboardBackend final : public TelvoraBackend {
                                                   std::optional<std::string> productFamily);
 
     void takeProfile();
-    ReportPlace postLogData(const Array& records);
+    ReportOutcome postLogData(const Array& records);
     std::string writeLocalLog(const DashboardDatagram& datagram) const {
         return renderDashboardDatagram(datagram);
     }

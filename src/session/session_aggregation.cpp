@@ -9,18 +9,18 @@ namespace telvora {
 
 namespace {
 
-ReportPlace placeAfter(Delivery delivery) {
+ReportOutcome outcomeOf(Delivery delivery) {
     switch (delivery) {
         case Delivery::handedOver:
-            return ReportPlace::delivered;
+            return ReportOutcome::delivered;
         case Delivery::tooMuchUnread:
-            return ReportPlace::tooManyPending;
+            return ReportOutcome::tooManyPending;
         case Delivery::overQuota:
-            return ReportPlace::overQuota;
+            return ReportOutcome::overQuota;
         case Delivery::unreachable:
             break;
     }
-    return ReportPlace::noConnection;
+    return ReportOutcome::noConnection;
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& 
         const auto account = accounts_.of(ClientAccounts::kAggregator);
         account->accept();
         counted = [account](Delivery delivery) {
-            account->move(1, ReportPlace::inFlight, placeAfter(delivery));
+            account->move(1, ReportOutcome::inFlight, outcomeOf(delivery));
         };
     }
     connection_->sendMessageToClient(sessionInfo, timestamp, category, type, std::move(payload),

@@ -181,7 +181,7 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     const auto former = replaceBackends(std::move(backends));
     uint64_t held = 0;
     for (const auto& [name, backend] : former ? *former : BackendDictionary())
-        held += backend->reports().tally()[ReportPlace::held];
+        held += backend->reports().tally()[ReportOutcome::held];
     if (held == 0) return;
     TELVORA_LOG(
         kLogWarning,

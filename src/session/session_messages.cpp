@@ -39,13 +39,13 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
     const std::optional<int64_t> category = message.wrappedInteger(kTelvoraMessageParametersCategory);
     if (!category) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'category'");
-        reachesNoBackend(ReportPlace::incomplete);
+        reachesNoBackend(ReportOutcome::incomplete);
         return std::nullopt;
     }
     const std::optional<int64_t> type = message.wrappedInteger(kTelvoraMessageParametersType);
     if (!type) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'type'");
-        reachesNoBackend(ReportPlace::incomplete);
+        reachesNoBackend(ReportOutcome::incomplete);
         return std::nullopt;
     }
     std::optional<Dictionary> payload;
@@ -63,7 +63,7 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
 
     std::optional<std::string> result;
     const auto current = backends();
-    if (current->empty()) reachesNoBackend(ReportPlace::noBackend);
+    if (current->empty()) reachesNoBackend(ReportOutcome::noBackend);
     for (const auto& [key, backend] : *current) {
         if (const auto excluded = backend->exclusionOf(category, "sendMessageWithDictionary")) {
             backend->reports().accept(*excluded);
@@ -89,7 +89,7 @@ void TelvoradSession::internalSendMessage(const Dictionary& payload, uint16_t me
 
 bool TelvoradSession::hasBackends() {
     if (backends()) return true;
-    reachesNoBackend(ReportPlace::notConfigured);
+    reachesNoBackend(ReportOutcome::notConfigured);
     TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: No backends available to send message");
     return false;
 }

@@ -30,7 +30,7 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
     if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
         !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
-        reachesNoBackend(ReportPlace::incomplete);
+        reachesNoBackend(ReportOutcome::incomplete);
         return;
     }
     const UserInfo givenUserInfo = userInfo ? std::make_shared<const Dictionary>(*userInfo) : nullptr;
@@ -40,7 +40,7 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
                 sessionID());
     const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
     if (!storebag) {
-        reachesNoBackend(ReportPlace::notConfigured);
+        reachesNoBackend(ReportOutcome::notConfigured);
         if (reply) reply("storebag not available");
         return;
     }
@@ -73,7 +73,7 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
     if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
         TELVORA_LOG(kLogWarning, "sendMessageWithSessionInfo: user info provided without requiring it.");
     }
-    if (backends->empty()) accounts.of(ClientAccounts::kNoBackend)->accept(ReportPlace::noBackend);
+    if (backends->empty()) accounts.of(ClientAccounts::kNoBackend)->accept(ReportOutcome::noBackend);
     const TimeValue timestamp = services.clock();
     for (const auto& [key, backend] : *backends) {
         sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);

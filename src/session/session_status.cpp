@@ -31,12 +31,12 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
     for (const auto& [name, tally] : tallies) {
         Dictionary account{{"accepted", tally.accepted}};
         Dictionary lost;
-        for (size_t i = 0; i < kReportPlaces; ++i) {
-            const uint64_t reports = tally.places[i];
+        for (size_t i = 0; i < kReportOutcomes; ++i) {
+            const uint64_t reports = tally.outcomes[i];
             if (i < kFirstLoss) {
-                account.set(nameOf(ReportPlace(i)), reports);
+                account.set(nameOf(ReportOutcome(i)), reports);
             } else if (reports > 0) {
-                lost.set(nameOf(ReportPlace(i)), reports);
+                lost.set(nameOf(ReportOutcome(i)), reports);
             }
         }
         account.set("lost", std::move(lost));

@@ -118,7 +118,7 @@ class TelvoradSession final : public ClientSessionInterface,
     void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
     // For a report that is to be sent: without a backend dictionary, that is logged and counted.
     bool hasBackends();
-    void reachesNoBackend(ReportPlace why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
+    void reachesNoBackend(ReportOutcome why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
     // The backends for an operation of the connection's strand, which alone may keep them: whoever is the
     // last to let go of them calls into adaptors. Under the newest combined ID. Null: the session has no
     // backend dictionary.

@@ -158,7 +158,7 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
 }
 
 TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
-    using Place = ReportPlace;
+    using Place = ReportOutcome;
     const std::string nothing = "Nothing to flush";
     const std::string filtered = "Nothing to flush: batched events were completely filtered out";
     const struct {
@@ -244,8 +244,8 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
     EXPECT_THAT(log.lines(),
                 Contains("<4>HTTPSPostBackend(batchEvent): dropping 7 events that can't be flushed"));
     const ReportTally tally = rig.backend->reports().tally();
-    EXPECT_EQ(tally[ReportPlace::batchFull], 7u);
-    EXPECT_EQ(tally[ReportPlace::held], 2u);
+    EXPECT_EQ(tally[ReportOutcome::batchFull], 7u);
+    EXPECT_EQ(tally[ReportOutcome::held], 2u);
 }
 
 TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
@@ -266,8 +266,8 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
         EXPECT_EQ(result.calls, 1);
         const auto over = makeTelvoraError("Can not flush: over quota", -1);
         EXPECT_EQ(result.error, lost > 0 ? std::optional(over) : std::nullopt);
-        EXPECT_EQ(account->tally()[ReportPlace::delivered], delivered);
-        EXPECT_EQ(account->tally()[ReportPlace::overQuota], lost);
+        EXPECT_EQ(account->tally()[ReportOutcome::delivered], delivered);
+        EXPECT_EQ(account->tally()[ReportOutcome::overQuota], lost);
         EXPECT_EQ(quotas.uses().at(1000)[static_cast<size_t>(Quota::pendingBytes)].held, 0u);
     }
 }
@@ -279,7 +279,7 @@ TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLea
     UserQuotas quotas(rig.defaults);
     const auto held = [&](Quota quota) { return quotas.uses().at(1)[static_cast<size_t>(quota)].held; };
     const auto lost = [](const TelvoraBackend& backend) {
-        return backend.reports().tally()[ReportPlace::overQuota];
+        return backend.reports().tally()[ReportOutcome::overQuota];
     };
     const Dictionary large{{"text", std::string(10'000, 'x')}};
     rig.backend->setAccounts(std::make_shared<ReportAccount>(), nullptr, quotas.of(1));
@@ -294,7 +294,7 @@ TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLea
     for (int i = 0; i < 100; ++i)
         sampledOut->sendMessage(large, kNow, 5, 6, kPlain);
     EXPECT_EQ(held(Quota::pendingBytes), 0u);
-    const size_t heldReports = sampledOut->reports().tally()[ReportPlace::held];
+    const size_t heldReports = sampledOut->reports().tally()[ReportOutcome::held];
     EXPECT_GT(heldReports, 5u);
     EXPECT_EQ(lost(*sampledOut), 100 - heldReports);
     for (int i = 0; i < 100; ++i)
@@ -315,7 +315,7 @@ TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLea
         EXPECT_EQ(held(leaves ? Quota::dormantBytes : Quota::pendingBytes), 0u);
     }
     sampledOut->flushMessagesWithCompletion({});
-    EXPECT_EQ(sampledOut->reports().tally()[ReportPlace::delivered], heldReports + 1);
+    EXPECT_EQ(sampledOut->reports().tally()[ReportOutcome::delivered], heldReports + 1);
     EXPECT_EQ(held(Quota::pendingBytes), 0u);
 }
 
