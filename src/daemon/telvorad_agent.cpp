@@ -28,8 +28,8 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         refusals_.notEntitled(peer);
         return false;
     }
-    const auto connected = std::make_shared<QuotaHold>();
-    QuotaHold place;
+    const auto connected = std::make_shared<QuotaCharge>();
+    QuotaCharge place;
     if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) return false;
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
