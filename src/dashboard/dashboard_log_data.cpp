@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The upload of log data; docs/formats.md describes the archive.
+// Uploads of log data. docs/formats.md describes the archive.
 #include "dashboard/dashboard_backend.h"
 #include "plist/property_list_format.h"
 #include "policy/absent_text.h"
@@ -14,8 +14,8 @@ namespace {
 constexpr uint16_t kLogDataMethod = 0;
 constexpr uint16_t kLogDataRespCode = 2;
 
-// What the server says of where the log data is now. Nothing, and the reason if there is one, where it
-// doesn't.
+// The location of the log data in the server's answer. `std::nullopt` without one, with the reason if there
+// is one.
 std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::string>& reason) {
     if (!result) {
         reason = result.error().description;
