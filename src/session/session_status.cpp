@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a session tells administrators of itself.
+// Status of a session for administrators.
 #include "session/session_status.h"
 
 #include "session/telvorad_session.h"
@@ -64,7 +64,7 @@ Dictionary TelvoradSession::status() const {
         backends.set(name, std::move(described));
     }
     status.set("backends", std::move(backends));
-    status.set("accounts", describe(accounts_.tallies()));
+    status.set("accounts", describe(accounts_->tallies()));
     return status;
 }
 
