@@ -33,7 +33,6 @@
 #include "platform/uuid.h"
 #include "protocol/status_wire.h"
 #include "sandbox/sandbox.h"
-#include "session/backend_factory.h"
 #include "session/session_status.h"
 #include "util/log.h"
 
@@ -143,7 +142,6 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     const Environment environment(defaults, identity);
     const ClientFramework framework(directories.framework);
     const EntitlementStore entitlements(directories.configuration);
-    const auto countryCode = [] { return currentCountryCode(); };
 
     UserQuotas quotas(defaults);
     std::unique_ptr<HttpClient> curl = makeCurlHttpClient();
@@ -153,28 +151,23 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     ReportLedger ledger;
     InFlightHttpClient http(*curl, [&] { shutdownWhenIdle->check(); });
 
-    const BackendServices backendServices{http,
-                                          identity,
-                                          environment,
-                                          defaults,
-                                          timeOfDay,
-                                          countryCode,
-                                          timeZoneOffsetSeconds,
-                                          uniformRandom48,
-                                          [&pool] { return makeNetworkQueue(pool); },
-                                          adaptorPath,
-                                          powerLog.get()};
-    const BackendFactory factory(backendServices);
-    const SessionServices sessionServices{{factory, identity, framework, timeOfDay},
-                                          identity,
-                                          framework,
-                                          defaults,
-                                          messageLog,
-                                          timeOfDay,
-                                          countryCode,
-                                          uploads,
-                                          ledger,
-                                          paths.readAndRemove};
+    const BackendServices backendServices{.http = http,
+                                          .identity = identity,
+                                          .environment = environment,
+                                          .defaults = defaults,
+                                          .clock = timeOfDay,
+                                          .countryCode = [] { return currentCountryCode(); },
+                                          .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
+                                          .random = uniformRandom48,
+                                          .makeNetworkQueue = [&pool] { return makeNetworkQueue(pool); },
+                                          .vodexAdaptorPath = adaptorPath,
+                                          .powerLog = powerLog.get()};
+    const SessionServices sessionServices{.backendServices = backendServices,
+                                          .framework = framework,
+                                          .messageLog = messageLog,
+                                          .uploadAdmission = uploads,
+                                          .ledger = ledger,
+                                          .uploadDirectories = paths.readAndRemove};
     const StorebagFetcher fetcher({http, environment, framework});
     KeepAliveTransaction keepAlive(
         runLoop, {.launchedOnDemand = sockets.clients.fromServiceManager,
