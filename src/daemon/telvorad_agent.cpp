@@ -34,7 +34,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
                 connection->description().c_str(), static_cast<int>(sessionCount()),
-                static_cast<int>(correlatedSessionsCount_.load()));
+                static_cast<int>(hierarchies_.count()));
 
     ++sessionsAlive_;
     const SessionServices& services = services_.sessionServices;
@@ -71,11 +71,7 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
             lastSession = sessionList_.empty();
         }
     }
-    // A session that gave up its token stays listed under it, but not beyond its end.
-    if (session->everInHierarchy()) {
-        const DelegateLock lock(lock_);
-        leaveCorrelatedSessions(*session);
-    }
+    hierarchies_.leave(*session);
     session->dealloc();
     // Only now may an idle process end: the session's last reports are on their way.
     if (lastSession) services_.keepAlive.end();

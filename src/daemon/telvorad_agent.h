@@ -4,12 +4,9 @@
 // entitlement, keeps the registry of live sessions and with it the process alive, serves bags from its cache,
 // and knows which sessions form a hierarchy.
 //
-// Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which
-// guards the bag cache and the hierarchy and stays held across a bag fetch, so that sessions that wait for
-// the same bag find it fetched. All operations may be called from any thread.
-//
-// A hierarchy is known by its token and by its user (TelvoradSession::hierarchyUser): a token is a name that
-// others can guess, and sessions of a hierarchy see and govern each other's reports.
+// Two recursive locks, never held at once: the registry's own, and the hierarchy lock, which guards the bag
+// cache and the hierarchies and stays held across a bag fetch, so that sessions that wait for the same bag
+// find it fetched. All operations may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -73,17 +70,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // For the sessions; see TelvoradSessionDelegate.
     std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) override;
     std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) override;
-    void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) override;
-    std::optional<std::string> parentSessionIDStringForSession(const TelvoradSession& session) override;
-    std::shared_ptr<TelvoradSession> parentSessionForChild(const TelvoradSession& child) override;
-    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(
-        const TelvoradSession& session) override;
-    void updateDownstreamSessions(TelvoradSession& session) override;
-    RecursiveMutex& hierarchyLock() override { return lock_; }
+    SessionHierarchies& hierarchies() override { return hierarchies_; }
 
   private:
-    using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
-
     // Which client types share a record: those of one bag name, and those without a name, which are served by
     // the bag of no name; but for type 0, for which no bag is ever asked: its failures are its own.
     struct StorebagKey {
@@ -128,14 +117,6 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     void invalidated(const std::shared_ptr<TelvoradSession>& session);
     // Storebags.
     void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
-    // Hierarchy.
-    using Hierarchies = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
-    const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
-    bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
-    void leaveCorrelatedSessions(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
-    void dropEmptyLists() TELVORA_REQUIRES(lock_);
-    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
-                                                                         const SessionList& sessions);
 
     const AgentServices services_;
     RefusalLog refusals_;
@@ -151,12 +132,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
     Mutex storebagExtractsLock_;
     std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
-    Hierarchies correlatedSessions_ TELVORA_GUARDED_BY(lock_);
-    std::unordered_map<const TelvoradSession*, Hierarchies::iterator> hierarchyPlaces_
-        TELVORA_GUARDED_BY(lock_);  // who is in which list
-    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) =
-        0;                                            // of tokens entered since empty lists were last dropped
-    std::atomic<size_t> correlatedSessionsCount_{0};  // for the log, which must not wait for a fetch
+    SessionHierarchies hierarchies_{lock_};
 };
 
 }  // namespace telvora

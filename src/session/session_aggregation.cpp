@@ -35,13 +35,13 @@ void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint
     };
     if (hierarchyLevel() >= 1) {
         // The lock keeps the ancestor from leaving before it is called.
-        const DelegateLock lock(sessionDelegate_.hierarchyLock());
-        if (const auto ancestor = sessionDelegate_.getAncestorWithAggregatorForSession(*this)) {
+        const DelegateLock lock(hierarchies_.lock());
+        if (const auto ancestor = hierarchies_.getAncestorWithAggregatorForSession(*this)) {
             return deliver(*ancestor);
         }
     } else {
         // There are no ancestors: the search reads only this session, and does not wait for a fetch.
-        sessionDelegate_.getAncestorWithAggregatorForSession(*this);
+        hierarchies_.getAncestorWithAggregatorForSession(*this);
     }
     if (hasAggregator()) deliver(*this);
 }

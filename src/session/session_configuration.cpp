@@ -48,6 +48,7 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
                                  std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t uid)
     : services_(services),
       sessionDelegate_(delegate),
+      hierarchies_(delegate.hierarchies()),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
@@ -131,7 +132,7 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         }
         sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
     }
-    sessionDelegate_.updateCorrelatedSessions(shared_from_this());
+    hierarchies_.updateCorrelatedSessions(shared_from_this());
 }
 
 void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
@@ -243,7 +244,7 @@ void TelvoradSession::updateUserInfoForBackends() {
 
 void TelvoradSession::updateSessionWithDefaultSessionInfo() {
     updateReportingStates();
-    sessionDelegate_.updateDownstreamSessions(*this);
+    hierarchies_.updateDownstreamSessions(*this);
 }
 
 bool TelvoradSession::requiresUserInfo() const {

@@ -149,6 +149,7 @@ class TelvoradSession final : public ClientSessionInterface,
 
     const SessionServices& services_;
     TelvoradSessionDelegate& sessionDelegate_;
+    SessionHierarchies& hierarchies_;
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
