@@ -34,8 +34,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     backend->sendMessage(payload, {}, 0, 1, EventID{2});
     backend->sendMessage(Dictionary{}, {}, 1, 1, EventID{3});
     backend->sendMessage(std::nullopt, {}, 1, 1, EventID{4});
-    EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, SendFlag{}),
-              std::nullopt);  // the operation of sessions
+    EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, SendFlag{}), std::nullopt);  // as sessions do
     EXPECT_EQ(backend->sendMessage(payload, {}, 300, 65535, EventID{7}), std::nullopt);
     std::string entry(1 << 16, '\0');
     entry.resize(static_cast<size_t>(recv(journal.get(), entry.data(), entry.size(), 0)));
