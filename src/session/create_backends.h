@@ -21,8 +21,8 @@ namespace TelvoradUtil {
 
 // Makes every backend that `bag` (the environment's section) names, with the identity of the session. Keys
 // that name no backend are skipped, so that the result may be empty. `std::nullopt`, with a line at level 3,
-// if the bag or the session info is null. `userInfo` may be null. `services` outlives the backends. Reads the
-// framework's version from its file. Callable from any thread.
+// if the bag or the session info is null. `userInfo` and `accounts` may be null. `services` outlives the
+// backends. Reads the framework's version from its file. Callable from any thread.
 std::optional<telvora::BackendDictionary> createBackends(
     const telvora::BackendServices& services, const telvora::ClientFramework& framework,
     const std::shared_ptr<const telvora::Dictionary>& bag, const telvora::Dictionary* sessionInfo,

@@ -78,6 +78,11 @@ const SessionHierarchies::SessionList* SessionHierarchies::sessionsOfToken(const
     return found != correlatedSessions_.end() && !found->second.empty() ? &found->second : nullptr;
 }
 
+bool SessionHierarchies::isListed(const TelvoradSession& session, const SessionList& sessions) const {
+    const auto found = listOfSession_.find(&session);
+    return found != listOfSession_.end() && &found->second->second == &sessions;
+}
+
 std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarchy(
     int64_t level, const SessionList& sessions) {
     const auto found = std::find_if(sessions.begin(), sessions.end(),
@@ -101,8 +106,7 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
                     token->c_str());
         return std::nullopt;
     }
-    if (std::none_of(sessions->begin(), sessions->end(),
-                     [&](const auto& s) { return s.get() == &session; })) {
+    if (!isListed(session, *sessions)) {
         TELVORA_LOG(kLogInfo, "parentSessionIDStringForSession: Session %u not found for hierarchyToken %s",
                     session.sessionID(), token->c_str());
         return std::nullopt;
@@ -137,7 +141,7 @@ std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const
                     token->c_str());
         return nullptr;
     }
-    if (std::none_of(sessions->begin(), sessions->end(), [&](const auto& s) { return s.get() == &child; })) {
+    if (!isListed(child, *sessions)) {
         TELVORA_LOG(kLogError, "parentSessionForChild: ERROR: Session %u not found for hierarchyToken %s",
                     child.sessionID(), token->c_str());
         return nullptr;

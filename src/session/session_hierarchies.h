@@ -77,8 +77,8 @@ class SessionHierarchies {
     // The highest ancestor that aggregates, or null. The caller holds lock(), unless the session's level is
     // 0: only the session is read then.
     std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(const TelvoradSession& session);
-    // Updates combined ID and reporting states of the session and of all deeper sessions of its hierarchy.
-    // Only the highest session that aggregates continues to do so.
+    // Updates the combined IDs and reporting states of the session and of all deeper sessions of its
+    // hierarchy. Ends the aggregation of sessions with an ancestor that aggregates.
     void updateDownstreamSessions(TelvoradSession& session);
 
   private:
@@ -86,6 +86,7 @@ class SessionHierarchies {
     using Lists = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
 
     const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
+    bool isListed(const TelvoradSession& session, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
     bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     void removeFromList(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);
