@@ -29,8 +29,8 @@
  *
  * Failure. An operation returns TELVORA_OK, and its completion then runs exactly once; or it returns the
  * reason of its failure, and its completion never runs. A completion may be NULL. A function that returns a
- * pointer returns NULL if memory is short. A function that uses or changes an object returns
- * TELVORA_ERROR_INVALID if that object is NULL; a program may therefore check the last of several calls only.
+ * pointer returns NULL if memory is short. A function that returns a status returns TELVORA_ERROR_INVALID if
+ * its session, recorder or container is NULL: after several calls, a program may check the last one only.
  *
  * Units. Text is UTF-8 and ends with a zero byte; invalid UTF-8 is replaced by U+FFFD on its way to the
  * daemon. Times are seconds since 1970-01-01 UTC, durations milliseconds, sizes bytes.
