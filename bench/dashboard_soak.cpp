@@ -75,7 +75,8 @@ class Soak {
     void run() {
         const Dictionary profile{{"ip", "192.0.2.1"}, {"port", 1}, {"reliable", int{kPeriod.count()}}};
         const auto backend =
-            DashboardBackend::make(services_, "dashboard", std::make_shared<const PropertyList>(profile), {});
+            DashboardBackend::make(services_, "dashboard", std::make_shared<const PropertyList>(profile),
+                                   std::make_shared<const BackendIdentity>());
         start_ = network_.now();
         network_.runFor(1ms);  // off the ticks
         for (size_t i = 0; i < options_.reports; ++i) {
@@ -143,15 +144,15 @@ class Soak {
     Environment environment_{defaults_, identity_};
     lab::FakeHttpClient http_;
     VirtualNetwork network_;
-    BackendServices services_{http_,
-                              identity_,
-                              environment_,
-                              defaults_,
-                              [] { return TimeValue(); },
-                              [] { return std::nullopt; },
-                              [] { return 0L; },
-                              [] { return 0.0; },
-                              [this] { return network_.makeQueue(); }};
+    BackendServices services_{.http = http_,
+                              .identity = identity_,
+                              .environment = environment_,
+                              .defaults = defaults_,
+                              .clock = [] { return TimeValue(); },
+                              .countryCode = [] { return std::nullopt; },
+                              .timeZoneOffsetSeconds = [] { return 0L; },
+                              .random = [] { return 0.0; },
+                              .makeNetworkQueue = [this] { return network_.makeQueue(); }};
     lab::FaultyLink there_, back_;
     lab::DashboardTally tally_;
     SteadyTime start_;

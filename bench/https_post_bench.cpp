@@ -26,7 +26,7 @@ class AcceptingClient : public HttpClient {
 };
 
 struct Bench {
-    explicit Bench(bool consent) {
+    explicit Bench(bool consent, bool batch = true) {
         (void)defaults.set("com.zandor.diagnosticsharing", "Enabled", consent);
         Array filters;
         for (const char* key : {"ssid", "bssid", "phoneNumber", "latitude", "longitude", "remoteAddress"})
@@ -37,15 +37,16 @@ struct Bench {
                                 {"event_threshold", kBatch}, {"post_url", "https://post.example/"}};
         backend = HTTPSPostBackend::make(
             services, kTelvoraBackendHTTPPost,
-            std::make_shared<const PropertyList>(Dictionary{{"clients", Array{client}}}), "PhoneOne");
-        backend->setCompType(12);
-        backend->setHardwareType("Model1,1");
-        backend->setProductVersion("12.1");
-        backend->setBuildVersion("20B101");
-        backend->setSelfVersion("8.0.2");
-        backend->setStartTimestamp(timeOfDay());
-        backend->setRequireUserInfo(true);
-        backend->setBatchEvents(true);
+            std::make_shared<const PropertyList>(Dictionary{{"clients", Array{client}}}),
+            std::make_shared<const BackendIdentity>(BackendIdentity{.compType = 12,
+                                                                    .productFamily = "PhoneOne",
+                                                                    .productVersion = "12.1",
+                                                                    .buildVersion = "20B101",
+                                                                    .hardwareType = "Model1,1",
+                                                                    .requireUserInfo = true,
+                                                                    .batchEvents = batch,
+                                                                    .selfVersion = SelfVersion("8.0.2"),
+                                                                    .startTimestamp = timeOfDay()}));
         backend->setCombinedSessionIDString("3q2+7wAAAAAAAAAAAAAAAA==.3q2+7wAAAAAAAAAAAAAAAA==");
         backend->setUserInfoDict(std::make_shared<const Dictionary>(
             Dictionary{{kTelvoraUserInfoClientName, "com.example.conference"},
@@ -79,14 +80,14 @@ struct Bench {
     DeviceIdentity identity{properties, defaults};
     Environment environment{defaults, identity};
     AcceptingClient http;
-    BackendServices services{http,
-                             identity,
-                             environment,
-                             defaults,
-                             timeOfDay,
-                             [] { return "CH"; },
-                             [] { return 3600L; },
-                             [] { return 0.5; }};
+    BackendServices services{.http = http,
+                             .identity = identity,
+                             .environment = environment,
+                             .defaults = defaults,
+                             .clock = timeOfDay,
+                             .countryCode = [] { return "CH"; },
+                             .timeZoneOffsetSeconds = [] { return 3600L; },
+                             .random = [] { return 0.5; }};
     std::shared_ptr<HTTPSPostBackend> backend;
     int count = 0;
 };
@@ -126,8 +127,7 @@ void sendAndFlush(benchmark::State& state) {
 BENCHMARK(sendAndFlush)->Arg(0)->Arg(1);
 
 void sendAtOnce(benchmark::State& state) {
-    Bench bench(state.range(0) != 0);
-    bench.backend->setBatchEvents(false);
+    Bench bench(state.range(0) != 0, false);
     const std::optional<Dictionary> payload = bench.payload();
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(bench.backend->sendMessage(payload, timeOfDay(), 5, 6, SendFlag{0}));

@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * The key constants that clients and the daemon share.
+ * Keys of the dictionaries that clients pass to the daemon, names of backends, and the error domain.
  */
 #ifndef TELVORA_KEYS_H
 #define TELVORA_KEYS_H
 
 /* Session info */
-#define kTelvoraSessionInfoSessionID "TelvoraSessionInfoSessionID"             /* number, unsigned 32-bit */
-#define kTelvoraSessionInfoClientType "TelvoraSessionInfoClientType"           /* number: selects the bag */
-#define kTelvoraSessionInfoClientVersion "TelvoraSessionInfoClientVersion"     /* number, low 16 bits count */
+#define kTelvoraSessionInfoSessionID "TelvoraSessionInfoSessionID"   /* number, unsigned 32-bit */
+#define kTelvoraSessionInfoClientType "TelvoraSessionInfoClientType" /* number; selects the configuration */
+#define kTelvoraSessionInfoClientVersion "TelvoraSessionInfoClientVersion"     /* number; its low 16 bits */
 #define kTelvoraSessionInfoRequireUserInfo "TelvoraSessionInfoRequireUserInfo" /* boolean */
 #define kTelvoraSessionInfoBatchEvent "TelvoraSessionInfoBatchEvent"           /* boolean */
 #define kTelvoraSessionInfoHierarchyToken "TelvoraSessionInfoHierarchyToken"   /* dictionary, see below */
@@ -23,13 +23,14 @@
 
 /* Message dictionary */
 #define kTelvoraMessageParametersCategory \
-    "TelvoraMessageParametersCategory" /* number, low 16 bits count; mandatory */
-#define kTelvoraMessageParametersType \
-    "TelvoraMessageParametersType" /* number, low 16 bits count; mandatory */
+    "TelvoraMessageParametersCategory"                               /* number; its low 16 bits; mandatory */
+#define kTelvoraMessageParametersType "TelvoraMessageParametersType" /* number; its low 16 bits; mandatory \
+                                                                      */
 #define kTelvoraMessageParametersPayload "TelvoraMessageParametersPayload" /* dictionary */
-#define kTelvoraMessageParametersFlag "TelvoraMessageParametersFlag"       /* number: 1 realtime, 2 promote */
+#define kTelvoraMessageParametersFlag \
+    "TelvoraMessageParametersFlag" /* number; bit 0: realtime, bit 1: promote */
 
-/* Backend names: the bag's keys and the names in reporting states */
+/* Names of backends: keys of a configuration, and names in reporting states */
 #define kTelvoraBackendHTTPPost "httpPost"
 #define kTelvoraBackendHTTPPost2 "httpPost2"
 #define kTelvoraBackendDashboard "dashboard"
@@ -37,7 +38,7 @@
 #define kTelvoraBackendJoulemark "joulemark"
 #define kTelvoraBackendUploadServer "uploadServer"
 
-/* The domain of every error that the daemon returns */
+/* Domain of every error of the daemon */
 #define kTelvoraErrorDomain "TelvoraErrorDomain"
 
 #endif

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libtelvora for C++20: telvora.h with owners, spans, initializer lists and functions. All of it is in this
-// header; what telvora.h says of threads, failure, forks and the end of the process holds here too.
+// libtelvora for C++20: owning values, spans, initializer lists and function objects on top of telvora.h.
+// This header has no library of its own. The rules of telvora.h for threads, failure, connections, fork and
+// exit apply.
 //
 //     telvora::Session session;
 //     session.setInfo({{kTelvoraSessionInfoClientType, 8}, {kTelvoraSessionInfoSessionID, 1}});
@@ -10,8 +11,8 @@
 //     session.flush([](const telvora::Answer& answer) { std::cout << answer.text().value_or("") << '\n'; });
 //     if (session.wait(std::chrono::seconds(10)) != TELVORA_OK) ...
 //
-// Making values and sessions throws std::bad_alloc when memory is short; operations never throw but for that.
-// A callback that throws ends the process.
+// Constructors and setters of values, sessions and recorders throw std::bad_alloc if memory is short, and so
+// do operations; no other exception is thrown. An exception that leaves a callback ends the process.
 #pragma once
 
 #include <algorithm>
@@ -39,7 +40,8 @@ inline namespace v1 {
 using Status = telvora_status;
 using Time = std::chrono::sys_time<std::chrono::duration<double>>;  // since 1970-01-01 UTC
 
-// A value that somebody else owns, or none; as cheap as a pointer. Lives as long as what it was asked of.
+// A reference to a value, or empty. Valid as long as the object that it was read from exists and is not
+// changed.
 class View {
   public:
     View() = default;
@@ -47,13 +49,13 @@ class View {
 
     const telvora_value* get() const { return value_; }
     explicit operator bool() const { return value_ != nullptr; }
-    // Only of a value.
+    // Must not be empty.
     telvora_type type() const { return telvora_value_type(value_); }
     bool is(telvora_type type) const { return value_ != nullptr && this->type() == type; }
 
-    // Entries, elements or bytes.
+    // Number of entries, elements or bytes.
     size_t size() const { return telvora_value_count(value_); }
-    // None where there is none.
+    // The value under a key, or at an index; empty if it does not exist.
     View operator[](const char* key) const { return telvora_value_find(value_, key); }
     View operator[](const std::string& key) const { return (*this)[key.c_str()]; }
     View at(size_t index) const { return telvora_value_at(value_, index); }
@@ -62,7 +64,7 @@ class View {
         return key != nullptr ? key : "";
     }
 
-    // Conversions as telvora.h has them; of no value: false, 0, nothing.
+    // Conversions of telvora.h. False, 0, `std::nullopt` or an empty span for other types, and if empty.
     bool boolean() const { return telvora_value_bool(value_); }
     int64_t integer() const { return telvora_value_int(value_); }
     double real() const { return telvora_value_double(value_); }
@@ -82,7 +84,7 @@ class View {
     const telvora_value* value_ = nullptr;
 };
 
-// Owns a value, or none. Copies are deep.
+// Owns a value, or is empty. Copies are deep.
 class Value {
   public:
     Value() = default;
@@ -95,7 +97,7 @@ class Value {
     }
     Value& operator=(Value&&) noexcept = default;
 
-    // Takes over what a function of telvora.h has made.
+    // Takes ownership of a value that a function of telvora.h has made; may be null.
     static Value adopt(telvora_value* value) {
         Value owner;
         owner.value_.reset(value);
@@ -107,7 +109,7 @@ class Value {
     const telvora_value* get() const { return value_.get(); }
 
   protected:
-    // The value to change, made by `make` if there is none yet.
+    // The value, which `make` makes if this is empty.
     telvora_value* mutableValue(telvora_value* (*make)()) {
         if (!value_) value_.reset(checked(make()));
         return value_.get();
@@ -128,8 +130,8 @@ class Value {
     std::unique_ptr<telvora_value, Free> value_;
 };
 
-// What an entry or element is made of: a boolean, a number, text, bytes, a time, or another value. Bytes and
-// values are borrowed.
+// Content of an entry or element: a boolean, a number, text, bytes, a time, or another value. Refers to bytes
+// and values, which must outlive it.
 class Input {
   public:
     Input(bool value) : content_(value) {}
@@ -148,7 +150,7 @@ class Input {
     Input(View value) : content_(value) {}
     Input(const Value& value) : content_(value.view()) {}
 
-    // Sets the entry `key`, or with null appends.
+    // Sets the entry `key` of a dictionary, or appends to an array if `key` is null.
     void putInto(telvora_value* container, const char* key) const {
         const Status status =
             std::visit([=](const auto& value) { return put(container, key, value); }, content_);
@@ -173,7 +175,7 @@ class Input {
     std::variant<bool, int64_t, double, std::string, std::span<const std::byte>, Time, View> content_;
 };
 
-// A dictionary to fill. One in which nothing was ever set is none: an operation takes it for NULL.
+// A dictionary to fill. It is empty until the first set(); operations pass NULL then.
 class Dictionary : public Value {
   public:
     Dictionary() = default;
@@ -200,17 +202,18 @@ class Array : public Value {
     }
 };
 
-// A backend's error, as telvora_answer_error() has it.
+// Error of a backend; see telvora_answer_error().
 struct Error {
     std::string domain;
     int32_t code = 0;
     std::string description;
 };
 
+// Result of an operation, as a copy.
 struct Answer {
     Status status = TELVORA_OK;
-    std::string message;  // what went wrong, for people
-    Value value;
+    std::string message;  // description of the failure, for people
+    Value value;          // may be empty
     std::optional<Error> error;
 
     bool ok() const { return status == TELVORA_OK; }
@@ -230,9 +233,10 @@ struct Answer {
     }
 };
 
+// Called on the library's thread. May be empty.
 using Completion = std::function<void(const Answer& answer)>;
 
-// What an aggregation block is given; lives for that call.
+// Argument of a message handler; see telvora_message_handler. Valid during the call.
 struct Message {
     View sessionInfo;
     Time timestamp;
@@ -245,18 +249,20 @@ struct Message {
     }
 };
 
-// As telvora_connection_handler has it; lives for that call.
+// Argument of a connection handler; see telvora_connection_handler. Valid during the call.
 struct ConnectionChange {
     telvora_connection_event event = TELVORA_CONNECTION_LOST;
     uint64_t lostCalls = 0;
     std::string_view reason;
 };
 
+// Replaces the daemon in tests; see "Recorders" in telvora.h.
 class Recorder {
   public:
     Recorder() : recorder_(telvora_recorder_new()) {
         if (!recorder_) throw std::bad_alloc();
     }
+    // Sets the answer to later calls of an operation, or of all operations if `operation` is null.
     void answer(const char* operation, Status status, View value = {}) {
         if (telvora_recorder_answer(recorder_.get(), operation, status, value.get()) != TELVORA_OK)
             throw std::bad_alloc();
@@ -266,7 +272,7 @@ class Recorder {
                                         message.timestamp.time_since_epoch().count(), message.category,
                                         message.type, message.payload.get());
     }
-    // The calls so far, as telvora.h describes them.
+    // Copies of the stored calls, in the form that telvora.h describes.
     std::vector<Value> calls() const {
         std::vector<Value> calls(telvora_recorder_count(recorder_.get()));
         for (size_t i = 0; i < calls.size(); ++i)
@@ -284,14 +290,14 @@ class Recorder {
 };
 
 struct SessionOptions {
-    std::string socketPath = {};         // empty: as telvora.h says
-    const Recorder* recorder = nullptr;  // takes the daemon's place; only read while the session is made
+    std::string socketPath = {};         // empty: the default of telvora.h
+    const Recorder* recorder = nullptr;  // replaces the daemon; used only while the session is made
     std::function<void(const Message&)> onMessage = {};
     std::function<void(const ConnectionChange&)> onConnection = {};
 };
 
-// A session; to be destroyed outside its own callbacks. One that was moved from can only be destroyed or
-// assigned to.
+// A session. Must not be destroyed in one of its own callbacks. After a move, the source may only be
+// destroyed or assigned to.
 class Session {
   public:
     explicit Session(SessionOptions options = {}) : handlers_(std::make_unique<Handlers>()) {
@@ -310,7 +316,8 @@ class Session {
 
     telvora_session* get() const { return session_.get(); }
 
-    // The operations of telvora.h: TELVORA_OK, and then the completion, if there is one, runs exactly once.
+    // Operations of telvora.h. Return TELVORA_OK, and the completion then runs exactly once; or return the
+    // failure, and the completion never runs.
     Status setInfo(const Dictionary& sessionInfo, const Dictionary& userInfo = {},
                    std::span<const char* const> frameworks = {}, Completion completion = {}) {
         return call(std::move(completion), [&](auto done, void* context) {
@@ -358,6 +365,7 @@ class Session {
         });
     }
 
+    // As telvora_session_wait(); a negative timeout counts as 0.
     Status wait(std::chrono::milliseconds timeout) {
         return telvora_session_wait(get(), std::max<int64_t>(timeout.count(), 0));
     }
@@ -382,7 +390,7 @@ class Session {
         if (!completion) return operation(nullptr, nullptr);
         auto held = std::make_unique<Completion>(std::move(completion));
         const Status status = operation(onAnswer, held.get());
-        if (status == TELVORA_OK) static_cast<void>(held.release());  // onAnswer()'s, which may have run
+        if (status == TELVORA_OK) static_cast<void>(held.release());  // onAnswer() owns it, and may have run
         return status;
     }
 
@@ -400,11 +408,12 @@ class Session {
         static_cast<Handlers*>(context)->connection({event, lostCalls, reason});
     }
 
-    std::unique_ptr<Handlers> handlers_;  // outlive the session, whose callbacks use them
+    std::unique_ptr<Handlers> handlers_;  // outlives the session, whose callbacks use it
     std::unique_ptr<telvora_session, Free> session_;
 };
 
-// An operation as something to await; the coroutine goes on, with the Answer, on the library's thread:
+// Makes an operation awaitable. The coroutine resumes on the library's thread with the Answer, or at once if
+// the operation fails:
 //
 //     const telvora::Answer answer = co_await telvora::Awaitable(
 //         [&](telvora::Completion done) { return session.flush(std::move(done)); });
@@ -415,7 +424,7 @@ class Awaitable {
 
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> waiting) {
-        // The answer may end this object before the operation has returned.
+        // The coroutine may resume, and destroy this object, before the operation returns.
         Operation operation = std::move(operation_);
         const Status status = operation([this, waiting](const Answer& answer) {
             answer_ = answer;

@@ -185,25 +185,25 @@ std::array<QuotaUse, kQuotas> UserShare::uses() {
 
 // --- Handles ---
 
-QuotaHold& QuotaHold::operator=(QuotaHold&& other) noexcept {
-    QuotaHold taken(std::move(other));
+QuotaCharge& QuotaCharge::operator=(QuotaCharge&& other) noexcept {
+    QuotaCharge taken(std::move(other));
     swap(taken);
     return *this;
 }
 
-void QuotaHold::swap(QuotaHold& other) noexcept {
+void QuotaCharge::swap(QuotaCharge& other) noexcept {
     std::swap(share_, other.share_);
     std::swap(quota_, other.quota_);
     std::swap(amount_, other.amount_);
 }
 
-void QuotaHold::resize(uint64_t amount) {
+void QuotaCharge::resize(uint64_t amount) {
     // Modulo 2^64, so that this gives back as well as takes.
     if (share_) share_->held(quota_).fetch_add(amount - amount_, std::memory_order_relaxed);
     amount_ = amount;
 }
 
-void QuotaHold::countAs(Quota quota) {
+void QuotaCharge::countAs(Quota quota) {
     // Counted twice for a moment rather than not at all.
     if (share_) {
         share_->held(quota) += amount_;
@@ -212,7 +212,7 @@ void QuotaHold::countAs(Quota quota) {
     quota_ = quota;
 }
 
-void QuotaHold::add(QuotaHold other) {
+void QuotaCharge::add(QuotaCharge other) {
     if (!share_) return swap(other);
     other.countAs(quota_);
     amount_ += std::exchange(other.amount_, 0);
@@ -233,14 +233,14 @@ struct ClientLog final : LogAdmission {
 QuotaUser::QuotaUser(std::shared_ptr<UserShare> share)
     : share_(std::move(share)), log_(std::make_shared<ClientLog>(share_)) {}
 
-bool QuotaUser::take(Quota quota, uint64_t amount, QuotaHold& hold) const {
+bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& charge) const {
     if (!share_) return true;
     if (!share_->take(quota, amount)) return false;
-    if (!hold.share_) {
-        hold.share_ = share_;
-        hold.quota_ = quota;
+    if (!charge.share_) {
+        charge.share_ = share_;
+        charge.quota_ = quota;
     }
-    hold.amount_ += amount;
+    charge.amount_ += amount;
     return true;
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kFieldCount = 16;
 
-// Whole minutes, so that the start time of a session doesn't identify it.
+// Rounds to minutes, so that the start time of a session does not identify it.
 int64_t roundedStart(double startTimeStamp) {
     return std::isfinite(startTimeStamp) ? static_cast<int64_t>(startTimeStamp) / 60 * 60 : 0;
 }
@@ -19,7 +19,7 @@ void setIfPresent(Dictionary& dictionary, std::string_view key, const std::optio
     if (value) dictionary.set(key, *value);
 }
 
-// In the order of the keys: each set() is then an append.
+// Sets the entries in the order of their keys, so that each set() appends.
 Dictionary dictionaryOf(const EventFields& fields, size_t spareEntries) {
     const int64_t start = roundedStart(fields.startTimeStamp);
     const double elapsed = TelvoradUtil::secondsFromTimeValue(fields.timestamp) - fields.startTimeStamp;

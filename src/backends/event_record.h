@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Event records: the flat dictionary that one report becomes. All times are seconds.
+// Event records: the flat dictionary made of a report. All times are in seconds.
 #pragma once
 
 #include <cstddef>
@@ -14,14 +14,14 @@
 
 namespace telvora {
 
-// What a backend knows of a report beside the client's payload. References live for the call.
+// Fields of an event beside the client's payload. References live for the call.
 struct EventFields {
     double startTimeStamp;  // of the session, since 1970
     TimeValue timestamp;    // of the report
     std::string_view sender;
     uint16_t clientVersion;
     const std::optional<std::string>& combinedSessionID;
-    std::optional<uint32_t> numericSessionID;  // stands in for the combined one where present
+    std::optional<uint32_t> numericSessionID;  // replaces the combined one if present
     uint16_t eventNumber;
     uint16_t method;
     uint16_t status;
@@ -34,12 +34,12 @@ struct EventFields {
     long timezoneOffset;  // from GMT, east positive
 };
 
-// A new record: the payload, overwritten by the fields, overwritten by the user info (null: none). Absent
-// strings are left out.
+// Makes a record of the payload, the fields and the user info (may be null). Of equal keys, the user info
+// wins over the fields and these over the payload. Absent strings make no entry.
 Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, const EventFields& fields,
                                    const Dictionary* userInfo);
 
-// Bytes that the dictionary occupies, nearly.
+// Approximate number of bytes that the dictionary occupies.
 size_t approximateSize(const Dictionary& dictionary);
 
 }  // namespace telvora

@@ -6,22 +6,21 @@
 namespace telvora {
 
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::make(const BackendServices& services, std::string name,
-                                                         BackendProfile profile,
-                                                         std::optional<std::string> productFamily) {
-    if (profile == nullptr || !productFamily) return nullptr;
+                                                         BackendProfile profile, SharedIdentity identity) {
+    if (profile == nullptr || !identity->productFamily) return nullptr;
     const auto* settings = profile->getIf<Dictionary>();
     const Array* clients = settings != nullptr ? settings->array("clients") : nullptr;
     if (clients == nullptr) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(initWithName): can't find the client list.");
         return nullptr;
     }
-    return std::shared_ptr<HTTPSPostBackend>(new HTTPSPostBackend(
-        services, std::move(name), std::move(profile), std::move(productFamily), *clients));
+    return std::shared_ptr<HTTPSPostBackend>(
+        new HTTPSPostBackend(services, std::move(name), std::move(profile), std::move(identity), *clients));
 }
 
 HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
-                                   std::optional<std::string> productFamily, const Array& clients)
-    : TelvoraBackend(services, std::move(name), std::move(profile), std::move(productFamily)),
+                                   SharedIdentity identity, const Array& clients)
+    : TelvoraBackend(services, std::move(name), std::move(profile), std::move(identity)),
       clients_(clients),
       dnuEnabled_(services.identity.diagnosticsConsent()),
       forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, "forceEventLogging")),
@@ -44,29 +43,28 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
 }
 
 HTTPSPostBackend::~HTTPSPostBackend() {
-    loseBatch(ReportPlace::sessionEnded);
+    loseBatch(ReportOutcome::sessionEnded);
 }
 
 void HTTPSPostBackend::updateState() {
-    // Left alone rather than set to what it was: a server's answer or the parent session may be changing it.
+    // The state is not written: a server's answer or the parent session may change it concurrently.
     if (immutable_) {
         if (services_.trace != nullptr) services_.trace->decided(name_, Decision::kept, nullptr, policy_);
         return;
     }
     policy_.samplingThreshold = samplingThreshold();
-    policy_ = nextPolicy(std::move(policy_),
-                         {.identity = services_.identity,
-                          .countryCode = services_.countryCode,
-                          .trace = services_.trace,
-                          .backend = name_,
-                          .clients = clients_,
-                          .userInfo = userInfoDict_.get(),
-                          .requireUserInfo = requireUserInfo_,
-                          .frameworkVersion = {selfVersionMajor_, selfVersionMiddle_, selfVersionMinor_},
-                          .samplingFactor = samplingFactor_,
-                          .consent = dnuEnabled_,
-                          .productFamily = productFamily_,
-                          .hardwareType = hardwareType_});
+    policy_ = nextPolicy(std::move(policy_), {.identity = services_.identity,
+                                              .countryCode = services_.countryCode,
+                                              .trace = services_.trace,
+                                              .backend = name_,
+                                              .clients = clients_,
+                                              .userInfo = userInfoDict_.get(),
+                                              .requireUserInfo = identity_->requireUserInfo,
+                                              .frameworkVersion = identity_->selfVersion.components,
+                                              .samplingFactor = samplingFactor_,
+                                              .consent = dnuEnabled_,
+                                              .productFamily = identity_->productFamily,
+                                              .hardwareType = identity_->hardwareType});
     setSamplingThreshold(policy_.samplingThreshold);
     setState(policy_.state);
 }

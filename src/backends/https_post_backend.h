@@ -2,21 +2,22 @@
 //
 // HTTPSPostBackend: posts reports as JSON events over HTTPS.
 //
-// The bag's entry for the session's client and service decides whether it reports at all, where to, which
-// keys of an event are removed or hashed, and how many events are held back. A report is dropped, posted at
+// The bag's entry for the session's client and service decides whether the backend reports, to which server,
+// which keys of an event are removed or hashed, and how many events are held. A report is dropped, posted at
 // once, or held in the batch until a flush:
 //
 //     state                 a report is                                     a flush
-//     waiting, sampled out  held                                            throws the batch away
-//     disabled              dropped                                         throws the batch away
+//     waiting, sampled out  held                                            discards the batch
+//     disabled              dropped                                         discards the batch
 //     reporting             posted if realtime or not batching, else held   posts the batch
 //
-// The answer to a post arrives on the HTTP client's thread: there only the state, the account and the
-// constant name are touched, and the flush's completion is called. A post in flight keeps the backend alive.
+// The answer to a post arrives on the HTTP client's thread, which touches only the state, the account, the
+// charge of the batch and the constant members, and calls the completion of the flush. A post in flight keeps
+// the backend alive.
 //
-// A batch that would be posted counts against its user's quota of pending bytes. One of a backend that is
-// sampled out or disabled has a quota of its own (dormantBytes), so that it takes no room from reports that
-// leave.
+// A batch that can be posted is charged to its user's quota `pendingBytes`. The batch of a backend that is
+// sampled out or disabled is charged to `dormantBytes` instead, so that reports that will leave have their
+// own room.
 #pragma once
 
 #include <memory>
@@ -31,7 +32,7 @@
 
 namespace telvora {
 
-// A flag with a bit that has no meaning here asks for neither.
+// A flag with an unknown bit is neither realtime nor promoting.
 constexpr bool isRealtime(SendFlag flag) {
     return flag == SendFlag{1} || flag == SendFlag{3};
 }
@@ -41,63 +42,60 @@ constexpr bool isPromoting(SendFlag flag) {
 
 class HTTPSPostBackend final : public TelvoraBackend {
   public:
-    // Nothing without a profile or a product family, and, with a line at level 3, for a profile without an
-    // array "clients". Reads the user defaults, the diagnostics consent and the device's two identifiers.
+    // Null without a profile or a product family. Null with a line at level 3 if the profile has no array
+    // "clients". Reads the user defaults, the diagnostics consent and the device's two identifiers.
     static std::shared_ptr<HTTPSPostBackend> make(const BackendServices& services, std::string name,
-                                                  BackendProfile profile,
-                                                  std::optional<std::string> productFamily);
+                                                  BackendProfile profile, SharedIdentity identity);
     ~HTTPSPostBackend() override;
 
     using TelvoraBackend::sendMessage;
 
     void updateState() override;
-    // The number that counts is the backend's own running one; `eventID` is not used. Returns the posted
-    // messages, printed for people, where the settings allow to log them.
+    // Sends the report under the backend's current number; `eventID` is not used. Returns the posted messages
+    // as readable JSON if the settings allow to log them.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, EventID eventID,
                                            SendFlag flag) override;
-    // Completes with an error of code -1 when there is nothing to send, else when the server has answered.
-    // Events that could not be delivered are not kept.
+    // Completes at once with an error of code -1 if no event is posted, else when the server has answered.
+    // Events that could not be delivered are lost.
     std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override;
-    // Held events take the new identifier too.
+    // Sets the ID in held events, too.
     void setCorrelatedSessionID(const std::string& combinedSessionID) override;
 
-    const std::optional<std::string>& postURL() const { return policy_.postURL; }
-    void setPostURL(std::optional<std::string> url) { policy_.postURL = std::move(url); }
-
   protected:
-    void stateChanged() override TELVORA_EXCLUDES(batchRoomLock_);
+    void stateChanged() override TELVORA_EXCLUDES(batchChargeLock_);
 
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
 
-    // What a message takes along: how many reports it holds, and their part of the user's pending bytes.
+    // The reports of a message and their charge of the user's pending bytes.
     struct Load {
         size_t reports = 0;
-        QuotaHold room;
+        QuotaCharge charge;
     };
 
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
-                     std::optional<std::string> productFamily, const Array& clients);
+                     SharedIdentity identity, const Array& clients);
 
-    // https_post_send.cpp: what happens to a report.
-    bool isUserInfoMissing() const { return requireUserInfo_ && userInfoDict_ == nullptr; }
+    // https_post_send.cpp: drops, holds or posts reports.
+    bool isUserInfoMissing() const { return identity_->requireUserInfo && userInfoDict_ == nullptr; }
     std::optional<Dictionary> stopMessagePayload(const std::optional<Dictionary>& payload) const;
     Dictionary newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp, uint16_t method,
                         uint16_t respCode) const;
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
-    void loseBatch(ReportPlace cause);
+    void loseBatch(ReportOutcome cause);
     Quota quotaOfBatch() const;
-    bool takeBatchRoom(Quota quota, size_t bytes) TELVORA_EXCLUDES(batchRoomLock_);
-    QuotaHold releaseBatchRoom() TELVORA_EXCLUDES(batchRoomLock_);
+    bool chargeBatch(Quota quota, size_t bytes) TELVORA_EXCLUDES(batchChargeLock_);
+    QuotaCharge takeBatchCharge() TELVORA_EXCLUDES(batchChargeLock_);
     std::optional<std::string> loseOverQuota();
-    bool hasRoomForUserInfo(const Dictionary& userInfo);
-    bool keepsInFlush(const Dictionary& record);
+    bool chargeUserInfo(const Dictionary& userInfo);
+    bool isAdmitted(const Dictionary& heldEvent);
+    std::optional<std::string> postBatch(const Dictionary& userInfo, FlushCompletion completion);
     std::optional<std::string> postDirectly(Dictionary record, uint16_t method, uint16_t respCode,
                                             SendFlag flag);
 
-    // https_post_transport.cpp: how it leaves the device.
+    // https_post_transport.cpp: makes and posts messages.
     std::string clientIdentifier() const;
     bool isMessageLogged() const;
     std::string createMessageForPostAndLogging(std::span<Dictionary> events,
@@ -108,17 +106,17 @@ class HTTPSPostBackend final : public TelvoraBackend {
                                   std::optional<uint16_t> responseCode) const;
     void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
 
-    const Array& clients_;   // in the profile
+    const Array& clients_;   // of the profile
     const bool dnuEnabled_;  // the user shares diagnostics
     const bool forceEventLogging_;
     const std::string uuidRespectDnu_;
     const std::string uuidOverrideDnu_;
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // approximately
-    Mutex batchRoomLock_;
-    QuotaHold batchRoom_ TELVORA_GUARDED_BY(batchRoomLock_);  // the same, of the user's quotas
-    std::unordered_map<int64_t, int32_t> eventMethodCounts_;  // of the batch's events, by "_method"
-    bool immutable_ = false;  // a logged message has gone out: the bag is not consulted any more
+    Mutex batchChargeLock_;
+    QuotaCharge batchCharge_ TELVORA_GUARDED_BY(batchChargeLock_);  // of the user's quotas, for batchedBytes_
+    std::unordered_map<int64_t, int32_t> eventMethodCounts_;        // of the batch's events, by "_method"
+    bool immutable_ = false;  // a logged message was posted: the bag no longer changes the policy
 };
 
 }  // namespace telvora

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What happens to a report: drop, hold or post; the batch and its flush.
+// Drops, holds or posts a report; flushes the batch.
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
 #include "policy/absent_text.h"
@@ -10,18 +10,18 @@ namespace telvora {
 
 namespace {
 
-// The report with which a session ends.
+// Category and type of the report that ends a session.
 constexpr uint16_t kSessionMethod = 0;
 constexpr uint16_t kSessionStop = 1;
 
-// A client that spreads its reports over many methods must not fill the memory: a batch of this size is
-// flushed like one that has reached the event threshold.
+// A client that spreads its reports over many methods must not fill the memory: a batch of this size, in
+// bytes, is flushed like one that has reached the event threshold.
 constexpr size_t kMaxBatchBytes = size_t{8} << 20;
 
-// Why a flush in this state throws the batch away.
-ReportPlace causeOf(BackendState state) {
-    if (state == BackendState::sampledOut) return ReportPlace::sampledOut;
-    return state == BackendState::waitingForUserInfo ? ReportPlace::noUserInfo : ReportPlace::disabled;
+// The loss of the reports that a flush discards in this state.
+ReportOutcome lossInState(BackendState state) {
+    if (state == BackendState::sampledOut) return ReportOutcome::sampledOut;
+    return state == BackendState::waitingForUserInfo ? ReportOutcome::noUserInfo : ReportOutcome::disabled;
 }
 
 void completeWithError(const FlushCompletion& completion, const char* message) {
@@ -35,7 +35,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          uint16_t respCode, EventID /*eventID*/,
                                                          SendFlag flag) {
     if (state() == BackendState::disabled) {
-        reports_->move(1, ReportPlace::inFlight, ReportPlace::disabled);
+        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::disabled);
         return std::nullopt;
     }
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
@@ -50,7 +50,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
     const bool held = current == BackendState::waitingForUserInfo || current == BackendState::sampledOut;
     if (held || (!isRealtime(flag) && policy_.batchEvents) || isUserInfoMissing()) {
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Batching %d, %d, %d",
-                    static_cast<int>(current), policy_.batchEvents ? 1 : 0, requireUserInfo_ ? 1 : 0);
+                    static_cast<int>(current), policy_.batchEvents ? 1 : 0,
+                    identity_->requireUserInfo ? 1 : 0);
         return batchEvent(std::move(record));
     }
     return postDirectly(std::move(record), method, respCode, flag);
@@ -79,23 +80,24 @@ std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
 Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                       uint16_t method, uint16_t respCode) const {
     // Servers know the sessions of these client types by their number.
-    const bool numbered = compType_ == 7 || (isInternal_ && (compType_ == 11 || compType_ == 13));
+    const bool numbered = identity_->compType == 7 ||
+                          (identity_->isInternal && (identity_->compType == 11 || identity_->compType == 13));
     const EventFields fields{
-        .startTimeStamp = startTimeStamp_,
+        .startTimeStamp = TelvoradUtil::secondsFromTimeValue(identity_->startTimestamp),
         .timestamp = timestamp,
-        .sender = senderCodeForClientType(compType_),
-        .clientVersion = clientVersion_,
+        .sender = senderCodeForClientType(identity_->compType),
+        .clientVersion = identity_->clientVersion,
         .combinedSessionID = combinedSessionIDString_,
-        .numericSessionID = numbered ? std::optional(sessionID_) : std::nullopt,
+        .numericSessionID = numbered ? std::optional(identity_->sessionID) : std::nullopt,
         .eventNumber = eventID_,
         .method = method,
         .status = respCode,
-        .productFamily = productFamily_,
-        .productModel = hardwareType_,
-        .osVersion = productVersion_,
-        .build = buildVersion_,
+        .productFamily = identity_->productFamily,
+        .productModel = identity_->hardwareType,
+        .osVersion = identity_->productVersion,
+        .build = identity_->buildVersion,
         .internal = services_.identity.isInternal(),
-        .reportVersion = selfVersion_,
+        .reportVersion = identity_->selfVersion.text,
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
     };
     Dictionary record = newEventDictfromPayload(payload, fields, userInfoDict_.get());
@@ -111,8 +113,8 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
 
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
                                                           uint16_t respCode, SendFlag flag) {
-    QuotaHold room;
-    if (!user_.take(Quota::pendingBytes, approximateSize(record), room)) return loseOverQuota();
+    QuotaCharge charge;
+    if (!user_.take(Quota::pendingBytes, approximateSize(record), charge)) return loseOverQuota();
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
@@ -122,14 +124,14 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
         flushed = flushMessagesWithCompletion({});
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Sending %d, %d, %d", static_cast<int>(state()),
-                policy_.batchEvents ? 1 : 0, requireUserInfo_ ? 1 : 0);
+                policy_.batchEvents ? 1 : 0, identity_->requireUserInfo ? 1 : 0);
     std::optional<std::string> answer;
     std::string json = createMessageForPostAndLogging({&record, 1}, answer);
     if (flushFirst) {
         answer = std::string("Flushed events:\n") + textOrNull(flushed) + "\nStandalone event:\n" +
                  textOrNull(answer);
     }
-    postJSONMessage(std::move(json), {1, std::move(room)}, flag, method, respCode, {});
+    postJSONMessage(std::move(json), {1, std::move(charge)}, flag, method, respCode, {});
     if (flushFirst) immutable_ = true;
     return answer;
 }
@@ -153,13 +155,13 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     if (full && !batchedEvents_.empty()) {
         TELVORA_LOG(kLogWarning, "HTTPSPostBackend(batchEvent): dropping %zu events that can't be flushed",
                     batchedEvents_.size());
-        loseBatch(ReportPlace::batchFull);
+        loseBatch(ReportOutcome::batchFull);
     }
-    if (!takeBatchRoom(quotaOfBatch(), bytes)) {
+    if (!chargeBatch(quotaOfBatch(), bytes)) {
         std::optional<std::string> answer = loseOverQuota();
         return flushed ? flushed : answer;
     }
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::held);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::held);
     batchedEvents_.push_back(std::move(record));
     batchedBytes_ += bytes;
     eventMethodCounts_[method] = count + 1;
@@ -169,66 +171,66 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
 std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
     eventMethodCounts_.clear();
     batchedBytes_ = 0;
-    releaseBatchRoom();
     return std::exchange(batchedEvents_, {});
 }
 
-// By the fate that the batch has as things stand.
+// A batch that a flush would discard now is dormant.
 Quota HTTPSPostBackend::quotaOfBatch() const {
     const BackendState current = state();
     const bool dormant = current == BackendState::sampledOut || current == BackendState::disabled;
     return dormant ? Quota::dormantBytes : Quota::pendingBytes;
 }
 
-bool HTTPSPostBackend::takeBatchRoom(Quota quota, size_t bytes) {
-    QuotaHold more;
+bool HTTPSPostBackend::chargeBatch(Quota quota, size_t bytes) {
+    QuotaCharge more;
     if (!user_.take(quota, bytes, more)) return false;
-    const MutexLock lock(batchRoomLock_);
-    batchRoom_.add(std::move(more));
-    batchRoom_.countAs(quotaOfBatch());
+    const MutexLock lock(batchChargeLock_);
+    batchCharge_.add(std::move(more));
+    batchCharge_.countAs(quotaOfBatch());
     return true;
 }
 
-QuotaHold HTTPSPostBackend::releaseBatchRoom() {
-    const MutexLock lock(batchRoomLock_);
-    return std::move(batchRoom_);
+QuotaCharge HTTPSPostBackend::takeBatchCharge() {
+    const MutexLock lock(batchChargeLock_);
+    return std::move(batchCharge_);
 }
 
 void HTTPSPostBackend::stateChanged() {
-    const MutexLock lock(batchRoomLock_);
-    batchRoom_.countAs(quotaOfBatch());
+    const MutexLock lock(batchChargeLock_);
+    batchCharge_.countAs(quotaOfBatch());
 }
 
-void HTTPSPostBackend::loseBatch(ReportPlace cause) {
-    reports_->move(takeBatch().size(), ReportPlace::held, cause);
+void HTTPSPostBackend::loseBatch(ReportOutcome cause) {
+    reports_->move(takeBatch().size(), ReportOutcome::held, cause);
+    takeBatchCharge();
 }
 
-// The report is lost, but what is held before it may leave, and make room for those to come.
+// Loses the report, but flushes the batch if possible, which makes room for later reports.
 std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::overQuota);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::overQuota);
     if (state() != BackendState::reporting || batchedEvents_.empty()) return std::nullopt;
     return flushMessagesWithCompletion({});
 }
 
-// Whether the lists, which may have changed since the event was held, still let it through.
-bool HTTPSPostBackend::keepsInFlush(const Dictionary& record) {
-    const auto category = static_cast<uint16_t>(record.wrappedInteger("_method").value_or(0));
+// Checks the lists again, which may have changed since the event was held.
+bool HTTPSPostBackend::isAdmitted(const Dictionary& heldEvent) {
+    const auto category = static_cast<uint16_t>(heldEvent.wrappedInteger("_method").value_or(0));
     const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
-    if (excluded) reports_->move(1, ReportPlace::held, *excluded);
+    if (excluded) reports_->move(1, ReportOutcome::held, *excluded);
     return !excluded;
 }
 
-// Each event held has room for the user info that it was recorded with. One that has grown since is sent once
-// per event and so could make a small batch a huge one.
-bool HTTPSPostBackend::hasRoomForUserInfo(const Dictionary& userInfo) {
+// Charges the user info that a flush merges into every event. Each event was charged with the user info that
+// it was recorded with; one that has grown since could turn a small batch into a huge post.
+bool HTTPSPostBackend::chargeUserInfo(const Dictionary& userInfo) {
     const size_t merged = approximateSize(userInfo) * batchedEvents_.size();
-    return merged <= batchedBytes_ || takeBatchRoom(Quota::pendingBytes, merged - batchedBytes_);
+    return merged <= batchedBytes_ || chargeBatch(Quota::pendingBytes, merged - batchedBytes_);
 }
 
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
     const BackendState current = state();
     if (batchedEvents_.empty() || current != BackendState::reporting) {
-        loseBatch(causeOf(current));
+        loseBatch(lossInState(current));
         completeWithError(completion, "Nothing to flush");
         return std::nullopt;
     }
@@ -240,16 +242,21 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     // The user info may have changed since the events were recorded.
     Dictionary userInfo = userInfoDict_ ? *userInfoDict_ : Dictionary();
     filterEvent(policy_.filters, userInfo);
-    if (!hasRoomForUserInfo(userInfo)) {
-        loseBatch(ReportPlace::overQuota);
+    if (!chargeUserInfo(userInfo)) {
+        loseBatch(ReportOutcome::overQuota);
         completeWithError(completion, "Can not flush: over quota");
         return std::nullopt;
     }
-    QuotaHold room = releaseBatchRoom();
-    room.countAs(Quota::pendingBytes);
+    return postBatch(userInfo, std::move(completion));
+}
+
+std::optional<std::string> HTTPSPostBackend::postBatch(const Dictionary& userInfo,
+                                                       FlushCompletion completion) {
+    QuotaCharge charge = takeBatchCharge();
+    charge.countAs(Quota::pendingBytes);
     std::vector<Dictionary> events = takeBatch();
-    std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });
-    reports_->move(events.size(), ReportPlace::held, ReportPlace::inFlight);
+    std::erase_if(events, [this](const Dictionary& event) { return !isAdmitted(event); });
+    reports_->move(events.size(), ReportOutcome::held, ReportOutcome::inFlight);
     if (events.empty()) {
         completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
         return std::nullopt;
@@ -265,7 +272,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
             completion(pretty, std::move(error));
         };
     }
-    postJSONMessage(std::move(json), {events.size(), std::move(room)}, SendFlag{0}, std::nullopt,
+    postJSONMessage(std::move(json), {events.size(), std::move(charge)}, SendFlag{0}, std::nullopt,
                     std::nullopt, std::move(whenPosted));
     if (pretty) immutable_ = true;
     return pretty;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How events leave the device: the message, the request and what its answer means.
+// Makes messages of events, posts them and evaluates the answers.
 #include <algorithm>
 
 #include "backends/https_post_backend.h"
@@ -14,12 +14,12 @@ namespace telvora {
 
 namespace {
 
-// What a request costs beside its body, rather more than less: of the user's pending bytes, so that these
-// bound the number of requests, too.
+// Upper estimate of the memory that a request takes beside its body, in bytes. It is charged to the user's
+// pending bytes, which thus also bound the number of requests.
 constexpr size_t kRequestBytes = 4096;
 
-// A field value with every control character replaced by a blank (RFC 9110, section 5.5): the names come from
-// clients, and a line feed must not start a header of its own.
+// Replaces control characters, which a field value must not contain (RFC 9110, section 5.5), by blanks. The
+// values come from clients; a line feed would start another header.
 std::string fieldValue(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
@@ -29,7 +29,7 @@ std::string fieldValue(std::string text) {
 }  // namespace
 
 std::string HTTPSPostBackend::clientIdentifier() const {
-    if (policy_.extrasOnInternal != 0 && isInternal_) return udid_.data();
+    if (policy_.extrasOnInternal != 0 && identity_->isInternal) return identity_->udid.data();
     if (policy_.uuidCustom) return *policy_.uuidCustom;
     return policy_.dnuType != 0 ? uuidOverrideDnu_ : uuidRespectDnu_;
 }
@@ -57,13 +57,13 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
                                        PostCompletion completion) {
     const std::optional<std::string>& url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
     if (!url) {
-        reports_->move(load.reports, ReportPlace::inFlight, ReportPlace::noURL);
+        reports_->move(load.reports, ReportOutcome::inFlight, ReportOutcome::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
     auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
     HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
-    load.room.resize(kRequestBytes + request.body.size());
+    load.charge.resize(kRequestBytes + request.body.size());
     services_.http.start(std::move(request),
                          [self = std::move(self), load = std::make_shared<Load>(std::move(load)),
                           completion = std::move(completion)](const HttpResult& result) {
@@ -88,11 +88,11 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     if (auto serviceName = userInfoText(userInfoDict_.get(), kTelvoraUserInfoServiceName)) {
         add("X-TVR-Service-Name", std::move(*serviceName));
     }
-    if (isInternal_) add("X-TVR-Internal-Build", "1");
-    add("User-Agent", "Telvora/" + selfVersion_ + " (" + textOrNull(hardwareType_) + "; " +
-                          textOrNull(productVersion_) + ")");
-    add("X-TVR-Client-Version", std::to_string(clientVersion_));
-    add("X-TVR-Sender", std::string(senderCodeForClientType(compType_)));
+    if (identity_->isInternal) add("X-TVR-Internal-Build", "1");
+    add("User-Agent", "Telvora/" + identity_->selfVersion.text + " (" + textOrNull(identity_->hardwareType) +
+                          "; " + textOrNull(identity_->productVersion) + ")");
+    add("X-TVR-Client-Version", std::to_string(identity_->clientVersion));
+    add("X-TVR-Sender", std::string(senderCodeForClientType(identity_->compType)));
     if (method && responseCode) {
         add("X-TVR-Event-Map", std::to_string(*method) + " " + std::to_string(*responseCode));
     }
@@ -113,8 +113,8 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
 void HTTPSPostBackend::handlePostResult(const HttpResult& result, Load& load,
                                         const PostCompletion& completion) {
     const LogScope onBehalfOfUser(user_.logAdmission());
-    load.room = {};
-    reports_->move(load.reports, ReportPlace::inFlight, placeAfter(result));
+    load.charge = {};
+    reports_->move(load.reports, ReportOutcome::inFlight, outcomeOf(result));
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

@@ -13,10 +13,9 @@ constexpr char kEventName[] = "MediaHostD-TVR";
 }  // namespace
 
 std::shared_ptr<JoulemarkBackend> JoulemarkBackend::make(const BackendServices& services, std::string name,
-                                                         BackendProfile profile,
-                                                         std::optional<std::string> productFamily) {
+                                                         BackendProfile profile, SharedIdentity identity) {
     return std::shared_ptr<JoulemarkBackend>(
-        new JoulemarkBackend(services, std::move(name), std::move(profile), std::move(productFamily)));
+        new JoulemarkBackend(services, std::move(name), std::move(profile), std::move(identity)));
 }
 
 std::optional<std::string> JoulemarkBackend::sendMessage(const std::optional<Dictionary>& payload,

@@ -17,8 +17,8 @@ namespace telvora {
 
 namespace {
 
-// Nearly every text here is a short one that JSON carries as it is. Copying it whole takes a quarter off the
-// time that a message takes with the library's way through it byte by byte.
+// Most strings are short and need no escape. Copying them whole saves a quarter of the time of a message
+// compared with the library's loop over the bytes.
 class CompactWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
   public:
     using Writer::Writer;
@@ -44,8 +44,8 @@ class PrettyWriter : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
     }
 };
 
-// Whether one of eight characters is a quotation mark, a backslash, a control character or beyond ASCII. A
-// borrow may report a character too many, never one too few.
+// Whether one of eight characters is a quotation mark, a backslash, a control character or not ASCII. A
+// borrow between bytes may cause a false alarm, but no character is missed.
 constexpr bool hasSpecial(uint64_t eight) {
     constexpr uint64_t kEach = 0x0101010101010101;
     const uint64_t controls = eight - kEach * 0x20;
@@ -61,7 +61,7 @@ uint64_t load(const char* from) {
     return block;
 }
 
-// All characters of a text of less than eight, some of them twice, filled up with blanks.
+// The characters of a text of less than eight bytes, some of them twice, padded with blanks.
 uint64_t loadShort(std::string_view text) {
     constexpr uint64_t kBlanks = 0x2020202020202020;
     const size_t size = text.size();
@@ -74,7 +74,7 @@ uint64_t loadShort(std::string_view text) {
            load<uint8_t>(data + size - 1);
 }
 
-// Whether JSON carries the text as it is: neither an escape is needed nor a look at its encoding.
+// Whether the text needs neither escapes nor a check of its encoding.
 bool isPlain(std::string_view text) {
     if (text.size() < sizeof(uint64_t)) return !hasSpecial(loadShort(text));
     const char* const last = text.data() + text.size() - sizeof(uint64_t);
@@ -112,7 +112,7 @@ struct ValueWriter {
     void operator()(double value) const { writeDouble(writer, value); }
     void operator()(const std::string& value) const { writeString(writer, value); }
     void operator()(const Date& value) const { writeDouble(writer, value.seconds); }
-    // Removed from records by makeJsonSafe().
+    // makeJsonSafe() has removed these types.
     void operator()(const Data&) const { writer.Null(); }
     void operator()(const Array&) const { writer.Null(); }
     void operator()(const Dictionary&) const { writer.Null(); }

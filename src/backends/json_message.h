@@ -18,18 +18,18 @@ namespace telvora {
 
 struct JsonMessage {
     double postTime = 0;  // seconds since 1970
-    // Without it the message ends after the time: no message carries events without a client identifier.
+    // Without a client identifier, the message ends after the time and carries no events.
     std::optional<std::string> clientId;
     std::span<const Dictionary> events;  // JSON-safe
 };
 
-// Makes a record one that JSON can carry: dates become seconds since 1970, numbers and strings stay, all else
-// is removed with a line at level 4 each. Nested containers are therefore never sent.
+// Turns dates into seconds since 1970 and removes values that are neither numbers nor strings, nested
+// containers included, with a line at level 4 each.
 void makeJsonSafe(Dictionary& record);
 
-// Without any white space.
+// Writes the message without white space.
 std::string compactJson(const JsonMessage& message);
-// On several lines, for people to read.
+// Writes the message on several indented lines.
 std::string prettyJson(const JsonMessage& message);
 
 }  // namespace telvora

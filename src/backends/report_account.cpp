@@ -3,46 +3,46 @@
 
 namespace telvora {
 
-const char* nameOf(ReportPlace place) {
-    static constexpr std::array<const char*, kReportPlaces> kNames = {
+const char* nameOf(ReportOutcome outcome) {
+    static constexpr std::array<const char*, kReportOutcomes> kNames = {
         "inFlight",     "held",           "delivered",     "notWhitelisted", "blacklisted",  "disabled",
         "sampledOut",   "noUserInfo",     "batchFull",     "overQuota",      "sessionEnded", "noURL",
         "notSent",      "tooManyPending", "noConnection",  "noAnswer",       "rejected",     "serverError",
         "notSupported", "noAdaptor",      "notConfigured", "incomplete",     "noBackend",    "fileRefused",
         "fileTooLarge", "fileUnreadable"};
-    return kNames[static_cast<size_t>(place)];
+    return kNames[static_cast<size_t>(outcome)];
 }
 
-ReportPlace placeAfter(const HttpResult& result) {
+ReportOutcome outcomeOf(const HttpResult& result) {
     if (!result) {
         switch (result.error().kind) {
             case HttpError::Kind::notSent:
-                return ReportPlace::notSent;
+                return ReportOutcome::notSent;
             case HttpError::Kind::tooManyPending:
-                return ReportPlace::tooManyPending;
+                return ReportOutcome::tooManyPending;
             case HttpError::Kind::noConnection:
-                return ReportPlace::noConnection;
+                return ReportOutcome::noConnection;
             case HttpError::Kind::noAnswer:
-                return ReportPlace::noAnswer;
+                return ReportOutcome::noAnswer;
         }
     }
     const int status = result->status;
-    if (status >= 500 && status <= 599) return ReportPlace::serverError;
-    return status >= 200 && status <= 299 ? ReportPlace::delivered : ReportPlace::rejected;
+    if (status >= 500 && status <= 599) return ReportOutcome::serverError;
+    return status >= 200 && status <= 299 ? ReportOutcome::delivered : ReportOutcome::rejected;
 }
 
 void ReportTally::add(const ReportTally& other) {
     accepted += other.accepted;
-    for (size_t i = 0; i < kReportPlaces; ++i)
-        places[i] += other.places[i];
+    for (size_t i = 0; i < kReportOutcomes; ++i)
+        outcomes[i] += other.outcomes[i];
 }
 
 uint64_t failedOrPending(const ReportTally& tally) {
-    uint64_t reports = tally[ReportPlace::inFlight] + tally[ReportPlace::held];
-    for (const ReportPlace failure :
-         {ReportPlace::batchFull, ReportPlace::overQuota, ReportPlace::sessionEnded, ReportPlace::notSent,
-          ReportPlace::tooManyPending, ReportPlace::noConnection, ReportPlace::noAnswer,
-          ReportPlace::rejected, ReportPlace::serverError}) {
+    uint64_t reports = tally[ReportOutcome::inFlight] + tally[ReportOutcome::held];
+    for (const ReportOutcome failure :
+         {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::sessionEnded,
+          ReportOutcome::notSent, ReportOutcome::tooManyPending, ReportOutcome::noConnection,
+          ReportOutcome::noAnswer, ReportOutcome::rejected, ReportOutcome::serverError}) {
         reports += tally[failure];
     }
     return reports;
@@ -52,16 +52,16 @@ ReportAccount::~ReportAccount() {
     if (ledger_ != nullptr) ledger_->close(*this);
 }
 
-void ReportAccount::accept(ReportPlace place) {
+void ReportAccount::accept(ReportOutcome outcome) {
     const MutexLock lock(lock_);
     ++tally_.accepted;
-    ++tally_.places[static_cast<size_t>(place)];
+    ++tally_.outcomes[static_cast<size_t>(outcome)];
 }
 
-void ReportAccount::move(size_t reports, ReportPlace from, ReportPlace to) {
+void ReportAccount::move(size_t reports, ReportOutcome from, ReportOutcome to) {
     const MutexLock lock(lock_);
-    tally_.places[static_cast<size_t>(from)] -= reports;
-    tally_.places[static_cast<size_t>(to)] += reports;
+    tally_.outcomes[static_cast<size_t>(from)] -= reports;
+    tally_.outcomes[static_cast<size_t>(to)] += reports;
 }
 
 ReportTally ReportAccount::tally() const {

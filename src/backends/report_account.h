@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What becomes of reports, counted exactly. For every client and backend there is one account; a report
-// enters it once, when the backend is to have it, and from then on is in one place of it at any moment:
+// Exact accounts of the outcomes of reports. Each backend of a client has one account. A report enters it
+// once, when the backend is to send it, and has exactly one outcome at any moment:
 //
-//     accepted = inFlight + held + delivered + the sum of what was lost, by cause
+//     accepted = inFlight + held + delivered + sum of the losses by cause
 //
-// Places change by move() only, which takes from one what it gives to another under the account's lock, so
-// that every tally holds the equation. A post carries its number of reports along and settles them when the
-// server has answered, on the HTTP thread, maybe after the session's end: the backend keeps the account
-// alive. Uploads are counted likewise.
+// Only move() changes outcomes. It subtracts and adds under the account's lock, so that every tally satisfies
+// the equation. A post knows its number of reports and settles them when the server has answered: on the HTTP
+// thread, possibly after the session's end, as the backend keeps the account alive. Uploads are counted in
+// the same way.
 //
-// Everything here may be called from any thread.
+// All operations are callable from any thread.
 #pragma once
 
 #include <array>
@@ -27,49 +27,49 @@
 
 namespace telvora {
 
-enum class ReportPlace : uint8_t {
-    inFlight,   // in the backend's hands, or posted and not answered yet
+enum class ReportOutcome : uint8_t {
+    inFlight,   // being processed, or posted and not yet answered
     held,       // in the batch
-    delivered,  // the server has said that it has it; the metrics adaptor has been called
-    // From here on: lost, and why.
+    delivered,  // the server has confirmed it, or the metrics adaptor was called
+    // From here on: causes of losses.
     notWhitelisted,  // its category is not on the white list
     blacklisted,     // its category is on the black list
     disabled,        // the backend does not report
-    sampledOut,      // held by a backend that was not drawn, until a flush threw it away
-    noUserInfo,      // held by a backend that waited for user info, likewise
-    batchFull,       // the batch was at its bound and could not be flushed
-    overQuota,       // its user had as much pending as one user may have
-    sessionEnded,    // held by a backend when that ended
+    sampledOut,      // a flush of a sampled-out backend discarded it
+    noUserInfo,      // a flush of a backend that waited for user info discarded it
+    batchFull,       // the batch was full and could not be flushed
+    overQuota,       // a quota of its user was used up
+    sessionEnded,    // the backend ended while it held the report
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
     tooManyPending,  // too many requests or uploads were under way; of a copy: too many were unread
-    noConnection,    // the server, or the client that was to have a copy, could not be reached
-    noAnswer,        // the server may or may not have it
+    noConnection,    // the server, or the client that aggregates, could not be reached
+    noAnswer,        // the server may have it or not
     rejected,        // the server's answer was neither 2xx nor 5xx; of a file: not "success"
     serverError,     // the server's answer was 5xx
     notSupported,    // the backend takes no reports from sessions
-    noAdaptor,       // the metrics adaptor could not be loaded, or takes none
+    noAdaptor,       // the metrics adaptor could not be loaded, or takes no reports
     notConfigured,   // no backend: the session has no configuration
-    incomplete,      // no backend: something mandatory is missing in it
-    noBackend,       // no backend: the configuration names none
+    incomplete,      // no backend: the report lacks a mandatory parameter
+    noBackend,       // no backend: the configuration names no backend
     fileRefused,     // of a file: it may not be read
     fileTooLarge,
-    fileUnreadable,  // or empty
+    fileUnreadable,  // also of an empty file
 };
-inline constexpr size_t kReportPlaces = static_cast<size_t>(ReportPlace::fileUnreadable) + 1;
-inline constexpr size_t kFirstLoss = static_cast<size_t>(ReportPlace::notWhitelisted);
+inline constexpr size_t kReportOutcomes = static_cast<size_t>(ReportOutcome::fileUnreadable) + 1;
+inline constexpr size_t kFirstLoss = static_cast<size_t>(ReportOutcome::notWhitelisted);
 
-// A place's name on the wire, as it is written above.
-const char* nameOf(ReportPlace place);
+// Name of an outcome on the wire, as it is spelled above.
+const char* nameOf(ReportOutcome outcome);
 
-// Where reports are once their post has ended so.
-ReportPlace placeAfter(const HttpResult& result);
+// The outcome of the reports of a post with this result.
+ReportOutcome outcomeOf(const HttpResult& result);
 
 struct ReportTally {
     uint64_t accepted = 0;
-    std::array<uint64_t, kReportPlaces> places{};
+    std::array<uint64_t, kReportOutcomes> outcomes{};
 
-    uint64_t operator[](ReportPlace place) const { return places[static_cast<size_t>(place)]; }
+    uint64_t operator[](ReportOutcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
     void add(const ReportTally& other);
 };
 
@@ -77,15 +77,16 @@ class ReportLedger;
 
 class ReportAccount {
   public:
-    // An account that nobody sums up.
+    // An account outside all ledgers.
     ReportAccount() = default;
     ~ReportAccount();
     ReportAccount(const ReportAccount&) = delete;
     ReportAccount& operator=(const ReportAccount&) = delete;
 
-    // One more report, which is at `place`.
-    void accept(ReportPlace place = ReportPlace::inFlight) TELVORA_EXCLUDES(lock_);
-    void move(size_t reports, ReportPlace from, ReportPlace to) TELVORA_EXCLUDES(lock_);
+    // Enters one more report with this outcome.
+    void accept(ReportOutcome outcome = ReportOutcome::inFlight) TELVORA_EXCLUDES(lock_);
+    // Changes the outcome of `reports` reports from `from` to `to`.
+    void move(size_t reports, ReportOutcome from, ReportOutcome to) TELVORA_EXCLUDES(lock_);
     ReportTally tally() const TELVORA_EXCLUDES(lock_);
 
   private:
@@ -98,11 +99,11 @@ class ReportAccount {
     ReportTally tally_ TELVORA_GUARDED_BY(lock_);
 };
 
-// The accounts of all clients, those included that have ended. Outlives its accounts.
+// The accounts of all clients, including clients that have ended. Outlives its accounts.
 class ReportLedger {
   public:
     std::shared_ptr<ReportAccount> open(const std::string& name) TELVORA_EXCLUDES(lock_);
-    // By the accounts' names.
+    // The sums of all accounts of one name, by that name.
     std::map<std::string, ReportTally> totals() const TELVORA_EXCLUDES(lock_);
 
   private:
@@ -114,22 +115,22 @@ class ReportLedger {
     std::map<std::string, ReportTally> closed_ TELVORA_GUARDED_BY(lock_);
 };
 
-// How many reports and uploads a daemon that ended now would have lost against its will: what is still on its
-// way, and what failed; not what the configuration or the user kept back.
+// Number of reports and uploads that failed or are still pending, and would be lost if the daemon ended now.
+// Reports that the configuration or the user's settings exclude do not count.
 uint64_t failedOrPending(const ReportTally& tally);
 
-// The accounts of one client: by backend, and three more. They stay when the client's backends are made anew.
-// With them goes the user whose quotas the client's reports count against.
+// The accounts of one client: one for each backend and three others. They remain when the client's backends
+// are made anew. Also keeps the user whose quotas the client's reports count against.
 class ClientAccounts {
   public:
-    static constexpr char kNoBackend[] = "none";  // of the reports that reach no backend
+    static constexpr char kNoBackend[] = "none";  // reports that reach no backend
     static constexpr char kUploads[] = "uploads";
-    static constexpr char kAggregator[] = "aggregator";  // of the copies for the client's aggregation block
+    static constexpr char kAggregator[] = "aggregator";  // copies for the client's aggregation block
 
     explicit ClientAccounts(ReportLedger& ledger, QuotaUser user = {})
         : ledger_(ledger), user_(std::move(user)) {}
 
-    // The account of that name, which is opened with its first use.
+    // The account of that name, which its first use opens.
     std::shared_ptr<ReportAccount> of(const std::string& name) TELVORA_EXCLUDES(lock_);
     std::map<std::string, ReportTally> tallies() const TELVORA_EXCLUDES(lock_);
     const QuotaUser& user() const { return user_; }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "backends/telvora_backend.h"
 
-#include <algorithm>
+#include <array>
 
 #include "config/client_framework.h"
 #include "policy/client_entry.h"
@@ -9,13 +9,31 @@
 
 namespace telvora {
 
+namespace {
+
+std::shared_ptr<ReportAccount> accountOf(const BackendIdentity& identity, const std::string& name) {
+    return identity.accounts ? identity.accounts->of(name) : std::make_shared<ReportAccount>();
+}
+
+}  // namespace
+
+SelfVersion::SelfVersion(std::string_view version) : components(versionComponents(version)) {
+    text = std::to_string(components[0]) + "." + std::to_string(components[1]);
+    if (components[2] != 0) text += "." + std::to_string(components[2]);
+}
+
 TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
-                               std::optional<std::string> productFamily)
+                               SharedIdentity identity)
     : services_(services),
       name_(std::move(name)),
       profile_(std::move(profile)),
-      productFamily_(std::move(productFamily)),
-      samplingFactor_(services.random()) {}
+      identity_(std::move(identity)),
+      samplingFactor_(services.random()),
+      reports_(accountOf(*identity_, name_)),
+      uploads_(accountOf(*identity_, ClientAccounts::kUploads)),
+      user_(identity_->accounts ? identity_->accounts->user() : QuotaUser()) {
+    policy_.batchEvents = identity_->batchEvents;
+}
 
 TelvoraBackend::~TelvoraBackend() = default;
 
@@ -59,7 +77,7 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        TimeValue /*timestamp*/, uint16_t /*method*/,
                                                        uint16_t /*respCode*/, EventID /*eventID*/,
                                                        SendFlag /*flag*/) {
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::notSupported);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::notSupported);
     return std::nullopt;
 }
 
@@ -99,27 +117,18 @@ bool TelvoraBackend::isBlacklistedEvent(uint16_t category) const {
     return policy_.eventBlacklist != nullptr && listHoldsCategory(*policy_.eventBlacklist, category);
 }
 
-std::optional<ReportPlace> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {
+std::optional<ReportOutcome> TelvoraBackend::exclusionOf(uint16_t category, const char* operation) const {
     if (!isWhitelistedEvent(category)) {
         TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is not whitelisted for backend %s",
                     operation, category, name_.c_str());
-        return ReportPlace::notWhitelisted;
+        return ReportOutcome::notWhitelisted;
     }
     if (isBlacklistedEvent(category)) {
         TELVORA_LOG(kLogDebug, "%s: Dropping event with category %d as it is blacklisted for backend %s",
                     operation, category, name_.c_str());
-        return ReportPlace::blacklisted;
+        return ReportOutcome::blacklisted;
     }
     return std::nullopt;
-}
-
-void TelvoraBackend::setSelfVersion(std::string_view version) {
-    const std::array<uint8_t, 3> components = versionComponents(version);
-    selfVersionMajor_ = components[0];
-    selfVersionMiddle_ = components[1];
-    selfVersionMinor_ = components[2];
-    selfVersion_ = std::to_string(selfVersionMajor_) + "." + std::to_string(selfVersionMiddle_);
-    if (selfVersionMinor_ != 0) selfVersion_ += "." + std::to_string(selfVersionMinor_);
 }
 
 const Dictionary* TelvoraBackend::profileDictionary() const {

@@ -2,14 +2,13 @@
 //
 // TelvoraBackend: the base of every reporting destination of a session.
 //
-// A session creates its backends through the factory (backend_factory.h), sets their identity, and from then
-// on uses only the operations declared here. A backend belongs to its session's strand. From any thread:
-// state(), samplingThreshold(), their setters and followState(), for HTTP completions and the other sessions
-// of the hierarchy; name() and reports(). A backend whose work outlives a call keeps itself alive through
+// A session makes its backends through the factory (session/backend_factory.h) and then uses only the
+// operations declared here. A backend belongs to its session's strand. Callable from any thread: state(),
+// samplingThreshold(), their setters and followState(), which HTTP completions and other sessions of the
+// hierarchy use; name() and reports(). A backend whose work outlives a call keeps itself alive through
 // shared_from_this().
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -17,9 +16,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "async/network_queue.h"
+#include "backends/backend_identity.h"
 #include "backends/report_account.h"
 #include "config/device_identity.h"
 #include "config/environment.h"
@@ -39,7 +38,7 @@ struct ReportingState {
     std::optional<double> samplingThreshold;
 };
 
-// Told apart by type, so that a running number can't pass for a flag.
+// Distinct types, so that a report's number can't pass for a flag.
 enum class EventID : uint16_t {};
 // Bit 0: realtime. Bit 1: promote a sampled-out backend.
 enum class SendFlag : uint32_t {};
@@ -48,7 +47,8 @@ class ClientFiles;
 class DecisionTrace;
 class PowerLog;
 
-// What backends use of the outside. All references outlive every backend.
+// Interfaces of backends and sessions to the rest of the system. All references and pointers outlive every
+// backend and session. The functions are callable from any thread.
 struct BackendServices {
     HttpClient& http;
     const DeviceIdentity& identity;
@@ -59,13 +59,13 @@ struct BackendServices {
     std::function<long()> timeZoneOffsetSeconds;                           // east positive
     std::function<double()> random;                                        // uniform in [0, 1)
     std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard
-    std::string vodexAdaptorPath = {};  // the metrics adaptor's shared object
+    std::string vodexAdaptorPath = {};  // path of the metrics adaptor's shared object
     PowerLog* powerLog = nullptr;       // null: events are dropped
-    DecisionTrace* trace = nullptr;     // told why backends do what they do; null: nobody asks
+    DecisionTrace* trace = nullptr;     // receives the reasons of decisions; null: they are not traced
 };
 
-// The configuration of one backend in a bag: the bag's value under the backend's name. Shares the bag, which
-// it keeps alive; null: no profile.
+// The configuration of one backend in a bag: the bag's value under the backend's name. Shares ownership of
+// the bag. Null: no profile.
 using BackendProfile = std::shared_ptr<const PropertyList>;
 
 using FlushCompletion =
@@ -77,123 +77,88 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     TelvoraBackend(const TelvoraBackend&) = delete;
     TelvoraBackend& operator=(const TelvoraBackend&) = delete;
 
-    // Ends what runs on the backend's behalf. Base: nothing.
+    // Ends the work that runs on the backend's behalf. The base has no such work.
     virtual void cleanup();
-    // Takes the state anew from the configuration. Base: reporting.
+    // Derives the state from the configuration. Base: reporting.
     virtual void updateState();
-    // Sends one report (method: its category, respCode: its type). Returns an answer for the client and the
-    // message log, or nothing. Base: sends nothing.
+    // Sends one report (method: its category, respCode: its type). Returns the answer for the client and the
+    // message log, if there is one. Base: drops the report. Overriders record the outcome in reports().
     virtual std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload,
                                                    TimeValue timestamp, uint16_t method, uint16_t respCode,
                                                    EventID eventID, SendFlag flag);
-    // Counts the report (the number wraps to 0 after 65535; the account takes it on) and sends it under the
-    // new number. The one send operation that sessions call. Who overrides the other one, or any of the
-    // uploads, says in the account what became of it.
+    // Gives the report the next number (0 follows 65535), enters it in reports(), and sends it under that
+    // number. Sessions call no other send operation.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, SendFlag flag);
-    // Sends what is held back. `completion` (may be empty) is called once, from any thread, at once or when
-    // the server has answered. Returns the answer for the message log, or nothing. Base: completes with
-    // nothing.
+    // Sends the reports that are held. Calls `completion` (may be empty) exactly once, on any thread: at
+    // once, or when the server has answered. Returns the answer for the message log, if there is one. Base:
+    // completes at once without answer and error.
     virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
-    // Uploads one of the client's files, which `clientFiles` opens for those who may have it; blocks until
-    // the server has answered. True when a request was sent, whatever became of it. Base: false.
+    // Uploads one of the client's files, which `clientFiles` opens if the client may read it. Blocks until
+    // the server has answered. Returns whether a request was sent, even if that failed. Base: false.
+    // Overriders enter the upload and its outcome in their account of uploads.
     virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                                   ClientFiles& clientFiles);
-    // Uploads an array of log records; blocks likewise. Base: false.
+    // Uploads an array of log records. Blocks until the server has answered. Returns whether the server has
+    // it. Base: false. Overriders count the upload likewise.
     virtual bool uploadLogData(const Array& records);
-    // Gives the backend the dotted ID of its session and that session's ancestors.
+    // Sets the dotted ID of the session and its ancestors.
     virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
 
-    // Without a white list everything is allowed; an empty one allows nothing.
+    // Whether the white list admits the category. No list admits every category, an empty one admits no
+    // category.
     bool isWhitelistedEvent(uint16_t category) const;
-    // Without a black list, or with an empty one, nothing is excluded.
+    // Whether the black list excludes the category. No list, like an empty one, excludes no category.
     bool isBlacklistedEvent(uint16_t category) const;
-    // The loss that the two lists make of a report, which the log is told under the operation's name.
-    // Nothing: they let it through.
-    std::optional<ReportPlace> exclusionOf(uint16_t category, const char* operation) const;
+    // The outcome of a report that one of the two lists excludes, which is logged at level 7 under the name
+    // `operation`. `std::nullopt` if both admit it.
+    std::optional<ReportOutcome> exclusionOf(uint16_t category, const char* operation) const;
 
-    // Read as versionComponents() does.
-    void setSelfVersion(std::string_view version);
-    void setStartTimestamp(TimeValue time) { startTimeStamp_ = TelvoradUtil::secondsFromTimeValue(time); }
+    const std::string& name() const { return name_; }
+    const std::optional<std::string>& displayURL() const { return displayURL_; }
+    uint16_t eventID() const { return eventID_; }  // of the last report; 0 before the first
+    ReportAccount& reports() const { return *reports_; }
+    // The policy that updateState() decided last. Its threshold is the bag's, even if the backend's was
+    // replaced by that of the parent session.
+    const ReportingPolicy& policy() const { return policy_; }
 
     BackendState state() const { return state_.load(); }
-    // What it does with reports, as it was decided last; its threshold is that of the bag, which the parent
-    // session may have replaced since.
-    const ReportingPolicy& policy() const { return policy_; }
     void setState(BackendState state);
     std::optional<double> samplingThreshold() const TELVORA_EXCLUDES(thresholdLock_);
     void setSamplingThreshold(std::optional<double> threshold) TELVORA_EXCLUDES(thresholdLock_);
     ReportingState reportingState() const { return {state(), samplingThreshold()}; }
-    // Takes over the state of the parent's backend; false: this one is sampled out, and stays so.
+    // Takes over the state of the parent's backend, unless this one is sampled out. Returns whether it did.
     bool followState(BackendState parents);
-    double samplingFactor() const { return samplingFactor_; }
-    const std::string& name() const { return name_; }
-    const std::optional<std::string>& displayURL() const { return displayURL_; }
-    const std::optional<std::string>& combinedSessionIDString() const { return combinedSessionIDString_; }
-    void setCombinedSessionIDString(std::string id) { combinedSessionIDString_ = std::move(id); }
-    uint16_t eventID() const { return eventID_; }
 
-    void setSessionID(uint32_t id) { sessionID_ = id; }
-    void setCompType(int32_t type) { compType_ = type; }
-    void setClientVersion(uint16_t version) { clientVersion_ = version; }
-    void setUdid(const DeviceIDBuffer& udid) { udid_ = udid; }
-    void setProductVersion(std::optional<std::string> version) { productVersion_ = std::move(version); }
-    void setBuildVersion(std::optional<std::string> version) { buildVersion_ = std::move(version); }
-    void setHardwareType(std::optional<std::string> type) { hardwareType_ = std::move(type); }
-    void setIsInternal(bool internal) { isInternal_ = internal; }
-    void setRequireUserInfo(bool required) { requireUserInfo_ = required; }
-    void setBatchEvents(bool batched) { policy_.batchEvents = batched; }
-    // Whom to tell what becomes of reports and uploads, and whose quotas reports count against. Without,
-    // accounts of the backend's own and nobody's quotas.
-    void setAccounts(std::shared_ptr<ReportAccount> reports, std::shared_ptr<ReportAccount> uploads,
-                     QuotaUser user) {
-        reports_ = std::move(reports);
-        uploads_ = std::move(uploads);
-        user_ = std::move(user);
-    }
-    ReportAccount& reports() const { return *reports_; }
-    // Shared with the session and its other backends; null: the client gave none.
+    void setCombinedSessionIDString(std::string id) { combinedSessionIDString_ = std::move(id); }
+    // `userInfo` is shared with the session and its other backends; null: the client gave none.
     void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { userInfoDict_ = std::move(userInfo); }
 
   protected:
-    // From this state to that one; false: it has another.
+    // Draws the sampling factor and opens the backend's account. `identity` is not null.
+    TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
+                   SharedIdentity identity);
+
+    // Changes the state from `from` to `to`. False if it is not `from`.
     bool changeState(BackendState from, BackendState to);
-    // Called after each change of state, on the thread that made it. Base: nothing.
+    // Called after each change of state, on the thread that made it. The base does not react.
     virtual void stateChanged() {}
 
-    // Draws samplingFactor.
-    TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
-                   std::optional<std::string> productFamily);
-
-    // The profile when it is a dictionary, else null.
+    // The profile if it is a dictionary, else null.
     const Dictionary* profileDictionary() const;
 
     const BackendServices& services_;
     const std::string name_;
     const BackendProfile profile_;
-    const std::optional<std::string> productFamily_;
+    const SharedIdentity identity_;  // not null
     const double samplingFactor_;
+    const std::shared_ptr<ReportAccount> reports_;
+    const std::shared_ptr<ReportAccount> uploads_;
+    const QuotaUser user_;
 
-    std::shared_ptr<ReportAccount> reports_ = std::make_shared<ReportAccount>();
-    std::shared_ptr<ReportAccount> uploads_ = std::make_shared<ReportAccount>();
-    QuotaUser user_;
-    uint32_t sessionID_ = 0;
-    int32_t compType_ = 0;
-    uint16_t clientVersion_ = 0;
     uint16_t eventID_ = 0;
-    uint8_t selfVersionMajor_ = 0;
-    uint8_t selfVersionMiddle_ = 0;
-    uint8_t selfVersionMinor_ = 0;
-    std::string selfVersion_ = "0.0";  // as servers read it: "3.1", or "3.1.2" where the minor number isn't 0
-    bool isInternal_ = false;
-    bool requireUserInfo_ = false;
-    double startTimeStamp_ = 0;  // seconds since 1970
-    DeviceIDBuffer udid_{};
     std::optional<std::string> combinedSessionIDString_;
     std::optional<std::string> displayURL_;
-    std::optional<std::string> productVersion_;
-    std::optional<std::string> buildVersion_;
-    std::optional<std::string> hardwareType_;
     std::shared_ptr<const Dictionary> userInfoDict_;
     ReportingPolicy policy_;  // refers to the profile
 
@@ -203,7 +168,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::optional<double> samplingThreshold_ TELVORA_GUARDED_BY(thresholdLock_);
 };
 
-// The short code that names a client type to servers ("VC" for 7); empty for a type outside 0..18.
+// The short code that names a client type to servers ("VC" for 7). Empty for a type outside 0..18.
 std::string_view senderCodeForClientType(int32_t clientType);
 
 }  // namespace telvora

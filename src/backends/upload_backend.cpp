@@ -16,50 +16,49 @@ namespace telvora {
 namespace {
 
 constexpr int64_t kDefaultMaxUploadBytes = int64_t{256} << 20;
-constexpr int64_t kLargestMaxUploadBytes = int64_t{2047} << 20;  // what compression takes at once
+constexpr int64_t kLargestMaxUploadBytes = int64_t{2047} << 20;  // limit of one compression
 constexpr std::string_view kDescription = "Vidora DLRC log";
 
-// The last component of a path, which need not be one that can be opened.
+// The last component of a path, which need not exist.
 std::string_view lastPathComponent(std::string_view path) {
     const size_t end = path.find_last_not_of('/');
     path = path.substr(0, end == std::string_view::npos ? 0 : end + 1);
     return path.substr(path.rfind('/') + 1);
 }
 
-using Compressed = tl::expected<std::string, ReportPlace>;
+using Compressed = tl::expected<std::string, ReportOutcome>;
 
-tl::unexpected<ReportPlace> tooLarge(uint64_t maxSize) {
+tl::unexpected<ReportOutcome> tooLarge(uint64_t maxSize) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): The file is larger than %llu bytes",
                 static_cast<unsigned long long>(maxSize));
-    return tl::unexpected(ReportPlace::fileTooLarge);
+    return tl::unexpected(ReportOutcome::fileTooLarge);
 }
 
-// The file's whole content, compressed. Fails when it is empty, too large, can't be read or can't be
-// compressed.
+// Reads and compresses the whole file. Fails if it is empty, too large, unreadable or incompressible.
 Compressed compressedContent(const ClientFile& file, uint64_t maxSize) try {
     auto content = readWholeFile(file.file.get(), file.size(), maxSize);
-    if (!content && content.error() == EFBIG) return tooLarge(maxSize);  // it has grown
+    if (!content && content.error() == EFBIG) return tooLarge(maxSize);  // it grew meanwhile
     if (!content || content->empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Input file is empty");
-        return tl::unexpected(ReportPlace::fileUnreadable);
+        return tl::unexpected(ReportOutcome::fileUnreadable);
     }
     std::optional<std::string> compressed = TelvoradUtil::gzipDeflate(*content);
     *content = std::string();
-    // Most of the room that compression needs is never filled; a server may keep the rest waiting for long.
-    if (!compressed) return tl::unexpected(ReportPlace::fileUnreadable);
+    if (!compressed) return tl::unexpected(ReportOutcome::fileUnreadable);
+    // The buffer is sized for the worst case, and the server may take long to accept its content.
     if (compressed->size() < compressed->capacity() / 2) compressed->shrink_to_fit();
     return std::move(*compressed);
 } catch (const std::bad_alloc&) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): There is no memory for %s", file.path.c_str());
-    return tl::unexpected(ReportPlace::fileUnreadable);
+    return tl::unexpected(ReportOutcome::fileUnreadable);
 }
 
-ReportPlace refused(const std::string& path, const FileRefusal& refusal) {
+ReportOutcome refused(const std::string& path, const FileRefusal& refusal) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): %s",
                 refusal.isRegularFile ? "Input file is empty" : "Only upload a regular file.");
     TELVORA_LOG(kLogInfo, "UploadBackend(uploadFileAtPath): refused %s: %s", path.c_str(),
                 refusal.reason.c_str());
-    return refusal.isRegularFile ? ReportPlace::fileUnreadable : ReportPlace::fileRefused;
+    return refusal.isRegularFile ? ReportOutcome::fileUnreadable : ReportOutcome::fileRefused;
 }
 
 bool wasSent(const HttpError& error) {
@@ -76,37 +75,39 @@ void removeFile(const ClientFiles& clientFiles, const ClientFile& file) {
 }  // namespace
 
 std::shared_ptr<UploadBackend> UploadBackend::make(const BackendServices& services, std::string name,
-                                                   BackendProfile profile,
-                                                   std::optional<std::string> productFamily) {
+                                                   BackendProfile profile, SharedIdentity identity) {
     const Dictionary* entries = profile ? profile->getIf<Dictionary>() : nullptr;
     const std::string* postURL = entries != nullptr ? entries->string("post_url") : nullptr;
     if (postURL == nullptr) {
         TELVORA_LOG(kLogError, "UploadBackend(initWithName): can't resolve upload post URL.");
         return nullptr;
     }
-    std::shared_ptr<UploadBackend> backend(
-        new UploadBackend(services, std::move(name), profile, std::move(productFamily)));
-    backend->uploadURL_ = *postURL;
-    if (const std::string* displayURL = entries->string("display_url")) backend->displayURL_ = *displayURL;
-    return backend;
+    return std::shared_ptr<UploadBackend>(
+        new UploadBackend(services, std::move(name), profile, std::move(identity), *postURL));
+}
+
+UploadBackend::UploadBackend(const BackendServices& services, std::string name, BackendProfile profile,
+                             SharedIdentity identity, std::string uploadURL)
+    : TelvoraBackend(services, std::move(name), std::move(profile), std::move(identity)),
+      uploadURL_(std::move(uploadURL)) {
+    if (const std::string* displayURL = profileDictionary()->string("display_url")) displayURL_ = *displayURL;
 }
 
 bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                                      ClientFiles& clientFiles) {
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", path.c_str());
     uploads_->accept();
-    const tl::expected<ReportPlace, ReportPlace> sent = sendFile(path, extensionToken, clientFiles);
-    uploads_->move(1, ReportPlace::inFlight, sent ? *sent : sent.error());
+    const tl::expected<ReportOutcome, ReportOutcome> sent = sendFile(path, extensionToken, clientFiles);
+    uploads_->move(1, ReportOutcome::inFlight, sent ? *sent : sent.error());
     return sent.has_value();
 }
 
-// Where the upload is once it was sent; as an error, why it was not.
-tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string& path,
-                                                               const std::string& extensionToken,
-                                                               ClientFiles& clientFiles) {
-    if (!uploadURL_) return tl::unexpected(ReportPlace::noURL);
+// Returns the outcome, as an error if no request was sent.
+tl::expected<ReportOutcome, ReportOutcome> UploadBackend::sendFile(const std::string& path,
+                                                                   const std::string& extensionToken,
+                                                                   ClientFiles& clientFiles) {
     const BlockingSection blocking;
-    // Consumes the extension; whatever happens from here on, leaving this function releases it.
+    // Consumes the extension token; the end of `file` closes the descriptor.
     const auto file = clientFiles.open(path, extensionToken);
     if (!file) return tl::unexpected(refused(path, file.error()));
     const uint64_t size = file->size();
@@ -115,33 +116,33 @@ tl::expected<ReportPlace, ReportPlace> UploadBackend::sendFile(const std::string
     const auto ticket = clientFiles.admit(2 * size);  // the file and its compressed form
     if (!ticket) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
-        return tl::unexpected(ReportPlace::tooManyPending);
+        return tl::unexpected(ReportOutcome::tooManyPending);
     }
     Compressed compressed = compressedContent(*file, maxSize);
     if (!compressed) return tl::unexpected(compressed.error());
     ticket->shrink(compressed->capacity());
     std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
-    if (!request) return tl::unexpected(ReportPlace::notSent);
+    if (!request) return tl::unexpected(ReportOutcome::notSent);
     const HttpResult result = performBlocking(services_.http, std::move(*request));
     if (isDelivered(result)) {
         removeFile(clientFiles, *file);
-        return ReportPlace::delivered;
+        return ReportOutcome::delivered;
     }
-    if (result) return ReportPlace::rejected;
-    if (wasSent(result.error())) return placeAfter(result);
-    return tl::unexpected(placeAfter(result));
+    if (result) return ReportOutcome::rejected;
+    if (wasSent(result.error())) return outcomeOf(result);
+    return tl::unexpected(outcomeOf(result));
 }
 
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {
     HttpRequest request;
     request.method = "POST";
-    request.url = *uploadURL_ + "?uuid=" + udid_.data() + "&sequence=" + std::to_string(sessionID_) +
-                  "&description=" + percentEncodedForQuery(kDescription) +
-                  "%20(Uploaded%20by%20PLS)&filename=" +
-                  percentEncodedForQuery(std::string(lastPathComponent(path)) + ".gz") + "&raw=true";
+    request.url =
+        uploadURL_ + "?uuid=" + identity_->udid.data() + "&sequence=" + std::to_string(identity_->sessionID) +
+        "&description=" + percentEncodedForQuery(kDescription) + "%20(Uploaded%20by%20PLS)&filename=" +
+        percentEncodedForQuery(std::string(lastPathComponent(path)) + ".gz") + "&raw=true";
     request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
     request.body = std::move(body);
-    request.countBody = false;  // admitted by the ticket
+    request.countBody = false;  // the ticket counts it
     if (faultOfRequest(request)) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Unable to create URL request");
         return std::nullopt;
@@ -149,7 +150,7 @@ std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path,
     return request;
 }
 
-// Whether the server has the file, or has said something that can't be read.
+// Whether the server confirms the file. An answer that is no text counts as a confirmation.
 bool UploadBackend::isDelivered(const HttpResult& result) const {
     if (!result || result->body.empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): post %s",
@@ -158,7 +159,7 @@ bool UploadBackend::isDelivered(const HttpResult& result) const {
     }
     const bool isText = isValidUtf8(result->body);
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): sending to |%s|, Json output: %s",
-                uploadURL_->c_str(), isText ? result->body.c_str() : "(null)");
+                uploadURL_.c_str(), isText ? result->body.c_str() : "(null)");
     return !isText || result->body.find("success") != std::string::npos;
 }
 

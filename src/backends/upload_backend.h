@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UploadBackend: posts a diagnostic file of the client's, compressed, and removes it once the server has said
-// that it has it. File and compressed form are in memory whole, so there is a limit to the file's size: the
-// user default "maxUploadBytes", 256 MiB without one.
+// UploadBackend: posts a diagnostic file of the client's, compressed, and removes it once the server has
+// confirmed it. The file and its compressed form are held in memory as a whole. The user default
+// "maxUploadBytes" limits the file's size, in bytes; its default is 256 MiB.
 #pragma once
 
 #include <memory>
@@ -17,35 +17,32 @@ namespace telvora {
 
 class UploadBackend final : public TelvoraBackend {
   public:
-    // Nothing, with a line at level 3, without a text "post_url" in the profile.
+    // Null, with a line at level 3, if the profile has no string "post_url".
     static std::shared_ptr<UploadBackend> make(const BackendServices& services, std::string name,
-                                               BackendProfile profile,
-                                               std::optional<std::string> productFamily);
+                                               BackendProfile profile, SharedIdentity identity);
 
-    // Any answer that contains "success", and any that is no UTF-8 text, has the file removed; what can't be
-    // removed is logged at level 4. False, with a line at level 3, when no request was sent: no regular file,
-    // one that is empty, unreadable or too large, too many uploads under way, no URL to send it to, or an
-    // HTTP client that does not take the request.
+    // Posts the file, and removes it if the answer contains "success" or is not UTF-8 text. A failed removal
+    // is logged at level 4. Returns false, with a line at level 3, if no request was sent: the file is not
+    // regular, empty, unreadable or too large, too many uploads are under way, the URL is invalid, or the
+    // HTTP client refuses the request. Blocks until the server has answered.
     bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
                           ClientFiles& clientFiles) override;
 
-    const std::optional<std::string>& uploadURL() const { return uploadURL_; }
-    void setUploadURL(std::optional<std::string> url) { uploadURL_ = std::move(url); }
-
   private:
-    using TelvoraBackend::TelvoraBackend;
+    UploadBackend(const BackendServices& services, std::string name, BackendProfile profile,
+                  SharedIdentity identity, std::string uploadURL);
 
-    tl::expected<ReportPlace, ReportPlace> sendFile(const std::string& path,
-                                                    const std::string& extensionToken,
-                                                    ClientFiles& clientFiles);
+    tl::expected<ReportOutcome, ReportOutcome> sendFile(const std::string& path,
+                                                        const std::string& extensionToken,
+                                                        ClientFiles& clientFiles);
     std::optional<HttpRequest> createRequest(const std::string& path, std::string body) const;
     bool isDelivered(const HttpResult& result) const;
     uint64_t maxUploadBytes() const;
 
-    std::optional<std::string> uploadURL_;
+    const std::string uploadURL_;
 };
 
-// Everything but what may stand in a query (RFC 3986, section 3.4) as %XX of its UTF-8 bytes.
+// Percent-encodes each byte that a query may not contain (RFC 3986, section 3.4).
 std::string percentEncodedForQuery(std::string_view text);
 
 }  // namespace telvora

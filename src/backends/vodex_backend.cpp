@@ -13,7 +13,7 @@ constexpr char kAdaptorClassName[] = "VodexAdaptor";
 constexpr char kForwardingSelector[] = "sendMessageWithMethod:respCode:dict:";
 constexpr uint32_t kClientTypesAllowed = 1U << 7 | 1U << 11 | 1U << 13;
 
-// Runs foreign code, which may take its time, and from which no exception may come any further.
+// Calls foreign code, which may block. Catches and logs its exceptions.
 template <typename Call>
 void callAdaptor(const char* operation, Call call) {
     const BlockingSection blocking;
@@ -31,9 +31,8 @@ bool VodexBackend::isClientTypeAllowed(int32_t clientType) {
 }
 
 std::shared_ptr<VodexBackend> VodexBackend::make(const BackendServices& services, std::string name,
-                                                 BackendProfile profile,
-                                                 std::optional<std::string> productFamily,
-                                                 int32_t clientType) {
+                                                 BackendProfile profile, SharedIdentity identity) {
+    const int32_t clientType = identity->compType;
     TELVORA_LOG(kLogInfo, "VodexBackend(initWithName): Loading Vodex adaptor class for client type %d",
                 clientType);
     if (!isClientTypeAllowed(clientType)) {
@@ -42,7 +41,7 @@ std::shared_ptr<VodexBackend> VodexBackend::make(const BackendServices& services
         return nullptr;
     }
     std::shared_ptr<VodexBackend> backend(
-        new VodexBackend(services, std::move(name), std::move(profile), std::move(productFamily)));
+        new VodexBackend(services, std::move(name), std::move(profile), std::move(identity)));
     backend->loadAdaptor();
     return backend;
 }
@@ -56,7 +55,7 @@ void VodexBackend::loadAdaptor() {
     clientBundle_ = std::move(*bundle);
     const auto* found =
         static_cast<const telvora_vodex_adaptor_class*>(clientBundle_->symbol(kAdaptorClassName));
-    // The version comes first in the class of any version; the rest is known of this one alone.
+    // Classes of all versions begin with the version; the other members are those of this version.
     if (found == nullptr || found->version != TELVORA_VODEX_ADAPTOR_VERSION || found->create == nullptr) {
         TELVORA_LOG(kLogDebug, "VodexBackend(initWithName): the bundle has no class %s of version %u",
                     kAdaptorClassName, TELVORA_VODEX_ADAPTOR_VERSION);
@@ -79,7 +78,7 @@ std::optional<std::string> VodexBackend::sendMessage(const std::optional<Diction
         TELVORA_LOG(kLogError,
                     "VodexBackend(sendMessage): Vodex adaptor %s does not respond to forwarding selector %s",
                     vodexAdaptor_ == nullptr ? "(null)" : "<VodexAdaptor>", kForwardingSelector);
-        reports_->move(1, ReportPlace::inFlight, ReportPlace::noAdaptor);
+        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::noAdaptor);
         return std::nullopt;
     }
     const PropertyList dict = payload.value_or(Dictionary());
@@ -87,7 +86,7 @@ std::optional<std::string> VodexBackend::sendMessage(const std::optional<Diction
         vodexAdaptorClass_->send_message(vodexAdaptor_, method, respCode,
                                          vodexValue(payload ? &dict : nullptr));
     });
-    reports_->move(1, ReportPlace::inFlight, ReportPlace::delivered);
+    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::delivered);
     return std::nullopt;
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// VodexBackend: hands each report to a metrics adaptor that lives in a shared object of its own. All that is
-// known of the adaptor is the path of that object and what telvora/vodex_adaptor.h says.
+// VodexBackend: passes each report to a metrics adaptor, which a shared object provides through the interface
+// of telvora/vodex_adaptor.h.
 #pragma once
 
 #include <memory>
@@ -16,21 +16,20 @@ namespace telvora {
 
 class VodexBackend final : public TelvoraBackend {
   public:
-    // Where the adaptor is when no user default says otherwise.
+    // Default path of the adaptor.
     static constexpr char kBundlePath[] =
         "/System/Library/PrivateFrameworks/PlayLinkServices.framework/Frameworks/PLSPerformance.framework";
 
-    // Nothing, with a line at level 3, for a client type that isClientTypeAllowed() refuses. A backend whose
-    // adaptor can't be loaded is made all the same, and drops its reports with a line at level 3 each.
+    // Null, with a line at level 3, for a client type that isClientTypeAllowed() refuses. If the adaptor
+    // can't be loaded, the backend drops each report with a line at level 3.
     static std::shared_ptr<VodexBackend> make(const BackendServices& services, std::string name,
-                                              BackendProfile profile,
-                                              std::optional<std::string> productFamily, int32_t clientType);
+                                              BackendProfile profile, SharedIdentity identity);
     ~VodexBackend() override;
 
     static bool isClientTypeAllowed(int32_t clientType);
 
     using TelvoraBackend::sendMessage;
-    // Passes payload, method and response code on, and nothing else. Answers nothing.
+    // Passes payload, method and response code to the adaptor. Returns no answer.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, EventID eventID,
                                            SendFlag flag) override;
@@ -42,7 +41,7 @@ class VodexBackend final : public TelvoraBackend {
 
     std::optional<PlugIn> clientBundle_;
     const telvora_vodex_adaptor_class* vodexAdaptorClass_ = nullptr;  // in the bundle
-    void* vodexAdaptor_ = nullptr;                                    // the class's, ended by its destroy
+    void* vodexAdaptor_ = nullptr;                                    // an instance of that class
 };
 
 }  // namespace telvora

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A handle is the address of a PropertyList. Nothing here allocates or throws, for there is foreign code
-// above on the stack.
+// A handle is the address of a PropertyList. The functions neither allocate nor throw, because foreign code
+// calls them.
 #include "backends/vodex_payload.h"
 
 namespace telvora {

@@ -6,10 +6,10 @@
 
 namespace telvora {
 
-// The functions by which an adaptor reads a payload.
+// The functions through which an adaptor reads a payload. Lives as long as the process.
 const telvora_vodex_host& vodexHost();
 
-// A value as an adaptor gets it, valid as long as the value; null for null.
+// The handle of a value for an adaptor, valid as long as the value. Null for null.
 const telvora_vodex_value* vodexValue(const PropertyList* value);
 
 }  // namespace telvora

@@ -99,7 +99,7 @@ class BusClientConnection : public ClientConnection,
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
     size_t outboxBytes_ TELVORA_GUARDED_BY(outboxLock_) = 0;
-    QuotaHold outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
+    QuotaCharge outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
     bool ended_ TELVORA_GUARDED_BY(outboxLock_) = false;
 };
 

@@ -30,8 +30,12 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       powerLog_(makeJournalPowerLog()),
       http_(*curl_, [this] { shutdown_.check(); }),
       backendServices_(makeBackendServices()),
-      factory_(backendServices_),
-      sessionServices_(makeSessionServices()),
+      sessionServices_{.backendServices = backendServices_,
+                       .framework = framework_,
+                       .messageLog = process.messageLog,
+                       .uploadAdmission = uploads_,
+                       .ledger = ledger_,
+                       .uploadDirectories = process.settings.uploadDirectories},
       fetcher_({.http = http_, .environment = environment_, .framework = framework_}),
       keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
                             .inFlight = [this] { return http_.inFlight() > 0; },
@@ -72,22 +76,6 @@ BackendServices Daemon::makeBackendServices() {
             .makeNetworkQueue = [this] { return makeNetworkQueue(pool_); },
             .vodexAdaptorPath = process_.settings.vodexAdaptorPath,
             .powerLog = powerLog_.get()};
-}
-
-SessionServices Daemon::makeSessionServices() {
-    return {.backendSources = {.factory = factory_,
-                               .identity = identity_,
-                               .framework = framework_,
-                               .clock = timeOfDay},
-            .identity = identity_,
-            .framework = framework_,
-            .defaults = process_.defaults,
-            .messageLog = process_.messageLog,
-            .clock = timeOfDay,
-            .countryCode = [] { return currentCountryCode(); },
-            .uploadAdmission = uploads_,
-            .ledger = ledger_,
-            .uploadDirectories = process_.settings.uploadDirectories};
 }
 
 void Daemon::serveClient(UniqueFd socket, const Peer& peer) {

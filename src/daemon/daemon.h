@@ -26,7 +26,6 @@
 #include "daemon/telvorad_agent.h"
 #include "platform/directories.h"
 #include "platform/power_log.h"
-#include "session/backend_factory.h"
 
 namespace telvora {
 
@@ -49,7 +48,6 @@ class Daemon final : private StatusInterface {
 
   private:
     BackendServices makeBackendServices();
-    SessionServices makeSessionServices();
     void serveClient(UniqueFd socket, const Peer& peer);
     void stopAccepting();
     void reloadOnSignal();
@@ -74,7 +72,6 @@ class Daemon final : private StatusInterface {
     ReportLedger ledger_;
     InFlightHttpClient http_;
     const BackendServices backendServices_;
-    const BackendFactory factory_;
     const SessionServices sessionServices_;
     const StorebagFetcher fetcher_;
     KeepAliveTransaction keepAlive_;

@@ -28,13 +28,13 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         refusals_.notEntitled(peer);
         return false;
     }
-    const auto connected = std::make_shared<QuotaHold>();
-    QuotaHold place;
+    const auto connected = std::make_shared<QuotaCharge>();
+    QuotaCharge place;
     if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) return false;
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
                 connection->description().c_str(), static_cast<int>(sessionCount()),
-                static_cast<int>(correlatedSessionsCount_.load()));
+                static_cast<int>(hierarchies_.count()));
 
     ++sessionsAlive_;
     const SessionServices& services = services_.sessionServices;
@@ -71,11 +71,7 @@ void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session)
             lastSession = sessionList_.empty();
         }
     }
-    // A session that gave up its token stays listed under it, but not beyond its end.
-    if (session->everInHierarchy()) {
-        const DelegateLock lock(lock_);
-        leaveCorrelatedSessions(*session);
-    }
+    hierarchies_.leave(*session);
     session->dealloc();
     // An idle process may end only now: the session's last reports are on their way.
     if (lastSession) services_.keepAlive.end();

@@ -4,12 +4,9 @@
 // the registry of live sessions, which keeps the process alive, serves bags from its cache, and groups
 // sessions into hierarchies.
 //
-// Two recursive locks, never held at once: the registry's own, and the agent's (`hierarchyLock`), which
-// guards the bag cache and the hierarchies. The latter stays held across a bag fetch, so that sessions that
-// wait for the same bag find it fetched. All operations may be called from any thread.
-//
-// A hierarchy is identified by its token and its user (TelvoradSession::hierarchyUser): others can guess a
-// token, and the sessions of a hierarchy see and control each other's reports.
+// Two recursive locks, never held at once: the registry's own, and the hierarchy lock, which guards the bag
+// cache and the hierarchies and stays held across a bag fetch, so that sessions that wait for the same bag
+// find it fetched. All operations may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -73,13 +70,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // For the sessions; see TelvoradSessionDelegate.
     std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) override;
     std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) override;
-    void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) override;
-    std::optional<std::string> parentSessionIDStringForSession(const TelvoradSession& session) override;
-    std::shared_ptr<TelvoradSession> parentSessionForChild(const TelvoradSession& child) override;
-    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(
-        const TelvoradSession& session) override;
-    void updateDownstreamSessions(TelvoradSession& session) override;
-    RecursiveMutex& hierarchyLock() override { return lock_; }
+    SessionHierarchies& hierarchies() override { return hierarchies_; }
 
   private:
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
@@ -121,21 +112,13 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         std::shared_ptr<TelvoradSession> session;
         Peer peer;
         std::weak_ptr<ClientConnection> connection;
-        QuotaHold place;
+        QuotaCharge place;
     };
 
     // Registry.
     void invalidated(const std::shared_ptr<TelvoradSession>& session);
     // Storebags.
     void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
-    // Hierarchy.
-    using Hierarchies = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
-    const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
-    bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
-    void leaveCorrelatedSessions(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
-    void dropEmptyLists() TELVORA_REQUIRES(lock_);
-    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
-                                                                         const SessionList& sessions);
 
     const AgentServices services_;
     RefusalLog refusals_;
@@ -151,12 +134,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
     Mutex storebagExtractsLock_;
     std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
-    Hierarchies correlatedSessions_ TELVORA_GUARDED_BY(lock_);
-    std::unordered_map<const TelvoradSession*, Hierarchies::iterator> hierarchyPlaces_
-        TELVORA_GUARDED_BY(lock_);  // the list of each session
-    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) =
-        0;                                            // of tokens added since empty lists were last dropped
-    std::atomic<size_t> correlatedSessionsCount_{0};  // for the log, without waiting for a fetch
+    SessionHierarchies hierarchies_{lock_};
 };
 
 }  // namespace telvora

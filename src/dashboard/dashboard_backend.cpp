@@ -13,9 +13,9 @@ namespace telvora {
 namespace {
 
 constexpr std::chrono::milliseconds kDefaultPeriod{500};
-constexpr int64_t kLongestPeriod = 24 * 60 * 60 * 1000;  // keeps times far from where they overflow
+constexpr int64_t kLongestPeriod = 24 * 60 * 60 * 1000;  // in milliseconds; keeps times from overflowing
 
-// The integer value of the number under `key`, or nothing.
+// The integer value of the number under `key`.
 std::optional<int64_t> number(const Dictionary& profile, std::string_view key) {
     const PropertyList* value = profile.find(key);
     return value != nullptr && value->isNumber() ? value->wrappedInteger() : std::nullopt;
@@ -41,28 +41,25 @@ bool hasCollector(const Dictionary* profile) {
 }  // namespace
 
 std::shared_ptr<DashboardBackend> DashboardBackend::make(const BackendServices& services, std::string name,
-                                                         BackendProfile profile,
-                                                         std::optional<std::string> productFamily) {
+                                                         BackendProfile profile, SharedIdentity identity) {
     const Dictionary* content = profile ? profile->getIf<Dictionary>() : nullptr;
     const auto serverIP = content != nullptr ? text(*content, "ip") : std::nullopt;
     const int64_t serverPort = content != nullptr ? number(*content, "port").value_or(0) : 0;
     return make(services, std::move(name), std::move(profile), serverIP, static_cast<uint16_t>(serverPort),
-                std::move(productFamily));
+                std::move(identity));
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::make(const BackendServices& services, std::string name,
                                                          std::optional<std::string> serverIP,
-                                                         uint16_t serverPort,
-                                                         std::optional<std::string> productFamily) {
+                                                         uint16_t serverPort, SharedIdentity identity) {
     if (!serverIP) return nullptr;
-    return make(services, std::move(name), nullptr, serverIP, serverPort, std::move(productFamily));
+    return make(services, std::move(name), nullptr, serverIP, serverPort, std::move(identity));
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::make(const BackendServices& services, std::string name,
                                                          BackendProfile profile,
                                                          const std::optional<std::string>& serverIP,
-                                                         uint16_t serverPort,
-                                                         std::optional<std::string> productFamily) {
+                                                         uint16_t serverPort, SharedIdentity identity) {
     const Dictionary* content = profile ? profile->getIf<Dictionary>() : nullptr;
     if (profile && !hasCollector(content)) return nullptr;
     auto transport = DashboardTransport::make(services.makeNetworkQueue());
@@ -84,7 +81,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::make(const BackendServices& 
     if (!transport->connect(*serverIP, serverPort) || !transport->start(period)) return nullptr;
 
     std::shared_ptr<DashboardBackend> backend(new DashboardBackend(
-        services, std::move(name), std::move(profile), std::move(productFamily), std::move(transport)));
+        services, std::move(name), std::move(profile), std::move(identity), std::move(transport)));
     backend->takeProfile();
     return backend;
 }
@@ -105,19 +102,19 @@ std::optional<std::string> DashboardBackend::sendMessage(const std::optional<Dic
         TELVORA_LOG(kLogError, "DashboardBackend(sendMessage): can't malloc.");
         return std::nullopt;
     }
-    const DashboardFields fields{.version = selfVersionMajor_,
-                                 .componentType = static_cast<uint8_t>(compType_),
+    const DashboardFields fields{.version = identity_->selfVersion.components[0],
+                                 .componentType = static_cast<uint8_t>(identity_->compType),
                                  .timestamp = timestamp,
-                                 .sessionID = sessionID_,
-                                 .clientVersion = clientVersion_,
+                                 .sessionID = identity_->sessionID,
+                                 .clientVersion = identity_->clientVersion,
                                  .method = method,
                                  .respCode = respCode,
-                                 .deviceID = udid_,
+                                 .deviceID = identity_->udid,
                                  .eventNumber = static_cast<uint16_t>(eventID),
                                  .reliable = transport_->reliableUDP(),
                                  .fromProfile = usingProfile_};
     fillDashboardDatagram(*datagram, fields, payload.value_or(Dictionary()));
-    std::string line = writeLocalLog(*datagram);
+    std::string line = renderDashboardDatagram(*datagram);
     transport_->send(std::string(datagram->bytes()), fields.eventNumber);
     return line;
 }

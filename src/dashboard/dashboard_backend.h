@@ -1,22 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DashboardBackend: turns reports into datagrams for a dashboard collector, and uploads log data over HTTP.
+// DashboardBackend: sends reports as datagrams to a dashboard collector, and uploads log data over HTTP.
 //
-// Reports are sent by the five-argument sendMessage() alone. Sessions send through the base class's operation
-// with a flag, which ends in the six-argument sendMessage() that this class leaves as it is: a report that a
-// session sends meets no datagram and has no answer. That is so on purpose; the two are not to be joined.
+// Only the five-argument sendMessage() sends datagrams. Sessions call the base class's operation with a flag,
+// which ends in the six-argument sendMessage() of the base class: a session's report is dropped and has no
+// answer. This is intended; the two operations must stay separate.
 //
-// A profile ("dashboard" in a bag):
+// The profile ("dashboard" in a bag):
 //
 //     ip           string, required: the collector's IPv4 address
-//     port         number, required: its UDP port, of which the low 16 bits count
-//     display_url  string: where people look at the dashboard
-//     post_url     string: where log data is uploaded to
-//     reliable     number: turns reliable delivery on; the period of the retransmission timer in milliseconds
+//     port         number, required: its UDP port; the low 16 bits are used
+//     display_url  string: URL of the dashboard for people
+//     post_url     string: URL for uploads of log data
+//     reliable     number: turns reliable delivery on; period of the retransmission timer in milliseconds
 //                  (values below 1 count as 1)
 //
-// Like every backend it is called by one caller at a time; its network side has a queue of its own
-// (dashboard_transport.h), which lives on until what waits there is sent, given up or cleaned up.
+// The backend belongs to its session's strand. Its transport (dashboard_transport.h) has a queue of its own
+// and outlives the backend until its packets are sent, given up or cleaned up.
 #pragma once
 
 #include <functional>
@@ -32,50 +32,45 @@ namespace telvora {
 
 class DashboardBackend final : public TelvoraBackend {
   public:
-    // For a bag's profile. Null, with a line at level 3, without a collector's address or when the system
-    // refuses the socket, its connection (as it does for text that is no address) or a timer.
+    // Makes a backend from a bag's profile. Null, with a line at level 3, if the profile has no address, or
+    // if the system refuses the socket, its connection (also for text that is no address) or a timer.
     static std::shared_ptr<DashboardBackend> make(const BackendServices& services, std::string name,
-                                                  BackendProfile profile,
-                                                  std::optional<std::string> productFamily);
-    // Without a profile; delivery is reliable, with a timer of 500 ms. Null likewise, but without an address
-    // there is no line.
+                                                  BackendProfile profile, SharedIdentity identity);
+    // Makes a backend without a profile. Delivery is reliable, with a period of 500 ms. Null as above, but
+    // without a line if there is no address.
     static std::shared_ptr<DashboardBackend> make(const BackendServices& services, std::string name,
                                                   std::optional<std::string> serverIP, uint16_t serverPort,
-                                                  std::optional<std::string> productFamily);
+                                                  SharedIdentity identity);
 
     using TelvoraBackend::sendMessage;
 
-    // Sends one report as a datagram. Returns it as a line of text (dashboard_datagram.h), or nothing when
-    // there is no memory for it.
+    // Sends one report as a datagram. Returns it as a line of text (dashboard_datagram.h); `std::nullopt` if
+    // memory is short.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, EventID eventID);
 
-    // Closes the socket once nothing waits to be sent again, within bounded time.
+    // Closes the socket once no packet waits, within bounded time; see DashboardTransport::cleanup().
     void cleanup() override;
-    // The same; `whenClosed` runs when it is done, on a thread of the work pool.
+    // As above, and calls `whenClosed` afterwards, on a thread of the work pool.
     void cleanup(std::function<void()> whenClosed);
 
-    // Posts the records as a binary property list to the profile's "post_url" and reports the location that
-    // the server answers with through the base class's send operation. Blocks until the server has answered.
+    // Posts the records as a binary property list to the profile's "post_url". Sends the location in the
+    // server's answer as a report, through the base class's operation. Blocks until the server has answered.
     bool uploadLogData(const Array& records) override;
 
   private:
     DashboardBackend(const BackendServices& services, std::string name, BackendProfile profile,
-                     std::optional<std::string> productFamily, std::shared_ptr<DashboardTransport> transport)
-        : TelvoraBackend(services, std::move(name), std::move(profile), std::move(productFamily)),
+                     SharedIdentity identity, std::shared_ptr<DashboardTransport> transport)
+        : TelvoraBackend(services, std::move(name), std::move(profile), std::move(identity)),
           transport_(std::move(transport)) {}
 
     static std::shared_ptr<DashboardBackend> make(const BackendServices& services, std::string name,
                                                   BackendProfile profile,
                                                   const std::optional<std::string>& serverIP,
-                                                  uint16_t serverPort,
-                                                  std::optional<std::string> productFamily);
+                                                  uint16_t serverPort, SharedIdentity identity);
 
     void takeProfile();
-    ReportPlace postLogData(const Array& records);
-    std::string writeLocalLog(const DashboardDatagram& datagram) const {
-        return renderDashboardDatagram(datagram);
-    }
+    ReportOutcome postLogData(const Array& records);
 
     const std::shared_ptr<DashboardTransport> transport_;
     bool usingProfile_ = false;

@@ -18,7 +18,7 @@ constexpr uint8_t kHeaderKind = 1;
 constexpr int32_t kMicrosecondsPerUnit = 4000;
 constexpr int kMillisecondsPerUnit = 4;
 constexpr size_t kRenderedBytes = 1152;
-// Sign, "0.", the 323 zeros that the smallest real begins with, and 17 digits; the largest has 309 digits.
+// Sign, "0.", the 323 leading zeros of the smallest real, and 17 digits. The largest real has 309 digits.
 constexpr size_t kLongestReal = 344;
 
 enum ModeBit : uint16_t { kModeReliable = 1, kModeNoProfile = 2 };
@@ -38,7 +38,7 @@ enum Offset : size_t {
     kMode = 62
 };
 
-// Network byte order, whatever the machine's.
+// Network byte order.
 void put8(char* at, uint8_t value) {
     *at = static_cast<char>(value);
 }
@@ -65,7 +65,7 @@ uint16_t complement16(uint16_t value) {
     return static_cast<uint16_t>(~value);
 }
 
-// All of the header but the length.
+// Fills the header except for the length.
 void fillHeader(char* header, const DashboardFields& fields) {
     put8(header + kVersion, fields.version);
     put8(header + kComponentType, fields.componentType);
@@ -88,7 +88,7 @@ struct Pair {
     size_t characters;  // of the value
 };
 
-// Shortest value first; values of one length in the order of their keys.
+// The pairs by the length of their values, shortest first, and then by their keys.
 std::vector<Pair> sortedPairs(const Dictionary& payload) {
     std::vector<Pair> pairs;
     pairs.reserve(payload.size());
@@ -102,7 +102,7 @@ std::vector<Pair> sortedPairs(const Dictionary& payload) {
     return pairs;
 }
 
-// Appends as many bytes as there is room for. A zero byte ends a text here, as it does on the other side.
+// Appends as many bytes as fit. A zero byte ends the text, as it does for the collector.
 void append(DashboardDatagram& datagram, std::string_view text) {
     constexpr size_t kRoom = kDashboardHeaderBytes + kDashboardTextBytes - 1;
     const size_t length = std::min({text.find('\0'), text.size(), kRoom - datagram.length});

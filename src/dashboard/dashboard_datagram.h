@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The dashboard's datagram, bit for bit, and its rendering as a line of text. docs/formats.md describes both
-// with a worked example. Pure functions, callable from any thread.
+// The dashboard's datagram and its rendering as a line of text. docs/formats.md describes both, with an
+// example. All functions are pure and callable from any thread.
 #pragma once
 
 #include <array>
@@ -17,11 +17,11 @@
 namespace telvora {
 
 constexpr size_t kDashboardHeaderBytes = 64;
-constexpr size_t kDashboardTextBytes = 1024;  // with the terminating zero, which isn't sent
+constexpr size_t kDashboardTextBytes = 1024;  // with the terminating zero, which is not sent
 constexpr size_t kDashboardDeviceIDBytes = 40;
 constexpr size_t kDashboardEventNumberOffset = 60;
 
-// What the header tells, before any of it is complemented.
+// Fields of the header, before some of them are complemented.
 struct DashboardFields {
     uint8_t version = 0;
     uint8_t componentType = 0;
@@ -36,31 +36,31 @@ struct DashboardFields {
     bool fromProfile = false;
 };
 
-// Header and text in one buffer of the greatest size; the text ends with a zero byte.
+// Header and text in one buffer of maximum size. The text ends with a zero byte.
 struct DashboardDatagram {
     std::array<char, kDashboardHeaderBytes + kDashboardTextBytes> buffer;
-    size_t length = 0;  // of what is sent: without the zero
+    size_t length = 0;  // of the datagram, without the zero
 
     std::string_view bytes() const { return {buffer.data(), length}; }
     std::string_view text() const { return bytes().substr(kDashboardHeaderBytes); }
 };
 
-// Fills the datagram with a report. Of the payload, as much as the text has room for: the pair that doesn't
-// fit any more is cut, further ones are left out.
+// Fills the datagram with a report. If the text is full, the pair of the payload that does not fit is
+// truncated and all further ones are left out.
 void fillDashboardDatagram(DashboardDatagram& datagram, const DashboardFields& fields,
                            const Dictionary& payload);
 
-// The datagram as the collector's logs show it:
+// Renders the datagram as in the collector's logs:
 //
 //     12.344 0123456789012345678901234567890123456789 127.0.0.1 VC     3   777     1     4     5  key=value
 std::string renderDashboardDatagram(const DashboardDatagram& datagram);
 
-// A string itself; a number in decimal without an exponent, with the fewest digits that tell it from all
-// others (true as 1); "null" for everything else.
+// A string unchanged; a number in decimal without an exponent, in the shortest form that reads back as the
+// same value; true as "1", false as "0"; "null" for other types.
 std::string descriptionForObject(const PropertyList& object);
 
-// The text without line feeds, every backslash doubled and every "=" preceded by one; "empty" if that leaves
-// nothing.
+// Removes line feeds, and puts a backslash before every backslash and "=". Returns "empty" if the result
+// would be empty.
 std::string sanitize(std::string_view text);
 
 }  // namespace telvora

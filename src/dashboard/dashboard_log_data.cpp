@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The upload of log data; docs/formats.md describes the archive.
+// Uploads of log data. docs/formats.md describes the archive.
 #include "dashboard/dashboard_backend.h"
 #include "plist/property_list_format.h"
 #include "policy/absent_text.h"
@@ -14,8 +14,8 @@ namespace {
 constexpr uint16_t kLogDataMethod = 0;
 constexpr uint16_t kLogDataRespCode = 2;
 
-// What the server says of where the log data is now. Nothing, and the reason if there is one, where it
-// doesn't.
+// The location of the log data in the server's answer. `std::nullopt` without one, with the reason if there
+// is one.
 std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::string>& reason) {
     if (!result) {
         reason = result.error().description;
@@ -33,21 +33,21 @@ std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::
 
 bool DashboardBackend::uploadLogData(const Array& records) {
     uploads_->accept();
-    const ReportPlace outcome = postLogData(records);
-    uploads_->move(1, ReportPlace::inFlight, outcome);
-    return outcome == ReportPlace::delivered;
+    const ReportOutcome outcome = postLogData(records);
+    uploads_->move(1, ReportOutcome::inFlight, outcome);
+    return outcome == ReportOutcome::delivered;
 }
 
-ReportPlace DashboardBackend::postLogData(const Array& records) {
+ReportOutcome DashboardBackend::postLogData(const Array& records) {
     if (!postURL_) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
-        return ReportPlace::noURL;
+        return ReportOutcome::noURL;
     }
     auto archive = serializePropertyList(records, PropertyListFormat::binary);
     if (!archive) {
         TELVORA_LOG(kLogError,
                     "DashboardBackend(uploadLogData): Failed to serialize log data array for upload");
-        return ReportPlace::notSent;
+        return ReportOutcome::notSent;
     }
     HttpRequest request;
     request.method = "POST";
@@ -56,7 +56,7 @@ ReportPlace DashboardBackend::postLogData(const Array& records) {
     request.body = std::move(*archive);
     std::optional<std::string> reason;
     HttpResult result = performBlocking(services_.http, std::move(request));
-    const ReportPlace withoutLocation = result ? ReportPlace::rejected : placeAfter(result);
+    const ReportOutcome withoutLocation = result ? ReportOutcome::rejected : outcomeOf(result);
     const auto location = uploadLocation(std::move(result), reason);
     if (!location) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Error uploading log data array (%s)",
@@ -66,7 +66,7 @@ ReportPlace DashboardBackend::postLogData(const Array& records) {
     TELVORA_LOG(kLogDebug, "DashboardBackend(uploadLogData): Log data uploaded to %s", location->c_str());
     sendMessage(Dictionary{{"LogDataUploadLocation", *location}}, services_.clock(), kLogDataMethod,
                 kLogDataRespCode, SendFlag{0});
-    return ReportPlace::delivered;
+    return ReportOutcome::delivered;
 }
 
 }  // namespace telvora

@@ -93,8 +93,8 @@ void DashboardTransport::waitForAcknowledgement() {
     });
 }
 
-// An acknowledgement is the collector's echo of a datagram's header, or as much of it as holds the event
-// number. Nothing else in it counts.
+// An acknowledgement is the collector's echo of a datagram's header, or of its beginning up to the event
+// number. Only that number is used.
 void DashboardTransport::processSocketRead() {
     std::array<char, kReceiveBytes> buffer;
     const size_t length = socket_->receive(buffer);
@@ -120,7 +120,7 @@ void DashboardTransport::myPeriodicTask() {
     }
 }
 
-// Arms the timer for the next tick if that tick has something to do, else disarms it.
+// Arms the timer for the next tick if that tick has work to do, else disarms it.
 void DashboardTransport::updateTimer() {
     if (!timer_) return;
     const bool needed = !messageQueue_.empty() || cleanupState_ != CleanupState::running;
@@ -128,7 +128,7 @@ void DashboardTransport::updateTimer() {
     timerArmed_ = needed;
     if (!needed) return timer_->cancel();
     const SteadyTime tick = phase_ + ((queue_->now() - phase_) / period_ + 1) * period_;
-    // A tick that is late by half a period or more would make the next ones come too close.
+    // A tick that is late by more than half a period would come too close to the next one.
     const std::chrono::nanoseconds leeway = std::min<std::chrono::nanoseconds>(kTimerLeeway, period_ / 2);
     timer_->arm(tick, leeway, [self = shared_from_this()] {
         self->timerArmed_ = false;

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DashboardTransport: the network side of a dashboard backend: one socket, the packets that wait, and the
-// timer that sends them again.
+// DashboardTransport: the network side of a dashboard backend: one socket, the queue of waiting packets, and
+// the timer of their retransmission.
 //
-// Everything happens on the transport's own serial queue, so nothing is locked; construction ends before
-// anything is posted there. The timer's ticks fall on the multiples of its period since start(), but it is
-// armed only while a packet waits or a clean-up runs: a tick that finds neither would change nothing, so
-// those that are left out are not missed, and a transport with nothing to send wakes nobody. While the timer
-// is armed it keeps the transport alive; the wait for acknowledgements does not.
+// After start(), all work runs on the transport's own serial queue, without locks. The timer's ticks are the
+// multiples of its period since start(). It is armed only while a packet waits or a clean-up runs, as other
+// ticks would have no effect: an idle transport causes no wake-ups. The armed timer keeps the transport
+// alive; the wait for acknowledgements does not.
 #pragma once
 
 #include <chrono>
@@ -24,25 +23,26 @@ namespace telvora {
 
 class DashboardTransport : public std::enable_shared_from_this<DashboardTransport> {
   public:
-    // A transport with a socket, or null, with a line at level 3.
+    // Makes a transport with a socket. Null, with a line at level 3, if the system refuses the socket.
     static std::shared_ptr<DashboardTransport> make(std::unique_ptr<NetworkQueue> queue);
 
-    // Construction goes on with these, in this order, on the thread that made the transport. The two that
-    // return a bool log at level 3 why they fail; the transport is then of no use.
+    // The next three operations complete the construction, in this order, on the thread that made the
+    // transport. connect() and start() return false, with a line at level 3, if they fail; the transport
+    // can't be used then.
 
-    // Turns reliable delivery on; where the socket can't be bound, it stays off, with a line at level 3.
+    // Turns reliable delivery on. It stays off, with a line at level 3, if the socket can't be bound.
     void useReliableUDP();
     bool connect(const std::string& serverIP, uint16_t serverPort);
-    // From here on the operations below may be called. The period is at least a millisecond.
+    // Starts the ticks. `period` is at least 1 ms. The operations below may be called afterwards.
     bool start(std::chrono::milliseconds period);
 
     // Constant from start() on.
     bool reliableUDP() const { return reliableUDP_; }
 
-    // Sends a datagram, and keeps it while it has to be sent again. Callable from any thread.
+    // Sends a datagram and keeps it as long as it may have to be sent again. Callable from any thread.
     void send(std::string datagram, uint16_t eventNumber);
-    // Closes the socket once nothing waits any more, at the latest 9.5 seconds after the next tick; at once
-    // if nothing waits. `whenClosed` (may be empty) runs on the queue after that. Callable from any thread.
+    // Closes the socket at once if no packet waits, else when the last one is done, at the latest 9.5 seconds
+    // after the next tick. Then calls `whenClosed` (may be empty) on the queue. Callable from any thread.
     void cleanup(std::function<void()> whenClosed = {});
 
   private:
@@ -64,7 +64,7 @@ class DashboardTransport : public std::enable_shared_from_this<DashboardTranspor
     bool hasReadSource_ = false;
     std::unique_ptr<QueueTimer> timer_;       // null once cleaned up
     std::unique_ptr<QueueTimer> lastResort_;  // likewise
-    SteadyTime phase_;                        // when the ticks began to count
+    SteadyTime phase_;                        // of the ticks: the time of start()
     std::chrono::nanoseconds period_{};
     bool timerArmed_ = false;
     CleanupState cleanupState_ = CleanupState::running;

@@ -10,12 +10,12 @@ namespace telvora {
 
 namespace {
 
-// How many ticks to wait for an acknowledgement, by the number of retransmissions done.
+// Ticks to wait for an acknowledgement, by the number of retransmissions so far.
 constexpr std::array<int32_t, 4> kThresholds = {2, 3, 5, 9};
 
 using State = UDPPacketToSend::State;
 
-// Whether the packet is done with.
+// Returns whether the packet is to be removed.
 bool tickUnsent(UDPPacketToSend& packet, bool reliable, const UDPPacketQueue::Send& send) {
     if (!send(packet.data)) return false;
     if (!reliable) return true;

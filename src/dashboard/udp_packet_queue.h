@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What waits to be sent again: datagrams that the network has not taken yet, and, where delivery is reliable,
-// those that the collector has not acknowledged. Time is counted in ticks of the owner's timer; nothing here
-// reads a clock or touches a socket.
+// UDPPacketQueue: datagrams that may have to be sent again: those that the network has not accepted and, with
+// reliable delivery, those that the collector has not acknowledged. The owner's timer provides the ticks; the
+// queue uses neither a clock nor a socket.
 //
-//     state      each tick
-//     unsent     the datagram is sent; once that succeeds it awaits its acknowledgement, or is done where
-//                none is wanted
-//     sent       after 2, 3, 5 and 9 ticks, counted from the last time, it is sent once more; the tick after
-//                that drops it
+//     state      in each tick
+//     unsent     the datagram is sent; after a success, it waits for its acknowledgement or, without reliable
+//                delivery, is removed
+//     sent       2, 3, 5 and 9 ticks after the last time, it is sent again; the next tick removes it
 //
-// so that a datagram that nobody acknowledges is sent again in ticks 2, 5, 10 and 19 and dropped in tick 20.
-// A resend that fails doesn't count and is tried again in each tick. Not thread-safe.
+// A datagram without an acknowledgement is thus sent again in ticks 2, 5, 10 and 19 and removed in tick 20. A
+// resend that fails does not count and is repeated in each tick. Not thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +22,7 @@
 
 namespace telvora {
 
-// One queued datagram.
+// A datagram in the queue.
 struct UDPPacketToSend {
     enum class State : int32_t { unsent = 0, sent = 1 };
 
@@ -40,19 +39,17 @@ class UDPPacketQueue {
   public:
     static constexpr size_t kMaxPackets = 50;
 
-    // Sends a datagram; whether the whole of it went out.
+    // Sends a datagram. Returns whether the network accepted it as a whole.
     using Send = std::function<bool(std::string_view datagram)>;
 
-    // Adds the packet at the end; drops the oldest one if there are then more than kMaxPackets.
+    // Adds the packet at the end. Removes the oldest one if there are more than kMaxPackets.
     void append(UDPPacketToSend packet);
-    // Removes the oldest packet of that event number, and no other; whether there was one.
+    // Removes the oldest packet with that event number. Returns whether there was one.
     bool acknowledge(uint16_t eventNumber);
-    // One tick. `reliable`: whether what is sent awaits an acknowledgement.
+    // Performs one tick. `reliable`: whether packets that were sent wait for an acknowledgement.
     void tick(bool reliable, const Send& send);
 
     bool empty() const { return packets_.empty(); }
-    size_t size() const { return packets_.size(); }
-    const std::vector<UDPPacketToSend>& packets() const { return packets_; }
 
   private:
     std::vector<UDPPacketToSend> packets_;  // oldest first

@@ -16,15 +16,8 @@ namespace telvora {
 
 namespace {
 
-struct BackendArguments {
-    const BackendServices& services;
-    const std::string& name;
-    BackendProfile profile;
-    const std::optional<std::string>& productFamily;
-    int32_t clientType;
-};
-
-using MakeBackend = std::shared_ptr<TelvoraBackend> (*)(BackendArguments);
+using MakeBackend = std::shared_ptr<TelvoraBackend> (*)(const BackendServices&, const std::string& name,
+                                                        BackendProfile, SharedIdentity);
 
 struct BackendClass {
     std::string_view name;
@@ -32,15 +25,9 @@ struct BackendClass {
 };
 
 template <typename Backend>
-std::shared_ptr<TelvoraBackend> makeBackend(BackendArguments arguments) {
-    return Backend::make(arguments.services, arguments.name, std::move(arguments.profile),
-                         arguments.productFamily);
-}
-
-// The one class that the client type matters to.
-std::shared_ptr<TelvoraBackend> makeVodexBackend(BackendArguments arguments) {
-    return VodexBackend::make(arguments.services, arguments.name, std::move(arguments.profile),
-                              arguments.productFamily, arguments.clientType);
+std::shared_ptr<TelvoraBackend> makeBackend(const BackendServices& services, const std::string& name,
+                                            BackendProfile profile, SharedIdentity identity) {
+    return Backend::make(services, name, std::move(profile), std::move(identity));
 }
 
 constexpr std::array<BackendClass, 6> kBackendClasses{{
@@ -49,7 +36,7 @@ constexpr std::array<BackendClass, 6> kBackendClasses{{
     {kTelvoraBackendHTTPPost, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendHTTPPost2, makeBackend<HTTPSPostBackend>},
     {kTelvoraBackendJoulemark, makeBackend<JoulemarkBackend>},
-    {kTelvoraBackendVodex, makeVodexBackend},
+    {kTelvoraBackendVodex, makeBackend<VodexBackend>},
 }};
 
 // The product that ships without the metrics adaptor.
@@ -57,17 +44,16 @@ constexpr std::string_view kProductWithoutVodex = "Halcyra";
 
 }  // namespace
 
-std::shared_ptr<TelvoraBackend> BackendFactory::newBackendWithName(
-    const std::string& name, BackendProfile profile, const std::optional<std::string>& productFamily,
-    int32_t clientType) const {
+std::shared_ptr<TelvoraBackend> newBackendWithName(const BackendServices& services, const std::string& name,
+                                                   BackendProfile profile, SharedIdentity identity) {
     const auto* entry = std::find_if(kBackendClasses.begin(), kBackendClasses.end(),
                                      [&name](const BackendClass& c) { return c.name == name; });
     if (entry == kBackendClasses.end() ||
-        (entry->name == kTelvoraBackendVodex && services_.identity.productType() == kProductWithoutVodex)) {
+        (entry->name == kTelvoraBackendVodex && services.identity.productType() == kProductWithoutVodex)) {
         TELVORA_LOG(kLogError, "TelvoraBackend(newBackendWithName): %s", name.c_str());
         return nullptr;
     }
-    return entry->make({services_, name, std::move(profile), productFamily, clientType});
+    return entry->make(services, name, std::move(profile), std::move(identity));
 }
 
 }  // namespace telvora

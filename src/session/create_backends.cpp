@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "session/create_backends.h"
 
+#include "session/backend_factory.h"
 #include "telvora/keys.h"
 #include "util/log.h"
 
@@ -8,11 +9,23 @@ namespace TelvoradUtil {
 
 using namespace telvora;
 
-std::optional<BackendDictionary> createBackends(const BackendSources& sources,
+namespace {
+
+// The session info's number under a key, cut to the bits of the type; 0 without one.
+template <typename Number>
+Number numberIn(const Dictionary& sessionInfo, std::string_view key) {
+    return static_cast<Number>(sessionInfo.wrappedInteger(key).value_or(0));
+}
+
+}  // namespace
+
+std::optional<BackendDictionary> createBackends(const BackendServices& services,
+                                                const ClientFramework& framework,
                                                 const std::shared_ptr<const Dictionary>& bag,
                                                 const Dictionary* sessionInfo,
                                                 const std::shared_ptr<const Dictionary>& userInfo,
-                                                const DeviceIDBuffer& deviceID, ClientAccounts& accounts) {
+                                                const DeviceIDBuffer& deviceID,
+                                                std::shared_ptr<ClientAccounts> accounts) {
     if (!bag) {
         TELVORA_LOG(kLogError, "createBackends: Attempted to create backends with nil storebag");
         return std::nullopt;
@@ -21,34 +34,27 @@ std::optional<BackendDictionary> createBackends(const BackendSources& sources,
         TELVORA_LOG(kLogError, "createBackends: Attempted to create backends with nil session info");
         return std::nullopt;
     }
-    const TimeValue startTimestamp = sources.clock();
-    const DeviceIdentity& identity = sources.identity;
-    const std::string frameworkVersion = sources.framework.bundleVersion();
-    const std::optional<std::string> deviceName = identity.deviceName();
-    const auto clientType =
-        static_cast<int32_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
-
+    const DeviceIdentity& device = services.identity;
+    const auto identity = std::make_shared<const BackendIdentity>(
+        BackendIdentity{.sessionID = numberIn<uint32_t>(*sessionInfo, kTelvoraSessionInfoSessionID),
+                        .compType = numberIn<int32_t>(*sessionInfo, kTelvoraSessionInfoClientType),
+                        .clientVersion = numberIn<uint16_t>(*sessionInfo, kTelvoraSessionInfoClientVersion),
+                        .udid = deviceID,
+                        .productFamily = device.deviceName(),
+                        .productVersion = device.productVersion(),
+                        .buildVersion = device.buildVersion(),
+                        .hardwareType = device.productType(),
+                        .isInternal = device.isInternal(),
+                        .requireUserInfo = sessionInfo->boolean(kTelvoraSessionInfoRequireUserInfo),
+                        .batchEvents = sessionInfo->boolean(kTelvoraSessionInfoBatchEvent),
+                        .selfVersion = SelfVersion(framework.bundleVersion()),
+                        .startTimestamp = services.clock(),
+                        .accounts = std::move(accounts)});
     BackendDictionary backends;
     for (const auto& [name, profile] : *bag) {
-        const std::shared_ptr<TelvoraBackend> backend =
-            sources.factory.newBackendWithName(name, BackendProfile(bag, &profile), deviceName, clientType);
+        const auto backend = newBackendWithName(services, name, BackendProfile(bag, &profile), identity);
         if (!backend) continue;
-        backend->setAccounts(accounts.of(name), accounts.of(ClientAccounts::kUploads), accounts.user());
-        backend->setSessionID(
-            static_cast<uint32_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0)));
-        backend->setCompType(clientType);
-        backend->setClientVersion(
-            static_cast<uint16_t>(sessionInfo->wrappedInteger(kTelvoraSessionInfoClientVersion).value_or(0)));
-        backend->setUdid(deviceID);
-        backend->setProductVersion(identity.productVersion());
-        backend->setBuildVersion(identity.buildVersion());
-        backend->setHardwareType(identity.productType());
-        backend->setIsInternal(identity.isInternal());
-        backend->setRequireUserInfo(sessionInfo->boolean(kTelvoraSessionInfoRequireUserInfo));
-        backend->setBatchEvents(sessionInfo->boolean(kTelvoraSessionInfoBatchEvent));
         backend->setUserInfoDict(userInfo);
-        backend->setSelfVersion(frameworkVersion);
-        backend->setStartTimestamp(startTimestamp);
         backends.emplace(name, backend);
     }
     return backends;

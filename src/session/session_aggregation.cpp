@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Copies of reports for the client that aggregates them: the highest aggregating ancestor's, or else the
-// session's own.
+// Copies of reports for the client that aggregates them: the client of the highest aggregating ancestor, or
+// else the session's own.
 #include "session/telvorad_session.h"
 #include "util/log.h"
 
@@ -9,18 +9,18 @@ namespace telvora {
 
 namespace {
 
-ReportPlace placeAfter(Delivery delivery) {
+ReportOutcome outcomeOf(Delivery delivery) {
     switch (delivery) {
         case Delivery::handedOver:
-            return ReportPlace::delivered;
+            return ReportOutcome::delivered;
         case Delivery::tooMuchUnread:
-            return ReportPlace::tooManyPending;
+            return ReportOutcome::tooManyPending;
         case Delivery::overQuota:
-            return ReportPlace::overQuota;
+            return ReportOutcome::overQuota;
         case Delivery::unreachable:
             break;
     }
-    return ReportPlace::noConnection;
+    return ReportOutcome::noConnection;
 }
 
 }  // namespace
@@ -34,14 +34,14 @@ void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint
         aggregator.sendToAggregator(sessionInfo(), timestamp, category, type, std::move(delivered));
     };
     if (hierarchyLevel() >= 1) {
-        // Under the lock, so that the ancestor can't leave between being found and being called.
-        const DelegateLock lock(sessionDelegate_.hierarchyLock());
-        if (const auto ancestor = sessionDelegate_.getAncestorWithAggregatorForSession(*this)) {
+        // The lock keeps the ancestor from leaving before it is called.
+        const DelegateLock lock(hierarchies_.lock());
+        if (const auto ancestor = hierarchies_.getAncestorWithAggregatorForSession(*this)) {
             return deliver(*ancestor);
         }
     } else {
-        // No ancestors: the search reads only this session, and a report need not wait for a fetch.
-        sessionDelegate_.getAncestorWithAggregatorForSession(*this);
+        // There are no ancestors: the search reads only this session, and does not wait for a fetch.
+        hierarchies_.getAncestorWithAggregatorForSession(*this);
     }
     if (hasAggregator()) deliver(*this);
 }
@@ -50,10 +50,10 @@ void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& 
                                        uint16_t category, uint16_t type, std::optional<Dictionary> payload) {
     DeliveryReply counted;
     if (sessionInfo) {
-        const auto account = accounts_.of(ClientAccounts::kAggregator);
+        const auto account = accounts_->of(ClientAccounts::kAggregator);
         account->accept();
         counted = [account](Delivery delivery) {
-            account->move(1, ReportPlace::inFlight, placeAfter(delivery));
+            account->move(1, ReportOutcome::inFlight, outcomeOf(delivery));
         };
     }
     connection_->sendMessageToClient(sessionInfo, timestamp, category, type, std::move(payload),

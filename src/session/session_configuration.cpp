@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A session's beginning, its configuration from session info, bag and user info, and its end.
+// Construction and end of a session; its configuration from session info, bag and user info.
 #include <algorithm>
 #include <limits>
 
@@ -28,7 +28,8 @@ bool sameString(const Dictionary& a, const Dictionary& b, std::string_view key) 
 
 constexpr char kNoDisplayURL[] = "URL not available";
 
-// The level of a hierarchy token. The lowest number of all has none below it to look for a parent at.
+// The level of a hierarchy token. Levels below the lowest number but one are raised to that, so that the
+// level of the parent does not overflow.
 int64_t levelOf(const Dictionary& token) {
     constexpr int64_t kLowest = std::numeric_limits<int64_t>::min() + 1;
     return std::max(token.integer(kTelvoraHierarchyTokenLevel).value_or(0), kLowest);
@@ -47,12 +48,13 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
                                  std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t uid)
     : services_(services),
       sessionDelegate_(delegate),
+      hierarchies_(delegate.hierarchies()),
       connection_(std::move(connection)),
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
       uid_(uid),
-      accounts_(services.ledger, std::move(user)),
-      deviceid_(uniqueDeviceID(services.identity)),
+      accounts_(std::make_shared<ClientAccounts>(services.ledger, std::move(user))),
+      deviceid_(uniqueDeviceID(services.backendServices.identity)),
       hierarchyUser_(uid),
       sessionInfo_(std::make_shared<const Dictionary>()) {
     TELVORA_LOG(kLogDebug,
@@ -111,11 +113,11 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
     hasAggregator_ = hasAggregationBlock;
 }
 
-// Takes over an identity and enters the session in the hierarchy that it names.
+// Sets the session's identity and adds the session to the hierarchy that it names.
 void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
     sessionID_ = static_cast<uint32_t>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0));
     if (sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken) != nullptr) {
-        hierarchyUser_ = hierarchyUserOf(uid_, services_.defaults);
+        hierarchyUser_ = hierarchyUserOf(uid_, services_.backendServices.defaults);
     }
     {
         const MutexLock lock(identityLock_);
@@ -130,7 +132,7 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         }
         sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
     }
-    sessionDelegate_.updateCorrelatedSessions(shared_from_this());
+    hierarchies_.updateCorrelatedSessions(shared_from_this());
 }
 
 void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
@@ -170,8 +172,9 @@ void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)
 
 void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag) {
     TELVORA_LOG(kLogDebug, "createBackendsWithStorebag: Creating backends for session %u", sessionID());
-    std::optional<BackendDictionary> created = TelvoradUtil::createBackends(
-        services_.backendSources, storebag, sessionInfo().get(), userInfo(), deviceid_, accounts_);
+    std::optional<BackendDictionary> created =
+        TelvoradUtil::createBackends(services_.backendServices, services_.framework, storebag,
+                                     sessionInfo().get(), userInfo(), deviceid_, accounts_);
     std::shared_ptr<const BackendDictionary> backends;
     if (created) {
         for (const auto& [name, backend] : *created)
@@ -181,7 +184,7 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     const auto former = replaceBackends(std::move(backends));
     uint64_t held = 0;
     for (const auto& [name, backend] : former ? *former : BackendDictionary())
-        held += backend->reports().tally()[ReportPlace::held];
+        held += backend->reports().tally()[ReportOutcome::held];
     if (held == 0) return;
     TELVORA_LOG(
         kLogWarning,
@@ -241,7 +244,7 @@ void TelvoradSession::updateUserInfoForBackends() {
 
 void TelvoradSession::updateSessionWithDefaultSessionInfo() {
     updateReportingStates();
-    sessionDelegate_.updateDownstreamSessions(*this);
+    hierarchies_.updateDownstreamSessions(*this);
 }
 
 bool TelvoradSession::requiresUserInfo() const {
@@ -249,7 +252,7 @@ bool TelvoradSession::requiresUserInfo() const {
 }
 
 void TelvoradSession::sendStartMessage() {
-    const DeviceIdentity& identity = services_.identity;
+    const DeviceIdentity& identity = services_.backendServices.identity;
     Dictionary payload;
     if (identity.isInternal()) {
         payload.set("SerialNum", identity.serialNumber().value_or("Unknown"));
@@ -259,9 +262,9 @@ void TelvoradSession::sendStartMessage() {
         payload.set("Product", identity.deviceName().value_or("Unknown"));
         payload.set("ReportVers", services_.framework.bundleVersion());
     }
-    payload.set("Locale", services_.countryCode().value_or(""));
+    payload.set("Locale", services_.backendServices.countryCode().value_or(""));
     const std::optional<PropertyList> automatic =
-        services_.defaults.value("com.zandor.timed", "TMAutomaticTimeZoneEnabled");
+        services_.backendServices.defaults.value("com.zandor.timed", "TMAutomaticTimeZoneEnabled");
     payload.set("AutomaticTimeSet", automatic ? automatic->boolValue() : true);
     internalSendMessage(payload, 0, 0);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The operations that act on all backends at once: flush, finish, and the two kinds of uploads.
+// Operations on all backends at once: flush, finish and uploads.
 #include "session/telvorad_session.h"
 #include "util/file_url.h"
 #include "util/log.h"
@@ -11,16 +11,17 @@ namespace {
 
 constexpr char kNoBackends[] = "No backends available to send message";
 
-// One flush in progress: how many backends have yet to report, and who is to hear of it.
+// A flush in progress.
 struct PendingFlush {
-    size_t backends;
+    size_t backends;  // that have not completed yet
     FlushReply completion;
 };
 
-// Guards every PendingFlush: flushes are rare, so one lock for all sessions does.
+// Guards every PendingFlush. Flushes are rare enough for one lock.
 Mutex flushCountersLock;
 
-// Counts one backend's report; gives the completion out if this report is the one that the client is to hear.
+// Counts the completion of one backend. Returns the client's completion if that is due now, else an empty
+// one.
 FlushReply takeCompletion(PendingFlush& flush, bool failed) {
     const MutexLock lock(flushCountersLock);
     --flush.backends;
@@ -35,8 +36,8 @@ void TelvoradSession::flushMessagesWithCompletion(FlushReply completion) {
     internalFlushMessagesWithCompletion(std::move(completion));
 }
 
-// The client hears exactly once: of the first backend that fails, or else of the last one to report. A flush
-// of no backends at all is never answered.
+// Answers the client once: when the first backend fails, or else when the last one completes. A flush without
+// any backends is never answered.
 void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion) {
     const auto current = backends();
     if (!current) {
@@ -78,7 +79,7 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
             if (backend->uploadFileAtPath(path, extensionToken, *clientFiles_)) uploaded = true;
         }
     }
-    clientFiles_->releaseExtension(extensionToken);  // where no backend wanted it
+    clientFiles_->releaseExtension(extensionToken);  // if no backend consumed it
     if (uploaded) {
         TELVORA_LOG(kLogDebug, "uploadFileWithURL: File upload successful for %s", path.c_str());
     } else {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The road of a report through its session: mandatory checks, aggregation, then every backend that admits it.
+// Sending a report: check of its mandatory parameters, aggregation, then every backend that admits it.
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
 #include "util/log.h"
@@ -39,13 +39,13 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
     const std::optional<int64_t> category = message.wrappedInteger(kTelvoraMessageParametersCategory);
     if (!category) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'category'");
-        reachesNoBackend(ReportPlace::incomplete);
+        countUnsent(ReportOutcome::incomplete);
         return std::nullopt;
     }
     const std::optional<int64_t> type = message.wrappedInteger(kTelvoraMessageParametersType);
     if (!type) {
         TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: Missing mandatory parameter 'type'");
-        reachesNoBackend(ReportPlace::incomplete);
+        countUnsent(ReportOutcome::incomplete);
         return std::nullopt;
     }
     std::optional<Dictionary> payload;
@@ -58,12 +58,12 @@ std::optional<std::string> TelvoradSession::sendMessage(const Dictionary& messag
 std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uint16_t type,
                                                           const std::optional<Dictionary>& payload,
                                                           SendFlag flag) {
-    const TimeValue timestamp = services_.clock();
+    const TimeValue timestamp = services_.backendServices.clock();
     aggregateMessage(TelvoradUtil::secondsFromTimeValue(timestamp), category, type, payload);
 
     std::optional<std::string> result;
     const auto current = backends();
-    if (current->empty()) reachesNoBackend(ReportPlace::noBackend);
+    if (current->empty()) countUnsent(ReportOutcome::noBackend);
     for (const auto& [key, backend] : *current) {
         if (const auto excluded = backend->exclusionOf(category, "sendMessageWithDictionary")) {
             backend->reports().accept(*excluded);
@@ -73,7 +73,7 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
         if (!answer) continue;
         TelvoradUtil::writeToLogFile(services_.messageLog,
                                      "[" + key + " -> sendMessageWithDictionary] " + *answer);
-        // An HTTPS answer replaces any other; the dashboard's counts only where there is none yet.
+        // An HTTPS answer replaces any other; the dashboard's is used only if there is no answer yet.
         if (isHTTPSPost(backend->name()) || (backend->name() == kTelvoraBackendDashboard && !result)) {
             result = std::move(answer);
         }
@@ -89,7 +89,7 @@ void TelvoradSession::internalSendMessage(const Dictionary& payload, uint16_t me
 
 bool TelvoradSession::hasBackends() {
     if (backends()) return true;
-    reachesNoBackend(ReportPlace::notConfigured);
+    countUnsent(ReportOutcome::notConfigured);
     TELVORA_LOG(kLogDebug, "sendMessageWithDictionary: No backends available to send message");
     return false;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A single report without a running session: backends made for it alone.
+// One-shot messages: a report that is sent through backends made for it alone.
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
 #include "util/log.h"
@@ -30,7 +30,7 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
     if (!sessionInfo.contains(kTelvoraSessionInfoClientType) ||
         !sessionInfo.contains(kTelvoraSessionInfoSessionID)) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
-        reachesNoBackend(ReportPlace::incomplete);
+        countUnsent(ReportOutcome::incomplete);
         return;
     }
     const UserInfo givenUserInfo = userInfo ? std::make_shared<const Dictionary>(*userInfo) : nullptr;
@@ -40,7 +40,7 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
                 sessionID());
     const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
     if (!storebag) {
-        reachesNoBackend(ReportPlace::notConfigured);
+        countUnsent(ReportOutcome::notConfigured);
         if (reply) reply("storebag not available");
         return;
     }
@@ -54,18 +54,18 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
                                                  const std::shared_ptr<const Dictionary>& storebag,
                                                  uint16_t category, uint16_t type,
                                                  const std::optional<Dictionary>& payload,
-                                                 ClientAccounts& accounts) {
+                                                 const std::shared_ptr<ClientAccounts>& accounts) {
     TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending single message with sessionID %ld",
                 static_cast<long>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0)));
     if (!storebag) {
-        // The letter in front belongs to the line: log readers search for it as it stands.
+        // The "R" is part of the line, for which log readers search.
         TELVORA_LOG(kLogError,
                     "RsendMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
         return;
     }
     const std::optional<BackendDictionary> backends =
-        TelvoradUtil::createBackends(services.backendSources, storebag, &sessionInfo, userInfo,
-                                     uniqueDeviceID(services.identity), accounts);
+        TelvoradUtil::createBackends(services.backendServices, services.framework, storebag, &sessionInfo,
+                                     userInfo, uniqueDeviceID(services.backendServices.identity), accounts);
     if (!backends) {
         TELVORA_LOG(kLogError, "sendMessageWithSessionInfo: No backends available to send single message");
         return;
@@ -73,8 +73,8 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
     if (userInfo && !sessionInfo.boolean(kTelvoraSessionInfoRequireUserInfo)) {
         TELVORA_LOG(kLogWarning, "sendMessageWithSessionInfo: user info provided without requiring it.");
     }
-    if (backends->empty()) accounts.of(ClientAccounts::kNoBackend)->accept(ReportPlace::noBackend);
-    const TimeValue timestamp = services.clock();
+    if (backends->empty()) accounts->of(ClientAccounts::kNoBackend)->accept(ReportOutcome::noBackend);
+    const TimeValue timestamp = services.backendServices.clock();
     for (const auto& [key, backend] : *backends) {
         sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);
     }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The backends' reporting states: taken anew, copied from the parent session, told to the client.
+// The backends' reporting states: their update and their lists.
 #include "session/telvorad_session.h"
-#include "util/log.h"
 
 namespace telvora {
 
@@ -11,39 +10,6 @@ void TelvoradSession::updateReportingStates() {
     if (!current) return;
     for (const auto& [name, backend] : *current)
         backend->updateState();
-}
-
-// A child reports through a backend only as its parent does. A backend that sampled itself out stays out.
-void TelvoradSession::syncReportingStates() {
-    const DelegateLock hierarchy(sessionDelegate_.hierarchyLock());
-    const std::shared_ptr<TelvoradSession> parent = sessionDelegate_.parentSessionForChild(*this);
-    // By value: two sessions' locks are never held at once.
-    const auto parentStates = parent ? parent->backendStates() : std::map<std::string, ReportingState>{};
-
-    const MutexLock lock(backendsLock_);
-    if (!backends_) return;
-    for (const auto& [name, backend] : *backends_) {
-        if (!parent) {
-            if (hierarchyLevel() == 0) continue;
-            TELVORA_LOG(kLogInfo,
-                        "syncReportingStates: child session %u (backend %s) with hierarchy %lld is missing "
-                        "its parent",
-                        sessionID(), name.c_str(), static_cast<long long>(hierarchyLevel()));
-            continue;
-        }
-        const auto followed = parentStates.find(name);
-        if (followed == parentStates.end()) {
-            backend->followState(BackendState::disabled);
-            continue;
-        }
-        const ReportingState& parents = followed->second;
-        if (!backend->followState(parents.state)) continue;
-        backend->setSamplingThreshold(parents.samplingThreshold);
-        TELVORA_LOG(
-            kLogDebug,
-            "HTTPSPostBackend(syncReportingStates): %s: state and sampling rate updated to %d, %.02f%%",
-            name.c_str(), static_cast<int>(parents.state), parents.samplingThreshold.value_or(0));
-    }
 }
 
 std::map<std::string, ReportingState> TelvoradSession::backendStates() const {

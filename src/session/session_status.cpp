@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a session tells administrators of itself.
+// Status of a session for administrators.
 #include "session/session_status.h"
 
 #include "protocol/status_keys.h"
@@ -32,12 +32,12 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
     for (const auto& [name, tally] : tallies) {
         Dictionary account{{status::kAccepted, tally.accepted}};
         Dictionary lost;
-        for (size_t i = 0; i < kReportPlaces; ++i) {
-            const uint64_t reports = tally.places[i];
+        for (size_t i = 0; i < kReportOutcomes; ++i) {
+            const uint64_t reports = tally.outcomes[i];
             if (i < kFirstLoss) {
-                account.set(nameOf(ReportPlace(i)), reports);
+                account.set(nameOf(ReportOutcome(i)), reports);
             } else if (reports > 0) {
-                lost.set(nameOf(ReportPlace(i)), reports);
+                lost.set(nameOf(ReportOutcome(i)), reports);
             }
         }
         account.set(status::kLost, std::move(lost));
@@ -65,7 +65,7 @@ Dictionary TelvoradSession::status() const {
         backends.set(name, std::move(described));
     }
     status.set(status::kBackends, std::move(backends));
-    status.set(status::kAccounts, describe(accounts_.tallies()));
+    status.set(status::kAccounts, describe(accounts_->tallies()));
     return status;
 }
 

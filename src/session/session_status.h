@@ -9,8 +9,8 @@
 
 namespace telvora {
 
-// Accounts as administrators are told of them (com.zandor.telvorad.Status.xml): of the causes of losses only
-// those that there were.
+// Accounts in the form of com.zandor.telvorad.Status.xml, for administrators. Causes without losses are left
+// out.
 Dictionary describe(const std::map<std::string, ReportTally>& tallies);
 
 }  // namespace telvora

@@ -22,7 +22,7 @@ bool isListOfUsers(const PropertyList& value) {
 }  // namespace
 
 uid_t hierarchyUserOf(uid_t user, UserDefaults& defaults) {
-    // The administrator's alone: it widens what one user's programs get of another's.
+    // Read from the administrator's file only, as it gives programs access to other users' reports.
     const auto setting = defaults.administratorValue(kTelvoraDefaultsDomain, kSharedHierarchies);
     if (!setting) return user;
     const auto* lists = setting->getIf<Array>();

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // TelvoradSession: the daemon's side of one client connection. It configures itself from the client's session
-// info and a bag, hands every report to its backends, and keeps step with the sessions of its hierarchy.
+// info and a bag, passes every report to its backends, and synchronises with the sessions of its hierarchy.
 //
 // The operations of ClientSessionInterface run on the connection's strand, one after another, and so does all
-// work of the session's backends: a metrics adaptor may take its time in it, and no lock is held then. Other
-// sessions of the same hierarchy, on other strands, read what a session says of itself (`identityLock_`),
-// change its backends' states, which are atomic, and leave a new combined ID for the strand to find
-// (`backendsLock_`). Both locks are held for moments only, for whoever waits for them may hold the agent's.
+// work of the session's backends. No lock is held during that work, as a metrics adaptor may block. Other
+// sessions of the same hierarchy, on other strands, read the session's identity (`identityLock_`), change its
+// backends' states, which are atomic, and leave a new combined ID for the strand (`backendsLock_`). Both
+// locks are held only briefly, because threads that wait for them may hold the hierarchy lock.
 #pragma once
 
 #include <atomic>
@@ -27,35 +27,31 @@
 
 namespace telvora {
 
-// What all sessions use of the outside. Outlives every session.
+// Interfaces of sessions to the rest of the system. All references outlive every session.
 struct SessionServices {
-    BackendSources backendSources;
-    const DeviceIdentity& identity;
+    const BackendServices& backendServices;  // also device, user defaults, clock and country of the session
     const ClientFramework& framework;
-    UserDefaults& defaults;
     const MessageLog& messageLog;
-    Clock clock;
-    std::function<std::optional<std::string>()> countryCode;
     UploadAdmission& uploadAdmission;
     ReportLedger& ledger;
-    // Where clients' files may be read by name, and removed; without symbolic links.
-    std::vector<std::filesystem::path> uploadDirectories;
+    // Directories in which clients' files may be read by name, and removed; without symbolic links.
+    std::vector<std::filesystem::path> uploadDirectories = {};
 };
 
 class TelvoradSession final : public ClientSessionInterface,
                               public std::enable_shared_from_this<TelvoradSession> {
   public:
-    // `delegate` outlives the session; `connection` carries the session's calls back to its client, whose
-    // files are `clientFiles` and whose user is `uid`, with the quotas `user`.
+    // `services` and `delegate` outlive the session. `connection` carries the session's calls to its client,
+    // whose files are `clientFiles` and whose user is `uid`, with the quotas of `user`.
     TelvoradSession(const SessionServices& services, TelvoradSessionDelegate& delegate,
                     std::shared_ptr<ClientSessionReplyInterface> connection,
                     std::shared_ptr<ClientFiles> clientFiles, QuotaUser user, uid_t uid);
 
-    // The session's end: end message, flush, end of aggregation, clean-up of the backends. Called once, on
-    // the connection's strand, when the connection has ended and the session has left the registry.
+    // Ends the session: sends the end message, flushes, ends aggregation and cleans the backends up. Called
+    // once, on the connection's strand, after the connection has ended and the session has left the registry.
     void dealloc();
 
-    // The client's operations; see ClientSessionInterface.
+    // Operations of the client; see ClientSessionInterface.
     void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                         std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) override;
     void startConfigWithCompletionHandler(ReportingStatesReply completionHandler) override;
@@ -74,24 +70,25 @@ class TelvoradSession final : public ClientSessionInterface,
                                     uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                     TextReply reply) override;
 
-    // What the session is, readable from any thread.
+    // Identity of the session, readable from any thread.
     uint32_t sessionID() const { return sessionID_.load(); }
     const std::string& sessionIDString() const { return sessionIDString_; }
     std::shared_ptr<const Dictionary> sessionInfo() const;
-    std::shared_ptr<const Dictionary> userInfo() const;  // null: none
+    std::shared_ptr<const Dictionary> userInfo() const;  // null: no user info
     bool hasAggregator() const { return hasAggregator_.load(); }
     int64_t hierarchyLevel() const { return hierarchyLevel_.load(); }
-    std::optional<std::string> hierarchyToken() const;  // nothing: a standalone session
-    // Sessions with the same token are in one hierarchy only if this is the same, too: the client's user, or
+    std::optional<std::string> hierarchyToken() const;  // absent: a standalone session
+    // Sessions with the same token form a hierarchy only if this user is the same, too: the client's user, or
     // one whose hierarchies that user shares (shared_hierarchies.h).
     uid_t hierarchyUser() const { return hierarchyUser_.load(); }
-    // Whether it had a hierarchy token at any time: it may then still be listed under that one.
+    // Whether the session ever had a hierarchy token, under which it may still be listed.
     bool everInHierarchy() const { return everInHierarchy_.load(); }
     std::string description() const;
-    // All of that for administrators, with the backends' states (com.zandor.telvorad.Status.xml).
+    // The identity and the backends' states and accounts, for administrators
+    // (com.zandor.telvorad.Status.xml).
     Dictionary status() const;
 
-    // What the agent asks of the sessions of a hierarchy, under its lock, on any thread.
+    // Called by SessionHierarchies under the hierarchy lock, on any thread.
     void updateCombinedSessionID();
     void syncReportingStates();
     void shutdownSessionAggregation();
@@ -116,14 +113,13 @@ class TelvoradSession final : public ClientSessionInterface,
     std::optional<std::string> submitMessage(uint16_t category, uint16_t type,
                                              const std::optional<Dictionary>& payload, SendFlag flag);
     void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
-    // For a report that is to be sent: without a backend dictionary, that is logged and counted.
+    // Whether a report can be sent. Logs and counts the report if there is no backend dictionary.
     bool hasBackends();
-    void reachesNoBackend(ReportPlace why) { accounts_.of(ClientAccounts::kNoBackend)->accept(why); }
-    // The backends for an operation of the connection's strand, which alone may keep them: whoever is the
-    // last to let go of them calls into adaptors. Under the newest combined ID. Null: the session has no
-    // backend dictionary.
+    void countUnsent(ReportOutcome cause) { accounts_->of(ClientAccounts::kNoBackend)->accept(cause); }
+    // The backends, under the newest combined ID. Null if there is no backend dictionary. Called on the
+    // connection's strand, which alone may own them: the last owner's release calls into adaptors.
     std::shared_ptr<const BackendDictionary> backends() TELVORA_EXCLUDES(backendsLock_);
-    // Returns the former ones, which end with the last of their users.
+    // Returns the former backends.
     std::shared_ptr<const BackendDictionary> replaceBackends(
         std::shared_ptr<const BackendDictionary> backends) TELVORA_EXCLUDES(backendsLock_);
 
@@ -143,22 +139,23 @@ class TelvoradSession final : public ClientSessionInterface,
     void updateReportingStates();
     std::optional<std::vector<std::string>> fetchReportingStates() const;
 
-    // One-shot messages: the operation that belongs to no session's backends.
+    // One-shot messages, which have backends of their own.
     static void sendMessageWithSessionInfo(const SessionServices& services, const Dictionary& sessionInfo,
                                            const UserInfo& userInfo,
                                            const std::shared_ptr<const Dictionary>& storebag,
                                            uint16_t category, uint16_t type,
                                            const std::optional<Dictionary>& payload,
-                                           ClientAccounts& accounts);
+                                           const std::shared_ptr<ClientAccounts>& accounts);
 
     const SessionServices& services_;
     TelvoradSessionDelegate& sessionDelegate_;
+    SessionHierarchies& hierarchies_;
     const std::shared_ptr<ClientSessionReplyInterface> connection_;
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
     const uid_t uid_;
-    ClientAccounts accounts_;
-    DeviceIDBuffer deviceid_{};
+    const std::shared_ptr<ClientAccounts> accounts_;
+    const DeviceIDBuffer deviceid_;
 
     std::atomic<uint32_t> sessionID_{0};
     std::atomic<bool> hasAggregator_{false};
@@ -172,12 +169,12 @@ class TelvoradSession final : public ClientSessionInterface,
     std::optional<std::string> hierarchyToken_ TELVORA_GUARDED_BY(identityLock_);
 
     mutable Mutex backendsLock_{LockRank::session};
-    // Null: no backend dictionary. Replaced on the connection's strand only.
+    // Null: no backend dictionary. Replaced only on the connection's strand.
     std::shared_ptr<const BackendDictionary> backends_ TELVORA_GUARDED_BY(backendsLock_);
-    // A combined ID that the backends are to have before they work on.
+    // A combined ID that the strand sets in the backends before their next operation.
     std::optional<std::string> newCombinedID_ TELVORA_GUARDED_BY(backendsLock_);
 
-    // Touched on the connection's strand only.
+    // Used only on the connection's strand.
     std::vector<std::string> frameworks_;
     std::optional<std::string> storebagVersion_;
 };

@@ -17,7 +17,6 @@
 #include "config/storebag_fetcher.h"
 #include "daemon/telvorad_agent.h"
 #include "platform/digest.h"
-#include "session/backend_factory.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/temporary_directory.h"
 
@@ -102,7 +101,6 @@ class DaemonWorld {
     UserQuotas quotas;
     ReportLedger ledger;
     BackendServices backendServices;
-    BackendFactory factory;
     SessionServices sessionServices;
     StorebagFetcher fetcher;
     EntitlementStore entitlements;

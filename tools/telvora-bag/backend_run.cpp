@@ -58,26 +58,26 @@ void BackendRun::posted(const HttpRequest& request) {
     if (onPost) onPost({request.url, leaving_, json, request.body.size()});
 }
 
-std::string reasonOf(ReportPlace place) {
-    switch (place) {
-        case ReportPlace::notWhitelisted:
+std::string reasonOf(ReportOutcome outcome) {
+    switch (outcome) {
+        case ReportOutcome::notWhitelisted:
             return "not on event_whitelist";
-        case ReportPlace::blacklisted:
+        case ReportOutcome::blacklisted:
             return "on event_blacklist";
-        case ReportPlace::disabled:
+        case ReportOutcome::disabled:
             return "the backend is disabled";
-        case ReportPlace::sampledOut:
+        case ReportOutcome::sampledOut:
             return "the session is sampled out";
-        case ReportPlace::noUserInfo:
+        case ReportOutcome::noUserInfo:
             return "there is no user info";
-        case ReportPlace::batchFull:
+        case ReportOutcome::batchFull:
             return "the batch was full and could not be sent";
-        case ReportPlace::noURL:
+        case ReportOutcome::noURL:
             return "there is nowhere to post to";
-        case ReportPlace::notSupported:
+        case ReportOutcome::notSupported:
             return "this backend takes no reports of sessions";
         default:
-            return nameOf(place);
+            return nameOf(outcome);
     }
 }
 

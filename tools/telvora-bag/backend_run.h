@@ -56,6 +56,6 @@ class BackendRun final : private DecisionTrace {
 };
 
 // Why reports were lost, for people.
-std::string reasonOf(ReportPlace place);
+std::string reasonOf(ReportOutcome outcome);
 
 }  // namespace telvora::bag

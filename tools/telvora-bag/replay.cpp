@@ -50,7 +50,7 @@ class BackendReplay {
 
     // The session's last flush.
     void finish() {
-        heldAtEnd_ = run_.tally()[ReportPlace::held];
+        heldAtEnd_ = run_.tally()[ReportOutcome::held];
         run_.flush();
     }
 
@@ -88,12 +88,12 @@ void BackendReplay::print(std::ostream& out) const {
         return;
     }
     const ReportTally tally = run_.tally();
-    const uint64_t posted = tally[ReportPlace::delivered];
+    const uint64_t posted = tally[ReportOutcome::delivered];
     out << "  " << posted << " of " << offered_ << " reports posted, in " << posts_ << " posts\n";
     if (run_.backend() == nullptr) out << "  the bag makes no such backend\n";
     if (heldAtEnd_ > 0) out << "  " << heldAtEnd_ << " were held until the last flush\n";
-    for (size_t i = kFirstLoss; i < kReportPlaces; ++i) {
-        const auto cause = static_cast<ReportPlace>(i);
+    for (size_t i = kFirstLoss; i < kReportOutcomes; ++i) {
+        const auto cause = static_cast<ReportOutcome>(i);
         if (tally[cause] > 0) out << "  " << tally[cause] << " dropped: " << reasonOf(cause) << '\n';
     }
     if (posts_ > 0) {

@@ -48,14 +48,14 @@ std::optional<uint16_t> categoryThatPasses(const TelvoraBackend& backend) {
 
 size_t lossesIn(const ReportTally& tally) {
     size_t losses = 0;
-    for (size_t i = kFirstLoss; i < kReportPlaces; ++i)
-        losses += tally.places[i];
+    for (size_t i = kFirstLoss; i < kReportOutcomes; ++i)
+        losses += tally.outcomes[i];
     return losses;
 }
 
 std::string lossIn(const ReportTally& tally) {
-    for (size_t i = kFirstLoss; i < kReportPlaces; ++i)
-        if (tally.places[i] > 0) return reasonOf(static_cast<ReportPlace>(i));
+    for (size_t i = kFirstLoss; i < kReportOutcomes; ++i)
+        if (tally.outcomes[i] > 0) return reasonOf(static_cast<ReportOutcome>(i));
     return "";
 }
 
@@ -69,7 +69,7 @@ Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
     std::string url;
     run.onPost = [&url](const BackendRun::Post& post) { url = post.url; };
     run.send(category, kType, {}, flag);
-    if (run.tally()[ReportPlace::held] == 0) {
+    if (run.tally()[ReportOutcome::held] == 0) {
         return url.empty() ? Fate{"dropped: " + lossIn(run.tally())} : Fate{"posted at once to " + url};
     }
     run.flush();

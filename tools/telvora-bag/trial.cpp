@@ -64,8 +64,7 @@ Trial::Trial(const Circumstances& circumstances, DecisionTrace& trace)
                 .timeZoneOffsetSeconds = [] { return 0L; },
                 .random = [this] { return circumstances_.draw; },
                 .makeNetworkQueue = [this] { return network_.makeQueue(); },
-                .trace = &trace},
-      factory_(services_) {
+                .trace = &trace} {
     const auto set = [this](std::string_view key, PropertyList value) {
         static_cast<void>(defaults_.set(kTelvoraDefaultsDomain, key, std::move(value)));
     };
@@ -86,11 +85,10 @@ std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const D
 
     DeviceIDBuffer deviceID{};
     identity_.copyUniqueDeviceID(deviceID);
-    const BackendSources sources{factory_, identity_, framework_, services_.clock};
     const auto backends = TelvoradUtil::createBackends(
-        sources, section, &sessionInfo,
+        services_, framework_, section, &sessionInfo,
         userInfo.empty() ? nullptr : std::make_shared<const Dictionary>(std::move(userInfo)), deviceID,
-        accounts_);
+        nullptr);
     if (backends->empty()) return nullptr;
     const auto backend = backends->begin()->second;
     backend->setCombinedSessionIDString(kSessionID);

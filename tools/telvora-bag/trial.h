@@ -11,7 +11,6 @@
 
 #include "async/virtual_network.h"
 #include "policy/decision_trace.h"
-#include "session/backend_factory.h"
 #include "session/create_backends.h"
 
 namespace telvora::bag {
@@ -68,9 +67,6 @@ class Trial {
     VirtualNetwork network_;
     std::unique_ptr<HttpClient> server_;
     const BackendServices services_;
-    const BackendFactory factory_;
-    ReportLedger ledger_;
-    ClientAccounts accounts_{ledger_};
 };
 
 }  // namespace telvora::bag

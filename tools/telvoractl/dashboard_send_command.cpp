@@ -59,43 +59,44 @@ struct Outside {
     Environment environment{defaults, identity};
     std::unique_ptr<HttpClient> http = makeCurlHttpClient();
     WorkPool pool{1};
-    BackendServices services{*http,
-                             identity,
-                             environment,
-                             defaults,
-                             timeOfDay,
-                             [] { return currentCountryCode(); },
-                             timeZoneOffsetSeconds,
-                             [] { return 0.0; },
-                             [this] { return makeNetworkQueue(pool); }};
+    BackendServices services{.http = *http,
+                             .identity = identity,
+                             .environment = environment,
+                             .defaults = defaults,
+                             .clock = timeOfDay,
+                             .countryCode = [] { return currentCountryCode(); },
+                             .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
+                             .random = [] { return 0.0; },
+                             .makeNetworkQueue = [this] { return makeNetworkQueue(pool); }};
 };
+
+SharedIdentity identityFrom(const Outside& outside, const DashboardOptions& options) {
+    BackendIdentity identity{.sessionID = options.sessionID,
+                             .compType = options.componentType,
+                             .clientVersion = options.clientVersion,
+                             .selfVersion = SelfVersion(options.selfVersion)};
+    if (options.deviceID) {
+        std::copy_n(options.deviceID->begin(), std::min(options.deviceID->size(), identity.udid.size() - 1),
+                    identity.udid.begin());
+    } else {
+        outside.identity.copyUniqueDeviceID(identity.udid);
+    }
+    return std::make_shared<const BackendIdentity>(std::move(identity));
+}
 
 std::shared_ptr<DashboardBackend> makeBackend(const Outside& outside, const Collector& collector,
                                               const DashboardOptions& options) {
     const std::string name = kTelvoraBackendDashboard;
+    SharedIdentity identity = identityFrom(outside, options);
     if (!options.unreliable && !options.period) {
         return DashboardBackend::make(outside.services, name, collector.address, collector.port,
-                                      std::nullopt);
+                                      std::move(identity));
     }
     Dictionary profile{{"ip", collector.address}, {"port", int{collector.port}}};
     if (options.period) profile.set("reliable", *options.period);
     return DashboardBackend::make(outside.services, name,
-                                  std::make_shared<const PropertyList>(std::move(profile)), std::nullopt);
-}
-
-void setIdentity(DashboardBackend& backend, const Outside& outside, const DashboardOptions& options) {
-    backend.setCompType(options.componentType);
-    backend.setSessionID(options.sessionID);
-    backend.setClientVersion(options.clientVersion);
-    backend.setSelfVersion(options.selfVersion);
-    DeviceIDBuffer udid{};
-    if (options.deviceID) {
-        std::copy_n(options.deviceID->begin(), std::min(options.deviceID->size(), udid.size() - 1),
-                    udid.begin());
-    } else {
-        outside.identity.copyUniqueDeviceID(udid);
-    }
-    backend.setUdid(udid);
+                                  std::make_shared<const PropertyList>(std::move(profile)),
+                                  std::move(identity));
 }
 
 void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
@@ -130,7 +131,6 @@ int runDashboardSend(const DashboardOptions& options, const ReportOptions& repor
     const Outside outside;
     const auto backend = makeBackend(outside, *collector, options);
     if (!backend) return fail(kBadInput, "no way to the collector");
-    setIdentity(*backend, outside, options);
 
     auto next = std::chrono::steady_clock::now();
     for (uint32_t i = 0; i < options.count; ++i) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A device, a bag server's word and a server, as much of them as a backend sees.
+// BackendRig: the services of a backend, with a fake HTTP client and fixed values. Also makes identities.
 #pragma once
 
 #include "backends/telvora_backend.h"
@@ -31,15 +31,32 @@ struct BackendRig {
     lab::FakeHttpClient http;
     std::optional<std::string> country = "CH";
     double random = 0.3;
-    BackendServices services{http,
-                             identity,
-                             environment,
-                             defaults,
-                             [] { return kNow; },
-                             [this] { return country; },
-                             [] { return 3600L; },
-                             [this] { return random; }};
+    BackendServices services{.http = http,
+                             .identity = identity,
+                             .environment = environment,
+                             .defaults = defaults,
+                             .clock = [] { return kNow; },
+                             .countryCode = [this] { return country; },
+                             .timeZoneOffsetSeconds = [] { return 3600L; },
+                             .random = [this] { return random; }};
 };
+
+// An identity of this client type.
+inline BackendIdentity identityOf(int32_t clientType) {
+    return {.sessionID = 42,
+            .compType = clientType,
+            .clientVersion = 11,
+            .productFamily = "PhoneOne",
+            .productVersion = "12.1",
+            .hardwareType = "Model1,1",
+            .requireUserInfo = true,
+            .selfVersion = SelfVersion("3.1.9"),
+            .startTimestamp = kNow};
+}
+
+inline SharedIdentity shared(BackendIdentity identity) {
+    return std::make_shared<const BackendIdentity>(std::move(identity));
+}
 
 inline BackendProfile profileOf(Dictionary profile) {
     return std::make_shared<const PropertyList>(std::move(profile));

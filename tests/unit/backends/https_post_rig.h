@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An HTTPSPostBackend on the device of a user who consents, and a look into what it posts.
+// An HTTPSPostBackend on the device of a user who consents, and access to its posts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,29 +32,30 @@ inline Dictionary reportingClient(const Dictionary& changes = {}) {
     return client;
 }
 
+// Client type 7, with batching.
+inline BackendIdentity batching() {
+    BackendIdentity identity = identityOf(7);
+    identity.batchEvents = true;
+    return identity;
+}
+
 struct HTTPSPostRig : BackendRig {
     HTTPSPostRig() {
         setConsent(true);
         http.setHandler([](const HttpRequest&) { return lab::FakeHttpClient::response(200); });
     }
 
-    // A backend that requires user info and has it, not batching.
-    std::shared_ptr<HTTPSPostBackend> makeBackend(Array clients) {
-        auto backend = HTTPSPostBackend::make(services, kTelvoraBackendHTTPPost,
-                                              profileOf({{"clients", std::move(clients)}}), "PhoneOne");
-        backend->setCompType(7);
-        backend->setSessionID(42);
-        backend->setClientVersion(11);
-        backend->setHardwareType("Model1,1");
-        backend->setProductVersion("12.1");
-        backend->setSelfVersion("3.1.9");
-        backend->setStartTimestamp(kNow);
-        backend->setRequireUserInfo(true);
+    // A backend that has user info.
+    std::shared_ptr<HTTPSPostBackend> makeBackend(Array clients, BackendIdentity as = identityOf(7)) {
+        auto backend =
+            HTTPSPostBackend::make(services, kTelvoraBackendHTTPPost,
+                                   profileOf({{"clients", std::move(clients)}}), shared(std::move(as)));
         backend->setUserInfoDict(shared(userInfoOf("app", "network")));
         return backend;
     }
-    std::shared_ptr<HTTPSPostBackend> makeReportingBackend(const Dictionary& changes = {}) {
-        auto backend = makeBackend({reportingClient(changes)});
+    std::shared_ptr<HTTPSPostBackend> makeReportingBackend(const Dictionary& changes = {},
+                                                           BackendIdentity as = identityOf(7)) {
+        auto backend = makeBackend({reportingClient(changes)}, std::move(as));
         backend->updateState();
         EXPECT_EQ(backend->state(), kReporting);
         return backend;
@@ -63,10 +64,8 @@ struct HTTPSPostRig : BackendRig {
 
 // A backend that reports.
 struct ReportingRig : HTTPSPostRig {
-    explicit ReportingRig(const Dictionary& changes = {}, bool batch = false)
-        : backend(makeReportingBackend(changes)) {
-        backend->setBatchEvents(batch);
-    }
+    explicit ReportingRig(const Dictionary& changes = {}, BackendIdentity as = identityOf(7))
+        : backend(makeReportingBackend(changes, std::move(as))) {}
 
     // Sends a report of type 6.
     std::optional<std::string> send(SendFlag flag = kPlain, uint16_t category = 5,

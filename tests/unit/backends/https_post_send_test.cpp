@@ -53,7 +53,7 @@ TEST(HTTPSPostSendTest, StateFlagAndSettingsDecideOnPostingAtOnce) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const ReportingRig rig({}, c.batchEvents);
+        const ReportingRig rig({}, c.batchEvents ? batching() : identityOf(7));
         rig.backend->setState(c.state);
         if (!c.hasUserInfo) rig.backend->setUserInfoDict(nullptr);
         EXPECT_EQ(rig.send(c.flag).has_value(), c.url != nullptr);
@@ -66,11 +66,13 @@ TEST(HTTPSPostSendTest, StateFlagAndSettingsDecideOnPostingAtOnce) {
 }
 
 TEST(HTTPSPostSendTest, UserInfoWinsOverFieldsAndFiltersActLast) {
+    BackendIdentity identity = identityOf(7);
+    identity.buildVersion = "B77";
     const ReportingRig rig(
         {{"filters", Array{Dictionary{{"key", "SECRET"}, {"action", "sha256"}, {"method", 5}},
-                           Dictionary{{"key", "_build"}, {"action", "remove"}}}}});
+                           Dictionary{{"key", "_build"}, {"action", "remove"}}}}},
+        identity);
     rig.backend->setUserInfoDict(userInfoWith({{"_sessionID", "mine"}, {"secret", "from user info"}}));
-    rig.backend->setBuildVersion("B77");
     rig.send(kPlain, 5, Dictionary{{"secret", "from payload"}, {"when", Date{12}}, {"box", Array{}}});
     EXPECT_EQ(rig.message().postTime, 1447660800.25);
     const Dictionary event = rig.event();
@@ -91,9 +93,9 @@ TEST(HTTPSPostSendTest, SessionsAreNumberedForSomeClientTypes) {
     } cases[] = {
         {7, false, 42}, {11, false, "top.own"}, {11, true, 42}, {13, true, 42}, {12, true, "top.own"}};
     for (const auto& c : cases) {
-        const ReportingRig rig;
-        rig.backend->setCompType(c.type);
-        rig.backend->setIsInternal(c.internal);
+        BackendIdentity identity = identityOf(c.type);
+        identity.isInternal = c.internal;
+        const ReportingRig rig({}, identity);
         rig.backend->setCombinedSessionIDString("top.own");
         rig.send();
         EXPECT_EQ(*rig.event().find("_sessionID"), c.sessionID) << c.type;
@@ -101,7 +103,7 @@ TEST(HTTPSPostSendTest, SessionsAreNumberedForSomeClientTypes) {
     }
 }
 
-TEST(HTTPSPostSendTest, TheStopReportTellsHowItWasSampled) {
+TEST(HTTPSPostSendTest, TheStopReportHasTheSampling) {
     const ReportingRig rig;
     const LogCapture log;
     rig.backend->sendMessage(Dictionary{{"Batch", "client's"}}, kNow, 0, 1, kPlain);
@@ -132,7 +134,7 @@ TEST(HTTPSPostSendTest, ThresholdFlushesEveryMethod) {
         {-1, 2, {{1}, {2}}},
     };
     for (const auto& c : cases) {
-        const ReportingRig rig({{"event_threshold", c.threshold}}, true);
+        const ReportingRig rig({{"event_threshold", c.threshold}}, batching());
         const LogCapture log;
         rig.send(kPlain, 8);
         for (int i = 0; i < c.sent; ++i)
@@ -146,7 +148,7 @@ TEST(HTTPSPostSendTest, ThresholdFlushesEveryMethod) {
 }
 
 TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
-    const ReportingRig rig({}, true);
+    const ReportingRig rig({}, batching());
     rig.send();
     rig.send();
     const auto answer = rig.send(kRealtime);
@@ -157,8 +159,7 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
     EXPECT_THAT(*answer, testing::HasSubstr("\n}\nStandalone event:\n{\n"));
 }
 
-TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
-    using Place = ReportPlace;
+TEST(HTTPSPostSendTest, AFlushThatPostsNoEventHasAnError) {
     const std::string nothing = "Nothing to flush";
     const std::string filtered = "Nothing to flush: batched events were completely filtered out";
     const struct {
@@ -167,19 +168,19 @@ TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
         bool hasUserInfo;
         Dictionary client;
         std::string error;
-        Place place;
+        ReportOutcome outcome;
     } cases[] = {
-        {kReporting, false, true, {}, nothing, Place::held},
-        {kSampledOut, true, true, {}, nothing, Place::sampledOut},
-        {kWaiting, true, true, {}, nothing, Place::noUserInfo},
-        {kDisabled, true, true, {}, nothing, Place::disabled},
-        {kReporting, true, false, {}, "Can not flush: userInfo is required", Place::held},
-        {kReporting, true, true, {{"event_whitelist", Array{}}}, filtered, Place::notWhitelisted},
-        {kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, Place::blacklisted},
+        {kReporting, false, true, {}, nothing, ReportOutcome::held},
+        {kSampledOut, true, true, {}, nothing, ReportOutcome::sampledOut},
+        {kWaiting, true, true, {}, nothing, ReportOutcome::noUserInfo},
+        {kDisabled, true, true, {}, nothing, ReportOutcome::disabled},
+        {kReporting, true, false, {}, "Can not flush: userInfo is required", ReportOutcome::held},
+        {kReporting, true, true, {{"event_whitelist", Array{}}}, filtered, ReportOutcome::notWhitelisted},
+        {kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, ReportOutcome::blacklisted},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.error + " " + nameOf(c.place));
-        const ReportingRig rig(c.client, true);
+        SCOPED_TRACE(c.error + " " + nameOf(c.outcome));
+        const ReportingRig rig(c.client, batching());
         if (c.hasEvent) rig.send();
         rig.backend->setState(c.state);
         if (!c.hasUserInfo) rig.backend->setUserInfoDict(nullptr);
@@ -190,22 +191,22 @@ TEST(HTTPSPostSendTest, FlushTellsWhyNothingWasSent) {
         EXPECT_EQ(result.error, makeTelvoraError(c.error, -1));
         EXPECT_EQ(rig.http.requestCount(), 0u);
         const ReportTally tally = rig.backend->reports().tally();
-        EXPECT_EQ(tally[c.place], c.hasEvent ? 1u : 0u);
+        EXPECT_EQ(tally[c.outcome], c.hasEvent ? 1u : 0u);
 
-        // What was kept goes out as soon as it may.
+        // Kept events are posted by the next flush.
         rig.backend->setState(kReporting);
         rig.backend->setUserInfoDict(userInfoWith({}));
         rig.backend->flushMessagesWithCompletion({});
-        EXPECT_EQ(rig.http.requestCount(), tally[Place::held]);
+        EXPECT_EQ(rig.http.requestCount(), tally[ReportOutcome::held]);
     }
 }
 
-TEST(HTTPSPostSendTest, FlushTakesWhatTheListsAdmitWithTheUserInfoOfNow) {
+TEST(HTTPSPostSendTest, FlushPostsAdmittedEventsWithTheCurrentUserInfo) {
     ReportingRig rig({{"event_whitelist", Array{5, 6}},
                       {"event_blacklist", Array{6}},
                       {"filters", Array{Dictionary{{"key", "user"}, {"action", "sha256"}},
                                         Dictionary{{"key", "gone"}, {"action", "remove"}, {"method", 5}}}}},
-                     true);
+                     batching());
     for (const uint16_t category : {4, 5, 6})
         rig.send(kPlain, category);
     rig.backend->setUserInfoDict(userInfoWith({{"user", "someone"}, {"gone", "back"}}));
@@ -236,7 +237,7 @@ TEST(HTTPSPostSendTest, FlushTakesWhatTheListsAdmitWithTheUserInfoOfNow) {
 
 TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
     const ReportingRig rig;
-    rig.backend->setUserInfoDict(nullptr);  // nothing can be flushed
+    rig.backend->setUserInfoDict(nullptr);  // prevents a flush
     const Dictionary megabyte{{"inner", std::string(size_t{1} << 20, 'x')}};
     const LogCapture log;
     for (uint16_t category = 0; category < 9; ++category)
@@ -244,8 +245,8 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
     EXPECT_THAT(log.lines(),
                 Contains("<4>HTTPSPostBackend(batchEvent): dropping 7 events that can't be flushed"));
     const ReportTally tally = rig.backend->reports().tally();
-    EXPECT_EQ(tally[ReportPlace::batchFull], 7u);
-    EXPECT_EQ(tally[ReportPlace::held], 2u);
+    EXPECT_EQ(tally[ReportOutcome::batchFull], 7u);
+    EXPECT_EQ(tally[ReportOutcome::held], 2u);
 }
 
 TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
@@ -253,9 +254,11 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
     UserDefaults defaults(directory.path() / "config", directory.path() / "state");
     ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, "maxPendingBytesPerUser", 1 << 20));
     UserQuotas quotas(defaults);
-    const ReportingRig rig({}, true);
-    const auto account = std::make_shared<ReportAccount>();
-    rig.backend->setAccounts(account, account, quotas.of(1000));
+    ReportLedger ledger;
+    BackendIdentity identity = batching();
+    identity.accounts = std::make_shared<ClientAccounts>(ledger, quotas.of(1000));
+    const ReportingRig rig({}, identity);
+    const ReportAccount& account = rig.backend->reports();
     for (const auto& [bytes, delivered, lost] : {std::tuple{10'000, 20u, 0u}, {100'000, 20u, 20u}}) {
         rig.backend->setUserInfoDict(userInfoWith({}));
         for (int i = 0; i < 20; ++i)
@@ -266,56 +269,59 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
         EXPECT_EQ(result.calls, 1);
         const auto over = makeTelvoraError("Can not flush: over quota", -1);
         EXPECT_EQ(result.error, lost > 0 ? std::optional(over) : std::nullopt);
-        EXPECT_EQ(account->tally()[ReportPlace::delivered], delivered);
-        EXPECT_EQ(account->tally()[ReportPlace::overQuota], lost);
+        EXPECT_EQ(account.tally()[ReportOutcome::delivered], delivered);
+        EXPECT_EQ(account.tally()[ReportOutcome::overQuota], lost);
         EXPECT_EQ(quotas.uses().at(1000)[static_cast<size_t>(Quota::pendingBytes)].held, 0u);
     }
 }
 
 TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLeave) {
-    ReportingRig rig({{"override_sampling", 1.0}, {"event_threshold", 1000}});
+    HTTPSPostRig rig;
     rig.setDefault("maxPendingBytesPerUser", 200'000);
     rig.setDefault("maxDormantBytesPerUser", 100'000);
     UserQuotas quotas(rig.defaults);
     const auto held = [&](Quota quota) { return quotas.uses().at(1)[static_cast<size_t>(quota)].held; };
     const auto lost = [](const TelvoraBackend& backend) {
-        return backend.reports().tally()[ReportPlace::overQuota];
+        return backend.reports().tally()[ReportOutcome::overQuota];
     };
     const Dictionary large{{"text", std::string(10'000, 'x')}};
-    rig.backend->setAccounts(std::make_shared<ReportAccount>(), nullptr, quotas.of(1));
+    const Dictionary changes{{"override_sampling", 1.0}, {"event_threshold", 1000}};
+    ReportLedger ledger;
+    const auto identity = [&](BackendIdentity of) {
+        of.accounts = std::make_shared<ClientAccounts>(ledger, quotas.of(1));
+        return of;
+    };
+    const auto reporting = rig.makeReportingBackend(changes, identity(identityOf(7)));
     rig.random = 0.9;
-    const auto sampledOut =
-        rig.makeBackend({reportingClient({{"override_sampling", 1.0}, {"event_threshold", 1000}})});
-    sampledOut->setBatchEvents(true);
-    sampledOut->setAccounts(std::make_shared<ReportAccount>(), nullptr, quotas.of(1));
+    const auto sampledOut = rig.makeBackend({reportingClient(changes)}, identity(batching()));
     sampledOut->updateState();
     ASSERT_EQ(sampledOut->state(), kSampledOut);
 
     for (int i = 0; i < 100; ++i)
         sampledOut->sendMessage(large, kNow, 5, 6, kPlain);
     EXPECT_EQ(held(Quota::pendingBytes), 0u);
-    const size_t heldReports = sampledOut->reports().tally()[ReportPlace::held];
+    const size_t heldReports = sampledOut->reports().tally()[ReportOutcome::held];
     EXPECT_GT(heldReports, 5u);
     EXPECT_EQ(lost(*sampledOut), 100 - heldReports);
     for (int i = 0; i < 100; ++i)
-        rig.send(kPlain, 5, large);
-    EXPECT_EQ(lost(*rig.backend), 0u);
+        reporting->sendMessage(large, kNow, 5, 6, kPlain);
+    EXPECT_EQ(lost(*reporting), 0u);
     EXPECT_EQ(rig.http.requestCount(), 100u);
 
-    // Promoted, it counts like any other, and leaves.
+    // After a promotion it is charged as pending, and is posted.
     const uint64_t dormant = held(Quota::dormantBytes);
     EXPECT_GT(dormant, 50'000u);
     sampledOut->sendMessage(Dictionary(), kNow, 5, 6, kPromote);
     EXPECT_EQ(held(Quota::dormantBytes), 0u);
     EXPECT_GT(held(Quota::pendingBytes), dormant);
-    // What another session's state or a server does to it, too.
+    // A parent session or a server changes the state, too.
     for (const BackendState state : {kDisabled, kReporting, kSampledOut, kReporting}) {
         if (!sampledOut->followState(state)) sampledOut->setState(state);
         const bool leaves = state == kReporting;
         EXPECT_EQ(held(leaves ? Quota::dormantBytes : Quota::pendingBytes), 0u);
     }
     sampledOut->flushMessagesWithCompletion({});
-    EXPECT_EQ(sampledOut->reports().tally()[ReportPlace::delivered], heldReports + 1);
+    EXPECT_EQ(sampledOut->reports().tally()[ReportOutcome::delivered], heldReports + 1);
     EXPECT_EQ(held(Quota::pendingBytes), 0u);
 }
 

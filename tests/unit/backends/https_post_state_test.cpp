@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The state that a bag gives a backend. That of most single entries is shown with telvora-bag explain too.
+// States of a backend by its bag. Those of most single entries are also tested with telvora-bag explain.
 #include <gmock/gmock.h>
 
 #include "tests/unit/backends/https_post_rig.h"
@@ -14,12 +14,13 @@ TEST(HTTPSPostStateTest, NeedsProfileFamilyAndClients) {
     const HTTPSPostRig rig;
     const LogCapture log;
     const BackendProfile good = profileOf({{"clients", Array{}}});
-    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", nullptr, "family"), nullptr);
-    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", good, std::nullopt), nullptr);
+    const SharedIdentity family = shared(identityOf(7));
+    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", nullptr, family), nullptr);
+    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", good, shared(BackendIdentity())), nullptr);
     EXPECT_TRUE(log.lines().empty());
     for (const auto& bad : {profileOf({}), profileOf({{"clients", Dictionary{}}}),
                             std::make_shared<const PropertyList>("text")})
-        EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", bad, "family"), nullptr);
+        EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", bad, family), nullptr);
     EXPECT_EQ(log.count("<3>HTTPSPostBackend(initWithName): can't find the client list."), 3u);
 }
 
@@ -32,7 +33,7 @@ const struct StateCase {
     const char* what;
     Dictionary changes;  // to an entry that reports
     BackendState state;
-    std::string line = "";  // one of those that tell why, with its level; "": not looked at
+    std::string line = "";  // a line that gives the reason, with its level; "": not checked
 } kStateCases[] = {
     {"reports", {}, kReporting, "7 httpPost: client found app:network, state=2, samplingFactor=0.300000"},
     {"one of the clients", {{"client", "x,APP"}}, kReporting},
@@ -82,14 +83,16 @@ TEST(HTTPSPostStateTest, OneEntryDecides) {
     }
 }
 
-TEST(HTTPSPostStateTest, WhatTheDeviceDoesNotTellIsOnEveryList) {
+TEST(HTTPSPostStateTest, AnUnknownCountryOrHardwareIsOnEveryList) {
     HTTPSPostRig rig;
     rig.country.reset();
     const auto withoutCountry = rig.makeBackend({reportingClient({{"locale_whitelist", "DE"}})});
     withoutCountry->updateState();
     EXPECT_EQ(withoutCountry->state(), kReporting);
-    const auto withoutHardware = rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})});
-    withoutHardware->setHardwareType(std::nullopt);
+    BackendIdentity identity = identityOf(7);
+    identity.hardwareType.reset();
+    const auto withoutHardware =
+        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})}, identity);
     withoutHardware->updateState();
     EXPECT_EQ(withoutHardware->state(), kDisabled);
 }
@@ -112,9 +115,9 @@ TEST(HTTPSPostStateTest, TheFirstMatchingEnabledEntryIsTheOneOnceThereIsUserInfo
 TEST(HTTPSPostStateTest, ExpediteOfTheFirstNamesakeSetsBatching) {
     const std::string line = "<7>HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent=";
     const struct {
-        Array expedite;  // of the entries in turn; an array: none
+        Array expedite;  // of the entries in turn; an array: absent
         bool batches;
-        std::string logged;  // "": nothing
+        std::string logged;  // "": no line
     } cases[] = {{{1}, false, line + "0"}, {{0}, true, line + "1"},     {{Array{}, 1}, true, ""},
                  {{"1", 1}, true, ""},     {{true}, false, line + "0"}, {{0, 1}, true, line + "1"}};
     for (const auto& c : cases) {
@@ -122,8 +125,7 @@ TEST(HTTPSPostStateTest, ExpediteOfTheFirstNamesakeSetsBatching) {
         Array clients;
         for (const PropertyList& expedite : c.expedite)
             clients.emplace_back(reportingClient({{"expedite", expedite}}));
-        const auto backend = rig.makeBackend(std::move(clients));
-        backend->setBatchEvents(true);
+        const auto backend = rig.makeBackend(std::move(clients), batching());
         const LogCapture log;
         backend->updateState();
         EXPECT_EQ(log.lines().front().starts_with(line), !c.logged.empty());
@@ -162,8 +164,9 @@ TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
         HTTPSPostRig rig;
         if (!c.defaults[0].empty()) rig.setDefault("httpsPostURL", c.defaults[0]);
         if (!c.defaults[1].empty()) rig.setDefault("httpsRealtimePostURL", c.defaults[1]);
-        const auto backend = rig.makeBackend(c.clients);
-        backend->setRequireUserInfo(c.requireUserInfo);
+        BackendIdentity identity = identityOf(7);
+        identity.requireUserInfo = c.requireUserInfo;
+        const auto backend = rig.makeBackend(c.clients, identity);
         const LogCapture log;
         backend->updateState();
         EXPECT_EQ(backend->state(), kReporting);

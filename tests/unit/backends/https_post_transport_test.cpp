@@ -11,8 +11,9 @@ using testing::ElementsAre;
 using testing::Pair;
 
 TEST(HTTPSPostTransportTest, HeadersInOrder) {
-    const ReportingRig rig;
-    rig.backend->setIsInternal(true);
+    BackendIdentity identity = identityOf(7);
+    identity.isInternal = true;
+    const ReportingRig rig({}, identity);
     rig.backend->setUserInfoDict(shared(userInfoOf("app\r\nX-Forged: 1", "net")));
     rig.send();
     EXPECT_EQ(rig.http.requests().at(0).method, "POST");
@@ -24,10 +25,11 @@ TEST(HTTPSPostTransportTest, HeadersInOrder) {
                     Pair("X-TVR-Event-Map", "5 6"), Pair("Accept", "application/json"),
                     Pair("Content-Type", "application/json"), Pair("Content-Encoding", "gzip")));
 
-    const ReportingRig bare({}, true);  // of what is absent
-    bare.backend->setCompType(99);
-    bare.backend->setSelfVersion("8");
-    bare.backend->setHardwareType(std::nullopt);
+    BackendIdentity absent = batching();
+    absent.compType = 99;
+    absent.selfVersion = SelfVersion("8");
+    absent.hardwareType.reset();
+    const ReportingRig bare({}, absent);
     bare.backend->setUserInfoDict(shared({{kTelvoraUserInfoClientName, 7}}));
     bare.send();
     bare.backend->flushMessagesWithCompletion({});
@@ -38,7 +40,7 @@ TEST(HTTPSPostTransportTest, HeadersInOrder) {
                     Pair("Content-Type", "application/json"), Pair("Content-Encoding", "gzip")));
 }
 
-// A message is sent plain where gzip gains nothing: the filters leave nothing of this event.
+// A message that gzip would not shrink is sent plain: the filters remove all keys of this event.
 TEST(HTTPSPostTransportTest, SmallMessagesAreSentPlain) {
     ReportingRig rig;
     rig.send();
@@ -73,9 +75,10 @@ TEST(HTTPSPostTransportTest, TheClientIdentifierFollowsConsentAndBag) {
     for (const auto& c : cases) {
         HTTPSPostRig rig;
         rig.setConsent(c.consent);
-        const auto backend = rig.makeReportingBackend(c.client);
-        backend->setIsInternal(c.internal);
-        backend->setUdid({"0123abc"});
+        BackendIdentity identity = identityOf(7);
+        identity.isInternal = c.internal;
+        identity.udid = {"0123abc"};
+        const auto backend = rig.makeReportingBackend(c.client, identity);
         const auto answer = backend->sendMessage(Dictionary{}, kNow, 5, 6, kPlain);
         const std::string identifiers[] = {
             rig.identity.getPersistentIdentifierForDNU(true),
@@ -113,7 +116,7 @@ TEST(HTTPSPostTransportTest, TheAnswerDecidesOnTheBackend) {
         HttpResult result;
         BackendState state;
         std::optional<TelvoraError> error;
-        std::string line = "";  // "": none looked for
+        std::string line = "";  // "": not checked
     } cases[] = {
         {FakeHttpClient::response(200), kReporting, {}},
         {FakeHttpClient::response(499), kReporting, {}},
@@ -126,7 +129,7 @@ TEST(HTTPSPostTransportTest, TheAnswerDecidesOnTheBackend) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.result ? c.result->status : 0);
-        ReportingRig rig({}, true);
+        ReportingRig rig({}, batching());
         rig.http.setHandler([&c](const HttpRequest&) { return c.result; });
         rig.send();
         int calls = 0;
@@ -151,9 +154,8 @@ TEST(HTTPSPostTransportTest, APostOutlivesItsBackend) {
     EXPECT_TRUE(log.contains("<6>postJSONMessage: backend httpPost disabled by server 503 return code"));
 }
 
-TEST(HTTPSPostTransportTest, WithoutAURLNothingIsPosted) {
-    const ReportingRig rig({}, true);
-    rig.backend->setPostURL(std::nullopt);
+TEST(HTTPSPostTransportTest, WithoutAURLNoMessageIsPosted) {
+    const ReportingRig rig({{"post_url", 0}, {"realtime_post_url", 0}}, batching());
     rig.send();
     std::optional<TelvoraError> error;
     EXPECT_TRUE(rig.backend->flushMessagesWithCompletion([&](auto, const auto& told) { error = told; }));

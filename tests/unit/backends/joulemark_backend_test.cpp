@@ -22,7 +22,8 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     const std::string path = rig.directory.path() / "journal";
     const std::unique_ptr<PowerLog> powerLog = makeJournalPowerLog(path);
     rig.services.powerLog = powerLog.get();
-    const auto backend = JoulemarkBackend::make(rig.services, kTelvoraBackendJoulemark, nullptr, "family");
+    const auto backend =
+        JoulemarkBackend::make(rig.services, kTelvoraBackendJoulemark, nullptr, shared(identityOf(1)));
     const Dictionary payload{{"event", "old"},       {"a b\xe4", -2},
                              {"a_b_", "one\ntwo=2"}, {"yes", true},
                              {"real", 0.1},          {"data", Data{std::string("\0\xff", 2)}},
@@ -33,7 +34,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     backend->sendMessage(payload, {}, 0, 1, EventID{2});
     backend->sendMessage(Dictionary{}, {}, 1, 1, EventID{3});
     backend->sendMessage(std::nullopt, {}, 1, 1, EventID{4});
-    EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, SendFlag{}), std::nullopt);  // what sessions call
+    EXPECT_EQ(backend->sendMessage(payload, {}, 1, 1, SendFlag{}), std::nullopt);  // as sessions do
     EXPECT_EQ(backend->sendMessage(payload, {}, 300, 65535, EventID{7}), std::nullopt);
     std::string entry(1 << 16, '\0');
     entry.resize(static_cast<size_t>(recv(journal.get(), entry.data(), entry.size(), 0)));
@@ -48,7 +49,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
                          field("JM_ENTRY_" + std::string(55, 'Z'), "1.5"));
 }
 
-TEST(JoulemarkBackendTest, WaitsForNoJournalAndTellsNoValues) {
+TEST(JoulemarkBackendTest, NeitherWaitsForTheJournalNorLogsValues) {
     const lab::TemporaryDirectory directory;
     const UniqueFd behind = boundSocket(directory.path() / "journal", SOCK_DGRAM);
     const auto powerLog = makeJournalPowerLog(directory.path() / "journal");

@@ -34,7 +34,7 @@ TEST(JsonMessageTest, WritesEveryTypeCompactOrPretty) {
     EXPECT_EQ(prettyJson({1.5, "id", {&small, 1}}),
               "{\n  \"postTime\": 1.5,\n  \"clientId\": \"id\",\n  \"events\": [\n    {\n      \"a\": 1\n    "
               "}\n  ]\n}");
-    // Without a client nothing but the time is written.
+    // Without a client identifier, only the time is written.
     EXPECT_EQ(compactJson({INFINITY, std::nullopt, {&small, 1}}), "{\"postTime\":-1.0}");
 }
 

@@ -10,10 +10,9 @@ namespace {
 
 struct ProbeBackend : TelvoraBackend {
     explicit ProbeBackend(const BackendServices& services)
-        : TelvoraBackend(services, "probe", nullptr, std::nullopt) {}
+        : TelvoraBackend(services, "probe", nullptr, shared(BackendIdentity())) {}
 
     using TelvoraBackend::policy_;
-    using TelvoraBackend::selfVersion_;
     using TelvoraBackend::sendMessage;
     std::optional<std::string> sendMessage(const std::optional<Dictionary>&, TimeValue, uint16_t, uint16_t,
                                            EventID id, SendFlag) override {
@@ -25,15 +24,13 @@ struct TelvoraBackendTest : testing::Test, BackendRig {
     ProbeBackend backend{services};
 };
 
-TEST_F(TelvoraBackendTest, ReadsItsVersion) {
+TEST(SelfVersionTest, KeepsThreeComponentsOfEightBits) {
     const std::pair<const char*, const char*> cases[] = {
         {"8", "8.0"},      {"8.1.2.3", "8.1.2"}, {"8.0.5", "8.0.5"}, {"300.1", "44.1"},
         {"8..2", "8.0.2"}, {"", "0.0"},          {"x.y", "0.0"},
     };
-    for (const auto& [text, version] : cases) {
-        backend.setSelfVersion(text);
-        EXPECT_EQ(backend.selfVersion_, version) << text;
-    }
+    for (const auto& [text, version] : cases)
+        EXPECT_EQ(SelfVersion(text).text, version) << text;
 }
 
 TEST_F(TelvoraBackendTest, CountsItsMessagesUpToTheWrap) {

@@ -16,14 +16,15 @@ struct UploadRig : BackendRig {
         Peer peer;
         peer.uid = getuid();
         files = std::make_unique<ClientFiles>(peer, std::vector{directory.path()}, admission);
-        backend = UploadBackend::make(services, kTelvoraBackendUploadServer,
-                                      profileOf({{"post_url", "https://up.example/in"}}), std::nullopt);
     }
-    bool upload(const std::filesystem::path& file) { return backend->uploadFileAtPath(file, "", *files); }
+    bool upload(const std::filesystem::path& file, const char* url = "https://up.example/in") {
+        return UploadBackend::make(services, kTelvoraBackendUploadServer, profileOf({{"post_url", url}}),
+                                   shared(BackendIdentity()))
+            ->uploadFileAtPath(file, "", *files);
+    }
 
     UploadAdmission admission;
     std::unique_ptr<ClientFiles> files;
-    std::shared_ptr<UploadBackend> backend;
 };
 
 TEST(UploadBackend, NeedsAPostURL) {
@@ -31,7 +32,9 @@ TEST(UploadBackend, NeedsAPostURL) {
     const BackendRig rig;
     for (const BackendProfile& profile : {BackendProfile(), std::make_shared<const PropertyList>("text"),
                                           profileOf({}), profileOf({{"post_url", 7}})}) {
-        EXPECT_EQ(UploadBackend::make(rig.services, kTelvoraBackendUploadServer, profile, "phone"), nullptr);
+        EXPECT_EQ(
+            UploadBackend::make(rig.services, kTelvoraBackendUploadServer, profile, shared(identityOf(7))),
+            nullptr);
     }
     EXPECT_EQ(log.count("<3>UploadBackend(initWithName): can't resolve upload post URL."), 4U);
 }
@@ -61,19 +64,15 @@ TEST(UploadBackend, JudgesTheAnswerByItsTextAlone) {
     }
 }
 
-TEST(UploadBackend, SendsNothingWhereSomethingIsMissing) {
+TEST(UploadBackend, SendsNoRequestThatIsInvalidOrRefused) {
     const LogCapture log;
     UploadRig rig;
     const auto file = rig.directory.write("file", "content");
     for (const char* url : {"", "up.example", "ftp://up.example", "https://", "https://up.example/a b",
                             "https://up.example:99999/", "http://[::1/"}) {
-        rig.backend->setUploadURL(url);
-        EXPECT_FALSE(rig.upload(file)) << url;
+        EXPECT_FALSE(rig.upload(file, url)) << url;
     }
     EXPECT_EQ(log.count("<3>UploadBackend(uploadFileAtPath): Unable to create URL request"), 7U);
-    rig.backend->setUploadURL(std::nullopt);
-    EXPECT_FALSE(rig.upload(file));
-    rig.backend->setUploadURL("https://up.example");
     EXPECT_EQ(rig.http.requestCount(), 0U);
     using Kind = HttpError::Kind;
     for (const auto& [kind, sent] : {std::pair{Kind::notSent, false},
@@ -92,7 +91,7 @@ TEST(UploadBackend, SendsNothingWhereSomethingIsMissing) {
     EXPECT_TRUE(exists(file));
 }
 
-TEST(UploadBackend, EncodesWhatAQueryCannotHold) {
+TEST(UploadBackend, EncodesBytesThatAQueryMustNotContain) {
     const std::pair<const char*, const char*> cases[] = {
         {"azAZ09-._~!$&'()*+,;=:@/?", "azAZ09-._~!$&'()*+,;=:@/?"},
         {" \"#%<>[\\]^`{|}\n\x7f", "%20%22%23%25%3C%3E%5B%5C%5D%5E%60%7B%7C%7D%0A%7F"},

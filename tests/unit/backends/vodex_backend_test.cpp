@@ -17,12 +17,15 @@ using testing::ElementsAre;
 
 TEST(VodexBackendTest, ExistsForThreeClientTypes) {
     const BackendRig rig;
+    const auto make = [&rig](int32_t type) {
+        return VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, shared(identityOf(type)));
+    };
     for (const int32_t type : {7, 11, 13})
-        EXPECT_NE(VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, "family", type), nullptr);
+        EXPECT_NE(make(type), nullptr);
     for (const int32_t type : {-1, 0, 8, 14, 39, 45}) {
         const LogCapture log;
         const std::string text = std::to_string(type);
-        EXPECT_EQ(VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, "family", type), nullptr);
+        EXPECT_EQ(make(type), nullptr);
         EXPECT_THAT(
             log.lines(),
             ElementsAre("<6>VodexBackend(initWithName): Loading Vodex adaptor class for client type " + text,
@@ -30,7 +33,7 @@ TEST(VodexBackendTest, ExistsForThreeClientTypes) {
     }
 }
 
-TEST(VodexBackendTest, SurvivesWhatIsWrongWithAnAdaptor) {
+TEST(VodexBackendTest, SurvivesFaultyAdaptors) {
     const auto deaf = [](const std::string& adaptor) {
         return "<3>VodexBackend(sendMessage): Vodex adaptor " + adaptor +
                " does not respond to forwarding selector sendMessageWithMethod:respCode:dict:";
@@ -54,7 +57,7 @@ TEST(VodexBackendTest, SurvivesWhatIsWrongWithAnAdaptor) {
     for (const auto& [path, errors] : cases) {
         const LogCapture log;
         rig.services.vodexAdaptorPath = path;
-        auto backend = VodexBackend::make(rig.services, "vodex", nullptr, "family", 7);
+        auto backend = VodexBackend::make(rig.services, "vodex", nullptr, shared(identityOf(7)));
         ASSERT_NE(backend, nullptr);
         EXPECT_EQ(backend->sendMessage(Dictionary{{"key", "value"}}, {}, 1, 2, SendFlag{}), std::nullopt);
         backend.reset();
@@ -66,8 +69,8 @@ TEST(VodexBackendTest, SurvivesWhatIsWrongWithAnAdaptor) {
     EXPECT_NE(dlopen((directory + "destroyThrows.so").c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
-// What the accessors tell of a value, and that those of other kinds tell nothing.
-std::string told(const PropertyList& list) {
+// The results of all accessors for a value; those of other kinds are 0 or "-".
+std::string accessed(const PropertyList& list) {
     const telvora_vodex_host& host = vodexHost();
     const telvora_vodex_value* value = vodexValue(&list);
     size_t length = 99;
@@ -80,16 +83,16 @@ std::string told(const PropertyList& list) {
     return text.str();
 }
 
-TEST(VodexPayloadTest, ShowsEveryKindAndNothingElse) {
-    EXPECT_EQ(told(true), "1 1 0 0 0 - 0 1");
-    EXPECT_EQ(told(-5), "2 0 -5 0 0 - 0 1");
-    EXPECT_EQ(told(std::numeric_limits<uint64_t>::max()), "3 0 0 18446744073709551615 0 - 0 1");
-    EXPECT_EQ(told(2.5), "4 0 0 0 2.5 - 0 1");
-    EXPECT_EQ(told("text"), "5 0 0 0 0 text 0 1");
-    EXPECT_EQ(told(Data{std::string("\0x", 2)}), std::string("6 0 0 0 0 \0x 0 1", 16));
-    EXPECT_EQ(told(Date{99.5}), "7 0 0 0 99.5 - 0 1");
-    EXPECT_EQ(told(Array{1, "second"}), "8 0 0 0 0 - 2 1");
-    EXPECT_EQ(told(Dictionary{{"b", 2}, {"a", "first"}}), "9 0 0 0 0 - 2 1");
+TEST(VodexPayloadTest, ShowsEveryKind) {
+    EXPECT_EQ(accessed(true), "1 1 0 0 0 - 0 1");
+    EXPECT_EQ(accessed(-5), "2 0 -5 0 0 - 0 1");
+    EXPECT_EQ(accessed(std::numeric_limits<uint64_t>::max()), "3 0 0 18446744073709551615 0 - 0 1");
+    EXPECT_EQ(accessed(2.5), "4 0 0 0 2.5 - 0 1");
+    EXPECT_EQ(accessed("text"), "5 0 0 0 0 text 0 1");
+    EXPECT_EQ(accessed(Data{std::string("\0x", 2)}), std::string("6 0 0 0 0 \0x 0 1", 16));
+    EXPECT_EQ(accessed(Date{99.5}), "7 0 0 0 99.5 - 0 1");
+    EXPECT_EQ(accessed(Array{1, "second"}), "8 0 0 0 0 - 2 1");
+    EXPECT_EQ(accessed(Dictionary{{"b", 2}, {"a", "first"}}), "9 0 0 0 0 - 2 1");
 
     const telvora_vodex_host& host = vodexHost();
     const PropertyList list(Dictionary{{"b", Array{1, "second"}}, {"a", "first"}});

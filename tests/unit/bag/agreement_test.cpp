@@ -151,7 +151,7 @@ class Daemon {
                                                         [](const auto&) {});
         const ReportTally after = tally();
         std::string fate;
-        if (after[ReportPlace::held] > before[ReportPlace::held]) {
+        if (after[ReportOutcome::held] > before[ReportOutcome::held]) {
             connection->session().flushMessagesWithCompletion({});
             fate = "held; a flush " + end(after, "posts them to ", "drops them: ");
         } else {
@@ -165,13 +165,13 @@ class Daemon {
 
   private:
     std::string end(const ReportTally& before, const char* posted, const char* lost) {
-        const std::map<ReportPlace, const char*> reasons = {
-            {ReportPlace::disabled, "the backend is disabled"},
-            {ReportPlace::sampledOut, "the session is sampled out"},
-            {ReportPlace::noUserInfo, "there is no user info"},
-            {ReportPlace::noURL, "there is nowhere to post to"}};
+        const std::map<ReportOutcome, const char*> reasons = {
+            {ReportOutcome::disabled, "the backend is disabled"},
+            {ReportOutcome::sampledOut, "the session is sampled out"},
+            {ReportOutcome::noUserInfo, "there is no user info"},
+            {ReportOutcome::noURL, "there is nowhere to post to"}};
         const ReportTally after = tally();
-        if (after[ReportPlace::delivered] > before[ReportPlace::delivered])
+        if (after[ReportOutcome::delivered] > before[ReportOutcome::delivered])
             return posted + world_.http.requests().back().url;
         for (const auto& [place, reason] : reasons)
             if (after[place] > before[place]) return std::string(lost) + reason;
@@ -198,8 +198,9 @@ TEST(Agreement, ExplainTellsTheFateOfReportsInTheDaemon) {
             const ReportTally before = daemon->tally();
             connection->session().sendMessageWithCategory(category, 2, {}, [](const auto&) {});
             const ReportTally after = daemon->tally();
-            const auto isSame = [&](ReportPlace place) { return after[place] == before[place]; };
-            if (isSame(ReportPlace::notWhitelisted) && isSame(ReportPlace::blacklisted)) passing = category;
+            const auto isSame = [&](ReportOutcome outcome) { return after[outcome] == before[outcome]; };
+            if (isSame(ReportOutcome::notWhitelisted) && isSame(ReportOutcome::blacklisted))
+                passing = category;
         }
         connection->invalidate();
         if (!passing) continue;

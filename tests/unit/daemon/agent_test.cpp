@@ -59,7 +59,7 @@ TEST_F(AgentRegistry, AnEndedConnectionLeavesNothingBehind) {
     EXPECT_TRUE(session.expired());
     EXPECT_EQ(world.agent.sessionCount(), 2U);
     EXPECT_EQ(world.agent.sessionsAlive(), 2U);
-    EXPECT_EQ(world.agent.parentSessionIDStringForSession(child->session()), std::nullopt);
+    EXPECT_EQ(world.agent.hierarchies().parentSessionIDStringForSession(child->session()), std::nullopt);
     world.agent.invalidateAllConnections();
     EXPECT_EQ(world.agent.sessionsAlive(), 0U);
 }
@@ -80,7 +80,7 @@ TEST_F(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
     top->invalidate();
     EXPECT_TRUE(session.expired());
     const auto child = world.connectConfigured(2, {{"t", 1}});
-    EXPECT_EQ(world.agent.parentSessionIDStringForSession(child->session()), std::nullopt);
+    EXPECT_EQ(world.agent.hierarchies().parentSessionIDStringForSession(child->session()), std::nullopt);
 }
 
 TEST_F(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
@@ -111,7 +111,7 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
     const auto top = world.connect();  // has no bag, so no backend for its child to follow
     top->session().setSessionInfo(sessionInfoFor(1, {{"t", 0}}),
                                   Dictionary{{kTelvoraUserInfoClientName, "c"}}, {}, false);
-    world.agent.updateDownstreamSessions(top->session());
+    world.agent.hierarchies().updateDownstreamSessions(top->session());
     EXPECT_THAT(states(*orphan), testing::Optional(testing::IsEmpty()));
 }
 

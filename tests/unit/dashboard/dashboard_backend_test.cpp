@@ -39,7 +39,8 @@ TEST_F(DashboardBackendTest, ConstructionFailsWithALine) {
         network.connectError = test.connectError;
         network.timerFails = test.timerFails;
         log.clear();
-        EXPECT_EQ(DashboardBackend::make(services, "dashboard", test.profile, "PhoneOne"), nullptr);
+        EXPECT_EQ(DashboardBackend::make(services, "dashboard", test.profile, shared(identityOf(7))),
+                  nullptr);
         EXPECT_THAT(log.lines(), ElementsAre("<3>DashboardBackend(initWithName): " + test.line));
         network.runFor();
         EXPECT_EQ(network.openSockets, 0u) << test.line;
@@ -72,12 +73,11 @@ TEST_F(DashboardBackendTest, WithoutABoundSocketOrAReadSourceNoAcknowledgementIs
 }
 
 TEST_F(DashboardBackendTest, TheFiveArgumentOperationSendsAndRenders) {
-    const auto backend = makeBackend(collectorProfile());
-    backend->setSelfVersion("2.9");
-    backend->setCompType(256 + 18);  // of which a byte is sent
-    backend->setSessionID(1);
-    backend->setClientVersion(65535);
-    backend->setUdid({"D"});
+    const auto backend = makeBackend(collectorProfile(), {.sessionID = 1,
+                                                          .compType = 256 + 18,  // of which a byte is sent
+                                                          .clientVersion = 65535,
+                                                          .udid = {"D"},
+                                                          .selfVersion = SelfVersion("2.9")});
     EXPECT_EQ(backend->sendMessage(Dictionary{{"k", "v"}}, TimeValue{7, 8000}, 1, 2, EventID{3}),
               "7.008 D 127.0.0.1 LINDQVAR 65535     1     3     1     2  k=v");
     EXPECT_EQ(backend->sendMessage(std::nullopt, TimeValue{7, 8000}, 1, 2, EventID{3}),

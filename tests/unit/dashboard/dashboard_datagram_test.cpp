@@ -87,9 +87,9 @@ TEST(DashboardDatagramTest, TheTextEndsAt1023Bytes) {
     const std::pair<Dictionary, std::string> cases[] = {
         {{{"k", v(1020)}}, " k=" + v(1020)},
         {{{"k", v(5000)}}, " k=" + v(1020)},
-        // Once the bound is reached nothing follows, though it would fit in the place of what was cut.
+        // After the bound no pair follows, even if it would fit.
         {{{"a", "1"}, {"b", v(2000)}, {"c", v(2001)}}, " a=1 b=" + v(1016)},
-        // Cut in the middle of a key, and between a backslash and what it stands before.
+        // Truncated within a key, and between a backslash and the escaped character.
         {{{"a", v(1017)}, {"key", v(1018)}}, " a=" + v(1017) + " ke"},
         {{{"a", v(1019) + "="}}, " a=" + v(1019) + "\\"},
     };

@@ -26,17 +26,18 @@ struct DashboardRig : BackendRig {
         return profile;
     }
 
-    std::shared_ptr<DashboardBackend> makeBackend(const Dictionary& profile) {
-        return DashboardBackend::make(services, "dashboard", profileOf(profile), "PhoneOne");
+    std::shared_ptr<DashboardBackend> makeBackend(const Dictionary& profile,
+                                                  BackendIdentity as = identityOf(7)) {
+        return DashboardBackend::make(services, "dashboard", profileOf(profile), shared(std::move(as)));
     }
 
-    // Sends a report of that number and runs what is due at once.
+    // Sends a report of that number and runs all tasks that are due.
     void send(DashboardBackend& backend, uint16_t number, const Dictionary& payload = {}) {
         backend.sendMessage(payload, kNow, 4, 9, EventID{number});
         network.runFor();
     }
 
-    // Has the collector send back what it does for a report of that number, cut or filled up to a length.
+    // Makes the collector acknowledge the report of that number, truncated or padded to a length.
     void acknowledge(uint16_t number, size_t length = 64) {
         std::string datagram(std::max<size_t>(length, 62), '\0');
         datagram[60] = static_cast<char>(number >> 8);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What happens to datagrams on their way, in virtual time; at the end on real threads and a real socket.
+// Transport of datagrams in virtual time; the last test uses real threads and a real socket.
 #include <gmock/gmock.h>
 
 #include "tests/support/udp_peer.h"
@@ -77,13 +77,13 @@ TEST_F(DashboardTransportTest, ATickWalksOnBehindThePacketThatItDrops) {
     EXPECT_EQ(network.armedTimers, 0u);
 }
 
-TEST_F(DashboardTransportTest, UnreliableDeliveryKeepsOnlyWhatWasNotTaken) {
+TEST_F(DashboardTransportTest, UnreliableDeliveryKeepsOnlyUnsentPackets) {
     const auto backend = makeBackend(collectorProfile());
     send(*backend, 1);
     EXPECT_THAT(takeSent(), ElementsAre(1));
     EXPECT_EQ(network.armedTimers, 0u);
 
-    // The collector is away: the network refuses what comes after the first datagram.
+    // The collector is away: the network refuses all datagrams after the first.
     int refused = 0;
     network.onSend = [&refused](std::string_view) { return ++refused, false; };
     send(*backend, 2);
@@ -97,7 +97,7 @@ TEST_F(DashboardTransportTest, UnreliableDeliveryKeepsOnlyWhatWasNotTaken) {
     EXPECT_EQ(network.armedTimers, 0u);
 }
 
-TEST_F(DashboardTransportTest, ACollectorThatWasAwayGetsReliablyWhatWasQueued) {
+TEST_F(DashboardTransportTest, ACollectorThatWasAwayGetsQueuedPackets) {
     const auto backend = makeReliable();
     const auto refuse = [](std::string_view) { return false; };
     network.onSend = refuse;
@@ -167,7 +167,7 @@ TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
             send(*backend, number);
         std::vector<std::chrono::nanoseconds> closed;
         backend->cleanup([&, start = network.now()] { closed.push_back(network.now() - start); });
-        backend.reset();  // the session's last word
+        backend.reset();  // as when the session ends
         EXPECT_THAT(closed, IsEmpty());
         network.runFor(2s);
         for (uint16_t number = 1; number <= test.acknowledged; ++number)
@@ -180,7 +180,7 @@ TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
     }
 }
 
-TEST_F(DashboardTransportTest, WhatComesAfterCleanUpCostsNothing) {
+TEST_F(DashboardTransportTest, ReportsAfterCleanUpCauseNoWork) {
     const auto backend = makeReliable();
     backend->cleanup();
     for (uint16_t number = 0; number < 100; ++number)
@@ -204,7 +204,8 @@ TEST_F(DashboardTransportTest, ThePoolMayEndWhilePacketsWait) {
     WorkPool pool(2);
     services.makeNetworkQueue = [&pool] { return makeNetworkQueue(pool); };
     UdpPeer collector;
-    auto backend = DashboardBackend::make(services, "dashboard", "127.0.0.1", collector.port(), std::nullopt);
+    auto backend =
+        DashboardBackend::make(services, "dashboard", "127.0.0.1", collector.port(), shared(identityOf(7)));
     backend->sendMessage(std::nullopt, kNow, 1, 2, EventID{1});
     backend->cleanup();
     backend.reset();

@@ -9,20 +9,19 @@
 namespace telvora::test {
 namespace {
 
-TEST(BackendFactoryTest, MakesWhatTheNameSays) {
+TEST(BackendFactoryTest, MakesTheBackendOfTheName) {
     const BackendProfile profile = profileOf({{"clients", Array{}}});
-    BackendRig rig;
-    const BackendFactory factory(rig.services);
+    const SharedIdentity identity = shared(identityOf(7));
+    const BackendRig rig;
     for (const char* name : {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2}) {
-        const auto backend = factory.newBackendWithName(name, profile, "family", 7);
+        const auto backend = newBackendWithName(rig.services, name, profile, identity);
         ASSERT_NE(backend, nullptr);
         EXPECT_EQ(backend->name(), name);
     }
     const BackendRig halcyra({{"ProductType", "Halcyra"}});  // has no metrics adaptor
-    const BackendFactory without(halcyra.services);
     for (const char* name : {"refresh_cycle", "httppost", "", kTelvoraBackendVodex}) {
         const LogCapture log;
-        EXPECT_EQ(without.newBackendWithName(name, profile, "family", 7), nullptr);
+        EXPECT_EQ(newBackendWithName(halcyra.services, name, profile, identity), nullptr);
         EXPECT_TRUE(log.contains(std::string("<3>TelvoraBackend(newBackendWithName): ") + name));
     }
 }

@@ -21,7 +21,7 @@ struct SessionTest : testing::Test {
     DaemonWorld world;
 };
 
-TEST_F(SessionTest, StartMessageTellsOfTheDeviceOnInternalBuildsOnly) {
+TEST_F(SessionTest, StartMessageDescribesTheDeviceOnInternalBuildsOnly) {
     const std::pair<Dictionary, std::vector<std::string>> cases[] = {
         {{{"DeviceName", "phone"}}, {"AutomaticTimeSet", "Locale"}},
         {{{"DeviceName", "phone"}, {"ReleaseType", "Internal"}, {"SerialNumber", "s1"}},

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// The hierarchies: for each token and user, the list of live sessions in order of arrival. "The session of
-// level n" is the first of that level in the list.
+#include "session/session_hierarchies.h"
+
 #include <algorithm>
 
-#include "daemon/telvorad_agent.h"
+#include "session/telvorad_session.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -17,7 +16,7 @@ constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 
 }  // namespace
 
-void TelvoradAgent::updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) {
+void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) {
     const std::optional<std::string> token = session->hierarchyToken();
     if (!token) {
         TELVORA_LOG(
@@ -27,7 +26,7 @@ void TelvoradAgent::updateCorrelatedSessions(const std::shared_ptr<TelvoradSessi
         return;
     }
     const DelegateLock lock(lock_);
-    leaveCorrelatedSessions(*session);
+    removeFromList(*session);
     const auto hierarchy = correlatedSessions_.try_emplace({*token, session->hierarchyUser()}).first;
     SessionList& list = hierarchy->second;
     if (list.empty()) newTokenBytes_ += token->size() + sizeof(SessionList);
@@ -42,24 +41,30 @@ void TelvoradAgent::updateCorrelatedSessions(const std::shared_ptr<TelvoradSessi
                     session->sessionID(), token->c_str());
     }
     list.push_back(session);
-    hierarchyPlaces_[session.get()] = hierarchy;
+    listOfSession_[session.get()] = hierarchy;
     if (newTokenBytes_ > kMaxIdleTokenBytes) dropEmptyLists();
-    correlatedSessionsCount_ = correlatedSessions_.size();
+    count_ = correlatedSessions_.size();
 }
 
-void TelvoradAgent::leaveCorrelatedSessions(const TelvoradSession& session) {
-    const auto place = hierarchyPlaces_.find(&session);
-    if (place == hierarchyPlaces_.end()) return;
-    std::erase_if(place->second->second, [&](const auto& member) { return member.get() == &session; });
-    hierarchyPlaces_.erase(place);
+void SessionHierarchies::leave(const TelvoradSession& session) {
+    if (!session.everInHierarchy()) return;
+    const DelegateLock lock(lock_);
+    removeFromList(session);
 }
 
-void TelvoradAgent::dropEmptyLists() {
+void SessionHierarchies::removeFromList(const TelvoradSession& session) {
+    const auto found = listOfSession_.find(&session);
+    if (found == listOfSession_.end()) return;
+    std::erase_if(found->second->second, [&](const auto& member) { return member.get() == &session; });
+    listOfSession_.erase(found);
+}
+
+void SessionHierarchies::dropEmptyLists() {
     std::erase_if(correlatedSessions_, [](const auto& entry) { return entry.second.empty(); });
     newTokenBytes_ = 0;
 }
 
-bool TelvoradAgent::othersHaveToken(const std::string& token, uid_t user) const {
+bool SessionHierarchies::othersHaveToken(const std::string& token, uid_t user) const {
     for (auto at = correlatedSessions_.lower_bound({token, 0});
          at != correlatedSessions_.end() && at->first.first == token; ++at) {
         if (at->first.second != user && !at->second.empty()) return true;
@@ -67,19 +72,26 @@ bool TelvoradAgent::othersHaveToken(const std::string& token, uid_t user) const 
     return false;
 }
 
-const TelvoradAgent::SessionList* TelvoradAgent::sessionsOfToken(const std::string& token, uid_t user) const {
+const SessionHierarchies::SessionList* SessionHierarchies::sessionsOfToken(const std::string& token,
+                                                                           uid_t user) const {
     const auto found = correlatedSessions_.find({token, user});
     return found != correlatedSessions_.end() && !found->second.empty() ? &found->second : nullptr;
 }
 
-std::shared_ptr<TelvoradSession> TelvoradAgent::getFirstSessionWithHierarchy(int64_t level,
-                                                                             const SessionList& sessions) {
+bool SessionHierarchies::isListed(const TelvoradSession& session, const SessionList& sessions) const {
+    const auto found = listOfSession_.find(&session);
+    return found != listOfSession_.end() && &found->second->second == &sessions;
+}
+
+std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarchy(
+    int64_t level, const SessionList& sessions) {
     const auto found = std::find_if(sessions.begin(), sessions.end(),
                                     [&](const auto& session) { return session->hierarchyLevel() == level; });
     return found != sessions.end() ? *found : nullptr;
 }
 
-std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const TelvoradSession& session) {
+std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
+    const TelvoradSession& session) {
     const std::optional<std::string> token = session.hierarchyToken();
     const int64_t level = session.hierarchyLevel();
     if (level == 0 || !token) return std::nullopt;
@@ -94,8 +106,7 @@ std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const 
                     token->c_str());
         return std::nullopt;
     }
-    if (std::none_of(sessions->begin(), sessions->end(),
-                     [&](const auto& s) { return s.get() == &session; })) {
+    if (!isListed(session, *sessions)) {
         TELVORA_LOG(kLogInfo, "parentSessionIDStringForSession: Session %u not found for hierarchyToken %s",
                     session.sessionID(), token->c_str());
         return std::nullopt;
@@ -116,7 +127,7 @@ std::optional<std::string> TelvoradAgent::parentSessionIDStringForSession(const 
     return combined;
 }
 
-std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const TelvoradSession& child)
+std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const TelvoradSession& child)
     TELVORA_NO_THREAD_SAFETY_ANALYSIS {
     const std::optional<std::string> token = child.hierarchyToken();
     const int64_t level = child.hierarchyLevel();
@@ -130,7 +141,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const Telv
                     token->c_str());
         return nullptr;
     }
-    if (std::none_of(sessions->begin(), sessions->end(), [&](const auto& s) { return s.get() == &child; })) {
+    if (!isListed(child, *sessions)) {
         TELVORA_LOG(kLogError, "parentSessionForChild: ERROR: Session %u not found for hierarchyToken %s",
                     child.sessionID(), token->c_str());
         return nullptr;
@@ -145,7 +156,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::parentSessionForChild(const Telv
     return parent;
 }
 
-std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSession(
+std::shared_ptr<TelvoradSession> SessionHierarchies::getAncestorWithAggregatorForSession(
     const TelvoradSession& session) TELVORA_NO_THREAD_SAFETY_ANALYSIS {
     if (!session.userInfo()) {
         TELVORA_LOG(kLogInfo, "getAncestorWithAggregatorForSession: No user info found for session %u",
@@ -170,7 +181,7 @@ std::shared_ptr<TelvoradSession> TelvoradAgent::getAncestorWithAggregatorForSess
     return nullptr;
 }
 
-void TelvoradAgent::updateDownstreamSessions(TelvoradSession& session) {
+void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
     if (!session.userInfo()) {
         TELVORA_LOG(kLogInfo, "updateDownstreamSessions: No user info found for session %u",
                     session.sessionID());

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// SessionHierarchies: the live sessions of each hierarchy, and the rules by which they find and update each
+// other.
+//
+// A token and a user (TelvoradSession::hierarchyUser) identify a hierarchy: clients can guess each other's
+// tokens, and the sessions of a hierarchy see and control each other's reports. The list of a hierarchy keeps
+// the order in which its sessions joined. "The session of level n" is always the first of that level in the
+// list.
+//
+// The recursive hierarchy lock guards all of it. Operations take the lock themselves and are callable from
+// any thread, except those that leave it to their caller to hold lock().
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "async/work_pool.h"
+#include "util/mutex.h"
+
+namespace telvora {
+
+class TelvoradSession;
+
+// Holds the hierarchy lock for a scope. Another thread may hold it for seconds while it fetches a bag; a
+// thread that waits for it leaves its place in the work pool to another one.
+class TELVORA_TSA(scoped_lockable) DelegateLock {
+  public:
+    explicit DelegateLock(RecursiveMutex& mutex) TELVORA_TSA(acquire_capability(mutex)) : mutex_(mutex) {
+        acquire();
+    }
+    ~DelegateLock() TELVORA_TSA(release_capability()) { mutex_.unlock(); }
+    DelegateLock(const DelegateLock&) = delete;
+    DelegateLock& operator=(const DelegateLock&) = delete;
+
+  private:
+    void acquire() TELVORA_NO_THREAD_SAFETY_ANALYSIS {
+        if (mutex_.try_lock()) return;
+        const BlockingSection blocking;
+        mutex_.lock();
+    }
+
+    RecursiveMutex& mutex_;
+};
+
+class SessionHierarchies {
+  public:
+    // `lock` outlives this object.
+    explicit SessionHierarchies(RecursiveMutex& lock) : lock_(lock) {}
+
+    // The hierarchy lock. Take it with a DelegateLock.
+    RecursiveMutex& lock() { return lock_; }
+
+    // Adds the session to the list of its token and user, and removes it from its former list. A session
+    // without a token is not listed; one that gave up its token stays in its list.
+    void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session);
+    // Removes a session that ends from its list.
+    void leave(const TelvoradSession& session);
+    // Number of lists, empty ones included. Does not wait for the lock.
+    size_t count() const { return count_.load(); }
+
+    // The dotted IDs of the session's ancestors, top first, down from the first level without a session.
+    // `std::nullopt` if there is no parent.
+    std::optional<std::string> parentSessionIDStringForSession(const TelvoradSession& session);
+    // The session one level above, or null. The caller holds lock().
+    std::shared_ptr<TelvoradSession> parentSessionForChild(const TelvoradSession& child);
+    // The highest ancestor that aggregates, or null. The caller holds lock(), unless the session's level is
+    // 0: only the session is read then.
+    std::shared_ptr<TelvoradSession> getAncestorWithAggregatorForSession(const TelvoradSession& session);
+    // Updates the combined IDs and reporting states of the session and of all deeper sessions of its
+    // hierarchy. Ends the aggregation of sessions with an ancestor that aggregates.
+    void updateDownstreamSessions(TelvoradSession& session);
+
+  private:
+    using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
+    using Lists = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
+
+    const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
+    bool isListed(const TelvoradSession& session, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
+    bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
+    void removeFromList(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
+    void dropEmptyLists() TELVORA_REQUIRES(lock_);
+    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
+                                                                         const SessionList& sessions);
+
+    RecursiveMutex& lock_;
+    Lists correlatedSessions_ TELVORA_GUARDED_BY(lock_);
+    std::unordered_map<const TelvoradSession*, Lists::iterator> listOfSession_ TELVORA_GUARDED_BY(lock_);
+    // Bytes of the tokens that were added since empty lists were last dropped.
+    size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) = 0;
+    std::atomic<size_t> count_{0};
+};
+
+}  // namespace telvora
