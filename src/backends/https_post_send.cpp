@@ -58,9 +58,9 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
 
 std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
     const std::optional<Dictionary>& payload) const {
-    TELVORA_LOG(kLogDebug,
-                "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP "
-                "message dictionary");
+    TELVORA_LOG(
+        kLogDebug,
+        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
     if (!payload) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
         return std::nullopt;
@@ -116,9 +116,9 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
-        TELVORA_LOG(kLogDebug,
-                    "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been "
-                    "batched. Forcing Flush here to keep events in order.");
+        TELVORA_LOG(
+            kLogDebug,
+            "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. Forcing Flush here to keep events in order.");
         flushed = flushMessagesWithCompletion({});
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Sending %d, %d, %d", static_cast<int>(state()),
@@ -142,10 +142,10 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     std::optional<std::string> flushed;
     if (count > policy_.eventThreshold || full) {
         if (count > policy_.eventThreshold) {
-            TELVORA_LOG(kLogDebug,
-                        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
-                        "threshold for method %d",
-                        static_cast<int>(method));
+            TELVORA_LOG(
+                kLogDebug,
+                "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method %d",
+                static_cast<int>(method));
         }
         flushed = flushMessagesWithCompletion({});
         count = 0;

@@ -151,10 +151,10 @@ void makeJsonSafe(Dictionary& record) {
             value = TelvoradUtil::sanitizeNumber(date->seconds);
             return true;
         }
-        TELVORA_LOG(kLogWarning,
-                    "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle "
-                    "key: %s, value: %s",
-                    key.c_str(), value.shapeDescription().c_str());
+        TELVORA_LOG(
+            kLogWarning,
+            "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: %s, value: %s",
+            key.c_str(), value.shapeDescription().c_str());
         return false;
     });
 }

@@ -9,8 +9,7 @@ namespace {
 
 // How the daemon turns a client away.
 constexpr char kTurnedAway[] =
-    "the daemon closed the connection without an answer: most likely this program is not entitled "
-    "(telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
+    "the daemon closed the connection without an answer: most likely this program is not entitled (telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
 
 }  // namespace
 

@@ -99,10 +99,10 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagWithName(const std::opti
 
     const HttpResult result = performBlocking(services_.http, makeRequest(url, status.lastModified));
     if (!result) {
-        TELVORA_LOG(kLogInfo,
-                    "fetchStorebagWithName: Error resolving with lookup server %s, "
-                    "sendSynchronousRequest error %s",
-                    url.c_str(), result.error().description.c_str());
+        TELVORA_LOG(
+            kLogInfo,
+            "fetchStorebagWithName: Error resolving with lookup server %s, sendSynchronousRequest error %s",
+            url.c_str(), result.error().description.c_str());
         status.builtIn = name == kQuillet;
         return standIn(name);
     }

@@ -83,10 +83,10 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientT
     const EnvironmentType type = services_.environment.userDefaultsEnvironment();
     const Dictionary* section = sectionForEnvironment(*bag, type);
     if (section == nullptr) {
-        TELVORA_LOG(kLogError,
-                    "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d "
-                    "with %s environment",
-                    printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
+        TELVORA_LOG(
+            kLogError,
+            "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d with %s environment",
+            printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
         return std::nullopt;
     }
     const std::string* bagVersion = bag->string("version");

@@ -43,8 +43,7 @@ std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const Telvor
         if (!record.fetchSuccessful && age < kSecondsBetweenAttempts) {
             TELVORA_LOG(
                 kLogInfo,
-                "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between "
-                "attempts",
+                "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between attempts",
                 static_cast<int>(clientType), kSecondsBetweenAttempts);
             return record.data;
         }

@@ -21,10 +21,10 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     const std::optional<PropertyList> entitlement =
         services_.entitlements.valueForEntitlement(peer, kClientEntitlement);
     if (!entitlement || !entitlement->boolValue()) {
-        TELVORA_LOG(kLogDebug,
-                    "listener: new XPC connection %s does not have required telvora entitlement. Closing "
-                    "connection...",
-                    connection->description().c_str());
+        TELVORA_LOG(
+            kLogDebug,
+            "listener: new XPC connection %s does not have required telvora entitlement. Closing connection...",
+            connection->description().c_str());
         refusals_.notEntitled(peer);
         return false;
     }

@@ -117,10 +117,10 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
     std::string output(deflateBound(&stream, static_cast<uLong>(input.size())), '\0');
     result = deflateWhole(stream, output);
     if (result != Z_STREAM_END) {
-        TELVORA_LOG(kLogError,
-                    "compressDataWithZlibOrGzip: zlib error while attempting compression: \"%s\" "
-                    "Message: \"%s\"",
-                    deflateErrorText(result), messageOf(stream));
+        TELVORA_LOG(
+            kLogError,
+            "compressDataWithZlibOrGzip: zlib error while attempting compression: \"%s\" Message: \"%s\"",
+            deflateErrorText(result), messageOf(stream));
         return std::nullopt;
     }
     output.resize(stream.total_out);

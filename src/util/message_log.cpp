@@ -88,8 +88,7 @@ void explain(const MessageLog& log, std::error_code error) {
     if (error != std::errc::permission_denied) return;
     TELVORA_LOG(
         kLogWarning,
-        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the "
-        "daemon has to be restarted",
+        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the daemon has to be restarted",
         log.directory.c_str());
 }
 
