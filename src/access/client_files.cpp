@@ -10,6 +10,8 @@
 #include <new>
 #include <system_error>
 
+#include "util/error_text.h"
+
 namespace telvora {
 
 namespace {
@@ -21,7 +23,7 @@ tl::unexpected<std::string> refusal(const char* reason) {
 }
 
 tl::unexpected<std::string> failure(const char* what) {
-    return tl::unexpected(what + (": " + std::generic_category().message(errno)));
+    return tl::unexpected(errorText(what, errno));
 }
 
 tl::unexpected<FileRefusal> refused(tl::unexpected<std::string> reason, bool isRegularFile = false) {

@@ -7,6 +7,8 @@
 #include <array>
 #include <climits>
 
+#include "util/hexadecimal.h"
+
 namespace telvora {
 
 namespace {
@@ -15,17 +17,10 @@ constexpr size_t kTokenBytes = 32;
 
 // Empty when the kernel gives no random numbers.
 std::string randomToken() {
-    std::array<unsigned char, kTokenBytes> bytes;
+    std::array<char, kTokenBytes> bytes;
     // Up to 256 bytes come whole once the generator is seeded, getrandom(2).
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string token;
-    token.reserve(2 * kTokenBytes);
-    for (const unsigned char byte : bytes) {
-        token.push_back(kDigits[byte >> 4]);
-        token.push_back(kDigits[byte & 15]);
-    }
-    return token;
+    return hexText({bytes.data(), bytes.size()});
 }
 
 bool isOpenForReading(int file) {

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/mutex.h"
 
@@ -148,8 +149,7 @@ void WorkPool::State::beginBlocking() {
     if (threads.size() >= runners + kMaxSurplusThreads) {
         TELVORA_LOG(kLogDebug, "WorkPool: %zu threads, starting no more.", threads.size());
     } else if (!startThread(true)) {
-        TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s",
-                    std::generic_category().message(errno).c_str());
+        TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s", errorText(errno).c_str());
     }
 }
 

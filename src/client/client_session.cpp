@@ -12,6 +12,7 @@
 #include "client/client_session_connection.h"
 #include "protocol/client_session_wire.h"
 #include "telvora/keys.h"
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -27,7 +28,7 @@ constexpr auto kReadOptionalString = [](ArgumentReader& in) { return in.optional
 
 tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
     const auto failure = [&path](int error) {
-        return tl::unexpected("can't connect to " + path + ": " + std::strerror(error));
+        return tl::unexpected(errorText("can't connect to " + path, error));
     };
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;

@@ -61,7 +61,4 @@ using AnswerHandler = std::function<void(Answer answer)>;
 // Sends the request; `done` runs as ClientSession's completions do.
 void carryOut(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done);
 
-// The file URL of an absolute path (RFC 8089).
-std::string fileURL(const std::string& path);
-
 }  // namespace telvora

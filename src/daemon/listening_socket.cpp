@@ -11,7 +11,8 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <system_error>
+
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -20,7 +21,7 @@ namespace {
 constexpr mode_t kOpenToAll = 0666;
 
 tl::unexpected<std::string> failure(const std::string& what, int error = errno) {
-    return tl::unexpected(what + ": " + std::generic_category().message(error));
+    return tl::unexpected(errorText(what, error));
 }
 
 tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {

@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -23,7 +23,7 @@ constexpr unsigned long kTimerSlackNanoseconds = 50'000'000;
 void report(const char* what, long result) {
     if (result == 0) return;
     TELVORA_LOG(kLogDebug, "setUtilityQualityOfService: can't set the %s: %s", what,
-                std::generic_category().message(errno).c_str());
+                errorText(errno).c_str());
 }
 
 }  // namespace

@@ -3,8 +3,7 @@
 
 #include <systemd/sd-daemon.h>
 
-#include <cstring>
-
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -12,7 +11,7 @@ namespace telvora {
 void notifyServiceManager(const char* state) {
     const int result = sd_notify(0, state);
     if (result < 0) {
-        TELVORA_LOG(kLogWarning, "main: can't tell the service manager: %s", std::strerror(-result));
+        TELVORA_LOG(kLogWarning, "main: can't tell the service manager: %s", errorText(-result).c_str());
     }
 }
 

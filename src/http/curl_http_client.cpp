@@ -7,7 +7,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <system_error>
@@ -19,6 +18,7 @@
 #include "http/http_request_rules.h"
 #include "util/log.h"
 #include "util/mutex.h"
+#include "util/signal_mask.h"
 
 namespace telvora {
 
@@ -38,22 +38,6 @@ size_t costOf(const HttpRequest& request) {
         cost += name.size() + value.size();
     return cost;
 }
-
-// Signals are for the main thread; and a peer that has gone must be an error of write(2), not SIGPIPE.
-class AllSignalsBlocked {
-  public:
-    AllSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-  private:
-    sigset_t before_;
-};
 
 class CurlHttpClient : public HttpClient {
   public:
@@ -169,7 +153,7 @@ bool CurlHttpClient::ensureThread() {
     if (curl_ == nullptr && !openLibrary()) return false;
     if (thread_.joinable()) thread_.join();  // it has set running_ to false and is about to return
     try {
-        const AllSignalsBlocked inherited;
+        const SignalsBlocked inherited;
         thread_ = std::thread([this] { run(); });
     } catch (const std::system_error& error) {
         TELVORA_LOG(kLogError, "CurlHttpClient(start): can't start a thread: %s", error.what());

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/curl_transfer.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <new>
 
 #include "http/http_request_rules.h"
+#include "util/ascii.h"
 
 namespace telvora {
 
@@ -17,20 +16,9 @@ constexpr long kStallSeconds = 60;
 constexpr long kCaCacheSeconds = 3600;
 constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 bool hasHeader(const HttpRequest& request, std::string_view name) {
     return std::any_of(request.headers.begin(), request.headers.end(),
-                       [&](const auto& header) { return equalsIgnoringCase(header.first, name); });
+                       [&](const auto& header) { return equalsIgnoringAsciiCase(header.first, name); });
 }
 
 HttpError::Kind kindOf(CURLcode code) {
@@ -153,7 +141,8 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
     };
     for (const auto& [name, value] : request.headers) {
         // How the body is framed follows from the body alone.
-        if (equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Transfer-Encoding"))
+        if (equalsIgnoringAsciiCase(name, "Content-Length") ||
+            equalsIgnoringAsciiCase(name, "Transfer-Encoding"))
             continue;
         if (value.empty()) {
             add(name, ";", "");

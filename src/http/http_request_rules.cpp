@@ -2,19 +2,20 @@
 #include "http/http_request_rules.h"
 
 #include <arpa/inet.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <system_error>
 
+#include "util/ascii.h"
+
 namespace telvora {
 
 namespace {
 
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
+    return equalsIgnoringAsciiCase(text.substr(0, prefix.size()), prefix);
 }
 
 // RFC 9110, section 5.6.2.

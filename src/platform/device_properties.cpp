@@ -7,6 +7,7 @@
 #include "platform/digest.h"
 #include "platform/environment_file.h"
 #include "plist/property_list_format.h"
+#include "util/ascii.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
@@ -26,15 +27,13 @@ std::optional<std::string> firstLine(const path& file) {
     if (!content) return std::nullopt;
     const std::string_view line =
         std::string_view(*content).substr(0, content->find_first_of(std::string_view("\0\n", 2)));
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos || !isValidUtf8(line)) return std::nullopt;
-    return std::string(line.substr(first, line.find_last_not_of(" \t\r") - first + 1));
+    const std::string_view text = trimmed(line);
+    if (text.empty() || !isValidUtf8(text)) return std::nullopt;
+    return std::string(text);
 }
 
 bool isPlaceholder(std::string_view text) {
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    const std::string lower = asciiLowerCase(text);
     constexpr std::string_view kPlaceholders[] = {"to be filled by o.e.m.",
                                                   "default string",
                                                   "not specified",

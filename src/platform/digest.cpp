@@ -12,6 +12,8 @@
 #include <memory>
 #include <utility>
 
+#include "util/hexadecimal.h"
+
 namespace telvora {
 
 namespace {
@@ -60,14 +62,8 @@ std::array<uint8_t, 32> sha256(std::string_view bytes) {
 }
 
 std::string sha256Hex(std::string_view bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(64);
-    for (const uint8_t byte : sha256(bytes)) {
-        text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 15]);
-    }
-    return text;
+    const std::array<uint8_t, 32> digest = sha256(bytes);
+    return hexText({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 
 std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {

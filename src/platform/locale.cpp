@@ -3,10 +3,12 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
 #include "platform/environment_file.h"
+#include "util/ascii.h"
 #include "util/mutex.h"
 
 namespace telvora {
@@ -33,12 +35,9 @@ struct OffsetOfASecond {
 
 std::optional<std::string> countryCodeOf(std::string_view territory) {
     if (territory.size() != 2) return std::nullopt;
-    std::string code(territory);
-    for (char& c : code) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-        if (c < 'A' || c > 'Z') return std::nullopt;
-    }
-    return code;
+    const std::string code = asciiUpperCase(territory);
+    const bool isCode = std::all_of(code.begin(), code.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+    return isCode ? std::optional(code) : std::nullopt;
 }
 
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {

@@ -10,9 +10,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <system_error>
 
 #include "plist/property_list_format.h"
+#include "util/ascii.h"
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 
@@ -35,9 +36,9 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
 std::string fieldName(std::string_view key) {
     std::string name = "JM_ENTRY_";
     for (const char c : key.substr(0, kMaxFieldName - name.size())) {
-        const bool lower = c >= 'a' && c <= 'z';
-        const bool plain = (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        name.push_back(lower ? static_cast<char>(c - 'a' + 'A') : plain ? c : '_');
+        const char upper = asciiUpperCase(c);
+        const bool isPlain = (upper >= 'A' && upper <= 'Z') || (upper >= '0' && upper <= '9');
+        name.push_back(isPlain ? upper : '_');
     }
     return name;
 }
@@ -84,7 +85,7 @@ class JournalPowerLog final : public PowerLog {
                                     reinterpret_cast<const sockaddr*>(&address_), sizeof address_);
         if (sent >= 0) return;
         TELVORA_LOG(kLogDebug, "JMLogRegisteredEvent: the journal took no entry: %s",
-                    std::generic_category().message(errno).c_str());
+                    errorText(errno).c_str());
     }
 
   private:

@@ -11,6 +11,7 @@
 
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 
@@ -65,7 +66,7 @@ tl::expected<void, std::string> makeDirectory(const std::filesystem::path& direc
     std::error_code error;
     std::filesystem::create_directories(directory.parent_path(), error);
     if (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) return {};
-    return tl::make_unexpected("mkdir: " + std::generic_category().message(errno));
+    return tl::make_unexpected(errorText("mkdir", errno));
 }
 
 tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path,

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "util/ascii.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -33,10 +34,7 @@ std::array<uint8_t, 16> randomUuidBytes() {
 
 std::string randomUuidString() {
     char text[SD_ID128_UUID_STRING_MAX];
-    std::string upper = sd_id128_to_uuid_string(randomId(), text);
-    std::transform(upper.begin(), upper.end(), upper.begin(),
-                   [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c; });
-    return upper;
+    return asciiUpperCase(sd_id128_to_uuid_string(randomId(), text));
 }
 
 double uniformRandom48() {

@@ -13,6 +13,7 @@
 #include "plist/property_list_format.h"
 #include "plist/property_list_limits.h"
 #include "plist/property_list_reader.h"
+#include "util/ascii.h"
 #include "util/base64.h"
 
 namespace telvora {
@@ -20,13 +21,6 @@ namespace telvora {
 namespace {
 
 constexpr const char* kMalformed = "malformed property list";
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
 
 // Whether the whole text is a number.
 template <typename Number, typename... Format>

@@ -9,9 +9,9 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "sandbox/refused_call.h"
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -72,7 +72,7 @@ uint64_t rightsFor(PathAccess access) {
 }
 
 tl::unexpected<std::string> failure(const std::string& what) {
-    return tl::unexpected(what + ": " + std::generic_category().message(errno));
+    return tl::unexpected(errorText(what, errno));
 }
 
 constexpr char kCreateRuleset[] = "landlock_create_ruleset";

@@ -2,12 +2,13 @@
 #include "sandbox/refused_call.h"
 
 #include <cerrno>
-#include <system_error>
+
+#include "util/error_text.h"
 
 namespace telvora {
 
 std::string refusedCall(const std::string& call, int error) {
-    std::string reason = call + "(2): " + std::generic_category().message(error);
+    std::string reason = errorText(call + "(2)", error);
     // No permission is needed to give up rights: only a filter around the process refuses that.
     if (error == EPERM) reason += "; the service manager or container must allow this system call";
     if (error == ENOSYS) reason += "; the kernel lacks it";

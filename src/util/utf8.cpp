@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/hexadecimal.h"
+
 namespace telvora {
 
 namespace {
@@ -78,7 +80,6 @@ std::string replaceInvalidUtf8(std::string_view text) {
 }
 
 std::string escapeControlCharacters(std::string_view text, std::string_view kept) {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
@@ -93,8 +94,8 @@ std::string escapeControlCharacters(std::string_view text, std::string_view kept
             continue;
         }
         for (const char c : sequence) {
-            const auto value = static_cast<unsigned char>(c);
-            result.append({'\\', 'x', kDigits[value >> 4], kDigits[value & 15]});
+            result += "\\x";
+            appendHex(result, c);
         }
     }
     return result;
