@@ -3,6 +3,7 @@
 // What happens to a report: drop, hold or post; the batch and its flush.
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
+#include "config/client_type.h"
 #include "policy/absent_text.h"
 #include "util/log.h"
 
@@ -78,15 +79,14 @@ std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
 
 Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                       uint16_t method, uint16_t respCode) const {
-    // Servers know the sessions of these client types by their number.
-    const bool numbered = compType_ == 7 || (isInternal_ && (compType_ == 11 || compType_ == 13));
     const EventFields fields{
         .startTimeStamp = startTimeStamp_,
         .timestamp = timestamp,
         .sender = senderCodeForClientType(compType_),
         .clientVersion = clientVersion_,
         .combinedSessionID = combinedSessionIDString_,
-        .numericSessionID = numbered ? std::optional(sessionID_) : std::nullopt,
+        .numericSessionID =
+            isSessionNumbered(compType_, isInternal_) ? std::optional(sessionID_) : std::nullopt,
         .eventNumber = eventID_,
         .method = method,
         .status = respCode,
