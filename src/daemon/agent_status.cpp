@@ -2,10 +2,7 @@
 //
 // What the agent tells administrators of its clients and its bags. It waits for no bag fetch: the sessions
 // are asked outside all locks of the agent's, and of the cache there is an extract under a lock of its own.
-#include <cmath>
-
 #include "daemon/telvorad_agent.h"
-#include "util/time_value.h"
 
 namespace telvora {
 
@@ -17,6 +14,21 @@ Dictionary clientStatus(const Peer& peer) {
                       {"pid", static_cast<long long>(peer.pid)}};
     if (!peer.unit.empty()) client.set("unit", peer.unit);
     return client;
+}
+
+const char* nameOf(StorebagCache::Status::State state) {
+    using State = StorebagCache::Status::State;
+    switch (state) {
+        case State::absent:
+            return "absent";
+        case State::builtIn:
+            return "fallback";
+        case State::fresh:
+            return "fresh";
+        case State::stale:
+            return "stale";
+    }
+    return "";
 }
 
 }  // namespace
@@ -39,19 +51,14 @@ Array TelvoradAgent::sessionStatus() {
 }
 
 Array TelvoradAgent::storebagStatus() {
-    const double now = TelvoradUtil::secondsFromTimeValue(services_.clock());
     Array statuses;
-    const MutexLock lock(storebagExtractsLock_);
-    for (const auto& [key, extract] : storebagExtracts_) {
-        const double age = std::fabs(now - extract.fetchTime);
-        const char* state = extract.builtIn                                   ? "fallback"
-                            : !extract.held                                   ? "absent"
-                            : extract.fetchSuccessful && age < extract.maxAge ? "fresh"
-                                                                              : "stale";
-        Dictionary status{
-            {"clientType", extract.clientType}, {"state", state}, {"age", age}, {"maxAge", extract.maxAge}};
-        if (key.name) status.set("name", *key.name);
-        if (extract.version) status.set("version", *extract.version);
+    for (const StorebagCache::Status& bag : cachedStorebags_.statuses()) {
+        Dictionary status{{"clientType", bag.clientType},
+                          {"state", nameOf(bag.state)},
+                          {"age", bag.age},
+                          {"maxAge", bag.maxAge}};
+        if (bag.name) status.set("name", *bag.name);
+        if (bag.version) status.set("version", *bag.version);
         statuses.emplace_back(std::move(status));
     }
     return statuses;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Acceptance of connections and the registry of live sessions.
+// Acceptance of connections, the registry of live sessions, and their bags.
 #include "daemon/telvorad_agent.h"
 
+#include "telvora/keys.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -10,6 +11,11 @@ namespace telvora {
 namespace {
 
 constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
+
+uint32_t clientTypeOf(const TelvoradSession& session) {
+    return static_cast<uint32_t>(
+        session.sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
+}
 
 }  // namespace
 
@@ -96,6 +102,20 @@ void TelvoradAgent::invalidateAllConnections() {
 size_t TelvoradAgent::sessionCount() {
     const RecursiveMutexLock lock(sessionListLock_);
     return sessionList_.size();
+}
+
+std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const TelvoradSession& session) {
+    const uint32_t clientType = clientTypeOf(session);
+    TELVORA_LOG(kLogDebug, "storebagForSession: Retrieving storebag for session %u with client type %d",
+                session.sessionID(), static_cast<int>(clientType));
+    services_.storebagFetcher.readSettings();
+    const DelegateLock lock(lock_);
+    return cachedStorebags().storebag(clientType);
+}
+
+std::optional<std::string> TelvoradAgent::storebagVersionForSession(const TelvoradSession& session) {
+    const DelegateLock lock(lock_);
+    return cachedStorebags().storebagVersion(clientTypeOf(session));
 }
 
 }  // namespace telvora

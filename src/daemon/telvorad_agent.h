@@ -13,7 +13,6 @@
 #pragma once
 
 #include <atomic>
-#include <compare>
 #include <functional>
 #include <list>
 #include <map>
@@ -27,7 +26,7 @@
 #include "access/entitlements.h"
 #include "access/peer.h"
 #include "access/user_quotas.h"
-#include "config/storebag_fetcher.h"
+#include "config/storebag_cache.h"
 #include "daemon/client_connection.h"
 #include "daemon/keep_alive_transaction.h"
 #include "daemon/refusal_log.h"
@@ -50,7 +49,8 @@ struct AgentServices {
 
 class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
-    explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
+    explicit TelvoradAgent(AgentServices services)
+        : services_(std::move(services)), cachedStorebags_(services_.storebagFetcher, services_.clock) {}
 
     // Whether the new connection is let in: its peer must have the entitlement, and its user room for one
     // more connection and session. Then it has its session and serves it. A refused one is left as it is, for
@@ -84,39 +84,6 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   private:
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
 
-    // Which client types share a record: those of one bag name, and those without a name, which are served by
-    // the bag of no name; but for type 0, for which no bag is ever asked: its failures are its own.
-    struct StorebagKey {
-        explicit StorebagKey(uint32_t clientType)
-            : name(bagNameForClientType(clientType)), isFetched(clientType != 0) {}
-        friend auto operator<=>(const StorebagKey&, const StorebagKey&) = default;
-
-        std::optional<std::string> name;
-        bool isFetched;
-    };
-
-    struct StorebagRecord {
-        std::shared_ptr<const Dictionary>
-            data;  // the environment's section; null until a fetch has succeeded
-        std::optional<std::string> version;
-        std::optional<std::string> lastModified;
-        double fetchTime = 0;  // of the last attempt, seconds since 1970
-        int32_t maxAge = 0;    // seconds
-        bool fetchSuccessful = false;
-        bool builtIn = false;  // the data are the built-in stand-in
-    };
-
-    // What is told of a record; under a lock of its own, for the agent's is held across fetches.
-    struct StorebagExtract {
-        int clientType = 0;  // of the session that it was last fetched for
-        std::optional<std::string> version;
-        double fetchTime = 0;
-        int32_t maxAge = 0;
-        bool fetchSuccessful = false;
-        bool held = false;     // there is a bag
-        bool builtIn = false;  // it is the built-in one
-    };
-
     struct RegisteredSession {
         std::shared_ptr<TelvoradSession> session;
         Peer peer;
@@ -127,7 +94,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Registry.
     void invalidated(const std::shared_ptr<TelvoradSession>& session);
     // Storebags.
-    void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
+    StorebagCache& cachedStorebags() TELVORA_REQUIRES(lock_) { return cachedStorebags_; }
     // Hierarchy.
     using Hierarchies = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
     const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
@@ -148,9 +115,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         TELVORA_GUARDED_BY(sessionListLock_);
 
     RecursiveMutex lock_{LockRank::agent};
-    std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
-    Mutex storebagExtractsLock_;
-    std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
+    StorebagCache cachedStorebags_;  // reached by cachedStorebags(), except for its statuses
     Hierarchies correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, Hierarchies::iterator> hierarchyPlaces_
         TELVORA_GUARDED_BY(lock_);  // who is in which list
