@@ -22,7 +22,7 @@
 namespace telvora {
 
 // The longest inner bag whose document, base64 and with the signature of a key of any length, a daemon reads.
-inline constexpr size_t kMaxInnerBagBytes = (kMaxPropertyListBytes - 8192) / 4 * 3;
+inline constexpr size_t kMaxInnerBagBytes = (kMaxDocumentBytes - 8192) / 4 * 3;
 std::string whyTooLongToSign();
 
 // The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies, or

@@ -14,14 +14,14 @@
 namespace telvora {
 
 // The deepest nesting of arrays and dictionaries that is read or written; it bounds the stack.
-constexpr size_t kMaxPropertyListDepth = 64;
+constexpr size_t kMaxDocumentDepth = 64;
 
 // The longest document that is read, in bytes; and the most values (keys among them) in one, more than any
 // document of that length has whose keys differ. A binary document can refer to one object many times: its
 // values and their bytes count once per reference. The worst documents take 115 MB
 // and half a second.
-constexpr size_t kMaxPropertyListBytes = 16 << 20;
-constexpr size_t kMaxPropertyListValues = 1 << 21;
+constexpr size_t kMaxDocumentBytes = 16 << 20;
+constexpr size_t kMaxDocumentValues = 1 << 21;
 
 enum class PropertyListFormat { xml, binary };
 
@@ -33,7 +33,7 @@ tl::expected<PropertyList, std::string> parsePropertyList(std::string_view docum
 // Whether a document was refused for one of the limits alone, as its reason tells.
 bool exceedsPropertyListLimit(std::string_view reason);
 
-// Reads a file of either format, of at most kMaxPropertyListBytes. Blocks on file I/O.
+// Reads a file of either format, of at most kMaxDocumentBytes. Blocks on file I/O.
 tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesystem::path& path);
 
 // Writes a document. Fails with a reason only on values that the format can't hold: nesting, strings and

@@ -121,7 +121,7 @@ class BinaryReader {
     }
 
     // The object with all below it. `depth`: the containers around it. The recursion ends at
-    // kMaxPropertyListDepth, and altogether after kMaxPropertyListValues calls.
+    // kMaxDocumentDepth, and altogether after kMaxDocumentValues calls.
     PropertyList valueAt(uint64_t index, size_t depth) {
         const auto object = objectAt(index);
         if (!object) return fail(kOutOfBounds);
@@ -160,7 +160,7 @@ class BinaryReader {
             return {};
         }
         bytes_ += bytes;
-        if (bytes_ > kMaxPropertyListBytes) fail(kWhyTooLarge);
+        if (bytes_ > kMaxDocumentBytes) fail(kWhyTooLarge);
         return error_ == nullptr ? *found : std::string_view();
     }
 
@@ -222,9 +222,9 @@ class BinaryReader {
     // Where the references of a container begin, and how many there are. They count, before there is room
     // made for them, as the values that they will be.
     std::optional<std::string_view> references(const Object& object, uint64_t perElement, size_t depth) {
-        if (depth > kMaxPropertyListDepth) fail(kWhyTooDeep);
-        if (object.length > kMaxPropertyListValues ||
-            (values_ += object.length * perElement) > kMaxPropertyListValues) {
+        if (depth > kMaxDocumentDepth) fail(kWhyTooDeep);
+        if (object.length > kMaxDocumentValues ||
+            (values_ += object.length * perElement) > kMaxDocumentValues) {
             fail(kWhyTooMany);
         }
         if (error_ != nullptr) return std::nullopt;

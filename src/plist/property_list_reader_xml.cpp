@@ -180,10 +180,10 @@ class XmlReader {
                                   ? open_.back().key.has_value()
                                   : isIn(Element::array) || (!top_ && (isOutside || isIn(Element::plist)));
             if (!fits) return fail(kMalformed);
-            if (++values_ > kMaxPropertyListValues) return fail(kWhyTooMany);
+            if (++values_ > kMaxDocumentValues) return fail(kWhyTooMany);
         }
         if (*element == Element::array || *element == Element::dictionary) {
-            if (++depth_ > kMaxPropertyListDepth) return fail(kWhyTooDeep);
+            if (++depth_ > kMaxDocumentDepth) return fail(kWhyTooDeep);
         }
         text_.clear();
         open_.push_back({*element});

@@ -90,7 +90,7 @@ TEST_P(PropertyListFormatTest, EveryTypeSurvivesTheRoundTripInsideAndAtTheTop) {
 
 TEST_P(PropertyListFormatTest, NestingIsWrittenAndReadUpToTheSameLimit) {
     PropertyList value = 1;
-    for (size_t i = 0; i < kMaxPropertyListDepth; ++i)
+    for (size_t i = 0; i < kMaxDocumentDepth; ++i)
         value = i % 2 ? PropertyList(Array{value}) : PropertyList(Dictionary{{"k", value}});
     EXPECT_EQ(parsePropertyList(serializePropertyList(value, GetParam()).value()), value);
     EXPECT_EQ(serializePropertyList(Array{value}, GetParam()).error(), "nested more than 64 deep");
@@ -174,7 +174,7 @@ TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
 TEST(PropertyListXmlTest, TakesWhatFitsIntoItsBytesInTimeInProportion) {
     std::string document = "<dict>";
     size_t entries = 0;
-    for (char key[32]; document.size() < kMaxPropertyListBytes - 64; ++entries) {
+    for (char key[32]; document.size() < kMaxDocumentBytes - 64; ++entries) {
         std::snprintf(key, sizeof key, "<key>%07zx</key><true/>", entries);
         document += key;
     }
@@ -188,11 +188,11 @@ TEST(PropertyListXmlTest, TakesWhatFitsIntoItsBytesInTimeInProportion) {
 
 TEST(PropertyListHostileTest, IsRefusedWithAReason) {
     const std::string deep = repeated("<array>", 100000), plist = "<plist>";
-    const size_t many = kMaxPropertyListValues + 1;
+    const size_t many = kMaxDocumentValues + 1;
     const std::pair<const char*, std::vector<std::string>> documents[] = {
         {"not a property list",
          {"", "hello", R"({"a": 1})", "<plist a=\"><!--\">" + deep + "-->", "<?x \"?><!--\"?>" + deep}},
-        {"16 MiB", {std::string(kMaxPropertyListBytes + 1, ' ')}},
+        {"16 MiB", {std::string(kMaxDocumentBytes + 1, ' ')}},
         {"deep",
          {plist + deep, plist + repeated("<dict\t><key>k</key>", 70),
           plist + repeated("<array><!--</array>-->", 70),
