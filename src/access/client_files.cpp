@@ -44,7 +44,7 @@ ClientFiles::ClientFiles(Peer client, std::vector<path> uploadDirectories, Uploa
       user_(std::move(user)) {}
 
 tl::expected<std::string, std::string> ClientFiles::issueFileExtension(std::string filePath, UniqueFd file) {
-    QuotaHold place;
+    QuotaCharge place;
     if (!user_.take(Quota::extensionTokens, 1, place)) return refusal("Too many extensions are unused");
     return extensions_.issue(std::move(filePath), std::move(file), std::move(place));
 }

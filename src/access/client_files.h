@@ -26,7 +26,6 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "access/file_extension_issuer.h"
 #include "access/file_extensions.h"
 #include "access/peer.h"
 #include "access/upload_admission.h"
@@ -51,14 +50,16 @@ struct FileRefusal {
         false;  // one that can't be read; else no regular file, or one that may not be looked at
 };
 
-class ClientFiles final : public FileExtensionIssuer {
+class ClientFiles {
   public:
     // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission`
     // outlives this. `user`: whose extension tokens are counted.
     ClientFiles(Peer client, std::vector<std::filesystem::path> uploadDirectories, UploadAdmission& admission,
                 QuotaUser user = {});
 
-    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override;
+    // Takes over `file`, the client's open descriptor of the file at `path`. Returns the extension token with
+    // which the client may name the file in open(); fails with the client's mistake.
+    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file);
     // Makes a token void; the descriptor behind it is closed if nobody has consumed it.
     void releaseExtension(const std::string& token) { extensions_.release(token); }
 

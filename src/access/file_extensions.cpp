@@ -36,7 +36,7 @@ tl::unexpected<std::string> refusal(const char* reason) {
 }  // namespace
 
 tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file,
-                                                             QuotaHold place) {
+                                                             QuotaCharge place) {
     if (path.empty() || path.size() > PATH_MAX) return refusal("The path is empty or too long");
     if (!isOpenForReading(file.get())) return refusal("The file is not open for reading");
     if (extensions_.size() >= kMaxTokens) return refusal("Too many extensions are unused");

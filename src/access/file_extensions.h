@@ -27,7 +27,7 @@ class FileExtensions {
     // a reason when the descriptor was not opened for reading (open(2): O_WRONLY, O_PATH), when the path is
     // empty or longer than PATH_MAX, when too many tokens are out, and when the kernel gives no random
     // numbers.
-    tl::expected<std::string, std::string> issue(std::string path, UniqueFd file, QuotaHold place);
+    tl::expected<std::string, std::string> issue(std::string path, UniqueFd file, QuotaCharge place);
 
     // Gives up the descriptor that the token was issued for; from then on the token is void. None when there
     // is no such token or it was issued for another path; then it stays as it was.
@@ -40,7 +40,7 @@ class FileExtensions {
     struct Extension {
         std::string path;
         UniqueFd file;
-        QuotaHold place;
+        QuotaCharge place;
     };
 
     std::unordered_map<std::string, Extension> extensions_;

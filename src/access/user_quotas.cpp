@@ -56,20 +56,20 @@ struct UserShare {
     bool admitsLine(int level, OwnErrorLines& client) TELVORA_EXCLUDES(lock_);
     std::array<QuotaUse, kQuotas> uses() TELVORA_EXCLUDES(lock_);
     // Logs the refusals that have not been told and may be by now.
-    void tellRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
+    void logRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
     // Whether no refusal and no log line counts any more.
     bool isQuiet(TimePoint now) TELVORA_EXCLUDES(lock_);
 
   private:
     struct Refusals {
         uint64_t all = 0;
-        uint64_t untold = 0;
+        uint64_t unlogged = 0;
         TimePoint nextLine;  // not before
     };
 
     bool holdsTooMuch(Quota quota);
     void refuse(Quota quota, TimePoint now) TELVORA_EXCLUDES(lock_);
-    void tellUntold(Quota quota, uint64_t refusals) const;
+    void logUnlogged(Quota quota, uint64_t refusals) const;
 
     const UserQuotas& quotas_;
     const uid_t user_;
@@ -123,7 +123,7 @@ bool UserShare::admitsLine(int level, OwnErrorLines& client) {
             }
         }
     }
-    if (begins) tellRefusals(now);
+    if (begins) logRefusals(now);
     if (!admitted) refuse(Quota::logLines, now);
     return admitted;
 }
@@ -135,33 +135,33 @@ void UserShare::refuse(Quota quota, TimePoint now) {
         Refusals& refusals = refusals_[static_cast<size_t>(quota)];
         ++refusals.all;
         if (now < refusals.nextLine) {
-            ++refusals.untold;
+            ++refusals.unlogged;
             return;
         }
-        before = std::exchange(refusals.untold, 0);
+        before = std::exchange(refusals.unlogged, 0);
         refusals.nextLine = quota == Quota::logLines ? periodEnd_ : now + kPeriod;
     }
-    if (before > 0) tellUntold(quota, before);
+    if (before > 0) logUnlogged(quota, before);
     const LogScope nobody(nullptr);
     TELVORA_LOG(kLogError, "UserQuotas: user %u is over the quota of %llu %s (%s)", user_,
                 static_cast<unsigned long long>(quotas_.limitOf(quota)), ruleOf(quota).name,
                 ruleOf(quota).key);
 }
 
-void UserShare::tellUntold(Quota quota, uint64_t refusals) const {
+void UserShare::logUnlogged(Quota quota, uint64_t refusals) const {
     const LogScope nobody(nullptr);
     TELVORA_LOG(kLogError, "UserQuotas: user %u was over the quota of %s %llu more times", user_,
                 ruleOf(quota).name, static_cast<unsigned long long>(refusals));
 }
 
-void UserShare::tellRefusals(TimePoint now) {
+void UserShare::logRefusals(TimePoint now) {
     for (size_t i = 0; i < kQuotas; ++i) {
-        uint64_t untold = 0;
+        uint64_t unlogged = 0;
         {
             const MutexLock lock(lock_);
-            if (now >= refusals_[i].nextLine) untold = std::exchange(refusals_[i].untold, 0);
+            if (now >= refusals_[i].nextLine) unlogged = std::exchange(refusals_[i].unlogged, 0);
         }
-        if (untold > 0) tellUntold(quotaAt(i), untold);
+        if (unlogged > 0) logUnlogged(quotaAt(i), unlogged);
     }
 }
 
@@ -185,25 +185,25 @@ std::array<QuotaUse, kQuotas> UserShare::uses() {
 
 // --- Handles ---
 
-QuotaHold& QuotaHold::operator=(QuotaHold&& other) noexcept {
-    QuotaHold taken(std::move(other));
+QuotaCharge& QuotaCharge::operator=(QuotaCharge&& other) noexcept {
+    QuotaCharge taken(std::move(other));
     swap(taken);
     return *this;
 }
 
-void QuotaHold::swap(QuotaHold& other) noexcept {
+void QuotaCharge::swap(QuotaCharge& other) noexcept {
     std::swap(share_, other.share_);
     std::swap(quota_, other.quota_);
     std::swap(amount_, other.amount_);
 }
 
-void QuotaHold::resize(uint64_t amount) {
+void QuotaCharge::resize(uint64_t amount) {
     // Modulo 2^64, so that this gives back as well as takes.
     if (share_) share_->held(quota_).fetch_add(amount - amount_, std::memory_order_relaxed);
     amount_ = amount;
 }
 
-void QuotaHold::countAs(Quota quota) {
+void QuotaCharge::countAs(Quota quota) {
     // Counted twice for a moment rather than not at all.
     if (share_) {
         share_->held(quota) += amount_;
@@ -212,7 +212,7 @@ void QuotaHold::countAs(Quota quota) {
     quota_ = quota;
 }
 
-void QuotaHold::add(QuotaHold other) {
+void QuotaCharge::add(QuotaCharge other) {
     if (!share_) return swap(other);
     other.countAs(quota_);
     amount_ += std::exchange(other.amount_, 0);
@@ -233,7 +233,7 @@ struct ClientLog final : LogAdmission {
 QuotaUser::QuotaUser(std::shared_ptr<UserShare> share)
     : share_(std::move(share)), log_(std::make_shared<ClientLog>(share_)) {}
 
-bool QuotaUser::take(Quota quota, uint64_t amount, QuotaHold& hold) const {
+bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& hold) const {
     if (!share_) return true;
     if (!share_->take(quota, amount)) return false;
     if (!hold.share_) {
@@ -275,7 +275,7 @@ QuotaUser UserQuotas::of(uid_t user) {
     if (now >= nextSweep_) {
         nextSweep_ = now + kPeriod;
         for (const auto& [each, share] : users_)
-            share->tellRefusals(now);
+            share->logRefusals(now);
         std::erase_if(users_, [now](const auto& entry) {
             return entry.second.use_count() == 1 && entry.second->isQuiet(now);
         });
@@ -292,10 +292,10 @@ std::map<uid_t, std::array<QuotaUse, kQuotas>> UserQuotas::uses() {
     return uses;
 }
 
-void UserQuotas::tellRefusals() {
+void UserQuotas::logRefusals() {
     const MutexLock lock(lock_);
     for (const auto& [user, share] : users_)
-        share->tellRefusals(TimePoint::max());
+        share->logRefusals(TimePoint::max());
 }
 
 }  // namespace telvora

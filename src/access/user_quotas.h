@@ -5,14 +5,14 @@
 // since. All users have the same limits, root and the daemon's own user too.
 //
 // A user's quotas are counted in one place for all connections (UserShare in user_quotas.cpp): a QuotaUser
-// refers to it, a QuotaHold is a part of one quota that is taken. Taking and giving back cost a few atomic
+// refers to it, a QuotaCharge is a part of one quota that is taken. Taking and giving back cost a few atomic
 // operations. Once nothing refers to a user any more, the user is forgotten within the minute that its
 // refusals and its log lines count for, and the next connection of anybody.
 //
 // The limits are user defaults. They are read with every connection and every question for the status, and
 // count from then on for all; what is taken stays taken.
 //
-// Everything here may be called from any thread, but one QuotaHold from one at a time.
+// Everything here may be called from any thread, but one QuotaCharge from one at a time.
 #pragma once
 
 #include <sys/types.h>
@@ -55,23 +55,23 @@ class UserQuotas;
 struct UserShare;
 
 // A part of one quota of one user, or nothing. Its end gives it back.
-class QuotaHold {
+class QuotaCharge {
   public:
-    QuotaHold() = default;
-    QuotaHold(QuotaHold&& other) noexcept { swap(other); }
-    QuotaHold& operator=(QuotaHold&& other) noexcept;
-    ~QuotaHold() { resize(0); }
+    QuotaCharge() = default;
+    QuotaCharge(QuotaCharge&& other) noexcept { swap(other); }
+    QuotaCharge& operator=(QuotaCharge&& other) noexcept;
+    ~QuotaCharge() { resize(0); }
 
     // From now on it is this much. More than before is not refused: it counts against what comes next.
     void resize(uint64_t amount);
     // From now on it is a part of this quota; not refused either.
     void countAs(Quota quota);
     // Takes over another hold of the same user, as a part of this one's quota.
-    void add(QuotaHold other);
+    void add(QuotaCharge other);
 
   private:
     friend class QuotaUser;
-    void swap(QuotaHold& other) noexcept;
+    void swap(QuotaCharge& other) noexcept;
 
     std::shared_ptr<UserShare> share_;
     Quota quota_{};
@@ -86,7 +86,7 @@ class QuotaUser {
 
     // Adds to a hold, which is empty or of this user and quota. False: the user would be over its quota; then
     // nothing has changed, and the refusal is counted and logged.
-    bool take(Quota quota, uint64_t amount, QuotaHold& hold) const;
+    bool take(Quota quota, uint64_t amount, QuotaCharge& hold) const;
     // For a LogScope: what is logged in it is on this client's behalf. Lives as long as any copy of this. The
     // lines of the user's other clients can use up the user's quota, but not the errors and warnings that
     // each client has besides.
@@ -106,7 +106,7 @@ struct QuotaUse {
     uint64_t refused = 0;  // how often, since the user was last forgotten
 };
 
-// Outlives every QuotaUser and QuotaHold.
+// Outlives every QuotaUser and QuotaCharge.
 class UserQuotas {
   public:
     using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
@@ -120,7 +120,7 @@ class UserQuotas {
     // The users that are known, and their quotas in the order of Quota. Reads the limits, likewise.
     std::map<uid_t, std::array<QuotaUse, kQuotas>> uses() TELVORA_EXCLUDES(lock_);
     // Logs the refusals that the log has not been told of yet: for the daemon's end.
-    void tellRefusals() TELVORA_EXCLUDES(lock_);
+    void logRefusals() TELVORA_EXCLUDES(lock_);
 
   private:
     friend struct UserShare;

@@ -74,7 +74,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     // What a message takes along: how many reports it holds, and their part of the user's pending bytes.
     struct Load {
         size_t reports = 0;
-        QuotaHold room;
+        QuotaCharge room;
     };
 
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
@@ -90,7 +90,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     void loseBatch(ReportPlace cause);
     Quota quotaOfBatch() const;
     bool takeBatchRoom(Quota quota, size_t bytes) TELVORA_EXCLUDES(batchRoomLock_);
-    QuotaHold releaseBatchRoom() TELVORA_EXCLUDES(batchRoomLock_);
+    QuotaCharge releaseBatchRoom() TELVORA_EXCLUDES(batchRoomLock_);
     std::optional<std::string> loseOverQuota();
     bool hasRoomForUserInfo(const Dictionary& userInfo);
     bool keepsInFlush(const Dictionary& record);
@@ -116,8 +116,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // approximately
     Mutex batchRoomLock_;
-    QuotaHold batchRoom_ TELVORA_GUARDED_BY(batchRoomLock_);  // the same, of the user's quotas
-    std::unordered_map<int64_t, int32_t> eventMethodCounts_;  // of the batch's events, by "_method"
+    QuotaCharge batchRoom_ TELVORA_GUARDED_BY(batchRoomLock_);  // the same, of the user's quotas
+    std::unordered_map<int64_t, int32_t> eventMethodCounts_;    // of the batch's events, by "_method"
     bool immutable_ = false;  // a logged message has gone out: the bag is not consulted any more
 };
 

@@ -111,7 +111,7 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
 
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
                                                           uint16_t respCode, SendFlag flag) {
-    QuotaHold room;
+    QuotaCharge room;
     if (!user_.take(Quota::pendingBytes, approximateSize(record), room)) return loseOverQuota();
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
@@ -181,7 +181,7 @@ Quota HTTPSPostBackend::quotaOfBatch() const {
 }
 
 bool HTTPSPostBackend::takeBatchRoom(Quota quota, size_t bytes) {
-    QuotaHold more;
+    QuotaCharge more;
     if (!user_.take(quota, bytes, more)) return false;
     const MutexLock lock(batchRoomLock_);
     batchRoom_.add(std::move(more));
@@ -189,7 +189,7 @@ bool HTTPSPostBackend::takeBatchRoom(Quota quota, size_t bytes) {
     return true;
 }
 
-QuotaHold HTTPSPostBackend::releaseBatchRoom() {
+QuotaCharge HTTPSPostBackend::releaseBatchRoom() {
     const MutexLock lock(batchRoomLock_);
     return std::move(batchRoom_);
 }
@@ -245,7 +245,7 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
         completeWithError(completion, "Can not flush: over quota");
         return std::nullopt;
     }
-    QuotaHold room = releaseBatchRoom();
+    QuotaCharge room = releaseBatchRoom();
     room.countAs(Quota::pendingBytes);
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !keepsInFlush(event); });

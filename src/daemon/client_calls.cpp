@@ -174,8 +174,8 @@ class SessionCalls {
         std::string path = in.string();
         UniqueFd file = in.file();
         if (!in.ok()) return invalidArguments(in);
-        if (!targets_.issuer) return BusError{kBusErrorNotSupported, "No file extensions are issued here"};
-        const auto token = targets_.issuer->issueFileExtension(std::move(path), std::move(file));
+        if (!targets_.files) return BusError{kBusErrorNotSupported, "No file extensions are issued here"};
+        const auto token = targets_.files->issueFileExtension(std::move(path), std::move(file));
         if (!token) return BusError{kBusErrorInvalidArgs, token.error()};
         bus_.replyNow(call, [&token](BusMessage& reply) { return reply.appendString(*token); });
         return std::nullopt;

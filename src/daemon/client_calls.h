@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "access/file_extension_issuer.h"
+#include "access/client_files.h"
 #include "access/user_quotas.h"
 #include "bus/bus_connection.h"
 #include "protocol/client_session_interface.h"
@@ -18,7 +18,7 @@ namespace telvora {
 // behalf calls are carried out.
 struct ClientCallTargets {
     std::shared_ptr<ClientSessionInterface> session;
-    std::shared_ptr<FileExtensionIssuer> issuer;
+    std::shared_ptr<ClientFiles> files;
     QuotaUser user;
 };
 

@@ -52,9 +52,7 @@ class BusClientConnection : public ClientConnection,
     void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
         targets_.session = std::move(session);
     }
-    void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) override {
-        targets_.issuer = std::move(issuer);
-    }
+    void setClientFiles(std::shared_ptr<ClientFiles> files) override { targets_.files = std::move(files); }
     void setUser(QuotaUser user) override { targets_.user = std::move(user); }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
@@ -96,7 +94,7 @@ class BusClientConnection : public ClientConnection,
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
     size_t outboxBytes_ TELVORA_GUARDED_BY(outboxLock_) = 0;
-    QuotaHold outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
+    QuotaCharge outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
     bool ended_ TELVORA_GUARDED_BY(outboxLock_) = false;
 };
 
@@ -145,7 +143,7 @@ void BusClientConnection::ended(const std::string& reason) {
         whyUnreachable_ = "the client has left, which is no error where it has ended its session";
     }
     targets_.session.reset();
-    targets_.issuer.reset();
+    targets_.files.reset();
     if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
     emptyOutbox();
     bus_ = nullptr;

@@ -16,7 +16,7 @@
 #include <memory>
 #include <string>
 
-#include "access/file_extension_issuer.h"
+#include "access/client_files.h"
 #include "access/user_quotas.h"
 #include "async/work_pool.h"
 #include "bus/bus_connection.h"
@@ -39,7 +39,7 @@ class ClientConnection : public ClientSessionReplyInterface {
     // The object that answers the client's calls; the connection owns a reference until its invalidation.
     virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> session) = 0;
     // Answers the client's IssueFileExtension; without one, the call is answered with "not supported".
-    virtual void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) = 0;
+    virtual void setClientFiles(std::shared_ptr<ClientFiles> files) = 0;
     // On whose behalf the client's calls are carried out; without one, on nobody's.
     virtual void setUser(QuotaUser user) = 0;
     // Called at most once, on the strand, when the connection has ended, whoever ended it; the exported

@@ -232,7 +232,7 @@ int run(const Directories& directories, UserDefaults& defaults, const MessageLog
     runLoop.run();
 
     logLosses(ledger);
-    quotas.tellRefusals();
+    quotas.logRefusals();
     if (agent.sessionsAlive() > 0) {
         // Their deadline is over, and what they wait for, a server or an adaptor, may never come.
         stopLogging();

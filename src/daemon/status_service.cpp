@@ -51,7 +51,7 @@ void StatusService::accept(Strand strand, UniqueFd socket, const Peer& peer) {
                     peer.description().c_str());
         if (refused_.use_count() > kMaxRefusedPeers) return;
     }
-    const auto connected = std::make_shared<QuotaHold>();
+    const auto connected = std::make_shared<QuotaCharge>();
     if (!user.take(Quota::connections, 1, *connected)) return;
     const auto bus = BusConnection::make(std::move(strand), std::move(socket), BusRole::kServer, kLimits);
     auto served = bus.and_then([&](const std::shared_ptr<BusConnection>& connection) {

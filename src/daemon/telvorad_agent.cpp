@@ -34,8 +34,8 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         refusals_.notEntitled(peer);
         return false;
     }
-    const auto connected = std::make_shared<QuotaHold>();
-    QuotaHold place;
+    const auto connected = std::make_shared<QuotaCharge>();
+    QuotaCharge place;
     if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) return false;
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
@@ -47,7 +47,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     auto files =
         std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
     auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
-    connection->setFileExtensionIssuer(std::move(files));
+    connection->setClientFiles(std::move(files));
     connection->setExportedObject(session);
     connection->setUser(user);
     {

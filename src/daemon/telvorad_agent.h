@@ -88,7 +88,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         std::shared_ptr<TelvoradSession> session;
         Peer peer;
         std::weak_ptr<ClientConnection> connection;
-        QuotaHold place;
+        QuotaCharge place;
     };
 
     // Registry.

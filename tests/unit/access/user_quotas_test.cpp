@@ -41,7 +41,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         SCOPED_TRACE(more);
         limit(quota, 10);
         const QuotaUser first = quotas_.of(1), second = quotas_.of(2);
-        QuotaHold six, four, all, none;
+        QuotaCharge six, four, all, none;
         EXPECT_TRUE(first.take(quota, 6, six) && first.take(quota, 3, four) && first.take(quota, 1, four));
         for (int i = 0; i < 3; ++i)
             EXPECT_FALSE(first.take(quota, 1, none));
@@ -70,7 +70,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
                            " 4 more times");
         expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of 0") + (over + 2));
         EXPECT_EQ(log_.lines(), expected);
-        quotas_.tellRefusals();
+        quotas_.logRefusals();
         expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
                            " 1 more times");
         EXPECT_EQ(log_.lines(), expected);
@@ -109,7 +109,7 @@ TEST_F(UserQuotasTest, BytesChangeTheirQuotaWithoutBeingRefusedButAreBoundedToge
     limit(Quota::pendingBytes, 10);
     limit(Quota::dormantBytes, 5);
     const QuotaUser user = quotas_.of(1);
-    QuotaHold batch, more;
+    QuotaCharge batch, more;
     EXPECT_TRUE(user.take(Quota::pendingBytes, 10, batch));
     batch.countAs(Quota::dormantBytes);
     EXPECT_EQ(use(1, Quota::pendingBytes).held, 0u);
