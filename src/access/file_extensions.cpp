@@ -15,10 +15,10 @@ namespace {
 
 constexpr size_t kTokenBytes = 32;
 
-// Empty when the kernel gives no random numbers.
+// Empty if the kernel gives no random numbers.
 std::string randomToken() {
     std::array<char, kTokenBytes> bytes;
-    // Up to 256 bytes come whole once the generator is seeded, getrandom(2).
+    // Once the generator is seeded, up to 256 bytes arrive whole, getrandom(2).
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};
     return hexText({bytes.data(), bytes.size()});
 }
@@ -36,13 +36,13 @@ tl::unexpected<std::string> refusal(const char* reason) {
 }  // namespace
 
 tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file,
-                                                             QuotaCharge place) {
+                                                             QuotaCharge charge) {
     if (path.empty() || path.size() > PATH_MAX) return refusal("The path is empty or too long");
     if (!isOpenForReading(file.get())) return refusal("The file is not open for reading");
     if (extensions_.size() >= kMaxTokens) return refusal("Too many extensions are unused");
     std::string token = randomToken();
     if (token.empty()) return refusal("No extension can be made");
-    extensions_[token] = {std::move(path), std::move(file), std::move(place)};
+    extensions_[token] = {std::move(path), std::move(file), std::move(charge)};
     return token;
 }
 

@@ -67,7 +67,7 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientT
     }
     const std::string* bagVersion = bag->string("version");
     version = bagVersion != nullptr ? std::optional(*bagVersion) : std::nullopt;
-    // The bag's own refresh cycle goes before what the server's headers say.
+    // The refresh cycle of the bag overrides the headers of the server.
     if (const auto refreshCycle = refreshCycleOf(*bag)) {
         status.maxAge = *refreshCycle;
         TELVORA_LOG(kLogInfo, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=%d",

@@ -76,7 +76,7 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
-    // Where reports go is for the bag to say, not for a variable that was left in the environment.
+    // The bag sets the destination of reports, so a proxy variable in the environment must not.
     curl_.easySetopt(easy_, CURLOPT_PROXY, "");
 
     curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
@@ -87,7 +87,7 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
-    // A directory of certificates would keep libcurl from caching the store between connections.
+    // A directory of certificates would prevent libcurl from caching the store between connections.
     curl_.easySetopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
     curl_.easySetopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
     if (!options.caFile.empty()) curl_.easySetopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
@@ -105,8 +105,8 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     setMethodAndBody(request);
     curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 0L);
     curl_.easySetopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
-    // Over TLS the first handshake tells whether one connection serves all; worth waiting for. Without TLS
-    // there is nothing to learn, and a slow first answer would hold up the others.
+    // Over TLS the first handshake shows whether one connection can serve all exchanges, so the others wait
+    // for it. Without TLS they would only wait for a slow first answer.
     curl_.easySetopt(easy_, CURLOPT_PIPEWAIT, isSecureUrl(request.url) ? 1L : 0L);
     curl_.easySetopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(std::clamp<size_t>(request.maxResponseBytes, 1, INT64_MAX)));
@@ -116,7 +116,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
 void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
     curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
     curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also undoes what an earlier method has set
+    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also resets the options of an earlier method
     if (request.method == "HEAD") {
         curl_.easySetopt(easy_, CURLOPT_NOBODY, 1L);
         return;
@@ -131,7 +131,7 @@ void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
     }
 }
 
-// libcurl copies neither the list nor its strings, so both are kept here and their memory is used again.
+// libcurl copies neither the list nor its strings; both are kept here, and their memory is reused.
 curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
     headerText_.clear();
     size_t lines = 0;
@@ -140,7 +140,7 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
         ++lines;
     };
     for (const auto& [name, value] : request.headers) {
-        // How the body is framed follows from the body alone.
+        // The body alone determines its framing.
         if (equalsIgnoringAsciiCase(name, "Content-Length") ||
             equalsIgnoringAsciiCase(name, "Transfer-Encoding"))
             continue;
@@ -150,7 +150,7 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
             add(name, ": ", value);
         }
     }
-    // A header without a value takes libcurl's own one out.
+    // A header without a value removes libcurl's own.
     for (const std::string_view name : {"Accept", "Content-Type", "Expect"}) {
         if (!hasHeader(request, name)) add(name, ":", "");
     }
@@ -181,7 +181,7 @@ size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self)
 
 void CurlTransfer::readHeader(std::string_view line) {
     if (line.substr(0, 5) == "HTTP/") {
-        response_.headers.clear();  // what came before belongs to an interim answer (RFC 9110, section 15.2)
+        response_.headers.clear();  // those of an interim answer (RFC 9110, section 15.2)
         return;
     }
     const size_t colon = line.find(':');

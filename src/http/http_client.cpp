@@ -32,7 +32,7 @@ HttpResult performBlocking(HttpClient& client, HttpRequest request) {
     });
     try {
         return future.get();
-    } catch (const std::future_error&) {  // the client has dropped the completion instead of running it
+    } catch (const std::future_error&) {  // the client dropped the completion
         return tl::unexpected(HttpError{-1, "the HTTP client gave the request up"});
     }
 }

@@ -17,11 +17,11 @@ namespace {
 
 using std::filesystem::path;
 
-// What the machine-id is hashed with. Changing it would make every device a new one.
+// The prefix of the machine-id in its hash. A change would change the ID of every device.
 constexpr std::string_view kDeviceIDPurpose = "com.zandor.telvorad UniqueDeviceID\n";
 
-// The text up to the first zero byte (a device tree's strings end so) or line feed, without blanks around it;
-// nothing when that leaves nothing, or no text.
+// The text up to the first zero byte (strings of a device tree end with one) or line feed, without blanks at
+// its ends; std::nullopt if it is empty or no UTF-8.
 std::optional<std::string> firstLine(const path& file) {
     const auto content = readSmallFile(file, 4096);
     if (!content) return std::nullopt;
@@ -63,7 +63,7 @@ std::optional<std::string> uniqueDeviceID(const path& root) {
     return sha256Hex(std::string(kDeviceIDPurpose) + *machineID).substr(0, 40);
 }
 
-// Collects answers; the first one to a key stays.
+// Collects answers; the first answer for a key stays.
 class Collector {
   public:
     explicit Collector(Dictionary& properties) : properties_(properties) {}

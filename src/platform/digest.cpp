@@ -38,7 +38,7 @@ EVP_PKEY* asKey(void* key) {
     return static_cast<EVP_PKEY*>(key);
 }
 
-// The newest reason in OpenSSL's error queue of this thread, which is empty afterwards.
+// The newest error in OpenSSL's queue of this thread; empties the queue.
 std::string takeError() {
     const unsigned long code = ERR_peek_last_error();
     char text[256] = "unknown OpenSSL error";
@@ -116,7 +116,7 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     const Owned<BIO> bio(
         BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), 1 << 20))));
     if (!bio) return tl::make_unexpected(takeError());
-    // Without a callback of ours an encrypted key would make OpenSSL ask at the terminal.
+    // Without this callback OpenSSL would ask for the password of an encrypted key at the terminal.
     const auto noPassword = [](char*, int, int, void*) { return -1; };
     Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
     if (!key) return tl::make_unexpected(takeError());

@@ -16,7 +16,7 @@ namespace {
 sd_id128_t randomId() {
     sd_id128_t id;
     if (sd_id128_randomize(&id) < 0) {
-        // Identifiers that repeat would mix up people's reports: better none at all.
+        // Repeated identifiers would mix up people's reports.
         TELVORA_LOG(kLogError, "randomId: The kernel gives no random numbers");
         std::abort();
     }
@@ -38,7 +38,7 @@ std::string randomUuidString() {
 }
 
 double uniformRandom48() {
-    // The version and variant of a UUID stand in its bytes 6 and 8: the six before them are all random.
+    // Bytes 6 and 8 of a UUID hold its version and variant; the six bytes before them are random.
     uint64_t bits = 0;
     const sd_id128_t id = randomId();
     for (int i = 0; i < 6; ++i)

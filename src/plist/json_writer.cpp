@@ -20,8 +20,8 @@ namespace {
 using rapidjson::SizeType;
 using rapidjson::StringBuffer;
 
-// Most texts here are short ones that JSON carries as they are. Copying such a text whole takes a quarter off
-// the time that a message takes with the library's way through it byte by byte.
+// Most texts need no escape. Copying such a text whole takes a quarter off the time of a message, compared
+// with the library's loop over its bytes.
 void putQuoted(StringBuffer& buffer, std::string_view text) {
     char* place = buffer.Push(text.size() + 2);
     *place = '"';
@@ -66,7 +66,7 @@ uint64_t load(const char* from) {
     return block;
 }
 
-// All characters of a text of less than eight, some of them twice, filled up with blanks.
+// All characters of a text of less than eight characters, some of them twice, padded with blanks.
 uint64_t loadShort(std::string_view text) {
     constexpr uint64_t kBlanks = 0x2020202020202020;
     const size_t size = text.size();
@@ -89,7 +89,7 @@ bool isPlain(std::string_view text) {
     return !hasSpecial(load<uint64_t>(last));
 }
 
-// Virtual only where pieces are written: a whole value is walked without virtual calls.
+// Calls are virtual for single pieces only: walking a value makes no virtual calls.
 template <typename Writer>
 class JsonWriterOn final : public JsonWriter {
   public:

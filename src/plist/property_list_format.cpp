@@ -11,7 +11,7 @@ namespace telvora {
 
 namespace {
 
-// Checks a value and counts its objects, keys among them: the size of a reference depends on their number.
+// Checks a value and counts its objects (keys included), whose number determines the size of a reference.
 struct Counter {
     size_t objects = 0;
     size_t depth = 0;

@@ -96,7 +96,7 @@ std::optional<Element> elementNamed(std::string_view name) {
     return std::nullopt;
 }
 
-// Gives back the room that growing has left, where it is much.
+// Releases excess capacity if it is large.
 template <typename Element>
 void trim(std::vector<Element>& elements) {
     if (elements.capacity() > elements.size() + elements.size() / 4) elements.shrink_to_fit();
@@ -132,12 +132,12 @@ class XmlReader {
     struct Free {
         void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
     };
-    // An element that is open; of the content, what its kind has.
+    // An open element. Only the members for its kind are used.
     struct Open {
         Element element;
         Array array = {};
         std::vector<Dictionary::Entry> entries = {};
-        std::optional<std::string> key = {};  // of the entry whose value is to come
+        std::optional<std::string> key = {};  // of the entry whose value follows
     };
 
     static XmlReader& of(void* self) { return *static_cast<XmlReader*>(self); }
@@ -151,7 +151,7 @@ class XmlReader {
     }
     static void onSkippedEntity(void* self, const char*, int) { of(self).fail("an unknown entity"); }
 
-    // Calls of the parser go on for a while after it was stopped, and nothing may be thrown through it.
+    // The parser may call once more after it was stopped, and no exception may pass through it.
     template <typename... Arguments>
     void run(void (XmlReader::*handle)(Arguments...), std::type_identity_t<Arguments>... arguments) noexcept
         try {
@@ -189,7 +189,7 @@ class XmlReader {
         open_.push_back({*element});
     }
 
-    // Between elements there may be blanks only.
+    // Only blanks are allowed between elements.
     void text(std::string_view part) {
         const bool holdsText = !open_.empty() && open_.back().element >= Element::key;
         if (holdsText) {
@@ -220,7 +220,7 @@ class XmlReader {
         }
     }
 
-    // Nothing, after fail(), where the text is none of that kind.
+    // std::nullopt, after fail(), if the text is not of that kind.
     std::optional<PropertyList> valueOf(Open& closed) {
         std::optional<PropertyList> value;
         const char* reason = kMalformed;
@@ -265,10 +265,10 @@ class XmlReader {
     }
 
     std::unique_ptr<std::remove_pointer_t<XML_Parser>, Free> parser_;
-    std::vector<Open> open_;  // the elements around the place that is read, outermost first
-    std::string text_;        // of the innermost one
-    size_t depth_ = 0;        // arrays and dictionaries among them
-    size_t values_ = 0;       // keys among them
+    std::vector<Open> open_;  // the open elements, outermost first
+    std::string text_;        // of the innermost element
+    size_t depth_ = 0;        // open arrays and dictionaries
+    size_t values_ = 0;       // keys included
     bool begun_ = false;
     std::optional<PropertyList> top_;
     const char* error_ = nullptr;

@@ -14,8 +14,8 @@ namespace telvora {
 
 namespace {
 
-// Runs for every key of every event against every filter: only where the texts first differ in something
-// beyond ASCII is a letter table asked.
+// Compares every key of every event with every filter, so it uses the letter table only if the texts differ
+// outside ASCII.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); ++i) {

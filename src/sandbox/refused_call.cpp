@@ -9,7 +9,7 @@ namespace telvora {
 
 std::string refusedCall(const std::string& call, int error) {
     std::string reason = errorText(call + "(2)", error);
-    // No permission is needed to give up rights: only a filter around the process refuses that.
+    // Dropping rights needs no permission: only a filter around the process refuses it.
     if (error == EPERM) reason += "; the service manager or container must allow this system call";
     if (error == ENOSYS) reason += "; the kernel lacks it";
     return reason;

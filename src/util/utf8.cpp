@@ -28,8 +28,8 @@ size_t sequenceLength(std::string_view text) {
     const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(0);
     if (lead < 0x80) return 1;
-    // The second byte's range is narrower after the leads that could start an overlong form, a surrogate or
-    // a code point beyond the last one.
+    // The second byte's range is narrower after the leads of overlong forms, surrogates and code points above
+    // U+10FFFF.
     size_t length = 0;
     unsigned char low = 0x80;
     unsigned char high = 0xbf;

@@ -28,8 +28,8 @@ std::string bigEndian(uint64_t value, size_t bytes) {
     return text;
 }
 
-// A binary document of these objects, with two-byte references and four-byte offsets; the first is the top,
-// and what it says of their number is true unless told otherwise.
+// A binary document of these objects, with two-byte references and four-byte offsets; the first object is the
+// top. The header has their true number unless a test sets another.
 std::string binary(const std::vector<std::string>& objects, std::optional<uint64_t> count = {},
                    uint64_t top = 0, uint64_t offsetError = 0) {
     std::string document = "bplist00", table;
@@ -111,7 +111,7 @@ TEST_P(PropertyListFormatTest, AnyBytesMayBeMissingOrDamaged) {
     const std::string document = serializePropertyList(everyType(), GetParam()).value();
     for (size_t length = 0; length < document.size() - 10; ++length)
         EXPECT_NE(parsePropertyList(document.substr(0, length)), everyType()) << length;
-    // Nothing is expected of these answers but that there is one, which the sanitizers watch.
+    // Any answer will do: the sanitizers watch the readers.
     for (size_t at = 0; at < document.size(); ++at) {
         for (const char damage : {'\0', '\x0f', '\x7f', '\xff', '<', '&', '/'}) {
             std::string damaged = document;
@@ -136,7 +136,7 @@ TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
                                             {"b", Array{true, false, 16}},
                                             {"c", Data{"\0\1\n"s}},
                                             {"d", Date{1447660800}}}));
-    // A value with all that a document may have before it, in every encoding.
+    // A value with every allowed prologue, in every encoding.
     const std::string text = "<!-- \xc3\xa9 --><plist><string>\xc3\xa9&amp;</string></plist>";
     std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
     for (const char16_t unit : u"<plist><string>\u00e9&amp;</string></plist>"s) {
