@@ -9,22 +9,23 @@ namespace telvora {
 
 namespace {
 
-std::string write(const JsonMessage& message, JsonLayout layout) {
-    const std::unique_ptr<JsonWriter> writer = JsonWriter::make(layout, JsonReals::shortest);
-    writer->beginObject();
-    writer->key("postTime");
-    writer->real(message.postTime);
+template <JsonLayout layout>
+std::string write(const JsonMessage& message) {
+    JsonWriter<layout, JsonReals::shortest> writer;
+    writer.beginObject();
+    writer.key("postTime");
+    writer.real(message.postTime);
     if (message.clientId) {
-        writer->key("clientId");
-        writer->string(*message.clientId);
-        writer->key("events");
-        writer->beginArray();
+        writer.key("clientId");
+        writer.string(*message.clientId);
+        writer.key("events");
+        writer.beginArray();
         for (const Dictionary& event : message.events)
-            writer->dictionary(event);
-        writer->endArray();
+            writer.dictionary(event);
+        writer.endArray();
     }
-    writer->endObject();
-    return writer->text();
+    writer.endObject();
+    return writer.text();
 }
 
 }  // namespace
@@ -45,11 +46,11 @@ void makeJsonSafe(Dictionary& record) {
 }
 
 std::string compactJson(const JsonMessage& message) {
-    return write(message, JsonLayout::compact);
+    return write<JsonLayout::compact>(message);
 }
 
 std::string prettyJson(const JsonMessage& message) {
-    return write(message, JsonLayout::pretty);
+    return write<JsonLayout::pretty>(message);
 }
 
 }  // namespace telvora

@@ -28,7 +28,7 @@ std::string withoutControls(std::string_view json) {
     return text;
 }
 
-void writeOrNull(JsonWriter& out, const std::optional<std::string>& value) {
+void writeOrNull(JsonWriter<>& out, const std::optional<std::string>& value) {
     if (value) {
         out.string(*value);
     } else {
@@ -36,7 +36,7 @@ void writeOrNull(JsonWriter& out, const std::optional<std::string>& value) {
     }
 }
 
-void writeOrNull(JsonWriter& out, const std::optional<Dictionary>& value) {
+void writeOrNull(JsonWriter<>& out, const std::optional<Dictionary>& value) {
     if (value) {
         out.dictionary(*value);
     } else {
@@ -46,12 +46,12 @@ void writeOrNull(JsonWriter& out, const std::optional<Dictionary>& value) {
 
 template <typename Write>
 void printObject(const char* name, Write write) {
-    const std::unique_ptr<JsonWriter> out = JsonWriter::make();
-    out->beginObject();
-    out->key(name);
-    write(*out);
-    out->endObject();
-    std::puts(withoutControls(out->text()).c_str());
+    JsonWriter<> out;
+    out.beginObject();
+    out.key(name);
+    write(out);
+    out.endObject();
+    std::puts(withoutControls(out.text()).c_str());
     std::fflush(stdout);
 }
 
@@ -62,11 +62,11 @@ std::string toJson(const PropertyList& value) {
 }
 
 void printLine(const char* name, const std::optional<std::string>& value) {
-    printObject(name, [&](JsonWriter& out) { writeOrNull(out, value); });
+    printObject(name, [&](JsonWriter<>& out) { writeOrNull(out, value); });
 }
 
 void printLine(const char* name, const ReportingStates& states) {
-    printObject(name, [&](JsonWriter& out) {
+    printObject(name, [&](JsonWriter<>& out) {
         if (!states) return void(out.null());
         out.beginArray();
         for (const std::string& state : *states)
@@ -76,7 +76,7 @@ void printLine(const char* name, const ReportingStates& states) {
 }
 
 void printLine(const char* name, const FlushAnswer& answer) {
-    printObject(name, [&](JsonWriter& out) {
+    printObject(name, [&](JsonWriter<>& out) {
         out.beginObject();
         out.key("answer");
         writeOrNull(out, answer.answer);
@@ -98,7 +98,7 @@ void printLine(const char* name, const FlushAnswer& answer) {
 }
 
 void printLine(const char* name, const AggregatedMessage& message) {
-    printObject(name, [&](JsonWriter& out) {
+    printObject(name, [&](JsonWriter<>& out) {
         out.beginObject();
         out.key("sessionInfo");
         writeOrNull(out, message.sessionInfo);
