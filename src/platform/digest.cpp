@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <utility>
 
 #include "util/hexadecimal.h"
 
@@ -55,6 +54,10 @@ std::string bioContent(BIO* bio) {
 
 }  // namespace
 
+void FreeKey::operator()(void* key) const {
+    EVP_PKEY_free(asKey(key));
+}
+
 std::array<uint8_t, 32> sha256(std::string_view bytes) {
     std::array<uint8_t, 32> digest{};
     EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
@@ -84,23 +87,13 @@ std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
     return RsaPublicKey(key.release());
 }
 
-RsaPublicKey::RsaPublicKey(RsaPublicKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
-
-RsaPublicKey& RsaPublicKey::operator=(RsaPublicKey&& other) noexcept {
-    std::swap(key_, other.key_);
-    return *this;
-}
-
-RsaPublicKey::~RsaPublicKey() {
-    EVP_PKEY_free(asKey(key_));
-}
-
 bool RsaPublicKey::verifySha1(std::string_view message, std::string_view signature) const {
     const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    const bool valid = context &&
-                       EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_)) == 1 &&
-                       EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
-                                        message.size()) == 1;
+    const bool valid =
+        context &&
+        EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get())) == 1 &&
+        EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
+                         message.size()) == 1;
     ERR_clear_error();
     return valid;
 }
@@ -124,34 +117,23 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     return RsaPrivateKey(key.release());
 }
 
-RsaPrivateKey::RsaPrivateKey(RsaPrivateKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
-
-RsaPrivateKey& RsaPrivateKey::operator=(RsaPrivateKey&& other) noexcept {
-    std::swap(key_, other.key_);
-    return *this;
-}
-
-RsaPrivateKey::~RsaPrivateKey() {
-    EVP_PKEY_free(asKey(key_));
-}
-
 std::string RsaPrivateKey::toPem() const {
     const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_), nullptr, nullptr, 0, nullptr, nullptr);
+    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_.get()), nullptr, nullptr, 0, nullptr, nullptr);
     return bioContent(bio.get());
 }
 
 std::string RsaPrivateKey::publicKeyToDer() const {
     const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    i2d_PUBKEY_bio(bio.get(), asKey(key_));
+    i2d_PUBKEY_bio(bio.get(), asKey(key_.get()));
     return bioContent(bio.get());
 }
 
 std::string RsaPrivateKey::signSha1(std::string_view message) const {
     const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_)));
+    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_.get())));
     std::string signature(length, '\0');
-    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_));
+    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get()));
     if (EVP_DigestSign(context.get(), asBytes(signature), &length, asBytes(message), message.size()) != 1) {
         ERR_clear_error();
         return {};

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,12 @@ std::array<uint8_t, 32> sha256(std::string_view bytes);
 // 64 lower-case hexadecimal digits.
 std::string sha256Hex(std::string_view bytes);
 
+// An EVP_PKEY of OpenSSL.
+struct FreeKey {
+    void operator()(void* key) const;
+};
+using OwnedKey = std::unique_ptr<void, FreeKey>;
+
 // Checks RSASSA-PKCS1-v1_5 signatures (RFC 8017) over SHA-1 digests.
 class RsaPublicKey {
   public:
@@ -24,17 +31,13 @@ class RsaPublicKey {
     // public key.
     static std::optional<RsaPublicKey> fromDer(std::string_view der);
 
-    RsaPublicKey(RsaPublicKey&&) noexcept;
-    RsaPublicKey& operator=(RsaPublicKey&&) noexcept;
-    ~RsaPublicKey();
-
     bool verifySha1(std::string_view message, std::string_view signature) const;
     // Identifies the key object in log lines.
-    const void* identity() const { return key_; }
+    const void* identity() const { return key_.get(); }
 
   private:
     explicit RsaPublicKey(void* key) : key_(key) {}
-    void* key_;  // EVP_PKEY, owned
+    OwnedKey key_;
 };
 
 // Makes such signatures, for tools and tests.
@@ -45,17 +48,13 @@ class RsaPrivateKey {
     // From the text of a PEM file (PKCS#8 or PKCS#1, not encrypted). Fails with a reason.
     static tl::expected<RsaPrivateKey, std::string> fromPem(std::string_view pem);
 
-    RsaPrivateKey(RsaPrivateKey&&) noexcept;
-    RsaPrivateKey& operator=(RsaPrivateKey&&) noexcept;
-    ~RsaPrivateKey();
-
     std::string toPem() const;                             // PKCS#8
     std::string publicKeyToDer() const;                    // SubjectPublicKeyInfo
     std::string signSha1(std::string_view message) const;  // empty on failure
 
   private:
     explicit RsaPrivateKey(void* key) : key_(key) {}
-    void* key_;  // EVP_PKEY, owned
+    OwnedKey key_;
 };
 
 }  // namespace telvora
