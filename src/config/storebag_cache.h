@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// StorebagCache: one record per bag name. A good bag is served for its maximum age; after a failed fetch, the
-// server is left alone for 15 minutes and the last good bag is served.
+// StorebagCache: one record per bag name. A good bag is served for its maximum age. After a failed fetch the
+// server is not asked for 15 minutes, and the last good bag is served.
 //
-// Belongs to its owner's lock, which the owner holds across each call, fetches included, so that sessions
-// that wait for the same bag find it fetched. statuses() alone takes no lock of the owner's.
+// A lock of the owner guards the cache. The owner holds it across each call, fetches included, so that
+// sessions that wait for the same bag find it fetched. Only statuses() needs no lock.
 #pragma once
 
 #include <compare>
@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/storebag_fetcher.h"
@@ -50,7 +51,7 @@ class StorebagCache {
 
   private:
     // Client types of one bag name share a record. Those without a name share the bag of no name, except type
-    // 0: no bag is ever fetched for it, and its failures must not block the others.
+    // 0, for which no bag is ever fetched: its failures must not block the others.
     struct Key {
         explicit Key(uint32_t clientType)
             : name(bagNameForClientType(clientType)), isFetched(isBagFetchedFor(clientType)) {}
