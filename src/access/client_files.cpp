@@ -10,6 +10,8 @@
 #include <new>
 #include <system_error>
 
+#include "util/error_text.h"
+
 namespace telvora {
 
 namespace {
@@ -21,7 +23,7 @@ tl::unexpected<std::string> refusal(const char* reason) {
 }
 
 tl::unexpected<std::string> failure(const char* what) {
-    return tl::unexpected(what + (": " + std::generic_category().message(errno)));
+    return tl::unexpected(errorText(what, errno));
 }
 
 tl::unexpected<FileRefusal> refused(tl::unexpected<std::string> reason, bool isRegularFile = false) {
@@ -42,9 +44,9 @@ ClientFiles::ClientFiles(Peer client, std::vector<path> uploadDirectories, Uploa
       user_(std::move(user)) {}
 
 tl::expected<std::string, std::string> ClientFiles::issueFileExtension(std::string filePath, UniqueFd file) {
-    QuotaCharge place;
-    if (!user_.take(Quota::extensionTokens, 1, place)) return refusal("Too many extensions are unused");
-    return extensions_.issue(std::move(filePath), std::move(file), std::move(place));
+    QuotaCharge charge;
+    if (!user_.take(Quota::extensionTokens, 1, charge)) return refusal("Too many extensions are unused");
+    return extensions_.issue(std::move(filePath), std::move(file), std::move(charge));
 }
 
 tl::expected<ClientFile, FileRefusal> ClientFiles::open(const std::string& filePath,
@@ -60,8 +62,8 @@ tl::expected<ClientFile, FileRefusal> ClientFiles::open(const std::string& fileP
     return opened;
 }
 
-// The file is examined before it is opened, because opening is an action in itself for some devices; and once
-// more afterwards, because by then it may be another one.
+// The file is examined before it is opened, because opening some devices has effects, and again afterwards,
+// because another file may have taken its place.
 tl::expected<UniqueFd, FileRefusal> ClientFiles::openByPath(const path& filePath) const {
     const auto mayRead = [this](const struct stat& status) {
         return S_ISREG(status.st_mode) && status.st_uid == client_.uid && mayAccess(status, R_OK);
@@ -104,7 +106,7 @@ tl::expected<void, std::string> ClientFiles::remove(const ClientFile& file) cons
     return {};
 }
 
-// Step by step, so that no step follows a link and each goes only where the client could go.
+// One component at a time: no step follows a link, and each step is one that the client could take.
 tl::expected<UniqueFd, std::string> ClientFiles::openParent(const path& filePath) const {
     constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd directory(::open("/", kFlags));
@@ -118,7 +120,7 @@ tl::expected<UniqueFd, std::string> ClientFiles::openParent(const path& filePath
     return directory;
 }
 
-// Whether the path is written in full, without a detour, and beneath one of the directories.
+// Whether the path is absolute and normalised, and beneath one of the directories.
 bool ClientFiles::isUpload(const path& filePath) const {
     if (!filePath.is_absolute() || filePath.native().size() > PATH_MAX || !filePath.has_filename() ||
         filePath.lexically_normal().native() != filePath.native()) {
@@ -130,7 +132,7 @@ bool ClientFiles::isUpload(const path& filePath) const {
     });
 }
 
-// Whether the client may, by the mode bits (inode(7)). `permissions`: as access(2) takes them.
+// Whether the mode bits (inode(7)) grant the client these permissions, as access(2) takes them.
 bool ClientFiles::mayAccess(const struct stat& status, mode_t permissions) const {
     if (client_.uid == 0) return true;
     const bool isInGroup =
@@ -147,14 +149,14 @@ std::vector<path> canonicalDirectories(const std::vector<std::string>& directori
         std::error_code error;
         path resolved = std::filesystem::weakly_canonical(directory, error);
         if (error) continue;
-        // A trailing slash would be a component of its own.
+        // A trailing slash would count as a component.
         canonical.push_back(resolved.has_filename() ? resolved : resolved.parent_path());
     }
     return canonical;
 }
 
-// pread(2), because the client shares the descriptor's offset. One byte more than expected, so that the end
-// shows without the buffer having to grow.
+// Uses pread(2), because the client shares the descriptor's offset. Reads one byte more than expected, to
+// find the end without growing the buffer.
 tl::expected<std::string, int> readWholeFile(int file, size_t expectedSize, size_t maxSize) try {
     constexpr size_t kMinGrowth = size_t{64} << 10;
     if (expectedSize == 0) return std::string();

@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ClientFiles: the files of one client that the daemon may read, and remove, on that client's behalf. The one
-// rule behind all the others: a client gets nothing read or removed that it could not itself read or remove.
+// ClientFiles: the files of one client that the daemon may read and remove on behalf of that client. The
+// basic rule: the daemon reads and removes for a client only files that the client itself could read or
+// remove.
 //
 //     read, with an extension      the descriptor that the client had open for reading
-//     read, without                a regular file of the client's user in a directory of uploads, whose path
-//                                  the client itself could walk, and that its user may read
-//     remove, either way           a file of the client's user in a directory of uploads and in one that the
-//                                  client itself could write to, under the name that still leads to the
-//                                  very file that was read
+//     read without                 a regular file of the client's user in an upload directory, whose path the
+//                                  client could walk and which its user may read
+//     remove, either way           a file of the client's user in an upload directory and in one that the
+//                                  client could write to, under the name that still leads to the file that
+//                                  was read
 //
-// No symbolic link is followed, anywhere in a path. What a file is gets checked on the descriptor that it is
-// read from. The directories' permissions are judged by mode bits, not by access control lists; the kernel
-// judges the daemon's own access besides, and so does Landlock (SandboxPaths::readAndRemove).
+// No symbolic link in a path is followed. A file is checked on the descriptor from which it is read. Mode
+// bits, not access control lists, decide about directories; the kernel also checks the daemon's own access,
+// and so does Landlock (SandboxPaths::readAndRemove).
 //
 // Belongs to the connection's strand.
 #pragma once
@@ -26,7 +27,6 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "access/file_extension_issuer.h"
 #include "access/file_extensions.h"
 #include "access/peer.h"
 #include "access/upload_admission.h"
@@ -39,39 +39,41 @@ namespace telvora {
 struct ClientFile {
     std::filesystem::path path;
     UniqueFd file;
-    struct stat status {};  // as it was when the file was taken
+    struct stat status {};  // at the time of opening
 
     uint64_t size() const { return static_cast<uint64_t>(status.st_size); }
 };
 
-// Why a file was not opened.
+// The reason why a file was not opened.
 struct FileRefusal {
     std::string reason;
-    bool isRegularFile =
-        false;  // one that can't be read; else no regular file, or one that may not be looked at
+    // A regular file that can't be read; false: no regular file, or one that may not be examined.
+    bool isRegularFile = false;
 };
 
-class ClientFiles final : public FileExtensionIssuer {
+class ClientFiles {
   public:
-    // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission`
-    // outlives this. `user`: whose extension tokens are counted.
+    // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission` must
+    // outlive this object. `user`: its quota counts the extension tokens.
     ClientFiles(Peer client, std::vector<std::filesystem::path> uploadDirectories, UploadAdmission& admission,
                 QuotaUser user = {});
 
-    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file) override;
-    // Makes a token void; the descriptor behind it is closed if nobody has consumed it.
+    // Takes over `file`, the client's open descriptor of the file at `path`. Returns the extension token with
+    // which the client may name the file in open(); fails with the client's mistake.
+    tl::expected<std::string, std::string> issueFileExtension(std::string path, UniqueFd file);
+    // Invalidates a token and closes its descriptor, unless the token was consumed.
     void releaseExtension(const std::string& token) { extensions_.release(token); }
 
-    // Consumes the token if it is valid for this path, and else looks for the file by its path. Fails with
-    // the reason. May block on file I/O.
+    // Opens a file: consumes the token if it is valid for this path, otherwise opens the file by its path.
+    // Fails with the reason. May block on file I/O.
     tl::expected<ClientFile, FileRefusal> open(const std::string& path, const std::string& extensionToken);
 
-    // A place for an upload of this client's user that takes so many bytes; see UploadAdmission::admit.
+    // Admits an upload of this client's user that needs so many bytes; see UploadAdmission::admit().
     std::unique_ptr<UploadAdmission::Ticket> admit(uint64_t bytes) {
         return admission_.admit(client_.uid, bytes);
     }
 
-    // Removes the file's name. Fails with the reason; then the name is as it was.
+    // Removes the file's name. Fails with the reason; then the name is unchanged.
     tl::expected<void, std::string> remove(const ClientFile& file) const;
 
   private:
@@ -87,12 +89,12 @@ class ClientFiles final : public FileExtensionIssuer {
     FileExtensions extensions_;
 };
 
-// The absolute ones of these directories, with symbolic links resolved as they are now.
+// The absolute paths among these directories, with their current symbolic links resolved.
 std::vector<std::filesystem::path> canonicalDirectories(const std::vector<std::string>& directories);
 
-// The whole content of an open regular file, wherever its offset stands and even if it grows meanwhile.
-// `expectedSize` is its size before; a file of size 0, which those of procfs are too, is not read. Fails with
-// an error number: EFBIG when there are more than `maxSize` bytes, ENOMEM, or that of read(2). Blocks.
+// The whole content of an open regular file, regardless of its offset, even if it grows meanwhile.
+// `expectedSize`: its size before; a file of size 0, as those of procfs have, is not read. Fails with an
+// error number: EFBIG for more than `maxSize` bytes, ENOMEM, or that of read(2). Blocks.
 tl::expected<std::string, int> readWholeFile(int file, size_t expectedSize, size_t maxSize);
 
 }  // namespace telvora

@@ -15,7 +15,7 @@ namespace telvora {
 
 namespace {
 
-// The conditions of a file and what it grants, or why the file can't be relied on.
+// The conditions and permissions of a file.
 struct Grant {
     std::optional<PropertyList> user, group;  // a non-empty string or a number that is an id
     std::optional<std::string> unit, label;
@@ -46,7 +46,7 @@ tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
 }
 
 bool holdsFor(const Grant& grant, const Peer& peer) {
-    // The cheap comparisons come first; the look-up of a name may ask a server.
+    // Cheap comparisons first: the look-up of a name may ask a server.
     if (grant.unit && *grant.unit != peer.unit) return false;
     if (grant.label && *grant.label != peer.label) return false;
     if (grant.user && userIdFrom(*grant.user) != peer.uid) return false;
@@ -65,7 +65,7 @@ std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& dir
             files.push_back(entry->path());
         }
     }
-    if (error) files.clear();  // half the files might grant what the other half takes back
+    if (error) files.clear();  // an incomplete list could miss a file that revokes
     std::sort(files.begin(), files.end(),
               [](const auto& a, const auto& b) { return a.native().compare(b.native()) < 0; });
     return files;

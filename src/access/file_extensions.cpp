@@ -7,25 +7,20 @@
 #include <array>
 #include <climits>
 
+#include "util/hexadecimal.h"
+
 namespace telvora {
 
 namespace {
 
 constexpr size_t kTokenBytes = 32;
 
-// Empty when the kernel gives no random numbers.
+// Empty if the kernel gives no random numbers.
 std::string randomToken() {
-    std::array<unsigned char, kTokenBytes> bytes;
-    // Up to 256 bytes come whole once the generator is seeded, getrandom(2).
+    std::array<char, kTokenBytes> bytes;
+    // Once the generator is seeded, up to 256 bytes arrive whole, getrandom(2).
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string token;
-    token.reserve(2 * kTokenBytes);
-    for (const unsigned char byte : bytes) {
-        token.push_back(kDigits[byte >> 4]);
-        token.push_back(kDigits[byte & 15]);
-    }
-    return token;
+    return hexText({bytes.data(), bytes.size()});
 }
 
 bool isOpenForReading(int file) {
@@ -41,13 +36,13 @@ tl::unexpected<std::string> refusal(const char* reason) {
 }  // namespace
 
 tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file,
-                                                             QuotaCharge place) {
+                                                             QuotaCharge charge) {
     if (path.empty() || path.size() > PATH_MAX) return refusal("The path is empty or too long");
     if (!isOpenForReading(file.get())) return refusal("The file is not open for reading");
     if (extensions_.size() >= kMaxTokens) return refusal("Too many extensions are unused");
     std::string token = randomToken();
     if (token.empty()) return refusal("No extension can be made");
-    extensions_[token] = {std::move(path), std::move(file), std::move(place)};
+    extensions_[token] = {std::move(path), std::move(file), std::move(charge)};
     return token;
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kMaxNameServiceBytes = size_t{1} << 20;
 
-// Looks a name up with getpwnam_r(3) or its sibling, whose buffer has to be big enough for the whole entry.
+// Looks a name up with getpwnam_r(3) or getgrnam_r(3), growing the buffer until it holds the whole entry.
 template <typename Entry, typename LookUp, typename Id>
 std::optional<Id> lookUpId(const std::string& name, LookUp lookUp, Id Entry::*id) {
     for (std::vector<char> buffer(1024); buffer.size() <= kMaxNameServiceBytes;

@@ -12,7 +12,7 @@
 
 #include "util/unique_fd.h"
 
-// The C library's headers may be older than the kernel that runs.
+// The C library's headers may be older than the running kernel.
 #if !defined(SO_PEERPIDFD)
 #if defined(__hppa__) || defined(__sparc__)
 #error "SO_PEERPIDFD has another number here"
@@ -26,14 +26,14 @@ namespace {
 
 constexpr size_t kMaxOptionBytes = size_t{1} << 20;
 
-// The value of a socket option of any size; nothing when the socket doesn't have it.
+// The value of a socket option of any size; std::nullopt if the socket lacks it.
 std::optional<std::string> readOption(int socket, int option) {
     std::string value(256, '\0');
     while (value.size() <= kMaxOptionBytes) {
         auto length = static_cast<socklen_t>(value.size());
         const bool read = getsockopt(socket, SOL_SOCKET, option, value.data(), &length) == 0;
         if (!read && errno != ERANGE) return std::nullopt;
-        // Where the room was too small, the kernel says how much it takes.
+        // If the buffer is too small, the kernel returns the needed size.
         const bool fits = read && length <= value.size();
         value.resize(fits || length > value.size() ? length : value.size() * 2);
         if (fits) return value;
@@ -55,13 +55,13 @@ std::string readLabel(int socket) {
     return label;
 }
 
-// The descriptor becomes readable when the process ends, and only after that can its number be given away.
+// The descriptor becomes readable when the process ends; only then can its ID be reused.
 bool isAlive(int processDescriptor) {
     pollfd entry{processDescriptor, POLLIN, 0};
     return poll(&entry, 1, 0) == 0;
 }
 
-// The unit is looked up by number; that the process is still alive afterwards proves that the number was its.
+// The unit is looked up by process ID. If the process is still alive afterwards, the ID was its own.
 std::string readUnit(int socket, pid_t pid) {
     int descriptor = -1;
     socklen_t length = sizeof descriptor;
@@ -87,7 +87,7 @@ std::optional<Peer> readPeer(int socket) {
     ucred credentials{};
     socklen_t length = sizeof credentials;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
-    if (credentials.uid == static_cast<uid_t>(-1)) return std::nullopt;  // not Unix, or not connected
+    if (credentials.uid == static_cast<uid_t>(-1)) return std::nullopt;  // no Unix socket, or not connected
     Peer peer;
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who is at the other end of a Unix socket, known from the kernel alone (unix(7)): nothing here is what the
-// peer says of itself.
+// The peer of a Unix socket, identified by the kernel alone (unix(7)), not by its own claims.
 #pragma once
 
 #include <sys/types.h>
@@ -12,23 +11,23 @@
 
 namespace telvora {
 
-// The peer as it was when it connected (or, of a socket pair, when it made the pair). A plain value.
+// The peer at the time of connect(2) or socketpair(2). A plain value.
 struct Peer {
-    pid_t pid = 0;  // 0 when the process is outside our pid namespace
+    pid_t pid = 0;  // 0 if the process is outside our pid namespace
     uid_t uid = 0;
-    gid_t gid = 0;              // its primary group
-    std::vector<gid_t> groups;  // its supplementary groups
-    std::string label;          // what the security module calls it (SO_PEERSEC); empty without one
-    std::string unit;           // its systemd unit, as "app.service"; empty when that isn't known for sure
+    gid_t gid = 0;              // primary group
+    std::vector<gid_t> groups;  // supplementary groups
+    std::string label;          // from the security module (SO_PEERSEC); empty without one
+    std::string unit;           // systemd unit, as "app.service"; empty if it isn't known for sure
 
     bool isInGroup(gid_t group) const;
     // For log lines: "pid 4711, uid 1000".
     std::string description() const;
 };
 
-// The peer of a connected Unix socket, which stays the caller's; nothing when it is no such socket. The unit
-// is known only where the kernel names the peer's process by a descriptor (SO_PEERPIDFD, Linux 6.5): a bare
-// number might long belong to another process. Does not block; thread-safe.
+// The peer of a connected Unix socket, which stays the caller's; std::nullopt for any other socket. The unit
+// is known only if the kernel identifies the process by a descriptor (SO_PEERPIDFD, Linux 6.5): a process ID
+// may have been reused. Does not block; thread-safe.
 std::optional<Peer> readPeer(int socket);
 
 }  // namespace telvora

@@ -11,7 +11,7 @@ std::unique_ptr<UploadAdmission::Ticket> UploadAdmission::admit(uid_t user, uint
     if (closed_ || total_.uploads >= limits_.uploads) return nullptr;
     Load& share = byUser_[user];
     if (share.uploads >= limits_.uploads / 2) return nullptr;
-    // Counted from now on, so that no more than the limit ever wait.
+    // Counted while it waits, so that waiting uploads are limited, too.
     ++total_.uploads;
     ++share.uploads;
     while (!closed_ && !hasMemoryFor(share, bytes))

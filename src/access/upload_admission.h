@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UploadAdmission: how many uploads may be under way at once, and how much memory they may take. A file is in
-// memory whole, and its compressed form besides; a server may take long to answer. So each user has a share,
-// which leaves room for the others whatever becomes of that user's uploads.
+// UploadAdmission: limits the number and the memory of concurrent uploads. A file and its compressed form are
+// in memory whole, and a server may answer slowly. Each user has a share, which leaves room for the others.
 //
-// All operations may be called from any thread.
+// All operations are callable from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +18,7 @@
 namespace telvora {
 
 struct UploadLimits {
-    size_t uploads = 64;                 // under way or waiting for memory; each holds a thread
+    size_t uploads = 64;                 // active or waiting for memory; each holds a thread
     uint64_t bytes = uint64_t{1} << 30;  // of files and their compressed forms
 };
 
@@ -27,7 +26,7 @@ class UploadAdmission {
   public:
     explicit UploadAdmission(UploadLimits limits = {}) : limits_(limits) {}
 
-    // One upload's place; its destruction makes room. The admission outlives it.
+    // The resources of one upload, released on destruction. The admission must outlive it.
     class Ticket {
       public:
         Ticket(UploadAdmission& admission, uid_t user, uint64_t bytes)
@@ -36,7 +35,7 @@ class UploadAdmission {
         Ticket(const Ticket&) = delete;
         Ticket& operator=(const Ticket&) = delete;
 
-        // Fewer bytes are needed from now on.
+        // The upload needs only so many bytes from now on; more are ignored.
         void shrink(uint64_t bytes);
 
       private:
@@ -45,12 +44,12 @@ class UploadAdmission {
         uint64_t bytes_;
     };
 
-    // A place for an upload of a user, who gets half of each limit. Waits while memory is short, which the
-    // work pool is told of; an upload that needs more than a limit waits until it is alone under it.
-    // Null when too many uploads are under way, or after close().
+    // Admits an upload of a user, who gets half of each limit. Waits while memory is short, as a
+    // BlockingSection; an upload that exceeds a limit waits until it is alone under it. Null if too many
+    // uploads are active, or after close().
     std::unique_ptr<Ticket> admit(uid_t user, uint64_t bytes) TELVORA_EXCLUDES(mutex_);
 
-    // Admits nobody any more; those that wait are turned away.
+    // Refuses all further uploads, and those that wait.
     void close() TELVORA_EXCLUDES(mutex_);
 
   private:

@@ -18,15 +18,16 @@ constexpr uint64_t kOwnErrorLines = 10;
 
 constexpr std::array<QuotaRule, kQuotas> kRules = {{
     {"connections", "maxConnectionsPerUser", 1024},
-    // Fewer, so that a user whose sessions are too many can still ask for the status.
+    // Fewer than connections: a user with too many sessions can still ask for the status.
     {"sessions", "maxSessionsPerUser", 1000},
-    // Half of what the HTTP client takes for one server (http_client.h): the other half is for the others.
+    // Half of the HTTP client's limit for one server (http_client.h), which leaves the other half to other
+    // users.
     {"pendingBytes", "maxPendingBytesPerUser", uint64_t{16} << 20},
     {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
-    // As much as one backend's batch may hold.
+    // The limit of one backend's batch.
     {"dormantBytes", "maxDormantBytesPerUser", uint64_t{8} << 20},
     {"extensionTokens", "maxExtensionTokensPerUser", 512},
-    // Half of what the journal takes of one service, journald.conf(5), likewise.
+    // Half of the journal's limit for one service, journald.conf(5).
     {"logLines", "maxLogLinesPerUser", 10'000},
 }};
 
@@ -40,43 +41,44 @@ const QuotaRule& ruleOf(Quota quota) {
     return kRules[static_cast<size_t>(quota)];
 }
 
-// The errors and warnings of one client beyond its user's quota, in the period that ends so.
+// Errors and warnings of one client beyond its user's quota, in the period that ends at `periodEnd`.
 struct OwnErrorLines {
     uint64_t count = 0;
     TimePoint periodEnd;
 };
 
-// What one user has taken and was refused.
+// The charges and refusals of one user.
 struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
-    // `client` is guarded by this share's lock.
+    // `client` is guarded by this object's lock.
     bool admitsLine(int level, OwnErrorLines& client) TELVORA_EXCLUDES(lock_);
     std::array<QuotaUse, kQuotas> uses() TELVORA_EXCLUDES(lock_);
-    // Logs the refusals that have not been told and may be by now.
-    void tellRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
+    // Logs the refusals that have not been logged and are due.
+    void logRefusals(TimePoint now) TELVORA_EXCLUDES(lock_);
     // Whether no refusal and no log line counts any more.
     bool isQuiet(TimePoint now) TELVORA_EXCLUDES(lock_);
 
   private:
     struct Refusals {
         uint64_t all = 0;
-        uint64_t untold = 0;
+        uint64_t unlogged = 0;
         TimePoint nextLine;  // not before
     };
 
     bool holdsTooMuch(Quota quota);
     void refuse(Quota quota, TimePoint now) TELVORA_EXCLUDES(lock_);
-    void tellUntold(Quota quota, uint64_t refusals) const;
+    void logUnlogged(Quota quota, uint64_t refusals) const;
 
     const UserQuotas& quotas_;
     const uid_t user_;
-    std::array<std::atomic<uint64_t>, kQuotas> held_{};  // but log lines
+    std::array<std::atomic<uint64_t>, kQuotas> held_{};  // except log lines
     Mutex lock_{LockRank::userLog};
-    uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;          // logged in this period
-    uint64_t ownErrorLines_ TELVORA_GUARDED_BY(lock_) = 0;  // likewise, beyond the quota
+    uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;  // logged in this period
+    uint64_t ownErrorLines_ TELVORA_GUARDED_BY(lock_) =
+        0;  // errors and warnings beyond the quota in this period
     TimePoint periodEnd_ TELVORA_GUARDED_BY(lock_);
     std::array<Refusals, kQuotas> refusals_ TELVORA_GUARDED_BY(lock_);
 };
@@ -89,8 +91,7 @@ bool UserShare::take(Quota quota, uint64_t amount) {
     return false;
 }
 
-// Bytes can change from one of the two quotas to the other without being refused: a limit for both together
-// bounds them all the same.
+// Bytes may move from one of the two quotas to the other without a check: a limit for their sum bounds both.
 bool UserShare::holdsTooMuch(Quota quota) {
     if (held(quota) > quotas_.limitOf(quota)) return true;
     if (quota != Quota::pendingBytes && quota != Quota::dormantBytes) return false;
@@ -123,7 +124,7 @@ bool UserShare::admitsLine(int level, OwnErrorLines& client) {
             }
         }
     }
-    if (begins) tellRefusals(now);
+    if (begins) logRefusals(now);
     if (!admitted) refuse(Quota::logLines, now);
     return admitted;
 }
@@ -135,33 +136,33 @@ void UserShare::refuse(Quota quota, TimePoint now) {
         Refusals& refusals = refusals_[static_cast<size_t>(quota)];
         ++refusals.all;
         if (now < refusals.nextLine) {
-            ++refusals.untold;
+            ++refusals.unlogged;
             return;
         }
-        before = std::exchange(refusals.untold, 0);
+        before = std::exchange(refusals.unlogged, 0);
         refusals.nextLine = quota == Quota::logLines ? periodEnd_ : now + kPeriod;
     }
-    if (before > 0) tellUntold(quota, before);
+    if (before > 0) logUnlogged(quota, before);
     const LogScope nobody(nullptr);
     TELVORA_LOG(kLogError, "UserQuotas: user %u is over the quota of %llu %s (%s)", user_,
                 static_cast<unsigned long long>(quotas_.limitOf(quota)), ruleOf(quota).name,
                 ruleOf(quota).key);
 }
 
-void UserShare::tellUntold(Quota quota, uint64_t refusals) const {
+void UserShare::logUnlogged(Quota quota, uint64_t refusals) const {
     const LogScope nobody(nullptr);
     TELVORA_LOG(kLogError, "UserQuotas: user %u was over the quota of %s %llu more times", user_,
                 ruleOf(quota).name, static_cast<unsigned long long>(refusals));
 }
 
-void UserShare::tellRefusals(TimePoint now) {
+void UserShare::logRefusals(TimePoint now) {
     for (size_t i = 0; i < kQuotas; ++i) {
-        uint64_t untold = 0;
+        uint64_t unlogged = 0;
         {
             const MutexLock lock(lock_);
-            if (now >= refusals_[i].nextLine) untold = std::exchange(refusals_[i].untold, 0);
+            if (now >= refusals_[i].nextLine) unlogged = std::exchange(refusals_[i].unlogged, 0);
         }
-        if (untold > 0) tellUntold(quotaAt(i), untold);
+        if (unlogged > 0) logUnlogged(quotaAt(i), unlogged);
     }
 }
 
@@ -198,13 +199,13 @@ void QuotaCharge::swap(QuotaCharge& other) noexcept {
 }
 
 void QuotaCharge::resize(uint64_t amount) {
-    // Modulo 2^64, so that this gives back as well as takes.
+    // Modulo 2^64: decreases, too.
     if (share_) share_->held(quota_).fetch_add(amount - amount_, std::memory_order_relaxed);
     amount_ = amount;
 }
 
 void QuotaCharge::countAs(Quota quota) {
-    // Counted twice for a moment rather than not at all.
+    // Counted twice for a moment, so that it is never uncounted.
     if (share_) {
         share_->held(quota) += amount_;
         share_->held(quota_) -= amount_;
@@ -275,7 +276,7 @@ QuotaUser UserQuotas::of(uid_t user) {
     if (now >= nextSweep_) {
         nextSweep_ = now + kPeriod;
         for (const auto& [each, share] : users_)
-            share->tellRefusals(now);
+            share->logRefusals(now);
         std::erase_if(users_, [now](const auto& entry) {
             return entry.second.use_count() == 1 && entry.second->isQuiet(now);
         });
@@ -292,10 +293,10 @@ std::map<uid_t, std::array<QuotaUse, kQuotas>> UserQuotas::uses() {
     return uses;
 }
 
-void UserQuotas::tellRefusals() {
+void UserQuotas::logRefusals() {
     const MutexLock lock(lock_);
     for (const auto& [user, share] : users_)
-        share->tellRefusals(TimePoint::max());
+        share->logRefusals(TimePoint::max());
 }
 
 }  // namespace telvora

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UserQuotas: how much of the daemon one user may take up, whatever that user's programs do. What is over a
-// quota is refused to that user alone, and the log is told: once, and then at most once a minute how often
-// since. All users have the same limits, root and the daemon's own user too.
+// UserQuotas: limits the resources that one user's programs can take. A request beyond a quota is refused to
+// that user alone and logged: once, then at most once a minute with the number of refusals since. All users
+// have the same limits, root and the daemon's own user included.
 //
-// A user's quotas are counted in one place for all connections (UserShare in user_quotas.cpp): a QuotaUser
-// refers to it, a QuotaCharge is a part of one quota that is taken. Taking and giving back cost a few atomic
-// operations. Once nothing refers to a user any more, the user is forgotten within the minute that its
-// refusals and its log lines count for, and the next connection of anybody.
+// The quotas of a user are counted in one place for all connections (UserShare in user_quotas.cpp): a
+// QuotaUser refers to it, a QuotaCharge is an amount taken from one quota. Taking and releasing cost a few
+// atomic operations. A user without references is forgotten at a later connection, once the minute of its
+// last refusal and log line is over.
 //
-// The limits are user defaults. They are read with every connection and every question for the status, and
-// count from then on for all; what is taken stays taken.
+// The limits are user defaults. They are read at every connection and every status request, and then apply to
+// everybody; amounts already taken stay taken.
 //
-// Everything here may be called from any thread, but one QuotaCharge from one at a time.
+// All operations are callable from any thread, but a QuotaCharge only from one thread at a time.
 #pragma once
 
 #include <sys/types.h>
@@ -34,27 +34,27 @@
 namespace telvora {
 
 enum class Quota : uint8_t {
-    connections,      // to either socket, until both ends have let go of them
-    sessions,         // whose connection is valid
-    pendingBytes,     // of reports that wait in a batch or for a server's answer
-    unreadBytes,      // of messages that wait for the user's clients to read those before them
-    dormantBytes,     // of reports in batches that a flush would throw away as things stand
-    extensionTokens,  // that are unused; each holds a descriptor
-    logLines,         // in a minute, above the debug level, on behalf of the user's clients
+    connections,      // to either socket, until both ends have closed them
+    sessions,         // with a valid connection
+    pendingBytes,     // of reports in batches and in posts without an answer
+    unreadBytes,      // of messages that wait until the user's clients read earlier ones
+    dormantBytes,     // of reports in batches that a flush would currently drop
+    extensionTokens,  // unused; each holds a descriptor
+    logLines,         // per minute, above the debug level, for the user's clients
 };
 inline constexpr size_t kQuotas = static_cast<size_t>(Quota::logLines) + 1;
 
 struct QuotaRule {
     const char* name;  // in the log and on the wire
-    const char* key;   // the user default, in the domain com.zandor.telvora, that changes the limit
-    uint64_t limit;    // without it
+    const char* key;   // the user default, in the domain com.zandor.telvora, for the limit
+    uint64_t limit;    // by default
 };
 const QuotaRule& ruleOf(Quota quota);
 
 class UserQuotas;
 struct UserShare;
 
-// A part of one quota of one user, or nothing. Its end gives it back.
+// An amount of one quota of one user, or empty. Destruction releases it.
 class QuotaCharge {
   public:
     QuotaCharge() = default;
@@ -62,11 +62,11 @@ class QuotaCharge {
     QuotaCharge& operator=(QuotaCharge&& other) noexcept;
     ~QuotaCharge() { resize(0); }
 
-    // From now on it is this much. More than before is not refused: it counts against what comes next.
+    // Changes the amount. An increase is never refused, but counts against later requests.
     void resize(uint64_t amount);
-    // From now on it is a part of this quota; not refused either.
+    // Moves the amount to this quota; never refused.
     void countAs(Quota quota);
-    // Takes over another charge of the same user, as a part of this one's quota.
+    // Adds another charge of the same user, moved to the quota of this one.
     void add(QuotaCharge other);
 
   private:
@@ -78,18 +78,17 @@ class QuotaCharge {
     uint64_t amount_ = 0;
 };
 
-// A user as the quotas know it, and one of its clients. A default-constructed one is nobody, to whom nothing
-// is refused.
+// One client of one user. A default-constructed one has no user, and is never refused.
 class QuotaUser {
   public:
     QuotaUser() = default;
 
-    // Adds to a charge, which is empty or of this user and quota. False: the user would be over its quota;
-    // then nothing has changed, and the refusal is counted and logged.
+    // Adds the amount to a charge that is empty or of this user and quota. False if the user would exceed its
+    // quota; then the charge is unchanged, and the refusal is counted and logged.
     bool take(Quota quota, uint64_t amount, QuotaCharge& charge) const;
-    // For a LogScope: what is logged in it is on this client's behalf. Lives as long as any copy of this. The
-    // lines of the user's other clients can use up the user's quota, but not the errors and warnings that
-    // each client has besides.
+    // For a LogScope around work for this client. Valid as long as any copy of this object. The lines of the
+    // user's other clients can use up the user's quota, but not the errors and warnings that each client has
+    // besides.
     LogAdmission* logAdmission() const;
 
   private:
@@ -103,24 +102,24 @@ class QuotaUser {
 struct QuotaUse {
     uint64_t held = 0;
     uint64_t limit = 0;
-    uint64_t refused = 0;  // how often, since the user was last forgotten
+    uint64_t refused = 0;  // number of refusals, since the user was last forgotten
 };
 
-// Outlives every QuotaUser and QuotaCharge.
+// Must outlive every QuotaUser and QuotaCharge.
 class UserQuotas {
   public:
     using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
 
-    // `defaults` outlives this.
+    // `defaults` must outlive this object.
     explicit UserQuotas(UserDefaults& defaults, SteadyClock clock = std::chrono::steady_clock::now);
     ~UserQuotas();
 
-    // For one client of the user. Reads the limits. May block on file I/O.
+    // A handle for one client of the user. Reads the limits. May block on file I/O.
     QuotaUser of(uid_t user) TELVORA_EXCLUDES(lock_);
-    // The users that are known, and their quotas in the order of Quota. Reads the limits, likewise.
+    // The known users and their quotas in the order of Quota. Reads the limits. May block on file I/O.
     std::map<uid_t, std::array<QuotaUse, kQuotas>> uses() TELVORA_EXCLUDES(lock_);
-    // Logs the refusals that the log has not been told of yet: for the daemon's end.
-    void tellRefusals() TELVORA_EXCLUDES(lock_);
+    // Logs the refusals that have not been logged yet. Called at the end of the daemon.
+    void logRefusals() TELVORA_EXCLUDES(lock_);
 
   private:
     friend struct UserShare;

@@ -31,8 +31,8 @@ class AsioQueueTimer final : public QueueTimer {
 
   private:
     asio::steady_timer timer_;
-    // Changes with each arm() and cancel(): asio can't call back a handler that is already on its way to the
-    // strand. It outlives the timer for such a handler's sake.
+    // Changes with each arm() and cancel(), because asio can't recall a handler that is already posted to the
+    // strand. Outlives the timer for such a handler.
     const std::shared_ptr<std::atomic<uint64_t>> generation_ = std::make_shared<std::atomic<uint64_t>>(0);
 };
 

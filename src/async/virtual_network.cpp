@@ -78,7 +78,7 @@ class VirtualSocket final : public UdpSocket {
     }
 
     void take(const std::string& datagram) {
-        if (!waiting_ && inbox_.empty()) return;  // nobody reads this socket
+        if (!waiting_ && inbox_.empty()) return;  // the socket is not being read
         inbox_.push_back(datagram);
         if (waiting_) wake();
     }
@@ -115,7 +115,7 @@ class VirtualQueue final : public NetworkQueue {
 }  // namespace
 
 VirtualNetwork::~VirtualNetwork() {
-    // One by one: the end of one event may cancel another.
+    // One by one: destroying one event may cancel another.
     while (!events_.empty()) {
         const auto event = events_.extract(events_.begin());
     }

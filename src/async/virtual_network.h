@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // VirtualNetwork: queues, timers and datagram sockets in virtual time, without threads and without a network.
-// Nothing happens but in runFor(), which jumps from event to event. Must outlive its queues.
+// All events run in runFor(), which advances the clock from event to event. Must outlive its queues. Not
+// thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -29,20 +30,20 @@ class VirtualNetwork {
 
     SteadyTime now() const { return now_; }
     void after(std::chrono::nanoseconds delay, std::function<void()> event);
-    // Runs all that is due from now until then; what is due at once with a duration of zero.
+    // Runs all events that are due until then; with a duration of zero, those due now.
     void runFor(std::chrono::nanoseconds duration = {});
-    // Hands a datagram from the peer to every socket that waits for some.
+    // Delivers a datagram from the peer to every socket that waits for one.
     void deliver(const std::string& datagram);
 
-    // Decides whether the network takes a datagram that is sent; by default it takes and keeps each.
+    // Whether the network takes a sent datagram; by default it takes each and adds it to `sent`.
     std::function<bool(std::string_view)> onSend;
-    // What fails from now on; an error number, or 0.
+    // Failures from now on: an error number, or 0.
     int socketError = 0;
     int bindError = 0;
     int connectError = 0;
     bool readSourceFails = false;
     bool timerFails = false;
-    // How much later than due timers come, up to their leeway.
+    // Delay of timers after they are due, at most their leeway.
     std::chrono::nanoseconds lateness{};
 
     std::vector<std::string> sent;                        // without onSend
@@ -54,7 +55,7 @@ class VirtualNetwork {
   private:
     friend class VirtualTimer;
     friend class VirtualSocket;
-    using EventKey = std::pair<SteadyTime, uint64_t>;  // those of one time in the order of their making
+    using EventKey = std::pair<SteadyTime, uint64_t>;  // the number orders events of the same time
 
     EventKey add(SteadyTime due, std::function<void()> event);
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The runners that the pool was made with sit in asio's run() for good: idle, they wait in the kernel without
-// a timeout. Only the threads that blocking work called for look at the clock, and only for as long as they
-// live.
+// The initial threads stay in asio's run(): idle, they wait in the kernel without a timeout. Only surplus
+// threads look at the clock.
 #include "async/work_pool.h"
 
 #include <pthread.h>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/mutex.h"
 
@@ -22,8 +22,8 @@ namespace telvora {
 
 namespace {
 
-// What a strand's work needs with room to spare; the eight megabytes that a thread gets otherwise count
-// against the limits under which a daemon runs. Sanitizers put red zones around every local.
+// Enough for the work of a strand. The default of 8 MiB counts against the memory limits of a daemon.
+// Sanitizers add red zones around every local variable.
 #ifdef TELVORA_SANITIZED
 constexpr size_t kStackBytes = size_t{8} << 20;
 #else
@@ -58,9 +58,9 @@ struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
     bool stopping TELVORA_GUARDED_BY(mutex) = false;
     std::vector<pthread_t> threads TELVORA_GUARDED_BY(mutex);
     size_t blocked TELVORA_GUARDED_BY(mutex) = 0;
-    // When the last thread there was no longer sufficed for the blocking work.
+    // The last time at which the pool had no more threads than the blocking work needed.
     SteadyClock::time_point lastNeeded TELVORA_GUARDED_BY(mutex);
-    // A thread that has retired and awaits its join, which the next one to retire does.
+    // A retired thread, which the next one to retire joins.
     std::optional<pthread_t> retired TELVORA_GUARDED_BY(mutex);
 
     // The pool of the running thread while that thread is not blocked.
@@ -90,7 +90,7 @@ bool WorkPool::State::startThread(bool surplus) {
         errno = error;
         return false;
     }
-    static_cast<void>(start.release());  // the thread's now
+    static_cast<void>(start.release());  // owned by the thread now
     threads.push_back(thread);
     return true;
 }
@@ -126,7 +126,7 @@ void WorkPool::State::serveWhileNeeded() {
         context.run_one_for(surplusIdleTime);
 }
 
-// Takes the calling thread out of the pool if it has been surplus for long enough.
+// Removes the calling thread from the pool if it has been surplus for long enough.
 bool WorkPool::State::retire() {
     std::optional<pthread_t> previous;
     {
@@ -148,8 +148,7 @@ void WorkPool::State::beginBlocking() {
     if (threads.size() >= runners + kMaxSurplusThreads) {
         TELVORA_LOG(kLogDebug, "WorkPool: %zu threads, starting no more.", threads.size());
     } else if (!startThread(true)) {
-        TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s",
-                    std::generic_category().message(errno).c_str());
+        TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s", errorText(errno).c_str());
     }
 }
 

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The shared pool that all strands run on. A strand (asio::strand) runs its work items one after another;
+// The thread pool that all strands run on. A strand (asio::strand) runs its work items one after another;
 // different strands run in parallel on the pool's threads.
 //
-// Some work has to block: a bag fetch, an upload, the wait for a lock that is held across one of these. Such
-// work says so with a BlockingSection, and the pool then keeps as many unblocked runners as it was made with,
-// by starting one more thread where needed, so that nobody else's reports wait. Surplus threads end once they
-// have not been needed for a while. An idle pool makes no system calls.
+// Work that blocks (a bag fetch, an upload, the wait for a lock that is held across one of these) declares it
+// with a BlockingSection. The pool then keeps its number of unblocked threads by starting one more where
+// needed, so that other strands do not wait. Surplus threads end after some idle time. An idle pool makes no
+// system calls.
 //
-// All operations but stop() may be called from any thread. A work item must not throw: an exception that
-// leaves one is logged at level 3 and ends the process. A work item that goes on to block posts what others
-// are to do meanwhile; what it defers (asio::defer) would wait until it has returned.
+// All operations except stop() are callable from any thread. A work item must not throw: an exception that
+// leaves it is logged at level 3 and ends the process. A work item that goes on to block posts work for other
+// threads with asio::post: work that it defers (asio::defer) would wait until the item returns.
 #pragma once
 
 #include <asio/executor_work_guard.hpp>
@@ -26,14 +26,14 @@ using Strand = asio::strand<asio::io_context::executor_type>;
 
 class WorkPool {
   public:
-    // How many threads may run beyond those that the pool was made with. When as many work items block, the
-    // next blocking one takes a runner away until one of them returns.
+    // The most threads beyond the initial ones. If as many work items block, the next blocking item takes an
+    // unblocked thread away until one of them returns.
     static constexpr size_t kMaxSurplusThreads = 256;
 
-    // Starts `runners` threads (at least one); throws std::system_error when they can't be started. A thread
-    // beyond them ends when it has not been needed for `surplusIdleTime`.
+    // Starts `runners` threads (at least one); throws std::system_error if they can't be started. Surplus
+    // threads end after `surplusIdleTime` without need.
     explicit WorkPool(size_t runners, std::chrono::milliseconds surplusIdleTime = std::chrono::seconds(5));
-    // Stops and joins. Work that has not begun is dropped. The pool's strands must not outlive it.
+    // Stops and joins. Work that has not begun is dropped. Strands of the pool must not outlive it.
     ~WorkPool();
     WorkPool(const WorkPool&) = delete;
     WorkPool& operator=(const WorkPool&) = delete;
@@ -41,11 +41,11 @@ class WorkPool {
     asio::io_context& context();
     Strand makeStrand();
 
-    // Ends the pool's threads once the work items that are running have returned; joins them. Idempotent. Not
-    // to be called from a pool thread.
+    // Ends and joins the pool's threads once their running work items have returned. Idempotent. Not to be
+    // called from a pool thread.
     void stop();
 
-    // Threads alive now, blocked ones included.
+    // The number of threads that are alive, blocked ones included.
     size_t threadCount() const;
 
   private:
@@ -54,8 +54,8 @@ class WorkPool {
     std::shared_ptr<State> state_;
 };
 
-// Declares that the calling thread may block until the section's end. On a thread that belongs to no pool it
-// does nothing. Sections nest.
+// Declares that the calling thread may block during the scope. Without effect on threads outside a pool.
+// Sections nest.
 class BlockingSection {
   public:
     BlockingSection();

@@ -3,6 +3,7 @@
 // Drops, holds or posts a report; flushes the batch.
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
+#include "config/client_type.h"
 #include "policy/absent_text.h"
 #include "util/log.h"
 
@@ -59,9 +60,9 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
 
 std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
     const std::optional<Dictionary>& payload) const {
-    TELVORA_LOG(kLogDebug,
-                "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP "
-                "message dictionary");
+    TELVORA_LOG(
+        kLogDebug,
+        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
     if (!payload) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
         return std::nullopt;
@@ -79,16 +80,15 @@ std::optional<Dictionary> HTTPSPostBackend::stopMessagePayload(
 
 Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                       uint16_t method, uint16_t respCode) const {
-    // Servers know the sessions of these client types by their number.
-    const bool numbered = identity_->compType == 7 ||
-                          (identity_->isInternal && (identity_->compType == 11 || identity_->compType == 13));
     const EventFields fields{
         .startTimeStamp = TelvoradUtil::secondsFromTimeValue(identity_->startTimestamp),
         .timestamp = timestamp,
         .sender = senderCodeForClientType(identity_->compType),
         .clientVersion = identity_->clientVersion,
         .combinedSessionID = combinedSessionIDString_,
-        .numericSessionID = numbered ? std::optional(identity_->sessionID) : std::nullopt,
+        .numericSessionID = isSessionNumbered(identity_->compType, identity_->isInternal)
+                                ? std::optional(identity_->sessionID)
+                                : std::nullopt,
         .eventNumber = eventID_,
         .method = method,
         .status = respCode,
@@ -118,9 +118,9 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
-        TELVORA_LOG(kLogDebug,
-                    "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been "
-                    "batched. Forcing Flush here to keep events in order.");
+        TELVORA_LOG(
+            kLogDebug,
+            "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. Forcing Flush here to keep events in order.");
         flushed = flushMessagesWithCompletion({});
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): Sending %d, %d, %d", static_cast<int>(state()),
@@ -144,10 +144,10 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     std::optional<std::string> flushed;
     if (count > policy_.eventThreshold || full) {
         if (count > policy_.eventThreshold) {
-            TELVORA_LOG(kLogDebug,
-                        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
-                        "threshold for method %d",
-                        static_cast<int>(method));
+            TELVORA_LOG(
+                kLogDebug,
+                "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method %d",
+                static_cast<int>(method));
         }
         flushed = flushMessagesWithCompletion({});
         count = 0;

@@ -5,6 +5,7 @@
 
 #include "backends/https_post_backend.h"
 #include "backends/json_message.h"
+#include "config/client_type.h"
 #include "policy/absent_text.h"
 #include "telvora/keys.h"
 #include "util/compression.h"

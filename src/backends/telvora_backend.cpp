@@ -135,12 +135,4 @@ const Dictionary* TelvoraBackend::profileDictionary() const {
     return profile_ ? profile_->getIf<Dictionary>() : nullptr;
 }
 
-std::string_view senderCodeForClientType(int32_t clientType) {
-    static constexpr std::array<std::string_view, 19> kSenderCodes = {
-        "SM", "CN", "NAT",     "TO",    "RS",     "OB",       "VT",     "VC",      "TV",      "FL",
-        "SG", "LT", "KESTOVA", "NVCAM", "VT-HLS", "VT-CRABS", "TAMSEL", "CORVANE", "LINDQVAR"};
-    if (clientType < 0 || static_cast<size_t>(clientType) >= kSenderCodes.size()) return {};
-    return kSenderCodes[static_cast<size_t>(clientType)];
-}
-
 }  // namespace telvora

@@ -168,7 +168,4 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::optional<double> samplingThreshold_ TELVORA_GUARDED_BY(thresholdLock_);
 };
 
-// The short code that names a client type to servers ("VC" for 7). Empty for a type outside 0..18.
-std::string_view senderCodeForClientType(int32_t clientType);
-
 }  // namespace telvora

@@ -9,6 +9,7 @@
 #include "http/http_request_rules.h"
 #include "util/compression.h"
 #include "util/log.h"
+#include "util/percent_encoding.h"
 #include "util/utf8.h"
 
 namespace telvora {
@@ -170,19 +171,11 @@ uint64_t UploadBackend::maxUploadBytes() const {
 }
 
 std::string percentEncodedForQuery(std::string_view text) {
-    constexpr std::string_view kAllowed =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?";
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string encoded;
-    for (const char c : text) {
-        if (kAllowed.find(c) != std::string_view::npos) {
-            encoded.push_back(c);
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        encoded.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
-    }
-    return encoded;
+    return percentEncoded(text, [](char c) {
+        constexpr std::string_view kMarks = "!$&'()*+,;=:@/?";
+        return kUnreservedCharacters.find(c) != std::string_view::npos ||
+               kMarks.find(c) != std::string_view::npos;
+    });
 }
 
 }  // namespace telvora

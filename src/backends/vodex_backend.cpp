@@ -3,6 +3,7 @@
 
 #include "async/work_pool.h"
 #include "backends/vodex_payload.h"
+#include "config/client_type.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -11,7 +12,6 @@ namespace {
 
 constexpr char kAdaptorClassName[] = "VodexAdaptor";
 constexpr char kForwardingSelector[] = "sendMessageWithMethod:respCode:dict:";
-constexpr uint32_t kClientTypesAllowed = 1U << 7 | 1U << 11 | 1U << 13;
 
 // Calls foreign code, which may block. Catches and logs its exceptions.
 template <typename Call>
@@ -27,7 +27,8 @@ void callAdaptor(const char* operation, Call call) {
 }  // namespace
 
 bool VodexBackend::isClientTypeAllowed(int32_t clientType) {
-    return clientType >= 0 && clientType <= 13 && (kClientTypesAllowed >> clientType & 1) != 0;
+    const ClientTypeFacts* facts = factsOfClientType(clientType);
+    return facts != nullptr && facts->hasMetricsAdaptor;
 }
 
 std::shared_ptr<VodexBackend> VodexBackend::make(const BackendServices& services, std::string name,

@@ -5,10 +5,10 @@
 
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
-#include <cstring>
 #include <exception>
 
 #include "bus/bus_connection.h"
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -66,7 +66,7 @@ int BusConnection::sendReply(sd_bus_message* call, const PendingCall::Fill& fill
     if (result >= 0) return send(reply);
     if (peerHungUp()) return result;
     TELVORA_LOG(kLogError, "BusConnection(sendReply): Failed to write the answer to %s: %s",
-                sd_bus_message_get_member(call), std::strerror(-result));
+                sd_bus_message_get_member(call), errorText(-result).c_str());
     return sd_bus_reply_method_errno(call, result, nullptr);
 }
 
@@ -113,7 +113,7 @@ tl::expected<void, std::string> BusConnection::call(BusMessage call, ReplyHandle
     auto sent = std::make_unique<SentCall>(SentCall{this, std::move(handler)});
     sd_bus_slot* slot = nullptr;
     const int result = sd_bus_call_async(bus_.get(), &slot, call.get(), onReply, sent.get(), UINT64_MAX);
-    if (result < 0) return tl::unexpected(std::string(std::strerror(-result)));
+    if (result < 0) return tl::unexpected(errorText(-result));
     sd_bus_slot_set_destroy_callback(slot, [](void* userdata) { delete static_cast<SentCall*>(userdata); });
     sent.release();
     sd_bus_slot_set_floating(slot, true);  // owned by the bus from here, until the answer or the bus's end

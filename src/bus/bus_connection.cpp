@@ -19,7 +19,8 @@
 #include <algorithm>
 #include <asio/error.hpp>
 #include <asio/post.hpp>
-#include <cstring>
+
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -29,10 +30,6 @@ namespace {
 constexpr int kMessagesPerTurn = 64;
 // sd-bus requests 8 MiB per socket; this size is enough to keep both ends busy.
 constexpr int kSendBufferBytes = 256 << 10;
-
-std::string errnoText(int error) {
-    return std::strerror(error < 0 ? -error : error);
-}
 
 }  // namespace
 
@@ -76,7 +73,7 @@ tl::expected<void, std::string> BusConnection::configure() {
         result = sd_bus_add_filter(bus, &slot, onAnyMessage, this);
         filter_.reset(slot);
     }
-    if (result < 0) return tl::unexpected(errnoText(result));
+    if (result < 0) return tl::unexpected(errorText(-result));
     return role_ == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
 }
 
@@ -100,7 +97,7 @@ void BusConnection::begin() {
     if (!bus_) return;
     authenticationDeadline_ = std::chrono::steady_clock::now() + limits_.authenticationTimeout;
     const int result = sd_bus_start(bus_.get());
-    if (result < 0) return end(errnoText(result));
+    if (result < 0) return end(errorText(-result));
 
     const int fd = sd_bus_get_fd(bus_.get());
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
@@ -129,7 +126,7 @@ int BusConnection::processOne() {
         return -ENOTCONN;
     }
     if (result < 0) {
-        end(errnoText(result));
+        end(errorText(-result));
     } else if (!isOpen()) {
         end("the peer has closed the connection");
         return -ENOTCONN;

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bus/bus_query.h"
 
-#include <cstring>
 #include <memory>
+
+#include "util/error_text.h"
+#include "util/percent_encoding.h"
 
 namespace telvora {
 
@@ -12,18 +14,10 @@ using Kind = BusQueryFailure::Kind;
 
 // A D-Bus address: all but a few characters are escaped (D-Bus Specification, "Server Addresses").
 std::string addressOf(const std::string& socketPath) {
-    constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_/.";
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string address = "unix:path=";
-    for (const char c : socketPath) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c != '\0' && std::strchr(kPlain, c) != nullptr) {
-            address += c;
-        } else {
-            address.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
-        }
-    }
-    return address;
+    constexpr auto isPlain = [](char c) {
+        return (c != '~' && kUnreservedCharacters.find(c) != std::string_view::npos) || c == '/';
+    };
+    return "unix:path=" + percentEncoded(socketPath, isPlain);
 }
 
 tl::unexpected<BusQueryFailure> failure(Kind kind, std::string message) {
@@ -51,14 +45,13 @@ tl::expected<BusMessage, BusQueryFailure> callAndWait(const BusQuery& query) {
     }
     const BusMessage call = BusMessage::adopt(written);
     if (result < 0) {
-        return failure(Kind::kUnreachable,
-                       "can't connect to " + query.socketPath + ": " + std::strerror(-result));
+        return failure(Kind::kUnreachable, errorText("can't connect to " + query.socketPath, -result));
     }
     sd_bus_message* received = nullptr;
     sd_bus_error error{};
     result = sd_bus_call(bus.get(), call.get(), timeout, &error, &received);
     BusMessage reply = BusMessage::adopt(received);
-    const std::string message = error.message != nullptr ? error.message : std::strerror(-result);
+    const std::string message = error.message != nullptr ? error.message : errorText(-result);
     const bool answered = sd_bus_error_is_set(&error) > 0 && sd_bus_is_open(bus.get()) > 0;
     sd_bus_error_free(&error);
     if (result >= 0) return reply;

@@ -9,6 +9,7 @@
 
 #include "async/work_pool.h"
 #include "util/mutex.h"
+#include "util/signal_mask.h"
 
 namespace telvora {
 
@@ -32,7 +33,7 @@ class ClientRuntime {
     Strand makeStrand() TELVORA_EXCLUDES(lock_) {
         const MutexLock lock(lock_);
         if (!pool_) {
-            const NoSignals inherited;
+            const SignalsBlocked inherited;
             pool_ = std::make_unique<WorkPool>(1);
         }
         return pool_->makeStrand();
@@ -49,24 +50,6 @@ class ClientRuntime {
     }
 
   private:
-    // A thread inherits its creator's signal mask. Signals that a thread raises itself stay unblocked.
-    class NoSignals {
-      public:
-        NoSignals() {
-            sigset_t all;
-            sigfillset(&all);
-            for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
-                sigdelset(&all, own);
-            pthread_sigmask(SIG_SETMASK, &all, &before_);
-        }
-        ~NoSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-        NoSignals(const NoSignals&) = delete;
-        NoSignals& operator=(const NoSignals&) = delete;
-
-      private:
-        sigset_t before_;
-    };
-
     Mutex lock_{LockRank::clientRuntime};
     std::unique_ptr<WorkPool> pool_ TELVORA_GUARDED_BY(lock_);
 };

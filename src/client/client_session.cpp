@@ -11,6 +11,7 @@
 
 #include "client/client_session_connection.h"
 #include "telvora/keys.h"
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -18,7 +19,7 @@ namespace {
 
 tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
     const auto failure = [&path](int error) {
-        return tl::unexpected("can't connect to " + path + ": " + std::strerror(error));
+        return tl::unexpected(errorText("can't connect to " + path, error));
     };
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;

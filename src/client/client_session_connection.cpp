@@ -10,8 +10,7 @@ namespace {
 
 // The loss reason of a connection that ends without any answer: the daemon refuses a client this way.
 constexpr char kTurnedAway[] =
-    "the daemon closed the connection without an answer: most likely this program is not entitled "
-    "(telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
+    "the daemon closed the connection without an answer: most likely this program is not entitled (telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
 
 }  // namespace
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/request.h"
 
+#include "util/file_url.h"
+
 namespace telvora {
 
 namespace {
@@ -66,7 +68,7 @@ void upload(const std::shared_ptr<ClientSession>& session, Request request, Answ
         if (!token) return done(answerOf(token.error()));
         const auto still = session.lock();
         if (!still) return done({TELVORA_ERROR_LOST, "the connection is lost", std::nullopt, std::nullopt});
-        still->uploadFile(fileURL(path), std::move(*token), answering<bool>(done));
+        still->uploadFile(fileURLOfPath(path), std::move(*token), answering<bool>(done));
     };
     session->issueFileExtension(std::move(request.path), std::move(request.file), std::move(issued));
 }
@@ -202,22 +204,6 @@ std::optional<PropertyList> defaultAnswer(Operation operation) {
 
 void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
     descriptionOf(request.operation).send(session, std::move(request), std::move(done));
-}
-
-std::string fileURL(const std::string& path) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    static constexpr std::string_view kPlain =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
-    std::string url = "file://";
-    for (const char c : path) {
-        if (kPlain.find(c) != std::string_view::npos) {
-            url += c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        url += {'%', kHex[byte >> 4], kHex[byte & 15]};
-    }
-    return url;
 }
 
 }  // namespace telvora

@@ -64,7 +64,4 @@ std::optional<PropertyList> defaultAnswer(Operation operation);
 // Sends the request; `done` runs as ClientSession's completions do.
 void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done);
 
-// The file URL of an absolute path (RFC 8089).
-std::string fileURL(const std::string& path);
-
 }  // namespace telvora

@@ -12,7 +12,7 @@ namespace telvora {
 namespace {
 
 constexpr const char* kDefaultVersion = "8.0";
-// An RSA key of 16384 bits takes about 2 KiB; a file far beyond that is none.
+// An RSA key of 16384 bits takes about 2 KiB; a much larger file is no key.
 constexpr std::streamsize kMaxKeyBytes = 64 << 10;
 
 }  // namespace

@@ -53,7 +53,7 @@ bool DeviceIdentity::diagnosticsConsent() const {
     return defaults_.boolean(kConsentDomain, kConsentKey);
 }
 
-// A key whose value can't be written keeps it in memory from then on, so its failure is logged only once.
+// A value that can't be written stays in memory under its key, so its failure is logged only once.
 std::string DeviceIdentity::persistentIdentifier(const std::string& key) const {
     const MutexLock lock(identifierMutex_);
     if (std::optional<std::string> stored = defaults_.string(kTelvoraDefaultsDomain, key)) return *stored;

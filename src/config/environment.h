@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The settings of the defaults domain that are read once per process.
+// The settings that are read once per process.
 #pragma once
 
 #include <mutex>
@@ -12,7 +12,7 @@
 
 namespace telvora {
 
-// Selects the section of a bag. `none` is accepted as a setting, but no section matches it.
+// Selects the section of a bag. `none` is a valid setting, but matches no section.
 enum class EnvironmentType : uint32_t {
     none = 0,
     development = 1,
@@ -21,7 +21,7 @@ enum class EnvironmentType : uint32_t {
     release = 4
 };
 
-// The section's name in a bag; nothing for `none`.
+// The name of the section in a bag; std::nullopt for `none`.
 std::optional<std::string> sectionNameForEnvironment(EnvironmentType type);
 
 class Environment {
@@ -30,13 +30,13 @@ class Environment {
     Environment(UserDefaults& defaults, const DeviceIdentity& identity)
         : defaults_(defaults), identity_(identity) {}
 
-    // From the user default "environmentType", else by whether the build is internal. Computed on first use
-    // and kept for the life of the process. Thread-safe.
+    // The user default "environmentType"; without it, zandorInternal on internal builds and release on
+    // others. Computed once. Thread-safe.
     EnvironmentType userDefaultsEnvironment() const;
 
-    // The bag server's base URL: the user default "telvora_storebag_url", else the built-in one for internal
-    // or for all other builds. The setting is used as it stands and should have no trailing slash. Computed
-    // on first use and kept. Thread-safe.
+    // The base URL of the bag server: the user default "telvora_storebag_url"; without it, the built-in URL
+    // for internal or for other builds. The setting is used unchanged, so it should have no trailing slash.
+    // Computed once. Thread-safe.
     const std::string& storebagBaseURL() const;
 
   private:

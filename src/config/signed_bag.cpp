@@ -8,7 +8,7 @@ namespace telvora {
 
 namespace {
 
-// Lives in `parsed`; null when that is no dictionary.
+// Refers to `parsed`; null if that is no dictionary.
 const Dictionary* dictionaryIn(const tl::expected<PropertyList, std::string>& parsed) {
     return parsed ? parsed->getIf<Dictionary>() : nullptr;
 }
@@ -43,7 +43,7 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
         return std::nullopt;
     }
     const auto inner = parsePropertyList(*bag);
-    // A bag that is right but for its size is its author's to mend, and has to be heard of.
+    // The author of a bag over a limit has a chance to correct it.
     if (!inner && exceedsPropertyListLimit(inner.error())) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: The bag is over a limit: %s", inner.error().c_str());
     }

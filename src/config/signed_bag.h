@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The document in which a bag travels: a property list whose top level is a dictionary with two base64
-// strings, all other entries ignored,
+// Signed documents, which carry bags: a property list whose top level is a dictionary with two base64
+// strings; other entries are ignored,
 //
 //     "bag"        the inner bag, itself a serialised property list (a dictionary)
 //     "signature"  an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of the decoded "bag"
@@ -21,18 +21,18 @@
 
 namespace telvora {
 
-// The longest inner bag whose document, base64 and with the signature of a key of any length, a daemon reads.
-inline constexpr size_t kMaxInnerBagBytes = (kMaxPropertyListBytes - 8192) / 4 * 3;
+// The longest inner bag whose signed document is within the limits of readers, with a key of any length.
+inline constexpr size_t kMaxInnerBagBytes = (kMaxDocumentBytes - 8192) / 4 * 3;
 std::string whyTooLongToSign();
 
-// The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies, or
-// nothing. What is wrong is logged at level 3, except for a key or base64 text that can't be read and for an
-// inner bag that is malformed or no dictionary.
+// The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies; else
+// std::nullopt. Failures are logged at level 3, except an unreadable key or base64 text, and an inner bag
+// that is malformed or no dictionary.
 std::optional<Dictionary> openSignedBag(std::string_view document,
                                         const std::optional<std::string>& publicKeyDer);
 
-// Makes the document for a serialised inner bag, as an XML property list. Fails with a reason when the bag is
-// too long or the key can't sign.
+// Makes the signed document of a serialised inner bag, as an XML property list. Fails with a reason if the
+// bag is too long or the key can't sign.
 tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key);
 
 }  // namespace telvora

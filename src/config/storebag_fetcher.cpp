@@ -17,8 +17,8 @@ constexpr int32_t kDefaultMaxAge = 86400;
 constexpr size_t kMaxBagBytes = size_t{16} << 20;
 constexpr std::string_view kQuillet = "quillet";
 
-// What stands in for the bag "quillet" while its server can't be reached. It has no "seed" section on
-// purpose: the choice of the section falls back to "release".
+// Replaces the bag "quillet" while its server can't be reached. It deliberately has no "seed" section: the
+// selection falls back to "release".
 Dictionary defaultBag() {
     const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
     return {{"zandor_internal", section},
@@ -28,8 +28,8 @@ Dictionary defaultBag() {
             {"refresh_cycle", 3600}};
 }
 
-// The seconds after "max-age" in a Cache-Control value that is taken apart at '=' and blanks only, as the bag
-// servers write it; a day when it says nothing of them.
+// The seconds after "max-age" in a Cache-Control value, which is split at '=' and blanks only, as the bag
+// servers write it; a day if it has no "max-age".
 int32_t maxAgeOf(const HttpResponse& response) {
     const std::string cacheControl = response.listHeader("Cache-Control");
     std::string_view rest = cacheControl;
@@ -69,8 +69,8 @@ std::optional<Dictionary> standIn(const std::optional<std::string>& name) {
     return defaultBag();
 }
 
-// Takes over what the response says of the caller's copy; true when that copy is still right. A value that no
-// request could carry back counts as absent.
+// Updates the date of the caller's copy from the response; true if that copy is still current. A value that
+// no request could send back counts as absent.
 bool updateLastModified(const HttpResponse& response, std::optional<std::string>& lastModified) {
     const auto received = response.header("Last-Modified");
     if (!received || !isHeaderValue(*received)) return false;
@@ -99,10 +99,10 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagWithName(const std::opti
 
     const HttpResult result = performBlocking(services_.http, makeRequest(url, status.lastModified));
     if (!result) {
-        TELVORA_LOG(kLogInfo,
-                    "fetchStorebagWithName: Error resolving with lookup server %s, "
-                    "sendSynchronousRequest error %s",
-                    url.c_str(), result.error().description.c_str());
+        TELVORA_LOG(
+            kLogInfo,
+            "fetchStorebagWithName: Error resolving with lookup server %s, sendSynchronousRequest error %s",
+            url.c_str(), result.error().description.c_str());
         status.builtIn = name == kQuillet;
         return standIn(name);
     }

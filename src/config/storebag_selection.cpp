@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "config/client_type.h"
 #include "config/storebag_fetcher.h"
 #include "util/log.h"
 
@@ -14,34 +15,9 @@ constexpr int64_t kMaxRefreshCycle = 86400;
 }  // namespace
 
 std::optional<std::string> bagNameForClientType(uint32_t clientType) {
-    switch (clientType) {
-        case 5:
-            return "orbel";
-        case 6:
-        case 14:
-        case 15:
-            return "vantor";
-        case 7:
-        case 11:
-        case 13:
-            return "quillet";
-        case 8:
-            return "dravik";
-        case 9:
-            return "fenlow";
-        case 10:
-            return "pellam";
-        case 12:
-            return "kestova";
-        case 16:
-            return "tamsel";
-        case 17:
-            return "corvane";
-        case 18:
-            return "lindqvar";
-        default:
-            return std::nullopt;
-    }
+    const ClientTypeFacts* facts = factsOfClientType(clientType);
+    if (facts == nullptr || facts->bagName.empty()) return std::nullopt;
+    return std::string(facts->bagName);
 }
 
 const Dictionary* sectionForEnvironment(const Dictionary& bag, EnvironmentType type) {
@@ -83,15 +59,15 @@ std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientT
     const EnvironmentType type = services_.environment.userDefaultsEnvironment();
     const Dictionary* section = sectionForEnvironment(*bag, type);
     if (section == nullptr) {
-        TELVORA_LOG(kLogError,
-                    "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d "
-                    "with %s environment",
-                    printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
+        TELVORA_LOG(
+            kLogError,
+            "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d with %s environment",
+            printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
         return std::nullopt;
     }
     const std::string* bagVersion = bag->string("version");
     version = bagVersion != nullptr ? std::optional(*bagVersion) : std::nullopt;
-    // The bag's own refresh cycle goes before what the server's headers say.
+    // The refresh cycle of the bag overrides the headers of the server.
     if (const auto refreshCycle = refreshCycleOf(*bag)) {
         status.maxAge = *refreshCycle;
         TELVORA_LOG(kLogInfo, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=%d",

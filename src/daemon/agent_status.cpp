@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Composes the parts of the status that concern the clients and the bags (protocol/status_keys.h). It does
-// not wait for a bag fetch: it queries the sessions outside all locks of the agent, and reads an extract of
-// the cache that has its own lock.
-#include <cmath>
-
+// not wait for a bag fetch: it queries the sessions outside all locks of the agent, and the cache gives its
+// statuses under a lock of its own.
 #include "daemon/telvorad_agent.h"
 #include "protocol/status_keys.h"
-#include "util/time_value.h"
 
 namespace telvora {
 
@@ -19,6 +16,21 @@ Dictionary clientStatus(const Peer& peer) {
                       {status::kPid, static_cast<long long>(peer.pid)}};
     if (!peer.unit.empty()) client.set(status::kUnit, peer.unit);
     return client;
+}
+
+const char* nameOf(StorebagCache::Status::State state) {
+    using State = StorebagCache::Status::State;
+    switch (state) {
+        case State::absent:
+            return "absent";
+        case State::builtIn:
+            return "fallback";
+        case State::fresh:
+            return "fresh";
+        case State::stale:
+            return "stale";
+    }
+    return "";
 }
 
 }  // namespace
@@ -41,22 +53,15 @@ Array TelvoradAgent::sessionStatus() {
 }
 
 Array TelvoradAgent::storebagStatus() {
-    const double now = TelvoradUtil::secondsFromTimeValue(services_.clock());
     Array statuses;
-    const MutexLock lock(storebagExtractsLock_);
-    for (const auto& [key, extract] : storebagExtracts_) {
-        const double age = std::fabs(now - extract.fetchTime);
-        const char* state = extract.builtIn                                   ? "fallback"
-                            : !extract.held                                   ? "absent"
-                            : extract.fetchSuccessful && age < extract.maxAge ? "fresh"
-                                                                              : "stale";
-        Dictionary bag{{status::kClientType, extract.clientType},
-                       {status::kState, state},
-                       {status::kAge, age},
-                       {status::kMaxAge, extract.maxAge}};
-        if (key.name) bag.set(status::kName, *key.name);
-        if (extract.version) bag.set(status::kVersion, *extract.version);
-        statuses.emplace_back(std::move(bag));
+    for (const StorebagCache::Status& bag : cachedStorebags_.statuses()) {
+        Dictionary described{{status::kClientType, bag.clientType},
+                             {status::kState, nameOf(bag.state)},
+                             {status::kAge, bag.age},
+                             {status::kMaxAge, bag.maxAge}};
+        if (bag.name) described.set(status::kName, *bag.name);
+        if (bag.version) described.set(status::kVersion, *bag.version);
+        statuses.emplace_back(std::move(described));
     }
     return statuses;
 }

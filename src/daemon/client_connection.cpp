@@ -52,9 +52,7 @@ class BusClientConnection : public ClientConnection,
     void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
         session_ = std::move(session);
     }
-    void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) override {
-        issuer_ = std::move(issuer);
-    }
+    void setClientFiles(std::shared_ptr<ClientFiles> files) override { files_ = std::move(files); }
     void setUser(QuotaUser user) override { user_ = std::move(user); }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
@@ -87,7 +85,7 @@ class BusClientConnection : public ClientConnection,
     std::function<void()> invalidationHandler_;
     std::function<void()> goneHandler_;
     std::shared_ptr<ClientSessionInterface> session_;
-    std::shared_ptr<FileExtensionIssuer> issuer_;
+    std::shared_ptr<ClientFiles> files_;
     QuotaUser user_;
 
     // Used on the strand alone, once make() is through.
@@ -135,9 +133,8 @@ tl::expected<void, std::string> BusClientConnection::exportInterfaces(BusConnect
 }
 
 tl::expected<std::string, BusError> BusClientConnection::issueFileExtension(std::string path, UniqueFd file) {
-    if (!issuer_)
-        return tl::unexpected(BusError{kBusErrorNotSupported, "No file extensions are issued here"});
-    return issuer_->issueFileExtension(std::move(path), std::move(file)).map_error([](std::string error) {
+    if (!files_) return tl::unexpected(BusError{kBusErrorNotSupported, "No file extensions are issued here"});
+    return files_->issueFileExtension(std::move(path), std::move(file)).map_error([](std::string error) {
         return BusError{kBusErrorInvalidArgs, std::move(error)};
     });
 }
@@ -160,7 +157,7 @@ void BusClientConnection::ended(const std::string& reason) {
         unreachableReason_ = "the client has left, which is no error where it has ended its session";
     }
     session_.reset();
-    issuer_.reset();
+    files_.reset();
     if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
     emptyOutbox();
     bus_ = nullptr;

@@ -16,7 +16,7 @@
 #include <memory>
 #include <string>
 
-#include "access/file_extension_issuer.h"
+#include "access/client_files.h"
 #include "access/user_quotas.h"
 #include "async/work_pool.h"
 #include "bus/bus_connection.h"
@@ -41,7 +41,7 @@ class ClientConnection : public ClientSessionReplyInterface {
     // The object that answers the client's calls; the connection owns a reference until its invalidation.
     virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> session) = 0;
     // Answers the client's IssueFileExtension; without one, the call is answered with "not supported".
-    virtual void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer> issuer) = 0;
+    virtual void setClientFiles(std::shared_ptr<ClientFiles> files) = 0;
     // The user on whose behalf the client's calls run; optional.
     virtual void setUser(QuotaUser user) = 0;
     // Called at most once, on the strand, when either side has ended the connection; the reference to the

@@ -11,9 +11,9 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <system_error>
 
 #include "protocol/status_interface.h"
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -23,7 +23,7 @@ namespace {
 constexpr mode_t kOpenToAll = 0666;
 
 tl::unexpected<std::string> failure(const std::string& context, int error = errno) {
-    return tl::unexpected(context + ": " + std::generic_category().message(error));
+    return tl::unexpected(errorText(context, error));
 }
 
 tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {

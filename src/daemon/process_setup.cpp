@@ -9,9 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <system_error>
 
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -25,7 +24,7 @@ constexpr unsigned long kTimerSlackNanoseconds = 50'000'000;
 void report(const char* setting, long result) {
     if (result == 0) return;
     TELVORA_LOG(kLogDebug, "setUtilityQualityOfService: can't set the %s: %s", setting,
-                std::generic_category().message(errno).c_str());
+                errorText(errno).c_str());
 }
 
 }  // namespace

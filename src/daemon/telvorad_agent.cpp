@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Admission of connections and the registry of live sessions.
+// Admission of connections, the registry of live sessions, and their bags.
 #include "daemon/telvorad_agent.h"
 
+#include "telvora/keys.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -10,6 +11,11 @@ namespace telvora {
 namespace {
 
 constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
+
+uint32_t clientTypeOf(const TelvoradSession& session) {
+    return static_cast<uint32_t>(
+        session.sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
+}
 
 }  // namespace
 
@@ -21,10 +27,10 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     const std::optional<PropertyList> entitlement =
         services_.entitlements.valueForEntitlement(peer, kClientEntitlement);
     if (!entitlement || !entitlement->boolValue()) {
-        TELVORA_LOG(kLogDebug,
-                    "listener: new XPC connection %s does not have required telvora entitlement. Closing "
-                    "connection...",
-                    connection->description().c_str());
+        TELVORA_LOG(
+            kLogDebug,
+            "listener: new XPC connection %s does not have required telvora entitlement. Closing connection...",
+            connection->description().c_str());
         refusals_.notEntitled(peer);
         return false;
     }
@@ -41,7 +47,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     auto files =
         std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
     auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
-    connection->setFileExtensionIssuer(std::move(files));
+    connection->setClientFiles(std::move(files));
     connection->setExportedObject(session);
     connection->setUser(user);
     {
@@ -92,6 +98,20 @@ void TelvoradAgent::invalidateAllConnections() {
 size_t TelvoradAgent::sessionCount() {
     const RecursiveMutexLock lock(sessionListLock_);
     return sessionList_.size();
+}
+
+std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const TelvoradSession& session) {
+    const uint32_t clientType = clientTypeOf(session);
+    TELVORA_LOG(kLogDebug, "storebagForSession: Retrieving storebag for session %u with client type %d",
+                session.sessionID(), static_cast<int>(clientType));
+    services_.storebagFetcher.readSettings();
+    const DelegateLock lock(lock_);
+    return cachedStorebags().storebag(clientType);
+}
+
+std::optional<std::string> TelvoradAgent::storebagVersionForSession(const TelvoradSession& session) {
+    const DelegateLock lock(lock_);
+    return cachedStorebags().storebagVersion(clientTypeOf(session));
 }
 
 }  // namespace telvora

@@ -10,7 +10,6 @@
 #pragma once
 
 #include <atomic>
-#include <compare>
 #include <functional>
 #include <list>
 #include <map>
@@ -24,7 +23,7 @@
 #include "access/entitlements.h"
 #include "access/peer.h"
 #include "access/user_quotas.h"
-#include "config/storebag_fetcher.h"
+#include "config/storebag_cache.h"
 #include "daemon/client_connection.h"
 #include "daemon/keep_alive_transaction.h"
 #include "daemon/refusal_log.h"
@@ -47,7 +46,8 @@ struct AgentServices {
 
 class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
-    explicit TelvoradAgent(AgentServices services) : services_(std::move(services)) {}
+    explicit TelvoradAgent(AgentServices services)
+        : services_(std::move(services)), cachedStorebags_(services_.storebagFetcher, services_.clock) {}
 
     // Whether the new connection is admitted: its peer must have the entitlement, and its user quota for one
     // more connection and session. An admitted connection gets its session and is served. A refused
@@ -75,39 +75,6 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
   private:
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
 
-    // The client types with the same bag name share a record; so do those without a bag name, which the bag
-    // without a name serves. Type 0 has a record of its own: no bag is ever requested for it.
-    struct StorebagKey {
-        explicit StorebagKey(uint32_t clientType)
-            : name(bagNameForClientType(clientType)), isFetched(clientType != 0) {}
-        friend auto operator<=>(const StorebagKey&, const StorebagKey&) = default;
-
-        std::optional<std::string> name;
-        bool isFetched;
-    };
-
-    struct StorebagRecord {
-        std::shared_ptr<const Dictionary>
-            data;  // the environment's section; null until a fetch has succeeded
-        std::optional<std::string> version;
-        std::optional<std::string> lastModified;
-        double fetchTime = 0;  // of the last attempt, seconds since 1970
-        int32_t maxAge = 0;    // seconds
-        bool fetchSuccessful = false;
-        bool builtIn = false;  // the data are the built-in bag
-    };
-
-    // A record's part of the status. It has its own lock: the agent's is held across fetches.
-    struct StorebagExtract {
-        int clientType = 0;  // of the session that caused the last fetch
-        std::optional<std::string> version;
-        double fetchTime = 0;
-        int32_t maxAge = 0;
-        bool fetchSuccessful = false;
-        bool held = false;     // the record has a bag
-        bool builtIn = false;  // the bag is the built-in one
-    };
-
     struct RegisteredSession {
         std::shared_ptr<TelvoradSession> session;
         Peer peer;
@@ -118,7 +85,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Registry.
     void invalidated(const std::shared_ptr<TelvoradSession>& session);
     // Storebags.
-    void fetchAndCacheStorebag(uint32_t clientType) TELVORA_REQUIRES(lock_);
+    StorebagCache& cachedStorebags() TELVORA_REQUIRES(lock_) { return cachedStorebags_; }
 
     const AgentServices services_;
     RefusalLog refusals_;
@@ -131,9 +98,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
         TELVORA_GUARDED_BY(sessionListLock_);
 
     RecursiveMutex lock_{LockRank::agent};
-    std::map<StorebagKey, StorebagRecord> cachedStorebags_ TELVORA_GUARDED_BY(lock_);
-    Mutex storebagExtractsLock_;
-    std::map<StorebagKey, StorebagExtract> storebagExtracts_ TELVORA_GUARDED_BY(storebagExtractsLock_);
+    StorebagCache cachedStorebags_;  // reached by cachedStorebags(), except for its statuses
     SessionHierarchies hierarchies_{lock_};
 };
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "backends/telvora_backend.h"
+#include "config/client_type.h"
 #include "util/utf8.h"
 
 namespace telvora {

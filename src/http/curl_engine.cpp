@@ -11,7 +11,7 @@ namespace telvora {
 
 namespace {
 
-// Over HTTP/2 this many share a connection; more would only wait inside libcurl instead of in line.
+// As many share a connection over HTTP/2; more would wait inside libcurl instead of in line.
 constexpr size_t kMaxUnderWayPerSecureOrigin = 32;
 constexpr size_t kMaxUnderWay = 192;
 
@@ -115,7 +115,7 @@ void CurlEngine::begin(Line& line) {
     if (code != CURLE_OK) finish(*transfer, code);
 }
 
-// A transfer that is taken out of the free ones; null when there is no memory for one more.
+// Takes a transfer from the free ones; null if there is no memory for another.
 CurlTransfer* CurlEngine::freeTransfer() {
     if (freeTransfers_.empty()) {
         auto made = std::make_unique<CurlTransfer>(curl_, options_);
@@ -189,7 +189,7 @@ std::unique_ptr<HttpExchange> CurlEngine::takeOutOfLine(const HttpExchange& exch
     return taken;
 }
 
-// Only a line that someone has just left can have become empty.
+// Only a line that an exchange has just left can be empty.
 void CurlEngine::dropEmptyLines() {
     for (const Finished& finished : finished_) {
         const auto at = lines_.find(finished.exchange->origin);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The exchanges that are under way or wait in line, on one libcurl multi handle. Belongs to one thread,
-// except for wake().
+// The active and the waiting exchanges, on one libcurl multi handle. Belongs to one thread, except wake().
 //
-// Exchanges wait in a line per origin, and origins take turns, so that a server that hangs fills its own line
-// and not everyone's. An exchange without a timeout of its own may wait in line for a minute, like any stall;
-// one with a timeout has that for its wait and its transfer together. These deadlines are kept here, because
-// libcurl's clock does not run for a transfer that waits for a connection.
+// Exchanges wait in a line per origin, and origins take turns, so that a server that hangs fills only its own
+// line. An exchange without a timeout of its own may wait in line for a minute; the timeout of another covers
+// its wait and its transfer together. These deadlines are kept here because libcurl's clock does not run
+// while a transfer waits for a connection.
 #pragma once
 
 #include <chrono>
@@ -29,38 +28,38 @@ class CurlEngine {
         HttpResult result;
     };
 
-    // Both must outlive the engine. Nothing when libcurl has no memory left.
+    // Both must outlive the engine. Null if libcurl has no memory left.
     static std::unique_ptr<CurlEngine> make(const CurlLibrary& curl, const CurlHttpClientOptions& options);
-    // Closes all connections. Exchanges that are left are dropped without a result; see abandon().
+    // Closes all connections. Drops the remaining exchanges without a result; see abandon().
     ~CurlEngine();
     CurlEngine(const CurlEngine&) = delete;
     CurlEngine& operator=(const CurlEngine&) = delete;
 
     void add(std::unique_ptr<HttpExchange> exchange);
 
-    // Does what can be done without waiting, and returns the exchanges that have ended.
+    // Advances all exchanges without waiting, and returns those that have ended.
     std::vector<Finished> perform();
 
     // Ends all exchanges with an error.
     std::vector<Finished> abandon(CURLcode code);
 
-    // Waits until there is something to perform, wake() is called, or `limit` has passed.
+    // Waits until an exchange can advance, wake() is called, or `limit` has passed.
     void wait(std::chrono::milliseconds limit);
 
-    // Ends the present or the next wait(). Callable from any thread while the engine lives.
+    // Ends the current or the next wait(). Callable from any thread while the engine lives.
     void wake() { curl_.multiWakeup(multi_); }
 
-    // Whether no exchange is under way or waits.
+    // Whether no exchange is active or waiting.
     bool empty() const { return lines_.empty(); }
 
   private:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    // The exchanges of one origin. It exists while it has any.
+    // The exchanges of one origin; exists while it has any.
     struct Line {
-        size_t limit = 0;  // of exchanges under way at once
+        size_t limit = 0;  // the most active exchanges
         size_t underWay = 0;
-        bool inTurn = false;  // whether turns_ holds it
+        bool inTurn = false;  // it is in turns_
         std::deque<std::unique_ptr<HttpExchange>> waiting;
     };
 
@@ -86,7 +85,7 @@ class CurlEngine {
     std::vector<std::unique_ptr<CurlTransfer>> transfers_;
     std::vector<CurlTransfer*> freeTransfers_;
     std::unordered_map<std::string, Line> lines_;
-    std::deque<Line*> turns_;  // lines with someone waiting and room to begin
+    std::deque<Line*> turns_;  // lines with a waiting exchange and room for it
     std::set<std::pair<TimePoint, HttpExchange*>> deadlines_;
     std::vector<Finished> finished_;
 };

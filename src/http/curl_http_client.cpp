@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The client's half that callers meet: it takes requests in, within its limits, and runs the thread on which
-// the engine works and the completions run. The thread sleeps without a timeout while exchanges are under
-// way, and for the life of an idle connection after the last one; then it ends and takes connections, the
-// certificate store and libcurl's tables with it. So an idle client costs neither memory nor wakeups.
+// The front of the client: it accepts requests within its limits, and runs the thread of the engine and of
+// the completions. The thread sleeps without a timeout while exchanges are active. After the last one it
+// waits for the life of an idle connection, then ends and releases connections, the certificate store and
+// libcurl's tables. So an idle client costs neither memory nor wakeups.
 #include <pthread.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <system_error>
@@ -19,6 +18,7 @@
 #include "http/http_request_rules.h"
 #include "util/log.h"
 #include "util/mutex.h"
+#include "util/signal_mask.h"
 
 namespace telvora {
 
@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kMaxWaitInLine{60'000};
 constexpr std::chrono::milliseconds kMaxTimeout = std::chrono::hours(24);
-constexpr size_t kExchangeOverhead = 1024;  // what an exchange costs beside its texts
+constexpr size_t kExchangeOverhead = 1024;  // bytes of an exchange beside its texts
 
 HttpResult failure(CURLcode code, std::string description) {
     return tl::unexpected(makeHttpError(code, std::move(description)));
@@ -38,22 +38,6 @@ size_t costOf(const HttpRequest& request) {
         cost += name.size() + value.size();
     return cost;
 }
-
-// Signals are for the main thread; and a peer that has gone must be an error of write(2), not SIGPIPE.
-class AllSignalsBlocked {
-  public:
-    AllSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-  private:
-    sigset_t before_;
-};
 
 class CurlHttpClient : public HttpClient {
   public:
@@ -88,11 +72,11 @@ class CurlHttpClient : public HttpClient {
     std::vector<std::unique_ptr<HttpExchange>> incoming_ TELVORA_GUARDED_BY(mutex_);
     Load total_ TELVORA_GUARDED_BY(mutex_);
     std::unordered_map<std::string, Load> byOrigin_ TELVORA_GUARDED_BY(mutex_);
-    CurlEngine* sleeper_ TELVORA_GUARDED_BY(mutex_) = nullptr;  // the engine, while it has to be woken
+    CurlEngine* sleeper_ TELVORA_GUARDED_BY(mutex_) = nullptr;  // the engine, while it waits
     bool running_ TELVORA_GUARDED_BY(mutex_) = false;
     bool stopping_ TELVORA_GUARDED_BY(mutex_) = false;
-    std::unique_ptr<CurlLibrary> curl_;  // from the first request on
-    std::thread thread_;                 // joinable from its start on, even after it has ended
+    std::unique_ptr<CurlLibrary> curl_;  // null before the first request
+    std::thread thread_;                 // joinable once started, even after its end
 };
 
 CurlHttpClient::~CurlHttpClient() {
@@ -114,7 +98,7 @@ void CurlHttpClient::start(HttpRequest request, Completion completion) {
     if (exchange != nullptr) exchange->completion(std::move(refusal));
 }
 
-// Takes the exchange; or leaves it, and returns why.
+// Takes the exchange, or leaves it and returns the reason.
 HttpResult CurlHttpClient::accept(std::unique_ptr<HttpExchange>& exchange) {
     const HttpRequest& request = exchange->request;
     if (std::optional<std::string> fault = faultOfRequest(request)) {
@@ -141,7 +125,7 @@ HttpResult CurlHttpClient::accept(std::unique_ptr<HttpExchange>& exchange) {
     return {};
 }
 
-// An origin that already has requests pending may fill half of each limit, so that a server that hangs leaves
+// An origin that already has pending requests may fill half of each limit, so that a server that hangs leaves
 // room for the others.
 bool CurlHttpClient::hasRoomFor(const HttpExchange& exchange) {
     const auto fits = [&](const Load& load, size_t share) {
@@ -167,9 +151,9 @@ bool CurlHttpClient::openLibrary() {
 bool CurlHttpClient::ensureThread() {
     if (running_) return true;
     if (curl_ == nullptr && !openLibrary()) return false;
-    if (thread_.joinable()) thread_.join();  // it has set running_ to false and is about to return
+    if (thread_.joinable()) thread_.join();  // it has set running_ to false and returns
     try {
-        const AllSignalsBlocked inherited;
+        const SignalsBlocked inherited;
         thread_ = std::thread([this] { run(); });
     } catch (const std::system_error& error) {
         TELVORA_LOG(kLogError, "CurlHttpClient(start): can't start a thread: %s", error.what());
@@ -191,7 +175,7 @@ void CurlHttpClient::run() {
     } while (!mayEnd());
 }
 
-// Returns when the engine has been idle long enough, or the client is being destroyed.
+// Returns once the engine has been idle for long enough, or the client is destroyed.
 void CurlHttpClient::serve(CurlEngine& engine) {
     for (;;) {
         if (!takeIncoming(engine)) {
@@ -207,7 +191,7 @@ void CurlHttpClient::serve(CurlEngine& engine) {
     }
 }
 
-// Hands the engine what has come in meanwhile; false when it is time to stop.
+// Passes new exchanges to the engine; false if the client stops.
 bool CurlHttpClient::takeIncoming(CurlEngine& engine) {
     std::vector<std::unique_ptr<HttpExchange>> incoming;
     bool stopping;
@@ -221,7 +205,7 @@ bool CurlHttpClient::takeIncoming(CurlEngine& engine) {
     return !stopping;
 }
 
-// Waits for something to do; false when there has been nothing at all for the life of an idle connection.
+// Waits for work; false after the life of an idle connection without any.
 bool CurlHttpClient::waitForWork(CurlEngine& engine) {
     using std::chrono::milliseconds;
     const bool idle = engine.empty();
@@ -241,7 +225,7 @@ bool CurlHttpClient::waitForWork(CurlEngine& engine) {
     return !idle || std::chrono::steady_clock::now() - begin < limit;
 }
 
-// Whether the thread is to end, which is then as good as done: start() will begin a new one.
+// Whether the thread ends. It then counts as ended: start() makes a new one.
 bool CurlHttpClient::mayEnd() {
     const MutexLock lock(mutex_);
     if (!incoming_.empty()) return false;
@@ -260,7 +244,7 @@ void CurlHttpClient::refuseIncoming(CURLcode code) {
     complete(std::move(refused));
 }
 
-// Each request stops counting before its completion runs, so that the completion may start the next one.
+// Each request stops counting before its completion runs, so that the completion may start another.
 void CurlHttpClient::complete(std::vector<CurlEngine::Finished> finished) {
     for (CurlEngine::Finished& each : finished) {
         forget(*each.exchange);
@@ -271,7 +255,7 @@ void CurlHttpClient::complete(std::vector<CurlEngine::Finished> finished) {
         } catch (...) {
             TELVORA_LOG(kLogError, "CurlHttpClient(complete): a completion failed");
         }
-        each.exchange.reset();  // with all that its completion keeps alive
+        each.exchange.reset();  // frees the objects that its completion keeps alive
     }
 }
 

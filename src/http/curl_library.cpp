@@ -7,7 +7,7 @@ namespace telvora {
 
 namespace {
 
-// The name under which every libcurl of the present ABI is installed.
+// The soname of libcurl, the same on all systems.
 constexpr const char* kLibraryName = "libcurl.so.4";
 
 std::string loaderError() {
@@ -17,7 +17,7 @@ std::string loaderError() {
 
 }  // namespace
 
-// The handle is never closed: a name lookup that was given up may still be running inside the library.
+// The handle is never closed: an abandoned name lookup may still run inside the library.
 tl::expected<std::unique_ptr<CurlLibrary>, std::string> CurlLibrary::open() {
     void* handle = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) return tl::unexpected(loaderError());

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libcurl, opened when the first request needs it. Linked, it and the thirty libraries behind it would be
-// loaded at every start: four megabytes and half of the start-up time, for a daemon that may not be asked to
-// report anything.
+// libcurl, loaded at the first request. If it were linked, it and the thirty libraries that it needs would be
+// loaded at every start: 4 MB and half of the start-up time, for a daemon that may not report at all.
 #pragma once
 
 #include <curl/curl.h>
@@ -13,7 +12,7 @@
 
 namespace telvora {
 
-// The functions of libcurl that are used: name here, name there.
+// The functions of libcurl that are used: member name, symbol.
 #define TELVORA_CURL_FUNCTIONS(F)                  \
     F(globalInit, curl_global_init)                \
     F(globalCleanup, curl_global_cleanup)          \
@@ -37,7 +36,7 @@ class CurlLibrary {
   public:
     // Loads and initialises the library (curl_global_init(3), dlopen(3)); fails with a reason. Thread-safe.
     static tl::expected<std::unique_ptr<CurlLibrary>, std::string> open();
-    // Everything that was made with the library must be gone.
+    // All objects of the library must be gone.
     ~CurlLibrary();
     CurlLibrary(const CurlLibrary&) = delete;
     CurlLibrary& operator=(const CurlLibrary&) = delete;

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/curl_transfer.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <new>
 
 #include "http/http_request_rules.h"
+#include "util/ascii.h"
 
 namespace telvora {
 
@@ -17,20 +16,9 @@ constexpr long kStallSeconds = 60;
 constexpr long kCaCacheSeconds = 3600;
 constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 bool hasHeader(const HttpRequest& request, std::string_view name) {
     return std::any_of(request.headers.begin(), request.headers.end(),
-                       [&](const auto& header) { return equalsIgnoringCase(header.first, name); });
+                       [&](const auto& header) { return equalsIgnoringAsciiCase(header.first, name); });
 }
 
 HttpError::Kind kindOf(CURLcode code) {
@@ -88,7 +76,7 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
-    // Where reports go is for the bag to say, not for a variable that was left in the environment.
+    // The bag sets the destination of reports, so a proxy variable in the environment must not.
     curl_.easySetopt(easy_, CURLOPT_PROXY, "");
 
     curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
@@ -99,7 +87,7 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_.easySetopt(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
-    // A directory of certificates would keep libcurl from caching the store between connections.
+    // A directory of certificates would prevent libcurl from caching the store between connections.
     curl_.easySetopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
     curl_.easySetopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
     if (!options.caFile.empty()) curl_.easySetopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
@@ -117,8 +105,8 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     setMethodAndBody(request);
     curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 0L);
     curl_.easySetopt(easy_, CURLOPT_HTTPHEADER, makeHeaderList(request));
-    // Over TLS the first handshake tells whether one connection serves all; worth waiting for. Without TLS
-    // there is nothing to learn, and a slow first answer would hold up the others.
+    // Over TLS the first handshake shows whether one connection can serve all exchanges, so the others wait
+    // for it. Without TLS they would only wait for a slow first answer.
     curl_.easySetopt(easy_, CURLOPT_PIPEWAIT, isSecureUrl(request.url) ? 1L : 0L);
     curl_.easySetopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(std::clamp<size_t>(request.maxResponseBytes, 1, INT64_MAX)));
@@ -128,7 +116,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
 void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
     curl_.easySetopt(easy_, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
     curl_.easySetopt(easy_, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also undoes what an earlier method has set
+    curl_.easySetopt(easy_, CURLOPT_HTTPGET, 1L);  // also resets the options of an earlier method
     if (request.method == "HEAD") {
         curl_.easySetopt(easy_, CURLOPT_NOBODY, 1L);
         return;
@@ -143,7 +131,7 @@ void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
     }
 }
 
-// libcurl copies neither the list nor its strings, so both are kept here and their memory is used again.
+// libcurl copies neither the list nor its strings; both are kept here, and their memory is reused.
 curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
     headerText_.clear();
     size_t lines = 0;
@@ -152,8 +140,9 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
         ++lines;
     };
     for (const auto& [name, value] : request.headers) {
-        // How the body is framed follows from the body alone.
-        if (equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Transfer-Encoding"))
+        // The body alone determines its framing.
+        if (equalsIgnoringAsciiCase(name, "Content-Length") ||
+            equalsIgnoringAsciiCase(name, "Transfer-Encoding"))
             continue;
         if (value.empty()) {
             add(name, ";", "");
@@ -161,7 +150,7 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
             add(name, ": ", value);
         }
     }
-    // A header without a value takes libcurl's own one out.
+    // A header without a value removes libcurl's own.
     for (const std::string_view name : {"Accept", "Content-Type", "Expect"}) {
         if (!hasHeader(request, name)) add(name, ":", "");
     }
@@ -192,7 +181,7 @@ size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self)
 
 void CurlTransfer::readHeader(std::string_view line) {
     if (line.substr(0, 5) == "HTTP/") {
-        response_.headers.clear();  // what came before belongs to an interim answer (RFC 9110, section 15.2)
+        response_.headers.clear();  // those of an interim answer (RFC 9110, section 15.2)
         return;
     }
     const size_t colon = line.find(':');

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One libcurl easy handle and the exchange that it carries at the moment. Handles are made once and used for
-// one exchange after another, for setting up a fresh one costs more than a small post. Belongs to the HTTP
-// thread.
+// One libcurl easy handle and the exchange that it currently carries. Handles are reused, because setting up
+// a new one costs more than a small post. Belongs to the HTTP thread.
 #pragma once
 
 #include <array>
@@ -19,14 +18,14 @@ namespace telvora {
 
 class CurlTransfer;
 
-// A request on its way from start() to its completion.
+// A request from start() to its completion.
 struct HttpExchange {
     HttpRequest request;
     HttpClient::Completion completion;
     std::string origin;                              // scheme and authority
-    size_t cost = 0;                                 // bytes that it counts for while it is pending
-    std::chrono::steady_clock::time_point deadline;  // of all of it, or of its wait in line (hasTimeout())
-    CurlTransfer* carrier = nullptr;                 // once it is under way
+    size_t cost = 0;                                 // in pending bytes
+    std::chrono::steady_clock::time_point deadline;  // of the exchange, or of its wait in line (hasTimeout())
+    CurlTransfer* carrier = nullptr;                 // null while it waits
 
     bool hasTimeout() const { return request.timeout.has_value(); }
 };
@@ -50,16 +49,16 @@ class CurlTransfer {
     HttpExchange* exchange() const { return exchange_.get(); }
 
     // Takes an exchange and sets the handle up for it; the handle may then be added to a multi handle. On an
-    // error the exchange has been taken all the same, and end() is due.
+    // error the exchange has been taken as well, and the caller must call end().
     CURLcode begin(std::unique_ptr<HttpExchange> exchange);
 
-    // Whether a connection that had been kept open turned out to be closed while the request was being sent,
-    // so that no server can have acted on it (RFC 9112, section 9.3.1); libcurl itself tries again only where
-    // the request had gone out whole. The handle is then set up to go through a connection of its own.
+    // Whether the exchange failed because a kept connection turned out to be closed before the request was
+    // sent. Then no server can have acted on it (RFC 9112, section 9.3.1), and the handle is set up for a new
+    // connection. libcurl itself retries only requests that were sent whole.
     bool shouldStartAgain(CURLcode code);
-    // What came of the exchange, which libcurl ended with `code`.
+    // The result of the exchange, which libcurl ended with `code`.
     HttpResult end(CURLcode code);
-    // Gives the exchange up; the transfer is free for the next one.
+    // Returns the exchange; the transfer is then free.
     std::unique_ptr<HttpExchange> release();
 
   private:
@@ -79,7 +78,7 @@ class CurlTransfer {
     bool tooLong_ = false;
     std::array<char, CURL_ERROR_SIZE> errorText_{};
     std::string headerText_;              // the request's header lines, each zero-terminated
-    std::vector<curl_slist> headerList_;  // its nodes, which point into headerText_
+    std::vector<curl_slist> headerList_;  // nodes that point into headerText_
 };
 
 }  // namespace telvora

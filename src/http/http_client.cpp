@@ -1,25 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/http_client.h"
 
-#include <strings.h>
-
 #include <future>
 
 #include "async/work_pool.h"
+#include "util/ascii.h"
 
 namespace telvora {
 
-namespace {
-
-bool isSameName(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-}  // namespace
-
 std::optional<std::string_view> HttpResponse::header(std::string_view name) const {
     for (const auto& [headerName, value] : headers) {
-        if (isSameName(headerName, name)) return value;
+        if (equalsIgnoringAsciiCase(headerName, name)) return value;
     }
     return std::nullopt;
 }
@@ -27,7 +18,7 @@ std::optional<std::string_view> HttpResponse::header(std::string_view name) cons
 std::string HttpResponse::listHeader(std::string_view name) const {
     std::string list;
     for (const auto& [headerName, value] : headers) {
-        if (isSameName(headerName, name)) list += (list.empty() ? "" : ", ") + value;
+        if (equalsIgnoringAsciiCase(headerName, name)) list += (list.empty() ? "" : ", ") + value;
     }
     return list;
 }
@@ -41,7 +32,7 @@ HttpResult performBlocking(HttpClient& client, HttpRequest request) {
     });
     try {
         return future.get();
-    } catch (const std::future_error&) {  // the client has dropped the completion instead of running it
+    } catch (const std::future_error&) {  // the client dropped the completion
         return tl::unexpected(HttpError{-1, "the HTTP client gave the request up"});
     }
 }

@@ -2,19 +2,20 @@
 #include "http/http_request_rules.h"
 
 #include <arpa/inet.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <system_error>
 
+#include "util/ascii.h"
+
 namespace telvora {
 
 namespace {
 
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
+    return equalsIgnoringAsciiCase(text.substr(0, prefix.size()), prefix);
 }
 
 // RFC 9110, section 5.6.2.
@@ -41,8 +42,7 @@ bool isPort(std::string_view text) {
     return text.empty() || (error == std::errc() && parsed == end);
 }
 
-// A host, in brackets if it is an IPv6 address, and perhaps a port; user information before both is not
-// looked at.
+// A host (an IPv6 address in brackets) with an optional port. User information before it is not checked.
 bool isAuthority(std::string_view text) {
     text.remove_prefix(text.rfind('@') + 1);
     const size_t hostEnd = text.starts_with('[') ? text.find(']') : std::min(text.find(':'), text.size());

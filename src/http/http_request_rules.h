@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a request must look like before it is put on the wire. URLs come from bags and header values from
-// clients, so a line feed in one of them must not become a header of its own. Thread-safe: no shared state.
+// Rules for requests before they are sent. URLs come from bags and header values from clients, so a line feed
+// in one of them must not become a header of its own. Thread-safe: no shared state.
 #pragma once
 
 #include <optional>
@@ -12,15 +12,14 @@
 
 namespace telvora {
 
-// What is wrong with the request's method, URL or headers (RFC 9110, sections 4.2, 5 and 9), or nothing. The
-// text names the part, never its content.
+// The fault of the request's method, URL or headers (RFC 9110, sections 4.2, 5 and 9); std::nullopt if they
+// are valid. The text names the part, never its content.
 std::optional<std::string> faultOfRequest(const HttpRequest& request);
 
-// Whether a header can have the value: no control character but a tab.
+// Whether a header can have this value: it has no control character except tabs.
 bool isHeaderValue(std::string_view text);
 
-// Scheme and authority of an absolute http or https URL: what its connections are shared by. Empty for other
-// URLs.
+// Scheme and authority of an absolute http or https URL, the key of its connections. Empty for other URLs.
 std::string_view originOfUrl(std::string_view url);
 
 bool isSecureUrl(std::string_view url);

@@ -4,8 +4,8 @@
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <system_error>
 
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -18,7 +18,7 @@ void raiseDescriptorLimit() {
         if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
     }
     TELVORA_LOG(kLogDebug, "raiseDescriptorLimit: can't raise the limit of descriptors: %s",
-                std::generic_category().message(errno).c_str());
+                errorText(errno).c_str());
 }
 
 }  // namespace telvora

@@ -7,6 +7,7 @@
 #include "platform/digest.h"
 #include "platform/environment_file.h"
 #include "plist/property_list_format.h"
+#include "util/ascii.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
@@ -16,25 +17,23 @@ namespace {
 
 using std::filesystem::path;
 
-// What the machine-id is hashed with. Changing it would make every device a new one.
+// The prefix of the machine-id in its hash. A change would change the ID of every device.
 constexpr std::string_view kDeviceIDPurpose = "com.zandor.telvorad UniqueDeviceID\n";
 
-// The text up to the first zero byte (a device tree's strings end so) or line feed, without blanks around it;
-// nothing when that leaves nothing, or no text.
+// The text up to the first zero byte (strings of a device tree end with one) or line feed, without blanks at
+// its ends; std::nullopt if it is empty or no UTF-8.
 std::optional<std::string> firstLine(const path& file) {
     const auto content = readSmallFile(file, 4096);
     if (!content) return std::nullopt;
     const std::string_view line =
         std::string_view(*content).substr(0, content->find_first_of(std::string_view("\0\n", 2)));
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos || !isValidUtf8(line)) return std::nullopt;
-    return std::string(line.substr(first, line.find_last_not_of(" \t\r") - first + 1));
+    const std::string_view text = trimmed(line);
+    if (text.empty() || !isValidUtf8(text)) return std::nullopt;
+    return std::string(text);
 }
 
 bool isPlaceholder(std::string_view text) {
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    const std::string lower = asciiLowerCase(text);
     constexpr std::string_view kPlaceholders[] = {"to be filled by o.e.m.",
                                                   "default string",
                                                   "not specified",
@@ -64,7 +63,7 @@ std::optional<std::string> uniqueDeviceID(const path& root) {
     return sha256Hex(std::string(kDeviceIDPurpose) + *machineID).substr(0, 40);
 }
 
-// Collects answers; the first one to a key stays.
+// Collects answers; the first answer for a key stays.
 class Collector {
   public:
     explicit Collector(Dictionary& properties) : properties_(properties) {}

@@ -10,7 +10,8 @@
 
 #include <algorithm>
 #include <memory>
-#include <utility>
+
+#include "util/hexadecimal.h"
 
 namespace telvora {
 
@@ -36,7 +37,7 @@ EVP_PKEY* asKey(void* key) {
     return static_cast<EVP_PKEY*>(key);
 }
 
-// The newest reason in OpenSSL's error queue of this thread, which is empty afterwards.
+// The newest error in OpenSSL's queue of this thread; empties the queue.
 std::string takeError() {
     const unsigned long code = ERR_peek_last_error();
     char text[256] = "unknown OpenSSL error";
@@ -53,6 +54,10 @@ std::string bioContent(BIO* bio) {
 
 }  // namespace
 
+void FreeKey::operator()(void* key) const {
+    EVP_PKEY_free(asKey(key));
+}
+
 std::array<uint8_t, 32> sha256(std::string_view bytes) {
     std::array<uint8_t, 32> digest{};
     EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
@@ -60,14 +65,8 @@ std::array<uint8_t, 32> sha256(std::string_view bytes) {
 }
 
 std::string sha256Hex(std::string_view bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(64);
-    for (const uint8_t byte : sha256(bytes)) {
-        text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 15]);
-    }
-    return text;
+    const std::array<uint8_t, 32> digest = sha256(bytes);
+    return hexText({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 
 std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
@@ -88,23 +87,13 @@ std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
     return RsaPublicKey(key.release());
 }
 
-RsaPublicKey::RsaPublicKey(RsaPublicKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
-
-RsaPublicKey& RsaPublicKey::operator=(RsaPublicKey&& other) noexcept {
-    std::swap(key_, other.key_);
-    return *this;
-}
-
-RsaPublicKey::~RsaPublicKey() {
-    EVP_PKEY_free(asKey(key_));
-}
-
 bool RsaPublicKey::verifySha1(std::string_view message, std::string_view signature) const {
     const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    const bool valid = context &&
-                       EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_)) == 1 &&
-                       EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
-                                        message.size()) == 1;
+    const bool valid =
+        context &&
+        EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get())) == 1 &&
+        EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
+                         message.size()) == 1;
     ERR_clear_error();
     return valid;
 }
@@ -120,7 +109,7 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     const Owned<BIO> bio(
         BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), 1 << 20))));
     if (!bio) return tl::make_unexpected(takeError());
-    // Without a callback of ours an encrypted key would make OpenSSL ask at the terminal.
+    // Without this callback OpenSSL would ask for the password of an encrypted key at the terminal.
     const auto noPassword = [](char*, int, int, void*) { return -1; };
     Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
     if (!key) return tl::make_unexpected(takeError());
@@ -128,34 +117,23 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     return RsaPrivateKey(key.release());
 }
 
-RsaPrivateKey::RsaPrivateKey(RsaPrivateKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
-
-RsaPrivateKey& RsaPrivateKey::operator=(RsaPrivateKey&& other) noexcept {
-    std::swap(key_, other.key_);
-    return *this;
-}
-
-RsaPrivateKey::~RsaPrivateKey() {
-    EVP_PKEY_free(asKey(key_));
-}
-
 std::string RsaPrivateKey::toPem() const {
     const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_), nullptr, nullptr, 0, nullptr, nullptr);
+    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_.get()), nullptr, nullptr, 0, nullptr, nullptr);
     return bioContent(bio.get());
 }
 
 std::string RsaPrivateKey::publicKeyToDer() const {
     const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    i2d_PUBKEY_bio(bio.get(), asKey(key_));
+    i2d_PUBKEY_bio(bio.get(), asKey(key_.get()));
     return bioContent(bio.get());
 }
 
 std::string RsaPrivateKey::signSha1(std::string_view message) const {
     const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_)));
+    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_.get())));
     std::string signature(length, '\0');
-    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_));
+    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get()));
     if (EVP_DigestSign(context.get(), asBytes(signature), &length, asBytes(message), message.size()) != 1) {
         ERR_clear_error();
         return {};

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,45 +18,43 @@ std::array<uint8_t, 32> sha256(std::string_view bytes);
 // 64 lower-case hexadecimal digits.
 std::string sha256Hex(std::string_view bytes);
 
-// Checks an RSASSA-PKCS1-v1_5 signature (RFC 8017) over the SHA-1 digest of `message`.
-// `publicKeyDer`: PKCS#1 RSAPublicKey or SubjectPublicKeyInfo.
+// An EVP_PKEY of OpenSSL.
+struct FreeKey {
+    void operator()(void* key) const;
+};
+using OwnedKey = std::unique_ptr<void, FreeKey>;
+
+// Checks RSASSA-PKCS1-v1_5 signatures (RFC 8017) over SHA-1 digests.
 class RsaPublicKey {
   public:
-    // Nothing when the bytes are no DER-encoded RSA public key.
+    // From a PKCS#1 RSAPublicKey or a SubjectPublicKeyInfo; std::nullopt if the bytes are no DER-encoded RSA
+    // public key.
     static std::optional<RsaPublicKey> fromDer(std::string_view der);
 
-    RsaPublicKey(RsaPublicKey&&) noexcept;
-    RsaPublicKey& operator=(RsaPublicKey&&) noexcept;
-    ~RsaPublicKey();
-
     bool verifySha1(std::string_view message, std::string_view signature) const;
-    // The identity of the key object, for log lines.
-    const void* identity() const { return key_; }
+    // Identifies the key object in log lines.
+    const void* identity() const { return key_.get(); }
 
   private:
     explicit RsaPublicKey(void* key) : key_(key) {}
-    void* key_;  // EVP_PKEY, owned
+    OwnedKey key_;
 };
 
-// The signing side, for the tools and the tests.
+// Makes such signatures, for tools and tests.
 class RsaPrivateKey {
   public:
-    // A fresh key; `bits` at least 2048.
+    // A new key; `bits` is at least 2048. Fails with a reason.
     static tl::expected<RsaPrivateKey, std::string> generate(int bits);
-    // From a PEM file's text (PKCS#8 or PKCS#1, not encrypted).
+    // From the text of a PEM file (PKCS#8 or PKCS#1, not encrypted). Fails with a reason.
     static tl::expected<RsaPrivateKey, std::string> fromPem(std::string_view pem);
 
-    RsaPrivateKey(RsaPrivateKey&&) noexcept;
-    RsaPrivateKey& operator=(RsaPrivateKey&&) noexcept;
-    ~RsaPrivateKey();
-
-    std::string toPem() const;           // PKCS#8
-    std::string publicKeyToDer() const;  // SubjectPublicKeyInfo
-    std::string signSha1(std::string_view message) const;
+    std::string toPem() const;                             // PKCS#8
+    std::string publicKeyToDer() const;                    // SubjectPublicKeyInfo
+    std::string signSha1(std::string_view message) const;  // empty on failure
 
   private:
     explicit RsaPrivateKey(void* key) : key_(key) {}
-    void* key_;  // EVP_PKEY, owned
+    OwnedKey key_;
 };
 
 }  // namespace telvora

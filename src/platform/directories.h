@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The directories that the service manager hands to a service (systemd.exec(5), RuntimeDirectory= and
-// siblings).
+// The directories that the service manager passes to a service (systemd.exec(5), RuntimeDirectory= and
+// others).
 #pragma once
 
 #include <filesystem>
@@ -15,8 +15,8 @@ struct Directories {
     std::filesystem::path logs;           // LOGS_DIRECTORY, default: the message log's own directory
     std::filesystem::path framework;      // TELVORA_FRAMEWORK_DIR, default <prefix>/share/telvora
 
-    // Reads the environment. Where a variable lists several directories separated by colons, the first
-    // counts.
+    // Reads the environment. If a variable lists several directories separated by colons, the first one is
+    // used.
     static Directories fromEnvironment();
 };
 

@@ -4,17 +4,11 @@
 #include <algorithm>
 #include <fstream>
 
+#include "util/ascii.h"
+
 namespace telvora {
 
 namespace {
-
-constexpr std::string_view kBlanks = " \t\r";
-
-std::string_view trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
 
 std::string unquoted(std::string_view text) {
     std::string value;

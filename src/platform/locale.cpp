@@ -3,17 +3,19 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
 #include "platform/environment_file.h"
+#include "util/ascii.h"
 #include "util/mutex.h"
 
 namespace telvora {
 
 namespace {
 
-// Of "language_TERRITORY.codeset@modifier". Areas that are no country ("es_419") give nothing.
+// Of "language_TERRITORY.codeset@modifier"; std::nullopt for areas that are no country ("es_419").
 std::optional<std::string> territoryOf(std::string_view locale) {
     const size_t underscore = locale.find('_');
     if (underscore == std::string_view::npos) return std::nullopt;
@@ -22,7 +24,7 @@ std::optional<std::string> territoryOf(std::string_view locale) {
     return countryCodeOf(territory);
 }
 
-// Every report asks for the offset, and tzset(3) looks at the zone's file each time: once a second will do.
+// The offset is read once per second: every report asks for it, and tzset(3) checks the zone file each time.
 struct OffsetOfASecond {
     time_t second = -1;
     std::string zone;  // the variable TZ
@@ -33,12 +35,9 @@ struct OffsetOfASecond {
 
 std::optional<std::string> countryCodeOf(std::string_view territory) {
     if (territory.size() != 2) return std::nullopt;
-    std::string code(territory);
-    for (char& c : code) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-        if (c < 'A' || c > 'Z') return std::nullopt;
-    }
-    return code;
+    const std::string code = asciiUpperCase(territory);
+    const bool isCode = std::all_of(code.begin(), code.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+    return isCode ? std::optional(code) : std::nullopt;
 }
 
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {
@@ -56,7 +55,7 @@ long timeZoneOffsetSeconds() {
     const char* const variable = std::getenv("TZ");
     const std::string_view zone = variable != nullptr ? variable : "";
 
-    // The C library has a lock of its own here, which no race detector sees.
+    // The C library locks internally here, which race detectors do not see.
     static Mutex zoneLock;
     static OffsetOfASecond last;
     const MutexLock lock(zoneLock);

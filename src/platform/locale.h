@@ -10,16 +10,16 @@
 
 namespace telvora {
 
-// The ISO 3166 territory of LC_ALL, else LANG, else `localeFile` (locale.conf(5)): "de_CH.UTF-8" gives "CH";
-// nothing where none of them names one ("C", "POSIX"). Read at each call: callable from any thread that does
-// not setenv.
+// The ISO 3166 territory of LC_ALL, else LANG, else `localeFile` (locale.conf(5)): "de_CH.UTF-8" gives "CH".
+// std::nullopt if no source names a territory ("C", "POSIX"). Reads the sources at each call; callable from
+// any thread while no thread calls setenv(3).
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile = "/etc/locale.conf");
 
-// The code that the territory of a locale stands for: two letters, in upper case; nothing for anything else.
+// The country code of the territory of a locale: two letters, in upper case; std::nullopt for all other
+// texts.
 std::optional<std::string> countryCodeOf(std::string_view territory);
 
-// The local time zone's offset from GMT at this moment, in seconds, east positive (localtime_r(3)).
-// Thread-safe.
+// The local time zone's current offset from GMT in seconds, east positive (localtime_r(3)). Thread-safe.
 long timeZoneOffsetSeconds();
 
 }  // namespace telvora

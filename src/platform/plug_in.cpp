@@ -10,7 +10,7 @@ void PlugIn::Close::operator()(void* handle) const {
 }
 
 tl::expected<PlugIn, std::string> PlugIn::load(const std::string& path) {
-    // Without a slash the name would be looked for in places that nobody here has chosen.
+    // Without a slash dlopen(3) would search its own directories.
     if (!path.starts_with('/')) return tl::unexpected("the path is not absolute: " + path);
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) {

@@ -8,11 +8,11 @@
 namespace telvora {
 
 // A shared object that is loaded at run time (dlopen(3)). Its code stays in memory until the process ends,
-// even when all PlugIns of it are gone, since threads of its own may run there. Thread-safe.
+// even without a PlugIn, because its threads may still run it. Thread-safe.
 class PlugIn {
   public:
-    // Loads the object at an absolute path and runs its initialisers, or finds it loaded. Fails with a
-    // reason. Blocks on file I/O.
+    // Loads the object at an absolute path and runs its initialisers, unless it is loaded already. Fails with
+    // a reason. Blocks on file I/O.
     static tl::expected<PlugIn, std::string> load(const std::string& path);
 
     // The address of an exported symbol, or null.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Speaks the journal's native protocol (https://systemd.io/JOURNAL_NATIVE_PROTOCOL/): one datagram per entry.
-// sd_journal_sendv(3) speaks it too, but waits when the journal is behind, and with it a client.
+// Uses the journal's native protocol (https://systemd.io/JOURNAL_NATIVE_PROTOCOL/): one datagram per entry.
+// sd_journal_sendv(3) also does, but blocks its caller, and so a client, while the journal is behind.
 #include "platform/power_log.h"
 
 #include <sys/socket.h>
@@ -10,9 +10,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <system_error>
 
 #include "plist/property_list_format.h"
+#include "util/ascii.h"
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 
@@ -22,8 +23,7 @@ namespace {
 
 constexpr size_t kMaxFieldName = 64;
 
-// In the form for fields of any bytes: its name, a line feed, the value's length as 64 bits in little-endian
-// order, the value, a line feed.
+// In binary form: name, line feed, length of the value as 64 bits in little-endian order, value, line feed.
 void appendField(std::string& entry, std::string_view name, std::string_view value) {
     entry.append(name).push_back('\n');
     for (unsigned shift = 0; shift < 64; shift += 8)
@@ -31,19 +31,19 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
     entry.append(value).push_back('\n');
 }
 
-// Keys that come out alike stay apart as two values of one field.
+// Keys that map to one name become several values of one field.
 std::string fieldName(std::string_view key) {
     std::string name = "JM_ENTRY_";
     for (const char c : key.substr(0, kMaxFieldName - name.size())) {
-        const bool lower = c >= 'a' && c <= 'z';
-        const bool plain = (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        name.push_back(lower ? static_cast<char>(c - 'a' + 'A') : plain ? c : '_');
+        const char upper = asciiUpperCase(c);
+        const bool isPlain = (upper >= 'A' && upper <= 'Z') || (upper >= '0' && upper <= '9');
+        name.push_back(isPlain ? upper : '_');
     }
     return name;
 }
 
 std::string realText(double number) {
-    std::array<char, 32> text;  // more than the shortest form of any needs
+    std::array<char, 32> text;  // enough for the shortest form of any number
     return {text.data(), std::to_chars(text.data(), text.data() + text.size(), number).ptr};
 }
 
@@ -64,7 +64,7 @@ class JournalPowerLog final : public PowerLog {
         : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
         address_.sun_family = AF_UNIX;
         socketPath.copy(address_.sun_path, sizeof address_.sun_path - 1);
-        // An entry must fit into the buffer whole. The kernel cuts this down to what it allows.
+        // The buffer must hold a whole entry. The kernel limits this size.
         const int bytes = 1 << 20;
         setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
     }
@@ -79,12 +79,12 @@ class JournalPowerLog final : public PowerLog {
         appendField(entry, "JM_EVENT", eventName);
         for (const auto& [key, value] : dictionary)
             appendField(entry, fieldName(key), fieldValue(value));
-        // Not connected: a journal that was started anew has a new socket under the old name.
+        // Not connected: a restarted journal has a new socket of the same name.
         const ssize_t sent = sendto(socket_.get(), entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                                     reinterpret_cast<const sockaddr*>(&address_), sizeof address_);
         if (sent >= 0) return;
         TELVORA_LOG(kLogDebug, "JMLogRegisteredEvent: the journal took no entry: %s",
-                    std::generic_category().message(errno).c_str());
+                    errorText(errno).c_str());
     }
 
   private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The power log: events that help to explain where a device's energy went.
+// The power log: events that help to explain the energy use of a device.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@ class PowerLog {
   public:
     virtual ~PowerLog() = default;
 
-    // Hands one event over; the log stamps it with the time. Whether it was taken is not told. `options` may
-    // be null. Never blocks; callable from any thread.
+    // Passes one event to the log, which adds the time. There is no result: an event may be lost. `options`
+    // may be null. Never blocks; callable from any thread.
     virtual void JMLogRegisteredEvent(uint32_t category, std::string_view eventName,
                                       const Dictionary& dictionary, const Dictionary* options) = 0;
 };
@@ -27,13 +27,13 @@ class PowerLog {
 //
 //     MESSAGE, JM_EVENT              the event's name
 //     JM_CATEGORY                    its category
-//     JM_ENTRY_KEY                   each entry of the dictionary; what a field's name can't hold of the key
-//                                    stands as '_', lower case as upper case, and what is too long is cut
+//     JM_ENTRY_KEY                   each entry of the dictionary; KEY in upper case, other characters than
+//                                    letters and digits as '_', cut to the length that the journal allows
 //     PRIORITY, SYSLOG_IDENTIFIER    6, "telvorad"
 //
-// Numbers, dates (seconds since 1970) and booleans are text, strings and data as they are, arrays and
-// dictionaries XML property lists. An entry is lost, with a line at level 7, where no journal runs, where it
-// is behind, and where the entry is larger than a datagram can be (some 200 kB). Options are not used.
+// Numbers, dates (seconds since 1970) and booleans are text, strings and data are unchanged, arrays and
+// dictionaries are XML property lists. An entry is lost, with a line at level 7, if no journal runs, if the
+// journal is behind, or if the entry exceeds a datagram (about 200 kB). Options are ignored.
 std::unique_ptr<PowerLog> makeJournalPowerLog(const std::string& socketPath = "/run/systemd/journal/socket");
 
 }  // namespace telvora

@@ -19,7 +19,7 @@ namespace telvora {
 
 namespace {
 
-// openlog(3) keeps the pointer it is given.
+// openlog(3) keeps the pointer to it.
 std::string identity;
 
 void writeToSystemLog(int level, std::string_view line) {
@@ -30,7 +30,7 @@ void writeToStandardError(int level, std::string_view line) {
     std::string text("<");
     text.append(std::to_string(level)).append(">").append(line);
     if (!text.ends_with('\n')) text.push_back('\n');
-    // Nobody is left to tell of a failure.
+    // A failure here cannot be reported.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
 }
 
@@ -48,7 +48,7 @@ bool systemLogListens() {
     std::strcpy(address.sun_path, "/dev/log");
     const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return fd && (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-                  errno == EPROTOTYPE);  // a stream socket, which syslog(3) tries next
+                  errno == EPROTOTYPE);  // a stream socket, which syslog(3) also tries
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ void startLogging(const std::string& programName) {
         return;
     }
     identity = programName;
-    // Opened at once, while /dev/log can still be reached from inside the process.
+    // Opened now, while the process can still reach /dev/log.
     openlog(identity.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
     setLogSink(writeToSystemLog);
 }

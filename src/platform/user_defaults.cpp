@@ -11,6 +11,7 @@
 
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 
@@ -18,10 +19,9 @@ namespace telvora {
 
 namespace {
 
-// By what a change of a file shows. A file replaced by rename has a new inode, one edited in place a new
-// time.
+// Identifies a file's version: a file replaced by rename has a new inode, one edited in place has new times.
 struct FileIdentity {
-    int error = 0;  // why there is no file to look at
+    int error = 0;  // errno of stat(2)
     dev_t device = 0;
     ino_t inode = 0;
     off_t size = 0;
@@ -65,19 +65,19 @@ tl::expected<void, std::string> makeDirectory(const std::filesystem::path& direc
     std::error_code error;
     std::filesystem::create_directories(directory.parent_path(), error);
     if (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) return {};
-    return tl::make_unexpected("mkdir: " + std::generic_category().message(errno));
+    return tl::make_unexpected(errorText("mkdir", errno));
 }
 
 tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path,
                                                 const Dictionary& content) {
-    // Keys hold names that clients chose: XML could not hold all of them.
+    // Keys contain names from clients, which XML could not always hold.
     return serializePropertyList(content, PropertyListFormat::binary)
         .and_then([&](const std::string& document) {
             return makeDirectory(path.parent_path()).and_then([&] { return replaceFile(path, document); });
         });
 }
 
-// Locks a directory that exists until the descriptor is closed.
+// Locks an existing directory until the descriptor is closed.
 UniqueFd lockDirectory(const std::filesystem::path& directory) {
     UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     while (fd && flock(fd.get(), LOCK_EX) != 0 && errno == EINTR) {
@@ -92,7 +92,7 @@ bool UserDefaults::isDomain(std::string_view domain) {
 }
 
 struct UserDefaults::CachedFile {
-    std::optional<FileIdentity> identity;  // nothing until the file has been looked at
+    std::optional<FileIdentity> identity;  // std::nullopt until the file has been read
     Dictionary content;
 };
 
@@ -105,7 +105,7 @@ UserDefaults::~UserDefaults() = default;
 
 const Dictionary& UserDefaults::current(const std::filesystem::path& path) {
     CachedFile& file = files_[path];
-    // Looked at before it is read: a change between the two shows at the next look.
+    // Taken before the file is read: the next access sees a change between the two.
     const FileIdentity identity = identityOf(path);
     if (file.identity == identity) return file.content;
     file.identity = identity;
@@ -151,7 +151,7 @@ bool UserDefaults::boolean(std::string_view domain, std::string_view key) {
 
 tl::expected<void, std::string> UserDefaults::set(std::string_view domain, std::string_view key,
                                                   PropertyList value) {
-    // What no file could ever hold must not stand in the way of all later changes.
+    // A value that no file can hold must not block all later writes.
     const auto writable =
         serializePropertyList(Dictionary{{std::string(key), value}}, PropertyListFormat::binary);
     if (!writable) return tl::make_unexpected(writable.error());

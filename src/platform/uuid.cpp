@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "util/ascii.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -15,7 +16,7 @@ namespace {
 sd_id128_t randomId() {
     sd_id128_t id;
     if (sd_id128_randomize(&id) < 0) {
-        // Identifiers that repeat would mix up people's reports: better none at all.
+        // Repeated identifiers would mix up people's reports.
         TELVORA_LOG(kLogError, "randomId: The kernel gives no random numbers");
         std::abort();
     }
@@ -33,14 +34,11 @@ std::array<uint8_t, 16> randomUuidBytes() {
 
 std::string randomUuidString() {
     char text[SD_ID128_UUID_STRING_MAX];
-    std::string upper = sd_id128_to_uuid_string(randomId(), text);
-    std::transform(upper.begin(), upper.end(), upper.begin(),
-                   [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c; });
-    return upper;
+    return asciiUpperCase(sd_id128_to_uuid_string(randomId(), text));
 }
 
 double uniformRandom48() {
-    // The version and variant of a UUID stand in its bytes 6 and 8: the six before them are all random.
+    // Bytes 6 and 8 of a UUID hold its version and variant; the six bytes before them are random.
     uint64_t bits = 0;
     const sd_id128_t id = randomId();
     for (int i = 0; i < 6; ++i)

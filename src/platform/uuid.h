@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random identifiers, from sd_id128_randomize(3). Thread-safe. Where the kernel gives no random numbers the
-// process ends: an identifier that repeats would be worse.
+// Random identifiers, from sd_id128_randomize(3). Thread-safe. The process ends if the kernel gives no random
+// numbers: an identifier that repeats would be worse.
 #pragma once
 
 #include <array>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Numbers as JSON (RFC 8259) carries them: the shortest digits that read back as the same value, -1.0 for NaN
+// Numbers as JSON (RFC 8259) writes them: the shortest digits that read back as the same value, -1.0 for NaN
 // and infinity. Thread-safe: no shared state.
 #pragma once
 
@@ -13,8 +13,8 @@
 
 namespace telvora {
 
-// The text of a real number. It keeps a fraction that is zero, so that a reader that distinguishes integers
-// from reals sees a real.
+// The text of a real number. It keeps a fraction that is zero, so that readers that distinguish integers from
+// reals read a real.
 class JsonReal {
   public:
     explicit JsonReal(double value);
@@ -27,7 +27,7 @@ class JsonReal {
     size_t size_;
 };
 
-// The text of a boolean, a number or a date; nothing for all other types.
+// The text of a boolean, a number or a date; std::nullopt for all other types.
 std::optional<std::string> jsonNumberText(const PropertyList& value);
 
 }  // namespace telvora

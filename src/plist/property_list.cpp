@@ -11,8 +11,8 @@ namespace telvora {
 
 namespace {
 
-// Negative, 0 or positive as `a` stands before, at or after `b`. Most keys differ in the first byte, and
-// every report passes here a hundred times: that byte is looked at before memcmp(3) is called.
+// Negative, 0 or positive as `a` sorts before, equal to or after `b`. Most keys differ in the first byte, and
+// every report compares a hundred keys: that byte is compared without a call of memcmp(3).
 int compareKeys(std::string_view a, std::string_view b) {
     if (!a.empty() && !b.empty() && a.front() != b.front()) {
         return static_cast<unsigned char>(a.front()) - static_cast<unsigned char>(b.front());
@@ -27,7 +27,7 @@ auto lowerBoundIn(Entries& entries, std::string_view key) {
         [](const Dictionary::Entry& entry, std::string_view k) { return compareKeys(entry.key, k) < 0; });
 }
 
-// How many keys of the sorted range [from, end) the sorted `entries` don't have.
+// The number of keys in the sorted range [from, end) that the sorted `entries` lack.
 template <typename Iterator>
 size_t countNewKeys(const std::vector<Dictionary::Entry>& entries, Iterator from, Iterator end) {
     size_t found = 0;
@@ -41,11 +41,11 @@ size_t countNewKeys(const std::vector<Dictionary::Entry>& entries, Iterator from
     return total - found;
 }
 
-// Both sides are sorted, so a walk from the back moves every entry once; inserting key by key would move the
-// tail again for each.
+// Both sides are sorted, so a walk from the back moves every entry once. Inserting key by key would move the
+// tail for each key.
 template <typename Iterator>
 void mergeSorted(std::vector<Dictionary::Entry>& entries, Iterator from, Iterator end) {
-    size_t left = entries.size();  // of the old entries, those that have not been moved yet
+    size_t left = entries.size();  // old entries that have not been moved yet
     size_t target = left + countNewKeys(entries, from, end);
     entries.resize(target);
     while (from != end) {
@@ -88,7 +88,7 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
     if (!std::is_sorted(entries.begin(), entries.end(), before)) {
         std::stable_sort(entries.begin(), entries.end(), before);
     }
-    // From behind, so that of equal keys the last one stays.
+    // From behind, so that the last one of equal keys stays.
     const auto sameKey = [](const Entry& a, const Entry& b) { return a.key == b.key; };
     entries.erase(entries.begin(), std::unique(entries.rbegin(), entries.rend(), sameKey).base());
     Dictionary dictionary;
@@ -114,7 +114,7 @@ PropertyList* Dictionary::find(std::string_view key) {
 }
 
 void Dictionary::set(std::string_view key, PropertyList value) {
-    // Keys mostly arrive in order, from a reader or a sorted source: then this is an append.
+    // Readers and sorted sources deliver keys in order: then this is an append.
     if (entries_.empty() || compareKeys(entries_.back().key, key) < 0) {
         entries_.push_back({std::string(key), std::move(value)});
         return;

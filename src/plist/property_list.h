@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// PropertyList: the value type of everything structured that the daemon handles (session info, payloads,
-// bags, user defaults). A plain value: copies are deep, equality is by content, const access is safe from any
-// thread.
+// PropertyList: the value type of all structured data in the daemon (session info, payloads, bags, user
+// defaults). A plain value: copies are deep, equality is by content, const access is safe from any thread.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +19,7 @@ class PropertyList;
 
 using Array = std::vector<PropertyList>;
 
-// Raw bytes, told apart from text by their type.
+// Raw bytes, a type of their own beside text.
 struct Data {
     std::string bytes;
     friend bool operator==(const Data&, const Data&) = default;
@@ -32,17 +31,17 @@ struct Date {
     friend bool operator==(const Date&, const Date&) = default;
 };
 
-// A dictionary with string keys, kept in the byte order of the keys, which is also its enumeration order.
+// A dictionary with string keys. It is enumerated in the byte order of its keys.
 class Dictionary {
   public:
     struct Entry;
     using const_iterator = std::vector<Entry>::const_iterator;
 
     Dictionary();
-    Dictionary(
-        std::initializer_list<Entry> entries);  // a later entry of the same key replaces an earlier one
-    // The same from entries in any order, in time n log n: what readers of hostile input use, since one set()
-    // per entry is quadratic where keys arrive in falling order.
+    // A later entry of the same key replaces an earlier one.
+    Dictionary(std::initializer_list<Entry> entries);
+    // The same from entries in any order, in time n log n. For readers of hostile input: one set() per entry
+    // is quadratic if the keys arrive in falling order.
     static Dictionary fromEntries(std::vector<Entry> entries);
     Dictionary(const Dictionary&);
     Dictionary(Dictionary&&) noexcept;
@@ -50,22 +49,22 @@ class Dictionary {
     Dictionary& operator=(Dictionary&&) noexcept;
     ~Dictionary();
 
-    // The value under `key`, or null. The pointer lives until the dictionary is next changed.
+    // The value under `key`, or null. The pointer is valid until the dictionary changes.
     const PropertyList* find(std::string_view key) const;
     PropertyList* find(std::string_view key);
     bool contains(std::string_view key) const { return find(key) != nullptr; }
 
-    // Adds the entry or replaces the value that was there.
+    // Adds the entry, or replaces its value.
     void set(std::string_view key, PropertyList value);
-    // Removes the entry; false when there was none.
+    // Removes the entry; false if there was no such entry.
     bool erase(std::string_view key);
-    // Sets every entry of `other`; its values win. One pass over both, whatever their keys.
+    // Sets every entry of `other`, whose values win. Takes one pass over both.
     void merge(const Dictionary& other);
     void merge(Dictionary&& other);
-    // A new dictionary of what merge() would make of a copy of `base`, without moving entries about.
+    // The result of merging `over` into a copy of `base`, without moving entries about.
     static Dictionary merged(const Dictionary& base, Dictionary&& over);
-    // Offers every entry in key order as keep(const std::string& key, PropertyList& value), which may change
-    // the value; removes the entries for which it returns false.
+    // Calls keep(const std::string& key, PropertyList& value) for every entry in key order, and removes the
+    // entries for which it returns false. It may change the value.
     template <typename Keep>
     void retain(Keep keep);
     void reserve(size_t entries);
@@ -75,11 +74,11 @@ class Dictionary {
     const_iterator begin() const;
     const_iterator end() const;
 
-    // The string under `key`, or nothing when the key is absent or holds another type.
+    // The value under `key`; null if the key is absent or holds another type.
     const std::string* string(std::string_view key) const;
     const Dictionary* dictionary(std::string_view key) const;
     const Array* array(std::string_view key) const;
-    // As PropertyList::integerValue, wrappedInteger, realValue and boolValue; nothing (false) when the key is
+    // The value under `key`, read as by the operation of PropertyList; std::nullopt (false) if the key is
     // absent.
     std::optional<int64_t> integer(std::string_view key) const;
     std::optional<int64_t> wrappedInteger(std::string_view key) const;
@@ -97,7 +96,7 @@ class Dictionary {
 
 class PropertyList {
   public:
-    // uint64_t holds only what int64_t can't.
+    // uint64_t only holds values above the range of int64_t.
     using Value = std::variant<bool, int64_t, uint64_t, double, std::string, Data, Date, Array, Dictionary>;
 
     PropertyList() : value_(false) {}
@@ -126,21 +125,21 @@ class PropertyList {
     bool is() const {
         return std::holds_alternative<T>(value_);
     }
-    // A boolean counts as a number, as it does on the wire.
+    // Whether it is a boolean, an integer or a real: on the wire a boolean is a number, too.
     bool isNumber() const;
 
     // A number of any kind as an integer (reals truncated toward zero, out-of-range values clamped), or the
-    // leading integer of a string, 0 where there is none. Nothing for all other types.
+    // leading integer of a string (0 if there is no digit). std::nullopt for all other types.
     std::optional<int64_t> integerValue() const;
-    // The same without the clamping of numbers: the low 64 bits of the integer part, for values of which only
+    // The same without clamping: the low 64 bits of the integer part of a number, for values of which only
     // the low bits count.
     std::optional<int64_t> wrappedInteger() const;
-    // A number of any kind, or nothing.
+    // A number of any kind; std::nullopt for all other types.
     std::optional<double> realValue() const;
-    // True for true and for numbers other than 0; false for everything else.
+    // True for true and for numbers other than 0; false for all other values.
     bool boolValue() const;
 
-    // What may be said of the value in a log line: its type and size, never its content.
+    // The type and size of the value, without its content: the form for log lines.
     std::string shapeDescription() const;
 
     friend bool operator==(const PropertyList&, const PropertyList&) = default;
@@ -168,7 +167,7 @@ void Dictionary::retain(Keep keep) {
     entries_.erase(kept, entries_.end());
 }
 
-// The integer at the start of `text` after blanks, with sign; 0 where there is none. Clamped to the range of
+// The integer at the start of `text` after blanks, with sign; 0 if there is no digit. Clamped to the range of
 // int64_t.
 int64_t leadingInteger(std::string_view text);
 

@@ -11,7 +11,7 @@ namespace telvora {
 
 namespace {
 
-// Checks a value and counts its objects, keys among them: the size of a reference depends on their number.
+// Checks a value and counts its objects (keys included), whose number determines the size of a reference.
 struct Counter {
     size_t objects = 0;
     size_t depth = 0;
@@ -50,14 +50,14 @@ struct Counter {
     }
     void enter() {
         ++objects;
-        if (++depth > kMaxPropertyListDepth) error = kWhyTooDeep;
+        if (++depth > kMaxDocumentDepth) error = kWhyTooDeep;
     }
 };
 
 }  // namespace
 
 tl::expected<PropertyList, std::string> parsePropertyList(std::string_view document) {
-    if (document.size() > kMaxPropertyListBytes) return tl::make_unexpected(kWhyTooLong);
+    if (document.size() > kMaxDocumentBytes) return tl::make_unexpected(kWhyTooLong);
     return document.starts_with("bplist00") ? readBinaryPropertyList(document)
                                             : readXmlPropertyList(document);
 }
@@ -71,7 +71,7 @@ tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesyst
     if (!file) return tl::make_unexpected("can't be opened");
     std::string document;
     char block[1 << 14];
-    while (document.size() <= kMaxPropertyListBytes && (file.read(block, sizeof block), file.gcount() > 0))
+    while (document.size() <= kMaxDocumentBytes && (file.read(block, sizeof block), file.gcount() > 0))
         document.append(block, static_cast<size_t>(file.gcount()));
     if (file.bad()) return tl::make_unexpected("can't be read");
     return parsePropertyList(document);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a text and a date must be to stand in a property list, the same for reading and writing, and the
-// reasons for which a document is refused that is longer or deeper than allowed.
+// The limits of documents, texts and dates for readers and writers, with the reasons of their failures.
 #pragma once
 
 #include <string_view>
@@ -18,12 +17,12 @@ inline constexpr const char* kWhyTooDeep = "nested more than 64 deep";
 inline constexpr const char* kWhyTooMany = "more than 2097152 values";
 inline constexpr const char* kWhyTooLarge = "values of more than 16 MiB";
 
-// Whether these seconds since 1970 lie in the years 1 to 9999, which XML can write.
+// Whether these seconds since 1970 are in the years 1 to 9999, which XML can write.
 inline bool isDate(double seconds) {
     return seconds >= -62135596800.0 && seconds < 253402300800.0;
 }
 
-// Why the bytes are no text for a property list; null when they are.
+// The reason why a property list cannot hold the text; null if it can.
 inline const char* whyNoText(std::string_view text) {
     if (text.find('\0') != std::string_view::npos) return "a string with a zero byte";
     return isValidUtf8(text) ? nullptr : "a string that is not UTF-8";

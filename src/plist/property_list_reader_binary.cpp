@@ -7,7 +7,7 @@
 //     7   1 byte    size of a reference from an array or dictionary to an object
 //     8   8 bytes   number of objects
 //     16  8 bytes   index of the top object
-//     24  8 bytes   where the table begins
+//     24  8 bytes   offset of the table
 //
 // with all integers big-endian. An object is a marker byte (type in the high nibble; length, or the length's
 // exponent, in the low one), for a length of 15 or more an integer object holding it, and the content.
@@ -33,7 +33,7 @@ uint64_t readUnsigned(std::string_view bytes) {
     return value;
 }
 
-// A code point, or the three bytes that a surrogate would have.
+// A code point, or the three bytes that encode a surrogate.
 void appendUtf8(std::string& text, uint32_t code) {
     const auto put = [&text](uint32_t byte) { text.push_back(static_cast<char>(byte)); };
     if (code < 0x80) return put(code);
@@ -64,10 +64,10 @@ class BinaryReader {
     struct Object {
         uint8_t type;      // the marker's high nibble
         uint64_t length;   // the marker's low nibble, or the length that follows it
-        uint64_t content;  // where the content begins
+        uint64_t content;  // offset of the content
     };
 
-    // `bytes` at `offset`, or nothing when that leaves the part of the document that holds the objects.
+    // `bytes` bytes at `offset`; std::nullopt if they exceed the part of the document that holds the objects.
     std::optional<std::string_view> objectBytes(uint64_t offset, uint64_t bytes) const {
         if (offset < kHeaderBytes || offset > tableStart_ || bytes > tableStart_ - offset)
             return std::nullopt;
@@ -114,14 +114,14 @@ class BinaryReader {
         return valueAt(top, 0);
     }
 
-    // All further reading ends with the first failure.
+    // Reading ends with the first failure.
     PropertyList fail(const char* reason) {
         if (error_ == nullptr) error_ = reason;
         return {};
     }
 
-    // The object with all below it. `depth`: the containers around it. The recursion ends at
-    // kMaxPropertyListDepth, and altogether after kMaxPropertyListValues calls.
+    // The object and all objects below it. `depth`: the number of containers around it. The recursion is at
+    // most kMaxDocumentDepth deep and makes at most kMaxDocumentValues calls.
     PropertyList valueAt(uint64_t index, size_t depth) {
         const auto object = objectAt(index);
         if (!object) return fail(kOutOfBounds);
@@ -152,7 +152,8 @@ class BinaryReader {
         }
     }
 
-    // Empty, after fail(), when the bytes are not there or more than a document's values may have.
+    // The content; empty, after fail(), if it exceeds the document or the limit for the values of one
+    // document.
     std::string_view content(const Object& object, uint64_t bytes) {
         const auto found = objectBytes(object.content, bytes);
         if (!found) {
@@ -160,12 +161,11 @@ class BinaryReader {
             return {};
         }
         bytes_ += bytes;
-        if (bytes_ > kMaxPropertyListBytes) fail(kWhyTooLarge);
+        if (bytes_ > kMaxDocumentBytes) fail(kWhyTooLarge);
         return error_ == nullptr ? *found : std::string_view();
     }
 
-    // One, two and four bytes are unsigned, eight signed; 16 hold what is too large for a signed integer
-    // of 8.
+    // One, two and four bytes are unsigned, eight signed; 16 hold values above eight signed ones.
     PropertyList integer(const Object& object) {
         if (object.length > 4) return fail("an integer of unknown size");
         const auto bytes = objectBytes(object.content, uint64_t{1} << object.length);
@@ -215,16 +215,15 @@ class BinaryReader {
             }
             appendUtf8(text, code);
         }
-        if (const char* reason = whyNoText(text)) fail(reason);  // of a surrogate alone, too
+        if (const char* reason = whyNoText(text)) fail(reason);  // also for a lone surrogate
         return text;
     }
 
-    // Where the references of a container begin, and how many there are. They count, before there is room
-    // made for them, as the values that they will be.
+    // The references of a container. They count as values before memory is reserved for them.
     std::optional<std::string_view> references(const Object& object, uint64_t perElement, size_t depth) {
-        if (depth > kMaxPropertyListDepth) fail(kWhyTooDeep);
-        if (object.length > kMaxPropertyListValues ||
-            (values_ += object.length * perElement) > kMaxPropertyListValues) {
+        if (depth > kMaxDocumentDepth) fail(kWhyTooDeep);
+        if (object.length > kMaxDocumentValues ||
+            (values_ += object.length * perElement) > kMaxDocumentValues) {
             fail(kWhyTooMany);
         }
         if (error_ != nullptr) return std::nullopt;
@@ -246,7 +245,7 @@ class BinaryReader {
         return array;
     }
 
-    // All keys stand before all values.
+    // All keys precede all values.
     PropertyList dictionary(const Object& object, size_t depth) {
         const auto elements = references(object, 2, depth);
         if (!elements) return {};
@@ -274,7 +273,7 @@ class BinaryReader {
     uint64_t referenceBytes_ = 0;
     uint64_t objectCount_ = 0;
     uint64_t tableStart_ = 0;
-    uint64_t values_ = 1;  // keys among them
+    uint64_t values_ = 1;  // keys included
     uint64_t bytes_ = 0;
     const char* error_ = nullptr;
 };

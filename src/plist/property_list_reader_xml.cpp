@@ -13,6 +13,7 @@
 #include "plist/property_list_format.h"
 #include "plist/property_list_limits.h"
 #include "plist/property_list_reader.h"
+#include "util/ascii.h"
 #include "util/base64.h"
 
 namespace telvora {
@@ -20,13 +21,6 @@ namespace telvora {
 namespace {
 
 constexpr const char* kMalformed = "malformed property list";
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
 
 // Whether the whole text is a number.
 template <typename Number, typename... Format>
@@ -102,7 +96,7 @@ std::optional<Element> elementNamed(std::string_view name) {
     return std::nullopt;
 }
 
-// Gives back the room that growing has left, where it is much.
+// Releases excess capacity if it is large.
 template <typename Element>
 void trim(std::vector<Element>& elements) {
     if (elements.capacity() > elements.size() + elements.size() / 4) elements.shrink_to_fit();
@@ -138,12 +132,12 @@ class XmlReader {
     struct Free {
         void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
     };
-    // An element that is open; of the content, what its kind has.
+    // An open element. Only the members for its kind are used.
     struct Open {
         Element element;
         Array array = {};
         std::vector<Dictionary::Entry> entries = {};
-        std::optional<std::string> key = {};  // of the entry whose value is to come
+        std::optional<std::string> key = {};  // of the entry whose value follows
     };
 
     static XmlReader& of(void* self) { return *static_cast<XmlReader*>(self); }
@@ -157,7 +151,7 @@ class XmlReader {
     }
     static void onSkippedEntity(void* self, const char*, int) { of(self).fail("an unknown entity"); }
 
-    // Calls of the parser go on for a while after it was stopped, and nothing may be thrown through it.
+    // The parser may call once more after it was stopped, and no exception may pass through it.
     template <typename... Arguments>
     void run(void (XmlReader::*handle)(Arguments...), std::type_identity_t<Arguments>... arguments) noexcept
         try {
@@ -186,16 +180,16 @@ class XmlReader {
                                   ? open_.back().key.has_value()
                                   : isIn(Element::array) || (!top_ && (isOutside || isIn(Element::plist)));
             if (!fits) return fail(kMalformed);
-            if (++values_ > kMaxPropertyListValues) return fail(kWhyTooMany);
+            if (++values_ > kMaxDocumentValues) return fail(kWhyTooMany);
         }
         if (*element == Element::array || *element == Element::dictionary) {
-            if (++depth_ > kMaxPropertyListDepth) return fail(kWhyTooDeep);
+            if (++depth_ > kMaxDocumentDepth) return fail(kWhyTooDeep);
         }
         text_.clear();
         open_.push_back({*element});
     }
 
-    // Between elements there may be blanks only.
+    // Only blanks are allowed between elements.
     void text(std::string_view part) {
         const bool holdsText = !open_.empty() && open_.back().element >= Element::key;
         if (holdsText) {
@@ -226,7 +220,7 @@ class XmlReader {
         }
     }
 
-    // Nothing, after fail(), where the text is none of that kind.
+    // std::nullopt, after fail(), if the text is not of that kind.
     std::optional<PropertyList> valueOf(Open& closed) {
         std::optional<PropertyList> value;
         const char* reason = kMalformed;
@@ -271,10 +265,10 @@ class XmlReader {
     }
 
     std::unique_ptr<std::remove_pointer_t<XML_Parser>, Free> parser_;
-    std::vector<Open> open_;  // the elements around the place that is read, outermost first
-    std::string text_;        // of the innermost one
-    size_t depth_ = 0;        // arrays and dictionaries among them
-    size_t values_ = 0;       // keys among them
+    std::vector<Open> open_;  // the open elements, outermost first
+    std::string text_;        // of the innermost element
+    size_t depth_ = 0;        // open arrays and dictionaries
+    size_t values_ = 0;       // keys included
     bool begun_ = false;
     std::optional<PropertyList> top_;
     const char* error_ = nullptr;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The writers of the two formats, in time and memory that grow with the value's size alone. Thread-safe.
+// The writers of the two formats, in time and memory proportional to the size of the value. Thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -11,11 +11,12 @@
 
 namespace telvora {
 
-// A value that a format can hold: strings and dates have been looked at, and so has the nesting. `objects`:
-// how many values there are, keys among them.
+// Writes a value whose strings, dates and nesting have been checked. `objects`: the number of its values,
+// keys included.
 std::string writeBinaryPropertyList(const PropertyList& value, size_t objects);
 
-// Fails with a reason on control characters, which XML can't hold.
+// Writes a value that has been checked likewise. Fails with a reason on control characters, which XML
+// excludes.
 tl::expected<std::string, std::string> writeXmlPropertyList(const PropertyList& value);
 
 }  // namespace telvora

@@ -54,7 +54,7 @@ class BinaryWriter {
     }
 
   private:
-    // The new object's index.
+    // Returns the new object's index.
     size_t beginObject() {
         offsets_.push_back(document_.size());
         return offsets_.size() - 1;
@@ -82,7 +82,7 @@ class BinaryWriter {
         putNumber(static_cast<uint64_t>(value), bytes);
     }
     void put(uint64_t value) {
-        putMarker(1, 4);  // 16 bytes, for what is above eight signed ones
+        putMarker(1, 4);  // 16 bytes, for values above eight signed ones
         putNumber(0, 8);
         putNumber(value, 8);
     }
@@ -126,13 +126,13 @@ class BinaryWriter {
             at = setReference(at, writeObject(entry.value));
     }
 
-    // Where the first of them stands.
+    // Returns the offset of the first reference.
     size_t reserveReferences(size_t count) {
         const size_t at = document_.size();
         document_.append(count * referenceBytes_, '\0');
         return at;
     }
-    // Where the next one stands.
+    // Returns the offset of the next reference.
     size_t setReference(size_t at, uint64_t index) {
         for (size_t i = referenceBytes_; i-- > 0;)
             document_[at++] = static_cast<char>(index >> (8 * i));

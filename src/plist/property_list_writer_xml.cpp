@@ -12,7 +12,7 @@ namespace telvora {
 
 namespace {
 
-// Whether XML 1.0 has no way to write one of the text's characters (section 2.2).
+// Whether the text has a character that XML 1.0 excludes (section 2.2).
 bool hasForbiddenCharacter(std::string_view text) {
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<uint8_t>(text[i]);
@@ -96,7 +96,7 @@ struct XmlWriter {
                 case '>':
                     document += "&gt;";
                     break;
-                case '\r':  // readers take a bare one for a line feed
+                case '\r':  // readers change a bare one to a line feed
                     document += "&#13;";
                     break;
                 default:

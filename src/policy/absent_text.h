@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How a text that is absent shows where a line, a header or an answer has a place for it.
+// The form of absent texts in log lines, headers and answers.
 #pragma once
 
 #include <optional>
@@ -8,7 +8,7 @@
 
 namespace telvora {
 
-// The text, or "(null)". Valid as long as `text` is.
+// The text, or "(null)". Valid as long as `text`.
 inline const char* textOrNull(const std::optional<std::string>& text) {
     return text ? text->c_str() : "(null)";
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reading numbers out of a bag, where a value of another type counts as absent: a bag is written elsewhere,
-// and a text that happens to start with a digit must not decide anything.
+// Numbers of a bag. Values of another type count as absent: a text that starts with a digit must not decide
+// anything.
 #pragma once
 
 #include <algorithm>
@@ -14,8 +14,8 @@
 
 namespace telvora {
 
-// The number under `key` cut to 32 bits (reals truncated toward zero, out-of-range values clamped), or
-// nothing.
+// The number under `key` cut to 32 bits (reals truncated toward zero, out-of-range values clamped);
+// std::nullopt if absent.
 inline std::optional<int32_t> bagInteger(const Dictionary& dictionary, std::string_view key) {
     const PropertyList* value = dictionary.find(key);
     if (value == nullptr || !value->isNumber()) return std::nullopt;

@@ -45,7 +45,7 @@ int32_t ClientEntry::overrideDnu() const {
     return bagInteger(*content_, "override_dnu").value_or(0);
 }
 
-// Checked like a black list, so that an entry without the list is not used at all.
+// Checked like a black list, so that an entry without the list admits no session.
 bool ClientEntry::admitsCountry(const std::optional<std::string>& countryCode) const {
     return matchStringWithList(splitList(countries()), countryCode, false);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ClientEntry: one entry of a bag's "clients". All who read an entry read it here, so that the daemon and the
-// tool that judges bags can't differ about a value.
+// ClientEntry: one entry of a bag's "clients". The daemon and the tools read entries through this class
+// alone, so that they agree about every value.
 #pragma once
 
 #include <array>
@@ -14,36 +14,37 @@
 
 namespace telvora {
 
-// A view, cheap to copy: the entry must outlive it and all that it returns. Values of a type that a key does
-// not take count as absent. Thread-safe: no shared state.
+// A view, cheap to copy: the entry must outlive it and all results. Values of a type that a key does not take
+// count as absent. Thread-safe: no shared state.
 class ClientEntry {
   public:
     explicit ClientEntry(const Dictionary& content) : content_(&content) {}
-    // Nothing for an element of "clients" that is no dictionary.
+    // std::nullopt for an element of "clients" that is no dictionary.
     static std::optional<ClientEntry> of(const PropertyList& element);
 
     const Dictionary& content() const { return *content_; }
 
-    // The names of clients, and the parts of services' names, that the entry is for; none: all.
+    // The client names and the parts of service names that the entry applies to; empty: all.
     StringList clients() const { return splitList(content_->string("client")); }
     StringList services() const { return splitList(content_->string("service")); }
-    // Whether it is for a session of these names (nothing: the session has none).
+    // Whether it applies to a session of these names (std::nullopt: the session has no name).
     bool isFor(const std::optional<std::string>& clientName,
                const std::optional<std::string>& serviceID) const;
-    // The first framework version that uses the entry: 0.0.0 where it does not say.
+    // The first framework version that the entry applies to; 0.0.0 if not set.
     std::array<uint8_t, 3> enabledSince() const;
 
-    // Whether reports are batched; nothing: as the client wishes.
+    // Whether reports are batched; std::nullopt: the client decides.
     std::optional<bool> batchEvents() const;
     int32_t overrideDnu() const;
     const std::string* countries() const { return content_->string("locale_whitelist"); }
-    // A country that is not known is on every list, but not on an absent one.
+    // Whether the country is in the list. An unknown country is in every list, but no country is in an absent
+    // one.
     bool admitsCountry(const std::optional<std::string>& countryCode) const;
     const std::string* deviceWhitelist() const { return content_->string("device_whitelist"); }
     const std::string* deviceBlacklist() const { return content_->string("device_blacklist"); }
     const Array* filters() const { return content_->array("filters"); }
     std::optional<double> samplingThreshold() const { return content_->real("sampling_threshold"); }
-    // The first element of "per_country_sampling_thresholds" that has the country; null: none.
+    // The first element of "per_country_sampling_thresholds" with that country, or null.
     const Dictionary* thresholdOfCountry(const std::string& countryCode) const;
     std::optional<double> overrideSampling() const { return content_->real("override_sampling"); }
     bool hasCustomClientId() const { return content_->contains("custom_clientId"); }
@@ -58,7 +59,7 @@ class ClientEntry {
     const Dictionary* content_;
 };
 
-// Whether a list of categories holds one. Text counts as the integer that it starts with.
+// Whether a list of categories contains the category. Text counts as its leading integer.
 bool listHoldsCategory(const Array& list, uint16_t category);
 
 }  // namespace telvora

@@ -6,6 +6,7 @@
 #include "platform/digest.h"
 #include "plist/json_number.h"
 #include "policy/bag_values.h"
+#include "util/ascii.h"
 #include "util/letter_case.h"
 #include "util/utf8.h"
 
@@ -13,16 +14,12 @@ namespace telvora {
 
 namespace {
 
-constexpr char lowerAscii(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-// Runs for every key of every event against every filter: only where the texts first differ in something
-// beyond ASCII is a letter table asked.
+// Compares every key of every event with every filter, so it uses the letter table only if the texts differ
+// outside ASCII.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); ++i) {
-        if (lowerAscii(a[i]) == lowerAscii(b[i])) continue;
+        if (asciiLowerCase(a[i]) == asciiLowerCase(b[i])) continue;
         const bool ascii = (static_cast<unsigned char>(a[i]) & static_cast<unsigned char>(b[i])) < 0x80;
         return !ascii && lowerCase(a) == lowerCase(b);
     }

@@ -77,7 +77,7 @@ BackendState PolicyUpdate::run() {
     return stateFromEntry(*entry);
 }
 
-// The first entry of the session's name decides, whether it has a say in the matter or not.
+// The first entry for the session's names decides, even if it does not set the key.
 void PolicyUpdate::updateBatchEvents() {
     for (const PropertyList& element : situation_.clients) {
         const auto entry = ClientEntry::of(element);
@@ -92,7 +92,7 @@ void PolicyUpdate::updateBatchEvents() {
     }
 }
 
-// A session without user info matches no name: the first entry that has a URL serves it.
+// A session without user info matches no name: the first entry with a URL serves it.
 BackendState PolicyUpdate::stateWithoutUserInfo() {
     std::optional<ClientEntry> taken;
     for (const PropertyList& element : situation_.clients) {
@@ -223,7 +223,7 @@ void PolicyUpdate::resetWithEntry(const std::optional<ClientEntry>& entry) {
                 policy_.extrasOnInternal);
 }
 
-// True when the entry's link has replaced the one before.
+// True if the link of the entry replaced the previous one.
 bool PolicyUpdate::updatePostLink(const ClientEntry& entry) {
     bool replaced = false;
     if (!policy_.useDefaultPostURL || !policy_.postURL) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ReportingPolicy: what a backend does with the reports of its session, as one value. It starts with what the
-// client and the device's settings say; HTTPS backends take the rest from a bag, each time that the session's
-// user info changes, and leave what the bag does not decide as it was. The daemon acts on it, and tools print
+// ReportingPolicy: how a backend treats the reports of its session, as one value. The client and the settings
+// of the device give its initial value. HTTPS backends derive the rest from a bag each time the session's
+// user info changes; parts that the bag does not set stay unchanged. The daemon acts on it, and tools print
 // it.
 #pragma once
 
@@ -25,33 +25,34 @@ enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, report
 
 // All pointers and views refer to the bag.
 struct ReportingPolicy {
-    // What the bag made of the session last. The backend's own state changes with its reports, too.
+    // The last state that the bag gave to the session. The state of the backend also changes with its
+    // reports.
     BackendState state = BackendState::waitingForUserInfo;
-    const Dictionary* entry = nullptr;  // the entry of "clients" that decided; null: none did
+    const Dictionary* entry = nullptr;  // the entry of "clients" that applied, or null
     bool batchEvents = false;
-    int32_t eventThreshold = 49;  // so many reports of a category, and one, make a batch
+    int32_t eventThreshold = 49;  // a batch is flushed above this number of events of a category
     std::optional<double> samplingThreshold;
     std::optional<double> overrideSampling;
     std::vector<EventFilter> filters;
-    const Array* eventWhitelist = nullptr;  // null: every category
+    const Array* eventWhitelist = nullptr;  // null: all categories
     const Array* eventBlacklist = nullptr;  // null: no category
-    int32_t dnuType = 0;  // 0: consent respected; overridden: 1 the user did not consent, 2 did
+    int32_t dnuType = 0;  // 0: consent respected; overridden: 1 without consent, 2 with consent
     int32_t extrasOnInternal = 0;
     std::optional<std::string> uuidCustom;
     std::optional<std::string> postURL;
     std::optional<std::string> realtimePostURL;
-    bool useDefaultPostURL = false;          // the user default has the say, not the bag
-    bool useDefaultRealtimePostURL = false;  // likewise
+    bool useDefaultPostURL = false;          // the user default sets it, not the bag
+    bool useDefaultRealtimePostURL = false;  // the user default sets it, not the bag
 };
 
-// A session on a device, as the entries of a bag are applied to it. All references live for the call.
+// A session and its device, to which the entries of a bag are applied. All references live for the call.
 struct ReportingSituation {
     const DeviceIdentity& identity;
     const std::function<std::optional<std::string>()>& countryCode;  // of the current locale
-    DecisionTrace* trace;                                            // null: the steps are not traced
-    const std::string& backend;                                      // its name, for the log
+    DecisionTrace* trace;                                            // null: no trace
+    const std::string& backend;                                      // name, for the log
     const Array& clients;                                            // of the bag, which outlives the policy
-    const Dictionary* userInfo;                                      // null: none
+    const Dictionary* userInfo;                                      // null: absent
     bool requireUserInfo;
     std::array<uint8_t, 3> frameworkVersion;
     double samplingFactor;  // the backend's draw, from 0 to 1
@@ -60,10 +61,10 @@ struct ReportingSituation {
     const std::optional<std::string>& hardwareType;
 };
 
-// The policy after `policy` in this situation. Logs its steps at level 7.
+// The policy that follows `policy` in this situation. Logs its steps at level 7.
 ReportingPolicy nextPolicy(ReportingPolicy policy, const ReportingSituation& situation);
 
-// The text under a key of the user info, or nothing.
+// The text under a key of the user info; std::nullopt if absent.
 std::optional<std::string> userInfoText(const Dictionary* userInfo, std::string_view key);
 
 }  // namespace telvora

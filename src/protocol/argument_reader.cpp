@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "protocol/property_list_codec.h"
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -57,7 +58,7 @@ UniqueFd ArgumentReader::file() {
     int borrowed = -1;
     if (!read('h', &borrowed)) return {};
     UniqueFd own(fcntl(borrowed, F_DUPFD_CLOEXEC, 3));
-    if (!own) fail(std::string("No descriptor left: ") + std::strerror(errno));
+    if (!own) fail(errorText("No descriptor left", errno));
     return own;
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The numbers are the kernel's (linux/landlock.h); they stand here because the headers that the system is
-// built with may be older than the kernel that it runs on.
+// The numbers are the kernel's (linux/landlock.h). They are defined here because the headers of the build
+// system may be older than the running kernel.
 #include "sandbox/landlock.h"
 
 #include <fcntl.h>
@@ -9,9 +9,9 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "sandbox/refused_call.h"
+#include "util/error_text.h"
 
 namespace telvora {
 
@@ -48,7 +48,7 @@ struct [[gnu::packed]] PathBeneathAttributes {
     int32_t parent;
 };
 
-// Each ABI adds rights at the top of the ABI before.
+// Each ABI adds rights above those of the previous one.
 uint64_t knownFileAccess(int abi) {
     if (abi >= 5) return (1ULL << 16) - 1;  // up to ioctl(2) on devices
     if (abi >= 3) return (1ULL << 15) - 1;  // up to truncation
@@ -72,7 +72,7 @@ uint64_t rightsFor(PathAccess access) {
 }
 
 tl::unexpected<std::string> failure(const std::string& what) {
-    return tl::unexpected(what + ": " + std::generic_category().message(errno));
+    return tl::unexpected(errorText(what, errno));
 }
 
 constexpr char kCreateRuleset[] = "landlock_create_ruleset";
@@ -91,7 +91,7 @@ tl::expected<Landlock, std::string> Landlock::make() {
     const long abi = syscall(SYS_landlock_create_ruleset, nullptr, 0, kQueryVersion);
     if (abi < 1) return tl::unexpected(whyNoLandlock(errno));
     const RulesetAttributes attributes = everything(static_cast<int>(abi));
-    // Kernels accept a longer structure than they know as long as the rest is zero.
+    // Kernels accept a longer structure than they know if the rest is zero.
     UniqueFd ruleset(
         static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
     if (!ruleset) return tl::unexpected(refusedCall(kCreateRuleset, errno));

@@ -40,7 +40,7 @@ tl::expected<DroppedPrivileges, std::string> dropPrivileges() {
         return tl::unexpected(std::string("can't drop the capability bounding set"));
     }
     // A service manager that starts the daemon without capabilities need not allow capset(2).
-    if (held && capng_apply(CAPNG_SELECT_CAPS) != 0) {  // the ambient set goes with the permitted one
+    if (held && capng_apply(CAPNG_SELECT_CAPS) != 0) {  // also clears the ambient set
         return tl::unexpected(refusedCall("capset", errno));
     }
     DroppedPrivileges dropped;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Giving up what a process might do beyond its user's rights: capabilities(7), no_new_privs and the dumpable
-// flag (prctl(2)).
+// Drops privileges beyond those of the user: capabilities(7), no_new_privs and the dumpable flag (prctl(2)).
 #pragma once
 
 #include <filesystem>
@@ -10,21 +9,21 @@
 
 namespace telvora {
 
-// What dropPrivileges() reached.
+// The result of dropPrivileges().
 struct DroppedPrivileges {
-    bool boundingSet = false;  // whether also the capability bounding set is empty
+    bool boundingSet = false;  // the capability bounding set is empty, too
     bool notDumpable = false;  // no core dumps, no ptrace(2) by others; not so in sanitized builds
 };
 
-// Sets no_new_privs and drops every capability. The bounding set can be dropped only by a process that has
-// CAP_SETPCAP; without it, it's left, where no_new_privs makes it void. Before the process has a second
-// thread. Fails with a reason when a capability is left.
+// Sets no_new_privs and drops all capabilities. The bounding set is dropped only with CAP_SETPCAP; otherwise
+// it stays, without effect under no_new_privs. Must be called before the process has a second thread. Fails
+// with a reason if a capability remains.
 tl::expected<DroppedPrivileges, std::string> dropPrivileges();
 
-// Where this process is the superuser's and `directory` another user's: becomes that user for good, with its
-// groups. Else, or without such a directory, does nothing. So the files that are made there are that user's,
-// and no trap among those that are there reaches further than that user does. Before the process has a second
-// thread. Fails with a reason; then the process must not go on.
+// If this process runs as root and `directory` belongs to another user, becomes that user permanently, with
+// its groups. Otherwise, or without such a directory, has no effect. Files created there then belong to that
+// user, and a malicious link among existing files reaches no further than that user does. Must be called
+// before the process has a second thread. Fails with a reason; then the process must not continue.
 tl::expected<void, std::string> becomeOwnerOf(const std::filesystem::path& directory);
 
 }  // namespace telvora

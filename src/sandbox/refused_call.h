@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The reason for the log when a system call that confines the process fails.
+// Reasons for failures of system calls that confine the process.
 #pragma once
 
 #include <string>
 
 namespace telvora {
 
-// "CALL(2): ERROR", with the remedy where the error has a usual cause. `error` is an errno value.
+// "CALL(2): ERROR", with the remedy if the error has a usual cause. `error`: an errno value.
 std::string refusedCall(const std::string& call, int error);
 
 }  // namespace telvora

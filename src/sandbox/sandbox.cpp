@@ -24,11 +24,11 @@ using Result = tl::expected<void, std::string>;
 bool hasOtherThreads() {
     std::error_code error;
     std::filesystem::directory_iterator tasks("/proc/self/task", error);
-    if (error) return true;  // unknown, and then better not
+    if (error) return true;  // unknown: assume the worst
     return std::distance(begin(tasks), end(tasks)) != 1;
 }
 
-// A rule needs something to stand on, and once confined the process can't make a directory anywhere else.
+// A rule needs an existing path, and the confined process can't create directories elsewhere.
 void makeDirectory(const std::filesystem::path& directory) {
     if (directory.empty()) return;
     std::error_code error;
@@ -91,7 +91,7 @@ SandboxPaths SandboxPaths::fromDirectories(const Directories& own) {
     paths.readWrite = {own.state, own.logs};
     paths.runtime = own.runtime;
     if (const char* file = std::getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') {
-        // Not the file alone: a new one is put in its place when the certificates are renewed.
+        // The directory, because a renewal of the certificates replaces the file.
         paths.readOnly.push_back(std::filesystem::path(file).parent_path());
     }
     if (const char* directories = std::getenv("SSL_CERT_DIR"); directories != nullptr) {
@@ -123,7 +123,8 @@ std::string SandboxStatus::description() const {
            (missing.empty() ? "" : "; not in force: " + missing);
 }
 
-// The privileges go once the directories are there, which may need them; the system calls last of all.
+// Privileges are dropped after the directories are created, which may need them; system calls are restricted
+// last.
 tl::expected<SandboxStatus, std::string> enterSandbox(std::string_view profileName,
                                                       const SandboxPaths& paths) {
     const SandboxProfile* profile = findSandboxProfile(profileName);

@@ -14,20 +14,20 @@ constexpr const char* kReadable[] = {
     "/etc/ssl/certs", "/etc/ssl/openssl.cnf", "/usr/share/ca-certificates",
     "/usr/local/share/ca-certificates", "/etc/pki/tls/certs", "/etc/pki/tls/cert.pem",
     "/etc/pki/ca-trust/extracted", "/etc/ca-certificates/extracted",
-    // name resolution, where a network manager keeps it
+    // name resolution, as network managers write it
     "/run/systemd/resolve", "/run/NetworkManager", "/run/resolvconf", "/run/connman",
     // time zones and locales
     "/usr/share/zoneinfo", "/usr/share/locale",
-    // what the device says of itself
+    // device properties
     "/usr/lib/os-release", "/proc", "/sys/class/dmi", "/sys/devices/virtual/dmi", "/sys/firmware/devicetree",
     "/sys/devices/system/cpu", "/dev/urandom", "/dev/random"};
 
-// Rights given to single files are lost when a package or a network manager puts a new file in an old one's
-// place, so that a daemon that has run for long would no longer find a server or know a user. Where the
-// files' modes keep secrets from the daemon's user, it may therefore read what all users may read there.
+// Rules for single files do not apply to new files that a package or a network manager puts in their place: a
+// daemon that runs for long could then no longer resolve names. File modes protect secrets from the daemon's
+// user, so it may read all that other users may read there.
 constexpr const char* kReadableAsUser[] = {"/etc"};
 
-// The owner of all files is given only those that it needs.
+// Root owns all files, so it gets only the files that it needs.
 constexpr const char* kReadableAsRoot[] = {
     "/etc/resolv.conf", "/etc/hosts",     "/etc/host.conf",   "/etc/nsswitch.conf", "/etc/gai.conf",
     "/etc/services",    "/etc/protocols", "/etc/networks",    "/etc/passwd",        "/etc/group",
@@ -52,26 +52,26 @@ constexpr const char* kSystemCalls[] = {
     "_newselect", "close", "close_range", "dup", "dup2", "dup3", "epoll_create", "epoll_create1", "epoll_ctl",
     "epoll_pwait", "epoll_pwait2", "epoll_wait", "eventfd", "eventfd2", "pipe", "pipe2", "poll", "ppoll",
     "ppoll_time64", "pselect6", "pselect6_time64", "select", "signalfd4",
-    // files, whose paths are Landlock's business
+    // files; Landlock checks the paths
     "_llseek", "access", "copy_file_range", "faccessat", "faccessat2", "fadvise64", "fadvise64_64",
     "fallocate", "fdatasync", "flock", "fstat", "fstat64", "fstatat64", "fstatfs", "fstatfs64", "fsync",
     "ftruncate", "ftruncate64", "getcwd", "getdents", "getdents64", "lseek", "lstat", "lstat64", "mkdir",
     "mkdirat", "newfstatat", "pread64", "preadv", "preadv2", "pwrite64", "pwritev", "pwritev2", "read",
     "readlink", "readlinkat", "readv", "rename", "renameat", "renameat2", "rmdir", "sendfile", "sendfile64",
     "stat", "stat64", "statfs", "statfs64", "statx", "umask", "unlink", "unlinkat", "write", "writev",
-    // sockets, of the kinds that may be made
+    // sockets of the permitted kinds
     "accept", "accept4", "connect", "getpeername", "getsockname", "getsockopt", "recv", "recvfrom",
     "recvmmsg", "recvmmsg_time64", "recvmsg", "send", "sendmmsg", "sendmsg", "sendto", "setsockopt",
     "shutdown",
-    // what the process may know of itself and the machine
+    // information about the process and the machine
     "capget", "getegid", "getegid32", "geteuid", "geteuid32", "getgid", "getgid32", "getgroups",
     "getgroups32", "getpid", "getppid", "getpriority", "getrandom", "getresgid", "getresgid32", "getresuid",
     "getresuid32", "getrlimit", "getrusage", "getsid", "getuid", "getuid32", "sysinfo", "ugetrlimit",
     "uname"};
 
-// What making sockets takes. Without bind and listen no port can be had, whether or not the kernel's Landlock
-// watches ports; getaddrinfo(3) goes on without the addresses that it would read from a bound netlink socket.
-// Landlock does not watch the modes of files.
+// Needed to open the listening sockets. Without bind and listen no port is available, even where the kernel's
+// Landlock does not restrict ports; getaddrinfo(3) works without the addresses that it would read from a
+// bound netlink socket. Landlock does not restrict file modes.
 constexpr const char* kSystemCallsAtStart[] = {"bind", "chmod", "fchmodat", "listen", "seccomp"};
 
 constexpr std::array kProfiles = {SandboxProfile{"com.zandor.telvorad", kReadable, kReadableAsRoot,

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// All that confinement grants to a build with sanitizers beyond what it grants to the daemon: their runtimes
-// map memory as they like, run threads of their own, and at the end the leak checker traces the process from
-// a clone of it. Nothing of this reaches a release build.
+// Additional rights for builds with sanitizers: their runtimes map memory freely and run threads of their
+// own, and the leak checker traces the process from a clone of it at the end. Release builds do not have
+// these rights.
 #pragma once
 
 #include <array>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The filter is a list of what may be done; what isn't on it is refused, not fatal, since libraries probe for
-// system calls and cope without. Arguments are looked at as the kernel got them, so only plain numbers can be
-// judged here, never what a pointer points to: paths are Landlock's business.
+// The filter lists permitted calls. Other calls fail instead of ending the process, because libraries probe
+// for system calls and cope without them. The filter sees arguments as the kernel received them, so it can
+// check numbers, but not memory behind pointers: Landlock checks paths.
 #include "sandbox/system_call_filter.h"
 
 #include <fcntl.h>
@@ -38,21 +38,21 @@ scmp_arg_cmp equals(unsigned argument, uint64_t value) {
     return {argument, SCMP_CMP_EQ, value, 0};
 }
 
-// The bits of `mask` in the argument are exactly those of `bits`.
+// The bits of `mask` in the argument equal `bits`.
 scmp_arg_cmp bitsAre(unsigned argument, uint64_t mask, uint64_t bits) {
     return {argument, SCMP_CMP_MASKED_EQ, mask, bits};
 }
 
 constexpr uint32_t kForbidden = SCMP_ACT_ERRNO(EPERM);
 
-// Gathers rules; remembers the first failure.
+// Collects rules; remembers the first failure.
 class Filter {
   public:
-    // `others`: what becomes of calls that no rule is for.
+    // `others`: the action for calls without a rule.
     explicit Filter(uint32_t others) : context_(seccomp_init(others), &seccomp_release) {
-        // A second filter could not set no_new_privs again.
+        // Setting no_new_privs again would fail under the first filter.
         error_ = context_ ? seccomp_attr_set(context_.get(), SCMP_FLTATR_CTL_NNP, 0) : -ENOMEM;
-        // The kernel's own error from seccomp_load(3), for the log.
+        // Makes seccomp_load(3) return the kernel's error, for the log.
         if (error_ == 0) error_ = seccomp_attr_set(context_.get(), SCMP_FLTATR_API_SYSRAWRC, 1);
     }
 
@@ -81,10 +81,10 @@ class Filter {
     int error_ = 0;
 };
 
-// TCP and UDP by number, so that neither a raw socket nor another transport, such as one whose ports Landlock
-// doesn't watch, can be had.
+// TCP and UDP by protocol number, which excludes raw sockets and other transports, such as those whose ports
+// Landlock does not restrict.
 void allowSockets(Filter& filter) {
-    constexpr uint64_t kTypeMask = 0xf;  // the rest are SOCK_CLOEXEC and SOCK_NONBLOCK
+    constexpr uint64_t kTypeMask = 0xf;  // the other bits are SOCK_CLOEXEC and SOCK_NONBLOCK
     for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
         const auto ofType = bitsAre(1, kTypeMask, static_cast<uint64_t>(type));
         filter.allow("socket", {equals(0, AF_UNIX), ofType});
@@ -100,16 +100,16 @@ void allowSockets(Filter& filter) {
                          {equals(0, family), bitsAre(1, kTypeMask, SOCK_DGRAM), equals(2, protocol)});
         }
     }
-    // The resolver asks for the machine's own addresses to order its answers by; netlink sockets call
-    // themselves raw.
+    // The resolver orders its answers by the machine's own addresses, which it reads from a netlink socket of
+    // type raw.
     for (const uint64_t type : {SOCK_RAW, SOCK_DGRAM}) {
         filter.allow("socket",
                      {equals(0, AF_NETLINK), bitsAre(1, kTypeMask, type), equals(2, NETLINK_ROUTE)});
     }
 }
 
-// pthread_create(3) and nothing else: the daemon never forks, and no thread gets namespaces of its own.
-// clone3(2) hides its flags behind a pointer.
+// For pthread_create(3) alone: the daemon never forks, and no thread gets namespaces of its own. clone3(2)
+// hides its flags behind a pointer.
 void allowThreads(Filter& filter) {
 #if defined(__s390__)
     constexpr unsigned kFlags = 1;
@@ -123,8 +123,8 @@ void allowThreads(Filter& filter) {
     filter.pretendMissing("clone3");
 }
 
-// Landlock watches the truncation of files only from ABI 3 on. Below that, a file that may merely be read
-// could be emptied by opening it for reading with O_TRUNC. openat2(2) hides its flags behind a pointer.
+// Landlock restricts truncation only from ABI 3 on. Below that, opening a read-only file for reading with
+// O_TRUNC could empty it. openat2(2) hides its flags behind a pointer.
 void allowOpening(Filter& filter) {
     for (const uint64_t flags : {O_RDONLY, O_WRONLY, O_RDWR, O_WRONLY | O_TRUNC, O_RDWR | O_TRUNC}) {
         filter.allow("open", {bitsAre(1, O_ACCMODE | O_TRUNC, flags)});
@@ -139,10 +139,10 @@ void allowSignalsToSelf(Filter& filter) {
     filter.allow("tgkill", {self});
 }
 
-// Executable memory can't be refused altogether: dlopen(3) maps the code of the adaptor plug-in, of name
-// service modules and of OpenSSL's providers. It maps it from a file and read-only, and has no need to make
-// memory executable later (only objects with text relocations or an executable stack do), so that code can't
-// be written into memory and then run.
+// Executable memory can't be forbidden altogether: dlopen(3) maps the code of the adaptor plug-in, of name
+// service modules and of OpenSSL's providers. It maps code from files and read-only, and makes no memory
+// executable later (only text relocations and executable stacks do). So no code can be written to memory and
+// then run.
 void allowMemory(Filter& filter) {
     for (const char* map : {"mmap", "mmap2"}) {
         filter.allow(map, {bitsAre(2, PROT_EXEC, 0)});
@@ -152,33 +152,32 @@ void allowMemory(Filter& filter) {
 }
 
 void allowRequests(Filter& filter) {
-    // Terminals can be asked whether they are one, but nothing can be typed into them (TIOCSTI).
+    // A terminal can be identified, but no input can be faked (TIOCSTI).
     for (const uint64_t request :
          {uint64_t{FIONBIO}, uint64_t{FIONREAD}, uint64_t{FIOCLEX}, uint64_t{FIONCLEX}, uint64_t{TCGETS},
           uint64_t{SIOCGIFINDEX}, uint64_t{SIOCGIFNAME}}) {
         filter.allow("ioctl", {equals(1, request)});
     }
-    // No owner of a descriptor (F_SETOWN), who would get signals from it.
+    // Not F_SETOWN: the owner of a descriptor gets signals from it.
     for (const char* call : {"fcntl", "fcntl64"}) {
         for (const uint64_t request :
              {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL, F_ADD_SEALS, F_GET_SEALS})
             filter.allow(call, {equals(1, request)});
     }
-    // A thread's name and the state of confinement. PR_SET_VMA only names memory for those who debug.
+    // A thread's name and the state of confinement. PR_SET_VMA only names memory, for debuggers.
     constexpr uint64_t kSetVma = 0x53564d41;
     for (const uint64_t request :
          {uint64_t{PR_SET_NAME}, uint64_t{PR_GET_NAME}, uint64_t{PR_GET_DUMPABLE},
           uint64_t{PR_GET_NO_NEW_PRIVS}, uint64_t{PR_GET_SECCOMP}, uint64_t{PR_CAPBSET_READ}, kSetVma}) {
         filter.allow("prctl", {equals(0, request)});
     }
-    filter.allow("prlimit64", {equals(0, 0), equals(2, 0)});  // this process, no new limits
+    filter.allow("prlimit64", {equals(0, 0), equals(2, 0)});  // of this process, without new limits
 }
 
 }  // namespace
 
 tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> plain) {
-    // Without seccomp(2), libseccomp takes prctl(2) instead, which the first filter then refuses to the
-    // second.
+    // Without seccomp(2), libseccomp uses prctl(2), which the first filter then denies to the second.
     uint32_t action = SECCOMP_RET_ERRNO;
     if (syscall(SYS_seccomp, SECCOMP_GET_ACTION_AVAIL, 0, &action) != 0)
         return tl::unexpected(refusedCall("seccomp", errno));

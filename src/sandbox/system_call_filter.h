@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The system calls that are left to a confined process (seccomp(2), through libseccomp).
+// The system calls that a confined process may make (seccomp(2), through libseccomp).
 #pragma once
 
 #include <span>
@@ -9,8 +9,8 @@
 
 namespace telvora {
 
-// Lets the calling process and the threads that it starts make the system calls named in `plain` with any
-// arguments, and these few with arguments that are checked:
+// Restricts the calling process and the threads that it starts to the system calls named in `plain`, with any
+// arguments, and to these, with checked arguments:
 //
 //     socket, socketpair  Unix sockets, TCP and UDP over IP, and netlink's routing family; no raw sockets
 //     open, openat        a file that is opened only for reading is not truncated; openat2(2) does not exist
@@ -19,15 +19,15 @@ namespace telvora {
 //     mmap, mprotect      executable memory only from files (plug-ins), and never writable
 //     ioctl, prctl,       a short list of requests
 //     fcntl
-//     prlimit64           reading one's own limits
+//     prlimit64           reading the limits of this process
 //
-// All others fail with EPERM. Names that this architecture doesn't have are passed over. Needs no_new_privs.
-// Fails with a reason where the kernel has no seccomp filters; the process is then as it was before. Before
-// the process has a second thread.
+// All others fail with EPERM. Names that this architecture lacks are ignored. Needs no_new_privs. Must be
+// called before the process has a second thread. Fails with a reason if the kernel has no seccomp filters;
+// the process is then unchanged.
 tl::expected<void, std::string> filterSystemCalls(std::span<const char* const> plain);
 
-// Takes these system calls away as well: they fail with EPERM from now on. Needs seccomp(2), which may be
-// among them. As above otherwise.
+// Forbids these system calls as well: they fail with EPERM from now on. Needs seccomp(2), which may be among
+// them. Fails as filterSystemCalls() does.
 tl::expected<void, std::string> forbidSystemCalls(std::span<const char* const> names);
 
 }  // namespace telvora

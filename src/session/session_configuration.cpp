@@ -188,8 +188,7 @@ void TelvoradSession::createBackendsWithStorebag(const std::shared_ptr<const Dic
     if (held == 0) return;
     TELVORA_LOG(
         kLogWarning,
-        "createBackendsWithStorebag: Session %u is configured anew without a flush: %llu reports that "
-        "its backends held are lost",
+        "createBackendsWithStorebag: Session %u is configured anew without a flush: %llu reports that its backends held are lost",
         sessionID(), static_cast<unsigned long long>(held));
 }
 

@@ -35,10 +35,10 @@ void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<Telvorad
         "updateCorrelatedSessions: Adding session %u to list for hierarchyToken %s with hierarchyLevel %d",
         session->sessionID(), token->c_str(), static_cast<int>(session->hierarchyLevel()));
     if (othersHaveToken(*token, session->hierarchyUser())) {
-        TELVORA_LOG(kLogInfo,
-                    "updateCorrelatedSessions: Session %u does not join other users' sessions with "
-                    "hierarchyToken %s",
-                    session->sessionID(), token->c_str());
+        TELVORA_LOG(
+            kLogInfo,
+            "updateCorrelatedSessions: Session %u does not join other users' sessions with hierarchyToken %s",
+            session->sessionID(), token->c_str());
     }
     list.push_back(session);
     listOfSession_[session.get()] = hierarchy;
@@ -115,11 +115,10 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
     for (int64_t ancestorLevel = level - 1; ancestorLevel >= 0; --ancestorLevel) {
         const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, *sessions);
         if (!ancestor) {
-            TELVORA_LOG(kLogInfo,
-                        "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): "
-                        "incomplete "
-                        "parentSessionID is '%s'",
-                        combined.value_or("").c_str());
+            TELVORA_LOG(
+                kLogInfo,
+                "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '%s'",
+                combined.value_or("").c_str());
             break;
         }
         combined = combined ? ancestor->sessionIDString() + "." + *combined : ancestor->sessionIDString();
@@ -201,10 +200,10 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
     if (sessions == nullptr) return;
     for (const auto& deeper : *sessions) {
         if (deeper->hierarchyLevel() <= level) continue;
-        TELVORA_LOG(kLogDebug,
-                    "updateDownstreamSessions: Updating combined session ID and syncing reporting states for "
-                    "session %u",
-                    deeper->sessionID());
+        TELVORA_LOG(
+            kLogDebug,
+            "updateDownstreamSessions: Updating combined session ID and syncing reporting states for session %u",
+            deeper->sessionID());
         deeper->updateCombinedSessionID();
         deeper->syncReportingStates();
         // Only the highest aggregator of a hierarchy keeps aggregating.

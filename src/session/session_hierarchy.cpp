@@ -32,10 +32,10 @@ void TelvoradSession::syncReportingStates() {
     for (const auto& [name, backend] : *backends_) {
         if (!parent) {
             if (hierarchyLevel() == 0) continue;
-            TELVORA_LOG(kLogInfo,
-                        "syncReportingStates: child session %u (backend %s) with hierarchy %lld is missing "
-                        "its parent",
-                        sessionID(), name.c_str(), static_cast<long long>(hierarchyLevel()));
+            TELVORA_LOG(
+                kLogInfo,
+                "syncReportingStates: child session %u (backend %s) with hierarchy %lld is missing its parent",
+                sessionID(), name.c_str(), static_cast<long long>(hierarchyLevel()));
             continue;
         }
         const auto followed = parentStates.find(name);

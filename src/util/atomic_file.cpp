@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 
+#include "util/error_text.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -16,7 +16,7 @@ namespace telvora {
 namespace {
 
 tl::unexpected<std::string> failure(const char* operation) {
-    return tl::make_unexpected(std::string(operation) + ": " + std::generic_category().message(errno));
+    return tl::make_unexpected(errorText(operation, errno));
 }
 
 bool writeAll(int fd, std::string_view content) {

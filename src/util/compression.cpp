@@ -54,7 +54,8 @@ const char* messageOf(const z_stream& stream) {
     return stream.msg != nullptr ? stream.msg : "";
 }
 
-// Deflates the stream's whole input into `output`, which has room for it; the result of the last deflate().
+// Deflates the stream's whole input into `output`, which must have room for it. Returns the result of the
+// last deflate().
 int deflateWhole(z_stream& stream, std::string& output) {
     int result = Z_OK;
     while (result == Z_OK) {
@@ -65,8 +66,8 @@ int deflateWhole(z_stream& stream, std::string& output) {
     return result;
 }
 
-// zlib's state for one format, 256 KB of it, which each thread keeps from call to call: to have it mapped,
-// zeroed and given back anew costs several times what the compression of a small message does.
+// zlib's state for one format, 256 KB, which each thread keeps from call to call: mapping, zeroing and
+// unmapping this memory costs several times the compression of a small message.
 class DeflateState {
   public:
     explicit DeflateState(int windowBits) : windowBits_(windowBits) {}
@@ -76,7 +77,7 @@ class DeflateState {
     DeflateState(const DeflateState&) = delete;
     DeflateState& operator=(const DeflateState&) = delete;
 
-    // Makes the stream ready for a new input; a zlib result.
+    // Prepares the stream for a new input. Returns a zlib result.
     int begin() {
         if (initialised_) return deflateReset(&stream);
         const int result =
@@ -111,16 +112,16 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
         return std::nullopt;
     }
 
-    // zlib does not write to its input; the member is not const only in old declarations of it.
+    // zlib does not write to its input; only old declarations of the member lack the const.
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
     stream.avail_in = static_cast<uInt>(input.size());
     std::string output(deflateBound(&stream, static_cast<uLong>(input.size())), '\0');
     result = deflateWhole(stream, output);
     if (result != Z_STREAM_END) {
-        TELVORA_LOG(kLogError,
-                    "compressDataWithZlibOrGzip: zlib error while attempting compression: \"%s\" "
-                    "Message: \"%s\"",
-                    deflateErrorText(result), messageOf(stream));
+        TELVORA_LOG(
+            kLogError,
+            "compressDataWithZlibOrGzip: zlib error while attempting compression: \"%s\" Message: \"%s\"",
+            deflateErrorText(result), messageOf(stream));
         return std::nullopt;
     }
     output.resize(stream.total_out);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// In-memory deflate with fixed parameters (zlib: RFC 1950, gzip: RFC 1952). Thread-safe: no shared state;
-// a thread that has compressed keeps zlib's working memory of 256 KB for the next time.
+// Compression in memory with fixed parameters (zlib: RFC 1950, gzip: RFC 1952). Thread-safe: no shared state.
+// A thread that has compressed keeps zlib's working memory of 256 KB for the next call.
 #pragma once
 
 #include <optional>
@@ -10,9 +10,9 @@
 
 namespace TelvoradUtil {
 
-// Compresses `input` whole into one gzip stream (`gzip` true) or one zlib stream (false). Nothing, and a line
-// at level 3, when the input is empty, longer than 2 GiB, or zlib fails; never a part of the output. Input
-// and output are in memory whole.
+// Compresses `input` into one gzip stream (`gzip` true) or one zlib stream (false). std::nullopt, with a line
+// at level 3, if the input is empty or longer than 2 GiB, or if zlib fails. Input and output are in memory
+// whole.
 std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_view input);
 
 // The gzip form of compressDataWithZlibOrGzip.

@@ -8,16 +8,14 @@
 #include <climits>
 #include <cwchar>
 
+#include "util/ascii.h"
+
 namespace telvora {
 
 namespace {
 
 bool isAscii(char c) {
     return static_cast<unsigned char>(c) < 0x80;
-}
-
-char asciiLowerCase(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 // Makes C.UTF-8 the calling thread's locale for a scope.
@@ -73,9 +71,7 @@ std::string lowerCase(std::string_view text) {
         const Utf8Locale utf8;
         if (utf8.available()) return lowerCaseUtf8(text);
     }
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(), asciiLowerCase);
-    return lower;
+    return asciiLowerCase(text);
 }
 
 }  // namespace telvora

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The front of the system log: a level check and printf formatting. Where the lines go is platform/log.h's
-// business.
+// The interface of the system log: a level check and printf formatting. platform/system_log.h sets where the
+// lines go.
 //
-// The log is the one process-wide facility here, as syslog(3) itself is: its lines come from plain functions
-// at the very bottom of the program, and handing a log object through every one of them would hide what they
-// are about. Everything in this header may be called from any thread.
+// The log is process-wide, as syslog(3) is: functions at the lowest level of the program log, and passing a
+// log object through all of them would obscure their purpose. All operations are callable from any thread.
 #pragma once
 
 #include <atomic>
@@ -16,14 +15,13 @@ namespace telvora {
 // The numeric levels of syslog(3) that the daemon uses.
 enum LogLevel : int { kLogError = 3, kLogWarning = 4, kLogInfo = 6, kLogDebug = 7 };
 
-// Takes one finished line; `line` lives for the call only. May be called from several threads at once.
+// Receives one formatted line, which lives for the call only. May be called from several threads at once.
 using LogSink = void (*)(int level, std::string_view line);
 
 namespace detail {
 extern std::atomic<int> logThreshold;
 }
 
-// Whether lines of this level are sent at all.
 inline bool logEnabled(int level) {
     return level <= detail::logThreshold.load(std::memory_order_relaxed);
 }
@@ -34,21 +32,22 @@ void setLogThreshold(int level);
 // Replaces the sink (null: lines are dropped, which is also the initial state).
 void setLogSink(LogSink sink);
 
-// Says whether a line above the debug level is sent.
+// Decides whether a line above the debug level is sent.
 class LogAdmission {
   public:
-    // Whether one more line of this level is sent. What it logs itself is nobody's. Called from any thread.
+    // Whether one more line of this level is sent. Lines that it logs itself are always sent. Called from any
+    // thread.
     virtual bool admitsLine(int level) = 0;
 
   protected:
     ~LogAdmission() = default;
 };
 
-// While it exists, what this thread logs above the debug level has to be admitted; null: all of it is. Scopes
-// nest: the innermost counts.
+// For a scope, asks `admission` about each line that this thread logs above the debug level; null: all lines
+// are sent. Scopes nest: the innermost applies.
 class LogScope {
   public:
-    explicit LogScope(LogAdmission* admission);  // outlives the scope
+    explicit LogScope(LogAdmission* admission);  // must outlive the scope
     ~LogScope();
     LogScope(const LogScope&) = delete;
     LogScope& operator=(const LogScope&) = delete;
@@ -57,9 +56,8 @@ class LogScope {
     LogAdmission* const outer_;
 };
 
-// Formats and sends one line, whatever its level, if it is admitted. Control characters and bytes that are no
-// UTF-8 are written as \xNN, so that text from outside can't forge a second line; one trailing line feed is
-// kept.
+// Formats and sends one line of any level, if it is admitted. Control characters and bytes that are no UTF-8
+// are written as \xNN, so that text from outside can't forge a second line; one trailing line feed is kept.
 void logLine(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace telvora

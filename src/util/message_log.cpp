@@ -25,9 +25,9 @@ namespace {
 constexpr std::string_view kNameStart = "telvorad_";
 constexpr std::string_view kNameEnd = "_messageLog.diag";
 constexpr double kExpiryAge = 86400;                             // seconds
-constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // a FIFO would block for good
+constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // opening a FIFO would block
 
-// What stands between the two underscores of a log file's name; nothing for any other name.
+// The part of a log file's name between its two underscores; std::nullopt for any other name.
 std::optional<std::string_view> middleOfLogFileName(std::string_view name) {
     if (name.size() < kNameStart.size() + kNameEnd.size() || !name.starts_with(kNameStart) ||
         !name.ends_with(kNameEnd)) {
@@ -49,7 +49,7 @@ std::optional<double> timeInFileName(const std::filesystem::path& path) {
     return seconds;
 }
 
-// The file system's birth time; where it keeps none, the time that the file's name was made from.
+// The file system's birth time; if it is not recorded, the time in the file's name.
 std::optional<double> birthTime(const std::filesystem::path& path) {
     struct statx status {};
     if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) == 0 &&
@@ -74,28 +74,27 @@ std::string dateText(std::optional<double> seconds) {
 struct LogFile {
     std::filesystem::path path;
     std::optional<double> created;
-    bool regular = true;  // a link, a FIFO or a device has no records
+    bool regular = true;  // not a link, a FIFO or a device
 };
 
 void deleteFile(const LogFile& file) {
-    unlink(file.path.c_str());  // a failure shows as the file being met again
+    unlink(file.path.c_str());  // on failure the next call finds the file again
     TELVORA_LOG(kLogInfo, "writeToLogFile: Deleted expired telvorad log file %s (%s)", file.path.c_str(),
                 dateText(file.created).c_str());
 }
 
-// A confined process is barred from a directory that has taken the place of the one that it was confined to.
+// Hints at the likely cause: a confined process has no access to a directory that replaced its log directory.
 void explain(const MessageLog& log, std::error_code error) {
     if (error != std::errc::permission_denied) return;
     TELVORA_LOG(
         kLogWarning,
-        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the "
-        "daemon has to be restarted",
+        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the daemon has to be restarted",
         log.directory.c_str());
 }
 
 void createDirectory(const MessageLog& log) {
     TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
-    std::error_code error;  // shows as the file that can't be made, too
+    std::error_code error;  // creating the file fails, too
     std::filesystem::create_directories(log.directory, error);
     explain(log, error);
 }
@@ -116,7 +115,7 @@ std::vector<LogFile> listLogFiles(const MessageLog& log, std::error_code& error)
     return files;
 }
 
-// The log files in the directory, which is made where it is missing.
+// The log files in the directory, which is created if it is missing.
 std::vector<LogFile> listOrCreate(const MessageLog& log) {
     std::error_code error;
     std::vector<LogFile> files = listLogFiles(log, error);
@@ -132,12 +131,13 @@ std::vector<LogFile> listOrCreate(const MessageLog& log) {
     return {};
 }
 
-// Deletes every log file but the newest regular one that is not yet too old; that one, or nothing.
+// Deletes all log files except the newest regular one, which it returns if it has not expired; std::nullopt
+// if no file is kept.
 std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
     std::optional<LogFile> newest;
     for (LogFile& file : listOrCreate(log)) {
         const bool expired = file.created && now - *file.created > kExpiryAge;
-        // An unknown date compares as before all others.
+        // An unknown date is older than all others.
         if (file.regular && !expired && (!newest || file.created > newest->created)) {
             if (newest) deleteFile(*newest);
             newest = std::move(file);
@@ -164,7 +164,7 @@ std::optional<LogFile> createFile(const MessageLog& log, double now) {
     return file;
 }
 
-// The message with a blank before each of its lines that could be taken for the beginning of a record.
+// The message with a blank before each of its lines that looks like the beginning of a record.
 std::string inOneRecord(std::string_view message) {
     std::string text;
     text.reserve(message.size());

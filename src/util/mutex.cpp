@@ -16,7 +16,7 @@ struct HeldLock {
     LockName name;
 };
 
-// Without a constructor or destructor, so that locks may be taken while a thread begins or ends.
+// A type without constructor and destructor: locks may be taken while a thread begins or ends.
 struct HeldLocks {
     std::array<HeldLock, 32> locks;
     size_t count;

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mutexes that clang's thread-safety analysis understands, so that "which lock guards which member" is
-// checked by the compiler and not only written down. Other compilers see plain std mutexes.
+// Mutexes with annotations for clang's thread-safety analysis, so that the compiler checks which lock guards
+// which member. Other compilers see plain std mutexes.
 //
-// In builds with sanitizers each mutex also checks the order in which locks are taken: a thread that takes a
-// lock of a rank that is not above those of all locks it holds ends the process, with both locks' names on
-// standard error, whether or not another thread would have deadlocked with it that time. Other builds pay
-// nothing for it.
+// In builds with sanitizers each mutex also checks the order of locks: if a thread takes a lock whose rank is
+// not above the ranks of all locks that it holds, the process ends with both locks' names on standard error,
+// even if no other thread would have deadlocked. Other builds do not check.
 #pragma once
 
 #include <condition_variable>
@@ -25,10 +24,10 @@
 
 namespace telvora {
 
-// The order of locks: of those that one thread holds, each was taken after all of a lower rank. Two locks of
-// one rank are never held together. docs/threads.md says why.
+// The order of locks: a thread takes a lock only while all locks that it holds have a lower rank.
+// docs/threads.md gives the reasons.
 enum class LockRank : unsigned char {
-    // The daemon's.
+    // Of the daemon.
     agent,        // the registry; the bag cache and the hierarchy
     session,      // a session's identity; its backends
     identifiers,  // DeviceIdentity
@@ -36,26 +35,26 @@ enum class LockRank : unsigned char {
     accounts,     // of a client
     ledger,       // of all clients
     users,        // UserQuotas
-    // The client library's.
+    // Of the client library.
     clientSession,  // ReconnectingSession, RecordedSession
     fork,
     clientRuntime,
-    // Both's.
+    // Of both.
     leaf,     // every other lock
-    userLog,  // the log lines of a user: under it nothing is logged, under all others something may be
+    userLog,  // the log lines of a user: no line is logged while it is held
 };
 
 #ifdef TELVORA_SANITIZED
 
-// Names a mutex in the message about a broken order: its rank, and where it was made.
+// Names a mutex in the message about a broken order: its rank, and the place of its construction.
 struct LockName {
     LockRank rank;
     const char* file;
     int line;
 };
 
-// For the mutexes below, on the calling thread. taking() ends the process if the order forbids it; a
-// recursive mutex that the thread holds already is no further one.
+// Called by the mutexes below. checkLockOrder() ends the process if the calling thread may not take the lock
+// now; a recursive mutex that the thread already holds is allowed.
 void checkLockOrder(const void* mutex, const LockName& taking);
 void noteUnlocked(const void* mutex);
 
@@ -107,7 +106,6 @@ class TELVORA_TSA(capability("mutex")) BasicMutex {
 using Mutex = BasicMutex<std::mutex>;
 using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
-// Holds a mutex for a scope.
 template <typename M>
 class TELVORA_TSA(scoped_lockable) BasicMutexLock {
   public:

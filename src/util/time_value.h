@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The report time stamp: a pair of signed 32-bit integers, and the two helpers that turn times into numbers
-// to send.
+// The time stamp of reports, a pair of signed 32-bit integers, and conversions of times to numbers.
 #pragma once
 
 #include <cmath>
@@ -18,8 +17,7 @@ struct TimeValue {
     friend bool operator==(const TimeValue&, const TimeValue&) = default;
 };
 
-// Where the time of day comes from: timeOfDay() in the daemon, a virtual clock in tests. Callable from any
-// thread.
+// A source of the time of day: timeOfDay() in the daemon, a virtual clock in tests. Callable from any thread.
 using Clock = std::function<TimeValue()>;
 
 // The system's wall clock, gettimeofday(2).
@@ -34,7 +32,7 @@ inline double secondsFromTimeValue(telvora::TimeValue time) {
     return static_cast<double>(time.seconds) + static_cast<double>(time.microseconds) / 1000000.0;
 }
 
-// -1.0 where the value is NaN or infinite, for neither can be written as JSON; else the value itself.
+// -1.0 for NaN and infinity, which JSON has no numbers for; else the value itself.
 inline double sanitizeNumber(double value) {
     return std::isfinite(value) ? value : -1.0;
 }

@@ -7,7 +7,7 @@
 
 namespace telvora {
 
-// Owns a file descriptor; closes it at the end of its life. -1: none.
+// Owns a file descriptor and closes it on destruction. -1: no descriptor.
 class UniqueFd {
   public:
     UniqueFd() = default;
@@ -21,7 +21,7 @@ class UniqueFd {
 
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
-    // Gives the descriptor up to the caller.
+    // Passes the descriptor to the caller, who closes it.
     int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
         if (fd_ >= 0) close(fd_);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/hexadecimal.h"
+
 namespace telvora {
 
 namespace {
@@ -26,8 +28,8 @@ size_t sequenceLength(std::string_view text) {
     const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(0);
     if (lead < 0x80) return 1;
-    // The second byte's range is narrower after the leads that could start an overlong form, a surrogate or
-    // a code point beyond the last one.
+    // The second byte's range is narrower after the leads of overlong forms, surrogates and code points above
+    // U+10FFFF.
     size_t length = 0;
     unsigned char low = 0x80;
     unsigned char high = 0xbf;
@@ -78,7 +80,6 @@ std::string replaceInvalidUtf8(std::string_view text) {
 }
 
 std::string escapeControlCharacters(std::string_view text, std::string_view kept) {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
@@ -93,8 +94,8 @@ std::string escapeControlCharacters(std::string_view text, std::string_view kept
             continue;
         }
         for (const char c : sequence) {
-            const auto value = static_cast<unsigned char>(c);
-            result.append({'\\', 'x', kDigits[value >> 4], kDigits[value & 15]});
+            result += "\\x";
+            appendHex(result, c);
         }
     }
     return result;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UTF-8 (RFC 3629) as the daemon needs it. Thread-safe: no state.
+// UTF-8 (RFC 3629): validation and repair. Thread-safe: no shared state.
 #pragma once
 
 #include <cstddef>
@@ -9,17 +9,17 @@
 
 namespace telvora {
 
-// Whether the text is well-formed UTF-8: no overlong forms, no surrogates, nothing beyond U+10FFFF.
+// Whether the text is well-formed UTF-8: no overlong forms, no surrogates, no code points above U+10FFFF.
 bool isValidUtf8(std::string_view text);
 
 // A copy in which every byte that can't be part of a well-formed sequence is replaced by U+FFFD.
 std::string replaceInvalidUtf8(std::string_view text);
 
-// A copy in which control characters (C0, DEL and C1), but for those in `kept`, and bytes that can't be part
-// of a well-formed sequence are written as \xNN: it can neither steer a terminal nor forge a line.
+// A copy in which control characters (C0, DEL and C1), except those in `kept`, and bytes outside well-formed
+// sequences are written as \xNN, so that the text can neither control a terminal nor forge a line.
 std::string escapeControlCharacters(std::string_view text, std::string_view kept = {});
 
-// How many UTF-16 code units the text has (RFC 2781). A byte of an ill-formed sequence counts as one.
+// The length of the text in UTF-16 code units (RFC 2781). A byte of an ill-formed sequence counts as one.
 size_t utf16Length(std::string_view text);
 
 }  // namespace telvora

@@ -34,7 +34,7 @@ class FakeConnection final : public ClientConnection {
     void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
         session_ = std::move(session);
     }
-    void setFileExtensionIssuer(std::shared_ptr<FileExtensionIssuer>) override {}
+    void setClientFiles(std::shared_ptr<ClientFiles>) override {}
     void setUser(QuotaUser) override {}
     void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
     void setGoneHandler(std::function<void()> handler) override { gone_ = std::move(handler); }

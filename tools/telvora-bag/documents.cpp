@@ -24,7 +24,7 @@ tl::unexpected<std::string> failure(const std::string& path, const std::string& 
 
 // At most one byte more than there may be.
 std::string readAll(std::istream& stream) {
-    std::string content(kMaxPropertyListBytes + 1, '\0');
+    std::string content(kMaxDocumentBytes + 1, '\0');
     stream.read(content.data(), static_cast<std::streamsize>(content.size()));
     content.resize(static_cast<size_t>(stream.gcount()));
     return content;
@@ -55,8 +55,8 @@ tl::expected<std::string, std::string> readFile(const std::string& path) {
     if (path != kStandardStream) file.open(path, std::ios::binary);
     std::istream& stream = path == kStandardStream ? std::cin : file;
     std::string content = stream ? readAll(stream) : std::string();
-    if (!stream.eof() && content.size() <= kMaxPropertyListBytes) return failure(path, "can't be read");
-    if (content.size() > kMaxPropertyListBytes) return failure(path, "larger than 16 MiB");
+    if (!stream.eof() && content.size() <= kMaxDocumentBytes) return failure(path, "can't be read");
+    if (content.size() > kMaxDocumentBytes) return failure(path, "larger than 16 MiB");
     return content;
 }
 

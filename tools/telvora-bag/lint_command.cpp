@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <string>
 
+#include "plist/json_writer.h"
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
 #include "telvora-bag/lint.h"
@@ -24,25 +23,12 @@ std::string asText(const std::vector<Finding>& findings) {
 }
 
 std::string asJson(const std::vector<Finding>& findings) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> out(buffer);
-    const auto member = [&out](const char* name, const std::string& value) {
-        out.Key(name);
-        out.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
-    };
-    out.StartObject();
-    out.Key("findings");
-    out.StartArray();
+    Array list;
     for (const Finding& finding : findings) {
-        out.StartObject();
-        member("path", finding.path);
-        member("severity", nameOf(finding.severity));
-        member("text", finding.text);
-        out.EndObject();
+        list.push_back(Dictionary{
+            {"path", finding.path}, {"severity", nameOf(finding.severity)}, {"text", finding.text}});
     }
-    out.EndArray();
-    out.EndObject();
-    return buffer.GetString() + std::string("\n");
+    return jsonText(Dictionary{{"findings", std::move(list)}}) + "\n";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "completion/completion.h"
+#include "config/client_type.h"
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
 
@@ -18,7 +19,6 @@ constexpr char kFooter[] =
     "can't be read, or output that can't be written. Nothing is written half.";
 
 CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
-    constexpr int kLastClientType = 18;
     const auto yesOrNo = CLI::CheckedTransformer(std::map<std::string, bool>{{"yes", true}, {"no", false}});
     telvora::bag::Circumstances& circumstances = options.circumstances;
 
@@ -27,7 +27,7 @@ CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
     explain->add_option("file", options.file, "The bag, signed or not")->required();
     explain->add_option("--client-type", circumstances.clientType, "The client's type, 0 to 18")
         ->required()
-        ->check(CLI::Range(0, kLastClientType));
+        ->check(CLI::Range(0, telvora::kLastClientType));
     explain
         ->add_option("--environment", options.environment,
                      "development, zandor_internal, seed, release, or its number")

@@ -10,6 +10,7 @@
 #include "telvora-bag/backend_run.h"
 #include "telvora-bag/explain.h"
 #include "telvora/keys.h"
+#include "util/ascii.h"
 
 namespace telvora::bag {
 
@@ -126,7 +127,7 @@ tl::expected<std::string, std::string> replayReports(const Dictionary& bag,
     size_t number = 0;
     for (std::string line; std::getline(reports, line);) {
         ++number;
-        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        if (trimmed(line).empty()) continue;
         const auto message = line.size() <= kMaxLineBytes ? messageOfJson(line)
                                                           : tl::unexpected(std::string("longer than 1 MiB"));
         if (!message) return tl::unexpected("line " + std::to_string(number) + ": " + message.error());

@@ -3,14 +3,9 @@
 
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
-#include <rapidjson/prettywriter.h>
 #include <rapidjson/reader.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
-#include <cmath>
-
-#include "util/base64.h"
+#include "plist/json_writer.h"
 
 namespace telvora::lab {
 namespace {
@@ -100,45 +95,6 @@ class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, N
     bool wanted_ = false;
 };
 
-template <typename Writer>
-struct JsonVisitor {
-    Writer& writer;
-
-    void write(const PropertyList& value) { std::visit(*this, value.value()); }
-    void operator()(bool value) { writer.Bool(value); }
-    void operator()(int64_t value) { writer.Int64(value); }
-    void operator()(uint64_t value) { writer.Uint64(value); }
-    void operator()(double value) {
-        if (std::isfinite(value)) {
-            writer.Double(value);
-        } else {
-            writer.Null();
-        }
-    }
-    void operator()(const std::string& value) { string(value); }
-    void operator()(const Data& value) { string(base64Encode(value.bytes)); }
-    void operator()(const Date& value) { (*this)(value.seconds); }
-    void operator()(const Array& array) {
-        writer.StartArray();
-        for (const PropertyList& element : array)
-            write(element);
-        writer.EndArray();
-    }
-    void operator()(const Dictionary& dictionary) {
-        writer.StartObject();
-        for (const auto& [key, value] : dictionary) {
-            writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-            write(value);
-        }
-        writer.EndObject();
-    }
-
-  private:
-    void string(const std::string& text) {
-        writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-    }
-};
-
 }  // namespace
 
 tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json) {
@@ -174,16 +130,7 @@ tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view j
 }
 
 std::string toJson(const PropertyList& value, bool pretty) {
-    rapidjson::StringBuffer buffer;
-    if (pretty) {
-        rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
-        writer.SetIndent(' ', 2);
-        JsonVisitor<decltype(writer)>{writer}.write(value);
-    } else {
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-        JsonVisitor<decltype(writer)>{writer}.write(value);
-    }
-    return {buffer.GetString(), buffer.GetSize()};
+    return jsonText(value, pretty ? JsonLayout::pretty : JsonLayout::compact);
 }
 
 }  // namespace telvora::lab

@@ -4,11 +4,12 @@
 #include "telvora-lab/https_server.h"
 
 #include <httplib.h>
-#include <strings.h>
 #include <sys/socket.h>
 
 #include <future>
 #include <thread>
+
+#include "util/ascii.h"
 
 namespace telvora::lab {
 namespace {
@@ -61,7 +62,7 @@ void answer(const httplib::Request& request, const ServerResponse& from, httplib
 
 std::optional<std::string> ServerRequest::header(const std::string& name) const {
     for (const auto& [key, value] : headers) {
-        if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+        if (equalsIgnoringAsciiCase(key, name)) return value;
     }
     return std::nullopt;
 }

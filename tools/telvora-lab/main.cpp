@@ -15,6 +15,7 @@
 #include "telvora-lab/event_json.h"
 #include "telvora-lab/laboratory.h"
 #include "telvora-lab/session_tree.h"
+#include "util/ascii.h"
 
 namespace {
 
@@ -135,9 +136,7 @@ bool writeEnvironment(const Dictionary& addresses, const std::string& path) {
     if (path.empty()) return true;
     std::ofstream file(path);
     for (const auto& [key, value] : addresses) {
-        std::string name = "LAB_" + key;
-        for (char& c : name)
-            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        const std::string name = asciiUpperCase("LAB_" + key);
         const auto* text = value.getIf<std::string>();
         std::string quoted = text != nullptr ? *text : std::to_string(value.integerValue().value_or(0));
         for (size_t at = 0; (at = quoted.find('\'', at)) != std::string::npos; at += 4)

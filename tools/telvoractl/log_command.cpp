@@ -9,13 +9,13 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <deque>
 
 #include "command.h"
 #include "json.h"
 #include "output.h"
 #include "platform/directories.h"
+#include "util/error_text.h"
 #include "util/message_log.h"
 #include "util/unique_fd.h"
 
@@ -129,7 +129,7 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
     if (options.follow &&
         inotify_add_watch(notifications.get(), log.directory.c_str(),
                           IN_CREATE | IN_MODIFY | IN_MOVED_TO | IN_DELETE | IN_ONLYDIR) < 0) {
-        return fail(kNotDone, "can't watch " + log.directory.string() + ": " + std::strerror(errno));
+        return fail(kNotDone, errorText("can't watch " + log.directory.string(), errno));
     }
     Reader reader(log);
     std::deque<std::string> last;

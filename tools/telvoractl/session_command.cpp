@@ -10,6 +10,7 @@
 
 #include "json/report_json.h"
 #include "session_run.h"
+#include "util/ascii.h"
 
 namespace telvora::ctl {
 
@@ -33,10 +34,9 @@ class Lines {
     // terminal.
     int read(std::istream& input) {
         int result = kDone;
-        std::string line;
-        for (size_t number = 1; prompt(), std::getline(input, line); ++number) {
-            line.erase(line.find_last_not_of(" \t\r") + 1);
-            line.erase(0, line.find_first_not_of(" \t"));
+        std::string text;
+        for (size_t number = 1; prompt(), std::getline(input, text); ++number) {
+            const std::string line(trimmed(text));
             if (line.empty()) continue;
             if (line == "finish") break;
             const int status = obey(line, interactive_ ? "" : "line " + std::to_string(number) + ": ");

@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
+#include "util/file_url.h"
 #include "util/unique_fd.h"
 
 namespace telvora::ctl {
@@ -15,22 +15,6 @@ namespace telvora::ctl {
 namespace {
 
 constexpr char kNothingToFlush[] = "Nothing to flush";  // an answer of backends that is no failure
-
-// RFC 8089, with everything escaped that is not plain in a path.
-std::string fileURL(const std::string& path) {
-    constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string url = "file://";
-    for (const char c : path) {
-        if (std::strchr(kPlain, c) != nullptr) {
-            url += c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        url.append({'%', kDigits[byte >> 4], kDigits[byte & 15]});
-    }
-    return url;
-}
 
 // Opens a regular file, or nothing with the reason in errno.
 UniqueFd openFile(const std::string& path, off_t& size) {
@@ -139,7 +123,7 @@ int SessionRun::upload(const std::string& path) {
     if (asked != kDone) return asked;
     bool uploaded = false;
     asked = ask<bool>(
-        [&](auto completion) { session_->uploadFile(fileURL(whole), token, std::move(completion)); },
+        [&](auto completion) { session_->uploadFile(fileURLOfPath(whole), token, std::move(completion)); },
         "uploading " + path + " (" + std::to_string(size) + " bytes)", uploaded);
     if (asked != kDone) return asked;
     print_("upload", std::optional<std::string>(uploaded ? "uploaded" : "not uploaded"));

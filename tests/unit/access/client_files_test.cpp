@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who may have which file, judged for clients of other users than this process's own.
+// Access to files of other users than that of this process.
 #include "access/client_files.h"
 
 #include <fcntl.h>

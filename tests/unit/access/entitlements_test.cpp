@@ -29,7 +29,7 @@ class EntitlementsTest : public testing::Test {
     void write(const std::string& name, const PropertyList& document) {
         directory_.write("entitlements.d/" + name, xml(document));
     }
-    // What one file with these conditions, and otherwise in order, grants.
+    // The grant of one file with these conditions that is otherwise valid.
     bool grants(Dictionary file, const Peer& peer) {
         file.set("Entitlements", kGranted);
         write("only.plist", file);

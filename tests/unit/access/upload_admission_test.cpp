@@ -33,7 +33,7 @@ TEST(UploadAdmission, MakesAUserWaitForMemoryAndNobodyElse) {
     EXPECT_NE(third, nullptr);
     first->shrink(100);
     EXPECT_NE(second.get(), nullptr);
-    // What is too large for a share is the only one of it, and what is too large for all the only one at all.
+    // An upload above a share runs alone in it; one above the whole limit runs alone.
     third.reset();
     EXPECT_NE(admission.admit(2, 600), nullptr);
     first.reset();

@@ -52,7 +52,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
 
         four = {};
         EXPECT_TRUE(first.take(quota, 4, none));
-        six.resize(9);  // what is needed is not refused, but counts
+        six.resize(9);  // an increase is not refused, but counts
         EXPECT_EQ(use(1, quota).held, 13u);
         EXPECT_FALSE(first.take(quota, 1, four));
         limit(quota, 14);
@@ -60,7 +60,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         quotas_.of(2);
         EXPECT_TRUE(first.take(quota, 1, four));
 
-        // Two refusals were never told of, one more is, and the log again only once.
+        // Two refusals were not logged, one more is, and then only one line.
         limit(quota, 0);
         quotas_.of(2);
         now_ += std::chrono::minutes(1);
@@ -70,7 +70,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
                            " 4 more times");
         expected.push_back(std::string("<3>UserQuotas: user 1 is over the quota of 0") + (over + 2));
         EXPECT_EQ(log_.lines(), expected);
-        quotas_.tellRefusals();
+        quotas_.logRefusals();
         expected.push_back(std::string("<3>UserQuotas: user 1 was over the quota of ") + more +
                            " 1 more times");
         EXPECT_EQ(log_.lines(), expected);

@@ -79,7 +79,7 @@ TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
     EXPECT_EQ(received.get_future().get(), "pong");
 
     onQueue([&] {
-        EXPECT_EQ(socket->receive(buffer), 0u);  // nothing is there, and nobody waits
+        EXPECT_EQ(socket->receive(buffer), 0u);  // no datagram, and no wait
         socket->whenReadable([] { ADD_FAILURE() << "called after closing"; });
         socket->close();
         EXPECT_FALSE(socket->send("late"));

@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Posts `work` to its own strand and returns what tells its end.
+// Posts `work` to its own strand; the result becomes ready at its end.
 template <typename Work>
 std::future<void> postTo(WorkPool& pool, Work work) {
     auto done = std::make_shared<std::promise<void>>();
@@ -77,7 +77,7 @@ TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
         asio::post(pool.context(), [dropped] { ++*dropped; });
     });
     running.wait();
-    pool.context().stop();  // what stop() does first, here before the running item may return
+    pool.context().stop();  // the first step of stop(), before the running item returns
     release.set_value();
     pool.stop();
     pool.stop();

@@ -27,7 +27,7 @@ TEST(SignedBag, OpensWhatItsKeySigned) {
         outer.set("other", 1);
         EXPECT_EQ(openSignedBag(serialized(outer, PropertyListFormat::binary), key), kBag);
     }
-    // The longest bag, whose reading is the daemon's to bear.
+    // The longest bag.
     const std::string start = "<dict><key>k</key><string>", end = "</string></dict>";
     const std::string longest = start + std::string(kMaxInnerBagBytes - start.size() - end.size(), 'x') + end;
     EXPECT_TRUE(openSignedBag(signBag(longest, bagKey()).value(), key));

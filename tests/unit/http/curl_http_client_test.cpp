@@ -60,7 +60,7 @@ TEST(CurlHttpClient, SendsExactlyWhatTheCallerGave) {
         {{.method = "POST", .body = bigBody}, "Content-Length: 3145728\r\n\r\n" + bigBody},
         {{.method = "PUT", .body = std::string("a\0b", 3)}, std::string("Content-Length: 3\r\n\r\na\0b", 24)},
         {{.method = "DELETE"}, "\r\n"},
-        {{}, "\r\n"},  // nothing is left over from what the handle carried before
+        {{}, "\r\n"},  // no rest of the previous exchange of the handle
     };
     std::mutex mutex;
     std::string last;

@@ -26,7 +26,7 @@ class CurlHttpClientTls : public testing::Test {
     }
     std::string file(const std::string& name) const { return directory_.path() / name; }
 
-    // What a client that trusts `caFile` gets from a server with that certificate.
+    // The result for a client that trusts `caFile` from a server with that certificate.
     HttpResult get(const std::string& certificate, const std::string& caFile) const {
         httplib::SSLServer server(file(certificate + ".crt").c_str(), file(certificate + ".key").c_str());
         server.Get("/a", [](const auto&, auto& response) { response.set_content("b", "text/plain"); });

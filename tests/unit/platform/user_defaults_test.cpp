@@ -11,7 +11,7 @@ namespace {
 
 class UserDefaultsTest : public testing::Test {
   protected:
-    // What a process that starts now finds.
+    // The defaults of a process that starts now.
     UserDefaults later() const { return {administrator_, state_}; }
     std::filesystem::path setAdministrators(const std::string& value) const {
         return directory_.write("etc/Preferences/d.plist",

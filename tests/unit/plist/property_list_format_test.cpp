@@ -28,8 +28,8 @@ std::string bigEndian(uint64_t value, size_t bytes) {
     return text;
 }
 
-// A binary document of these objects, with two-byte references and four-byte offsets; the first is the top,
-// and what it says of their number is true unless told otherwise.
+// A binary document of these objects, with two-byte references and four-byte offsets; the first object is the
+// top. The header has their true number unless a test sets another.
 std::string binary(const std::vector<std::string>& objects, std::optional<uint64_t> count = {},
                    uint64_t top = 0, uint64_t offsetError = 0) {
     std::string document = "bplist00", table;
@@ -90,7 +90,7 @@ TEST_P(PropertyListFormatTest, EveryTypeSurvivesTheRoundTripInsideAndAtTheTop) {
 
 TEST_P(PropertyListFormatTest, NestingIsWrittenAndReadUpToTheSameLimit) {
     PropertyList value = 1;
-    for (size_t i = 0; i < kMaxPropertyListDepth; ++i)
+    for (size_t i = 0; i < kMaxDocumentDepth; ++i)
         value = i % 2 ? PropertyList(Array{value}) : PropertyList(Dictionary{{"k", value}});
     EXPECT_EQ(parsePropertyList(serializePropertyList(value, GetParam()).value()), value);
     EXPECT_EQ(serializePropertyList(Array{value}, GetParam()).error(), "nested more than 64 deep");
@@ -111,7 +111,7 @@ TEST_P(PropertyListFormatTest, AnyBytesMayBeMissingOrDamaged) {
     const std::string document = serializePropertyList(everyType(), GetParam()).value();
     for (size_t length = 0; length < document.size() - 10; ++length)
         EXPECT_NE(parsePropertyList(document.substr(0, length)), everyType()) << length;
-    // Nothing is expected of these answers but that there is one, which the sanitizers watch.
+    // Any answer will do: the sanitizers watch the readers.
     for (size_t at = 0; at < document.size(); ++at) {
         for (const char damage : {'\0', '\x0f', '\x7f', '\xff', '<', '&', '/'}) {
             std::string damaged = document;
@@ -136,7 +136,7 @@ TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
                                             {"b", Array{true, false, 16}},
                                             {"c", Data{"\0\1\n"s}},
                                             {"d", Date{1447660800}}}));
-    // A value with all that a document may have before it, in every encoding.
+    // A value with every allowed prologue, in every encoding.
     const std::string text = "<!-- \xc3\xa9 --><plist><string>\xc3\xa9&amp;</string></plist>";
     std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
     for (const char16_t unit : u"<plist><string>\u00e9&amp;</string></plist>"s) {
@@ -174,7 +174,7 @@ TEST(PropertyListXmlTest, ReadsWhatPeopleWrite) {
 TEST(PropertyListXmlTest, TakesWhatFitsIntoItsBytesInTimeInProportion) {
     std::string document = "<dict>";
     size_t entries = 0;
-    for (char key[32]; document.size() < kMaxPropertyListBytes - 64; ++entries) {
+    for (char key[32]; document.size() < kMaxDocumentBytes - 64; ++entries) {
         std::snprintf(key, sizeof key, "<key>%07zx</key><true/>", entries);
         document += key;
     }
@@ -188,11 +188,11 @@ TEST(PropertyListXmlTest, TakesWhatFitsIntoItsBytesInTimeInProportion) {
 
 TEST(PropertyListHostileTest, IsRefusedWithAReason) {
     const std::string deep = repeated("<array>", 100000), plist = "<plist>";
-    const size_t many = kMaxPropertyListValues + 1;
+    const size_t many = kMaxDocumentValues + 1;
     const std::pair<const char*, std::vector<std::string>> documents[] = {
         {"not a property list",
          {"", "hello", R"({"a": 1})", "<plist a=\"><!--\">" + deep + "-->", "<?x \"?><!--\"?>" + deep}},
-        {"16 MiB", {std::string(kMaxPropertyListBytes + 1, ' ')}},
+        {"16 MiB", {std::string(kMaxDocumentBytes + 1, ' ')}},
         {"deep",
          {plist + deep, plist + repeated("<dict\t><key>k</key>", 70),
           plist + repeated("<array><!--</array>-->", 70),

@@ -47,7 +47,7 @@ TEST(EventFiltersTest, FirstMatchDecides) {
     for (const auto& c : cases) {
         std::vector<EventFilter> filters;
         createFiltersFromArray(c.filters, filters);
-        createFiltersFromArray({}, filters);  // keeps what there is
+        createFiltersFromArray({}, filters);  // leaves the filters unchanged
         EXPECT_EQ(filters.size(), c.filters.size());
         Dictionary record = c.record;
         filterEvent(filters, record);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Children enter the sandbox and try to leave it. What an adaptor tries in the real daemon, in the
-// integration test CannotLeaveTheSandbox, is not tried again here: other files, other processes, and some
-// system calls.
+// Children enter the sandbox and try to leave it. The integration test CannotLeaveTheSandbox covers the
+// attempts of an adaptor in the real daemon; these tests cover the rest: other files, other processes, and
+// some system calls.
 #include "sandbox/sandbox.h"
 
 #include <dlfcn.h>
@@ -42,7 +42,7 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-// Everything that stands outside before a child is confined, and the child's own directories.
+// The environment of a child: files outside its directories, and its own directories.
 class SandboxTest : public testing::TestWithParam<uid_t> {
   protected:
     SandboxTest() {
@@ -57,7 +57,7 @@ class SandboxTest : public testing::TestWithParam<uid_t> {
     }
     std::string path(const char* relative) const { return root_.path() / relative; }
 
-    // Runs `body` in a confined child of the parameter's user, which must find nothing wrong.
+    // Runs `body` in a confined child of the parameter's user, and expects no failure there.
     void confined(const std::function<void(const ChildReport&, const SandboxStatus&)>& body) {
         EXPECT_EQ(inForkedChild([&](const ChildReport& report) {
                       const uid_t user = GetParam();
@@ -114,7 +114,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
     });
 }
 
-// That the daemon does its work in there is what the tests of the whole daemon show; this is the rest.
+// The tests of the whole daemon show that its work is permitted; this test covers the rest.
 TEST_P(SandboxTest, LeavesWhatTheDaemonMayNeedSomeDay) {
     confined([&](const ChildReport& report, const SandboxStatus&) {
         report.expect(lab::readFile(path("etc/device.plist")) == "configuration", "configuration");

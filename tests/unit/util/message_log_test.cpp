@@ -38,7 +38,7 @@ class MessageLogTest : public testing::Test {
   protected:
     MessageLogTest() : log_(directory_.path() / "a/b") {
         log_.clock = [this] { return now_; };
-        // The creation time as a file system would tell it: the file's name, unless a test says otherwise.
+        // The creation time of a file: the time in its name, unless a test sets it.
         log_.creationDate = [this](const std::filesystem::path& path) -> std::optional<double> {
             const auto known = created_.find(path.filename());
             if (known != created_.end()) return known->second;

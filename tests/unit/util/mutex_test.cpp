@@ -36,7 +36,7 @@ TEST(MutexDeathTest, LocksAreTakenInTheOrderOfTheirRanks) {
             EXPECT_DEATH(takeBoth(), broken);
             EXPECT_DEATH(tryBoth(), broken);
         }
-        // What is let go of does not count any more.
+        // Released locks do not count.
         { const MutexLock lock(second); }
         { const MutexLock lock(first); }
     }

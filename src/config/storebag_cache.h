@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// StorebagCache: one record per bag name. A good bag is served for its maximum age. After a failed fetch the
+// server is not asked for 15 minutes, and the last good bag is served.
+//
+// A lock of the owner guards the cache. The owner holds it across each call, fetches included, so that
+// sessions that wait for the same bag find it fetched. Only statuses() needs no lock.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config/storebag_fetcher.h"
+#include "plist/property_list.h"
+#include "util/mutex.h"
+#include "util/time_value.h"
+
+namespace telvora {
+
+class StorebagCache {
+  public:
+    // A record as administrators see it.
+    struct Status {
+        enum class State { absent, builtIn, fresh, stale };
+        std::optional<std::string> name;  // of the bag
+        int clientType = 0;               // of the session that it was last fetched for
+        std::optional<std::string> version;
+        State state = State::absent;
+        double age = 0;      // seconds since the last attempt
+        int32_t maxAge = 0;  // seconds
+    };
+
+    // `fetcher` must outlive the cache.
+    StorebagCache(const StorebagFetcher& fetcher, Clock clock)
+        : fetcher_(fetcher), clock_(std::move(clock)) {}
+
+    // The environment's section of the client type's bag, from the cache or fetched; null if no fetch has
+    // succeeded yet. A fetch blocks for up to 15 seconds.
+    std::shared_ptr<const Dictionary> storebag(uint32_t clientType);
+    // The version of the bag that storebag() last found; std::nullopt if there is none. Never fetches.
+    std::optional<std::string> storebagVersion(uint32_t clientType) const;
+
+    // The records in the order of their names. Callable from any thread; waits for no fetch.
+    std::vector<Status> statuses() const TELVORA_EXCLUDES(extractsLock_);
+
+  private:
+    // Client types of one bag name share a record. Those without a name share the bag of no name, except type
+    // 0, for which no bag is ever fetched: its failures must not block the others.
+    struct Key {
+        explicit Key(uint32_t clientType)
+            : name(bagNameForClientType(clientType)), isFetched(isBagFetchedFor(clientType)) {}
+        friend auto operator<=>(const Key&, const Key&) = default;
+
+        std::optional<std::string> name;
+        bool isFetched;
+    };
+
+    struct Record {
+        std::shared_ptr<const Dictionary> data;  // null until a fetch has succeeded
+        std::optional<std::string> version;
+        std::optional<std::string> lastModified;
+        double fetchTime = 0;  // of the last attempt, seconds since 1970
+        int32_t maxAge = 0;    // seconds
+        bool fetchSuccessful = false;
+        bool builtIn = false;  // the data are the built-in stand-in
+    };
+
+    // A copy of a record for statuses(), and the client type that it was last fetched for.
+    struct Extract {
+        int clientType = 0;
+        Record record;
+    };
+
+    double age(double fetchTime) const;
+    void fetchAndCacheStorebag(uint32_t clientType);
+
+    const StorebagFetcher& fetcher_;
+    const Clock clock_;
+    std::map<Key, Record> cachedStorebags_;
+    mutable Mutex extractsLock_;
+    std::map<Key, Extract> extracts_ TELVORA_GUARDED_BY(extractsLock_);
+};
+
+}  // namespace telvora
