@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bench: reports through the real daemon to an HTTPS server, acknowledged one by one; the figures go
-// to standard output as JSON. Exits with status 0 if each report arrived exactly once.
+// telvora-bench: sends reports through the real daemon to an HTTPS server, each with an acknowledgement, and
+// prints the figures as JSON to standard output. Exits with status 0 if each report arrived exactly once.
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
@@ -34,11 +34,11 @@ Dictionary benchBag(const Options& options) {
 }
 
 struct Figures {
-    Memory idle;         // nobody has connected yet
+    Memory idle;         // before the first connection
     double idleWakeups;  // per second
-    Memory connected;    // all sessions are open, nothing was sent
-    Memory loaded;       // all has been sent
-    double cpuSeconds;   // from the first report until the last has arrived
+    Memory connected;    // all sessions are open, no report was sent
+    Memory loaded;       // all reports were sent
+    double cpuSeconds;   // from the first report until the last arrival
     double deliverySeconds;
 };
 

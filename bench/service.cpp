@@ -33,8 +33,7 @@ Dictionary spread(std::vector<double> values) {
     return {{"least", values.front()}, {"median", values[values.size() / 2]}, {"most", values.back()}};
 }
 
-// From before the process is made, and its preferences are written, until the daemon has said that it
-// listens.
+// From before the process is made, and its preferences are written, until the daemon logs that it listens.
 Dictionary startTimes(const World& world, size_t starts) {
     std::vector<double> times;
     for (size_t i = 0; i < starts; ++i) {
@@ -46,7 +45,7 @@ Dictionary startTimes(const World& world, size_t starts) {
     return spread(std::move(times));
 }
 
-// From a client's connection, which starts the daemon, until its first report is acknowledged.
+// From a client's connection, which starts the daemon, to the acknowledgement of its first report.
 double activationTime(const World& world) {
     const auto daemon = world.launch([](lab::DaemonOptions& options) {
         options.socketActivation = true;
@@ -74,7 +73,7 @@ Dictionary activationTimes(const World& world, size_t starts) {
     return {{"bagFetched", fetched}, {"bagCached", spread(std::move(times))}};
 }
 
-// A daemon with sessions that do nothing.
+// A daemon with idle sessions.
 class Idler {
   public:
     explicit Idler(size_t sessions)
@@ -104,7 +103,7 @@ class Idler {
     Wakeups wakeupsBefore_;
 };
 
-// All at the same time: ten minutes are long enough once.
+// All are measured at the same time, so that ten minutes are spent only once.
 Array idleFigures(double minutes) {
     std::vector<std::unique_ptr<Idler>> idlers;
     for (const size_t sessions : kIdleSessions)

@@ -33,7 +33,7 @@ double share(const std::vector<double>& sorted, double part) {
 class Sessions {
   public:
     Sessions() : world_(lab::openBag()), daemon_(world_.start()) {}
-    // Ends the daemon first: what it still holds back is nobody's concern here.
+    // Ends the daemon first: reports that it still holds do not matter.
     ~Sessions() {
         daemon_->process().signal(SIGKILL);
         daemon_->process().waitForExit(lab::kPatience);
@@ -41,7 +41,7 @@ class Sessions {
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
 
-    // Opens one session, and waits for its configuration. Without a token it is a standalone one.
+    // Opens one session and waits for its configuration. Without a token, it is standalone.
     ClientSession& open(const std::string& token = "", int64_t level = 0, bool aggregates = false) {
         ClientSession::Handlers handlers;
         if (aggregates)
@@ -76,7 +76,7 @@ class Sessions {
     uint64_t aggregated() const { return aggregated_->load(); }
 
   private:
-    // Reports that follow one another, a window at a time.
+    // Sends reports one after another, with a window of unacknowledged ones.
     struct Stream {
         ClientSession& session;
         std::atomic<uint64_t> next;
@@ -99,7 +99,7 @@ class Sessions {
     std::unique_ptr<lab::DaemonProcess> daemon_;
     ClientRuntime runtime_;
     uint64_t nextNumber_ = 0;
-    // Shared with the aggregation block, which the runtime may run once more after this object's end.
+    // Shared with the aggregation block, which the runtime may call once after this object's end.
     const std::shared_ptr<std::atomic<uint64_t>> aggregated_ = std::make_shared<std::atomic<uint64_t>>(0);
     std::vector<std::unique_ptr<ClientSession>> sessions_;
 };

@@ -12,7 +12,7 @@ namespace telvora::bench {
 
 namespace {
 
-// User defaults under which one user may have all of the daemon, as this one is about to.
+// User defaults that let one user use all of the daemon's capacity.
 Dictionary withoutQuotas() {
     Dictionary defaults;
     for (size_t i = 0; i < kQuotas; ++i)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the daemon makes of reporting servers that fail: events that were sent are gone, the client that waits
-// is told, a 5xx ends the backend of that session, and nobody else notices.
+// Reporting servers that fail: posted events are lost, the waiting client learns it, a 5xx disables the
+// session's backend, and other sessions are not affected.
 #include <gmock/gmock.h>
 
 #include "tests/support/bags.h"
@@ -22,7 +22,7 @@ class ReportingServerFaults : public DaemonFixture {
     void SetUp() override {
         DaemonFixture::SetUp();
         laboratory().setBag("dravik", lab::openBag());
-        // Another client type reports to another server, which is well.
+        // Another client type reports to another server, which works.
         well_ = std::make_unique<lab::ReportingServer>(laboratory().pki());
         bags().setBag("fenlow", lab::bagWithClients({entryFor(*well_)}));
         startDaemon();
@@ -43,7 +43,7 @@ class ReportingServerFaults : public DaemonFixture {
 TEST_F(ReportingServerFaults, TellTheClientThatFlushesAndNobodyElse) {
     const struct {
         const char* what;
-        std::optional<ReportingFault> fault;  // none: connections are refused
+        std::optional<ReportingFault> fault;  // absent: connections are refused
         bool transportError;
     } cases[] = {{"no answer", ReportingFault::noAnswer, true},
                  {"half an answer", ReportingFault::halfAnswer, true},
@@ -57,7 +57,7 @@ TEST_F(ReportingServerFaults, TellTheClientThatFlushesAndNobodyElse) {
         reports().setFault(fault.value_or(ReportingFault::none));
         session->send(4, 1, {{"a", 1}});
         const FlushAnswer flushed = session->flush();
-        EXPECT_TRUE(flushed.answer);  // what was sent, whether or not it arrived
+        EXPECT_TRUE(flushed.answer);  // the posted events, arrived or not
         EXPECT_EQ(flushed.error.has_value(), transportError);
         if (transportError) expectLineBeginning("<3>HTTPSPostBackend(postJsonMessage): post error: ", from);
         expectNeighbourReports();
@@ -75,7 +75,7 @@ TEST_F(ReportingServerFaults, EndABackendByServiceUnavailable) {
     expectLine(std::string("<6>postJSONMessage: ") + kDisabled);
     reports().setFault(ReportingFault::none);
 
-    // Disabled for this session, whatever it does.
+    // The backend stays disabled for this session.
     const size_t arrived = reports().eventCount();
     EXPECT_EQ(session->send(4, 1), std::nullopt);
     EXPECT_EQ(session->send(4, 1, {}, 3), std::nullopt);
@@ -93,7 +93,7 @@ TEST_F(ReportingServerFaults, HoldUpOnlyTheClientThatFlushes) {
     session->send(4, 1);
     const auto flushed = session->beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
-    // The same client's other calls are answered meanwhile, too.
+    // Other calls of the same client are answered meanwhile.
     EXPECT_EQ(session->send(4, 2), std::nullopt);
     expectNeighbourReports();
     reports().setFault(ReportingFault::none);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The real daemon as its service manager has it: started by a connection, ending by itself or when told, and
-// refusing to start.
+// The daemon under its service manager: started by a connection, exiting when idle or stopped, and refusing
+// to start.
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -40,7 +40,7 @@ TEST_F(Service, StartsWithItsFirstConnectionEndsWhenIdleAndLosesNothing) {
                 EXPECT_EQ(session->send(1, 1, {{"life", life}, {"n", n}}), std::nullopt);
         }
         awaitDaemonsEnd();
-        // The session's start and end are told too.
+        // with the session's start and end
         EXPECT_EQ(reports().eventCount(), static_cast<size_t>(12 * life));
     }
 }
@@ -101,7 +101,7 @@ TEST_F(Service, EndsAtOnceWhenToldTwiceAndTellsWhatIsLost) {
     expectLineBeginning("<7>HTTPSPostBackend(sendMessage): Batching ", from);
     expectLineBeginning("<7>internalSendMessage: ", from);
     daemon().process().signal(SIGTERM);
-    // The session's start and end are two of them.
+    // two of them are the session's start and end
     expectLine("<4>main: 3 reports lost of 3 accepted");
     awaitDaemonsEnd();
     reports().releaseHeld();

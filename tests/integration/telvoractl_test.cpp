@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl as its users meet it, at the real daemon and at the daemon's directories.
+// telvoractl as a program, with the real daemon and with the daemon's directories.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,7 +67,7 @@ TEST_F(Telvoractl, RunsASessionFromLines) {
         EXPECT_THAT(result.errors, ElementsAre(StartsWith(problem)));
         EXPECT_THAT(result.output.back(), StartsWith("{\"finish\":")) << input;
     }
-    clientType_ = "9";  // for which there is no bag
+    clientType_ = "9";  // a type without a bag
     run("session", 1, "{\"reportingStates\":null}", "{\"category\":1,\"type\":2}\n");
 }
 
@@ -94,7 +94,7 @@ TEST_F(Telvoractl, SendsOneReport) {
 
 TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
     run("flush --batch", 0);
-    EXPECT_TRUE(waitForEvents(1));  // the start, which was batched
+    EXPECT_TRUE(waitForEvents(1));  // the start message, which was batched
 
     const std::string file = directory().write("b%ü", "content");
     run("upload --json " + file, 0, "{\"upload\":\"uploaded\"}");
@@ -163,7 +163,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
                        {"LOGS_DIRECTORY", state / "none"}});
         EXPECT_EQ(run.errors.empty(), status == 0) << arguments;
     }
-    // Neither may what a client has written steer the terminal, nor text that was cut be no JSON.
+    // A client's text can't control the terminal, and truncated text still gives valid JSON.
     directory.write("log/telvorad_1_messageLog.diag",
                     "(2015-11-16 08:00:00 +0000) \x1b]0;x\x07\xc2\x9b"
                     "1m \xc3\n\tü\n");
@@ -175,7 +175,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
                             "\"time\":\"2015-11-16 08:00:00 +0000\"}"));
     struct stat file {};
     ASSERT_EQ(stat((state / "Preferences/com.zandor.telvora.plist").c_str(), &file), 0);
-    EXPECT_EQ(file.st_uid, owner);  // so that the daemon can read it
+    EXPECT_EQ(file.st_uid, owner);  // readable by the daemon
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ ChildProcess::ChildProcess(const ChildProcessOptions& options) {
     auto [outputRead, outputWrite] = makePipe();
     auto [errorRead, errorWrite] = makePipe();
 
-    // All that allocates happens before the fork: another thread may hold the allocator's lock.
+    // All allocations precede the fork: another thread may hold the allocator's lock.
     std::vector<std::string> arguments = options.arguments;
     std::vector<std::string> environment = environmentOf(options, errorWrite.get());
     const std::vector<char*> argv = pointers(arguments);

@@ -56,7 +56,7 @@ void DaemonFixture::stopDaemon() {
 
 void DaemonFixture::awaitDaemonsEnd(int status) {
     EXPECT_EQ(daemon_->process().waitForExit(lab::kPatience), status);
-    daemon_->process().errors().linesToTheEnd(lab::kPatience);  // which are then all there
+    daemon_->process().errors().linesToTheEnd(lab::kPatience);  // all lines have arrived then
     EXPECT_EQ(daemon_->sanitizerReports(), std::vector<std::string>());
     if (HasFailure()) std::cerr << "The daemon's log:\n" << joined(daemon_->logLines());
     daemon_.reset();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Programs as their users run them.
+// Runs programs and checks their results.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -16,7 +16,7 @@
 
 namespace telvora::test {
 
-// Of a command line without quotes.
+// The words of a command line without quotes.
 inline std::vector<std::string> wordsOf(const std::string& line) {
     std::istringstream words(line);
     return {std::istream_iterator<std::string>(words), {}};

@@ -7,7 +7,7 @@ namespace telvora::bag {
 
 namespace {
 
-// The last four bytes of a gzip stream (RFC 1952) are the length of what it holds.
+// The last four bytes of a gzip stream are the length of the uncompressed data (RFC 1952).
 size_t lengthOfContent(const std::string& gzip) {
     size_t length = 0;
     for (size_t i = 1; i <= 4 && i <= gzip.size(); ++i)

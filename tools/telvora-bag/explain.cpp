@@ -13,9 +13,9 @@ namespace telvora::bag {
 
 namespace {
 
-std::ostream* logTarget = nullptr;  // a log sink is a plain function
+std::ostream* logTarget = nullptr;  // a log sink is a plain function pointer
 
-// The daemon's log lines, among what is printed.
+// Prints the daemon's log lines into the output.
 class LogAmongText {
   public:
     LogAmongText(std::ostream& out, int level) {

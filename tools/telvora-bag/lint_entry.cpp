@@ -16,10 +16,10 @@ bool isLetter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// A code has two letters, and the list's elements are looked for in it.
+// A code has two letters; the daemon searches for it in the list's elements.
 void lintCountries(const std::string& path, const ClientEntry& entry, Findings& findings) {
     for (const std::string_view part : splitList(entry.countries())) {
-        if (part.empty() || part.front() == ' ' || part.back() == ' ') continue;  // found already
+        if (part.empty() || part.front() == ' ' || part.back() == ' ') continue;  // already reported
         if (part.size() > 2 || !std::all_of(part.begin(), part.end(), isLetter)) {
             findings.error(path + "/locale_whitelist",
                            inQuotes(part) + " is in no country's code: it fits nothing");

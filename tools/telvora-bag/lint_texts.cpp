@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The forms of texts.
+// Checks the syntax of texts.
 #include <arpa/inet.h>
 
 #include <charconv>
@@ -49,7 +49,7 @@ bool isVersionNumber(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size() && number <= 255;
 }
 
-// What versionComponents() would make something else of.
+// A version that versionComponents() would read as a different one.
 void lintVersion(const std::string& path, std::string_view text, Findings& findings) {
     for (int count = 0; count < 3; ++count) {
         const size_t dot = text.find('.');

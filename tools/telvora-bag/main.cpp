@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bag: the tool of those who write bags.
+// telvora-bag: the tool for authors of bags.
 #include <CLI/CLI.hpp>
 #include <map>
 #include <string>

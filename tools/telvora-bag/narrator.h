@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Puts the decisions of a backend into words, with the values that they were taken from.
+// Describes the decisions of a backend as text, with the values that they depend on.
 #pragma once
 
 #include <ostream>
@@ -13,13 +13,13 @@ namespace telvora::bag {
 
 class Narrator final : public DecisionTrace {
   public:
-    // Prints to `out` a line for each decision about a session in these circumstances.
+    // Prints to `out` one line for each decision about the session. Both arguments must outlive the object.
     Narrator(std::ostream& out, const Circumstances& circumstances)
         : out_(out), circumstances_(circumstances) {}
 
-    // The device that the names of devices are compared with.
+    // The device whose name and product type the lines contain. Must outlive the object.
     void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
-    // The entries that the next decisions are about; they must outlive them.
+    // The entries that the next decisions refer to. They must outlive those decisions.
     void begin(const Array& clients) { clients_ = &clients; }
 
     void decided(const std::string& backend, Decision decision, const Dictionary* subject,

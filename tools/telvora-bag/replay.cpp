@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Recorded reports through a bag; each backend's account says what became of them.
+// Sends recorded reports through a bag; each backend's account has the outcome.
 #include <iomanip>
 #include <map>
 #include <sstream>
@@ -32,7 +32,7 @@ Report reportOf(const Dictionary& message) {
             static_cast<SendFlag>(message.wrappedInteger(kTelvoraMessageParametersFlag).value_or(0))};
 }
 
-// One backend and what became of the reports that it was offered.
+// One backend, with the outcome of the reports that were submitted to it.
 class BackendReplay {
   public:
     BackendReplay(const std::string& name, const PropertyList& profile, const Circumstances& circumstances)
@@ -62,7 +62,7 @@ class BackendReplay {
     BackendRun run_;
     const Dictionary userInfo_;
     std::map<std::pair<std::string, FilterAction>, size_t> filtered_;
-    std::map<std::string, size_t> asGiven_;  // in how many posted reports user info stands as it was given
+    std::map<std::string, size_t> asGiven_;  // number of posted reports that contain user info unfiltered
     size_t offered_ = 0;
     uint64_t heldAtEnd_ = 0;
     size_t posts_ = 0;

@@ -37,7 +37,7 @@ std::string categoriesThatPass(const TelvoraBackend& backend) {
     return ranges.empty() ? "none" : ranges;
 }
 
-// A category that passes, one of clients' own if there is any.
+// A category that passes; one that clients use, if possible.
 std::optional<uint16_t> categoryThatPasses(const TelvoraBackend& backend) {
     for (uint32_t category = 1; category <= kCategories; ++category) {
         const auto number = static_cast<uint16_t>(category);  // 0 comes last
@@ -77,7 +77,7 @@ Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
     return {"held; a flush " + flushed, true};
 }
 
-// At which report of a category the batch goes.
+// The number of reports of one category that make the daemon post the batch.
 std::string batchLimit(const SampledBackend& sampled, uint16_t category) {
     constexpr size_t kMaxReports = 1000;
     BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
@@ -103,7 +103,7 @@ std::string describe(const EventFilter& filter) {
     return text;
 }
 
-// What is left of user info under the filter's key in the reports that are posted.
+// The protection of user info under the filter's key in posted reports.
 FilterAction actionOnUserInfo(const SampledBackend& sampled, const EventFilter& filter,
                               const FilterSubject& subject) {
     const std::string key(filter.key);

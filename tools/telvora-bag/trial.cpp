@@ -7,11 +7,11 @@ namespace telvora::bag {
 
 namespace {
 
-// Where no file is and none can be made: what is set stays in memory.
+// No file exists here and none can be made: settings stay in memory.
 constexpr char kNowhere[] = "/proc/nowhere";
 
-// The identifiers of the made-up device and session: the same in every trial, so that the same reports cost
-// the same.
+// The identifiers of the simulated device and session. They are constant, so that the same reports give the
+// same sizes.
 constexpr char kSessionID[] = "q3v1cW5nTm9PzB0tYk7uRA==";
 constexpr char kIdentifier[] = "6E0C5D0B-3C49-4B7A-9C54-2F1D8A7BE913";
 constexpr char kOverridingIdentifier[] = "B94A1F27-08DE-4F63-A1C8-5D7E30926FAB";
@@ -19,7 +19,7 @@ constexpr char kCustomIdentifier[] = "1D7F42C6-95B3-4E0A-8D16-C2A9E4508B3F";
 
 constexpr TimeValue kStart{1'767'225'600, 125'000};  // 2026-01-01
 
-// Every device has a name; backends rely on it.
+// Backends require a device name.
 Dictionary withName(Dictionary device) {
     if (device.string("DeviceName") == nullptr) device.set("DeviceName", "device");
     return device;

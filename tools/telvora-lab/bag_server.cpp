@@ -33,7 +33,7 @@ std::string toXml(const PropertyList& value) {
     return serializePropertyList(value, PropertyListFormat::xml).value_or("");
 }
 
-// The signed document for `bag`, with what `fault` does to it.
+// The signed document for `bag`, with `fault` applied.
 std::string document(const Dictionary& bag, BagFault fault, const RsaPrivateKey& key) {
     std::string inner = toXml(bag);
     if (fault == BagFault::innerNotAPropertyList) inner = "well signed, but no property list";

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
+// telvora-lab: the laboratory as a program, for manual trials and for tests in other languages.
 #include <CLI/CLI.hpp>
 #include <cctype>
 #include <filesystem>
@@ -42,14 +42,14 @@ int complain(const std::string& message) {
     return kUsageError;
 }
 
-// "NAME=VALUE" apart; nothing without an equals sign or a name.
+// Splits "NAME=VALUE". `std::nullopt` without an equals sign or a name.
 std::optional<std::pair<std::string, std::string>> assignment(const std::string& text) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos || equals == 0) return std::nullopt;
     return std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-// The reason when an argument doesn't fit; empty when all is well.
+// A CLI11 validator: the reason of failure, or an empty text.
 std::string configure(Laboratory& laboratory, const Arguments& arguments) {
     for (const std::string& argument : arguments.bags) {
         const auto parts = assignment(argument);
@@ -130,7 +130,7 @@ Dictionary summary(Laboratory& laboratory, const std::filesystem::path& director
             {"problems", Array(problems.begin(), problems.end())}};
 }
 
-// As lines that a shell reads: LAB_NAME='value', with the names in capitals. True also without a file.
+// Writes shell lines LAB_NAME='value', with the names in capitals. True if no file was asked for.
 bool writeEnvironment(const Dictionary& addresses, const std::string& path) {
     if (path.empty()) return true;
     std::ofstream file(path);

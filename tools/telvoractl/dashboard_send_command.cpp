@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reports to a dashboard's collector, without a daemon: sessions don't use this way of sending.
+// Sends reports to a dashboard's collector, without a daemon: sessions send no datagrams.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -18,11 +18,11 @@ namespace telvora::ctl {
 
 namespace {
 
-// Where a dashboard's reports go and who they are from.
+// The destination of a dashboard's reports, and their sender.
 struct DashboardOptions {
     std::string collector;          // ADDRESS:PORT
-    bool unreliable = false;        // as a bag without "reliable" has it
-    std::optional<int64_t> period;  // as a bag with this "reliable" has it, in milliseconds
+    bool unreliable = false;        // as a bag without "reliable"
+    std::optional<int64_t> period;  // as a bag with this "reliable", in milliseconds
     int32_t componentType = 0;
     uint32_t sessionID = 1;
     uint16_t clientVersion = 0;
@@ -50,7 +50,7 @@ std::optional<Collector> collectorIn(const std::string& text) {
     return Collector{text.substr(0, colon), static_cast<uint16_t>(number)};
 }
 
-// Everything that a backend uses of the outside.
+// The services of the backend.
 struct Outside {
     Directories directories = Directories::fromEnvironment();
     UserDefaults defaults{directories.configuration, directories.state};

@@ -15,15 +15,15 @@ namespace {
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-// JSON is UTF-8, and a text that was cut to a length in bytes may not be.
+// JSON is UTF-8. A text that was cut to a length in bytes may be invalid.
 void writeText(Writer& out, std::string_view text) {
     const std::string repaired = isValidUtf8(text) ? std::string() : replaceInvalidUtf8(text);
     if (!repaired.empty()) text = repaired;
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
-// The same JSON with DEL and C1 control characters, which stand in strings only, as \u00NN: a terminal may
-// obey them.
+// Escapes DEL and C1 control characters, which occur in strings only, as \u00NN: a terminal could interpret
+// them.
 std::string withoutControls(const rapidjson::StringBuffer& json) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;

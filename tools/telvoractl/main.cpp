@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl: telvorad from the command line. Each command has a file of its own.
+// telvoractl: the command-line client of telvorad. Each command has its own file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
@@ -46,7 +46,7 @@ int run(int argc, char** argv) {
     CLI::App app("Looks after telvorad, and reports to it, from the command line.", "telvoractl");
     app.footer(kFooter);
     app.require_subcommand(1);
-    app.fallthrough();  // the common options may stand after the command, too
+    app.fallthrough();  // the common options are accepted after the command, too
     app.add_option(
         "--socket", common.socketPath,
         "The daemon's socket; default $TELVORA_SOCKET, else com.zandor.telvorad in $RUNTIME_DIRECTORY "

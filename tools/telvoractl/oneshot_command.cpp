@@ -20,7 +20,7 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
 
     std::string outcome;
     Answers answers(options.session.timeout);
-    ClientRuntime runtime;  // its thread uses the two above to the last
+    ClientRuntime runtime;  // declared last: its thread uses the two above until its end
     const auto session = connect(runtime, common);
     if (!session) return fail(kDaemonMissing, session.error());
     answers.expectOne();

@@ -25,7 +25,7 @@ int runReset(bool yes, const CommonOptions& common) {
     const UserDefaults::Files files = settings->defaults().files(domain);
     std::vector<std::string> keys;
     Dictionary all = files.own;
-    all.merge(files.administrator);  // so that it is said where these stay
+    all.merge(files.administrator);  // to report identifiers that stay there
     for (const auto& [key, value] : all) {
         if (DeviceIdentity::isIdentifierKey(key)) keys.push_back(key);
     }

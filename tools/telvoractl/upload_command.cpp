@@ -12,7 +12,7 @@ struct UploadOptions {
     std::vector<std::string> files;
 };
 
-// All files, even after one that no backend uploads.
+// Continues with the other files after one that no backend uploads.
 int runUpload(const UploadOptions& options, const CommonOptions& common) {
     SessionRun session(options.session, Printer(common.json));
     int result = session.open(common);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random bags: lint and explain say of them what the daemon's own objects do. Seeds are fixed.
+// Compares lint and explain with the daemon's own objects over random bags. Seeds are fixed.
 #include <gmock/gmock.h>
 
 #include <random>
@@ -123,7 +123,7 @@ class Daemon {
     }
 
     void serve(const Dictionary& bag) {
-        world_.now += 10;  // the one before has had its day
+        world_.now += 10;  // the previous bag has expired
         world_.serveBag(bag);
     }
 
@@ -140,10 +140,10 @@ class Daemon {
         return connection;
     }
 
-    // The fate of one report of a new session, as explain puts it.
+    // The outcome of one report of a new session, in explain's words.
     std::string fateOf(const Circumstances& given, uint16_t category, int flag) {
         const auto connection = connect(given);
-        connection->session().flushMessagesWithCompletion({});  // of the daemon's own first report
+        connection->session().flushMessagesWithCompletion({});  // flushes the daemon's own first report
         const ReportTally before = tally();
         connection->session().sendMessageWithDictionary({{kTelvoraMessageParametersCategory, category},
                                                          {kTelvoraMessageParametersType, 2},
@@ -214,7 +214,7 @@ TEST(Agreement, ExplainTellsTheFateOfReportsInTheDaemon) {
     }
 }
 
-// The policies that sessions of many kinds get of a bag, as text.
+// The policies of a bag for sessions of many kinds, as text.
 std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
     static UserDefaults defaults("/proc/nowhere", "/proc/nowhere");
     static const DeviceProperties properties(Dictionary{});
@@ -264,7 +264,7 @@ std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
     return text;
 }
 
-// The entries as they would have to be for a finding to be true, if it says that something has no effect.
+// The entries without the part that a finding calls ineffective. `std::nullopt` for other findings.
 std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& finding) {
     constexpr std::string_view kCountsAs = "; counts as ";
     const std::string beginning = "release/httpPost/clients[";

@@ -42,8 +42,8 @@ Circumstances circumstances(bool consent) {
             .draw = 0.3};
 }
 
-// How many of the reports a real session with that bag posts, and whether the backend then counts as one that
-// reports.
+// The number of reports that a real session with that bag posts, and whether the backend then counts as one
+// that reports.
 std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Circumstances& given) {
     test::DaemonWorld world(given.device);
     world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",

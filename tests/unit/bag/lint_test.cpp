@@ -14,7 +14,7 @@ Dictionary json(std::string_view text) {
     return *parseJson(text).value().getIf<Dictionary>();
 }
 
-// What was found, without the beginning that all paths have.
+// The findings, without the common beginning of their paths.
 std::vector<std::string> lines(const std::vector<Finding>& findings, std::string_view beginning = "") {
     std::vector<std::string> all;
     for (const Finding& f : findings) {
@@ -36,7 +36,7 @@ std::vector<Finding> lintClients(Array clients) {
 TEST(Lint, FindsWhatIsWrongWithAnEntry) {
     const std::string kLikeZero = ", as it is filtered there like a report of category 0 and type 0";
     const struct {
-        const char* changes;  // to the good entry; a finding's path begins within the entry
+        const char* changes;  // to the good entry; the path of a finding is relative to the entry
         std::vector<std::string> findings;
     } cases[] = {
         {R"({})", {}},
