@@ -137,12 +137,12 @@ class Soak {
 
     const Options& options_;
     const Scenario& scenario_;
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     UserDefaults defaults_{directory_.path(), directory_.path()};
     DeviceProperties properties_{Dictionary()};
     DeviceIdentity identity_{properties_, defaults_};
     Environment environment_{defaults_, identity_};
-    lab::FakeHttpClient http_;
+    test::FakeHttpClient http_;
     VirtualNetwork network_;
     BackendServices services_{http_,
                               identity_,

@@ -43,7 +43,7 @@ class Load::Client {
     }
 
     void flush() {
-        lab::await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
+        test::await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
     }
 
     const std::vector<uint32_t>& latencies() const { return latencies_; }

@@ -27,10 +27,10 @@ struct Options {
 };
 
 Dictionary benchBag(const Options& options) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = test::openClientEntry();
     entry.set("event_threshold", options.eventThreshold);
     if (options.overrideConsent) entry.set("override_dnu", 1);
-    return lab::bagWithClients({entry});
+    return test::bagWithClients({entry});
 }
 
 struct Figures {
@@ -42,7 +42,7 @@ struct Figures {
     double deliverySeconds;
 };
 
-Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::DaemonProcess& daemon,
+Figures measure(const Options& options, lab::Laboratory& laboratory, const test::DaemonProcess& daemon,
                 Load& load) {
     Figures figures{};
     figures.idle = memoryOf(daemon.pid());
@@ -57,7 +57,7 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::
     const auto begin = std::chrono::steady_clock::now();
     load.run();
     load.flush();
-    laboratory.reports().waitForEvents(options.load.reports, lab::kPatience);
+    laboratory.reports().waitForEvents(options.load.reports, test::kPatience);
     figures.deliverySeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     figures.cpuSeconds = cpuSeconds(daemon.pid()) - cpuBefore;
     figures.loaded = memoryOf(daemon.pid());

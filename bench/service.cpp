@@ -47,7 +47,7 @@ Dictionary startTimes(const World& world, size_t starts) {
 
 // From a client's connection, which starts the daemon, to the acknowledgement of its first report.
 double activationTime(const World& world) {
-    const auto daemon = world.launch([](lab::DaemonOptions& options) {
+    const auto daemon = world.launch([](test::DaemonOptions& options) {
         options.socketActivation = true;
         options.defaults.set("idleMilliseconds", 100);
     });
@@ -56,11 +56,11 @@ double activationTime(const World& world) {
     const auto begin = Clock::now();
     auto session = openSession(runtime, daemon->socketPath(), {{kTelvoraSessionInfoSessionID, 1}});
     const Dictionary payload{{kNumberKey, 1}};
-    lab::await<std::optional<std::string>>(
+    test::await<std::optional<std::string>>(
         [&](auto done) { session->sendMessage(1, 1, payload, std::move(done)); });
     const double time = millisecondsSince(begin);
     session.reset();
-    if (daemon->process().waitForExit(lab::kPatience) != 0)
+    if (daemon->process().waitForExit(test::kPatience) != 0)
         throw std::runtime_error("the daemon does not end when idle");
     return time;
 }
@@ -77,7 +77,7 @@ Dictionary activationTimes(const World& world, size_t starts) {
 class Idler {
   public:
     explicit Idler(size_t sessions)
-        : world_(lab::openBag()),
+        : world_(test::openBag()),
           daemon_(world_.start([](auto& options) { options.defaults.set("idleMilliseconds", kNever); })) {
         for (size_t i = 0; i < sessions; ++i) {
             sessions_.push_back(
@@ -97,7 +97,7 @@ class Idler {
 
   private:
     World world_;
-    std::unique_ptr<lab::DaemonProcess> daemon_;
+    std::unique_ptr<test::DaemonProcess> daemon_;
     ClientRuntime runtime_;
     std::vector<std::unique_ptr<ClientSession>> sessions_;
     Wakeups wakeupsBefore_;
@@ -120,7 +120,7 @@ Array idleFigures(double minutes) {
 }  // namespace
 
 Dictionary measureService(const ServiceOptions& options) {
-    const World world(lab::openBag());
+    const World world(test::openBag());
     return {{"startMilliseconds", startTimes(world, options.starts)},
             {"activationMilliseconds", activationTimes(world, options.starts)},
             {"idleMinutes", options.idleMinutes},

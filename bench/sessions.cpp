@@ -32,11 +32,11 @@ double share(const std::vector<double>& sorted, double part) {
 
 class Sessions {
   public:
-    Sessions() : world_(lab::openBag()), daemon_(world_.start()) {}
+    Sessions() : world_(test::openBag()), daemon_(world_.start()) {}
     // Ends the daemon first: reports that it still holds do not matter.
     ~Sessions() {
         daemon_->process().signal(SIGKILL);
-        daemon_->process().waitForExit(lab::kPatience);
+        daemon_->process().waitForExit(test::kPatience);
     }
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
@@ -65,8 +65,8 @@ class Sessions {
         for (size_t i = 0; i < kWindow; ++i)
             stream.sendNext();
         stream.done.get_future().get();
-        lab::await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
-        if (!world_.laboratory().reports().waitForEvents(arrived + reports, lab::kPatience)) {
+        test::await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
+        if (!world_.laboratory().reports().waitForEvents(arrived + reports, test::kPatience)) {
             throw std::runtime_error("reports are lost");
         }
         return (cpuSeconds(daemon_->pid()) - before) * 1e6 / static_cast<double>(reports);
@@ -96,7 +96,7 @@ class Sessions {
     };
 
     World world_;
-    std::unique_ptr<lab::DaemonProcess> daemon_;
+    std::unique_ptr<test::DaemonProcess> daemon_;
     ClientRuntime runtime_;
     uint64_t nextNumber_ = 0;
     // Shared with the aggregation block, which the runtime may call once after this object's end.

@@ -25,14 +25,14 @@ class World {
     lab::Laboratory& laboratory() { return *laboratory_; }
     // Starts a daemon with the log level of the field and without quotas, after `change`. Its directories
     // belong to this object, so that a daemon finds its predecessor's files.
-    std::unique_ptr<lab::DaemonProcess> launch(
-        const std::function<void(lab::DaemonOptions&)>& change = nullptr) const;
+    std::unique_ptr<test::DaemonProcess> launch(
+        const std::function<void(test::DaemonOptions&)>& change = nullptr) const;
     // Starts one and waits until it listens. Throws std::runtime_error if it does not start.
-    std::unique_ptr<lab::DaemonProcess> start(
-        const std::function<void(lab::DaemonOptions&)>& change = nullptr) const;
+    std::unique_ptr<test::DaemonProcess> start(
+        const std::function<void(test::DaemonOptions&)>& change = nullptr) const;
 
   private:
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
 };
 

@@ -88,7 +88,7 @@ void Call::take(AggregatedMessage message) {
 }
 
 bool Call::waitFor(size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + lab::kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
     const MutexLock lock(mutex_);
     while (messages_.size() < count) {
         if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return false;

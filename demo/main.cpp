@@ -84,7 +84,7 @@ int report(const std::vector<Report>& reports, const lab::ReportingServer& serve
 }
 
 int run() {
-    lab::TemporaryDirectory directory;
+    test::TemporaryDirectory directory;
     auto laboratory = lab::Laboratory::make(directory.path() / "lab");
     if (!laboratory) {
         say("{}\n", laboratory.error());
@@ -99,10 +99,10 @@ int run() {
 
     const std::filesystem::path spool = directory.path() / "spool";  // the daemon may remove files here
     std::filesystem::create_directory(spool);
-    auto options = lab::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
-                                                     (*laboratory)->bags().baseURL());
+    auto options = test::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
+                                                      (*laboratory)->bags().baseURL());
     options.defaults.set("uploadDirectories", Array{spool.string()});
-    lab::DaemonProcess daemon(std::move(options));
+    test::DaemonProcess daemon(std::move(options));
     if (!daemon.waitUntilListening()) {
         for (const std::string& line : daemon.logLines())
             say("{}\n", line);
@@ -130,7 +130,7 @@ int run() {
     size_t expected = 0;
     for (const Report& each : reports)
         expected += each.path.empty() ? 0 : 1;
-    server.waitForEvents(expected, lab::kPatience);
+    server.waitForEvents(expected, test::kPatience);
     const auto status = daemon.stop();  // no event can arrive later
     say("6. The daemon has ended with status {}\n", status.value_or(-1));
     const int result = report(reports, server, std::move(wrong));

@@ -11,8 +11,6 @@ namespace telvora::test {
 namespace {
 
 using lab::BagFault;
-using lab::kPatience;
-using lab::openBag;
 
 class BagServerFaults : public DaemonFixture {
   protected:

@@ -14,7 +14,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -41,12 +40,12 @@ class DashboardInDaemon : public DaemonFixture {
 };
 
 TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) {
-    laboratory().setBag(
-        "dravik", lab::bagWithBackends({{"dashboard", Dictionary{{"ip", "127.0.0.1"},
-                                                                 {"port", "@dashboard_port@"},
-                                                                 {"reliable", 50},
-                                                                 {"display_url", "https://show.example/"},
-                                                                 {"post_url", "@logdata@"}}}}));
+    laboratory().setBag("dravik",
+                        bagWithBackends({{"dashboard", Dictionary{{"ip", "127.0.0.1"},
+                                                                  {"port", "@dashboard_port@"},
+                                                                  {"reliable", 50},
+                                                                  {"display_url", "https://show.example/"},
+                                                                  {"post_url", "@logdata@"}}}}));
     startDaemon();
     auto session = open({}, {"dashboard"});
     EXPECT_EQ(session->displayURL(), "https://show.example/");

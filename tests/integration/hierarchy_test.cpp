@@ -18,7 +18,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::Optional;
 using testing::StartsWith;
@@ -44,9 +43,9 @@ class Hierarchy : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        Dictionary entry = lab::openClientEntry();
+        Dictionary entry = openClientEntry();
         entry.set("event_blacklist", Array{kBlacklisted});
-        laboratory().setBag("dravik", lab::bagWithClients({entry}));
+        laboratory().setBag("dravik", bagWithClients({entry}));
         startDaemon();
     }
 
@@ -189,7 +188,7 @@ TEST_F(Hierarchy, OnlyTheHighestAggregatorHears) {
 
 TEST_F(Hierarchy, SurvivesClientsThatGoInTheMiddle) {
     const Session neighbour = open(place(1, "t", 1));
-    lab::ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}});
+    ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}});
     const auto waitForOutput = [&](std::string_view part) {
         return aggregator.output().waitFor(
             [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);
@@ -321,14 +320,14 @@ TEST_F(Hierarchy, OtherUsersMeetOnlyWhereTheAdministratorSaysSo) {
                  {Array{PropertyList(Array{"root", 65534})}, true}};
     for (const auto& [shared, meet] : cases) {
         stopDaemon();
-        startDaemon([setting = shared](lab::DaemonOptions& options) {
+        startDaemon([setting = shared](DaemonOptions& options) {
             if (setting) options.defaults.set("sharedHierarchies", *setting);
         });
         letOthersIn();
         std::vector<std::string> command = wordsOf(kAsNobody);
         const std::vector<std::string> aggregate = telvoractl("session --aggregate", 10, 0);
         command.insert(command.end(), aggregate.begin(), aggregate.end());
-        lab::ChildProcess stranger({command, {}});
+        ChildProcess stranger({command, {}});
         const auto waitForOutput = [&](std::string_view part) {
             return stranger.output().waitFor(
                 [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);

@@ -26,7 +26,6 @@ constexpr bool kChildMayStartThreads = false;
 constexpr bool kChildMayStartThreads = true;
 #endif
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
@@ -76,7 +75,7 @@ class Libtelvora : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         telvora_set_int(info_, kTelvoraSessionInfoClientType, 8);
         telvora_set_int(info_, kTelvoraSessionInfoSessionID, 7);
         telvora_set_string(payload_, "fruit", "quince");
@@ -232,7 +231,7 @@ TEST_F(Libtelvora, TakesReportsOfManyThreads) {
 
 // In a child process: the library before its first session, and a user without rights.
 TEST_F(Libtelvora, FailsAtOnceWithoutADaemon) {
-    startDaemon([](lab::DaemonOptions& options) { options.entitlement.reset(); });
+    startDaemon([](DaemonOptions& options) { options.entitlement.reset(); });
     const std::string deaf = directory().path() / "deaf";
     boundSocket(deaf, SOCK_STREAM);  // closed at once
     const struct {
@@ -289,7 +288,7 @@ TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
     startDaemon();
     const std::vector<std::string> lines{"threads 1", "0", "atexit: 9", "static: 9"};
     for (const bool disabled : {true, false}) {
-        const lab::Finished child =
+        const Finished child =
             expectRun({TELVORA_EXIT_CLIENT}, 0, "", "",
                       {{"TELVORA_SOCKET", daemon().socketPath()}, {"TELVORA_DISABLE", disabled ? "1" : "0"}});
         EXPECT_EQ(child.output, lines) << disabled;

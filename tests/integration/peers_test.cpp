@@ -19,7 +19,7 @@ using testing::Not;
 class Peers : public DaemonFixture {};
 
 TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
-    startDaemon([&](lab::DaemonOptions& options) { options.entitlement.reset(); });
+    startDaemon([&](DaemonOptions& options) { options.entitlement.reset(); });
     EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
     expectLineBeginning("<7>listener: new XPC connection ");
     EXPECT_THAT(daemon().logLines(), Each(Not(HasSubstr("initWithSessionDelegate"))));
@@ -31,7 +31,7 @@ TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
 }
 
 TEST_F(Peers, MayBeWrittenBySomebodyElse) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
     // Only its exit status counts: GLib warns on standard error about the end of its connections.
     expectRun({"/usr/bin/python3", TELVORA_GDBUS_CLIENT, daemon().socketPath()}, 0);

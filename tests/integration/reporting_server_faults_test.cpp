@@ -10,7 +10,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using lab::ReportingFault;
 using testing::IsEmpty;
 using testing::Optional;
@@ -21,16 +20,16 @@ class ReportingServerFaults : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag());
+        laboratory().setBag("dravik", openBag());
         // Another client type reports to another server, which works.
         well_ = std::make_unique<lab::ReportingServer>(laboratory().pki());
-        bags().setBag("fenlow", lab::bagWithClients({entryFor(*well_)}));
+        bags().setBag("fenlow", bagWithClients({entryFor(*well_)}));
         startDaemon();
         neighbour_ = open({.clientType = 9});
     }
 
     static Dictionary entryFor(const lab::ReportingServer& server) {
-        Dictionary entry = lab::openClientEntry();
+        Dictionary entry = openClientEntry();
         entry.set("post_url", server.eventsURL());
         return entry;
     }
@@ -104,8 +103,7 @@ TEST_F(ReportingServerFaults, HoldUpOnlyTheClientThatFlushes) {
 
 TEST_F(ReportingServerFaults, AreToldWhileAnotherBackendStillWaits) {
     well_->setFault(ReportingFault::noAnswer);
-    laboratory().setBag("dravik",
-                        lab::openBag({{"httpPost2", Dictionary{{"clients", Array{entryFor(*well_)}}}}}));
+    laboratory().setBag("dravik", openBag({{"httpPost2", Dictionary{{"clients", Array{entryFor(*well_)}}}}}));
     const auto session = open({}, {"httpPost", "httpPost2"});
     reports().setFault(ReportingFault::hold);
     session->send(4, 1);

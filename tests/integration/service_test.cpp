@@ -14,9 +14,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::DaemonOptions;
-using lab::kPatience;
-using lab::openBag;
 using testing::Each;
 using testing::Not;
 using testing::StartsWith;
@@ -81,7 +78,7 @@ TEST_F(Service, TellsWhyItDoesNotStart) {
 
 TEST_F(Service, LeavesASocketAloneThatIsInUse) {
     startDaemon();
-    lab::DaemonProcess second(
+    DaemonProcess second(
         DaemonOptions::forLaboratory(directory().path(), laboratory().pki(), bags().baseURL()));
     EXPECT_TRUE(second.waitForLine("<3>main: can't listen: " + socket() + ": in use"));
     EXPECT_EQ(second.process().waitForExit(kPatience), 1);

@@ -18,7 +18,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using lab::ReportingFault;
 
 // The number of reports at a place of an account, 0 if there is no such place or account.
@@ -96,11 +95,11 @@ void reportAndLeave(const std::string& socket, int64_t sessionID) {
 }
 
 TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = openClientEntry();
     entry.set("event_blacklist", Array{66});
     entry.set("event_threshold", 5);
-    laboratory().setBag("dravik", lab::bagWithClients({entry}));
-    startDaemon([](lab::DaemonOptions& options) { options.logLevel = 6; });
+    laboratory().setBag("dravik", bagWithClients({entry}));
+    startDaemon([](DaemonOptions& options) { options.logLevel = 6; });
     const std::jthread reader([this](const std::stop_token& stop) {
         while (!stop.stop_requested())
             status();
@@ -156,7 +155,7 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
 }
 
 TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
     BlockingSession session(daemon().socketPath(),
                             {.hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
@@ -195,7 +194,7 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
 
 // Uses up each quota of this process's user in turn. Another user is served as before.
 TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
     letOthersIn();
     UserDefaults defaults(directory().path() / "config", directory().path() / "state");

@@ -35,7 +35,7 @@ class TinyFileSystem {
 class StorageFaults : public DaemonFixture {
   protected:
     void start() {
-        laboratory().setBag("dravik", lab::openBag());
+        laboratory().setBag("dravik", openBag());
         startDaemon();
         session_ = open();
     }

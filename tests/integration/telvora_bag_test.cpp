@@ -35,7 +35,7 @@ class TelvoraBag : public testing::Test {
                   says);
     }
 
-    lab::TemporaryDirectory directory_;
+    TemporaryDirectory directory_;
 };
 
 TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {

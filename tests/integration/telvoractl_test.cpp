@@ -11,7 +11,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -20,13 +19,13 @@ class Telvoractl : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         startDaemon();
         socket_ = daemon().socketPath();
     }
     // A command that has a session.
-    lab::Finished run(const std::string& command, int status, const std::string& says = "",
-                      std::string_view input = "") {
+    Finished run(const std::string& command, int status, const std::string& says = "",
+                 std::string_view input = "") {
         return expectRun(wordsOf(TELVORACTL_PATH " --socket " + socket_ + " " + command +
                                  " --session-id 5 --client-type " + clientType_),
                          status, says, input);
@@ -37,7 +36,7 @@ class Telvoractl : public DaemonFixture {
 };
 
 TEST_F(Telvoractl, RunsASessionFromLines) {
-    const lab::Finished session =
+    const Finished session =
         run("session --batch --client-name n", 0, "",
             "{\"category\":3,\"type\":4,\"payload\":{\"text\":\"ü\",\"real\":0.1,\"n\":-7}}\n"
             "\n"
@@ -63,7 +62,7 @@ TEST_F(Telvoractl, RunsASessionFromLines) {
         {"states\nupload", "telvoractl: line 2: upload wants a path"},
     };
     for (const auto& [input, problem] : bad) {
-        const lab::Finished result = run("session", 2, problem, input);
+        const Finished result = run("session", 2, problem, input);
         EXPECT_THAT(result.errors, ElementsAre(StartsWith(problem)));
         EXPECT_THAT(result.output.back(), StartsWith("{\"finish\":")) << input;
     }
@@ -80,7 +79,7 @@ TEST_F(Telvoractl, SendsOneReport) {
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
 
-    const lab::Finished sent = run("send --json" + report, 0);
+    const Finished sent = run("send --json" + report, 0);
     ASSERT_EQ(sent.output.size(), 4u);  // states, answer, flush, finish
     EXPECT_EQ(sent.output[0], "{\"reportingStates\":[\"httpPost\",\"uploadServer\"]}");
     EXPECT_TRUE(waitForEvents(3));  // with the daemon's own
@@ -104,22 +103,22 @@ TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
         run("upload " + bad, 2);
 
     const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory().path() / "logs"}};
-    const lab::Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
+    const Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
     EXPECT_THAT(log.output, ElementsAre(StartsWith("{\"text\":\"[")));
-    lab::ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
+    ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
     ASSERT_TRUE(follow.output().waitFor([](std::string_view) { return true; }, kPatience));
     const size_t shown = follow.output().lineCount();
     run("upload " + file, 0);
     EXPECT_TRUE(follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); },
                                         kPatience, shown));
 
-    laboratory().setBag("pellam", lab::bagWithBackends({}));
+    laboratory().setBag("pellam", bagWithBackends({}));
     clientType_ = "10";
     run("flush", 1, "The session's bag names no backends");
 }
 
 TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
-    const lab::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::filesystem::path state = directory.path() / "state";
     create_directories(state);
     permissions(directory.path(), std::filesystem::perms(0755));
@@ -156,7 +155,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"device --json", 0, "\"DeviceName\":\"d\""},
     };
     for (const auto& [arguments, status, says] : steps) {
-        const lab::Finished run =
+        const Finished run =
             expectRun(wordsOf(std::string(TELVORACTL_PATH " ") + arguments), status, says, "",
                       {{"STATE_DIRECTORY", state},
                        {"CONFIGURATION_DIRECTORY", directory.path() / "config"},

@@ -16,7 +16,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using Numbers = std::set<int64_t>;
 
 constexpr int kClients = 4;
@@ -103,7 +102,7 @@ class Client {
 class UpdateInPlace : public DaemonFixture {
   protected:
     void start() {
-        startDaemon([](lab::DaemonOptions& options) {
+        startDaemon([](DaemonOptions& options) {
             options.logLevel = 6;
             options.defaults.set("shutdownMilliseconds", std::chrono::milliseconds(kPatience).count());
         });
@@ -120,9 +119,9 @@ class UpdateInPlace : public DaemonFixture {
 };
 
 TEST_F(UpdateInPlace, LosesWhatBothSidesSayAndNothingElse) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = openClientEntry();
     entry.set("expedite", 0);
-    laboratory().setBag("dravik", lab::bagWithClients({entry}));
+    laboratory().setBag("dravik", bagWithClients({entry}));
     std::atomic<bool> daemonRuns = false;
     std::vector<std::unique_ptr<Client>> clients;
     std::vector<std::jthread> threads;

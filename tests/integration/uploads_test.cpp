@@ -15,8 +15,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
-using lab::readFile;
 using lab::UploadAnswer;
 using std::filesystem::path;
 
@@ -46,11 +44,11 @@ class Uploads : public DaemonFixture {
         DaemonFixture::SetUp();
         // The test's directory is readable by all; the daemon may read a file if the client may.
         std::filesystem::create_directories(spool());
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
     }
     void start(Dictionary defaults = {}) {
         defaults.set("uploadDirectories", Array{spool().string(), "relative", 7});
-        startDaemon([&](lab::DaemonOptions& options) { options.defaults = defaults; });
+        startDaemon([&](DaemonOptions& options) { options.defaults = defaults; });
         session_ = open();
     }
     std::unique_ptr<BlockingSession> open() { return DaemonFixture::open({}, {"httpPost", "uploadServer"}); }

@@ -20,7 +20,7 @@ class VodexAdaptor : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        const Dictionary bag = lab::openBag({{"vodex", Dictionary()}});
+        const Dictionary bag = openBag({{"vodex", Dictionary()}});
         laboratory().setBag("quillet", bag);  // client type 7
         laboratory().setBag("dravik", bag);   // client type 8, which has no adaptor
     }
@@ -28,7 +28,7 @@ class VodexAdaptor : public DaemonFixture {
     void start(const std::string& adaptor) {
         const auto path = directory().path() / "adaptor.so";
         copy_file(adaptor, path, std::filesystem::copy_options::overwrite_existing);
-        startDaemon([&](lab::DaemonOptions& options) {
+        startDaemon([&](DaemonOptions& options) {
             options.defaults = {{"vodexAdaptorPath", path.string()}, {"shutdownMilliseconds", 100}};
         });
     }
@@ -94,7 +94,7 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     std::vector<std::string> found = daemon().logLines();
     std::erase_if(found, [](const std::string& line) { return !line.starts_with("escape "); });
     EXPECT_THAT(found, testing::UnorderedElementsAreArray(expected));
-    EXPECT_EQ(lab::readFile(secret), "secret");
+    EXPECT_EQ(readFile(secret), "secret");
     // The daemon goes on.
     openWithAdaptor();
     expectReport(*session);
@@ -120,7 +120,7 @@ TEST_F(VodexAdaptor, ThatHangsHoldsUpNeitherOthersNorTheEnd) {
     expectReport(*parent);
     expectReport(*child);
     const auto status =
-        queryStatus(StatusMethod::kGetStatus, statusSocketBeside(daemon().socketPath()), lab::kPatience);
+        queryStatus(StatusMethod::kGetStatus, statusSocketBeside(daemon().socketPath()), kPatience);
     ASSERT_TRUE(status) << status.error().message;
     EXPECT_EQ(status->array("sessions")->size(), hanging.size() + 2);
     stopDaemon();

@@ -12,7 +12,7 @@
 #include "client/client_session.h"
 #include "tests/support/child_process.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // Starts a call with its completion. The returned function waits for the answer. It throws std::runtime_error
 // if the call fails or gets no answer within kPatience.
@@ -34,4 +34,4 @@ T await(Start start) {
     return begin<T>(start)();
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -7,7 +7,7 @@
 
 #include "plist/property_list.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // An entry of "clients" that matches any client and lets all reports through to the laboratory's reporting
 // server.
@@ -34,4 +34,4 @@ inline Dictionary openBag(Dictionary more = {}) {
     return bagWithBackends(std::move(more));
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace telvora::lab {
+namespace telvora::test {
 namespace {
 
 constexpr const char* kInherited[] = {"PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS",
@@ -133,4 +133,4 @@ Finished runToEnd(const ChildProcessOptions& options, std::string_view input) {
     return {status, process.output().linesToTheEnd(kPatience), process.errors().linesToTheEnd(kPatience)};
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -16,7 +16,7 @@
 #include "tests/support/line_collector.h"
 #include "util/unique_fd.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // The time limit for any expected event. Not reached unless a test fails.
 constexpr std::chrono::seconds kPatience{60};
@@ -73,4 +73,4 @@ struct Finished {
 // Runs a program with `input` on its standard input, and waits for its end for at most kPatience.
 Finished runToEnd(const ChildProcessOptions& options, std::string_view input = "");
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

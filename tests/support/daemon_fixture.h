@@ -31,12 +31,12 @@ class DaemonFixture : public testing::Test {
     lab::Laboratory& laboratory() { return *laboratory_; }
     lab::BagServer& bags() { return laboratory_->bags(); }
     lab::ReportingServer& reports() { return laboratory_->reports(); }
-    const lab::TemporaryDirectory& directory() const { return directory_; }
+    const TemporaryDirectory& directory() const { return directory_; }
 
     // Starts the daemon with the options that `change` has modified, and waits until it listens.
-    void startDaemon(const std::function<void(lab::DaemonOptions&)>& change = {});
+    void startDaemon(const std::function<void(DaemonOptions&)>& change = {});
     // Starts it without waiting.
-    void launchDaemon(const std::function<void(lab::DaemonOptions&)>& change);
+    void launchDaemon(const std::function<void(DaemonOptions&)>& change);
     // Gives other users access to the sockets of the listening daemon, as the service manager does, and
     // entitles the user of kAsNobody.
     void letOthersIn();
@@ -44,7 +44,7 @@ class DaemonFixture : public testing::Test {
     void stopDaemon();
     // Waits for the daemon's own end, and checks its exit.
     void awaitDaemonsEnd(int status = 0);
-    lab::DaemonProcess& daemon() { return *daemon_; }
+    DaemonProcess& daemon() { return *daemon_; }
 
     // A session with the daemon, configured with these backends.
     std::unique_ptr<BlockingSession> open(const SessionSettings& settings = {},
@@ -52,16 +52,16 @@ class DaemonFixture : public testing::Test {
     // Checks that the session reports to this server.
     void expectReport(BlockingSession& session, lab::ReportingServer& server);
     void expectReport(BlockingSession& session) { expectReport(session, reports()); }
-    bool waitForEvents(size_t count) { return reports().waitForEvents(count, lab::kPatience); }
+    bool waitForEvents(size_t count) { return reports().waitForEvents(count, kPatience); }
 
     // Expects the whole line, with its level: "<7>...". Waits for it.
     void expectLine(std::string_view line, size_t from = 0);
     void expectLineBeginning(std::string_view beginning, size_t from = 0);
 
   private:
-    lab::TemporaryDirectory directory_;
+    TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
-    std::unique_ptr<lab::DaemonProcess> daemon_;
+    std::unique_ptr<DaemonProcess> daemon_;
 };
 
 }  // namespace telvora::test

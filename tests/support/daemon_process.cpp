@@ -9,7 +9,7 @@
 
 #include "plist/property_list_format.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 namespace {
 
 constexpr std::string_view kListening = "<6>main: Listener resumes with sandbox, start loop.";
@@ -93,7 +93,7 @@ ChildProcessOptions childOptions(const DaemonOptions& options) {
 
 }  // namespace
 
-DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
+DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
                                            const std::string& storebagURL) {
     DaemonOptions options;
     options.directory = directory;
@@ -146,4 +146,4 @@ std::vector<std::string> DaemonProcess::sanitizerReports() const {
     return reports;
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -15,7 +15,7 @@
 #include "telvora-lab/lab_pki.h"
 #include "tests/support/child_process.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 struct DaemonOptions {
     std::filesystem::path directory;  // contains run/, state/, config/ and logs/, which are made if absent
@@ -34,7 +34,7 @@ struct DaemonOptions {
     bool socketActivation = false;
 
     // The options for a daemon in `directory` that talks to a laboratory.
-    static DaemonOptions forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
+    static DaemonOptions forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
                                        const std::string& storebagURL);
 };
 
@@ -69,4 +69,4 @@ class DaemonProcess {
     ChildProcess process_;
 };
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

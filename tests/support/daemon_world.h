@@ -89,8 +89,8 @@ class DaemonWorld {
 
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // the sampling draw of every backend
-    lab::TemporaryDirectory directory;
-    lab::FakeHttpClient http;
+    TemporaryDirectory directory;
+    FakeHttpClient http;
     VirtualNetwork network;
     asio::io_context runLoop;
     UserDefaults defaults;

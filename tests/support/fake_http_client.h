@@ -13,7 +13,7 @@
 
 #include "http/http_client.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // Answers each request at once with the result of `handler`, on the calling thread. Without a handler,
 // requests are held until complete(). Every operation is callable from any thread.
@@ -98,4 +98,4 @@ inline std::string headerOf(const HttpRequest& request, std::string_view name) {
     return std::string(headersOnly.header(name).value_or(""));
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -15,7 +15,7 @@
 #include "util/mutex.h"
 #include "util/unique_fd.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // All operations are callable from any thread.
 class LineCollector {
@@ -49,4 +49,4 @@ class LineCollector {
     std::thread thread_;
 };
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

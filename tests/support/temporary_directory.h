@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace telvora::lab {
+namespace telvora::test {
 
 class TemporaryDirectory {
   public:
@@ -45,4 +45,4 @@ inline std::string readFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

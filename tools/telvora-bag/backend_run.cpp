@@ -21,23 +21,22 @@ bool hasHeader(const HttpRequest& request, std::string_view name) {
 
 }  // namespace
 
-BackendRun::BackendRun(const std::string& name, const PropertyList& profile,
-                       const Circumstances& circumstances)
-    : trial_(circumstances, *this),
-      backend_(trial_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
+BackendRun::BackendRun(const std::string& name, const PropertyList& profile, const Scenario& scenario)
+    : dryRun_(scenario, *this),
+      backend_(dryRun_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
       handedOn_(dynamic_cast<const VodexBackend*>(backend_.get()) != nullptr) {
-    trial_.onRequest = [this](const HttpRequest& request) { posted(request); };
+    dryRun_.onRequest = [this](const HttpRequest& request) { posted(request); };
     if (backend_) backend_->updateState();
 }
 
 void BackendRun::send(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
                       SendFlag flag) {
-    trial_.advance(1);
+    dryRun_.advance(1);
     if (!backend_ || handedOn_) return;
     if (const auto excluded = backend_->exclusionOf(category, "send")) {
         return backend_->reports().accept(*excluded);
     }
-    backend_->sendMessage(payload, trial_.now(), category, type, flag);
+    backend_->sendMessage(payload, dryRun_.now(), category, type, flag);
 }
 
 void BackendRun::flush() {

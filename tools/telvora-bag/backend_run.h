@@ -11,14 +11,14 @@
 #include <vector>
 
 #include "policy/decision_trace.h"
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
 class BackendRun final : private DecisionTrace {
   public:
     // `profile`: the section's value under `name`. Both need to live only until the constructor returns.
-    BackendRun(const std::string& name, const PropertyList& profile, const Circumstances& circumstances);
+    BackendRun(const std::string& name, const PropertyList& profile, const Scenario& scenario);
 
     // One post as the server receives it. Sizes are those of the body, in bytes.
     struct Post {
@@ -50,7 +50,7 @@ class BackendRun final : private DecisionTrace {
     void posted(const HttpRequest& request);
 
     std::vector<Dictionary> leaving_;
-    Trial trial_;
+    DryRun dryRun_;
     const std::shared_ptr<TelvoraBackend> backend_;
     const bool handedOn_;
 };

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
@@ -33,7 +33,7 @@ struct ExplainOptions {
     std::optional<std::string> deviceFile;
     std::optional<std::string> eventsFile;
     bool log = false;
-    Circumstances circumstances;  // `environment`, `device` and `country` are set from the options above
+    Scenario scenario;  // `environment`, `device` and `country` are set from the options above
 };
 
 // Prints the effect of a bag, signed or not, on a session, and the outcome of recorded reports.

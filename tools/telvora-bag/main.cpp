@@ -20,32 +20,32 @@ constexpr char kFooter[] =
 CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
     constexpr int kLastClientType = 18;
     const auto yesOrNo = CLI::CheckedTransformer(std::map<std::string, bool>{{"yes", true}, {"no", false}});
-    telvora::bag::Circumstances& circumstances = options.circumstances;
+    telvora::bag::Scenario& scenario = options.scenario;
 
     CLI::App* explain =
         app.add_subcommand("explain", "Print what a bag means for a session on a device, and why");
     explain->add_option("file", options.file, "The bag, signed or not")->required();
-    explain->add_option("--client-type", circumstances.clientType, "The client's type, 0 to 18")
+    explain->add_option("--client-type", scenario.clientType, "The client's type, 0 to 18")
         ->required()
         ->check(CLI::Range(0, kLastClientType));
     explain
         ->add_option("--environment", options.environment,
                      "development, zandor_internal, seed, release, or its number")
         ->capture_default_str();
-    explain->add_option("--client-name", circumstances.clientName, "The client's name; absent: none");
-    explain->add_option("--service-name", circumstances.serviceName, "The service's name; absent: none");
-    explain->add_flag("!--no-user-info-required", circumstances.requireUserInfo,
+    explain->add_option("--client-name", scenario.clientName, "The client's name; absent: none");
+    explain->add_option("--service-name", scenario.serviceName, "The service's name; absent: none");
+    explain->add_flag("!--no-user-info-required", scenario.requireUserInfo,
                       "The session does not require user info");
-    explain->add_flag("--batch", circumstances.batch, "The client asks for batches");
+    explain->add_flag("--batch", scenario.batch, "The client asks for batches");
     explain->add_option("--device", options.deviceFile, "The device's properties, as in device.plist");
-    explain->add_option("--country", circumstances.country, "The country's code; absent: unknown");
-    explain->add_option("--consent", circumstances.consent, "Whether the user shares diagnostics, yes or no")
+    explain->add_option("--country", scenario.country, "The country's code; absent: unknown");
+    explain->add_option("--consent", scenario.consent, "Whether the user shares diagnostics, yes or no")
         ->transform(yesOrNo)
         ->default_str("no");
-    explain->add_option("--draw", circumstances.draw, "The random sampling factor, 0 to 1")
+    explain->add_option("--draw", scenario.draw, "The random sampling factor, 0 to 1")
         ->check(CLI::Range(0.0, 1.0))
         ->capture_default_str();
-    explain->add_option("--framework", circumstances.framework, "The version of the client framework")
+    explain->add_option("--framework", scenario.framework, "The version of the client framework")
         ->capture_default_str();
     explain->add_option("--events", options.eventsFile,
                         "Recorded reports, one JSON object a line as 'telvoractl session' reads them");

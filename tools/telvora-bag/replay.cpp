@@ -35,8 +35,8 @@ Report reportOf(const Dictionary& message) {
 // One backend, with the outcome of the reports that were submitted to it.
 class BackendReplay {
   public:
-    BackendReplay(const std::string& name, const PropertyList& profile, const Circumstances& circumstances)
-        : run_(name, profile, circumstances), userInfo_(userInfoOf(circumstances)) {
+    BackendReplay(const std::string& name, const PropertyList& profile, const Scenario& scenario)
+        : run_(name, profile, scenario), userInfo_(userInfoOf(scenario)) {
         run_.onFiltered = [this](const std::string& key, const EventFilter& filter) {
             ++filtered_[{key, filter.action}];
         };
@@ -114,14 +114,13 @@ void BackendReplay::print(std::ostream& out) const {
 
 }  // namespace
 
-tl::expected<std::string, std::string> replayReports(const Dictionary& bag,
-                                                     const Circumstances& circumstances,
+tl::expected<std::string, std::string> replayReports(const Dictionary& bag, const Scenario& scenario,
                                                      std::istream& reports) {
     std::map<std::string, BackendReplay> replays;
-    const Dictionary* section = sectionForSession(bag, circumstances);
+    const Dictionary* section = sectionForSession(bag, scenario);
     if (section != nullptr) {
         for (const auto& [name, profile] : *section)
-            replays.try_emplace(name, name, profile, circumstances);
+            replays.try_emplace(name, name, profile, scenario);
     }
     size_t number = 0;
     for (std::string line; std::getline(reports, line);) {

@@ -65,7 +65,7 @@ struct Fate {
 };
 
 Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
-    BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+    BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     std::string url;
     run.onPost = [&url](const BackendRun::Post& post) { url = post.url; };
     run.send(category, kType, {}, flag);
@@ -80,7 +80,7 @@ Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
 // The number of reports of one category that make the daemon post the batch.
 std::string batchLimit(const SampledBackend& sampled, uint16_t category) {
     constexpr size_t kMaxReports = 1000;
-    BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+    BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     bool posted = false;
     run.onPost = [&posted](const BackendRun::Post&) { posted = true; };
     for (size_t number = 1; number <= kMaxReports; ++number) {
@@ -107,13 +107,13 @@ std::string describe(const EventFilter& filter) {
 FilterAction actionOnUserInfo(const SampledBackend& sampled, const EventFilter& filter,
                               const FilterSubject& subject) {
     const std::string key(filter.key);
-    Circumstances circumstances = sampled.circumstances;
-    Dictionary given = userInfoOf(circumstances);
+    Scenario scenario = sampled.scenario;
+    Dictionary given = userInfoOf(scenario);
     if (given.string(key) == nullptr) {
-        circumstances.userInfo.set(key, "value");
+        scenario.userInfo.set(key, "value");
         given.set(key, "value");
     }
-    BackendRun run(sampled.name, sampled.profile, circumstances);
+    BackendRun run(sampled.name, sampled.profile, scenario);
     FilterAction least = FilterAction::remove;
     run.onPost = [&](const BackendRun::Post& post) {
         for (const Dictionary& event : post.events) {
@@ -132,8 +132,8 @@ FilterAction actionOnUserInfo(const SampledBackend& sampled, const EventFilter& 
 
 }  // namespace
 
-void printFates(std::ostream& out, const SampledBackend& sampled) {
-    const BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+void printOutcomes(std::ostream& out, const SampledBackend& sampled) {
+    const BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     const TelvoraBackend& backend = *run.backend();
     if (run.isHandedOn()) {
         out << "  reports: handed to the metrics adaptor, if the device has one\n";
@@ -154,7 +154,7 @@ void printFates(std::ostream& out, const SampledBackend& sampled) {
 }
 
 void printFilters(std::ostream& out, const SampledBackend& sampled) {
-    const BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+    const BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     const std::vector<EventFilter>& filters = run.backend()->policy().filters;
     for (size_t i = 0; i < filters.size(); ++i) {
         const EventFilter& filter = filters[i];

@@ -7,7 +7,7 @@
 #include <ostream>
 #include <string>
 
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
@@ -15,11 +15,11 @@ namespace telvora::bag {
 struct SampledBackend {
     const std::string& name;
     const PropertyList& profile;
-    const Circumstances& circumstances;
+    const Scenario& scenario;
 };
 
 // Prints the categories that pass, and the outcome of plain, realtime and promoting reports.
-void printFates(std::ostream& out, const SampledBackend& backend);
+void printOutcomes(std::ostream& out, const SampledBackend& backend);
 
 // Prints the filters in force, and where they leave user info unprotected.
 void printFilters(std::ostream& out, const SampledBackend& backend);

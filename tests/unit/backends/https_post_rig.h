@@ -35,7 +35,7 @@ inline Dictionary reportingClient(const Dictionary& changes = {}) {
 struct HTTPSPostRig : BackendRig {
     HTTPSPostRig() {
         setConsent(true);
-        http.setHandler([](const HttpRequest&) { return lab::FakeHttpClient::response(200); });
+        http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(200); });
     }
 
     // A backend that requires user info and has it, not batching.

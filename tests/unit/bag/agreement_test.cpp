@@ -101,7 +101,7 @@ Dictionary bagOf(Array clients) {
     return {{"version", "1"}, {"refresh_cycle", 1}, {"release", section}};
 }
 
-Circumstances randomCircumstances(Dice& dice, bool consent) {
+Scenario randomCircumstances(Dice& dice, bool consent) {
     using Text = std::optional<std::string>;
     return {.clientType = 7,
             .clientName = dice.oneOf<Text>({"a", "B", "", std::nullopt}),
@@ -117,7 +117,7 @@ Circumstances randomCircumstances(Dice& dice, bool consent) {
 // Sessions of the real daemon.
 class Daemon {
   public:
-    explicit Daemon(const Circumstances& given) : world_(given.device) {
+    explicit Daemon(const Scenario& given) : world_(given.device) {
         world_.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
                                test::serialized(Dictionary{{"Enabled", given.consent}}));
     }
@@ -127,7 +127,7 @@ class Daemon {
         world_.serveBag(bag);
     }
 
-    std::shared_ptr<test::FakeConnection> connect(const Circumstances& given) {
+    std::shared_ptr<test::FakeConnection> connect(const Scenario& given) {
         world_.samplingFactor = given.draw;
         auto connection = world_.connect();
         Dictionary info = test::sessionInfoFor(1);
@@ -141,7 +141,7 @@ class Daemon {
     }
 
     // The outcome of one report of a new session, in explain's words.
-    std::string fateOf(const Circumstances& given, uint16_t category, int flag) {
+    std::string fateOf(const Scenario& given, uint16_t category, int flag) {
         const auto connection = connect(given);
         connection->session().flushMessagesWithCompletion({});  // flushes the daemon's own first report
         const ReportTally before = tally();
@@ -187,7 +187,7 @@ TEST(Agreement, ExplainTellsTheFateOfReportsInTheDaemon) {
     std::unique_ptr<Daemon> daemon;
     for (unsigned seed = 0; seed < kBags; ++seed) {
         Dice dice(seed);
-        const Circumstances given = randomCircumstances(dice, seed / kBagsOfAWorld % 4 != 0);
+        const Scenario given = randomCircumstances(dice, seed / kBagsOfAWorld % 4 != 0);
         const Dictionary bag = bagOf(randomClients(dice));
         if (seed % kBagsOfAWorld == 0) daemon = std::make_unique<Daemon>(given);
         daemon->serve(bag);
@@ -220,11 +220,11 @@ std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
     static const DeviceProperties properties(Dictionary{});
     static const DeviceIdentity identity(properties, defaults);
     static const Environment environment(defaults, identity);
-    static lab::FakeHttpClient http;
+    static test::FakeHttpClient http;
     std::string text;
     for (unsigned kind = 0; kind < 32; ++kind) {
         Dice dice(kind);
-        const Circumstances given = randomCircumstances(dice, !dice.roll(4));
+        const Scenario given = randomCircumstances(dice, !dice.roll(4));
         if (onlyWithUserInfo && !given.requireUserInfo) continue;
         const auto country = dice.oneOf<std::optional<std::string>>({"CH", "DE", std::nullopt});
         const Dictionary userInfo = userInfoOf(given);
@@ -265,7 +265,7 @@ std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
 }
 
 // The entries without the part that a finding calls ineffective. `std::nullopt` for other findings.
-std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& finding) {
+std::optional<Array> withoutIneffectivePart(Array clients, const Finding& finding) {
     constexpr std::string_view kCountsAs = "; counts as ";
     const std::string beginning = "release/httpPost/clients[";
     if (!finding.path.starts_with(beginning)) return std::nullopt;
@@ -303,7 +303,7 @@ TEST(Agreement, WhatLintCallsWithoutEffectHasNone) {
         const Array clients = randomClients(dice);
         const std::array policies = {policiesOf(clients, false), policiesOf(clients, true)};
         for (const Finding& finding : lintBag(bagOf(clients))) {
-            const auto changed = withoutWhatHasNoEffect(clients, finding);
+            const auto changed = withoutIneffectivePart(clients, finding);
             if (!changed) continue;
             const bool onlyWithUserInfo = finding.text.find("no user info alone") != std::string::npos;
             ++compared[onlyWithUserInfo];
@@ -337,7 +337,7 @@ TEST(Agreement, LintFindsTheFiltersThatLeaveUserInfoAlone) {
         std::string findings;
         for (const Finding& finding : lintBag(bag))
             findings += finding.text;
-        Circumstances given = randomCircumstances(dice, true);
+        Scenario given = randomCircumstances(dice, true);
         given.requireUserInfo = true;
         given.clientName = "a";
         const std::string text = explainBag(bag, given, false);

@@ -32,7 +32,7 @@ const char kReports[] = R"({"category": 5, "type": 1, "payload": {"ip": "::1", "
 {"category": 7, "type": 1, "flag": 2}
 )";
 
-Circumstances circumstances(bool consent) {
+Scenario scenario(bool consent) {
     return {.clientType = 7,
             .clientName = "client",
             .serviceName = "service",
@@ -44,7 +44,7 @@ Circumstances circumstances(bool consent) {
 
 // The number of reports that a real session with that bag posts, and whether the backend then counts as one
 // that reports.
-std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Circumstances& given) {
+std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Scenario& given) {
     test::DaemonWorld world(given.device);
     world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
                           test::serialized(Dictionary{{"Enabled", given.consent}}));
@@ -122,7 +122,7 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         Dictionary client = json(kClient);
         client.merge(json(c.changes));
         const Dictionary bag = test::DaemonWorld::bagWithClient(std::move(client));
-        const Circumstances given = circumstances(c.consent);
+        const Scenario given = scenario(c.consent);
         const std::string text = explainBag(bag, given, false);
         EXPECT_THAT(text, HasSubstr(c.explanation)) << c.changes;
         std::istringstream reports(kReports);
@@ -144,7 +144,7 @@ TEST(Explain, ShowsAWholeBag) {
         json(R"({"dashboard": {"ip": "127.0.0.1"}, "uploadServer": {"post_url": "https://up.example/"},
             "vodex": {}})"));
     bag.set("release", section);
-    Circumstances given = circumstances(true);
+    Scenario given = scenario(true);
     given.environment = EnvironmentType::seed;
     EXPECT_EQ(explainBag(bag, given, false),
               "bag \"quillet\", version 1, used for as long as its server says\n"

@@ -152,7 +152,7 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
 
 // Its messages wait for a client that lags, within what is documented and its user's quota.
 TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     UserDefaults defaults(directory.path(), directory.path());
     UserQuotas quotas(defaults);
     const QuotaUser user = quotas.of(1);

@@ -7,15 +7,14 @@
 #include <string>
 
 #include "policy/decision_trace.h"
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
-class Narrator final : public DecisionTrace {
+class DecisionPrinter final : public DecisionTrace {
   public:
     // Prints to `out` one line for each decision about the session. Both arguments must outlive the object.
-    Narrator(std::ostream& out, const Circumstances& circumstances)
-        : out_(out), circumstances_(circumstances) {}
+    DecisionPrinter(std::ostream& out, const Scenario& scenario) : out_(out), scenario_(scenario) {}
 
     // The device whose name and product type the lines contain. Must outlive the object.
     void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
@@ -33,7 +32,7 @@ class Narrator final : public DecisionTrace {
     std::string list(const Dictionary& subject, std::string_view key) const;
 
     std::ostream& out_;
-    const Circumstances& circumstances_;
+    const Scenario& scenario_;
     const DeviceIdentity* identity_ = nullptr;
     const Array* clients_ = nullptr;
 };

@@ -17,7 +17,7 @@
 namespace telvora::bag {
 
 // A session, its client and its device. An empty value means unknown or absent.
-struct Circumstances {
+struct Scenario {
     EnvironmentType environment = EnvironmentType::release;
     uint32_t clientType = 0;
     std::optional<std::string> clientName;
@@ -33,14 +33,14 @@ struct Circumstances {
 };
 
 // The session's complete user info. Empty if the session has none.
-Dictionary userInfoOf(const Circumstances& circumstances);
+Dictionary userInfoOf(const Scenario& scenario);
 
-class Trial {
+class DryRun {
   public:
     // `trace` receives the reasons of the backends' decisions. It must outlive the object.
-    Trial(const Circumstances& circumstances, DecisionTrace& trace);
-    Trial(const Trial&) = delete;
-    Trial& operator=(const Trial&) = delete;
+    DryRun(const Scenario& scenario, DecisionTrace& trace);
+    DryRun(const DryRun&) = delete;
+    DryRun& operator=(const DryRun&) = delete;
 
     // The backend that a section with one backend describes, its state not yet updated. Null if the daemon
     // would not make one.
@@ -58,7 +58,7 @@ class Trial {
   private:
     class Server;
 
-    const Circumstances circumstances_;
+    const Scenario scenario_;
     TimeValue now_;
     const DeviceProperties properties_;
     UserDefaults defaults_;
