@@ -7,8 +7,8 @@
 #include <iostream>
 #include <thread>
 
-#include "daemon/descriptor_limit.h"
 #include "load.h"
+#include "platform/descriptor_limit.h"
 #include "process_figures.h"
 #include "service.h"
 #include "sessions.h"

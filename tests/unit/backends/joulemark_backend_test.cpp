@@ -5,7 +5,6 @@
 
 #include "platform/power_log.h"
 #include "plist/property_list_format.h"
-#include "session/backend_factory.h"
 #include "tests/support/unix_socket.h"
 #include "tests/unit/backends/backend_rig.h"
 
@@ -23,8 +22,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     const std::string path = rig.directory.path() / "journal";
     const std::unique_ptr<PowerLog> powerLog = makeJournalPowerLog(path);
     rig.services.powerLog = powerLog.get();
-    const auto backend = std::static_pointer_cast<JoulemarkBackend>(
-        BackendFactory(rig.services).newBackendWithName(kTelvoraBackendJoulemark, nullptr, "family", 1));
+    const auto backend = JoulemarkBackend::make(rig.services, kTelvoraBackendJoulemark, nullptr, "family");
     const Dictionary payload{{"event", "old"},       {"a b\xe4", -2},
                              {"a_b_", "one\ntwo=2"}, {"yes", true},
                              {"real", 0.1},          {"data", Data{std::string("\0\xff", 2)}},

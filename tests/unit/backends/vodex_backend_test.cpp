@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "backends/vodex_payload.h"
-#include "session/backend_factory.h"
 #include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
@@ -18,13 +17,12 @@ using testing::ElementsAre;
 
 TEST(VodexBackendTest, ExistsForThreeClientTypes) {
     const BackendRig rig;
-    const BackendFactory factory(rig.services);
     for (const int32_t type : {7, 11, 13})
-        EXPECT_NE(factory.newBackendWithName(kTelvoraBackendVodex, nullptr, "family", type), nullptr);
+        EXPECT_NE(VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, "family", type), nullptr);
     for (const int32_t type : {-1, 0, 8, 14, 39, 45}) {
         const LogCapture log;
         const std::string text = std::to_string(type);
-        EXPECT_EQ(factory.newBackendWithName(kTelvoraBackendVodex, nullptr, "family", type), nullptr);
+        EXPECT_EQ(VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, "family", type), nullptr);
         EXPECT_THAT(
             log.lines(),
             ElementsAre("<6>VodexBackend(initWithName): Loading Vodex adaptor class for client type " + text,

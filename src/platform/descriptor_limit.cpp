@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/descriptor_limit.h"
+#include "platform/descriptor_limit.h"
 
 #include <sys/resource.h>
 
