@@ -7,11 +7,13 @@ set -eu
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# shellcheck disable=SC2016  # fences of a code block
 sed -n '/^```sh$/,/^```$/p' "$1/README.md" | sed '/^```/d' >"$work/path.sh"
 mkdir -p "$work/build/release"
 ln -s "$2" "$work/build/release/bin"
 cd "$work"
 # Ends the started programs if the example fails halfway.
+# shellcheck disable=SC2016  # expanded by the inner shell
 run='trap "kill \$lab \$daemon 2>/dev/null || :" EXIT; lab=; daemon=; . ./path.sh'
 TMPDIR="$work" timeout --kill-after=5 100 sh -c "$run" >output 2>&1 || { cat output "$work"/tmp.*/telvorad.log; exit 1; }
 
