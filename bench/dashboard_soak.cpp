@@ -259,14 +259,14 @@ int main(int argc, char** argv) {
     constexpr int kUsageError = 2;
     telvora::bench::Options options;
     CLI::App app(
-        "Sends reports to a dashboard over a bad network in virtual time, and compares what arrives "
-        "with the prediction.");
+        "Sends reports to a dashboard over a lossy network in virtual time, and compares the arrivals with "
+        "the prediction.");
     app.option_defaults()->always_capture_default();
     app.add_option("--reports", options.reports, "Reports in each scenario")
         ->check(CLI::Range(1, 10'000'000));
     app.add_option("--loss", options.loss, "Probability of losing a datagram, each way")
         ->check(CLI::Range(0.0, 0.99));
-    app.add_option("--seed", options.seed, "Of the random sequence that decides the losses");
+    app.add_option("--seed", options.seed, "Seed of the random sequence of the losses");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

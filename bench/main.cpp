@@ -131,20 +131,22 @@ int main(int argc, char** argv) {
         "The bag's \"event_threshold\": a batch is sent when it holds one more report of a category");
     app.add_flag("--override-consent", options.overrideConsent,
                  "A bag with \"override_dnu\": messages are then not copied to the message log");
-    app.add_option("--idle-seconds", options.idleSeconds, "How long the idle daemon is watched for wakeups");
+    app.add_option("--idle-seconds", options.idleSeconds,
+                   "Seconds in which wake-ups of the idle daemon are counted");
     CLI::App* sessionsMode = app.add_subcommand(
-        "sessions", "Measure many sessions at once instead, standalone and in hierarchies of ten.");
+        "sessions", "Measure many simultaneous sessions, standalone and in hierarchies of ten.");
     sessionsMode->add_option("--count", sessions.counts, "Concurrent sessions; repeatable")
         ->default_val(std::vector<size_t>{1000, 10'000})
         ->check(CLI::Range(10, 100'000));
     sessionsMode->add_option("--reports", sessions.reports, "Reports per measurement of their cost")
         ->check(CLI::Range(100, 10'000'000));
     telvora::bench::ServiceOptions service;
-    CLI::App* serviceMode = app.add_subcommand(
-        "service", "Measure instead how fast the daemon starts, and what it costs while nothing happens.");
-    serviceMode->add_option("--starts", service.starts, "Starts, told and by a connection")
+    CLI::App* serviceMode =
+        app.add_subcommand("service", "Measure the daemon's start time, and its cost while idle.");
+    serviceMode->add_option("--starts", service.starts, "Starts, directly and by a connection")
         ->check(CLI::Range(1, 1000));
-    serviceMode->add_option("--idle-minutes", service.idleMinutes, "How long idle daemons are watched")
+    serviceMode
+        ->add_option("--idle-minutes", service.idleMinutes, "Minutes in which idle daemons are observed")
         ->check(CLI::Range(0.01, 1440.0));
     try {
         app.parse(argc, argv);

@@ -51,7 +51,7 @@ double activationTime(const World& world) {
         options.socketActivation = true;
         options.defaults.set("idleMilliseconds", 100);
     });
-    if (!daemon->waitUntilActivatable()) throw std::runtime_error("nothing listens for the daemon");
+    if (!daemon->waitUntilActivatable()) throw std::runtime_error("the daemon's socket does not listen");
     ClientRuntime runtime;
     const auto begin = Clock::now();
     auto session = openSession(runtime, daemon->socketPath(), {{kTelvoraSessionInfoSessionID, 1}});

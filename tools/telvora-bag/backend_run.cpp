@@ -72,9 +72,9 @@ std::string reasonOf(ReportPlace place) {
         case ReportPlace::batchFull:
             return "the batch was full and could not be sent";
         case ReportPlace::noURL:
-            return "there is nowhere to post to";
+            return "there is no URL to post to";
         case ReportPlace::notSupported:
-            return "this backend takes no reports of sessions";
+            return "sessions send no reports to this backend";
         default:
             return nameOf(place);
     }

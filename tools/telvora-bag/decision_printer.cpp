@@ -42,27 +42,25 @@ std::string DecisionPrinter::reasonFor(Decision decision, const Dictionary& subj
     const std::string threshold = soFar.samplingThreshold ? numberText(*soFar.samplingThreshold) : "(none)";
     switch (decision) {
         case Decision::kept:
-            return "a logged message has gone out: the state stays";
+            return "a message has been posted with consent: the state stays";
         case Decision::batchingSet:
             return std::string("expedite: reports are ") + (soFar.batchEvents ? "batched" : "posted at once");
         case Decision::servedByFirstLink:
             return "serves the session, which requires no user info: it is the first entry with a post_url. "
-                   "Of "
-                   "the rest of it only realtime_post_url, event_threshold and extras_on_internal count";
+                   "Of the rest of it only realtime_post_url, event_threshold and extras_on_internal count";
         case Decision::servedWithoutLink:
             return "the session requires no user info, and no entry has a post_url";
         case Decision::userInfoMissing:
-            return "the session requires user info and has none: its entry, and with it filters and lists, "
-                   "is "
-                   "chosen once it has";
+            return "the session requires user info and has none: it has no entry, no filters and no lists "
+                   "until then";
         case Decision::namesDiffer:
-            return "passed over: it is for " + list(subject, "client") + ", " + list(subject, "service");
+            return "skipped: it applies to " + list(subject, "client") + ", " + list(subject, "service");
         case Decision::frameworkTooOld:
-            return "passed over: " + list(subject, "enabledSince") + " is later than " + scenario_.framework;
+            return "skipped: " + list(subject, "enabledSince") + " is later than " + scenario_.framework;
         case Decision::entryTaken:
             return "taken: the first entry for " + session();
         case Decision::noEntry:
-            return "no entry is for " + session();
+            return "no entry applies to " + session();
         case Decision::consentGiven:
             return "the user shares diagnostics";
         case Decision::consentOverridden:

@@ -70,7 +70,7 @@ std::optional<size_t> entryWithoutUserInfo(const Array& clients) {
 bool reportTaken(const std::string& path, const std::string& takers, bool usedWithoutUserInfo,
                  Findings& findings) {
     if (usedWithoutUserInfo) {
-        findings.warn(path, "is used by sessions that require no user info alone: " + takers + " all others");
+        findings.warn(path, "is used only by sessions that require no user info: " + takers + " all others");
     } else {
         findings.error(path, "is never used: " + takers + " all its sessions");
     }
@@ -85,7 +85,7 @@ bool lintAudience(const std::string& path, const std::vector<std::optional<Audie
     if (names.empty()) {
         const auto taker = takerOf(audiences, index, nullptr, false);
         return taker &&
-               reportTaken(own, element("clients", *taker) + " takes", usedWithoutUserInfo, findings);
+               reportTaken(own, element("clients", *taker) + " matches", usedWithoutUserInfo, findings);
     }
     Findings taken;
     size_t count = 0;
@@ -94,11 +94,11 @@ bool lintAudience(const std::string& path, const std::vector<std::optional<Audie
         if (!taker) continue;
         ++count;
         taken.error(own + "/client", "never used for " + inQuotes(name) + ": " + element("clients", *taker) +
-                                         " takes its sessions" +
+                                         " matches its sessions" +
                                          (usedWithoutUserInfo ? " that require user info" : ""));
     }
     if (count == names.size()) {
-        return reportTaken(own, "entries before it take", usedWithoutUserInfo, findings);
+        return reportTaken(own, "earlier entries match", usedWithoutUserInfo, findings);
     }
     for (Finding& finding : taken.take())
         findings.add(std::move(finding));
@@ -112,8 +112,8 @@ void lintExpedite(const std::string& path, const std::vector<std::optional<Audie
     if (names.size() > 1) return;
     const auto first = takerOf(audiences, index, names.empty() ? nullptr : names.data(), true);
     if (!first) return;
-    findings.error(element(path, index) + "/expedite", "is never looked at: " + element("clients", *first) +
-                                                           " is the first entry of these names");
+    findings.error(element(path, index) + "/expedite",
+                   "is never read: " + element("clients", *first) + " is the first entry of these names");
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ void lintUserInfo(const std::string& path, const ClientEntry& entry, const std::
     const FilterAction inUserInfo = actionOn(filters, key, {});
     if (!isStricter(actionOn(filters, key, subject), inUserInfo)) return;
     findings.warn(path, "does not protect user info: batched reports have it " +
-                            std::string(inUserInfo == FilterAction::sha256 ? "hashed" : "as given") +
+                            std::string(inUserInfo == FilterAction::sha256 ? "hashed" : "in clear") +
                             ", as it is filtered there like a report of category 0 and type 0");
 }
 
@@ -63,7 +63,7 @@ void lintFilters(const std::string& path, const ClientEntry& entry, Findings& fi
         if (key == nullptr) continue;  // already reported
         lintAction(own, *dictionary, findings);
         if (key->empty()) {
-            findings.error(own + "/key", "is empty: it fits no key");
+            findings.error(own + "/key", "is empty: it matches no key");
             continue;
         }
         const auto earlier = std::find_if(filters.begin(), filters.begin() + static_cast<std::ptrdiff_t>(i),

@@ -84,7 +84,7 @@ void BackendReplay::count(const BackendRun::Post& post) {
 
 void BackendReplay::print(std::ostream& out) const {
     if (run_.isHandedOn()) {
-        out << "  " << offered_ << " of " << offered_ << " reports handed to the metrics adaptor\n";
+        out << "  " << offered_ << " of " << offered_ << " reports passed to the metrics adaptor\n";
         return;
     }
     const ReportTally tally = run_.tally();
@@ -97,7 +97,7 @@ void BackendReplay::print(std::ostream& out) const {
         if (tally[cause] > 0) out << "  " << tally[cause] << " dropped: " << reasonOf(cause) << '\n';
     }
     if (posts_ > 0) {
-        out << "  " << json_ << " bytes of JSON, " << sent_ << " bytes as sent, " << std::fixed
+        out << "  " << json_ << " bytes of JSON, " << sent_ << " bytes sent, " << std::fixed
             << std::setprecision(1) << static_cast<double>(sent_) / static_cast<double>(posted)
             << " per report\n";
     }
@@ -108,7 +108,7 @@ void BackendReplay::print(std::ostream& out) const {
             << " reports\n";
         const auto asGiven = asGiven_.find(key);
         if (asGiven == asGiven_.end()) continue;
-        out << "    but user info was posted as given in " << asGiven->second << " reports\n";
+        out << "    but user info was posted in clear in " << asGiven->second << " reports\n";
     }
 }
 

@@ -59,18 +59,18 @@ std::string lossIn(const ReportTally& tally) {
     return "";
 }
 
-struct Fate {
+struct Outcome {
     std::string text;
     bool held = false;
 };
 
-Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
+Outcome outcomeOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
     BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     std::string url;
     run.onPost = [&url](const BackendRun::Post& post) { url = post.url; };
     run.send(category, kType, {}, flag);
     if (run.tally()[ReportPlace::held] == 0) {
-        return url.empty() ? Fate{"dropped: " + lossIn(run.tally())} : Fate{"posted at once to " + url};
+        return url.empty() ? Outcome{"dropped: " + lossIn(run.tally())} : Outcome{"posted at once to " + url};
     }
     run.flush();
     const std::string flushed = url.empty() ? "drops them: " + lossIn(run.tally()) : "posts them to " + url;
@@ -136,7 +136,7 @@ void printOutcomes(std::ostream& out, const SampledBackend& sampled) {
     const BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     const TelvoraBackend& backend = *run.backend();
     if (run.isHandedOn()) {
-        out << "  reports: handed to the metrics adaptor, if the device has one\n";
+        out << "  reports: passed to the metrics adaptor, if the device has one\n";
         return;
     }
     const bool decidedByLists =
@@ -144,9 +144,9 @@ void printOutcomes(std::ostream& out, const SampledBackend& sampled) {
     if (decidedByLists) out << "  categories that pass: " << categoriesThatPass(backend) << '\n';
     const auto category = categoryThatPasses(backend);
     if (!category) return;
-    const Fate plain = fateOf(sampled, *category, kPlain);
-    const Fate realtime = fateOf(sampled, *category, kRealtime);
-    const Fate promoting = fateOf(sampled, *category, kPromoting);
+    const Outcome plain = outcomeOf(sampled, *category, kPlain);
+    const Outcome realtime = outcomeOf(sampled, *category, kRealtime);
+    const Outcome promoting = outcomeOf(sampled, *category, kPromoting);
     out << "  reports: " << plain.text << '\n';
     if (realtime.text != plain.text) out << "  realtime reports: " << realtime.text << '\n';
     if (promoting.text != plain.text) out << "  promoting reports: " << promoting.text << '\n';
@@ -166,7 +166,7 @@ void printFilters(std::ostream& out, const SampledBackend& sampled) {
         const FilterAction left = actionOnUserInfo(sampled, filter, *subject);
         if (!isStricter(actionOn(filters, filter.key, subject), left)) continue;
         out << "    but not user info: batched reports have it "
-            << (left == FilterAction::sha256 ? "hashed" : "as given") << '\n';
+            << (left == FilterAction::sha256 ? "hashed" : "in clear") << '\n';
     }
 }
 

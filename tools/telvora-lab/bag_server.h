@@ -60,10 +60,6 @@ class BagServer {
     // A bag without a setBag() is answered with the file of its name in `directory`, read at each request.
     // Such a file is a signed document.
     void serveSigned(std::filesystem::path directory);
-    // The headers of a bag's answers. Without a call: "max-age=600", and no "Last-Modified". A request whose
-    // "If-Modified-Since" equals `lastModified` is answered with 304.
-    void setHeaders(const std::string& name, std::optional<std::string> cacheControl,
-                    std::optional<std::string> lastModified);
     // Sets the fault of all further answers for the bag, which need not exist.
     void setFault(const std::string& name, BagFault fault);
     // Releases the answers that BagFault::hold holds.
@@ -81,13 +77,11 @@ class BagServer {
   private:
     struct Bag {
         std::optional<Dictionary> content;
-        std::optional<std::string> cacheControl = "max-age=600";
-        std::optional<std::string> lastModified;
         BagFault fault = BagFault::none;
     };
 
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
-    ServerResponse answerFor(const Bag& bag, const std::optional<std::string>& ifModifiedSince) const;
+    ServerResponse answerFor(const Bag& bag) const;
     std::optional<std::string> signedDocument(const std::string& name) const TELVORA_REQUIRES(mutex_);
 
     const LabPki& pki_;

@@ -158,9 +158,8 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
 Command addLogCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<LogOptions>();
     CLI::App* command = app.add_subcommand("log", "Show the local message log");
-    command->add_option("-n,--records", options->count, "How many of the last records")
-        ->capture_default_str();
-    command->add_flag("-f,--follow", options->follow, "Go on with those that come");
+    command->add_option("-n,--records", options->count, "Number of last records")->capture_default_str();
+    command->add_flag("-f,--follow", options->follow, "Also print new records");
     return {command, [options, &common] { return runLog(*options, common); }};
 }
 

@@ -38,7 +38,7 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<OneshotOptions>();
     CLI::App* command = app.add_subcommand("oneshot", "Send one report without a session");
-    command->footer("Prints \"finished\" when the backends have the report.");
+    command->footer("Prints \"finished\" after the backends have accepted the report.");
     addSessionOptions(*command, options->session);
     addReportOptions(*command, options->report);
     return {command, [options, &common] { return runOneshot(*options, common); }};

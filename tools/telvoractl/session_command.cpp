@@ -19,8 +19,8 @@ constexpr char kLineHelp[] =
     "Each line of standard input is a report or a word:\n"
     "  {\"category\":1,\"type\":2,\"payload\":{\"key\":\"value\"},\"flag\":0}\n"
     "               payload and flag may be left out; flag 1 sends at once, 2 promotes\n"
-    "  flush        posts what is batched\n"
-    "  states       tells which backends report\n"
+    "  flush        posts the batches\n"
+    "  states       prints the backends that report\n"
     "  upload PATH  hands over a file\n"
     "  finish       flushes and finishes the session, as the end of the input does";
 
@@ -113,9 +113,9 @@ Command addSessionCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("session", "Run a session from the lines of standard input");
     command->footer(std::string(kLineHelp) +
-                    "\nEach answer is printed: at a terminal as text, else as a line of JSON.");
+                    "\nEach answer is printed: on a terminal as text, else as a line of JSON.");
     addSessionOptions(*command, options->session);
-    command->add_flag("--aggregate", options->aggregate, "Ask for the session's messages and print them");
+    command->add_flag("--aggregate", options->aggregate, "Print the reports of the session's hierarchy");
     return {command, [options, &common] { return runSession(options->session, common, options->aggregate); }};
 }
 

@@ -31,7 +31,8 @@ Command addUploadCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<UploadOptions>();
     CLI::App* command = app.add_subcommand("upload", "Open a session and upload files");
     addSessionOptions(*command, options->session);
-    command->add_option("path", options->files, "Files to upload, each open to the caller")->required();
+    command->add_option("path", options->files, "Files to upload; the caller must be able to open them")
+        ->required();
     return {command, [options, &common] { return runUpload(*options, common); }};
 }
 

@@ -150,15 +150,15 @@ class Daemon {
                                                          {kTelvoraMessageParametersFlag, flag}},
                                                         [](const auto&) {});
         const ReportTally after = tally();
-        std::string fate;
+        std::string outcome;
         if (after[ReportPlace::held] > before[ReportPlace::held]) {
             connection->session().flushMessagesWithCompletion({});
-            fate = "held; a flush " + end(after, "posts them to ", "drops them: ");
+            outcome = "held; a flush " + end(after, "posts them to ", "drops them: ");
         } else {
-            fate = end(before, "posted at once to ", "dropped: ");
+            outcome = end(before, "posted at once to ", "dropped: ");
         }
         connection->invalidate();
-        return fate;
+        return outcome;
     }
 
     ReportTally tally() { return world_.ledger.totals()["httpPost"]; }
@@ -169,7 +169,7 @@ class Daemon {
             {ReportPlace::disabled, "the backend is disabled"},
             {ReportPlace::sampledOut, "the session is sampled out"},
             {ReportPlace::noUserInfo, "there is no user info"},
-            {ReportPlace::noURL, "there is nowhere to post to"}};
+            {ReportPlace::noURL, "there is no URL to post to"}};
         const ReportTally after = tally();
         if (after[ReportPlace::delivered] > before[ReportPlace::delivered])
             return posted + world_.http.requests().back().url;
@@ -273,7 +273,7 @@ std::optional<Array> withoutIneffectivePart(Array clients, const Finding& findin
     const std::string key = finding.path.substr(std::min(end + 2, finding.path.size()));
     PropertyList& element = clients[std::stoul(finding.path.substr(beginning.size()))];
     const auto says = [&finding](const char* text) { return finding.text.find(text) != std::string::npos; };
-    if (key.empty() && (says("is never used:") || says("that require no user info alone"))) {
+    if (key.empty() && (says("is never used:") || says("only by sessions that require no user info"))) {
         element = "gone";
         return clients;
     }
@@ -285,7 +285,7 @@ std::optional<Array> withoutIneffectivePart(Array clients, const Finding& findin
         entry.set("filters", std::move(filters));
     } else if (key.find_first_of("/[") != std::string::npos) {
         return std::nullopt;
-    } else if (says("is never looked at") || says("; counts as absent")) {
+    } else if (says("is never read") || says("; counts as absent")) {
         entry.erase(key);
     } else if (countsAs != std::string::npos) {
         entry.set(key, std::stod(finding.text.substr(countsAs + kCountsAs.size())));
@@ -296,7 +296,7 @@ std::optional<Array> withoutIneffectivePart(Array clients, const Finding& findin
     return clients;
 }
 
-TEST(Agreement, WhatLintCallsWithoutEffectHasNone) {
+TEST(Agreement, FindingsOfNoEffectAreTrue) {
     std::map<bool, size_t> compared;
     for (unsigned seed = 0; seed < 2000; ++seed) {
         Dice dice(seed);
@@ -305,7 +305,8 @@ TEST(Agreement, WhatLintCallsWithoutEffectHasNone) {
         for (const Finding& finding : lintBag(bagOf(clients))) {
             const auto changed = withoutIneffectivePart(clients, finding);
             if (!changed) continue;
-            const bool onlyWithUserInfo = finding.text.find("no user info alone") != std::string::npos;
+            const bool onlyWithUserInfo =
+                finding.text.find("only by sessions that require no user info") != std::string::npos;
             ++compared[onlyWithUserInfo];
             ASSERT_TRUE(policiesOf(*changed, onlyWithUserInfo) == policies.at(onlyWithUserInfo ? 1 : 0))
                 << seed << " " << finding.path << " " << finding.text;
@@ -341,7 +342,7 @@ TEST(Agreement, LintFindsTheFiltersThatLeaveUserInfoAlone) {
         given.requireUserInfo = true;
         given.clientName = "a";
         const std::string text = explainBag(bag, given, false);
-        for (const char* left : {"batched reports have it hashed", "batched reports have it as given"}) {
+        for (const char* left : {"batched reports have it hashed", "batched reports have it in clear"}) {
             ASSERT_EQ(count(text, left), count(findings, left)) << seed << text << findings;
             unprotected += count(text, left);
         }

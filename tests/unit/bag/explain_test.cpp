@@ -75,11 +75,10 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         {R"({})", true, "clients[0]: the draw 0.3 is not above the sampling threshold 0.5\n  => reporting\n",
          6},
         {R"({"client": "other"})", true,
-         "clients[0]: passed over: it is for client \"other\", service (absent)\n"
-         "  no entry is for client \"client\" and service \"service\"\n  => disabled",
+         "clients[0]: skipped: it applies to client \"other\", service (absent)\n"
+         "  no entry applies to client \"client\" and service \"service\"\n  => disabled",
          0},
-        {R"({"enabledSince": "9"})", true, "clients[0]: passed over: enabledSince \"9\" is later than 8.0\n",
-         0},
+        {R"({"enabledSince": "9"})", true, "clients[0]: skipped: enabledSince \"9\" is later than 8.0\n", 0},
         {R"({})", false, "the user does not share diagnostics, and override_dnu is not 1\n  => disabled", 0},
         {R"({"override_dnu": 1})", false,
          "override_dnu: it does not matter whether the user shares diagnostics\n", 6},
@@ -116,7 +115,7 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         {R"({"expedite": 0, "event_threshold": 1})", true,
          "batches: report 3 of a category sends those before it\n", 6},
         {R"({"expedite": 2})", true, "  reports: posted at once to https://reports.example/\n", 6},
-        {R"({"post_url": 1})", true, "reports: dropped: there is nowhere to post to\n", 0},
+        {R"({"post_url": 1})", true, "reports: dropped: there is no URL to post to\n", 0},
     };
     for (const auto& c : cases) {
         Dictionary client = json(kClient);
@@ -164,15 +163,15 @@ TEST(Explain, ShowsAWholeBag) {
               "  fields: \"user\" is hashed in reports of category 5 and type 1\n"
               "\nuploadServer\n"
               "  => reporting\n"
-              "  reports: dropped: this backend takes no reports of sessions\n"
+              "  reports: dropped: sessions send no reports to this backend\n"
               "\nvodex\n"
               "  => reporting\n"
-              "  reports: handed to the metrics adaptor, if the device has one\n");
+              "  reports: passed to the metrics adaptor, if the device has one\n");
 
     std::istringstream reports(kReports);
     const auto replay = replayReports(bag, given, reports);
     EXPECT_THAT(*replay, HasSubstr("httpPost\n  6 of 6 reports posted, in 6 posts\n"));
-    EXPECT_THAT(*replay, HasSubstr("vodex\n  6 of 6 reports handed to the metrics adaptor\n"));
+    EXPECT_THAT(*replay, HasSubstr("vodex\n  6 of 6 reports passed to the metrics adaptor\n"));
     EXPECT_THAT(*replay, HasSubstr("  \"IP\" removed from 1 reports\n  \"ip\" removed from 1 reports\n"
                                    "  \"user\" hashed in 1 reports\n"));
     std::istringstream broken("{\"category\": 1, \"type\": 1}\n{\"category\": 1}\n");
