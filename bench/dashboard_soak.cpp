@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bench-dashboard: reports by reliable datagrams over a network that loses some in each direction, in
-// virtual time, against what the retransmission schedule predicts. The figures go to standard output as JSON.
-// Exits with status 0 if they agree.
+// telvora-bench-dashboard: sends reports as reliable datagrams, in virtual time, over a network that loses
+// some in each direction, and compares the arrivals with the prediction of the retransmission schedule.
+// Prints the figures as JSON to standard output. Exits with status 0 if they agree.
 //
-// The prediction. A datagram is lost with probability p, an acknowledgement with probability q. A report that
-// nobody acknowledges is sent five times, in the ticks 0, 2, 5, 10 and 19. It is sent an (n+1)th time with
+// The prediction. A datagram is lost with probability p, an acknowledgement with probability q. An
+// unacknowledged report is sent five times, in the ticks 0, 2, 5, 10 and 19. It is sent an (n+1)th time with
 // probability f^n, f = 1 - (1-p)(1-q). An acknowledgement ends that early, but only for a report that has
 // arrived; so a report arrives at least once with probability 1 - p^5, first in send n with p^n (1-p), and on
-// average (1-p)(1 + f + f^2 + f^3 + f^4) times. The bound of the queue changes that for reports that 50 newer
-// ones, all still waiting, displace:
-//   - steadily: how many wait behind a report is a sum of independent decisions, whose distribution gives the
-//     expected number of displaced reports; it is next to nothing, and the prediction is 1 - p^5 for all.
-//   - in bursts without a pause, each when the one before is settled: no acknowledgement comes while a burst
-//     is sent, so that its last 50 reports arrive with 1 - p^5 and all others, sent once, with 1 - p.
+// average (1-p)(1 + f + f^2 + f^3 + f^4) times. The bound of the queue changes these figures for reports that
+// 50 newer waiting ones displace:
+//   - steady: the number of waiting reports behind a report is a sum of independent decisions. Its
+//     distribution gives the expected number of displaced reports, which is close to 0: the prediction is
+//     1 - p^5 for all.
+//   - bursts without a pause, each sent when the previous one is settled: no acknowledgement arrives while a
+//     burst is sent, so that its last 50 reports arrive with 1 - p^5 and all others, sent once, with 1 - p.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -47,7 +48,7 @@ struct Options {
     uint64_t seed = 1;
 };
 
-// How the reports are spread over time.
+// The distribution of the reports over time.
 struct Scenario {
     const char* name;
     size_t burst;  // sent at once
@@ -78,7 +79,7 @@ class Soak {
             DashboardBackend::make(services_, "dashboard", std::make_shared<const PropertyList>(profile),
                                    std::make_shared<const BackendIdentity>());
         start_ = network_.now();
-        network_.runFor(1ms);  // off the ticks
+        network_.runFor(1ms);  // between the ticks
         for (size_t i = 0; i < options_.reports; ++i) {
             if (i > 0 && i % scenario_.burst == 0) network_.runFor(scenario_.pause);
             sentInTick_.push_back(tick());
@@ -92,7 +93,7 @@ class Soak {
     double timesArrived() const { return share(tally_.arrived()); }
     double timesSent() const { return share(datagrams_); }
     size_t problems() const { return problems_; }
-    // How many reports arrived first so many ticks after they were sent.
+    // The number of reports that arrived first so many ticks after they were sent.
     const std::map<int64_t, size_t>& firstArrivals() const { return firstArrivals_; }
 
     Dictionary figures() const {
@@ -137,12 +138,12 @@ class Soak {
 
     const Options& options_;
     const Scenario& scenario_;
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     UserDefaults defaults_{directory_.path(), directory_.path()};
     DeviceProperties properties_{Dictionary()};
     DeviceIdentity identity_{properties_, defaults_};
     Environment environment_{defaults_, identity_};
-    lab::FakeHttpClient http_;
+    test::FakeHttpClient http_;
     VirtualNetwork network_;
     BackendServices services_{.http = http_,
                               .identity = identity_,
@@ -170,7 +171,7 @@ struct Prediction {
 };
 
 // The probability that at least kQueued of the reports wait that were sent in the last 20 ticks, `perTick` in
-// each, when an acknowledgement settles all but a share f of them after each send.
+// each, if an acknowledgement settles all but a share f of them after each send.
 double probabilityOfFullQueue(double perTick, double f) {
     std::vector<double> waiting(kQueued + 1, 0);  // probability of each number; the last one: or more
     waiting[0] = 1;
@@ -196,8 +197,8 @@ Prediction predict(const Options& options, const Scenario& scenario) {
         sends += std::pow(f, static_cast<double>(n));
     const double arrives = 1 - std::pow(p, static_cast<double>(kSendTicks.size()));
     const auto burst = static_cast<double>(scenario.burst);
-    // In a burst only the last ones are kept; one at a time, all are but those that the queue has no room
-    // for.
+    // A burst keeps only its last reports. Single reports are all kept, except those that the full queue
+    // displaces.
     const double kept = std::min(1.0, static_cast<double>(kQueued) / burst);
     const double perTick = static_cast<double>(kPeriod / 1ms) / static_cast<double>(scenario.pause / 1ms);
     const double displaced = scenario.burst > 1 ? 1 - kept : probabilityOfFullQueue(perTick, f);
@@ -212,7 +213,7 @@ Dictionary describe(const Prediction& prediction) {
             {"displaced", prediction.displaced}};
 }
 
-// Whether a measured share agrees with its probability: within four standard deviations.
+// Whether a measured share is within four standard deviations of its probability.
 bool agrees(double measured, double probability, size_t trials) {
     const double deviation = std::sqrt(probability * (1 - probability) / static_cast<double>(trials));
     return std::abs(measured - probability) <= 4 * deviation;
@@ -259,14 +260,14 @@ int main(int argc, char** argv) {
     constexpr int kUsageError = 2;
     telvora::bench::Options options;
     CLI::App app(
-        "Sends reports to a dashboard over a bad network in virtual time, and compares what arrives "
-        "with the prediction.");
+        "Sends reports to a dashboard over a lossy network in virtual time, and compares the arrivals with "
+        "the prediction.");
     app.option_defaults()->always_capture_default();
     app.add_option("--reports", options.reports, "Reports in each scenario")
         ->check(CLI::Range(1, 10'000'000));
     app.add_option("--loss", options.loss, "Probability of losing a datagram, each way")
         ->check(CLI::Range(0.0, 0.99));
-    app.add_option("--seed", options.seed, "Of the random sequence that decides the losses");
+    app.add_option("--seed", options.seed, "Seed of the random sequence of the losses");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

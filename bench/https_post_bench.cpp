@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What one report costs in the HTTPS POST backend: recording it into the batch, and its share of a flush
-// (JSON and gzip, with and without the copy for the log). Times are per report.
+// The cost of one report in the HTTPS POST backend: recording it into the batch, and its share of a flush
+// (JSON and gzip, with and without the copy for the message log). Times are per report.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kBatch = 50;
 
-// Takes every post and answers at once.
+// Answers every post at once.
 class AcceptingClient : public HttpClient {
   public:
     void start(HttpRequest request, Completion completion) override {
@@ -55,7 +55,7 @@ struct Bench {
     }
     ~Bench() { std::filesystem::remove_all(directory); }
 
-    // A report as a conference sends one every few seconds.
+    // A report of a size that is usual in conferences.
     Dictionary payload() {
         ++count;
         return {{"callID", "7D1C2B5E-5A0E-4C39-8E0B-0E3F5B6C7D8E"},
@@ -108,7 +108,7 @@ void sendIntoBatch(benchmark::State& state) {
 }
 BENCHMARK(sendIntoBatch);
 
-// Argument: whether the messages are also printed for the log.
+// Argument: whether the messages are also formatted for the message log.
 void sendAndFlush(benchmark::State& state) {
     Bench bench(state.range(0) != 0);
     std::vector<std::optional<Dictionary>> payloads;

@@ -23,7 +23,7 @@ Dictionary payload(uint64_t number) {
 
 }  // namespace
 
-// Its functions run on its runtime's thread, but for flush().
+// All functions except flush() run on the runtime's thread.
 class Load::Client {
   public:
     Client(Load& load, ClientRuntime& runtime, const std::string& socketPath, uint64_t sessionID)
@@ -43,7 +43,7 @@ class Load::Client {
     }
 
     void flush() {
-        lab::await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
+        test::await<FlushAnswer>([&](auto done) { session_->flushMessages(std::move(done)); });
     }
 
     const std::vector<uint32_t>& latencies() const { return latencies_; }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The load: clients that each keep a window of reports under way and send the next one as soon as one is
+// The load: each client keeps a window of unacknowledged reports, and sends the next one when one is
 // acknowledged.
 #pragma once
 
@@ -28,19 +28,18 @@ class Load {
     explicit Load(const LoadOptions& options);
     ~Load();
 
-    // Opens a session per client and waits until each has its configuration. Throws std::runtime_error when
-    // one has none.
+    // Opens a session per client and waits until each is configured. Throws std::runtime_error if one is not.
     void open(const std::string& socketPath);
-    // Sends all reports, numbered from 0, each once; returns when each is acknowledged. Throws when a call
+    // Sends all reports, numbered from 0, each once. Returns after the last acknowledgement. Throws if a call
     // fails.
     void run();
-    // Has what is held back sent, and waits for the answers.
+    // Flushes all sessions and waits for the answers.
     void flush();
 
-    // From the first report's sending to the last one's acknowledgement.
+    // The time from the first report's sending to the last acknowledgement.
     std::chrono::duration<double> duration() const { return duration_; }
-    // The time from sending to acknowledgement that the given share of all reports does not exceed, in
-    // microseconds. After run().
+    // The latency in microseconds, from sending to acknowledgement, that the given share of all reports does
+    // not exceed. Valid after run().
     double latencyMicroseconds(double share);
 
   private:

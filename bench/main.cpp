@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bench: reports through the real daemon to an HTTPS server, acknowledged one by one; the figures go
-// to standard output as JSON. Exits with status 0 if each report arrived exactly once.
+// telvora-bench: sends reports through the real daemon to an HTTPS server, each with an acknowledgement, and
+// prints the figures as JSON to standard output. Exits with status 0 if each report arrived exactly once.
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
@@ -27,22 +27,22 @@ struct Options {
 };
 
 Dictionary benchBag(const Options& options) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = test::openClientEntry();
     entry.set("event_threshold", options.eventThreshold);
     if (options.overrideConsent) entry.set("override_dnu", 1);
-    return lab::bagWithClients({entry});
+    return test::bagWithClients({entry});
 }
 
 struct Figures {
-    Memory idle;         // nobody has connected yet
+    Memory idle;         // before the first connection
     double idleWakeups;  // per second
-    Memory connected;    // all sessions are open, nothing was sent
-    Memory loaded;       // all has been sent
-    double cpuSeconds;   // from the first report until the last has arrived
+    Memory connected;    // all sessions are open, no report was sent
+    Memory loaded;       // all reports were sent
+    double cpuSeconds;   // from the first report until the last arrival
     double deliverySeconds;
 };
 
-Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::DaemonProcess& daemon,
+Figures measure(const Options& options, lab::Laboratory& laboratory, const test::DaemonProcess& daemon,
                 Load& load) {
     Figures figures{};
     figures.idle = memoryOf(daemon.pid());
@@ -57,7 +57,7 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const lab::
     const auto begin = std::chrono::steady_clock::now();
     load.run();
     load.flush();
-    laboratory.reports().waitForEvents(options.load.reports, lab::kPatience);
+    laboratory.reports().waitForEvents(options.load.reports, test::kPatience);
     figures.deliverySeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     figures.cpuSeconds = cpuSeconds(daemon.pid()) - cpuBefore;
     figures.loaded = memoryOf(daemon.pid());
@@ -131,20 +131,22 @@ int main(int argc, char** argv) {
         "The bag's \"event_threshold\": a batch is sent when it holds one more report of a category");
     app.add_flag("--override-consent", options.overrideConsent,
                  "A bag with \"override_dnu\": messages are then not copied to the message log");
-    app.add_option("--idle-seconds", options.idleSeconds, "How long the idle daemon is watched for wakeups");
+    app.add_option("--idle-seconds", options.idleSeconds,
+                   "Seconds in which wake-ups of the idle daemon are counted");
     CLI::App* sessionsMode = app.add_subcommand(
-        "sessions", "Measure many sessions at once instead, standalone and in hierarchies of ten.");
+        "sessions", "Measure many simultaneous sessions, standalone and in hierarchies of ten.");
     sessionsMode->add_option("--count", sessions.counts, "Concurrent sessions; repeatable")
         ->default_val(std::vector<size_t>{1000, 10'000})
         ->check(CLI::Range(10, 100'000));
     sessionsMode->add_option("--reports", sessions.reports, "Reports per measurement of their cost")
         ->check(CLI::Range(100, 10'000'000));
     telvora::bench::ServiceOptions service;
-    CLI::App* serviceMode = app.add_subcommand(
-        "service", "Measure instead how fast the daemon starts, and what it costs while nothing happens.");
-    serviceMode->add_option("--starts", service.starts, "Starts, told and by a connection")
+    CLI::App* serviceMode =
+        app.add_subcommand("service", "Measure the daemon's start time, and its cost while idle.");
+    serviceMode->add_option("--starts", service.starts, "Starts, directly and by a connection")
         ->check(CLI::Range(1, 1000));
-    serviceMode->add_option("--idle-minutes", service.idleMinutes, "How long idle daemons are watched")
+    serviceMode
+        ->add_option("--idle-minutes", service.idleMinutes, "Minutes in which idle daemons are observed")
         ->check(CLI::Range(0.01, 1440.0));
     try {
         app.parse(argc, argv);

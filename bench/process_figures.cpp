@@ -16,7 +16,7 @@ std::filesystem::path folder(pid_t pid) {
     return std::filesystem::path("/proc") / std::to_string(pid);
 }
 
-// The number after `name` in a file of lines "Name:   number unit"; 0 when there is none.
+// The number after `name` in a file of lines "Name:   number unit"; 0 if there is no such line.
 int64_t field(const std::filesystem::path& file, const std::string& name) {
     std::ifstream lines(file);
     for (std::string line; std::getline(lines, line);) {
@@ -31,7 +31,7 @@ double cpuSeconds(pid_t pid) {
     std::ifstream file(folder(pid) / "stat");
     std::string line;
     std::getline(file, line);
-    const size_t nameEnd = line.rfind(')');  // the name may hold anything
+    const size_t nameEnd = line.rfind(')');  // the name may contain parentheses
     if (nameEnd == std::string::npos) return 0;
     std::istringstream fields(line.substr(nameEnd + 1));
     std::string skipped;

@@ -33,8 +33,7 @@ Dictionary spread(std::vector<double> values) {
     return {{"least", values.front()}, {"median", values[values.size() / 2]}, {"most", values.back()}};
 }
 
-// From before the process is made, and its preferences are written, until the daemon has said that it
-// listens.
+// From before the process is made, and its preferences are written, until the daemon logs that it listens.
 Dictionary startTimes(const World& world, size_t starts) {
     std::vector<double> times;
     for (size_t i = 0; i < starts; ++i) {
@@ -46,22 +45,22 @@ Dictionary startTimes(const World& world, size_t starts) {
     return spread(std::move(times));
 }
 
-// From a client's connection, which starts the daemon, until its first report is acknowledged.
+// From a client's connection, which starts the daemon, to the acknowledgement of its first report.
 double activationTime(const World& world) {
-    const auto daemon = world.launch([](lab::DaemonOptions& options) {
+    const auto daemon = world.launch([](test::DaemonOptions& options) {
         options.socketActivation = true;
         options.defaults.set("idleMilliseconds", 100);
     });
-    if (!daemon->waitUntilActivatable()) throw std::runtime_error("nothing listens for the daemon");
+    if (!daemon->waitUntilActivatable()) throw std::runtime_error("the daemon's socket does not listen");
     ClientRuntime runtime;
     const auto begin = Clock::now();
     auto session = openSession(runtime, daemon->socketPath(), {{kTelvoraSessionInfoSessionID, 1}});
     const Dictionary payload{{kNumberKey, 1}};
-    lab::await<std::optional<std::string>>(
+    test::await<std::optional<std::string>>(
         [&](auto done) { session->sendMessage(1, 1, payload, std::move(done)); });
     const double time = millisecondsSince(begin);
     session.reset();
-    if (daemon->process().waitForExit(lab::kPatience) != 0)
+    if (daemon->process().waitForExit(test::kPatience) != 0)
         throw std::runtime_error("the daemon does not end when idle");
     return time;
 }
@@ -74,11 +73,11 @@ Dictionary activationTimes(const World& world, size_t starts) {
     return {{"bagFetched", fetched}, {"bagCached", spread(std::move(times))}};
 }
 
-// A daemon with sessions that do nothing.
+// A daemon with idle sessions.
 class Idler {
   public:
     explicit Idler(size_t sessions)
-        : world_(lab::openBag()),
+        : world_(test::openBag()),
           daemon_(world_.start([](auto& options) { options.defaults.set("idleMilliseconds", kNever); })) {
         for (size_t i = 0; i < sessions; ++i) {
             sessions_.push_back(
@@ -98,13 +97,13 @@ class Idler {
 
   private:
     World world_;
-    std::unique_ptr<lab::DaemonProcess> daemon_;
+    std::unique_ptr<test::DaemonProcess> daemon_;
     ClientRuntime runtime_;
     std::vector<std::unique_ptr<ClientSession>> sessions_;
     Wakeups wakeupsBefore_;
 };
 
-// All at the same time: ten minutes are long enough once.
+// All are measured at the same time, so that ten minutes are spent only once.
 Array idleFigures(double minutes) {
     std::vector<std::unique_ptr<Idler>> idlers;
     for (const size_t sessions : kIdleSessions)
@@ -121,7 +120,7 @@ Array idleFigures(double minutes) {
 }  // namespace
 
 Dictionary measureService(const ServiceOptions& options) {
-    const World world(lab::openBag());
+    const World world(test::openBag());
     return {{"startMilliseconds", startTimes(world, options.starts)},
             {"activationMilliseconds", activationTimes(world, options.starts)},
             {"idleMinutes", options.idleMinutes},

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The daemon as a service: how fast it is there, and what it costs while nothing happens.
+// The daemon as a service: its start time, and its cost while idle.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ struct ServiceOptions {
     double idleMinutes = 10;
 };
 
-// The figures. Throws std::runtime_error when the daemon does not start, or does not end when idle.
+// The figures. Throws std::runtime_error if the daemon does not start, or does not end when idle.
 Dictionary measureService(const ServiceOptions& options);
 
 }  // namespace telvora::bench

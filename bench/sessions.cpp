@@ -32,16 +32,16 @@ double share(const std::vector<double>& sorted, double part) {
 
 class Sessions {
   public:
-    Sessions() : world_(lab::openBag()), daemon_(world_.start()) {}
-    // Ends the daemon first: what it still holds back is nobody's concern here.
+    Sessions() : world_(test::openBag()), daemon_(world_.start()) {}
+    // Ends the daemon first: reports that it still holds do not matter.
     ~Sessions() {
         daemon_->process().signal(SIGKILL);
-        daemon_->process().waitForExit(lab::kPatience);
+        daemon_->process().waitForExit(test::kPatience);
     }
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
 
-    // Opens one session, and waits for its configuration. Without a token it is a standalone one.
+    // Opens one session and waits for its configuration. Without a token, it is standalone.
     ClientSession& open(const std::string& token = "", int64_t level = 0, bool aggregates = false) {
         ClientSession::Handlers handlers;
         if (aggregates)
@@ -65,8 +65,8 @@ class Sessions {
         for (size_t i = 0; i < kWindow; ++i)
             stream.sendNext();
         stream.done.get_future().get();
-        lab::await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
-        if (!world_.laboratory().reports().waitForEvents(arrived + reports, lab::kPatience)) {
+        test::await<FlushAnswer>([&](auto done) { session.flushMessages(std::move(done)); });
+        if (!world_.laboratory().reports().waitForEvents(arrived + reports, test::kPatience)) {
             throw std::runtime_error("reports are lost");
         }
         return (cpuSeconds(daemon_->pid()) - before) * 1e6 / static_cast<double>(reports);
@@ -76,7 +76,7 @@ class Sessions {
     uint64_t aggregated() const { return aggregated_->load(); }
 
   private:
-    // Reports that follow one another, a window at a time.
+    // Sends reports one after another, with a window of unacknowledged ones.
     struct Stream {
         ClientSession& session;
         std::atomic<uint64_t> next;
@@ -96,10 +96,10 @@ class Sessions {
     };
 
     World world_;
-    std::unique_ptr<lab::DaemonProcess> daemon_;
+    std::unique_ptr<test::DaemonProcess> daemon_;
     ClientRuntime runtime_;
     uint64_t nextNumber_ = 0;
-    // Shared with the aggregation block, which the runtime may run once more after this object's end.
+    // Shared with the aggregation block, which the runtime may call once after this object's end.
     const std::shared_ptr<std::atomic<uint64_t>> aggregated_ = std::make_shared<std::atomic<uint64_t>>(0);
     std::vector<std::unique_ptr<ClientSession>> sessions_;
 };

@@ -12,7 +12,7 @@ namespace telvora::bench {
 
 namespace {
 
-// User defaults under which one user may have all of the daemon, as this one is about to.
+// User defaults that let one user use all of the daemon's capacity.
 Dictionary withoutQuotas() {
     Dictionary defaults;
     for (size_t i = 0; i < kQuotas; ++i)
@@ -29,18 +29,18 @@ World::World(const Dictionary& bag) {
     laboratory_->setBag("dravik", bag);
 }
 
-std::unique_ptr<lab::DaemonProcess> World::launch(
-    const std::function<void(lab::DaemonOptions&)>& change) const {
-    lab::DaemonOptions options = lab::DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(),
-                                                                   laboratory_->bags().baseURL());
+std::unique_ptr<test::DaemonProcess> World::launch(
+    const std::function<void(test::DaemonOptions&)>& change) const {
+    test::DaemonOptions options = test::DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(),
+                                                                     laboratory_->bags().baseURL());
     options.logLevel = 6;
     options.defaults = withoutQuotas();
     if (change) change(options);
-    return std::make_unique<lab::DaemonProcess>(std::move(options));
+    return std::make_unique<test::DaemonProcess>(std::move(options));
 }
 
-std::unique_ptr<lab::DaemonProcess> World::start(
-    const std::function<void(lab::DaemonOptions&)>& change) const {
+std::unique_ptr<test::DaemonProcess> World::start(
+    const std::function<void(test::DaemonOptions&)>& change) const {
     auto daemon = launch(change);
     if (!daemon->waitUntilListening()) throw std::runtime_error("the daemon does not start");
     return daemon;
@@ -54,9 +54,9 @@ std::unique_ptr<ClientSession> openSession(ClientRuntime& runtime, const std::st
                 {kTelvoraSessionInfoRequireUserInfo, true},
                 {kTelvoraSessionInfoBatchEvent, true}});
     const Dictionary user{{kTelvoraUserInfoClientName, "bench"}, {kTelvoraUserInfoServiceName, "load"}};
-    lab::await<void>([&](auto done) { (*session)->setSessionInfo(info, user, {}, std::move(done)); });
+    test::await<void>([&](auto done) { (*session)->setSessionInfo(info, user, {}, std::move(done)); });
     const auto states =
-        lab::await<ReportingStates>([&](auto done) { (*session)->startConfig(std::move(done)); });
+        test::await<ReportingStates>([&](auto done) { (*session)->startConfig(std::move(done)); });
     if (!states || states->empty()) throw std::runtime_error("a session has no backend that reports");
     return std::move(*session);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// World: the servers that a daemon needs, and the daemons that are measured.
+// World: the servers that a daemon needs, and the daemons under measurement.
 #pragma once
 
 #include <functional>
@@ -14,30 +14,30 @@
 
 namespace telvora::bench {
 
-constexpr int64_t kClientType = 8;  // whose bag every World serves
-constexpr char kNumberKey[] = "n";  // of each report's payload: its number, by which a World counts it
+constexpr int64_t kClientType = 8;  // the type whose bag every World serves
+constexpr char kNumberKey[] = "n";  // the key of each report's number, by which a World counts it
 
 class World {
   public:
-    // Serves `bag`. Throws std::runtime_error when there can be no servers.
+    // Serves `bag`. Throws std::runtime_error if the servers can't start.
     explicit World(const Dictionary& bag);
 
     lab::Laboratory& laboratory() { return *laboratory_; }
-    // A daemon that logs as in the field, without quotas, after `change`; the directories are this object's,
-    // so that a daemon finds what the one before it left.
-    std::unique_ptr<lab::DaemonProcess> launch(
-        const std::function<void(lab::DaemonOptions&)>& change = nullptr) const;
-    // The same, once it listens. Throws std::runtime_error when it does not start.
-    std::unique_ptr<lab::DaemonProcess> start(
-        const std::function<void(lab::DaemonOptions&)>& change = nullptr) const;
+    // Starts a daemon with the log level of the field and without quotas, after `change`. Its directories
+    // belong to this object, so that a daemon finds its predecessor's files.
+    std::unique_ptr<test::DaemonProcess> launch(
+        const std::function<void(test::DaemonOptions&)>& change = nullptr) const;
+    // Starts one and waits until it listens. Throws std::runtime_error if it does not start.
+    std::unique_ptr<test::DaemonProcess> start(
+        const std::function<void(test::DaemonOptions&)>& change = nullptr) const;
 
   private:
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     std::unique_ptr<lab::Laboratory> laboratory_;
 };
 
-// Opens a session, with `info` added to what every session here says of itself, and waits for its
-// configuration. Throws std::runtime_error when the daemon refuses it or it has no backend that reports.
+// Opens a session, with `info` added to the session info of every session here, and waits for its
+// configuration. Throws std::runtime_error if the daemon refuses it or no backend reports.
 std::unique_ptr<ClientSession> openSession(ClientRuntime& runtime, const std::string& socketPath,
                                            Dictionary info, ClientSession::Handlers handlers = {});
 

@@ -19,7 +19,7 @@ struct Arrival {
     bool taken = false;
 };
 
-// What every event carries, with the value where it is the same in all.
+// The fields of every event, with the value if all events share it.
 const std::pair<const char*, std::optional<PropertyList>> kFrame[] = {
     {"_build", "13B143"},
     {"_clientTS", std::nullopt},
@@ -41,7 +41,7 @@ const std::pair<const char*, std::optional<PropertyList>> kFrame[] = {
     {kTelvoraUserInfoServiceName, "demo"},
 };
 
-// The event without its frame; `fault` is told what is wrong with that.
+// The event's payload, without the fields above. Sets `fault` if those are wrong.
 Dictionary withoutFrame(const Dictionary& event, std::string& fault) {
     Dictionary rest = event;
     for (const auto& [key, value] : kFrame) {
@@ -73,7 +73,7 @@ bool matches(const Dictionary& event, const Report& report) {
            event.integer("_status") == report.type;
 }
 
-// Of the arrivals that may be the report, the one with the right fields, else any; null when there is none.
+// The first candidate with the right fields, else any candidate. Null without candidates.
 Arrival* find(std::vector<Arrival>& arrivals, const Report& report) {
     Arrival* candidate = nullptr;
     for (Arrival& arrival : arrivals) {
@@ -87,7 +87,7 @@ Arrival* find(std::vector<Arrival>& arrivals, const Report& report) {
 
 Finding examine(const Report& report, std::vector<Arrival>& arrivals) {
     Finding finding{&report, {}, {}, {}};
-    if (report.path.empty()) return finding;  // if it came all the same, it is a stray
+    if (report.path.empty()) return finding;  // an event of this report would be a stray
     Arrival* arrival = find(arrivals, report);
     if (!arrival) {
         finding.fault = "did not arrive";

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The comparison of what was sent with what the reporting server received.
+// Compares the reports that were sent with the events that the reporting server received.
 #pragma once
 
 #include <string>
@@ -14,12 +14,12 @@ namespace telvora::demo {
 struct Finding {
     const Report* report;
     std::string receivedAt;  // the path, or ""
-    Dictionary received;     // what is left of the payload
-    std::string fault;       // "" when all is as it must be
+    Dictionary received;     // the payload after the filters
+    std::string fault;       // "" if the report arrived as expected
 };
 
-// One finding per report. Each event may serve for one report only; `strays` are told those that serve for
-// none.
+// One finding per report. Each event counts for one report only. Appends to `strays` the events that match no
+// report.
 std::vector<Finding> audit(const std::vector<Report>& reports,
                            const std::vector<lab::ReceivedMessage>& messages,
                            std::vector<std::string>& strays);

@@ -17,7 +17,7 @@ constexpr uint32_t kCall = 3;
 constexpr uint32_t kAudio = 4;
 constexpr uint32_t kVideo = 5;
 
-// What the aggregation block must be given of a client: its reports in order, with the user info in each
+// The expected calls of the aggregation block for a client: its reports in order, with the user info in each
 // payload.
 std::vector<std::string> expectedOf(const std::string& client, size_t leaveOut) {
     std::vector<std::string> expected;
@@ -68,8 +68,9 @@ std::vector<std::string> Call::hold(ClientRuntime& runtime, const std::string& s
     audio.finishAndClose();
     video.finishAndClose();
     call.finish();
-    // The block is told of messages on its own time: of the end messages below when those connections have
-    // ended, of the call's finish message maybe after finish() has its answer. Only then may the call end.
+    // The block runs asynchronously: it receives the end messages of the two sessions after their connections
+    // have ended, and the call's finish message possibly after finish() has returned. The call may end only
+    // then.
     const size_t below = expectedOf("audio", 0).size() + expectedOf("video", 0).size();
     std::vector<std::string> wrong;
     if (!waitFor(below + expectedOf("call", 1).size())) {
@@ -87,7 +88,7 @@ void Call::take(AggregatedMessage message) {
 }
 
 bool Call::waitFor(size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + lab::kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
     const MutexLock lock(mutex_);
     while (messages_.size() < count) {
         if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return false;
@@ -108,7 +109,7 @@ std::vector<std::string> Call::faults() const {
                 got.push_back(describe(message));
             }
         }
-        // The call's own end message finds its connection ended.
+        // the connection of the call has ended before its own end message
         const size_t leaveOut = sessionID == kCall ? 1 : 0;
         if (got == expectedOf(client, leaveOut)) continue;
         wrong.push_back(std::string("the aggregation block was given other reports of ") + client + ":");

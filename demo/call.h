@@ -11,16 +11,16 @@
 
 namespace telvora::demo {
 
-// Outlives the runtime that it is held with.
+// Must outlive the runtime that runs its callbacks.
 class Call {
   public:
-    // Opens the three sessions, sends their reports, and ends them, those below first. Returns what was wrong
-    // with the messages that the aggregation block was given, one line each.
+    // Opens the three sessions, sends their reports, and ends the sessions, the lower ones first. Returns the
+    // faults of the messages that the aggregation block received, one line each.
     std::vector<std::string> hold(ClientRuntime& runtime, const std::string& socketPath);
 
   private:
     void take(AggregatedMessage message) TELVORA_EXCLUDES(mutex_);
-    // Waits until the block has had so many messages.
+    // Waits until the block has received so many messages.
     bool waitFor(size_t count) const TELVORA_EXCLUDES(mutex_);
     std::vector<std::string> faults() const TELVORA_EXCLUDES(mutex_);
 
@@ -29,8 +29,8 @@ class Call {
     std::vector<AggregatedMessage> messages_ TELVORA_GUARDED_BY(mutex_);
 };
 
-// What is wrong with the IDs under which the call's reports arrived: they must make one tree, with the call
-// at its top and the two others right below it.
+// Checks the IDs under which the call's reports arrived: they must form one tree, with the call at its top
+// and the two others directly below it. Returns the faults, one line each.
 std::vector<std::string> placesInCall(const std::vector<Dictionary>& events);
 
 }  // namespace telvora::demo

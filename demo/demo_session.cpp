@@ -11,7 +11,7 @@
 namespace telvora::demo {
 namespace {
 
-using lab::await;
+using test::await;
 
 constexpr int64_t kClientType = 8;
 constexpr int64_t kClientVersion = 3;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-demo: the way of a report from a client to the reporting server, with real parts. Exits with status
-// 0 if each report that must arrive did so exactly once, with the fields that it must have, and nothing else
-// arrived.
+// telvora-demo: sends reports from clients to a reporting server through the real daemon. Exits with status 0
+// if each expected report arrived exactly once, with the expected fields, and no other report arrived.
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -46,7 +45,7 @@ void browse(ClientRuntime& runtime, const std::string& socketPath) {
     session.finishAndClose();
 }
 
-// A file of a client's goes to the upload server, byte for byte, and then from the disk. What was wrong.
+// Uploads a client's file. It must reach the upload server unchanged and then be removed. Returns the faults.
 std::vector<std::string> upload(ClientRuntime& runtime, const std::string& socketPath,
                                 const std::filesystem::path& file, const lab::UploadServer& server) {
     std::string content(300'000, '\0');
@@ -85,7 +84,7 @@ int report(const std::vector<Report>& reports, const lab::ReportingServer& serve
 }
 
 int run() {
-    lab::TemporaryDirectory directory;
+    test::TemporaryDirectory directory;
     auto laboratory = lab::Laboratory::make(directory.path() / "lab");
     if (!laboratory) {
         say("{}\n", laboratory.error());
@@ -98,12 +97,12 @@ int run() {
     say("2. Servers: a signed bag at {}/dravik\n   reports go to {} and {}\n",
         (*laboratory)->bags().baseURL(), server.eventsURL(), server.realtimeURL());
 
-    const std::filesystem::path spool = directory.path() / "spool";  // where the daemon may remove files
+    const std::filesystem::path spool = directory.path() / "spool";  // the daemon may remove files here
     std::filesystem::create_directory(spool);
-    auto options = lab::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
-                                                     (*laboratory)->bags().baseURL());
+    auto options = test::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
+                                                      (*laboratory)->bags().baseURL());
     options.defaults.set("uploadDirectories", Array{spool.string()});
-    lab::DaemonProcess daemon(std::move(options));
+    test::DaemonProcess daemon(std::move(options));
     if (!daemon.waitUntilListening()) {
         for (const std::string& line : daemon.logLines())
             say("{}\n", line);
@@ -113,7 +112,7 @@ int run() {
     say("4. Two sessions through the client library, then a call: a session with two below it\n");
     std::vector<std::string> wrong;
     {
-        Call call;  // outlives the runtime, on whose thread it is told of reports
+        Call call;  // outlives the runtime, whose thread calls it
         ClientRuntime runtime;
         play(runtime, daemon.socketPath());
         browse(runtime, daemon.socketPath());
@@ -131,8 +130,8 @@ int run() {
     size_t expected = 0;
     for (const Report& each : reports)
         expected += each.path.empty() ? 0 : 1;
-    server.waitForEvents(expected, lab::kPatience);
-    const auto status = daemon.stop();  // by then nothing more can arrive
+    server.waitForEvents(expected, test::kPatience);
+    const auto status = daemon.stop();  // no event can arrive later
     say("6. The daemon has ended with status {}\n", status.value_or(-1));
     const int result = report(reports, server, std::move(wrong));
     return status == 0 ? result : 1;

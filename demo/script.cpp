@@ -49,7 +49,7 @@ Report endMessage(const std::string& client, bool batched, double samplingThresh
              {"Batch", batched ? 1 : 0}}};
 }
 
-// As it was sent, so it must arrive.
+// A report that must arrive as it was sent.
 Report untouched(const std::string& client, uint16_t category, uint16_t type, const std::string& manner,
                  int64_t flag, const Dictionary& payload, const std::string& path) {
     return {client, category, type, manner, flag, payload, path, payload};
@@ -105,7 +105,7 @@ std::vector<Report> callsReports(const std::string& client) {
 }  // namespace
 
 Dictionary demoBag() {
-    // Every sampling draw is above -1: its client is sampled out.
+    // Every draw is above a threshold of -1, so that this client is sampled out.
     const Array clients{clientEntry("player", 1.0), clientEntry("browser", -1.0), clientEntry("call", 1.0),
                         clientEntry("audio", 1.0), clientEntry("video", 1.0)};
     return {{"version", "demo-1"},

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the daemon makes of bag servers that fail or lie: no bag for the clients it concerns, a line that says
-// why, and nothing else for anybody.
+// Bag servers that fail or lie: the clients concerned get no bag, a log line has the reason, and other
+// clients are not affected.
 #include <gmock/gmock.h>
 
 #include "tests/support/bags.h"
@@ -11,8 +11,6 @@ namespace telvora::test {
 namespace {
 
 using lab::BagFault;
-using lab::kPatience;
-using lab::openBag;
 
 class BagServerFaults : public DaemonFixture {
   protected:
@@ -37,7 +35,7 @@ TEST_F(BagServerFaults, GiveNoBagAndSayWhy) {
         BagFault fault;
         int64_t clientType;
         const char* bag;
-        std::string line;  // its beginning
+        std::string line;  // the beginning
     } cases[] = {
         {BagFault::noAnswer, 6, "vantor", resolve},
         {BagFault::truncated, 8, "dravik", resolve},

@@ -3,8 +3,8 @@
 #
 # usage: build_examples.sh BUILD EXAMPLES TO CC CXX FLAGS
 #
-# Installs what is built in BUILD to TO/prefix, and builds the EXAMPLES in C and C++ there as an application's
-# developer does: the one by pkg-config, the other by find_package.
+# Installs BUILD to TO/prefix, and builds the EXAMPLES against it: the one in C with pkg-config, the one in C++ with
+# find_package.
 set -eu
 build=$1 examples=$2 to=$3 cc=$4 cxx=$5 flags=$6
 
@@ -12,12 +12,12 @@ rm -rf "$to"
 cmake --install "$build" --prefix "$to/prefix" >/dev/null
 libdir=$(dirname "$(dirname "$(find "$to/prefix" -name telvora.pc)")")
 [ "$libdir" = "$to/prefix/lib" ] || ln -sfn "$libdir" "$to/prefix/lib"
-# Builds with sanitizers are linked with libraries that they do not need.
+# A build with sanitizers links further libraries.
 if [ -z "$flags" ] && ldd "$libdir/libtelvora.so" | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz[.]so'; then exit 1; fi
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 mkdir "$to/c"
-# shellcheck disable=SC2046,SC2086  # flags are meant to be split
+# shellcheck disable=SC2046,SC2086  # lists of flags
 "$cc" $flags -std=c99 -Wall -Wextra -Wpedantic -Werror "$examples/c/first_report.c" \
     $(pkg-config --cflags --libs telvora) -o "$to/c/first_report"
 

@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Presses the tab key in real shells. $1: the source directory; $2: that of the programs.
+# Tests completion in interactive shells. $1: source directory; $2: directory of the programs.
 set -eu
 
 scripts=$1/tools/completion
@@ -12,7 +12,7 @@ cd "$work"
 touch some-file.plist
 export PATH TERM=dumb INPUTRC=/dev/null HISTFILE=
 
-# What is typed before the key, and what the line is after it.
+# The typed text, and the line after the tab key.
 cat >table <<'END'
 telvoractl con|telvoractl consent
 telvoractl consent sh|telvoractl consent show
@@ -27,8 +27,8 @@ telvora-bag show some-f|telvora-bag show some-file.plist
 telvoractl nothing-li|telvoractl nothing-li
 END
 
-# $1: what the shell reads first; the rest: the shell. Each line is completed and, from its beginning (^A), made
-# the argument of an echo whose output can't be mistaken for what was typed.
+# $1: setup commands; the rest: the shell's command line. After each completion, ^A and "echo" turn the line into the
+# argument of a command, whose output differs from the echoed input by its quotes.
 expectCompletions() {
     { echo "$1"
       while IFS='|' read -r typed _; do printf '%s\t\001echo RES""ULT: \n' "$typed"; done <table

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The dashboard as the confined daemon's sessions have it, and as telvoractl reaches it.
+// The dashboard of a confined daemon's sessions, and of telvoractl.
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -14,14 +14,13 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
 class DashboardInDaemon : public DaemonFixture {
   protected:
-    // How many sockets of this machine are connected to the collector.
+    // The number of this machine's sockets that are connected to the collector.
     size_t connectedSockets() {
         char peer[32];
         std::snprintf(peer, sizeof peer, " 0100007F:%04X 01 ", laboratory().dashboard().port());
@@ -41,12 +40,12 @@ class DashboardInDaemon : public DaemonFixture {
 };
 
 TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) {
-    laboratory().setBag(
-        "dravik", lab::bagWithBackends({{"dashboard", Dictionary{{"ip", "127.0.0.1"},
-                                                                 {"port", "@dashboard_port@"},
-                                                                 {"reliable", 50},
-                                                                 {"display_url", "https://show.example/"},
-                                                                 {"post_url", "@logdata@"}}}}));
+    laboratory().setBag("dravik",
+                        bagWithBackends({{"dashboard", Dictionary{{"ip", "127.0.0.1"},
+                                                                  {"port", "@dashboard_port@"},
+                                                                  {"reliable", 50},
+                                                                  {"display_url", "https://show.example/"},
+                                                                  {"post_url", "@logdata@"}}}}));
     startDaemon();
     auto session = open({}, {"dashboard"});
     EXPECT_EQ(session->displayURL(), "https://show.example/");
@@ -73,7 +72,7 @@ TEST_F(DashboardInDaemon, SessionsReportItsStateUploadLogDataAndSendNoDatagram) 
         std::this_thread::yield();
     EXPECT_EQ(connectedSockets(), 0u);
 
-    // What the daemon had sent would have arrived before this.
+    // A datagram of the daemon would have arrived before this one.
     dashboardSend(collector(), "--unreliable");
     ASSERT_TRUE(laboratory().dashboard().waitForReports(1, kPatience));
     EXPECT_EQ(laboratory().dashboard().summary().integer("received"), 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A client that leaves with a report on its way, for libtelvora_test.cpp.
+// A client that exits with an unanswered report, for libtelvora_test.cpp.
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Made before the library's first use, so that it ends after the library has.
+// Constructed before the library's first use, so that it is destroyed after the library's objects.
 struct Last {
     std::optional<telvora::Session> session;
     ~Last() { std::cout << "static: " << session->send(1, 2) << std::endl; }

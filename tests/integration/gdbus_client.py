@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""A client of the daemon that shares no code with it: GDBus, and nothing but the wire contract.
+"""A client on GDBus that shares no code with the daemon.
 
 usage: gdbus_client.py SOCKET
 
-Talks to all operations, for client type 8, and checks every answer; then does what a client must not do, and checks
-that the daemon says so and goes on. Exits with status 0 if all was as it should be.
+Calls all operations, for client type 8, and checks every answer; then makes invalid calls, and checks that the daemon
+refuses them and goes on. Exits with status 0 if all checks succeed.
 """
 import sys
 
@@ -23,9 +23,9 @@ TIMEOUT = 60_000
 variant = GLib.Variant
 
 
-def expect(what, got, wanted):
+def expect(subject, got, wanted):
     if got != wanted:
-        raise SystemExit(f"{what}: got {got!r}, wanted {wanted!r}")
+        raise SystemExit(f"{subject}: got {got!r}, wanted {wanted!r}")
 
 
 class Client:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sessions that belong together, at the real daemon, and what their clients may do to each other.
+// Hierarchies of sessions at the real daemon, and the limits of their clients' influence on each other.
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -18,7 +18,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::Optional;
 using testing::StartsWith;
@@ -35,7 +34,7 @@ SessionSettings place(int64_t sessionID, const std::string& tokenID, int64_t lev
     return {.sessionID = sessionID, .hierarchyToken = token(tokenID, level), .aggregates = aggregates};
 }
 
-// The last of the IDs that a combined one is made of.
+// The last of the IDs in a combined ID.
 std::string ownID(const std::string& combined) {
     return combined.substr(combined.rfind('.') + 1);
 }
@@ -44,16 +43,16 @@ class Hierarchy : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        Dictionary entry = lab::openClientEntry();
+        Dictionary entry = openClientEntry();
         entry.set("event_blacklist", Array{kBlacklisted});
-        laboratory().setBag("dravik", lab::bagWithClients({entry}));
+        laboratory().setBag("dravik", bagWithClients({entry}));
         startDaemon();
     }
 
     void expectEndOf(int64_t sessionID) {
         expectLine("<7>dealloc: TelvoradSession dealloc: " + std::to_string(sessionID));
     }
-    // Ends a session, and waits until the daemon is through with it.
+    // Ends a session, and waits until the daemon has removed it.
     void close(Session& session, int64_t sessionID) {
         session.reset();
         expectEndOf(sessionID);
@@ -80,7 +79,7 @@ class Hierarchy : public DaemonFixture {
     int64_t lastMark_ = 0;
 };
 
-// The next report, of the daemon's own start messages none.
+// The next report that is not one of the daemon's own start messages.
 AggregatedMessage nextReport(const Session& session) {
     AggregatedMessage message = session->nextDelivery();
     while (message.sessionInfo && message.category == 0)
@@ -165,7 +164,7 @@ TEST_F(Hierarchy, AGapCutsTheHigherAncestorsOff) {
         "<6>parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
         "parentSessionID is '" +
         id + "'");
-    // Aggregation knows no gaps.
+    // Aggregation does not need consecutive levels.
     const Session aggregator = open(place(4, "t", 1, true));
     third->send(kBlacklisted, 1, {{"k", 1}});
     EXPECT_EQ(nextReport(aggregator).payload->integer("k"), 1);
@@ -189,7 +188,7 @@ TEST_F(Hierarchy, OnlyTheHighestAggregatorHears) {
 
 TEST_F(Hierarchy, SurvivesClientsThatGoInTheMiddle) {
     const Session neighbour = open(place(1, "t", 1));
-    lab::ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}});
+    ChildProcess aggregator({telvoractl("session --aggregate", 10, 0), {}});
     const auto waitForOutput = [&](std::string_view part) {
         return aggregator.output().waitFor(
             [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);
@@ -207,7 +206,7 @@ TEST_F(Hierarchy, SurvivesClientsThatGoInTheMiddle) {
     });
     ASSERT_TRUE(waitForOutput("xxxx"));
 
-    // While it is being called: its end marker, at the least, can't reach it any more.
+    // While the callback runs: the end marker, at least, can't reach the client any more.
     const size_t from = daemon().logLineCount();
     aggregator.signal(SIGKILL);
     EXPECT_EQ(aggregator.waitForExit(kPatience), 128 + SIGKILL);
@@ -231,7 +230,7 @@ int64_t residentKiB(pid_t pid) {
 }
 
 TEST_F(Hierarchy, AnAggregatorThatStopsReadingDelaysNobody) {
-    constexpr int kUntilFull = 500;  // 8 MB: more than all that may wait for one client
+    constexpr int kUntilFull = 500;  // 8 MB: more than may wait for one client
     constexpr int kMore = 2000;      // 32 MB
     [[maybe_unused]] constexpr int64_t kMayGrowKiB = 16 << 10;
     const Session aggregator = open(place(1, "t", 0, true));
@@ -247,13 +246,13 @@ TEST_F(Hierarchy, AnAggregatorThatStopsReadingDelaysNobody) {
     [[maybe_unused]] const int64_t before = residentKiB(daemon().pid());
     for (int i = 0; i < kMore; ++i)
         child->send(kBlacklisted, 2, payload);
-#ifndef TELVORA_SANITIZED  // whose runtimes keep what is freed
+#ifndef TELVORA_SANITIZED  // the runtimes keep freed memory
     EXPECT_LT(residentKiB(daemon().pid()), before + kMayGrowKiB);
 #endif
     EXPECT_EQ(idOf(neighbour).size(), 24u);
     EXPECT_EQ(idOf(child).size(), 49u);
 
-    // What was not dropped is still there for it, and it can go on; what was is counted.
+    // Copies that were not dropped still arrive, aggregation continues, and the dropped copies are counted.
     reading.unlock();
     EXPECT_THAT(aggregator->fetchStates(), Optional(ElementsAre("httpPost")));
     child->send(kBlacklisted, 3);
@@ -309,7 +308,7 @@ TEST_F(Hierarchy, TakesSessionsThatJoinAndLeaveAllAtOnce) {
     EXPECT_THAT(idOf(open(place(5001, "t", 1))), StartsWith(idOf(top) + "."));
 }
 
-// A token is no secret: that another user's session has the same one must not matter.
+// Tokens are not secret: another user's session with the same token must have no effect.
 TEST_F(Hierarchy, OtherUsersMeetOnlyWhereTheAdministratorSaysSo) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
     const struct {
@@ -321,14 +320,14 @@ TEST_F(Hierarchy, OtherUsersMeetOnlyWhereTheAdministratorSaysSo) {
                  {Array{PropertyList(Array{"root", 65534})}, true}};
     for (const auto& [shared, meet] : cases) {
         stopDaemon();
-        startDaemon([setting = shared](lab::DaemonOptions& options) {
+        startDaemon([setting = shared](DaemonOptions& options) {
             if (setting) options.defaults.set("sharedHierarchies", *setting);
         });
         letOthersIn();
         std::vector<std::string> command = wordsOf(kAsNobody);
         const std::vector<std::string> aggregate = telvoractl("session --aggregate", 10, 0);
         command.insert(command.end(), aggregate.begin(), aggregate.end());
-        lab::ChildProcess stranger({command, {}});
+        ChildProcess stranger({command, {}});
         const auto waitForOutput = [&](std::string_view part) {
             return stranger.output().waitFor(
                 [part](std::string_view line) { return line.find(part) != line.npos; }, kPatience);
@@ -363,7 +362,7 @@ TEST_F(Hierarchy, OneShotMessagesGiveTheirSessionTheirPlace) {
     expectLine(
         "<7>updateCorrelatedSessions: Adding session 2 to list for hierarchyToken t with "
         "hierarchyLevel 1");
-    // Its report goes out under no combined ID, and its place is free again.
+    // Its report has no combined ID, and its place is free again.
     expectEndOf(2);
     ASSERT_TRUE(waitForEvents(1));
     for (const Dictionary& event : reports().events())

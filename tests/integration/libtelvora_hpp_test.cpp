@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora.hpp, and the recorder as an application's own tests use it: nothing of the daemon here.
+// telvora.hpp, and the recorder for an application's own tests. No daemon is involved.
 #include <gmock/gmock.h>
 
 #include <telvora/telvora.hpp>
@@ -13,7 +13,7 @@ using telvora::Dictionary;
 using telvora::View;
 using testing::ElementsAre;
 
-// A coroutine that runs by itself.
+// A coroutine that runs without a caller.
 struct Detached {
     struct promise_type {
         Detached get_return_object() { return {}; }
@@ -82,7 +82,7 @@ TEST(LibtelvoraHpp, RecordsWhatWouldBeSent) {
     recorder.deliver({{}, {}, 5, 6, payload});
     EXPECT_EQ(session.wait(60s), TELVORA_ERROR_LOST);
     EXPECT_EQ(session.finish(note), TELVORA_ERROR_UNAVAILABLE);
-    // Named, as what a coroutine captures lives in its closure.
+    // Named, since a coroutine's captures live in its closure.
     const auto coroutine = [&]() -> Detached {
         heard.push_back("awaits");
         const Answer answer = co_await telvora::Awaitable(

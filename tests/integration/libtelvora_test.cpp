@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libtelvora as an application has it, the shared library through its C interface, with the real daemon: that
-// every operation gets there, and what becomes of an application whose daemon, process or rights fail it.
+// libtelvora as applications use it, the shared library through its C interface, with the real daemon: every
+// operation, and the loss of the daemon, of rights or of the process.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
@@ -26,16 +26,15 @@ constexpr bool kChildMayStartThreads = false;
 constexpr bool kChildMayStartThreads = true;
 #endif
 
-using lab::kPatience;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
 constexpr int64_t kPatienceMs = std::chrono::milliseconds(kPatience).count();
 
-// What completions and handlers noted, in order; read once the session has been waited for.
+// The events of completions and handlers, in order. Read after a wait for the session.
 using Notes = std::vector<std::string>;
 
-// Events come on the library's thread, and without a wait where the session returns by itself.
+// Callbacks run on the library's thread, and without a wait if the session reconnects by itself.
 class Events {
   public:
     void add(std::string event) {
@@ -76,7 +75,7 @@ class Libtelvora : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         telvora_set_int(info_, kTelvoraSessionInfoClientType, 8);
         telvora_set_int(info_, kTelvoraSessionInfoSessionID, 7);
         telvora_set_string(payload_, "fruit", "quince");
@@ -104,7 +103,7 @@ class Libtelvora : public DaemonFixture {
         options.message_context = options.connection_context = &events_;
         return telvora_session_new(&options);
     }
-    // A session with the daemon, configured.
+    // A configured session.
     void configure() {
         session_ = open(daemon().socketPath());
         telvora_session_set_info(session_, info_, nullptr, nullptr, 0, nullptr, nullptr);
@@ -175,7 +174,7 @@ TEST_F(Libtelvora, CarriesEveryOperation) {
     EXPECT_EQ(telvora_session_send(session_, 1, 1, records, nullptr, nullptr), TELVORA_ERROR_INVALID);
     const std::string much(17'000'000, 'x');
     telvora_set_data(payload_, "much", much.data(), much.size());
-    EXPECT_EQ(send(), TELVORA_OK);                                               // and nothing of it leaves
+    EXPECT_EQ(send(), TELVORA_OK);  // no report leaves the process
     EXPECT_EQ(telvora_session_wait(session_, kPatienceMs), TELVORA_ERROR_FILE);  // the first failure
     EXPECT_EQ(telvora_session_lost_calls(session_), 0u);
     for (telvora_value* value : {user, message, records})
@@ -204,7 +203,7 @@ TEST_F(Libtelvora, OutlivesItsDaemon) {
     EXPECT_TRUE(waitForEvents(2));  // start and report
     EXPECT_THAT(events_.all(), UnorderedElementsAre("lost 3", "restored 3", "message 0/0", "message 5/6"));
 
-    // It aggregates, and so returns without a call.
+    // It aggregates, and so reconnects without a call.
     kill(daemon().pid(), SIGKILL);
     ASSERT_EQ(daemon().process().waitForExit(kPatience), 128 + SIGKILL);
     startDaemon();
@@ -230,15 +229,15 @@ TEST_F(Libtelvora, TakesReportsOfManyThreads) {
     EXPECT_TRUE(waitForEvents(kThreads * kReports + 1));
 }
 
-// In a child process, for the library as it is before its first session, and for a user without rights.
+// In a child process: the library before its first session, and a user without rights.
 TEST_F(Libtelvora, FailsAtOnceWithoutADaemon) {
-    startDaemon([](lab::DaemonOptions& options) { options.entitlement.reset(); });
+    startDaemon([](DaemonOptions& options) { options.entitlement.reset(); });
     const std::string deaf = directory().path() / "deaf";
-    boundSocket(deaf, SOCK_STREAM);  // and closed
+    boundSocket(deaf, SOCK_STREAM);  // closed at once
     const struct {
         std::string path;
         bool asNobody;
-        telvora_status first;  // what the first call returns
+        telvora_status first;  // the result of the first call
         telvora_status answer;
     } cases[] = {{directory().path() / "absent", false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
                  {deaf, false, TELVORA_ERROR_UNAVAILABLE, TELVORA_ERROR_UNAVAILABLE},
@@ -247,7 +246,7 @@ TEST_F(Libtelvora, FailsAtOnceWithoutADaemon) {
                  {daemon().socketPath(), false, TELVORA_OK, TELVORA_ERROR_LOST}};
     std::filesystem::permissions(directory().path() / "run", std::filesystem::perms::owner_all);
     for (const auto& [path, asNobody, first, answer] : cases) {
-        if (asNobody && geteuid() != 0) continue;  // who is not root can't become another user
+        if (asNobody && geteuid() != 0) continue;  // only root can become another user
         if (first == TELVORA_OK && !kChildMayStartThreads) continue;
         SCOPED_TRACE(path + (asNobody ? " as nobody" : ""));
         EXPECT_EQ(inForkedChild([&, &path = path, asNobody = asNobody, first = first,
@@ -284,12 +283,12 @@ TEST_F(Libtelvora, LeavesAForkedChildItsOwnSessions) {
     EXPECT_TRUE(waitForEvents(2));
 }
 
-// The child sends and exits at once, and goes on calling as its statics and handlers end.
+// The child exits right after sending, and goes on calling while its statics are destroyed.
 TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
     startDaemon();
     const std::vector<std::string> lines{"threads 1", "0", "atexit: 9", "static: 9"};
     for (const bool disabled : {true, false}) {
-        const lab::Finished child =
+        const Finished child =
             expectRun({TELVORA_EXIT_CLIENT}, 0, "", "",
                       {{"TELVORA_SOCKET", daemon().socketPath()}, {"TELVORA_DISABLE", disabled ? "1" : "0"}});
         EXPECT_EQ(child.output, lines) << disabled;
@@ -298,7 +297,7 @@ TEST_F(Libtelvora, MayBeUsedToTheEndOfTheProcess) {
     }
 }
 
-// Those of examples/, built by build_examples.sh against the library as it is installed.
+// The examples, which build_examples.sh has built against the installed library.
 TEST_F(Libtelvora, HasExamplesThatReport) {
     startDaemon();
     const std::string built = TELVORA_EXAMPLES_BUILT;

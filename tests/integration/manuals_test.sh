@@ -1,8 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Manual pages are well formed, and have every option of their program. $1: the source directory; $2: that of the
-# programs; the rest: pages that were made.
+# Checks that manual pages are well formed and contain every option of their program. $1: source directory;
+# $2: directory of the programs; the rest: generated pages.
 set -eu
 
 manuals=$1/docs/man
@@ -10,7 +10,7 @@ programs=$2
 shift 2
 mandoc -Tlint -Wwarning "$manuals"/*.[1-9] "$@"
 
-# The options of a program and of all its commands.
+# Prints the options of a program and of all its commands.
 optionsOf() {
     {
         "$1" --help

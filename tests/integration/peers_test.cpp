@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The real daemon and the peers on its socket: those that it doesn't let in, and one that is not ours.
+// Peers on the daemon's socket: those without the entitlement, and one that does not use the library.
 #include <gmock/gmock.h>
 
 #include "telvora/keys.h"
@@ -19,25 +19,24 @@ using testing::Not;
 class Peers : public DaemonFixture {};
 
 TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
-    startDaemon([&](lab::DaemonOptions& options) { options.entitlement.reset(); });
+    startDaemon([&](DaemonOptions& options) { options.entitlement.reset(); });
     EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
     expectLineBeginning("<7>listener: new XPC connection ");
     EXPECT_THAT(daemon().logLines(), Each(Not(HasSubstr("initWithSessionDelegate"))));
 
-    // Both ends are told why, the administrator once a minute.
+    // Both ends learn the reason, the administrator once a minute.
     expectRun(wordsOf(TELVORACTL_PATH " flush --client-type 8 --socket " + daemon().socketPath()), 3,
               "not entitled (telvorad.entitlements(5))");
     EXPECT_THAT(daemon().logLines(), Contains(testing::StartsWith("<6>RefusalLog: refused pid ")).Times(1));
 }
 
 TEST_F(Peers, MayBeWrittenBySomebodyElse) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
-    // Its exit status alone is its verdict: GLib warns on standard error of connections that end as they
-    // must.
+    // Only its exit status counts: GLib warns on standard error about the end of its connections.
     expectRun({"/usr/bin/python3", TELVORA_GDBUS_CLIENT, daemon().socketPath()}, 0);
 
-    // Start, two reports and finish in one batch, and the end message on its own way at the connection's end.
+    // Start, two reports and finish in one batch, and the end message at the connection's end.
     EXPECT_TRUE(waitForEvents(5));
     const std::vector<Dictionary> events = reports().events();
     const auto report = std::find_if(events.begin(), events.end(), [](const Dictionary& event) {

@@ -1,17 +1,19 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Runs the newcomer's path of the README as it stands there. $1: the source directory; $2: that of the programs,
-# which need not be where the README looks for them.
+# Runs the shell example of the README. $1: source directory; $2: directory of the programs, which is linked to the
+# place that the README names.
 set -eu
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# shellcheck disable=SC2016  # fences of a code block
 sed -n '/^```sh$/,/^```$/p' "$1/README.md" | sed '/^```/d' >"$work/path.sh"
 mkdir -p "$work/build/release"
 ln -s "$2" "$work/build/release/bin"
 cd "$work"
-# Where the path stops half-way, what it has started is not left behind.
+# Ends the started programs if the example fails halfway.
+# shellcheck disable=SC2016  # expanded by the inner shell
 run='trap "kill \$lab \$daemon 2>/dev/null || :" EXIT; lab=; daemon=; . ./path.sh'
 TMPDIR="$work" timeout --kill-after=5 100 sh -c "$run" >output 2>&1 || { cat output "$work"/tmp.*/telvorad.log; exit 1; }
 

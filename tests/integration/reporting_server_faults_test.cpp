@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the daemon makes of reporting servers that fail: events that were sent are gone, the client that waits
-// is told, a 5xx ends the backend of that session, and nobody else notices.
+// Reporting servers that fail: posted events are lost, the waiting client learns it, a 5xx disables the
+// session's backend, and other sessions are not affected.
 #include <gmock/gmock.h>
 
 #include "tests/support/bags.h"
@@ -10,7 +10,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using lab::ReportingFault;
 using testing::IsEmpty;
 using testing::Optional;
@@ -21,16 +20,16 @@ class ReportingServerFaults : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag());
-        // Another client type reports to another server, which is well.
+        laboratory().setBag("dravik", openBag());
+        // Another client type reports to another server, which works.
         well_ = std::make_unique<lab::ReportingServer>(laboratory().pki());
-        bags().setBag("fenlow", lab::bagWithClients({entryFor(*well_)}));
+        bags().setBag("fenlow", bagWithClients({entryFor(*well_)}));
         startDaemon();
         neighbour_ = open({.clientType = 9});
     }
 
     static Dictionary entryFor(const lab::ReportingServer& server) {
-        Dictionary entry = lab::openClientEntry();
+        Dictionary entry = openClientEntry();
         entry.set("post_url", server.eventsURL());
         return entry;
     }
@@ -43,7 +42,7 @@ class ReportingServerFaults : public DaemonFixture {
 TEST_F(ReportingServerFaults, TellTheClientThatFlushesAndNobodyElse) {
     const struct {
         const char* what;
-        std::optional<ReportingFault> fault;  // none: connections are refused
+        std::optional<ReportingFault> fault;  // absent: connections are refused
         bool transportError;
     } cases[] = {{"no answer", ReportingFault::noAnswer, true},
                  {"half an answer", ReportingFault::halfAnswer, true},
@@ -57,7 +56,7 @@ TEST_F(ReportingServerFaults, TellTheClientThatFlushesAndNobodyElse) {
         reports().setFault(fault.value_or(ReportingFault::none));
         session->send(4, 1, {{"a", 1}});
         const FlushAnswer flushed = session->flush();
-        EXPECT_TRUE(flushed.answer);  // what was sent, whether or not it arrived
+        EXPECT_TRUE(flushed.answer);  // the posted events, arrived or not
         EXPECT_EQ(flushed.error.has_value(), transportError);
         if (transportError) expectLineBeginning("<3>HTTPSPostBackend(postJsonMessage): post error: ", from);
         expectNeighbourReports();
@@ -75,7 +74,7 @@ TEST_F(ReportingServerFaults, EndABackendByServiceUnavailable) {
     expectLine(std::string("<6>postJSONMessage: ") + kDisabled);
     reports().setFault(ReportingFault::none);
 
-    // Disabled for this session, whatever it does.
+    // The backend stays disabled for this session.
     const size_t arrived = reports().eventCount();
     EXPECT_EQ(session->send(4, 1), std::nullopt);
     EXPECT_EQ(session->send(4, 1, {}, 3), std::nullopt);
@@ -93,7 +92,7 @@ TEST_F(ReportingServerFaults, HoldUpOnlyTheClientThatFlushes) {
     session->send(4, 1);
     const auto flushed = session->beginFlush();
     ASSERT_TRUE(reports().waitForMessages(1, kPatience));
-    // The same client's other calls are answered meanwhile, too.
+    // Other calls of the same client are answered meanwhile.
     EXPECT_EQ(session->send(4, 2), std::nullopt);
     expectNeighbourReports();
     reports().setFault(ReportingFault::none);
@@ -104,8 +103,7 @@ TEST_F(ReportingServerFaults, HoldUpOnlyTheClientThatFlushes) {
 
 TEST_F(ReportingServerFaults, AreToldWhileAnotherBackendStillWaits) {
     well_->setFault(ReportingFault::noAnswer);
-    laboratory().setBag("dravik",
-                        lab::openBag({{"httpPost2", Dictionary{{"clients", Array{entryFor(*well_)}}}}}));
+    laboratory().setBag("dravik", openBag({{"httpPost2", Dictionary{{"clients", Array{entryFor(*well_)}}}}}));
     const auto session = open({}, {"httpPost", "httpPost2"});
     reports().setFault(ReportingFault::hold);
     session->send(4, 1);

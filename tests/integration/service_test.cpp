@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The real daemon as its service manager has it: started by a connection, ending by itself or when told, and
-// refusing to start.
+// The daemon under its service manager: started by a connection, exiting when idle or stopped, and refusing
+// to start.
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -14,9 +14,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::DaemonOptions;
-using lab::kPatience;
-using lab::openBag;
 using testing::Each;
 using testing::Not;
 using testing::StartsWith;
@@ -40,7 +37,7 @@ TEST_F(Service, StartsWithItsFirstConnectionEndsWhenIdleAndLosesNothing) {
                 EXPECT_EQ(session->send(1, 1, {{"life", life}, {"n", n}}), std::nullopt);
         }
         awaitDaemonsEnd();
-        // The session's start and end are told too.
+        // with the session's start and end
         EXPECT_EQ(reports().eventCount(), static_cast<size_t>(12 * life));
     }
 }
@@ -81,7 +78,7 @@ TEST_F(Service, TellsWhyItDoesNotStart) {
 
 TEST_F(Service, LeavesASocketAloneThatIsInUse) {
     startDaemon();
-    lab::DaemonProcess second(
+    DaemonProcess second(
         DaemonOptions::forLaboratory(directory().path(), laboratory().pki(), bags().baseURL()));
     EXPECT_TRUE(second.waitForLine("<3>main: can't listen: " + socket() + ": in use"));
     EXPECT_EQ(second.process().waitForExit(kPatience), 1);
@@ -101,7 +98,7 @@ TEST_F(Service, EndsAtOnceWhenToldTwiceAndTellsWhatIsLost) {
     expectLineBeginning("<7>HTTPSPostBackend(sendMessage): Batching ", from);
     expectLineBeginning("<7>internalSendMessage: ", from);
     daemon().process().signal(SIGTERM);
-    // The session's start and end are two of them.
+    // two of them are the session's start and end
     expectLine("<4>main: 3 reports lost of 3 accepted");
     awaitDaemonsEnd();
     reports().releaseHeld();

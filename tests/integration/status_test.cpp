@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What administrators are told: that no report goes missing from the books, under load, whatever the
-// reporting server does and when a user is over its quotas; who may read it, and with which tools.
+// The status for administrators: all reports are accounted for under load, with any fault of the reporting
+// server, and over quota; access to the status socket; and tools.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
@@ -18,10 +18,9 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using lab::ReportingFault;
 
-// Reports at a place of an account, 0 where there is no such place or account.
+// The number of reports at a place of an account, 0 if there is no such place or account.
 int64_t reportsAt(const Dictionary* account, const char* place) {
     if (account == nullptr) return 0;
     const Dictionary* lost = account->dictionary("lost");
@@ -36,7 +35,7 @@ void expectBalanced(const Dictionary& accounts, const char* whose) {
         for (const auto& [cause, reports] : *account.dictionary("lost"))
             found += reports.integerValue().value_or(0);
         EXPECT_EQ(account.integer("accepted"), found) << whose << " " << name;
-        // A place that was left more often than entered would be a number near 2^64.
+        // a place that was left more often than entered would have a number near 2^64
         EXPECT_GE(reportsAt(&account, "inFlight"), 0);
         EXPECT_GE(reportsAt(&account, "held"), 0);
     }
@@ -45,7 +44,7 @@ void expectBalanced(const Dictionary& accounts, const char* whose) {
 class Status : public DaemonFixture {
   protected:
     std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
-    // The daemon's status, in which all books balance.
+    // The daemon's status, in which all accounts balance.
     Dictionary status() {
         const auto answer = queryStatus(kGetStatus, socketPath(), kPatience);
         EXPECT_TRUE(answer) << answer.error().message;
@@ -55,8 +54,8 @@ class Status : public DaemonFixture {
             expectBalanced(*session.getIf<Dictionary>()->dictionary("accounts"), "session");
         return *answer;
     }
-    // Events that arrived, from a position on. A post on a kept connection that is closed without an answer
-    // goes out once more.
+    // Events that arrived from a position on. A post is repeated if its kept connection closes without an
+    // answer.
     int64_t distinctEvents(size_t from) {
         const std::vector<Dictionary> events = reports().events();
         int64_t distinct = 0;
@@ -65,7 +64,7 @@ class Status : public DaemonFixture {
         }
         return distinct;
     }
-    // The total of the backend once it has accepted so many reports and none is on its way any more.
+    // The backend's total, once it has accepted so many reports and all of them are settled.
     Dictionary settled(int64_t accepted) {
         const auto deadline = std::chrono::steady_clock::now() + kPatience;
         while (std::chrono::steady_clock::now() < deadline) {
@@ -81,7 +80,7 @@ class Status : public DaemonFixture {
     }
 };
 
-// One client's load: batched and realtime reports, every tenth of a category that the bag excludes. The
+// One client's load: batched and realtime reports, one in ten with a category that the bag excludes. The
 // session's end flushes the rest.
 constexpr int kClients = 4;
 constexpr int kReports = 60;
@@ -96,19 +95,19 @@ void reportAndLeave(const std::string& socket, int64_t sessionID) {
 }
 
 TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = openClientEntry();
     entry.set("event_blacklist", Array{66});
     entry.set("event_threshold", 5);
-    laboratory().setBag("dravik", lab::bagWithClients({entry}));
-    startDaemon([](lab::DaemonOptions& options) { options.logLevel = 6; });
+    laboratory().setBag("dravik", bagWithClients({entry}));
+    startDaemon([](DaemonOptions& options) { options.logLevel = 6; });
     const std::jthread reader([this](const std::stop_token& stop) {
         while (!stop.stop_requested())
             status();
     });
     const struct {
         const char* what;
-        std::optional<ReportingFault> fault;  // none: connections are refused
-        const char* place;                    // of what was posted
+        std::optional<ReportingFault> fault;  // absent: connections are refused
+        const char* place;                    // of the posted reports
     } phases[] = {{"well", ReportingFault::none, "delivered"},
                   {"404", ReportingFault::notFound, "rejected"},
                   {"closing", ReportingFault::noAnswer, "noAnswer"},
@@ -138,7 +137,7 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
             reports().setFault(ReportingFault::none);
             reports().releaseHeld();
         }
-        // The daemon's own start and end message go the same way as a client's reports.
+        // the daemon's own start and end messages are posted like reports
         constexpr int64_t kAccepted = kClients * (kReports + 2);
         const Dictionary after = settled(reportsAt(&before, "accepted") + kAccepted);
         const auto more = [&](const char* at) { return reportsAt(&after, at) - reportsAt(&before, at); };
@@ -156,7 +155,7 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
 }
 
 TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
     BlockingSession session(daemon().socketPath(),
                             {.hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
@@ -193,13 +192,13 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     EXPECT_EQ(*device->string("DeviceName"), "Labdevice");
 }
 
-// Each quota in turn is used up by this process's user, while another user is served as ever.
+// Uses up each quota of this process's user in turn. Another user is served as before.
 TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
-    laboratory().setBag("dravik", lab::openBag());
+    laboratory().setBag("dravik", openBag());
     startDaemon();
     letOthersIn();
     UserDefaults defaults(directory().path() / "config", directory().path() / "state");
-    // The daemon reads it with the connection of the query, which it may refuse.
+    // The daemon reads the quota at the query's connection, which it may refuse.
     const auto limit = [&](const char* key, int64_t most) {
         ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, key, most));
         static_cast<void>(queryStatus(kGetStatus, socketPath(), kPatience));
@@ -215,7 +214,7 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     int64_t accepted = 0;  // of the backend
     const auto expectOver = [&](const std::string& quota) {
         expectLine("<3>UserQuotas: user " + std::to_string(geteuid()) + " is over the quota of " + quota);
-        if (geteuid() != 0) return;  // only root can be somebody else
+        if (geteuid() != 0) return;  // only root can become another user
         const size_t before = daemon().logLineCount();
         expectRun(
             wordsOf(std::string(kAsNobody) + TELVORACTL_PATH " oneshot --socket " + daemon().socketPath() +
@@ -278,7 +277,7 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
               calls);
     const size_t before = daemon().logLineCount();
     one.uploadLogData({});
-    expectLine("<3>uploadLogData: Log data array upload failed", before);  // another session has its own
+    expectLine("<3>uploadLogData: Log data array upload failed", before);  // each session has a limit
 }
 
 TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {

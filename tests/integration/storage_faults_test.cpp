@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The real daemon on file systems that fail it: reports go on.
+// File systems that fail the daemon: reports go on.
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 namespace telvora::test {
 namespace {
 
-// A file system of a few pages for a scope.
+// A file system of a few pages, for a scope.
 class TinyFileSystem {
   public:
     explicit TinyFileSystem(const std::filesystem::path& path) : path_(path) {
@@ -24,7 +24,7 @@ class TinyFileSystem {
         if (mounted_) umount2(path_.c_str(), MNT_DETACH);
     }
     bool mounted() const { return mounted_; }
-    // Leaves room for nothing more.
+    // Fills the file system.
     void fill() const { std::ofstream(path_ / "filler") << std::string(size_t{1} << 20, 'x'); }
 
   private:
@@ -35,7 +35,7 @@ class TinyFileSystem {
 class StorageFaults : public DaemonFixture {
   protected:
     void start() {
-        laboratory().setBag("dravik", lab::openBag());
+        laboratory().setBag("dravik", openBag());
         startDaemon();
         session_ = open();
     }
@@ -58,8 +58,8 @@ TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
 
     logs.fill();
     const size_t from = daemon().logLineCount();
-    // The rest of the file's last page takes a few more; the record that finds no room takes its file with
-    // it.
+    // The file's last page has room for a few more records. The record that fails to be written removes its
+    // file.
     for (int i = 0; i < 20; ++i)
         expectRealtimeReport();
     expectLineBeginning("<6>writeToLogFile: Deleted expired telvorad log file ", from);
@@ -68,7 +68,7 @@ TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
 TEST_F(StorageFaults, AStateDirectoryThatCantBeWrittenCostsNoReport) {
     const auto state = directory().path() / "state";
     create_directories(state);
-    chmod(state.c_str(), 0500);  // holds for root too: the daemon has no capabilities
+    chmod(state.c_str(), 0500);  // also holds for root: the daemon has no capabilities
     start();
     expectRealtimeReport();
     expectRealtimeReport();

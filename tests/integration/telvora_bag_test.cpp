@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bag as its users meet it: the program, its exit status and what it leaves on the disk.
+// telvora-bag as a program: exit status, output and files.
 #include <sys/stat.h>
 
 #include "tests/support/expect_run.h"
@@ -18,7 +18,7 @@ class TelvoraBag : public testing::Test {
   protected:
     void SetUp() override {
         directory_.write("bag.plist", kBag);
-        // JSON is signed as the property list that it stands for.
+        // JSON is signed as its property list.
         directory_.write("bag.json", R"({"version": "7.2", "release": {"dashboard": {"port": 0}}})");
         directory_.write("reports", "{\"category\": 5, \"type\": 1}\n");
         directory_.write("text", "This is no property list.");
@@ -35,7 +35,7 @@ class TelvoraBag : public testing::Test {
                   says);
     }
 
-    lab::TemporaryDirectory directory_;
+    TemporaryDirectory directory_;
 };
 
 TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {

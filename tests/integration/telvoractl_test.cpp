@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl as its users meet it, at the real daemon and at the daemon's directories.
+// telvoractl as a program, with the real daemon and with the daemon's directories.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +11,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -20,13 +19,13 @@ class Telvoractl : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         startDaemon();
         socket_ = daemon().socketPath();
     }
     // A command that has a session.
-    lab::Finished run(const std::string& command, int status, const std::string& says = "",
-                      std::string_view input = "") {
+    Finished run(const std::string& command, int status, const std::string& says = "",
+                 std::string_view input = "") {
         return expectRun(wordsOf(TELVORACTL_PATH " --socket " + socket_ + " " + command +
                                  " --session-id 5 --client-type " + clientType_),
                          status, says, input);
@@ -37,7 +36,7 @@ class Telvoractl : public DaemonFixture {
 };
 
 TEST_F(Telvoractl, RunsASessionFromLines) {
-    const lab::Finished session =
+    const Finished session =
         run("session --batch --client-name n", 0, "",
             "{\"category\":3,\"type\":4,\"payload\":{\"text\":\"ü\",\"real\":0.1,\"n\":-7}}\n"
             "\n"
@@ -63,11 +62,11 @@ TEST_F(Telvoractl, RunsASessionFromLines) {
         {"states\nupload", "telvoractl: line 2: upload wants a path"},
     };
     for (const auto& [input, problem] : bad) {
-        const lab::Finished result = run("session", 2, problem, input);
+        const Finished result = run("session", 2, problem, input);
         EXPECT_THAT(result.errors, ElementsAre(StartsWith(problem)));
         EXPECT_THAT(result.output.back(), StartsWith("{\"finish\":")) << input;
     }
-    clientType_ = "9";  // for which there is no bag
+    clientType_ = "9";  // a type without a bag
     run("session", 1, "{\"reportingStates\":null}", "{\"category\":1,\"type\":2}\n");
 }
 
@@ -80,7 +79,7 @@ TEST_F(Telvoractl, SendsOneReport) {
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
 
-    const lab::Finished sent = run("send --json" + report, 0);
+    const Finished sent = run("send --json" + report, 0);
     ASSERT_EQ(sent.output.size(), 4u);  // states, answer, flush, finish
     EXPECT_EQ(sent.output[0], "{\"reportingStates\":[\"httpPost\",\"uploadServer\"]}");
     EXPECT_TRUE(waitForEvents(3));  // with the daemon's own
@@ -94,7 +93,7 @@ TEST_F(Telvoractl, SendsOneReport) {
 
 TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
     run("flush --batch", 0);
-    EXPECT_TRUE(waitForEvents(1));  // the start, which was batched
+    EXPECT_TRUE(waitForEvents(1));  // the start message, which was batched
 
     const std::string file = directory().write("b%ü", "content");
     run("upload --json " + file, 0, "{\"upload\":\"uploaded\"}");
@@ -104,22 +103,22 @@ TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
         run("upload " + bad, 2);
 
     const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory().path() / "logs"}};
-    const lab::Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
+    const Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
     EXPECT_THAT(log.output, ElementsAre(StartsWith("{\"text\":\"[")));
-    lab::ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
+    ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
     ASSERT_TRUE(follow.output().waitFor([](std::string_view) { return true; }, kPatience));
     const size_t shown = follow.output().lineCount();
     run("upload " + file, 0);
     EXPECT_TRUE(follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); },
                                         kPatience, shown));
 
-    laboratory().setBag("pellam", lab::bagWithBackends({}));
+    laboratory().setBag("pellam", bagWithBackends({}));
     clientType_ = "10";
     run("flush", 1, "The session's bag names no backends");
 }
 
 TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
-    const lab::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::filesystem::path state = directory.path() / "state";
     create_directories(state);
     permissions(directory.path(), std::filesystem::perms(0755));
@@ -156,14 +155,14 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"device --json", 0, "\"DeviceName\":\"d\""},
     };
     for (const auto& [arguments, status, says] : steps) {
-        const lab::Finished run =
+        const Finished run =
             expectRun(wordsOf(std::string(TELVORACTL_PATH " ") + arguments), status, says, "",
                       {{"STATE_DIRECTORY", state},
                        {"CONFIGURATION_DIRECTORY", directory.path() / "config"},
                        {"LOGS_DIRECTORY", state / "none"}});
         EXPECT_EQ(run.errors.empty(), status == 0) << arguments;
     }
-    // Neither may what a client has written steer the terminal, nor text that was cut be no JSON.
+    // A client's text can't control the terminal, and truncated text still gives valid JSON.
     directory.write("log/telvorad_1_messageLog.diag",
                     "(2015-11-16 08:00:00 +0000) \x1b]0;x\x07\xc2\x9b"
                     "1m \xc3\n\tü\n");
@@ -175,7 +174,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
                             "\"time\":\"2015-11-16 08:00:00 +0000\"}"));
     struct stat file {};
     ASSERT_EQ(stat((state / "Preferences/com.zandor.telvora.plist").c_str(), &file), 0);
-    EXPECT_EQ(file.st_uid, owner);  // so that the daemon can read it
+    EXPECT_EQ(file.st_uid, owner);  // readable by the daemon
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An update in place: one daemon after another takes the socket while clients report. That the books of both
-// sides agree then: docs/protocol.md says what that means.
+// An update in place: several daemons take the socket in turn while clients report. The accounts of both
+// sides agree at the end (docs/protocol.md).
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -16,7 +16,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
 using Numbers = std::set<int64_t>;
 
 constexpr int kClients = 4;
@@ -25,8 +24,8 @@ constexpr int kLifeWithAServerThatRejects = 1;
 constexpr size_t kAnswersPerLife = 500;  // of each client
 constexpr int64_t kMostOnTheWay = 200;
 
-// An application under load, and what the library told it of its reports. What callbacks write is read after
-// a wait for all answers.
+// An application under load, and the outcome of its reports according to the library. Members that callbacks
+// write are read after a wait for all answers.
 class Client {
   public:
     Client(const std::string& socketPath, int64_t id) : next_(id << 32) {
@@ -42,7 +41,7 @@ class Client {
         wait();
     }
 
-    // Reports until told to stop, and sleeps as long as there is no daemon.
+    // Reports until told to stop, and pauses while there is no daemon.
     void report(const std::stop_token& stop, const std::atomic<bool>& daemonRuns) {
         while (!stop.stop_requested()) {
             const telvora_status status = send(next_++);
@@ -80,7 +79,7 @@ class Client {
         const telvora_status status =
             telvora_session_send(session_.get(), 5, 6, payload.get(), onAnswer, report.get());
         if (status != TELVORA_OK) return status;
-        static_cast<void>(report.release());  // onAnswer()'s
+        static_cast<void>(report.release());  // onAnswer() owns it now
         ++sent;
         return status;
     }
@@ -96,18 +95,19 @@ class Client {
     void wait() { telvora_session_wait(session_.get(), std::chrono::milliseconds(kPatience).count()); }
 
     int64_t next_;
-    std::unique_ptr<telvora_session, Free<telvora_session_free>> session_;  // first to go: it calls back
+    // Last: its destruction ends the callbacks, which use the members above.
+    std::unique_ptr<telvora_session, Free<telvora_session_free>> session_;
 };
 
 class UpdateInPlace : public DaemonFixture {
   protected:
     void start() {
-        startDaemon([](lab::DaemonOptions& options) {
+        startDaemon([](DaemonOptions& options) {
             options.logLevel = 6;
             options.defaults.set("shutdownMilliseconds", std::chrono::milliseconds(kPatience).count());
         });
     }
-    // Ends the daemon; how many reports it says that it has lost.
+    // Ends the daemon. Returns the losses that its last line reports.
     size_t endAndAskForLosses() {
         daemon().process().signal(SIGTERM);
         size_t lost = 0, accepted = 0;
@@ -119,9 +119,9 @@ class UpdateInPlace : public DaemonFixture {
 };
 
 TEST_F(UpdateInPlace, LosesWhatBothSidesSayAndNothingElse) {
-    Dictionary entry = lab::openClientEntry();
+    Dictionary entry = openClientEntry();
     entry.set("expedite", 0);
-    laboratory().setBag("dravik", lab::bagWithClients({entry}));
+    laboratory().setBag("dravik", bagWithClients({entry}));
     std::atomic<bool> daemonRuns = false;
     std::vector<std::unique_ptr<Client>> clients;
     std::vector<std::jthread> threads;

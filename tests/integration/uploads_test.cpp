@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files on their way from a client to the upload server, through the real daemon in its sandbox: what
-// arrives, what vanishes, and above all what doesn't.
+// Uploads from a client through the confined daemon to the upload server: delivery, removal, and refusal.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -16,8 +15,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::kPatience;
-using lab::readFile;
 using lab::UploadAnswer;
 using std::filesystem::path;
 
@@ -30,7 +27,7 @@ UniqueFd openForReading(const path& file) {
     return UniqueFd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
-// Bytes that can't be compressed.
+// Incompressible bytes.
 std::string noise(size_t size) {
     std::string bytes;
     std::mt19937_64 random;
@@ -45,18 +42,18 @@ class Uploads : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        // The test's folder is the client's own and no secret; the daemon goes where the client may go.
+        // The test's directory is readable by all; the daemon may read a file if the client may.
         std::filesystem::create_directories(spool());
-        laboratory().setBag("dravik", lab::openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
+        laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
     }
     void start(Dictionary defaults = {}) {
         defaults.set("uploadDirectories", Array{spool().string(), "relative", 7});
-        startDaemon([&](lab::DaemonOptions& options) { options.defaults = defaults; });
+        startDaemon([&](DaemonOptions& options) { options.defaults = defaults; });
         session_ = open();
     }
     std::unique_ptr<BlockingSession> open() { return DaemonFixture::open({}, {"httpPost", "uploadServer"}); }
 
-    // The directory of uploads, and one that is none.
+    // A directory of uploads, and another directory.
     path spool() const { return directory().path() / "spool"; }
     path file(const std::string& name, std::string_view content = "content") const {
         return directory().write("spool/" + name, content);
@@ -71,7 +68,7 @@ class Uploads : public DaemonFixture {
         EXPECT_TRUE(token) << token.error();
         return token.value_or("");
     }
-    // That the upload is refused with this line and nothing reaches the server.
+    // Expects that the upload is refused with this line and that no upload reaches the server.
     void expectRefused(const path& file, const std::string& token = "",
                        const char* line = kRegularFilesOnly) {
         SCOPED_TRACE(file);
@@ -108,7 +105,7 @@ TEST_F(Uploads, ArriveByteForByteAndVanish) {
                "|, Json output: {\"success\":true}");
     expectLine("<7>uploadFileWithURL: File upload successful for " + log.string());
 
-    // What a client calls its file can't write a record of its own.
+    // A client's name for its file can't forge a record of the log.
     EXPECT_FALSE(session_->uploadFile("/none\n(2015-11-16 08:00:00 +0000) [forged] \x1b[31m"));
     const auto records = newestLogFile(MessageLog(directory().path() / "logs"));
     ASSERT_TRUE(records);
@@ -139,7 +136,7 @@ TEST_F(Uploads, AreRegularFilesOfSomeSizeInTheDirectoriesOfUploads) {
     expectRefused(spool() / "empty", "", kEmpty);
     EXPECT_TRUE(exists(spool() / "empty"));
 
-    // A token opens other directories, but for nothing else than regular files with something in them.
+    // A token gives access to other directories, but only to regular files that are not empty.
     for (const path& special :
          std::initializer_list<path>{"/dev/zero", "/", "/proc/self/fd", spool() / "fifo"}) {
         expectRefused(special, tokenFor(special));
@@ -154,7 +151,7 @@ TEST_F(Uploads, AreRegularFilesOfSomeSizeInTheDirectoriesOfUploads) {
 
 TEST_F(Uploads, WithATokenAreReadFromTheDescriptor) {
     start();
-    // Outside of the directories of uploads the daemon can neither open nor remove anything.
+    // The daemon can neither open nor remove files outside of the directories of uploads.
     const path log = outside("log", "from outside");
     EXPECT_TRUE(session_->uploadFile(log, tokenFor(log)));
     EXPECT_EQ(uploads().uploads().back().body, "from outside");
@@ -185,7 +182,7 @@ TEST_F(Uploads, TakeATokenOnceAndForItsOwnConnectionAndPath) {
     expectRefused(log, foreign->substr(0, 63));
     const std::string token = tokenFor(log);
     expectRefused(other, token);
-    // Whoever presented it for another path has used it up.
+    // A token is used up by its first presentation, even for another path.
     expectRefused(log, token);
 
     const std::string once = tokenFor(log);
@@ -194,7 +191,7 @@ TEST_F(Uploads, TakeATokenOnceAndForItsOwnConnectionAndPath) {
     expectRefused(log, once);
     EXPECT_TRUE(neighbour->uploadFile(log, *foreign));
 
-    // Only whoever can read a file gets one.
+    // Only a client that can read a file gets a token.
     for (const int flags : {O_WRONLY, O_PATH, O_WRONLY | O_APPEND}) {
         const UniqueFd descriptor(::open(log.c_str(), flags | O_CLOEXEC));
         EXPECT_EQ(session_->issueFileExtension(log, descriptor.get()).error(),
@@ -211,7 +208,7 @@ TEST_F(Uploads, HoldABoundedNumberOfTokensPerConnection) {
     start();
     const path log = outside("log");
     const UniqueFd descriptor = openForReading(log);
-    // How many descriptors of the file the daemon has.
+    // The number of the daemon's descriptors of the file.
     const auto held = [&] {
         const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon().pid()) + "/fd");
         std::error_code gone;
@@ -230,14 +227,14 @@ TEST_F(Uploads, HoldABoundedNumberOfTokensPerConnection) {
         }
     }
     EXPECT_EQ(issued, 64U);
-    session_->fetchStates();  // by its answer the last refused descriptor has been closed
+    session_->fetchStates();  // its answer follows the closing of the last refused descriptor
     EXPECT_EQ(held(), 64);
-    // One used makes room for one more; nobody else is concerned; the end closes all.
+    // A used token makes room for one more. Other clients are not affected. The session's end closes all.
     EXPECT_TRUE(session_->uploadFile(log, last));
     EXPECT_TRUE(session_->issueFileExtension(log, descriptor.get()));
     EXPECT_TRUE(open()->issueFileExtension(log, descriptor.get()));
     session_ = open();
-    // No answer tells of another connection's end: asks until it was.
+    // No answer marks the end of another connection: the test asks repeatedly.
     for (int answers = 0; held() != 0 && answers < 100'000; ++answers)
         session_->fetchStates();
     EXPECT_EQ(held(), 0);
@@ -256,7 +253,7 @@ TEST_F(Uploads, ThatHangHoldUpNobodyElse) {
     uploads().setAnswer(UploadAnswer::success);
     EXPECT_TRUE(session_->uploadFile(file("quick")));
     EXPECT_TRUE(open());
-    // The end of the daemon doesn't wait for the server either.
+    // The daemon's end does not wait for the server either.
     stopDaemon();
     EXPECT_TRUE(exists(spool() / "hanging0"));
 }
@@ -267,7 +264,7 @@ TEST_F(Uploads, LargerThanAllPendingRequestsTakeTheirOwnRoom) {
     uploads().setAnswer(UploadAnswer::hold);
     const auto uploaded = session_->beginUploadFile(file("large", content));
     ASSERT_TRUE(uploads().waitForUploads(1, kPatience));
-    // More than all pending requests may take is pending now, and reports still go.
+    // More bytes than the limit of all pending requests wait now; reports are still posted.
     expectReport(*open());
     uploads().releaseHeld();
     EXPECT_TRUE(uploaded());

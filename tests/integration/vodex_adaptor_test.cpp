@@ -20,15 +20,15 @@ class VodexAdaptor : public DaemonFixture {
   protected:
     void SetUp() override {
         DaemonFixture::SetUp();
-        const Dictionary bag = lab::openBag({{"vodex", Dictionary()}});
+        const Dictionary bag = openBag({{"vodex", Dictionary()}});
         laboratory().setBag("quillet", bag);  // client type 7
         laboratory().setBag("dravik", bag);   // client type 8, which has no adaptor
     }
-    // With the adaptor in a place that the sandbox would not let the daemon read.
+    // The adaptor lies where the sandbox does not allow the daemon to read.
     void start(const std::string& adaptor) {
         const auto path = directory().path() / "adaptor.so";
         copy_file(adaptor, path, std::filesystem::copy_options::overwrite_existing);
-        startDaemon([&](lab::DaemonOptions& options) {
+        startDaemon([&](DaemonOptions& options) {
             options.defaults = {{"vodexAdaptorPath", path.string()}, {"shutdownMilliseconds", 100}};
         });
     }
@@ -50,7 +50,7 @@ TEST_F(VodexAdaptor, GetsEveryReport) {
     session.reset();
     expectLine("vodex-adaptor: 4 reports");
 
-    // The bag that stands in for one that can't be had names this backend alone.
+    // The built-in bag for an unreachable server has this backend alone.
     stopDaemon();
     bags().setFault("quillet", lab::BagFault::noAnswer);
     start(TELVORA_EXAMPLE_ADAPTOR);
@@ -68,7 +68,7 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
             line.resize(line.size() - std::string("@ABSTRACT@").size());
             line += landlockABI >= 6 ? "EPERM" : "success";
         }
-#ifdef TELVORA_SANITIZED  // whose runtimes need these
+#ifdef TELVORA_SANITIZED  // the runtimes need these
         if (line.starts_with("escape fork:") || line.starts_with("escape ptrace:") ||
             line.starts_with("escape process_vm_readv:"))
             continue;
@@ -77,7 +77,7 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     }
     const auto secret = directory().write("client/secret", "secret");
     asio::io_context context;
-    // Without a path: in the abstract name space, under a name that the kernel chooses.
+    // An abstract address that the kernel chooses.
     const asio::local::stream_protocol::acceptor listener(context,
                                                           asio::local::stream_protocol::endpoint(""));
     const std::string name = listener.local_endpoint().path().substr(1);
@@ -94,7 +94,7 @@ TEST_F(VodexAdaptor, CannotLeaveTheSandbox) {
     std::vector<std::string> found = daemon().logLines();
     std::erase_if(found, [](const std::string& line) { return !line.starts_with("escape "); });
     EXPECT_THAT(found, testing::UnorderedElementsAreArray(expected));
-    EXPECT_EQ(lab::readFile(secret), "secret");
+    EXPECT_EQ(readFile(secret), "secret");
     // The daemon goes on.
     openWithAdaptor();
     expectReport(*session);
@@ -108,20 +108,18 @@ TEST_F(VodexAdaptor, ThatHangsHoldsUpNeitherOthersNorTheEnd) {
                                .hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
                                                             {kTelvoraHierarchyTokenLevel, level}}};
     };
-    for (int i = 0; i < 5; ++i) {  // more than the daemon has runners
+    for (int i = 0; i < 5; ++i) {  // more than the pool's normal threads
         const size_t from = daemon().logLineCount();
         hanging.push_back(std::make_unique<BlockingSession>(daemon().socketPath(), inHierarchy(7, 1)));
         hanging.back()->beginStartConfig();
         expectLine("sendHangs", from);
     }
     expectReport(*open());
-    // Their parent has IDs and states for them, their child takes theirs over, and the administrator is
-    // told of all.
+    // The parent passes on IDs and states, the child takes them over, and the status shows all.
     const auto parent = open(inHierarchy(8, 0)), child = open(inHierarchy(8, 2));
     expectReport(*parent);
     expectReport(*child);
-    const auto status =
-        queryStatus(kGetStatus, statusSocketBeside(daemon().socketPath()), lab::kPatience);
+    const auto status = queryStatus(kGetStatus, statusSocketBeside(daemon().socketPath()), kPatience);
     ASSERT_TRUE(status) << status.error().message;
     EXPECT_EQ(status->array("sessions")->size(), hanging.size() + 2);
     stopDaemon();

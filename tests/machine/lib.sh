@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=sh
+# shellcheck shell=sh disable=SC2034,SC2086  # used by the scripts that include this; names without blanks
 #
-# For the scripts that run on the machine, as root.
+# Functions of the scripts that run on the machine, as root.
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive
 try=/srv/try
 unit=com.zandor.telvorad
@@ -23,7 +23,7 @@ expect() {
     shift
     "$@" || fail "$what"
 }
-# Until the command succeeds.
+# Repeats the command until it succeeds.
 await() {
     patience=$(($(cut -d . -f 1 /proc/uptime) + 60))
     until "$@" >/dev/null 2>&1; do
@@ -37,7 +37,7 @@ is() {
 property() {
     systemctl show --property "$1" --value $unit.service
 }
-# The service's own lines since the last mark.
+# Sets the position from which lines() prints the service's log.
 mark() {
     journalctl --sync
     cursor=$(journalctl -n 1 --show-cursor -q -o cat | sed -n 's/^-- cursor: //p')

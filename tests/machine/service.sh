@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=sh
 #
-# The packages on a booted machine, as their users meet them: through apt and the service manager alone.
+# Installs and uses the packages on a booted machine, through apt and the service manager.
+# shellcheck source=tests/machine/lib.sh
 . /srv/try/machine/lib.sh
+# shellcheck source=tests/machine/steps.sh
 . /srv/try/machine/steps.sh
 
 install_packages

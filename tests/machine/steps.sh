@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=sh
+# shellcheck shell=sh disable=SC2086,SC2154,SC2164  # names without blanks; lib.sh sets variables; runs under set -e
 lab=/srv/lab
 settings="telvoractl defaults write com.zandor.telvora"
 
@@ -39,6 +39,7 @@ start_laboratory() {
     mkfifo lab.env
     telvora-lab serve --dir lab --signed-bags bags --env-file lab.env --ignore-input >arrived.json 2>lab.log &
     laboratory=$!
+    # shellcheck disable=SC1091  # written by telvora-lab
     . ./lab.env
     cp "$LAB_CA" /usr/local/share/ca-certificates/laboratory.crt
     update-ca-certificates --fresh >/dev/null 2>&1
@@ -185,6 +186,7 @@ restart_under_load() {
     lost=$((lost + ${lost_by_daemons:-0}))
 }
 accepts_many() {
+    # shellcheck disable=SC2020  # two characters, each becomes a line feed
     [ "$(as admin telvoractl --json status | tr ',{' '\n\n' | sed -n 's/.*"accepted": *\([0-9]*\).*/\1/p' | sort -n | tail -n 1)" -ge 400 ]
 }
 
@@ -251,6 +253,7 @@ purge() {
     arrived=$(sed -n 's/.*"number": \([0-9]*\).*/\1/p' $lab/arrived.json | grep -vx 0 | sort -n | uniq -c |
         awk '$1 > 1 { print "twice:", $2 > "/dev/stderr" } { n++ } END { print n + 0 }')
     echo "$arrived of $sent numbered reports arrived, $lost are counted as lost"
+    # shellcheck disable=SC2015  # both conditions
     [ "$arrived" -le "$sent" ] && [ $((arrived + lost)) -ge "$sent" ] || fail "the books do not agree"
 
     step "purge"

@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=sh
+# shellcheck shell=sh disable=SC2086  # names without blanks
 #
-# The kernel has Landlock switched off: the daemon says so once and stays down, and programs need not wait.
+# Boots with Landlock switched off: the daemon logs one line and stays down, and programs are refused at once.
+# shellcheck source=tests/machine/lib.sh
 . /srv/try/machine/lib.sh
 reason='main: sandbox_init() fails: Landlock is switched off: add "landlock" to the lsm= list'
 refused() {

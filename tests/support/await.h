@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Calls of the client library for those who have time to wait for the answers.
+// Blocking calls of the client library.
 #pragma once
 
 #include <functional>
@@ -12,10 +12,10 @@
 #include "client/client_session.h"
 #include "tests/support/child_process.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
-// Starts a call with its completion. The function that is returned waits for the answer; it throws
-// std::runtime_error when there is none, or none within kPatience.
+// Starts a call with its completion. The returned function waits for the answer. It throws std::runtime_error
+// if the call fails or gets no answer within kPatience.
 template <typename T, typename Start>
 std::function<T()> begin(Start start) {
     auto promise = std::make_shared<std::promise<tl::expected<T, CallFailure>>>();
@@ -34,4 +34,4 @@ T await(Start start) {
     return begin<T>(start)();
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

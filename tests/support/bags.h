@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Bags that let reports through, for whoever needs one.
+// Bags that let all reports through.
 #pragma once
 
 #include <string>
 
 #include "plist/property_list.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
-// An entry of "clients" that any client fits and that lets everything through to the laboratory's reporting
+// An entry of "clients" that matches any client and lets all reports through to the laboratory's reporting
 // server.
 inline Dictionary openClientEntry() {
     return {
@@ -28,10 +28,10 @@ inline Dictionary bagWithClients(Array clients) {
     return bagWithBackends({{"httpPost", Dictionary{{"clients", std::move(clients)}}}});
 }
 
-// A bag with an open "httpPost", and these backends too.
+// A bag with an open "httpPost", and also these backends.
 inline Dictionary openBag(Dictionary more = {}) {
     more.set("httpPost", Dictionary{{"clients", Array{openClientEntry()}}});
     return bagWithBackends(std::move(more));
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -11,10 +11,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::await;
-using lab::begin;
-using lab::kPatience;
-
 const Dictionary kUserInfo{{kTelvoraUserInfoClientName, "tester"},
                            {kTelvoraUserInfoServiceName, "integration"}};
 

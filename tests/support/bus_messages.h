@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// D-Bus messages without a peer: written, sealed, and read again.
+// D-Bus messages without a connection: written, sealed, and read again.
 #pragma once
 
 #include <cstdarg>
@@ -12,7 +12,7 @@ namespace telvora::test {
 class BusMessages {
   public:
     BusMessage make() { return bus_.newCall("/", "a.b", "C"); }
-    // A message whose body sd_bus_message_append(3) makes of the signature and the values, ready to be read.
+    // A sealed message whose body sd_bus_message_append(3) makes of the signature and the values.
     BusMessage make(const char* signature, ...) {
         BusMessage message = make();
         va_list values;

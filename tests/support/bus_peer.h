@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The other end of a connection under test: a plain blocking sd-bus, on the test's own thread.
+// The peer of a connection under test: a plain blocking sd-bus, on the test's own thread.
 #pragma once
 
 #include <sys/socket.h>
@@ -47,7 +47,7 @@ class BusPeer {
         check(sd_bus_message_new_method_call(bus_, &message, nullptr, path, interface, method));
         return BusMessage::adopt(message);
     }
-    // The answer, a method return or an error; empty when the connection has ended.
+    // The answer, a method return or an error. Empty if the connection has ended.
     BusMessage call(const BusMessage& message) {
         const uint64_t cookie = send(message);
         for (;;) {
@@ -64,7 +64,7 @@ class BusPeer {
         check(sd_bus_send(bus_, message.get(), &cookie));
         return cookie;
     }
-    // The next message that arrives; empty when the connection has ended.
+    // The next message. Empty if the connection has ended.
     BusMessage receive() {
         for (;;) {
             sd_bus_message* message = nullptr;
@@ -89,7 +89,7 @@ class BusPeer {
     sd_bus* bus_ = nullptr;
 };
 
-// "" for a method return, the error's name for an error, "ended" for none.
+// "" for a method return, the name of an error, "ended" if there is no answer.
 inline std::string errorName(const BusMessage& reply) {
     if (!reply) return "ended";
     const auto error = reply.error();

@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace telvora::lab {
+namespace telvora::test {
 namespace {
 
 constexpr const char* kInherited[] = {"PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS",
@@ -58,7 +58,7 @@ ChildProcess::ChildProcess(const ChildProcessOptions& options) {
     auto [outputRead, outputWrite] = makePipe();
     auto [errorRead, errorWrite] = makePipe();
 
-    // All that allocates happens before the fork: another thread may hold the allocator's lock.
+    // All allocations precede the fork: another thread may hold the allocator's lock.
     std::vector<std::string> arguments = options.arguments;
     std::vector<std::string> environment = environmentOf(options, errorWrite.get());
     const std::vector<char*> argv = pointers(arguments);
@@ -133,4 +133,4 @@ Finished runToEnd(const ChildProcessOptions& options, std::string_view input) {
     return {status, process.output().linesToTheEnd(kPatience), process.errors().linesToTheEnd(kPatience)};
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ChildProcess: a program of ours under test, with its output collected line by line.
+// ChildProcess: a program under test, with its output collected line by line.
 #pragma once
 
 #include <sys/types.h>
@@ -16,26 +16,26 @@
 #include "tests/support/line_collector.h"
 #include "util/unique_fd.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
-// How long anything that must happen may take before whoever waits gives up. Never reached when all is well.
+// The time limit for any expected event. Not reached unless a test fails.
 constexpr std::chrono::seconds kPatience{60};
 
 struct ChildProcessOptions {
     std::vector<std::string> arguments;  // the first is the program's path
-    // The whole environment, besides PATH and the options of the sanitizers.
+    // The whole environment, apart from PATH and the options of the sanitizers.
     std::map<std::string, std::string> environment;
-    // Says to the child that its standard error is what the service manager collects (JOURNAL_STREAM).
+    // Tells the child that its standard error goes to the journal (JOURNAL_STREAM).
     bool journalStream = false;
 };
 
-// Not thread-safe, but for the two collectors.
+// Not thread-safe, except the two collectors.
 class ChildProcess {
   public:
-    // Starts the program. It dies with the calling thread at the latest. Throws std::runtime_error when no
-    // process can be made; a program that can't be executed exits with status 127.
+    // Starts the program. It dies with the calling thread at the latest. Throws std::runtime_error if no
+    // process can be made. A program that can't be executed exits with status 127.
     explicit ChildProcess(const ChildProcessOptions& options);
-    // Ends the program for good (SIGKILL) if it still runs.
+    // Kills the program (SIGKILL) if it still runs.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -47,8 +47,8 @@ class ChildProcess {
     // Writes to the child's standard input.
     bool writeInput(std::string_view text) const;
 
-    // The exit status, or 128 plus the number of the signal that ended the program; nothing when it still
-    // runs after `timeout`.
+    // The exit status, or 128 plus the number of the signal that ended the program. `std::nullopt` if it
+    // still runs after `timeout`.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout);
 
     const LineCollector& output() const { return *output_; }
@@ -63,9 +63,9 @@ class ChildProcess {
     std::unique_ptr<LineCollector> errors_;
 };
 
-// What a program left that ran to its end.
+// The result of a program that ran to its end.
 struct Finished {
-    int status = -1;  // as waitForExit() tells it, -1 where it did not end
+    int status = -1;  // see waitForExit(); -1 if the program did not end
     std::vector<std::string> output;
     std::vector<std::string> errors;
 };
@@ -73,4 +73,4 @@ struct Finished {
 // Runs a program with `input` on its standard input, and waits for its end for at most kPatience.
 Finished runToEnd(const ChildProcessOptions& options, std::string_view input = "");
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

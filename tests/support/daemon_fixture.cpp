@@ -6,9 +6,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::DaemonOptions;
-using lab::DaemonProcess;
-
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines)
@@ -55,8 +52,8 @@ void DaemonFixture::stopDaemon() {
 }
 
 void DaemonFixture::awaitDaemonsEnd(int status) {
-    EXPECT_EQ(daemon_->process().waitForExit(lab::kPatience), status);
-    daemon_->process().errors().linesToTheEnd(lab::kPatience);  // which are then all there
+    EXPECT_EQ(daemon_->process().waitForExit(kPatience), status);
+    daemon_->process().errors().linesToTheEnd(kPatience);  // all lines have arrived then
     EXPECT_EQ(daemon_->sanitizerReports(), std::vector<std::string>());
     if (HasFailure()) std::cerr << "The daemon's log:\n" << joined(daemon_->logLines());
     daemon_.reset();
@@ -73,7 +70,7 @@ void DaemonFixture::expectReport(BlockingSession& session, lab::ReportingServer&
     const size_t before = server.eventCount();
     session.send(4, 2);
     EXPECT_EQ(session.flush().error, std::nullopt);
-    EXPECT_TRUE(server.waitForEvents(before + 1, lab::kPatience));
+    EXPECT_TRUE(server.waitForEvents(before + 1, kPatience));
 }
 
 void DaemonFixture::expectLine(std::string_view line, size_t from) {

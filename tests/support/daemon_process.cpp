@@ -9,7 +9,7 @@
 
 #include "plist/property_list_format.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 namespace {
 
 constexpr std::string_view kListening = "<6>main: Listener resumes with sandbox, start loop.";
@@ -18,7 +18,7 @@ constexpr std::string_view kSanitizerMarks[] = {"ERROR: AddressSanitizer", "ERRO
 
 constexpr int kRelease = 4;  // an environment type
 
-// What the device says of itself.
+// The properties of the device.
 const Dictionary kDevice{{"UniqueDeviceID", "0123456789abcdef0123456789abcdef01234567"},
                          {"ProductVersion", "9.1"},
                          {"BuildVersion", "13B143"},
@@ -67,7 +67,7 @@ std::vector<std::string> socketActivation(const std::string& socket,
     std::vector<std::string> arguments{"/usr/bin/systemd-socket-activate", "--listen=" + socket,
                                        "--listen=" + socket + ".Status",
                                        "--fdname=com.zandor.telvorad.socket:com.zandor.telvorad.Status"};
-    // It hands on no variable that it isn't told of.
+    // systemd-socket-activate(1) passes on only the variables that it is given.
     for (const char* name : {"JOURNAL_STREAM", "ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
         arguments.insert(arguments.end(), {"-E", name});
     for (const auto& [name, value] : environment)
@@ -93,7 +93,7 @@ ChildProcessOptions childOptions(const DaemonOptions& options) {
 
 }  // namespace
 
-DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const LabPki& pki,
+DaemonOptions DaemonOptions::forLaboratory(const std::filesystem::path& directory, const lab::LabPki& pki,
                                            const std::string& storebagURL) {
     DaemonOptions options;
     options.directory = directory;
@@ -146,4 +146,4 @@ std::vector<std::string> DaemonProcess::sanitizerReports() const {
     return reports;
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

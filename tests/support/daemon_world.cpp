@@ -11,8 +11,6 @@
 
 namespace telvora::test {
 
-using lab::FakeHttpClient;
-
 namespace {
 
 bool isBagRequest(const HttpRequest& request) {

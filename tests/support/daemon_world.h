@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DaemonWorld: the whole daemon in a test's memory, but for the wire: a real agent with real sessions and
-// backends, on a virtual clock, an HTTP client without a network, and connections that only remember what
-// they were told.
+// DaemonWorld: the whole daemon in a test's memory, without the wire: a real agent with real sessions and
+// backends, a virtual clock, an HTTP client without a network, and connections that record the daemon's
+// calls.
 #pragma once
 
 #include <memory>
@@ -22,7 +22,7 @@
 
 namespace telvora::test {
 
-// One client's end of the wire.
+// The client's end of one connection.
 class FakeConnection final : public ClientConnection {
   public:
     struct Delivered {
@@ -62,33 +62,34 @@ class FakeConnection final : public ClientConnection {
 
 class DaemonWorld {
   public:
-    // `deviceProperties` are all that the device says of itself.
+    // `deviceProperties` are the only properties of the device.
     explicit DaemonWorld(Dictionary deviceProperties = {{"DeviceName", "phone"}});
     // Ends every connection: a connection and its session hold each other until then.
     ~DaemonWorld() { agent.invalidateAllConnections(); }
 
-    // From now on the bag server answers with this inner bag, signed; nothing: it can't be reached.
+    // Sets the inner bag of the bag server's answers. Absent: the server can't be reached.
     void serveBag(std::optional<Dictionary> innerBag);
-    // A bag with one section, "release", and the HTTPS backend "httpPost" in it with this clients entry.
+    // Serves a bag whose only section, "release", has the HTTPS backend "httpPost" with this clients entry.
     static Dictionary bagWithClient(Dictionary client);
-    // The same with an entry under which connectConfigured()'s sessions report, but for these changes.
+    // Serves one whose entry lets connectConfigured()'s sessions report, with these changes.
     static Dictionary reportingBag(const Dictionary& changes = {});
 
-    // A connection that the agent has let in.
+    // A connection that the agent has accepted.
     std::shared_ptr<FakeConnection> connect();
-    // The same, configured: client type 7, a user, and the hierarchy's token and level if given.
+    // A connection with a configured session: client type 7, a user, and the hierarchy's token and level if
+    // given.
     std::shared_ptr<FakeConnection> connectConfigured(
         uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy = {},
         bool aggregates = false);
 
-    // Every event posted so far, in order, from the JSON bodies (gzip undone).
+    // Every event posted so far, in order, from the JSON bodies after decompression.
     std::vector<Dictionary> postedEvents() const;
     size_t bagRequests() const;
 
     double now = 1'700'000'000;  // seconds since 1970
-    double samplingFactor = 0;   // what every backend draws
-    lab::TemporaryDirectory directory;
-    lab::FakeHttpClient http;
+    double samplingFactor = 0;   // the sampling draw of every backend
+    TemporaryDirectory directory;
+    FakeHttpClient http;
     VirtualNetwork network;
     asio::io_context runLoop;
     UserDefaults defaults;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Programs as their users run them.
+// Runs programs and checks their results.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -16,18 +16,18 @@
 
 namespace telvora::test {
 
-// Of a command line without quotes.
+// The words of a command line without quotes.
 inline std::vector<std::string> wordsOf(const std::string& line) {
     std::istringstream words(line);
     return {std::istream_iterator<std::string>(words), {}};
 }
 
 // Runs a program to its end. Expects its exit status, and `says` in a line of its output or errors.
-inline lab::Finished expectRun(const std::vector<std::string>& words, int status,
-                               const std::string& says = "", std::string_view input = "",
-                               const std::map<std::string, std::string>& environment = {}) {
+inline Finished expectRun(const std::vector<std::string>& words, int status, const std::string& says = "",
+                          std::string_view input = "",
+                          const std::map<std::string, std::string>& environment = {}) {
     const testing::ScopedTrace trace(__FILE__, __LINE__, testing::PrintToString(words));
-    lab::Finished run = lab::runToEnd({words, environment}, input);
+    Finished run = runToEnd({words, environment}, input);
     EXPECT_EQ(run.status, status) << testing::PrintToString(run.errors);
     std::vector<std::string> said = run.output;
     said.insert(said.end(), run.errors.begin(), run.errors.end());

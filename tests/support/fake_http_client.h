@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An HttpClient without a network, for what stands above it.
+// An HttpClient without a network.
 #pragma once
 
 #include <condition_variable>
@@ -13,17 +13,17 @@
 
 #include "http/http_client.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
-// Answers each request at once with what `handler` says, on the calling thread; without a handler, requests
-// are held until complete(). Every operation is callable from any thread.
+// Answers each request at once with the result of `handler`, on the calling thread. Without a handler,
+// requests are held until complete(). Every operation is callable from any thread.
 class FakeHttpClient : public HttpClient {
   public:
     using Handler = std::function<HttpResult(const HttpRequest&)>;
 
     FakeHttpClient() = default;
     explicit FakeHttpClient(Handler handler) : handler_(std::move(handler)) {}
-    // Completes what is still held with an error, as every client does.
+    // Completes all held requests with an error, as every client does.
     ~FakeHttpClient() override {
         while (complete(failure("destroyed"))) {
         }
@@ -71,7 +71,7 @@ class FakeHttpClient : public HttpClient {
         changed_.wait(lock, [&] { return requests_.size() >= count; });
     }
 
-    // Completes the oldest held request on the calling thread; false when none is held.
+    // Completes the oldest held request on the calling thread. False if no request is held.
     bool complete(HttpResult result) {
         Completion completion;
         {
@@ -92,10 +92,10 @@ class FakeHttpClient : public HttpClient {
     std::deque<Completion> held_;
 };
 
-// The value of a request's header, or "" when it has none.
+// The value of a request's header, or "".
 inline std::string headerOf(const HttpRequest& request, std::string_view name) {
     const HttpResponse headersOnly{0, request.headers, {}};
     return std::string(headersOnly.header(name).value_or(""));
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

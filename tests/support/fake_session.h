@@ -9,11 +9,11 @@
 
 namespace telvora::test {
 
-// Notes what arrives, and answers with what the test has set.
+// Records all calls, and answers as the test has configured.
 class FakeSession : public ClientSessionInterface {
   public:
     std::vector<PropertyList> calls;
-    // Takes a reply instead of its being run at once.
+    // If set, receives the reply instead of answering at once.
     std::function<void(StringReply)> onSendMessage;
     std::vector<std::string> reportingStates{"httpPost", "dashboard"};
     bool answersFlushes = true;

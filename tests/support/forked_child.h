@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs part of a test in a child process, for what a process can do to itself only once.
+// Runs part of a test in a child process, for changes of the process that can't be undone.
 #pragma once
 
 #include <sys/wait.h>
@@ -14,7 +14,7 @@
 
 namespace telvora::test {
 
-// What the child found wrong; the parent gets it as text.
+// Collects the failures in the child; the parent receives them as text.
 class ChildReport {
   public:
     explicit ChildReport(int fd) : fd_(fd) {}
@@ -38,8 +38,8 @@ class ChildReport {
     int fd_;
 };
 
-// Forks, runs `body` in the child and returns all that it reported: nothing if all was right. The child ends
-// with _exit(2).
+// Forks, runs `body` in the child and returns its failures. Empty if there were none. The child ends with
+// _exit(2).
 inline std::string inForkedChild(const std::function<void(const ChildReport&)>& body) {
     int ends[2];
     if (pipe(ends) != 0) return "no pipe";

@@ -12,7 +12,7 @@ namespace telvora::test {
 constexpr int kZlibStream = 15;
 constexpr int kGzipStream = 31;
 
-// The content of one whole stream of that kind (window bits of zlib); nothing when it is not exactly that.
+// The content of exactly one stream of that kind (zlib's window bits), else `std::nullopt`.
 inline std::optional<std::string> inflated(std::string_view stream, int kind = kGzipStream) {
     z_stream state{};
     state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));

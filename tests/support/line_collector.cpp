@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-namespace telvora::lab {
+namespace telvora::test {
 
 LineCollector::LineCollector(UniqueFd pipe) : pipe_(std::move(pipe)), thread_([this] { read(); }) {}
 
@@ -65,4 +65,4 @@ std::optional<std::string> LineCollector::waitFor(const Predicate& wanted, std::
     }
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

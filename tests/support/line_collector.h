@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// LineCollector: reads a pipe on its own thread and keeps the lines, for those who wait for one.
+// LineCollector: reads a pipe on its own thread and stores the lines.
 #pragma once
 
 #include <chrono>
@@ -15,26 +15,26 @@
 #include "util/mutex.h"
 #include "util/unique_fd.h"
 
-namespace telvora::lab {
+namespace telvora::test {
 
 // All operations are callable from any thread.
 class LineCollector {
   public:
-    // Reads from `pipe` until its end, which comes when every writer has closed it.
+    // Reads `pipe` until every writer has closed it.
     explicit LineCollector(UniqueFd pipe);
-    // Joins the reader: the writers must be gone.
+    // Joins the reader: the writers must have closed the pipe.
     ~LineCollector();
     LineCollector(const LineCollector&) = delete;
     LineCollector& operator=(const LineCollector&) = delete;
 
     std::vector<std::string> lines() const;
-    // All of them, once the pipe has ended; waits for that until `timeout` is over.
+    // All lines, once the pipe has ended. Waits for that until `timeout` passes.
     std::vector<std::string> linesToTheEnd(std::chrono::milliseconds timeout) const;
     size_t lineCount() const;
 
     using Predicate = std::function<bool(std::string_view line)>;
-    // The first line from position `from` on that fulfils `wanted`; waits for it until `timeout` is over or
-    // the pipe ends, then nothing.
+    // The first line from position `from` on that satisfies `wanted`. Waits for it until `timeout` passes or
+    // the pipe ends; then `std::nullopt`.
     std::optional<std::string> waitFor(const Predicate& wanted, std::chrono::milliseconds timeout,
                                        size_t from = 0) const;
 
@@ -49,4 +49,4 @@ class LineCollector {
     std::thread thread_;
 };
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Collects the log lines of a scope, each as "<level>text", the form in which the daemon writes them to a
-// collector.
+// Collects the log lines of a scope, each as "<level>text", the daemon's format for the journal.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +13,7 @@
 
 namespace telvora::test {
 
-// One at a time; all levels are on while it lives.
+// One at a time. All levels are on while it exists.
 class LogCapture {
   public:
     LogCapture() {
@@ -36,7 +35,7 @@ class LogCapture {
         const std::lock_guard lock(store().mutex);
         return store().lines;
     }
-    // How often exactly this line was written.
+    // The number of lines that equal `line`.
     size_t count(std::string_view line) const {
         const std::vector<std::string> all = lines();
         return static_cast<size_t>(std::count(all.begin(), all.end(), line));

@@ -7,9 +7,9 @@
 
 namespace telvora::test {
 
-// The message of events that a request carries, its gzip undone.
+// The uncompressed message of events in a request.
 inline lab::EventMessage messageOf(const HttpRequest& request) {
-    const bool compressed = lab::headerOf(request, "Content-Encoding") == "gzip";
+    const bool compressed = headerOf(request, "Content-Encoding") == "gzip";
     return lab::parseEventMessage(compressed ? inflated(request.body).value() : request.body).value();
 }
 

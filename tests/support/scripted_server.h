@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A TCP server on 127.0.0.1 whose connections do exactly what a test says, byte by byte: for answers that no
-// decent server would give.
+// A TCP server on 127.0.0.1 whose connections run a test's script, byte by byte: for malformed answers.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -25,7 +24,7 @@ class ScriptedServer {
       public:
         explicit Connection(asio::ip::tcp::socket& socket) : socket_(socket) {}
 
-        // One HTTP request: its head and as much body as Content-Length says; "" when the peer has gone.
+        // One HTTP request: its head and the body of Content-Length bytes. "" if the peer has closed.
         std::string readRequest() {
             size_t size = asio::read_until(socket_, asio::dynamic_buffer(received_), "\r\n\r\n", gone_);
             if (gone_) return {};
@@ -42,7 +41,7 @@ class ScriptedServer {
             return request;
         }
         void send(std::string_view text) { asio::write(socket_, asio::buffer(text), gone_); }
-        // Waits for more of a request.
+        // Reads more of a request.
         void readSome() {
             asio::read(socket_, asio::dynamic_buffer(received_), asio::transfer_at_least(1), gone_);
         }
@@ -57,7 +56,7 @@ class ScriptedServer {
         std::string received_;
     };
 
-    // Runs on a thread per connection; the connection is closed when it returns.
+    // Runs on a thread per connection. The connection is closed when it returns.
     using Script = std::function<void(Connection&)>;
 
     explicit ScriptedServer(Script script)

@@ -6,7 +6,7 @@
 
 namespace telvora::test {
 
-// One key for all tests of a process, for making one takes its time.
+// One key for all tests of a process, since making one is slow.
 inline const RsaPrivateKey& bagKey() {
     static const RsaPrivateKey key = RsaPrivateKey::generate(2048).value();
     return key;

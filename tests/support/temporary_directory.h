@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A fresh directory for the life of a scope, and the two file operations that go with it.
+// A fresh directory for the life of a scope, and two file operations.
 #pragma once
 
 #include <stdlib.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace telvora::lab {
+namespace telvora::test {
 
 class TemporaryDirectory {
   public:
@@ -28,7 +28,7 @@ class TemporaryDirectory {
 
     const std::filesystem::path& path() const { return path_; }
 
-    // Writes a file below the directory, making the directories above it; its whole path.
+    // Writes a file below the directory, and makes its parent directories. Returns the whole path.
     std::filesystem::path write(const std::filesystem::path& relative, std::string_view content) const {
         const std::filesystem::path file = path_ / relative;
         std::filesystem::create_directories(file.parent_path());
@@ -45,4 +45,4 @@ inline std::string readFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-}  // namespace telvora::lab
+}  // namespace telvora::test

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The other end of a UdpSocket: a plain socket on 127.0.0.1.
+// The peer of a UdpSocket: a plain socket on 127.0.0.1.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -12,22 +12,22 @@ namespace telvora::test {
 class UdpPeer {
   public:
     uint16_t port() const { return own_.port(); }
-    // Goes away: datagrams are refused. And comes back on the same port.
+    // Closes the socket, so that datagrams are refused; and opens it again on the same port.
     void close() { socket_.close(); }
     void open() { socket_ = asio::ip::udp::socket(context_, own_); }
 
-    // Waits for a datagram; a test that hangs here is ended by its timeout.
+    // Waits for a datagram. CTest's timeout ends a test that hangs here.
     std::string receive() {
         std::string datagram(65536, '\0');
         datagram.resize(socket_.receive_from(asio::buffer(datagram), sender_));
         return datagram;
     }
-    // Sends to whoever sent last.
+    // Sends to the last sender.
     void answer(const std::string& datagram) { socket_.send_to(asio::buffer(datagram), sender_); }
 
   private:
     asio::io_context context_;
-    // On a port that the kernel chooses.
+    // Uses a port that the kernel chooses.
     asio::ip::udp::socket socket_{context_, {asio::ip::address_v4::loopback(), 0}};
     const asio::ip::udp::endpoint own_ = socket_.local_endpoint();
     asio::ip::udp::endpoint sender_;

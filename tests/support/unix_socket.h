@@ -11,7 +11,7 @@
 
 namespace telvora::test {
 
-// A Unix socket of that type (with flags) bound to the path; one for streams listens.
+// A Unix socket of that type (with flags), bound to the path. A stream socket listens.
 inline UniqueFd boundSocket(const std::string& path, int type) {
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);

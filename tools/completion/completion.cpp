@@ -27,12 +27,12 @@ const CLI::App* findCommand(const CLI::App& app, const std::string& name) {
     return found != commands.end() ? *found : nullptr;
 }
 
-// What a list of words is about, as far as its last one.
+// The meaning of a list of words up to the last one.
 struct Place {
     const CLI::App* app;
-    const CLI::Option* option = nullptr;  // whose value comes next
+    const CLI::Option* option = nullptr;  // the next word is its value
     int valuesMissing = 0;
-    size_t positionals = 0;  // that stand already
+    size_t positionals = 0;  // number of positionals before the last word
     bool optionsOver = false;
 
     void take(const std::string& word) {
@@ -60,7 +60,7 @@ class Candidates {
         if (!word.starts_with(prefix_)) return;
         out_ << word << (description.empty() ? "" : "\t" + description) << '\n';
     }
-    // The values of an option, from what its validator says of itself: "TEXT:{on,off}",
+    // The values of an option as its validator's description lists them: "TEXT:{on,off}",
     // "TEXT:{no->0,yes->1}".
     void addValues(const CLI::Option& option) const {
         const std::string type = option.get_type_name();
@@ -73,7 +73,7 @@ class Candidates {
              CLI::detail::split(type.substr(begin + 1, type.find('}') - begin - 1), ','))
             add(value.substr(0, value.find("->")));
     }
-    // Those of the commands above, too: they may stand anywhere.
+    // Options of the parent commands are included: they are accepted anywhere.
     void addOptions(const CLI::App* app) const {
         for (; app != nullptr; app = app->get_parent()) {
             for (const CLI::Option* option : app->get_options()) {
@@ -95,7 +95,7 @@ class Candidates {
 }  // namespace
 
 void complete(const CLI::App& app, std::vector<std::string> words, std::ostream& out) {
-    // Shells take --name=value apart.
+    // Shells split --name=value into three words.
     if (words.empty() || words.back() == "=") words.emplace_back();
     std::erase(words, "=");
     const std::string last = words.back();

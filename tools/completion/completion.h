@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Completion of command lines in shells. Their scripts, beside this file, know nothing of a program: they run
-// it as `PROGRAM --complete WORD...`, so that what a program offers is what it takes.
+// Completion of command lines in shells. The scripts beside this file know no program: they run it as
+// `PROGRAM --complete WORD...`, so that completion and parser agree.
 #pragma once
 
 #include <iosfwd>
@@ -14,12 +14,12 @@ class App;
 
 namespace telvora {
 
-// When the arguments of main() begin with --complete, prints what may stand in the place of the last WORD and
-// returns true: candidates that begin with it, one a line with a tab and a description after each that has
-// one; or the line "<files>" where a text goes whose values nobody knows.
+// If the arguments of main() begin with --complete, prints the candidates for the last WORD and returns true.
+// The output has one candidate a line, each with a tab and a description if it has one; or the line "<files>"
+// if the word is a text without a list of values.
 bool printCompletions(const CLI::App& app, int argc, const char* const* argv);
 
-// The same, for the words after the program's name.
+// Does the same for the words after the program's name.
 void complete(const CLI::App& app, std::vector<std::string> words, std::ostream& out);
 
 }  // namespace telvora

@@ -1,4 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
+#
 # bash completion for telvoractl and telvora-bag.
 
 _telvora() {

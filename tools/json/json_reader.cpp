@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kMaxDepth = 64;
 
-// Collects the value that RapidJSON's events describe.
+// Builds a value from RapidJSON's events.
 class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collector> {
   public:
     const char* problem = nullptr;
@@ -44,7 +44,7 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
   private:
     struct Container {
         std::variant<Dictionary, Array> value;
-        std::string key;  // of the entry to come
+        std::string key;  // of the next entry
     };
 
     bool open(std::variant<Dictionary, Array> container) {

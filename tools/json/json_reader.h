@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// JSON (RFC 8259) as the tools read it. Objects are dictionaries, arrays arrays, and numbers without fraction
-// and exponent integers; null has no place in a property list. Thread-safe: no shared state.
+// JSON (RFC 8259) for the tools. An object becomes a dictionary, and a number without fraction and exponent
+// an integer. null is an error: a property list has no such value. Thread-safe: no shared state.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@
 
 namespace telvora {
 
-// The value that the text is, or what is wrong with it and where. Nothing may nest deeper than 64, no key may
-// stand twice in one object.
+// The value of the text, or a description of the error with its position. Nesting deeper than 64 and repeated
+// keys in one object are errors.
 tl::expected<PropertyList, std::string> parseJson(std::string_view text);
 
 }  // namespace telvora

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reports as people write and record them, one JSON object each:
+// Reports in recordings and on standard input, one JSON object each:
 //
 //     {"category": 5, "type": 1, "payload": {"key": "value"}, "flag": 0}
 //
-// "category" and "type" (0 to 65535) must be there; "flag" is 1 for realtime, 2 for promotion, 3 for both.
+// "category" and "type" (0 to 65535) are required. "flag" is 1 for realtime, 2 for promotion, 3 for both.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@
 
 namespace telvora {
 
-// The message dictionary (telvora/keys.h) that the object describes, or what is wrong with it.
+// The message dictionary (telvora/keys.h) that the object describes, or the reason of failure.
 tl::expected<Dictionary, std::string> messageOfJson(std::string_view text);
 
 }  // namespace telvora

@@ -7,7 +7,7 @@ namespace telvora::bag {
 
 namespace {
 
-// The last four bytes of a gzip stream (RFC 1952) are the length of what it holds.
+// The last four bytes of a gzip stream are the length of the uncompressed data (RFC 1952).
 size_t lengthOfContent(const std::string& gzip) {
     size_t length = 0;
     for (size_t i = 1; i <= 4 && i <= gzip.size(); ++i)
@@ -21,23 +21,22 @@ bool hasHeader(const HttpRequest& request, std::string_view name) {
 
 }  // namespace
 
-BackendRun::BackendRun(const std::string& name, const PropertyList& profile,
-                       const Circumstances& circumstances)
-    : trial_(circumstances, *this),
-      backend_(trial_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
+BackendRun::BackendRun(const std::string& name, const PropertyList& profile, const Scenario& scenario)
+    : dryRun_(scenario, *this),
+      backend_(dryRun_.makeBackend(std::make_shared<const Dictionary>(Dictionary{{name, profile}}))),
       handedOn_(dynamic_cast<const VodexBackend*>(backend_.get()) != nullptr) {
-    trial_.onRequest = [this](const HttpRequest& request) { posted(request); };
+    dryRun_.onRequest = [this](const HttpRequest& request) { posted(request); };
     if (backend_) backend_->updateState();
 }
 
 void BackendRun::send(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
                       SendFlag flag) {
-    trial_.advance(1);
+    dryRun_.advance(1);
     if (!backend_ || handedOn_) return;
     if (const auto excluded = backend_->exclusionOf(category, "send")) {
         return backend_->reports().accept(*excluded);
     }
-    backend_->sendMessage(payload, trial_.now(), category, type, flag);
+    backend_->sendMessage(payload, dryRun_.now(), category, type, flag);
 }
 
 void BackendRun::flush() {
@@ -73,9 +72,9 @@ std::string reasonOf(ReportOutcome outcome) {
         case ReportOutcome::batchFull:
             return "the batch was full and could not be sent";
         case ReportOutcome::noURL:
-            return "there is nowhere to post to";
+            return "there is no URL to post to";
         case ReportOutcome::notSupported:
-            return "this backend takes no reports of sessions";
+            return "sessions send no reports to this backend";
         default:
             return nameOf(outcome);
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BackendRun: one real backend of a made-up session, to which reports are sent. The tool learns the fate of
-// reports from runs, never from rules of its own.
+// BackendRun: one real backend of a simulated session, to which reports are sent. The tool observes the
+// outcome of reports; it has no rules of its own.
 #pragma once
 
 #include <functional>
@@ -11,16 +11,16 @@
 #include <vector>
 
 #include "policy/decision_trace.h"
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
 class BackendRun final : private DecisionTrace {
   public:
-    // `profile`: the section's value under `name`. Both must outlive the construction only.
-    BackendRun(const std::string& name, const PropertyList& profile, const Circumstances& circumstances);
+    // `profile`: the section's value under `name`. Both need to live only until the constructor returns.
+    BackendRun(const std::string& name, const PropertyList& profile, const Scenario& scenario);
 
-    // What the server gets with one post. Sizes are those of the body, in bytes.
+    // One post as the server receives it. Sizes are those of the body, in bytes.
     struct Post {
         const std::string& url;
         std::span<const Dictionary> events;
@@ -32,12 +32,12 @@ class BackendRun final : private DecisionTrace {
     // Called for each key of a report that a filter removes or hashes. May be empty.
     std::function<void(const std::string& key, const EventFilter& filter)> onFiltered;
 
-    // Null when the daemon would not make one.
+    // Null if the daemon would not make the backend.
     const TelvoraBackend* backend() const { return backend_.get(); }
-    // Whether all reports go to the device's metrics adaptor, of which there is none here.
+    // Whether all reports go to the device's metrics adaptor. A dry run has no adaptor.
     bool isHandedOn() const { return handedOn_; }
 
-    // Submits one report as a session does, a second after the one before.
+    // Submits one report as a session does, one second after the previous one.
     void send(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload = {},
               SendFlag flag = {});
     void flush();
@@ -50,12 +50,12 @@ class BackendRun final : private DecisionTrace {
     void posted(const HttpRequest& request);
 
     std::vector<Dictionary> leaving_;
-    Trial trial_;
+    DryRun dryRun_;
     const std::shared_ptr<TelvoraBackend> backend_;
     const bool handedOn_;
 };
 
-// Why reports were lost, for people.
-std::string reasonOf(ReportOutcome outcome);
+// The reason of a loss, as text for people.
+std::string reasonOf(ReportOutcome place);
 
 }  // namespace telvora::bag

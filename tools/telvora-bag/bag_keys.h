@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Every key of a bag: its type, what its absence means and what it is for. `lint` checks bags against this
-// table, and storebag(5) prints it.
+// Every key of a bag: its type, its default and its meaning. `lint` checks bags against this table, and
+// storebag(5) prints it.
 #pragma once
 
 #include <span>
@@ -12,7 +12,7 @@ namespace telvora::bag {
 enum class ValueType {
     text,
     base64,   // text
-    list,     // text: elements between commas, nothing trimmed
+    list,     // text: elements between commas, not trimmed
     names,    // a list whose elements are compared whole
     url,      // text
     address,  // text: IPv4
@@ -28,7 +28,7 @@ enum class ValueType {
     anything,
 };
 
-// How a type is called.
+// The name of a type in messages and in storebag(5).
 std::string_view nameOf(ValueType type);
 
 // How much a missing key matters.
@@ -40,22 +40,22 @@ struct KeyRule {
     std::string_view key;
     ValueType type;
     Need need;
-    std::string_view absent;   // what holds where the key is absent
+    std::string_view absent;   // the effect of an absent key
     std::string_view meaning;  // whole sentences
-    // Of numbers, the range outside of which a value is a mistake.
+    // For numbers: a value outside of this range is a mistake.
     double lowest = 0;
-    double highest = 0;  // both 0: every number will do
-    // Of dictionaries.
+    double highest = 0;  // both 0: no limits
+    // For dictionaries.
     const DictionaryKind* content = nullptr;
-    // What holds where the value is of another type; empty: the same as where it is absent.
+    // The effect of a value of another type. Empty: the same as `absent`.
     std::string_view mistyped = {};
 };
 
-// A kind of dictionary that a bag is made of.
+// One kind of dictionary in a bag.
 struct DictionaryKind {
     std::string_view name;
     std::span<const KeyRule> keys;
-    std::string_view unknown;  // what becomes of any other key
+    std::string_view unknown;  // the effect of any other key
 
     const KeyRule* find(std::string_view key) const;
 };
@@ -72,7 +72,7 @@ extern const DictionaryKind kUploadServer;
 extern const DictionaryKind kVodex;
 extern const DictionaryKind kJoulemark;
 
-// All of them, from the outside in.
+// All kinds, outermost first.
 std::span<const DictionaryKind* const> allDictionaryKinds();
 
 }  // namespace telvora::bag

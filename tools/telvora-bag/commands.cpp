@@ -12,7 +12,7 @@ namespace telvora::bag {
 
 namespace {
 
-// What a signed document holds, and by what one knows that it is this one.
+// Prints the bag's version, and the lengths and digests of the bag and of the document.
 void describe(std::ostream& out, const std::string& file, const Dictionary& bag, std::string_view inner,
               std::string_view document) {
     const std::string* version = bag.string("version");
@@ -26,7 +26,7 @@ struct InnerBag {
     std::string bytes;
 };
 
-// The bag as it is to be signed: a property list keeps its bytes, JSON becomes an XML property list.
+// The bytes to sign: a property list unchanged, JSON as an XML property list.
 tl::expected<InnerBag, std::string> readInnerBag(const std::string& path) {
     auto document = readFile(path);
     if (!document) return tl::unexpected(document.error());
@@ -63,7 +63,7 @@ int sign(const std::string& privateKeyFile, const std::string& bagFile, const st
     const auto document = signBag(bag->bytes, *key);
     if (!document) return complain(bagFile + ": " + document.error());
     if (auto written = writeFile(signedFile, *document); !written) return complain(written.error());
-    // Standard output may be where the document went.
+    // Standard output may hold the document itself.
     describe(signedFile == "-" ? std::cerr : std::cout, signedFile, bag->content, bag->bytes, *document);
     return kDone;
 }

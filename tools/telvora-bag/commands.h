@@ -1,30 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What telvora-bag does. Each command returns the exit status (documents.h); what is wrong goes to standard
-// error. Files that are written are written whole or not at all.
+// The commands of telvora-bag. Each returns the exit status (documents.h) and writes errors to standard
+// error. An output file is written completely or not at all.
 #pragma once
 
 #include <optional>
 #include <string>
 
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
-// Makes a key pair: the private key as PEM, readable by its owner alone, and the public key as DER, which
-// goes into the client framework as publicKey.der.
+// Makes a key pair: the private key as PEM with mode 0600, and the public key as DER, which the client
+// framework holds as publicKey.der.
 int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits);
 
-// Signs a bag. The bytes of a property list are kept as they are, JSON becomes XML.
+// Signs a bag. A property list is signed byte by byte; JSON becomes an XML property list first.
 int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile);
 
-// Checks a signed document and says which bag it holds.
+// Verifies a signed document and prints the version and digests of its bag.
 int verify(const std::string& publicKeyFile, const std::string& signedFile);
 
-// Prints the inner bag of a signed document, or a bag that is not signed, as XML. Checks no signature.
+// Prints the inner bag of a signed document, or an unsigned bag, as XML. Checks no signature.
 int show(const std::string& file);
 
-// Prints what is wrong with a bag, signed or not, a line or a JSON object each.
+// Prints the findings about a bag, signed or not, one line or one JSON object each.
 int lint(const std::string& file, bool json);
 
 struct ExplainOptions {
@@ -33,10 +33,10 @@ struct ExplainOptions {
     std::optional<std::string> deviceFile;
     std::optional<std::string> eventsFile;
     bool log = false;
-    Circumstances circumstances;  // the rest of them
+    Scenario scenario;  // `environment`, `device` and `country` are set from the options above
 };
 
-// Prints what a bag, signed or not, means for a session, and what would become of recorded reports.
+// Prints the effect of a bag, signed or not, on a session, and the outcome of recorded reports.
 int explain(const ExplainOptions& options);
 
 }  // namespace telvora::bag

@@ -22,7 +22,7 @@ tl::unexpected<std::string> failure(const std::string& path, const std::string& 
     return tl::unexpected((path == kStandardStream ? "standard input" : path) + ": " + reason);
 }
 
-// At most one byte more than there may be.
+// Reads one byte more than the limit, so that the caller sees that the input is too long.
 std::string readAll(std::istream& stream) {
     std::string content(kMaxDocumentBytes + 1, '\0');
     stream.read(content.data(), static_cast<std::streamsize>(content.size()));
@@ -67,7 +67,7 @@ tl::expected<void, std::string> writeFile(const std::string& path, std::string_v
         return tl::unexpected(std::string("standard output can't be written"));
     }
     if (auto written = replaceFile(path, content); !written) return failure(path, written.error());
-    // replaceFile() leaves it to its owner alone.
+    // replaceFile() makes the file readable by its owner alone.
     if (access == Access::everybody) chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
     return {};
 }
@@ -92,7 +92,7 @@ tl::expected<std::string, std::string> bytesToSign(std::string_view document, co
     if (isJson(document)) bytes = serializePropertyList(bag, PropertyListFormat::xml);
     if (!bytes) return bytes;
     if (bytes->size() > kMaxInnerBagBytes) return tl::unexpected(whyTooLongToSign());
-    // A property list was read already; of JSON it shows only now.
+    // JSON reaches this point unparsed.
     if (const auto read = parsePropertyList(*bytes); !read) return tl::unexpected(read.error());
     return bytes;
 }

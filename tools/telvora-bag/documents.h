@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The documents that telvora-bag reads and writes. A failure is a message for people that begins with the
-// file's name. "-" is standard input or output.
+// Documents that telvora-bag reads and writes. An error is a message for people that begins with the file's
+// name. "-" is standard input or output.
 #pragma once
 
 #include <optional>
@@ -27,33 +27,33 @@ int complain(const std::string& message);
 tl::expected<std::string, std::string> readFile(const std::string& path);
 
 enum class Access { owner, everybody };
-// Writes a file whole or not at all.
+// Writes a file completely or not at all.
 tl::expected<void, std::string> writeFile(const std::string& path, std::string_view content,
                                           Access access = Access::everybody);
 
-// The dictionary that a document holds: a property list, XML or binary, or JSON.
+// The dictionary in a document: a property list, XML or binary, or JSON.
 tl::expected<Dictionary, std::string> parseDictionary(const std::string& path, std::string_view document);
 tl::expected<Dictionary, std::string> readDictionary(const std::string& path);
-// Whether it can only be JSON.
+// Whether the text can only be JSON.
 bool isJson(std::string_view document);
-// The dictionary that a property list holds. What goes to the daemon has to be one.
+// The dictionary in a property list. A document for the daemon must be a property list.
 tl::expected<Dictionary, std::string> parsePlist(const std::string& path, std::string_view document);
 
-// The parts of a signed document: the inner bag's bytes and the signature.
+// The parts of a signed document: the bytes of the inner bag, and the signature.
 struct SignedBag {
     std::string inner;
     std::string signature;
 };
-// Nothing when the document has not both of them in base64.
+// `std::nullopt` if the document lacks either of them in base64.
 std::optional<SignedBag> takeApart(const Dictionary& document);
-// The bytes of a bag as they are signed: of a property list its own, of JSON an XML property list. Fails with
-// the reason when the daemon would not read them.
+// The bytes of a bag to sign: a property list unchanged, JSON as an XML property list. Fails with the reason
+// if the daemon would refuse them.
 tl::expected<std::string, std::string> bytesToSign(std::string_view document, const Dictionary& bag);
 
-// Whether it claims to be one.
+// Whether the document has the keys of a signed document.
 bool isSignedDocument(const Dictionary& document);
 
-// Reads a bag, signed or not. No signature is checked.
+// Reads a bag, signed or not. Checks no signature.
 tl::expected<Dictionary, std::string> readBag(const std::string& path);
 
 }  // namespace telvora::bag

@@ -5,7 +5,7 @@
 
 #include "config/storebag_fetcher.h"
 #include "policy/absent_text.h"
-#include "telvora-bag/narrator.h"
+#include "telvora-bag/decision_printer.h"
 #include "telvora-bag/samples.h"
 #include "util/log.h"
 
@@ -13,9 +13,9 @@ namespace telvora::bag {
 
 namespace {
 
-std::ostream* logTarget = nullptr;  // a log sink is a plain function
+std::ostream* logTarget = nullptr;  // a log sink is a plain function pointer
 
-// The daemon's log lines, among what is printed.
+// Prints the daemon's log lines into the output.
 class LogAmongText {
   public:
     LogAmongText(std::ostream& out, int level) {
@@ -35,27 +35,27 @@ class LogAmongText {
 };
 
 void explainBackend(std::ostream& out, const std::string& name, const PropertyList& profile,
-                    const Circumstances& circumstances, bool log) {
+                    const Scenario& scenario, bool log) {
     out << '\n' << name << '\n';
     {
         const LogAmongText logLines(out, log ? kLogDebug : kLogWarning);
-        Narrator narrator(out, circumstances);
-        Trial trial(circumstances, narrator);
-        narrator.setIdentity(trial.identity());
+        DecisionPrinter printer(out, scenario);
+        DryRun dryRun(scenario, printer);
+        printer.setIdentity(dryRun.identity());
         const auto section = std::make_shared<const Dictionary>(Dictionary{{name, profile}});
-        const auto backend = trial.makeBackend(section);
+        const auto backend = dryRun.makeBackend(section);
         if (!backend) {
             out << "  => no backend\n";
             return;
         }
         const Dictionary* settings = section->dictionary(name);
         const Array* clients = settings != nullptr ? settings->array("clients") : nullptr;
-        if (clients != nullptr) narrator.begin(*clients);
+        if (clients != nullptr) printer.begin(*clients);
         backend->updateState();
         out << "  => " << nameOf(backend->state()) << '\n';
     }
-    const SampledBackend sampled{name, profile, circumstances};
-    printFates(out, sampled);
+    const SampledBackend sampled{name, profile, scenario};
+    printOutcomes(out, sampled);
     printFilters(out, sampled);
 }
 
@@ -75,35 +75,34 @@ std::string_view nameOf(BackendState state) {
     return "";
 }
 
-const Dictionary* sectionForSession(const Dictionary& bag, const Circumstances& circumstances) {
-    if (!isBagFetchedFor(circumstances.clientType)) return nullptr;
-    return sectionForEnvironment(bag, circumstances.environment);
+const Dictionary* sectionForSession(const Dictionary& bag, const Scenario& scenario) {
+    if (!isBagFetchedFor(scenario.clientType)) return nullptr;
+    return sectionForEnvironment(bag, scenario.environment);
 }
 
-std::string explainBag(const Dictionary& bag, const Circumstances& circumstances, bool log) {
+std::string explainBag(const Dictionary& bag, const Scenario& scenario, bool log) {
     std::ostringstream out;
-    if (!isBagFetchedFor(circumstances.clientType)) {
-        out << "=> client type " << circumstances.clientType
-            << " has no bag: its sessions have no backends\n";
+    if (!isBagFetchedFor(scenario.clientType)) {
+        out << "=> client type " << scenario.clientType << " has no bag: its sessions have no backends\n";
         return out.str();
     }
     const std::string* version = bag.string("version");
     const auto refreshCycle = refreshCycleOf(bag);
-    out << "bag \"" << textOrNull(bagNameForClientType(circumstances.clientType)) << "\", version "
+    out << "bag \"" << textOrNull(bagNameForClientType(scenario.clientType)) << "\", version "
         << (version != nullptr ? *version : "(none)") << ", used for "
         << (refreshCycle ? std::to_string(*refreshCycle) + " s" : "as long as its server says") << '\n'
-        << "environment " << sectionNameForEnvironment(circumstances.environment).value_or("(none)") << '\n';
+        << "environment " << sectionNameForEnvironment(scenario.environment).value_or("(none)") << '\n';
     const Dictionary* section = nullptr;
     {
         const LogAmongText logLines(out, log ? kLogDebug : kLogWarning);
-        section = sectionForSession(bag, circumstances);
+        section = sectionForSession(bag, scenario);
     }
     if (section == nullptr) {
         out << "=> the bag has no section for it: sessions have no backends\n";
         return out.str();
     }
     for (const auto& [name, profile] : *section)
-        explainBackend(out, name, profile, circumstances, log);
+        explainBackend(out, name, profile, scenario, log);
     return out.str();
 }
 

@@ -1,32 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a bag means for one session on one device.
+// The effect of a bag on one session on one device.
 #pragma once
 
 #include <istream>
 #include <string>
 #include <tl/expected.hpp>
 
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
-// For people: which section holds, and backend by backend which entries were passed over and which one was
-// taken, the state that follows and why, the fate of reports, and which fields are filtered. With `log`, the
-// daemon's own lines of every level stand between, else only its warnings and errors. One at a time: it takes
-// the log over for its duration.
-std::string explainBag(const Dictionary& bag, const Circumstances& circumstances, bool log);
+// Text for people: the section in use; for each backend the entries that were skipped and the one that was
+// chosen, the resulting state with its reason, the outcome of reports, and the filters. With `log`, the
+// daemon's log lines of every level are included, else only warnings and errors. Not reentrant: it redirects
+// the process's log while it runs.
+std::string explainBag(const Dictionary& bag, const Scenario& scenario, bool log);
 
-// For people: what becomes of recorded reports, one JSON object a line (report_json.h), and what they cost.
-// Fails with the number of the first line that is none.
-tl::expected<std::string, std::string> replayReports(const Dictionary& bag,
-                                                     const Circumstances& circumstances,
+// Text for people: the outcome and the size of recorded reports, one JSON object a line (report_json.h).
+// Fails with the number of the first malformed line.
+tl::expected<std::string, std::string> replayReports(const Dictionary& bag, const Scenario& scenario,
                                                      std::istream& reports);
 
-// The section that a session gets its backends from, or null.
-const Dictionary* sectionForSession(const Dictionary& bag, const Circumstances& circumstances);
+// The section from which a session gets its backends, or null.
+const Dictionary* sectionForSession(const Dictionary& bag, const Scenario& scenario);
 
-// How a state is called.
+// The name of a state in the output.
 std::string_view nameOf(BackendState state);
 
 }  // namespace telvora::bag

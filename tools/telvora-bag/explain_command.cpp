@@ -21,13 +21,13 @@ std::optional<EnvironmentType> environmentOf(const std::string& nameOrNumber) {
     return std::nullopt;
 }
 
-tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const Circumstances& circumstances,
+tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const Scenario& scenario,
                                                   const std::string& path) {
     std::ifstream file;
     if (path != "-") file.open(path);
     std::istream& reports = path == "-" ? std::cin : file;
     if (!reports) return tl::unexpected(path + ": can't be read");
-    auto text = replayReports(bag, circumstances, reports);
+    auto text = replayReports(bag, scenario, reports);
     if (!text) return tl::unexpected(path + ": " + text.error());
     if (reports.bad()) return tl::unexpected(path + ": can't be read");
     return "\n" + path + "\n" + *text;
@@ -36,27 +36,27 @@ tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const C
 }  // namespace
 
 int explain(const ExplainOptions& options) {
-    Circumstances circumstances = options.circumstances;
+    Scenario scenario = options.scenario;
     const auto environment = environmentOf(options.environment);
     if (!environment)
         return complain("--environment " + options.environment + ": there is no such environment");
-    circumstances.environment = *environment;
-    if (circumstances.country) {
-        const std::string given = *circumstances.country;
-        circumstances.country = countryCodeOf(given);
-        if (!circumstances.country) return complain("--country " + given + ": is no code of two letters");
+    scenario.environment = *environment;
+    if (scenario.country) {
+        const std::string given = *scenario.country;
+        scenario.country = countryCodeOf(given);
+        if (!scenario.country) return complain("--country " + given + ": is no code of two letters");
     }
     if (options.deviceFile) {
         auto device = readDictionary(*options.deviceFile);
         if (!device) return complain(device.error());
-        circumstances.device = std::move(*device);
+        scenario.device = std::move(*device);
     }
     const auto bag = readBag(options.file);
     if (!bag) return complain(bag.error());
 
-    std::string text = explainBag(*bag, circumstances, options.log);
+    std::string text = explainBag(*bag, scenario, options.log);
     if (options.eventsFile) {
-        const auto replay = replayFile(*bag, circumstances, *options.eventsFile);
+        const auto replay = replayFile(*bag, scenario, *options.eventsFile);
         if (!replay) return complain(replay.error());
         text += *replay;
     }

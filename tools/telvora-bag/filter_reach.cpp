@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view kValue = "value";
 
-// The number that a filter names, or the least one from 1 that no filter of its key names.
+// The number that a filter names, or the smallest one from 1 that no filter of its key names.
 std::optional<uint16_t> numberFor(const std::vector<EventFilter>& filters, const EventFilter& own,
                                   int32_t EventFilter::*member, const CategoryTest& isPossible) {
     std::set<int32_t> named;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The walk over a bag along the table of its keys.
+// Walks a bag along the table of its keys.
 #include "telvora-bag/lint.h"
 
 #include <algorithm>
@@ -59,7 +59,7 @@ bool isOfType(const PropertyList& value, ValueType type) {
     }
 }
 
-// The number that the daemon reads, by its own accessors, where a value of this type is due.
+// The number that the daemon's own accessors read where a value of this type is expected.
 std::optional<double> numberUsed(const PropertyList& value, ValueType type) {
     if (type == ValueType::numeral) {
         const auto integer = value.integerValue();
@@ -85,7 +85,7 @@ void lintNumber(const std::string& path, const PropertyList& value, double used,
     lintRange(path, used, rule, findings);
 }
 
-// The elements of an array, which are all of one type.
+// Checks the elements of an array, which must all have one type.
 void lintElements(const std::string& path, const Array& array, const KeyRule& rule, ValueType type,
                   Findings& findings) {
     for (size_t i = 0; i < array.size(); ++i) {
@@ -128,7 +128,7 @@ void lintValue(const std::string& path, const PropertyList& value, const KeyRule
     }
 }
 
-// How many letters have to be added, dropped or exchanged to make one text of the other.
+// The edit distance of two texts: letters added, dropped or exchanged.
 size_t distance(std::string_view a, std::string_view b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});

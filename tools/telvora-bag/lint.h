@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is wrong with a bag, as far as the bag alone tells: keys that nobody reads, values of the wrong type
-// or out of range, entries and filters that can never come to their turn, lists that let nothing pass.
+// Findings about a bag that need no device and no session: unknown keys, values of the wrong type or out of
+// range, entries and filters that never apply, and lists that let no report pass.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@
 namespace telvora::bag {
 
 enum class Severity {
-    warning,  // does not do all that it seems to
-    error,    // does nothing at all, or keeps reports from being sent
+    warning,  // has less effect than it seems to have
+    error,    // has no effect, or keeps reports from being sent
 };
 
 struct Finding {
@@ -22,10 +22,10 @@ struct Finding {
     std::string text;
 };
 
-// Everything there is to say of an inner bag, in the order of its keys.
+// All findings about an inner bag, in the order of its keys.
 std::vector<Finding> lintBag(const Dictionary& bag);
 
-// The same of what a file holds, which may be a signed document or a bag.
+// All findings about a file, which may be a signed document or a bag.
 std::vector<Finding> lintDocument(const Dictionary& document);
 
 }  // namespace telvora::bag

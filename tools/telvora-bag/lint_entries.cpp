@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Entries of "clients" that others before them leave nothing for. The first entry whose names and framework
-// fit a session decides, whatever it then says of countries, devices and consent; sessions that require no
-// user info ask for a link alone.
+// Entries of "clients" that earlier entries make unreachable. The first entry whose names and framework match
+// a session is used, even if its consent, country or device then refuse the session. A session that requires
+// no user info only looks for an entry with a URL.
 #include <algorithm>
 
 #include "policy/client_entry.h"
@@ -12,7 +12,7 @@ namespace telvora::bag {
 
 namespace {
 
-// Which sessions an entry is for.
+// The sessions that an entry applies to.
 struct Audience {
     explicit Audience(const ClientEntry& entry)
         : clients(entry.clients()), services(entry.services()), since(entry.enabledSince()) {}
@@ -22,7 +22,7 @@ struct Audience {
     std::array<uint8_t, 3> since;
 };
 
-// Whether every service that `later` fits is one that `earlier` fits too.
+// Whether every service that matches `later` also matches `earlier`.
 bool coversServices(const Audience& earlier, const Audience& later) {
     if (earlier.services.empty()) return true;
     if (later.services.empty()) return false;
@@ -31,7 +31,7 @@ bool coversServices(const Audience& earlier, const Audience& later) {
     });
 }
 
-// Whether `earlier` takes every session of `later` that has this client name (null: any).
+// Whether `earlier` matches every session of `later` that has this client name (null: any name).
 bool takesClient(const Audience& earlier, const Audience& later, const std::string_view* name) {
     const bool named =
         earlier.clients.empty() ||
@@ -39,7 +39,7 @@ bool takesClient(const Audience& earlier, const Audience& later, const std::stri
     return named && coversServices(earlier, later);
 }
 
-// The first of the earlier entries that leaves nothing of this client name.
+// The first earlier entry that matches every session with this client name.
 std::optional<size_t> takerOf(const std::vector<std::optional<Audience>>& audiences, size_t index,
                               const std::string_view* name, bool anyFramework) {
     const Audience& later = *audiences[index];
@@ -50,8 +50,8 @@ std::optional<size_t> takerOf(const std::vector<std::optional<Audience>>& audien
     return std::nullopt;
 }
 
-// The entry that sessions use which require no user info: the first one with a link or, where none has one,
-// the last one, which says where realtime reports go.
+// The entry for sessions that require no user info: the first one with a URL. If no entry has one, the last
+// entry, whose realtime URL is then used.
 std::optional<size_t> entryWithoutUserInfo(const Array& clients) {
     std::optional<size_t> last;
     bool anyRealtime = false;
@@ -65,18 +65,19 @@ std::optional<size_t> entryWithoutUserInfo(const Array& clients) {
     return anyRealtime ? last : std::nullopt;
 }
 
-// An entry whose sessions, where they require user info, all belong to `takers`. True when it is never used.
+// An entry whose sessions, where they require user info, all match entries of `takers`. True if it is never
+// used.
 bool reportTaken(const std::string& path, const std::string& takers, bool usedWithoutUserInfo,
                  Findings& findings) {
     if (usedWithoutUserInfo) {
-        findings.warn(path, "is used by sessions that require no user info alone: " + takers + " all others");
+        findings.warn(path, "is used only by sessions that require no user info: " + takers + " all others");
     } else {
         findings.error(path, "is never used: " + takers + " all its sessions");
     }
     return !usedWithoutUserInfo;
 }
 
-// Adds what is lost of one entry; true when all of it is.
+// Adds the unreachable parts of one entry. True if the whole entry is unreachable.
 bool lintAudience(const std::string& path, const std::vector<std::optional<Audience>>& audiences,
                   size_t index, bool usedWithoutUserInfo, Findings& findings) {
     const std::string own = element(path, index);
@@ -84,7 +85,7 @@ bool lintAudience(const std::string& path, const std::vector<std::optional<Audie
     if (names.empty()) {
         const auto taker = takerOf(audiences, index, nullptr, false);
         return taker &&
-               reportTaken(own, element("clients", *taker) + " takes", usedWithoutUserInfo, findings);
+               reportTaken(own, element("clients", *taker) + " matches", usedWithoutUserInfo, findings);
     }
     Findings taken;
     size_t count = 0;
@@ -93,26 +94,26 @@ bool lintAudience(const std::string& path, const std::vector<std::optional<Audie
         if (!taker) continue;
         ++count;
         taken.error(own + "/client", "never used for " + inQuotes(name) + ": " + element("clients", *taker) +
-                                         " takes its sessions" +
+                                         " matches its sessions" +
                                          (usedWithoutUserInfo ? " that require user info" : ""));
     }
     if (count == names.size()) {
-        return reportTaken(own, "entries before it take", usedWithoutUserInfo, findings);
+        return reportTaken(own, "earlier entries match", usedWithoutUserInfo, findings);
     }
     for (Finding& finding : taken.take())
         findings.add(std::move(finding));
     return false;
 }
 
-// "expedite" is taken from the first entry of the names, even from one for later frameworks.
+// "expedite" counts in the first entry that matches the names, even if that entry is for later frameworks.
 void lintExpedite(const std::string& path, const std::vector<std::optional<Audience>>& audiences,
                   size_t index, Findings& findings) {
     const StringList& names = audiences[index]->clients;
     if (names.size() > 1) return;
     const auto first = takerOf(audiences, index, names.empty() ? nullptr : names.data(), true);
     if (!first) return;
-    findings.error(element(path, index) + "/expedite", "is never looked at: " + element("clients", *first) +
-                                                           " is the first entry of these names");
+    findings.error(element(path, index) + "/expedite",
+                   "is never read: " + element("clients", *first) + " is the first entry of these names");
 }
 
 }  // namespace

@@ -16,16 +16,16 @@ bool isLetter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// A code has two letters, and the list's elements are looked for in it.
+// A code has two letters; the daemon searches for it in the list's elements.
 void lintCountries(const std::string& path, const ClientEntry& entry, Findings& findings) {
     for (const std::string_view part : splitList(entry.countries())) {
-        if (part.empty() || part.front() == ' ' || part.back() == ' ') continue;  // found already
+        if (part.empty() || part.front() == ' ' || part.back() == ' ') continue;  // already reported
         if (part.size() > 2 || !std::all_of(part.begin(), part.end(), isLetter)) {
             findings.error(path + "/locale_whitelist",
-                           inQuotes(part) + " is in no country's code: it fits nothing");
+                           inQuotes(part) + " is in no country code: it never matches");
         } else if (part.size() == 1) {
             findings.warn(path + "/locale_whitelist",
-                          inQuotes(part) + " fits every country with that letter");
+                          inQuotes(part) + " matches every country code with that letter");
         }
     }
 }
@@ -33,9 +33,10 @@ void lintCountries(const std::string& path, const ClientEntry& entry, Findings& 
 void lintCountryThreshold(const std::string& path, const ClientEntry& entry, const Dictionary& own,
                           const std::string& country, Findings& findings) {
     if (countryCodeOf(country) != country) {
-        findings.error(path, inQuotes(country) + " is no country's code in capital letters: it fits nothing");
+        findings.error(path,
+                       inQuotes(country) + " is not a country code in capital letters: it never matches");
     } else if (entry.thresholdOfCountry(country) != &own) {
-        findings.error(path, inQuotes(country) + " is never reached: an element before has it already");
+        findings.error(path, inQuotes(country) + " is never reached: an earlier element has it");
     } else if (!entry.admitsCountry(country)) {
         findings.error(path, inQuotes(country) + " is never reached: it is not in locale_whitelist");
     }
@@ -48,7 +49,7 @@ void lintCountryThresholds(const std::string& path, const ClientEntry& entry, Fi
         const Array* countries = content != nullptr ? content->array("country") : nullptr;
         if (countries == nullptr) continue;
         const std::string own = element(path + "/per_country_sampling_thresholds", i) + "/country";
-        if (countries->empty()) findings.error(own, "is empty: the element fits no country");
+        if (countries->empty()) findings.error(own, "is empty: the element matches no country");
         for (const PropertyList& value : *countries) {
             if (const auto* country = value.getIf<std::string>())
                 lintCountryThreshold(own, entry, *content, *country, findings);
@@ -62,7 +63,7 @@ void lintThresholds(const std::string& path, const ClientEntry& entry, Findings&
     if (threshold && override && *override > 0 && *override < *threshold &&
         !entry.content().contains("per_country_sampling_thresholds")) {
         findings.warn(path + "/override_sampling",
-                      "is below sampling_threshold: it does what 0 would do, no session is ever held");
+                      "is below sampling_threshold: it has the effect of 0, no session is sampled out");
     }
     if (!entry.content().contains("event_threshold") && entry.batchEvents().value_or(true)) {
         findings.warn(path + "/event_threshold",
@@ -83,8 +84,7 @@ void lintEventLists(const std::string& path, const ClientEntry& entry, Findings&
     const std::set<int64_t> whitelist = categoriesOf(white);
     const std::set<int64_t> blacklist = categoriesOf(entry.eventBlacklist());
     if (white != nullptr && white->empty()) {
-        findings.error(path + "/event_whitelist",
-                       "is empty, which is not the same as absent: nothing passes");
+        findings.error(path + "/event_whitelist", "is empty, which differs from absent: no report passes");
     }
     for (const int64_t category : blacklist) {
         if (whitelist.contains(category)) {
@@ -92,7 +92,7 @@ void lintEventLists(const std::string& path, const ClientEntry& entry, Findings&
                            std::to_string(category) + " is on event_blacklist too: it does not pass");
         } else if (white != nullptr && !white->empty()) {
             findings.warn(path + "/event_blacklist",
-                          std::to_string(category) + " does nothing: it is not on event_whitelist");
+                          std::to_string(category) + " has no effect: it is not on event_whitelist");
         }
     }
 }
@@ -108,7 +108,7 @@ void lintEntry(const std::string& path, const Dictionary& client, Findings& find
     lintFilters(path, entry, findings);
     const PropertyList* custom = client.find("custom_clientId");
     if (custom != nullptr && custom->isNumber() && !custom->boolValue()) {
-        findings.warn(path + "/custom_clientId", "its presence counts, not its value: this says yes");
+        findings.warn(path + "/custom_clientId", "its presence counts, not its value: it is in effect");
     }
 }
 

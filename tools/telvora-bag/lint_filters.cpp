@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Filters that can never act, as the first filter that fits a key decides about it, and filters that leave
-// user info alone.
+// Filters that never act, since the first filter that matches a key decides about it, and filters that do not
+// protect user info.
 #include <algorithm>
 
 #include "telvora-bag/filter_reach.h"
@@ -45,7 +45,7 @@ void lintUserInfo(const std::string& path, const ClientEntry& entry, const std::
     const FilterAction inUserInfo = actionOn(filters, key, {});
     if (!isStricter(actionOn(filters, key, subject), inUserInfo)) return;
     findings.warn(path, "does not protect user info: batched reports have it " +
-                            std::string(inUserInfo == FilterAction::sha256 ? "hashed" : "as given") +
+                            std::string(inUserInfo == FilterAction::sha256 ? "hashed" : "in clear") +
                             ", as it is filtered there like a report of category 0 and type 0");
 }
 
@@ -60,10 +60,10 @@ void lintFilters(const std::string& path, const ClientEntry& entry, Findings& fi
         const std::string own = element(path + "/filters", i);
         const auto* dictionary = (*array)[i].getIf<Dictionary>();
         const std::string* key = dictionary != nullptr ? dictionary->string("key") : nullptr;
-        if (key == nullptr) continue;  // found already
+        if (key == nullptr) continue;  // already reported
         lintAction(own, *dictionary, findings);
         if (key->empty()) {
-            findings.error(own + "/key", "is empty: it fits no key");
+            findings.error(own + "/key", "is empty: it matches no key");
             continue;
         }
         const auto earlier = std::find_if(filters.begin(), filters.begin() + static_cast<std::ptrdiff_t>(i),

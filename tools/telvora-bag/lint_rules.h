@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The rules that lint consists of. Each adds its findings.
+// The rules of lint. Each adds its findings.
 #pragma once
 
 #include "policy/client_entry.h"
@@ -29,16 +29,16 @@ inline std::string element(const std::string& path, size_t index) {
     return path + "[" + std::to_string(index) + "]";
 }
 
-// A text of a type that has a form of its own: lists, URLs, addresses, versions.
+// Checks a text of a type with a syntax of its own: lists, URLs, addresses, versions.
 void lintText(const std::string& path, std::string_view text, ValueType type, Findings& findings);
 
-// What the entries of "clients" are to each other.
+// Checks the entries of "clients" against each other.
 void lintEntries(const std::string& path, const Array& clients, Findings& findings);
 
-// What the keys of one entry are to each other.
+// Checks the keys of one entry against each other.
 void lintEntry(const std::string& path, const Dictionary& client, Findings& findings);
 
-// The filters of one entry.
+// Checks the filters of one entry.
 void lintFilters(const std::string& path, const ClientEntry& entry, Findings& findings);
 
 }  // namespace telvora::bag

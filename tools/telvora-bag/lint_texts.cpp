@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The forms of texts.
+// Checks the syntax of texts.
 #include <arpa/inet.h>
 
 #include <charconv>
@@ -18,11 +18,11 @@ void lintList(const std::string& path, const std::string& text, const std::strin
               Findings& findings) {
     for (const std::string_view part : splitList(&text)) {
         if (part.empty()) {
-            findings.error(path, (text.empty() ? "is empty, which is not the same as absent: it fits "
-                                               : "an element between the commas is empty: it fits ") +
+            findings.error(path, (text.empty() ? "is empty, which differs from absent: it matches "
+                                               : "an element between the commas is empty: it matches ") +
                                      emptyFits);
         } else if (part.front() == ' ' || part.back() == ' ') {
-            findings.error(path, inQuotes(part) + " keeps its blanks and fits only what has them too");
+            findings.error(path, inQuotes(part) + " has blanks at an end: they are part of the element");
         }
     }
 }
@@ -31,9 +31,9 @@ void lintUrl(const std::string& path, const std::string& text, Findings& finding
     HttpRequest request;
     request.url = text;
     if (const auto fault = faultOfRequest(request)) {
-        findings.error(path, "nothing can be sent to it: " + *fault);
+        findings.error(path, "it can't be requested: " + *fault);
     } else if (!isSecureUrl(text)) {
-        findings.warn(path, "is not https: everybody on the way can read what is sent");
+        findings.warn(path, "is not https: reports can be read on the way");
     }
 }
 
@@ -49,7 +49,7 @@ bool isVersionNumber(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size() && number <= 255;
 }
 
-// What versionComponents() would make something else of.
+// A version that versionComponents() would read as a different one.
 void lintVersion(const std::string& path, std::string_view text, Findings& findings) {
     for (int count = 0; count < 3; ++count) {
         const size_t dot = text.find('.');
@@ -69,9 +69,9 @@ void lintVersion(const std::string& path, std::string_view text, Findings& findi
 void lintText(const std::string& path, std::string_view text, ValueType type, Findings& findings) {
     switch (type) {
         case ValueType::list:
-            return lintList(path, std::string(text), "nothing", findings);
+            return lintList(path, std::string(text), "no text", findings);
         case ValueType::names:
-            return lintList(path, std::string(text), "an empty name alone", findings);
+            return lintList(path, std::string(text), "only an empty name", findings);
         case ValueType::url:
             return lintUrl(path, std::string(text), findings);
         case ValueType::address:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-bag: the tool of those who write bags.
+// telvora-bag: the tool for authors of bags.
 #include <CLI/CLI.hpp>
 #include <map>
 #include <string>
@@ -14,42 +14,41 @@ namespace {
 
 constexpr char kFooter[] =
     "A bag is a property list, XML or binary, or JSON. A file named '-' is standard input or output.\n"
-    "Exit status: 0 done; 1 the signature does not verify, or lint has findings; 2 a bad command line, input "
-    "that "
-    "can't be read, or output that can't be written. Nothing is written half.";
+    "Exit status: 0 done; 1 the signature does not verify, or lint has findings; 2 a wrong command line, "
+    "input that can't be read, or output that can't be written. No file is written partially.";
 
 CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
     const auto yesOrNo = CLI::CheckedTransformer(std::map<std::string, bool>{{"yes", true}, {"no", false}});
-    telvora::bag::Circumstances& circumstances = options.circumstances;
+    telvora::bag::Scenario& scenario = options.scenario;
 
-    CLI::App* explain =
-        app.add_subcommand("explain", "Print what a bag means for a session on a device, and why");
+    CLI::App* explain = app.add_subcommand(
+        "explain", "Print the effect of a bag on a session and a device, with the reasons");
     explain->add_option("file", options.file, "The bag, signed or not")->required();
-    explain->add_option("--client-type", circumstances.clientType, "The client's type, 0 to 18")
+    explain->add_option("--client-type", scenario.clientType, "The client type, 0 to 18")
         ->required()
         ->check(CLI::Range(0, telvora::kLastClientType));
     explain
         ->add_option("--environment", options.environment,
                      "development, zandor_internal, seed, release, or its number")
         ->capture_default_str();
-    explain->add_option("--client-name", circumstances.clientName, "The client's name; absent: none");
-    explain->add_option("--service-name", circumstances.serviceName, "The service's name; absent: none");
-    explain->add_flag("!--no-user-info-required", circumstances.requireUserInfo,
+    explain->add_option("--client-name", scenario.clientName, "The client name; default: none");
+    explain->add_option("--service-name", scenario.serviceName, "The service name; default: none");
+    explain->add_flag("!--no-user-info-required", scenario.requireUserInfo,
                       "The session does not require user info");
-    explain->add_flag("--batch", circumstances.batch, "The client asks for batches");
+    explain->add_flag("--batch", scenario.batch, "The client asks for batches");
     explain->add_option("--device", options.deviceFile, "The device's properties, as in device.plist");
-    explain->add_option("--country", circumstances.country, "The country's code; absent: unknown");
-    explain->add_option("--consent", circumstances.consent, "Whether the user shares diagnostics, yes or no")
+    explain->add_option("--country", scenario.country, "The country's code; default: unknown");
+    explain->add_option("--consent", scenario.consent, "Whether the user shares diagnostics, yes or no")
         ->transform(yesOrNo)
         ->default_str("no");
-    explain->add_option("--draw", circumstances.draw, "The random sampling factor, 0 to 1")
+    explain->add_option("--draw", scenario.draw, "The random sampling factor, 0 to 1")
         ->check(CLI::Range(0.0, 1.0))
         ->capture_default_str();
-    explain->add_option("--framework", circumstances.framework, "The version of the client framework")
+    explain->add_option("--framework", scenario.framework, "The version of the client framework")
         ->capture_default_str();
     explain->add_option("--events", options.eventsFile,
                         "Recorded reports, one JSON object a line as 'telvoractl session' reads them");
-    explain->add_flag("--log", options.log, "Print all of the daemon's log lines too");
+    explain->add_flag("--log", options.log, "Print all log lines of the daemon, too");
     return explain;
 }
 
@@ -87,7 +86,7 @@ int main(int argc, char** argv) {
     CLI::App* show = app.add_subcommand("show", "Print a bag, signed or not, without checking a signature");
     show->add_option("file", input, "The document")->required();
 
-    CLI::App* lint = app.add_subcommand("lint", "Print what is wrong with a bag, signed or not");
+    CLI::App* lint = app.add_subcommand("lint", "Print the mistakes in a bag, signed or not");
     lint->add_option("file", input, "The document")->required();
     lint->add_flag("--json", json, "Print the findings as JSON");
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// storebag-man TEMPLATE: prints a manual page, mdoc(7), in which each line `.\" keys: KIND` of the template
-// has become the table of that kind of dictionary. For the build: the page and lint then say the same.
+// storebag-man TEMPLATE: prints a manual page, mdoc(7). Replaces each line `.\" keys: KIND` of the template
+// with the table of that kind of dictionary. The build runs it, so that the page and lint agree.
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kMark = ".\\\" keys: ";
 
-// One sentence a line, and no line too long, as manual pages have them.
+// Breaks text into one sentence a line and limits the length of lines, as mdoc(7) asks for.
 std::string sentences(std::string text) {
     constexpr size_t kWidth = 78;
     size_t lineStart = 0;

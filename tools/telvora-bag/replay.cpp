@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Recorded reports through a bag; each backend's account says what became of them.
+// Sends recorded reports through a bag; each backend's account has the outcome.
 #include <iomanip>
 #include <map>
 #include <sstream>
@@ -33,11 +33,11 @@ Report reportOf(const Dictionary& message) {
             static_cast<SendFlag>(message.wrappedInteger(kTelvoraMessageParametersFlag).value_or(0))};
 }
 
-// One backend and what became of the reports that it was offered.
+// One backend, with the outcome of the reports that were submitted to it.
 class BackendReplay {
   public:
-    BackendReplay(const std::string& name, const PropertyList& profile, const Circumstances& circumstances)
-        : run_(name, profile, circumstances), userInfo_(userInfoOf(circumstances)) {
+    BackendReplay(const std::string& name, const PropertyList& profile, const Scenario& scenario)
+        : run_(name, profile, scenario), userInfo_(userInfoOf(scenario)) {
         run_.onFiltered = [this](const std::string& key, const EventFilter& filter) {
             ++filtered_[{key, filter.action}];
         };
@@ -63,7 +63,7 @@ class BackendReplay {
     BackendRun run_;
     const Dictionary userInfo_;
     std::map<std::pair<std::string, FilterAction>, size_t> filtered_;
-    std::map<std::string, size_t> asGiven_;  // in how many posted reports user info stands as it was given
+    std::map<std::string, size_t> asGiven_;  // number of posted reports that contain user info unfiltered
     size_t offered_ = 0;
     uint64_t heldAtEnd_ = 0;
     size_t posts_ = 0;
@@ -85,7 +85,7 @@ void BackendReplay::count(const BackendRun::Post& post) {
 
 void BackendReplay::print(std::ostream& out) const {
     if (run_.isHandedOn()) {
-        out << "  " << offered_ << " of " << offered_ << " reports handed to the metrics adaptor\n";
+        out << "  " << offered_ << " of " << offered_ << " reports passed to the metrics adaptor\n";
         return;
     }
     const ReportTally tally = run_.tally();
@@ -98,7 +98,7 @@ void BackendReplay::print(std::ostream& out) const {
         if (tally[cause] > 0) out << "  " << tally[cause] << " dropped: " << reasonOf(cause) << '\n';
     }
     if (posts_ > 0) {
-        out << "  " << json_ << " bytes of JSON, " << sent_ << " bytes as sent, " << std::fixed
+        out << "  " << json_ << " bytes of JSON, " << sent_ << " bytes sent, " << std::fixed
             << std::setprecision(1) << static_cast<double>(sent_) / static_cast<double>(posted)
             << " per report\n";
     }
@@ -109,20 +109,19 @@ void BackendReplay::print(std::ostream& out) const {
             << " reports\n";
         const auto asGiven = asGiven_.find(key);
         if (asGiven == asGiven_.end()) continue;
-        out << "    but user info was posted as given in " << asGiven->second << " reports\n";
+        out << "    but user info was posted in clear in " << asGiven->second << " reports\n";
     }
 }
 
 }  // namespace
 
-tl::expected<std::string, std::string> replayReports(const Dictionary& bag,
-                                                     const Circumstances& circumstances,
+tl::expected<std::string, std::string> replayReports(const Dictionary& bag, const Scenario& scenario,
                                                      std::istream& reports) {
     std::map<std::string, BackendReplay> replays;
-    const Dictionary* section = sectionForSession(bag, circumstances);
+    const Dictionary* section = sectionForSession(bag, scenario);
     if (section != nullptr) {
         for (const auto& [name, profile] : *section)
-            replays.try_emplace(name, name, profile, circumstances);
+            replays.try_emplace(name, name, profile, scenario);
     }
     size_t number = 0;
     for (std::string line; std::getline(reports, line);) {

@@ -37,7 +37,7 @@ std::string categoriesThatPass(const TelvoraBackend& backend) {
     return ranges.empty() ? "none" : ranges;
 }
 
-// A category that passes, one of clients' own if there is any.
+// A category that passes; one that clients use, if possible.
 std::optional<uint16_t> categoryThatPasses(const TelvoraBackend& backend) {
     for (uint32_t category = 1; category <= kCategories; ++category) {
         const auto number = static_cast<uint16_t>(category);  // 0 comes last
@@ -59,28 +59,28 @@ std::string lossIn(const ReportTally& tally) {
     return "";
 }
 
-struct Fate {
+struct Outcome {
     std::string text;
     bool held = false;
 };
 
-Fate fateOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
-    BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+Outcome outcomeOf(const SampledBackend& sampled, uint16_t category, SendFlag flag) {
+    BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     std::string url;
     run.onPost = [&url](const BackendRun::Post& post) { url = post.url; };
     run.send(category, kType, {}, flag);
     if (run.tally()[ReportOutcome::held] == 0) {
-        return url.empty() ? Fate{"dropped: " + lossIn(run.tally())} : Fate{"posted at once to " + url};
+        return url.empty() ? Outcome{"dropped: " + lossIn(run.tally())} : Outcome{"posted at once to " + url};
     }
     run.flush();
     const std::string flushed = url.empty() ? "drops them: " + lossIn(run.tally()) : "posts them to " + url;
     return {"held; a flush " + flushed, true};
 }
 
-// At which report of a category the batch goes.
+// The number of reports of one category that make the daemon post the batch.
 std::string batchLimit(const SampledBackend& sampled, uint16_t category) {
     constexpr size_t kMaxReports = 1000;
-    BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+    BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     bool posted = false;
     run.onPost = [&posted](const BackendRun::Post&) { posted = true; };
     for (size_t number = 1; number <= kMaxReports; ++number) {
@@ -103,17 +103,17 @@ std::string describe(const EventFilter& filter) {
     return text;
 }
 
-// What is left of user info under the filter's key in the reports that are posted.
+// The protection of user info under the filter's key in posted reports.
 FilterAction actionOnUserInfo(const SampledBackend& sampled, const EventFilter& filter,
                               const FilterSubject& subject) {
     const std::string key(filter.key);
-    Circumstances circumstances = sampled.circumstances;
-    Dictionary given = userInfoOf(circumstances);
+    Scenario scenario = sampled.scenario;
+    Dictionary given = userInfoOf(scenario);
     if (given.string(key) == nullptr) {
-        circumstances.userInfo.set(key, "value");
+        scenario.userInfo.set(key, "value");
         given.set(key, "value");
     }
-    BackendRun run(sampled.name, sampled.profile, circumstances);
+    BackendRun run(sampled.name, sampled.profile, scenario);
     FilterAction least = FilterAction::remove;
     run.onPost = [&](const BackendRun::Post& post) {
         for (const Dictionary& event : post.events) {
@@ -132,11 +132,11 @@ FilterAction actionOnUserInfo(const SampledBackend& sampled, const EventFilter& 
 
 }  // namespace
 
-void printFates(std::ostream& out, const SampledBackend& sampled) {
-    const BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+void printOutcomes(std::ostream& out, const SampledBackend& sampled) {
+    const BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     const TelvoraBackend& backend = *run.backend();
     if (run.isHandedOn()) {
-        out << "  reports: handed to the metrics adaptor, if the device has one\n";
+        out << "  reports: passed to the metrics adaptor, if the device has one\n";
         return;
     }
     const bool decidedByLists =
@@ -144,9 +144,9 @@ void printFates(std::ostream& out, const SampledBackend& sampled) {
     if (decidedByLists) out << "  categories that pass: " << categoriesThatPass(backend) << '\n';
     const auto category = categoryThatPasses(backend);
     if (!category) return;
-    const Fate plain = fateOf(sampled, *category, kPlain);
-    const Fate realtime = fateOf(sampled, *category, kRealtime);
-    const Fate promoting = fateOf(sampled, *category, kPromoting);
+    const Outcome plain = outcomeOf(sampled, *category, kPlain);
+    const Outcome realtime = outcomeOf(sampled, *category, kRealtime);
+    const Outcome promoting = outcomeOf(sampled, *category, kPromoting);
     out << "  reports: " << plain.text << '\n';
     if (realtime.text != plain.text) out << "  realtime reports: " << realtime.text << '\n';
     if (promoting.text != plain.text) out << "  promoting reports: " << promoting.text << '\n';
@@ -154,7 +154,7 @@ void printFates(std::ostream& out, const SampledBackend& sampled) {
 }
 
 void printFilters(std::ostream& out, const SampledBackend& sampled) {
-    const BackendRun run(sampled.name, sampled.profile, sampled.circumstances);
+    const BackendRun run(sampled.name, sampled.profile, sampled.scenario);
     const std::vector<EventFilter>& filters = run.backend()->policy().filters;
     for (size_t i = 0; i < filters.size(); ++i) {
         const EventFilter& filter = filters[i];
@@ -166,7 +166,7 @@ void printFilters(std::ostream& out, const SampledBackend& sampled) {
         const FilterAction left = actionOnUserInfo(sampled, filter, *subject);
         if (!isStricter(actionOn(filters, filter.key, subject), left)) continue;
         out << "    but not user info: batched reports have it "
-            << (left == FilterAction::sha256 ? "hashed" : "as given") << '\n';
+            << (left == FilterAction::sha256 ? "hashed" : "in clear") << '\n';
     }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How values stand in messages for people.
+// The format of values in messages for people.
 #pragma once
 
 #include <array>
@@ -10,9 +10,9 @@
 
 namespace telvora::bag {
 
-// The shortest decimals that read back as the same number, so that different ones never look alike.
+// The shortest decimals that read back as the same number, so that different numbers look different.
 inline std::string numberText(double number) {
-    std::array<char, 400> digits{};  // the least numbers have 324 zeros after the point
+    std::array<char, 400> digits{};  // the smallest numbers have 324 zeros after the point
     const auto [end, error] =
         std::to_chars(digits.data(), digits.data() + digits.size(), number, std::chars_format::fixed);
     return {digits.data(), end};

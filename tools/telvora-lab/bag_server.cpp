@@ -33,7 +33,7 @@ std::string toXml(const PropertyList& value) {
     return serializePropertyList(value, PropertyListFormat::xml).value_or("");
 }
 
-// The signed document for `bag`, with what `fault` does to it.
+// The signed document for `bag`, with `fault` applied.
 std::string document(const Dictionary& bag, BagFault fault, const RsaPrivateKey& key) {
     std::string inner = toXml(bag);
     if (fault == BagFault::innerNotAPropertyList) inner = "well signed, but no property list";
@@ -92,13 +92,6 @@ std::optional<std::string> BagServer::signedDocument(const std::string& name) co
     return document.empty() ? std::nullopt : std::optional(std::move(document));
 }
 
-void BagServer::setHeaders(const std::string& name, std::optional<std::string> cacheControl,
-                           std::optional<std::string> lastModified) {
-    MutexLock lock(mutex_);
-    bags_[name].cacheControl = std::move(cacheControl);
-    bags_[name].lastModified = std::move(lastModified);
-}
-
 void BagServer::setFault(const std::string& name, BagFault fault) {
     MutexLock lock(mutex_);
     bags_[name].fault = fault;
@@ -122,7 +115,7 @@ ServerResponse BagServer::handle(const ServerRequest& request) {
     MutexLock lock(mutex_);
     const auto known = bags_.find(record.name);
     const Bag bag = known != bags_.end() ? known->second : Bag{};
-    ServerResponse response = answerFor(bag, record.ifModifiedSince);
+    ServerResponse response = answerFor(bag);
     if (auto document = known == bags_.end() ? signedDocument(record.name) : std::nullopt) {
         response.status = 200;
         response.contentType = "application/xml";
@@ -139,12 +132,11 @@ ServerResponse BagServer::handle(const ServerRequest& request) {
     return response;
 }
 
-ServerResponse BagServer::answerFor(const Bag& bag, const std::optional<std::string>& ifModifiedSince) const {
+ServerResponse BagServer::answerFor(const Bag& bag) const {
     ServerResponse response;
     response.contentType = "application/xml";
-    if (bag.cacheControl) response.headers.emplace_back("Cache-Control", *bag.cacheControl);
-    if (bag.lastModified) response.headers.emplace_back("Last-Modified", *bag.lastModified);
-    if (bag.fault == BagFault::notModified || (bag.lastModified && ifModifiedSince == bag.lastModified)) {
+    response.headers.emplace_back("Cache-Control", "max-age=600");
+    if (bag.fault == BagFault::notModified) {
         response.status = 304;
         return response;
     }

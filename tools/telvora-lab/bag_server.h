@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BagServer: GET /bags/NAME?version=V answers with a bag, signed on the fly. Each bag can be given one of the
-// faults that a real server, or somebody between it and the device, might show.
+// BagServer: GET /bags/NAME?version=V answers with a bag, signed on the fly. Each bag can have one of the
+// faults of a real server, or of a middlebox on the way to the device.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -25,7 +25,7 @@ enum class BagFault {
     none,
     noAnswer,              // the connection ends before the answer
     hold,                  // the answer waits for releaseHeld()
-    notModified,           // 304, whatever the request says
+    notModified,           // 304, regardless of the request
     notFound,              // 404 with a body that is no property list
     truncated,             // the connection ends in the middle of the body
     notAPropertyList,      // 200 with a body that is no property list
@@ -35,7 +35,7 @@ enum class BagFault {
     innerNotAPropertyList  // well signed, but the inner bag is no property list
 };
 
-// The fault of that name as it is written above, or nothing.
+// The fault of that name as it is written above, or `std::nullopt`.
 std::optional<BagFault> bagFaultNamed(std::string_view name);
 
 struct BagRequest {
@@ -51,22 +51,18 @@ class BagServer {
     explicit BagServer(const LabPki& pki);
     ~BagServer();
 
-    // "https://127.0.0.1:PORT/bags": what the user default "telvora_storebag_url" takes.
+    // "https://127.0.0.1:PORT/bags", a value for the user default "telvora_storebag_url".
     std::string baseURL() const { return server_.origin() + "/bags"; }
     bool listening() const { return server_.port() != 0; }
 
     // Adds or replaces a bag: the inner bag with its sections, "version" and "refresh_cycle".
     void setBag(const std::string& name, Dictionary bag);
-    // Bags that no setBag() names are answered with the file of their name in `directory`, as it stands there
-    // at the request: documents that are signed already.
+    // A bag without a setBag() is answered with the file of its name in `directory`, read at each request.
+    // Such a file is a signed document.
     void serveSigned(std::filesystem::path directory);
-    // The headers of a bag's answers. Without a call: "max-age=600", and no "Last-Modified". A request whose
-    // "If-Modified-Since" equals `lastModified` is answered with 304.
-    void setHeaders(const std::string& name, std::optional<std::string> cacheControl,
-                    std::optional<std::string> lastModified);
-    // How the bag's requests are answered from now on; the bag need not exist.
+    // Sets the fault of all further answers for the bag, which need not exist.
     void setFault(const std::string& name, BagFault fault);
-    // Lets the answers go that BagFault::hold holds.
+    // Releases the answers that BagFault::hold holds.
     void releaseHeld();
 
     // Refuses connections until accept(); returns when the port is closed.
@@ -75,19 +71,17 @@ class BagServer {
 
     // All requests that arrived, in order.
     std::vector<BagRequest> requests() const;
-    // Whether so many requests have arrived within `timeout`.
+    // Waits until so many requests have arrived. False if `timeout` passes first.
     bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
 
   private:
     struct Bag {
         std::optional<Dictionary> content;
-        std::optional<std::string> cacheControl = "max-age=600";
-        std::optional<std::string> lastModified;
         BagFault fault = BagFault::none;
     };
 
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
-    ServerResponse answerFor(const Bag& bag, const std::optional<std::string>& ifModifiedSince) const;
+    ServerResponse answerFor(const Bag& bag) const;
     std::optional<std::string> signedDocument(const std::string& name) const TELVORA_REQUIRES(mutex_);
 
     const LabPki& pki_;
@@ -97,7 +91,7 @@ class BagServer {
     std::optional<std::filesystem::path> signedBags_ TELVORA_GUARDED_BY(mutex_);
     std::vector<BagRequest> requests_ TELVORA_GUARDED_BY(mutex_);
     uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
-    HttpsServer server_;  // last: it stops before what its handlers use goes
+    HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };
 
 }  // namespace telvora::lab

@@ -11,19 +11,19 @@
 namespace telvora::lab {
 namespace {
 
-void addLinkOptions(CLI::App& command, const std::string& what, const std::string& which,
+void addLinkOptions(CLI::App& command, const std::string& prefix, const std::string& which,
                     LinkFaults& faults) {
     const CLI::Range probability(0.0, 1.0);
-    command.add_option("--" + what + "-loss", faults.loss, "Probability, 0 to 1, of losing " + which)
+    command.add_option("--" + prefix + "-loss", faults.loss, "Probability, 0 to 1, of losing " + which)
         ->check(probability);
-    command.add_option("--" + what + "-duplicate", faults.duplicate, "Probability of doubling " + which)
+    command.add_option("--" + prefix + "-duplicate", faults.duplicate, "Probability of duplicating " + which)
         ->check(probability);
     command
-        .add_option("--" + what + "-reorder", faults.reorder,
-                    "Probability of holding " + which + " back by 50 ms, so that later ones overtake it")
+        .add_option("--" + prefix + "-reorder", faults.reorder,
+                    "Probability of delaying " + which + " by 50 ms, so that later ones overtake it")
         ->check(probability);
     command.add_option_function<std::pair<int, int>>(
-        "--" + what + "-delay",
+        "--" + prefix + "-delay",
         [&faults](const std::pair<int, int>& bounds) {
             if (bounds.first < 0 || bounds.second < bounds.first) {
                 throw CLI::ValidationError("a delay wants MIN and MAX, 0 <= MIN <= MAX");
@@ -40,7 +40,7 @@ void addNetworkOptions(CLI::App& command, CollectorOptions& options) {
     addLinkOptions(command, "datagram", "a dashboard datagram", options.datagrams);
     addLinkOptions(command, "ack", "an acknowledgement", options.acknowledgements);
     command.add_flag("--no-ack{false}", options.acknowledge, "Acknowledge no datagram");
-    command.add_option("--seed", options.seed, "Of the random sequence that decides all this");
+    command.add_option("--seed", options.seed, "Seed of the random sequence of the faults");
 }
 
 CLI::App* addCollectCommand(CLI::App& app, CollectArguments& arguments) {
@@ -55,7 +55,7 @@ CLI::App* addCollectCommand(CLI::App& app, CollectArguments& arguments) {
         ->capture_default_str();
     addNetworkOptions(*command, arguments.collector);
     command->add_flag("--quiet", arguments.quiet, "Do not print the reports");
-    command->add_flag("--ignore-input", arguments.ignoreInput, "Do not end with standard input");
+    command->add_flag("--ignore-input", arguments.ignoreInput, "Do not end at the end of standard input");
     return command;
 }
 

@@ -15,13 +15,13 @@ struct CollectArguments {
     bool ignoreInput = false;
 };
 
-// The options for the network between the senders and the collector.
+// The options for the faults of the network between the senders and the collector.
 void addNetworkOptions(CLI::App& command, CollectorOptions& options);
 
 // Adds the subcommand.
 CLI::App* addCollectCommand(CLI::App& app, CollectArguments& arguments);
 
-// Runs until the end; the program's exit status.
+// Runs until SIGTERM, SIGINT or the end of input. Returns the program's exit status.
 int collect(const CollectArguments& arguments);
 
 }  // namespace telvora::lab

@@ -24,7 +24,7 @@ sockaddr* generic(sockaddr_in& address) {
 
 }  // namespace
 
-// The socket and its thread. Everything but construction and destruction happens on the thread.
+// The socket and its thread. All members except the constructor and the destructor run on that thread.
 class DashboardCollector::Loop {
   public:
     Loop(DashboardCollector& collector, UniqueFd socket)
@@ -61,7 +61,7 @@ class DashboardCollector::Loop {
             std::max<int64_t>(std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0));
     }
 
-    // Runs `arrival` for each copy that the link lets through, when it is through.
+    // Runs `arrival` for each copy that the link delivers, after that copy's delay.
     void send(FaultyLink& link, const std::function<void()>& arrival) {
         for (const auto delay : link.transit())
             underWay_.emplace(SteadyClock::now() + delay, arrival);
@@ -117,7 +117,7 @@ bool DashboardCollector::accept() {
     own.sin_port = htons(port_ != 0 ? port_ : options_.port);
     socklen_t length = sizeof own;
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    // What comes in a burst waits here, so that only what is meant to be lost gets lost.
+    // A large receive buffer, so that only the link's faults lose datagrams of a burst.
     const int receiveBytes = 4 << 20;
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &receiveBytes, sizeof receiveBytes);
     if (inet_pton(AF_INET, options_.address.c_str(), &own.sin_addr) != 1 ||

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DashboardCollector: receives the dashboard's datagrams (docs/formats.md) and acknowledges those that want
-// it, over as bad a network as one likes.
+// DashboardCollector: receives the dashboard's datagrams (docs/formats.md) and acknowledges those that ask
+// for it, over a network with configurable faults.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -48,23 +48,23 @@ class DashboardCollector {
     uint16_t port() const { return port_; }
     bool listening() const { return port_ != 0; }
 
-    // Goes away, so that datagrams are refused; what was on its way is gone.
+    // Closes the socket, so that datagrams are refused. Delayed datagrams are lost.
     void refuse();
-    // Comes back on the same port. False when somebody else has taken it meanwhile.
+    // Opens the socket again on the same port. False if the port has been taken meanwhile.
     bool accept();
 
-    // Everything that arrived, in order, repetitions included.
+    // All reports that arrived, in order, with repetitions.
     std::vector<DashboardReport> reports() const;
-    // Whether so many different reports have arrived within `timeout`.
+    // Waits until so many different reports have arrived. False if `timeout` passes first.
     bool waitForReports(size_t distinct, std::chrono::milliseconds timeout) const;
-    // What was wrong with the datagrams that are none, one line each, 100 at most.
+    // The errors of malformed datagrams, one line each, 100 at most.
     std::vector<std::string> problems() const;
     Dictionary summary() const;
 
   private:
     class Loop;
 
-    // Keeps what arrived; whether it is to be acknowledged.
+    // Stores a report. Returns whether it is to be acknowledged.
     bool take(std::string_view datagram) TELVORA_EXCLUDES(mutex_);
 
     CollectorOptions options_;
@@ -75,7 +75,7 @@ class DashboardCollector {
     std::vector<std::string> problems_ TELVORA_GUARDED_BY(mutex_);
     DashboardTally tally_ TELVORA_GUARDED_BY(mutex_);
     size_t received_ TELVORA_GUARDED_BY(mutex_) = 0;      // before the link's faults
-    size_t acknowledged_ TELVORA_GUARDED_BY(mutex_) = 0;  // after them
+    size_t acknowledged_ TELVORA_GUARDED_BY(mutex_) = 0;  // after the link's faults
     std::unique_ptr<Loop> loop_;
 };
 

@@ -14,7 +14,7 @@ constexpr const char* kComponents[] = {
     "SM", "CN", "NAT",     "TO",    "RS",     "OB",       "VT",     "VC",      "TV",      "FL",
     "SG", "LT", "KESTOVA", "NVCAM", "VT-HLS", "VT-CRABS", "TAMSEL", "CORVANE", "LINDQVAR"};
 
-// Takes integers off the front of a datagram.
+// Reads integers from the front of a datagram.
 class Reader {
   public:
     explicit Reader(std::string_view bytes) : rest_(bytes) {}
@@ -37,7 +37,7 @@ class Reader {
     std::string_view rest_;
 };
 
-// Where the "=" stand that separate a key from its value.
+// The positions of the "=" that separate a key from its value.
 std::vector<size_t> separators(std::string_view text) {
     std::vector<size_t> found;
     bool escaped = false;
@@ -95,7 +95,7 @@ tl::expected<DashboardReport, std::string> decodeDashboardDatagram(std::string_v
 std::vector<std::pair<std::string, std::string>> dashboardPairs(std::string_view text) {
     std::vector<std::pair<std::string, std::string>> pairs;
     const std::vector<size_t> ends = separators(text);
-    // The key that an "=" ends begins after the space before it.
+    // The key before an "=" begins after the last space before it.
     const auto keyBefore = [text](size_t end) { return text.rfind(' ', end) + 1; };  // npos + 1 is 0
     for (size_t i = 0; i < ends.size(); ++i) {
         const size_t begin = keyBefore(ends[i]);

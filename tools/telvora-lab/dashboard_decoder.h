@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reading the dashboard's datagrams, as docs/formats.md describes them. The senders' code has no part in it.
+// Decodes the dashboard's datagrams according to docs/formats.md. Shares no code with the sender.
 #pragma once
 
 #include <cstdint>
@@ -30,17 +30,16 @@ struct DashboardReport {
     std::string text;
 };
 
-// Fails with a reason on anything that is not exactly such a datagram.
+// Fails with a reason if the bytes are not exactly one such datagram.
 tl::expected<DashboardReport, std::string> decodeDashboardDatagram(std::string_view datagram);
 
-// The keys and values of a report's text, in its order. What was cut off at the end and has no "=" is left
-// out.
+// The keys and values of a report's text, in its order. A truncated rest without "=" is left out.
 std::vector<std::pair<std::string, std::string>> dashboardPairs(std::string_view text);
 
-// What acknowledges a datagram that could be decoded.
+// The acknowledgement of a decoded datagram.
 std::string acknowledgementFor(std::string_view datagram);
 
-// The report for people, with its component by code.
+// The report as text for people, with its component by code.
 Dictionary describe(const DashboardReport& report);
 
 }  // namespace telvora::lab

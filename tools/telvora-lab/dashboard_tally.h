@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// DashboardTally: which of the reports that were sent have arrived, and how often, judged by their event
-// numbers. Not thread-safe.
+// DashboardTally: counts by event number which reports have arrived, and how often. Not thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -19,16 +18,16 @@ namespace telvora::lab {
 
 class DashboardTally {
   public:
-    // Counts a report; whether it is the first of its number. Numbers start anew after 65535: of the reports
-    // that a number may stand for, it is the one nearest to the highest so far.
+    // Counts a report. Returns whether it is the first one of its number. Numbers wrap after 65535: the
+    // report is the candidate nearest to the highest number so far.
     bool count(const DashboardReport& report);
 
     size_t arrived() const { return arrived_; }
     size_t distinct() const;
-    // Of the numbers between a session's lowest and highest, those that arrived, over all sessions: what is
-    // missing at either end can't be known. 1 while nothing has arrived.
+    // The share of arrived numbers between each session's lowest and highest one, over all sessions. Losses
+    // at either end are not visible. 1 if no report has arrived.
     double deliveryRatio() const;
-    // How many reports arrived once, twice and so on.
+    // The number of reports that arrived once, twice and so on.
     std::map<size_t, size_t> timesArrived() const;
     // The figures above, and those of each session.
     Dictionary summary() const;

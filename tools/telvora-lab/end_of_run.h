@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// When a server program ends: at SIGTERM, SIGINT or the end of standard input.
+// Ends a server program at SIGTERM, SIGINT or the end of standard input.
 #pragma once
 
 #include "util/unique_fd.h"
@@ -9,10 +9,10 @@ namespace telvora::lab {
 
 class EndOfRun {
   public:
-    // Takes the two signals; to be made before any thread exists, so that none of them gets them.
+    // Blocks the two signals. Construct it before any thread, so that all threads inherit the mask.
     EndOfRun();
 
-    // Reads standard input, unless `ignoreInput`, and drops what comes.
+    // Reads and discards standard input, unless `ignoreInput`. Returns at the end of the run.
     void wait(bool ignoreInput) const;
 
   private:

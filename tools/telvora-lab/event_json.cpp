@@ -48,7 +48,7 @@ tl::unexpected<std::string> parseFailure(rapidjson::ParseErrorCode code, size_t 
                                std::to_string(offset));
 }
 
-// Picks the number under one key out of each object in the array "events" of the outermost object.
+// Extracts the number under one key from each object in the array "events" of the outermost object.
 class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, NumberCollector> {
   public:
     explicit NumberCollector(std::string_view key) : key_(key) {}

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reading the JSON messages (RFC 8259) that carry events, and writing property lists as JSON.
+// Reads the JSON messages (RFC 8259) that carry events, and writes property lists as JSON.
 #pragma once
 
 #include <cstdint>
@@ -20,16 +20,16 @@ struct EventMessage {
     std::optional<std::vector<Dictionary>> events;
 };
 
-// Reads a message; members of other names are ignored. Fails with a reason on anything that is no JSON
-// object, or holds null, which no event may.
+// Reads a message and ignores members of other names. Fails with a reason if the text is not a JSON object,
+// or holds null, which events may not contain.
 tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json);
 
-// The numbers that the events of a message carry under `key`, in order: the cheap way to know which events
-// came. Events without such a number, as the daemon's own are, are passed over. Fails with a reason on broken
+// The numbers of a message's events under `key`, in order. It is faster than reading the whole message.
+// Events without such a number are skipped; the daemon's own reports have none. Fails with a reason on broken
 // JSON.
 tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view json, std::string_view key);
 
-// Any value as JSON (plist/json_writer.h).
+// Any value as JSON: data as base64, dates as seconds since 1970, numbers that JSON can't represent as null.
 std::string toJson(const PropertyList& value, bool pretty);
 
 }  // namespace telvora::lab

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// FaultyLink: what a bad network does to datagrams in one direction, decided by a random sequence that its
-// seed determines.
+// FaultyLink: the faults of a network for datagrams in one direction. The seed determines the random
+// sequence.
 #pragma once
 
 #include <chrono>
@@ -14,21 +14,21 @@ namespace telvora::lab {
 struct LinkFaults {
     // Probabilities, 0 to 1.
     double loss = 0;
-    double duplicate = 0;  // of a datagram that isn't lost
-    double reorder = 0;    // of each copy: it is held back, so that later ones overtake it
-    // How long each copy takes, evenly distributed.
+    double duplicate = 0;  // of a datagram that is not lost
+    double reorder = 0;    // of each copy: it is delayed, so that later ones overtake it
+    // The delay of each copy, uniformly distributed.
     std::chrono::milliseconds minDelay{0};
     std::chrono::milliseconds maxDelay{0};
 };
 
 class FaultyLink {
   public:
-    // How much longer a datagram takes that others are to overtake.
+    // The additional delay of a reordered datagram.
     static constexpr std::chrono::milliseconds kHeldBack{50};
 
     FaultyLink(LinkFaults faults, uint64_t seed) : faults_(faults), random_(seed) {}
 
-    // The fate of the next datagram: how long each of its copies takes; none where it is lost.
+    // The delays of the next datagram's copies. Empty if the datagram is lost.
     std::vector<std::chrono::milliseconds> transit();
 
   private:

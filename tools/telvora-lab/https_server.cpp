@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The only file that includes cpp-httplib, which takes long to compile.
+// The only file that includes cpp-httplib, which compiles slowly.
 #include "telvora-lab/https_server.h"
 
 #include <httplib.h>
@@ -18,7 +18,7 @@ constexpr char kHost[] = "127.0.0.1";
 constexpr time_t kKeepAliveSeconds = 1;
 constexpr size_t kKeepAliveRequests = 1000000;
 
-// What the library adds to the headers that the client sent.
+// A header that the library adds to the client's headers.
 bool isOfTheLibrary(const std::string& name) {
     return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
 }
@@ -105,7 +105,7 @@ bool HttpsServer::restart() {
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     });
-    // Called at the head of the accept loop: from there on stop() takes effect.
+    // Called at the start of the accept loop. From then on stop() has an effect.
     server.new_task_queue = [this, accepting = &running->accepting] {
         accepting->set_value();
         return new httplib::ThreadPool(connections_);

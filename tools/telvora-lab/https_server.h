@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// HttpsServer: an HTTP/1.1 server over TLS on 127.0.0.1, whose answers may be broken off on purpose.
+// HttpsServer: an HTTP/1.1 server over TLS on 127.0.0.1. A handler can truncate its answer.
 //
 // All operations are callable from any thread but not from a handler; handlers run on the server's own
 // threads, several at a time.
@@ -25,13 +25,13 @@ struct ServerRequest {
     HttpHeaders headers;                       // in no particular order
     std::string body;                          // with a Content-Encoding of gzip already undone
 
-    // The value of the first header of that name, compared without regard to case, or nothing.
+    // The value of the first header of that name, compared without regard to case, or `std::nullopt`.
     std::optional<std::string> header(const std::string& name) const;
 };
 
 struct ServerResponse {
     enum class Ending {
-        whole,     // the answer is sent as it stands
+        whole,     // the complete answer
         halfBody,  // the header promises the whole body; the connection ends after half of it
         noAnswer,  // the connection ends without an answer
     };
@@ -47,24 +47,24 @@ class HttpsServer {
   public:
     using Handler = std::function<ServerResponse(const ServerRequest&)>;
 
-    // Listens at once, on a port that the kernel chooses. `connections`: how many are served at a time; each
-    // has its own thread while it is open.
+    // Listens at once, on a port that the kernel chooses. `connections`: the maximum number of simultaneous
+    // connections; each open one has its own thread.
     HttpsServer(const std::string& certificateFile, const std::string& keyFile, Handler handler,
                 size_t connections = 16);
-    // Stops. A handler that is still running is waited for.
+    // Stops the server and waits for running handlers.
     ~HttpsServer();
     HttpsServer(const HttpsServer&) = delete;
     HttpsServer& operator=(const HttpsServer&) = delete;
 
-    // 0 when the server could not be started.
+    // 0 if the server could not be started.
     int port() const { return port_; }
     // "https://127.0.0.1:PORT"
     std::string origin() const { return "https://127.0.0.1:" + std::to_string(port_); }
 
-    // Closes the listening socket, so that connections are refused, and waits for the open connections to
-    // end: idle ones are closed within a second. Without effect on a server that is stopped.
+    // Closes the listening socket, so that connections are refused, and waits for open connections to end.
+    // Idle ones are closed within a second. No effect on a stopped server.
     void stop();
-    // Listens again, on the same port. False when somebody else has taken it meanwhile.
+    // Listens again, on the same port. False if the port has been taken meanwhile.
     bool restart();
 
   private:

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The laboratory's keys: a certificate authority and a server certificate of its own, so that TLS is verified
-// here exactly as in the field, and the key that signs bags. All are made anew at each start; nothing secret
-// outlives the folder.
+// The laboratory's keys: a certificate authority and a server certificate, so that TLS is verified as in the
+// field, and the key that signs bags. All are made at each start. No secret exists outside of the directory.
 #pragma once
 
 #include <filesystem>
@@ -18,12 +17,12 @@ class LabPki {
   public:
     // Makes the keys and writes into `directory` (created if absent):
     //
-    //     ca.pem            the authority's certificate: what SSL_CERT_FILE names
+    //     ca.pem            the authority's certificate, for SSL_CERT_FILE
     //     server.pem        the certificate for 127.0.0.1, ::1 and localhost
     //     server-key.pem    its key
-    //     framework/        what TELVORA_FRAMEWORK_DIR names: Info.plist with CFBundleVersion, publicKey.der
+    //     framework/        for TELVORA_FRAMEWORK_DIR: Info.plist with CFBundleVersion, publicKey.der
     //
-    // Fails with a reason when a file can't be written.
+    // Fails with a reason if a file can't be written.
     static tl::expected<LabPki, std::string> make(const std::filesystem::path& directory,
                                                   const std::string& bundleVersion = "8.1.2");
 
@@ -32,7 +31,7 @@ class LabPki {
     std::string serverKeyFile() const { return directory_ / "server-key.pem"; }
     std::string frameworkDirectory() const { return directory_ / "framework"; }
 
-    // The key whose public half stands in the framework folder. Safe from any thread.
+    // The key whose public half is in the framework directory. Callable from any thread.
     const RsaPrivateKey& bagKey() const { return *bagKey_; }
 
   private:

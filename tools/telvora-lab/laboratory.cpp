@@ -12,7 +12,7 @@ void replaceAll(std::string& text, std::string_view what, std::string_view with)
     }
 }
 
-// What stands for what in a bag.
+// The placeholders in a bag and their values.
 struct Places {
     std::vector<std::pair<const char*, std::string>> inStrings;
     std::vector<std::pair<const char*, PropertyList>> wholeStrings;

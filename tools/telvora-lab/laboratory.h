@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Laboratory: the outside world of the daemon in one object, all of it on this machine: keys, a bag server,
-// a reporting server, a dashboard's collector, and servers for log data and for files.
+// Laboratory: all servers that the daemon talks to, on this machine: keys, a bag server, a reporting server,
+// a dashboard's collector, and servers for log data and for files.
 #pragma once
 
 #include <filesystem>
@@ -32,9 +32,9 @@ class Laboratory {
     LogDataServer& logData() { return logData_; }
     UploadServer& uploads() { return uploads_; }
 
-    // Serves a bag after putting in what no file can know: "@events@" and "@realtime@" in all its strings are
-    // replaced by the URLs of the reporting server, "@logdata@" and "@upload@" by those of the servers
-    // for log data and for files, and a string "@dashboard_port@" by the number of the collector's port.
+    // Serves a bag after replacing its placeholders: "@events@" and "@realtime@" in all strings by the URLs
+    // of the reporting server, "@logdata@" and "@upload@" by those of the servers for log data and for files,
+    // and a string "@dashboard_port@" by the number of the collector's port.
     void setBag(const std::string& name, const Dictionary& bag);
 
   private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// LogDataServer: takes the log data that the daemon posts to /logdata, reads the archive (docs/formats.md)
-// and answers with a location for it.
+// LogDataServer: receives the log data that the daemon posts to /logdata, reads the archive (docs/formats.md)
+// and answers with a location.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -24,7 +24,7 @@ enum class LogDataFault {
     noAnswer      // the connection ends before the answer
 };
 
-// The fault of that name as it is written above, or nothing.
+// The fault of that name as it is written above, or `std::nullopt`.
 std::optional<LogDataFault> logDataFaultNamed(std::string_view name);
 
 class LogDataServer {
@@ -33,16 +33,16 @@ class LogDataServer {
     explicit LogDataServer(const LabPki& pki);
 
     std::string url() const { return server_.origin() + "/logdata"; }
-    // What the server answers to the upload of that number, the first being 1.
+    // The server's answer to the upload of that number, the first being 1.
     std::string location(size_t number) const { return url() + "/" + std::to_string(number); }
     bool listening() const { return server_.port() != 0; }
 
-    // How uploads are answered from now on; they are received all the same.
+    // Sets the fault of all further answers. Uploads are still received.
     void setFault(LogDataFault fault);
 
     // The records of each upload, in order.
     std::vector<Array> uploads() const;
-    // What was wrong with uploads, one line each; empty when all is well.
+    // The errors of malformed uploads, one line each. Empty if there are none.
     std::vector<std::string> problems() const;
 
   private:
@@ -52,7 +52,7 @@ class LogDataServer {
     LogDataFault fault_ TELVORA_GUARDED_BY(mutex_) = LogDataFault::none;
     std::vector<Array> uploads_ TELVORA_GUARDED_BY(mutex_);
     std::vector<std::string> problems_ TELVORA_GUARDED_BY(mutex_);
-    HttpsServer server_;  // last: it stops before what its handlers use goes
+    HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };
 
 }  // namespace telvora::lab

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvora-lab: the laboratory as a program, for work by hand and for drivers in other languages.
+// telvora-lab: the laboratory as a program, for manual trials and for tests in other languages.
 #include <CLI/CLI.hpp>
 #include <cctype>
 #include <filesystem>
@@ -43,14 +43,14 @@ int complain(const std::string& message) {
     return kUsageError;
 }
 
-// "NAME=VALUE" apart; nothing without an equals sign or a name.
+// Splits "NAME=VALUE". `std::nullopt` without an equals sign or a name.
 std::optional<std::pair<std::string, std::string>> assignment(const std::string& text) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos || equals == 0) return std::nullopt;
     return std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-// The reason when an argument doesn't fit; empty when all is well.
+// A CLI11 validator: the reason of failure, or an empty text.
 std::string configure(Laboratory& laboratory, const Arguments& arguments) {
     for (const std::string& argument : arguments.bags) {
         const auto parts = assignment(argument);
@@ -131,7 +131,7 @@ Dictionary summary(Laboratory& laboratory, const std::filesystem::path& director
             {"problems", Array(problems.begin(), problems.end())}};
 }
 
-// As lines that a shell reads: LAB_NAME='value', with the names in capitals. True also without a file.
+// Writes shell lines LAB_NAME='value', with the names in capitals. True if no file was asked for.
 bool writeEnvironment(const Dictionary& addresses, const std::string& path) {
     if (path.empty()) return true;
     std::ofstream file(path);
@@ -178,25 +178,25 @@ int main(int argc, char** argv) {
     Arguments arguments;
     CLI::App app("The servers that telvorad talks to, on this machine, for tests and demonstrations.");
     app.require_subcommand(1);
-    CLI::App* serveCommand = app.add_subcommand(
-        "serve",
-        "Start the servers, print their addresses as one line of JSON, run until SIGTERM, SIGINT or the end "
-        "of standard input, then print what arrived as JSON. Uploaded files are written to DIR/uploads.");
-    serveCommand->add_option("--dir", arguments.directory, "Folder for keys and certificates")->required();
-    serveCommand->add_option(
-        "--bag", arguments.bags,
-        "NAME=FILE: serve this property list, signed; @events@, @realtime@, @logdata@ and @upload@ "
-        "in its strings stand for the servers' URLs, a string @dashboard_port@ for the "
-        "number of the collector's port");
+    CLI::App* serveCommand =
+        app.add_subcommand("serve",
+                           "Start the servers, print their addresses as one line of JSON, run until SIGTERM, "
+                           "SIGINT or the end of standard input, then print all received data as JSON. "
+                           "Uploaded files are written to DIR/uploads.");
+    serveCommand->add_option("--dir", arguments.directory, "Directory for keys and certificates")->required();
+    serveCommand->add_option("--bag", arguments.bags,
+                             "NAME=FILE: serve this property list, signed; @events@, @realtime@, @logdata@ "
+                             "and @upload@ in its strings stand for the servers' URLs, a string "
+                             "@dashboard_port@ for the number of the collector's port");
     serveCommand->add_option("--signed-bags", arguments.signedBags,
-                             "DIR: serve the signed documents that stand there, each under its file's name");
+                             "DIR: serve the signed documents in it, each under its file's name");
     serveCommand->add_option("--env-file", arguments.environmentFile,
                              "Write the addresses to this file, too, as lines LAB_NAME='value' that a shell "
                              "reads; it may be a FIFO, whose reader then waits for the servers");
     serveCommand->add_option(
         "--bag-fault", arguments.bagFaults,
-        "NAME=FAULT: noAnswer, hold, notModified, notFound, truncated, notAPropertyList, "
-        "unsignedBag, foreignKey, flippedBit or innerNotAPropertyList");
+        "NAME=FAULT: noAnswer, hold, notModified, notFound, truncated, notAPropertyList, unsignedBag, "
+        "foreignKey, flippedBit or innerNotAPropertyList");
     serveCommand->add_option("--reporting-fault", arguments.reportingFault,
                              "none, notFound, serviceUnavailable, noAnswer, halfAnswer or hold");
     serveCommand->add_option("--log-data-fault", arguments.logDataFault, "none, emptyAnswer or noAnswer");
@@ -204,8 +204,9 @@ int main(int argc, char** argv) {
                              "success, failed, notUtf8, empty, halfAnswer, noAnswer or hold");
     addNetworkOptions(*serveCommand, arguments.collector);
     serveCommand->add_option("--count-by", arguments.countByKey,
-                             "Do not keep events, count them by the number under this key");
-    serveCommand->add_flag("--ignore-input", arguments.ignoreInput, "Do not end with standard input");
+                             "Do not store events, count them by the number under this key");
+    serveCommand->add_flag("--ignore-input", arguments.ignoreInput,
+                           "Do not end at the end of standard input");
     CollectArguments collectArguments;
     const CLI::App* collectCommand = addCollectCommand(app, collectArguments);
     try {

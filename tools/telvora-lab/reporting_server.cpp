@@ -22,7 +22,7 @@ constexpr std::pair<std::string_view, ReportingFault> kFaultNames[] = {
 constexpr const char* kMandatoryHeaders[] = {"User-Agent", "X-TVR-Client-Version", "X-TVR-Sender",
                                              "Accept",     "Content-Type",         "Content-Length"};
 
-// A number larger than this is no running number of a measurement.
+// A larger number is not a running number of a measurement.
 constexpr uint64_t kLargestNumber = 100'000'000;
 
 std::optional<std::string> headerProblem(const ServerRequest& request) {
@@ -94,8 +94,8 @@ ServerResponse ReportingServer::handle(const ServerRequest& request) {
         response.status = 404;
         return response;
     }
-    // Taken before the message is known to have arrived: who waits for it and then releases, releases this
-    // one.
+    // Taken before the message counts as arrived: a caller that waits for the message and then releases the
+    // held answers also releases this one.
     ReportingFault fault;
     uint64_t releases;
     {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ReportingServer: takes the events that the daemon posts to /events and /realtime, checks each message, and
-// keeps or counts the events.
+// ReportingServer: receives the events that the daemon posts to /events and /realtime, checks each message,
+// and stores or counts the events.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -31,23 +31,23 @@ enum class ReportingFault {
     hold                 // the answer waits for releaseHeld()
 };
 
-// The fault of that name as it is written above, or nothing.
+// The fault of that name as it is written above, or `std::nullopt`.
 std::optional<ReportingFault> reportingFaultNamed(std::string_view name);
 
 struct ReceivedMessage {
     std::string path;  // "/events" or "/realtime"
     HttpHeaders headers;
-    double postTime = 0;  // seconds since 1970, as the client tells
+    double postTime = 0;  // seconds since 1970, according to the client
     std::string clientId;
     std::vector<Dictionary> events;
 
-    // The value of the first header of that name, compared without regard to case, or nothing.
+    // The value of the first header of that name, compared without regard to case, or `std::nullopt`.
     std::optional<std::string> header(std::string_view name) const;
 };
 
 struct ReportingServerOptions {
-    // Not empty: events are not kept; each is known by the unsigned number under this key, and only which
-    // numbers came, and how often, is kept. For measurements.
+    // If not empty, events are not stored. The server only counts the unsigned numbers under this key. For
+    // measurements.
     std::string countByKey;
     size_t connections = 16;
 };
@@ -62,28 +62,27 @@ class ReportingServer {
     std::string realtimeURL() const { return server_.origin() + "/realtime"; }
     bool listening() const { return server_.port() != 0; }
 
-    // How messages are answered from now on; they are received all the same.
+    // Sets the fault of all further answers. Messages are still received.
     void setFault(ReportingFault fault);
-    // Lets the answers go that ReportingFault::hold holds.
+    // Releases the answers that ReportingFault::hold holds.
     void releaseHeld();
     // Refuses connections until accept(); returns when the port is closed.
     void refuse() { server_.stop(); }
     bool accept() { return server_.restart(); }
 
-    // Events that arrived so far, each as often as it came; with countByKey, those that have a number.
+    // Events that arrived so far, with repetitions. With countByKey, only those that have a number.
     size_t eventCount() const;
     size_t messageCount() const;
-    // With countByKey: how many different numbers came, and how many events had a number that had come
-    // before.
+    // With countByKey: the count of different numbers, and the count of events with a repeated number.
     size_t distinctCount() const;
     size_t duplicateCount() const;
-    // Without countByKey: everything that arrived, in order.
+    // Without countByKey: all events that arrived, in order.
     std::vector<ReceivedMessage> messages() const;
     std::vector<Dictionary> events() const;
-    // What was wrong with the messages, one line each; empty when all is well.
+    // The errors of malformed messages, one line each. Empty if there are none.
     std::vector<std::string> problems() const;
 
-    // Whether so many events (messages) have arrived within `timeout`.
+    // Waits until so many events (messages) have arrived. False if `timeout` passes first.
     bool waitForEvents(size_t count, std::chrono::milliseconds timeout) const;
     bool waitForMessages(size_t count, std::chrono::milliseconds timeout) const;
 
@@ -103,7 +102,7 @@ class ReportingServer {
     size_t eventCount_ TELVORA_GUARDED_BY(mutex_) = 0;
     size_t distinctCount_ TELVORA_GUARDED_BY(mutex_) = 0;
     uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
-    HttpsServer server_;  // last: it stops before what its handlers use goes
+    HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };
 
 }  // namespace telvora::lab

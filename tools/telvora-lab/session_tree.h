@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Which session stands below which, as far as the reports tell: a session of a hierarchy reports under the
-// dotted IDs of its ancestors and its own, top first.
+// The trees of sessions that the reports describe: a session of a hierarchy reports under the dotted IDs of
+// its ancestors and its own, top first.
 #pragma once
 
 #include <cstddef>
@@ -18,12 +18,12 @@ struct SessionNode {
     std::vector<SessionNode> children;
 };
 
-// The trees, each level in the order in which its sessions first appeared. A session that was known under
-// several parents stands below the one that was told last. Events without a "_sessionID" don't count; a
-// parent that would close a circle is left out.
+// The trees. Each level is in the order of first appearance. A session that was reported under several
+// parents is below the last one. Events without a "_sessionID" are ignored; a parent that would form a circle
+// is left out.
 std::vector<SessionNode> sessionTree(const std::vector<Dictionary>& events);
 
-// The same as values: dictionaries with "sessionID", "events" and "children".
+// The trees as values: dictionaries with "sessionID", "events" and "children".
 Array describeTree(const std::vector<SessionNode>& nodes);
 
 }  // namespace telvora::lab

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UploadServer: takes the files that the daemon posts to /upload, and keeps them byte for byte.
+// UploadServer: receives the files that the daemon posts to /upload, and stores them byte for byte.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -18,7 +18,7 @@
 
 namespace telvora::lab {
 
-// How an upload is answered; it is kept all the same.
+// The answer to an upload. The upload is stored in any case.
 enum class UploadAnswer {
     success,     // {"success":true}
     failed,      // {"status":"failed"}
@@ -29,7 +29,7 @@ enum class UploadAnswer {
     hold         // waits for releaseHeld(), then success
 };
 
-// The answer of that name as it is written above, or nothing.
+// The answer of that name as it is written above, or `std::nullopt`.
 std::optional<UploadAnswer> uploadAnswerNamed(std::string_view name);
 
 class UploadServer {
@@ -42,7 +42,7 @@ class UploadServer {
     bool listening() const { return server_.port() != 0; }
 
     void setAnswer(UploadAnswer answer);
-    // Lets the answers go that UploadAnswer::hold holds.
+    // Releases the answers that UploadAnswer::hold holds.
     void releaseHeld();
     // Refuses connections until accept(); returns when the port is closed.
     void refuse() { server_.stop(); }
@@ -51,7 +51,7 @@ class UploadServer {
     // All uploads that arrived, in order; the body is the file, with gzip undone.
     std::vector<ServerRequest> uploads() const;
     size_t uploadCount() const;
-    // Whether so many uploads have arrived within `timeout`.
+    // Waits until so many uploads have arrived. False if `timeout` passes first.
     bool waitForUploads(size_t count, std::chrono::milliseconds timeout) const;
 
   private:
@@ -62,7 +62,7 @@ class UploadServer {
     UploadAnswer answer_ TELVORA_GUARDED_BY(mutex_) = UploadAnswer::success;
     std::vector<ServerRequest> uploads_ TELVORA_GUARDED_BY(mutex_);
     uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
-    HttpsServer server_;  // last: it stops before what its handlers use goes
+    HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };
 
 }  // namespace telvora::lab

@@ -21,9 +21,9 @@ bool Answers::expectOne() {
     return true;
 }
 
-bool Answers::wait(const std::string& what) {
+bool Answers::wait(const std::string& activity) {
     std::unique_lock lock(mutex_);
-    return waitUntil(lock, 0, what);
+    return waitUntil(lock, 0, activity);
 }
 
 int Answers::report() {
@@ -33,11 +33,11 @@ int Answers::report() {
     return fail(lost ? kDaemonMissing : kNotDone, failure_->message);
 }
 
-bool Answers::waitUntil(std::unique_lock<std::mutex>& lock, size_t limit, const std::string& what) {
+bool Answers::waitUntil(std::unique_lock<std::mutex>& lock, size_t limit, const std::string& activity) {
     using Clock = std::chrono::steady_clock;
-    Progress progress(!what.empty());
+    Progress progress(!activity.empty());
     const auto begin = Clock::now();
-    auto last = begin;  // when the last answer came
+    auto last = begin;  // time of the last answer
     while (waiting_ > limit && !failure_) {
         const size_t before = waiting_;
         const bool moved = changed_.wait_for(lock, std::chrono::duration<double>(std::min(timeout_, 1.0)),
@@ -46,7 +46,7 @@ bool Answers::waitUntil(std::unique_lock<std::mutex>& lock, size_t limit, const 
         if (moved) last = now;
         if (now - last >= std::chrono::duration<double>(timeout_)) return false;
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - begin).count();
-        progress.show(what + ", " + std::to_string(seconds) + " s");
+        progress.show(activity + ", " + std::to_string(seconds) + " s");
     }
     return !failure_;
 }

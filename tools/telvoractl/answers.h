@@ -12,18 +12,18 @@
 
 namespace telvora::ctl {
 
-// Counts calls that wait for their answer, and keeps the first failure. Must outlive the runtime on whose
-// thread the answers come.
+// Counts calls that wait for their answer, and stores the first failure. Must outlive the runtime on whose
+// thread the answers arrive.
 class Answers {
   public:
-    // `timeout`: seconds in which the next answer must come.
+    // `timeout`: the seconds within which the next answer must come.
     explicit Answers(double timeout) : timeout_(timeout) {}
 
-    // Before a call is made: waits for room. False when no answer came for too long, or a call has failed.
+    // Called before a call: waits for room. False if no answer came within the timeout, or a call has failed.
     bool expectOne();
-    // Waits for all of them; false likewise. On a terminal, tells for how long it has been doing `what`.
-    bool wait(const std::string& what = {});
-    // A completion that hands the answer to `use` on success.
+    // Waits for all answers; false likewise. On a terminal, shows `activity` and the elapsed time.
+    bool wait(const std::string& activity = {});
+    // A completion that passes a successful answer to `use`.
     template <typename T, typename Use>
     Completion<T> completion(Use use) {
         return [this, use = std::move(use)](tl::expected<T, CallFailure> answer) {
@@ -38,11 +38,11 @@ class Answers {
             changed_.notify_all();
         };
     }
-    // Why expectOne() or wait() said no, as an exit status with a line on standard error.
+    // The reason why expectOne() or wait() returned false: an exit status, after a line on standard error.
     int report();
 
   private:
-    bool waitUntil(std::unique_lock<std::mutex>& lock, size_t limit, const std::string& what);
+    bool waitUntil(std::unique_lock<std::mutex>& lock, size_t limit, const std::string& activity);
 
     const double timeout_;
     std::mutex mutex_;

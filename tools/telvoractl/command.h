@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the file of a command gives to main.cpp, and what all commands share.
+// The interface between main.cpp and the file of each command, and helpers of all commands.
 #pragma once
 
 #include <functional>
@@ -12,32 +12,32 @@ class App;
 
 namespace telvora::ctl {
 
-// Exit statuses; --help and telvoractl(1) list them.
+// Exit statuses. --help and telvoractl(1) list them.
 enum Status : int {
     kDone = 0,
-    kNotDone = 1,   // the daemon has no configuration for the client, or said no; a setting has no effect
+    kNotDone = 1,   // the daemon has no configuration for the client, or refused; a setting has no effect
     kBadInput = 2,  // command line, standard input, or a file that it names
-    kDaemonMissing = 3,  // it can't be reached, or the connection was lost
-    kNoAnswer = 4,       // within the time that was given
+    kDaemonMissing = 3,  // unreachable, or the connection was lost
+    kNoAnswer = 4,       // no answer within the given time
 };
 
-// The options of all commands. They count only once the command line has been read.
+// The options of all commands. Valid only after the command line has been parsed.
 struct CommonOptions {
     std::string socketPath;  // empty: not given
     bool json = false;
-    double wait = 0;  // seconds for the daemon to come up
+    double wait = 0;  // seconds to wait for the daemon to start
 
     // The path of the daemon's socket.
     std::string socket() const;
 };
 
-// A subcommand and what runs it, once the command line has been read; that returns a Status.
+// A subcommand, and its function, which runs after the command line has been parsed and returns a Status.
 struct Command {
     CLI::App* app;
     std::function<int()> run;
 };
 
-// Each adds its command to `app`. `common` outlives what they return.
+// Each adds its command to `app`. `common` must outlive the returned commands.
 Command addConsentCommand(CLI::App& app, const CommonOptions& common);
 Command addDashboardSendCommand(CLI::App& app, const CommonOptions& common);
 Command addDefaultsCommand(CLI::App& app, const CommonOptions& common);
@@ -54,7 +54,7 @@ Command addUploadCommand(CLI::App& app, const CommonOptions& common);
 // Prints "telvoractl: problem" to standard error and returns the status.
 int fail(Status status, const std::string& problem);
 
-// Lets the lines of our libraries from level 4 (warning) up go to standard error, too.
+// Also prints the libraries' log lines of level 4 (warning) and more severe to standard error.
 void logToStandardError();
 
 }  // namespace telvora::ctl

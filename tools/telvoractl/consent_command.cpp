@@ -9,11 +9,11 @@ namespace telvora::ctl {
 
 namespace {
 
-int runConsent(const std::string& what, const CommonOptions& common) {
+int runConsent(const std::string& setting, const CommonOptions& common) {
     auto settings = Settings::open();
     if (!settings) return fail(kNotDone, settings.error());
-    if (what != "show") {
-        return settings->write(std::string(kConsentDomain), std::string(kConsentKey), what == "on");
+    if (setting != "show") {
+        return settings->write(std::string(kConsentDomain), std::string(kConsentKey), setting == "on");
     }
     const bool given = settings->defaults().boolean(kConsentDomain, kConsentKey);
     std::puts(common.json ? (given ? "{\"consent\":true}" : "{\"consent\":false}")
@@ -24,16 +24,16 @@ int runConsent(const std::string& what, const CommonOptions& common) {
 }  // namespace
 
 Command addConsentCommand(CLI::App& app, const CommonOptions& common) {
-    const auto what = std::make_shared<std::string>();
+    const auto setting = std::make_shared<std::string>();
     CLI::App* command =
         app.add_subcommand("consent", "Show or set the user's consent to sharing diagnostics");
-    command->add_option("what", *what, "on, off or show")
+    command->add_option("setting", *setting, "on, off or show")
         ->required()
         ->check(CLI::IsMember({"on", "off", "show"}));
     command->footer(
-        "Without consent, only what a bag sends without it leaves the device. Holds for sessions that\n"
-        "are opened from now on.");
-    return {command, [what, &common] { return runConsent(*what, common); }};
+        "Without consent, only reports for which the bag needs no consent leave the device. A change\n"
+        "affects sessions that are opened later.");
+    return {command, [setting, &common] { return runConsent(*setting, common); }};
 }
 
 }  // namespace telvora::ctl

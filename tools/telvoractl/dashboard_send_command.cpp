@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reports to a dashboard's collector, without a daemon: sessions don't use this way of sending.
+// Sends reports to a dashboard's collector, without a daemon: sessions send no datagrams.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -18,11 +18,11 @@ namespace telvora::ctl {
 
 namespace {
 
-// Where a dashboard's reports go and who they are from.
+// The destination of a dashboard's reports, and their sender.
 struct DashboardOptions {
     std::string collector;          // ADDRESS:PORT
-    bool unreliable = false;        // as a bag without "reliable" has it
-    std::optional<int64_t> period;  // as a bag with this "reliable" has it, in milliseconds
+    bool unreliable = false;        // as a bag without "reliable"
+    std::optional<int64_t> period;  // as a bag with this "reliable", in milliseconds
     int32_t componentType = 0;
     uint32_t sessionID = 1;
     uint16_t clientVersion = 0;
@@ -50,7 +50,7 @@ std::optional<Collector> collectorIn(const std::string& text) {
     return Collector{text.substr(0, colon), static_cast<uint16_t>(number)};
 }
 
-// Everything that a backend uses of the outside.
+// The services of the backend.
 struct Outside {
     Directories directories = Directories::fromEnvironment();
     UserDefaults defaults{directories.configuration, directories.state};
@@ -102,9 +102,9 @@ std::shared_ptr<DashboardBackend> makeBackend(const Outside& outside, const Coll
 void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
     command.add_option("--collector", options.collector, "ADDRESS:PORT, IPv4")->required();
     command.add_option("--period", options.period,
-                       "Configure as a bag with this \"reliable\" does: milliseconds of the retransmission "
-                       "timer; without, as no bag does: 500 ms");
-    command.add_flag("--unreliable", options.unreliable, "Configure as a bag without \"reliable\" does")
+                       "Configure like a bag with this \"reliable\": the period of the retransmission timer "
+                       "in milliseconds; without, as no bag does: 500 ms");
+    command.add_flag("--unreliable", options.unreliable, "Configure like a bag without \"reliable\"")
         ->excludes("--period");
     command.add_option("--component", options.componentType, "Component type")->capture_default_str();
     command.add_option("--session-id", options.sessionID, "Session ID")->capture_default_str();
@@ -112,11 +112,11 @@ void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
     command.add_option("--framework-version", options.selfVersion, "Version of the reporting framework")
         ->capture_default_str();
     command.add_option("--device", options.deviceID,
-                       "Device identifier, of which 40 characters count; default: this device's");
+                       "Device identifier, cut to 40 characters; default: this device's");
     command.add_option("--first-number", options.firstEventNumber, "Event number of the first report")
         ->capture_default_str();
-    command.add_option("--count", options.count, "How many reports")->capture_default_str();
-    command.add_option("--interval", options.interval, "Milliseconds from one to the next")
+    command.add_option("--count", options.count, "Number of reports")->capture_default_str();
+    command.add_option("--interval", options.interval, "Milliseconds between two reports")
         ->capture_default_str();
 }
 
@@ -155,8 +155,8 @@ Command addDashboardSendCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("dashboard-send", "Send reports to a dashboard's collector");
     command->footer(
-        "The reports go out from this process, without the daemon, whose sessions never send there. Prints\n"
-        "each; ends when all are acknowledged or given up.");
+        "Sends from this process, without the daemon, whose sessions send no datagrams. Prints each report;\n"
+        "ends when all are acknowledged or given up.");
     addDashboardOptions(*command, options->dashboard);
     addReportOptions(*command, options->report);
     return {command, [options, &common] {

@@ -19,10 +19,8 @@ Command addFlushCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<SessionOptions>();
     CLI::App* command = app.add_subcommand("flush", "Open a session and flush it");
     command->footer(
-        "Tells whether the client type's reports reach their server: with --batch, the report of the "
-        "session's\n"
-        "start waits for the flush, and the answer is the server's. Batches of other sessions stay as they "
-        "are.");
+        "Checks whether the client type's reports reach their server: with --batch, the start message waits\n"
+        "for the flush, and the answer is the server's. Batches of other sessions are not posted.");
     addSessionOptions(*command, *options);
     return {command, [options, &common] { return runFlush(*options, common); }};
 }

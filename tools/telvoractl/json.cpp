@@ -10,8 +10,8 @@ namespace telvora::ctl {
 
 namespace {
 
-// The same JSON with DEL and C1 control characters, which stand in strings only, as \u00NN: a terminal may
-// obey them.
+// Escapes DEL and C1 control characters, which occur in strings only, as \u00NN: a terminal could interpret
+// them.
 std::string withoutControls(std::string_view json) {
     std::string text;
     for (const char c : json) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The daemon's message log: its last records, and those that come. The files are the daemon's and are only
-// read.
+// Prints the last records of the daemon's message log, and new ones as they come. Only reads the daemon's
+// files.
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -30,7 +30,7 @@ struct LogOptions {
 
 constexpr std::string_view kTimeShape = "(0000-00-00 00:00:00 +0000) ";
 
-// Whether a record begins here; the texts of records may have several lines.
+// Whether a record begins at this line. The text of a record may have several lines.
 bool beginsRecord(std::string_view line) {
     if (line.size() < kTimeShape.size()) return false;
     return std::equal(kTimeShape.begin(), kTimeShape.end(), line.begin(),
@@ -50,7 +50,7 @@ void print(const std::string& record, bool json) {
     std::puts(line.c_str());
 }
 
-// Puts records together from the bytes of a file.
+// Assembles records from the bytes of a file.
 class Records {
   public:
     explicit Records(std::function<void(const std::string& record)> use) : use_(std::move(use)) {}
@@ -62,7 +62,7 @@ class Records {
             addLine(std::string_view(line_).substr(begin, end - begin));
         line_.erase(0, begin);
     }
-    // What has come is whole: the daemon appends a record at once.
+    // The daemon appends a record with one write, so that the rest is a complete record.
     void end() {
         if (!record_.empty()) use_(record_);
         record_.clear();
@@ -80,12 +80,12 @@ class Records {
     std::string record_;
 };
 
-// The current file of the log, and the one after it when there is one.
+// The current file of the log, and the next one when there is one.
 class Reader {
   public:
     explicit Reader(MessageLog log) : log_(std::move(log)) {}
 
-    // Reads what has come since the last time.
+    // Reads the bytes that were added since the last call.
     void read(Records& records) {
         readOn(records);
         const auto newest = newestLogFile(log_);
@@ -110,7 +110,7 @@ class Reader {
     UniqueFd file_;
 };
 
-// Waits until something has changed in the directory; false when it is gone.
+// Waits until the directory changes. False if the directory is gone.
 bool waitForChange(int notifications) {
     alignas(inotify_event) char events[4096];
     const ssize_t count = read(notifications, events, sizeof events);
@@ -158,9 +158,8 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
 Command addLogCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<LogOptions>();
     CLI::App* command = app.add_subcommand("log", "Show the local message log");
-    command->add_option("-n,--records", options->count, "How many of the last records")
-        ->capture_default_str();
-    command->add_flag("-f,--follow", options->follow, "Go on with those that come");
+    command->add_option("-n,--records", options->count, "Number of last records")->capture_default_str();
+    command->add_flag("-f,--follow", options->follow, "Also print new records");
     return {command, [options, &common] { return runLog(*options, common); }};
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl: telvorad from the command line. Each command has a file of its own.
+// telvoractl: the command-line client of telvorad. Each command has its own file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
@@ -18,9 +18,9 @@ namespace {
 constexpr char kFooter[] =
     "Exit status:\n"
     "  0  done\n"
-    "  1  not done: the daemon has no configuration for the client type, or said no; or a setting that was\n"
+    "  1  not done: the daemon has no configuration for the client type, or refused; or a setting that was\n"
     "     written has no effect\n"
-    "  2  a mistake on the command line or in the input\n"
+    "  2  the command line or the input is wrong\n"
     "  3  the daemon can't be reached, or the connection was lost\n"
     "  4  the daemon did not answer in time\n"
     "See telvoractl(1).";
@@ -46,12 +46,11 @@ int run(int argc, char** argv) {
     CLI::App app("Looks after telvorad, and reports to it, from the command line.", "telvoractl");
     app.footer(kFooter);
     app.require_subcommand(1);
-    app.fallthrough();  // the common options may stand after the command, too
-    app.add_option(
-        "--socket", common.socketPath,
-        "The daemon's socket; default $TELVORA_SOCKET, else com.zandor.telvorad in $RUNTIME_DIRECTORY "
-        "or /run/telvora");
-    app.add_option("--wait", common.wait, "Seconds to wait for a daemon that does not listen yet")
+    app.fallthrough();  // the common options are accepted after the command, too
+    app.add_option("--socket", common.socketPath,
+                   "The daemon's socket; default $TELVORA_SOCKET, else com.zandor.telvorad in "
+                   "$RUNTIME_DIRECTORY or /run/telvora");
+    app.add_option("--wait", common.wait, "Seconds to wait for the daemon to listen")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
     app.add_flag("--json", common.json, "Print JSON instead of text");

@@ -20,7 +20,7 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
 
     std::string outcome;
     Answers answers(options.session.timeout);
-    ClientRuntime runtime;  // its thread uses the two above to the last
+    ClientRuntime runtime;  // declared last: its thread uses the two above until its end
     const auto session = connect(runtime, common);
     if (!session) return fail(kDaemonMissing, session.error());
     answers.expectOne();
@@ -38,7 +38,7 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<OneshotOptions>();
     CLI::App* command = app.add_subcommand("oneshot", "Send one report without a session");
-    command->footer("Prints \"finished\" when the backends have the report.");
+    command->footer("Prints \"finished\" after the backends have accepted the report.");
     addSessionOptions(*command, options->session);
     addReportOptions(*command, options->report);
     return {command, [options, &common] { return runOneshot(*options, common); }};

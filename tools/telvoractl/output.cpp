@@ -17,7 +17,7 @@ void printNamed(const char* name, const std::string& value) {
     std::fflush(stdout);
 }
 
-// Characters, as a terminal with UTF-8 shows them.
+// The width of a text in characters on a terminal with UTF-8.
 size_t widthOf(const std::string& text) {
     return static_cast<size_t>(std::count_if(
         text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the commands print: text for people, or JSON.
+// Output of the commands: text for people, or JSON.
 #pragma once
 
 #include <chrono>
@@ -11,8 +11,8 @@
 
 namespace telvora::ctl {
 
-// Prints named values to standard output, "name: value" for people or {"name":value} as a line of JSON; each
-// goes out at once and whole. A value of nothing is "none" or null. Thread-safe.
+// Prints named values to standard output, each in one write: "name: value" for people, or {"name":value} as a
+// line of JSON. An absent value is "none" or null. Thread-safe.
 class Printer {
   public:
     explicit Printer(bool json) : json_(json) {}
@@ -31,18 +31,17 @@ class Printer {
     bool json_;
 };
 
-// Prints rows whose columns are aligned; the first row is the head.
+// Prints rows with aligned columns; the first row is the header.
 void printTable(std::vector<std::vector<std::string>> rows);
 
-// Text from outside as a terminal may have it: of control characters only line feeds and tabs, the others as
-// \xNN.
+// Text from outside, made safe for a terminal: control characters other than line feeds and tabs become \xNN.
 std::string forTerminal(std::string_view text);
 
-// Any value in one line, for people: text as it is, all else as JSON.
+// Any value in one line, for people: a text unchanged, other values as JSON.
 std::string textOf(const PropertyList& value);
 
-// A line on standard error that tells how far something has come, where that is a terminal; it is written
-// anew ten times a second at most. Not thread-safe.
+// A progress line on standard error, if that is a terminal. It is updated at most ten times a second. Not
+// thread-safe.
 class Progress {
   public:
     explicit Progress(bool wanted = true);
@@ -51,7 +50,7 @@ class Progress {
     Progress& operator=(const Progress&) = delete;
 
     void show(const std::string& text);
-    // Before anything else is printed.
+    // Removes the line, before other output.
     void clear();
 
   private:

@@ -25,12 +25,12 @@ int runReset(bool yes, const CommonOptions& common) {
     const UserDefaults::Files files = settings->defaults().files(domain);
     std::vector<std::string> keys;
     Dictionary all = files.own;
-    all.merge(files.administrator);  // so that it is said where these stay
+    all.merge(files.administrator);  // to report identifiers that stay there
     for (const auto& [key, value] : all) {
         if (DeviceIdentity::isIdentifierKey(key)) keys.push_back(key);
     }
     if (!keys.empty() && !yes && isatty(STDIN_FILENO) != 0 && !isConfirmed(keys.size())) {
-        return fail(kNotDone, "nothing was deleted");
+        return fail(kNotDone, "no identifier was deleted");
     }
     const int status = settings->remove(domain, keys);
     if (status != kDone) return status;
@@ -43,11 +43,10 @@ int runReset(bool yes, const CommonOptions& common) {
 
 Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common) {
     const auto yes = std::make_shared<bool>(false);
-    CLI::App* command = app.add_subcommand(
-        "reset-identifiers", "Delete the identifiers under which reports of this device are known");
-    command->add_flag("--yes,-y", *yes, "Do not ask, even at a terminal");
-    command->footer(
-        "New random ones are made when they are needed. Sessions that are open keep the old ones.");
+    CLI::App* command = app.add_subcommand("reset-identifiers",
+                                           "Delete the identifiers under which servers know this device");
+    command->add_flag("--yes,-y", *yes, "Do not ask, even on a terminal");
+    command->footer("New random ones are made when needed. Open sessions keep the old ones.");
     return {command, [yes, &common] { return runReset(*yes, common); }};
 }
 

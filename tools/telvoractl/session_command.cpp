@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reports and commands from the lines of standard input. The reports are pipelined: the next line is sent
-// while earlier ones wait for their answers. Answers come in the order of the lines.
+// Reads reports and commands from the lines of standard input. Reports are pipelined: the next line is sent
+// while earlier ones wait for their answers. Answers are printed in the order of the lines.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -20,18 +20,17 @@ constexpr char kLineHelp[] =
     "Each line of standard input is a report or a word:\n"
     "  {\"category\":1,\"type\":2,\"payload\":{\"key\":\"value\"},\"flag\":0}\n"
     "               payload and flag may be left out; flag 1 sends at once, 2 promotes\n"
-    "  flush        posts what is batched\n"
-    "  states       tells which backends report\n"
+    "  flush        posts the batches\n"
+    "  states       prints the backends that report\n"
     "  upload PATH  hands over a file\n"
     "  finish       flushes and finishes the session, as the end of the input does";
 
-// Reads lines for a session and does what they say.
+// Reads and executes the lines of a session.
 class Lines {
   public:
     Lines(SessionRun& session, bool interactive) : session_(session), interactive_(interactive) {}
 
-    // Until the end of the input or of the session. A line that is wrong ends it, but for people at a
-    // terminal.
+    // Runs until the end of the input or of the session. A malformed line ends it, except on a terminal.
     int read(std::istream& input) {
         int result = kDone;
         std::string text;
@@ -52,7 +51,7 @@ class Lines {
     int obey(const std::string& line, const std::string& place) {
         const std::string word = line.substr(0, line.find_first_of(" \t"));
         const bool isWord = word == "flush" || word == "states" || word == "upload" || word == "help";
-        // What came before has its answers printed first.
+        // The answers to earlier lines are printed first.
         auto message = isWord ? Dictionary() : messageOfJson(line);
         if (isWord || !message) {
             if (const int waited = session_.wait(); waited != kDone) return waited;
@@ -100,7 +99,7 @@ int runSession(const SessionOptions& options, const CommonOptions& common, bool 
     if (interactive) std::puts(kLineHelp);
     status = Lines(session, interactive).read(std::cin);
     if (status == kDaemonMissing || status == kNoAnswer) return status;
-    const int left = session.leave();  // what was reported before a bad line is not lost for it
+    const int left = session.leave();  // reports before a malformed line are still sent
     return status != kDone ? status : left;
 }
 
@@ -114,9 +113,9 @@ Command addSessionCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("session", "Run a session from the lines of standard input");
     command->footer(std::string(kLineHelp) +
-                    "\nEach answer is printed: at a terminal as text, else as a line of JSON.");
+                    "\nEach answer is printed: on a terminal as text, else as a line of JSON.");
     addSessionOptions(*command, options->session);
-    command->add_flag("--aggregate", options->aggregate, "Ask for the session's messages and print them");
+    command->add_flag("--aggregate", options->aggregate, "Print the reports of the session's hierarchy");
     return {command, [options, &common] { return runSession(options->session, common, options->aggregate); }};
 }
 

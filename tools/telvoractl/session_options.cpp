@@ -43,7 +43,7 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
         ->check(CLI::Range(0, 65535));
     command.add_option("--client-name", options.clientName, "Client name, part of the user info");
     command.add_option("--service-name", options.serviceName, "Service name, part of the user info");
-    command.add_flag("--require-user-info", options.requireUserInfo, "Promise user info");
+    command.add_flag("--require-user-info", options.requireUserInfo, "The session requires user info");
     command.add_flag("--batch", options.batch, "Batch events");
     command.add_option("--hierarchy-token", options.hierarchyToken, "Token that correlates sessions");
     command.add_option("--hierarchy-level", options.hierarchyLevel, "Level in the hierarchy, 0 at the top")

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The options of the commands that report: who does, and what.
+// The options of the commands that report: the reporter and the report.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace telvora::ctl {
 
-// Who reports. Options that were not given are absent and not sent.
+// The reporter. Absent options are not sent.
 struct SessionOptions {
     int64_t clientType = 0;
     int64_t sessionID = 0;
@@ -41,14 +41,14 @@ struct ReportOptions {
     std::vector<std::string> payload;  // KEY=TEXT or KEY:=JSON
     std::optional<std::string> payloadJson;
 
-    // The payload, or what is wrong with it; an absent one when no option gave any.
+    // The payload, or the reason of failure. An absent payload if no option gave one.
     tl::expected<std::optional<Dictionary>, std::string> payloadOrNothing() const;
 };
 
-// Asks whether the daemon is there until it is, or as long as the options say; at least once.
+// Retries until the daemon answers, at least once and for `common.wait` seconds at most.
 void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThere);
 
-// Connects to the daemon, for which it waits. Fails with the reason.
+// Connects to the daemon and waits for it. Fails with the reason.
 tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
     ClientRuntime& runtime, const CommonOptions& common, const ClientSession::Handlers& handlers = {});
 

@@ -14,9 +14,9 @@ namespace telvora::ctl {
 
 namespace {
 
-constexpr char kNothingToFlush[] = "Nothing to flush";  // an answer of backends that is no failure
+constexpr char kNothingToFlush[] = "Nothing to flush";  // a backend's answer that is not a failure
 
-// Opens a regular file, or nothing with the reason in errno.
+// Opens a regular file. `std::nullopt` on failure, with the reason in errno.
 UniqueFd openFile(const std::string& path, off_t& size) {
     UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
@@ -29,13 +29,13 @@ UniqueFd openFile(const std::string& path, off_t& size) {
 
 }  // namespace
 
-// Makes one call and waits for its answer, which may come when nobody waits for it any more.
+// Makes one call and waits for its answer, which may arrive after the wait has timed out.
 template <typename T, typename Call>
-int SessionRun::ask(Call call, const std::string& what, T& answer) {
+int SessionRun::ask(Call call, const std::string& activity, T& answer) {
     if (!answers_.expectOne()) return answers_.report();
     const auto given = std::make_shared<T>();
     call(answers_.completion<T>([given](const T& value) { *given = value; }));
-    if (!answers_.wait(what)) return answers_.report();
+    if (!answers_.wait(activity)) return answers_.report();
     answer = std::move(*given);
     return kDone;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// SessionRun: one session with the daemon, as the commands that need one go through it. Each operation
-// returns a Status, and says on standard error what went wrong.
+// SessionRun: one session with the daemon. Each operation returns a Status, and prints an error to standard
+// error.
 #pragma once
 
 #include <memory>
@@ -19,11 +19,11 @@ class SessionRun {
     SessionRun(const SessionOptions& options, const Printer& print)
         : options_(options), print_(print), answers_(options.timeout) {}
 
-    // Connects, configures the session and prints its reporting states. With `aggregate`, prints the messages
-    // that the session is asked to aggregate from then on.
+    // Connects, configures the session and prints its reporting states. With `aggregate`, prints each message
+    // that the session receives for aggregation.
     int open(const CommonOptions& common, bool aggregate = false);
 
-    // Sends one report. Does not wait for its answer, which is printed when it comes: reports are pipelined.
+    // Sends one report without waiting for its answer, which is printed when it comes: reports are pipelined.
     int send(Dictionary message);
     // Waits for the answers to all reports.
     int wait();
@@ -34,16 +34,17 @@ class SessionRun {
     int finish();
     // Flushes and finishes.
     int leave();
-    // Hands a file to the daemon for its upload.
+    // Passes a file to the daemon for its upload.
     int upload(const std::string& path);
 
   private:
     template <typename T, typename Call>
-    int ask(Call call, const std::string& what, T& answer);
+    int ask(Call call, const std::string& activity, T& answer);
 
     const SessionOptions& options_;
     const Printer print_;
-    // In the order in which they can go: the session, the thread that runs its callbacks, what these use.
+    // Destroyed from below: the session, then the runtime's thread, which runs the session's callbacks, then
+    // the answers, which the callbacks use.
     Answers answers_;
     ClientRuntime runtime_;
     std::unique_ptr<ClientSession> session_;

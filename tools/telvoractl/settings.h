@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the daemon finds in its directories, for the commands that read or change that.
+// Access to the daemon's directories for the commands that read or change settings.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@
 
 namespace telvora::ctl {
 
-// At first, the superuser becomes the owner of the daemon's state directory: so all is seen as the daemon
-// sees it, and what is written belongs to the daemon.
+// Root first becomes the owner of the daemon's state directory: the command then has the daemon's
+// permissions, and files that it writes belong to the daemon.
 class Settings {
   public:
     static tl::expected<Settings, std::string> open();
@@ -21,7 +21,7 @@ class Settings {
     const Directories& directories() const { return directories_; }
     UserDefaults& defaults() { return *defaults_; }
 
-    // A Status, with a line on standard error unless it is kDone.
+    // Returns a Status, after a line on standard error unless it is kDone.
     int write(const std::string& domain, const std::string& key, PropertyList value);
     int remove(const std::string& domain, const std::vector<std::string>& keys);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the daemon tells administrators of itself: as it stands in JSON, or as tables.
+// The daemon's status for administrators: as JSON unchanged, or as tables.
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
@@ -23,7 +23,7 @@ const Dictionary& dictionaryIn(const Dictionary& parent, std::string_view key) {
     return found != nullptr ? *found : kNone;
 }
 
-// The dictionaries of an array.
+// The dictionaries in an array.
 std::vector<Dictionary> entriesIn(const Dictionary& parent, std::string_view key) {
     std::vector<Dictionary> entries;
     const Array* array = parent.array(key);
@@ -72,7 +72,7 @@ void printDaemon(const Dictionary& status) {
                 missing.empty() ? "" : "; not in force: ", missing.c_str());
 }
 
-// A hierarchy is known by its token and its user: "t of 1000".
+// A hierarchy is identified by its token and its user: "t of 1000".
 std::string hierarchyOf(const Dictionary& session) {
     if (!session.contains(status::kToken)) return "-";
     return text(session, status::kToken) + " of " + text(session, status::kHierarchyUser);

@@ -12,7 +12,7 @@ struct UploadOptions {
     std::vector<std::string> files;
 };
 
-// All files, even after one that no backend uploads.
+// Continues with the other files after one that no backend uploads.
 int runUpload(const UploadOptions& options, const CommonOptions& common) {
     SessionRun session(options.session, Printer(common.json));
     int result = session.open(common);
@@ -31,7 +31,8 @@ Command addUploadCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<UploadOptions>();
     CLI::App* command = app.add_subcommand("upload", "Open a session and upload files");
     addSessionOptions(*command, options->session);
-    command->add_option("path", options->files, "Files to upload, each open to the caller")->required();
+    command->add_option("path", options->files, "Files to upload; the caller must be able to open them")
+        ->required();
     return {command, [options, &common] { return runUpload(*options, common); }};
 }
 

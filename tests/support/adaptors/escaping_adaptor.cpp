@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A metrics adaptor that tries to get out of the daemon's sandbox at each report, whose payload says where
-// to: "directory" (a client's, with a file "secret"), "own" (a directory of the daemon's), "configuration" (a
+// A metrics adaptor that tries to leave the daemon's sandbox at each report. The payload names the targets:
+// "directory" (a client's, with a file "secret"), "own" (a directory of the daemon's), "configuration" (a
 // file that it reads), "process" and "socket" (the name of an abstract one). It writes a line "escape NAME:
-// ERROR" for each attempt, the name of an errno value or "success". The file "escapes" lists the lines that
-// are expected.
+// ERROR" for each attempt: the name of an errno value or "success". The file "escapes" has the expected
+// lines.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -69,7 +69,7 @@ void processes(pid_t process) {
     char* const nothing[] = {nullptr};
     tell("exec", execve("/bin/true", nothing, nothing));
     tell("execveat", syscall(SYS_execveat, AT_FDCWD, "/bin/true", nothing, nothing, 0));
-#ifndef TELVORA_SANITIZED  // the runtimes need these
+#ifndef TELVORA_SANITIZED  // the sanitizers' runtimes need these
     tell("fork", fork());
     tell("ptrace", ptrace(PTRACE_SEIZE, process, nullptr, nullptr));
     tell("process_vm_readv", syscall(SYS_process_vm_readv, process, nullptr, 0, nullptr, 0, 0));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A metrics adaptor with the one fault that FAULT names; CMakeLists.txt gives the class of noClass another
+// A metrics adaptor with the fault that FAULT names. For noClass, CMakeLists.txt gives the class another
 // name.
 #include <cstdio>
 #include <future>

@@ -42,7 +42,7 @@ class ClientFilesTest : public testing::Test {
         return file;
     }
 
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     mutable UploadAdmission admission_;
 };
 
@@ -129,7 +129,7 @@ TEST_F(ClientFilesTest, DirectoriesAreTakenAsTheyAreNow) {
 }
 
 TEST(ReadWholeFile, ReadsFromTheBeginningToTheEnd) {
-    const lab::TemporaryDirectory directory;
+    const test::TemporaryDirectory directory;
     const std::string content(200'000, 'x');
     const UniqueFd file(open(directory.write("file", content).c_str(), O_RDONLY | O_CLOEXEC));
     lseek(file.get(), 1000, SEEK_SET);

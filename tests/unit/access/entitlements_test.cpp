@@ -37,7 +37,7 @@ class EntitlementsTest : public testing::Test {
     }
 
     Peer peer_;
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     EntitlementStore store_{directory_.path()};
 };
 

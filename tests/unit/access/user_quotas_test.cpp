@@ -18,7 +18,7 @@ class UserQuotasTest : public testing::Test {
     }
     QuotaUse use(uid_t user, Quota quota) { return quotas_.uses().at(user)[static_cast<size_t>(quota)]; }
 
-    const lab::TemporaryDirectory directory_;
+    const test::TemporaryDirectory directory_;
     UserDefaults defaults_{directory_.path() / "config", directory_.path() / "state"};
     std::chrono::steady_clock::time_point now_{};
     UserQuotas quotas_{defaults_, [this] { return now_; }};

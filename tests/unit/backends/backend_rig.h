@@ -23,12 +23,12 @@ struct BackendRig {
         ASSERT_TRUE(defaults.set("com.zandor.diagnosticsharing", "Enabled", consent));
     }
 
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};
     Environment environment{defaults, identity};
-    lab::FakeHttpClient http;
+    FakeHttpClient http;
     std::optional<std::string> country = "CH";
     double random = 0.3;
     BackendServices services{.http = http,

@@ -42,7 +42,7 @@ inline BackendIdentity batching() {
 struct HTTPSPostRig : BackendRig {
     HTTPSPostRig() {
         setConsent(true);
-        http.setHandler([](const HttpRequest&) { return lab::FakeHttpClient::response(200); });
+        http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(200); });
     }
 
     // A backend that has user info.

@@ -215,7 +215,7 @@ TEST(HTTPSPostSendTest, FlushPostsAdmittedEventsWithTheCurrentUserInfo) {
     FlushResult result;
     const auto answer = rig.backend->flushMessagesWithCompletion(into(result));
     EXPECT_EQ(result.calls, 0);
-    ASSERT_TRUE(rig.http.complete(lab::FakeHttpClient::response(200)));
+    ASSERT_TRUE(rig.http.complete(FakeHttpClient::response(200)));
     EXPECT_EQ(result.calls, 1);
     ASSERT_TRUE(answer);
     EXPECT_EQ(result.answer, answer);
@@ -250,7 +250,7 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
 }
 
 TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
-    const lab::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     UserDefaults defaults(directory.path() / "config", directory.path() / "state");
     ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, "maxPendingBytesPerUser", 1 << 20));
     UserQuotas quotas(defaults);

@@ -6,7 +6,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::FakeHttpClient;
 using testing::ElementsAre;
 using testing::Pair;
 
@@ -50,7 +49,7 @@ TEST(HTTPSPostTransportTest, SmallMessagesAreSentPlain) {
     ReportingRig filtering({{"filters", std::move(filters)}});
     filtering.send();
     const HttpRequest request = filtering.http.requests().at(0);
-    EXPECT_EQ(lab::headerOf(request, "Content-Encoding"), "");
+    EXPECT_EQ(headerOf(request, "Content-Encoding"), "");
     EXPECT_EQ(request.body, "{\"postTime\":1447660800.25,\"clientId\":\"" +
                                 filtering.identity.getPersistentIdentifierForDNU(true) +
                                 "\",\"events\":[{}]}");

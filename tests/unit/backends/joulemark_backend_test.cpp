@@ -50,7 +50,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
 }
 
 TEST(JoulemarkBackendTest, NeitherWaitsForTheJournalNorLogsValues) {
-    const lab::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const UniqueFd behind = boundSocket(directory.path() / "journal", SOCK_DGRAM);
     const auto powerLog = makeJournalPowerLog(directory.path() / "journal");
     const LogCapture log;

@@ -9,8 +9,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::FakeHttpClient;
-
 struct UploadRig : BackendRig {
     UploadRig() {
         Peer peer;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random bags: lint and explain say of them what the daemon's own objects do. Seeds are fixed.
+// Compares lint and explain with the daemon's own objects over random bags. Seeds are fixed.
 #include <gmock/gmock.h>
 
 #include <random>
@@ -101,7 +101,7 @@ Dictionary bagOf(Array clients) {
     return {{"version", "1"}, {"refresh_cycle", 1}, {"release", section}};
 }
 
-Circumstances randomCircumstances(Dice& dice, bool consent) {
+Scenario randomCircumstances(Dice& dice, bool consent) {
     using Text = std::optional<std::string>;
     return {.clientType = 7,
             .clientName = dice.oneOf<Text>({"a", "B", "", std::nullopt}),
@@ -117,17 +117,17 @@ Circumstances randomCircumstances(Dice& dice, bool consent) {
 // Sessions of the real daemon.
 class Daemon {
   public:
-    explicit Daemon(const Circumstances& given) : world_(given.device) {
+    explicit Daemon(const Scenario& given) : world_(given.device) {
         world_.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
                                test::serialized(Dictionary{{"Enabled", given.consent}}));
     }
 
     void serve(const Dictionary& bag) {
-        world_.now += 10;  // the one before has had its day
+        world_.now += 10;  // the previous bag has expired
         world_.serveBag(bag);
     }
 
-    std::shared_ptr<test::FakeConnection> connect(const Circumstances& given) {
+    std::shared_ptr<test::FakeConnection> connect(const Scenario& given) {
         world_.samplingFactor = given.draw;
         auto connection = world_.connect();
         Dictionary info = test::sessionInfoFor(1);
@@ -140,25 +140,25 @@ class Daemon {
         return connection;
     }
 
-    // The fate of one report of a new session, as explain puts it.
-    std::string fateOf(const Circumstances& given, uint16_t category, int flag) {
+    // The outcome of one report of a new session, in explain's words.
+    std::string fateOf(const Scenario& given, uint16_t category, int flag) {
         const auto connection = connect(given);
-        connection->session().flushMessagesWithCompletion({});  // of the daemon's own first report
+        connection->session().flushMessagesWithCompletion({});  // flushes the daemon's own first report
         const ReportTally before = tally();
         connection->session().sendMessageWithDictionary({{kTelvoraMessageParametersCategory, category},
                                                          {kTelvoraMessageParametersType, 2},
                                                          {kTelvoraMessageParametersFlag, flag}},
                                                         [](const auto&) {});
         const ReportTally after = tally();
-        std::string fate;
+        std::string outcome;
         if (after[ReportOutcome::held] > before[ReportOutcome::held]) {
             connection->session().flushMessagesWithCompletion({});
-            fate = "held; a flush " + end(after, "posts them to ", "drops them: ");
+            outcome = "held; a flush " + end(after, "posts them to ", "drops them: ");
         } else {
-            fate = end(before, "posted at once to ", "dropped: ");
+            outcome = end(before, "posted at once to ", "dropped: ");
         }
         connection->invalidate();
-        return fate;
+        return outcome;
     }
 
     ReportTally tally() { return world_.ledger.totals()["httpPost"]; }
@@ -169,7 +169,7 @@ class Daemon {
             {ReportOutcome::disabled, "the backend is disabled"},
             {ReportOutcome::sampledOut, "the session is sampled out"},
             {ReportOutcome::noUserInfo, "there is no user info"},
-            {ReportOutcome::noURL, "there is nowhere to post to"}};
+            {ReportOutcome::noURL, "there is no URL to post to"}};
         const ReportTally after = tally();
         if (after[ReportOutcome::delivered] > before[ReportOutcome::delivered])
             return posted + world_.http.requests().back().url;
@@ -187,7 +187,7 @@ TEST(Agreement, ExplainTellsTheFateOfReportsInTheDaemon) {
     std::unique_ptr<Daemon> daemon;
     for (unsigned seed = 0; seed < kBags; ++seed) {
         Dice dice(seed);
-        const Circumstances given = randomCircumstances(dice, seed / kBagsOfAWorld % 4 != 0);
+        const Scenario given = randomCircumstances(dice, seed / kBagsOfAWorld % 4 != 0);
         const Dictionary bag = bagOf(randomClients(dice));
         if (seed % kBagsOfAWorld == 0) daemon = std::make_unique<Daemon>(given);
         daemon->serve(bag);
@@ -215,17 +215,17 @@ TEST(Agreement, ExplainTellsTheFateOfReportsInTheDaemon) {
     }
 }
 
-// The policies that sessions of many kinds get of a bag, as text.
+// The policies of a bag for sessions of many kinds, as text.
 std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
     static UserDefaults defaults("/proc/nowhere", "/proc/nowhere");
     static const DeviceProperties properties(Dictionary{});
     static const DeviceIdentity identity(properties, defaults);
     static const Environment environment(defaults, identity);
-    static lab::FakeHttpClient http;
+    static test::FakeHttpClient http;
     std::string text;
     for (unsigned kind = 0; kind < 32; ++kind) {
         Dice dice(kind);
-        const Circumstances given = randomCircumstances(dice, !dice.roll(4));
+        const Scenario given = randomCircumstances(dice, !dice.roll(4));
         if (onlyWithUserInfo && !given.requireUserInfo) continue;
         const auto country = dice.oneOf<std::optional<std::string>>({"CH", "DE", std::nullopt});
         const Dictionary userInfo = userInfoOf(given);
@@ -265,8 +265,8 @@ std::string policiesOf(const Array& clients, bool onlyWithUserInfo) {
     return text;
 }
 
-// The entries as they would have to be for a finding to be true, if it says that something has no effect.
-std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& finding) {
+// The entries without the part that a finding calls ineffective. `std::nullopt` for other findings.
+std::optional<Array> withoutIneffectivePart(Array clients, const Finding& finding) {
     constexpr std::string_view kCountsAs = "; counts as ";
     const std::string beginning = "release/httpPost/clients[";
     if (!finding.path.starts_with(beginning)) return std::nullopt;
@@ -274,7 +274,7 @@ std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& findin
     const std::string key = finding.path.substr(std::min(end + 2, finding.path.size()));
     PropertyList& element = clients[std::stoul(finding.path.substr(beginning.size()))];
     const auto says = [&finding](const char* text) { return finding.text.find(text) != std::string::npos; };
-    if (key.empty() && (says("is never used:") || says("that require no user info alone"))) {
+    if (key.empty() && (says("is never used:") || says("only by sessions that require no user info"))) {
         element = "gone";
         return clients;
     }
@@ -286,7 +286,7 @@ std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& findin
         entry.set("filters", std::move(filters));
     } else if (key.find_first_of("/[") != std::string::npos) {
         return std::nullopt;
-    } else if (says("is never looked at") || says("; counts as absent")) {
+    } else if (says("is never read") || says("; counts as absent")) {
         entry.erase(key);
     } else if (countsAs != std::string::npos) {
         entry.set(key, std::stod(finding.text.substr(countsAs + kCountsAs.size())));
@@ -297,16 +297,17 @@ std::optional<Array> withoutWhatHasNoEffect(Array clients, const Finding& findin
     return clients;
 }
 
-TEST(Agreement, WhatLintCallsWithoutEffectHasNone) {
+TEST(Agreement, FindingsOfNoEffectAreTrue) {
     std::map<bool, size_t> compared;
     for (unsigned seed = 0; seed < 2000; ++seed) {
         Dice dice(seed);
         const Array clients = randomClients(dice);
         const std::array policies = {policiesOf(clients, false), policiesOf(clients, true)};
         for (const Finding& finding : lintBag(bagOf(clients))) {
-            const auto changed = withoutWhatHasNoEffect(clients, finding);
+            const auto changed = withoutIneffectivePart(clients, finding);
             if (!changed) continue;
-            const bool onlyWithUserInfo = finding.text.find("no user info alone") != std::string::npos;
+            const bool onlyWithUserInfo =
+                finding.text.find("only by sessions that require no user info") != std::string::npos;
             ++compared[onlyWithUserInfo];
             ASSERT_TRUE(policiesOf(*changed, onlyWithUserInfo) == policies.at(onlyWithUserInfo ? 1 : 0))
                 << seed << " " << finding.path << " " << finding.text;
@@ -338,11 +339,11 @@ TEST(Agreement, LintFindsTheFiltersThatLeaveUserInfoAlone) {
         std::string findings;
         for (const Finding& finding : lintBag(bag))
             findings += finding.text;
-        Circumstances given = randomCircumstances(dice, true);
+        Scenario given = randomCircumstances(dice, true);
         given.requireUserInfo = true;
         given.clientName = "a";
         const std::string text = explainBag(bag, given, false);
-        for (const char* left : {"batched reports have it hashed", "batched reports have it as given"}) {
+        for (const char* left : {"batched reports have it hashed", "batched reports have it in clear"}) {
             ASSERT_EQ(count(text, left), count(findings, left)) << seed << text << findings;
             unprotected += count(text, left);
         }

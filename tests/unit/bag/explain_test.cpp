@@ -32,7 +32,7 @@ const char kReports[] = R"({"category": 5, "type": 1, "payload": {"ip": "::1", "
 {"category": 7, "type": 1, "flag": 2}
 )";
 
-Circumstances circumstances(bool consent) {
+Scenario scenario(bool consent) {
     return {.clientType = 7,
             .clientName = "client",
             .serviceName = "service",
@@ -42,9 +42,9 @@ Circumstances circumstances(bool consent) {
             .draw = 0.3};
 }
 
-// How many of the reports a real session with that bag posts, and whether the backend then counts as one that
-// reports.
-std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Circumstances& given) {
+// The number of reports that a real session with that bag posts, and whether the backend then counts as one
+// that reports.
+std::pair<size_t, bool> postedByDaemon(const Dictionary& bag, const Scenario& given) {
     test::DaemonWorld world(given.device);
     world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
                           test::serialized(Dictionary{{"Enabled", given.consent}}));
@@ -75,11 +75,10 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         {R"({})", true, "clients[0]: the draw 0.3 is not above the sampling threshold 0.5\n  => reporting\n",
          6},
         {R"({"client": "other"})", true,
-         "clients[0]: passed over: it is for client \"other\", service (absent)\n"
-         "  no entry is for client \"client\" and service \"service\"\n  => disabled",
+         "clients[0]: skipped: it applies to client \"other\", service (absent)\n"
+         "  no entry applies to client \"client\" and service \"service\"\n  => disabled",
          0},
-        {R"({"enabledSince": "9"})", true, "clients[0]: passed over: enabledSince \"9\" is later than 8.0\n",
-         0},
+        {R"({"enabledSince": "9"})", true, "clients[0]: skipped: enabledSince \"9\" is later than 8.0\n", 0},
         {R"({})", false, "the user does not share diagnostics, and override_dnu is not 1\n  => disabled", 0},
         {R"({"override_dnu": 1})", false,
          "override_dnu: it does not matter whether the user shares diagnostics\n", 6},
@@ -116,13 +115,13 @@ TEST(Explain, SaysWhatTheDaemonDoes) {
         {R"({"expedite": 0, "event_threshold": 1})", true,
          "batches: report 3 of a category sends those before it\n", 6},
         {R"({"expedite": 2})", true, "  reports: posted at once to https://reports.example/\n", 6},
-        {R"({"post_url": 1})", true, "reports: dropped: there is nowhere to post to\n", 0},
+        {R"({"post_url": 1})", true, "reports: dropped: there is no URL to post to\n", 0},
     };
     for (const auto& c : cases) {
         Dictionary client = json(kClient);
         client.merge(json(c.changes));
         const Dictionary bag = test::DaemonWorld::bagWithClient(std::move(client));
-        const Circumstances given = circumstances(c.consent);
+        const Scenario given = scenario(c.consent);
         const std::string text = explainBag(bag, given, false);
         EXPECT_THAT(text, HasSubstr(c.explanation)) << c.changes;
         std::istringstream reports(kReports);
@@ -144,7 +143,7 @@ TEST(Explain, ShowsAWholeBag) {
         json(R"({"dashboard": {"ip": "127.0.0.1"}, "uploadServer": {"post_url": "https://up.example/"},
             "vodex": {}})"));
     bag.set("release", section);
-    Circumstances given = circumstances(true);
+    Scenario given = scenario(true);
     given.environment = EnvironmentType::seed;
     EXPECT_EQ(explainBag(bag, given, false),
               "bag \"quillet\", version 1, used for as long as its server says\n"
@@ -164,15 +163,15 @@ TEST(Explain, ShowsAWholeBag) {
               "  fields: \"user\" is hashed in reports of category 5 and type 1\n"
               "\nuploadServer\n"
               "  => reporting\n"
-              "  reports: dropped: this backend takes no reports of sessions\n"
+              "  reports: dropped: sessions send no reports to this backend\n"
               "\nvodex\n"
               "  => reporting\n"
-              "  reports: handed to the metrics adaptor, if the device has one\n");
+              "  reports: passed to the metrics adaptor, if the device has one\n");
 
     std::istringstream reports(kReports);
     const auto replay = replayReports(bag, given, reports);
     EXPECT_THAT(*replay, HasSubstr("httpPost\n  6 of 6 reports posted, in 6 posts\n"));
-    EXPECT_THAT(*replay, HasSubstr("vodex\n  6 of 6 reports handed to the metrics adaptor\n"));
+    EXPECT_THAT(*replay, HasSubstr("vodex\n  6 of 6 reports passed to the metrics adaptor\n"));
     EXPECT_THAT(*replay, HasSubstr("  \"IP\" removed from 1 reports\n  \"ip\" removed from 1 reports\n"
                                    "  \"user\" hashed in 1 reports\n"));
     std::istringstream broken("{\"category\": 1, \"type\": 1}\n{\"category\": 1}\n");

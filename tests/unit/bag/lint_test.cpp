@@ -14,7 +14,7 @@ Dictionary json(std::string_view text) {
     return *parseJson(text).value().getIf<Dictionary>();
 }
 
-// What was found, without the beginning that all paths have.
+// The findings, without the common beginning of their paths.
 std::vector<std::string> lines(const std::vector<Finding>& findings, std::string_view beginning = "") {
     std::vector<std::string> all;
     for (const Finding& f : findings) {
@@ -36,7 +36,7 @@ std::vector<Finding> lintClients(Array clients) {
 TEST(Lint, FindsWhatIsWrongWithAnEntry) {
     const std::string kLikeZero = ", as it is filtered there like a report of category 0 and type 0";
     const struct {
-        const char* changes;  // to the good entry; a finding's path begins within the entry
+        const char* changes;  // to the good entry; the path of a finding is relative to the entry
         std::vector<std::string> findings;
     } cases[] = {
         {R"({})", {}},
@@ -44,16 +44,15 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
          {"/Event_whitelist: error: the unknown key is ignored; did you mean \"event_whitelist\"?"}},
         {R"({"locale_whitelist": 1})",
          {"/locale_whitelist: error: is a number, should be: text with commas; counts as absent: every "
-          "session "
-          "is refused that requires user info"}},
+          "session that requires user info is refused"}},
         {R"({"locale_whitelist": ""})",
-         {"/locale_whitelist: error: is empty, which is not the same as absent: it fits nothing"}},
+         {"/locale_whitelist: error: is empty, which differs from absent: it matches no text"}},
         {R"({"locale_whitelist": "DE, CH,x,USA"})",
-         {"/locale_whitelist: error: \" CH\" keeps its blanks and fits only what has them too",
-          "/locale_whitelist: warning: \"x\" fits every country with that letter",
-          "/locale_whitelist: error: \"USA\" is in no country's code: it fits nothing"}},
+         {"/locale_whitelist: error: \" CH\" has blanks at an end: they are part of the element",
+          "/locale_whitelist: warning: \"x\" matches every country code with that letter",
+          "/locale_whitelist: error: \"USA\" is in no country code: it never matches"}},
         {R"({"sampling_threshold": true, "event_threshold": "49", "client": ""})",
-         {"/client: error: is empty, which is not the same as absent: it fits an empty name alone",
+         {"/client: error: is empty, which differs from absent: it matches only an empty name",
           "/event_threshold: error: is text, should be: number; counts as absent: 0",
           "/sampling_threshold: warning: is a boolean, should be: number; counts as 1"}},
         {R"({"enabledSince": "3.256"})",
@@ -63,27 +62,26 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
          {"/override_sampling: error: -0.25 is outside of 0 to 1",
           "/sampling_threshold: error: 1.5 is outside of 0 to 1"}},
         {R"({"override_sampling": 0.25})",
-         {"/override_sampling: warning: is below sampling_threshold: it does what 0 would do, no session is "
-          "ever "
-          "held"}},
+         {"/override_sampling: warning: is below sampling_threshold: it has the effect of 0, no session is "
+          "sampled out"}},
         {R"({"override_dnu": 2, "custom_clientId": false, "expedite": true})",
          {"/override_dnu: error: 2 is outside of 0 to 1",
-          "/custom_clientId: warning: its presence counts, not its value: this says yes"}},
+          "/custom_clientId: warning: its presence counts, not its value: it is in effect"}},
         {R"({"post_url": "reports.example"})",
-         {"/post_url: error: nothing can be sent to it: URL is not an absolute http or https URL"}},
+         {"/post_url: error: it can't be requested: URL is not an absolute http or https URL"}},
         {R"({"realtime_post_url": "http://reports.example/"})",
-         {"/realtime_post_url: warning: is not https: everybody on the way can read what is sent"}},
+         {"/realtime_post_url: warning: is not https: reports can be read on the way"}},
         {R"({"event_whitelist": [1, "2", 70000]})",
          {"/event_whitelist[1]: warning: is text, should be: number; counts as 2",
           "/event_whitelist[2]: error: 70000 is outside of 0 to 65535"}},
         {R"({"event_whitelist": []})",
-         {"/event_whitelist: error: is empty, which is not the same as absent: nothing passes"}},
+         {"/event_whitelist: error: is empty, which differs from absent: no report passes"}},
         {R"({"event_whitelist": [1, 3], "event_blacklist": [3, 4]})",
          {"/event_whitelist: error: 3 is on event_blacklist too: it does not pass",
-          "/event_blacklist: warning: 4 does nothing: it is not on event_whitelist"}},
+          "/event_blacklist: warning: 4 has no effect: it is not on event_whitelist"}},
         {R"({"filters": [{"action": "remove"}, {"key": "", "action": "sha256"}, {"key": "a", "action": "Remove"}]})",
-         {"/filters[0]/key: error: absent: the filter fits no key",
-          "/filters[1]/key: error: is empty: it fits no key",
+         {"/filters[0]/key: error: absent: the filter matches no key",
+          "/filters[1]/key: error: is empty: it matches no key",
           "/filters[2]/action: error: \"Remove\" is neither \"remove\" nor \"sha256\": the key is kept"}},
         {R"({"filters": [{"key": "ip", "action": "keep", "method": 5}, {"key": "IP", "action": "remove"},
                          {"key": "ip", "action": "sha256", "method": 6}]})",
@@ -95,21 +93,19 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
                          {"key": "c", "action": "keep", "method": 0}, {"key": "c", "action": "remove"},
                          {"key": "_sessionID", "action": "remove", "method": 5}]})",
          {"/filters[2]: warning: does not protect user info: batched reports have it hashed" + kLikeZero,
-          "/filters[5]: warning: does not protect user info: batched reports have it as given" + kLikeZero}},
+          "/filters[5]: warning: does not protect user info: batched reports have it in clear" + kLikeZero}},
         {R"({"per_country_sampling_thresholds": [{"country": ["DE", "ch"], "threshold": 1.5}, {"country": ["DE", "FR"]},
                                                  {"country": [], "threshold": 1}]})",
          {"/per_country_sampling_thresholds[0]/threshold: error: 1.5 is outside of 0 to 1",
           "/per_country_sampling_thresholds[1]/threshold: error: absent: the sessions of these countries are "
           "refused",
-          "/per_country_sampling_thresholds[0]/country: error: \"ch\" is no country's code in capital "
-          "letters: it "
-          "fits nothing",
-          "/per_country_sampling_thresholds[1]/country: error: \"DE\" is never reached: an element before "
-          "has "
-          "it already",
+          "/per_country_sampling_thresholds[0]/country: error: \"ch\" is not a country code in capital "
+          "letters: it never matches",
+          "/per_country_sampling_thresholds[1]/country: error: \"DE\" is never reached: an earlier element "
+          "has it",
           "/per_country_sampling_thresholds[1]/country: error: \"FR\" is never reached: it is not in "
           "locale_whitelist",
-          "/per_country_sampling_thresholds[2]/country: error: is empty: the element fits no country"}},
+          "/per_country_sampling_thresholds[2]/country: error: is empty: the element matches no country"}},
     };
     for (const auto& c : cases) {
         Dictionary client = json(kGoodClient);
@@ -117,13 +113,13 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
         EXPECT_EQ(lines(lintClients({client}), "release/httpPost/clients[0]"), c.findings) << c.changes;
     }
     EXPECT_THAT(lines(lintClients({Dictionary()}), "release/httpPost/clients[0]"),
-                testing::Contains("/locale_whitelist: error: absent: every session is refused that requires "
-                                  "user info"));
+                testing::Contains(
+                    "/locale_whitelist: error: absent: every session that requires user info is refused"));
 }
 
 TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
-    const std::string all = "[1]: error: is never used: clients[0] takes all its sessions";
-    const std::string none = "[1]: error: is never used: entries before it take all its sessions";
+    const std::string all = "[1]: error: is never used: clients[0] matches all its sessions";
+    const std::string none = "[1]: error: is never used: earlier entries match all its sessions";
     const struct {
         const char* first;
         const char* second;
@@ -133,21 +129,21 @@ TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
         {R"({"post_url": 1, "expedite": 1})",
          R"({"expedite": 1})",
          {"[0]/post_url: error: is a number, should be: URL; counts as absent: reports that are not realtime "
-          "can't be posted, but where the user default httpsPostURL names a server",
-          "[1]: warning: is used by sessions that require no user info alone: clients[0] takes all others",
-          "[1]/expedite: error: is never looked at: clients[0] is the first entry of these names"}},
+          "can't be posted, unless the user default httpsPostURL is set",
+          "[1]: warning: is used only by sessions that require no user info: clients[0] matches all others",
+          "[1]/expedite: error: is never read: clients[0] is the first entry of these names"}},
         {R"({"client": "a"})", R"({})", {}},
         {R"({"client": "A,b"})", R"({"client": "a"})", {none}},
         {R"({"client": "a"})",
          R"({"client": "a,b"})",
-         {"[1]/client: error: never used for \"a\": clients[0] takes its sessions"}},
+         {"[1]/client: error: never used for \"a\": clients[0] matches its sessions"}},
         {R"({"service": "net"})", R"({"service": "network,NETS"})", {all}},
         {R"({"service": "network"})", R"({"service": "net"})", {}},
         {R"({"enabledSince": "3.1"})", R"({"enabledSince": "3.2"})", {all}},
         {R"({"enabledSince": "3.2"})", R"({"enabledSince": "3.1"})", {}},
         {R"({"enabledSince": "3.2"})",
          R"({"expedite": 1})",
-         {"[1]/expedite: error: is never looked at: clients[0] is the first entry of these names"}},
+         {"[1]/expedite: error: is never read: clients[0] is the first entry of these names"}},
     };
     for (const auto& c : cases) {
         Array clients;
@@ -171,7 +167,7 @@ TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
          {}},
         {R"({"refresh_cycle": 100000, "beta": {}})",
          {"beta: error: the unknown key is ignored", "refresh_cycle: error: 100000 is outside of 1 to 86400",
-          "version: warning: absent: sessions end without naming the bag that configured them",
+          "version: warning: absent: end messages do not name the bag",
           "release: warning: absent: no configuration on the devices of ordinary users"}},
         {R"({"version": "1", "release": {"httpPots": {}, "uploadServer": {}, "httpPost": {"clients": []},
              "dashboard": {"ip": "collector", "port": 65536, "reliable": {}}, "joulemark": true}})",
@@ -179,9 +175,9 @@ TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
           "release/dashboard/port: error: 65536 is outside of 1 to 65535",
           "release/dashboard/reliable: error: is a dictionary, should be: number; the period is 500 ms",
           "release/httpPost/clients: error: is empty: every session that requires user info is refused",
-          "release/httpPots: error: the unknown key names no backend and is passed over; did you mean "
+          "release/httpPots: error: the unknown key names no backend and is ignored; did you mean "
           "\"httpPost\"?",
-          "release/joulemark: error: is a boolean, should be: dictionary; the backend is made all the same",
+          "release/joulemark: error: is a boolean, should be: dictionary; the backend is made nevertheless",
           "release/uploadServer/post_url: error: absent: the backend is not made"}},
         {R"({"bag": "?", "Signature": "AAAA"})",
          {"Signature: error: the unknown key is ignored; did you mean \"signature\"?",

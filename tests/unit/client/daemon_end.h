@@ -39,7 +39,7 @@ struct DaemonEnd : testing::Test {
     // The first members, so that they outlive the strands that they make.
     WorkPool pool{1};
     ClientRuntime runtime;
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     std::string socketPath = directory.path() / "socket";
     UniqueFd listener;
     std::shared_ptr<FakeSession> daemon;

@@ -21,7 +21,7 @@ struct Device {
         directory.write("etc/Preferences/com.zandor.telvora.plist", serialized(administrators));
     }
 
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};

@@ -11,7 +11,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::FakeHttpClient;
 using Lines = std::vector<std::string>;
 
 const std::string kBase = "http://bags.test/b";
@@ -34,7 +33,7 @@ struct Fixture {
         http.setHandler([this](const HttpRequest&) { return answer; });
     }
 
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
     DeviceProperties properties{Dictionary{}};
     DeviceIdentity identity{properties, defaults};
@@ -118,7 +117,7 @@ TEST(StorebagFetcher, HonoursLastModified) {
         EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result);
         EXPECT_EQ(f.status.notChanged, each.notChanged);
         EXPECT_EQ(f.status.lastModified, each.after);
-        EXPECT_EQ(lab::headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
+        EXPECT_EQ(headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
         Lines lines = log.lines();
         lines.erase(lines.begin());
         EXPECT_EQ(lines, each.log);

@@ -148,7 +148,7 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
 
 // Messages wait for a client that lags, within the documented bounds and its user's quota.
 TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
-    lab::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     UserDefaults defaults(directory.path(), directory.path());
     UserQuotas quotas(defaults);
     const QuotaUser user = quotas.of(1);

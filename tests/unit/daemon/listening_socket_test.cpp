@@ -52,7 +52,7 @@ class ListeningSocketTest : public testing::Test {
         });
     }
 
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     const std::filesystem::path path_ = directory_.path() / kName;
 };
 
@@ -85,7 +85,7 @@ TEST_F(ListeningSocketTest, ReplacesOnlyADeadSocket) {
     }
     directory_.write(kName, "a file");
     EXPECT_EQ(open().error(), path_.native() + ": is there and is no socket");
-    EXPECT_EQ(lab::readFile(path_), "a file");
+    EXPECT_EQ(test::readFile(path_), "a file");
     const std::string base = directory_.path().native() + "/", tooLong(200, 'x');
     EXPECT_EQ(open(tooLong).error(), base + tooLong + ": too long for the name of a socket");
     EXPECT_EQ(open("absent/name").error(), "can't bind " + base + "absent/name: No such file or directory");

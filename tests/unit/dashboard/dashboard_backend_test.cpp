@@ -9,7 +9,6 @@
 namespace telvora::test {
 namespace {
 
-using lab::FakeHttpClient;
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::Pair;

@@ -42,7 +42,7 @@ class CurlHttpClientTls : public testing::Test {
         return result;
     }
 
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
 };
 
 TEST_F(CurlHttpClientTls, TrustsTheGivenAuthorityAndNoOther) {

@@ -15,7 +15,7 @@ class DevicePropertiesTest : public testing::Test {
   protected:
     Dictionary all() const { return DeviceProperties(root_.path() / "etc/telvora", root_.path()).all(); }
 
-    lab::TemporaryDirectory root_;
+    test::TemporaryDirectory root_;
 };
 
 TEST_F(DevicePropertiesTest, APersonalComputerAnswersFromItsReleaseAndItsFirmware) {

@@ -25,7 +25,7 @@ TEST(LocaleTest, TheCountryIsTheFirstThatIsNamed) {
         {"es_419", "en_", "", std::nullopt},
         {"x_1A", "x_ABC", "", std::nullopt},
     };
-    const lab::TemporaryDirectory directory;
+    const test::TemporaryDirectory directory;
     EXPECT_EQ(currentCountryCode(directory.path() / "none"), std::nullopt);
     for (const auto& each : cases) {
         const EnvironmentVariable all("LC_ALL", each.all), language("LANG", each.language);

@@ -18,7 +18,7 @@ class UserDefaultsTest : public testing::Test {
                                 "<plist><dict><key>key</key><string>" + value + "</string></dict></plist>");
     }
 
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     std::filesystem::path administrator_ = directory_.path() / "etc";
     std::filesystem::path state_ = directory_.path() / "var/state";
     UserDefaults defaults_{administrator_, state_};

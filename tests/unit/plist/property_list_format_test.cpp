@@ -251,7 +251,7 @@ TEST(PropertyListHostileTest, IsRefusedWithAReason) {
 }
 
 TEST(PropertyListFileTest, IsReadInEitherFormatAndFailsWithAReason) {
-    const lab::TemporaryDirectory directory;
+    const test::TemporaryDirectory directory;
     const auto xml = directory.write("a.plist", "<plist><integer>7</integer></plist>");
     EXPECT_EQ(readPropertyListFile(xml), PropertyList(7));
     const auto bytes = serializePropertyList(7, PropertyListFormat::binary).value();

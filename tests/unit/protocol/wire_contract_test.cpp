@@ -41,7 +41,7 @@ TEST(WireContractTest, EqualsTheTables) {
         std::string expected = "<node name=\"/com/zandor/telvorad\">";
         for (const BusInterface* interface : interfaces)
             expected += contractOf(*interface);
-        const std::string xml = lab::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
+        const std::string xml = test::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
         EXPECT_EQ(std::regex_replace(xml, layout, ""), expected + "</node>");
     }
 }

@@ -77,7 +77,7 @@ class SandboxTest : public testing::TestWithParam<uid_t> {
                   "");
     }
 
-    lab::TemporaryDirectory root_;
+    test::TemporaryDirectory root_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Users, SandboxTest, testing::ValuesIn(std::set{getuid(), kNobody}),
@@ -117,7 +117,7 @@ TEST_P(SandboxTest, LeavesNoWayIntoTheKernelOrTheNetwork) {
 // The tests of the whole daemon show that its work is permitted; this test covers the rest.
 TEST_P(SandboxTest, LeavesWhatTheDaemonMayNeedSomeDay) {
     confined([&](const ChildReport& report, const SandboxStatus&) {
-        report.expect(lab::readFile(path("etc/device.plist")) == "configuration", "configuration");
+        report.expect(test::readFile(path("etc/device.plist")) == "configuration", "configuration");
         for (const char* directory : {"state", "logs", "run"})
             report.expectErrno(mkdir((path(directory) + "/made").c_str(), 0700), 0, "mkdir");
         for (const char* file : {"/etc/passwd", "/etc/group", "/etc/machine-id", "/proc/self/cgroup",
@@ -133,7 +133,7 @@ TEST_P(SandboxTest, LeavesWhatTheDaemonMayNeedSomeDay) {
 
 TEST_P(SandboxTest, SaysWhatIsInForce) {
     confined([&](const ChildReport& report, const SandboxStatus& status) {
-        const std::string self = lab::readFile("/proc/self/status");
+        const std::string self = test::readFile("/proc/self/status");
         const auto has = [&](const std::string& line) { return self.find(line) != std::string::npos; };
         const std::string none = ":\t0000000000000000\n";
         report.expect(status.profile == kProfile && status.landlockAbi >= 1 && status.files, "Landlock");

@@ -57,9 +57,9 @@ class MessageLogTest : public testing::Test {
         return names;
     }
     std::string pathOf(const std::string& name) const { return log_.directory / name; }
-    std::string content(const std::string& name) const { return lab::readFile(pathOf(name)); }
+    std::string content(const std::string& name) const { return test::readFile(pathOf(name)); }
 
-    lab::TemporaryDirectory directory_;
+    test::TemporaryDirectory directory_;
     MessageLog log_;
     TimeValue now_{kNow, 999999};
     std::map<std::string, std::optional<double>> created_;
@@ -140,7 +140,7 @@ TEST_F(MessageLogTest, WhatOnlyHasTheNameOfALogFileTakesNoRecord) {
     const UniqueFd reader(open(pathOf(nameOf(kNow + 7)).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     EXPECT_EQ(newestLogFile(log_), std::nullopt);
     writeToLogFile(log_, "m");
-    EXPECT_EQ(lab::readFile(target), "precious\n");
+    EXPECT_EQ(test::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
     EXPECT_THAT(names(), ElementsAre(kNewName, nameOf(kNow + 5)));
     EXPECT_EQ(content(kNewName), std::string(kDate) + "m\n");

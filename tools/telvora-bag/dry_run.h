@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Trial: real backends on a made-up device, whose posts end here. What the daemon would do with a bag is
-// found out by having its own code do it.
+// DryRun: real backends on a simulated device. Posts end in this object. The tool runs the daemon's own code
+// instead of a model of it.
 #pragma once
 
 #include <functional>
@@ -15,13 +15,13 @@
 
 namespace telvora::bag {
 
-// A session, its client and the device it runs on. What is absent is unknown there.
-struct Circumstances {
+// A session, its client and its device. An empty value means unknown or absent.
+struct Scenario {
     EnvironmentType environment = EnvironmentType::release;
     uint32_t clientType = 0;
     std::optional<std::string> clientName;
     std::optional<std::string> serviceName;
-    Dictionary userInfo = {};  // the rest of it
+    Dictionary userInfo = {};  // besides the two names
     bool requireUserInfo = true;
     bool batch = false;
     Dictionary device;                   // as in device.plist
@@ -31,25 +31,25 @@ struct Circumstances {
     std::string framework = "8.0";
 };
 
-// The session's whole user info; empty: it has none.
-Dictionary userInfoOf(const Circumstances& circumstances);
+// The session's complete user info. Empty if the session has none.
+Dictionary userInfoOf(const Scenario& scenario);
 
-class Trial {
+class DryRun {
   public:
-    // `trace` is told why the backends do what they do; it must outlive the trial.
-    Trial(const Circumstances& circumstances, DecisionTrace& trace);
-    Trial(const Trial&) = delete;
-    Trial& operator=(const Trial&) = delete;
+    // `trace` receives the reasons of the backends' decisions. It must outlive the object.
+    DryRun(const Scenario& scenario, DecisionTrace& trace);
+    DryRun(const DryRun&) = delete;
+    DryRun& operator=(const DryRun&) = delete;
 
-    // The backend of a section that names one, its state not yet updated; null when the daemon would not make
-    // one.
+    // The backend that a section with one backend describes, its state not yet updated. Null if the daemon
+    // would not make one.
     std::shared_ptr<TelvoraBackend> makeBackend(const std::shared_ptr<const Dictionary>& section);
 
-    // Lets the clock go on.
+    // Advances the clock.
     void advance(int32_t seconds) { now_.seconds += seconds; }
     TimeValue now() const { return now_; }
 
-    // Called with every request, which the server accepts.
+    // Called with each request. The request then succeeds with status 200.
     std::function<void(const HttpRequest& request)> onRequest;
 
     const DeviceIdentity& identity() const { return identity_; }
@@ -57,7 +57,7 @@ class Trial {
   private:
     class Server;
 
-    const Circumstances circumstances_;
+    const Scenario scenario_;
     TimeValue now_;
     const DeviceProperties properties_;
     UserDefaults defaults_;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "telvora-bag/narrator.h"
+#include "telvora-bag/decision_printer.h"
 
 #include <algorithm>
 
@@ -15,8 +15,8 @@ std::string text(const std::optional<std::string>& value) {
 
 }  // namespace
 
-void Narrator::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject,
-                       const ReportingPolicy& soFar) {
+void DecisionPrinter::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject,
+                              const ReportingPolicy& soFar) {
     const auto entry =
         std::find_if(clients_->begin(), clients_->end(), [subject](const PropertyList& element) {
             return subject != nullptr && element.getIf<Dictionary>() == subject;
@@ -26,44 +26,41 @@ void Narrator::decided(const std::string& /*backend*/, Decision decision, const 
     out_ << reasonFor(decision, subject != nullptr ? *subject : Dictionary(), soFar) << '\n';
 }
 
-std::string Narrator::session() const {
-    return "client " + text(circumstances_.clientName) + " and service " + text(circumstances_.serviceName);
+std::string DecisionPrinter::session() const {
+    return "client " + text(scenario_.clientName) + " and service " + text(scenario_.serviceName);
 }
 
 // A key of a dictionary, with its value.
-std::string Narrator::list(const Dictionary& subject, std::string_view key) const {
+std::string DecisionPrinter::list(const Dictionary& subject, std::string_view key) const {
     const std::string* value = subject.string(key);
     return std::string(key) + (value != nullptr ? " \"" + *value + "\"" : " (absent)");
 }
 
-std::string Narrator::reasonFor(Decision decision, const Dictionary& subject,
-                                const ReportingPolicy& soFar) const {
-    const std::string draw = "the draw " + numberText(circumstances_.draw);
+std::string DecisionPrinter::reasonFor(Decision decision, const Dictionary& subject,
+                                       const ReportingPolicy& soFar) const {
+    const std::string draw = "the draw " + numberText(scenario_.draw);
     const std::string threshold = soFar.samplingThreshold ? numberText(*soFar.samplingThreshold) : "(none)";
     switch (decision) {
         case Decision::kept:
-            return "a logged message has gone out: the state stays";
+            return "a message has been posted with consent: the state stays";
         case Decision::batchingSet:
             return std::string("expedite: reports are ") + (soFar.batchEvents ? "batched" : "posted at once");
         case Decision::servedByFirstLink:
             return "serves the session, which requires no user info: it is the first entry with a post_url. "
-                   "Of "
-                   "the rest of it only realtime_post_url, event_threshold and extras_on_internal count";
+                   "Of the rest of it only realtime_post_url, event_threshold and extras_on_internal count";
         case Decision::servedWithoutLink:
             return "the session requires no user info, and no entry has a post_url";
         case Decision::userInfoMissing:
-            return "the session requires user info and has none: its entry, and with it filters and lists, "
-                   "is "
-                   "chosen once it has";
+            return "the session requires user info and has none: it has no entry, no filters and no lists "
+                   "until then";
         case Decision::namesDiffer:
-            return "passed over: it is for " + list(subject, "client") + ", " + list(subject, "service");
+            return "skipped: it applies to " + list(subject, "client") + ", " + list(subject, "service");
         case Decision::frameworkTooOld:
-            return "passed over: " + list(subject, "enabledSince") + " is later than " +
-                   circumstances_.framework;
+            return "skipped: " + list(subject, "enabledSince") + " is later than " + scenario_.framework;
         case Decision::entryTaken:
             return "taken: the first entry for " + session();
         case Decision::noEntry:
-            return "no entry is for " + session();
+            return "no entry applies to " + session();
         case Decision::consentGiven:
             return "the user shares diagnostics";
         case Decision::consentOverridden:
@@ -71,8 +68,7 @@ std::string Narrator::reasonFor(Decision decision, const Dictionary& subject,
         case Decision::consentMissing:
             return "the user does not share diagnostics, and override_dnu is not 1";
         case Decision::countryMissing:
-            return "country " + text(circumstances_.country) + " is not in " +
-                   list(subject, "locale_whitelist");
+            return "country " + text(scenario_.country) + " is not in " + list(subject, "locale_whitelist");
         case Decision::deviceMissing:
             return "device " + text(identity_->deviceName()) + " is not in " +
                    list(subject, "device_whitelist");
@@ -82,8 +78,7 @@ std::string Narrator::reasonFor(Decision decision, const Dictionary& subject,
         case Decision::filtersMissing:
             return "filters are absent, and required";
         case Decision::thresholdOfCountry:
-            return "per_country_sampling_thresholds has " + threshold + " for " +
-                   text(circumstances_.country);
+            return "per_country_sampling_thresholds has " + threshold + " for " + text(scenario_.country);
         case Decision::thresholdMissing:
             return "there is no sampling threshold";
         case Decision::drawnIn:

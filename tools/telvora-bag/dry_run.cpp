@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 #include "telvora/keys.h"
 
@@ -7,11 +7,11 @@ namespace telvora::bag {
 
 namespace {
 
-// Where no file is and none can be made: what is set stays in memory.
+// No file exists here and none can be made: settings stay in memory.
 constexpr char kNowhere[] = "/proc/nowhere";
 
-// The identifiers of the made-up device and session: the same in every trial, so that the same reports cost
-// the same.
+// The identifiers of the simulated device and session. They are constant, so that the same reports give the
+// same sizes.
 constexpr char kSessionID[] = "q3v1cW5nTm9PzB0tYk7uRA==";
 constexpr char kIdentifier[] = "6E0C5D0B-3C49-4B7A-9C54-2F1D8A7BE913";
 constexpr char kOverridingIdentifier[] = "B94A1F27-08DE-4F63-A1C8-5D7E30926FAB";
@@ -19,7 +19,7 @@ constexpr char kCustomIdentifier[] = "1D7F42C6-95B3-4E0A-8D16-C2A9E4508B3F";
 
 constexpr TimeValue kStart{1'767'225'600, 125'000};  // 2026-01-01
 
-// Every device has a name; backends rely on it.
+// Backends require a device name.
 Dictionary withName(Dictionary device) {
     if (device.string("DeviceName") == nullptr) device.set("DeviceName", "device");
     return device;
@@ -27,61 +27,61 @@ Dictionary withName(Dictionary device) {
 
 }  // namespace
 
-Dictionary userInfoOf(const Circumstances& circumstances) {
-    Dictionary userInfo = circumstances.userInfo;
-    if (circumstances.clientName) userInfo.set(kTelvoraUserInfoClientName, *circumstances.clientName);
-    if (circumstances.serviceName) userInfo.set(kTelvoraUserInfoServiceName, *circumstances.serviceName);
+Dictionary userInfoOf(const Scenario& scenario) {
+    Dictionary userInfo = scenario.userInfo;
+    if (scenario.clientName) userInfo.set(kTelvoraUserInfoClientName, *scenario.clientName);
+    if (scenario.serviceName) userInfo.set(kTelvoraUserInfoServiceName, *scenario.serviceName);
     return userInfo;
 }
 
-class Trial::Server final : public HttpClient {
+class DryRun::Server final : public HttpClient {
   public:
-    explicit Server(const Trial& trial) : trial_(trial) {}
+    explicit Server(const DryRun& dryRun) : dryRun_(dryRun) {}
     void start(HttpRequest request, Completion completion) override {
-        if (trial_.onRequest) trial_.onRequest(request);
+        if (dryRun_.onRequest) dryRun_.onRequest(request);
         completion(HttpResponse{200, {}, {}});
     }
 
   private:
-    const Trial& trial_;
+    const DryRun& dryRun_;
 };
 
-Trial::Trial(const Circumstances& circumstances, DecisionTrace& trace)
-    : circumstances_(circumstances),
+DryRun::DryRun(const Scenario& scenario, DecisionTrace& trace)
+    : scenario_(scenario),
       now_(kStart),
-      properties_(withName(circumstances.device)),
+      properties_(withName(scenario.device)),
       defaults_(kNowhere, kNowhere),
       identity_(properties_, defaults_),
       environment_(defaults_, identity_),
-      framework_(ClientFramework::ofVersion(circumstances.framework)),
+      framework_(ClientFramework::ofVersion(scenario.framework)),
       server_(std::make_unique<Server>(*this)),
       services_{.http = *server_,
                 .identity = identity_,
                 .environment = environment_,
                 .defaults = defaults_,
                 .clock = [this] { return now_; },
-                .countryCode = [this] { return circumstances_.country; },
+                .countryCode = [this] { return scenario_.country; },
                 .timeZoneOffsetSeconds = [] { return 0L; },
-                .random = [this] { return circumstances_.draw; },
+                .random = [this] { return scenario_.draw; },
                 .makeNetworkQueue = [this] { return network_.makeQueue(); },
                 .trace = &trace} {
     const auto set = [this](std::string_view key, PropertyList value) {
         static_cast<void>(defaults_.set(kTelvoraDefaultsDomain, key, std::move(value)));
     };
-    set("environmentType", static_cast<int>(circumstances.environment));
+    set("environmentType", static_cast<int>(scenario.environment));
     set("uuidRespectDnu", kIdentifier);
     set("uuidOverrideDnu", kOverridingIdentifier);
-    set("uuid:" + circumstances.clientName.value_or("") + ":" + circumstances.serviceName.value_or(""),
+    set("uuid:" + scenario.clientName.value_or("") + ":" + scenario.serviceName.value_or(""),
         kCustomIdentifier);
-    static_cast<void>(defaults_.set("com.zandor.diagnosticsharing", "Enabled", circumstances.consent));
+    static_cast<void>(defaults_.set("com.zandor.diagnosticsharing", "Enabled", scenario.consent));
 }
 
-std::shared_ptr<TelvoraBackend> Trial::makeBackend(const std::shared_ptr<const Dictionary>& section) {
+std::shared_ptr<TelvoraBackend> DryRun::makeBackend(const std::shared_ptr<const Dictionary>& section) {
     const Dictionary sessionInfo{{kTelvoraSessionInfoSessionID, 1},
-                                 {kTelvoraSessionInfoClientType, circumstances_.clientType},
-                                 {kTelvoraSessionInfoRequireUserInfo, circumstances_.requireUserInfo},
-                                 {kTelvoraSessionInfoBatchEvent, circumstances_.batch}};
-    Dictionary userInfo = userInfoOf(circumstances_);
+                                 {kTelvoraSessionInfoClientType, scenario_.clientType},
+                                 {kTelvoraSessionInfoRequireUserInfo, scenario_.requireUserInfo},
+                                 {kTelvoraSessionInfoBatchEvent, scenario_.batch}};
+    Dictionary userInfo = userInfoOf(scenario_);
 
     DeviceIDBuffer deviceID{};
     identity_.copyUniqueDeviceID(deviceID);

@@ -1,25 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Puts the decisions of a backend into words, with the values that they were taken from.
+// Describes the decisions of a backend as text, with the values that they depend on.
 #pragma once
 
 #include <ostream>
 #include <string>
 
 #include "policy/decision_trace.h"
-#include "telvora-bag/trial.h"
+#include "telvora-bag/dry_run.h"
 
 namespace telvora::bag {
 
-class Narrator final : public DecisionTrace {
+class DecisionPrinter final : public DecisionTrace {
   public:
-    // Prints to `out` a line for each decision about a session in these circumstances.
-    Narrator(std::ostream& out, const Circumstances& circumstances)
-        : out_(out), circumstances_(circumstances) {}
+    // Prints to `out` one line for each decision about the session. Both arguments must outlive the object.
+    DecisionPrinter(std::ostream& out, const Scenario& scenario) : out_(out), scenario_(scenario) {}
 
-    // The device that the names of devices are compared with.
+    // The device whose name and product type the lines contain. Must outlive the object.
     void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
-    // The entries that the next decisions are about; they must outlive them.
+    // The entries that the next decisions refer to. They must outlive those decisions.
     void begin(const Array& clients) { clients_ = &clients; }
 
     void decided(const std::string& backend, Decision decision, const Dictionary* subject,
@@ -33,7 +32,7 @@ class Narrator final : public DecisionTrace {
     std::string list(const Dictionary& subject, std::string_view key) const;
 
     std::ostream& out_;
-    const Circumstances& circumstances_;
+    const Scenario& scenario_;
     const DeviceIdentity* identity_ = nullptr;
     const Array* clients_ = nullptr;
 };
