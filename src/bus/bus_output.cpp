@@ -23,6 +23,11 @@ union DescriptorSpace {
 
 }  // namespace
 
+void BusOutput::attach(size_t position, std::vector<UniqueFd> descriptors) {
+    for (UniqueFd& descriptor : descriptors)
+        descriptors_.push_back({position, std::move(descriptor)});
+}
+
 tl::expected<bool, std::string> BusOutput::flush(int socket) {
     while (!empty()) {
         // The descriptors of a message go with its first byte: a write ends where the next such message
@@ -64,10 +69,15 @@ tl::expected<bool, std::string> BusOutput::flush(int socket) {
         }
         return false;
     }
+    clear();
+    return true;
+}
+
+void BusOutput::clear() {
     sent_ = 0;
+    descriptors_.clear();
     buffer_.clear();
     if (buffer_.capacity() > kSmallBuffer) buffer_ = std::string();
-    return true;
 }
 
 }  // namespace telvora

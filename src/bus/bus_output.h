@@ -10,6 +10,7 @@
 #include <deque>
 #include <string>
 #include <tl/expected.hpp>
+#include <vector>
 
 #include "util/unique_fd.h"
 
@@ -19,12 +20,14 @@ class BusOutput {
   public:
     // Where the next message is appended.
     std::string& buffer() { return buffer_; }
-    // Sends the descriptor with the message that is appended next.
-    void attach(UniqueFd descriptor) { descriptors_.push_back({buffer_.size(), std::move(descriptor)}); }
+    // Sends the descriptors with the message that begins at this position of the buffer.
+    void attach(size_t position, std::vector<UniqueFd> descriptors);
 
     // Bytes that wait.
     size_t size() const { return buffer_.size() - sent_; }
     bool empty() const { return size() == 0; }
+
+    void clear();
 
     // Sends as much as the socket takes. True if all is sent. Fails with the reason when the socket does.
     tl::expected<bool, std::string> flush(int socket);

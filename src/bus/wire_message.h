@@ -64,8 +64,9 @@ inline tl::unexpected<WireViolation> violated(WireViolation rule) {
 // result does not exceed `limit`: a larger message is a violation.
 tl::expected<size_t, WireViolation> messageSize(std::string_view start, size_t limit);
 
-// Parses a whole message and validates its header. `descriptors`: how many file descriptors came with it.
-// std::nullopt for a message of a type that the specification does not have, which receivers ignore.
+// Parses a whole message and validates its header. `descriptors`: how many file descriptors came with it
+// or with what follows it.
+// std::nullopt for a message of a type that D-Bus does not define, which receivers ignore.
 tl::expected<std::optional<MessageView>, WireViolation> parseMessage(std::string_view bytes,
                                                                      uint32_t descriptors);
 

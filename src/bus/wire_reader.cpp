@@ -62,6 +62,7 @@ bool WireReader::readSignature(std::string_view& signature) {
     if (!advance(size_t{length} + 1)) return false;
     signature = {bytes_ + start, length};
     if (bytes_[start + length] != 0) return fail("a signature does not end with NUL");
+    if (length == 1 && (isBasicType(signature.front()) || signature.front() == 'v')) return true;
     return isSignature(signature) || fail("a signature is invalid");
 }
 

@@ -52,9 +52,7 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect
     auto socket = connectTo(socketPath, fullBacklog);
     if (!socket) return tl::unexpected(socket.error());
     auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers));
-    if (const auto started = connection->start(std::move(*socket)); !started) {
-        return tl::unexpected(started.error());
-    }
+    connection->start(std::move(*socket));
     return std::unique_ptr<ClientSession>(new ClientSession(runtime, socketPath, std::move(connection)));
 }
 
@@ -149,7 +147,8 @@ void ClientSession::issueFileExtension(std::string path, UniqueFd file, Completi
 }
 
 void ClientSession::uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion) {
-    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL), std::move(extensionToken));
+    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL),
+                      std::move(extensionToken));
 }
 
 void ClientSession::uploadLogData(Array records, Completion<UploadAnswer> completion) {

@@ -11,10 +11,10 @@ namespace telvora::test {
 
 class BusMessages {
   public:
-    BusMessage make() { return bus_.newCall("/", "a.b", "C"); }
+    SdBusMessage make() { return bus_.newCall("/", "a.b", "C"); }
     // A message whose body sd_bus_message_append(3) makes of the signature and the values, ready to be read.
-    BusMessage make(const char* signature, ...) {
-        BusMessage message = make();
+    SdBusMessage make(const char* signature, ...) {
+        SdBusMessage message = make();
         va_list values;
         va_start(values, signature);
         const int result = sd_bus_message_appendv(message.get(), signature, values);
@@ -22,7 +22,7 @@ class BusMessages {
         if (result < 0) throw std::runtime_error(signature);
         return readable(std::move(message));
     }
-    static BusMessage readable(BusMessage message) {
+    static SdBusMessage readable(SdBusMessage message) {
         if (sd_bus_message_seal(message.get(), 1, 0) < 0 || sd_bus_message_rewind(message.get(), true) < 0) {
             throw std::runtime_error("the message can't be sealed");
         }

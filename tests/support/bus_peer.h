@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "bus/bus_message.h"
+#include "tests/support/sd_bus_message.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
@@ -42,16 +42,16 @@ class BusPeer {
 
     void close() { sd_bus_close_unref(std::exchange(bus_, nullptr)); }
 
-    BusMessage newCall(const char* path, const char* interface, const char* method) {
+    SdBusMessage newCall(const char* path, const char* interface, const char* method) {
         sd_bus_message* message = nullptr;
         check(sd_bus_message_new_method_call(bus_, &message, nullptr, path, interface, method));
-        return BusMessage::adopt(message);
+        return SdBusMessage::adopt(message);
     }
     // The answer, a method return or an error; empty when the connection has ended.
-    BusMessage call(const BusMessage& message) {
+    SdBusMessage call(const SdBusMessage& message) {
         const uint64_t cookie = send(message);
         for (;;) {
-            BusMessage next = receive();
+            SdBusMessage next = receive();
             uint64_t answered = 0;
             if (!next ||
                 (sd_bus_message_get_reply_cookie(next.get(), &answered) >= 0 && answered == cookie)) {
@@ -59,18 +59,18 @@ class BusPeer {
             }
         }
     }
-    uint64_t send(const BusMessage& message) {
+    uint64_t send(const SdBusMessage& message) {
         uint64_t cookie = 0;
         check(sd_bus_send(bus_, message.get(), &cookie));
         return cookie;
     }
     // The next message that arrives; empty when the connection has ended.
-    BusMessage receive() {
+    SdBusMessage receive() {
         for (;;) {
             sd_bus_message* message = nullptr;
             const int result = sd_bus_process(bus_, &message);
             if (message != nullptr && sd_bus_message_is_signal(message, nullptr, "Disconnected") <= 0) {
-                return BusMessage::adopt(message);
+                return SdBusMessage::adopt(message);
             }
             if (result < 0 || message != nullptr) {
                 sd_bus_message_unref(message);
@@ -90,7 +90,7 @@ class BusPeer {
 };
 
 // "" for a method return, the error's name for an error, "ended" for none.
-inline std::string errorName(const BusMessage& reply) {
+inline std::string errorName(const SdBusMessage& reply) {
     if (!reply) return "ended";
     const auto error = reply.error();
     return error ? error->name : "";
