@@ -79,6 +79,8 @@ class BusPeer {
             if (result == 0) check(sd_bus_wait(bus_, UINT64_MAX));
         }
     }
+    // One step, without waiting.
+    void process() { check(sd_bus_process(bus_, nullptr)); }
     void flush() { check(sd_bus_flush(bus_)); }
 
   private:
