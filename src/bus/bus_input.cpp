@@ -4,28 +4,25 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <memory>
+
+#include "bus/bus_buffers.h"
 
 namespace telvora {
 
 namespace {
 
 constexpr size_t kReadSize = size_t{64} << 10;
-// A kept buffer of more than this goes when it is empty.
-constexpr size_t kSmallBuffer = 1024;
 
+// On the heap: thread-local storage of this size would come out of the stacks of all threads of an
+// application that links the library.
 char* threadBuffer() {
-    static thread_local std::array<char, kReadSize> buffer;
-    return buffer.data();
+    static thread_local const std::unique_ptr<char[]> buffer(new char[kReadSize]);
+    return buffer.get();
 }
-
-union DescriptorSpace {
-    cmsghdr alignment;
-    char bytes[CMSG_SPACE(sizeof(int) * kMaxWaitingDescriptors)];
-};
 
 void collectDescriptors(msghdr& message, std::vector<UniqueFd>& descriptors) {
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
@@ -66,7 +63,7 @@ tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
         return tl::unexpected(std::string(std::strerror(error)));
     }
     collectDescriptors(message, descriptors_);
-    if ((message.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxWaitingDescriptors)
+    if ((message.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxDescriptors)
         return tl::unexpected(std::string("too many file descriptors wait for their message"));
     return received == 0 ? Received::end : Received::data;
 }
@@ -97,7 +94,7 @@ std::vector<UniqueFd> BusInput::takeDescriptors(uint32_t count) {
 
 void BusInput::keepRest() {
     if (rest_.empty()) {
-        if (kept_.capacity() > kSmallBuffer) kept_ = std::string();
+        if (kept_.capacity() > kIdleBufferSize) kept_ = std::string();
         kept_.clear();
     } else if (kept_.empty()) {
         kept_ = rest_;

@@ -21,10 +21,6 @@
 
 namespace telvora {
 
-// Descriptors that wait for their message. A sender may put more into a message, but no operation here takes
-// so many, and each costs the process one of its own.
-inline constexpr size_t kMaxWaitingDescriptors = 16;
-
 class BusInput {
   public:
     // `messageSize`: of the largest message, in bytes. The input holds no more than that and one read.

@@ -7,21 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "bus/bus_buffers.h"
+
 namespace telvora {
-
-namespace {
-
-// A buffer of more than this goes when it is empty.
-constexpr size_t kSmallBuffer = 1024;
-// Of one sendmsg(2). Unix sockets take no more than 253 at a time.
-constexpr size_t kMaxDescriptors = 16;
-
-union DescriptorSpace {
-    cmsghdr alignment;
-    char bytes[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
-};
-
-}  // namespace
 
 void BusOutput::attach(size_t position, std::vector<UniqueFd> descriptors) {
     for (UniqueFd& descriptor : descriptors)
@@ -77,7 +65,7 @@ void BusOutput::clear() {
     sent_ = 0;
     descriptors_.clear();
     buffer_.clear();
-    if (buffer_.capacity() > kSmallBuffer) buffer_ = std::string();
+    if (buffer_.capacity() > kIdleBufferSize) buffer_ = std::string();
 }
 
 }  // namespace telvora

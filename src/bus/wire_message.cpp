@@ -7,7 +7,6 @@ namespace telvora {
 
 namespace {
 
-constexpr uint8_t kProtocolVersion = 1;
 constexpr size_t kFieldsStart = 12;  // of the array's length
 constexpr std::string_view kFieldsSignature = "a(yv)";
 // Reserved for messages that an implementation makes for itself.
@@ -40,7 +39,7 @@ tl::expected<FixedHeader, WireViolation> fixedHeader(std::string_view bytes) {
     reader.read(header.bodySize);
     reader.read(header.serial);
     reader.read(header.fieldsSize);
-    if (version != kProtocolVersion) return violated("a message has an unknown protocol version");
+    if (version != kBusProtocolVersion) return violated("a message has an unknown protocol version");
     if (header.type == 0) return violated("a message has the invalid type");
     if (header.serial == 0) return violated("a message has the serial number 0");
     if (header.fieldsSize > kMaxArrayLength) return violated("an array is too long");

@@ -14,6 +14,7 @@
 
 namespace telvora {
 
+inline constexpr uint8_t kBusProtocolVersion = 1;
 // Every message begins with a header of at least this size.
 inline constexpr size_t kFixedHeaderSize = 16;
 

@@ -5,7 +5,6 @@ namespace telvora {
 
 namespace {
 
-constexpr uint8_t kProtocolVersion = 1;
 constexpr size_t kBodySizePosition = 4;
 
 }  // namespace
@@ -15,7 +14,7 @@ WireWriter::WireWriter(std::string& buffer, const MessageView& header)
     buffer_.push_back(static_cast<char>(kNativeByteOrder));
     append(static_cast<uint8_t>(header.type));
     append(header.flags);
-    append(kProtocolVersion);
+    append(kBusProtocolVersion);
     append(uint32_t{0});  // the body's size, set by finish()
     append(header.serial);
     const ArrayMark fields = openArray(8);
