@@ -198,9 +198,9 @@ class SdBus {
         sd_bus_add_filter(
             bus, nullptr,
             [](sd_bus_message* message, void* self, sd_bus_error*) {
-                auto& bus = *static_cast<SdBus*>(self);
-                bus.seen_ = true;
-                bus.result_ = walk(message);
+                auto& connection = *static_cast<SdBus*>(self);
+                connection.seen_ = true;
+                connection.result_ = walk(message);
                 return 1;
             },
             this);
