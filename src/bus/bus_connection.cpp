@@ -1,44 +1,47 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Set-up, the event loop and the end of a connection; bus_calls.cpp has its messages.
+// The turns of the strand and the end of a connection; bus_dispatch.cpp has its messages.
 //
-// Invariants: bus_ is set until teardown() has run. sd-bus is entered only through processOne() and the
-// sending functions. The descriptor is registered with Asio only while sd-bus has it open: sd-bus closes it
-// when sd_bus_process() is called on a connection that has begun to close, so that is never done.
+// A peer that hangs up is read from to the end: the messages that it sent before still count. Answers to it
+// are dropped.
 //
-// A server half-closes a connection that it ends. A peer that writes to a closed socket fails, and its sd-bus
-// ends the connection then, with messages unread. So the server shuts down only its sending side, once all is
+// A server half-closes a connection that it ends. A peer that writes to a closed socket fails, and may end
+// the connection then with messages unread. So the server shuts down only its sending side, once all is
 // written; the peer reads all and closes the socket. Calls that arrive in between are discarded.
 #include "bus/bus_connection.h"
 
-#include <poll.h>
-#include <sys/ioctl.h>
+#include <fmt/format.h>
+#include <sys/random.h>
 #include <sys/socket.h>
-#include <systemd/sd-id128.h>
 
-#include <algorithm>
 #include <asio/error.hpp>
 #include <asio/post.hpp>
 
-#include "util/error_text.h"
+#include "util/log.h"
 
 namespace telvora {
 
 namespace {
 
 // Length of one turn of a strand; a turn of small messages takes well under a millisecond.
-constexpr int kMessagesPerTurn = 64;
-// sd-bus requests 8 MiB per socket; this size is enough to keep both ends busy.
+constexpr int kMessagesPerTurn = 256;
+// Keeps both ends busy.
 constexpr int kSendBufferBytes = 256 << 10;
+constexpr char kPeerClosed[] = "the peer has closed the connection";
+
+// 32 hexadecimal digits.
+std::string randomServerId() {
+    std::array<uint64_t, 2> id{};
+    if (getrandom(id.data(), sizeof id, 0) != sizeof id) id = {};
+    return fmt::format("{:016x}{:016x}", id[0], id[1]);
+}
 
 }  // namespace
 
-tl::expected<std::shared_ptr<BusConnection>, std::string> BusConnection::make(Strand strand, UniqueFd socket,
-                                                                              BusRole role,
-                                                                              BusLimits limits) {
-    std::shared_ptr<BusConnection> connection(
+std::shared_ptr<BusConnection> BusConnection::make(Strand strand, UniqueFd socket, BusRole role,
+                                                   BusLimits limits) {
+    return std::shared_ptr<BusConnection>(
         new BusConnection(std::move(strand), std::move(socket), role, limits));
-    return connection->configure().map([&] { return connection; });
 }
 
 BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits)
@@ -47,126 +50,158 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
       limits_(limits),
       socket_(std::move(socket)),
       descriptor_(strand_),
-      timer_(strand_) {}
+      timer_(strand_),
+      input_(limits.messageSize) {}
 
-BusConnection::~BusConnection() {
-    if (descriptor_.is_open()) descriptor_.release();
-}
-
-tl::expected<void, std::string> BusConnection::configure() {
-    sd_bus* bus = nullptr;
-    int result = sd_bus_new(&bus);
-    bus_.reset(bus);
-    if (result >= 0 && role_ == BusRole::kServer) {
-        sd_id128_t guid = {};
-        result = sd_id128_randomize(&guid);
-        if (result >= 0) result = sd_bus_set_server(bus, true, guid);
-        if (result >= 0) result = sd_bus_set_anonymous(bus, false);
-    }
-    // The daemon checks a peer's access before it makes the connection; sd-bus makes no check per method.
-    if (result >= 0) result = sd_bus_set_trusted(bus, true);
-    if (result >= 0) result = sd_bus_negotiate_fds(bus, true);
-    if (result >= 0) result = sd_bus_set_fd(bus, socket_.get(), socket_.get());
-    if (result >= 0) {
-        socket_.release();
-        sd_bus_slot* slot = nullptr;
-        result = sd_bus_add_filter(bus, &slot, onAnyMessage, this);
-        filter_.reset(slot);
-    }
-    if (result < 0) return tl::unexpected(errorText(-result));
-    return role_ == BusRole::kServer ? exportHello() : tl::expected<void, std::string>{};
-}
-
-// Tools that expect a message bus on every socket begin with this call and fail without an answer.
-tl::expected<void, std::string> BusConnection::exportHello() {
-    static const BusInterface busInterface("org.freedesktop.DBus", {{"Hello", {}, {{"", "s"}}}});
-    const auto sayHello = [this](size_t, BusMessage& call) -> std::optional<BusError> {
-        replyNow(call, [](BusMessage& reply) { return reply.appendString(":1.0"); });
-        return std::nullopt;
-    };
-    return exportInterface("/org/freedesktop/DBus", busInterface, sayHello);
-}
+BusConnection::~BusConnection() = default;
 
 void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     closed_ = std::move(closed);
     gone_ = std::move(gone);
+    state_ = State::authenticating;
     asio::post(strand_, [self = shared_from_this()] { self->begin(); });
 }
 
 void BusConnection::begin() {
-    if (!bus_) return;
-    authenticationDeadline_ = std::chrono::steady_clock::now() + limits_.authenticationTimeout;
-    const int result = sd_bus_start(bus_.get());
-    if (result < 0) return end(errorText(-result));
-
-    const int fd = sd_bus_get_fd(bus_.get());
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
-    asio::error_code error;
-    descriptor_.assign(fd, error);
-    if (error) return end(error.message());
-    pump();
-}
-
-bool BusConnection::isOpen() const {
-    return bus_ && !halfClosed_ && sd_bus_is_open(bus_.get()) > 0;
-}
-
-// One step of sd-bus: writes queued messages, or reads and dispatches one message. 0 if sd-bus is idle.
-int BusConnection::processOne() {
-    if (!isOpen()) {  // a call found the peer gone
-        end("the peer has closed the connection");
-        return -ENOTCONN;
-    }
-    pumping_ = true;
-    const int result = sd_bus_process(bus_.get(), nullptr);
-    pumping_ = false;
-    discardWritten();
-    if (closeRequested_) {
-        halfClose(*closeRequested_);
-        return -ENOTCONN;
-    }
-    if (result < 0) {
-        end(errorText(-result));
-    } else if (!isOpen()) {
-        end("the peer has closed the connection");
-        return -ENOTCONN;
+    if (state_ != State::authenticating) return;
+    const int socket = socket_.get();
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+    if (role_ == BusRole::kServer) {
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return end("the peer is unknown");
+        authentication_.emplace<ServerAuthentication>(peer.uid, randomServerId());
     } else {
-        notifyUncongested();
+        authentication_.emplace<ClientAuthentication>();
+        authenticationOutput_ = ClientAuthentication::greeting();
     }
-    return result;
+    asio::error_code error;
+    descriptor_.assign(socket, error);
+    if (error) return end(error.message());
+    socket_.release();
+    startTimer(limits_.authenticationTimeout, &BusConnection::onAuthenticationTimeout);
+    receive();
 }
 
-void BusConnection::pump() {
-    for (int i = 0; i < kMessagesPerTurn; ++i) {
-        // While reading is paused, a step may only write; sd-bus reads if it can't write.
-        if (readPaused() && !canWrite()) return arm();
-        const int result = processOne();
-        if (result < 0) return;
-        if (result == 0) return arm();
+// --- Turns ---
+
+void BusConnection::receive() {
+    const auto received = input_.receive(descriptor_.native_handle());
+    if (!received) return end(received.error());
+    inputEnded_ = *received == BusInput::Received::end;
+    turn();
+}
+
+void BusConnection::turn() {
+    const auto self = shared_from_this();
+    inTurn_ = true;
+    const bool goesOn = (state_ == State::ready || authenticate()) && handleMessages();
+    inTurn_ = false;
+    if (state_ == State::closed) return;
+    input_.keepRest();
+    if (violation_) return end(*violation_);
+    if (closeRequested_) return halfClose(*closeRequested_);
+    if (!goesOn && inputEnded_) return end(kPeerClosed);
+    flush();
+    if (isOpen()) waitForMore();
+}
+
+// True once the peer has authenticated.
+bool BusConnection::authenticate() {
+    std::string_view bytes = input_.bytes();
+    const size_t before = bytes.size();
+    AuthenticationState result;
+    const char* reason = "";
+    bool passesDescriptors = false;
+    if (auto* server = std::get_if<ServerAuthentication>(&authentication_)) {
+        result = server->advance(bytes, authenticationOutput_);
+        reason = server->reason();
+        passesDescriptors = server->passesDescriptors();
+    } else {
+        auto& client = std::get<ClientAuthentication>(authentication_);
+        result = client.advance(bytes);
+        reason = client.reason();
+        passesDescriptors = client.passesDescriptors();
     }
-    if (turnPosted_) return;
-    turnPosted_ = true;
-    asio::post(strand_, [self = shared_from_this()] {
-        self->turnPosted_ = false;
-        if (self->bus_ && !self->halfClosed_) self->pump();
-    });
+    input_.take(before - bytes.size());
+    if (result == AuthenticationState::failed) violation_ = reason;
+    if (result != AuthenticationState::done) return false;
+    timer_.cancel();
+    state_ = State::ready;
+    passesDescriptors_ = passesDescriptors;
+    authentication_.emplace<std::monostate>();
+    return true;
+}
+
+// Handles the messages that are there. True if some were left for the next turn.
+bool BusConnection::handleMessages() {
+    for (int i = 0; i < kMessagesPerTurn; ++i) {
+        if (readPaused()) return true;
+        const auto bytes = input_.nextMessage();
+        if (!bytes) violation_ = bytes.error();
+        if (!bytes || !*bytes) return false;
+        const size_t waiting = input_.waitingDescriptors();
+        const auto view = parseMessage(**bytes, static_cast<uint32_t>(waiting));
+        if (!view) violation_ = view.error();
+        if (!view) return false;
+        if (*view) dispatch(**view, input_.takeDescriptors((*view)->descriptors));
+        if (violation_ || closeRequested_ || state_ == State::closed) return false;
+    }
+    return input_.hasMessage();
 }
 
 // Only a server pauses reading: if both ends did, each could wait for the other for ever. A client requested
 // the answers that it receives.
 bool BusConnection::readPaused() const {
     return role_ == BusRole::kServer && !hungUp_ &&
-           (outputCongested() || pendingCalls_.size() >= limits_.pendingCalls);
+           (outputCongested() || pendingCalls_ >= limits_.pendingCalls);
 }
 
-void BusConnection::arm() {
-    const int events = sd_bus_get_events(bus_.get());
-    if (events < 0) return end(errnoText(events));
-    const bool paused = readPaused();
-    if ((events & POLLIN) != 0 && !paused) waitFor(kRead);
-    if ((events & POLLOUT) != 0) waitFor(kWrite);
-    if (paused) waitFor(kHangUp);
-    armTimer();
+// Writes what the socket takes.
+void BusConnection::flush() {
+    if (!descriptor_.is_open()) return;
+    if (!authenticationOutput_.empty()) {
+        const ssize_t sent = send(descriptor_.native_handle(), authenticationOutput_.data(),
+                                  authenticationOutput_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
+        if (!authenticationOutput_.empty()) return waitFor(kWrite);
+    }
+    if (state_ == State::authenticating || output_.empty()) return;
+    congested_ = congested_ || outputCongested();
+    const auto done = output_.flush(descriptor_.native_handle());
+    if (!done) {
+        hungUp_ = true;
+        output_.clear();
+    } else if (!*done) {
+        waitFor(kWrite);
+    }
+    if (congested_ && !outputCongested()) {
+        congested_ = false;
+        if (uncongested_) uncongested_();
+    }
+}
+
+// After something was written outside a turn: what else is written meanwhile leaves with it.
+void BusConnection::flushSoon() {
+    if (inTurn_ || std::exchange(flushPosted_, true)) return;
+    asio::post(strand_, [self = shared_from_this()] {
+        self->flushPosted_ = false;
+        if (self->isOpen()) {
+            self->flush();
+            self->waitForMore();
+        }
+    });
+}
+
+void BusConnection::waitForMore() {
+    if (!descriptor_.is_open()) return;
+    if (readPaused()) return waitFor(kHangUp);
+    if (!input_.hasMessage() && !inputEnded_) return waitFor(kRead);
+    if (std::exchange(turnPosted_, true)) return;
+    asio::post(strand_, [self = shared_from_this()] {
+        self->turnPosted_ = false;
+        if (self->isOpen()) self->turn();
+    });
 }
 
 void BusConnection::waitFor(Wait wait) {
@@ -176,114 +211,80 @@ void BusConnection::waitFor(Wait wait) {
         asio::posix::descriptor_base::wait_error};
     descriptor_.async_wait(kTypes[wait], [self = shared_from_this(), wait](const asio::error_code& error) {
         self->waiting_[wait] = false;
-        if (!self->bus_ || error == asio::error::operation_aborted) return;
-        self->halfClosed_ ? self->drain(wait) : self->onReady(wait);
+        if (!self->descriptor_.is_open() || error == asio::error::operation_aborted) return;
+        self->onReady(wait);
     });
 }
 
 void BusConnection::onReady(Wait wait) {
-    // Reading is not paused any more: messages that the peer sent before it hung up are still processed.
     if (wait == kHangUp) hungUp_ = true;
-    if (wait == kRead) checkIncomingSize();
-    if (bus_) pump();
+    if (state_ == State::halfClosed) return wait == kHangUp ? teardown() : drain();
+    if (!isOpen()) return;
+    if (wait == kRead && !readPaused()) return receive();
+    flush();
+    if (isOpen()) waitForMore();
 }
 
-// All readable bytes are read in this turn. Until a message is complete, they belong to one message.
-void BusConnection::checkIncomingSize() {
-    int available = 0;
-    if (ioctl(sd_bus_get_fd(bus_.get()), FIONREAD, &available) != 0 || available < 0) return;
-    if (std::exchange(messagesRead_, 0) != 0) bytesOfPartialMessage_ = 0;
-    bytesOfPartialMessage_ += static_cast<size_t>(available);
-    if (bytesOfPartialMessage_ > limits_.messageSize) end("a message is too large");
-}
+// --- The end ---
 
-void BusConnection::armTimer() {
-    std::optional<asio::steady_timer::time_point> deadline;
-    uint64_t microseconds = UINT64_MAX;
-    if (sd_bus_get_timeout(bus_.get(), &microseconds) >= 0 && microseconds != UINT64_MAX) {
-        deadline = asio::steady_timer::time_point(std::chrono::microseconds(microseconds));
-    }
-    if (authenticationDeadline_ && sd_bus_is_ready(bus_.get()) > 0) authenticationDeadline_.reset();
-    if (authenticationDeadline_)
-        deadline = std::min(deadline.value_or(*authenticationDeadline_), *authenticationDeadline_);
-
-    if (deadline == timerSetFor_) return;
-    timerSetFor_ = deadline;
-    if (!deadline) {
-        timer_.cancel();
-        return;
-    }
-    timer_.expires_at(*deadline);
-    timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
-        if (error || !self->bus_ || self->halfClosed_) return;
-        self->timerSetFor_.reset();
-        const auto& authentication = self->authenticationDeadline_;
-        if (authentication && *authentication <= std::chrono::steady_clock::now() &&
-            sd_bus_is_ready(self->bus_.get()) <= 0) {
-            return self->end("authentication timed out");
-        }
-        self->pump();
+void BusConnection::startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)()) {
+    timer_.expires_after(time);
+    timer_.async_wait([self = shared_from_this(), expired](const asio::error_code& cancelled) {
+        if (!cancelled) (self.get()->*expired)();
     });
 }
 
+void BusConnection::onAuthenticationTimeout() {
+    if (state_ == State::authenticating) end("authentication timed out");
+}
+
 void BusConnection::close(const std::string& reason) {
-    if (!bus_ || halfClosed_) return;
-    if (pumping_) {
-        closeRequested_ = reason;
+    if (!isOpen() && state_ != State::created) return;
+    if (inTurn_) {
+        if (!closeRequested_) closeRequested_ = reason;
     } else {
         halfClose(reason);
     }
 }
 
 void BusConnection::end(const std::string& reason) {
-    if (!bus_) return;
+    if (state_ == State::closed) return;
     const auto self = shared_from_this();
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
     teardown();
 }
 
 void BusConnection::halfClose(const std::string& reason) {
-    const bool ready = role_ == BusRole::kServer && sd_bus_is_ready(bus_.get()) > 0;
-    if (!ready) return end(reason);
+    if (role_ != BusRole::kServer || state_ != State::ready) return end(reason);
     const auto self = shared_from_this();
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
-    if (!isOpen() || peerHungUp()) return teardown();
-    pendingCalls_.clear();
-    halfClosed_ = true;
-    timer_.expires_after(limits_.drainTimeout);
-    timer_.async_wait([self](const asio::error_code& cancelled) {
-        if (!cancelled && self->bus_) self->teardown();
-    });
-    shutdownWhenWritten();
+    if (state_ != State::ready || hungUp_ || inputEnded_) return teardown();
+    state_ = State::halfClosed;
+    startTimer(limits_.drainTimeout, &BusConnection::teardown);
+    drain();
+    if (state_ == State::halfClosed) waitFor(kHangUp);
 }
 
-void BusConnection::shutdownWhenWritten() {
-    if (queuedMessages() == 0) {
-        shutdown(sd_bus_get_fd(bus_.get()), SHUT_WR);
-    } else {
-        waitFor(kWrite);
-    }
-    waitFor(kHangUp);
-}
-
-// A step of sd-bus writes, and may read; onAnyMessage() discards the message then.
-void BusConnection::drain(Wait wait) {
-    if (wait == kHangUp) return teardown();
-    if (wait != kWrite || queuedMessages() == 0) return;
-    const int result = sd_bus_process(bus_.get(), nullptr);
-    if (result < 0 || sd_bus_is_open(bus_.get()) <= 0) return teardown();
-    shutdownWhenWritten();
+// Writes the last messages, then shuts the sending side down.
+void BusConnection::drain() {
+    const auto done = output_.flush(descriptor_.native_handle());
+    if (!done) return teardown();
+    if (!*done) return waitFor(kWrite);
+    shutdown(descriptor_.native_handle(), SHUT_WR);
 }
 
 void BusConnection::teardown() {
+    if (state_ == State::closed) return;
     const auto self = shared_from_this();
+    state_ = State::closed;
     timer_.cancel();
-    if (descriptor_.is_open()) descriptor_.release();
-    pendingCalls_.clear();
-    filter_.reset();
+    asio::error_code ignored;
+    if (descriptor_.is_open()) descriptor_.close(ignored);
+    socket_.reset();
     exports_.clear();
+    replies_.clear();
+    output_.clear();
     uncongested_ = nullptr;
-    bus_.reset();
     if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }
 

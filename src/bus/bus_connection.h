@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification; sd-bus(3)) on a connected
-// Unix stream socket, driven by its strand.
+// BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification) on a connected Unix stream
+// socket, driven by its strand.
 //
-// sd-bus never blocks and never waits here. The strand waits for the events and the timeout that
-// sd_bus_get_events(3) and sd_bus_get_timeout(3) return, then processes the available input: a bounded number
-// of messages per turn, so that one busy peer does not occupy a thread. A quiet connection has no timer and
-// no wakeup.
+// How it runs: the strand waits for input. A turn reads once, handles the messages that the read brought, up
+// to a bound so that one busy peer can't keep a runner to itself, and writes their answers together. A quiet
+// connection has no buffer, no timer and no wakeup.
 //
-// BusLimits bounds the cost of a peer. A server stops reading from a client whose answers pile up or that has
-// too many unanswered calls; the client's socket then fills up and the client waits. A peer that does not
-// authenticate in time, or that sends too large a message, is disconnected.
+// What a peer can cost is bounded by BusLimits. A client whose answers pile up, or that has too many calls
+// unanswered, is not read from until that has changed; its own socket then fills up and it waits. A peer that
+// does not authenticate in time, that violates the message format, or that sends a message that is too large,
+// is disconnected.
 //
-// All functions are called on the connection's strand, except make(), and except that the functions before
+// Everything here is called on the connection's strand, except make(), and except that the functions before
 // start() may be called by the thread that will call start(). Handlers run on the strand. Connections and
-// pending calls must be destroyed before the pool.
+// pending calls must be given up before the pool is.
 #pragma once
 
 #include <asio/posix/stream_descriptor.hpp>
@@ -22,61 +22,81 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tl/expected.hpp>
 #include <unordered_map>
+#include <variant>
+#include <vector>
 
 #include "async/work_pool.h"
+#include "bus/authentication.h"
+#include "bus/bus_input.h"
 #include "bus/bus_interface.h"
 #include "bus/bus_message.h"
+#include "bus/bus_output.h"
+#include "bus/wire_writer.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
 
+// Largest outgoing message, in bytes.
+inline constexpr size_t kMaxSentMessage = size_t{16} << 20;
+
 enum class BusRole { kServer, kClient };
 
 struct BusLimits {
-    // From start() until the peer has authenticated (EXTERNAL: the user that the kernel reports).
+    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
     std::chrono::milliseconds authenticationTimeout{10'000};
-    // Largest incoming message, in bytes. sd-bus reads on as long as there is more to read, and the size is
-    // checked in between: a peer that writes as fast as it is read from can send more, but never more than
-    // the 128 MiB at which sd-bus itself ends the connection.
+    // Largest incoming message, in bytes.
     size_t messageSize = size_t{16} << 20;
-    // Outgoing bytes and messages that wait for the peer to read. Beyond either, the output is congested: a
-    // server pauses reading, and one-way calls should wait.
+    // Outgoing bytes that wait for the peer to read. Beyond it, the output is congested: a server pauses
+    // reading, and one-way calls should not be sent.
     size_t queuedBytes = size_t{1} << 20;
-    size_t queuedMessages = 1024;
     // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
-    // Time that a half-closed server connection leaves its peer to read its last messages.
+    // How long the peer of a half-closed connection may take to read its last messages.
     std::chrono::milliseconds drainTimeout{2'000};
 };
 
 class BusConnection;
 
+// Why a call was not sent.
+enum class BusSendFailure {
+    kEnded,     // the connection has ended
+    kInvalid,   // the body can't be written
+    kTooLarge,  // the message exceeds kMaxSentMessage
+};
+
+// Writes the values of a message's body in the order of its signature. False if they can't be written.
+using BusBody = std::function<bool(WireWriter& body)>;
+// Handles one call of the method with this index in its interface; `call` is at its first argument and has
+// the method's signature. An error is answered right away; otherwise the handler has called replyNow() or
+// defer(), or there is no answer.
+using BusCallHandler = std::function<std::optional<BusError>(size_t method, BusMessage& call)>;
+
 // A received call that is answered later. May be kept, answered and destroyed on any thread, as long as the
 // strand's pool exists. The caller gets no answer if it is destroyed unanswered.
 class PendingCall {
   public:
-    // Appends the answer's body; a negative errno makes it an error reply instead. Runs on the strand.
-    using Fill = std::function<int(BusMessage& reply)>;
-
-    PendingCall(std::shared_ptr<BusConnection> connection, uint64_t id);
+    PendingCall(std::shared_ptr<BusConnection> connection, uint32_t serial, bool wanted,
+                const char* signature)
+        : connection_(std::move(connection)), serial_(serial), wanted_(wanted), signature_(signature) {}
     ~PendingCall();
     PendingCall(const PendingCall&) = delete;
     PendingCall& operator=(const PendingCall&) = delete;
 
-    // Answers. The second and all later calls have no effect. On the strand the answer is sent before this
-    // returns.
-    void reply(Fill fill);
+    // Answers; `body` runs on the strand. The second and all later calls have no effect.
+    void reply(BusBody body);
 
   private:
-    std::shared_ptr<BusConnection> connection_;
-    uint64_t id_;
+    const std::shared_ptr<BusConnection> connection_;
+    const uint32_t serial_;
+    const bool wanted_;
+    const char* const signature_;
     std::atomic<bool> answered_ = false;
 };
 
@@ -89,16 +109,13 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // sent while the handler runs.
     using ClosedHandler = std::function<void(const std::string& reason)>;
 
-    // Takes over a connected Unix stream socket. Fails with sd-bus's reason.
-    static tl::expected<std::shared_ptr<BusConnection>, std::string> make(Strand strand, UniqueFd socket,
-                                                                          BusRole role,
-                                                                          BusLimits limits = {});
+    // Takes over a connected Unix stream socket.
+    static std::shared_ptr<BusConnection> make(Strand strand, UniqueFd socket, BusRole role,
+                                               BusLimits limits = {});
     ~BusConnection();
 
-    // Passes the calls to `interface` at `path` to `handler`. Before start(). `interface` outlives the
-    // connection.
-    tl::expected<void, std::string> exportInterface(const char* path, const BusInterface& interface,
-                                                    BusCallHandler handler);
+    // Passes the calls to `interface` at `path` to `handler`. Before start(). Both outlive the connection.
+    void exportInterface(const char* path, const BusInterface& interface, BusCallHandler handler);
 
     // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
@@ -109,104 +126,114 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // after that handler. Idempotent. A server's peer still reads all messages that were sent to it, and
     // finds the end after them: both ends agree then on whether a call was answered.
     void close(const std::string& reason);
-    bool isOpen() const;
+    bool isOpen() const { return state_ == State::authenticating || state_ == State::ready; }
 
     // Keeps a handler's call for a later answer.
     std::shared_ptr<PendingCall> defer(BusMessage& call);
     // Answers a call inside its handler.
-    void replyNow(BusMessage& call, const PendingCall::Fill& fill);
+    void replyNow(BusMessage& call, const BusBody& body);
 
-    // A call to the peer. An empty message if the connection has ended or memory is exhausted.
-    BusMessage newCall(const char* path, const char* interface, const char* method);
-    // Sends without expecting an answer, whether or not the output is congested. Fails with the reason if the
-    // connection has ended.
-    tl::expected<void, std::string> sendOneWay(BusMessage call);
-    // Sends and waits for the answer, without a time limit. Fails likewise.
-    tl::expected<void, std::string> call(BusMessage call, ReplyHandler handler);
+    // What an own call is sent to, and the types of its arguments. The texts live for the call.
+    struct Destination {
+        std::string_view path;
+        std::string_view interface;
+        std::string_view method;
+        std::string_view signature;
+    };
+    // Sends without expecting an answer, whether or not the output is congested.
+    tl::expected<void, BusSendFailure> sendOneWay(const Destination& to, const BusBody& body);
+    // Sends and waits for the answer, without a time limit. `descriptors` are sent with the call; a peer that
+    // does not take any gets an invalid call.
+    tl::expected<void, BusSendFailure> call(const Destination& to, const BusBody& body, ReplyHandler handler,
+                                            std::vector<UniqueFd> descriptors = {});
     // Whether the peer has left more unread than BusLimits allows.
-    bool outputCongested() const;
+    bool outputCongested() const { return output_.size() >= limits_.queuedBytes; }
 
     const Strand& strand() const { return strand_; }
 
   private:
     friend class PendingCall;
 
-    template <auto destroy>
-    struct Unref {
-        template <typename Handle>
-        void operator()(Handle* handle) const {
-            destroy(handle);
-        }
+    struct Export {
+        std::string path;
+        const BusInterface& interface;
+        BusCallHandler handler;
     };
-    using BusHandle = std::unique_ptr<sd_bus, Unref<sd_bus_close_unref>>;
-    using SlotHandle = std::unique_ptr<sd_bus_slot, Unref<sd_bus_slot_unref>>;
-
-    struct SentCall;
+    enum class State { created, authenticating, ready, halfClosed, closed };
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
     BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits);
-    tl::expected<void, std::string> configure();
-    tl::expected<void, std::string> exportHello();
 
+    // bus_connection.cpp: the turns of the strand and the end of the connection.
     void begin();
-    void pump();
-    int processOne();
-    void arm();
+    void receive();
+    void turn();
+    bool authenticate();
+    bool handleMessages();
+    bool readPaused() const;
+    void flush();
+    void flushSoon();
+    void waitForMore();
     void waitFor(Wait wait);
     void onReady(Wait wait);
-    void armTimer();
-    void checkIncomingSize();
-    bool readPaused() const;
+    void onAuthenticationTimeout();
+    void drain();
+    void startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)());
     void end(const std::string& reason);
     void halfClose(const std::string& reason);
-    void shutdownWhenWritten();
-    void drain(Wait wait);
     void teardown();
 
-    static int onAnyMessage(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
-    static int onReply(sd_bus_message* message, void* userdata, sd_bus_error* error) noexcept;
+    // bus_dispatch.cpp: the messages.
+    void dispatch(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void checkBody(WireReader&& body);
+    void handleCall(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void runHandler(const Export& target, size_t method, BusMessage& call);
+    void handleReply(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void answerStandard(const MessageView& view);
+    BusError unknownTarget(const MessageView& view) const;
+    bool hasNode(std::string_view path) const;
+    std::string introspect(std::string_view path) const;
+    static bool isWanted(const MessageView& call);
+    void sendReply(uint32_t serial, bool wanted, std::string_view signature, const BusBody& body);
+    void sendError(uint32_t serial, bool wanted, const BusError& error);
+    void sendError(const MessageView& call, const BusError& error) {
+        sendError(call.serial, isWanted(call), error);
+    }
+    void settle();
+    tl::expected<void, BusSendFailure> sendCall(const Destination& to, uint8_t flags, const BusBody& body,
+                                                std::vector<UniqueFd> descriptors);
+    tl::expected<void, BusSendFailure> write(MessageView header, const BusBody& body);
 
-    void answer(uint64_t id, const PendingCall::Fill& fill);
-    void abandon(uint64_t id);
-    int sendReply(sd_bus_message* call, const PendingCall::Fill& fill);
-    bool peerHungUp();
-    int send(BusMessage& message);
-    void rearm();
-    void noteQueued(size_t bytes);
-    void discardWritten();
-    void notifyUncongested();
-    size_t queuedMessages() const;
-    bool canWrite() const;
-
-    Strand strand_;
+    const Strand strand_;
     const BusRole role_;
     const BusLimits limits_;
-    UniqueFd socket_;  // until sd-bus has taken it over
-    BusHandle bus_;
-    std::deque<BusExport> exports_;
-    SlotHandle filter_;
-    asio::posix::stream_descriptor descriptor_;  // the same descriptor as the bus's; never closes it
+    UniqueFd socket_;  // closed by descriptor_ once that has it
+    asio::posix::stream_descriptor descriptor_;
     asio::steady_timer timer_;
-    std::optional<asio::steady_timer::time_point> timerSetFor_;
-    std::optional<asio::steady_timer::time_point> authenticationDeadline_;
+    State state_ = State::created;
+    bool waiting_[kWaits] = {};
+    bool inTurn_ = false;
+    bool turnPosted_ = false;
+    bool flushPosted_ = false;
+    bool inputEnded_ = false;
+    bool hungUp_ = false;     // the peer reads no more
+    bool congested_ = false;  // since uncongested_ last ran
+    std::optional<std::string> closeRequested_;
+    std::optional<std::string> violation_;
+
+    std::variant<std::monostate, ServerAuthentication, ClientAuthentication> authentication_;
+    std::string authenticationOutput_;
+    bool passesDescriptors_ = false;
+
+    BusInput input_;
+    BusOutput output_;
+    uint32_t lastSerial_ = 0;
+    size_t pendingCalls_ = 0;
+    std::unordered_map<uint32_t, ReplyHandler> replies_;
+    std::vector<Export> exports_;
     ClosedHandler closed_;
     std::function<void()> gone_;
     std::function<void()> uncongested_;
-
-    bool waiting_[kWaits] = {};
-    bool pumping_ = false;
-    bool turnPosted_ = false;
-    bool hungUp_ = false;
-    bool halfClosed_ = false;
-    std::optional<std::string> closeRequested_;
-
-    size_t messagesRead_ = 0;  // since the last checkIncomingSize()
-    size_t bytesOfPartialMessage_ = 0;
-    std::deque<size_t> queuedSizes_;  // of the newest messages in sd-bus's queue
-    size_t queuedBytes_ = 0;
-    bool congested_ = false;  // since uncongested_ last ran
-    std::unordered_map<uint64_t, BusMessage> pendingCalls_;
-    uint64_t lastCallId_ = 0;
 };
 
 }  // namespace telvora

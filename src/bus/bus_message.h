@@ -1,19 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BusMessage: owns one reference to a D-Bus message, and reads or writes its body in order. The functions
-// return a negative errno on failure, 0 at the end of a container and a positive value on success, as
-// sd_bus_message_read(3) does. They are inline: every report passes through each of them several times.
-//
-// A message belongs to its connection's strand: reference counts inside sd-bus are not atomic.
+// BusMessage: a message that was received, while its handler runs.
 #pragma once
 
-#include <systemd/sd-bus.h>
-
-#include <cerrno>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
+
+#include "bus/wire_message.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 
@@ -30,90 +27,36 @@ inline constexpr char kBusErrorNotSupported[] = "org.freedesktop.DBus.Error.NotS
 
 class BusMessage {
   public:
-    BusMessage() = default;
-    // Takes over the caller's reference.
-    static BusMessage adopt(sd_bus_message* message) { return BusMessage(message); }
-    // Adds a reference of its own.
-    static BusMessage share(sd_bus_message* message) { return BusMessage(sd_bus_message_ref(message)); }
+    // `view` and its bytes outlive the message.
+    BusMessage(const MessageView& view, std::vector<UniqueFd> descriptors, const char* answerSignature = "")
+        : view_(view),
+          descriptors_(std::move(descriptors)),
+          answerSignature_(answerSignature),
+          reader_(view.reader()) {}
+    BusMessage(const BusMessage&) = delete;
+    BusMessage& operator=(const BusMessage&) = delete;
 
-    BusMessage(BusMessage&& other) noexcept
-        : message_(std::exchange(other.message_, nullptr)), bodySize_(other.bodySize_) {}
-    BusMessage& operator=(BusMessage&& other) noexcept {
-        std::swap(message_, other.message_);
-        std::swap(bodySize_, other.bodySize_);
-        return *this;
-    }
-    ~BusMessage() { sd_bus_message_unref(message_); }
-
-    sd_bus_message* get() const { return message_; }
-    explicit operator bool() const { return message_ != nullptr; }
-
-    // The error of an error reply; std::nullopt for any other message.
-    std::optional<BusError> error() const {
-        const sd_bus_error* error = sd_bus_message_get_error(message_);
-        if (error == nullptr) return std::nullopt;
-        return BusError{error->name != nullptr ? error->name : "error",
-                        error->message != nullptr ? error->message : ""};
+    const MessageView& view() const { return view_; }
+    // The error that an error reply carries. Reads the message's text.
+    std::optional<BusError> error() {
+        if (view_.type != MessageType::error) return std::nullopt;
+        std::string_view text;
+        if (reader_.type() == 's') reader_.read(text);
+        return BusError{std::string(view_.errorName), std::string(text)};
     }
 
-    // --- Reading ---
-
-    // The type of the next value. `contents` is a container's inner signature; it lives as long as the
-    // message.
-    int peekType(char& type, const char*& contents) {
-        return sd_bus_message_peek_type(message_, &type, &contents);
-    }
-    int enter(char type, const char* contents) {
-        return sd_bus_message_enter_container(message_, type, contents);
-    }
-    int exit() { return sd_bus_message_exit_container(message_); }
-    bool atEnd() { return sd_bus_message_at_end(message_, false) > 0; }
-
-    // Reads one basic value of the D-Bus type `type` into `value`, a pointer to the C type that
-    // sd_bus_message_read_basic(3) names.
-    int read(char type, void* value) { return sd_bus_message_read_basic(message_, type, value); }
-    // Reads an array of bytes; the view lives as long as the message.
-    int readBytes(std::string_view& bytes) {
-        const void* start = nullptr;
-        size_t size = 0;
-        const int result = sd_bus_message_read_array(message_, 'y', &start, &size);
-        if (result > 0) bytes = {static_cast<const char*>(start), size};
-        return result;
-    }
-
-    // --- Writing ---
-
-    int open(char type, const char* contents) {
-        bodySize_ += kPerContainer;
-        return sd_bus_message_open_container(message_, type, contents);
-    }
-    int close() { return sd_bus_message_close_container(message_); }
-    // Appends one basic value other than a string.
-    int append(char type, const void* value) {
-        bodySize_ += sizeof(uint64_t);
-        return sd_bus_message_append_basic(message_, type, value);
-    }
-    // Appends a string up to its first NUL: a D-Bus string has no NUL inside. -EINVAL if it is not valid
-    // UTF-8.
-    int appendString(const std::string& text) {
-        bodySize_ += text.size() + sizeof(uint64_t);
-        return sd_bus_message_append_basic(message_, 's', text.c_str());
-    }
-    int appendBytes(std::string_view bytes) {
-        bodySize_ += bytes.size() + kPerContainer;
-        return sd_bus_message_append_array(message_, 'y', bytes.data(), bytes.size());
-    }
-
-    // Approximate number of bytes appended so far.
-    size_t bodySize() const { return bodySize_; }
+    // The body, at the first value that was not read.
+    WireReader& reader() { return reader_; }
+    // Takes a descriptor, by the index that the reader gave for it. Empty if it was taken before.
+    UniqueFd takeDescriptor(uint32_t index) { return std::move(descriptors_[index]); }
+    // The types of the answer to a call.
+    const char* answerSignature() const { return answerSignature_; }
 
   private:
-    static constexpr size_t kPerContainer = 8;
-
-    explicit BusMessage(sd_bus_message* message) : message_(message) {}
-
-    sd_bus_message* message_ = nullptr;
-    size_t bodySize_ = 0;
+    const MessageView view_;
+    std::vector<UniqueFd> descriptors_;
+    const char* answerSignature_;
+    WireReader reader_;
 };
 
 }  // namespace telvora

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <tl/expected.hpp>
 
@@ -12,12 +13,13 @@
 
 namespace telvora {
 
+// A method without arguments.
 struct BusQuery {
     std::string socketPath;
     const char* path = "";  // of the object
     const char* interface = "";
     const char* method = "";
-    std::chrono::milliseconds timeout{10'000};  // for the connection and for the answer, each
+    std::chrono::milliseconds timeout{10'000};  // of the whole
 };
 
 struct BusQueryFailure {
@@ -30,8 +32,9 @@ struct BusQueryFailure {
     std::string message;  // for people
 };
 
-// The answer, at its first argument, or the failure. Blocks the calling thread, which may be any and owns the
-// answer.
-tl::expected<BusMessage, BusQueryFailure> callAndWait(const BusQuery& query);
+// Passes the answer, at its first argument, to `read`, or returns the failure. Blocks the calling thread,
+// which may be any.
+tl::expected<void, BusQueryFailure> callAndWait(const BusQuery& query,
+                                                const std::function<void(BusMessage& answer)>& read);
 
 }  // namespace telvora

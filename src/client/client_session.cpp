@@ -53,9 +53,7 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect
     auto socket = connectTo(socketPath, fullBacklog);
     if (!socket) return tl::unexpected(socket.error());
     auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers));
-    if (const auto started = connection->start(std::move(*socket)); !started) {
-        return tl::unexpected(started.error());
-    }
+    connection->start(std::move(*socket));
     return std::unique_ptr<ClientSession>(new ClientSession(runtime, socketPath, std::move(connection)));
 }
 

@@ -90,9 +90,6 @@ class ClientSession {
     // $TELVORA_SOCKET, else com.zandor.telvorad in $RUNTIME_DIRECTORY or /run/telvora.
     static std::string defaultSocketPath();
 
-    // Maximum size of one call on the wire, in bytes; the daemon ends a connection that sends much more.
-    static constexpr size_t kMaxCallBytes = 16'000'000;
-
     // Connects to the daemon's socket: unix(7). Fails with the reason. `runtime` outlives the session.
     static tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
         ClientRuntime& runtime, const std::string& socketPath, Handlers handlers = {},

@@ -14,17 +14,14 @@ constexpr char kTurnedAway[] =
 
 }  // namespace
 
-tl::expected<void, std::string> ClientSession::Connection::start(UniqueFd socket) {
+void ClientSession::Connection::start(UniqueFd socket) {
     const auto bus = BusConnection::make(strand_, std::move(socket), BusRole::kClient);
-    if (!bus) return tl::unexpected(bus.error());
-    const auto exported = exportMethods<kClientMessageMethods>(**bus, [this](const auto& run) {
+    exportMethods<kClientMessageMethods>(*bus, [this](const auto& run) {
         answered_ = true;
         return run(*this);
     });
-    if (!exported) return exported;
-    bus_ = bus->get();
+    bus_ = bus.get();
     bus_->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); });
-    return {};
 }
 
 void ClientSession::Connection::invalidate() {
@@ -70,12 +67,6 @@ std::shared_ptr<void> ClientSession::Connection::takePendingCall() {
     return {this, [self = shared_from_this()](void*) {
                 self->pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
             }};
-}
-
-// If the call can't be sent, the handler is destroyed, and its completion runs then.
-void ClientSession::Connection::send(BusMessage message, BusConnection::ReplyHandler handler) {
-    const auto sent = bus_->call(std::move(message), std::move(handler));
-    if (!sent) TELVORA_LOG(kLogDebug, "ClientSession(send): %s", sent.error().c_str());
 }
 
 void ClientSession::Connection::messageToClient(std::optional<Dictionary> sessionInfo, double timestamp,

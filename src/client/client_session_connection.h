@@ -49,7 +49,7 @@ class ClientSession::Connection : public ClientMessageInterface,
     bool aggregates() const { return handlers_.aggregationBlock != nullptr; }
 
     // From connect(), before any other thread knows the connection.
-    tl::expected<void, std::string> start(UniqueFd socket);
+    void start(UniqueFd socket);
     void invalidate();
 
     // Whether a session above this one can change its states.
@@ -82,7 +82,13 @@ class ClientSession::Connection : public ClientMessageInterface,
     std::shared_ptr<CompletionOnce<T>> callAfter(const Method<Handler>& method, BeforeWrite beforeWrite,
                                                  Completion<T> completion, Arguments... arguments);
     std::shared_ptr<void> takePendingCall();
-    void send(BusMessage message, BusConnection::ReplyHandler handler);
+    template <typename T>
+    void notSent(BusSendFailure failure, CompletionOnce<T>& once) const {
+        if (failure == BusSendFailure::kEnded) return;  // the destructor of `once` runs the completion
+        once.fail(CallFailure::Kind::kInvalid, failure == BusSendFailure::kTooLarge
+                                                   ? "the arguments are too large"
+                                                   : "the arguments can't be sent");
+    }
     void messageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
                          uint16_t type, std::optional<Dictionary> payload) override;
     void ended(const std::string& reason);
@@ -116,28 +122,28 @@ std::shared_ptr<CompletionOnce<T>> ClientSession::Connection::callAfter(const Me
     asio::post(strand_, [self = shared_from_this(), &method, beforeWrite = std::move(beforeWrite),
                          arguments = std::tuple<Arguments...>(std::move(arguments)...), once,
                          pending = std::move(pending)]() mutable {
-        BusMessage message = self->bus_ != nullptr ? newCall(*self->bus_, method) : BusMessage();
-        if (!message) return;  // the destructor of `once` runs the completion
+        if (self->bus_ == nullptr) return;  // the destructor of `once` runs the completion
         beforeWrite(*self);
-        const auto write = [&](const auto&... values) { return writeArguments(message, method, values...); };
-        if (std::apply(write, arguments) < 0) {
-            return once->fail(CallFailure::Kind::kInvalid, "the arguments can't be sent");
-        }
-        if (message.bodySize() > kMaxCallBytes) {
-            return once->fail(CallFailure::Kind::kInvalid, "the arguments are too large");
-        }
-        self->send(std::move(message),
-                   [self, &method, once, pending = std::move(pending)](BusMessage& reply) {
-                       self->answered_ = true;
-                       if (const auto error = reply.error()) {
-                           const std::string& text = error->message;
-                           return once->fail(CallFailure::Kind::kRefused,
-                                             text.empty() ? error->name : error->name + ": " + text);
-                       }
-                       (*once)(readAnswer<T>(reply, method).map_error([](std::string text) {
-                           return CallFailure{CallFailure::Kind::kInvalid, std::move(text)};
-                       }));
-                   });
+        auto descriptors = std::apply([](auto&... values) { return takeDescriptors(values...); }, arguments);
+        const auto write = [&](WireWriter& body) {
+            return std::apply([&](const auto&... values) { return writeArguments(body, method, values...); },
+                              arguments);
+        };
+        const auto sent = self->bus_->call(
+            destinationOf(method), write,
+            [self, &method, once, pending = std::move(pending)](BusMessage& reply) {
+                self->answered_ = true;
+                if (const auto error = reply.error()) {
+                    const std::string& text = error->message;
+                    return once->fail(CallFailure::Kind::kRefused,
+                                      text.empty() ? error->name : error->name + ": " + text);
+                }
+                (*once)(readAnswer<T>(reply, method).map_error([](std::string text) {
+                    return CallFailure{CallFailure::Kind::kInvalid, std::move(text)};
+                }));
+            },
+            std::move(descriptors));
+        if (!sent) self->notSent(sent.error(), *once);
     });
     return once;
 }

@@ -11,12 +11,16 @@ std::string statusSocketBeside(const std::string& clientSocketPath) {
 
 tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,
                                                       std::chrono::milliseconds timeout) {
-    auto reply = callAndWait(
-        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout});
-    if (!reply) return tl::unexpected(reply.error());
-    return readAnswer<Dictionary>(*reply, method).map_error([](std::string text) {
-        return BusQueryFailure{BusQueryFailure::Kind::kRefused, std::move(text)};
-    });
+    tl::expected<Dictionary, BusQueryFailure> status;
+    const auto answered = callAndWait(
+        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout},
+        [&](BusMessage& answer) {
+            status = readAnswer<Dictionary>(answer, method).map_error([](std::string text) {
+                return BusQueryFailure{BusQueryFailure::Kind::kRefused, std::move(text)};
+            });
+        });
+    if (!answered) return tl::unexpected(answered.error());
+    return status;
 }
 
 }  // namespace telvora

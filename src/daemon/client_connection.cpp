@@ -41,13 +41,7 @@ class BusClientConnection : public ClientConnection,
     BusClientConnection(Strand strand, std::string description)
         : strand_(std::move(strand)), description_(std::move(description)) {}
 
-    void adopt(tl::expected<std::shared_ptr<BusConnection>, std::string> bus) {
-        if (bus) {
-            starting_ = std::move(*bus);
-        } else {
-            failure_ = bus.error();
-        }
-    }
+    void adopt(std::shared_ptr<BusConnection> bus) { starting_ = std::move(bus); }
 
     void setExportedObject(std::shared_ptr<ClientSessionInterface> session) override {
         session_ = std::move(session);
@@ -69,7 +63,7 @@ class BusClientConnection : public ClientConnection,
 
   private:
     void begin();
-    tl::expected<void, std::string> exportInterfaces(BusConnection& bus);
+    void exportInterfaces(BusConnection& bus);
     void ended(const std::string& reason);
     void gone();
     std::optional<Delivery> enqueue(MessageToClient& message) TELVORA_EXCLUDES(outboxLock_);
@@ -90,7 +84,6 @@ class BusClientConnection : public ClientConnection,
 
     // Used on the strand alone, once make() is through.
     std::shared_ptr<BusConnection> starting_;  // until resume()
-    std::string failure_;                      // of starting_
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
     const char* unreachableReason_ = kEnded;   // when bus_ is null
 
@@ -107,26 +100,23 @@ void BusClientConnection::resume() {
 
 void BusClientConnection::begin() {
     const std::shared_ptr<BusConnection> bus = std::move(starting_);
-    if (bus) {
-        if (const auto exported = exportInterfaces(*bus); !exported) failure_ = exported.error();
-    }
-    if (!bus || !failure_.empty()) {
-        ended(failure_);
+    if (!bus) {  // invalidated before
+        ended("invalidated");
         return gone();
     }
+    exportInterfaces(*bus);
     bus_ = bus.get();
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });
 }
 
-tl::expected<void, std::string> BusClientConnection::exportInterfaces(BusConnection& bus) {
-    auto exported = exportMethods<kClientSessionMethods>(bus, [this](const auto& run) {
+void BusClientConnection::exportInterfaces(BusConnection& bus) {
+    exportMethods<kClientSessionMethods>(bus, [this](const auto& run) {
         const LogScope onBehalfOfUser(user_.logAdmission());
         return run(*session_);
     });
-    if (!exported) return exported;
-    return exportMethods<kSandboxExtensionMethods>(bus, [this](const auto& run) {
+    exportMethods<kSandboxExtensionMethods>(bus, [this](const auto& run) {
         const LogScope onBehalfOfUser(user_.logAdmission());
         return run(*this);
     });
@@ -143,7 +133,6 @@ void BusClientConnection::invalidate() {
     asio::post(strand_, [self = shared_from_this()] {
         if (self->bus_ != nullptr) return self->bus_->close("invalidated");
         self->starting_.reset();
-        self->failure_ = "invalidated";
     });
 }
 
@@ -238,11 +227,13 @@ void BusClientConnection::deliver(const MessageToClient& message) {
 
 tl::expected<void, std::string> BusClientConnection::write(BusConnection& bus,
                                                            const MessageToClient& message) {
-    BusMessage call = newCall(bus, kSendMessageToClient);
-    if (call && writeArguments(call, kSendMessageToClient, message.sessionInfo.get(), message.timestamp,
-                               message.category, message.type, message.payload) < 0)
-        return tl::unexpected(std::string("the message can't be written"));
-    return bus.sendOneWay(std::move(call));
+    const auto sent = bus.sendOneWay(destinationOf(kSendMessageToClient), [&message](WireWriter& body) {
+        return writeArguments(body, kSendMessageToClient, message.sessionInfo.get(), message.timestamp,
+                              message.category, message.type, message.payload);
+    });
+    return sent.map_error([](BusSendFailure failure) -> std::string {
+        return failure == BusSendFailure::kEnded ? kEnded : "the message can't be written";
+    });
 }
 
 void BusClientConnection::drop(const MessageToClient& message, Delivery why, const char* reason) {

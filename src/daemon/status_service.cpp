@@ -36,22 +36,14 @@ void StatusService::accept(Strand strand, UniqueFd socket, const Peer& peer) {
     const auto connected = std::make_shared<QuotaCharge>();
     if (!user.take(Quota::connections, 1, *connected)) return;
     const auto bus = BusConnection::make(std::move(strand), std::move(socket), BusRole::kServer, kLimits);
-    auto served = bus.and_then([&](const std::shared_ptr<BusConnection>& connection) {
-        return exportMethods<kStatusMethods>(
-            *connection, [this, admitted](const auto& run) -> std::optional<BusError> {
-                if (admitted) return run(status_);
-                return BusError{kBusErrorAccessDenied,
-                                std::string("The daemon's status is for root, its own user and the group ") +
-                                    kReadersGroup};
-            });
+    exportMethods<kStatusMethods>(*bus, [this, admitted](const auto& run) -> std::optional<BusError> {
+        if (admitted) return run(status_);
+        return BusError{
+            kBusErrorAccessDenied,
+            std::string("The daemon's status is for root, its own user and the group ") + kReadersGroup};
     });
-    if (!served) {
-        TELVORA_LOG(kLogError, "StatusService(accept): can't serve %s: %s", peer.description().c_str(),
-                    served.error().c_str());
-        return;
-    }
     // The handler holds the counts, and the connection keeps it until its end.
-    (*bus)->start([connected, counted = admitted ? nullptr : refused_](const std::string&) {});
+    bus->start([connected, counted = admitted ? nullptr : refused_](const std::string&) {});
 }
 
 }  // namespace telvora

@@ -2,12 +2,7 @@
 //
 // Every report passes through here, so values are read straight to their place, and text is formatted only
 // for a failure.
-#include <fcntl.h>
-
-#include <cstring>
-
 #include "protocol/property_list_codec.h"
-#include "util/error_text.h"
 
 namespace telvora {
 
@@ -16,59 +11,63 @@ bool ArgumentReader::fail(std::string failure) {
     return false;
 }
 
-bool ArgumentReader::check(int result) {
-    return result > 0 || fail(result < 0 ? "Malformed argument" : "Missing argument");
+bool ArgumentReader::failRead() {
+    return fail(wire_.violation() != nullptr ? "Malformed argument" : "Missing argument");
+}
+
+bool ArgumentReader::enter(char type, std::string_view contents) {
+    if (!ok()) return false;
+    if (wire_.type() != type || !wire_.enter()) return failRead();
+    return wire_.types().substr(0, contents.size()) == contents || fail("Malformed argument");
 }
 
 // --- Plain arguments ---
 
 bool ArgumentReader::boolean() {
-    int value = 0;  // D-Bus carries a boolean in 32 bits
-    read('b', &value);
-    return value != 0;
+    bool value = false;
+    read(value);
+    return value;
 }
 
 uint16_t ArgumentReader::u16() {
     uint16_t value = 0;
-    read('q', &value);
+    read(value);
     return value;
 }
 
 double ArgumentReader::real() {
     double value = 0;
-    read('d', &value);
+    read(value);
     return value;
 }
 
 std::string ArgumentReader::string() {
-    const char* value = nullptr;
-    return read('s', &value) ? std::string(value) : std::string();
+    std::string_view value;
+    return read(value) ? std::string(value) : std::string();
 }
 
 std::vector<std::string> ArgumentReader::strings() {
     std::vector<std::string> values;
     if (!enter('a', "s")) return values;
-    while (ok() && !message_.atEnd())
+    while (ok() && !wire_.atEnd())
         values.push_back(string());
-    if (ok()) exit();
+    leave();
     return values;
 }
 
 UniqueFd ArgumentReader::file() {
-    int borrowed = -1;
-    if (!read('h', &borrowed)) return {};
-    UniqueFd own(fcntl(borrowed, F_DUPFD_CLOEXEC, 3));
-    if (!own) fail(errorText("No descriptor left", errno));
-    return own;
+    uint32_t index = 0;
+    if (!ok() || (!wire_.readDescriptor(index) && !failRead())) return {};
+    return message_.takeDescriptor(index);
 }
 
 TelvoraError ArgumentReader::error() {
     TelvoraError error;
-    if (!enter('r', "sis")) return error;
+    if (!enter('(', "sis")) return error;
     error.domain = string();
-    read('i', &error.code);
+    read(error.code);
     error.description = string();
-    if (ok()) exit();
+    leave();
     return error;
 }
 
@@ -90,99 +89,95 @@ void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
     if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
     if (!enter('a', "{sv}")) return;
     std::vector<Dictionary::Entry> entries;
-    for (;;) {
-        const int entered = message_.enter('e', "sv");
-        if (entered == 0) break;
-        if (!check(entered)) return;
-        const char* key = nullptr;
-        if (!read('s', &key)) return;
+    while (ok() && !wire_.atEnd()) {
+        std::string_view key;
+        if (!wire_.enter() || !wire_.read(key)) return void(failRead());
         PropertyList value = readVariant(depth);
-        if (!ok() || !exit()) return;
-        entries.push_back({key, std::move(value)});
+        leave();
+        if (!ok()) return;
+        entries.push_back({std::string(key), std::move(value)});
     }
+    leave();
     dictionary = Dictionary::fromEntries(std::move(entries));
-    exit();
 }
 
 void ArgumentReader::readElements(Array& array, int depth) {
     if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
     if (!enter('a', "v")) return;
-    while (!message_.atEnd()) {
+    while (ok() && !wire_.atEnd())
         array.push_back(readVariant(depth));
-        if (!ok()) return;
-    }
-    exit();
+    leave();
 }
 
 PropertyList ArgumentReader::readVariant(int depth) {
-    char type = 0;
-    const char* contents = nullptr;
-    if (!check(message_.peekType(type, contents)) || !enter('v', contents)) return {};
-    PropertyList value = readValue(contents[0], contents, depth);
-    if (ok()) exit();
+    if (!enter('v', "")) return {};
+    PropertyList value = readValue(depth);
+    leave();
     return value;
 }
 
 template <typename Wire, typename Value>
-PropertyList ArgumentReader::readNumber(char type) {
+PropertyList ArgumentReader::readNumber() {
     Wire value{};
-    read(type, &value);
+    read(value);
     return PropertyList(static_cast<Value>(value));
 }
 
-PropertyList ArgumentReader::readValue(char type, const char* contents, int depth) {
-    switch (type) {
+PropertyList ArgumentReader::readValue(int depth) {
+    switch (wire_.type()) {
         case 's': {
-            const char* value = nullptr;
-            return read('s', &value) ? PropertyList(value) : PropertyList();
+            std::string_view value;
+            return read(value) ? PropertyList(value) : PropertyList();
         }
         case 'b':
-            return readNumber<int, bool>('b');
+            return readNumber<bool, bool>();
         case 'y':
-            return readNumber<uint8_t, unsigned>('y');
+            return readNumber<uint8_t, unsigned>();
         case 'n':
-            return readNumber<int16_t, int>('n');
+            return readNumber<int16_t, int>();
         case 'q':
-            return readNumber<uint16_t, unsigned>('q');
+            return readNumber<uint16_t, unsigned>();
         case 'i':
-            return readNumber<int32_t, int>('i');
+            return readNumber<int32_t, int>();
         case 'u':
-            return readNumber<uint32_t, unsigned>('u');
+            return readNumber<uint32_t, unsigned>();
         case 'x':
-            return readNumber<int64_t, long>('x');
+            return readNumber<int64_t, long>();
         case 't':
-            return readNumber<uint64_t, unsigned long>('t');
+            return readNumber<uint64_t, unsigned long>();
         case 'd':
-            return readNumber<double, double>('d');
+            return readNumber<double, double>();
         default:
-            return readContainer(contents, depth);
+            return readContainer(depth);
     }
 }
 
-PropertyList ArgumentReader::readContainer(const char* contents, int depth) {
-    if (std::strcmp(contents, "a{sv}") == 0) {
+PropertyList ArgumentReader::readContainer(int depth) {
+    const std::string_view type = wire_.types();
+    if (type == "a{sv}") {
         Dictionary value;
         readEntries(value, depth + 1);
         return value;
     }
-    if (std::strcmp(contents, "av") == 0) {
+    if (type == "av") {
         Array value;
         readElements(value, depth + 1);
         return value;
     }
-    if (std::strcmp(contents, "ay") == 0) {
+    if (type == "ay") {
         std::string_view bytes;
-        if (const int result = message_.readBytes(bytes); result < 0) check(result);
+        if (!wire_.readBytes(bytes)) failRead();
         return Data{std::string(bytes)};
     }
-    if (std::strcmp(contents, "(d)") == 0) return readDate();
-    fail(std::string("A value of type '") + contents + "' has no place in a property list");
+    if (type == "(d)") return readDate();
+    fail("A value of type '" + std::string(type) + "' has no place in a property list");
     return {};
 }
 
 PropertyList ArgumentReader::readDate() {
     Date date;
-    if (enter('r', "d") && read('d', &date.seconds)) exit();
+    if (enter('(', "d")) read(date.seconds);
+    leave();
     return date;
 }
 

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cerrno>
-
 #include "protocol/property_list_codec.h"
 #include "util/utf8.h"
 
@@ -8,114 +6,85 @@ namespace telvora {
 
 // --- Plain arguments ---
 
-void ArgumentWriter::boolean(bool value) {
-    const int wire = value ? 1 : 0;
-    append('b', &wire);
-}
-
-void ArgumentWriter::u16(uint16_t value) {
-    append('q', &value);
-}
-
-void ArgumentWriter::real(double value) {
-    append('d', &value);
-}
-
 void ArgumentWriter::string(const std::string& value) {
-    if (result_ < 0) return;
-    int result = message_.appendString(value);
-    if (result == -EINVAL) result = message_.appendString(replaceInvalidUtf8(value));
-    check(result);
+    const std::string_view text(value.c_str());
+    if (isValidUtf8(text)) return wire_.append(text);
+    wire_.append(replaceInvalidUtf8(text));
 }
 
 void ArgumentWriter::strings(const std::vector<std::string>& values) {
-    open('a', "s");
+    const auto mark = wire_.openArray(alignmentOf('s'));
     for (const std::string& value : values)
         string(value);
-    close();
-}
-
-void ArgumentWriter::file(int fd) {
-    append('h', &fd);
+    wire_.closeArray(mark);
 }
 
 void ArgumentWriter::error(const TelvoraError& value) {
-    open('r', "sis");
+    wire_.beginStructure();
     string(value.domain);
-    append('i', &value.code);
+    wire_.append(value.code);
     string(value.description);
-    close();
 }
 
 // --- Property lists ---
 
 void ArgumentWriter::dictionary(const Dictionary& value, int depth) {
-    if (depth >= kMaxPropertyListDepth) return check(-ELOOP);
-    open('a', "{sv}");
+    if (depth >= kMaxPropertyListDepth) return void(ok_ = false);
+    const auto mark = wire_.openArray(alignmentOf('{'));
     for (const Dictionary::Entry& entry : value) {
-        open('e', "sv");
+        wire_.beginStructure();
         string(entry.key);
         variant(entry.value, depth);
-        close();
     }
-    close();
+    wire_.closeArray(mark);
 }
 
 void ArgumentWriter::array(const Array& value, int depth) {
-    if (depth >= kMaxPropertyListDepth) return check(-ELOOP);
-    open('a', "v");
+    if (depth >= kMaxPropertyListDepth) return void(ok_ = false);
+    const auto mark = wire_.openArray(alignmentOf('v'));
     for (const PropertyList& element : value)
         variant(element, depth);
-    close();
+    wire_.closeArray(mark);
 }
 
 struct ArgumentWriter::VariantWriter {
     ArgumentWriter& out;
     int depth;
 
-    template <typename Write>
-    void inside(const char* type, Write write) const {
-        out.open('v', type);
-        write();
-        out.close();
+    template <typename Number>
+    void number(const char* type, Number value) const {
+        out.wire_.appendSignature(type);
+        out.wire_.append(value);
     }
-    void operator()(bool value) const {
-        inside("b", [&] { out.boolean(value); });
-    }
-    void operator()(int64_t value) const {
-        inside("x", [&] { out.append('x', &value); });
-    }
-    void operator()(uint64_t value) const {
-        inside("t", [&] { out.append('t', &value); });
-    }
-    void operator()(double value) const {
-        inside("d", [&] { out.real(value); });
-    }
+    void operator()(bool value) const { number("b", value); }
+    void operator()(int64_t value) const { number("x", value); }
+    void operator()(uint64_t value) const { number("t", value); }
+    void operator()(double value) const { number("d", value); }
     void operator()(const std::string& value) const {
-        inside("s", [&] { out.string(value); });
+        out.wire_.appendSignature("s");
+        out.string(value);
     }
     void operator()(const Data& value) const {
-        inside("ay", [&] {
-            if (out.result_ >= 0) out.check(out.message_.appendBytes(value.bytes));
-        });
+        out.wire_.appendSignature("ay");
+        out.wire_.appendBytes(value.bytes);
     }
     void operator()(const Date& value) const {
-        inside("(d)", [&] {
-            out.open('r', "d");
-            out.real(value.seconds);
-            out.close();
-        });
+        out.wire_.appendSignature("(d)");
+        out.wire_.beginStructure();
+        out.wire_.append(value.seconds);
     }
     void operator()(const Array& value) const {
-        inside("av", [&] { out.array(value, depth + 1); });
+        out.wire_.appendSignature("av");
+        out.array(value, depth + 1);
     }
     void operator()(const Dictionary& value) const {
-        inside("a{sv}", [&] { out.dictionary(value, depth + 1); });
+        out.wire_.appendSignature("a{sv}");
+        out.dictionary(value, depth + 1);
     }
 };
 
 void ArgumentWriter::variant(const PropertyList& value, int depth) {
-    if (result_ >= 0) std::visit(VariantWriter{*this, depth}, value.value());
+    std::visit(VariantWriter{*this, depth}, value.value());
 }
 
 // --- Sizes ---

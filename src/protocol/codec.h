@@ -54,7 +54,7 @@ template <>
 struct Codec<UniqueFd> {
     static const char* type() { return "h"; }
     static UniqueFd read(ArgumentReader& in) { return in.file(); }
-    static void write(ArgumentWriter& out, const UniqueFd& value) { out.file(value.get()); }
+    static void write(ArgumentWriter& out, const UniqueFd&) { out.file(); }
 };
 
 template <>

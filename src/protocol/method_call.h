@@ -11,23 +11,45 @@
 
 namespace telvora {
 
-// A new call of the method; see BusConnection::newCall().
+// The types of the method's arguments, one after another.
 template <typename Handler>
-BusMessage newCall(BusConnection& bus, const Method<Handler>& method) {
-    using Interface = typename Method<Handler>::Interface;
-    return bus.newCall(Interface::kWirePath, Interface::kWireName, method.name);
+const std::string& argumentSignature(const Method<Handler>&) {
+    // Never destroyed: a client's thread may use it to the very end of its process.
+    static const std::string& signature = *[]<typename... In>(std::type_identity<std::tuple<In...>>) {
+        return new std::string((std::string() + ... + Codec<In>::type()));
+    }(std::type_identity<typename Method<Handler>::Arguments>());
+    return signature;
 }
 
-// Appends the arguments to a call. A pointer may stand for an optional argument. 0, or a negative errno.
+// What a call of the method is sent to.
+template <typename Handler>
+BusConnection::Destination destinationOf(const Method<Handler>& method) {
+    using Interface = typename Method<Handler>::Interface;
+    return {Interface::kWirePath, Interface::kWireName, method.name, argumentSignature(method)};
+}
+
+// Writes the arguments of a call. A pointer may stand for an optional argument. False if they can't be
+// written.
 template <typename Handler, typename... Given>
-int writeArguments(BusMessage& call, const Method<Handler>&, const Given&... values) {
-    ArgumentWriter out(call);
+bool writeArguments(WireWriter& body, const Method<Handler>&, const Given&... values) {
+    ArgumentWriter out(body);
     const auto write = [&]<typename... In>(std::type_identity<std::tuple<In...>>) {
         static_assert(sizeof...(In) == sizeof...(Given), "the method has another number of arguments");
         (Codec<In>::write(out, values), ...);
     };
     write(std::type_identity<typename Method<Handler>::Arguments>());
-    return out.result();
+    return out.ok();
+}
+
+// Takes the descriptors among the arguments of a call, which are sent with it.
+template <typename... Given>
+std::vector<UniqueFd> takeDescriptors(Given&... values) {
+    std::vector<UniqueFd> descriptors;
+    [[maybe_unused]] const auto take = [&descriptors]<typename T>(T& value) {
+        if constexpr (std::is_same_v<T, UniqueFd>) descriptors.push_back(std::move(value));
+    };
+    (take(values), ...);
+    return descriptors;
 }
 
 // The answer, of type T: void, the type of the only argument, or a structure of the arguments in their order.

@@ -56,10 +56,10 @@ std::tuple<T...> readArguments(ArgumentReader& in, std::type_identity<std::tuple
 }
 
 template <typename... T>
-int writeAnswer(BusMessage& reply, const std::tuple<T...>& answer) {
-    ArgumentWriter out(reply);
+bool writeAnswer(WireWriter& body, const std::tuple<T...>& answer) {
+    ArgumentWriter out(body);
     std::apply([&out](const T&... value) { (Codec<T>::write(out, value), ...); }, answer);
-    return out.result();
+    return out.ok();
 }
 
 // Holds the call until it is run or destroyed, on any thread.
@@ -67,8 +67,8 @@ template <typename... Out>
 std::function<void(Out...)> replyTo(std::shared_ptr<PendingCall> call,
                                     std::type_identity<std::tuple<Out...>>) {
     return [call = std::move(call)](Out... values) {
-        call->reply([answer = std::tuple<Out...>(std::move(values)...)](BusMessage& reply) {
-            return writeAnswer(reply, answer);
+        call->reply([answer = std::tuple<Out...>(std::move(values)...)](WireWriter& body) {
+            return writeAnswer(body, answer);
         });
     };
 }
@@ -94,13 +94,13 @@ std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<
         run(replyTo(bus.defer(call), Answer()));
     } else if constexpr (std::tuple_size_v<typename Traits::Answer> == 0) {
         run();
-        bus.replyNow(call, [](BusMessage&) { return 0; });
+        bus.replyNow(call, [](WireWriter&) { return true; });
     } else {
         using Out = std::tuple_element_t<0, typename Traits::Answer>;
         tl::expected<Out, BusError> answer = run();
         if (!answer) return answer.error();
         bus.replyNow(
-            call, [&](BusMessage& reply) { return writeAnswer(reply, std::tuple<Out>(std::move(*answer))); });
+            call, [&](WireWriter& body) { return writeAnswer(body, std::tuple<Out>(std::move(*answer))); });
     }
     return std::nullopt;
 }
@@ -119,13 +119,13 @@ constexpr auto callsOf(std::index_sequence<index...>) {
 }
 
 // Exports the methods on `bus`. For each call, `around` is called with a function `run`: it returns
-// `run(target)`, with the object that answers the call, or an error. Fails with the bus's reason.
+// `run(target)`, with the object that answers the call, or an error.
 template <const auto& kMethods, typename Around>
-tl::expected<void, std::string> exportMethods(BusConnection& bus, Around around) {
+void exportMethods(BusConnection& bus, Around around) {
     using Target = InterfaceOf<kMethods>;
     constexpr size_t kCount = std::tuple_size_v<std::remove_cvref_t<decltype(kMethods)>>;
     static constexpr auto kCalls = callsOf<kMethods>(std::make_index_sequence<kCount>());
-    return bus.exportInterface(
+    bus.exportInterface(
         Target::kWirePath, busInterface<kMethods>(),
         [&bus, around = std::move(around)](size_t method, BusMessage& call) -> std::optional<BusError> {
             return around([&](Target& target) { return kCalls[method](target, bus, call); });

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "bus/bus_message.h"
+#include "bus/wire_writer.h"
 #include "plist/property_list.h"
 #include "protocol/telvora_error.h"
 #include "util/unique_fd.h"
@@ -30,7 +31,7 @@ inline constexpr int kMaxPropertyListDepth = 16;
 
 class ArgumentReader {
   public:
-    explicit ArgumentReader(BusMessage& message) : message_(message) {}
+    explicit ArgumentReader(BusMessage& message) : message_(message), wire_(message.reader()) {}
 
     bool boolean();
     uint16_t u16();
@@ -40,16 +41,16 @@ class ArgumentReader {
     Dictionary dictionary();
     Array array();
     TelvoraError error();
-    // A duplicate of the received descriptor, close-on-exec.
+    // The received descriptor, close-on-exec.
     UniqueFd file();
     // An array of at most one element of the D-Bus type `element`, which `read` reads.
     template <typename Read>
-    auto optional(const char* element, Read read) -> std::optional<decltype(read())> {
+    auto optional(std::string_view element, Read read) -> std::optional<decltype(read())> {
         std::optional<decltype(read())> value;
         if (!enter('a', element)) return value;
-        if (!message_.atEnd()) value = read();
-        if (ok() && !message_.atEnd()) fail("More than one element where one value or nothing is expected");
-        if (ok()) exit();
+        if (!wire_.atEnd()) value = read();
+        if (ok() && !wire_.atEnd()) fail("More than one element where one value or nothing is expected");
+        leave();
         return value;
     }
 
@@ -58,71 +59,68 @@ class ArgumentReader {
     const std::string& failure() const { return failure_; }
 
   private:
-    bool check(int result);
     bool fail(std::string failure);
-    bool read(char type, void* value) { return ok() && check(message_.read(type, value)); }
-    bool enter(char type, const char* contents) { return ok() && check(message_.enter(type, contents)); }
-    bool exit() { return check(message_.exit()); }
+    // A read of the wire failed.
+    bool failRead();
+    template <typename T>
+    bool read(T& value) {
+        return ok() && (wire_.read(value) || failRead());
+    }
+    // `contents`: the types within the container.
+    bool enter(char type, std::string_view contents);
+    void leave() {
+        if (ok() && !wire_.leave()) failRead();
+    }
 
     void readEntries(Dictionary& dictionary, int depth);
     void readElements(Array& array, int depth);
     PropertyList readVariant(int depth);
-    PropertyList readValue(char type, const char* contents, int depth);
+    PropertyList readValue(int depth);
     template <typename Wire, typename Value>
-    PropertyList readNumber(char type);
-    PropertyList readContainer(const char* contents, int depth);
+    PropertyList readNumber();
+    PropertyList readContainer(int depth);
     PropertyList readDate();
 
     BusMessage& message_;
+    WireReader& wire_;
     std::string failure_;
 };
 
 class ArgumentWriter {
   public:
-    explicit ArgumentWriter(BusMessage& message) : message_(message) {}
+    explicit ArgumentWriter(WireWriter& wire) : wire_(wire) {}
 
-    void boolean(bool value);
-    void u16(uint16_t value);
-    void real(double value);
-    // Invalid UTF-8 is replaced with U+FFFD.
+    void boolean(bool value) { wire_.append(value); }
+    void u16(uint16_t value) { wire_.append(value); }
+    void real(double value) { wire_.append(value); }
+    // Invalid UTF-8 is replaced with U+FFFD. The text ends at its first NUL, which D-Bus does not carry.
     void string(const std::string& value);
     void strings(const std::vector<std::string>& values);
     void dictionary(const Dictionary& value) { dictionary(value, 0); }
     void array(const Array& value) { array(value, 0); }
     void error(const TelvoraError& value);
-    // Sends a duplicate of `fd`.
-    void file(int fd);
+    // The next of the descriptors that are sent with the message.
+    void file() { wire_.append(files_++); }
     // An array of `value`, which `write` writes as the D-Bus type `element`; empty if `value` is null.
     template <typename Value, typename Write>
-    void optional(const char* element, const Value* value, Write write) {
-        open('a', element);
+    void optional(std::string_view element, const Value* value, Write write) {
+        const auto mark = wire_.openArray(alignmentOf(element.front()));
         if (value != nullptr) write(*value);
-        close();
+        wire_.closeArray(mark);
     }
 
-    // 0, or the negative errno of the first failure.
-    int result() const { return result_; }
+    // False if a value was nested too deep.
+    bool ok() const { return ok_; }
 
   private:
-    void check(int result) {
-        if (result < 0 && result_ >= 0) result_ = result;
-    }
-    void append(char type, const void* value) {
-        if (result_ >= 0) check(message_.append(type, value));
-    }
-    void open(char type, const char* contents) {
-        if (result_ >= 0) check(message_.open(type, contents));
-    }
-    void close() {
-        if (result_ >= 0) check(message_.close());
-    }
     void dictionary(const Dictionary& value, int depth);
     void array(const Array& value, int depth);
     void variant(const PropertyList& value, int depth);
     struct VariantWriter;
 
-    BusMessage& message_;
-    int result_ = 0;
+    WireWriter& wire_;
+    uint32_t files_ = 0;
+    bool ok_ = true;
 };
 
 // Approximate size of the value on the wire, in bytes.

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "bus/bus_message.h"
+#include "tests/support/sd_bus_message.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
@@ -42,16 +42,16 @@ class BusPeer {
 
     void close() { sd_bus_close_unref(std::exchange(bus_, nullptr)); }
 
-    BusMessage newCall(const char* path, const char* interface, const char* method) {
+    SdBusMessage newCall(const char* path, const char* interface, const char* method) {
         sd_bus_message* message = nullptr;
         check(sd_bus_message_new_method_call(bus_, &message, nullptr, path, interface, method));
-        return BusMessage::adopt(message);
+        return SdBusMessage::adopt(message);
     }
     // The answer, a method return or an error. Empty if the connection has ended.
-    BusMessage call(const BusMessage& message) {
+    SdBusMessage call(const SdBusMessage& message) {
         const uint64_t cookie = send(message);
         for (;;) {
-            BusMessage next = receive();
+            SdBusMessage next = receive();
             uint64_t answered = 0;
             if (!next ||
                 (sd_bus_message_get_reply_cookie(next.get(), &answered) >= 0 && answered == cookie)) {
@@ -59,18 +59,18 @@ class BusPeer {
             }
         }
     }
-    uint64_t send(const BusMessage& message) {
+    uint64_t send(const SdBusMessage& message) {
         uint64_t cookie = 0;
         check(sd_bus_send(bus_, message.get(), &cookie));
         return cookie;
     }
     // The next message. Empty if the connection has ended.
-    BusMessage receive() {
+    SdBusMessage receive() {
         for (;;) {
             sd_bus_message* message = nullptr;
             const int result = sd_bus_process(bus_, &message);
             if (message != nullptr && sd_bus_message_is_signal(message, nullptr, "Disconnected") <= 0) {
-                return BusMessage::adopt(message);
+                return SdBusMessage::adopt(message);
             }
             if (result < 0 || message != nullptr) {
                 sd_bus_message_unref(message);
@@ -79,6 +79,8 @@ class BusPeer {
             if (result == 0) check(sd_bus_wait(bus_, UINT64_MAX));
         }
     }
+    // One step, without waiting.
+    void process() { check(sd_bus_process(bus_, nullptr)); }
     void flush() { check(sd_bus_flush(bus_)); }
 
   private:
@@ -90,7 +92,7 @@ class BusPeer {
 };
 
 // "" for a method return, the name of an error, "ended" if there is no answer.
-inline std::string errorName(const BusMessage& reply) {
+inline std::string errorName(const SdBusMessage& reply) {
     if (!reply) return "ended";
     const auto error = reply.error();
     return error ? error->name : "";

@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 using test::BusPeer;
 using test::errorName;
+using test::SdBusMessage;
 
 constexpr char kPath[] = "/test", kInterface[] = "com.example.Test";
 const BusInterface kMethods(kInterface, {{"Fill", {{"bytes", "u"}}, {{"text", "s"}}},
@@ -35,8 +36,7 @@ class BusConnectionTest : public testing::Test {
 
     Served serve(BusLimits limits = {}) {
         test::SocketPair sockets;
-        auto bus =
-            *BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
+        auto bus = BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
         const auto handle = [this, bus = bus.get()](size_t method,
                                                     BusMessage& call) -> std::optional<BusError> {
             if (method == 1) throw std::runtime_error("thrown");
@@ -46,13 +46,15 @@ class BusConnectionTest : public testing::Test {
                 return std::nullopt;
             }
             uint32_t size = 0;
-            call.read('u', &size);
+            call.reader().read(size);
             calledWhileCongested_ = calledWhileCongested_ || bus->outputCongested();
-            bus->replyNow(call,
-                          [size](BusMessage& reply) { return reply.appendString(std::string(size, 'x')); });
+            bus->replyNow(call, [size](WireWriter& body) {
+                body.append(std::string(size, 'x'));
+                return true;
+            });
             return std::nullopt;
         };
-        EXPECT_TRUE(bus->exportInterface(kPath, kMethods, handle));
+        bus->exportInterface(kPath, kMethods, handle);
         auto ended = std::make_shared<std::promise<std::string>>();
         bus->start([ended](const std::string& reason) { ended->set_value(reason); });
         return {bus, std::move(sockets.theirs), ended->get_future()};
@@ -70,8 +72,8 @@ class BusConnectionTest : public testing::Test {
         onStrand(served, [&] { served.bus->close("done"); });
         served.ended.wait();
     }
-    static BusMessage fillCall(BusPeer& peer, uint32_t size) {
-        BusMessage call = peer.newCall(kPath, kInterface, "Fill");
+    static SdBusMessage fillCall(BusPeer& peer, uint32_t size) {
+        SdBusMessage call = peer.newCall(kPath, kInterface, "Fill");
         call.append('u', &size);
         return call;
     }
@@ -100,7 +102,7 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(errorName(peer.call(peer.newCall(c.path, c.interface, c.method))), c.error) << c.method;
-    BusMessage description =
+    SdBusMessage description =
         peer.call(peer.newCall(kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
     const char* xml = "";
     description.read('s', &xml);
@@ -199,8 +201,8 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     peer.flush();
     twoPending_.get_future().wait();
     auto first = pending_[0];
-    first->reply([](BusMessage&) { return 0; });  // makes room for the third
-    first->reply([](BusMessage&) { return 0; });  // and once only
+    first->reply([](WireWriter&) { return true; });  // makes room for the third
+    first->reply([](WireWriter&) { return true; });  // and once only
     EXPECT_EQ(errorName(peer.receive()), "");
 
     // The hang-up of a peer whose input is paused is noticed; later answers are dropped.
@@ -209,7 +211,7 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     peer.close();
     served.ended.wait();
     for (const auto& call : pending_)
-        call->reply([](BusMessage&) { return 0; });
+        call->reply([](WireWriter&) { return true; });
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "protocol/client_session_methods.h"
-#include "protocol/method_call.h"
 #include "tests/support/bus_peer.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/log_capture.h"
@@ -15,6 +14,8 @@
 
 namespace telvora::test {
 namespace {
+
+using namespace std::string_view_literals;
 
 class ClientConnectionTest : public testing::Test {
   protected:
@@ -34,12 +35,12 @@ class ClientConnectionTest : public testing::Test {
         connection->resume();
         peer = std::make_unique<BusPeer>(std::move(theirs));
     }
-    BusMessage sessionCall(const char* method) {
+    SdBusMessage sessionCall(const char* method) {
         return peer->newCall(kTelvoradPath, ClientSessionInterface::kWireName, method);
     }
-    BusMessage reportCall() {
-        BusMessage call = sessionCall("SendMessageWithCategory");
-        EXPECT_EQ(writeArguments(call, kSendMessageWithCategory, 1, 2, std::nullopt), 0);
+    SdBusMessage reportCall() {
+        SdBusMessage call = sessionCall("SendMessageWithCategory");
+        EXPECT_GE(sd_bus_message_append(call.get(), "qqaa{sv}", 1, 2, 0), 0);
         return call;
     }
 
@@ -61,14 +62,16 @@ TEST_F(ClientConnectionTest, AnswersFromAnyThreadLateOrNever) {
             reply("twice");
         });
     };
-    BusMessage reply = peer->call(reportCall());
-    EXPECT_EQ(readAnswer<std::optional<std::string>>(reply, kSendMessageWithCategory), "late");
+    SdBusMessage reply = peer->call(reportCall());
+    const char* text = "";
+    EXPECT_GT(sd_bus_message_read(reply.get(), "as", 1, &text), 0);
+    EXPECT_STREQ(text, "late");
     threads[0].join();
 
     session->onSendMessage = [](StringReply) {};  // no answer
     peer->send(reportCall());
     const uint64_t cookie = peer->send(sessionCall("FetchDisplayURL"));
-    BusMessage next = peer->receive();
+    SdBusMessage next = peer->receive();
     uint64_t answered = 0;
     ASSERT_GE(sd_bus_message_get_reply_cookie(next.get(), &answered), 0);
     EXPECT_EQ(answered, cookie);
@@ -123,23 +126,25 @@ TEST_F(ClientConnectionTest, BringsMessagesToTheClientInOrderAndOnceMoreAtTheEnd
     connection->invalidate();
     ended.get_future().wait();
 
-    BusMessage first = peer->receive();
+    SdBusMessage first = peer->receive();
     ASSERT_TRUE(first);
     EXPECT_STREQ(sd_bus_message_get_path(first.get()), ClientMessageInterface::kWirePath);
     EXPECT_STREQ(sd_bus_message_get_member(first.get()), "SendMessageToClient");
     EXPECT_EQ(sd_bus_message_get_expect_reply(first.get()), 0);
-    ArgumentReader in(first);
-    using Optional = Codec<std::optional<Dictionary>>;
-    EXPECT_EQ(Optional::read(in), *info);
-    EXPECT_EQ(in.real(), 12.5);
-    EXPECT_EQ(in.u16(), 3);
-    EXPECT_EQ(in.u16(), 4);
-    EXPECT_EQ(Optional::read(in), (Dictionary{{"k", "v"}}));
-    BusMessage marker = peer->receive();
+    const char *infoKey = "", *key = "", *value = "";
+    int64_t number = 0;
+    double time = 0;
+    uint16_t category = 0, type = 0;
+    EXPECT_GT(sd_bus_message_read(first.get(), "aa{sv}dqqaa{sv}", 1, 1, &infoKey, "x", &number, &time,
+                                  &category, &type, 1, 1, &key, "s", &value),
+              0);
+    EXPECT_EQ((std::tuple(std::string_view(infoKey), number, time, category, type, std::string_view(key),
+                          std::string_view(value))),
+              (std::tuple("session"sv, 7, 12.5, 3, 4, "k"sv, "v"sv)));
+    SdBusMessage marker = peer->receive();
     ASSERT_TRUE(marker);
-    ArgumentReader markerIn(marker);
-    EXPECT_EQ(Optional::read(markerIn), std::nullopt);
-    EXPECT_EQ(markerIn.real(), 0);
+    EXPECT_GT(sd_bus_message_read(marker.get(), "aa{sv}d", 0, &time), 0);
+    EXPECT_EQ(time, 0);
     EXPECT_FALSE(peer->receive());
     connection->sendMessageToClient(info, 1, 1, 1, std::nullopt, {});
     EXPECT_TRUE(log.contains(
@@ -178,11 +183,10 @@ TEST_F(ClientConnectionTest, KeepsMessagesForAClientThatLags) {
     EXPECT_EQ(outcomes[static_cast<int>(Delivery::overQuota)], 1);
     double last = 0;
     for (int i = 0; i < kept; ++i) {
-        BusMessage message = peer->receive();
+        SdBusMessage message = peer->receive();
         ASSERT_TRUE(message);
-        ArgumentReader in(message);
-        Codec<std::optional<Dictionary>>::read(in);
-        const double number = in.real();
+        double number = 0;
+        EXPECT_GT(sd_bus_message_read(message.get(), "aa{sv}d", 1, 0, &number), 0);
         EXPECT_GT(number, last);
         last = number;
     }

@@ -13,13 +13,14 @@ using test::BusMessages;
 
 class PropertyListCodec : public testing::Test {
   protected:
-    // The message of `write` as the other side reads it.
-    BusMessage written(const std::function<void(ArgumentWriter&)>& write) {
-        BusMessage message = messages_.make();
-        ArgumentWriter out(message);
-        write(out);
-        EXPECT_EQ(out.result(), 0);
-        return BusMessages::readable(std::move(message));
+    // The message that `write` writes, as the other side receives it. Null if it can't be written.
+    static std::unique_ptr<test::OwnedMessage> written(const char* signature,
+                                                       const std::function<void(ArgumentWriter&)>& write) {
+        return BusMessages::written(signature, [&](WireWriter& body) {
+            ArgumentWriter out(body);
+            write(out);
+            return out.ok();
+        });
     }
 
     BusMessages messages_;
@@ -43,17 +44,16 @@ TEST_F(PropertyListCodec, CarriesEveryKindOfValue) {
         {"array", Array{1, "two", 3.5, Array{}, Dictionary{}, Data{"d"}, Date{-1}}},
         {"dictionary", Dictionary{{"", Dictionary{{"k", Array{Array{Array{false}}}}}}}},
     };
-    BusMessage message = written([&](ArgumentWriter& out) { out.dictionary(sent); });
-    EXPECT_STREQ(sd_bus_message_get_signature(message.get(), true), "a{sv}");
-    ArgumentReader in(message);
+    const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(sent); });
+    ArgumentReader in(*message);
     EXPECT_EQ(in.dictionary(), sent);
     EXPECT_TRUE(in.ok()) << in.failure();
 }
 
 TEST_F(PropertyListCodec, ReadsEveryIntegerTypeAndTheLastOfEqualKeys) {
-    BusMessage message = messages_.make("ava{sv}", 5, "y", 255, "n", -32768, "q", 65535, "i", INT32_MIN, "u",
+    const auto message = messages_.make("ava{sv}", 5, "y", 255, "n", -32768, "q", 65535, "i", INT32_MIN, "u",
                                         UINT32_MAX, 3, "k", "s", "first", "j", "b", 1, "k", "i", 2);
-    ArgumentReader in(message);
+    ArgumentReader in(*message);
     EXPECT_EQ(in.array(), (Array{255, -32768, 65535, INT32_MIN, UINT32_MAX}));
     EXPECT_EQ(in.dictionary(), (Dictionary{{"j", true}, {"k", 2}}));
     EXPECT_TRUE(in.ok()) << in.failure();
@@ -61,8 +61,8 @@ TEST_F(PropertyListCodec, ReadsEveryIntegerTypeAndTheLastOfEqualKeys) {
 
 TEST_F(PropertyListCodec, RefusesTypesThatAreNoPropertyList) {
     const auto refuses = [this](const std::string& type, auto... value) {
-        BusMessage message = messages_.make("a{sv}", 1, "k", type.c_str(), value...);
-        ArgumentReader in(message);
+        const auto message = messages_.make("a{sv}", 1, "k", type.c_str(), value...);
+        ArgumentReader in(*message);
         in.dictionary();
         EXPECT_EQ(in.failure(), "A value of type '" + type + "' has no place in a property list");
     };
@@ -81,18 +81,18 @@ TEST_F(PropertyListCodec, RefusesTypesThatAreNoPropertyList) {
 
 TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstFailureSticks) {
     const std::string expected = "More than one element where one value or nothing is expected";
-    BusMessage dictionaries = messages_.make("aa{sv}", 2, 0, 0);
-    ArgumentReader fromDictionaries(dictionaries);
+    const auto dictionaries = messages_.make("aa{sv}", 2, 0, 0);
+    ArgumentReader fromDictionaries(*dictionaries);
     Codec<std::optional<Dictionary>>::read(fromDictionaries);
     EXPECT_EQ(fromDictionaries.failure(), expected);
-    BusMessage strings = messages_.make("ass", 2, "a", "b", "next");
-    ArgumentReader fromStrings(strings);
+    const auto strings = messages_.make("ass", 2, "a", "b", "next");
+    ArgumentReader fromStrings(*strings);
     Codec<std::optional<std::string>>::read(fromStrings);
     EXPECT_EQ(fromStrings.string(), "");
     EXPECT_EQ(fromStrings.failure(), expected);
     for (const bool empty : {false, true}) {
-        BusMessage other = empty ? messages_.make("") : messages_.make("s", "text");
-        ArgumentReader in(other);
+        const auto other = empty ? messages_.make("") : messages_.make("s", "text");
+        ArgumentReader in(*other);
         EXPECT_EQ(in.u16(), 0);
         EXPECT_EQ(Codec<std::optional<Dictionary>>::read(in), std::nullopt);
         EXPECT_FALSE(in.ok());
@@ -102,36 +102,35 @@ TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstF
 TEST_F(PropertyListCodec, BoundsNesting) {
     // Each level of nested() is a dictionary and an array.
     const Dictionary deepest = nested(kMaxPropertyListDepth / 2);
-    BusMessage message = written([&](ArgumentWriter& out) { out.dictionary(deepest); });
-    ArgumentReader in(message);
+    const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(deepest); });
+    ArgumentReader in(*message);
     EXPECT_EQ(in.dictionary(), deepest);
     EXPECT_TRUE(in.ok()) << in.failure();
 
-    BusMessage refused = messages_.make();
-    ArgumentWriter out(refused);
-    out.dictionary(nested(kMaxPropertyListDepth / 2 + 1));
-    EXPECT_LT(out.result(), 0);
+    EXPECT_EQ(
+        written("a{sv}", [](ArgumentWriter& out) { out.dictionary(nested(kMaxPropertyListDepth / 2 + 1)); }),
+        nullptr);
 
-    BusMessage tooDeep = messages_.make();
-    for (int i = 0; i <= kMaxPropertyListDepth; ++i) {
-        ASSERT_GE(tooDeep.open('a', "v"), 0);
-        ASSERT_GE(tooDeep.open('v', "av"), 0);
-    }
-    ASSERT_GE(tooDeep.open('a', "v"), 0);
-    for (int i = 0; i < 2 * (kMaxPropertyListDepth + 1) + 1; ++i)
-        ASSERT_GE(tooDeep.close(), 0);
-    tooDeep = BusMessages::readable(std::move(tooDeep));
-    ArgumentReader deepIn(tooDeep);
+    const auto tooDeep = messages_.make([](test::SdBusMessage& body) {
+        for (int i = 0; i <= kMaxPropertyListDepth; ++i) {
+            ASSERT_GE(body.open('a', "v"), 0);
+            ASSERT_GE(body.open('v', "av"), 0);
+        }
+        ASSERT_GE(body.open('a', "v"), 0);
+        for (int i = 0; i < 2 * (kMaxPropertyListDepth + 1) + 1; ++i)
+            ASSERT_GE(body.close(), 0);
+    });
+    ArgumentReader deepIn(*tooDeep);
     deepIn.array();
     EXPECT_EQ(deepIn.failure(), "The property list is nested too deep");
 }
 
 TEST_F(PropertyListCodec, RepairsTextThatDBusCantCarry) {
-    BusMessage message = written([&](ArgumentWriter& out) {
+    const auto message = written("a{sv}s", [&](ArgumentWriter& out) {
         out.dictionary({{"k\xff", "a\xc0\x80z"}});
         out.string(std::string("to\0here", 7));
     });
-    ArgumentReader in(message);
+    ArgumentReader in(*message);
     EXPECT_EQ(in.dictionary(), (Dictionary{{"k\ufffd", "a\ufffd\ufffdz"}}));
     EXPECT_EQ(in.string(), "to");
 }

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bus/bus_input.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "bus/bus_buffers.h"
+#include "util/error_text.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr size_t kReadSize = size_t{64} << 10;
+
+// On the heap: thread-local storage of this size would come out of the stacks of all threads of an
+// application that links the library.
+char* threadBuffer() {
+    static thread_local const std::unique_ptr<char[]> buffer(new char[kReadSize]);
+    return buffer.get();
+}
+
+void collectDescriptors(msghdr& message, std::vector<UniqueFd>& descriptors) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
+        const size_t size = part->cmsg_len - CMSG_LEN(0);
+        for (size_t at = 0; at + sizeof(int) <= size; at += sizeof(int)) {
+            int descriptor = -1;
+            std::memcpy(&descriptor, CMSG_DATA(part) + at, sizeof descriptor);
+            descriptors.emplace_back(descriptor);
+        }
+    }
+}
+
+}  // namespace
+
+tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
+    const size_t before = kept_.size();
+    char* target = threadBuffer();
+    if (before != 0) {
+        kept_.resize(before + kReadSize);
+        target = kept_.data() + before;
+    }
+    iovec bytes{target, kReadSize};
+    DescriptorSpace space;
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = space.bytes;
+    message.msg_controllen = sizeof space.bytes;
+    const ssize_t received = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    const int error = errno;
+    const size_t size = received > 0 ? static_cast<size_t>(received) : 0;
+    if (before != 0) kept_.resize(before + size);
+    rest_ = before != 0 ? std::string_view(kept_) : std::string_view(target, size);
+    if (received < 0) {
+        if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) return Received::noData;
+        if (error == ECONNRESET) return Received::end;
+        return tl::unexpected(errorText(error));
+    }
+    collectDescriptors(message, descriptors_);
+    if ((message.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxDescriptors)
+        return tl::unexpected(std::string("too many file descriptors wait for their message"));
+    return received == 0 ? Received::end : Received::data;
+}
+
+tl::expected<std::optional<std::string_view>, WireViolation> BusInput::nextMessage() {
+    if (rest_.size() < kFixedHeaderSize) return std::nullopt;
+    const auto size = messageSize(rest_, messageSize_);
+    if (!size) return violated(size.error());
+    if (rest_.size() < *size) return std::nullopt;
+    const std::string_view message = rest_.substr(0, *size);
+    rest_.remove_prefix(*size);
+    return message;
+}
+
+bool BusInput::hasMessage() const {
+    if (rest_.size() < kFixedHeaderSize) return false;
+    const auto size = messageSize(rest_, messageSize_);
+    return !size || rest_.size() >= *size;
+}
+
+std::vector<UniqueFd> BusInput::takeDescriptors(uint32_t count) {
+    const auto end =
+        descriptors_.begin() + static_cast<ptrdiff_t>(std::min<size_t>(count, descriptors_.size()));
+    std::vector<UniqueFd> taken(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(end));
+    descriptors_.erase(descriptors_.begin(), end);
+    return taken;
+}
+
+void BusInput::keepRest() {
+    if (rest_.empty()) {
+        if (kept_.capacity() > kIdleBufferSize) kept_ = std::string();
+        kept_.clear();
+    } else if (kept_.empty()) {
+        kept_ = rest_;
+    } else {
+        kept_.erase(0, kept_.size() - rest_.size());
+    }
+    rest_ = kept_;
+}
+
+}  // namespace telvora

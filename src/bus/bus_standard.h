@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The interfaces that every D-Bus object has (D-Bus Specification, "Standard Interfaces"). Objects here have
+// no properties. Thread-safe: no shared state.
+#pragma once
+
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "bus/wire_message.h"
+
+namespace telvora {
+
+enum class StandardMethod {
+    none,
+    ping,           // of org.freedesktop.DBus.Peer
+    machineId,      // likewise
+    introspect,     // of org.freedesktop.DBus.Introspectable
+    property,       // Get and Set of org.freedesktop.DBus.Properties
+    allProperties,  // GetAll of it
+    hello,          // of a message bus: tools that expect one on every socket begin with this call
+};
+
+// The standard method that is called, with the signature that it has.
+StandardMethod standardMethodOf(const MessageView& call);
+
+// 32 hexadecimal digits, machine-id(5). Empty if it can't be read.
+std::string machineId();
+
+// The element of `object` below `parent`, if the object is below it: "b" for "/a/b/c" and "/a". Empty
+// otherwise.
+std::string_view childNode(std::string_view object, std::string_view parent);
+
+// The document of an object with these elements "interface" and these children.
+std::string introspectionDocument(const std::string& interfaces,
+                                  const std::set<std::string, std::less<>>& children);
+
+}  // namespace telvora

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "bus/authentication.h"
+#include "bus/dbus_names.h"
+#include "bus/wire_writer.h"
+
+namespace telvora {
+namespace {
+
+using namespace std::string_view_literals;
+
+MessageView callHeader(std::string_view signature) {
+    MessageView header;
+    header.type = MessageType::methodCall;
+    header.serial = 7;
+    header.path = "/com/zandor";
+    header.interface = "com.zandor.Thing";
+    header.member = "Method";
+    header.destination = ":1.5";
+    header.signature = signature;
+    return header;
+}
+
+TEST(WireTest, ReadsEveryTypeThatItWrites) {
+    const std::string text(300, 'x');
+    std::string buffer = "a message before this one";
+    const size_t start = buffer.size();
+    WireWriter writer(buffer, callHeader("yvbnqiuxtdsogaya{s(du)}avas"));
+    writer.append(uint8_t{255});
+    writer.appendSignature("v");  // a variant in a variant
+    writer.appendSignature("s");
+    writer.append("inner");
+    writer.append(true);
+    writer.append(std::numeric_limits<int16_t>::min());
+    writer.append(uint16_t{65535});
+    writer.append(std::numeric_limits<int32_t>::min());
+    writer.append(uint32_t{1} << 31);
+    writer.append(std::numeric_limits<int64_t>::min());
+    writer.append(std::numeric_limits<uint64_t>::max());
+    writer.append(-0.1);
+    writer.append(text);
+    writer.append("/a/b");
+    writer.appendSignature("a{sv}");
+    writer.appendBytes("\0\xff"sv);
+    const auto dictionary = writer.openArray(8);
+    for (const uint32_t i : {1U, 2U}) {
+        writer.beginStructure();
+        writer.append("key");
+        writer.beginStructure();
+        writer.append(0.5);
+        writer.append(i);
+    }
+    writer.closeArray(dictionary);
+    writer.closeArray(writer.openArray(1));
+    const auto strings = writer.openArray(4);
+    writer.append("\u00e4");
+    writer.closeArray(strings);
+    ASSERT_TRUE(writer.finish(1 << 20));
+
+    const std::string_view bytes = std::string_view(buffer).substr(start);
+    ASSERT_EQ(messageSize(bytes, bytes.size()), bytes.size());
+    EXPECT_STREQ(messageSize(bytes, bytes.size() - 1).error(), "a message is too large");
+    const auto parsed = parseMessage(bytes, 0);
+    ASSERT_TRUE(parsed && *parsed);
+    const MessageView& view = **parsed;
+    EXPECT_EQ(view.path, "/com/zandor");
+    EXPECT_EQ(view.interface, "com.zandor.Thing");
+    EXPECT_EQ(view.member, "Method");
+    EXPECT_EQ(view.destination, ":1.5");
+    EXPECT_EQ(view.serial, 7U);
+    EXPECT_TRUE(view.reader().finish());
+
+    WireReader in = view.reader();
+    const auto expect = [&in]<typename T>(T expected) {
+        T value{};
+        EXPECT_TRUE(in.read(value));
+        EXPECT_EQ(value, expected);
+    };
+    expect(uint8_t{255});
+    ASSERT_TRUE(in.enter() && in.enter());
+    expect("inner"sv);
+    ASSERT_TRUE(in.leave() && in.leave());
+    expect(true);
+    expect(std::numeric_limits<int16_t>::min());
+    expect(uint16_t{65535});
+    EXPECT_FALSE(in.leave());  // no container is open
+    expect(std::numeric_limits<int32_t>::min());
+    expect(uint32_t{1} << 31);
+    double other = 0;
+    EXPECT_FALSE(in.read(other));  // of another type: the reader stays where it is
+    expect(std::numeric_limits<int64_t>::min());
+    expect(std::numeric_limits<uint64_t>::max());
+    expect(-0.1);
+    expect(std::string_view(text));
+    expect("/a/b"sv);
+    expect("a{sv}"sv);
+    std::string_view data;
+    ASSERT_TRUE(in.readBytes(data));
+    EXPECT_EQ(data, "\0\xff"sv);
+    ASSERT_TRUE(in.enter());
+    for (const uint32_t i : {1U, 2U}) {
+        ASSERT_TRUE(in.enter());
+        expect("key"sv);
+        ASSERT_TRUE(in.enter());
+        expect(0.5);
+        if (i == 1) expect(i);  // the second is left to leave()
+        ASSERT_TRUE(in.leave() && in.leave());
+    }
+    EXPECT_TRUE(in.atEnd());
+    ASSERT_TRUE(in.leave() && in.skip() && in.enter());
+    expect("\u00e4"sv);
+    ASSERT_TRUE(in.leave());
+    EXPECT_TRUE(in.atEnd() && in.finish());
+}
+
+TEST(WireTest, NamesTheRuleThatBytesViolate) {
+    const std::string deep = std::string("\1v\0", 3);
+    std::string variants;
+    for (int i = 0; i < 80; ++i)
+        variants += deep;
+    const struct {
+        std::string_view signature, bytes, violation;
+    } cases[] = {
+        {"b", "\2\0\0\0"sv, "a boolean is neither 0 nor 1"},
+        {"yu", "\1\0\1\0\0\0\0\0"sv, "padding is not zero"},
+        {"s", "\2\0\0\0ab\1"sv, "a text does not end with NUL"},
+        {"s", "\2\0\0\0a\0\0"sv, "a text is not UTF-8"},
+        {"s", "\2\0\0\0\xc0\x80\0"sv, "a text is not UTF-8"},
+        {"s", "\xff\xff\xff\xff"sv, "a value ends beyond its container"},
+        {"o", "\2\0\0\0a/\0"sv, "an object path is invalid"},
+        {"g", "\1z\0"sv, "a signature is invalid"},
+        {"v", "\2ss\0\0"sv, "a variant's signature is not one complete type"},
+        {"v", variants, "containers are nested too deeply"},
+        {"ai", "\6\0\0\0\1\0\0\0\1\0"sv, "a value ends beyond its container"},
+        {"as", "\4\0\0\0\4\0\0\0abcd\0"sv, "a value ends beyond its container"},
+        {"ay", "\1\0\0\4"sv, "an array is too long"},
+        {"ay", "\5\0\0\0abcd"sv, "an array ends beyond its container"},
+        {"h", "\0\0\0\0"sv, "a file descriptor did not come with its message"},
+        {"y", "ab"sv, "bytes are left after the last value"},
+        {"", "a"sv, "bytes are left after the last value"},
+    };
+    for (const auto& c : cases) {
+        WireReader reader(c.bytes, c.signature, ByteOrder::little);
+        EXPECT_FALSE(reader.finish());
+        ASSERT_NE(reader.violation(), nullptr) << c.signature;
+        EXPECT_EQ(reader.violation(), c.violation) << c.signature;
+    }
+    for (const auto& [text, valid] : {std::pair{"a{sv}a(iu)", true},
+                                      {"a{vs}", false},
+                                      {"()", false},
+                                      {"(i", false},
+                                      {"a", false},
+                                      {"{ss}", false},
+                                      {"i)", false}})
+        EXPECT_EQ(isSignature(text), valid) << text;
+    EXPECT_TRUE(isSignature(std::string(32, 'a') + "i") && !isSignature(std::string(33, 'a') + "i"));
+    EXPECT_TRUE(isObjectPath("/") && isObjectPath("/a_1") && !isObjectPath("//a") && !isObjectPath("/a/"));
+    EXPECT_TRUE(isInterfaceName("a.b1") && !isInterfaceName("a") && !isInterfaceName("a..b") &&
+                !isInterfaceName("a.1b") && !isInterfaceName("a.b."));
+    EXPECT_TRUE(isBusName(":1.5") && isBusName("a-b.c") && !isBusName("1.5") && !isMemberName("a.b"));
+}
+
+TEST(AuthenticationTest, HoldsEachConversation) {
+    const std::string ok = "OK 0123\r\n", rejected = "REJECTED EXTERNAL\r\n";
+    const struct {
+        std::string_view said;
+        std::string answered;
+        AuthenticationState state;
+    } cases[] = {
+        {"\0AUTH EXTERNAL 37\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\nl"sv, ok + "AGREE_UNIX_FD\r\n",
+         AuthenticationState::done},
+        {"\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\nl"sv, "DATA\r\n" + ok, AuthenticationState::done},
+        {"\0AUTH\r\nAUTH ANONYMOUS\r\nAUTH EXTERNAL 38\r\nAUTH EXTERNAL 37\r\nBEGIN\r\nl"sv,
+         rejected + rejected + rejected + ok, AuthenticationState::done},
+        {"\0AUTH EXTERNAL\r\nCANCEL\r\nAUTH EXTERNAL 3\r\nERROR\r\nNONSENSE\r\nAUTH EXTE"sv,
+         "DATA\r\n" + rejected + rejected + rejected + "ERROR\r\n", AuthenticationState::running},
+        {"\0AUTH EXTERNAL 38\r\nBEGIN\r\n"sv, rejected, AuthenticationState::failed},
+        {"\0BEGIN\r\n"sv, "", AuthenticationState::failed},
+        {"AUTH EXTERNAL 37\r\n"sv, "", AuthenticationState::failed},
+    };
+    for (const auto& c : cases) {
+        ServerAuthentication server(7, "0123");
+        std::string_view input = c.said;
+        std::string output;
+        EXPECT_EQ(server.advance(input, output), c.state) << c.said.substr(1);
+        EXPECT_EQ(output, c.answered);
+        EXPECT_EQ(c.state == AuthenticationState::done, input == "l");
+    }
+    ServerAuthentication server(7, "0123");
+    ClientAuthentication client;
+    std::string_view greeting = ClientAuthentication::greeting();
+    std::string answers;
+    EXPECT_EQ(server.advance(greeting, answers), AuthenticationState::done);
+    std::string_view input = answers;
+    EXPECT_EQ(client.advance(input), AuthenticationState::done);
+    EXPECT_TRUE(client.passesDescriptors() && server.passesDescriptors());
+    const std::string endless(kMaxAuthenticationSize + 1, 'A');
+    input = endless;
+    EXPECT_EQ(ClientAuthentication().advance(input), AuthenticationState::failed);
+}
+
+}  // namespace
+}  // namespace telvora
