@@ -6,7 +6,6 @@ find_package(OpenSSL 3.0 REQUIRED)
 find_package(CURL REQUIRED)
 find_package(fmt REQUIRED)
 
-pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 find_package(EXPAT REQUIRED)
 pkg_check_modules(SECCOMP REQUIRED IMPORTED_TARGET libseccomp)
 pkg_check_modules(CAPNG REQUIRED IMPORTED_TARGET libcap-ng)

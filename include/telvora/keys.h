@@ -23,9 +23,8 @@
 
 /* Message dictionary */
 #define kTelvoraMessageParametersCategory \
-    "TelvoraMessageParametersCategory"                               /* number; its low 16 bits; mandatory */
-#define kTelvoraMessageParametersType "TelvoraMessageParametersType" /* number; its low 16 bits; mandatory \
-                                                                      */
+    "TelvoraMessageParametersCategory"                               /* number; low 16 bits; mandatory */
+#define kTelvoraMessageParametersType "TelvoraMessageParametersType" /* number; low 16 bits; mandatory */
 #define kTelvoraMessageParametersPayload "TelvoraMessageParametersPayload" /* dictionary */
 #define kTelvoraMessageParametersFlag \
     "TelvoraMessageParametersFlag" /* number; bit 0: realtime, bit 1: promote */

@@ -29,7 +29,7 @@ bool isOpenForReading(int file) {
     return (flags & O_ACCMODE) == O_RDONLY || (flags & O_ACCMODE) == O_RDWR;
 }
 
-tl::unexpected<std::string> refusal(const char* reason) {
+tl::unexpected<std::string> extensionRefusal(const char* reason) {
     return tl::unexpected(std::string(reason));
 }
 
@@ -37,11 +37,11 @@ tl::unexpected<std::string> refusal(const char* reason) {
 
 tl::expected<std::string, std::string> FileExtensions::issue(std::string path, UniqueFd file,
                                                              QuotaCharge charge) {
-    if (path.empty() || path.size() > PATH_MAX) return refusal("The path is empty or too long");
-    if (!isOpenForReading(file.get())) return refusal("The file is not open for reading");
-    if (extensions_.size() >= kMaxTokens) return refusal("Too many extensions are unused");
+    if (path.empty() || path.size() > PATH_MAX) return extensionRefusal("The path is empty or too long");
+    if (!isOpenForReading(file.get())) return extensionRefusal("The file is not open for reading");
+    if (extensions_.size() >= kMaxTokens) return extensionRefusal("Too many extensions are unused");
     std::string token = randomToken();
-    if (token.empty()) return refusal("No extension can be made");
+    if (token.empty()) return extensionRefusal("No extension can be made");
     extensions_[token] = {std::move(path), std::move(file), std::move(charge)};
     return token;
 }

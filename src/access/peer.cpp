@@ -3,12 +3,12 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <systemd/sd-login.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
+#include <fstream>
+#include <string_view>
 
 #include "util/unique_fd.h"
 
@@ -61,19 +61,48 @@ bool isAlive(int processDescriptor) {
     return poll(&entry, 1, 0) == 0;
 }
 
+// The path of the process's control group, cgroups(7); empty if it is not known. The unified hierarchy
+// counts, and where there is none, the one that the service manager has for itself.
+std::string controlGroup(pid_t pid) {
+    std::ifstream groups("/proc/" + std::to_string(pid) + "/cgroup");
+    std::string path;
+    for (std::string line; std::getline(groups, line);) {
+        constexpr std::string_view kUnified = "0::";
+        const size_t named = line.find(":name=systemd:");
+        if (line.starts_with(kUnified) && path.empty()) path = line.substr(kUnified.size());
+        if (named != std::string::npos) path = line.substr(line.find(':', named + 1) + 1);
+    }
+    return path;
+}
+
 // The unit is looked up by process ID. If the process is still alive afterwards, the ID was its own.
 std::string readUnit(int socket, pid_t pid) {
     int descriptor = -1;
     socklen_t length = sizeof descriptor;
     if (pid <= 0 || getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) != 0) return "";
     const UniqueFd process(descriptor);
-    char* unit = nullptr;
-    if (sd_pid_get_unit(pid, &unit) < 0) return "";
-    const std::unique_ptr<char, decltype(&free)> owned(unit, &free);
-    return isAlive(process.get()) ? std::string(unit) : "";
+    const std::string unit = unitOfControlGroup(controlGroup(pid));
+    return isAlive(process.get()) ? unit : "";
 }
 
 }  // namespace
+
+// The first element that is no slice names the unit.
+std::string unitOfControlGroup(std::string_view path) {
+    while (!path.empty()) {
+        path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+        std::string_view element = path.substr(0, path.find('/'));
+        path.remove_prefix(element.size());
+        // Names that the kernel reserves are escaped.
+        if (element.starts_with('_')) element.remove_prefix(1);
+        if (element.ends_with(".slice")) continue;
+        const bool isUnit = element.ends_with(".service") || element.ends_with(".scope") ||
+                            element.ends_with(".socket") || element.ends_with(".mount") ||
+                            element.ends_with(".swap");
+        return isUnit ? std::string(element) : "";
+    }
+    return "";
+}
 
 bool Peer::isInGroup(gid_t group) const {
     return group == gid || std::find(groups.begin(), groups.end(), group) != groups.end();

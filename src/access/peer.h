@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace telvora {
@@ -24,6 +25,9 @@ struct Peer {
     // For log lines: "pid 4711, uid 1000".
     std::string description() const;
 };
+
+// The systemd unit of the processes in a control group, by its path; empty if there is none.
+std::string unitOfControlGroup(std::string_view path);
 
 // The peer of a connected Unix socket, which stays the caller's; std::nullopt for any other socket. The unit
 // is known only if the kernel identifies the process by a descriptor (SO_PEERPIDFD, Linux 6.5): a process ID

@@ -10,14 +10,13 @@
 // written; the peer reads all and closes the socket. Calls that arrive in between are discarded.
 #include "bus/bus_connection.h"
 
-#include <fmt/format.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 
 #include <asio/error.hpp>
 #include <asio/post.hpp>
 
-#include "util/log.h"
+#include "util/hexadecimal.h"
+#include "util/random.h"
 
 namespace telvora {
 
@@ -31,9 +30,8 @@ constexpr char kPeerClosed[] = "the peer has closed the connection";
 
 // 32 hexadecimal digits.
 std::string randomServerId() {
-    std::array<uint64_t, 2> id{};
-    if (getrandom(id.data(), sizeof id, 0) != sizeof id) id = {};
-    return fmt::format("{:016x}{:016x}", id[0], id[1]);
+    const auto id = randomBytes<16>().value_or(std::array<uint8_t, 16>{});
+    return hexText({reinterpret_cast<const char*>(id.data()), id.size()});
 }
 
 }  // namespace

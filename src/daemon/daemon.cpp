@@ -94,7 +94,7 @@ void Daemon::run() {
     runLoop_.run();
 
     logLosses();
-    quotas_.tellRefusals();
+    quotas_.logRefusals();
     if (agent_.sessionsAlive() > 0) {
         // Their deadline has passed; the server or the adaptor that they wait for may never answer.
         stopLogging();

@@ -5,12 +5,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <systemd/sd-daemon.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
 #include <optional>
+#include <sstream>
+#include <vector>
 
 #include "protocol/status_interface.h"
 #include "util/error_text.h"
@@ -21,17 +23,30 @@ namespace telvora {
 namespace {
 
 constexpr mode_t kOpenToAll = 0666;
+// Of the service manager.
+constexpr int kFirstDescriptor = 3;
+constexpr size_t kMaxDescriptors = 16;
 
 tl::unexpected<std::string> failure(const std::string& context, int error = errno) {
     return tl::unexpected(errorText(context, error));
 }
 
+std::optional<int> socketOption(int socket, int option) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    if (getsockopt(socket, SOL_SOCKET, option, &value, &size) != 0) return std::nullopt;
+    return value;
+}
+
 tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {
-    if (sd_is_socket_unix(socket.get(), SOCK_STREAM, 1, nullptr, 0) <= 0) {
+    if (socketOption(socket.get(), SO_DOMAIN) != AF_UNIX ||
+        socketOption(socket.get(), SO_TYPE) != SOCK_STREAM ||
+        socketOption(socket.get(), SO_ACCEPTCONN) != 1) {
         return tl::unexpected(std::string("the service manager handed over no listening Unix stream socket"));
     }
     const int flags = fcntl(socket.get(), F_GETFL);
-    if (flags < 0 || fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    if (flags < 0 || fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0 ||
+        fcntl(socket.get(), F_SETFD, FD_CLOEXEC) != 0) {
         return failure("can't set the socket up");
     }
     ListeningSocket result;
@@ -40,13 +55,26 @@ tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {
     return result;
 }
 
-struct FreeNames {
-    void operator()(char** names) const {
-        for (char** name = names; name != nullptr && *name != nullptr; ++name)
-            free(*name);
-        free(names);
-    }
-};
+// The names of the descriptors that were handed over, kFirstDescriptor and the next ones; sd_listen_fds(3).
+// The variables are for this process alone, so they go.
+std::vector<std::string> takeDescriptorNames() {
+    const auto take = [](const char* variable) {
+        const char* const value = std::getenv(variable);
+        std::string text = value != nullptr ? value : "";
+        unsetenv(variable);
+        return text;
+    };
+    const std::string process = take("LISTEN_PID");
+    const std::string count = take("LISTEN_FDS");
+    const std::string names = take("LISTEN_FDNAMES");
+    if (process != std::to_string(getpid())) return {};
+    std::vector<std::string> result(
+        std::min<size_t>(std::strtoul(count.c_str(), nullptr, 10), kMaxDescriptors));
+    std::istringstream text(names);
+    for (std::string& name : result)
+        std::getline(text, name, ':');
+    return result;
+}
 
 std::optional<sockaddr_un> addressOf(const std::filesystem::path& path) {
     sockaddr_un address{};
@@ -92,17 +120,14 @@ ListeningSocket::~ListeningSocket() {
 }
 
 tl::expected<HandedOverSockets, std::string> takeHandedOverSockets(const std::string& otherName) {
-    char** given = nullptr;
-    const int count = sd_listen_fds_with_names(1, &given);
-    const std::unique_ptr<char*, FreeNames> names(given);
-    if (count < 0) return failure("can't tell what the service manager handed over", -count);
+    const std::vector<std::string> names = takeDescriptorNames();
     HandedOverSockets sockets;
-    for (int i = 0; i < count; ++i) {
-        auto adopted = adopt(UniqueFd(SD_LISTEN_FDS_START + i));  // close-on-exec by now
+    for (size_t i = 0; i < names.size(); ++i) {
+        auto adopted = adopt(UniqueFd(kFirstDescriptor + static_cast<int>(i)));
         if (!adopted) return tl::unexpected(adopted.error());
-        std::optional<ListeningSocket>& place = given[i] == otherName ? sockets.other : sockets.main;
+        std::optional<ListeningSocket>& place = names[i] == otherName ? sockets.other : sockets.main;
         if (place) {
-            return tl::unexpected("the service manager handed over " + std::to_string(count) +
+            return tl::unexpected("the service manager handed over " + std::to_string(names.size()) +
                                   " descriptors, two of them for the same");
         }
         place.emplace(std::move(*adopted));

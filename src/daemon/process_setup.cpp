@@ -4,14 +4,20 @@
 #include <linux/ioprio.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <systemd/sd-daemon.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 #include "util/error_text.h"
 #include "util/log.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 
@@ -41,9 +47,18 @@ void setUtilityQualityOfService() {
 }
 
 void notifyServiceManager(const char* state) {
-    const int result = sd_notify(0, state);
-    if (result < 0) {
-        TELVORA_LOG(kLogWarning, "main: can't tell the service manager: %s", std::strerror(-result));
+    const char* const path = std::getenv("NOTIFY_SOCKET");
+    if (path == nullptr) return;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = std::min(std::strlen(path), sizeof address.sun_path);
+    std::memcpy(address.sun_path, path, length);
+    if (path[0] == '@') address.sun_path[0] = '\0';  // abstract, unix(7)
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (sendto(socket.get(), state, std::strlen(state), MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&address), size) < 0) {
+        TELVORA_LOG(kLogWarning, "main: can't tell the service manager: %s", errorText(errno).c_str());
     }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Random identifiers, from sd_id128_randomize(3). Thread-safe. The process ends if the kernel gives no random
+// Random identifiers, from getrandom(2). Thread-safe. The process ends if the kernel gives no random
 // numbers: an identifier that repeats would be worse.
 #pragma once
 

@@ -24,5 +24,21 @@ TEST(Peer, IsWhoMadeTheSocketPair) {
     EXPECT_FALSE(readPeer(UniqueFd(socket(AF_INET, SOCK_STREAM, 0)).get()));
 }
 
+TEST(Peer, BelongsToTheFirstUnitOfItsControlGroup) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"/system.slice/app.service", "app.service"},
+        {"/system.slice/system-app.slice/app@1.service/sub/group", "app@1.service"},
+        {"/user.slice/user-1000.slice/user@1000.service/app.slice/app.service", "user@1000.service"},
+        {"/user.slice/user-1000.slice/session-1.scope", "session-1.scope"},
+        {"/_cgroup.service", "cgroup.service"},
+        {"/system.slice", ""},
+        {"/lxc/app.service", ""},
+        {"/", ""},
+        {"", ""},
+    };
+    for (const auto& [path, unit] : cases)
+        EXPECT_EQ(unitOfControlGroup(path), unit) << path;
+}
+
 }  // namespace
 }  // namespace telvora
