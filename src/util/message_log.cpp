@@ -168,11 +168,10 @@ std::optional<LogFile> createFile(const MessageLog& log, double now) {
 std::string inOneRecord(std::string_view message) {
     std::string text;
     text.reserve(message.size());
-    for (const char c : message) {
-        if (c == '(' && text.ends_with('\n')) text.push_back(' ');
-        text.push_back(c);
+    for (size_t next; (next = message.find("\n(")) != std::string_view::npos; message.remove_prefix(next + 1)) {
+        text.append(message.substr(0, next + 1)).push_back(' ');
     }
-    return text;
+    return text.append(message);
 }
 
 bool append(const LogFile& file, std::string_view record) {
