@@ -19,7 +19,7 @@
 #include <set>
 #include <string>
 
-#include "bus/wire_message.h"
+#include "wire/wire_message.h"
 
 namespace telvora {
 namespace {

@@ -245,9 +245,11 @@ void BusConnection::close(const std::string& reason) {
     }
 }
 
+// The peer gets no more messages.
 void BusConnection::end(const std::string& reason) {
-    if (state_ == State::closed) return;
+    if (state_ == State::ending || state_ == State::closed) return;
     const auto self = shared_from_this();
+    state_ = State::ending;
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
     teardown();
 }

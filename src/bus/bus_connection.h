@@ -38,8 +38,8 @@
 #include "bus/bus_interface.h"
 #include "bus/bus_message.h"
 #include "bus/bus_output.h"
-#include "bus/wire_writer.h"
 #include "util/unique_fd.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 
@@ -159,7 +159,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
         const BusInterface& interface;
         BusCallHandler handler;
     };
-    enum class State { created, authenticating, ready, halfClosed, closed };
+    enum class State { created, authenticating, ready, halfClosed, ending, closed };
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
     BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits);

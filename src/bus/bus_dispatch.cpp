@@ -202,7 +202,7 @@ void PendingCall::reply(BusBody body) {
 tl::expected<void, BusSendFailure> BusConnection::sendCall(const Destination& to, uint8_t flags,
                                                            const BusBody& body,
                                                            std::vector<UniqueFd> descriptors) {
-    if (!isOpen()) return tl::unexpected(BusSendFailure::kEnded);
+    if (!isOpen() || hungUp_) return tl::unexpected(BusSendFailure::kEnded);
     if (!descriptors.empty() && state_ == State::ready && !passesDescriptors_)
         return tl::unexpected(BusSendFailure::kInvalid);
     MessageView header;

@@ -16,8 +16,8 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "bus/wire_message.h"
 #include "util/unique_fd.h"
+#include "wire/wire_message.h"
 
 namespace telvora {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "bus/wire_message.h"
 #include "util/unique_fd.h"
+#include "wire/wire_message.h"
 
 namespace telvora {
 

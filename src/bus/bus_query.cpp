@@ -11,8 +11,8 @@
 
 #include "bus/authentication.h"
 #include "bus/bus_input.h"
-#include "bus/wire_writer.h"
 #include "util/error_text.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 

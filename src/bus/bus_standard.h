@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "bus/wire_message.h"
+#include "wire/wire_message.h"
 
 namespace telvora {
 

@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "bus/bus_message.h"
-#include "bus/wire_writer.h"
 #include "plist/property_list.h"
 #include "protocol/telvora_error.h"
 #include "util/unique_fd.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 

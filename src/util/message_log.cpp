@@ -168,7 +168,8 @@ std::optional<LogFile> createFile(const MessageLog& log, double now) {
 std::string inOneRecord(std::string_view message) {
     std::string text;
     text.reserve(message.size());
-    for (size_t next; (next = message.find("\n(")) != std::string_view::npos; message.remove_prefix(next + 1)) {
+    for (size_t next; (next = message.find("\n(")) != std::string_view::npos;
+         message.remove_prefix(next + 1)) {
         text.append(message.substr(0, next + 1)).push_back(' ');
     }
     return text.append(message);

@@ -9,8 +9,8 @@
 
 #include "bus/authentication.h"
 #include "bus/bus_input.h"
-#include "bus/wire_writer.h"
 #include "tests/support/bus_peer.h"
+#include "wire/wire_writer.h"
 
 namespace telvora::test {
 

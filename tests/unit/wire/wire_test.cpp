@@ -3,9 +3,8 @@
 
 #include <limits>
 
-#include "bus/authentication.h"
-#include "bus/dbus_names.h"
-#include "bus/wire_writer.h"
+#include "wire/dbus_names.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 namespace {
@@ -161,45 +160,6 @@ TEST(WireTest, NamesTheRuleThatBytesViolate) {
     EXPECT_TRUE(isInterfaceName("a.b1") && !isInterfaceName("a") && !isInterfaceName("a..b") &&
                 !isInterfaceName("a.1b") && !isInterfaceName("a.b."));
     EXPECT_TRUE(isBusName(":1.5") && isBusName("a-b.c") && !isBusName("1.5") && !isMemberName("a.b"));
-}
-
-TEST(AuthenticationTest, HoldsEachConversation) {
-    const std::string ok = "OK 0123\r\n", rejected = "REJECTED EXTERNAL\r\n";
-    const struct {
-        std::string_view said;
-        std::string answered;
-        AuthenticationState state;
-    } cases[] = {
-        {"\0AUTH EXTERNAL 37\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\nl"sv, ok + "AGREE_UNIX_FD\r\n",
-         AuthenticationState::done},
-        {"\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\nl"sv, "DATA\r\n" + ok, AuthenticationState::done},
-        {"\0AUTH\r\nAUTH ANONYMOUS\r\nAUTH EXTERNAL 38\r\nAUTH EXTERNAL 37\r\nBEGIN\r\nl"sv,
-         rejected + rejected + rejected + ok, AuthenticationState::done},
-        {"\0AUTH EXTERNAL\r\nCANCEL\r\nAUTH EXTERNAL 3\r\nERROR\r\nNONSENSE\r\nAUTH EXTE"sv,
-         "DATA\r\n" + rejected + rejected + rejected + "ERROR\r\n", AuthenticationState::running},
-        {"\0AUTH EXTERNAL 38\r\nBEGIN\r\n"sv, rejected, AuthenticationState::failed},
-        {"\0BEGIN\r\n"sv, "", AuthenticationState::failed},
-        {"AUTH EXTERNAL 37\r\n"sv, "", AuthenticationState::failed},
-    };
-    for (const auto& c : cases) {
-        ServerAuthentication server(7, "0123");
-        std::string_view input = c.said;
-        std::string output;
-        EXPECT_EQ(server.advance(input, output), c.state) << c.said.substr(1);
-        EXPECT_EQ(output, c.answered);
-        EXPECT_EQ(c.state == AuthenticationState::done, input == "l");
-    }
-    ServerAuthentication server(7, "0123");
-    ClientAuthentication client;
-    std::string_view greeting = ClientAuthentication::greeting();
-    std::string answers;
-    EXPECT_EQ(server.advance(greeting, answers), AuthenticationState::done);
-    std::string_view input = answers;
-    EXPECT_EQ(client.advance(input), AuthenticationState::done);
-    EXPECT_TRUE(client.passesDescriptors() && server.passesDescriptors());
-    const std::string endless(kMaxAuthenticationSize + 1, 'A');
-    input = endless;
-    EXPECT_EQ(ClientAuthentication().advance(input), AuthenticationState::failed);
 }
 
 }  // namespace

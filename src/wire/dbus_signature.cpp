@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/dbus_signature.h"
+#include "wire/dbus_signature.h"
 
 namespace telvora {
 

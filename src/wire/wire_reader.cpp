@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/wire_reader.h"
+#include "wire/wire_reader.h"
 
-#include "bus/dbus_names.h"
 #include "util/utf8.h"
+#include "wire/dbus_names.h"
 
 namespace telvora {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/wire_message.h"
+#include "wire/wire_message.h"
 
-#include "bus/dbus_names.h"
+#include "wire/dbus_names.h"
 
 namespace telvora {
 

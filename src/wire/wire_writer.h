@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "bus/wire_message.h"
+#include "wire/wire_message.h"
 
 namespace telvora {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/wire_writer.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <tl/expected.hpp>
 
-#include "bus/wire_reader.h"
+#include "wire/wire_reader.h"
 
 namespace telvora {
 

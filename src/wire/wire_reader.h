@@ -17,7 +17,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "bus/dbus_signature.h"
+#include "wire/dbus_signature.h"
 
 namespace telvora {
 

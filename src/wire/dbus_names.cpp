@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bus/dbus_names.h"
+#include "wire/dbus_names.h"
 
 #include <algorithm>
 
