@@ -230,7 +230,8 @@ cost() {
     switches >/tmp/after
     wakeups=$(awk 'NR == FNR { before[$1] = $2; next } { sum += $2 - before[$1] } END { print sum * 60 / '$seconds' }' \
         /tmp/before /tmp/after)
-    echo "$1: $(sed -n 's/^\(Rss\|Pss\): */\1 /p' "/proc/$process/smaps_rollup" | paste -sd ' ' -)," \
+    echo "$1: $(sed -n 's/^\(Rss\|Pss\|AnonHugePages\): */\1 /p' "/proc/$process/smaps_rollup" | paste -sd ' ' -)," \
+        "$(wc -l </tmp/after) threads," \
         "MemoryCurrent $(($(property MemoryCurrent) / 1024)) kB, $wakeups wake-ups a minute"
 }
 # A line "THREAD COUNT" for each thread.
