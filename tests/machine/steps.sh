@@ -204,6 +204,7 @@ restarted() {
 # Memory as systemd and the kernel count it; a wake-up is a switch to one of the daemon's threads.
 costs() {
     step "memory and wake-ups"
+    $settings idleMilliseconds integer 3600000 # by default, the daemon ends within a window without clients
     systemctl restart $unit.service
     await is $unit.service active
     cost "idle"
@@ -220,6 +221,7 @@ costs() {
         as app $try/bin/client load 100000
         cost "after 100,000 reports"
     fi
+    telvoractl defaults delete com.zandor.telvora idleMilliseconds
 }
 cost() {
     seconds=10
