@@ -40,9 +40,9 @@ void setUtilityQualityOfService() {
     errno = 0;
     const int nice = getpriority(PRIO_PROCESS, 0);
     if (errno != 0 || nice < kNice) report("nice value", setpriority(PRIO_PROCESS, 0, kNice));
-    constexpr long kIoPriority = IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriorityLevel);
-    if (syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, 0) != kIoPriority)
-        report("I/O priority", syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, kIoPriority));
+    const long ioPriority = IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriorityLevel);
+    if (syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, 0) != ioPriority)
+        report("I/O priority", syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, ioPriority));
     report("timer slack", prctl(PR_SET_TIMERSLACK, kTimerSlackNanoseconds, 0UL, 0UL, 0UL));
 }
 

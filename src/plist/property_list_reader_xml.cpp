@@ -22,6 +22,15 @@ namespace {
 
 constexpr const char* kMalformed = "malformed property list";
 
+// Version 2.9 deprecates the older function.
+uint64_t currentLine(XML_Parser parser) {
+#if XML_MAJOR_VERSION * 100 + XML_MINOR_VERSION >= 209
+    return XML_GetCurrentLineNumber64(parser);
+#else
+    return XML_GetCurrentLineNumber(parser);
+#endif
+}
+
 // Whether the whole text is a number.
 template <typename Number, typename... Format>
 bool parseNumber(std::string_view text, Number& number, Format... format) {
@@ -122,7 +131,7 @@ class XmlReader {
         if (status != XML_STATUS_OK) {
             return tl::make_unexpected(std::string(kMalformed) + ": " +
                                        XML_ErrorString(XML_GetErrorCode(parser_.get())) + " in line " +
-                                       std::to_string(XML_GetCurrentLineNumber(parser_.get())));
+                                       std::to_string(currentLine(parser_.get())));
         }
         if (!top_) return tl::make_unexpected(kMalformed);
         return std::move(*top_);

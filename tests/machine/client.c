@@ -2,10 +2,10 @@
  *
  * A program on the machine that has only libtelvora's package.
  *
- *     client first          one report; prints the milliseconds from connecting to its answer
- *     client load [COUNT]   numbered reports, so many or until standard input ends, across restarts of the
- * daemon; prints "SENT LOST" client hold COUNT     opens so many sessions, prints "held", and keeps them
- * until standard input ends
+ *     client first         sends one report, prints the milliseconds from connecting to its answer
+ *     client load [COUNT]  sends numbered reports across restarts of the daemon, COUNT of them or until
+ *                          standard input ends; prints "SENT LOST"
+ *     client hold COUNT    opens COUNT sessions, prints "held", keeps them until standard input ends
  */
 #include <poll.h>
 #include <stdio.h>

@@ -25,7 +25,7 @@ expect() {
 }
 # Repeats the command until it succeeds.
 await() {
-    patience=$(($(cut -d . -f 1 /proc/uptime) + 60))
+    patience=$(($(cut -d . -f 1 /proc/uptime) + 120))
     until "$@" >/dev/null 2>&1; do
         [ "$(cut -d . -f 1 /proc/uptime)" -lt "$patience" ] || fail "waited in vain: $*"
         udevadm settle # gives way to the other processes
