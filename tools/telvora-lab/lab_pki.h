@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The laboratory's keys: a certificate authority and a server certificate of its own, so that TLS is verified
-// here exactly as in the field, and the key that signs bags. All are made anew at each start; nothing secret
-// outlives the folder.
+// here exactly as in the field, and the key that signs bags. All are made anew at each start, unless the
+// folder has a key for bags; nothing secret outlives the folder.
 #pragma once
 
 #include <filesystem>
@@ -23,7 +23,8 @@ class LabPki {
     //     server-key.pem    its key
     //     framework/        what TELVORA_FRAMEWORK_DIR names: Info.plist with CFBundleVersion, publicKey.der
     //
-    // Fails with a reason when a file can't be written.
+    // If `directory` has a file bag-key.pem, that RSA key signs the bags. Fails with a reason when a file
+    // can't be written or the key can't be used.
     static tl::expected<LabPki, std::string> make(const std::filesystem::path& directory,
                                                   const std::string& bundleVersion = "8.1.2");
 
