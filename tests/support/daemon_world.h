@@ -85,9 +85,12 @@ class DaemonWorld {
     // Every event posted so far, in order, from the JSON bodies (gzip undone).
     std::vector<Dictionary> postedEvents() const;
     size_t bagRequests() const;
+    // Whether the daemon would end by and by.
+    bool isIdle();
 
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // what every backend draws
+    bool idleTimerRuns = false;
     lab::TemporaryDirectory directory;
     lab::FakeHttpClient http;
     VirtualNetwork network;
