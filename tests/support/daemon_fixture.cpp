@@ -16,7 +16,10 @@ std::string joined(const std::vector<std::string>& lines) {
 }  // namespace
 
 void DaemonFixture::SetUp() {
-    auto laboratory = lab::Laboratory::make(directory_.path() / "lab");
+    const auto keys = directory_.path() / "lab";
+    std::filesystem::create_directory(keys);
+    std::filesystem::create_symlink(TELVORA_TEST_BAG_KEY, keys / "bag-key.pem");
+    auto laboratory = lab::Laboratory::make(keys);
     ASSERT_TRUE(laboratory) << laboratory.error();
     laboratory_ = std::move(*laboratory);
 }

@@ -17,6 +17,14 @@ bool isBagRequest(const HttpRequest& request) {
     return request.method == "GET";
 }
 
+struct FakeIdleTimer final : IdleTimer {
+    explicit FakeIdleTimer(bool& runs) : runs_(runs) {}
+    void start(std::chrono::milliseconds, std::function<void()>) override { runs_ = true; }
+    void cancel() override { runs_ = false; }
+
+    bool& runs_;
+};
+
 Peer ownPeer() {
     Peer peer;
     peer.pid = getpid();
@@ -62,7 +70,10 @@ DaemonWorld::DaemonWorld(Dictionary deviceProperties)
                       .ledger = ledger},
       fetcher({http, environment, framework}),
       entitlements(directory.path() / "config"),
-      keepAlive(runLoop, {.launchedOnDemand = false, .inFlight = [] { return false; }, .onIdle = [] {}}),
+      keepAlive(runLoop, {.launchedOnDemand = true,
+                          .inFlight = {},
+                          .onIdle = {},
+                          .timer = std::make_unique<FakeIdleTimer>(idleTimerRuns)}),
       agent({entitlements, fetcher, sessionServices, quotas, keepAlive, backendServices.clock, [] {}}) {
     directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
     const Dictionary grant{
@@ -127,6 +138,12 @@ std::vector<Dictionary> DaemonWorld::postedEvents() const {
 size_t DaemonWorld::bagRequests() const {
     const auto requests = http.requests();
     return static_cast<size_t>(std::count_if(requests.begin(), requests.end(), isBagRequest));
+}
+
+bool DaemonWorld::isIdle() {
+    runLoop.restart();
+    runLoop.poll();
+    return idleTimerRuns;
 }
 
 Dictionary sessionInfoFor(uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy) {

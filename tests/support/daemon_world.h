@@ -85,9 +85,12 @@ class DaemonWorld {
     // Every event posted so far, in order, from the JSON bodies after decompression.
     std::vector<Dictionary> postedEvents() const;
     size_t bagRequests() const;
+    // Whether the daemon would end by and by.
+    bool isIdle();
 
     double now = 1'700'000'000;  // seconds since 1970
     double samplingFactor = 0;   // the sampling draw of every backend
+    bool idleTimerRuns = false;
     TemporaryDirectory directory;
     FakeHttpClient http;
     VirtualNetwork network;

@@ -1,14 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <fstream>
+#include <iterator>
+
 #include "config/signed_bag.h"
 #include "plist/property_list_format.h"
 
 namespace telvora::test {
 
-// One key for all tests of a process, since making one is slow.
+// The key of all tests of a build tree.
 inline const RsaPrivateKey& bagKey() {
-    static const RsaPrivateKey key = RsaPrivateKey::generate(2048).value();
+    static const RsaPrivateKey key = [] {
+        std::ifstream file(TELVORA_TEST_BAG_KEY);
+        return RsaPrivateKey::fromPem(std::string(std::istreambuf_iterator<char>(file), {})).value();
+    }();
     return key;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "plist/property_list_format.h"
@@ -21,6 +22,12 @@ bool writeFile(const std::filesystem::path& path, const std::string& content) {
     return file.good();
 }
 
+tl::expected<RsaPrivateKey, std::string> bagKeyIn(const std::filesystem::path& directory) {
+    std::ifstream file(directory / "bag-key.pem");
+    if (!file) return RsaPrivateKey::generate(kBagKeyBits);
+    return RsaPrivateKey::fromPem(std::string(std::istreambuf_iterator<char>(file), {}));
+}
+
 }  // namespace
 
 tl::expected<LabPki, std::string> LabPki::make(const std::filesystem::path& directory,
@@ -29,7 +36,7 @@ tl::expected<LabPki, std::string> LabPki::make(const std::filesystem::path& dire
     std::filesystem::create_directories(directory / "framework", error);
     if (error) return tl::make_unexpected(directory.string() + ": " + error.message());
 
-    auto bagKey = RsaPrivateKey::generate(kBagKeyBits);
+    auto bagKey = bagKeyIn(directory);
     if (!bagKey) return tl::make_unexpected(bagKey.error());
     auto info =
         serializePropertyList(Dictionary{{"CFBundleVersion", bundleVersion}}, PropertyListFormat::xml);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The laboratory's keys: a certificate authority and a server certificate, so that TLS is verified as in the
-// field, and the key that signs bags. All are made at each start. No secret exists outside of the directory.
+// field, and the key that signs bags. All are made at each start, unless the directory has a key for bags. No
+// secret exists outside of the directory.
 #pragma once
 
 #include <filesystem>
@@ -22,7 +23,8 @@ class LabPki {
     //     server-key.pem    its key
     //     framework/        for TELVORA_FRAMEWORK_DIR: Info.plist with CFBundleVersion, publicKey.der
     //
-    // Fails with a reason if a file can't be written.
+    // An RSA key in the file bag-key.pem of `directory` signs the bags, if the file exists. Fails with a reason
+    // if a file can't be written or the key can't be used.
     static tl::expected<LabPki, std::string> make(const std::filesystem::path& directory,
                                                   const std::string& bundleVersion = "8.1.2");
 

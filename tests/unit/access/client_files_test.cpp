@@ -85,6 +85,7 @@ TEST_F(ClientFilesTest, ClientsReadTheirOwnReadableFiles) {
     if (geteuid() != 0) GTEST_SKIP() << "needs files of other users";
     ClientFiles files = filesOf(peerOf(kOther));
     EXPECT_TRUE(files.open(write("own", kOther, 0400), ""));
+    EXPECT_FALSE(files.open(directory_.path() / "./own", "")) << "a detour";
     for (const auto& [name, owner] : {std::pair{"unreadable", kOther}, {"theirs", uid_t{0}}}) {
         const auto opened = files.open(write(name, owner, owner == 0 ? 0666 : 0044), "");
         EXPECT_TRUE(!opened && opened.error().isRegularFile) << name;

@@ -61,7 +61,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         EXPECT_TRUE(first.take(quota, 1, four));
 
         // Two refusals were not logged, one more is, and then only one line.
-        limit(quota, 0);
+        limit(quota, -1);  // counts as 0
         quotas_.of(2);
         now_ += std::chrono::minutes(1);
         for (int i = 0; i < 2; ++i)
@@ -75,6 +75,8 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
                            " 1 more times");
         EXPECT_EQ(log_.lines(), expected);
     }
+    quotas_.of(3);
+    EXPECT_EQ(quotas_.uses().count(1), 1u) << "the next line about its refusals has to wait";
     // Both have let go of everything.
     now_ += std::chrono::minutes(1);
     quotas_.of(3);

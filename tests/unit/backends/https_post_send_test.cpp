@@ -120,6 +120,12 @@ TEST(HTTPSPostSendTest, TheStopReportHasTheSampling) {
     EXPECT_EQ(log.count("<7>HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to "
                         "SESSION_TYPE_STOP message dictionary"),
               2u);
+    for (const bool consent : {false, true}) {
+        HTTPSPostRig overriding;
+        overriding.setConsent(consent);
+        overriding.makeReportingBackend({{"override_dnu", 1}})->sendMessage(Dictionary{}, kNow, 0, 1, kPlain);
+        EXPECT_EQ(messageOf(overriding.http.requests().at(0)).events->at(0).integer("Opt"), consent ? 2 : 1);
+    }
 }
 
 TEST(HTTPSPostSendTest, ThresholdFlushesEveryMethod) {
@@ -157,6 +163,14 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
     EXPECT_EQ(rig.http.requests()[1].url, kRealtimePost);
     EXPECT_THAT(*answer, StartsWith("Flushed events:\n{\n"));
     EXPECT_THAT(*answer, testing::HasSubstr("\n}\nStandalone event:\n{\n"));
+
+    // From then on the bag is not asked, even if the answer may not be logged.
+    ReportingRig unlogged({{"override_dnu", 1}}, true);
+    unlogged.send();
+    unlogged.send(kRealtime);
+    unlogged.country = "FR";
+    unlogged.backend->updateState();
+    EXPECT_EQ(unlogged.backend->state(), kReporting);
 }
 
 TEST(HTTPSPostSendTest, AFlushThatPostsNoEventHasAnError) {
@@ -247,6 +261,7 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
     const ReportTally tally = rig.backend->reports().tally();
     EXPECT_EQ(tally[ReportOutcome::batchFull], 7u);
     EXPECT_EQ(tally[ReportOutcome::held], 2u);
+    EXPECT_EQ(failedOrPending(tally), 9u);
 }
 
 TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {

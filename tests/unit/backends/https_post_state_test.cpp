@@ -57,7 +57,7 @@ const struct StateCase {
     {"hardware", {{"device_blacklist", "model1"}}, kDisabled, "7 (Model1,1) is in device blacklist model1"},
     {"hostile filters", {{"filters", "x"}}, kDisabled, "4 filters are required."},
     {"factor at the threshold", {{"sampling_threshold", 0.3}}, kReporting},
-    {"below the override", {{"sampling_threshold", 0.2}, {"override_sampling", 0.4}}, kSampledOut},
+    {"factor at the override", {{"sampling_threshold", 0.2}, {"override_sampling", 0.3}}, kSampledOut},
     {"above the override", {{"sampling_threshold", 0.2}, {"override_sampling", 0.25}}, kDisabled},
     {"country's threshold",
      countryThresholds({7, Dictionary{{"country", "CH"}, {"threshold", 1}},

@@ -297,24 +297,34 @@ std::optional<Array> withoutIneffectivePart(Array clients, const Finding& findin
     return clients;
 }
 
+// A sanitizer takes twenty times as long for each bag, and sees the same code in fewer of them.
+#ifdef TELVORA_SANITIZED
+constexpr unsigned kSeeds = 200;
+#else
+constexpr unsigned kSeeds = 2000;
+#endif
+
 TEST(Agreement, FindingsOfNoEffectAreTrue) {
+    // By whether only sessions with user info are compared.
     std::map<bool, size_t> compared;
-    for (unsigned seed = 0; seed < 2000; ++seed) {
+    for (unsigned seed = 0; seed < kSeeds; ++seed) {
         Dice dice(seed);
         const Array clients = randomClients(dice);
-        const std::array policies = {policiesOf(clients, false), policiesOf(clients, true)};
+        std::map<bool, std::string> policies;
         for (const Finding& finding : lintBag(bagOf(clients))) {
             const auto changed = withoutIneffectivePart(clients, finding);
             if (!changed) continue;
             const bool onlyWithUserInfo =
                 finding.text.find("only by sessions that require no user info") != std::string::npos;
             ++compared[onlyWithUserInfo];
-            ASSERT_TRUE(policiesOf(*changed, onlyWithUserInfo) == policies.at(onlyWithUserInfo ? 1 : 0))
+            const auto [policy, isFirst] = policies.try_emplace(onlyWithUserInfo);
+            if (isFirst) policy->second = policiesOf(clients, onlyWithUserInfo);
+            ASSERT_TRUE(policiesOf(*changed, onlyWithUserInfo) == policy->second)
                 << seed << " " << finding.path << " " << finding.text;
         }
     }
-    EXPECT_GT(compared[false], 500u);
-    EXPECT_GT(compared[true], 25u);
+    EXPECT_GT(compared[false], kSeeds / 4);
+    EXPECT_GT(compared[true], kSeeds / 80);
 }
 
 TEST(Agreement, LintFindsTheFiltersThatLeaveUserInfoAlone) {

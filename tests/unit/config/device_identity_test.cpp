@@ -111,7 +111,9 @@ TEST(Environment, BaseURLIsReadOnce) {
     Device device({{"ReleaseType", "Internal"}}), external;
     const Environment before(device.defaults, device.identity);
     const std::string url = before.storebagBaseURL();
-    EXPECT_NE(url, Environment(external.defaults, external.identity).storebagBaseURL());
+    EXPECT_EQ(url, TELVORA_INTERNAL_STOREBAG_URL);
+    EXPECT_EQ(Environment(external.defaults, external.identity).storebagBaseURL(),
+              TELVORA_PUBLIC_STOREBAG_URL);
     ASSERT_TRUE(device.defaults.set(kTelvoraDefaultsDomain, "telvora_storebag_url", "http://bags.test/b"));
     EXPECT_EQ(before.storebagBaseURL(), url);
     EXPECT_EQ(Environment(device.defaults, device.identity).storebagBaseURL(), "http://bags.test/b");

@@ -138,6 +138,7 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
                           {"release", section},
                           {"version", "1.0.0-Quillet-Fallback"},
                           {"refresh_cycle", 3600}}));
+    EXPECT_TRUE(f.status.builtIn);
     EXPECT_EQ(log.count(error + "/quillet" + ending), 1u);
     EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
     EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
@@ -203,6 +204,12 @@ TEST(StorebagSelection, SaysWhyThereIsNone) {
     EXPECT_EQ(log.lines().back(), "<3>" + kSelect + "Could not fetch storebag for client type 4");
 
     EXPECT_TRUE(f.fetcher.fetchStorebagForEnvironmentAndClientType(11, version, f.status));
+    std::string names;
+    for (uint32_t clientType = 4; clientType < 20; ++clientType)
+        names += bagNameForClientType(clientType).value_or("-") + " ";
+    EXPECT_EQ(names,
+              "- orbel vantor quillet dravik fenlow pellam quillet kestova quillet vantor vantor tamsel "
+              "corvane lindqvar - ");
     EXPECT_EQ(version, "1.0.0-Quillet-Fallback");
     EXPECT_EQ(f.status.maxAge, 3600);
 }

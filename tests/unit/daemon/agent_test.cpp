@@ -31,6 +31,14 @@ TEST_F(AgentRegistry, CountsSessionsAndHierarchiesBeforeTheNewOne) {
     EXPECT_THAT(log.lines(), Contains(HasSubstr("proper entitlement, 0(0) connections.")));
     EXPECT_THAT(log.lines(), Contains(HasSubstr("proper entitlement, 1(1) connections.")));
     EXPECT_EQ(world.agent.sessionCount(), 2U);
+
+    // Invented tokens are forgotten once they fill 1 MiB.
+    for (char letter = 'a'; letter < 'a' + 22; ++letter) {
+        const std::string token(100'000, letter);
+        first->session().setSessionInfo(sessionInfoFor(1, {{token, 0}}), std::nullopt, {}, false);
+    }
+    world.connect();
+    EXPECT_THAT(log.lines(), Contains(HasSubstr("proper entitlement, 2(1) connections.")));
 }
 
 TEST_F(AgentRegistry, OnlyATrueEntitlementLetsAPeerIn) {
@@ -60,8 +68,30 @@ TEST_F(AgentRegistry, AnEndedConnectionLeavesNothingBehind) {
     EXPECT_EQ(world.agent.sessionCount(), 2U);
     EXPECT_EQ(world.agent.sessionsAlive(), 2U);
     EXPECT_EQ(world.agent.hierarchies().parentSessionIDStringForSession(child->session()), std::nullopt);
+    EXPECT_FALSE(world.isIdle());
     world.agent.invalidateAllConnections();
     EXPECT_EQ(world.agent.sessionsAlive(), 0U);
+    EXPECT_TRUE(world.isIdle());
+}
+
+TEST_F(AgentRegistry, EachUsersRefusalsTakeALineAMinute) {
+    std::chrono::steady_clock::time_point now;
+    RefusalLog refusals([&now] { return now; });
+    Peer peer;
+    peer.pid = 7;
+    for (const uid_t user : {5, 5, 5, 6}) {
+        peer.uid = user;
+        refusals.notEntitled(peer);
+    }
+    now += std::chrono::minutes(1);
+    peer.uid = 5;
+    refusals.notEntitled(peer);
+    const auto line = [](const char* user, const char* others) {
+        return std::string("<6>RefusalLog: refused pid 7, uid ") + user +
+               ": not entitled, see telvorad.entitlements(5)" + others;
+    };
+    EXPECT_EQ(log.lines(),
+              (std::vector{line("5", ""), line("6", ""), line("5", ", after 2 more of this user")}));
 }
 
 // --- Hierarchy ---
@@ -87,12 +117,13 @@ TEST_F(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
     const auto child = world.connectConfigured(2, {{"t", 1}});
     child->session().sendMessageWithCategory(5, 1, Dictionary{{"k", "v"}}, [](const auto&) {});
     const auto top = world.connectConfigured(1, {{"t", 0}});
-    child->session().flushMessagesWithCompletion({});
     const std::string combined = top->session().sessionIDString() + "." + child->session().sessionIDString();
+    child->invalidate();
     const auto events = world.postedEvents();
-    ASSERT_FALSE(events.empty());
-    for (const Dictionary& event : events)
-        EXPECT_EQ(*event.string("_sessionID"), combined);
+    ASSERT_EQ(events.size(), 3U);
+    for (const size_t held : {0, 1})
+        EXPECT_EQ(*events[held].string("_sessionID"), combined);
+    EXPECT_EQ(events[2].integer("_status"), 1) << "the end leaves with the batch";
 }
 
 TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
@@ -113,6 +144,29 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
                                   Dictionary{{kTelvoraUserInfoClientName, "c"}}, {}, false);
     world.agent.hierarchies().updateDownstreamSessions(top->session());
     EXPECT_THAT(states(*orphan), testing::Optional(testing::IsEmpty()));
+
+    world.samplingFactor = 0.6;
+    const struct {
+        double parents, own;  // thresholds
+        const char* state;
+        double threshold;
+    } cases[] = {{0.7, 0.8, "reporting", 0.7},
+                 {0.5, 0.8, "sampledOut", 0.5},
+                 {0.7, 0.5, "sampledOut", 0.5}};  // a backend that is sampled out itself follows nobody
+    for (const auto& c : cases) {
+        std::shared_ptr<FakeConnection> family[2];
+        for (const int level : {0, 1}) {
+            world.now += 100'000;  // the bag is stale by then
+            world.serveBag(
+                DaemonWorld::reportingBag({{"sampling_threshold", level == 0 ? c.parents : c.own}}));
+            family[level] = world.connectConfigured(3, {{"sampled", level}});
+        }
+        EXPECT_EQ(*family[1]->session().status().dictionary("backends")->dictionary("httpPost"),
+                  (Dictionary{{"state", c.state}, {"samplingThreshold", c.threshold}}));
+        EXPECT_THAT(states(*family[1]), testing::Optional(testing::ElementsAre("httpPost")));
+        for (const auto& member : family)
+            member->invalidate();
+    }
 }
 
 TEST_F(AgentHierarchy, AggregatorsHearOfReportsWithoutAPayloadAndOfTheirOwnEnd) {
@@ -121,8 +175,11 @@ TEST_F(AgentHierarchy, AggregatorsHearOfReportsWithoutAPayloadAndOfTheirOwnEnd) 
     child->session().sendMessageWithCategory(7, 10, std::nullopt, [](const auto&) {});
     EXPECT_EQ(top->deliveries().back().type, 10);
     EXPECT_EQ(top->deliveries().back().payload, std::nullopt) << "without payload, no user info either";
+    EXPECT_EQ(child->deliveries().size(), 1U) << "its end marker: there is an aggregator above it";
     top->invalidate();
     EXPECT_EQ(top->deliveries().back().sessionInfo, nullptr) << "one end marker, last";
+    child->invalidate();
+    EXPECT_EQ(child->deliveries().size(), 1U);
 }
 
 TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
@@ -132,7 +189,7 @@ TEST_F(AgentHierarchy, UsersShareTheirsAsTheAdministratorSays) {
     } cases[] = {
         {Array{}, {5, 6, 7}},
         {Array{PropertyList(Array{7, "5"})}, {5, 6, 5}},
-        {Array{Array{6, 7}, Array{5, 6}}, {5, 6, 6}},  // the first that names a user counts
+        {Array{Array{6, 5}, Array{5, 7}}, {5, 5, 7}},  // the first that names a user counts
         {Array{PropertyList(Array{7, 6, 5, 8})}, {5, 5, 5}},
         {Array{Array{7, 5}, Array{6, -1}}, {5, 6, 7}},  // an invalid list is ignored
         {Array{7, 5}, {5, 6, 7}},
@@ -176,13 +233,16 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
         const char* served;
         size_t requests;
         const char* version;
-    } steps[] = {{0, "1", 1, "1"},
-                 {599, "2", 1, "1"},
-                 {1, "2", 2, "2"},        // exactly the maximum age: stale
-                 {-10000, "3", 3, "3"}};  // a clock that was set back makes the bag old
+        const char* before;  // how the status calls the bag
+    } steps[] = {{0, "1", 1, "1", "none"},
+                 {599, "2", 1, "1", "fresh"},
+                 {1, "2", 2, "2", "stale"},        // exactly the maximum age
+                 {-10000, "3", 3, "3", "stale"}};  // a clock that was set back makes the bag old
     const std::shared_ptr<FakeConnection> connections[] = {connect(6), connect(15)};
     for (const auto& step : steps) {
         world.now += step.later;
+        const Array status = world.agent.storebagStatus();
+        EXPECT_EQ(status.empty() ? "none" : *status[0].getIf<Dictionary>()->string("state"), step.before);
         world.serveBag(bagOfVersion(step.served, 600));
         for (const auto& connection : connections) {
             EXPECT_TRUE(world.agent.storebagForSession(connection->session()));
@@ -192,6 +252,15 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
     }
     EXPECT_EQ(log.count("<7>storebagForSession: Cached storebag found for client type 15"), 4U);
     EXPECT_EQ(log.count("<7>fetchAndCacheStorebag: Storebag max age: 600 seconds"), 3U);
+
+    const HttpResult dated = lab::FakeHttpClient::response(200, signedDocument(bagOfVersion("4", 600)),
+                                                           {{"Last-Modified", "then"}});
+    world.http.setHandler([&dated](const HttpRequest&) { return dated; });
+    for (const char* since : {"", "then"}) {
+        world.now += 600;
+        world.agent.storebagForSession(connections[0]->session());
+        EXPECT_EQ(lab::headerOf(world.http.requests().back(), "If-Modified-Since"), since);
+    }
 }
 
 TEST_F(AgentStorebags, TypesWithoutANameShareABagButNotTheFailuresOfTypeZero) {

@@ -47,6 +47,7 @@ TEST_F(SessionTest, StartMessageDescribesTheDeviceOnInternalBuildsOnly) {
 }
 
 TEST_F(SessionTest, MessagesNeedTheirMandatoryParameters) {
+    world.serveBag(DaemonWorld::reportingBag({{"realtime_post_url", "https://realtime.example/"}}));
     const auto connection = world.connectConfigured(1);
     const auto send = [&](Dictionary message) {
         connection->session().sendMessageWithDictionary(std::move(message), [](const auto&) {});
@@ -66,7 +67,9 @@ TEST_F(SessionTest, MessagesNeedTheirMandatoryParameters) {
 
     send({{kTelvoraMessageParametersCategory, 65536 + 9},
           {kTelvoraMessageParametersType, 65536 + 4},
+          {kTelvoraMessageParametersFlag, 1},
           {kTelvoraMessageParametersPayload, "no dictionary"}});
+    EXPECT_EQ(world.http.requests().back().url, "https://realtime.example/");
     EXPECT_EQ(world.postedEvents().back().integer("_method"), 9) << "only the low 16 bits count";
     EXPECT_EQ(world.postedEvents().back().integer("_status"), 4);
 }
@@ -118,20 +121,26 @@ TEST_F(SessionTest, OneShotMessagesUseBackendsOfTheirOwn) {
     send({{kTelvoraSessionInfoSessionID, 4}, {kTelvoraSessionInfoClientType, 5}}, std::nullopt);
     world.now += 1000;
     world.serveBag(DaemonWorld::reportingBag());
-    send(sessionInfoFor(77), kUser);
+    send(Dictionary::merged(sessionInfoFor(77), {{kTelvoraSessionInfoClientVersion, 65536 + 3}}), kUser);
     EXPECT_THAT(outcomes, ElementsAre("storebag not available", "finished"));
     EXPECT_EQ(connection->session().sessionID(), 77U) << "the session takes over the identity";
+    EXPECT_EQ(*connection->session().userInfo(), kUser);
     ASSERT_EQ(world.postedEvents().size(), 1U);
     EXPECT_EQ(world.postedEvents()[0].integer("_method"), 8);
+    EXPECT_EQ(world.postedEvents()[0].integer("_clientVersion"), 3);
 }
 
 TEST_F(SessionTest, TheDisplayURLIsThatOfTheFirstBackendThatHasOne) {
-    const Dictionary clients{{"clients", Array{}}};
-    const Dictionary withURL{{"clients", Array{}}, {"display_url", "https://show.example"}};
-    world.serveBag(Dictionary{{"release", Dictionary{{"httpPost", clients}, {"httpPost2", withURL}}}});
-    std::string url;
-    world.connectConfigured(1)->session().fetchDisplayURL([&url](const auto& told) { url = told; });
-    EXPECT_EQ(url, "https://show.example");
+    const Dictionary none{{"clients", Array{}}};
+    const auto showing = [&](const char* url) { return Dictionary::merged(none, {{"display_url", url}}); };
+    for (const auto& [first, expected] : {std::pair{none, "two"}, {showing("one"), "one"}}) {
+        world.now += 100'000;  // the bag before is stale by then
+        world.serveBag(
+            Dictionary{{"release", Dictionary{{"httpPost", first}, {"httpPost2", showing("two")}}}});
+        std::string url;
+        world.connectConfigured(1)->session().fetchDisplayURL([&url](const auto& told) { url = told; });
+        EXPECT_EQ(url, expected);
+    }
 }
 
 TEST_F(SessionTest, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails) {
