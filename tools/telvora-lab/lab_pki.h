@@ -23,8 +23,8 @@ class LabPki {
     //     server-key.pem    its key
     //     framework/        for TELVORA_FRAMEWORK_DIR: Info.plist with CFBundleVersion, publicKey.der
     //
-    // An RSA key in the file bag-key.pem of `directory` signs the bags, if the file exists. Fails with a reason
-    // if a file can't be written or the key can't be used.
+    // An RSA key in the file bag-key.pem of `directory` signs the bags, if the file exists. Fails with a
+    // reason if a file can't be written or the key can't be used.
     static tl::expected<LabPki, std::string> make(const std::filesystem::path& directory,
                                                   const std::string& bundleVersion = "8.1.2");
 

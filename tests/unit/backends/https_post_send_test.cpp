@@ -165,7 +165,7 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
     EXPECT_THAT(*answer, testing::HasSubstr("\n}\nStandalone event:\n{\n"));
 
     // From then on the bag is not asked, even if the answer may not be logged.
-    ReportingRig unlogged({{"override_dnu", 1}}, true);
+    ReportingRig unlogged({{"override_dnu", 1}}, batching());
     unlogged.send();
     unlogged.send(kRealtime);
     unlogged.country = "FR";
