@@ -192,8 +192,7 @@ class SdBus {
         sd_bus_new(&bus);
         bus_.reset(bus);
         sd_bus_set_fd(bus, sockets[0], sockets[0]);
-        sd_bus_set_server(bus, 1,
-                          SD_ID128_MAKE(01, 02, 03, 04, 05, 06, 07, 08, 09, 0a, 0b, 0c, 0d, 0e, 0f, 10));
+        sd_bus_set_server(bus, 1, sd_id128_t{});
         sd_bus_set_anonymous(bus, 1);
         sd_bus_add_filter(
             bus, nullptr,

@@ -20,7 +20,7 @@ namespace telvora {
 namespace {
 
 // openlog(3) keeps the pointer to it.
-std::string identity;
+std::string programIdentity;
 
 void writeToSystemLog(int level, std::string_view line) {
     syslog(level, "%.*s", static_cast<int>(line.size()), line.data());
@@ -58,9 +58,9 @@ void startLogging(const std::string& programName) {
         setLogSink(writeToStandardError);
         return;
     }
-    identity = programName;
+    programIdentity = programName;
     // Opened now, while the process can still reach /dev/log.
-    openlog(identity.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    openlog(programIdentity.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
     setLogSink(writeToSystemLog);
 }
 

@@ -253,8 +253,8 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
     EXPECT_EQ(log.count("<7>storebagForSession: Cached storebag found for client type 15"), 4U);
     EXPECT_EQ(log.count("<7>fetchAndCacheStorebag: Storebag max age: 600 seconds"), 3U);
 
-    const HttpResult dated = FakeHttpClient::response(200, signedDocument(bagOfVersion("4", 600)),
-                                                           {{"Last-Modified", "then"}});
+    const HttpResult dated =
+        FakeHttpClient::response(200, signedDocument(bagOfVersion("4", 600)), {{"Last-Modified", "then"}});
     world.http.setHandler([&dated](const HttpRequest&) { return dated; });
     for (const char* since : {"", "then"}) {
         world.now += 600;
