@@ -36,6 +36,7 @@ int run() {
     setUtilityQualityOfService();
     startLogging("telvorad");
     raiseDescriptorLimit();
+    avoidHugePages();
 
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);

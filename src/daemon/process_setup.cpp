@@ -46,6 +46,11 @@ void setUtilityQualityOfService() {
     report("timer slack", prctl(PR_SET_TIMERSLACK, kTimerSlackNanoseconds, 0UL, 0UL, 0UL));
 }
 
+void avoidHugePages() {
+    if (prctl(PR_SET_THP_DISABLE, 1UL, 0UL, 0UL, 0UL) == 0) return;
+    TELVORA_LOG(kLogDebug, "avoidHugePages: can't set it: %s", errorText(errno).c_str());
+}
+
 void notifyServiceManager(const char* state) {
     const char* const path = std::getenv("NOTIFY_SOCKET");
     if (path == nullptr) return;

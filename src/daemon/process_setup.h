@@ -10,6 +10,10 @@ namespace telvora {
 // So main calls it first. A setting that the kernel refuses stays as it is and is logged at level 7.
 void setUtilityQualityOfService();
 
+// Keeps the kernel from backing the heap with huge pages (PR_SET_THP_DISABLE, prctl(2)): where that is its
+// default, a few hundred kilobytes of each thread's arena become megabytes of resident memory.
+void avoidHugePages();
+
 // Notifies the service manager of the daemon's state: "READY=1", "STOPPING=1", ... (sd_notify(3)). No effect
 // in a process that was not started by a service manager. Callable from any thread.
 void notifyServiceManager(const char* state);

@@ -17,8 +17,6 @@
 
 namespace telvora {
 
-namespace {
-
 // Identifies a file's version: a file replaced by rename has a new inode, one edited in place has new times.
 struct FileIdentity {
     int error = 0;  // errno of stat(2)
@@ -30,6 +28,8 @@ struct FileIdentity {
 
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
+
+namespace {
 
 FileIdentity identityOf(const std::filesystem::path& path) {
     FileIdentity identity;
