@@ -14,7 +14,9 @@
 
 #include <asio/error.hpp>
 #include <asio/post.hpp>
+#include <cerrno>
 
+#include "util/error_text.h"
 #include "util/hexadecimal.h"
 #include "util/random.h"
 
@@ -167,6 +169,7 @@ void BusConnection::flush() {
     if (state_ == State::authenticating || output_.empty()) return;
     congested_ = congested_ || outputCongested();
     const auto done = output_.flush(descriptor_.native_handle());
+    if (!done && done.error() != EPIPE && done.error() != ECONNRESET) return end(errorText(done.error()));
     if (!done) {
         hungUp_ = true;
         output_.clear();
@@ -255,8 +258,9 @@ void BusConnection::end(const std::string& reason) {
 }
 
 void BusConnection::halfClose(const std::string& reason) {
-    if (role_ != BusRole::kServer || state_ != State::ready) return end(reason);
     const auto self = shared_from_this();
+    if (state_ == State::ready) flush();
+    if (role_ != BusRole::kServer || state_ != State::ready) return end(reason);
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
     if (state_ != State::ready || hungUp_ || inputEnded_) return teardown();
     state_ = State::halfClosed;

@@ -185,7 +185,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     // bus_dispatch.cpp: the messages.
     void dispatch(const MessageView& view, std::vector<UniqueFd> descriptors);
-    void checkBody(WireReader&& body);
+    void checkRest(WireReader& body);
     void handleCall(const MessageView& view, std::vector<UniqueFd> descriptors);
     void runHandler(const Export& target, size_t method, BusMessage& call);
     void handleReply(const MessageView& view, std::vector<UniqueFd> descriptors);

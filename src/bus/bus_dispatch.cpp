@@ -32,13 +32,13 @@ void BusConnection::dispatch(const MessageView& view, std::vector<UniqueFd> desc
         case MessageType::error:
             return handleReply(view, std::move(descriptors));
         case MessageType::signal:
-            return checkBody(view.reader());
+            return checkRest(BusMessage(view, {}).reader());
     }
 }
 
 // Bytes that no handler reads must be valid all the same.
-void BusConnection::checkBody(WireReader&& body) {
-    if (!body.finish() && body.violation() != nullptr) violation_ = body.violation();
+void BusConnection::checkRest(WireReader& body) {
+    if (!body.finish()) violation_ = body.violation();
 }
 
 // --- Calls of the peer ---
@@ -55,7 +55,7 @@ void BusConnection::handleCall(const MessageView& view, std::vector<UniqueFd> de
         if (!method) continue;
         const std::string& expected = target.interface.signature(*method);
         if (view.signature != expected) {
-            checkBody(view.reader());
+            checkRest(BusMessage(view, {}).reader());
             return sendError(view, {kBusErrorInvalidArgs,
                                     "Invalid arguments '" + std::string(view.signature) + "' to call " +
                                         target.interface.name() + "." + std::string(view.member) +
@@ -64,7 +64,7 @@ void BusConnection::handleCall(const MessageView& view, std::vector<UniqueFd> de
         BusMessage call(view, std::move(descriptors), target.interface.answerSignature(*method).c_str());
         return runHandler(target, *method, call);
     }
-    checkBody(view.reader());
+    checkRest(BusMessage(view, {}).reader());
     answerStandard(view);
 }
 
@@ -72,11 +72,8 @@ void BusConnection::handleCall(const MessageView& view, std::vector<UniqueFd> de
 void BusConnection::runHandler(const Export& target, size_t method, BusMessage& call) {
     try {
         const std::optional<BusError> failure = target.handler(method, call);
-        if (call.reader().violation() != nullptr) {
-            violation_ = call.reader().violation();
-        } else if (failure) {
-            sendError(call.view(), *failure);
-        }
+        checkRest(call.reader());
+        if (failure) sendError(call.view(), *failure);
     } catch (const std::exception& exception) {
         sendError(call.view(), {kBusErrorFailed, exception.what()});
     }
@@ -233,14 +230,14 @@ tl::expected<void, BusSendFailure> BusConnection::call(const Destination& to, co
 
 void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> descriptors) {
     auto waiting = replies_.extract(view.replySerial);
-    if (waiting.empty()) return checkBody(view.reader());
+    if (waiting.empty()) return checkRest(BusMessage(view, {}).reader());
     BusMessage reply(view, std::move(descriptors));
     try {
         waiting.mapped()(reply);
     } catch (const std::exception& exception) {
         TELVORA_LOG(kLogError, "BusConnection(onReply): %s", exception.what());
     }
-    if (reply.reader().violation() != nullptr) violation_ = reply.reader().violation();
+    checkRest(reply.reader());
 }
 
 tl::expected<void, BusSendFailure> BusConnection::write(MessageView header, const BusBody& body) {

@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "bus/bus_buffers.h"
-#include "util/error_text.h"
 
 namespace telvora {
 
@@ -17,7 +16,7 @@ void BusOutput::attach(size_t position, std::vector<UniqueFd> descriptors) {
         descriptors_.push_back({position, std::move(descriptor)});
 }
 
-tl::expected<bool, std::string> BusOutput::flush(int socket) {
+tl::expected<bool, int> BusOutput::flush(int socket) {
     while (!empty()) {
         // The descriptors of a message go with its first byte: a write ends where the next such message
         // begins.
@@ -46,7 +45,7 @@ tl::expected<bool, std::string> BusOutput::flush(int socket) {
         const ssize_t sent = sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR) continue;
         if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-        if (sent < 0) return tl::unexpected(errorText(errno));
+        if (sent < 0) return tl::unexpected(errno);
         sent_ += static_cast<size_t>(sent);
         descriptors_.erase(descriptors_.begin(), descriptors_.begin() + static_cast<ptrdiff_t>(count));
     }

@@ -29,8 +29,8 @@ class BusOutput {
 
     void clear();
 
-    // Sends as much as the socket takes. True if all is sent. Fails with the reason when the socket does.
-    tl::expected<bool, std::string> flush(int socket);
+    // Sends as much as the socket takes. True if all is sent. Fails with the errno value of sendmsg(2).
+    tl::expected<bool, int> flush(int socket);
 
   private:
     struct Attached {

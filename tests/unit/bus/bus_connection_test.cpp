@@ -133,12 +133,9 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     BusLimits limits;
     limits.messageSize = 128 << 10;
     Served served = serve(limits);
-    std::string conversation("\0AUTH EXTERNAL ", 15);
-    for (const char digit : std::to_string(getuid()))
-        conversation += {'3', digit};
     // A method call whose header announces a body of 1 MiB.
     const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
-    sendAll(served, conversation + "\r\nBEGIN\r\n");
+    sendAll(served, "\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv);
     sendAll(served, {reinterpret_cast<const char*>(words), sizeof words});
 
     // Each piece is read before the next one comes, as from a peer that is no faster than this end.
@@ -152,6 +149,61 @@ TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
     }
     EXPECT_LT(accepted, 2 * limits.messageSize);
     EXPECT_EQ(served.ended.get(), "a message is too large");
+}
+
+TEST_F(BusConnectionTest, EndsAPeerThatViolatesTheMessageFormat) {
+    const struct {
+        const char *method, *signature, *reason;
+        uint32_t descriptors;
+    } cases[] = {
+        {"Fill", "u", "bytes are left after the last value", 0},
+        {"Unknown", "bu", "a boolean is neither 0 nor 1", 0},
+        {"Fill", "uu", "a file descriptor did not come with its message", 1},
+    };
+    for (const auto& c : cases) {
+        Served served = serve();
+        std::string bytes(ClientAuthentication::greeting());
+        MessageView header;
+        header.type = MessageType::methodCall;
+        header.serial = 1;
+        header.path = kPath;
+        header.interface = kInterface;
+        header.member = c.method;
+        header.signature = c.signature;
+        header.descriptors = c.descriptors;
+        WireWriter writer(bytes, header);
+        writer.append(uint32_t{2});
+        writer.append(uint32_t{2});
+        ASSERT_TRUE(writer.finish(1024));
+        sendAll(served, bytes);
+        EXPECT_EQ(served.ended.get(), c.reason);
+    }
+}
+
+TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
+    Served served = serve();
+    const auto client = BusConnection::make(pool_.makeStrand(), std::move(served.peer), BusRole::kClient);
+    std::promise<void> answered, closed;
+    client->start([&](const std::string&) { closed.set_value(); });
+    const auto write = [](WireWriter& body) {
+        body.append(uint32_t{1});
+        return true;
+    };
+    asio::post(client->strand(), [&] {
+        EXPECT_TRUE(client->call({kPath, kInterface, "Fill", "u"}, write,
+                                 [&](BusMessage&) { answered.set_value(); }));
+    });
+    answered.get_future().wait();
+    asio::post(client->strand(), [&] {
+        for (int i = 0; i < 2; ++i)
+            EXPECT_TRUE(
+                client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
+        client->close("done");
+        EXPECT_FALSE(client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
+    });
+    twoPending_.get_future().wait();
+    closed.get_future().wait();
+    served.ended.wait();
 }
 
 TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
