@@ -78,7 +78,7 @@ template <typename Handler>
 std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<Handler>::Interface& target,
                                  BusConnection& bus, BusMessage& call) {
     using Traits = HandlerTraits<Handler>;
-    using Answer = std::type_identity<typename Traits::Answer>;
+    using AnswerTypes = std::type_identity<typename Traits::Answer>;
     ArgumentReader in(call);
     auto arguments = readArguments(in, std::type_identity<typename Traits::Arguments>());
     if (!in.ok()) return BusError{kBusErrorInvalidArgs, in.failure()};
@@ -91,7 +91,7 @@ std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<
             arguments);
     };
     if constexpr (Traits::kAnswerTime == AnswerTime::kLater) {
-        run(replyTo(bus.defer(call), Answer()));
+        run(replyTo(bus.defer(call), AnswerTypes()));
     } else if constexpr (std::tuple_size_v<typename Traits::Answer> == 0) {
         run();
         bus.replyNow(call, [](WireWriter&) { return true; });
