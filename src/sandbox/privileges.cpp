@@ -2,11 +2,7 @@
 #include "sandbox/privileges.h"
 
 #include <cap-ng.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -51,19 +47,6 @@ tl::expected<DroppedPrivileges, std::string> dropPrivileges() {
     if (!sanitizer_needs::kDumpable) prctl(PR_SET_DUMPABLE, 0UL, 0UL, 0UL, 0UL);
     dropped.notDumpable = prctl(PR_GET_DUMPABLE, 0UL, 0UL, 0UL, 0UL) == 0;
     return dropped;
-}
-
-tl::expected<void, std::string> becomeOwnerOf(const std::filesystem::path& directory) {
-    struct stat status {};
-    if (geteuid() != 0 || stat(directory.c_str(), &status) != 0 || status.st_uid == 0) return {};
-    const passwd* user = getpwuid(status.st_uid);
-    const gid_t group = user != nullptr ? user->pw_gid : status.st_gid;
-    const bool grouped = user != nullptr ? initgroups(user->pw_name, group) == 0 : setgroups(1, &group) == 0;
-    if (!grouped || setresgid(group, group, group) != 0 ||
-        setresuid(status.st_uid, status.st_uid, status.st_uid) != 0) {
-        return tl::unexpected("can't become the owner of " + directory.string());
-    }
-    return {};
 }
 
 }  // namespace telvora

@@ -3,7 +3,6 @@
 // Drops privileges beyond those of the user: capabilities(7), no_new_privs and the dumpable flag (prctl(2)).
 #pragma once
 
-#include <filesystem>
 #include <string>
 #include <tl/expected.hpp>
 
@@ -19,11 +18,5 @@ struct DroppedPrivileges {
 // it stays, without effect under no_new_privs. Must be called before the process has a second thread. Fails
 // with a reason if a capability remains.
 tl::expected<DroppedPrivileges, std::string> dropPrivileges();
-
-// If this process runs as root and `directory` belongs to another user, becomes that user permanently, with
-// its groups. Otherwise, or without such a directory, has no effect. Files created there then belong to that
-// user, and a malicious link among existing files reaches no further than that user does. Must be called
-// before the process has a second thread. Fails with a reason; then the process must not continue.
-tl::expected<void, std::string> becomeOwnerOf(const std::filesystem::path& directory);
 
 }  // namespace telvora

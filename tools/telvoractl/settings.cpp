@@ -1,9 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "settings.h"
 
-#include "sandbox/privileges.h"
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 namespace telvora::ctl {
+
+namespace {
+
+// If this process runs as root and `directory` belongs to another user, becomes that user permanently, with
+// its groups. Files created there then belong to that user, and a malicious link among existing files reaches
+// no further than that user does. Fails with a reason; then the process must not continue.
+tl::expected<void, std::string> becomeOwnerOf(const std::filesystem::path& directory) {
+    struct stat status {};
+    if (geteuid() != 0 || stat(directory.c_str(), &status) != 0 || status.st_uid == 0) return {};
+    const passwd* user = getpwuid(status.st_uid);
+    const gid_t group = user != nullptr ? user->pw_gid : status.st_gid;
+    const bool grouped = user != nullptr ? initgroups(user->pw_name, group) == 0 : setgroups(1, &group) == 0;
+    if (!grouped || setresgid(group, group, group) != 0 ||
+        setresuid(status.st_uid, status.st_uid, status.st_uid) != 0) {
+        return tl::unexpected("can't become the owner of " + directory.string());
+    }
+    return {};
+}
+
+}  // namespace
 
 tl::expected<Settings, std::string> Settings::open() {
     logToStandardError();
