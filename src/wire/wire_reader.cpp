@@ -75,9 +75,7 @@ bool WireReader::readBytes(std::string_view& bytes) {
 }
 
 bool WireReader::readDescriptor(uint32_t& index) {
-    if (type() != 'h' || !readFixed(index)) return false;
-    if (index >= descriptors_) return fail("a file descriptor did not come with its message");
-    return consumed();
+    return type() == 'h' && readFixed(index) && consumed() && index < descriptors_;
 }
 
 bool WireReader::push(std::string_view types, size_t end, bool isArray) {
@@ -138,7 +136,6 @@ bool WireReader::skipFixedElements() {
 bool WireReader::skip() {
     std::string_view text;
     bool boolean = false;
-    uint32_t index = 0;
     switch (const char kind = type()) {
         case 0:
             return false;
@@ -148,8 +145,6 @@ bool WireReader::skip() {
             return read(text);
         case 'b':
             return read(boolean);
-        case 'h':
-            return readDescriptor(index);
         case 'a':
         case '(':
         case '{':

@@ -85,7 +85,8 @@ class WireReader {
     bool read(std::string_view& text);
     // An array of bytes.
     bool readBytes(std::string_view& bytes);
-    // The index of a file descriptor of the message.
+    // The index of a file descriptor of the message. False, too, if the message has no descriptor of that
+    // index, which is not a violation of the format.
     bool readDescriptor(uint32_t& index);
 
     // Enters the next value, a container: an array, a structure, a dictionary's entry or a variant.
