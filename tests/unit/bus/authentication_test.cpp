@@ -42,9 +42,14 @@ TEST(AuthenticationTest, HoldsEachConversation) {
     std::string_view input = answers;
     EXPECT_EQ(client.advance(input), AuthenticationState::done);
     EXPECT_TRUE(client.passesDescriptors() && server.passesDescriptors());
-    const std::string endless(kMaxAuthenticationSize + 1, 'A');
+    const std::string endless = '\0' + std::string(kMaxAuthenticationSize + 1, 'A');
+    for (const std::string_view said : {"REJECTED EXTERNAL\r\n"sv, "DATA\r\nREJECTED EXTERNAL\r\nERROR\r\n"sv,
+                                        "DATA\r\nOK 0123\r\nOK\r\n"sv, std::string_view(endless)}) {
+        input = said;
+        EXPECT_EQ(ClientAuthentication().advance(input), AuthenticationState::failed) << said.substr(0, 40);
+    }
     input = endless;
-    EXPECT_EQ(ClientAuthentication().advance(input), AuthenticationState::failed);
+    EXPECT_EQ(ServerAuthentication(7, "").advance(input, answers), AuthenticationState::failed);
 }
 
 }  // namespace

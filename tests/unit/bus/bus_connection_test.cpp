@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bus/bus_connection.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -9,7 +10,11 @@
 #include <future>
 #include <thread>
 
+#include "bus/bus_buffers.h"
+#include "bus/bus_input.h"
+#include "bus/bus_output.h"
 #include "tests/support/bus_peer.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 namespace {
@@ -92,16 +97,30 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     Served served = serve();
     BusPeer peer(std::move(served.peer));
     const struct {
-        const char *path, *interface, *method, *error;
+        const char *path, *interface, *method;
+        std::string error, message = "";
     } cases[] = {
         {"/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello", ""},
-        {kPath, kInterface, "Fill", kBusErrorInvalidArgs},  // its argument is missing
-        {kPath, kInterface, "Fail", kBusErrorFailed},
-        {kPath, kInterface, "Unknown", "org.freedesktop.DBus.Error.UnknownMethod"},
-        {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject"},
+        {kPath, kInterface, "Fill", kBusErrorInvalidArgs,  // its argument is missing
+         "Invalid arguments '' to call com.example.Test.Fill(), expecting 'u'."},
+        {kPath, kInterface, "Fail", kBusErrorFailed, "thrown"},
+        {kPath, kInterface, "Unknown", "org.freedesktop.DBus.Error.UnknownMethod",
+         "Unknown method Unknown or interface com.example.Test."},
+        {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject",
+         "Unknown object '/unknown'."},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(errorName(peer.call(peer.newCall(c.path, c.interface, c.method))), c.error) << c.method;
+    for (const auto& c : cases) {
+        const SdBusMessage reply = peer.call(peer.newCall(c.path, c.interface, c.method));
+        EXPECT_EQ(errorName(reply), c.error) << c.method;
+        EXPECT_EQ(reply.error().value_or(BusError{}).message, c.message);
+    }
+    const SdBusMessage unanswered = fillCall(peer, 1);
+    sd_bus_message_set_expect_reply(unanswered.get(), false);
+    peer.send(unanswered);
+    uint64_t answered = 0;
+    const uint64_t next = peer.send(fillCall(peer, 1));
+    sd_bus_message_get_reply_cookie(peer.receive().get(), &answered);
+    EXPECT_EQ(answered, next);
     SdBusMessage description =
         peer.call(peer.newCall(kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
     const char* xml = "";
@@ -281,6 +300,37 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     served.ended.wait();
     for (const auto& call : pending_)
         call->reply([](WireWriter&) { return true; });
+}
+
+TEST(BusBuffersTest, CarryEachMessageWithItsDescriptors) {
+    test::SocketPair sockets;
+    BusOutput output;
+    for (const size_t count : {size_t{1}, size_t{2}, kMaxDescriptors, size_t{1}}) {
+        MessageView header;
+        header.type = MessageType::methodCall;
+        header.serial = 1;
+        header.path = "/";
+        header.member = "M";
+        header.descriptors = static_cast<uint32_t>(count);
+        std::vector<UniqueFd> descriptors(count);
+        for (UniqueFd& descriptor : descriptors)
+            descriptor.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        output.attach(output.buffer().size(), std::move(descriptors));
+        ASSERT_TRUE(WireWriter(output.buffer(), header).finish(1 << 10));
+    }
+    EXPECT_TRUE(output.flush(sockets.ours.get()).value_or(false));
+    BusInput input(1 << 10);
+    for (const uint32_t count : {1U, 2U}) {
+        ASSERT_TRUE(input.receive(sockets.theirs.get()).has_value());
+        EXPECT_TRUE(input.nextMessage().value_or(std::nullopt).has_value());
+        const std::vector<UniqueFd> taken = input.takeDescriptors(count);
+        EXPECT_EQ(taken.size(), count);
+        for (const UniqueFd& descriptor : taken)
+            EXPECT_GE(fcntl(descriptor.get(), F_GETFD), 0);
+        input.keepRest();
+    }
+    EXPECT_TRUE(input.receive(sockets.theirs.get()).has_value());
+    EXPECT_FALSE(input.receive(sockets.theirs.get()).has_value()) << "more than may wait";
 }
 
 }  // namespace

@@ -115,6 +115,33 @@ TEST(WireTest, ReadsEveryTypeThatItWrites) {
     EXPECT_TRUE(in.atEnd() && in.finish());
 }
 
+TEST(WireTest, NamesTheRuleThatAHeaderViolates) {
+    std::string valid, withDescriptors;
+    ASSERT_TRUE(WireWriter(valid, callHeader("")).finish(1 << 10));
+    const struct {
+        std::string_view part, other, violation;
+    } cases[] = {
+        {"\7\0\0\0"sv, "\0\0\0\0"sv, "a message has the serial number 0"},
+        {"\3\1s\0"sv, "\2\1s\0"sv, "a header field is there twice"},
+        {"\3\1s\0"sv, "\0\1s\0"sv, "a header field has the code 0"},
+        {"\3\1s\0"sv, "\x63\1s\0"sv, "a header field is missing"},  // ignored: its code is unknown
+        {"zandor.Thing"sv, "zandor..hing"sv, "a name in the header is invalid"},
+        {":1.5\0\0\0\0"sv, ":1.5\0\0\0\1"sv, "padding is not zero"},
+    };
+    for (const auto& c : cases) {
+        std::string bytes = valid;
+        bytes.replace(bytes.find(c.part), c.part.size(), c.other);
+        const auto parsed = parseMessage(bytes, 0);
+        ASSERT_FALSE(parsed.has_value()) << c.violation;
+        EXPECT_EQ(parsed.error(), c.violation);
+    }
+    MessageView header = callHeader("");
+    header.descriptors = 2;
+    ASSERT_TRUE(WireWriter(withDescriptors, header).finish(1 << 10));
+    EXPECT_TRUE(parseMessage(withDescriptors, 2).has_value());
+    EXPECT_FALSE(parseMessage(withDescriptors, 1).has_value());
+}
+
 TEST(WireTest, NamesTheRuleThatBytesViolate) {
     const std::string deep = std::string("\1v\0", 3);
     std::string variants;
