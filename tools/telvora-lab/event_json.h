@@ -29,7 +29,7 @@ tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json)
 // JSON.
 tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view json, std::string_view key);
 
-// Any value as JSON: data as base64, dates as seconds since 1970, numbers that JSON can't represent as null.
+// Any value as JSON: data as base64, dates as seconds since 1970, NaN and infinity as -1.0.
 std::string toJson(const PropertyList& value, bool pretty);
 
 }  // namespace telvora::lab
