@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 
 namespace telvora {
@@ -28,11 +29,17 @@ TEST(UploadAdmission, GivesEachUserHalfOfThePlaces) {
 TEST(UploadAdmission, MakesAUserWaitForMemoryAndNobodyElse) {
     UploadAdmission admission({.uploads = 20, .bytes = 1000});
     TicketPtr first = admission.admit(1, 400);
-    auto second = std::async(std::launch::async, [&] { return admission.admit(1, 400); });
-    TicketPtr third = admission.admit(2, 500);
+    std::atomic<bool> shrunk = false;
+    auto other = std::async(std::launch::async, [&] {
+        TicketPtr third = admission.admit(2, 500);
+        shrunk = true;
+        first->shrink(100);
+        return third;
+    });
+    EXPECT_NE(admission.admit(1, 400), nullptr);
+    EXPECT_TRUE(shrunk) << "the user's half is full until then";
+    TicketPtr third = other.get();
     EXPECT_NE(third, nullptr);
-    first->shrink(100);
-    EXPECT_NE(second.get(), nullptr);
     // An upload above a share runs alone in it; one above the whole limit runs alone.
     third.reset();
     EXPECT_NE(admission.admit(2, 600), nullptr);
