@@ -202,7 +202,7 @@ TEST_F(BusConnectionTest, EndsAPeerThatViolatesTheMessageFormat) {
 TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
     Served served = serve();
     const auto client = BusConnection::make(pool_.makeStrand(), std::move(served.peer), BusRole::kClient);
-    std::promise<void> answered, closed;
+    std::promise<void> answered, closed, tried;
     client->start([&](const std::string&) { closed.set_value(); });
     const auto write = [](WireWriter& body) {
         body.append(uint32_t{1});
@@ -219,8 +219,10 @@ TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
                 client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
         client->close("done");
         EXPECT_FALSE(client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
+        tried.set_value();
     });
     twoPending_.get_future().wait();
+    tried.get_future().wait();
     closed.get_future().wait();
     served.ended.wait();
 }
