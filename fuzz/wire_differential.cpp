@@ -264,9 +264,9 @@ class SdBus {
     int result_ = 0;
 };
 
-// The rules of the format that sd-bus does not enforce: it ignores the padding of headers and the version,
-// takes every boolean but 0 as true, and leaves names of members, signatures as values, and bytes after the
-// last value to its callers.
+// The rules of the format that sd-bus does not enforce: it ignores the padding of headers, the version, and
+// empty variants in header fields that it does not know, takes every boolean but 0 as true, and leaves names
+// of members, signatures as values, and bytes after the last value to its callers.
 bool isStricter(std::string_view violation) {
     static const std::set<std::string_view> kRules = {
         "a boolean is neither 0 nor 1",        "a message has an unknown protocol version",
