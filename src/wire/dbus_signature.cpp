@@ -67,13 +67,6 @@ bool isSignature(std::string_view text) {
     return true;
 }
 
-bool isSingleCompleteType(std::string_view text) {
-    if (text.size() == 1) return isBasicType(text.front()) || text.front() == 'v';
-    if (text.size() > kMaxSignatureLength) return false;
-    SignatureParser parser(text);
-    return parser.parseType() && parser.atEnd();
-}
-
 size_t completeTypeLength(std::string_view signature) {
     size_t length = 0;
     while (signature[length] == 'a')

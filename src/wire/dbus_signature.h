@@ -14,8 +14,6 @@ inline constexpr unsigned kMaxSignatureNesting = 32;
 
 // Whether the text is a sequence of complete types within the limits. Empty is valid.
 bool isSignature(std::string_view text);
-// Whether it is exactly one.
-bool isSingleCompleteType(std::string_view text);
 
 // The length of the first complete type of a valid signature that is not empty.
 size_t completeTypeLength(std::string_view signature);

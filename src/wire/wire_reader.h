@@ -100,7 +100,6 @@ class WireReader {
 
     // The rule that the bytes violate; null: none so far.
     const char* violation() const { return violation_; }
-    size_t position() const { return position_; }
 
   private:
     // One open container. Its values end at `end` at the latest.
