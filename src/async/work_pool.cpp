@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The initial threads stay in asio's run(): idle, they wait in the kernel without a timeout. Only surplus
-// threads look at the clock.
+// A thread that blocks gives up its loop: the loop then waits for a thread that has none. A thread without a
+// loop waits for one on a condition variable, and looks at the clock only then.
 #include "async/work_pool.h"
 
 #include <pthread.h>
 
 #include <algorithm>
+#include <asio/executor_work_guard.hpp>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
 #include <exception>
 #include <optional>
 #include <system_error>
@@ -34,78 +38,72 @@ using SteadyClock = std::chrono::steady_clock;
 
 }  // namespace
 
-struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
-    State(size_t runnerCount, std::chrono::milliseconds idle)
-        : runners(std::max<size_t>(runnerCount, 1)), surplusIdleTime(idle), work(context.get_executor()) {}
+struct WorkPool::EventLoop {
+    asio::io_context context;
+    asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+};
 
-    bool startThread(bool surplus) TELVORA_REQUIRES(mutex);
-    void serveUntilStopped();
-    void serveWhileNeeded();
-    bool retire();
-    void beginBlocking();
-    void endBlocking();
+struct WorkPool::Worker {
+    State& pool;
+    EventLoop* loop;  // null from a hand-over to the end of the work item
+};
+
+struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
+    State(size_t loopCount, std::chrono::milliseconds idle)
+        : loops(std::max<size_t>(loopCount, 1)), surplusIdleTime(idle) {}
+
+    bool startThread() TELVORA_REQUIRES(mutex);
+    void serve();
+    EventLoop* nextLoop();
+    void retire() TELVORA_REQUIRES(mutex);
+    void handOver(Worker& worker);
     void stopAndJoin();
-    bool hasSurplus() const TELVORA_REQUIRES(mutex) { return threads.size() > runners + blocked; }
 
     static void* threadMain(void* argument);
 
-    const size_t runners;
+    std::vector<EventLoop> loops;
+    std::atomic<size_t> nextStrand{0};
     const std::chrono::milliseconds surplusIdleTime;
-    asio::io_context context;
-    asio::executor_work_guard<asio::io_context::executor_type> work;
 
     Mutex mutex;
+    std::condition_variable_any changed;
     bool stopping TELVORA_GUARDED_BY(mutex) = false;
     std::vector<pthread_t> threads TELVORA_GUARDED_BY(mutex);
-    size_t blocked TELVORA_GUARDED_BY(mutex) = 0;
-    // The last time at which the pool had no more threads than the blocking work needed.
-    SteadyClock::time_point lastNeeded TELVORA_GUARDED_BY(mutex);
+    // Threads that have no loop and do not block.
+    size_t idleThreads TELVORA_GUARDED_BY(mutex) = 0;
+    std::deque<EventLoop*> loopsWithoutThread TELVORA_GUARDED_BY(mutex);
     // A retired thread, which the next one to retire joins.
     std::optional<pthread_t> retired TELVORA_GUARDED_BY(mutex);
 
-    // The pool of the running thread while that thread is not blocked.
-    static thread_local State* current;
+    // The running thread, unless it has declared that it blocks.
+    static thread_local Worker* current;
 };
 
-thread_local WorkPool::State* WorkPool::State::current = nullptr;
+thread_local WorkPool::Worker* WorkPool::State::current = nullptr;
 
-namespace {
-
-struct ThreadStart {
-    std::shared_ptr<void> state;
-    bool surplus;
-};
-
-}  // namespace
-
-bool WorkPool::State::startThread(bool surplus) {
-    auto start = std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), surplus});
+// The thread finds its loop itself.
+bool WorkPool::State::startThread() {
+    auto self = std::make_unique<std::shared_ptr<State>>(shared_from_this());
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStackBytes);
     pthread_t thread{};
-    const int error = pthread_create(&thread, &attributes, &State::threadMain, start.get());
+    const int error = pthread_create(&thread, &attributes, &State::threadMain, self.get());
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         errno = error;
         return false;
     }
-    static_cast<void>(start.release());  // owned by the thread now
+    static_cast<void>(self.release());  // owned by the thread now
     threads.push_back(thread);
     return true;
 }
 
 void* WorkPool::State::threadMain(void* argument) {
-    const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
-    State& state = *static_cast<State*>(start->state.get());
-    current = &state;
+    const std::unique_ptr<std::shared_ptr<State>> state(static_cast<std::shared_ptr<State>*>(argument));
     pthread_setname_np(pthread_self(), "telvora-pool");
     try {
-        if (start->surplus) {
-            state.serveWhileNeeded();
-        } else {
-            state.serveUntilStopped();
-        }
+        (*state)->serve();
     } catch (const std::exception& error) {
         TELVORA_LOG(kLogError, "WorkPool: a work item threw: %s", error.what());
         std::terminate();
@@ -113,72 +111,83 @@ void* WorkPool::State::threadMain(void* argument) {
         TELVORA_LOG(kLogError, "WorkPool: a work item threw.");
         std::terminate();
     }
-    current = nullptr;
     return nullptr;
 }
 
-void WorkPool::State::serveUntilStopped() {
-    context.run();
-}
-
-void WorkPool::State::serveWhileNeeded() {
-    while (!context.stopped() && !retire())
-        context.run_one_for(surplusIdleTime);
-}
-
-// Removes the calling thread from the pool if it has been surplus for long enough.
-bool WorkPool::State::retire() {
-    std::optional<pthread_t> previous;
-    {
-        MutexLock lock(mutex);
-        if (stopping || !hasSurplus() || SteadyClock::now() - lastNeeded < surplusIdleTime) return false;
-        std::erase_if(threads, [](pthread_t thread) { return pthread_equal(thread, pthread_self()) != 0; });
-        previous = std::exchange(retired, pthread_self());
+void WorkPool::State::serve() {
+    Worker worker{*this, nullptr};
+    while ((worker.loop = nextLoop()) != nullptr) {
+        current = &worker;
+        while (worker.loop != nullptr && worker.loop->context.run_one() != 0) {
+        }
+        current = nullptr;
     }
-    if (previous) pthread_join(*previous, nullptr);
-    return true;
 }
 
-void WorkPool::State::beginBlocking() {
-    MutexLock lock(mutex);
-    ++blocked;
-    if (hasSurplus()) return;
-    lastNeeded = SteadyClock::now();
-    if (stopping || threads.size() == runners + blocked) return;
-    if (threads.size() >= runners + kMaxSurplusThreads) {
+// Waits for a loop without a thread. Null if the calling thread is to end.
+WorkPool::EventLoop* WorkPool::State::nextLoop() {
+    const auto deadline = SteadyClock::now() + surplusIdleTime;
+    const MutexLock lock(mutex);
+    ++idleThreads;
+    bool inTime = true;
+    while (!stopping && loopsWithoutThread.empty() && inTime)
+        inTime = changed.wait_until(mutex, deadline) == std::cv_status::no_timeout;
+    --idleThreads;
+    if (stopping) return nullptr;
+    if (loopsWithoutThread.empty()) {
+        retire();
+        return nullptr;
+    }
+    EventLoop* const loop = loopsWithoutThread.front();
+    loopsWithoutThread.pop_front();
+    return loop;
+}
+
+// The former retired thread has nothing left to do but to end, so joining it does not wait for the lock.
+void WorkPool::State::retire() {
+    std::erase_if(threads, [](pthread_t thread) { return pthread_equal(thread, pthread_self()) != 0; });
+    const std::optional<pthread_t> previous = std::exchange(retired, pthread_self());
+    if (previous) pthread_join(*previous, nullptr);
+}
+
+void WorkPool::State::handOver(Worker& worker) {
+    const MutexLock lock(mutex);
+    if (stopping || worker.loop == nullptr) return;
+    loopsWithoutThread.push_back(std::exchange(worker.loop, nullptr));
+    if (loopsWithoutThread.size() <= idleThreads) {
+        changed.notify_one();
+    } else if (threads.size() >= loops.size() + kMaxSurplusThreads) {
         TELVORA_LOG(kLogDebug, "WorkPool: %zu threads, starting no more.", threads.size());
-    } else if (!startThread(true)) {
+    } else if (!startThread()) {
         TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s", errorText(errno).c_str());
     }
-}
-
-void WorkPool::State::endBlocking() {
-    MutexLock lock(mutex);
-    --blocked;
 }
 
 void WorkPool::State::stopAndJoin() {
     std::vector<pthread_t> toJoin;
     {
-        MutexLock lock(mutex);
+        const MutexLock lock(mutex);
         stopping = true;
         toJoin = threads;
+        changed.notify_all();
     }
-    context.stop();
+    for (EventLoop& loop : loops)
+        loop.context.stop();
     for (const pthread_t thread : toJoin)
         pthread_join(thread, nullptr);
-    MutexLock lock(mutex);
+    const MutexLock lock(mutex);
     threads.clear();
     if (retired) pthread_join(*std::exchange(retired, std::nullopt), nullptr);
 }
 
-WorkPool::WorkPool(size_t runners, std::chrono::milliseconds surplusIdleTime)
-    : state_(std::make_shared<State>(runners, surplusIdleTime)) {
+WorkPool::WorkPool(size_t loops, std::chrono::milliseconds surplusIdleTime)
+    : state_(std::make_shared<State>(loops, surplusIdleTime)) {
     int error = 0;
     {
-        MutexLock lock(state_->mutex);
-        while (error == 0 && state_->threads.size() < state_->runners) {
-            if (!state_->startThread(false)) error = errno;
+        const MutexLock lock(state_->mutex);
+        for (EventLoop& loop : state_->loops) {
+            state_->loopsWithoutThread.push_back(&loop);
+            if (error == 0 && !state_->startThread()) error = errno;
         }
     }
     if (error == 0) return;
@@ -190,12 +199,9 @@ WorkPool::~WorkPool() {
     stop();
 }
 
-asio::io_context& WorkPool::context() {
-    return state_->context;
-}
-
 Strand WorkPool::makeStrand() {
-    return asio::make_strand(state_->context);
+    const size_t turn = state_->nextStrand.fetch_add(1, std::memory_order_relaxed);
+    return asio::make_strand(state_->loops[turn % state_->loops.size()].context);
 }
 
 void WorkPool::stop() {
@@ -203,18 +209,16 @@ void WorkPool::stop() {
 }
 
 size_t WorkPool::threadCount() const {
-    MutexLock lock(state_->mutex);
+    const MutexLock lock(state_->mutex);
     return state_->threads.size();
 }
 
-BlockingSection::BlockingSection() : pool_(std::exchange(WorkPool::State::current, nullptr)) {
-    if (pool_ != nullptr) pool_->beginBlocking();
+BlockingSection::BlockingSection() : worker_(std::exchange(WorkPool::State::current, nullptr)) {
+    if (worker_ != nullptr) worker_->pool.handOver(*worker_);
 }
 
 BlockingSection::~BlockingSection() {
-    if (pool_ == nullptr) return;
-    pool_->endBlocking();
-    WorkPool::State::current = pool_;
+    if (worker_ != nullptr) WorkPool::State::current = worker_;
 }
 
 }  // namespace telvora

@@ -63,21 +63,22 @@ TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) 
 
 TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
     WorkPool pool(1);
+    asio::io_context& context = pool.makeStrand().get_inner_executor().context();
     std::latch running(1);
     std::promise<void> release;
     std::atomic<bool> finished = false;
     auto dropped = std::make_shared<int>(0);
-    asio::post(pool.context(), [&] {
+    asio::post(context, [&] {
         running.count_down();
         release.get_future().wait();
         finished = true;
     });
-    asio::post(pool.context(), [&pool, dropped] {
+    asio::post(context, [&context, dropped] {
         ++*dropped;
-        asio::post(pool.context(), [dropped] { ++*dropped; });
+        asio::post(context, [dropped] { ++*dropped; });
     });
     running.wait();
-    pool.context().stop();  // the first step of stop(), before the running item returns
+    context.stop();  // the first step of stop(), before the running item returns
     release.set_value();
     pool.stop();
     pool.stop();
