@@ -137,6 +137,10 @@ bool BusConnection::authenticate() {
 bool BusConnection::handleMessages() {
     for (int i = 0; i < kMessagesPerTurn; ++i) {
         if (readPaused()) return true;
+        if (mayHandle_ && input_.hasMessage() && !mayHandle_()) {
+            admissionAwaited_ = true;
+            return true;
+        }
         const auto bytes = input_.nextMessage();
         if (!bytes) violation_ = bytes.error();
         if (!bytes || !*bytes) return false;
@@ -153,8 +157,14 @@ bool BusConnection::handleMessages() {
 // Only a server pauses reading: if both ends did, each could wait for the other for ever. A client requested
 // the answers that it receives.
 bool BusConnection::readPaused() const {
-    return role_ == BusRole::kServer && !hungUp_ &&
-           (outputCongested() || pendingCalls_ >= limits_.pendingCalls);
+    if (role_ != BusRole::kServer) return false;
+    return exclusiveCalls_ > 0 || admissionAwaited_ ||
+           (!hungUp_ && (outputCongested() || pendingCalls_ >= limits_.pendingCalls));
+}
+
+void BusConnection::admit() {
+    admissionAwaited_ = false;
+    if (isOpen()) waitForMore();
 }
 
 // Writes what the socket takes.
@@ -187,16 +197,15 @@ void BusConnection::flushSoon() {
     if (inTurn_ || std::exchange(flushPosted_, true)) return;
     asio::post(strand_, [self = shared_from_this()] {
         self->flushPosted_ = false;
-        if (self->isOpen()) {
-            self->flush();
-            self->waitForMore();
-        }
+        if (!self->isOpen() || self->endPostponed()) return;
+        self->flush();
+        if (self->isOpen()) self->waitForMore();
     });
 }
 
 void BusConnection::waitForMore() {
     if (!descriptor_.is_open()) return;
-    if (readPaused()) return waitFor(kHangUp);
+    if (readPaused()) return hungUp_ ? void() : waitFor(kHangUp);
     if (!input_.hasMessage() && !inputEnded_) return waitFor(kRead);
     if (std::exchange(turnPosted_, true)) return;
     asio::post(strand_, [self = shared_from_this()] {
@@ -248,9 +257,20 @@ void BusConnection::close(const std::string& reason) {
     }
 }
 
+// Ends a connection whose end waited for an exclusive call.
+bool BusConnection::endPostponed() {
+    if (exclusiveCalls_ > 0 || (!violation_ && !closeRequested_)) return false;
+    violation_ ? end(*violation_) : halfClose(*closeRequested_);
+    return true;
+}
+
 // The peer gets no more messages.
 void BusConnection::end(const std::string& reason) {
     if (state_ == State::ending || state_ == State::closed) return;
+    if (exclusiveCalls_ > 0) {
+        if (!violation_) violation_ = reason;
+        return;
+    }
     const auto self = shared_from_this();
     state_ = State::ending;
     if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
@@ -258,6 +278,10 @@ void BusConnection::end(const std::string& reason) {
 }
 
 void BusConnection::halfClose(const std::string& reason) {
+    if (exclusiveCalls_ > 0) {
+        if (!closeRequested_) closeRequested_ = reason;
+        return;
+    }
     const auto self = shared_from_this();
     if (state_ == State::ready) flush();
     if (role_ != BusRole::kServer || state_ != State::ready) return end(reason);
@@ -289,6 +313,7 @@ void BusConnection::teardown() {
     replies_.clear();
     output_.clear();
     uncongested_ = nullptr;
+    mayHandle_ = nullptr;
     if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }
 

@@ -83,8 +83,12 @@ using BusCallHandler = std::function<std::optional<BusError>(size_t method, BusM
 class PendingCall {
   public:
     PendingCall(std::shared_ptr<BusConnection> connection, uint32_t serial, bool wanted,
-                const char* signature)
-        : connection_(std::move(connection)), serial_(serial), wanted_(wanted), signature_(signature) {}
+                const char* signature, BusCallOrder order)
+        : connection_(std::move(connection)),
+          serial_(serial),
+          wanted_(wanted),
+          signature_(signature),
+          order_(order) {}
     ~PendingCall();
     PendingCall(const PendingCall&) = delete;
     PendingCall& operator=(const PendingCall&) = delete;
@@ -97,6 +101,7 @@ class PendingCall {
     const uint32_t serial_;
     const bool wanted_;
     const char* const signature_;
+    const BusCallOrder order_;
     std::atomic<bool> answered_ = false;
 };
 
@@ -128,8 +133,14 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void close(const std::string& reason);
     bool isOpen() const { return state_ == State::authenticating || state_ == State::ready; }
 
-    // Keeps a handler's call for a later answer.
-    std::shared_ptr<PendingCall> defer(BusMessage& call);
+    // Keeps a handler's call for a later answer. A server's exclusive call postpones the calls that follow
+    // it, and the end of the connection, until it has been answered or destroyed.
+    std::shared_ptr<PendingCall> defer(BusMessage& call, BusCallOrder order = BusCallOrder::kConcurrent);
+    // Asks before each message whether it may be handled now. After false, the messages wait for admit().
+    // Before start().
+    void onAdmission(std::function<bool()> mayHandle) { mayHandle_ = std::move(mayHandle); }
+    // Goes on after a false of the function of onAdmission().
+    void admit();
     // Answers a call inside its handler.
     void replyNow(BusMessage& call, const BusBody& body);
 
@@ -179,6 +190,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void onAuthenticationTimeout();
     void drain();
     void startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)());
+    bool endPostponed();
     void end(const std::string& reason);
     void halfClose(const std::string& reason);
     void teardown();
@@ -199,7 +211,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void sendError(const MessageView& call, const BusError& error) {
         sendError(call.serial, isWanted(call), error);
     }
-    void settle();
+    void settle(BusCallOrder order);
     tl::expected<void, BusSendFailure> sendCall(const Destination& to, uint8_t flags, const BusBody& body,
                                                 std::vector<UniqueFd> descriptors);
     tl::expected<void, BusSendFailure> write(MessageView header, const BusBody& body);
@@ -229,11 +241,14 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     BusOutput output_;
     uint32_t lastSerial_ = 0;
     size_t pendingCalls_ = 0;
+    size_t exclusiveCalls_ = 0;
+    bool admissionAwaited_ = false;
     std::unordered_map<uint32_t, ReplyHandler> replies_;
     std::vector<Export> exports_;
     ClosedHandler closed_;
     std::function<void()> gone_;
     std::function<void()> uncongested_;
+    std::function<bool()> mayHandle_;
 };
 
 }  // namespace telvora

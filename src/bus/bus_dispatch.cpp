@@ -169,28 +169,31 @@ void BusConnection::replyNow(BusMessage& call, const BusBody& body) {
     sendReply(call.view().serial, isWanted(call.view()), call.answerSignature(), body);
 }
 
-std::shared_ptr<PendingCall> BusConnection::defer(BusMessage& call) {
+std::shared_ptr<PendingCall> BusConnection::defer(BusMessage& call, BusCallOrder order) {
     ++pendingCalls_;
+    if (order == BusCallOrder::kExclusive) ++exclusiveCalls_;
     return std::make_shared<PendingCall>(shared_from_this(), call.view().serial, isWanted(call.view()),
-                                         call.answerSignature());
+                                         call.answerSignature(), order);
 }
 
-void BusConnection::settle() {
+void BusConnection::settle(BusCallOrder order) {
     --pendingCalls_;
+    if (order == BusCallOrder::kExclusive) --exclusiveCalls_;
     flushSoon();
 }
 
 PendingCall::~PendingCall() {
     if (answered_.load(std::memory_order_relaxed)) return;
-    asio::dispatch(connection_->strand_, [connection = connection_] { connection->settle(); });
+    asio::dispatch(connection_->strand_,
+                   [connection = connection_, order = order_] { connection->settle(order); });
 }
 
 void PendingCall::reply(BusBody body) {
     if (answered_.exchange(true, std::memory_order_relaxed)) return;
     asio::dispatch(connection_->strand_, [connection = connection_, serial = serial_, wanted = wanted_,
-                                          signature = signature_, body = std::move(body)] {
+                                          signature = signature_, order = order_, body = std::move(body)] {
         connection->sendReply(serial, wanted, signature, body);
-        connection->settle();
+        connection->settle(order);
     });
 }
 

@@ -20,6 +20,12 @@ struct BusError {
     std::string message;
 };
 
+// Whether the calls that follow an unanswered call are carried out meanwhile.
+enum class BusCallOrder {
+    kConcurrent,
+    kExclusive,  // they wait, and so does the connection's end
+};
+
 inline constexpr char kBusErrorAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 inline constexpr char kBusErrorFailed[] = "org.freedesktop.DBus.Error.Failed";
 inline constexpr char kBusErrorInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";

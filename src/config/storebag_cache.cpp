@@ -19,62 +19,68 @@ double StorebagCache::age(double fetchTime) const {
     return std::fabs(TelvoradUtil::secondsFromTimeValue(clock_()) - fetchTime);
 }
 
-std::shared_ptr<const Dictionary> StorebagCache::storebag(uint32_t clientType) {
-    const Key key(clientType);
-    const auto found = cachedStorebags_.find(key);
-    if (found != cachedStorebags_.end()) {
-        const Record& record = found->second;
-        const double recordAge = age(record.fetchTime);
-        if (record.fetchSuccessful && recordAge < record.maxAge) {
-            TELVORA_LOG(kLogDebug, "storebagForSession: Cached storebag found for client type %d",
-                        static_cast<int>(clientType));
-            return record.data;
-        }
-        if (!record.fetchSuccessful && recordAge < kSecondsBetweenAttempts) {
-            TELVORA_LOG(
-                kLogInfo,
-                "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between attempts",
-                static_cast<int>(clientType), kSecondsBetweenAttempts);
-            return record.data;
-        }
+const StorebagCache::Record* StorebagCache::find(uint32_t clientType) const {
+    const auto found = cachedStorebags_.find(Key(clientType));
+    return found != cachedStorebags_.end() ? &found->second : nullptr;
+}
+
+std::optional<StorebagCache::Section> StorebagCache::storebag(uint32_t clientType) const {
+    const Record* record = find(clientType);
+    if (record == nullptr) return std::nullopt;
+    const double recordAge = age(record->fetchTime);
+    if (record->fetchSuccessful && recordAge < record->maxAge) {
+        TELVORA_LOG(kLogDebug, "storebagForSession: Cached storebag found for client type %d",
+                    static_cast<int>(clientType));
+        return record->data;
     }
-    fetchAndCacheStorebag(clientType);
-    return cachedStorebags_[key].data;
+    if (!record->fetchSuccessful && recordAge < kSecondsBetweenAttempts) {
+        TELVORA_LOG(
+            kLogInfo,
+            "storebagForSession: Not fetching storebag for client type %d - must wait %d seconds between attempts",
+            static_cast<int>(clientType), kSecondsBetweenAttempts);
+        return record->data;
+    }
+    return std::nullopt;
 }
 
 std::optional<std::string> StorebagCache::storebagVersion(uint32_t clientType) const {
-    const auto found = cachedStorebags_.find(Key(clientType));
-    return found != cachedStorebags_.end() ? found->second.version : std::nullopt;
+    const Record* record = find(clientType);
+    return record != nullptr ? record->version : std::nullopt;
 }
 
-void StorebagCache::fetchAndCacheStorebag(uint32_t clientType) {
+std::optional<std::string> StorebagCache::lastModified(uint32_t clientType) const {
+    const Record* record = find(clientType);
+    return record != nullptr ? record->lastModified : std::nullopt;
+}
+
+void StorebagCache::fetch(uint32_t clientType, std::optional<std::string> lastModified,
+                          StorebagFetcher::Completion done) const {
     TELVORA_LOG(kLogDebug, "fetchAndCacheStorebag: Fetching storebag for client type %d",
                 static_cast<int>(clientType));
-    Record& record = cachedStorebags_[Key(clientType)];
+    fetcher_.fetchStorebagForEnvironmentAndClientType(clientType, {.lastModified = std::move(lastModified)},
+                                                      std::move(done));
+}
 
-    StorebagFetchStatus status;
-    status.lastModified = record.lastModified;
-    std::optional<std::string> version;
-    std::optional<Dictionary> section =
-        fetcher_.fetchStorebagForEnvironmentAndClientType(clientType, version, status);
+StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag fetched) {
+    StorebagFetchStatus& status = fetched.status;
     TELVORA_LOG(kLogDebug, "fetchAndCacheStorebag: Storebag max age: %d seconds", status.maxAge);
-
-    const bool successful = section || status.notChanged;
-    if (section) {
-        record.data = std::make_shared<const Dictionary>(std::move(*section));
-        record.version = std::move(version);
+    Record& record = cachedStorebags_[Key(clientType)];
+    record.fetchSuccessful = fetched.section || status.notChanged;
+    if (fetched.section) {
+        record.data = std::make_shared<const Dictionary>(std::move(*fetched.section));
+        record.version = std::move(fetched.version);
         record.builtIn = status.builtIn;
     } else if (!status.notChanged) {
         TELVORA_LOG(kLogError, "fetchAndCacheStorebag: Unable to fetch storebag for client type %d",
                     static_cast<int>(clientType));
     }
     record.fetchTime = TelvoradUtil::secondsFromTimeValue(clock_());
-    record.fetchSuccessful = successful;
     record.maxAge = status.maxAge;
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
 
     const MutexLock lock(extractsLock_);
     extracts_[Key(clientType)] = {static_cast<int>(clientType), record};
+    return record.data;
 }
 
 std::vector<StorebagCache::Status> StorebagCache::statuses() const {

@@ -3,8 +3,8 @@
 // StorebagCache: one record per bag name. A good bag is served for its maximum age. After a failed fetch the
 // server is not asked for 15 minutes, and the last good bag is served.
 //
-// A lock of the owner guards the cache. The owner holds it across each call, fetches included, so that
-// sessions that wait for the same bag find it fetched. Only statuses() needs no lock.
+// A lock of the owner guards the cache, except for fetch() and statuses(). The owner lets one fetch run at a
+// time, so that sessions that wait for the same bag find it fetched.
 #pragma once
 
 #include <compare>
@@ -40,11 +40,20 @@ class StorebagCache {
     StorebagCache(const StorebagFetcher& fetcher, Clock clock)
         : fetcher_(fetcher), clock_(std::move(clock)) {}
 
-    // The environment's section of the client type's bag, from the cache or fetched; null if no fetch has
-    // succeeded yet. A fetch blocks for up to 15 seconds.
-    std::shared_ptr<const Dictionary> storebag(uint32_t clientType);
-    // The version of the bag that storebag() last found; std::nullopt if there is none. Never fetches.
+    // The environment's section of a bag; null if no fetch of the bag has succeeded yet.
+    using Section = std::shared_ptr<const Dictionary>;
+
+    // The client type's section, or std::nullopt if the bag has to be fetched.
+    std::optional<Section> storebag(uint32_t clientType) const;
+    // The version of the client type's bag; std::nullopt if there is none.
     std::optional<std::string> storebagVersion(uint32_t clientType) const;
+    // The date of the client type's bag, for fetch().
+    std::optional<std::string> lastModified(uint32_t clientType) const;
+    // Fetches the bag, and calls `done` once with what store() takes. Needs no lock.
+    void fetch(uint32_t clientType, std::optional<std::string> lastModified,
+               StorebagFetcher::Completion done) const;
+    // Records the outcome of a fetch. Returns the section that is valid now.
+    Section store(uint32_t clientType, FetchedStorebag fetched);
 
     // The records in the order of their names. Callable from any thread; waits for no fetch.
     std::vector<Status> statuses() const TELVORA_EXCLUDES(extractsLock_);
@@ -62,7 +71,7 @@ class StorebagCache {
     };
 
     struct Record {
-        std::shared_ptr<const Dictionary> data;  // null until a fetch has succeeded
+        Section data;
         std::optional<std::string> version;
         std::optional<std::string> lastModified;
         double fetchTime = 0;  // of the last attempt, seconds since 1970
@@ -78,7 +87,7 @@ class StorebagCache {
     };
 
     double age(double fetchTime) const;
-    void fetchAndCacheStorebag(uint32_t clientType);
+    const Record* find(uint32_t clientType) const;
 
     const StorebagFetcher& fetcher_;
     const Clock clock_;

@@ -91,13 +91,26 @@ void StorebagFetcher::readSettings() const {
     services_.environment.userDefaultsEnvironment();
 }
 
-std::optional<Dictionary> StorebagFetcher::fetchStorebagWithName(const std::optional<std::string>& name,
-                                                                 StorebagFetchStatus& status) const {
+void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
+                                            BagCompletion done) const {
     const std::string url = services_.environment.storebagBaseURL() + "/" + name.value_or("(null)") +
                             "?version=" + services_.framework.bundleVersion();
     TELVORA_LOG(kLogDebug, "fetchStorebagWithName: Storebag Server URL: %s", url.c_str());
 
-    const HttpResult result = performBlocking(services_.http, makeRequest(url, status.lastModified));
+    HttpRequest request = makeRequest(url, status.lastModified);
+    services_.http.start(std::move(request), [this, name = std::move(name), url, status = std::move(status),
+                                              done = std::move(done)](HttpResult result) mutable {
+        services_.perform([this, name = std::move(name), url = std::move(url), status = std::move(status),
+                           done = std::move(done), result = std::move(result)]() mutable {
+            auto bag = bagOf(result, name, url, status);
+            done(std::move(bag), std::move(status));
+        });
+    });
+}
+
+std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
+                                                 const std::optional<std::string>& name,
+                                                 const std::string& url, StorebagFetchStatus& status) const {
     if (!result) {
         TELVORA_LOG(
             kLogInfo,

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Fetching a storebag: download, signature check, selection of the environment's section. Fetches block for
-// up to 15 seconds. No state of its own; callable from any thread.
+// Fetching a storebag: download, signature check, selection of the environment's section. A fetch takes up to
+// 15 seconds, during which no thread waits for it. No state of its own; callable from any thread.
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -21,6 +21,9 @@ struct StorebagFetcherServices {
     HttpClient& http;
     const Environment& environment;
     const ClientFramework& framework;
+    // Runs work that takes too long for the HTTP client's thread (the signature, the bag's text), and with it
+    // the completions of fetches. By default at once.
+    std::function<void(std::function<void()> work)> perform = [](const auto& work) { work(); };
 };
 
 // Additional results of a fetch.
@@ -31,28 +34,42 @@ struct StorebagFetchStatus {
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: of the answer
 };
 
+struct FetchedStorebag {
+    std::optional<Dictionary>
+        section{};  // std::nullopt on failure, and if the caller's copy is still current
+    std::optional<std::string> version{};  // of the bag, if there is a section
+    StorebagFetchStatus status{};
+};
+
 class StorebagFetcher {
   public:
-    explicit StorebagFetcher(StorebagFetcherServices services) : services_(services) {}
+    using BagCompletion = std::function<void(std::optional<Dictionary> bag, StorebagFetchStatus status)>;
+    using Completion = std::function<void(FetchedStorebag fetched)>;
 
-    // Reads the settings of a fetch, which are read once per process. For callers that hold a lock across the
-    // fetch, under which they must not wait for a file.
+    explicit StorebagFetcher(StorebagFetcherServices services) : services_(std::move(services)) {}
+
+    // Reads the settings of a fetch, which are read once per process. For callers that may not wait for a
+    // file later.
     void readSettings() const;
 
-    // Downloads and verifies the bag of that name (std::nullopt: the fetch uses an absent name). Returns the
-    // inner bag, or std::nullopt on failure. If the server can't be reached, the bag "quillet" has a built-in
-    // replacement.
-    std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name,
-                                                    StorebagFetchStatus& status) const;
+    // Downloads and verifies the bag of that name (std::nullopt: the fetch uses an absent name). Calls `done`
+    // once, with the inner bag, or std::nullopt on failure. If the server can't be reached, the bag "quillet"
+    // has a built-in replacement.
+    void fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
+                               BagCompletion done) const;
 
-    // Fetches the bag of a client type and returns its section for the current environment, or std::nullopt
-    // on failure. Sets `version` to the bag's own version if there is a result.
-    std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(uint32_t clientType,
-                                                                       std::optional<std::string>& version,
-                                                                       StorebagFetchStatus& status) const;
+    // Fetches the bag of a client type. Calls `done` once, with its section for the current environment.
+    void fetchStorebagForEnvironmentAndClientType(uint32_t clientType, StorebagFetchStatus status,
+                                                  Completion done) const;
 
   private:
-    StorebagFetcherServices services_;
+    std::optional<Dictionary> bagOf(const HttpResult& result, const std::optional<std::string>& name,
+                                    const std::string& url, StorebagFetchStatus& status) const;
+    std::optional<Dictionary> sectionOf(const std::optional<Dictionary>& bag, uint32_t clientType,
+                                        std::optional<std::string>& version,
+                                        StorebagFetchStatus& status) const;
+
+    const StorebagFetcherServices services_;
 };
 
 // Whether a bag is fetched for sessions of this client type. Other types without a bag name ask the server

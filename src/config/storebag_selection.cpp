@@ -36,17 +36,29 @@ std::optional<int32_t> refreshCycleOf(const Dictionary& bag) {
         std::clamp<int64_t>(*cycle, std::numeric_limits<int32_t>::min(), kMaxRefreshCycle));
 }
 
-std::optional<Dictionary> StorebagFetcher::fetchStorebagForEnvironmentAndClientType(
-    uint32_t clientType, std::optional<std::string>& version, StorebagFetchStatus& status) const {
-    const int printedType = static_cast<int>(clientType);
+void StorebagFetcher::fetchStorebagForEnvironmentAndClientType(uint32_t clientType,
+                                                               StorebagFetchStatus status,
+                                                               Completion done) const {
     if (!isBagFetchedFor(clientType)) {
         TELVORA_LOG(
             kLogError,
             "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type %d",
-            printedType);
-        return std::nullopt;
+            static_cast<int>(clientType));
+        return done({.status = std::move(status)});
     }
-    const auto bag = fetchStorebagWithName(bagNameForClientType(clientType), status);
+    const auto select = [this, clientType, done = std::move(done)](const std::optional<Dictionary>& bag,
+                                                                   StorebagFetchStatus fetchStatus) {
+        FetchedStorebag fetched{.status = std::move(fetchStatus)};
+        fetched.section = sectionOf(bag, clientType, fetched.version, fetched.status);
+        done(std::move(fetched));
+    };
+    fetchStorebagWithName(bagNameForClientType(clientType), std::move(status), select);
+}
+
+std::optional<Dictionary> StorebagFetcher::sectionOf(const std::optional<Dictionary>& bag,
+                                                     uint32_t clientType, std::optional<std::string>& version,
+                                                     StorebagFetchStatus& status) const {
+    const int printedType = static_cast<int>(clientType);
     if (!bag) {
         if (!status.notChanged) {
             TELVORA_LOG(

@@ -54,7 +54,7 @@ Array TelvoradAgent::sessionStatus() {
 
 Array TelvoradAgent::storebagStatus() {
     Array statuses;
-    for (const StorebagCache::Status& bag : cachedStorebags_.statuses()) {
+    for (const StorebagCache::Status& bag : storebags_.statuses()) {
         Dictionary described{{status::kClientType, bag.clientType},
                              {status::kState, nameOf(bag.state)},
                              {status::kAge, bag.age},

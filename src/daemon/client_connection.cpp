@@ -4,6 +4,7 @@
 // points back. So both end when the bus ends, or with their pool.
 #include "daemon/client_connection.h"
 
+#include <asio/dispatch.hpp>
 #include <asio/post.hpp>
 #include <deque>
 
@@ -48,6 +49,9 @@ class BusClientConnection : public ClientConnection,
     }
     void setClientFiles(std::shared_ptr<ClientFiles> files) override { files_ = std::move(files); }
     void setUser(QuotaUser user) override { user_ = std::move(user); }
+    void setAdmission(std::function<bool(std::function<void()>)> mayHandle) override {
+        mayHandle_ = std::move(mayHandle);
+    }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
     }
@@ -59,11 +63,13 @@ class BusClientConnection : public ClientConnection,
     void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
                              uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                              DeliveryReply done) override;
+    void perform(std::function<void()> work) override;
     tl::expected<std::string, BusError> issueFileExtension(std::string path, UniqueFd file) override;
 
   private:
     void begin();
     void exportInterfaces(BusConnection& bus);
+    bool mayHandleCall();
     void ended(const std::string& reason);
     void gone();
     std::optional<Delivery> enqueue(MessageToClient& message) TELVORA_EXCLUDES(outboxLock_);
@@ -78,6 +84,7 @@ class BusClientConnection : public ClientConnection,
     const std::string description_;
     std::function<void()> invalidationHandler_;
     std::function<void()> goneHandler_;
+    std::function<bool(std::function<void()>)> mayHandle_;
     std::shared_ptr<ClientSessionInterface> session_;
     std::shared_ptr<ClientFiles> files_;
     QuotaUser user_;
@@ -86,6 +93,7 @@ class BusClientConnection : public ClientConnection,
     std::shared_ptr<BusConnection> starting_;  // until resume()
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
     const char* unreachableReason_ = kEnded;   // when bus_ is null
+    bool admitted_ = false;                    // the next call may be carried out
 
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
@@ -106,6 +114,7 @@ void BusClientConnection::begin() {
     }
     exportInterfaces(*bus);
     bus_ = bus.get();
+    if (mayHandle_) bus->onAdmission([self = shared_from_this()] { return self->mayHandleCall(); });
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });
@@ -119,6 +128,23 @@ void BusClientConnection::exportInterfaces(BusConnection& bus) {
     exportMethods<kSandboxExtensionMethods>(bus, [this](const auto& run) {
         const LogScope onBehalfOfUser(user_.logAdmission());
         return run(*this);
+    });
+}
+
+bool BusClientConnection::mayHandleCall() {
+    if (std::exchange(admitted_, false)) return true;
+    return mayHandle_([self = shared_from_this()] {
+        asio::post(self->strand_, [self] {
+            self->admitted_ = true;
+            if (self->bus_ != nullptr) self->bus_->admit();
+        });
+    });
+}
+
+void BusClientConnection::perform(std::function<void()> work) {
+    asio::dispatch(strand_, [self = shared_from_this(), work = std::move(work)] {
+        const LogScope onBehalfOfUser(self->user_.logAdmission());
+        work();
     });
 }
 

@@ -2,6 +2,7 @@
 #include "daemon/daemon.h"
 
 #include <algorithm>
+#include <asio/post.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -36,7 +37,10 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                        .uploadAdmission = uploads_,
                        .ledger = ledger_,
                        .uploadDirectories = process.settings.uploadDirectories},
-      fetcher_({.http = http_, .environment = environment_, .framework = framework_}),
+      fetcher_({.http = http_,
+                .environment = environment_,
+                .framework = framework_,
+                .perform = [this](auto work) { asio::post(pool_.makeStrand(), std::move(work)); }}),
       keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
                             .inFlight = [this] { return http_.inFlight() > 0; },
                             .onIdle = [this] { shutdown_.begin(); },

@@ -56,6 +56,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         sessionPlaces_[session.get()] =
             sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
     }
+    connection->setAdmission([this, &session = *session](std::function<void()> resume) {
+        return !session.everInHierarchy() || storebags_.isIdle(std::move(resume));
+    });
     connection->setInvalidationHandler([this, session] { invalidated(session); });
     // The handler holds the connection's charge on the user's quota.
     connection->setGoneHandler([this, connected] {
@@ -100,18 +103,15 @@ size_t TelvoradAgent::sessionCount() {
     return sessionList_.size();
 }
 
-std::shared_ptr<const Dictionary> TelvoradAgent::storebagForSession(const TelvoradSession& session) {
+void TelvoradAgent::storebagForSession(const TelvoradSession& session, StorebagReply reply) {
     const uint32_t clientType = clientTypeOf(session);
     TELVORA_LOG(kLogDebug, "storebagForSession: Retrieving storebag for session %u with client type %d",
                 session.sessionID(), static_cast<int>(clientType));
-    services_.storebagFetcher.readSettings();
-    const DelegateLock lock(lock_);
-    return cachedStorebags().storebag(clientType);
+    storebags_.request(clientType, std::move(reply));
 }
 
 std::optional<std::string> TelvoradAgent::storebagVersionForSession(const TelvoradSession& session) {
-    const DelegateLock lock(lock_);
-    return cachedStorebags().storebagVersion(clientTypeOf(session));
+    return storebags_.version(clientTypeOf(session));
 }
 
 }  // namespace telvora

@@ -4,9 +4,9 @@
 // the registry of live sessions, which keeps the process alive, serves bags from its cache, and groups
 // sessions into hierarchies.
 //
-// Two recursive locks, never held at once: the registry's own, and the hierarchy lock, which guards the bag
-// cache and the hierarchies and stays held across a bag fetch, so that sessions that wait for the same bag
-// find it fetched. All operations may be called from any thread.
+// Two recursive locks, never held at once: the registry's own, and the hierarchy lock. During a bag fetch,
+// the calls of sessions in hierarchies wait in the queue of the bags' service, and no thread waits. All
+// operations may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -23,7 +23,7 @@
 #include "access/entitlements.h"
 #include "access/peer.h"
 #include "access/user_quotas.h"
-#include "config/storebag_cache.h"
+#include "config/storebag_service.h"
 #include "daemon/client_connection.h"
 #include "daemon/keep_alive_transaction.h"
 #include "daemon/refusal_log.h"
@@ -47,7 +47,7 @@ struct AgentServices {
 class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
     explicit TelvoradAgent(AgentServices services)
-        : services_(std::move(services)), cachedStorebags_(services_.storebagFetcher, services_.clock) {}
+        : services_(std::move(services)), storebags_(services_.storebagFetcher, services_.clock) {}
 
     // Whether the new connection is admitted: its peer must have the entitlement, and its user quota for one
     // more connection and session. An admitted connection gets its session and is served. A refused
@@ -68,7 +68,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     Array storebagStatus();
 
     // For the sessions; see TelvoradSessionDelegate.
-    std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) override;
+    void storebagForSession(const TelvoradSession& session, StorebagReply reply) override;
     std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) override;
     SessionHierarchies& hierarchies() override { return hierarchies_; }
 
@@ -84,8 +84,6 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
 
     // Registry.
     void invalidated(const std::shared_ptr<TelvoradSession>& session);
-    // Storebags.
-    StorebagCache& cachedStorebags() TELVORA_REQUIRES(lock_) { return cachedStorebags_; }
 
     const AgentServices services_;
     RefusalLog refusals_;
@@ -97,9 +95,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     std::unordered_map<const TelvoradSession*, std::list<RegisteredSession>::iterator> sessionPlaces_
         TELVORA_GUARDED_BY(sessionListLock_);
 
-    RecursiveMutex lock_{LockRank::agent};
-    StorebagCache cachedStorebags_;  // reached by cachedStorebags(), except for its statuses
-    SessionHierarchies hierarchies_{lock_};
+    StorebagService storebags_;
+    SessionHierarchies hierarchies_;
 };
 
 }  // namespace telvora

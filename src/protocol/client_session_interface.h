@@ -34,7 +34,8 @@ using UploadFileReply = std::function<void(bool uploaded)>;
 using UploadLogDataReply = std::function<void(bool uploaded, std::optional<TelvoraError> error)>;
 
 // The eleven operations that the daemon offers each client. The operations of one connection are called one
-// after another, on the connection's strand; some of them block that strand (a bag fetch, an upload).
+// after another, on the connection's strand. The operations that wait for a server (a bag fetch, an upload)
+// are exclusive: the next operation is called when they have been answered.
 class ClientSessionInterface {
   public:
     static constexpr char kWireName[] = "com.zandor.telvorad.ClientSessionInterface";
@@ -102,6 +103,10 @@ class ClientSessionReplyInterface {
     virtual void sendMessageToClient(std::shared_ptr<const Dictionary> sessionInfo, double timestamp,
                                      uint16_t category, uint16_t type, std::optional<Dictionary> payload,
                                      DeliveryReply done) = 0;
+
+    // Runs `work` on the connection's strand: before it returns if the caller is on the strand. Callable from
+    // any thread. Dropped if the pool has ended.
+    virtual void perform(std::function<void()> work) = 0;
 
     // The connection's name in log lines.
     virtual std::string description() const = 0;

@@ -14,8 +14,8 @@ namespace telvora {
 inline constexpr auto kSetSessionInfo =
     method("SetSessionInfo", &ClientSessionInterface::setSessionInfo,
            {"sessionInfo", "userInfo", "frameworksToCheck", "hasAggregationBlock"}, {});
-inline constexpr auto kStartConfig =
-    method("StartConfig", &ClientSessionInterface::startConfigWithCompletionHandler, {}, {"reportingStates"});
+inline constexpr auto kStartConfig = exclusive(method(
+    "StartConfig", &ClientSessionInterface::startConfigWithCompletionHandler, {}, {"reportingStates"}));
 inline constexpr auto kFetchStates = method("FetchStates", &ClientSessionInterface::fetchStatesWithUserInfo,
                                             {"userInfo"}, {"reportingStates"});
 inline constexpr auto kFetchDisplayURL =
@@ -30,13 +30,13 @@ inline constexpr auto kFlushMessages =
 inline constexpr auto kFinishSession =
     method("FinishSession", &ClientSessionInterface::finishSessionWithReply, {}, {"answer"});
 inline constexpr auto kUploadFileAtPath =
-    method("UploadFileAtPath", &ClientSessionInterface::uploadFileAtPath, {"fileURL", "extensionToken"},
-           {"uploaded"});
-inline constexpr auto kUploadLogData =
-    method("UploadLogData", &ClientSessionInterface::uploadLogData, {"records"}, {"uploaded", "error"});
+    exclusive(method("UploadFileAtPath", &ClientSessionInterface::uploadFileAtPath,
+                     {"fileURL", "extensionToken"}, {"uploaded"}));
+inline constexpr auto kUploadLogData = exclusive(
+    method("UploadLogData", &ClientSessionInterface::uploadLogData, {"records"}, {"uploaded", "error"}));
 inline constexpr auto kSendMessageWithSessionInfo =
-    method("SendMessageWithSessionInfo", &ClientSessionInterface::sendMessageWithSessionInfo,
-           {"sessionInfo", "userInfo", "category", "type", "payload"}, {"outcome"});
+    exclusive(method("SendMessageWithSessionInfo", &ClientSessionInterface::sendMessageWithSessionInfo,
+                     {"sessionInfo", "userInfo", "category", "type", "payload"}, {"outcome"}));
 
 inline constexpr std::tuple kClientSessionMethods{kSetSessionInfo,
                                                   kStartConfig,

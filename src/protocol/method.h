@@ -94,6 +94,7 @@ struct Method {
     Handler handler;
     std::array<const char*, std::tuple_size_v<Arguments>> argumentNames;
     std::array<const char*, std::tuple_size_v<Answer>> answerNames;
+    BusCallOrder order = BusCallOrder::kConcurrent;
 };
 
 // Does not compile if a name is missing.
@@ -106,6 +107,13 @@ consteval Method<Handler> method(const char* name, Handler handler,
     for (const char* answer : answerNames)
         if (answer == nullptr) throw "an argument of the answer has no name";
     return {name, handler, argumentNames, answerNames};
+}
+
+// The same method, whose calls postpone the calls that follow until they are answered.
+template <typename Handler>
+consteval Method<Handler> exclusive(Method<Handler> method) {
+    method.order = BusCallOrder::kExclusive;
+    return method;
 }
 
 }  // namespace telvora

@@ -91,7 +91,7 @@ std::optional<BusError> carryOut(const Method<Handler>& method, typename Method<
             arguments);
     };
     if constexpr (Traits::kAnswerTime == AnswerTime::kLater) {
-        run(replyTo(bus.defer(call), AnswerTypes()));
+        run(replyTo(bus.defer(call, method.order), AnswerTypes()));
     } else if constexpr (std::tuple_size_v<typename Traits::Answer> == 0) {
         run();
         bus.replyNow(call, [](WireWriter&) { return true; });

@@ -35,12 +35,12 @@ void TelvoradSession::aggregateMessage(double timestamp, uint16_t category, uint
     };
     if (hierarchyLevel() >= 1) {
         // The lock keeps the ancestor from leaving before it is called.
-        const DelegateLock lock(hierarchies_.lock());
+        const RecursiveMutexLock lock(hierarchies_.lock());
         if (const auto ancestor = hierarchies_.getAncestorWithAggregatorForSession(*this)) {
             return deliver(*ancestor);
         }
     } else {
-        // There are no ancestors: the search reads only this session, and does not wait for a fetch.
+        // There are no ancestors: the search reads only this session.
         hierarchies_.getAncestorWithAggregatorForSession(*this);
     }
     if (hasAggregator()) deliver(*this);

@@ -138,7 +138,20 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
 void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
     TELVORA_LOG(kLogDebug, "startConfigWithCompletionHandler: Starting configuration for session %u",
                 sessionID());
-    const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
+    withStorebag([self = shared_from_this(), reply = std::move(completionHandler)](const auto& storebag) {
+        self->configure(storebag, reply);
+    });
+}
+
+void TelvoradSession::withStorebag(StorebagReply work) {
+    sessionDelegate_.storebagForSession(
+        *this, [connection = connection_, work = std::move(work)](const auto& storebag) {
+            connection->perform([work, storebag] { work(storebag); });
+        });
+}
+
+void TelvoradSession::configure(const std::shared_ptr<const Dictionary>& storebag,
+                                const ReportingStatesReply& completionHandler) {
     if (!storebag) {
         if (completionHandler) completionHandler(std::nullopt);
         return;

@@ -25,7 +25,7 @@ void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<Telvorad
             session->sessionID());
         return;
     }
-    const DelegateLock lock(lock_);
+    const RecursiveMutexLock lock(lock_);
     removeFromList(*session);
     const auto hierarchy = correlatedSessions_.try_emplace({*token, session->hierarchyUser()}).first;
     SessionList& list = hierarchy->second;
@@ -48,7 +48,7 @@ void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<Telvorad
 
 void SessionHierarchies::leave(const TelvoradSession& session) {
     if (!session.everInHierarchy()) return;
-    const DelegateLock lock(lock_);
+    const RecursiveMutexLock lock(lock_);
     removeFromList(session);
 }
 
@@ -98,7 +98,7 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
     TELVORA_LOG(kLogDebug, "parentSessionIDStringForSession: Checking hierarchyToken '%s' for session %u",
                 token->c_str(), session.sessionID());
 
-    const DelegateLock lock(lock_);
+    const RecursiveMutexLock lock(lock_);
     const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
     if (sessions == nullptr) {
         TELVORA_LOG(kLogError,
@@ -189,7 +189,7 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
     const std::optional<std::string> token = session.hierarchyToken();
     if (!token) return;
 
-    const DelegateLock lock(lock_);
+    const RecursiveMutexLock lock(lock_);
     session.updateCombinedSessionID();
     session.syncReportingStates();
     const int64_t level = session.hierarchyLevel();

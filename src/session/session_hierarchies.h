@@ -25,40 +25,15 @@
 #include <utility>
 #include <vector>
 
-#include "async/work_pool.h"
 #include "util/mutex.h"
 
 namespace telvora {
 
 class TelvoradSession;
 
-// Holds the hierarchy lock for a scope. Another thread may hold it for seconds while it fetches a bag; a
-// thread that waits for it leaves its place in the work pool to another one.
-class TELVORA_TSA(scoped_lockable) DelegateLock {
-  public:
-    explicit DelegateLock(RecursiveMutex& mutex) TELVORA_TSA(acquire_capability(mutex)) : mutex_(mutex) {
-        acquire();
-    }
-    ~DelegateLock() TELVORA_TSA(release_capability()) { mutex_.unlock(); }
-    DelegateLock(const DelegateLock&) = delete;
-    DelegateLock& operator=(const DelegateLock&) = delete;
-
-  private:
-    void acquire() TELVORA_NO_THREAD_SAFETY_ANALYSIS {
-        if (mutex_.try_lock()) return;
-        const BlockingSection blocking;
-        mutex_.lock();
-    }
-
-    RecursiveMutex& mutex_;
-};
-
 class SessionHierarchies {
   public:
-    // `lock` outlives this object.
-    explicit SessionHierarchies(RecursiveMutex& lock) : lock_(lock) {}
-
-    // The hierarchy lock. Take it with a DelegateLock.
+    // The hierarchy lock.
     RecursiveMutex& lock() { return lock_; }
 
     // Adds the session to the list of its token and user, and removes it from its former list. A session
@@ -93,7 +68,7 @@ class SessionHierarchies {
     static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
                                                                          const SessionList& sessions);
 
-    RecursiveMutex& lock_;
+    RecursiveMutex lock_{LockRank::agent};
     Lists correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, Lists::iterator> listOfSession_ TELVORA_GUARDED_BY(lock_);
     // Bytes of the tokens that were added since empty lists were last dropped.

@@ -22,7 +22,7 @@ void TelvoradSession::updateCombinedSessionID() {
 // A backend takes over the state of the parent's backend of the same name, and is disabled if there is no
 // such backend. A backend that is sampled out keeps its state.
 void TelvoradSession::syncReportingStates() {
-    const DelegateLock hierarchy(hierarchies_.lock());
+    const RecursiveMutexLock hierarchy(hierarchies_.lock());
     const std::shared_ptr<TelvoradSession> parent = hierarchies_.parentSessionForChild(*this);
     // A copy, as two sessions' locks are never held at once.
     const auto parentStates = parent ? parent->backendStates() : std::map<std::string, ReportingState>{};

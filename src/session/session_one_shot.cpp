@@ -38,15 +38,17 @@ void TelvoradSession::sendMessageWithSessionInfo(Dictionary sessionInfo, std::op
     receivedUserInfo(std::move(userInfo));
     TELVORA_LOG(kLogDebug, "sendMessageWithSessionInfo: Sending message with session info for session %u",
                 sessionID());
-    const std::shared_ptr<const Dictionary> storebag = sessionDelegate_.storebagForSession(*this);
-    if (!storebag) {
-        countUnsent(ReportOutcome::notConfigured);
-        if (reply) reply("storebag not available");
-        return;
-    }
-    sendMessageWithSessionInfo(services_, *this->sessionInfo(), givenUserInfo, storebag, category, type,
-                               payload, accounts_);
-    if (reply) reply("finished");
+    withStorebag([self = shared_from_this(), givenUserInfo, category, type, payload = std::move(payload),
+                  reply = std::move(reply)](const auto& storebag) {
+        if (!storebag) {
+            self->countUnsent(ReportOutcome::notConfigured);
+            if (reply) reply("storebag not available");
+            return;
+        }
+        sendMessageWithSessionInfo(self->services_, *self->sessionInfo(), givenUserInfo, storebag, category,
+                                   type, payload, self->accounts_);
+        if (reply) reply("finished");
+    });
 }
 
 void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services,

@@ -97,6 +97,10 @@ class TelvoradSession final : public ClientSessionInterface,
     using UserInfo = std::shared_ptr<const Dictionary>;
 
     // Configuration.
+    // Calls `work` on the connection's strand with the bag of the session's client type, or null.
+    void withStorebag(StorebagReply work);
+    void configure(const std::shared_ptr<const Dictionary>& storebag,
+                   const ReportingStatesReply& completionHandler);
     void takeSessionInfo(Dictionary sessionInfo);
     void createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag);
     void updateUserInfoForBackends();

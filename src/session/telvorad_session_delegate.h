@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,20 +11,22 @@
 
 namespace telvora {
 
-// The operations of the agent that its sessions use. All are synchronous and callable from any thread. The
-// agent outlives its sessions.
+// The environment's section of a bag, or null.
+using StorebagReply = std::function<void(std::shared_ptr<const Dictionary> storebag)>;
+
+// The operations of the agent that its sessions use. All are callable from any thread. The agent outlives its
+// sessions.
 class TelvoradSessionDelegate {
   public:
     virtual ~TelvoradSessionDelegate() = default;
 
-    // The environment's section of the bag for the session's client type, or null. Takes the hierarchy lock
-    // and holds it across a fetch: may block for 15 seconds.
-    virtual std::shared_ptr<const Dictionary> storebagForSession(const TelvoradSession& session) = 0;
-    // The version of the bag that storebagForSession() found last; `std::nullopt` if there is none. Does not
-    // fetch, but waits for the hierarchy lock.
+    // Calls `reply` once with the bag for the session's client type: before it returns, or on any thread
+    // after a fetch, which takes up to 15 seconds, and after the fetches that were requested before.
+    virtual void storebagForSession(const TelvoradSession& session, StorebagReply reply) = 0;
+    // The version of the bag that storebagForSession() found last; `std::nullopt` if there is none.
     virtual std::optional<std::string> storebagVersionForSession(const TelvoradSession& session) = 0;
 
-    // The hierarchies of all sessions. Their lock is also that of the bag cache.
+    // The hierarchies of all sessions.
     virtual SessionHierarchies& hierarchies() = 0;
 };
 

@@ -46,8 +46,8 @@ class BusConnectionTest : public testing::Test {
                                                     BusMessage& call) -> std::optional<BusError> {
             if (method == 1) throw std::runtime_error("thrown");
             if (method == 2) {
-                pending_.push_back(bus->defer(call));
-                if (pending_.size() == 2) twoPending_.set_value();
+                pending_.push_back(bus->defer(call, order_));
+                if (pending_.size() == awaited_) allPending_.set_value();
                 return std::nullopt;
             }
             uint32_t size = 0;
@@ -90,7 +90,9 @@ class BusConnectionTest : public testing::Test {
     std::atomic<size_t> filled_ = 0;  // bytes
     WorkPool pool_{2};
     std::vector<std::shared_ptr<PendingCall>> pending_;
-    std::promise<void> twoPending_;
+    BusCallOrder order_ = BusCallOrder::kConcurrent;
+    size_t awaited_ = 2;
+    std::promise<void> allPending_;
 };
 
 TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
@@ -127,6 +129,61 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     description.read('s', &xml);
     EXPECT_THAT(xml, testing::HasSubstr("<arg type=\"u\" name=\"bytes\" direction=\"in\"/>\n   <arg "
                                         "type=\"s\" name=\"text\" direction=\"out\"/>"));
+    endAndWait(served);
+}
+
+TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
+    order_ = BusCallOrder::kExclusive;
+    awaited_ = 1;
+    Served served = serve();
+    BusPeer peer(std::move(served.peer));
+    const uint64_t kept = peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.send(fillCall(peer, 1));
+    peer.flush();
+    allPending_.get_future().wait();
+    onStrand(served, [] {});
+    EXPECT_EQ(filled_, 0u);
+    pending_[0]->reply([](WireWriter&) { return true; });
+    uint64_t answered = 0;
+    sd_bus_message_get_reply_cookie(peer.receive().get(), &answered);
+    EXPECT_EQ(answered, kept);
+    peer.receive();
+    EXPECT_EQ(filled_, 1u);
+
+    awaited_ = 2;
+    allPending_ = {};
+    peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    peer.flush();
+    allPending_.get_future().wait();
+    onStrand(served, [&] { served.bus->close("done"); });
+    peer.close();
+    onStrand(served, [] {});
+    EXPECT_EQ(served.ended.wait_for(0s), std::future_status::timeout);
+    pending_.clear();  // unanswered
+    EXPECT_EQ(served.ended.get(), "done");
+}
+
+TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
+    Served served = serve();
+    std::promise<void> asked;
+    bool admitted = false;
+    onStrand(served, [&] {
+        served.bus->onAdmission([&] {
+            if (!admitted) asked.set_value();
+            return admitted;
+        });
+    });
+    BusPeer peer(std::move(served.peer));
+    peer.send(fillCall(peer, 1));
+    peer.flush();
+    asked.get_future().wait();
+    onStrand(served, [&] {
+        EXPECT_EQ(filled_, 0u);
+        admitted = true;
+        served.bus->admit();
+    });
+    peer.receive();
+    EXPECT_EQ(filled_, 1u);
     endAndWait(served);
 }
 
@@ -221,7 +278,7 @@ TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
         EXPECT_FALSE(client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
         tried.set_value();
     });
-    twoPending_.get_future().wait();
+    allPending_.get_future().wait();
     tried.get_future().wait();
     closed.get_future().wait();
     served.ended.wait();
@@ -237,7 +294,7 @@ TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
         for (int i = 0; i < 2; ++i)
             peer.send(peer.newCall(kPath, kInterface, "Keep"));
         peer.flush();
-        twoPending_.get_future().wait();
+        allPending_.get_future().wait();
         endAndWait(served);
         peer.send(peer.newCall(kPath, kInterface, "Keep"));
         peer.flush();
@@ -248,7 +305,7 @@ TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
         onStrand(served, [&] {
             EXPECT_EQ(pending_.size(), 2u) << "calls after the end are not carried out";
             pending_.clear();
-            twoPending_ = {};
+            allPending_ = {};
         });
     }
 }
@@ -280,7 +337,7 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     for (int i = 0; i < 3; ++i)
         peer.send(peer.newCall(kPath, kInterface, "Keep"));
     peer.flush();
-    twoPending_.get_future().wait();
+    allPending_.get_future().wait();
     onStrand(served, [&] { EXPECT_EQ(pending_.size(), 2u); });
     auto first = pending_[0];
     first->reply([](WireWriter&) { return true; });  // makes room for the third
@@ -289,7 +346,7 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     first.reset();
     onStrand(served, [&] {
         pending_.clear();  // makes room as well
-        twoPending_ = {};
+        allPending_ = {};
     });
     EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
 
@@ -297,7 +354,7 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     for (int i = 0; i < 3; ++i)
         peer.send(peer.newCall(kPath, kInterface, "Keep"));
     peer.flush();
-    twoPending_.get_future().wait();
+    allPending_.get_future().wait();
     peer.close();
     served.ended.wait();
     for (const auto& call : pending_)

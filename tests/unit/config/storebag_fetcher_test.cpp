@@ -43,13 +43,28 @@ struct Fixture {
     HttpResult answer = FakeHttpClient::response(200, signedDocument(kBag));
     StorebagFetcher fetcher{{http, environment, framework}};
     StorebagFetchStatus status{.maxAge = -7};
+
+    std::optional<Dictionary> fetch(std::optional<std::string> name) {
+        std::optional<Dictionary> bag;
+        fetcher.fetchStorebagWithName(std::move(name), status, [&](auto fetched, auto after) {
+            bag = std::move(fetched);
+            status = std::move(after);
+        });
+        return bag;
+    }
+    FetchedStorebag fetchSection(uint32_t clientType) {
+        FetchedStorebag result;
+        fetcher.fetchStorebagForEnvironmentAndClientType(
+            clientType, status, [&](FetchedStorebag fetched) { result = std::move(fetched); });
+        return result;
+    }
 };
 
 TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
     Fixture f;
     const LogCapture log;
     const std::string url = kBase + "/orbel?version=9.1";
-    EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), kBag);
+    EXPECT_EQ(f.fetch("orbel"), kBag);
     EXPECT_FALSE(f.status.notChanged);
     EXPECT_EQ(log.lines(), (Lines{"<7>" + kFetch + "Storebag Server URL: " + url}));
     const HttpRequest request = f.http.requests().at(0);
@@ -58,7 +73,7 @@ TEST(StorebagFetcher, AsksForTheBagByNameAndVersion) {
     EXPECT_EQ(request.timeout, std::chrono::seconds(15));
 
     std::filesystem::remove(f.directory.path() / "framework/Info.plist");
-    f.fetcher.fetchStorebagWithName(std::nullopt, f.status);
+    f.fetch(std::nullopt);
     EXPECT_EQ(f.http.requests().at(1).url, kBase + "/(null)?version=8.0");
 }
 
@@ -73,13 +88,13 @@ TEST(StorebagFetcher, ReadsMaxAgeFromCacheControl) {
     for (const auto& [maxAge, values] : cases) {
         for (const char* value : values) {
             f.answer = FakeHttpClient::response(200, "", {{"cache-control", value}});
-            f.fetcher.fetchStorebagWithName("orbel", f.status);
+            f.fetch("orbel");
             EXPECT_EQ(f.status.maxAge, maxAge) << value;
         }
     }
     f.answer = FakeHttpClient::response(
         200, "", {{"Cache-Control", "public"}, {"X", "max-age=1"}, {"cache-control", "max-age=7"}});
-    f.fetcher.fetchStorebagWithName("orbel", f.status);
+    f.fetch("orbel");
     EXPECT_EQ(f.status.maxAge, 7) << "of two lines";
 }
 
@@ -114,7 +129,7 @@ TEST(StorebagFetcher, HonoursLastModified) {
         f.answer = FakeHttpClient::response(each.status, each.body, each.headers);
         f.status.lastModified = each.before;
         const LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status).has_value(), each.result);
+        EXPECT_EQ(f.fetch("orbel").has_value(), each.result);
         EXPECT_EQ(f.status.notChanged, each.notChanged);
         EXPECT_EQ(f.status.lastModified, each.after);
         EXPECT_EQ(headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
@@ -132,21 +147,20 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     const std::string ending = "?version=9.1, sendSynchronousRequest error no route";
     const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
     const LogCapture log;
-    EXPECT_EQ(f.fetcher.fetchStorebagWithName("quillet", f.status),
-              (Dictionary{{"zandor_internal", section},
-                          {"development", section},
-                          {"release", section},
-                          {"version", "1.0.0-Quillet-Fallback"},
-                          {"refresh_cycle", 3600}}));
+    EXPECT_EQ(f.fetch("quillet"), (Dictionary{{"zandor_internal", section},
+                                              {"development", section},
+                                              {"release", section},
+                                              {"version", "1.0.0-Quillet-Fallback"},
+                                              {"refresh_cycle", 3600}}));
     EXPECT_TRUE(f.status.builtIn);
     EXPECT_EQ(log.count(error + "/quillet" + ending), 1u);
     EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
-    EXPECT_EQ(f.fetcher.fetchStorebagWithName("orbel", f.status), std::nullopt);
+    EXPECT_EQ(f.fetch("orbel"), std::nullopt);
     EXPECT_EQ(log.lines().back(), error + "/orbel" + ending);
     EXPECT_EQ(f.status.maxAge, -7);
     EXPECT_EQ(f.status.lastModified, "old");
     f.answer = FakeHttpClient::response(500, "broken");
-    EXPECT_EQ(f.fetcher.fetchStorebagWithName("quillet", f.status), std::nullopt);
+    EXPECT_EQ(f.fetch("quillet"), std::nullopt);
     EXPECT_EQ(f.status.maxAge, 86400);
 }
 
@@ -179,11 +193,11 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
         Fixture f({{"environmentType", each.environment}});
         f.answer = FakeHttpClient::response(200, signedDocument(each.bag), {{"Cache-Control", "max-age=60"}});
         f.environment.userDefaultsEnvironment();
-        std::optional<std::string> version = "before";
         const LogCapture log;
-        EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(5, version, f.status), each.section);
-        EXPECT_EQ(version, each.section ? "1.2" : "before");
-        EXPECT_EQ(f.status.maxAge, each.maxAge);
+        const FetchedStorebag fetched = f.fetchSection(5);
+        EXPECT_EQ(fetched.section, each.section);
+        EXPECT_EQ(fetched.version, each.section ? std::optional("1.2") : std::nullopt);
+        EXPECT_EQ(fetched.status.maxAge, each.maxAge);
         Lines lines = log.lines();
         std::erase_if(lines, [](const std::string& line) { return line.starts_with("<7>"); });
         EXPECT_EQ(lines, each.log);
@@ -193,25 +207,24 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
 TEST(StorebagSelection, SaysWhyThereIsNone) {
     Fixture f;
     f.answer = FakeHttpClient::failure("down");
-    std::optional<std::string> version;
     const LogCapture log;
-    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(0, version, f.status), std::nullopt);
+    EXPECT_EQ(f.fetchSection(0).section, std::nullopt);
     EXPECT_EQ(f.http.requestCount(), 0u);
     EXPECT_EQ(log.lines(), (Lines{"<3>" + kSelect + "Could not find storebag name for client type 0"}));
 
-    EXPECT_EQ(f.fetcher.fetchStorebagForEnvironmentAndClientType(4, version, f.status), std::nullopt);
+    EXPECT_EQ(f.fetchSection(4).section, std::nullopt);
     EXPECT_EQ(f.http.requests().at(0).url, kBase + "/(null)?version=9.1");
     EXPECT_EQ(log.lines().back(), "<3>" + kSelect + "Could not fetch storebag for client type 4");
 
-    EXPECT_TRUE(f.fetcher.fetchStorebagForEnvironmentAndClientType(11, version, f.status));
+    const FetchedStorebag standIn = f.fetchSection(11);
     std::string names;
     for (uint32_t clientType = 4; clientType < 20; ++clientType)
         names += bagNameForClientType(clientType).value_or("-") + " ";
     EXPECT_EQ(names,
               "- orbel vantor quillet dravik fenlow pellam quillet kestova quillet vantor vantor tamsel "
               "corvane lindqvar - ");
-    EXPECT_EQ(version, "1.0.0-Quillet-Fallback");
-    EXPECT_EQ(f.status.maxAge, 3600);
+    EXPECT_EQ(standIn.version, "1.0.0-Quillet-Fallback");
+    EXPECT_EQ(standIn.status.maxAge, 3600);
 }
 
 }  // namespace

@@ -225,6 +225,11 @@ struct AgentStorebags : AgentTest {
             {}, false);
         return connection;
     }
+    std::shared_ptr<const Dictionary> storebagOf(const FakeConnection& connection) {
+        std::shared_ptr<const Dictionary> storebag;
+        world.agent.storebagForSession(connection.session(), [&](const auto& found) { storebag = found; });
+        return storebag;
+    }
 };
 
 TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
@@ -245,7 +250,7 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
         EXPECT_EQ(status.empty() ? "none" : *status[0].getIf<Dictionary>()->string("state"), step.before);
         world.serveBag(bagOfVersion(step.served, 600));
         for (const auto& connection : connections) {
-            EXPECT_TRUE(world.agent.storebagForSession(connection->session()));
+            EXPECT_TRUE(storebagOf(*connection));
             EXPECT_EQ(world.agent.storebagVersionForSession(connection->session()), step.version);
         }
         EXPECT_EQ(world.bagRequests(), step.requests);
@@ -258,19 +263,19 @@ TEST_F(AgentStorebags, ClientTypesOfOneBagShareItWhileItIsFresh) {
     world.http.setHandler([&dated](const HttpRequest&) { return dated; });
     for (const char* since : {"", "then"}) {
         world.now += 600;
-        world.agent.storebagForSession(connections[0]->session());
+        storebagOf(*connections[0]);
         EXPECT_EQ(headerOf(world.http.requests().back(), "If-Modified-Since"), since);
     }
 }
 
 TEST_F(AgentStorebags, TypesWithoutANameShareABagButNotTheFailuresOfTypeZero) {
     world.serveBag(bagOfVersion("1", 600));
-    EXPECT_FALSE(world.agent.storebagForSession(connect(0)->session()));
+    EXPECT_FALSE(storebagOf(*connect(0)));
     EXPECT_EQ(world.bagRequests(), 0U);
     for (const int type : {1, 4, 19})
-        EXPECT_TRUE(world.agent.storebagForSession(connect(type)->session())) << type;
+        EXPECT_TRUE(storebagOf(*connect(type))) << type;
     EXPECT_EQ(world.bagRequests(), 1U);
-    EXPECT_FALSE(world.agent.storebagForSession(connect(0)->session()));
+    EXPECT_FALSE(storebagOf(*connect(0)));
     EXPECT_EQ(
         log.count("<6>storebagForSession: Not fetching storebag for client type 0 - must wait 900 seconds "
                   "between attempts"),
@@ -289,7 +294,7 @@ TEST_F(AgentStorebags, AFailingServerIsAskedEvery900SecondsAndTheOldBagServesOn)
     for (const auto& step : steps) {
         world.now += step.later;
         world.serveBag(step.served ? std::optional(bagOfVersion("1", 100)) : std::nullopt);
-        EXPECT_EQ(world.agent.storebagForSession(client->session()) != nullptr, step.hasBag);
+        EXPECT_EQ(storebagOf(*client) != nullptr, step.hasBag);
         EXPECT_EQ(world.bagRequests(), step.requests);
     }
     EXPECT_EQ(log.count("<3>fetchAndCacheStorebag: Unable to fetch storebag for client type 5"), 3U);
@@ -297,6 +302,29 @@ TEST_F(AgentStorebags, AFailingServerIsAskedEvery900SecondsAndTheOldBagServesOn)
         log.count("<6>storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds "
                   "between attempts"),
         2U);
+}
+
+TEST_F(AgentStorebags, RequestsWaitInOrderForTheFetchesBeforeThem) {
+    std::string order;
+    const auto request = [&](const FakeConnection& connection, char mark) {
+        world.agent.storebagForSession(
+            connection.session(), [&order, mark](const auto& storebag) { order += storebag ? mark : '-'; });
+    };
+    const auto first = connect(5);
+    const auto other = connect(6);
+    world.http.setHandler({});
+    request(*first, '1');
+    request(*first, '2');
+    request(*other, '3');
+    request(*first, '4');
+    EXPECT_EQ(world.bagRequests(), 1U) << "one fetch at a time";
+    const auto answer = FakeHttpClient::response(200, signedDocument(bagOfVersion("1", 600)));
+    world.http.complete(answer);
+    EXPECT_EQ(order, "12");
+    EXPECT_EQ(world.bagRequests(), 2U);
+    world.http.complete(FakeHttpClient::failure("down"));
+    EXPECT_EQ(order, "12-4");
+    EXPECT_EQ(world.bagRequests(), 2U);
 }
 
 }  // namespace
