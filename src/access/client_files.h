@@ -69,8 +69,8 @@ class ClientFiles {
     tl::expected<ClientFile, FileRefusal> open(const std::string& path, const std::string& extensionToken);
 
     // Admits an upload of this client's user that needs so many bytes; see UploadAdmission::admit().
-    std::unique_ptr<UploadAdmission::Ticket> admit(uint64_t bytes) {
-        return admission_.admit(client_.uid, bytes);
+    void admit(uint64_t bytes, UploadAdmission::Admitted admitted) {
+        admission_.admit(client_.uid, bytes, std::move(admitted));
     }
 
     // Removes the file's name. Fails with the reason; then the name is unchanged.

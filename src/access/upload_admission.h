@@ -10,6 +10,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -18,7 +20,7 @@
 namespace telvora {
 
 struct UploadLimits {
-    size_t uploads = 64;                 // active or waiting for memory; each holds a thread
+    size_t uploads = 64;                 // active or waiting for memory
     uint64_t bytes = uint64_t{1} << 30;  // of files and their compressed forms
 };
 
@@ -44,10 +46,12 @@ class UploadAdmission {
         uint64_t bytes_;
     };
 
-    // Admits an upload of a user, who gets half of each limit. Waits while memory is short, as a
-    // BlockingSection; an upload that exceeds a limit waits until it is alone under it. Null if too many
-    // uploads are active, or after close().
-    std::unique_ptr<Ticket> admit(uid_t user, uint64_t bytes) TELVORA_EXCLUDES(mutex_);
+    using Admitted = std::function<void(std::unique_ptr<Ticket> ticket)>;
+
+    // Admits an upload of a user, who gets half of each limit. Calls `admitted` once: before it returns, or,
+    // while memory is short, on the thread that releases some. An upload that exceeds a limit waits until it
+    // is alone under it. Null if too many uploads are active, or after close().
+    void admit(uid_t user, uint64_t bytes, Admitted admitted) TELVORA_EXCLUDES(mutex_);
 
     // Refuses all further uploads, and those that wait.
     void close() TELVORA_EXCLUDES(mutex_);
@@ -58,14 +62,21 @@ class UploadAdmission {
         uint64_t bytes = 0;
     };
 
-    bool hasMemoryFor(const Load& share, uint64_t bytes) const TELVORA_REQUIRES(mutex_);
+    struct Waiting {
+        uid_t user;
+        uint64_t bytes;
+        Admitted admitted;
+    };
+
+    bool takePlace(uid_t user) TELVORA_REQUIRES(mutex_);
+    bool takeMemory(uid_t user, uint64_t bytes) TELVORA_REQUIRES(mutex_);
     void release(uid_t user, uint64_t bytes, size_t uploads) TELVORA_EXCLUDES(mutex_);
 
     const UploadLimits limits_;
     Mutex mutex_;
-    std::condition_variable_any changed_;
     Load total_ TELVORA_GUARDED_BY(mutex_);
     std::map<uid_t, Load> byUser_ TELVORA_GUARDED_BY(mutex_);
+    std::deque<Waiting> waiting_ TELVORA_GUARDED_BY(mutex_);
     bool closed_ TELVORA_GUARDED_BY(mutex_) = false;
 };
 

@@ -96,13 +96,13 @@ std::optional<std::string> TelvoraBackend::flushMessagesWithCompletion(FlushComp
     return std::nullopt;
 }
 
-bool TelvoraBackend::uploadFileAtPath(const std::string& /*path*/, const std::string& /*extensionToken*/,
-                                      ClientFiles& /*clientFiles*/) {
-    return false;
+void TelvoraBackend::uploadFileAtPath(const FileUpload& /*upload*/, UploadCompletion done) {
+    done(false);
 }
 
-bool TelvoraBackend::uploadLogData(const Array& /*records*/) {
-    return false;
+void TelvoraBackend::uploadLogData(const Array& /*records*/, const Perform& /*perform*/,
+                                   UploadCompletion done) {
+    done(false);
 }
 
 void TelvoraBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {

@@ -71,6 +71,18 @@ using BackendProfile = std::shared_ptr<const PropertyList>;
 using FlushCompletion =
     std::function<void(std::optional<std::string> answer, std::optional<TelvoraError> error)>;
 
+// Runs work on the strand of the backend's session: at once if called there.
+using Perform = std::function<void(std::function<void()> work)>;
+using UploadCompletion = std::function<void(bool uploaded)>;
+
+// A file of the client's, for uploadFileAtPath().
+struct FileUpload {
+    std::string path;
+    std::string extensionToken;  // consumed by the first backend that opens the file
+    std::shared_ptr<ClientFiles> files;
+    Perform perform;
+};
+
 class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
   public:
     virtual ~TelvoraBackend();
@@ -94,14 +106,14 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // once, or when the server has answered. Returns the answer for the message log, if there is one. Base:
     // completes at once without answer and error.
     virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
-    // Uploads one of the client's files, which `clientFiles` opens if the client may read it. Blocks until
-    // the server has answered. Returns whether a request was sent, even if that failed. Base: false.
-    // Overriders enter the upload and its outcome in their account of uploads.
-    virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
-                                  ClientFiles& clientFiles);
-    // Uploads an array of log records. Blocks until the server has answered. Returns whether the server has
-    // it. Base: false. Overriders count the upload likewise.
-    virtual bool uploadLogData(const Array& records);
+    // Uploads one of the client's files, which `upload.files` opens if the client may read it. Calls `done`
+    // once, on the strand: when the server has answered, or at once. `uploaded`: whether a request was sent,
+    // even if that failed. Base: false. Overriders enter the upload and its outcome in their account of
+    // uploads.
+    virtual void uploadFileAtPath(const FileUpload& upload, UploadCompletion done);
+    // Uploads an array of log records. Calls `done` likewise. `uploaded`: whether the server has it. Base:
+    // false. Overriders count the upload likewise.
+    virtual void uploadLogData(const Array& records, const Perform& perform, UploadCompletion done);
     // Sets the dotted ID of the session and its ancestors.
     virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
 

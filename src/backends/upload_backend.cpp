@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "async/work_pool.h"
 #include "http/http_request_rules.h"
@@ -29,16 +30,16 @@ std::string_view lastPathComponent(std::string_view path) {
 
 using Compressed = tl::expected<std::string, ReportOutcome>;
 
-tl::unexpected<ReportOutcome> tooLarge(uint64_t maxSize) {
+ReportOutcome tooLarge(uint64_t maxSize) {
     TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): The file is larger than %llu bytes",
                 static_cast<unsigned long long>(maxSize));
-    return tl::unexpected(ReportOutcome::fileTooLarge);
+    return ReportOutcome::fileTooLarge;
 }
 
 // Reads and compresses the whole file. Fails if it is empty, too large, unreadable or incompressible.
 Compressed compressedContent(const ClientFile& file, uint64_t maxSize) try {
     auto content = readWholeFile(file.file.get(), file.size(), maxSize);
-    if (!content && content.error() == EFBIG) return tooLarge(maxSize);  // it grew meanwhile
+    if (!content && content.error() == EFBIG) return tl::unexpected(tooLarge(maxSize));  // it grew meanwhile
     if (!content || content->empty()) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Input file is empty");
         return tl::unexpected(ReportOutcome::fileUnreadable);
@@ -94,44 +95,67 @@ UploadBackend::UploadBackend(const BackendServices& services, std::string name, 
     if (const std::string* displayURL = profileDictionary()->string("display_url")) displayURL_ = *displayURL;
 }
 
-bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string& extensionToken,
-                                     ClientFiles& clientFiles) {
-    TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", path.c_str());
+void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion done) {
+    TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", upload.path.c_str());
     uploads_->accept();
-    const tl::expected<ReportOutcome, ReportOutcome> sent = sendFile(path, extensionToken, clientFiles);
-    uploads_->move(1, ReportOutcome::inFlight, sent ? *sent : sent.error());
-    return sent.has_value();
+    const auto transfer = std::make_shared<Transfer>(Transfer{upload, std::move(done)});
+    if (const auto refusal = openFile(*transfer)) return finish(*transfer, tl::unexpected(*refusal));
+    // The file and its compressed form.
+    const uint64_t bytes = 2 * transfer->file.size();
+    upload.files->admit(bytes, [self = self(), transfer](std::unique_ptr<UploadAdmission::Ticket> ticket) {
+        transfer->ticket = std::move(ticket);
+        transfer->upload.perform([self, transfer] { self->sendFile(transfer); });
+    });
 }
 
-// Returns the outcome, as an error if no request was sent.
-tl::expected<ReportOutcome, ReportOutcome> UploadBackend::sendFile(const std::string& path,
-                                                                   const std::string& extensionToken,
-                                                                   ClientFiles& clientFiles) {
+// Returns the outcome if the file can't be uploaded.
+std::optional<ReportOutcome> UploadBackend::openFile(Transfer& transfer) const {
     const BlockingSection blocking;
-    // Consumes the extension token; the end of `file` closes the descriptor.
-    const auto file = clientFiles.open(path, extensionToken);
-    if (!file) return tl::unexpected(refused(path, file.error()));
-    const uint64_t size = file->size();
+    const FileUpload& upload = transfer.upload;
+    auto file = upload.files->open(upload.path, upload.extensionToken);
+    if (!file) return refused(upload.path, file.error());
+    transfer.file = std::move(*file);
     const uint64_t maxSize = maxUploadBytes();
-    if (size > maxSize) return tooLarge(maxSize);
-    const auto ticket = clientFiles.admit(2 * size);  // the file and its compressed form
-    if (!ticket) {
+    if (transfer.file.size() > maxSize) return tooLarge(maxSize);
+    return std::nullopt;
+}
+
+void UploadBackend::sendFile(const SharedTransfer& transfer) {
+    if (!transfer->ticket) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
-        return tl::unexpected(ReportOutcome::tooManyPending);
+        return finish(*transfer, tl::unexpected(ReportOutcome::tooManyPending));
     }
-    Compressed compressed = compressedContent(*file, maxSize);
-    if (!compressed) return tl::unexpected(compressed.error());
-    ticket->shrink(compressed->capacity());
-    std::optional<HttpRequest> request = createRequest(path, std::move(*compressed));
-    if (!request) return tl::unexpected(ReportOutcome::notSent);
-    const HttpResult result = performBlocking(services_.http, std::move(*request));
+    const BlockingSection blocking;
+    Compressed compressed = compressedContent(transfer->file, maxUploadBytes());
+    if (!compressed) return finish(*transfer, tl::unexpected(compressed.error()));
+    transfer->ticket->shrink(compressed->capacity());
+    std::optional<HttpRequest> request = createRequest(transfer->upload.path, std::move(*compressed));
+    if (!request) return finish(*transfer, tl::unexpected(ReportOutcome::notSent));
+    services_.http.start(std::move(*request), [self = self(), transfer](HttpResult result) {
+        transfer->result = std::move(result);
+        transfer->upload.perform(
+            [self, transfer] { self->finish(*transfer, self->outcomeOfTransfer(*transfer)); });
+    });
+}
+
+UploadBackend::Outcome UploadBackend::outcomeOfTransfer(const Transfer& transfer) const {
+    const HttpResult& result = transfer.result;
     if (isDelivered(result)) {
-        removeFile(clientFiles, *file);
+        const BlockingSection blocking;
+        removeFile(*transfer.upload.files, transfer.file);
         return ReportOutcome::delivered;
     }
     if (result) return ReportOutcome::rejected;
     if (wasSent(result.error())) return outcomeOf(result);
     return tl::unexpected(outcomeOf(result));
+}
+
+// Closes the file and gives its memory back before the next upload.
+void UploadBackend::finish(Transfer& transfer, const Outcome& outcome) {
+    transfer.file = {};
+    transfer.ticket.reset();
+    uploads_->move(1, ReportOutcome::inFlight, outcome ? *outcome : outcome.error());
+    std::exchange(transfer.done, nullptr)(outcome.has_value());
 }
 
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {

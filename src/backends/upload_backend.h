@@ -24,17 +24,32 @@ class UploadBackend final : public TelvoraBackend {
     // Posts the file, and removes it if the answer contains "success" or is not UTF-8 text. A failed removal
     // is logged at level 4. Returns false, with a line at level 3, if no request was sent: the file is not
     // regular, empty, unreadable or too large, too many uploads are under way, the URL is invalid, or the
-    // HTTP client refuses the request. Blocks until the server has answered.
-    bool uploadFileAtPath(const std::string& path, const std::string& extensionToken,
-                          ClientFiles& clientFiles) override;
+    // HTTP client refuses the request. Blocks on file I/O.
+    void uploadFileAtPath(const FileUpload& upload, UploadCompletion done) override;
 
   private:
     UploadBackend(const BackendServices& services, std::string name, BackendProfile profile,
                   SharedIdentity identity, std::string uploadURL);
 
-    tl::expected<ReportOutcome, ReportOutcome> sendFile(const std::string& path,
-                                                        const std::string& extensionToken,
-                                                        ClientFiles& clientFiles);
+    // An upload under way. Used on the strand, except for the result that the HTTP client leaves.
+    struct Transfer {
+        FileUpload upload;
+        UploadCompletion done;
+        ClientFile file = {};
+        std::unique_ptr<UploadAdmission::Ticket> ticket = {};
+        HttpResult result = {};
+    };
+    using SharedTransfer = std::shared_ptr<Transfer>;
+    // An error if no request was sent.
+    using Outcome = tl::expected<ReportOutcome, ReportOutcome>;
+
+    std::optional<ReportOutcome> openFile(Transfer& transfer) const;
+    void sendFile(const SharedTransfer& transfer);
+    Outcome outcomeOfTransfer(const Transfer& transfer) const;
+    void finish(Transfer& transfer, const Outcome& outcome);
+    std::shared_ptr<UploadBackend> self() {
+        return std::static_pointer_cast<UploadBackend>(shared_from_this());
+    }
     std::optional<HttpRequest> createRequest(const std::string& path, std::string body) const;
     bool isDelivered(const HttpResult& result) const;
     uint64_t maxUploadBytes() const;

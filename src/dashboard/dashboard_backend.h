@@ -56,7 +56,7 @@ class DashboardBackend final : public TelvoraBackend {
 
     // Posts the records as a binary property list to the profile's "post_url". Sends the location in the
     // server's answer as a report, through the base class's operation. Blocks until the server has answered.
-    bool uploadLogData(const Array& records) override;
+    void uploadLogData(const Array& records, const Perform& perform, UploadCompletion done) override;
 
   private:
     DashboardBackend(const BackendServices& services, std::string name, BackendProfile profile,
@@ -70,7 +70,8 @@ class DashboardBackend final : public TelvoraBackend {
                                                   uint16_t serverPort, SharedIdentity identity);
 
     void takeProfile();
-    ReportOutcome postLogData(const Array& records);
+    ReportOutcome logDataAnswered(HttpResult result);
+    void finishUpload(ReportOutcome outcome, const UploadCompletion& done);
 
     const std::shared_ptr<DashboardTransport> transport_;
     bool usingProfile_ = false;

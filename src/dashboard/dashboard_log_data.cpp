@@ -31,32 +31,35 @@ std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::
 
 }  // namespace
 
-bool DashboardBackend::uploadLogData(const Array& records) {
+void DashboardBackend::uploadLogData(const Array& records, const Perform& perform, UploadCompletion done) {
     uploads_->accept();
-    const ReportOutcome outcome = postLogData(records);
-    uploads_->move(1, ReportOutcome::inFlight, outcome);
-    return outcome == ReportOutcome::delivered;
-}
-
-ReportOutcome DashboardBackend::postLogData(const Array& records) {
     if (!postURL_) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
-        return ReportOutcome::noURL;
+        return finishUpload(ReportOutcome::noURL, done);
     }
     auto archive = serializePropertyList(records, PropertyListFormat::binary);
     if (!archive) {
         TELVORA_LOG(kLogError,
                     "DashboardBackend(uploadLogData): Failed to serialize log data array for upload");
-        return ReportOutcome::notSent;
+        return finishUpload(ReportOutcome::notSent, done);
     }
     HttpRequest request;
     request.method = "POST";
     request.url = *postURL_;
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(*archive);
-    std::optional<std::string> reason;
-    HttpResult result = performBlocking(services_.http, std::move(request));
+    auto self = std::static_pointer_cast<DashboardBackend>(shared_from_this());
+    services_.http.start(std::move(request),
+                         [self, perform, done = std::move(done)](HttpResult result) mutable {
+                             perform([self, done = std::move(done), result = std::move(result)]() mutable {
+                                 self->finishUpload(self->logDataAnswered(std::move(result)), done);
+                             });
+                         });
+}
+
+ReportOutcome DashboardBackend::logDataAnswered(HttpResult result) {
     const ReportOutcome withoutLocation = result ? ReportOutcome::rejected : outcomeOf(result);
+    std::optional<std::string> reason;
     const auto location = uploadLocation(std::move(result), reason);
     if (!location) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Error uploading log data array (%s)",
@@ -67,6 +70,11 @@ ReportOutcome DashboardBackend::postLogData(const Array& records) {
     sendMessage(Dictionary{{"LogDataUploadLocation", *location}}, services_.clock(), kLogDataMethod,
                 kLogDataRespCode, SendFlag{0});
     return ReportOutcome::delivered;
+}
+
+void DashboardBackend::finishUpload(ReportOutcome outcome, const UploadCompletion& done) {
+    uploads_->move(1, ReportOutcome::inFlight, outcome);
+    done(outcome == ReportOutcome::delivered);
 }
 
 }  // namespace telvora

@@ -67,43 +67,61 @@ void TelvoradSession::finishSessionWithReply(StringReply reply) {
 void TelvoradSession::uploadFileAtPath(std::string fileURL, std::string extensionToken,
                                        UploadFileReply completionHandler) {
     TELVORA_LOG(kLogDebug, "uploadFileAtPath: Uploading file for session %u", sessionID());
-    uploadFileWithURL(fileURL, extensionToken, completionHandler);
+    uploadFileWithURL(fileURL, extensionToken, std::move(completionHandler));
 }
 
 void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
-                                        const UploadFileReply& completionHandler) {
-    const std::string path = pathOfFileURL(fileURL);
-    bool uploaded = false;
-    if (const auto current = backends()) {
-        for (const auto& [name, backend] : *current) {
-            if (backend->uploadFileAtPath(path, extensionToken, *clientFiles_)) uploaded = true;
+                                        UploadFileReply completionHandler) {
+    const FileUpload upload{pathOfFileURL(fileURL), extensionToken, clientFiles_, performOnStrand()};
+    const auto start = [upload](TelvoraBackend& backend, UploadCompletion done) {
+        backend.uploadFileAtPath(upload, std::move(done));
+    };
+    uploadThroughBackends(start, [self = shared_from_this(), upload, fileURL,
+                                  reply = std::move(completionHandler)](bool uploaded) {
+        self->clientFiles_->releaseExtension(upload.extensionToken);  // if no backend consumed it
+        if (uploaded) {
+            TELVORA_LOG(kLogDebug, "uploadFileWithURL: File upload successful for %s", upload.path.c_str());
+        } else {
+            TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", upload.path.c_str());
         }
-    }
-    clientFiles_->releaseExtension(extensionToken);  // if no backend consumed it
-    if (uploaded) {
-        TELVORA_LOG(kLogDebug, "uploadFileWithURL: File upload successful for %s", path.c_str());
-    } else {
-        TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", path.c_str());
-    }
-    TelvoradUtil::writeToLogFile(services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
-                                                           (uploaded ? "succeeded" : "failed") +
-                                                           " for file " + textOfURL(fileURL));
-    completionHandler(uploaded);
+        TelvoradUtil::writeToLogFile(self->services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
+                                                                     (uploaded ? "succeeded" : "failed") +
+                                                                     " for file " + textOfURL(fileURL));
+        reply(uploaded);
+    });
 }
 
 void TelvoradSession::uploadLogData(Array records, UploadLogDataReply completionHandler) {
-    bool uploaded = false;
-    if (const auto current = backends()) {
-        for (const auto& [name, backend] : *current) {
-            if (backend->uploadLogData(records)) uploaded = true;
+    const auto start = [records = std::move(records), perform = performOnStrand()](TelvoraBackend& backend,
+                                                                                   UploadCompletion done) {
+        backend.uploadLogData(records, perform, std::move(done));
+    };
+    uploadThroughBackends(start, [reply = std::move(completionHandler)](bool uploaded) {
+        if (uploaded) {
+            TELVORA_LOG(kLogDebug, "uploadLogData: Log data array upload successful");
+        } else {
+            TELVORA_LOG(kLogError, "uploadLogData: Log data array upload failed");
         }
-    }
-    if (uploaded) {
-        TELVORA_LOG(kLogDebug, "uploadLogData: Log data array upload successful");
-    } else {
-        TELVORA_LOG(kLogError, "uploadLogData: Log data array upload failed");
-    }
-    completionHandler(uploaded, std::nullopt);
+        reply(uploaded, std::nullopt);
+    });
+}
+
+Perform TelvoradSession::performOnStrand() const {
+    return [connection = connection_](std::function<void()> work) { connection->perform(std::move(work)); };
+}
+
+void TelvoradSession::uploadThroughBackends(UploadStart start, UploadCompletion done) {
+    const auto run = std::make_shared<UploadRun>(UploadRun{backends(), std::move(start), std::move(done)});
+    if (run->backends) run->next = run->backends->begin();
+    continueUpload(run, false);
+}
+
+// Starts the upload through the next backend once the one before has completed.
+void TelvoradSession::continueUpload(const std::shared_ptr<UploadRun>& run, bool uploaded) {
+    run->uploaded = run->uploaded || uploaded;
+    if (!run->backends || run->next == run->backends->end()) return run->done(run->uploaded);
+    TelvoraBackend& backend = *(run->next++)->second;
+    run->start(backend, [run](bool one) { continueUpload(run, one); });
 }
 
 }  // namespace telvora

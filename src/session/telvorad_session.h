@@ -130,7 +130,19 @@ class TelvoradSession final : public ClientSessionInterface,
     // Flush and uploads.
     void internalFlushMessagesWithCompletion(FlushReply completion);
     void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
-                           const UploadFileReply& completionHandler);
+                           UploadFileReply completionHandler);
+    using UploadStart = std::function<void(TelvoraBackend& backend, UploadCompletion done)>;
+    // An upload that goes through one backend after another.
+    struct UploadRun {
+        std::shared_ptr<const BackendDictionary> backends;  // null: none
+        UploadStart start;
+        UploadCompletion done;
+        BackendDictionary::const_iterator next = {};
+        bool uploaded = false;  // through one at least
+    };
+    void uploadThroughBackends(UploadStart start, UploadCompletion done);
+    static void continueUpload(const std::shared_ptr<UploadRun>& run, bool uploaded);
+    Perform performOnStrand() const;
 
     // Aggregation.
     void aggregateMessage(double timestamp, uint16_t category, uint16_t type,

@@ -3,57 +3,65 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <future>
+#include <vector>
 
 namespace telvora {
 namespace {
 
 using TicketPtr = std::unique_ptr<UploadAdmission::Ticket>;
 
+// Asks for admission; the answer comes into `ticket`.
+struct Request {
+    Request(UploadAdmission& admission, uid_t user, uint64_t bytes) {
+        admission.admit(user, bytes, [this](TicketPtr given) {
+            answered = true;
+            ticket = std::move(given);
+        });
+    }
+    bool answered = false;
+    TicketPtr ticket;
+};
+
 TEST(UploadAdmission, GivesEachUserHalfOfThePlaces) {
     UploadAdmission admission({.uploads = 6, .bytes = 1000});
     std::vector<TicketPtr> tickets;
     for (const uid_t user : {1U, 2U}) {
         for (int i = 0; i < 3; ++i) {
-            tickets.push_back(admission.admit(user, 1));
+            tickets.push_back(Request(admission, user, 1).ticket);
             EXPECT_NE(tickets.back(), nullptr);
         }
-        EXPECT_EQ(admission.admit(user, 1), nullptr);
+        EXPECT_EQ(Request(admission, user, 1).ticket, nullptr);
     }
-    EXPECT_EQ(admission.admit(3, 1), nullptr) << "all places are taken";
+    EXPECT_EQ(Request(admission, 3, 1).ticket, nullptr) << "all places are taken";
     tickets.pop_back();
-    EXPECT_NE(admission.admit(3, 1), nullptr);
+    EXPECT_NE(Request(admission, 3, 1).ticket, nullptr);
 }
 
 TEST(UploadAdmission, MakesAUserWaitForMemoryAndNobodyElse) {
     UploadAdmission admission({.uploads = 20, .bytes = 1000});
-    TicketPtr first = admission.admit(1, 400);
-    std::atomic<bool> shrunk = false;
-    auto other = std::async(std::launch::async, [&] {
-        TicketPtr third = admission.admit(2, 500);
-        shrunk = true;
-        first->shrink(100);
-        return third;
-    });
-    EXPECT_NE(admission.admit(1, 400), nullptr);
-    EXPECT_TRUE(shrunk) << "the user's half is full until then";
-    TicketPtr third = other.get();
-    EXPECT_NE(third, nullptr);
+    Request first(admission, 1, 400);
+    Request second(admission, 1, 400);
+    EXPECT_FALSE(second.answered) << "the user's half is full";
+    Request third(admission, 2, 500);
+    EXPECT_NE(third.ticket, nullptr);
+    first.ticket->shrink(100);
+    EXPECT_NE(second.ticket, nullptr);
     // An upload above a share runs alone in it; one above the whole limit runs alone.
-    third.reset();
-    EXPECT_NE(admission.admit(2, 600), nullptr);
-    first.reset();
-    EXPECT_NE(admission.admit(2, 5000), nullptr);
+    third.ticket.reset();
+    second.ticket.reset();
+    EXPECT_NE(Request(admission, 2, 600).ticket, nullptr);
+    first.ticket.reset();
+    EXPECT_NE(Request(admission, 2, 5000).ticket, nullptr);
 }
 
 TEST(UploadAdmission, TurnsThoseAwayWhoWaitWhenItCloses) {
     UploadAdmission admission({.uploads = 20, .bytes = 1000});
-    const TicketPtr first = admission.admit(1, 500);
-    auto second = std::async(std::launch::async, [&] { return admission.admit(1, 1); });
+    const Request first(admission, 1, 500);
+    const Request second(admission, 1, 1);
     admission.close();
-    EXPECT_EQ(second.get(), nullptr);
-    EXPECT_EQ(admission.admit(2, 1), nullptr);
+    EXPECT_TRUE(second.answered);
+    EXPECT_EQ(second.ticket, nullptr);
+    EXPECT_EQ(Request(admission, 2, 1).ticket, nullptr);
 }
 
 }  // namespace

@@ -13,16 +13,19 @@ struct UploadRig : BackendRig {
     UploadRig() {
         Peer peer;
         peer.uid = getuid();
-        files = std::make_unique<ClientFiles>(peer, std::vector{directory.path()}, admission);
+        files = std::make_shared<ClientFiles>(peer, std::vector{directory.path()}, admission);
     }
     bool upload(const std::filesystem::path& file, const char* url = "https://up.example/in") {
-        return UploadBackend::make(services, kTelvoraBackendUploadServer, profileOf({{"post_url", url}}),
-                                   shared(BackendIdentity()))
-            ->uploadFileAtPath(file, "", *files);
+        bool sent = false;
+        UploadBackend::make(services, kTelvoraBackendUploadServer, profileOf({{"post_url", url}}),
+                            shared(BackendIdentity()))
+            ->uploadFileAtPath({file, "", files, [](const auto& work) { work(); }},
+                               [&sent](bool uploaded) { sent = uploaded; });
+        return sent;
     }
 
     UploadAdmission admission;
-    std::unique_ptr<ClientFiles> files;
+    std::shared_ptr<ClientFiles> files;
 };
 
 TEST(UploadBackend, NeedsAPostURL) {

@@ -90,6 +90,13 @@ TEST_F(DashboardBackendTest, TheFiveArgumentOperationSendsAndRenders) {
 }
 
 struct LogDataTest : DashboardBackendTest {
+    static bool upload(DashboardBackend& to, const Array& data) {
+        bool done = false;
+        to.uploadLogData(
+            data, [](const auto& work) { work(); }, [&done](bool uploaded) { done = uploaded; });
+        return done;
+    }
+
     const Array records{Dictionary{{"n", 1}, {"msg", "hi"}}};
     std::shared_ptr<DashboardBackend> backend =
         makeBackend(collectorProfile({{"post_url", "https://log.example/"}}));
@@ -97,7 +104,7 @@ struct LogDataTest : DashboardBackendTest {
 
 TEST_F(LogDataTest, IsPostedAsABinaryPropertyList) {
     http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(500, "https://at.example/1"); });
-    EXPECT_TRUE(backend->uploadLogData(records));
+    EXPECT_TRUE(upload(*backend, records));
     ASSERT_EQ(http.requestCount(), 1u);
     const HttpRequest request = http.requests()[0];
     EXPECT_EQ(request.method + " " + request.url, "POST https://log.example/");
@@ -139,7 +146,7 @@ TEST_F(LogDataTest, FailsWithALine) {
         log.clear();
         http.setHandler([&test](const HttpRequest&) { return test.answer; });
         const size_t before = http.requestCount();
-        EXPECT_FALSE(test.backend->uploadLogData(test.records));
+        EXPECT_FALSE(upload(*test.backend, test.records));
         EXPECT_THAT(log.lines(), ElementsAre("<3>DashboardBackend(uploadLogData): " + test.line));
         EXPECT_EQ(http.requestCount(), before + test.requests);
     }
