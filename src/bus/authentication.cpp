@@ -68,7 +68,7 @@ void ServerAuthentication::answer(std::string_view command, std::string_view arg
     } else if (command == "CANCEL" || (command == "ERROR" && expects_ != Expects::begin)) {
         expects_ = Expects::mechanism;
         output += "REJECTED EXTERNAL\r\n";
-    } else if (command == "NEGOTIATE_UNIX_FD" && expects_ == Expects::begin) {
+    } else if (command == "NEGOTIATE_UNIX_FD" && expects_ == Expects::begin && takesDescriptors_) {
         passesDescriptors_ = true;
         output += "AGREE_UNIX_FD\r\n";
     } else {

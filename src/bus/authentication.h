@@ -20,13 +20,15 @@ enum class AuthenticationState { running, done, failed };
 class ServerAuthentication {
   public:
     // `peer`: the user at the other end (SO_PEERCRED). `guid`: 32 hexadecimal digits that name this server.
-    ServerAuthentication(uid_t peer, std::string guid) : peer_(peer), guid_(std::move(guid)) {}
+    // `takesDescriptors`: whether a peer that asks may send file descriptors.
+    ServerAuthentication(uid_t peer, std::string guid, bool takesDescriptors = true)
+        : peer_(peer), guid_(std::move(guid)), takesDescriptors_(takesDescriptors) {}
 
     // Takes whole lines off the front of `input` and appends the answers to `output`. After `done`, the rest
     // of `input` is messages. After `failed`, reason() says why, and the connection must end.
     AuthenticationState advance(std::string_view& input, std::string& output);
 
-    // Whether the peer asked that messages may carry file descriptors.
+    // Whether messages may carry file descriptors.
     bool passesDescriptors() const { return passesDescriptors_; }
     const char* reason() const { return reason_; }
 
@@ -43,6 +45,7 @@ class ServerAuthentication {
 
     const uid_t peer_;
     const std::string guid_;
+    const bool takesDescriptors_;
     Expects expects_ = Expects::nul;
     bool passesDescriptors_ = false;
     size_t taken_ = 0;

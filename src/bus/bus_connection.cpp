@@ -16,6 +16,7 @@
 #include <asio/post.hpp>
 #include <cerrno>
 
+#include "async/descriptor_closers.h"
 #include "util/error_text.h"
 #include "util/hexadecimal.h"
 #include "util/random.h"
@@ -51,9 +52,11 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
       socket_(std::move(socket)),
       descriptor_(strand_),
       timer_(strand_),
-      input_(limits.messageSize) {}
+      input_(limits.messageSize, socket_.closer() ? socket_.closer()->ofReceived() : nullptr) {}
 
-BusConnection::~BusConnection() = default;
+BusConnection::~BusConnection() {
+    if (descriptor_.is_open()) descriptor_.release();
+}
 
 void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     closed_ = std::move(closed);
@@ -70,7 +73,8 @@ void BusConnection::begin() {
         ucred peer{};
         socklen_t size = sizeof peer;
         if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return end("the peer is unknown");
-        authentication_.emplace<ServerAuthentication>(peer.uid, randomServerId());
+        passDescriptors(socket, false);
+        authentication_.emplace<ServerAuthentication>(peer.uid, randomServerId(), limits_.descriptors);
     } else {
         authentication_.emplace<ClientAuthentication>();
         authenticationOutput_ = ClientAuthentication::greeting();
@@ -78,7 +82,6 @@ void BusConnection::begin() {
     asio::error_code error;
     descriptor_.assign(socket, error);
     if (error) return end(error.message());
-    socket_.release();
     startTimer(limits_.authenticationTimeout, &BusConnection::onAuthenticationTimeout);
     receive();
 }
@@ -116,7 +119,9 @@ bool BusConnection::authenticate() {
     if (auto* server = std::get_if<ServerAuthentication>(&authentication_)) {
         result = server->advance(bytes, authenticationOutput_);
         reason = server->reason();
+        // Before the peer reads that it may send some.
         passesDescriptors = server->passesDescriptors();
+        if (passesDescriptors) passDescriptors(descriptor_.native_handle(), true);
     } else {
         auto& client = std::get<ClientAuthentication>(authentication_);
         result = client.advance(bytes);
@@ -306,8 +311,7 @@ void BusConnection::teardown() {
     const auto self = shared_from_this();
     state_ = State::closed;
     timer_.cancel();
-    asio::error_code ignored;
-    if (descriptor_.is_open()) descriptor_.close(ignored);
+    if (descriptor_.is_open()) descriptor_.release();
     socket_.reset();
     exports_.clear();
     replies_.clear();

@@ -58,6 +58,8 @@ struct BusLimits {
     size_t queuedBytes = size_t{1} << 20;
     // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
+    // Whether messages to a server may carry file descriptors.
+    bool descriptors = true;
     // How long the peer of a half-closed connection may take to read its last messages.
     std::chrono::milliseconds drainTimeout{2'000};
 };
@@ -114,7 +116,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // sent while the handler runs.
     using ClosedHandler = std::function<void(const std::string& reason)>;
 
-    // Takes over a connected Unix stream socket.
+    // Takes over a connected Unix stream socket. Its closer also closes the descriptors that come.
     static std::shared_ptr<BusConnection> make(Strand strand, UniqueFd socket, BusRole role,
                                                BusLimits limits = {});
     ~BusConnection();
@@ -219,8 +221,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     const Strand strand_;
     const BusRole role_;
     const BusLimits limits_;
-    UniqueFd socket_;  // closed by descriptor_ once that has it
-    asio::posix::stream_descriptor descriptor_;
+    UniqueFd socket_;
+    asio::posix::stream_descriptor descriptor_;  // waits for the socket, without owning it
     asio::steady_timer timer_;
     State state_ = State::created;
     bool waiting_[kWaits] = {};

@@ -25,14 +25,15 @@ char* threadBuffer() {
     return buffer.get();
 }
 
-void collectDescriptors(msghdr& message, std::vector<UniqueFd>& descriptors) {
+void collectDescriptors(msghdr& message, const std::shared_ptr<FdCloser>& closer,
+                        std::vector<UniqueFd>& descriptors) {
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
         const size_t size = part->cmsg_len - CMSG_LEN(0);
         for (size_t at = 0; at + sizeof(int) <= size; at += sizeof(int)) {
             int descriptor = -1;
             std::memcpy(&descriptor, CMSG_DATA(part) + at, sizeof descriptor);
-            descriptors.emplace_back(descriptor);
+            descriptors.emplace_back(descriptor, closer);
         }
     }
 }
@@ -40,6 +41,8 @@ void collectDescriptors(msghdr& message, std::vector<UniqueFd>& descriptors) {
 }  // namespace
 
 tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
+    if (closer_ && !closer_->hasRoom())
+        return tl::unexpected(std::string("too many file descriptors of the peer's user are open"));
     const size_t before = kept_.size();
     char* target = threadBuffer();
     if (before != 0) {
@@ -63,7 +66,7 @@ tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
         if (error == ECONNRESET) return Received::end;
         return tl::unexpected(errorText(error));
     }
-    collectDescriptors(message, descriptors_);
+    collectDescriptors(message, closer_, descriptors_);
     if ((message.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxDescriptors)
         return tl::unexpected(std::string("too many file descriptors wait for their message"));
     return received == 0 ? Received::end : Received::data;

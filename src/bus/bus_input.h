@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,10 +25,13 @@ namespace telvora {
 class BusInput {
   public:
     // `messageSize`: of the largest message, in bytes. The input holds no more than that and one read.
-    explicit BusInput(size_t messageSize) : messageSize_(messageSize) {}
+    // `closer`: of the descriptors that come; null: close(2).
+    explicit BusInput(size_t messageSize, std::shared_ptr<FdCloser> closer = nullptr)
+        : messageSize_(messageSize), closer_(std::move(closer)) {}
 
     enum class Received { data, noData, end };
-    // Reads once. Fails with the reason when the socket does, or when more descriptors come than may wait.
+    // Reads once. Fails with the reason when the socket does, when more descriptors come than may wait, and
+    // when the peer's user has too many of them here.
     // Between receive() and keepRest() the strand must not leave the thread.
     tl::expected<Received, std::string> receive(int socket);
 
@@ -48,6 +52,7 @@ class BusInput {
 
   private:
     const size_t messageSize_;
+    const std::shared_ptr<FdCloser> closer_;
     std::string kept_;       // between turns
     std::string_view rest_;  // of kept_, or of the thread's buffer
     std::vector<UniqueFd> descriptors_;

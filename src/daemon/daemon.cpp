@@ -53,7 +53,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
               .clock = timeOfDay,
               .noSessionsLeft = [this] { shutdown_.check(); }}),
       status_(*this, quotas_),
-      listener_(runLoop_, std::move(sockets.clients.socket),
+      listener_(runLoop_, std::move(sockets.clients.socket), closers_,
                 [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); }),
       shutdown_(runLoop_,
                 {.stopAccepting = [this] { stopAccepting(); },
@@ -62,7 +62,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                 process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
     if (!sockets.status) return;
-    statusListener_.emplace(runLoop_, std::move(sockets.status->socket),
+    statusListener_.emplace(runLoop_, std::move(sockets.status->socket), closers_,
                             [this](UniqueFd socket, const Peer& peer) {
                                 status_.accept(pool_.makeStrand(), std::move(socket), peer);
                             });

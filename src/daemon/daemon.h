@@ -11,6 +11,7 @@
 
 #include "access/client_files.h"
 #include "access/user_quotas.h"
+#include "async/descriptor_closers.h"
 #include "backends/report_account.h"
 #include "config/client_framework.h"
 #include "config/environment.h"
@@ -65,6 +66,7 @@ class Daemon final : private StatusInterface {
     const ClientFramework framework_;
     const EntitlementStore entitlements_;
     UserQuotas quotas_;
+    DescriptorClosers closers_;
     std::unique_ptr<HttpClient> curl_;
     WorkPool pool_;
     UploadAdmission uploads_;

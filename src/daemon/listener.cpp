@@ -9,13 +9,15 @@ namespace telvora {
 
 namespace {
 
+constexpr uid_t kUnknownUser = UINT32_MAX;
+
 // Pause before the next accept when the process is out of file descriptors or memory.
 constexpr std::chrono::milliseconds kPauseWithoutResources{200};
 
 }  // namespace
 
-Listener::Listener(asio::io_context& runLoop, UniqueFd socket, Accepted accepted)
-    : accepted_(std::move(accepted)), acceptor_(runLoop), pause_(runLoop) {
+Listener::Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted)
+    : closers_(closers), accepted_(std::move(accepted)), acceptor_(runLoop), pause_(runLoop) {
     asio::error_code error;
     acceptor_.assign(asio::local::stream_protocol(), socket.get(), error);
     if (error) {
@@ -39,9 +41,11 @@ void Listener::acceptNext() {
     acceptor_.async_accept([this](asio::error_code error, asio::local::stream_protocol::socket socket) {
         if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
         if (!error) {
-            UniqueFd connection(socket.release(error));
+            const int connection = socket.release(error);
             // A connection without a peer has ended again.
-            if (const auto peer = readPeer(connection.get())) accepted_(std::move(connection), *peer);
+            const auto peer = readPeer(connection);
+            UniqueFd owned(connection, closers_.of(peer ? peer->uid : kUnknownUser));
+            if (peer) accepted_(std::move(owned), *peer);
             return acceptNext();
         }
         TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", error.message().c_str());

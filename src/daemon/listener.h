@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "access/peer.h"
+#include "async/descriptor_closers.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -19,8 +20,9 @@ class Listener {
     // Runs on the run loop's thread.
     using Accepted = std::function<void(UniqueFd connection, const Peer& peer)>;
 
-    // `socket`: a listening, non-blocking Unix stream socket, taken over.
-    Listener(asio::io_context& runLoop, UniqueFd socket, Accepted accepted);
+    // `socket`: a listening, non-blocking Unix stream socket, taken over. `closers` close the connections,
+    // and outlive the listener.
+    Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted);
 
     // Starts to accept.
     void resume();
@@ -30,6 +32,7 @@ class Listener {
   private:
     void acceptNext();
 
+    DescriptorClosers& closers_;
     const Accepted accepted_;
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;

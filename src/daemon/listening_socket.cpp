@@ -14,6 +14,7 @@
 #include <sstream>
 #include <vector>
 
+#include "async/descriptor_closers.h"
 #include "protocol/status_interface.h"
 #include "util/error_text.h"
 #include "util/log.h"
@@ -49,6 +50,7 @@ tl::expected<ListeningSocket, std::string> adopt(UniqueFd socket) {
         fcntl(socket.get(), F_SETFD, FD_CLOEXEC) != 0) {
         return failure("can't set the socket up");
     }
+    passDescriptors(socket.get(), false);
     ListeningSocket result;
     result.socket = std::move(socket);
     result.fromServiceManager = true;
@@ -142,6 +144,7 @@ tl::expected<ListeningSocket, std::string> makeListeningSocket(const std::filesy
     ListeningSocket result;
     result.socket = makeSocket();
     if (!result.socket) return failure("can't make a socket");
+    passDescriptors(result.socket.get(), false);
     if (bind(result.socket.get(), generic(*address), sizeof *address) != 0) {
         return failure("can't bind " + path.native());
     }

@@ -13,7 +13,7 @@ namespace telvora {
 namespace {
 
 constexpr char kReadersGroup[] = "telvora-admin";
-constexpr BusLimits kLimits{.messageSize = size_t{64} << 10, .pendingCalls = 16};
+constexpr BusLimits kLimits{.messageSize = size_t{64} << 10, .pendingCalls = 16, .descriptors = false};
 
 // May query the name service, and block on it.
 bool mayReadStatus(const Peer& peer) {
