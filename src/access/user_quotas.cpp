@@ -26,6 +26,9 @@ constexpr std::array<QuotaRule, kQuotas> kRules = {{
     {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
     // The limit of one backend's batch.
     {"dormantBytes", "maxDormantBytesPerUser", uint64_t{8} << 20},
+    // Four of the largest messages (BusLimits).
+    {"inputBytes", "maxInputBytesPerUser", uint64_t{64} << 20},
+    {"sessionBytes", "maxSessionBytesPerUser", uint64_t{16} << 20},
     {"extensionTokens", "maxExtensionTokensPerUser", 512},
     // Half of the journal's limit for one service, journald.conf(5).
     {"logLines", "maxLogLinesPerUser", 10'000},

@@ -39,6 +39,8 @@ enum class Quota : uint8_t {
     pendingBytes,     // of reports in batches and in posts without an answer
     unreadBytes,      // of messages that wait until the user's clients read earlier ones
     dormantBytes,     // of reports in batches that a flush would currently drop
+    inputBytes,       // of messages that have arrived in part or wait for earlier ones
+    sessionBytes,     // of session infos and user infos
     extensionTokens,  // unused; each holds a descriptor
     logLines,         // per minute, above the debug level, for the user's clients
 };

@@ -101,7 +101,7 @@ void BusConnection::turn() {
     const bool goesOn = (state_ == State::ready || authenticate()) && handleMessages();
     inTurn_ = false;
     if (state_ == State::closed) return;
-    input_.keepRest();
+    if (!input_.keepRest() && !violation_) violation_ = "too much input of the peer's user waits";
     if (violation_) return end(*violation_);
     if (closeRequested_) return halfClose(*closeRequested_);
     if (!goesOn && inputEnded_) return end(kPeerClosed);

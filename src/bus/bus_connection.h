@@ -124,6 +124,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // Passes the calls to `interface` at `path` to `handler`. Before start(). Both outlive the connection.
     void exportInterface(const char* path, const BusInterface& interface, BusCallHandler handler);
 
+    // See BusInput::onKept(). A refusal ends the connection. Before start().
+    void onInputKept(std::function<bool(size_t bytes)> mayKeep) { input_.onKept(std::move(mayKeep)); }
     // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
     // Begins. The connection keeps itself alive until the socket is closed; then `gone` runs, if it is set.

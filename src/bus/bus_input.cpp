@@ -96,7 +96,7 @@ std::vector<UniqueFd> BusInput::takeDescriptors(uint32_t count) {
     return taken;
 }
 
-void BusInput::keepRest() {
+bool BusInput::keepRest() {
     if (rest_.empty()) {
         if (kept_.capacity() > kIdleBufferSize) kept_ = std::string();
         kept_.clear();
@@ -106,6 +106,10 @@ void BusInput::keepRest() {
         kept_.erase(0, kept_.size() - rest_.size());
     }
     rest_ = kept_;
+    const size_t size = kept_.capacity() > kIdleBufferSize ? kept_.capacity() : 0;
+    if (size == admittedSize_ || !mayKeep_) return true;
+    admittedSize_ = size;
+    return mayKeep_(size);
 }
 
 }  // namespace telvora

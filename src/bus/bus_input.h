@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,13 +48,17 @@ class BusInput {
     std::vector<UniqueFd> takeDescriptors(uint32_t count);
     size_t waitingDescriptors() const { return descriptors_.size(); }
 
-    // Ends a turn: keeps what was not taken.
-    void keepRest();
+    // Ends a turn: keeps what was not taken. False if the function of onKept() refuses.
+    bool keepRest();
+    // Asks before a buffer of so many bytes is kept from turn to turn; 0: it was given back.
+    void onKept(std::function<bool(size_t bytes)> mayKeep) { mayKeep_ = std::move(mayKeep); }
 
   private:
     const size_t messageSize_;
     const std::shared_ptr<FdCloser> closer_;
-    std::string kept_;       // between turns
+    std::string kept_;  // between turns
+    size_t admittedSize_ = 0;
+    std::function<bool(size_t)> mayKeep_;
     std::string_view rest_;  // of kept_, or of the thread's buffer
     std::vector<UniqueFd> descriptors_;
 };

@@ -70,6 +70,7 @@ class BusClientConnection : public ClientConnection,
     void begin();
     void exportInterfaces(BusConnection& bus);
     bool mayHandleCall();
+    bool mayKeepInput(size_t bytes);
     void ended(const std::string& reason);
     void gone();
     std::optional<Delivery> enqueue(MessageToClient& message) TELVORA_EXCLUDES(outboxLock_);
@@ -94,6 +95,8 @@ class BusClientConnection : public ClientConnection,
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
     const char* unreachableReason_ = kEnded;   // when bus_ is null
     bool admitted_ = false;                    // the next call may be carried out
+    size_t inputBytes_ = 0;
+    QuotaCharge inputRoom_;
 
     Mutex outboxLock_;
     std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
@@ -115,6 +118,7 @@ void BusClientConnection::begin() {
     exportInterfaces(*bus);
     bus_ = bus.get();
     if (mayHandle_) bus->onAdmission([self = shared_from_this()] { return self->mayHandleCall(); });
+    bus->onInputKept([self = shared_from_this()](size_t bytes) { return self->mayKeepInput(bytes); });
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });
@@ -139,6 +143,13 @@ bool BusClientConnection::mayHandleCall() {
             if (self->bus_ != nullptr) self->bus_->admit();
         });
     });
+}
+
+bool BusClientConnection::mayKeepInput(size_t bytes) {
+    const size_t before = std::exchange(inputBytes_, bytes);
+    if (bytes > before) return user_.take(Quota::inputBytes, bytes - before, inputRoom_);
+    inputRoom_.resize(bytes);
+    return true;
 }
 
 void BusClientConnection::perform(std::function<void()> work) {

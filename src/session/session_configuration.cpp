@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "backends/event_record.h"
 #include "platform/uuid.h"
 #include "session/shared_hierarchies.h"
 #include "session/telvorad_session.h"
@@ -24,6 +25,17 @@ bool sameString(const Dictionary& a, const Dictionary& b, std::string_view key) 
     const std::string* left = a.string(key);
     const std::string* right = b.string(key);
     return left != nullptr && right != nullptr && *left == *right;
+}
+
+// Limits of what a session keeps of its client's description.
+constexpr size_t kMaxInfoBytes = size_t{64} << 10;
+constexpr size_t kMaxTokenBytes = 512;
+
+size_t sizeOf(const std::vector<std::string>& texts) {
+    size_t size = 0;
+    for (const std::string& text : texts)
+        size += sizeof text + text.size();
+    return size;
 }
 
 constexpr char kNoDisplayURL[] = "URL not available";
@@ -53,6 +65,7 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
       clientFiles_(std::move(clientFiles)),
       sessionIDString_(freshSessionIDString()),
       uid_(uid),
+      user_(user),
       accounts_(std::make_shared<ClientAccounts>(services.ledger, std::move(user))),
       deviceid_(uniqueDeviceID(services.backendServices.identity)),
       hierarchyUser_(uid),
@@ -105,7 +118,9 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
                     "setSessionInfo: Configure session: user info provided without requiring it");
     }
     takeSessionInfo(std::move(sessionInfo));
+    if (userInfo && !mayKeep(*userInfo, "user info", userInfoCharge_)) userInfo.reset();
     frameworks_ = std::move(frameworksToCheck);
+    if (sizeOf(frameworks_) > kMaxInfoBytes) frameworks_ = {};
     {
         const MutexLock lock(identityLock_);
         userInfo_ = userInfo ? std::make_shared<const Dictionary>(std::move(*userInfo)) : nullptr;
@@ -115,6 +130,7 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
 
 // Sets the session's identity and adds the session to the hierarchy that it names.
 void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
+    if (!mayKeep(sessionInfo, "session info", sessionInfoCharge_)) sessionInfo = {};
     sessionID_ = static_cast<uint32_t>(sessionInfo.wrappedInteger(kTelvoraSessionInfoSessionID).value_or(0));
     if (sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken) != nullptr) {
         hierarchyUser_ = hierarchyUserOf(uid_, services_.backendServices.defaults);
@@ -133,6 +149,23 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
     }
     hierarchies_.updateCorrelatedSessions(shared_from_this());
+}
+
+// Whether a session info or user info is small enough to be kept. Charges it to the user then.
+bool TelvoradSession::mayKeep(const Dictionary& info, const char* kind, QuotaCharge& charge) const {
+    const size_t size = approximateSize(info);
+    const Dictionary* token = info.dictionary(kTelvoraSessionInfoHierarchyToken);
+    const std::string* tokenID = token != nullptr ? token->string(kTelvoraHierarchyTokenTokenID) : nullptr;
+    if (size > kMaxInfoBytes || (tokenID != nullptr && tokenID->size() > kMaxTokenBytes)) {
+        TELVORA_LOG(kLogError,
+                    "%s: the %s is ignored: it takes more than %zu bytes, or its token more than %zu",
+                    description().c_str(), kind, kMaxInfoBytes, kMaxTokenBytes);
+        return false;
+    }
+    QuotaCharge taken;
+    if (!user_.take(Quota::sessionBytes, size, taken)) return false;
+    charge = std::move(taken);
+    return true;
 }
 
 void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply completionHandler) {
@@ -230,6 +263,7 @@ std::shared_ptr<const BackendDictionary> TelvoradSession::replaceBackends(
 
 void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
     const UserInfo oldUserInfo = userInfo();
+    if (newUserInfo && !mayKeep(*newUserInfo, "user info", userInfoCharge_)) return;
     if (!oldUserInfo && !newUserInfo) return;
     if (oldUserInfo && !newUserInfo && requiresUserInfo()) return;
 

@@ -14,6 +14,17 @@ namespace {
 // can take by inventing tokens.
 constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 
+// The IDs from the last to the first, with dots between them.
+std::optional<std::string> dotted(const std::vector<std::string_view>& ids) {
+    if (ids.empty()) return std::nullopt;
+    std::string text;
+    for (auto id = ids.rbegin(); id != ids.rend(); ++id) {
+        if (id != ids.rbegin()) text += '.';
+        text += *id;
+    }
+    return text;
+}
+
 }  // namespace
 
 void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) {
@@ -29,6 +40,12 @@ void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<Telvorad
     removeFromList(*session);
     const auto hierarchy = correlatedSessions_.try_emplace({*token, session->hierarchyUser()}).first;
     SessionList& list = hierarchy->second;
+    if (list.size() >= kMaxSessions) {
+        TELVORA_LOG(kLogWarning,
+                    "updateCorrelatedSessions: Session %u does not join the %zu sessions of its hierarchy",
+                    session->sessionID(), list.size());
+        return;
+    }
     if (list.empty()) newTokenBytes_ += token->size() + sizeof(SessionList);
     TELVORA_LOG(
         kLogDebug,
@@ -84,7 +101,11 @@ bool SessionHierarchies::isListed(const TelvoradSession& session, const SessionL
 }
 
 std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarchy(
-    int64_t level, const SessionList& sessions) {
+    int64_t level, const SessionList& sessions) const {
+    if (&sessions == indexedList_) {
+        const auto found = index_.find(level);
+        return found != index_.end() ? found->second : nullptr;
+    }
     const auto found = std::find_if(sessions.begin(), sessions.end(),
                                     [&](const auto& session) { return session->hierarchyLevel() == level; });
     return found != sessions.end() ? *found : nullptr;
@@ -111,19 +132,19 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
                     session.sessionID(), token->c_str());
         return std::nullopt;
     }
-    std::optional<std::string> combined;
+    std::vector<std::string_view> ids;  // of the ancestors, nearest first; they live as long as the list
     for (int64_t ancestorLevel = level - 1; ancestorLevel >= 0; --ancestorLevel) {
         const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, *sessions);
         if (!ancestor) {
             TELVORA_LOG(
                 kLogInfo,
                 "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '%s'",
-                combined.value_or("").c_str());
+                dotted(ids).value_or("").c_str());
             break;
         }
-        combined = combined ? ancestor->sessionIDString() + "." + *combined : ancestor->sessionIDString();
+        ids.push_back(ancestor->sessionIDString());
     }
-    return combined;
+    return dotted(ids);
 }
 
 std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const TelvoradSession& child)
@@ -190,13 +211,24 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
     if (!token) return;
 
     const RecursiveMutexLock lock(lock_);
+    const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
+    if (sessions != nullptr) {
+        for (const auto& member : *sessions)
+            index_.try_emplace(member->hierarchyLevel(), member);
+        indexedList_ = sessions;
+    }
+    updateListedSessions(session, sessions);
+    indexedList_ = nullptr;
+    index_.clear();
+}
+
+void SessionHierarchies::updateListedSessions(TelvoradSession& session, const SessionList* sessions) {
     session.updateCombinedSessionID();
     session.syncReportingStates();
     const int64_t level = session.hierarchyLevel();
     const bool ancestorAggregates = level >= 1 && getAncestorWithAggregatorForSession(session) != nullptr;
     if (ancestorAggregates) session.shutdownSessionAggregation();
 
-    const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
     if (sessions == nullptr) return;
     for (const auto& deeper : *sessions) {
         if (deeper->hierarchyLevel() <= level) continue;

@@ -33,11 +33,15 @@ class TelvoradSession;
 
 class SessionHierarchies {
   public:
+    // The most sessions of a hierarchy, each of which an update visits.
+    static constexpr size_t kMaxSessions = 256;
+
     // The hierarchy lock.
     RecursiveMutex& lock() { return lock_; }
 
     // Adds the session to the list of its token and user, and removes it from its former list. A session
-    // without a token is not listed; one that gave up its token stays in its list.
+    // without a token is not listed; one that gave up its token stays in its list. A session
+    // that comes after kMaxSessions others is not listed, with a line at level 4.
     void updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session);
     // Removes a session that ends from its list.
     void leave(const TelvoradSession& session);
@@ -60,17 +64,25 @@ class SessionHierarchies {
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
     using Lists = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
 
+    // The first session of each level of a list.
+    using LevelIndex = std::map<int64_t, std::shared_ptr<TelvoradSession>>;
+
     const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     bool isListed(const TelvoradSession& session, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
+    void updateListedSessions(TelvoradSession& session, const SessionList* sessions) TELVORA_REQUIRES(lock_);
     bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     void removeFromList(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);
-    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
-                                                                         const SessionList& sessions);
+    std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
+                                                                  const SessionList& sessions) const
+        TELVORA_REQUIRES(lock_);
 
     RecursiveMutex lock_{LockRank::agent};
     Lists correlatedSessions_ TELVORA_GUARDED_BY(lock_);
     std::unordered_map<const TelvoradSession*, Lists::iterator> listOfSession_ TELVORA_GUARDED_BY(lock_);
+    // While updateDownstreamSessions() runs: the list that it updates, and its index.
+    const SessionList* indexedList_ TELVORA_GUARDED_BY(lock_) = nullptr;
+    LevelIndex index_ TELVORA_GUARDED_BY(lock_);
     // Bytes of the tokens that were added since empty lists were last dropped.
     size_t newTokenBytes_ TELVORA_GUARDED_BY(lock_) = 0;
     std::atomic<size_t> count_{0};

@@ -102,6 +102,7 @@ class TelvoradSession final : public ClientSessionInterface,
     void configure(const std::shared_ptr<const Dictionary>& storebag,
                    const ReportingStatesReply& completionHandler);
     void takeSessionInfo(Dictionary sessionInfo);
+    bool mayKeep(const Dictionary& info, const char* kind, QuotaCharge& charge) const;
     void createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag);
     void updateUserInfoForBackends();
     void updateSessionWithDefaultSessionInfo();
@@ -170,6 +171,7 @@ class TelvoradSession final : public ClientSessionInterface,
     const std::shared_ptr<ClientFiles> clientFiles_;
     const std::string sessionIDString_;
     const uid_t uid_;
+    const QuotaUser user_;
     const std::shared_ptr<ClientAccounts> accounts_;
     const DeviceIDBuffer deviceid_;
 
@@ -193,6 +195,8 @@ class TelvoradSession final : public ClientSessionInterface,
     // Used only on the connection's strand.
     std::vector<std::string> frameworks_;
     std::optional<std::string> storebagVersion_;
+    QuotaCharge sessionInfoCharge_;
+    QuotaCharge userInfoCharge_;
 };
 
 // Reads the device's unique identifier into a zeroed buffer.

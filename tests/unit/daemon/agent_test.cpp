@@ -33,12 +33,13 @@ TEST_F(AgentRegistry, CountsSessionsAndHierarchiesBeforeTheNewOne) {
     EXPECT_EQ(world.agent.sessionCount(), 2U);
 
     // Invented tokens are forgotten once they fill 1 MiB.
-    for (char letter = 'a'; letter < 'a' + 22; ++letter) {
-        const std::string token(100'000, letter);
+    for (int i = 0; i < 2'100; ++i) {
+        const std::string token = std::to_string(i) + std::string(500, 't');
         first->session().setSessionInfo(sessionInfoFor(1, {{token, 0}}), std::nullopt, {}, false);
     }
     world.connect();
-    EXPECT_THAT(log.lines(), Contains(HasSubstr("proper entitlement, 2(1) connections.")));
+    EXPECT_THAT(log.lines(),
+                Contains(testing::ContainsRegex("proper entitlement, 2[(][0-9]?[0-9]?[0-9][)]")));
 }
 
 TEST_F(AgentRegistry, OnlyATrueEntitlementLetsAPeerIn) {
@@ -95,6 +96,36 @@ TEST_F(AgentRegistry, EachUsersRefusalsTakeALineAMinute) {
 }
 
 // --- Hierarchy ---
+
+TEST_F(AgentTest, WhatASessionKeepsOfItsClientIsBounded) {
+    const auto connection = world.connect();
+    TelvoradSession& session = connection->session();
+    Dictionary info = sessionInfoFor(1);
+    session.setSessionInfo(info, Dictionary{{"name", "c"}}, {}, false);
+    EXPECT_EQ(*session.sessionInfo(), info);
+    const std::string large(70'000, 'x');
+    session.setSessionInfo(sessionInfoFor(1, {{std::string(513, 't'), 0}}), Dictionary{{"name", large}}, {},
+                           false);
+    EXPECT_TRUE(session.sessionInfo()->empty());
+    EXPECT_EQ(session.hierarchyToken(), std::nullopt);
+    EXPECT_EQ(session.userInfo(), nullptr);
+    info.set("more", large);
+    session.setSessionInfo(info, Dictionary{{"name", "c"}}, {}, false);
+    EXPECT_TRUE(session.sessionInfo()->empty());
+    session.fetchStatesWithUserInfo(Dictionary{{"name", large}}, {});
+    EXPECT_EQ(*session.userInfo(), (Dictionary{{"name", "c"}})) << "ignored";
+    const auto& user = world.quotas.uses().begin()->second;
+    EXPECT_LT(user[static_cast<size_t>(Quota::sessionBytes)].held, 1000U);
+
+    std::vector<std::shared_ptr<FakeConnection>> family;
+    for (uint32_t i = 0; i <= SessionHierarchies::kMaxSessions; ++i)
+        family.push_back(world.connectConfigured(i, {{"t", i == 0 ? 0 : 1}}));
+    const auto parentOf = [&](const FakeConnection& child) {
+        return world.agent.hierarchies().parentSessionIDStringForSession(child.session());
+    };
+    EXPECT_EQ(parentOf(*family[255]), family[0]->session().sessionIDString());
+    EXPECT_EQ(parentOf(*family[256]), std::nullopt) << "one session too many";
+}
 
 // Its sessions hold their reports until a flush.
 struct AgentHierarchy : AgentTest {
