@@ -54,6 +54,8 @@ struct OwnErrorLines {
 struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
+    BlockingShare threads;
+
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
     // `client` is guarded by this object's lock.
@@ -250,6 +252,10 @@ bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& charge) const {
 
 LogAdmission* QuotaUser::logAdmission() const {
     return log_.get();
+}
+
+BlockingShare* QuotaUser::blockingShare() const {
+    return share_ ? &share_->threads : nullptr;
 }
 
 // --- All users ---

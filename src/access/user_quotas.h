@@ -27,6 +27,7 @@
 #include <memory>
 #include <vector>
 
+#include "async/blocking_share.h"
 #include "platform/user_defaults.h"
 #include "util/log.h"
 #include "util/mutex.h"
@@ -92,6 +93,9 @@ class QuotaUser {
     // user's other clients can use up the user's quota, but not the errors and warnings that each client has
     // besides.
     LogAdmission* logAdmission() const;
+    // The user's part of the threads that may block; null without a user. Valid as long as any copy of this
+    // object.
+    BlockingShare* blockingShare() const;
 
   private:
     friend class UserQuotas;

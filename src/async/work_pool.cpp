@@ -214,11 +214,16 @@ size_t WorkPool::threadCount() const {
 }
 
 BlockingSection::BlockingSection() : worker_(std::exchange(WorkPool::State::current, nullptr)) {
-    if (worker_ != nullptr) worker_->pool.handOver(*worker_);
+    if (worker_ == nullptr) return;
+    share_ = BlockingShare::current_;
+    if (share_ != nullptr) share_->begin();
+    worker_->pool.handOver(*worker_);
 }
 
 BlockingSection::~BlockingSection() {
-    if (worker_ != nullptr) WorkPool::State::current = worker_;
+    if (worker_ == nullptr) return;
+    if (share_ != nullptr) share_->end();
+    WorkPool::State::current = worker_;
 }
 
 }  // namespace telvora

@@ -22,6 +22,8 @@
 #include <cstddef>
 #include <memory>
 
+#include "async/blocking_share.h"
+
 namespace telvora {
 
 using Strand = asio::strand<asio::io_context::executor_type>;
@@ -58,8 +60,8 @@ class WorkPool {
     std::shared_ptr<State> state_;
 };
 
-// Declares that the calling thread may block during the scope. Without effect on threads outside a pool.
-// Sections nest.
+// Declares that the calling thread may block during the scope, and charges it to the BlockingShare in force.
+// Without effect on threads outside a pool. Sections nest.
 class BlockingSection {
   public:
     BlockingSection();
@@ -69,6 +71,7 @@ class BlockingSection {
 
   private:
     WorkPool::Worker* worker_;
+    BlockingShare* share_ = nullptr;
 };
 
 }  // namespace telvora

@@ -21,11 +21,11 @@ void StorebagService::request(uint32_t clientType, Reply reply) {
     fetch(clientType, std::move(reply));
 }
 
-bool StorebagService::isIdle(std::function<void()> resume) {
+bool StorebagService::isIdle(const std::function<void()>& resume) {
     if (!busy_) return true;
     const MutexLock lock(lock_);
     if (!busy_) return true;
-    waiting_.push_back({0, {}, std::move(resume)});
+    waiting_.push_back({0, {}, resume});
     return false;
 }
 

@@ -35,7 +35,7 @@ class StorebagService {
     void request(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
     // True if no fetch runs. If one runs, calls `resume` once when the fetch and all earlier requests are
     // through, on any thread.
-    bool isIdle(std::function<void()> resume) TELVORA_EXCLUDES(lock_);
+    bool isIdle(const std::function<void()>& resume) TELVORA_EXCLUDES(lock_);
     // The version of the bag that was found last; std::nullopt if there is none.
     std::optional<std::string> version(uint32_t clientType) TELVORA_EXCLUDES(lock_);
     // The bags in the order of their names.

@@ -49,9 +49,7 @@ class BusClientConnection : public ClientConnection,
     }
     void setClientFiles(std::shared_ptr<ClientFiles> files) override { files_ = std::move(files); }
     void setUser(QuotaUser user) override { user_ = std::move(user); }
-    void setAdmission(std::function<bool(std::function<void()>)> mayHandle) override {
-        mayHandle_ = std::move(mayHandle);
-    }
+    void setAdmission(Admission mayHandle) override { mayHandle_ = std::move(mayHandle); }
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler_ = std::move(handler);
     }
@@ -70,6 +68,7 @@ class BusClientConnection : public ClientConnection,
     void begin();
     void exportInterfaces(BusConnection& bus);
     bool mayHandleCall();
+    void resumeCalls();
     bool mayKeepInput(size_t bytes);
     void ended(const std::string& reason);
     void gone();
@@ -85,7 +84,8 @@ class BusClientConnection : public ClientConnection,
     const std::string description_;
     std::function<void()> invalidationHandler_;
     std::function<void()> goneHandler_;
-    std::function<bool(std::function<void()>)> mayHandle_;
+    Admission mayHandle_;
+    std::function<void()> resume_;
     std::shared_ptr<ClientSessionInterface> session_;
     std::shared_ptr<ClientFiles> files_;
     QuotaUser user_;
@@ -94,7 +94,7 @@ class BusClientConnection : public ClientConnection,
     std::shared_ptr<BusConnection> starting_;  // until resume()
     BusConnection* bus_ = nullptr;             // from resume() to the bus's end
     const char* unreachableReason_ = kEnded;   // when bus_ is null
-    bool admitted_ = false;                    // the next call may be carried out
+    bool resumed_ = false;                     // the admission was waited for
     size_t inputBytes_ = 0;
     QuotaCharge inputRoom_;
 
@@ -117,6 +117,9 @@ void BusClientConnection::begin() {
     }
     exportInterfaces(*bus);
     bus_ = bus.get();
+    resume_ = [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->resumeCalls();
+    };
     if (mayHandle_) bus->onAdmission([self = shared_from_this()] { return self->mayHandleCall(); });
     bus->onInputKept([self = shared_from_this()](size_t bytes) { return self->mayKeepInput(bytes); });
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
@@ -127,6 +130,7 @@ void BusClientConnection::begin() {
 void BusClientConnection::exportInterfaces(BusConnection& bus) {
     exportMethods<kClientSessionMethods>(bus, [this](const auto& run) {
         const LogScope onBehalfOfUser(user_.logAdmission());
+        const BlockingShare::Scope onShare(user_.blockingShare());
         return run(*session_);
     });
     exportMethods<kSandboxExtensionMethods>(bus, [this](const auto& run) {
@@ -136,12 +140,13 @@ void BusClientConnection::exportInterfaces(BusConnection& bus) {
 }
 
 bool BusClientConnection::mayHandleCall() {
-    if (std::exchange(admitted_, false)) return true;
-    return mayHandle_([self = shared_from_this()] {
-        asio::post(self->strand_, [self] {
-            self->admitted_ = true;
-            if (self->bus_ != nullptr) self->bus_->admit();
-        });
+    return mayHandle_(std::exchange(resumed_, false), resume_);
+}
+
+void BusClientConnection::resumeCalls() {
+    asio::post(strand_, [self = shared_from_this()] {
+        self->resumed_ = true;
+        if (self->bus_ != nullptr) self->bus_->admit();
     });
 }
 
@@ -155,6 +160,7 @@ bool BusClientConnection::mayKeepInput(size_t bytes) {
 void BusClientConnection::perform(std::function<void()> work) {
     asio::dispatch(strand_, [self = shared_from_this(), work = std::move(work)] {
         const LogScope onBehalfOfUser(self->user_.logAdmission());
+        const BlockingShare::Scope onShare(self->user_.blockingShare());
         work();
     });
 }

@@ -45,8 +45,9 @@ class ClientConnection : public ClientSessionReplyInterface {
     // The user on whose behalf the client's calls run; optional.
     virtual void setUser(QuotaUser user) = 0;
     // Asked before each of the client's calls whether it may be carried out now. False: the calls wait, until
-    // `resume` is called, from any thread. Optional.
-    virtual void setAdmission(std::function<bool(std::function<void()> resume)> mayHandle) = 0;
+    // `resume` is called, from any thread; then the function is asked again, with `resumed`.
+    using Admission = std::function<bool(bool resumed, const std::function<void()>& resume)>;
+    virtual void setAdmission(Admission mayHandle) = 0;
     // Called at most once, on the strand, when either side has ended the connection; the reference to the
     // exported object is released right before.
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;

@@ -56,8 +56,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         sessionPlaces_[session.get()] =
             sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
     }
-    connection->setAdmission([this, &session = *session](std::function<void()> resume) {
-        return !session.everInHierarchy() || storebags_.isIdle(std::move(resume));
+    connection->setAdmission([this, user, &session = *session](bool resumed, const auto& resume) {
+        if (!user.blockingShare()->mayStart(resume)) return false;
+        return resumed || !session.everInHierarchy() || storebags_.isIdle(resume);
     });
     connection->setInvalidationHandler([this, session] { invalidated(session); });
     // The handler holds the connection's charge on the user's quota.

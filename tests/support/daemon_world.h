@@ -36,7 +36,7 @@ class FakeConnection final : public ClientConnection {
     }
     void setClientFiles(std::shared_ptr<ClientFiles>) override {}
     void setUser(QuotaUser) override {}
-    void setAdmission(std::function<bool(std::function<void()>)>) override {}
+    void setAdmission(Admission) override {}
     void perform(std::function<void()> work) override { work(); }
     void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
     void setGoneHandler(std::function<void()> handler) override { gone_ = std::move(handler); }

@@ -61,6 +61,32 @@ TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) 
     }
 }
 
+TEST(WorkPool, AUserWhoseWorkBlocksAShareOfTheThreadsMustWait) {
+    WorkPool pool(1);
+    BlockingShare share;
+    std::latch entered(BlockingShare::kThreads);
+    std::promise<void> release, resumed;
+    auto released = release.get_future().share();
+    std::vector<std::future<void>> all;
+    for (size_t i = 0; i < BlockingShare::kThreads; ++i) {
+        EXPECT_TRUE(share.mayStart([] {}));
+        all.push_back(postTo(pool, [&] {
+            const BlockingShare::Scope charged(&share);
+            const BlockingSection blocking;
+            entered.count_down();
+            released.wait();
+        }));
+    }
+    entered.wait();
+    EXPECT_FALSE(share.mayStart([&] { resumed.set_value(); }));
+    EXPECT_TRUE(BlockingShare().mayStart([] {})) << "of another user";
+    release.set_value();
+    resumed.get_future().wait();
+    for (auto& one : all)
+        one.wait();
+    EXPECT_TRUE(share.mayStart([] {}));
+}
+
 TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
     WorkPool pool(1);
     asio::io_context& context = pool.makeStrand().get_inner_executor().context();
