@@ -65,8 +65,7 @@ const struct StateCase {
                         Dictionary{{"country", Array{"CH"}}, {"threshold", 1}}}),
      kSampledOut, "7 sampling threshold for CH changed from 0.50 to 0.10"},
     {"country without threshold", countryThresholds({Dictionary{{"country", Array{"CH"}}}}), kDisabled},
-    {"event list", {{"event_whitelist", Array{1, 2}}}, kReporting, "7 httpPost: eventWhitelist=(1, 2)"},
-};
+    {"event list", {{"event_whitelist", Array{1, 2}}}, kReporting, "7 httpPost: eventWhitelist=(1, 2)"}};
 
 TEST(HTTPSPostStateTest, OneEntryDecides) {
     for (const StateCase& c : kStateCases) {
@@ -86,13 +85,10 @@ TEST(HTTPSPostStateTest, OneEntryDecides) {
 TEST(HTTPSPostStateTest, AnUnknownCountryOrHardwareIsOnEveryList) {
     HTTPSPostRig rig;
     rig.country.reset();
-    const auto withoutCountry = rig.makeBackend({reportingClient({{"locale_whitelist", "DE"}})});
-    withoutCountry->updateState();
-    EXPECT_EQ(withoutCountry->state(), kReporting);
-    BackendIdentity identity = identityOf(7);
-    identity.hardwareType.reset();
+    rig.makeReportingBackend({{"locale_whitelist", "DE"}});
     const auto withoutHardware =
-        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})}, identity);
+        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})},
+                        identityWith([](auto& identity) { identity.hardwareType.reset(); }));
     withoutHardware->updateState();
     EXPECT_EQ(withoutHardware->state(), kDisabled);
 }
@@ -114,24 +110,22 @@ TEST(HTTPSPostStateTest, TheFirstMatchingEnabledEntryIsTheOneOnceThereIsUserInfo
 
 TEST(HTTPSPostStateTest, ExpediteOfTheFirstNamesakeSetsBatching) {
     const std::string line = "<7>HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent=";
-    const struct {
-        Array expedite;  // of the entries in turn; an array: absent
-        bool batches;
-        std::string logged;  // "": no line
-    } cases[] = {{{1}, false, line + "0"}, {{0}, true, line + "1"},     {{Array{}, 1}, true, ""},
-                 {{"1", 1}, true, ""},     {{true}, false, line + "0"}, {{0, 1}, true, line + "1"}};
-    for (const auto& c : cases) {
+    // The values of the entries in turn (of an array: absent), and the end of the line, if there is one.
+    const std::tuple<Array, bool, std::string> cases[] = {{{1}, false, "0"},        {{0}, true, "1"},
+                                                          {{Array{}, 1}, true, ""}, {{"1", 1}, true, ""},
+                                                          {{true}, false, "0"},     {{0, 1}, true, "1"}};
+    for (const auto& [values, batches, logged] : cases) {
         HTTPSPostRig rig;
         Array clients;
-        for (const PropertyList& expedite : c.expedite)
+        for (const PropertyList& expedite : values)
             clients.emplace_back(reportingClient({{"expedite", expedite}}));
         const auto backend = rig.makeBackend(std::move(clients), batching());
         const LogCapture log;
         backend->updateState();
-        EXPECT_EQ(log.lines().front().starts_with(line), !c.logged.empty());
-        EXPECT_TRUE(log.lines().front().ends_with(c.logged)) << c.logged;
+        EXPECT_EQ(log.lines().front() == line + logged, !logged.empty()) << log.lines().front();
+        EXPECT_EQ(log.lines().front().starts_with(line), !logged.empty());
         backend->sendMessage(Dictionary{}, kNow, 5, 6, kPlain);
-        EXPECT_EQ(rig.http.requestCount(), c.batches ? 0u : 1u);
+        EXPECT_EQ(rig.http.requestCount(), batches ? 0u : 1u);
     }
 }
 
@@ -143,14 +137,8 @@ TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
         reportingClient({{"event_threshold", 1}, {"post_url", kNone}, {"realtime_post_url", kNone}})};
     const Array others{
         "x", none[0], Dictionary{{"client", "z"}, {"post_url", "http://z/"}, {"event_threshold", 5}}, one[0]};
-    using Links = std::vector<std::string>;  // the plain one and the realtime one
-    const struct {
-        Links defaults;
-        Array clients;
-        bool requireUserInfo;
-        Links posted;
-        const char* threshold;
-    } cases[] = {
+    // The plain link and the realtime link in the defaults and in the posts.
+    const std::tuple<Urls, Array, bool, Urls, std::string> cases[] = {
         {{"", ""}, both, true, {kPost, kRealtimePost}, "3"},
         {{"", ""}, one, true, {kPost, kPost}, "3"},
         {{"http://d/", "http://e/"}, both, true, {"http://d/", "http://e/"}, "3"},
@@ -158,27 +146,21 @@ TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
         // Without user info the first entry that has a link counts, whosever it is, if any.
         {{"", ""}, others, false, {"http://z/", "http://z/"}, "5"},
         {{"", ""}, none, false, {}, "0"},
-        {{"http://d/", ""}, one, false, {"http://d/", "http://d/"}, "0"},
-    };
-    for (const auto& c : cases) {
+        {{"http://d/", ""}, one, false, {"http://d/", "http://d/"}, "0"}};
+    for (const auto& [defaults, clients, requireUserInfo, posted, threshold] : cases) {
         HTTPSPostRig rig;
-        if (!c.defaults[0].empty()) rig.setDefault("httpsPostURL", c.defaults[0]);
-        if (!c.defaults[1].empty()) rig.setDefault("httpsRealtimePostURL", c.defaults[1]);
+        if (!defaults[0].empty()) rig.setDefault("httpsPostURL", defaults[0]);
+        if (!defaults[1].empty()) rig.setDefault("httpsRealtimePostURL", defaults[1]);
         BackendIdentity identity = identityOf(7);
-        identity.requireUserInfo = c.requireUserInfo;
-        const auto backend = rig.makeBackend(c.clients, identity);
+        identity.requireUserInfo = requireUserInfo;
+        const auto backend = rig.makeBackend(clients, identity);
         const LogCapture log;
         backend->updateState();
         EXPECT_EQ(backend->state(), kReporting);
-        EXPECT_EQ(
-            log.count(std::string("<7>resetBackendStateWithClient: event_threshold set to ") + c.threshold),
-            1u);
-        Links posted;
+        EXPECT_EQ(log.count("<7>resetBackendStateWithClient: event_threshold set to " + threshold), 1u);
         for (const SendFlag flag : {kPlain, kRealtime})
             backend->sendMessage(Dictionary{}, kNow, 5, 6, flag);
-        for (const HttpRequest& request : rig.http.requests())
-            posted.push_back(request.url);
-        EXPECT_EQ(posted, c.posted);
+        EXPECT_EQ(rig.urls(), posted);
     }
 }
 
