@@ -14,9 +14,11 @@ Dictionary json(std::string_view text) {
     return *parseJson(text).value().getIf<Dictionary>();
 }
 
+using Lines = std::vector<std::string>;
+
 // The findings, without the common beginning of their paths.
-std::vector<std::string> lines(const std::vector<Finding>& findings, std::string_view beginning = "") {
-    std::vector<std::string> all;
+Lines lines(const std::vector<Finding>& findings, std::string_view beginning = "") {
+    Lines all;
     for (const Finding& f : findings) {
         EXPECT_TRUE(f.path.starts_with(beginning)) << f.path;
         all.push_back(f.path.substr(beginning.size()) +
@@ -35,10 +37,8 @@ std::vector<Finding> lintClients(Array clients) {
 
 TEST(Lint, FindsWhatIsWrongWithAnEntry) {
     const std::string kLikeZero = ", as it is filtered there like a report of category 0 and type 0";
-    const struct {
-        const char* changes;  // to the good entry; the path of a finding is relative to the entry
-        std::vector<std::string> findings;
-    } cases[] = {
+    // Changes to the good entry, and the findings, whose paths are relative to the entry.
+    const std::pair<const char*, Lines> cases[] = {
         {R"({})", {}},
         {R"({"Event_whitelist": [1]})",
          {"/Event_whitelist: error: the unknown key is ignored; did you mean \"event_whitelist\"?"}},
@@ -105,12 +105,10 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
           "has it",
           "/per_country_sampling_thresholds[1]/country: error: \"FR\" is never reached: it is not in "
           "locale_whitelist",
-          "/per_country_sampling_thresholds[2]/country: error: is empty: the element matches no country"}},
-    };
-    for (const auto& c : cases) {
-        Dictionary client = json(kGoodClient);
-        client.merge(json(c.changes));
-        EXPECT_EQ(lines(lintClients({client}), "release/httpPost/clients[0]"), c.findings) << c.changes;
+          "/per_country_sampling_thresholds[2]/country: error: is empty: the element matches no country"}}};
+    for (const auto& [changes, findings] : cases) {
+        const Dictionary client = Dictionary::merged(json(kGoodClient), json(changes));
+        EXPECT_EQ(lines(lintClients({client}), "release/httpPost/clients[0]"), findings) << changes;
     }
     EXPECT_THAT(lines(lintClients({Dictionary()}), "release/httpPost/clients[0]"),
                 testing::Contains(
@@ -120,11 +118,7 @@ TEST(Lint, FindsWhatIsWrongWithAnEntry) {
 TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
     const std::string all = "[1]: error: is never used: clients[0] matches all its sessions";
     const std::string none = "[1]: error: is never used: earlier entries match all its sessions";
-    const struct {
-        const char* first;
-        const char* second;
-        std::vector<std::string> findings;
-    } cases[] = {
+    const std::tuple<const char*, const char*, Lines> cases[] = {
         {R"({})", R"({"client": "a"})", {none}},
         {R"({"post_url": 1, "expedite": 1})",
          R"({"expedite": 1})",
@@ -143,26 +137,22 @@ TEST(Lint, FindsEntriesThatOthersLeaveNothingFor) {
         {R"({"enabledSince": "3.2"})", R"({"enabledSince": "3.1"})", {}},
         {R"({"enabledSince": "3.2"})",
          R"({"expedite": 1})",
-         {"[1]/expedite: error: is never read: clients[0] is the first entry of these names"}},
-    };
-    for (const auto& c : cases) {
+         {"[1]/expedite: error: is never read: clients[0] is the first entry of these names"}}};
+    for (const auto& [first, second, findings] : cases) {
         Array clients;
-        for (const char* changes : {c.first, c.second}) {
+        for (const char* changes : {first, second}) {
             Dictionary client = json(kGoodClient);
             client.erase("client");
             client.merge(json(changes));
             clients.emplace_back(std::move(client));
         }
-        EXPECT_EQ(lines(lintClients(std::move(clients)), "release/httpPost/clients"), c.findings)
-            << c.first << c.second;
+        EXPECT_EQ(lines(lintClients(std::move(clients)), "release/httpPost/clients"), findings)
+            << first << second;
     }
 }
 
 TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
-    const struct {
-        const char* document;
-        std::vector<std::string> findings;
-    } cases[] = {
+    const std::pair<const char*, Lines> cases[] = {
         {R"({"version": "1", "refresh_cycle": 3600, "release": {"vodex": {"active": true}, "joulemark": {}}})",
          {}},
         {R"({"refresh_cycle": 100000, "beta": {}})",
@@ -182,10 +172,9 @@ TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
         {R"({"bag": "?", "Signature": "AAAA"})",
          {"Signature: error: the unknown key is ignored; did you mean \"signature\"?",
           "bag: error: is not base64: the document is refused",
-          "signature: error: absent: the document is refused"}},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(lines(lintDocument(json(c.document))), c.findings) << c.document;
+          "signature: error: absent: the document is refused"}}};
+    for (const auto& [document, findings] : cases)
+        EXPECT_EQ(lines(lintDocument(json(document))), findings) << document;
 
     const Dictionary aSignedOne{{"bag", base64Encode("{}")}, {"signature", "AAAA"}};
     EXPECT_THAT(lines(lintDocument(aSignedOne)),
