@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// States of a backend by its bag. Those of most single entries are also tested with telvora-bag explain.
-#include <gmock/gmock.h>
-
+// States of a backend by its bag. tests/unit/bag/explain_entry.txt has those of a single entry.
 #include "tests/unit/backends/https_post_rig.h"
 
 namespace telvora::test {
 namespace {
-
-using testing::Contains;
 
 TEST(HTTPSPostStateTest, NeedsProfileFamilyAndClients) {
     const HTTPSPostRig rig;
@@ -22,64 +18,6 @@ TEST(HTTPSPostStateTest, NeedsProfileFamilyAndClients) {
                             std::make_shared<const PropertyList>("text")})
         EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", bad, family), nullptr);
     EXPECT_EQ(log.count("<3>HTTPSPostBackend(initWithName): can't find the client list."), 3u);
-}
-
-Dictionary countryThresholds(Array thresholds) {
-    return {{"per_country_sampling_thresholds", std::move(thresholds)}};
-}
-
-// The rig's device: country CH, family "PhoneOne", hardware "Model1,1", version 3.1.9, factor 0.3.
-const struct StateCase {
-    const char* what;
-    Dictionary changes;  // to an entry that reports
-    BackendState state;
-    std::string line = "";  // a line that gives the reason, with its level; "": not checked
-} kStateCases[] = {
-    {"reports", {}, kReporting, "7 httpPost: client found app:network, state=2, samplingFactor=0.300000"},
-    {"one of the clients", {{"client", "x,APP"}}, kReporting},
-    {"client is matched whole", {{"client", "ap"}}, kDisabled},
-    {"service is matched in part", {{"service", "NET"}}, kReporting},
-    {"other service", {{"service", "disk"}}, kDisabled},
-    {"hostile names count as absent", {{"client", 7}, {"service", Array{}}}, kReporting},
-    {"version is equal", {{"enabledSince", "3.1.9"}}, kReporting},
-    {"version is older", {{"enabledSince", "3.2"}}, kDisabled},
-    {"version wraps", {{"enabledSince", "258.256"}}, kReporting},
-    {"overridden by text", {{"override_dnu", "1"}}, kDisabled, "7 reporting disabled by DNU: 0."},
-    {"no consent", {{"override_dnu", 2}}, kDisabled, "7 reporting disabled by DNU: 2."},
-    {"no countries", {{"locale_whitelist", 1}}, kDisabled, "7 (CH) isn't in country code list (null)"},
-    {"other countries",
-     {{"locale_whitelist", "DE,FR"}},
-     kDisabled,
-     "7 (CH) isn't in country code list DE,FR"},
-    {"country in lower case", {{"locale_whitelist", "de,ch"}}, kReporting},
-    {"other family", {{"device_whitelist", "X,Y"}}, kDisabled, "7 (PhoneOne) isn't in device whitelist X,Y"},
-    {"family listed", {{"device_whitelist", "Tablet,phone"}}, kReporting},
-    {"hardware", {{"device_blacklist", "model1"}}, kDisabled, "7 (Model1,1) is in device blacklist model1"},
-    {"hostile filters", {{"filters", "x"}}, kDisabled, "4 filters are required."},
-    {"factor at the threshold", {{"sampling_threshold", 0.3}}, kReporting},
-    {"factor at the override", {{"sampling_threshold", 0.2}, {"override_sampling", 0.3}}, kSampledOut},
-    {"above the override", {{"sampling_threshold", 0.2}, {"override_sampling", 0.25}}, kDisabled},
-    {"country's threshold",
-     countryThresholds({7, Dictionary{{"country", "CH"}, {"threshold", 1}},
-                        Dictionary{{"country", Array{"DE", "CH"}}, {"threshold", 0.1}},
-                        Dictionary{{"country", Array{"CH"}}, {"threshold", 1}}}),
-     kSampledOut, "7 sampling threshold for CH changed from 0.50 to 0.10"},
-    {"country without threshold", countryThresholds({Dictionary{{"country", Array{"CH"}}}}), kDisabled},
-    {"event list", {{"event_whitelist", Array{1, 2}}}, kReporting, "7 httpPost: eventWhitelist=(1, 2)"}};
-
-TEST(HTTPSPostStateTest, OneEntryDecides) {
-    for (const StateCase& c : kStateCases) {
-        HTTPSPostRig rig;
-        rig.setConsent(!c.changes.contains("override_dnu"));
-        const auto backend = rig.makeBackend({"no dictionary", reportingClient(c.changes)});
-        const LogCapture log;
-        backend->updateState();
-        EXPECT_EQ(backend->state(), c.state) << c.what;
-        if (c.line.empty()) continue;
-        EXPECT_THAT(log.lines(), Contains("<" + c.line.substr(0, 1) +
-                                          ">HTTPSPostBackend(updateBackendState):" + c.line.substr(1)))
-            << c.what;
-    }
 }
 
 TEST(HTTPSPostStateTest, AnUnknownCountryOrHardwareIsOnEveryList) {

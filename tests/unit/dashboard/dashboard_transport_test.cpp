@@ -37,27 +37,25 @@ struct DashboardTransportTest : testing::Test, DashboardRig {
     }
 };
 
-TEST_F(DashboardTransportTest, TheTimerKeepsItsPhaseAndRunsOnlyWhileAPacketWaits) {
-    const auto backend = makeReliable();
-    network.runFor(1234ms);
-    EXPECT_EQ(network.armedTimers, 0u);
-    // Ticks 2, 5, 10 and 19 of those that fall on multiples of 500 ms; the first one is at 1500.
-    EXPECT_THAT(sendTimes(*backend), ElementsAre(0, 766, 2266, 4766, 9266));
-    EXPECT_EQ(network.timerCalls, 20u);
-    EXPECT_EQ(network.armedTimers, 0u);
-}
-
-TEST_F(DashboardTransportTest, LateTicksKeepThePhaseTooAndAnyPeriodWillDo) {
-    const std::tuple<PropertyList, std::chrono::nanoseconds, std::vector<int64_t>> cases[] = {
-        {500, 1h, {0, 1100, 2600, 5100, 9600}},  // as late as they may be
-        {10, 1h, {0, 25, 55, 105, 195}},         // which is less where they would catch up with each other
-        {0, 0s, {0, 2, 5, 10, 19}},
-        {-5, 0s, {0, 2, 5, 10, 19}},
-        {true, 0s, {0, 2, 5, 10, 19}},
-        {std::numeric_limits<int64_t>::max(), 0s, {0}}};
-    for (const auto& [period, lateness, times] : cases) {
+TEST_F(DashboardTransportTest, ResendsAtTicksThatKeepTheirPhaseWhileAPacketWaits) {
+    // The period, how late each tick is, how long after the start the report is, and the times of datagrams.
+    const std::tuple<PropertyList, std::chrono::nanoseconds, std::chrono::nanoseconds, std::vector<int64_t>>
+        cases[] = {
+            // Ticks 2, 5, 10 and 19 of those that fall on multiples of 500 ms; the first one is at 1500.
+            {500, 0s, 1234ms, {0, 766, 2266, 4766, 9266}},
+            {500, 1h, 0s, {0, 1100, 2600, 5100, 9600}},  // as late as they may be
+            {10, 1h, 0s, {0, 25, 55, 105, 195}},  // which is less where they would catch up with each other
+            {0, 0s, 0s, {0, 2, 5, 10, 19}},
+            {-5, 0s, 0s, {0, 2, 5, 10, 19}},
+            {true, 0s, 0s, {0, 2, 5, 10, 19}},
+            {std::numeric_limits<int64_t>::max(), 0s, 0s, {0}}};
+    for (const auto& [period, lateness, start, times] : cases) {
+        const auto backend = makeReliable(period);
         network.lateness = lateness;
-        EXPECT_EQ(sendTimes(*makeReliable(period)), times);
+        network.runFor(start);
+        EXPECT_EQ(network.armedTimers, 0u);
+        EXPECT_EQ(sendTimes(*backend), times);
+        EXPECT_EQ(network.armedTimers, times.size() == 1 ? 1u : 0u);
     }
 }
 
@@ -110,7 +108,7 @@ TEST_F(DashboardTransportTest, ACollectorThatWasAwayGetsQueuedPackets) {
     EXPECT_EQ(network.armedTimers, 0u);
 }
 
-TEST_F(DashboardTransportTest, AcknowledgementsOfEveryLength) {
+TEST_F(DashboardTransportTest, AnAcknowledgementOfAnyLengthCountsForOnePacketOfItsNumber) {
     const auto backend = makeReliable();
     for (const size_t length : {0, 61, 62, 64, 1088, 65507}) {
         send(*backend, 0x01fe);
@@ -120,12 +118,8 @@ TEST_F(DashboardTransportTest, AcknowledgementsOfEveryLength) {
         EXPECT_EQ(network.armedTimers, length < 62 ? 1u : 0u) << length;
         acknowledge(0x01fe);
     }
-}
-
-TEST_F(DashboardTransportTest, TwoPacketsOfOneNumberTakeTwoAcknowledgements) {
-    const auto backend = makeReliable();
-    send(*backend, 7, {{"which", "first"}});
-    send(*backend, 7, {{"which", "second"}});
+    for (const char* which : {"first", "second"})
+        send(*backend, 7, {{"which", which}});
     acknowledge(7);
     takeSent();
     network.runFor(1s);
@@ -173,24 +167,23 @@ TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
     }
 }
 
-TEST_F(DashboardTransportTest, ReportsAfterCleanUpCauseNoWork) {
-    const auto backend = makeReliable();
-    backend->cleanup();
-    for (uint16_t number = 0; number < 100; ++number)
-        send(*backend, number);
-    backend->cleanup();
-    network.runFor(1min);
-    EXPECT_THAT(network.sent, IsEmpty());
-    EXPECT_EQ(network.timerCalls, 0u);
-}
-
-TEST_F(DashboardTransportTest, ABackendThatGoesWithoutCleanUpIsDrainedToo) {
+TEST_F(DashboardTransportTest, AfterCleanUpReportsCauseNoWorkAndWithoutItABackendIsDrainedToo) {
     auto backend = makeReliable();
     send(*backend, 1);
     backend.reset();
     EXPECT_EQ(network.openSockets, 1u);
     acknowledge(1);
     EXPECT_EQ(network.openSockets, 0u);
+    takeSent();
+
+    backend = makeReliable();
+    backend->cleanup();
+    for (uint16_t number = 0; number < 100; ++number)
+        send(*backend, number);
+    backend->cleanup();
+    network.runFor(1min);
+    EXPECT_THAT(network.sent, IsEmpty());
+    EXPECT_EQ(network.armedTimers, 0u);
 }
 
 TEST_F(DashboardTransportTest, ThePoolMayEndWhilePacketsWait) {
