@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Construction, links and posts. tests/unit/bag/explain_entry.txt has the states by the entries of a bag.
 #include <gmock/gmock.h>
 
 #include "tests/unit/backends/https_post_rig.h"
@@ -8,6 +10,63 @@ namespace {
 
 using testing::ElementsAre;
 using testing::Pair;
+
+TEST(HTTPSPostStateTest, NeedsProfileFamilyAndClients) {
+    const HTTPSPostRig rig;
+    const LogCapture log;
+    const BackendProfile good = profileOf({{"clients", Array{}}});
+    const SharedIdentity family = shared(identityOf(7));
+    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", nullptr, family), nullptr);
+    EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", good, shared(BackendIdentity())), nullptr);
+    EXPECT_TRUE(log.lines().empty());
+    for (const auto& bad : {profileOf({}), profileOf({{"clients", Dictionary{}}}),
+                            std::make_shared<const PropertyList>("text")})
+        EXPECT_EQ(HTTPSPostBackend::make(rig.services, "httpPost", bad, family), nullptr);
+    EXPECT_EQ(log.count("<3>HTTPSPostBackend(initWithName): can't find the client list."), 3u);
+}
+
+TEST(HTTPSPostStateTest, AnUnknownCountryOrHardwareIsOnEveryList) {
+    HTTPSPostRig rig;
+    rig.country.reset();
+    rig.makeReportingBackend({{"locale_whitelist", "DE"}});
+    const auto withoutHardware =
+        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})},
+                        identityWith([](auto& identity) { identity.hardwareType.reset(); }));
+    withoutHardware->updateState();
+    EXPECT_EQ(withoutHardware->state(), kDisabled);
+}
+
+TEST(HTTPSPostStateTest, PostLinksComeFromDefaultsOrTheBag) {
+    constexpr int kNone = 0;  // no text, and so no link
+    const Array one{reportingClient({{"event_threshold", 3}, {"realtime_post_url", kNone}})};
+    const Array none{
+        reportingClient({{"event_threshold", 1}, {"post_url", kNone}, {"realtime_post_url", kNone}})};
+    const Array others{
+        "x", none[0], Dictionary{{"client", "z"}, {"post_url", "http://z/"}, {"event_threshold", 5}}, one[0]};
+    // The plain link and the realtime link in the defaults and in the posts.
+    const std::tuple<Urls, Array, bool, Urls, std::string> cases[] = {
+        {{"http://d/", "http://e/"}, one, true, {"http://d/", "http://e/"}, "3"},
+        {{"http://d/", ""}, one, true, {"http://d/", "http://d/"}, "3"},
+        // Without user info the first entry that has a link counts, whosever it is, if any.
+        {{"", ""}, others, false, {"http://z/", "http://z/"}, "5"},
+        {{"", ""}, none, false, {}, "0"},
+        {{"http://d/", ""}, one, false, {"http://d/", "http://d/"}, "0"}};
+    for (const auto& [defaults, clients, requireUserInfo, posted, threshold] : cases) {
+        HTTPSPostRig rig;
+        if (!defaults[0].empty()) rig.setDefault("httpsPostURL", defaults[0]);
+        if (!defaults[1].empty()) rig.setDefault("httpsRealtimePostURL", defaults[1]);
+        BackendIdentity identity = identityOf(7);
+        identity.requireUserInfo = requireUserInfo;
+        const auto backend = rig.makeBackend(clients, identity);
+        const LogCapture log;
+        backend->updateState();
+        EXPECT_EQ(backend->state(), kReporting);
+        EXPECT_EQ(log.count("<7>resetBackendStateWithClient: event_threshold set to " + threshold), 1u);
+        for (const SendFlag flag : {kPlain, kRealtime})
+            backend->sendMessage(Dictionary{}, kNow, 5, 6, flag);
+        EXPECT_EQ(rig.urls(), posted);
+    }
+}
 
 TEST(HTTPSPostTransportTest, HeadersInOrder) {
     const ReportingRig rig({}, identityWith([](auto& identity) { identity.isInternal = true; }));

@@ -70,7 +70,7 @@ const char kClient[] =
     R"({"client": "client", "locale_whitelist": "DE,ch", "filters": [], "sampling_threshold": 0.5,
     "event_threshold": 49, "post_url": "https://reports.example/"})";
 
-// The entries of a case: changes to an entry that reports, or to two of them for all clients.
+// The entries of a case: changes to an entry that reports, or to several of them for all clients.
 Array clientsOf(const std::string& text) {
     const PropertyList changes = parseJson(text.substr(text.find_first_of("[{"))).value();
     const Dictionary* one = changes.getIf<Dictionary>();
@@ -97,7 +97,8 @@ std::string replayOf(const Dictionary& bag, const Scenario& given, const std::st
 
 TEST(Explain, GivesTheReasonsAndTheFateOfReports) {
     for (const auto& [changes, texts] : casesOf("explain_entry.txt")) {
-        const Scenario given = scenario(!changes.starts_with("without consent"));
+        Scenario given = scenario(!changes.starts_with("without consent"));
+        given.batch = changes.starts_with("batching");
         const Dictionary bag = bagOf(clientsOf(changes));
         const std::string found = explainBag(bag, given, true) + replayOf(bag, given, kReports);
         for (const std::string& text : texts)

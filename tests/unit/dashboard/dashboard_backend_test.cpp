@@ -3,14 +3,17 @@
 // The backend as its callers see it: construction, sending, log data.
 #include <gmock/gmock.h>
 
-#include "plist/property_list_format.h"
+#include "tests/support/daemon_world.h"
 #include "tests/unit/dashboard/dashboard_rig.h"
 
 namespace telvora::test {
 namespace {
 
 using namespace std::string_literals;
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
 using testing::Pair;
 
 struct DashboardBackendTest : testing::Test, DashboardRig {};
@@ -71,6 +74,27 @@ TEST_F(DashboardBackendTest, TheFiveArgumentOperationSendsAndRenders) {
     ASSERT_EQ(network.sent.size(), 2u);
     EXPECT_EQ(network.sent[0].substr(0, 4) + network.sent[0].substr(60), "\x02\x12\x01\x02\0\x03\0\0 k=v"s);
     EXPECT_EQ(network.sent[1].size(), 64u);
+}
+
+// A dashboard has no answer in a session. Of two HTTPS backends the later one answers.
+TEST(DashboardInSession, AnHTTPSAnswerGoesBeforeTheDashboards) {
+    const auto httpPost = [](const Dictionary& changes) {
+        return *DaemonWorld::reportingBag(changes).dictionary("release")->find("httpPost");
+    };
+    const Array filters{Dictionary{{"key", "secret"}, {"action", "remove"}}};
+    DaemonWorld world;
+    world.serveBag(Dictionary{{"release", Dictionary{{"dashboard", DashboardRig::collectorProfile()},
+                                                     {"httpPost", httpPost({})},
+                                                     {"httpPost2", httpPost({{"filters", filters}})}}}});
+    std::optional<std::string> answer;
+    world.connectConfigured(1)->session().sendMessageWithDictionary(
+        {{kTelvoraMessageParametersCategory, 5},
+         {kTelvoraMessageParametersType, 1},
+         {kTelvoraMessageParametersPayload, Dictionary{{"secret", 1}, {"open", 2}}}},
+        [&answer](const auto& told) { answer = told; });
+    ASSERT_TRUE(answer);
+    EXPECT_THAT(*answer, AllOf(HasSubstr("open"), Not(HasSubstr("secret"))));
+    EXPECT_TRUE(world.network.sent.empty());
 }
 
 struct LogDataTest : DashboardBackendTest {
