@@ -86,7 +86,7 @@ TEST(HTTPSPostTransportTest, HeadersInOrder) {
     absent.selfVersion = SelfVersion("8");
     absent.hardwareType.reset();
     const ReportingRig bare({}, absent);
-    bare.backend->setUserInfoDict(shared({{kTelvoraUserInfoClientName, 7}}));
+    bare.backend->setUserInfoDict(shared(Dictionary{{kTelvoraUserInfoClientName, 7}}));
     bare.send();
     flush(*bare.backend);
     EXPECT_THAT(

@@ -39,22 +39,19 @@ TEST(WireTest, ReadsEveryTypeThatItWrites) {
                            "/a/b"sv};
     std::string buffer = "a message before this one";
     const size_t start = buffer.size();
-    WireWriter writer(buffer, callHeader("ybnqiuxtdsogvaya{s(du)}avas"));
+    WireWriter writer(buffer, callHeader("ybnqiuxtdsogva(du)avas"));
     std::apply([&writer](auto... value) { (writer.append(value), ...); }, basic);
     writer.appendSignature("a{sv}");
     writer.appendSignature("v");  // a variant in a variant
     writer.appendSignature("s");
     writer.append("inner");
-    writer.appendBytes("\0\xff"sv);
-    const auto dictionary = writer.openArray(8);
+    const auto structures = writer.openArray(8);
     for (const uint32_t i : {1U, 2U}) {
-        writer.beginStructure();
-        writer.append("key");
         writer.beginStructure();
         writer.append(0.5);
         writer.append(i);
     }
-    writer.closeArray(dictionary);
+    writer.closeArray(structures);
     writer.closeArray(writer.openArray(1));
     const auto strings = writer.openArray(4);
     writer.append("\u00e4");
@@ -83,18 +80,12 @@ TEST(WireTest, ReadsEveryTypeThatItWrites) {
     expect("a{sv}"sv);
     ASSERT_TRUE(in.enter() && in.enter());
     expect("inner"sv);
-    ASSERT_TRUE(in.leave() && in.leave());
-    std::string_view data;
-    ASSERT_TRUE(in.readBytes(data));
-    EXPECT_EQ(data, "\0\xff"sv);
-    ASSERT_TRUE(in.enter());
+    ASSERT_TRUE(in.leave() && in.leave() && in.enter());
     for (const uint32_t i : {1U, 2U}) {
-        ASSERT_TRUE(in.enter());
-        expect("key"sv);
         ASSERT_TRUE(in.enter());
         expect(0.5);
         if (i == 1) expect(i);  // the second is left to leave()
-        ASSERT_TRUE(in.leave() && in.leave());
+        ASSERT_TRUE(in.leave());
     }
     ASSERT_TRUE(in.atEnd() && in.leave() && in.skip() && in.enter());
     expect("\u00e4"sv);
