@@ -65,6 +65,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         now_ += std::chrono::minutes(1);
         for (int i = 0; i < 2; ++i)
             EXPECT_FALSE(first.take(quota, 1, four));
+        EXPECT_EQ(log_.lines().size(), expected.size() + 2);
         quotas_.logRefusals();
         expected.insert(expected.end(),
                         {wasOver + " 4 more times", isOver + "0" + ofKey, wasOver + " 1 more times"});

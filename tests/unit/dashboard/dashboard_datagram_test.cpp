@@ -15,6 +15,8 @@ namespace telvora {
 namespace {
 
 using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::Pair;
 
 const DashboardFields kExample{.version = 3,
                                .componentType = 7,
@@ -100,7 +102,10 @@ TEST(DashboardDatagramTest, TheLineHasACodeForComponentsInTheTableAlone) {
     }
 }
 
-TEST(DashboardCollectorTest, RefusesWhatIsNoDatagram) {
+TEST(DashboardCollectorTest, FindsThePairsAndRefusesWhatIsNoDatagram) {
+    const DashboardDatagram escaped = datagramOf({{"k1", "/ b\\=="}, {"k2", "\\ x=1 k3=2\t\r/\xc3\xa4"}});
+    EXPECT_THAT(lab::dashboardPairs(lab::decodeDashboardDatagram(escaped.bytes())->text),
+                ElementsAre(Pair("k1", "/ b\\=="), Pair("k2", "\\ x=1 k3=2\t\r/\xc3\xa4")));
     const DashboardDatagram longest = datagramOf({{"k", std::string(2000, 'v')}});
     const std::string whole(longest.bytes());
     for (const std::string& other : {std::string(), whole.substr(0, 63), whole.substr(0, 1086), whole + "v"})
@@ -122,7 +127,7 @@ TEST(DashboardCollectorTest, CountsReportsBeyondTheLastNumber) {
     EXPECT_EQ(tally.arrived(), 6u);
     EXPECT_EQ(tally.distinct(), 5u);
     EXPECT_EQ(tally.deliveryRatio(), 5.0 / 6);  // 1 is missing
-    EXPECT_THAT(tally.timesArrived(), testing::ElementsAre(testing::Pair(1, 4), testing::Pair(2, 1)));
+    EXPECT_THAT(tally.timesArrived(), ElementsAre(Pair(1, 4), Pair(2, 1)));
 }
 
 }  // namespace

@@ -54,8 +54,9 @@ TEST(DevicePropertiesTest, AnswersFromFilesOfTheDeviceAndItsAdministrator) {
         {"the administrator's word",
          {{"etc/hostname", "plain"},
           {given,
-           "<dict><key>DeviceName</key><string>given</string><key>BuildVersion</key><integer>7</integer></dict>"}},
-         {{"DeviceName", "given"}}},
+           "<dict><key>DeviceName</key><string>given</string><key>ReleaseType</key><string>Internal</string>"
+           "<key>BuildVersion</key><integer>7</integer></dict>"}},
+         {{"DeviceName", "given"}, {"ReleaseType", "Internal"}}},
         {"malformed", {{"etc/hostname", "plain"}, {given, "rubbish"}}, {{"DeviceName", "plain"}}},
         {"no machine ID", {{"etc/machine-id", ""}}, {}},
         {"no machine ID yet", {{"etc/machine-id", "uninitialized\n"}}, {}},
