@@ -79,6 +79,7 @@ Array clientsOf(const std::string& text) {
     for (const PropertyList& each : *changes.getIf<Array>()) {
         Dictionary client = json(kClient);
         client.erase("client");
+        if (!clients.empty()) client.set("sampling_threshold", 0.2);  // shows which entry counts
         client.merge(*each.getIf<Dictionary>());
         clients.push_back(std::move(client));
     }
@@ -179,13 +180,16 @@ Lines changesOfAllCases() {
 }
 
 std::vector<Scenario> sessionsOfManyKinds() {
-    std::vector<Scenario> sessions(5, scenario(true));
+    std::vector<Scenario> sessions(8, scenario(true));
     sessions[0].consent = false;
     sessions[1].batch = sessions[2].batch = true;
     sessions[2].draw = 0.6;
     sessions[3].serviceName = "network";
     sessions[4].requireUserInfo = false;
     sessions[4].clientName = sessions[4].serviceName = std::nullopt;
+    sessions[5].clientName = sessions[6].clientName = "b";
+    sessions[6].serviceName = "nets";
+    sessions[7].serviceName = "net";
     return sessions;
 }
 
