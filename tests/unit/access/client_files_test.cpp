@@ -48,36 +48,23 @@ class ClientFilesTest : public testing::Test {
 
 TEST_F(ClientFilesTest, ClientsGoWhereTheirModeBitsLetThem) {
     if (geteuid() != 0) GTEST_SKIP() << "needs files of other users";
-    const struct {
-        uid_t user;
-        gid_t group;
-        mode_t mode;
-        bool mayRead;
-        bool mayRemove;
-    } cases[] = {
-        {0, 0, 0755, true, false},
-        {0, 0, 0757, true, true},
-        {0, 0, 01777, true, true},
-        {0, 0, 0750, false, false},
-        {0, 0, 0752, false, false},
-        {kOther, 0, 0700, true, true},
-        {kOther, 0, 0500, true, false},
-        {kOther, 0, 0077, false, false},
-        {0, kTheirGroup, 0770, true, true},
-        {0, kTheirGroup, 0750, true, false},
-        {0, kTheirGroup, 0707, false, false},
-    };
+    // The owner, the group and the mode of the directory, and whether a client may read and remove there.
+    const std::tuple<uid_t, gid_t, mode_t, bool, bool> cases[] = {
+        {0, 0, 0755, true, false},           {0, 0, 0757, true, true},
+        {0, 0, 01777, true, true},           {0, 0, 0750, false, false},
+        {0, 0, 0752, false, false},          {kOther, 0, 0700, true, true},
+        {kOther, 0, 0500, true, false},      {kOther, 0, 0077, false, false},
+        {0, kTheirGroup, 0770, true, true},  {0, kTheirGroup, 0750, true, false},
+        {0, kTheirGroup, 0707, false, false}};
     ClientFiles files = filesOf(peerOf(kOther, {7, kTheirGroup}));
-    for (const auto& expected : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << expected.user << ":" << expected.group << " " << std::oct << expected.mode);
+    for (const auto& [user, group, mode, mayRead, mayRemove] : cases) {
+        SCOPED_TRACE(testing::Message() << user << ":" << group << " " << std::oct << mode);
         const path file = write("d/file", kOther);
-        own(file.parent_path(), expected.user, expected.group, expected.mode);
+        own(file.parent_path(), user, group, mode);
         const auto opened = files.open(file, "");
-        EXPECT_EQ(opened.has_value(), expected.mayRead);
-        if (!opened) continue;
-        EXPECT_EQ(files.remove(*opened).has_value(), expected.mayRemove);
-        EXPECT_EQ(exists(file), !expected.mayRemove);
+        EXPECT_EQ(opened.has_value(), mayRead);
+        EXPECT_EQ(opened && files.remove(*opened), mayRemove);
+        EXPECT_EQ(exists(file), !mayRemove);
     }
 }
 

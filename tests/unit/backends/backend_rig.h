@@ -54,16 +54,13 @@ inline BackendIdentity identityOf(int32_t clientType) {
             .startTimestamp = kNow};
 }
 
-inline SharedIdentity shared(BackendIdentity identity) {
-    return std::make_shared<const BackendIdentity>(std::move(identity));
+template <typename T>
+std::shared_ptr<const T> shared(T value) {
+    return std::make_shared<const T>(std::move(value));
 }
 
 inline BackendProfile profileOf(Dictionary profile) {
     return std::make_shared<const PropertyList>(std::move(profile));
-}
-
-inline std::shared_ptr<const Dictionary> shared(Dictionary dictionary) {
-    return std::make_shared<const Dictionary>(std::move(dictionary));
 }
 
 inline Dictionary userInfoOf(const std::string& client, const std::string& service) {

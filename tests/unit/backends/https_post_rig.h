@@ -11,18 +11,13 @@
 
 namespace telvora::test {
 
-constexpr auto kWaiting = BackendState::waitingForUserInfo;
-constexpr auto kDisabled = BackendState::disabled;
-constexpr auto kReporting = BackendState::reporting;
-constexpr auto kSampledOut = BackendState::sampledOut;
+constexpr auto kWaiting = BackendState::waitingForUserInfo, kDisabled = BackendState::disabled,
+               kReporting = BackendState::reporting, kSampledOut = BackendState::sampledOut;
+constexpr SendFlag kPlain{0}, kRealtime{1}, kPromote{2}, kPromoteRealtime{3};
+constexpr char kPost[] = "https://post.example/", kRealtimePost[] = "https://realtime.example/";
 
-constexpr SendFlag kPlain{0};
-constexpr SendFlag kRealtime{1};
-constexpr SendFlag kPromote{2};
-constexpr SendFlag kPromoteRealtime{3};
-
-constexpr char kPost[] = "https://post.example/";
-constexpr char kRealtimePost[] = "https://realtime.example/";
+using Urls = std::vector<std::string>;
+using Flushed = std::pair<std::optional<std::string>, std::optional<TelvoraError>>;
 
 // A bag's entry under which the rig's session reports.
 inline Dictionary reportingClient(const Dictionary& changes = {}) {
@@ -32,11 +27,26 @@ inline Dictionary reportingClient(const Dictionary& changes = {}) {
     return client;
 }
 
-// Client type 7, with batching.
-inline BackendIdentity batching() {
+// Client type 7, with a change.
+template <typename Change>
+BackendIdentity identityWith(Change change) {
     BackendIdentity identity = identityOf(7);
-    identity.batchEvents = true;
+    change(identity);
     return identity;
+}
+
+inline BackendIdentity batching() {
+    return identityWith([](auto& identity) { identity.batchEvents = true; });
+}
+
+// A flush. Its completion has to be called once, at once, with the same answer.
+inline Flushed flush(TelvoraBackend& backend) {
+    std::vector<Flushed> calls;
+    const auto answer = backend.flushMessagesWithCompletion(
+        [&calls](auto told, auto error) { calls.emplace_back(std::move(told), std::move(error)); });
+    EXPECT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls.at(0).first, answer);
+    return calls.at(0);
 }
 
 struct HTTPSPostRig : BackendRig {
@@ -45,6 +55,12 @@ struct HTTPSPostRig : BackendRig {
         http.setHandler([](const HttpRequest&) { return FakeHttpClient::response(200); });
     }
 
+    Urls urls() const {
+        Urls urls;
+        for (const HttpRequest& request : http.requests())
+            urls.push_back(request.url);
+        return urls;
+    }
     // A backend that has user info.
     std::shared_ptr<HTTPSPostBackend> makeBackend(Array clients, BackendIdentity as = identityOf(7)) {
         auto backend =

@@ -10,95 +10,80 @@ using testing::Contains;
 using testing::StartsWith;
 using Posts = std::vector<std::vector<int64_t>>;
 
-struct FlushResult {
-    int calls = 0;
-    std::optional<std::string> answer;
-    std::optional<TelvoraError> error;
-};
-
-FlushCompletion into(FlushResult& result) {
-    return [&result](std::optional<std::string> answer, std::optional<TelvoraError> error) {
-        result = {result.calls + 1, std::move(answer), std::move(error)};
-    };
-}
-
 std::shared_ptr<const Dictionary> userInfoWith(const Dictionary& more) {
     Dictionary userInfo = userInfoOf("app", "network");
     userInfo.merge(more);
     return shared(std::move(userInfo));
 }
 
+uint64_t tallyOf(const TelvoraBackend& backend, ReportOutcome outcome) {
+    return backend.reports().tally()[outcome];
+}
+
+// Backends whose reports count against the quotas of one user.
+struct QuotaRig : HTTPSPostRig {
+    BackendIdentity counted(BackendIdentity backend) {
+        backend.accounts = std::make_shared<ClientAccounts>(ledger, quotas.of(1));
+        return backend;
+    }
+    uint64_t held(Quota quota) { return quotas.uses().at(1)[static_cast<size_t>(quota)].held; }
+
+    UserQuotas quotas{defaults};
+    ReportLedger ledger;
+};
+
 TEST(HTTPSPostSendTest, StateFlagAndSettingsDecideOnPostingAtOnce) {
-    const struct {
-        const char* what;
-        BackendState state;
-        SendFlag flag;
-        bool batchEvents;
-        bool hasUserInfo;
-        const char* url;  // null: not posted
-        BackendState after;
-    } cases[] = {
-        {"plain", kReporting, kPlain, false, true, kPost, kReporting},
-        {"batched", kReporting, kPlain, true, true, nullptr, kReporting},
-        {"realtime", kReporting, kRealtime, true, true, kRealtimePost, kReporting},
-        {"no user info", kReporting, kRealtime, false, false, nullptr, kReporting},
-        {"unknown bit", kReporting, SendFlag{5}, true, true, nullptr, kReporting},
-        {"promote in vain", kReporting, kPromote, false, true, kPost, kReporting},
-        {"sampled out", kSampledOut, kRealtime, false, true, nullptr, kSampledOut},
-        {"promoted", kSampledOut, kPromote, false, true, kPost, kReporting},
-        {"promoted realtime", kSampledOut, kPromoteRealtime, true, true, kRealtimePost, kReporting},
-        {"not promoted by an unknown bit", kSampledOut, SendFlag{6}, false, true, nullptr, kSampledOut},
-        {"waiting", kWaiting, kPromoteRealtime, false, true, nullptr, kWaiting},
-        {"disabled", kDisabled, kPromoteRealtime, false, true, nullptr, kDisabled},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        const ReportingRig rig({}, c.batchEvents ? batching() : identityOf(7));
-        rig.backend->setState(c.state);
-        if (!c.hasUserInfo) rig.backend->setUserInfoDict(nullptr);
-        EXPECT_EQ(rig.send(c.flag).has_value(), c.url != nullptr);
-        EXPECT_EQ(rig.backend->state(), c.after);
-        ASSERT_EQ(rig.http.requestCount(), c.url != nullptr ? 1u : 0u);
-        if (c.url != nullptr) {
-            EXPECT_EQ(rig.http.requests()[0].url, c.url);
-        }
+    const std::tuple<const char*, BackendState, SendFlag, bool, bool, Urls, BackendState> cases[] = {
+        {"plain", kReporting, kPlain, false, true, {kPost}, kReporting},
+        {"batched", kReporting, kPlain, true, true, {}, kReporting},
+        {"realtime", kReporting, kRealtime, true, true, {kRealtimePost}, kReporting},
+        {"no user info", kReporting, kRealtime, false, false, {}, kReporting},
+        {"unknown bit", kReporting, SendFlag{5}, true, true, {}, kReporting},
+        {"promote in vain", kReporting, kPromote, false, true, {kPost}, kReporting},
+        {"sampled out", kSampledOut, kRealtime, false, true, {}, kSampledOut},
+        {"promoted", kSampledOut, kPromote, false, true, {kPost}, kReporting},
+        {"promoted realtime", kSampledOut, kPromoteRealtime, true, true, {kRealtimePost}, kReporting},
+        {"not promoted by an unknown bit", kSampledOut, SendFlag{6}, false, true, {}, kSampledOut},
+        {"waiting", kWaiting, kPromoteRealtime, false, true, {}, kWaiting},
+        {"disabled", kDisabled, kPromoteRealtime, false, true, {}, kDisabled}};
+    for (const auto& [what, state, flag, batchEvents, hasUserInfo, urls, after] : cases) {
+        SCOPED_TRACE(what);
+        const ReportingRig rig({}, batchEvents ? batching() : identityOf(7));
+        rig.backend->setState(state);
+        if (!hasUserInfo) rig.backend->setUserInfoDict(nullptr);
+        EXPECT_EQ(rig.send(flag).has_value(), !urls.empty());
+        EXPECT_EQ(rig.backend->state(), after);
+        EXPECT_EQ(rig.urls(), urls);
     }
 }
 
 TEST(HTTPSPostSendTest, UserInfoWinsOverFieldsAndFiltersActLast) {
-    BackendIdentity identity = identityOf(7);
-    identity.buildVersion = "B77";
     const ReportingRig rig(
         {{"filters", Array{Dictionary{{"key", "SECRET"}, {"action", "sha256"}, {"method", 5}},
                            Dictionary{{"key", "_build"}, {"action", "remove"}}}}},
-        identity);
+        identityWith([](auto& identity) { identity.buildVersion = "B77"; }));
     rig.backend->setUserInfoDict(userInfoWith({{"_sessionID", "mine"}, {"secret", "from user info"}}));
     rig.send(kPlain, 5, Dictionary{{"secret", "from payload"}, {"when", Date{12}}, {"box", Array{}}});
     EXPECT_EQ(rig.message().postTime, 1447660800.25);
     const Dictionary event = rig.event();
-    EXPECT_EQ(*event.string("_sessionID"), "mine");
-    EXPECT_EQ(*event.string("secret"), convertIntoSHA256("from user info"));
-    EXPECT_EQ(event.real("when"), 12.0);
-    EXPECT_EQ(event.integer("_startTS"), 1447660800);
-    EXPECT_EQ(event.integer("_timezoneOffset"), 3600);
-    for (const char* gone : {"_build", "box"})
-        EXPECT_FALSE(event.contains(gone)) << gone;
+    EXPECT_EQ(event, Dictionary::merged(event, {{"_sessionID", "mine"},
+                                                {"secret", convertIntoSHA256("from user info")},
+                                                {"when", 12.0},
+                                                {"_startTS", 1447660800},
+                                                {"_timezoneOffset", 3600}}));
+    EXPECT_FALSE(event.contains("_build") || event.contains("box"));
 }
 
 TEST(HTTPSPostSendTest, SessionsAreNumberedForSomeClientTypes) {
-    const struct {
-        int32_t type;
-        bool internal;
-        PropertyList sessionID;
-    } cases[] = {
+    const std::tuple<int32_t, bool, PropertyList> cases[] = {
         {7, false, 42}, {11, false, "top.own"}, {11, true, 42}, {13, true, 42}, {12, true, "top.own"}};
-    for (const auto& c : cases) {
-        BackendIdentity identity = identityOf(c.type);
-        identity.isInternal = c.internal;
+    for (const auto& [type, internal, sessionID] : cases) {
+        BackendIdentity identity = identityOf(type);
+        identity.isInternal = internal;
         const ReportingRig rig({}, identity);
         rig.backend->setCombinedSessionIDString("top.own");
         rig.send();
-        EXPECT_EQ(*rig.event().find("_sessionID"), c.sessionID) << c.type;
+        EXPECT_EQ(*rig.event().find("_sessionID"), sessionID) << type;
         EXPECT_EQ(rig.event().integer("_internal"), 0);  // the device's build, not the session's
     }
 }
@@ -110,12 +95,10 @@ TEST(HTTPSPostSendTest, TheStopReportHasTheSampling) {
     rig.backend->sendMessage(std::nullopt, kNow, 0, 1, kPlain);
     rig.backend->sendMessage(Dictionary{}, kNow, 0, 2, kPlain);
     const Dictionary event = rig.event();
-    EXPECT_EQ(event.integer("Opt"), 0);
-    EXPECT_EQ(event.real("SamplingThreshold"), 0.5);
-    EXPECT_EQ(event.integer("OverrideSampling"), -1);
-    EXPECT_EQ(event.integer("Batch"), 0);
-    for (const size_t other : {size_t{1}, size_t{2}})
-        EXPECT_FALSE(rig.event(other).contains("Opt")) << other;
+    EXPECT_EQ(event,
+              Dictionary::merged(
+                  event, {{"Opt", 0}, {"SamplingThreshold", 0.5}, {"OverrideSampling", -1}, {"Batch", 0}}));
+    EXPECT_FALSE(rig.event(1).contains("Opt") || rig.event(2).contains("Opt"));
     EXPECT_EQ(log.count("<3>HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil"), 1u);
     EXPECT_EQ(log.count("<7>HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to "
                         "SESSION_TYPE_STOP message dictionary"),
@@ -129,27 +112,22 @@ TEST(HTTPSPostSendTest, TheStopReportHasTheSampling) {
 }
 
 TEST(HTTPSPostSendTest, ThresholdFlushesEveryMethod) {
-    const struct {
-        int threshold;
-        int sent;
-        Posts posts;
-    } cases[] = {
+    const std::tuple<int, int, Posts> cases[] = {
         {3, 4, {}},
         {3, 5, {{1, 2, 3, 4, 5}}},  // with the one event of another method
         {0, 5, {{1, 2}, {3}, {4}, {5}}},
-        {-1, 2, {{1}, {2}}},
-    };
-    for (const auto& c : cases) {
-        const ReportingRig rig({{"event_threshold", c.threshold}}, batching());
+        {-1, 2, {{1}, {2}}}};
+    for (const auto& [threshold, sent, posts] : cases) {
+        const ReportingRig rig({{"event_threshold", threshold}}, batching());
         const LogCapture log;
         rig.send(kPlain, 8);
-        for (int i = 0; i < c.sent; ++i)
+        for (int i = 0; i < sent; ++i)
             rig.send();
-        EXPECT_EQ(rig.posts(), c.posts) << c.threshold;
+        EXPECT_EQ(rig.posts(), posts) << threshold;
         EXPECT_EQ(
             log.contains("<7>HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
                          "threshold for method 5"),
-            !c.posts.empty());
+            !posts.empty());
     }
 }
 
@@ -159,8 +137,7 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
     rig.send();
     const auto answer = rig.send(kRealtime);
     EXPECT_EQ(rig.posts(), (Posts{{1, 2}, {3}}));
-    EXPECT_EQ(rig.http.requests()[0].url, kPost);
-    EXPECT_EQ(rig.http.requests()[1].url, kRealtimePost);
+    EXPECT_EQ(rig.urls(), (Urls{kPost, kRealtimePost}));
     EXPECT_THAT(*answer, StartsWith("Flushed events:\n{\n"));
     EXPECT_THAT(*answer, testing::HasSubstr("\n}\nStandalone event:\n{\n"));
 
@@ -176,36 +153,24 @@ TEST(HTTPSPostSendTest, RealtimeKeepsTheOrder) {
 TEST(HTTPSPostSendTest, AFlushThatPostsNoEventHasAnError) {
     const std::string nothing = "Nothing to flush";
     const std::string filtered = "Nothing to flush: batched events were completely filtered out";
-    const struct {
-        BackendState state;
-        bool hasEvent;
-        bool hasUserInfo;
-        Dictionary client;
-        std::string error;
-        ReportOutcome outcome;
-    } cases[] = {
+    const std::tuple<BackendState, bool, bool, Dictionary, std::string, ReportOutcome> cases[] = {
         {kReporting, false, true, {}, nothing, ReportOutcome::held},
         {kSampledOut, true, true, {}, nothing, ReportOutcome::sampledOut},
         {kWaiting, true, true, {}, nothing, ReportOutcome::noUserInfo},
         {kDisabled, true, true, {}, nothing, ReportOutcome::disabled},
         {kReporting, true, false, {}, "Can not flush: userInfo is required", ReportOutcome::held},
         {kReporting, true, true, {{"event_whitelist", Array{}}}, filtered, ReportOutcome::notWhitelisted},
-        {kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, ReportOutcome::blacklisted},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.error + " " + nameOf(c.outcome));
-        const ReportingRig rig(c.client, batching());
-        if (c.hasEvent) rig.send();
-        rig.backend->setState(c.state);
-        if (!c.hasUserInfo) rig.backend->setUserInfoDict(nullptr);
-        FlushResult result;
-        EXPECT_EQ(rig.backend->flushMessagesWithCompletion(into(result)), std::nullopt);
-        EXPECT_EQ(result.calls, 1);
-        EXPECT_EQ(result.answer, std::nullopt);
-        EXPECT_EQ(result.error, makeTelvoraError(c.error, -1));
+        {kReporting, true, true, {{"event_blacklist", Array{5}}}, filtered, ReportOutcome::blacklisted}};
+    for (const auto& [state, hasEvent, hasUserInfo, client, error, outcome] : cases) {
+        SCOPED_TRACE(error + " " + nameOf(outcome));
+        const ReportingRig rig(client, batching());
+        if (hasEvent) rig.send();
+        rig.backend->setState(state);
+        if (!hasUserInfo) rig.backend->setUserInfoDict(nullptr);
+        EXPECT_EQ(flush(*rig.backend), Flushed(std::nullopt, makeTelvoraError(error, -1)));
         EXPECT_EQ(rig.http.requestCount(), 0u);
         const ReportTally tally = rig.backend->reports().tally();
-        EXPECT_EQ(tally[c.outcome], c.hasEvent ? 1u : 0u);
+        EXPECT_EQ(tally[outcome], hasEvent ? 1u : 0u);
 
         // Kept events are posted by the next flush.
         rig.backend->setState(kReporting);
@@ -225,16 +190,8 @@ TEST(HTTPSPostSendTest, FlushPostsAdmittedEventsWithTheCurrentUserInfo) {
         rig.send(kPlain, category);
     rig.backend->setUserInfoDict(userInfoWith({{"user", "someone"}, {"gone", "back"}}));
     const LogCapture log;
-    rig.http.setHandler(nullptr);
-    FlushResult result;
-    const auto answer = rig.backend->flushMessagesWithCompletion(into(result));
-    EXPECT_EQ(result.calls, 0);
-    ASSERT_TRUE(rig.http.complete(FakeHttpClient::response(200)));
-    EXPECT_EQ(result.calls, 1);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(result.answer, answer);
-    EXPECT_EQ(result.error, std::nullopt);
-
+    const auto& [answer, error] = flush(*rig.backend);
+    EXPECT_TRUE(answer && !error);
     EXPECT_EQ(rig.posts(), (Posts{{2}}));
     EXPECT_EQ(*rig.event().string("user"), convertIntoSHA256("someone"));
     EXPECT_EQ(*rig.event().string("gone"), "back");  // the copy is filtered as an event of method 0
@@ -265,79 +222,57 @@ TEST(HTTPSPostSendTest, ABatchDoesNotGrowWithoutBound) {
 }
 
 TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
-    const TemporaryDirectory directory;
-    UserDefaults defaults(directory.path() / "config", directory.path() / "state");
-    ASSERT_TRUE(defaults.set(kTelvoraDefaultsDomain, "maxPendingBytesPerUser", 1 << 20));
-    UserQuotas quotas(defaults);
-    ReportLedger ledger;
-    BackendIdentity identity = batching();
-    identity.accounts = std::make_shared<ClientAccounts>(ledger, quotas.of(1000));
-    const ReportingRig rig({}, identity);
-    const ReportAccount& account = rig.backend->reports();
+    QuotaRig rig;
+    rig.setDefault("maxPendingBytesPerUser", 1 << 20);
+    const auto backend = rig.makeReportingBackend({}, rig.counted(batching()));
     for (const auto& [bytes, delivered, lost] : {std::tuple{10'000, 20u, 0u}, {100'000, 20u, 20u}}) {
-        rig.backend->setUserInfoDict(userInfoWith({}));
+        backend->setUserInfoDict(userInfoWith({}));
         for (int i = 0; i < 20; ++i)
-            rig.send();
-        rig.backend->setUserInfoDict(userInfoWith({{"big", std::string(bytes, 'x')}}));
-        FlushResult result;
-        rig.backend->flushMessagesWithCompletion(into(result));
-        EXPECT_EQ(result.calls, 1);
+            backend->sendMessage(Dictionary(), kNow, 5, 6, kPlain);
+        backend->setUserInfoDict(userInfoWith({{"big", std::string(bytes, 'x')}}));
         const auto over = makeTelvoraError("Can not flush: over quota", -1);
-        EXPECT_EQ(result.error, lost > 0 ? std::optional(over) : std::nullopt);
-        EXPECT_EQ(account.tally()[ReportOutcome::delivered], delivered);
-        EXPECT_EQ(account.tally()[ReportOutcome::overQuota], lost);
-        EXPECT_EQ(quotas.uses().at(1000)[static_cast<size_t>(Quota::pendingBytes)].held, 0u);
+        EXPECT_EQ(flush(*backend).second, lost > 0 ? std::optional(over) : std::nullopt);
+        EXPECT_EQ(tallyOf(*backend, ReportOutcome::delivered), delivered);
+        EXPECT_EQ(tallyOf(*backend, ReportOutcome::overQuota), lost);
+        EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
     }
 }
 
 TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLeave) {
-    HTTPSPostRig rig;
+    QuotaRig rig;
     rig.setDefault("maxPendingBytesPerUser", 200'000);
     rig.setDefault("maxDormantBytesPerUser", 100'000);
-    UserQuotas quotas(rig.defaults);
-    const auto held = [&](Quota quota) { return quotas.uses().at(1)[static_cast<size_t>(quota)].held; };
-    const auto lost = [](const TelvoraBackend& backend) {
-        return backend.reports().tally()[ReportOutcome::overQuota];
-    };
-    const Dictionary large{{"text", std::string(10'000, 'x')}};
     const Dictionary changes{{"override_sampling", 1.0}, {"event_threshold", 1000}};
-    ReportLedger ledger;
-    const auto identity = [&](BackendIdentity of) {
-        of.accounts = std::make_shared<ClientAccounts>(ledger, quotas.of(1));
-        return of;
-    };
-    const auto reporting = rig.makeReportingBackend(changes, identity(identityOf(7)));
+    const auto reporting = rig.makeReportingBackend(changes, rig.counted(identityOf(7)));
     rig.random = 0.9;
-    const auto sampledOut = rig.makeBackend({reportingClient(changes)}, identity(batching()));
+    const auto sampledOut = rig.makeBackend({reportingClient(changes)}, rig.counted(batching()));
     sampledOut->updateState();
     ASSERT_EQ(sampledOut->state(), kSampledOut);
 
-    for (int i = 0; i < 100; ++i)
-        sampledOut->sendMessage(large, kNow, 5, 6, kPlain);
-    EXPECT_EQ(held(Quota::pendingBytes), 0u);
-    const size_t heldReports = sampledOut->reports().tally()[ReportOutcome::held];
+    for (const auto& backend : {sampledOut, reporting})
+        for (int i = 0; i < 100; ++i)
+            backend->sendMessage(Dictionary{{"text", std::string(10'000, 'x')}}, kNow, 5, 6, kPlain);
+    EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
+    const uint64_t heldReports = tallyOf(*sampledOut, ReportOutcome::held);
     EXPECT_GT(heldReports, 5u);
-    EXPECT_EQ(lost(*sampledOut), 100 - heldReports);
-    for (int i = 0; i < 100; ++i)
-        reporting->sendMessage(large, kNow, 5, 6, kPlain);
-    EXPECT_EQ(lost(*reporting), 0u);
-    EXPECT_EQ(rig.http.requestCount(), 100u);
+    EXPECT_EQ(tallyOf(*sampledOut, ReportOutcome::overQuota), 100 - heldReports);
+    EXPECT_EQ(tallyOf(*reporting, ReportOutcome::delivered), 100u);
 
     // After a promotion it is charged as pending, and is posted.
-    const uint64_t dormant = held(Quota::dormantBytes);
+    const uint64_t dormant = rig.held(Quota::dormantBytes);
     EXPECT_GT(dormant, 50'000u);
     sampledOut->sendMessage(Dictionary(), kNow, 5, 6, kPromote);
-    EXPECT_EQ(held(Quota::dormantBytes), 0u);
-    EXPECT_GT(held(Quota::pendingBytes), dormant);
+    EXPECT_EQ(rig.held(Quota::dormantBytes), 0u);
+    EXPECT_GT(rig.held(Quota::pendingBytes), dormant);
     // A parent session or a server changes the state, too.
     for (const BackendState state : {kDisabled, kReporting, kSampledOut, kReporting}) {
         if (!sampledOut->followState(state)) sampledOut->setState(state);
         const bool leaves = state == kReporting;
-        EXPECT_EQ(held(leaves ? Quota::dormantBytes : Quota::pendingBytes), 0u);
+        EXPECT_EQ(rig.held(leaves ? Quota::dormantBytes : Quota::pendingBytes), 0u);
     }
-    sampledOut->flushMessagesWithCompletion({});
-    EXPECT_EQ(sampledOut->reports().tally()[ReportOutcome::delivered], heldReports + 1);
-    EXPECT_EQ(held(Quota::pendingBytes), 0u);
+    flush(*sampledOut);
+    EXPECT_EQ(tallyOf(*sampledOut, ReportOutcome::delivered), heldReports + 1);
+    EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
 }
 
 }  // namespace

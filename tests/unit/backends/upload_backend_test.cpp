@@ -32,36 +32,28 @@ TEST(UploadBackend, NeedsAPostURL) {
     const LogCapture log;
     const BackendRig rig;
     for (const BackendProfile& profile : {BackendProfile(), std::make_shared<const PropertyList>("text"),
-                                          profileOf({}), profileOf({{"post_url", 7}})}) {
-        EXPECT_EQ(
-            UploadBackend::make(rig.services, kTelvoraBackendUploadServer, profile, shared(identityOf(7))),
-            nullptr);
-    }
+                                          profileOf({}), profileOf({{"post_url", 7}})})
+        EXPECT_FALSE(UploadBackend::make(rig.services, "uploadServer", profile, shared(identityOf(7))));
     EXPECT_EQ(log.count("<3>UploadBackend(initWithName): can't resolve upload post URL."), 4U);
 }
 
 TEST(UploadBackend, JudgesTheAnswerByItsTextAlone) {
     const std::string answered =
         "<7>UploadBackend(uploadFileAtPath): sending to |https://up.example/in|, Json output: ";
-    const struct {
-        HttpResult answer;
-        bool removed;
-        std::string line;
-    } cases[] = {
+    const std::tuple<HttpResult, bool, std::string> cases[] = {
         {FakeHttpClient::response(500, "no success"), true, answered + "no success"},
         {FakeHttpClient::response(200, "Success"), false, answered + "Success"},
         {FakeHttpClient::response(200, ""), false, "<3>UploadBackend(uploadFileAtPath): post (null)"},
         {FakeHttpClient::response(200, "\xc0"), true, answered + "(null)"},
-        {FakeHttpClient::failure("no route"), false, "<3>UploadBackend(uploadFileAtPath): post no route"},
-    };
-    for (const auto& test : cases) {
+        {FakeHttpClient::failure("no route"), false, "<3>UploadBackend(uploadFileAtPath): post no route"}};
+    for (const auto& [answer, removed, line] : cases) {
         const LogCapture log;
         UploadRig rig;
-        rig.http.setHandler([&test](const HttpRequest&) { return test.answer; });
+        rig.http.setHandler([&result = answer](const HttpRequest&) { return result; });
         const auto file = rig.directory.write("file", "content");
         EXPECT_TRUE(rig.upload(file));
-        EXPECT_EQ(exists(file), !test.removed);
-        EXPECT_TRUE(log.contains(test.line)) << test.line;
+        EXPECT_EQ(exists(file), !removed);
+        EXPECT_TRUE(log.contains(line)) << line;
     }
 }
 

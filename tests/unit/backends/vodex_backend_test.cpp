@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 
-#include <limits>
 #include <sstream>
 
 #include "backends/vodex_payload.h"
@@ -20,16 +19,15 @@ TEST(VodexBackendTest, ExistsForThreeClientTypes) {
     const auto make = [&rig](int32_t type) {
         return VodexBackend::make(rig.services, kTelvoraBackendVodex, nullptr, shared(identityOf(type)));
     };
+    const std::string line = "VodexBackend(initWithName): ";
     for (const int32_t type : {7, 11, 13})
         EXPECT_NE(make(type), nullptr);
     for (const int32_t type : {-1, 0, 8, 14, 39, 45}) {
         const LogCapture log;
-        const std::string text = std::to_string(type);
+        const std::string of = " for client type " + std::to_string(type);
         EXPECT_EQ(make(type), nullptr);
-        EXPECT_THAT(
-            log.lines(),
-            ElementsAre("<6>VodexBackend(initWithName): Loading Vodex adaptor class for client type " + text,
-                        "<3>VodexBackend(initWithName): No matching bundle found for client type " + text));
+        EXPECT_THAT(log.lines(), ElementsAre("<6>" + line + "Loading Vodex adaptor class" + of,
+                                             "<3>" + line + "No matching bundle found" + of));
     }
 }
 
@@ -51,8 +49,7 @@ TEST(VodexBackendTest, SurvivesFaultyAdaptors) {
         {directory + "createThrows.so", {threw("initWithName"), deaf("(null)")}},
         {directory + "noSend.so", {deaf("<VodexAdaptor>")}},
         {directory + "sendThrows.so", {threw("sendMessage")}},
-        {directory + "destroyThrows.so", {threw("dealloc")}},
-    };
+        {directory + "destroyThrows.so", {threw("dealloc")}}};
     BackendRig rig;
     for (const auto& [path, errors] : cases) {
         const LogCapture log;
@@ -84,15 +81,18 @@ std::string accessed(const PropertyList& list) {
 }
 
 TEST(VodexPayloadTest, ShowsEveryKind) {
-    EXPECT_EQ(accessed(true), "1 1 0 0 0 - 0 1");
-    EXPECT_EQ(accessed(-5), "2 0 -5 0 0 - 0 1");
-    EXPECT_EQ(accessed(std::numeric_limits<uint64_t>::max()), "3 0 0 18446744073709551615 0 - 0 1");
-    EXPECT_EQ(accessed(2.5), "4 0 0 0 2.5 - 0 1");
-    EXPECT_EQ(accessed("text"), "5 0 0 0 0 text 0 1");
-    EXPECT_EQ(accessed(Data{std::string("\0x", 2)}), std::string("6 0 0 0 0 \0x 0 1", 16));
-    EXPECT_EQ(accessed(Date{99.5}), "7 0 0 0 99.5 - 0 1");
-    EXPECT_EQ(accessed(Array{1, "second"}), "8 0 0 0 0 - 2 1");
-    EXPECT_EQ(accessed(Dictionary{{"b", 2}, {"a", "first"}}), "9 0 0 0 0 - 2 1");
+    const std::pair<PropertyList, std::string> cases[] = {
+        {true, "1 1 0 0 0 - 0 1"},
+        {-5, "2 0 -5 0 0 - 0 1"},
+        {UINT64_MAX, "3 0 0 18446744073709551615 0 - 0 1"},
+        {2.5, "4 0 0 0 2.5 - 0 1"},
+        {"text", "5 0 0 0 0 text 0 1"},
+        {Data{std::string("\0x", 2)}, std::string("6 0 0 0 0 \0x 0 1", 16)},
+        {Date{99.5}, "7 0 0 0 99.5 - 0 1"},
+        {Array{1, "second"}, "8 0 0 0 0 - 2 1"},
+        {Dictionary{{"b", 2}, {"a", "first"}}, "9 0 0 0 0 - 2 1"}};
+    for (const auto& [value, expected] : cases)
+        EXPECT_EQ(accessed(value), expected);
 
     const telvora_vodex_host& host = vodexHost();
     const PropertyList list(Dictionary{{"b", Array{1, "second"}}, {"a", "first"}});

@@ -21,9 +21,7 @@ struct DashboardRig : BackendRig {
     }
 
     static Dictionary collectorProfile(const Dictionary& changes = {}) {
-        Dictionary profile{{"ip", "192.0.2.1"}, {"port", 5000}};
-        profile.merge(changes);
-        return profile;
+        return Dictionary::merged({{"ip", "192.0.2.1"}, {"port", 5000}}, Dictionary(changes));
     }
 
     std::shared_ptr<DashboardBackend> makeBackend(const Dictionary& profile,
@@ -49,9 +47,8 @@ struct DashboardRig : BackendRig {
     // The event numbers of the datagrams sent since the last call.
     std::vector<int> takeSent() {
         std::vector<int> numbers;
-        for (const std::string& datagram : std::exchange(network.sent, {})) {
+        for (const std::string& datagram : std::exchange(network.sent, {}))
             numbers.push_back(static_cast<uint8_t>(datagram[60]) << 8 | static_cast<uint8_t>(datagram[61]));
-        }
         return numbers;
     }
 

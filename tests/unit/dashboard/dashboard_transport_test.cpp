@@ -3,6 +3,8 @@
 // Transport of datagrams in virtual time; the last test uses real threads and a real socket.
 #include <gmock/gmock.h>
 
+#include <numeric>
+
 #include "tests/support/udp_peer.h"
 #include "tests/unit/dashboard/dashboard_rig.h"
 
@@ -35,32 +37,25 @@ struct DashboardTransportTest : testing::Test, DashboardRig {
     }
 };
 
-TEST_F(DashboardTransportTest, TheTimerKeepsItsPhaseAndRunsOnlyWhileAPacketWaits) {
-    const auto backend = makeReliable();
-    network.runFor(1234ms);
-    EXPECT_EQ(network.armedTimers, 0u);
-    // Ticks 2, 5, 10 and 19 of those that fall on multiples of 500 ms; the first one is at 1500.
-    EXPECT_THAT(sendTimes(*backend), ElementsAre(0, 766, 2266, 4766, 9266));
-    EXPECT_EQ(network.timerCalls, 20u);
-    EXPECT_EQ(network.armedTimers, 0u);
-}
-
-TEST_F(DashboardTransportTest, LateTicksKeepThePhaseTooAndAnyPeriodWillDo) {
-    const struct {
-        PropertyList period;
-        std::chrono::nanoseconds lateness;
-        std::vector<int64_t> times;
-    } cases[] = {
-        {500, 1h, {0, 1100, 2600, 5100, 9600}},  // as late as they may be
-        {10, 1h, {0, 25, 55, 105, 195}},         // which is less where they would catch up with each other
-        {0, 0s, {0, 2, 5, 10, 19}},
-        {-5, 0s, {0, 2, 5, 10, 19}},
-        {true, 0s, {0, 2, 5, 10, 19}},
-        {std::numeric_limits<int64_t>::max(), 0s, {0}},
-    };
-    for (const auto& [period, lateness, times] : cases) {
+TEST_F(DashboardTransportTest, ResendsAtTicksThatKeepTheirPhaseWhileAPacketWaits) {
+    // The period, how late each tick is, how long after the start the report is, and the times of datagrams.
+    const std::tuple<PropertyList, std::chrono::nanoseconds, std::chrono::nanoseconds, std::vector<int64_t>>
+        cases[] = {
+            // Ticks 2, 5, 10 and 19 of those that fall on multiples of 500 ms; the first one is at 1500.
+            {500, 0s, 1234ms, {0, 766, 2266, 4766, 9266}},
+            {500, 1h, 0s, {0, 1100, 2600, 5100, 9600}},  // as late as they may be
+            {10, 1h, 0s, {0, 25, 55, 105, 195}},  // which is less where they would catch up with each other
+            {0, 0s, 0s, {0, 2, 5, 10, 19}},
+            {-5, 0s, 0s, {0, 2, 5, 10, 19}},
+            {true, 0s, 0s, {0, 2, 5, 10, 19}},
+            {std::numeric_limits<int64_t>::max(), 0s, 0s, {0}}};
+    for (const auto& [period, lateness, start, times] : cases) {
+        const auto backend = makeReliable(period);
         network.lateness = lateness;
-        EXPECT_EQ(sendTimes(*makeReliable(period)), times);
+        network.runFor(start);
+        EXPECT_EQ(network.armedTimers, 0u);
+        EXPECT_EQ(sendTimes(*backend), times);
+        EXPECT_EQ(network.armedTimers, times.size() == 1 ? 1u : 0u);
     }
 }
 
@@ -113,7 +108,7 @@ TEST_F(DashboardTransportTest, ACollectorThatWasAwayGetsQueuedPackets) {
     EXPECT_EQ(network.armedTimers, 0u);
 }
 
-TEST_F(DashboardTransportTest, AcknowledgementsOfEveryLength) {
+TEST_F(DashboardTransportTest, AnAcknowledgementOfAnyLengthCountsForOnePacketOfItsNumber) {
     const auto backend = makeReliable();
     for (const size_t length : {0, 61, 62, 64, 1088, 65507}) {
         send(*backend, 0x01fe);
@@ -123,12 +118,8 @@ TEST_F(DashboardTransportTest, AcknowledgementsOfEveryLength) {
         EXPECT_EQ(network.armedTimers, length < 62 ? 1u : 0u) << length;
         acknowledge(0x01fe);
     }
-}
-
-TEST_F(DashboardTransportTest, TwoPacketsOfOneNumberTakeTwoAcknowledgements) {
-    const auto backend = makeReliable();
-    send(*backend, 7, {{"which", "first"}});
-    send(*backend, 7, {{"which", "second"}});
+    for (const char* which : {"first", "second"})
+        send(*backend, 7, {{"which", which}});
     acknowledge(7);
     takeSent();
     network.runFor(1s);
@@ -144,60 +135,55 @@ TEST_F(DashboardTransportTest, AtMost50PacketsWait) {
         send(*backend, number);
     takeSent();
     network.runFor(1s);
-    const std::vector<int> resent = takeSent();
-    ASSERT_THAT(resent, SizeIs(50));
-    EXPECT_EQ(resent.front(), 11);
-    EXPECT_EQ(resent.back(), 60);
+    std::vector<int> youngest(50);
+    std::iota(youngest.begin(), youngest.end(), 11);
+    EXPECT_EQ(takeSent(), youngest);
 }
 
 TEST_F(DashboardTransportTest, CleanUpClosesOnceNothingWaitsOrTimeIsUp) {
-    const struct {
-        uint16_t queued, acknowledged;
-        std::chrono::milliseconds closed;
-        std::vector<std::string> lines;
-    } cases[] = {{0, 0, 0ms, {}},
-                 {50, 50, 2200ms, {kLastResort, kCleanUp}},  // at the tick after the acknowledgements
-                 {50, 49, 200ms + 9500ms, {kLastResort}}};
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.acknowledged);
+    const std::tuple<uint16_t, uint16_t, std::chrono::milliseconds, std::vector<std::string>> cases[] = {
+        {0, 0, 0ms, {}},
+        {50, 50, 2200ms, {kLastResort, kCleanUp}},  // at the tick after the acknowledgements
+        {50, 49, 200ms + 9500ms, {kLastResort}}};
+    for (const auto& [queued, acknowledged, due, lines] : cases) {
+        SCOPED_TRACE(acknowledged);
         log.clear();
         auto backend = makeReliable();
         network.runFor(1300ms);
-        for (uint16_t number = 1; number <= test.queued; ++number)
+        for (uint16_t number = 1; number <= queued; ++number)
             send(*backend, number);
         std::vector<std::chrono::nanoseconds> closed;
         backend->cleanup([&, start = network.now()] { closed.push_back(network.now() - start); });
         backend.reset();  // as when the session ends
         EXPECT_THAT(closed, IsEmpty());
         network.runFor(2s);
-        for (uint16_t number = 1; number <= test.acknowledged; ++number)
+        for (uint16_t number = 1; number <= acknowledged; ++number)
             acknowledge(number);
         network.runFor(1min);
-        EXPECT_THAT(closed, ElementsAre(test.closed));
+        EXPECT_THAT(closed, ElementsAre(due));
         EXPECT_EQ(network.openSockets, 0u);
         EXPECT_EQ(network.armedTimers, 0u);
-        EXPECT_EQ(log.lines(), test.lines);
+        EXPECT_EQ(log.lines(), lines);
     }
 }
 
-TEST_F(DashboardTransportTest, ReportsAfterCleanUpCauseNoWork) {
-    const auto backend = makeReliable();
-    backend->cleanup();
-    for (uint16_t number = 0; number < 100; ++number)
-        send(*backend, number);
-    backend->cleanup();
-    network.runFor(1min);
-    EXPECT_THAT(network.sent, IsEmpty());
-    EXPECT_EQ(network.timerCalls, 0u);
-}
-
-TEST_F(DashboardTransportTest, ABackendThatGoesWithoutCleanUpIsDrainedToo) {
+TEST_F(DashboardTransportTest, AfterCleanUpReportsCauseNoWorkAndWithoutItABackendIsDrainedToo) {
     auto backend = makeReliable();
     send(*backend, 1);
     backend.reset();
     EXPECT_EQ(network.openSockets, 1u);
     acknowledge(1);
     EXPECT_EQ(network.openSockets, 0u);
+    takeSent();
+
+    backend = makeReliable();
+    backend->cleanup();
+    for (uint16_t number = 0; number < 100; ++number)
+        send(*backend, number);
+    backend->cleanup();
+    network.runFor(1min);
+    EXPECT_THAT(network.sent, IsEmpty());
+    EXPECT_EQ(network.armedTimers, 0u);
 }
 
 TEST_F(DashboardTransportTest, ThePoolMayEndWhilePacketsWait) {

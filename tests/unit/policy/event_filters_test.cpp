@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/digest.h"
+#include "policy/client_entry.h"
 
 namespace telvora {
 namespace {
@@ -23,12 +24,7 @@ TEST(EventFiltersTest, FirstMatchDecides) {
     const Array hostile{"text", Dictionary{}, Dictionary{{"key", 7}, {"action", "remove"}},
                         filter("", "remove"),
                         Dictionary{{"key", "k"}, {"action", "remove"}, {"method", "6"}, {"status", Array{}}}};
-    const struct {
-        const char* what;
-        Array filters;
-        Dictionary record;
-        Dictionary expected;
-    } cases[] = {
+    const std::tuple<const char*, Array, Dictionary, Dictionary> cases[] = {
         {"any status", {filter("rtt", "remove", 5, -1)}, {{"RTT", 1}, {"_method", 5}}, {{"_method", 5}}},
         {"no method counts as 0", {filter("a", "remove", 0, 0)}, {{"a", 1}}, {}},
         {"status", {filter("a", "remove", -1, 2)}, {{"_status", 2}, {"a", 1}}, {{"_status", 2}}},
@@ -42,59 +38,53 @@ TEST(EventFiltersTest, FirstMatchDecides) {
          {}},
         {"letters beyond ASCII", {filter("GRÖSSE", "remove")}, {{"größe", 1}, {"grösse", 2}}, {{"größe", 1}}},
         {"number", {filter("k", "sha256")}, {{"k", 12}}, {{"k", hash12}}},
-        {"hostile", hostile, {{"", 1}, {"_method", 5}, {"k", 1}}, {{"", 1}, {"_method", 5}}},
-    };
-    for (const auto& c : cases) {
+        {"hostile", hostile, {{"", 1}, {"_method", 5}, {"k", 1}}, {{"", 1}, {"_method", 5}}}};
+    for (const auto& [what, list, before, after] : cases) {
         std::vector<EventFilter> filters;
-        createFiltersFromArray(c.filters, filters);
+        createFiltersFromArray(list, filters);
         createFiltersFromArray({}, filters);  // leaves the filters unchanged
-        EXPECT_EQ(filters.size(), c.filters.size());
-        Dictionary record = c.record;
+        Dictionary record = before;
         filterEvent(filters, record);
-        EXPECT_EQ(record, c.expected) << c.what;
+        EXPECT_EQ(record, after) << what;
     }
 }
 
 TEST(EventFiltersTest, MatchesLists) {
-    const struct {
-        const char* list;  // null: absent
-        std::optional<std::string> text;
-        bool whitelist;
-        bool exact;
-        bool contained;
-    } cases[] = {
-        {nullptr, "x", true, true, true},
-        {nullptr, std::nullopt, true, true, true},
-        {nullptr, "x", false, false, false},
-        {"a,b", std::nullopt, true, false, false},
-        {"a,b", std::nullopt, false, true, true},
-        {"a,b", "B", true, true, true},
-        {"net", "network", true, false, true},
-        {"a,NET", "network", false, false, true},
-        {"network", "net", true, false, false},
-        {"x, b", "b", true, false, false},
-        {"x,", "y", true, false, false},
-        {"", "", true, true, false},
-        {"Ä", "ä", true, true, true},
-    };
-    for (const auto& c : cases) {
-        const std::string text = c.list != nullptr ? c.list : "";
-        SCOPED_TRACE(text + " " + c.text.value_or("-"));
-        const StringList list = splitList(c.list != nullptr ? &text : nullptr);
-        EXPECT_EQ(matchExactStringWithList(list, c.text, c.whitelist), c.exact);
-        EXPECT_EQ(matchStringWithList(list, c.text, c.whitelist), c.contained);
+    // The list, the text, whether the list is a whitelist, and whether it has the whole text and a part of
+    // it.
+    using Text = std::optional<std::string>;
+    const std::tuple<Text, Text, bool, bool, bool> cases[] = {{{}, "x", true, true, true},
+                                                              {{}, {}, true, true, true},
+                                                              {{}, "x", false, false, false},
+                                                              {"a,b", {}, true, false, false},
+                                                              {"a,b", {}, false, true, true},
+                                                              {"a,b", "B", true, true, true},
+                                                              {"net", "network", true, false, true},
+                                                              {"a,NET", "network", false, false, true},
+                                                              {"network", "net", true, false, false},
+                                                              {"x, b", "b", true, false, false},
+                                                              {"x,", "y", true, false, false},
+                                                              {"", "", true, true, false},
+                                                              {"Ä", "ä", true, true, true}};
+    for (const auto& [elements, text, isWhitelist, exact, contained] : cases) {
+        SCOPED_TRACE(elements.value_or("-") + " " + text.value_or("-"));
+        const StringList list = splitList(elements ? &*elements : nullptr);
+        EXPECT_EQ(matchExactStringWithList(list, text, isWhitelist), exact);
+        EXPECT_EQ(matchStringWithList(list, text, isWhitelist), contained);
     }
 }
 
+TEST(EventFiltersTest, ACategoryIsHeldByTheNumbersOfAList) {
+    const Array list{Dictionary{}, "5", 7, 65536 + 9};
+    for (const auto& [category, held] :
+         {std::pair<uint16_t, bool>{0, false}, {5, true}, {7, true}, {9, false}})
+        EXPECT_EQ(listHoldsCategory(list, category), held) << category;
+}
+
 TEST(EventFiltersTest, DigestCoversAsManyBytesAsThereAreUtf16Units) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"abc", "abc"},
-        {"", ""},
-        {"äbc", "äb"},           // 3 units of 4 bytes
-        {"😀x", "\xf0\x9f\x98"},  // a surrogate pair counts two
-    };
-    for (const auto& [text, hashed] : cases)
-        EXPECT_EQ(convertIntoSHA256(text), sha256Hex(hashed)) << text;
+    for (const auto& [text, hashed] :
+         {std::pair{"abc", "abc"}, {"", ""}, {"äbc", "äb"}, {"😀x", "\xf0\x9f\x98"}})
+        EXPECT_EQ(convertIntoSHA256(text), sha256Hex(hashed)) << text;  // a surrogate pair counts two
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <cmath>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
@@ -19,6 +18,7 @@
 namespace telvora {
 namespace {
 
+using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -28,7 +28,7 @@ using TelvoradUtil::writeToLogFile;
 constexpr int32_t kNow = 1447660800;
 constexpr const char* kNewName = "telvorad_1447660800_messageLog.diag";
 const std::string kDeleted = "<6>writeToLogFile: Deleted expired telvorad log file ";
-constexpr const char* kDate = "(2015-11-16 08:00:00 +0000) ";
+const std::string kDate = "(2015-11-16 08:00:00 +0000) ";
 
 std::string nameOf(int64_t created) {
     return "telvorad_" + std::to_string(created) + "_messageLog.diag";
@@ -70,8 +70,7 @@ TEST_F(MessageLogTest, TheFirstRecordMakesTheDirectoryAndTheFile) {
     writeToLogFile(log_, "[httpPost -> flushMessages] \xc3\xa9");
     writeToLogFile(log_, "");
     EXPECT_THAT(names(), ElementsAre(kNewName));
-    EXPECT_EQ(content(kNewName),
-              std::string(kDate) + "[httpPost -> flushMessages] \xc3\xa9\n" + kDate + "\n");
+    EXPECT_EQ(content(kNewName), kDate + "[httpPost -> flushMessages] \xc3\xa9\n" + kDate + "\n");
     const std::string line = "<6>writeToLogFile: ", path = pathOf(kNewName);
     EXPECT_THAT(lines_.lines(),
                 ElementsAre(line + "Creating telvorad log directory at " + log_.directory.string(),
@@ -81,25 +80,20 @@ TEST_F(MessageLogTest, TheFirstRecordMakesTheDirectoryAndTheFile) {
 
 TEST_F(MessageLogTest, OnlyTheNewestFileYoungerThanADayIsKept) {
     now_.microseconds = 0;
-    const struct {
-        std::vector<int64_t> ages;  // of the files that are there, in seconds
-        int64_t survivor;           // the age of the file that gets the record: 0 is a new one
-    } cases[] = {
-        {{86400}, 86400}, {{86401}, 0}, {{50, 20}, 20}, {{20, 86401, 30}, 20}, {{-100, 20}, -100},
-    };
-    for (const auto& [ages, age] : cases) {
+    // The ages of the files that are there, in seconds, and of the file that gets the record: 0 is a new one.
+    const std::pair<std::vector<int64_t>, int64_t> cases[] = {
+        {{86400}, 86400}, {{86401}, 0}, {{50, 20}, 20}, {{20, 86401, 30}, 20}, {{-100, 20}, -100}};
+    for (const auto& [ages, kept] : cases) {
         std::filesystem::remove_all(log_.directory);
-        for (const int64_t each : ages)
-            addFile(nameOf(kNow - each));
+        for (const int64_t age : ages)
+            addFile(nameOf(kNow - age));
         lines_.clear();
         writeToLogFile(log_, "m");
-        const std::string survivor = nameOf(kNow - age);
-        EXPECT_THAT(names(), ElementsAre(survivor));
-        EXPECT_EQ(content(survivor), (age ? "old\n" : "") + std::string(kDate) + "m\n");
-        for (const int64_t each : ages) {
-            if (each == age) continue;
-            EXPECT_THAT(lines_.lines(),
-                        Contains(StartsWith(kDeleted + pathOf(nameOf(kNow - each)) + " (20")));
+        EXPECT_THAT(names(), ElementsAre(nameOf(kNow - kept)));
+        EXPECT_EQ(content(nameOf(kNow - kept)), (kept ? "old\n" : "") + kDate + "m\n");
+        for (const int64_t age : ages) {
+            const std::string deleted = kDeleted + pathOf(nameOf(kNow - age)) + " (20";
+            EXPECT_THAT(lines_.lines(), Contains(StartsWith(deleted)).Times(age == kept ? 0 : 1));
         }
     }
 }
@@ -109,8 +103,7 @@ TEST_F(MessageLogTest, OfFilesOfTheSameAgeOrOfUnknownAgeOneIsKept) {
         addFile(nameOf(created));
     created_ = {{nameOf(1), kNow - 5}, {nameOf(2), kNow - 5}, {nameOf(3), std::nullopt}};
     writeToLogFile(log_, "m");
-    EXPECT_EQ(names().size(), 1u);
-    EXPECT_EQ(names().count(nameOf(3)), 0u);
+    EXPECT_THAT(names(), AnyOf(ElementsAre(nameOf(1)), ElementsAre(nameOf(2))));
     EXPECT_TRUE(lines_.contains(kDeleted + pathOf(nameOf(3)) + " ((null))"));
 }
 
@@ -143,22 +136,21 @@ TEST_F(MessageLogTest, WhatOnlyHasTheNameOfALogFileTakesNoRecord) {
     EXPECT_EQ(test::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
     EXPECT_THAT(names(), ElementsAre(kNewName, nameOf(kNow + 5)));
-    EXPECT_EQ(content(kNewName), std::string(kDate) + "m\n");
+    EXPECT_EQ(content(kNewName), kDate + "m\n");
     EXPECT_EQ(newestLogFile(log_), pathOf(kNewName));
 }
 
 TEST_F(MessageLogTest, AMessageIsOneRecordWhateverItsLines) {
     writeToLogFile(log_, "{\n  a\n}\n(2015-11-16 08:00:00 +0000) [forged] x\n(");
-    EXPECT_EQ(content(kNewName),
-              std::string(kDate) + "{\n  a\n}\n (2015-11-16 08:00:00 +0000) [forged] x\n (\n");
+    EXPECT_EQ(content(kNewName), kDate + "{\n  a\n}\n (2015-11-16 08:00:00 +0000) [forged] x\n (\n");
 }
 
 TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
-    constexpr int kRecords = 300;
+    constexpr size_t kRecords = 300;
     const std::string record(3000, 'r');
     const auto writeAll = [&](int32_t clock) {
         now_.seconds = clock;  // each makes a file of its own if it finds none
-        for (int i = 0; i < kRecords; ++i)
+        for (size_t i = 0; i < kRecords; ++i)
             writeToLogFile(log_, record);
     };
     const pid_t other = fork();
@@ -172,17 +164,13 @@ TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
     now_.seconds = kNow + 2;
     writeToLogFile(log_, "last");
     ASSERT_EQ(names().size(), 1u);
-    std::istringstream lines(content(*names().begin()));
-    std::string line, last;
-    int whole = 0;
-    while (std::getline(lines, line)) {
-        if (line.ends_with(") " + record) && line.size() == std::string(kDate).size() + record.size())
-            ++whole;
-        else
-            EXPECT_EQ(std::exchange(last, line), "") << "a record that is not whole";
-    }
-    EXPECT_EQ(last, "(2015-11-16 08:00:02 +0000) last");
-    EXPECT_GE(whole, kRecords);  // all but those of a file that the first records' race has cost
+    const std::string written = content(*names().begin());
+    const size_t length = kDate.size() + record.size() + 1;
+    size_t at = 0;
+    for (; at + length < written.size(); at += length)
+        ASSERT_TRUE(written.substr(at, length).ends_with("+0000) " + record + "\n")) << at;
+    EXPECT_EQ(written.substr(at), "(2015-11-16 08:00:02 +0000) last\n");
+    EXPECT_GE(at / length, kRecords);  // all but those of a file that the first records' race has cost
 }
 
 TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {

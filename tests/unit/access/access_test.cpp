@@ -1,12 +1,47 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "access/upload_admission.h"
-
-#include <gtest/gtest.h>
+//
+// The peer of a connection, and the admission of uploads.
+#include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <vector>
 
+#include "access/peer.h"
+#include "access/upload_admission.h"
+#include "tests/support/bus_peer.h"
+
 namespace telvora {
 namespace {
+
+TEST(Peer, IsWhoMadeTheSocketPair) {
+    const test::SocketPair sockets;
+    const auto peer = readPeer(sockets.ours.get());
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(peer->gid, getegid());
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+    ASSERT_GE(getgroups(static_cast<int>(groups.size()), groups.data()), 0);
+    EXPECT_THAT(peer->groups, testing::UnorderedElementsAreArray(groups));
+    EXPECT_EQ(peer->description(), "pid " + std::to_string(getpid()) + ", uid " + std::to_string(geteuid()));
+
+    EXPECT_FALSE(readPeer(-1));
+    for (const int family : {AF_UNIX, AF_INET})
+        EXPECT_FALSE(readPeer(UniqueFd(socket(family, SOCK_STREAM, 0)).get()));
+}
+
+TEST(Peer, BelongsToTheFirstUnitOfItsControlGroup) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"/system.slice/app.service", "app.service"},
+        {"/system.slice/system-app.slice/app@1.service/sub/group", "app@1.service"},
+        {"/user.slice/user-1000.slice/user@1000.service/app.slice/app.service", "user@1000.service"},
+        {"/user.slice/user-1000.slice/session-1.scope", "session-1.scope"},
+        {"/_cgroup.service", "cgroup.service"},
+        {"/system.slice", ""},
+        {"/lxc/app.service", ""},
+        {"/", ""},
+        {"", ""}};
+    for (const auto& [path, unit] : cases)
+        EXPECT_EQ(unitOfControlGroup(path), unit) << path;
+}
 
 using TicketPtr = std::unique_ptr<UploadAdmission::Ticket>;
 

@@ -1,10 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Values on the wire, and the tables of methods compared with the contracts as published to authors of
+// clients.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
+#include <regex>
 
+#include "protocol/client_session_methods.h"
 #include "protocol/codec.h"
+#include "protocol/method_export.h"
+#include "protocol/status_interface.h"
 #include "tests/support/bus_messages.h"
+#include "tests/support/temporary_directory.h"
 
 namespace telvora {
 namespace {
@@ -23,6 +32,13 @@ class PropertyListCodec : public testing::Test {
         });
     }
 
+    static void expectCarried(const Dictionary& sent) {
+        const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(sent); });
+        ArgumentReader in(*message);
+        EXPECT_EQ(in.dictionary(), sent);
+        EXPECT_TRUE(in.ok()) << in.failure();
+    }
+
     BusMessages messages_;
 };
 
@@ -34,7 +50,7 @@ Dictionary nested(int depth) {
 }
 
 TEST_F(PropertyListCodec, CarriesEveryKindOfValue) {
-    const Dictionary sent{
+    expectCarried({
         {"booleans", Array{true, false}},
         {"integers", Array{0, INT64_MIN, UINT64_MAX}},
         {"reals", Array{-0.1, INFINITY}},
@@ -43,11 +59,7 @@ TEST_F(PropertyListCodec, CarriesEveryKindOfValue) {
         {"date", Date{1447660800.25}},
         {"array", Array{1, "two", 3.5, Array{}, Dictionary{}, Data{"d"}, Date{-1}}},
         {"dictionary", Dictionary{{"", Dictionary{{"k", Array{Array{Array{false}}}}}}}},
-    };
-    const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(sent); });
-    ArgumentReader in(*message);
-    EXPECT_EQ(in.dictionary(), sent);
-    EXPECT_TRUE(in.ok()) << in.failure();
+    });
 }
 
 TEST_F(PropertyListCodec, ReadsEveryIntegerTypeAndTheLastOfEqualKeys) {
@@ -80,16 +92,15 @@ TEST_F(PropertyListCodec, RefusesTypesThatAreNoPropertyList) {
 }
 
 TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstFailureSticks) {
-    const std::string expected = "More than one element where one value or nothing is expected";
-    const auto dictionaries = messages_.make("aa{sv}", 2, 0, 0);
-    ArgumentReader fromDictionaries(*dictionaries);
-    Codec<std::optional<Dictionary>>::read(fromDictionaries);
-    EXPECT_EQ(fromDictionaries.failure(), expected);
-    const auto strings = messages_.make("ass", 2, "a", "b", "next");
-    ArgumentReader fromStrings(*strings);
-    Codec<std::optional<std::string>>::read(fromStrings);
-    EXPECT_EQ(fromStrings.string(), "");
-    EXPECT_EQ(fromStrings.failure(), expected);
+    const auto two = messages_.make("aa{sv}s", 2, 0, 0, "next");
+    const auto one = messages_.make("ass", 2, "a", "b", "next");
+    ArgumentReader dictionaries(*two), strings(*one);
+    Codec<std::optional<Dictionary>>::read(dictionaries);
+    Codec<std::optional<std::string>>::read(strings);
+    for (ArgumentReader* in : {&dictionaries, &strings}) {
+        EXPECT_EQ(in->string(), "");
+        EXPECT_EQ(in->failure(), "More than one element where one value or nothing is expected");
+    }
     for (const bool empty : {false, true}) {
         const auto other = empty ? messages_.make("") : messages_.make("s", "text");
         ArgumentReader in(*other);
@@ -101,15 +112,9 @@ TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstF
 
 TEST_F(PropertyListCodec, BoundsNesting) {
     // Each level of nested() is a dictionary and an array.
-    const Dictionary deepest = nested(kMaxPropertyListDepth / 2);
-    const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(deepest); });
-    ArgumentReader in(*message);
-    EXPECT_EQ(in.dictionary(), deepest);
-    EXPECT_TRUE(in.ok()) << in.failure();
-
-    EXPECT_EQ(
-        written("a{sv}", [](ArgumentWriter& out) { out.dictionary(nested(kMaxPropertyListDepth / 2 + 1)); }),
-        nullptr);
+    expectCarried(nested(kMaxPropertyListDepth / 2));
+    const Dictionary deeper = nested(kMaxPropertyListDepth / 2 + 1);
+    EXPECT_FALSE(written("a{sv}", [&deeper](ArgumentWriter& out) { out.dictionary(deeper); }));
 
     const auto tooDeep = messages_.make([](test::SdBusMessage& body) {
         for (int i = 0; i <= kMaxPropertyListDepth; ++i) {
@@ -133,6 +138,37 @@ TEST_F(PropertyListCodec, RepairsTextThatDBusCantCarry) {
     ArgumentReader in(*message);
     EXPECT_EQ(in.dictionary(), (Dictionary{{"k\ufffd", "a\ufffd\ufffdz"}}));
     EXPECT_EQ(in.string(), "to");
+}
+
+// The interface as a contract writes it.
+std::string contractOf(const BusInterface& interface) {
+    std::string xml = "<interface name=\"" + interface.name() + "\">";
+    for (const BusMethod& method : interface.methods()) {
+        xml += "<method name=\"" + method.name + "\">";
+        for (const auto& [arguments, direction] : {std::pair(method.in, "in"), {method.out, "out"}}) {
+            for (const BusArgument& argument : arguments)
+                xml += "<arg name=\"" + argument.name + "\" type=\"" + argument.type + "\" direction=\"" +
+                       direction + "\"/>";
+        }
+        xml += "</method>";
+    }
+    return xml + "</interface>";
+}
+
+TEST(WireContractTest, EqualsTheTables) {
+    const std::pair<const char*, std::vector<const BusInterface*>> contracts[] = {
+        {"com.zandor.telvorad.xml",
+         {&busInterface<kClientSessionMethods>(), &busInterface<kSandboxExtensionMethods>(),
+          &busInterface<kClientMessageMethods>()}},
+        {"com.zandor.telvorad.Status.xml", {&busInterface<kStatusMethods>()}}};
+    const std::regex layout("<!DOCTYPE[^>]*>|<!--[^]*?-->|\\s*\n\\s*");
+    for (const auto& [name, interfaces] : contracts) {
+        std::string expected = "<node name=\"/com/zandor/telvorad\">";
+        for (const BusInterface* interface : interfaces)
+            expected += contractOf(*interface);
+        const std::string xml = test::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
+        EXPECT_EQ(std::regex_replace(xml, layout, ""), expected + "</node>");
+    }
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "telvora-lab/session_tree.h"
-
 #include <gtest/gtest.h>
+
+#include "telvora-lab/event_json.h"
+#include "telvora-lab/session_tree.h"
 
 namespace telvora::lab {
 namespace {
@@ -18,10 +19,7 @@ std::string drawn(const std::vector<SessionNode>& nodes) {
 }
 
 TEST(SessionTree, IsWhatTheCombinedIDsTell) {
-    const struct {
-        std::vector<PropertyList> ids;
-        const char* tree;
-    } cases[] = {
+    const std::pair<std::vector<PropertyList>, const char*> cases[] = {
         {{}, ""},
         {{"a", "b", "a"}, "a(2) b(1)"},
         {{"a", "a.b", "a.c", "a.b.d"}, "a(1 b(1 d(1)) c(1))"},
@@ -36,6 +34,19 @@ TEST(SessionTree, IsWhatTheCombinedIDsTell) {
         for (const PropertyList& id : ids)
             events.push_back({{"_sessionID", id}});
         EXPECT_EQ(drawn(sessionTree(events)), tree);
+    }
+}
+
+TEST(EventJson, FindsTheNumbersOfEventsAlone) {
+    const std::pair<const char*, std::optional<std::vector<uint64_t>>> cases[] = {
+        {R"({"n": 9, "events": [{"n": 1, "x": {"n": 7}}, {"n": 2}]})", {{1, 2}}},
+        {R"({"events": []})", {{}}},
+        {R"({"other": [{"n": 5}], "events": [{"n": 1}]})", {{1}}},
+        {R"({"events": [{"m": 1}, {"n": -1}, {"n": 3}]})", {{3}}},
+        {R"({"events": [{"n": 1})", std::nullopt}};
+    for (const auto& [json, numbers] : cases) {
+        const auto found = eventNumbers(json, "n");
+        EXPECT_EQ(found ? std::optional(*found) : std::nullopt, numbers) << json;
     }
 }
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "backends/joulemark_backend.h"
-
+//
+// The base class of all backends, and the power log.
 #include <gmock/gmock.h>
 
+#include "backends/joulemark_backend.h"
 #include "platform/power_log.h"
 #include "plist/property_list_format.h"
 #include "tests/support/unix_socket.h"
@@ -10,6 +11,26 @@
 
 namespace telvora::test {
 namespace {
+
+TEST(SelfVersionTest, KeepsThreeComponentsOfEightBits) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"8", "8.0"},      {"8.1.2.3", "8.1.2"}, {"8.0.5", "8.0.5"}, {"300.1", "44.1"},
+        {"8..2", "8.0.2"}, {"", "0.0"},          {"x.y", "0.0"}};
+    for (const auto& [text, version] : cases)
+        EXPECT_EQ(SelfVersion(text).text, version) << text;
+}
+
+std::shared_ptr<JoulemarkBackend> joulemarkOf(const BackendRig& rig) {
+    return JoulemarkBackend::make(rig.services, kTelvoraBackendJoulemark, nullptr, shared(identityOf(1)));
+}
+
+TEST(TelvoraBackendTest, CountsItsMessagesUpToTheWrap) {
+    const BackendRig rig;
+    const auto backend = joulemarkOf(rig);
+    for (int i = 0; i < 65537; ++i)
+        backend->sendMessage({}, {}, 1, 1, SendFlag{});
+    EXPECT_EQ(backend->eventID(), 1);
+}
 
 // A field in the journal's form for any bytes.
 std::string field(const std::string& name, const std::string& value) {
@@ -22,8 +43,7 @@ TEST(JoulemarkBackendTest, WritesOneEntryPerReport) {
     const std::string path = rig.directory.path() / "journal";
     const std::unique_ptr<PowerLog> powerLog = makeJournalPowerLog(path);
     rig.services.powerLog = powerLog.get();
-    const auto backend =
-        JoulemarkBackend::make(rig.services, kTelvoraBackendJoulemark, nullptr, shared(identityOf(1)));
+    const auto backend = joulemarkOf(rig);
     const Dictionary payload{{"event", "old"},       {"a b\xe4", -2},
                              {"a_b_", "one\ntwo=2"}, {"yes", true},
                              {"real", 0.1},          {"data", Data{std::string("\0\xff", 2)}},

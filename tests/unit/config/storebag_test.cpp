@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Signed bags, how they are fetched, and the section that a session gets.
+#include <gmock/gmock.h>
+
 #include "config/storebag_fetcher.h"
-
-#include <gtest/gtest.h>
-
 #include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
 #include "tests/support/temporary_directory.h"
+#include "util/base64.h"
 
 namespace telvora::test {
 namespace {
@@ -16,11 +18,74 @@ using Lines = std::vector<std::string>;
 const std::string kBase = "http://bags.test/b";
 const std::string kFetch = "fetchStorebagWithName: ";
 const std::string kMissing = "<3>" + kFetch + "Signature is missing";
-const std::string kNoProperties = "<3>" + kFetch + "propertyListWithData error not a property list";
+const std::string kNotVerified = "<3>" + kFetch + "Signature can not be verified, 0x";
+const std::string kParseError = "<3>" + kFetch + "propertyListWithData error ";
+const std::string kNoProperties = kParseError + "not a property list";
 const std::string kSelect = "fetchStorebagForEnvironmentAndClientType: ";
 
 const Dictionary kSection{{"httpPost", Dictionary{{"active", true}}}};
 const Dictionary kBag{{"version", "1.2"}, {"release", kSection}};
+
+MATCHER(StartsWithOther, "") {
+    return std::get<0>(arg).starts_with(std::get<1>(arg));
+}
+
+TEST(SignedBag, OpensWhatItsKeySigned) {
+    const std::string key = bagKey().publicKeyToDer();
+    for (const auto format : {PropertyListFormat::xml, PropertyListFormat::binary}) {
+        const std::string document = signBag(serialized(kBag, format), bagKey()).value();
+        EXPECT_EQ(openSignedBag(document, key), kBag);
+        Dictionary outer = *parsePropertyList(document)->getIf<Dictionary>();
+        const std::string* text = outer.string("bag");
+        outer.set("bag", "\n  " + text->substr(0, 5) + "\r\n" + text->substr(5));
+        outer.set("other", 1);
+        EXPECT_EQ(openSignedBag(serialized(outer, PropertyListFormat::binary), key), kBag);
+    }
+    // The longest bag.
+    const std::string start = "<dict><key>k</key><string>", end = "</string></dict>";
+    const std::string longest = start + std::string(kMaxInnerBagBytes - start.size() - end.size(), 'x') + end;
+    EXPECT_TRUE(openSignedBag(signBag(longest, bagKey()).value(), key));
+    EXPECT_FALSE(signBag(longest + " ", bagKey()));
+}
+
+TEST(SignedBag, OpensNothingElse) {
+    const std::string inner = serialized(kBag), list = serialized(Array{1});
+    const std::string key = bagKey().publicKeyToDer(), whole = signedDocument(kBag);
+    const PropertyList signature = base64Encode(bagKey().signSha1(inner));
+    const RsaPrivateKey otherKey = RsaPrivateKey::generate(2048).value();
+    std::string tampered = inner, deep;
+    for (int i = 0; i < 65; ++i)
+        deep = "<array>" + deep + "</array>";
+    tampered[tampered.find("httpPost")] = 'H';
+    const auto document = [](const PropertyList& bag, const PropertyList& signedWith) {
+        return serialized(Dictionary{{"bag", bag}, {"signature", signedWith}});
+    };
+    // The document, the public key, and the beginnings of the lines.
+    const std::tuple<std::string, std::optional<std::string>, Lines> cases[] = {
+        {"", key, {kNoProperties, kMissing}},
+        {"<html>no</html>", key, {kParseError, kMissing}},
+        {list, key, {kMissing}},
+        {serialized(Dictionary{{"bag", base64Encode(inner)}}), key, {kMissing}},
+        {document(base64Encode(inner), 1), key, {kMissing}},
+        {whole, std::nullopt, {}},
+        {whole, "no key", {}},
+        {document(base64Encode(inner), "AAA"), key, {}},
+        {serialized(Dictionary{{"signature", signature}}), key, {}},
+        {document("=", signature), key, {}},
+        {document(base64Encode(tampered), signature), key, {kNotVerified}},
+        {document(base64Encode(inner), ""), key, {kNotVerified}},
+        {document("", signature), key, {kNotVerified}},
+        {signBag(inner, otherKey).value(), key, {kNotVerified}},
+        {signBag(list, bagKey()).value(), key, {}},
+        {signBag("hello", bagKey()).value(), key, {}},
+        {signBag(deep, bagKey()).value(), key, {"<3>" + kFetch + "The bag is over a limit: nested more"}}};
+    for (const auto& [text, publicKey, beginnings] : cases) {
+        SCOPED_TRACE(text);
+        const LogCapture log;
+        EXPECT_EQ(openSignedBag(text, publicKey), std::nullopt);
+        EXPECT_THAT(log.lines(), testing::Pointwise(StartsWithOther(), beginnings));
+    }
+}
 
 // A fetcher whose server answers what `answer` holds.
 struct Fixture {
@@ -106,14 +171,10 @@ TEST(StorebagFetcher, HonoursLastModified) {
     const std::string received = "<7>" + kFetch + "New 'Last-Modified: new' received";
     const std::string unchanged =
         "<7>" + kFetch + "storebag content has not changed. using its cached version";
-    const struct {
-        int status;
-        std::string body;
-        HttpHeaders headers;
-        std::optional<std::string> before, after;
-        bool notChanged, result;
-        Lines log;  // after the line with the URL
-    } cases[] = {
+    using When = std::optional<std::string>;
+    // The answer, the date before and after it, whether it says "not changed", whether it has a bag, and the
+    // lines after that of the URL.
+    const std::tuple<int, std::string, HttpHeaders, When, When, bool, bool, Lines> cases[] = {
         {304, "", dated, "old", "old", true, false, {adding, unchanged}},
         {200, whole, dated, "old", "new", false, true, {adding, received}},
         {200, whole, dated, std::nullopt, "new", false, true, {received}},
@@ -122,20 +183,19 @@ TEST(StorebagFetcher, HonoursLastModified) {
         {200, whole, broken, std::nullopt, std::nullopt, false, true, {}},
         // An empty answer is only unchanged with a date on both sides.
         {200, "", undated, "old", "old", false, false, {adding, kNoProperties, kMissing}},
-        {200, "", dated, std::nullopt, "new", false, false, {received, kNoProperties, kMissing}},
-    };
-    for (const auto& each : cases) {
+        {200, "", dated, std::nullopt, "new", false, false, {received, kNoProperties, kMissing}}};
+    for (const auto& [status, body, headers, before, after, notChanged, hasBag, expected] : cases) {
         Fixture f;
-        f.answer = FakeHttpClient::response(each.status, each.body, each.headers);
-        f.status.lastModified = each.before;
+        f.answer = FakeHttpClient::response(status, body, headers);
+        f.status.lastModified = before;
         const LogCapture log;
-        EXPECT_EQ(f.fetch("orbel").has_value(), each.result);
-        EXPECT_EQ(f.status.notChanged, each.notChanged);
-        EXPECT_EQ(f.status.lastModified, each.after);
-        EXPECT_EQ(headerOf(f.http.requests().at(0), "If-Modified-Since"), each.before.value_or(""));
+        EXPECT_EQ(f.fetch("orbel").has_value(), hasBag);
+        EXPECT_EQ(f.status.notChanged, notChanged);
+        EXPECT_EQ(f.status.lastModified, after);
+        EXPECT_EQ(headerOf(f.http.requests().at(0), "If-Modified-Since"), before.value_or(""));
         Lines lines = log.lines();
         lines.erase(lines.begin());
-        EXPECT_EQ(lines, each.log);
+        EXPECT_EQ(lines, expected);
     }
 }
 
@@ -145,13 +205,11 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     f.status.lastModified = "old";
     const std::string error = "<6>" + kFetch + "Error resolving with lookup server " + kBase;
     const std::string ending = "?version=9.1, sendSynchronousRequest error no route";
-    const Dictionary section{{"vodex", Dictionary{{"active", true}}}};
+    Dictionary builtIn{{"version", "1.0.0-Quillet-Fallback"}, {"refresh_cycle", 3600}};
+    for (const char* section : {"zandor_internal", "development", "release"})
+        builtIn.set(section, Dictionary{{"vodex", Dictionary{{"active", true}}}});
     const LogCapture log;
-    EXPECT_EQ(f.fetch("quillet"), (Dictionary{{"zandor_internal", section},
-                                              {"development", section},
-                                              {"release", section},
-                                              {"version", "1.0.0-Quillet-Fallback"},
-                                              {"refresh_cycle", 3600}}));
+    EXPECT_EQ(f.fetch("quillet"), builtIn);
     EXPECT_TRUE(f.status.builtIn);
     EXPECT_EQ(log.count(error + "/quillet" + ending), 1u);
     EXPECT_EQ(log.lines().back(), "<6>" + kFetch + "Loading default storebag 'quillet'");
@@ -171,13 +229,9 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
     const auto with = [](const char* key, const PropertyList& value) {
         return Dictionary::merged(kBag, {{key, value}});
     };
-    const struct {
-        int environment;
-        Dictionary bag;
-        std::optional<Dictionary> section;
-        int32_t maxAge;
-        Lines log;  // above debug level, after the line of the environment
-    } cases[] = {
+    // The environment, the bag, the section, its age, and the lines above debug level after that of the
+    // environment.
+    const std::tuple<int, Dictionary, std::optional<Dictionary>, int32_t, Lines> cases[] = {
         {4, kBag, kSection, 60, {}},
         {3, with("seed", Dictionary{{"s", 1}}), Dictionary{{"s", 1}}, 60, {}},
         {3, kBag, kSection, 60, {noSeed}},
@@ -187,20 +241,19 @@ TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
         {4, with("release", "x"), std::nullopt, 60, {none + "release environment"}},
         {4, with("refresh_cycle", 100000), kSection, 86400, {age + "86400"}},
         {4, with("refresh_cycle", 600), kSection, 600, {age + "600"}},
-        {4, with("refresh_cycle", -5), kSection, -5, {age + "-5"}},
-    };
-    for (const auto& each : cases) {
-        Fixture f({{"environmentType", each.environment}});
-        f.answer = FakeHttpClient::response(200, signedDocument(each.bag), {{"Cache-Control", "max-age=60"}});
+        {4, with("refresh_cycle", -5), kSection, -5, {age + "-5"}}};
+    for (const auto& [environment, bag, section, maxAge, expected] : cases) {
+        Fixture f({{"environmentType", environment}});
+        f.answer = FakeHttpClient::response(200, signedDocument(bag), {{"Cache-Control", "max-age=60"}});
         f.environment.userDefaultsEnvironment();
         const LogCapture log;
         const FetchedStorebag fetched = f.fetchSection(5);
-        EXPECT_EQ(fetched.section, each.section);
-        EXPECT_EQ(fetched.version, each.section ? std::optional("1.2") : std::nullopt);
-        EXPECT_EQ(fetched.status.maxAge, each.maxAge);
+        EXPECT_EQ(fetched.section, section);
+        EXPECT_EQ(fetched.version, section ? std::optional("1.2") : std::nullopt);
+        EXPECT_EQ(fetched.status.maxAge, maxAge);
         Lines lines = log.lines();
         std::erase_if(lines, [](const std::string& line) { return line.starts_with("<7>"); });
-        EXPECT_EQ(lines, each.log);
+        EXPECT_EQ(lines, expected);
     }
 }
 

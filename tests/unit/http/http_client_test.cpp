@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "http/http_client.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,8 +9,12 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "http/http_client.h"
+#include "http/http_request_rules.h"
+#include "telvora-lab/https_server.h"
+#include "tests/support/environment_variable.h"
 #include "tests/support/scripted_server.h"
+#include "tests/support/temporary_directory.h"
+#include "util/letter_case.h"
 
 namespace telvora {
 namespace {
@@ -18,8 +24,8 @@ using test::ScriptedServer;
 using Connection = ScriptedServer::Connection;
 
 // Numbers of the transfer library that callers may see in a log.
-constexpr int kUnsupported = 1, kRefused = 7, kTruncated = 18, kTimedOut = 28, kBadArgument = 43,
-              kEmptyReply = 52, kTooLong = 63, kTooManyPending = 89;
+constexpr int kUnsupported = 1, kTruncated = 18, kTimedOut = 28, kBadArgument = 43, kEmptyReply = 52,
+              kCertificateRefused = 60, kTooLong = 63, kTooManyPending = 89;
 
 std::future<HttpResult> startIn(HttpClient& client, HttpRequest request) {
     auto promise = std::make_shared<std::promise<HttpResult>>();
@@ -29,6 +35,10 @@ std::future<HttpResult> startIn(HttpClient& client, HttpRequest request) {
 
 int errorCode(const HttpResult& result) {
     return result ? 0 : result.error().code;
+}
+
+int errorAtOnce(std::future<HttpResult> result) {
+    return result.wait_for(0s) == std::future_status::ready ? errorCode(result.get()) : -1;
 }
 
 // Answers every request of a connection with the same text.
@@ -48,10 +58,8 @@ const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 
 TEST(CurlHttpClient, SendsExactlyWhatTheCallerGave) {
     const std::string bigBody(3 << 20, 'x');
-    const struct {
-        HttpRequest request;
-        std::string rest;  // after the line and the host
-    } cases[] = {
+    // The requests, and their rests after the line and the host.
+    const std::pair<HttpRequest, std::string> cases[] = {
         {{.headers = {{"X-B", "2"}, {"If-Modified-Since", "then"}, {"X-Empty", ""}}},
          "X-B: 2\r\nIf-Modified-Since: then\r\nX-Empty:\r\n\r\n"},
         {{.method = "POST", .headers = {{"Content-Type", "a/b"}, {"Content-Length", "9"}}, .body = "{}"},
@@ -74,12 +82,12 @@ TEST(CurlHttpClient, SendsExactlyWhatTheCallerGave) {
     const std::string middle =
         " /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) + "\r\n";
     const auto client = makeCurlHttpClient();
-    for (const auto& each : cases) {
-        HttpRequest request = each.request;
+    for (const auto& [given, rest] : cases) {
+        HttpRequest request = given;
         request.url = server.url("/p?q=1");
         ASSERT_EQ(errorCode(performBlocking(*client, request)), 0);
         const std::lock_guard lock(mutex);
-        EXPECT_TRUE(last == request.method + middle + each.rest) << last.substr(0, 400);
+        EXPECT_TRUE(last == request.method + middle + rest) << last.substr(0, 400);
     }
     EXPECT_EQ(server.connections(), 1u);
 }
@@ -91,45 +99,40 @@ TEST(CurlHttpClient, TakesWholeAnswersAndNoOthers) {
     std::string endlessHeaders = ok;
     for (int i = 0; i < 20000; ++i)
         endlessHeaders += "X-Header-Number: " + std::to_string(i) + "\r\n";
-    const struct {
-        std::string answer;
-        int error, status = 0;
-        std::string body = {};
-    } cases[] = {
-        {ok + "x-a:  2\r\nContent-Length: 3\r\n\r\nabc", 0, 200, "abc"},
-        {ok + "Content-Length: 1000\r\n\r\n" + most, 0, 200, most},
+    // The answer, and its status and body, or the error.
+    const std::tuple<std::string, int, std::string> cases[] = {
+        {ok + "x-a:  2\r\nContent-Length: 3\r\n\r\nabc", 200, "abc"},
+        {ok + "Content-Length: 1000\r\n\r\n" + most, 200, most},
         {"HTTP/1.1 100 Continue\r\nX-A: 0\r\n\r\nHTTP/1.1 201 Created\r\nX-A: 1\r\nContent-Length: 0\r\n\r\n",
-         0, 201, ""},
-        {chunked + "3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", 0, 200, "abcd"},
-        {"HTTP/1.1 304 Not Modified\r\nX-A: 1\r\n\r\n", 0, 304, ""},
-        {"HTTP/1.1 302 Found\r\nX-A: 1\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 1\r\n\r\nr", 0,
-         302, "r"},
-        {"HTTP/1.1 503 Sorry\r\nX-A:1 \r\nContent-Length: 1\r\n\r\ne", 0, 503, "e"},
-        {ok + "Content-Length: 100\r\n\r\nabc", kTruncated},
-        {chunked + "64\r\nabc", kTruncated},
-        {chunked + "3\r\nabc\r\n", kTruncated},  // no last chunk
-        {"", kEmptyReply},
-        {"SSH-2.0-x\r\n\r\n", kUnsupported},
-        {ok + "Content-Length: 1001\r\n\r\nabc", kTooLong},
-        {ok + "\r\n" + most + "x", kTooLong},
-        {endlessHeaders + "\r\n", kTooLong},
-    };
+         201, ""},
+        {chunked + "3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", 200, "abcd"},
+        {"HTTP/1.1 304 Not Modified\r\nX-A: 1\r\n\r\n", 304, ""},
+        {"HTTP/1.1 302 Found\r\nX-A: 1\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 1\r\n\r\nr", 302,
+         "r"},
+        {"HTTP/1.1 503 Sorry\r\nX-A:1 \r\nContent-Length: 1\r\n\r\ne", 503, "e"},
+        {ok + "Content-Length: 100\r\n\r\nabc", kTruncated, ""},
+        {chunked + "64\r\nabc", kTruncated, ""},
+        {chunked + "3\r\nabc\r\n", kTruncated, ""},  // no last chunk
+        {"", kEmptyReply, ""},
+        {"SSH-2.0-x\r\n\r\n", kUnsupported, ""},
+        {ok + "Content-Length: 1001\r\n\r\nabc", kTooLong, ""},
+        {ok + "\r\n" + most + "x", kTooLong, ""},
+        {endlessHeaders + "\r\n", kTooLong, ""}};
     const auto client = makeCurlHttpClient();
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.answer.substr(0, 100));
-        ScriptedServer server([&](Connection& connection) {
-            if (each.error == 0) return answering(each.answer)(connection);
+    for (const auto& [answer, outcome, body] : cases) {
+        SCOPED_TRACE(answer.substr(0, 100));
+        ScriptedServer server([&text = answer, keeps = outcome >= 200](Connection& connection) {
+            if (keeps) return answering(text)(connection);
             connection.readRequest();
-            connection.send(each.answer);
+            connection.send(text);
         });
         for (const bool keep : {true, false}) {
             const HttpResult result = performBlocking(
                 *client, {.url = server.url(), .maxResponseBytes = 1000, .keepResponseBody = keep});
-            ASSERT_EQ(errorCode(result), each.error);
+            ASSERT_EQ(result ? result->status : errorCode(result), outcome);
             EXPECT_FALSE(!result && result.error().description.empty());
             if (!result) continue;
-            EXPECT_EQ(result->status, each.status);
-            EXPECT_EQ(result->body, keep ? each.body : "");
+            EXPECT_EQ(result->body, keep ? body : "");
             EXPECT_EQ(result->header("x-A"), "1");
             EXPECT_EQ(result->header("X-None"), std::nullopt);
         }
@@ -149,15 +152,6 @@ TEST(CurlHttpClient, SendsAgainWhatAKeptConnectionWasClosedUnder) {
     const std::string body(8 << 20, 'x');
     EXPECT_EQ(errorCode(startIn(*client, {.method = "POST", .url = server.url(), .body = body}).get()), 0);
     EXPECT_EQ(connections, 2);
-}
-
-TEST(CurlHttpClient, ReportsARefusedConnectionAndARequestThatCanNotBeSent) {
-    const std::string url = ScriptedServer(hang).url();
-    const auto client = makeCurlHttpClient();
-    EXPECT_EQ(errorCode(performBlocking(*client, {.url = url})), kRefused);
-    std::future<HttpResult> faulty = startIn(*client, {.url = url, .headers = {{"X", "a\nb"}}});
-    ASSERT_EQ(faulty.wait_for(0s), std::future_status::ready);
-    EXPECT_EQ(errorCode(faulty.get()), kBadArgument);
 }
 
 TEST(CurlHttpClient, TimesOutUnderWayAndInLine) {
@@ -187,17 +181,16 @@ TEST(CurlHttpClient, AServerThatHangsDelaysNobodyElse) {
     EXPECT_LE(hanging.connections(), 2u);
 }
 
-TEST(CurlHttpClient, BoundsPendingBytes) {
+TEST(CurlHttpClient, RefusesFaultyRequestsAndBoundsPendingBytes) {
     ScriptedServer server(hang);
     const auto client = makeCurlHttpClient({.maxPendingBytes = 100'000});
     const auto post = [&](size_t bytes) {
         return startIn(*client, {.method = "POST", .url = server.url(), .body = std::string(bytes, 'x')});
     };
-    std::future<HttpResult> tooBig = post(100'001), first = post(40'000), beyondShare = post(10'000);
-    for (auto* refused : {&tooBig, &beyondShare}) {
-        ASSERT_EQ(refused->wait_for(0s), std::future_status::ready);
-        EXPECT_EQ(errorCode(refused->get()), kTooManyPending);
-    }
+    EXPECT_EQ(errorAtOnce(startIn(*client, {.url = server.url(), .headers = {{"X", "a\nb"}}})), kBadArgument);
+    EXPECT_EQ(errorAtOnce(post(100'001)), kTooManyPending);
+    const std::future<HttpResult> first = post(40'000);
+    EXPECT_EQ(errorAtOnce(post(10'000)), kTooManyPending) << "beyond the share of a host";
     EXPECT_EQ(first.wait_for(0s), std::future_status::timeout);
 }
 
@@ -241,6 +234,67 @@ TEST(CurlHttpClient, DestructionCompletesWhatIsLeftAndRefusesMore) {
     client.reset();
     EXPECT_EQ(completed, 100);
     EXPECT_EQ(refused, 100);
+}
+
+TEST(CurlHttpClient, TrustsTheGivenAuthorityAndNoOther) {
+    const test::TemporaryDirectory directory;
+    const auto file = [&directory](const std::string& name) { return (directory.path() / name).string(); };
+    // Certificates that are their own authorities.
+    for (const auto& [name, host] : {std::pair<std::string, std::string>{"right", "IP:127.0.0.1"},
+                                     {"other", "IP:127.0.0.1"},
+                                     {"elsewhere", "DNS:elsewhere.example"}}) {
+        const std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+            " -subj /CN=test -addext subjectAltName=" +
+            host + " -keyout " + file(name + ".key") + " -out " + file(name + ".crt") + " 2>/dev/null";
+        ASSERT_EQ(std::system(command.c_str()), 0);
+    }
+    // The error of a client that trusts `authority`, with a server that has that certificate.
+    const auto errorOf = [&file](const std::string& certificate, const std::string& authority) {
+        const lab::HttpsServer server(file(certificate + ".crt"), file(certificate + ".key"),
+                                      [](const auto&) { return lab::ServerResponse(); });
+        const auto client = makeCurlHttpClient({.caFile = authority});
+        return errorCode(performBlocking(*client, {.url = server.origin() + "/a"}));
+    };
+    EXPECT_EQ(errorOf("right", file("right.crt")), 0);
+    EXPECT_EQ(errorOf("right", file("other.crt")), kCertificateRefused);
+    EXPECT_EQ(errorOf("right", ""), kCertificateRefused);
+    EXPECT_EQ(errorOf("elsewhere", file("elsewhere.crt")), kCertificateRefused);
+    EXPECT_NE(errorOf("right", file("absent.crt")), 0);
+
+    const test::EnvironmentVariable authority("SSL_CERT_FILE", file("right.crt").c_str());
+    EXPECT_EQ(errorOf("right", ""), 0);
+}
+
+TEST(HttpRequestRules, RefusesWhatWouldBreakTheWire) {
+    for (const char* url :
+         {"ftp://host/", "file:///etc/passwd", "host/path", "https:///path", "", "http://host/a b",
+          "http://host/\nX: y", "https://host:99999/", "https://host:-1/", "https://host:1x", "https://:80/",
+          "https://u:p@", "http://[::1/", "http://[::1]x/", "http://[]/", "http://[1.2.3.4]/", "http://a]b/",
+          "http://a:b:80/"})
+        EXPECT_TRUE(faultOfRequest({.url = url}).has_value()) << url;
+    for (const char* url :
+         {"http://host:/", "http://host:65535?x", "http://[::1]", "https://[fe80::1%25eth0]:443/",
+          "https://u:p@host:1/", "http://127.0.0.1#f", "https://\xC3\xA4.example"})
+        EXPECT_EQ(faultOfRequest({.url = url}), std::nullopt) << url;
+    EXPECT_TRUE(faultOfRequest({.method = "GET /", .url = "http://host/"}).has_value());
+    const std::pair<std::string, std::string> headers[] = {
+        {"X", "a\r\nEvil: b"}, {"X", std::string("a\0b", 3)}, {"X: y", "a"}, {"", "a"}};
+    for (const auto& [name, value] : headers)
+        EXPECT_TRUE(faultOfRequest({.url = "http://host/", .headers = {{name, value}}}).has_value()) << name;
+    EXPECT_EQ(
+        faultOfRequest({.method = "POST", .url = "HTTPS://host:1/a?b", .headers = {{"X-Y", "z\t\xC3\xA4"}}}),
+        std::nullopt);
+}
+
+TEST(HttpRequestRules, OriginIsSchemeAndAuthority) {
+    EXPECT_EQ(originOfUrl("https://host:8443/a/b?c=http://d/"), "https://host:8443");
+    EXPECT_EQ(originOfUrl("http://host?x"), "http://host");
+    EXPECT_EQ(originOfUrl("http://[::1]:80"), "http://[::1]:80");
+}
+
+TEST(LetterCase, LowersUtf8AndLeavesOtherBytes) {
+    EXPECT_EQ(lowerCase("\xC3\x84\xD0\x96 X\xFF\xC3"), "\xC3\xA4\xD0\xB6 x\xFF\xC3");
 }
 
 }  // namespace
