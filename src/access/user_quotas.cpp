@@ -55,6 +55,7 @@ struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
     BlockingShare threads;
+    UserTurns turns;
 
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
@@ -256,6 +257,10 @@ LogAdmission* QuotaUser::logAdmission() const {
 
 BlockingShare* QuotaUser::blockingShare() const {
     return share_ ? &share_->threads : nullptr;
+}
+
+std::shared_ptr<UserTurns> QuotaUser::turns() const {
+    return share_ ? std::shared_ptr<UserTurns>(share_, &share_->turns) : nullptr;
 }
 
 // --- All users ---

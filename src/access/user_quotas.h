@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "async/blocking_share.h"
+#include "async/user_turns.h"
 #include "platform/user_defaults.h"
 #include "util/log.h"
 #include "util/mutex.h"
@@ -96,6 +97,8 @@ class QuotaUser {
     // The user's part of the threads that may block; null without a user. Valid as long as any copy of this
     // object.
     BlockingShare* blockingShare() const;
+    // The turns of the user's connections; null without a user.
+    std::shared_ptr<UserTurns> turns() const;
 
   private:
     friend class UserQuotas;

@@ -92,7 +92,16 @@ void BusConnection::receive() {
     const auto received = input_.receive(descriptor_.native_handle());
     if (!received) return end(received.error());
     inputEnded_ = *received == BusInput::Received::end;
+    if (userTurns_) userTurns_->add(input_.lastReadSize());
     turn();
+}
+
+// A busy user's connections wait for each other, and for those of other busy users.
+void BusConnection::receiveInTurn() {
+    if (!userTurns_ || !userTurns_->isBusy()) return receive();
+    UserTurns::queue(userTurns_, strand_, [self = shared_from_this()] {
+        if (self->isOpen()) self->receive();
+    });
 }
 
 void BusConnection::turn() {
@@ -235,7 +244,7 @@ void BusConnection::onReady(Wait wait) {
     if (wait == kHangUp) hungUp_ = true;
     if (state_ == State::halfClosed) return wait == kHangUp ? teardown() : drain();
     if (!isOpen()) return;
-    if (wait == kRead && !readPaused()) return receive();
+    if (wait == kRead && !readPaused()) return receiveInTurn();
     flush();
     if (isOpen()) waitForMore();
 }

@@ -32,6 +32,7 @@
 #include <variant>
 #include <vector>
 
+#include "async/user_turns.h"
 #include "async/work_pool.h"
 #include "bus/authentication.h"
 #include "bus/bus_input.h"
@@ -124,6 +125,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // Passes the calls to `interface` at `path` to `handler`. Before start(). Both outlive the connection.
     void exportInterface(const char* path, const BusInterface& interface, BusCallHandler handler);
 
+    // The turns of the peer's user; null: none are counted. Before start().
+    void setUserTurns(std::shared_ptr<UserTurns> turns) { userTurns_ = std::move(turns); }
     // See BusInput::onKept(). A refusal ends the connection. Before start().
     void onInputKept(std::function<bool(size_t bytes)> mayKeep) { input_.onKept(std::move(mayKeep)); }
     // `uncongested` runs each time the output stops being congested. Before start().
@@ -182,6 +185,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     // bus_connection.cpp: the turns of the strand and the end of the connection.
     void begin();
     void receive();
+    void receiveInTurn();
     void turn();
     bool authenticate();
     bool handleMessages();
@@ -241,6 +245,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::string authenticationOutput_;
     bool passesDescriptors_ = false;
 
+    std::shared_ptr<UserTurns> userTurns_;
     BusInput input_;
     BusOutput output_;
     uint32_t lastSerial_ = 0;

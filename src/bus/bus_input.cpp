@@ -59,6 +59,7 @@ tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
     const ssize_t received = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     const int error = errno;
     const size_t size = received > 0 ? static_cast<size_t>(received) : 0;
+    lastReadSize_ = size;
     if (before != 0) kept_.resize(before + size);
     rest_ = before != 0 ? std::string_view(kept_) : std::string_view(target, size);
     if (received < 0) {

@@ -36,6 +36,8 @@ class BusInput {
     // Between receive() and keepRest() the strand must not leave the thread.
     tl::expected<Received, std::string> receive(int socket);
 
+    // Of the last receive(), in bytes.
+    size_t lastReadSize() const { return lastReadSize_; }
     // The bytes that were received and not taken.
     std::string_view bytes() const { return rest_; }
     void take(size_t size) { rest_.remove_prefix(size); }
@@ -57,6 +59,7 @@ class BusInput {
     const size_t messageSize_;
     const std::shared_ptr<FdCloser> closer_;
     std::string kept_;  // between turns
+    size_t lastReadSize_ = 0;
     size_t admittedSize_ = 0;
     std::function<bool(size_t)> mayKeep_;
     std::string_view rest_;  // of kept_, or of the thread's buffer

@@ -122,6 +122,7 @@ void BusClientConnection::begin() {
     };
     if (mayHandle_) bus->onAdmission([self = shared_from_this()] { return self->mayHandleCall(); });
     bus->onInputKept([self = shared_from_this()](size_t bytes) { return self->mayKeepInput(bytes); });
+    bus->setUserTurns(user_.turns());
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "async/user_turns.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -85,6 +86,25 @@ TEST(WorkPool, AUserWhoseWorkBlocksAShareOfTheThreadsMustWait) {
     for (auto& one : all)
         one.wait();
     EXPECT_TRUE(share.mayStart([] {}));
+}
+
+TEST(WorkPool, BusyUsersTakeTurnsBehindTheInputOfOthers) {
+    WorkPool pool(1);
+    const auto busy = std::make_shared<UserTurns>(), other = std::make_shared<UserTurns>();
+    EXPECT_FALSE(busy->isBusy());
+    busy->add(UserTurns::kBusyBytes + 1);
+    EXPECT_TRUE(busy->isBusy());
+    std::string order;
+    std::promise<void> done;
+    postTo(pool, [&] {
+        for (const char turn : {'1', '2', '3'})
+            UserTurns::queue(busy, pool.makeStrand(), [&order, turn] { order += turn; });
+        UserTurns::queue(other, pool.makeStrand(), [&order] { order += 'o'; });
+        asio::post(pool.makeStrand(), [&order] { order += 'i'; });
+        UserTurns::queue(busy, pool.makeStrand(), [&done] { done.set_value(); });
+    });
+    done.get_future().wait();
+    EXPECT_EQ(order, "i1o23");
 }
 
 TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {

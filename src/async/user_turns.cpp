@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "async/user_turns.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <asio/execution_context.hpp>
+#include <asio/post.hpp>
+#include <deque>
+#include <utility>
+
+#include "util/mutex.h"
+
+namespace telvora {
+
+namespace {
+
+uint64_t milliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+// The turns that wait in one event loop. asio makes one for each loop, and destroys it with the loop.
+class TurnQueue final : public asio::execution_context::service {
+  public:
+    using key_type = TurnQueue;
+    static asio::execution_context::id id;
+
+    explicit TurnQueue(asio::execution_context& loop)
+        : service(loop), loop_(static_cast<asio::io_context&>(loop)) {}
+
+    void add(const std::shared_ptr<UserTurns>& user, Strand strand, std::function<void()> turn)
+        TELVORA_EXCLUDES(lock_) {
+        const MutexLock lock(lock_);
+        auto found = std::find_if(users_.begin(), users_.end(),
+                                  [&](const Waiting& waiting) { return waiting.user == user; });
+        if (found == users_.end()) found = users_.insert(users_.end(), {user, {}});
+        found->turns.emplace_back(std::move(strand), std::move(turn));
+        if (!std::exchange(running_, true)) postNext();
+    }
+
+  private:
+    struct Waiting {
+        std::shared_ptr<UserTurns> user;
+        std::deque<std::pair<Strand, std::function<void()>>> turns;
+    };
+
+    void shutdown() override {
+        const MutexLock lock(lock_);
+        users_.clear();
+    }
+    void postNext() TELVORA_REQUIRES(lock_) {
+        asio::post(loop_, [this] { runNext(); });
+    }
+    // The loop handles other input between two turns.
+    void runNext() TELVORA_EXCLUDES(lock_) {
+        const MutexLock lock(lock_);
+        if (users_.empty()) {
+            running_ = false;
+            return;
+        }
+        Waiting next = std::move(users_.front());
+        users_.pop_front();
+        asio::post(next.turns.front().first, std::move(next.turns.front().second));
+        next.turns.pop_front();
+        if (!next.turns.empty()) users_.push_back(std::move(next));
+        postNext();
+    }
+
+    asio::io_context& loop_;
+    Mutex lock_;
+    std::deque<Waiting> users_ TELVORA_GUARDED_BY(lock_);  // each with turns
+    bool running_ TELVORA_GUARDED_BY(lock_) = false;
+};
+
+asio::execution_context::id TurnQueue::id;
+
+}  // namespace
+
+void UserTurns::add(size_t bytes) {
+    const uint64_t now = milliseconds();
+    if (now - windowStart_.load(std::memory_order_relaxed) <= kWindowMilliseconds) {
+        bytes_.fetch_add(bytes, std::memory_order_relaxed);
+        return;
+    }
+    // A window that is cut off does not make a busy user idle.
+    bytes_.store(isBusy() ? kBusyBytes + bytes : bytes, std::memory_order_relaxed);
+    windowStart_.store(now, std::memory_order_relaxed);
+}
+
+bool UserTurns::isBusy() const {
+    return bytes_.load(std::memory_order_relaxed) > kBusyBytes &&
+           milliseconds() - windowStart_.load(std::memory_order_relaxed) <= 2 * kWindowMilliseconds;
+}
+
+void UserTurns::queue(const std::shared_ptr<UserTurns>& user, const Strand& strand,
+                      std::function<void()> turn) {
+    asio::use_service<TurnQueue>(strand.get_inner_executor().context()).add(user, strand, std::move(turn));
+}
+
+}  // namespace telvora
