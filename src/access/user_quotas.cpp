@@ -51,6 +51,7 @@ struct OwnErrorLines {
 struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
+    uid_t user() const { return user_; }
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
     // `client` is guarded by this object's lock.
@@ -247,6 +248,10 @@ bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& charge) const {
 
 LogAdmission* QuotaUser::logAdmission() const {
     return log_.get();
+}
+
+std::optional<uid_t> QuotaUser::uid() const {
+    return share_ ? std::optional(share_->user()) : std::nullopt;
 }
 
 // --- All users ---

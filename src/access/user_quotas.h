@@ -25,6 +25,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/user_defaults.h"
@@ -90,6 +91,8 @@ class QuotaUser {
     // user's other clients can use up the user's quota, but not the errors and warnings that each client has
     // besides.
     LogAdmission* logAdmission() const;
+    // The user's number, if there is a user.
+    std::optional<uid_t> uid() const;
 
   private:
     friend class UserQuotas;

@@ -52,6 +52,8 @@ ReportOutcome DashboardBackend::postLogData(const Array& records) {
     HttpRequest request;
     request.method = "POST";
     request.url = *postURL_;
+    request.purpose = HttpPurpose::upload;
+    request.user = user_.uid();
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(*archive);
     std::optional<std::string> reason;

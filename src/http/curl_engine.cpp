@@ -11,7 +11,7 @@ namespace telvora {
 
 namespace {
 
-// The most exchanges with a server that carries them over one connection.
+// For servers that carry many exchanges over one connection.
 constexpr size_t kMaxStreamsPerServer = 32;
 // A body prolongs its exchange by its time at this rate.
 constexpr uint64_t kLeastBodyBytesPerSecond = 16 << 10;
@@ -22,7 +22,6 @@ std::chrono::milliseconds timeLimit(const HttpRequest& request, const CurlHttpCl
            std::chrono::milliseconds(request.body.size() * 1000 / kLeastBodyBytesPerSecond);
 }
 
-// A request that has left no line was not sent.
 HttpResult timedOut(const HttpExchange& exchange) {
     const std::string limit = std::to_string(exchange.limit.count()) + " ms";
     if (exchange.carrier != nullptr) {
@@ -37,8 +36,7 @@ HttpResult timedOut(const HttpExchange& exchange) {
 std::unique_ptr<CurlEngine> CurlEngine::make(const CurlLibrary& curl, const CurlHttpClientOptions& options) {
     CURLM* multi = curl.multiInit();
     if (multi == nullptr) return nullptr;
-    // Room for all exchanges that the queues let start: a wait inside libcurl would have no turns and no
-    // shares.
+    // Room for all exchanges that the queues let start: those that wait inside libcurl take no turns.
     const long connections = static_cast<long>(options.maxConnections + options.maxBagConnections);
     curl.multiSetopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, connections);
     curl.multiSetopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
@@ -80,7 +78,7 @@ std::vector<CurlEngine::Finished> CurlEngine::abandon(CURLcode code) {
     }
     for (ExchangeQueue* queue : {&bags_, &others_}) {
         while (const HttpExchange* exchange = queue->anyWaiting())
-            finishWaiting(queue->remove(*exchange), failure(code));
+            addFinished(queue->remove(*exchange), failure(code));
     }
     return std::exchange(finished_, {});
 }
@@ -105,7 +103,7 @@ void CurlEngine::begin(std::unique_ptr<HttpExchange> exchange) {
     CurlTransfer* transfer = freeTransfer();
     if (transfer == nullptr) {
         queueOf(*exchange).release(*exchange);
-        finishWaiting(std::move(exchange), failure(CURLE_OUT_OF_MEMORY));
+        addFinished(std::move(exchange), failure(CURLE_OUT_OF_MEMORY));
         return;
     }
     if (!exchange->hasTimeout()) setDeadline(*exchange, timeLimit(exchange->request, options_));
@@ -153,11 +151,11 @@ void CurlEngine::finish(CurlTransfer& transfer, HttpResult result) {
     std::unique_ptr<HttpExchange> exchange = transfer.release();
     freeTransfers_.push_back(&transfer);
     queue.release(*exchange);
-    finishWaiting(std::move(exchange), std::move(result));
+    addFinished(std::move(exchange), std::move(result));
 }
 
-// Ends an exchange that its queue no longer has.
-void CurlEngine::finishWaiting(std::unique_ptr<HttpExchange> exchange, HttpResult result) {
+// Ends an exchange that has left its queue.
+void CurlEngine::addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result) {
     deadlines_.erase({exchange->deadline, exchange.get()});
     finished_.push_back({std::move(exchange), std::move(result)});
 }
@@ -180,7 +178,7 @@ void CurlEngine::expire() {
         if (exchange.carrier != nullptr) {
             finish(*exchange.carrier, timedOut(exchange));
         } else {
-            finishWaiting(queueOf(exchange).remove(exchange), timedOut(exchange));
+            addFinished(queueOf(exchange).remove(exchange), timedOut(exchange));
         }
     }
 }

@@ -66,7 +66,7 @@ class CurlEngine {
     CurlTransfer* freeTransfer();
     bool startAgain(CurlTransfer& transfer, CURLcode code);
     void finish(CurlTransfer& transfer, HttpResult result);
-    void finishWaiting(std::unique_ptr<HttpExchange> exchange, HttpResult result);
+    void addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result);
     HttpResult failure(CURLcode code) const;
     void collectEnded();
     void setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit);

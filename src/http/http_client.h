@@ -31,8 +31,7 @@ struct HttpRequest {
     HttpHeaders headers = {};
     std::string body = {};
     HttpPurpose purpose = HttpPurpose::report;
-    // The user who gets the share of connections and of pending requests. All requests without a user have
-    // one share.
+    // Has a share of the connections and of the pending requests. All requests without a user share one.
     std::optional<uid_t> user = std::nullopt;
     // For the whole exchange, its wait in line included; at most a day. std::nullopt: the limits of the
     // purpose (CurlHttpClientOptions).
