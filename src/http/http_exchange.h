@@ -17,9 +17,9 @@ struct ExchangeLine;
 struct HttpExchange {
     HttpRequest request;
     HttpClient::Completion completion;
-    std::string server;               // serverOfUrl() of the request
-    size_t cost = 0;                  // in pending bytes
-    std::chrono::milliseconds limit;  // of the exchange, or of its wait in line if it has no timeout
+    std::string server;                 // serverOfUrl() of the request
+    size_t cost = 0;                    // in pending bytes
+    std::chrono::milliseconds limit{};  // of the exchange, or of its wait in line if it has no timeout
     std::chrono::steady_clock::time_point deadline;  // the end of that time
     ExchangeLine* line = nullptr;                    // of the queue that it is in
     CurlTransfer* carrier = nullptr;                 // null while it waits
