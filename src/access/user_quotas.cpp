@@ -57,6 +57,7 @@ struct UserShare {
     BlockingShare threads;
     UserTurns turns;
 
+    uid_t user() const { return user_; }
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
     // `client` is guarded by this object's lock.
@@ -261,6 +262,10 @@ BlockingShare* QuotaUser::blockingShare() const {
 
 std::shared_ptr<UserTurns> QuotaUser::turns() const {
     return share_ ? std::shared_ptr<UserTurns>(share_, &share_->turns) : nullptr;
+}
+
+std::optional<uid_t> QuotaUser::uid() const {
+    return share_ ? std::optional(share_->user()) : std::nullopt;
 }
 
 // --- All users ---

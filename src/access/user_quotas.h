@@ -25,6 +25,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "async/blocking_share.h"
@@ -99,6 +100,8 @@ class QuotaUser {
     BlockingShare* blockingShare() const;
     // The turns of the user's connections; null without a user.
     std::shared_ptr<UserTurns> turns() const;
+    // The user's number, if there is a user.
+    std::optional<uid_t> uid() const;
 
   private:
     friend class UserQuotas;

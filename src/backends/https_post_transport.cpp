@@ -78,6 +78,7 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     HttpRequest request;
     request.method = "POST";
     request.url = url;
+    request.user = user_.uid();
     request.keepResponseBody = false;
     request.headers.reserve(10);
     const auto add = [&request](const char* name, std::string value) {

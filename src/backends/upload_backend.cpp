@@ -161,6 +161,8 @@ void UploadBackend::finish(Transfer& transfer, const Outcome& outcome) {
 std::optional<HttpRequest> UploadBackend::createRequest(const std::string& path, std::string body) const {
     HttpRequest request;
     request.method = "POST";
+    request.purpose = HttpPurpose::upload;
+    request.user = user_.uid();
     request.url =
         uploadURL_ + "?uuid=" + identity_->udid.data() + "&sequence=" + std::to_string(identity_->sessionID) +
         "&description=" + percentEncodedForQuery(kDescription) + "%20(Uploaded%20by%20PLS)&filename=" +

@@ -53,6 +53,7 @@ int32_t maxAgeOf(const HttpResponse& response) {
 HttpRequest makeRequest(std::string url, const std::optional<std::string>& lastModified) {
     HttpRequest request;
     request.url = std::move(url);
+    request.purpose = HttpPurpose::bag;
     request.timeout = kTimeout;
     request.maxResponseBytes = kMaxBagBytes;
     if (lastModified) {

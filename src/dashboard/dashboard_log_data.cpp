@@ -46,6 +46,8 @@ void DashboardBackend::uploadLogData(const Array& records, const Perform& perfor
     HttpRequest request;
     request.method = "POST";
     request.url = *postURL_;
+    request.purpose = HttpPurpose::upload;
+    request.user = user_.uid();
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(*archive);
     auto self = std::static_pointer_cast<DashboardBackend>(shared_from_this());

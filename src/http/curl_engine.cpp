@@ -11,18 +11,37 @@ namespace telvora {
 
 namespace {
 
-// As many share a connection over HTTP/2; more would wait inside libcurl instead of in line.
-constexpr size_t kMaxUnderWayPerSecureOrigin = 32;
-constexpr size_t kMaxUnderWay = 192;
+// For servers that carry many exchanges over one connection.
+constexpr size_t kMaxStreamsPerServer = 32;
+// A body prolongs its exchange by its time at this rate.
+constexpr uint64_t kLeastBodyBytesPerSecond = 16 << 10;
+
+std::chrono::milliseconds timeLimit(const HttpRequest& request, const CurlHttpClientOptions& options) {
+    const bool isUpload = request.purpose == HttpPurpose::upload;
+    return (isUpload ? options.maxUploadTime : options.maxReportTime) +
+           std::chrono::milliseconds(request.body.size() * 1000 / kLeastBodyBytesPerSecond);
+}
+
+HttpResult timedOut(const HttpExchange& exchange) {
+    const std::string limit = std::to_string(exchange.limit.count()) + " ms";
+    if (exchange.carrier != nullptr) {
+        return tl::unexpected(makeHttpError(CURLE_OPERATION_TIMEDOUT, "no complete answer within " + limit));
+    }
+    return tl::unexpected(HttpError{CURLE_OPERATION_TIMEDOUT, "no connection was free within " + limit,
+                                    HttpError::Kind::tooManyPending});
+}
 
 }  // namespace
 
 std::unique_ptr<CurlEngine> CurlEngine::make(const CurlLibrary& curl, const CurlHttpClientOptions& options) {
     CURLM* multi = curl.multiInit();
     if (multi == nullptr) return nullptr;
-    curl.multiSetopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, options.maxConnections);
-    curl.multiSetopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.maxConnectionsPerHost);
-    curl.multiSetopt(multi, CURLMOPT_MAXCONNECTS, options.maxConnections);
+    // Room for all exchanges that the queues let start: those that wait inside libcurl take no turns.
+    const long connections = static_cast<long>(options.maxConnections + options.maxBagConnections);
+    curl.multiSetopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, connections);
+    curl.multiSetopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                     static_cast<long>(2 * options.maxConnectionsPerHost));
+    curl.multiSetopt(multi, CURLMOPT_MAXCONNECTS, connections);
     curl.multiSetopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
     return std::unique_ptr<CurlEngine>(new CurlEngine(curl, options, multi));
 }
@@ -36,14 +55,8 @@ CurlEngine::~CurlEngine() {
 }
 
 void CurlEngine::add(std::unique_ptr<HttpExchange> exchange) {
-    Line& line = lines_[exchange->origin];
-    if (line.limit == 0) {
-        line.limit = isSecureUrl(exchange->origin) ? kMaxUnderWayPerSecureOrigin
-                                                   : static_cast<size_t>(options_.maxConnectionsPerHost);
-    }
     deadlines_.emplace(exchange->deadline, exchange.get());
-    line.waiting.push_back(std::move(exchange));
-    queueTurn(line);
+    queueOf(*exchange).add(std::move(exchange));
 }
 
 std::vector<CurlEngine::Finished> CurlEngine::perform() {
@@ -56,20 +69,17 @@ std::vector<CurlEngine::Finished> CurlEngine::perform() {
         return abandon(CURLE_FAILED_INIT);
     }
     collectEnded();
-    dropEmptyLines();
     return std::exchange(finished_, {});
 }
 
 std::vector<CurlEngine::Finished> CurlEngine::abandon(CURLcode code) {
     for (const auto& transfer : transfers_) {
-        if (transfer->exchange() != nullptr) finish(*transfer, code);
+        if (transfer->exchange() != nullptr) finish(*transfer, transfer->end(code));
     }
-    for (auto& [origin, line] : lines_) {
-        for (auto& exchange : line.waiting)
-            finishWaiting(std::move(exchange), code);
+    for (ExchangeQueue* queue : {&bags_, &others_}) {
+        while (const HttpExchange* exchange = queue->anyWaiting())
+            addFinished(queue->remove(*exchange), failure(code));
     }
-    turns_.clear();
-    lines_.clear();
     return std::exchange(finished_, {});
 }
 
@@ -82,37 +92,26 @@ void CurlEngine::wait(std::chrono::milliseconds limit) {
     curl_.multiPoll(multi_, nullptr, 0, static_cast<int>(milliseconds), nullptr);
 }
 
-void CurlEngine::queueTurn(Line& line) {
-    if (line.inTurn || line.waiting.empty() || line.underWay >= line.limit) return;
-    turns_.push_back(&line);
-    line.inTurn = true;
-}
-
 void CurlEngine::startWaiting() {
-    while (!turns_.empty() && underWay() < kMaxUnderWay) {
-        Line& line = *turns_.front();
-        turns_.pop_front();
-        line.inTurn = false;
-        begin(line);
-        queueTurn(line);
+    for (ExchangeQueue* queue : {&bags_, &others_}) {
+        while (std::unique_ptr<HttpExchange> exchange = queue->takeNext())
+            begin(std::move(exchange));
     }
 }
 
-void CurlEngine::begin(Line& line) {
-    std::unique_ptr<HttpExchange> exchange = std::move(line.waiting.front());
-    line.waiting.pop_front();
+void CurlEngine::begin(std::unique_ptr<HttpExchange> exchange) {
     CurlTransfer* transfer = freeTransfer();
     if (transfer == nullptr) {
-        finishWaiting(std::move(exchange), CURLE_OUT_OF_MEMORY);
+        queueOf(*exchange).release(*exchange);
+        addFinished(std::move(exchange), failure(CURLE_OUT_OF_MEMORY));
         return;
     }
-    if (!exchange->hasTimeout()) deadlines_.erase({exchange->deadline, exchange.get()});
-    ++line.underWay;
+    if (!exchange->hasTimeout()) setDeadline(*exchange, timeLimit(exchange->request, options_));
     CURLcode code = transfer->begin(std::move(exchange));
     if (code == CURLE_OK && curl_.multiAddHandle(multi_, transfer->handle()) != CURLM_OK) {
         code = CURLE_OUT_OF_MEMORY;
     }
-    if (code != CURLE_OK) finish(*transfer, code);
+    if (code != CURLE_OK) finish(*transfer, transfer->end(code));
 }
 
 // Takes a transfer from the free ones; null if there is no memory for another.
@@ -134,7 +133,7 @@ void CurlEngine::collectEnded() {
         if (message->msg == CURLMSG_DONE) {
             const CURLcode code = message->data.result;  // the message ends with the handle's removal
             CurlTransfer& transfer = CurlTransfer::of(curl_, message->easy_handle);
-            if (!startAgain(transfer, code)) finish(transfer, code);
+            if (!startAgain(transfer, code)) finish(transfer, transfer.end(code));
         }
     }
 }
@@ -145,55 +144,42 @@ bool CurlEngine::startAgain(CurlTransfer& transfer, CURLcode code) {
     return curl_.multiAddHandle(multi_, transfer.handle()) == CURLM_OK;
 }
 
-void CurlEngine::finish(CurlTransfer& transfer, CURLcode code) {
+void CurlEngine::finish(CurlTransfer& transfer, HttpResult result) {
+    ExchangeQueue& queue = queueOf(*transfer.exchange());
+    if (result && transfer.isMultiplexed()) queue.extendServer(*transfer.exchange(), kMaxStreamsPerServer);
     curl_.multiRemoveHandle(multi_, transfer.handle());
-    HttpResult result = transfer.end(code);
     std::unique_ptr<HttpExchange> exchange = transfer.release();
     freeTransfers_.push_back(&transfer);
+    queue.release(*exchange);
+    addFinished(std::move(exchange), std::move(result));
+}
 
+// Ends an exchange that has left its queue.
+void CurlEngine::addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result) {
     deadlines_.erase({exchange->deadline, exchange.get()});
-    Line& line = lines_.at(exchange->origin);
-    --line.underWay;
-    queueTurn(line);
     finished_.push_back({std::move(exchange), std::move(result)});
 }
 
-// Ends an exchange that has already left its line.
-void CurlEngine::finishWaiting(std::unique_ptr<HttpExchange> exchange, CURLcode code) {
-    deadlines_.erase({exchange->deadline, exchange.get()});
-    finished_.push_back({std::move(exchange), tl::unexpected(makeHttpError(code, curl_.easyStrerror(code)))});
+HttpResult CurlEngine::failure(CURLcode code) const {
+    return tl::unexpected(makeHttpError(code, curl_.easyStrerror(code)));
+}
+
+void CurlEngine::setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit) {
+    deadlines_.erase({exchange.deadline, &exchange});
+    exchange.limit = limit;
+    exchange.deadline = std::chrono::steady_clock::now() + limit;
+    deadlines_.emplace(exchange.deadline, &exchange);
 }
 
 void CurlEngine::expire() {
     const TimePoint now = std::chrono::steady_clock::now();
     while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
-        HttpExchange& exchange = *deadlines_.begin()->second;
+        const HttpExchange& exchange = *deadlines_.begin()->second;
         if (exchange.carrier != nullptr) {
-            finish(*exchange.carrier, CURLE_OPERATION_TIMEDOUT);
+            finish(*exchange.carrier, timedOut(exchange));
         } else {
-            finishWaiting(takeOutOfLine(exchange), CURLE_OPERATION_TIMEDOUT);
+            addFinished(queueOf(exchange).remove(exchange), timedOut(exchange));
         }
-    }
-}
-
-std::unique_ptr<HttpExchange> CurlEngine::takeOutOfLine(const HttpExchange& exchange) {
-    Line& line = lines_.at(exchange.origin);
-    const auto place = std::find_if(line.waiting.begin(), line.waiting.end(),
-                                    [&](const auto& waiting) { return waiting.get() == &exchange; });
-    std::unique_ptr<HttpExchange> taken = std::move(*place);
-    line.waiting.erase(place);
-    if (line.waiting.empty() && line.inTurn) {
-        std::erase(turns_, &line);
-        line.inTurn = false;
-    }
-    return taken;
-}
-
-// Only a line that an exchange has just left can be empty.
-void CurlEngine::dropEmptyLines() {
-    for (const Finished& finished : finished_) {
-        const auto at = lines_.find(finished.exchange->origin);
-        if (at != lines_.end() && at->second.underWay == 0 && at->second.waiting.empty()) lines_.erase(at);
     }
 }
 

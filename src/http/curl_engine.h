@@ -2,22 +2,20 @@
 //
 // The active and the waiting exchanges, on one libcurl multi handle. Belongs to one thread, except wake().
 //
-// Exchanges wait in a line per origin, and origins take turns, so that a server that hangs fills only its own
-// line. An exchange without a timeout of its own may wait in line for a minute; the timeout of another covers
-// its wait and its transfer together. These deadlines are kept here because libcurl's clock does not run
-// while a transfer waits for a connection.
+// An exchange without a timeout of its own may wait in line for some time, and then take the time of its
+// purpose; the timeout of another covers its wait and its transfer together. These deadlines are kept here
+// because libcurl's clock does not run while a transfer waits for a connection.
 #pragma once
 
 #include <chrono>
-#include <deque>
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "http/curl_transfer.h"
+#include "http/exchange_queue.h"
 
 namespace telvora {
 
@@ -50,43 +48,38 @@ class CurlEngine {
     void wake() { curl_.multiWakeup(multi_); }
 
     // Whether no exchange is active or waiting.
-    bool empty() const { return lines_.empty(); }
+    bool empty() const { return bags_.empty() && others_.empty(); }
 
   private:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    // The exchanges of one origin; exists while it has any.
-    struct Line {
-        size_t limit = 0;  // the most active exchanges
-        size_t underWay = 0;
-        bool inTurn = false;  // it is in turns_
-        std::deque<std::unique_ptr<HttpExchange>> waiting;
-    };
-
     CurlEngine(const CurlLibrary& curl, const CurlHttpClientOptions& options, CURLM* multi)
-        : curl_(curl), options_(options), multi_(multi) {}
+        : curl_(curl),
+          options_(options),
+          multi_(multi),
+          bags_(options.maxBagConnections, options.maxConnectionsPerHost),
+          others_(options.maxConnections, options.maxConnectionsPerHost) {}
 
+    ExchangeQueue& queueOf(const HttpExchange& exchange) { return exchange.isForBag() ? bags_ : others_; }
     void startWaiting();
-    void queueTurn(Line& line);
-    void begin(Line& line);
+    void begin(std::unique_ptr<HttpExchange> exchange);
     CurlTransfer* freeTransfer();
     bool startAgain(CurlTransfer& transfer, CURLcode code);
-    void finish(CurlTransfer& transfer, CURLcode code);
-    void finishWaiting(std::unique_ptr<HttpExchange> exchange, CURLcode code);
+    void finish(CurlTransfer& transfer, HttpResult result);
+    void addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result);
+    HttpResult failure(CURLcode code) const;
     void collectEnded();
+    void setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit);
     void expire();
-    std::unique_ptr<HttpExchange> takeOutOfLine(const HttpExchange& exchange);
-    void dropEmptyLines();
-    size_t underWay() const { return transfers_.size() - freeTransfers_.size(); }
 
     const CurlLibrary& curl_;
     const CurlHttpClientOptions& options_;
     CURLM* multi_;
     std::vector<std::unique_ptr<CurlTransfer>> transfers_;
     std::vector<CurlTransfer*> freeTransfers_;
-    std::unordered_map<std::string, Line> lines_;
-    std::deque<Line*> turns_;  // lines with a waiting exchange and room for it
-    std::set<std::pair<TimePoint, HttpExchange*>> deadlines_;
+    ExchangeQueue bags_;
+    ExchangeQueue others_;
+    std::set<std::pair<TimePoint, const HttpExchange*>> deadlines_;
     std::vector<Finished> finished_;
 };
 

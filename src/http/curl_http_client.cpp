@@ -11,11 +11,11 @@
 #include <exception>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
 
 #include "http/curl_engine.h"
 #include "http/http_client.h"
 #include "http/http_request_rules.h"
+#include "http/pending_requests.h"
 #include "util/log.h"
 #include "util/mutex.h"
 #include "util/signal_mask.h"
@@ -24,8 +24,8 @@ namespace telvora {
 
 namespace {
 
-constexpr std::chrono::milliseconds kMaxWaitInLine{60'000};
 constexpr std::chrono::milliseconds kMaxTimeout = std::chrono::hours(24);
+constexpr size_t kMaxPendingBags = 256;
 constexpr size_t kExchangeOverhead = 1024;  // bytes of an exchange beside its texts
 
 HttpResult failure(CURLcode code, std::string description) {
@@ -41,20 +41,20 @@ size_t costOf(const HttpRequest& request) {
 
 class CurlHttpClient : public HttpClient {
   public:
-    explicit CurlHttpClient(CurlHttpClientOptions options) : options_(std::move(options)) {}
+    explicit CurlHttpClient(CurlHttpClientOptions options)
+        : options_(std::move(options)),
+          pending_(options_.maxPendingRequests, options_.maxPendingBytes),
+          pendingBags_(kMaxPendingBags, options_.maxPendingBytes) {}
     ~CurlHttpClient() override;
 
     void start(HttpRequest request, Completion completion) override TELVORA_EXCLUDES(mutex_);
     void stop() override TELVORA_EXCLUDES(mutex_);
 
   private:
-    struct Load {
-        size_t requests = 0;
-        size_t bytes = 0;
-    };
-
     HttpResult accept(std::unique_ptr<HttpExchange>& exchange) TELVORA_EXCLUDES(mutex_);
-    bool hasRoomFor(const HttpExchange& exchange) TELVORA_REQUIRES(mutex_);
+    PendingRequests& pendingLike(const HttpExchange& exchange) TELVORA_REQUIRES(mutex_) {
+        return exchange.isForBag() ? pendingBags_ : pending_;
+    }
     bool openLibrary() TELVORA_REQUIRES(mutex_);
     bool ensureThread() TELVORA_REQUIRES(mutex_);
 
@@ -70,8 +70,8 @@ class CurlHttpClient : public HttpClient {
     const CurlHttpClientOptions options_;
     Mutex mutex_;
     std::vector<std::unique_ptr<HttpExchange>> incoming_ TELVORA_GUARDED_BY(mutex_);
-    Load total_ TELVORA_GUARDED_BY(mutex_);
-    std::unordered_map<std::string, Load> byOrigin_ TELVORA_GUARDED_BY(mutex_);
+    PendingRequests pending_ TELVORA_GUARDED_BY(mutex_);
+    PendingRequests pendingBags_ TELVORA_GUARDED_BY(mutex_);
     CurlEngine* sleeper_ TELVORA_GUARDED_BY(mutex_) = nullptr;  // the engine, while it waits
     bool running_ TELVORA_GUARDED_BY(mutex_) = false;
     bool stopping_ TELVORA_GUARDED_BY(mutex_) = false;
@@ -104,38 +104,20 @@ HttpResult CurlHttpClient::accept(std::unique_ptr<HttpExchange>& exchange) {
     if (std::optional<std::string> fault = faultOfRequest(request)) {
         return failure(CURLE_BAD_FUNCTION_ARGUMENT, std::move(*fault));
     }
-    exchange->origin = originOfUrl(request.url);
+    exchange->server = serverOfUrl(request.url);
     exchange->cost = costOf(request);
-    exchange->deadline =
-        std::chrono::steady_clock::now() + std::min(request.timeout.value_or(kMaxWaitInLine), kMaxTimeout);
+    exchange->limit = std::min(request.timeout.value_or(options_.maxWaitInLine), kMaxTimeout);
+    exchange->deadline = std::chrono::steady_clock::now() + exchange->limit;
 
     const MutexLock lock(mutex_);
     if (stopping_) return failure(CURLE_ABORTED_BY_CALLBACK, "the HTTP client is shutting down");
-    if (!hasRoomFor(*exchange)) {
-        return failure(CURLE_NO_CONNECTION_AVAILABLE, "too many requests are pending");
-    }
     if (!ensureThread()) return failure(CURLE_FAILED_INIT, "the HTTP thread can't be started");
-
-    for (Load* load : {&total_, &byOrigin_[exchange->origin]}) {
-        ++load->requests;
-        load->bytes += exchange->cost;
+    if (!pendingLike(*exchange).add(*exchange)) {
+        return failure(CURLE_NO_CONNECTION_AVAILABLE, "too many requests are pending");
     }
     incoming_.push_back(std::move(exchange));
     if (sleeper_ != nullptr) std::exchange(sleeper_, nullptr)->wake();
     return {};
-}
-
-// An origin that already has pending requests may fill half of each limit, so that a server that hangs leaves
-// room for the others.
-bool CurlHttpClient::hasRoomFor(const HttpExchange& exchange) {
-    const auto fits = [&](const Load& load, size_t share) {
-        const size_t maxBytes = options_.maxPendingBytes / share;
-        return load.requests < options_.maxPendingRequests / share && load.bytes <= maxBytes &&
-               exchange.cost <= maxBytes - load.bytes;
-    };
-    if (!fits(total_, 1)) return false;
-    const auto origin = byOrigin_.find(exchange.origin);
-    return origin == byOrigin_.end() || fits(origin->second, 2);
 }
 
 bool CurlHttpClient::openLibrary() {
@@ -261,12 +243,7 @@ void CurlHttpClient::complete(std::vector<CurlEngine::Finished> finished) {
 
 void CurlHttpClient::forget(const HttpExchange& exchange) {
     const MutexLock lock(mutex_);
-    const auto origin = byOrigin_.find(exchange.origin);
-    for (Load* load : {&total_, &origin->second}) {
-        --load->requests;
-        load->bytes -= exchange.cost;
-    }
-    if (origin->second.requests == 0) byOrigin_.erase(origin);
+    pendingLike(exchange).remove(exchange);
 }
 
 std::string caFileFromEnvironment() {

@@ -12,7 +12,9 @@ namespace telvora {
 namespace {
 
 constexpr long kConnectTimeoutMilliseconds = 15000;
-constexpr long kStallSeconds = 60;
+// A slower transfer is given up, whether its server reads or writes slowly. libcurl does not count header
+// bytes.
+constexpr long kLeastBytesPerSecond = 1024;
 constexpr long kCaCacheSeconds = 3600;
 constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
 
@@ -73,6 +75,8 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_WRITEDATA, this);
 
     curl_.easySetopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    // Otherwise the end of an exchange would wait for its name lookup, and all others with it.
+    curl_.easySetopt(easy_, CURLOPT_QUICK_EXIT, 1L);
     curl_.easySetopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
@@ -80,8 +84,8 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_PROXY, "");
 
     curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
-    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_LIMIT, kLeastBytesPerSecond);
+    curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(options.rateWindow.count()));
     curl_.easySetopt(easy_, CURLOPT_MAXAGE_CONN, static_cast<long>(options.idleConnectionAge.count()));
 
     curl_.easySetopt(easy_, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -212,6 +216,12 @@ bool CurlTransfer::shouldStartAgain(CURLcode code) {
     curl_.easyGetinfo(easy_, CURLINFO_NUM_CONNECTS, &newConnections);
     if (code != CURLE_SEND_ERROR || newConnections > 0 || headerBytes_ > 0) return false;
     return curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
+}
+
+bool CurlTransfer::isMultiplexed() const {
+    long version = 0;
+    curl_.easyGetinfo(easy_, CURLINFO_HTTP_VERSION, &version);
+    return version == CURL_HTTP_VERSION_2_0;
 }
 
 HttpResult CurlTransfer::end(CURLcode code) {

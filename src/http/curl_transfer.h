@@ -5,30 +5,15 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "http/curl_library.h"
-#include "http/http_client.h"
+#include "http/http_exchange.h"
 
 namespace telvora {
-
-class CurlTransfer;
-
-// A request from start() to its completion.
-struct HttpExchange {
-    HttpRequest request;
-    HttpClient::Completion completion;
-    std::string origin;                              // scheme and authority
-    size_t cost = 0;                                 // in pending bytes
-    std::chrono::steady_clock::time_point deadline;  // of the exchange, or of its wait in line (hasTimeout())
-    CurlTransfer* carrier = nullptr;                 // null while it waits
-
-    bool hasTimeout() const { return request.timeout.has_value(); }
-};
 
 // The error for one of libcurl's codes.
 HttpError makeHttpError(CURLcode code, std::string description);
@@ -56,6 +41,8 @@ class CurlTransfer {
     // sent. Then no server can have acted on it (RFC 9112, section 9.3.1), and the handle is set up for a new
     // connection. libcurl itself retries only requests that were sent whole.
     bool shouldStartAgain(CURLcode code);
+    // Whether the server carries several exchanges over one connection (HTTP/2).
+    bool isMultiplexed() const;
     // The result of the exchange, which libcurl ended with `code`.
     HttpResult end(CURLcode code);
     // Returns the exchange; the transfer is then free.

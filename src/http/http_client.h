@@ -3,8 +3,11 @@
 // The HTTP client of the daemon: one shared client, whose requests complete once, on its own thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,14 +21,20 @@ namespace telvora {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
+// Bags have connections of their own. The time limits of reports and uploads differ.
+enum class HttpPurpose : uint8_t { bag, report, upload };
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url = {};  // absolute, http or https
     // Sent in this order. Content-Length is derived from the body, even if it is set here.
     HttpHeaders headers = {};
     std::string body = {};
-    // For the whole exchange, its wait in line included; at most a day. std::nullopt: the client's defaults
-    // (15 s for a connection, 60 s for a stalled transfer, 60 s in line).
+    HttpPurpose purpose = HttpPurpose::report;
+    // Has a share of the connections and of the pending requests. All requests without a user share one.
+    std::optional<uid_t> user = std::nullopt;
+    // For the whole exchange, its wait in line included; at most a day. std::nullopt: the limits of the
+    // purpose (CurlHttpClientOptions).
     std::optional<std::chrono::milliseconds> timeout = std::nullopt;
     // A longer answer is a transport error.
     size_t maxResponseBytes = size_t{16} << 20;
@@ -87,10 +96,22 @@ class HttpClient {
 HttpResult performBlocking(HttpClient& client, HttpRequest request);
 
 struct CurlHttpClientOptions {
-    long maxConnections = 32;                    // over all hosts; further requests wait in line
-    long maxConnectionsPerHost = 6;              // so that a few hanging hosts do not block the others
-    size_t maxPendingRequests = 16384;           // queued or in flight; further starts fail
-    size_t maxPendingBytes = size_t{64} << 20;   // bodies, headers and bookkeeping; further starts fail
+    // Exchanges under way, each with a connection of its own or a part of one (HTTP/2); further requests wait
+    // in line. A user alone may hold half of each number.
+    size_t maxConnections = 64;         // of reports and uploads
+    size_t maxBagConnections = 12;      // of bags, besides
+    size_t maxConnectionsPerHost = 12;  // to one server, of either kind
+    // Waiting or under way, reports and uploads; further starts fail. A user alone may fill two thirds, a
+    // server half. Bags have the same number of bytes besides, and room for 256 requests.
+    size_t maxPendingRequests = 16384;
+    size_t maxPendingBytes = size_t{64} << 20;  // bodies, headers and bookkeeping
+    // Of a request without a timeout: the wait in line, then the exchange. A body prolongs the exchange by
+    // its time at 16 KiB/s.
+    std::chrono::milliseconds maxWaitInLine{60'000};
+    std::chrono::milliseconds maxReportTime{120'000};  // and of bags
+    std::chrono::milliseconds maxUploadTime{600'000};
+    // An exchange below 1 KiB/s, both ways together, for this long is given up; so is a silent server.
+    std::chrono::seconds rateWindow{60};
     std::chrono::seconds idleConnectionAge{60};  // unused connections are closed after this time
     std::string caFile = {};                     // PEM; empty: SSL_CERT_FILE, else the system's store
 };
@@ -98,10 +119,11 @@ struct CurlHttpClientOptions {
 // Speaks HTTP/1.1 and, if the server offers it, HTTP/2, over http and https only, on one thread with one
 // libcurl multi handle. Always verifies TLS, follows no redirects, and ignores proxies of the environment.
 // The thread starts with the first request and ends after `idleConnectionAge` without pending requests, so
-// that an idle daemon carries neither connections nor libcurl's tables. A server that hangs delays only its
-// own requests: each host has a line of its own, and a host with pending requests may fill half of the
-// limits. Destruction ends the exchanges in flight: every completion still runs, with an error. Not to be
-// destroyed from a completion.
+// that an idle daemon carries neither connections nor libcurl's tables. A connection must be there after 15
+// s. A server that hangs delays neither requests to other servers nor other users' requests: users take
+// turns, and so do the servers of a user; the requests of one user to one server keep their order.
+// Destruction ends the exchanges in flight: every completion still runs, with an error. Not to be destroyed
+// from a completion.
 std::unique_ptr<HttpClient> makeCurlHttpClient(CurlHttpClientOptions options = {});
 
 }  // namespace telvora

@@ -76,6 +76,18 @@ std::string_view originOfUrl(std::string_view url) {
     return end == authority ? std::string_view{} : url.substr(0, end);
 }
 
+std::string serverOfUrl(std::string_view url) {
+    std::string_view host = originOfUrl(url);
+    host.remove_prefix(host.find("://") + 3);
+    host.remove_prefix(host.rfind('@') + 1);
+    const size_t hostEnd = std::min(host.find(':', host.find(']') + 1), host.size());
+    const bool isSecure = isSecureUrl(url);
+    uint16_t port = isSecure ? 443 : 80;
+    if (hostEnd < host.size()) std::from_chars(host.data() + hostEnd + 1, host.data() + host.size(), port);
+    return (isSecure ? "https://" : "http://") + asciiLowerCase(host.substr(0, hostEnd)) + ":" +
+           std::to_string(port);
+}
+
 std::optional<std::string> faultOfRequest(const HttpRequest& request) {
     if (!isToken(request.method)) return "method is not a token";
     const std::string_view origin = originOfUrl(request.url);

@@ -19,8 +19,12 @@ std::optional<std::string> faultOfRequest(const HttpRequest& request);
 // Whether a header can have this value: it has no control character except tabs.
 bool isHeaderValue(std::string_view text);
 
-// Scheme and authority of an absolute http or https URL, the key of its connections. Empty for other URLs.
+// Scheme and authority of an absolute http or https URL. Empty for other URLs.
 std::string_view originOfUrl(std::string_view url);
+
+// Scheme, host and port of such a URL, in lower case and without user information: URLs of one server have
+// the same.
+std::string serverOfUrl(std::string_view url);
 
 bool isSecureUrl(std::string_view url);
 

@@ -3,11 +3,14 @@
 // A TCP server on 127.0.0.1 whose connections run a test's script, byte by byte: for malformed answers.
 #pragma once
 
+#include <poll.h>
+
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/read.hpp>
 #include <asio/read_until.hpp>
 #include <asio/write.hpp>
+#include <chrono>
 #include <functional>
 #include <list>
 #include <mutex>
@@ -48,6 +51,11 @@ class ScriptedServer {
         void waitForClose() {
             while (!gone_)
                 readSome();
+        }
+        // Waits without reading; false if the peer has not closed within `limit`.
+        bool waitForEnd(std::chrono::milliseconds limit) {
+            pollfd peer{socket_.native_handle(), POLLRDHUP, 0};
+            return ::poll(&peer, 1, static_cast<int>(limit.count())) != 0;
         }
 
       private:
