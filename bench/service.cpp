@@ -60,8 +60,7 @@ double activationTime(const World& world) {
         [&](auto done) { session->sendMessage(1, 1, payload, std::move(done)); });
     const double time = millisecondsSince(begin);
     session.reset();
-    if (daemon->process().waitForExit(test::kPatience) != 0)
-        throw std::runtime_error("the daemon does not end when idle");
+    if (daemon->waitForExit() != 0) throw std::runtime_error("the daemon does not end when idle");
     return time;
 }
 

@@ -35,8 +35,8 @@ class Sessions {
     Sessions() : world_(test::openBag()), daemon_(world_.start()) {}
     // Ends the daemon first: reports that it still holds do not matter.
     ~Sessions() {
-        daemon_->process().signal(SIGKILL);
-        daemon_->process().waitForExit(test::kPatience);
+        daemon_->signal(SIGKILL);
+        daemon_->waitForExit();
     }
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;

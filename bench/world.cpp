@@ -31,12 +31,11 @@ World::World(const Dictionary& bag) {
 
 std::unique_ptr<test::DaemonProcess> World::launch(
     const std::function<void(test::DaemonOptions&)>& change) const {
-    test::DaemonOptions options = test::DaemonOptions::forLaboratory(directory_.path(), laboratory_->pki(),
-                                                                     laboratory_->bags().baseURL());
+    test::DaemonOptions options{directory_.path(), *laboratory_};
     options.logLevel = 6;
     options.defaults = withoutQuotas();
     if (change) change(options);
-    return std::make_unique<test::DaemonProcess>(std::move(options));
+    return std::make_unique<test::DaemonProcess>(options);
 }
 
 std::unique_ptr<test::DaemonProcess> World::start(

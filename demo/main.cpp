@@ -99,10 +99,9 @@ int run() {
 
     const std::filesystem::path spool = directory.path() / "spool";  // the daemon may remove files here
     std::filesystem::create_directory(spool);
-    auto options = test::DaemonOptions::forLaboratory(directory.path(), (*laboratory)->pki(),
-                                                      (*laboratory)->bags().baseURL());
+    test::DaemonOptions options{directory.path(), **laboratory};
     options.defaults.set("uploadDirectories", Array{spool.string()});
-    test::DaemonProcess daemon(std::move(options));
+    test::DaemonProcess daemon(options);
     if (!daemon.waitUntilListening()) {
         for (const std::string& line : daemon.logLines())
             say("{}\n", line);

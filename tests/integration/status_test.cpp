@@ -3,17 +3,12 @@
 // The status for administrators: all reports are accounted for under load, with any fault of the reporting
 // server, and over quota; access to the status socket; and tools.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <thread>
 
-#include "client/status_query.h"
 #include "platform/user_defaults.h"
-#include "telvora/keys.h"
-#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
-#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
@@ -27,32 +22,28 @@ int64_t reportsAt(const Dictionary* account, const char* place) {
     return account->integer(place).value_or(lost != nullptr ? lost->integer(place).value_or(0) : 0);
 }
 
-void expectBalanced(const Dictionary& accounts, const char* whose) {
-    for (const auto& [name, value] : accounts) {
-        const auto& account = *value.getIf<Dictionary>();
-        int64_t found =
-            reportsAt(&account, "inFlight") + reportsAt(&account, "held") + reportsAt(&account, "delivered");
-        for (const auto& [cause, reports] : *account.dictionary("lost"))
-            found += reports.integerValue().value_or(0);
-        EXPECT_EQ(account.integer("accepted"), found) << whose << " " << name;
-        // a place that was left more often than entered would have a number near 2^64
-        EXPECT_GE(reportsAt(&account, "inFlight"), 0);
-        EXPECT_GE(reportsAt(&account, "held"), 0);
-    }
-}
-
 class Status : public DaemonFixture {
   protected:
     std::string socketPath() { return statusSocketBeside(daemon().socketPath()); }
     // The daemon's status, in which all accounts balance.
     Dictionary status() {
-        const auto answer = queryStatus(kGetStatus, socketPath(), kPatience);
-        EXPECT_TRUE(answer) << answer.error().message;
-        if (!answer) return {};
-        expectBalanced(*answer->dictionary("totals"), "totals");
-        for (const PropertyList& session : *answer->array("sessions"))
-            expectBalanced(*session.getIf<Dictionary>()->dictionary("accounts"), "session");
-        return *answer;
+        Dictionary answer = DaemonFixture::status();
+        std::vector<const Dictionary*> owners{answer.dictionary("totals")};
+        for (const PropertyList& session : *answer.array("sessions"))
+            owners.push_back(session.getIf<Dictionary>()->dictionary("accounts"));
+        for (const Dictionary* accounts : owners) {
+            for (const auto& [name, value] : *accounts) {
+                const auto& account = *value.getIf<Dictionary>();
+                const int64_t inFlight = reportsAt(&account, "inFlight"), held = reportsAt(&account, "held");
+                int64_t found = inFlight + held + reportsAt(&account, "delivered");
+                for (const auto& [cause, reports] : *account.dictionary("lost"))
+                    found += reports.integerValue().value_or(0);
+                EXPECT_EQ(account.integer("accepted"), found) << name;
+                // a place that was left more often than entered would have a number near 2^64
+                EXPECT_TRUE(inFlight >= 0 && held >= 0) << name;
+            }
+        }
+        return answer;
     }
     // Events that arrived from a position on. A post is repeated if its kept connection closes without an
     // answer.
@@ -71,34 +62,25 @@ class Status : public DaemonFixture {
             const Dictionary now = status();
             const Dictionary* account = now.dictionary("totals")->dictionary("httpPost");
             if (reportsAt(account, "accepted") >= accepted && reportsAt(account, "inFlight") == 0 &&
-                reportsAt(account, "held") == 0) {
+                reportsAt(account, "held") == 0)
                 return *account;
-            }
         }
-        ADD_FAILURE() << "reports are still on their way";
-        return {};
+        throw std::runtime_error("reports are still on their way");
     }
 };
 
-// One client's load: batched and realtime reports, one in ten with a category that the bag excludes. The
-// session's end flushes the rest.
-constexpr int kClients = 4;
-constexpr int kReports = 60;
-
-void reportAndLeave(const std::string& socket, int64_t sessionID) {
-    BlockingSession session(socket, {.sessionID = sessionID});
-    session.startConfig();
-    for (int i = 0; i < kReports; ++i) {
-        const uint16_t category = i % 10 == 0 ? 66 : 4;
-        session.send(category, 1, {{"number", i}}, i % 7 == 0 ? 1 : 0);
-    }
-}
-
 TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
-    Dictionary entry = openClientEntry();
-    entry.set("event_blacklist", Array{66});
-    entry.set("event_threshold", 5);
-    laboratory().setBag("dravik", bagWithClients({entry}));
+    constexpr int64_t kClients = 4, kReports = 60;
+    // Batched and realtime reports, one in ten with a category that the bag excludes. The session's end
+    // flushes the rest.
+    const auto reportAndLeave = [this](int64_t sessionID) {
+        const Session session = open({.sessionID = sessionID});
+        for (int i = 0; i < kReports; ++i)
+            session->send(i % 10 == 0 ? 66 : 4, 1, {{"number", i}}, i % 7 == 0 ? 1 : 0);
+    };
+    laboratory().setBag(
+        "dravik",
+        bagWithClients({openClientEntry({{"event_blacklist", Array{66}}, {"event_threshold", 5}})}));
     startDaemon([](DaemonOptions& options) { options.logLevel = 6; });
     const std::jthread reader([this](const std::stop_token& stop) {
         while (!stop.stop_requested())
@@ -123,11 +105,11 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
         const size_t messagesBefore = reports().messageCount();
         reports().setFault(fault.value_or(ReportingFault::none));
         if (!fault) reports().refuse();
-        std::vector<std::thread> clients;
-        for (int i = 0; i < kClients; ++i)
-            clients.emplace_back([&, i] { reportAndLeave(daemon().socketPath(), i + 1); });
-        for (std::thread& client : clients)
-            client.join();
+        {
+            std::vector<std::jthread> clients;
+            for (int64_t id = 1; id <= kClients; ++id)
+                clients.emplace_back(reportAndLeave, id);
+        }
         if (fault == ReportingFault::hold) {
             EXPECT_TRUE(reports().waitForMessages(messagesBefore + 1, kPatience));
             const Dictionary now = status();
@@ -155,11 +137,8 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
 }
 
 TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
-    laboratory().setBag("dravik", openBag());
     startDaemon();
-    BlockingSession session(daemon().socketPath(),
-                            {.hierarchyToken = Dictionary{{kTelvoraHierarchyTokenTokenID, "t"},
-                                                          {kTelvoraHierarchyTokenLevel, 0}}});
+    BlockingSession session(daemon().socketPath(), {.hierarchyToken = hierarchyToken("t", 0)});
     session.send(4, 1);  // before there are backends
     session.startConfig();
     session.send(4, 1);
@@ -172,8 +151,6 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     const Array& sessions = *now.array("sessions");
     ASSERT_EQ(sessions.size(), 1u);
     const Dictionary& told = *sessions[0].getIf<Dictionary>();
-    EXPECT_EQ(told.integer("sessionID"), 1);
-    EXPECT_EQ(told.integer("clientType"), 8);
     EXPECT_EQ(*told.string("token"), "t");
     EXPECT_EQ(told.integer("hierarchyUser"), int64_t{geteuid()});
     EXPECT_EQ(told.dictionary("client")->integer("pid"), getpid());
@@ -187,14 +164,10 @@ TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
               "dravik 1.0 fresh");
     EXPECT_TRUE(now.dictionary("sandbox")->boolean("systemCallFilter"));
     EXPECT_EQ(now.dictionary("daemon")->integer("pid"), daemon().pid());
-    const auto device = queryStatus(kGetDevice, socketPath());
-    ASSERT_TRUE(device);
-    EXPECT_EQ(*device->string("DeviceName"), "Labdevice");
 }
 
 // Uses up each quota of this process's user in turn. Another user is served as before.
 TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
-    laboratory().setBag("dravik", openBag());
     startDaemon();
     letOthersIn();
     UserDefaults defaults(directory().path() / "config", directory().path() / "state");
@@ -215,13 +188,12 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     const auto expectOver = [&](const std::string& quota) {
         expectLine("<3>UserQuotas: user " + std::to_string(geteuid()) + " is over the quota of " + quota);
         if (geteuid() != 0) return;  // only root can become another user
-        const size_t before = daemon().logLineCount();
-        expectRun(
-            wordsOf(std::string(kAsNobody) + TELVORACTL_PATH " oneshot --socket " + daemon().socketPath() +
-                    " --client-type 8 --session-id 9 --category 4 --type 1 --client-name other"
-                    " --require-user-info"),
-            0);
-        expectLineBeginning("<6>writeToLogFile: Saved log message to ", before);
+        const size_t from = daemon().logLineCount();
+        expectRun(std::string(kAsNobody) + TELVORACTL_PATH " oneshot --socket " + daemon().socketPath() +
+                      " --client-type 8 --session-id 9 --category 4 --type 1 --client-name other"
+                      " --require-user-info",
+                  0);
+        expectLineBeginning("<6>writeToLogFile: Saved log message to ", from);
         ++accepted;
     };
 
@@ -260,10 +232,7 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     EXPECT_GT(use(now, "pendingBytes", "held"), 0);
     reports().setFault(ReportingFault::none);
     reports().releaseHeld();
-    settled(accepted);
-    one.send(4, 1, {{"number", kSent}}, 1);
-    const Dictionary after = settled(++accepted);
-    EXPECT_EQ(reportsAt(&after, "accepted"), accepted);
+    const Dictionary after = settled(accepted);
     EXPECT_EQ(reportsAt(&after, "delivered"), accepted - lost);
     EXPECT_EQ(use(status(), "pendingBytes", "held"), 0);
 
@@ -275,9 +244,6 @@ TEST_F(Status, ShowsAUserOverItsQuotasWhomNobodyElseNotices) {
     const std::vector<std::string> lines = daemon().logLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "<3>uploadLogData: Log data array upload failed") + 1,
               calls);
-    const size_t before = daemon().logLineCount();
-    one.uploadLogData({});
-    expectLine("<3>uploadLogData: Log data array upload failed", before);  // each session has a limit
 }
 
 TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
@@ -316,7 +282,7 @@ TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
     };
     if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
     for (const auto& [command, exitStatus, says] : cases)
-        expectRun(wordsOf(command), exitStatus, says);
+        expectRun(command, exitStatus, says);
 }
 
 }  // namespace

@@ -118,14 +118,12 @@ confinement() {
     mark
     systemctl restart $unit.service
     touch /var/lib/telvora/file
-    as app telvoractl send --client-type 7 --category 4 --type 2 --payload directory=/home/app --payload own=/var/lib/telvora \
-        --payload configuration=/etc/telvora/entitlements.d/50-telvora.plist --payload process:=$canary --payload socket=canary
-    await logged "escape: done"
-    lines | grep '^escape ' | LC_ALL=C sort >/tmp/found
     abi=$(as admin telvoractl --json status | sed -n 's/.*"landlockAbi": *\([0-9]*\).*/\1/p')
-    [ "$abi" -ge 6 ] && abstract=EPERM || abstract=success
-    sed "s/@ABSTRACT@/$abstract/" $try/escapes | grep -v '^#' | LC_ALL=C sort >/tmp/expected
-    diff /tmp/expected /tmp/found || fail "the confinement differs from its table, with Landlock ABI $abi"
+    as app telvoractl send --client-type 7 --category 4 --type 2 --payload directory=/home/app --payload own=/var/lib/telvora \
+        --payload configuration=/etc/telvora/entitlements.d/50-telvora.plist --payload process:=$canary --payload socket=canary \
+        --payload landlockAbi:=$abi
+    await logged "escape: done"
+    ! lines | grep '^escape ' || fail "the adaptor has another result than it expects, with Landlock ABI $abi"
     as admin telvoractl status | grep '^sandbox'
     [ "$(cat /home/app/secret)" = secret ] || fail "the canary is gone"
     kill $canary 2>/dev/null || true

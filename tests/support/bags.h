@@ -9,13 +9,15 @@
 
 namespace telvora::test {
 
-// An entry of "clients" that matches any client and lets all reports through to the laboratory's reporting
-// server.
-inline Dictionary openClientEntry() {
-    return {
+// An entry of "clients" that matches any client and, but for `changes`, lets all reports through to the
+// laboratory's reporting server.
+inline Dictionary openClientEntry(const Dictionary& changes = {}) {
+    Dictionary entry{
         {"post_url", "@events@"},    {"realtime_post_url", "@realtime@"},
         {"locale_whitelist", "US"},  {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}}}},
         {"sampling_threshold", 1.0}, {"event_threshold", 49}};
+    entry.merge(changes);
+    return entry;
 }
 
 // A bag with these backends in the section "release".

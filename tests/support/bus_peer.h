@@ -4,15 +4,38 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <systemd/sd-bus.h>
 
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "tests/support/sd_bus_message.h"
+#include "bus/bus_message.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
+
+struct SdBusUnref {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+
+// Owns one reference to a D-Bus message. The functions return a negative errno on failure, as
+// sd_bus_message_append(3) does.
+struct SdBusMessage : std::unique_ptr<sd_bus_message, SdBusUnref> {
+    using unique_ptr::unique_ptr;
+
+    // The error of an error reply; std::nullopt for any other message.
+    std::optional<BusError> error() const {
+        const sd_bus_error* error = sd_bus_message_get_error(get());
+        return error != nullptr ? std::optional(BusError{error->name, error->message}) : std::nullopt;
+    }
+    int open(char type, const char* contents) { return sd_bus_message_open_container(get(), type, contents); }
+    int close() { return sd_bus_message_close_container(get()); }
+    int append(char type, const void* value) { return sd_bus_message_append_basic(get(), type, value); }
+    int read(char type, void* value) { return sd_bus_message_read_basic(get(), type, value); }
+};
 
 struct SocketPair {
     UniqueFd ours;
@@ -45,7 +68,7 @@ class BusPeer {
     SdBusMessage newCall(const char* path, const char* interface, const char* method) {
         sd_bus_message* message = nullptr;
         check(sd_bus_message_new_method_call(bus_, &message, nullptr, path, interface, method));
-        return SdBusMessage::adopt(message);
+        return SdBusMessage(message);
     }
     // The answer, a method return or an error. Empty if the connection has ended.
     SdBusMessage call(const SdBusMessage& message) {
@@ -53,10 +76,8 @@ class BusPeer {
         for (;;) {
             SdBusMessage next = receive();
             uint64_t answered = 0;
-            if (!next ||
-                (sd_bus_message_get_reply_cookie(next.get(), &answered) >= 0 && answered == cookie)) {
-                return next;
-            }
+            if (next) sd_bus_message_get_reply_cookie(next.get(), &answered);
+            if (!next || answered == cookie) return next;
         }
     }
     uint64_t send(const SdBusMessage& message) {
@@ -67,15 +88,11 @@ class BusPeer {
     // The next message. Empty if the connection has ended.
     SdBusMessage receive() {
         for (;;) {
-            sd_bus_message* message = nullptr;
-            const int result = sd_bus_process(bus_, &message);
-            if (message != nullptr && sd_bus_message_is_signal(message, nullptr, "Disconnected") <= 0) {
-                return SdBusMessage::adopt(message);
-            }
-            if (result < 0 || message != nullptr) {
-                sd_bus_message_unref(message);
-                return {};
-            }
+            sd_bus_message* next = nullptr;
+            const int result = sd_bus_process(bus_, &next);
+            SdBusMessage message(next);
+            if (message && sd_bus_message_is_signal(next, nullptr, "Disconnected") <= 0) return message;
+            if (result < 0 || message) return {};
             if (result == 0) check(sd_bus_wait(bus_, UINT64_MAX));
         }
     }
@@ -94,8 +111,7 @@ class BusPeer {
 // "" for a method return, the name of an error, "ended" if there is no answer.
 inline std::string errorName(const SdBusMessage& reply) {
     if (!reply) return "ended";
-    const auto error = reply.error();
-    return error ? error->name : "";
+    return reply.error().value_or(BusError{}).name;
 }
 
 }  // namespace telvora::test

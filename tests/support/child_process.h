@@ -6,20 +6,51 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
-#include "tests/support/line_collector.h"
+#include "util/mutex.h"
 #include "util/unique_fd.h"
 
 namespace telvora::test {
 
 // The time limit for any expected event. Not reached unless a test fails.
 constexpr std::chrono::seconds kPatience{60};
+
+// Stores the lines of a pipe. All operations are callable from any thread, and wait for at most kPatience.
+class LineCollector {
+  public:
+    // Reads `pipe` on a thread until every writer has closed it.
+    explicit LineCollector(UniqueFd pipe);
+
+    std::vector<std::string> lines() const;
+    // All lines. Waits for the end of the pipe.
+    std::vector<std::string> linesToTheEnd() const;
+    size_t lineCount() const;
+    // Whether a line from position `from` on satisfies `wanted`. Waits for it.
+    bool waitFor(const std::function<bool(std::string_view line)>& wanted, size_t from = 0) const;
+    bool waitForLine(std::string_view line, size_t from = 0) const {
+        return waitFor([line](std::string_view candidate) { return candidate == line; }, from);
+    }
+    bool waitForPart(std::string_view part, size_t from = 0) const {
+        return waitFor([part](std::string_view line) { return line.find(part) != line.npos; }, from);
+    }
+
+  private:
+    void read(UniqueFd pipe);
+
+    mutable Mutex mutex_;
+    mutable std::condition_variable_any changed_;
+    std::vector<std::string> lines_ TELVORA_GUARDED_BY(mutex_);
+    bool ended_ TELVORA_GUARDED_BY(mutex_) = false;
+    std::jthread thread_;
+};
 
 struct ChildProcessOptions {
     std::vector<std::string> arguments;  // the first is the program's path
@@ -32,9 +63,10 @@ struct ChildProcessOptions {
 // Not thread-safe, except the two collectors.
 class ChildProcess {
   public:
-    // Starts the program. It dies with the calling thread at the latest. Throws std::runtime_error if no
-    // process can be made. A program that can't be executed exits with status 127.
-    explicit ChildProcess(const ChildProcessOptions& options);
+    // Starts the program with `input`, a few KiB at most, on its standard input. It dies with the calling
+    // thread at the latest. Throws std::runtime_error if no process can be made. A program that can't be
+    // executed exits with status 127.
+    explicit ChildProcess(const ChildProcessOptions& options, std::string_view input = "");
     // Kills the program (SIGKILL) if it still runs.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -42,15 +74,10 @@ class ChildProcess {
 
     pid_t pid() const { return pid_; }
     void signal(int number) const;
-    // Closes the child's standard input.
     void closeInput() { input_.reset(); }
-    // Writes to the child's standard input.
-    bool writeInput(std::string_view text) const;
-
     // The exit status, or 128 plus the number of the signal that ended the program. `std::nullopt` if it
     // still runs after `timeout`.
-    std::optional<int> waitForExit(std::chrono::milliseconds timeout);
-
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout = kPatience);
     const LineCollector& output() const { return *output_; }
     const LineCollector& errors() const { return *errors_; }
 
@@ -62,15 +89,5 @@ class ChildProcess {
     std::unique_ptr<LineCollector> output_;
     std::unique_ptr<LineCollector> errors_;
 };
-
-// The result of a program that ran to its end.
-struct Finished {
-    int status = -1;  // see waitForExit(); -1 if the program did not end
-    std::vector<std::string> output;
-    std::vector<std::string> errors;
-};
-
-// Runs a program with `input` on its standard input, and waits for its end for at most kPatience.
-Finished runToEnd(const ChildProcessOptions& options, std::string_view input = "");
 
 }  // namespace telvora::test

@@ -3,8 +3,6 @@
 
 #include <unistd.h>
 
-#include <cmath>
-
 #include "telvora/keys.h"
 #include "tests/support/posted_message.h"
 #include "tests/support/signed_document.h"
@@ -17,22 +15,6 @@ bool isBagRequest(const HttpRequest& request) {
     return request.method == "GET";
 }
 
-struct FakeIdleTimer final : IdleTimer {
-    explicit FakeIdleTimer(bool& runs) : runs_(runs) {}
-    void start(std::chrono::milliseconds, std::function<void()>) override { runs_ = true; }
-    void cancel() override { runs_ = false; }
-
-    bool& runs_;
-};
-
-Peer ownPeer() {
-    Peer peer;
-    peer.pid = getpid();
-    peer.uid = getuid();
-    peer.gid = getgid();
-    return peer;
-}
-
 }  // namespace
 
 void FakeConnection::invalidate() {
@@ -42,39 +24,7 @@ void FakeConnection::invalidate() {
     if (const auto gone = std::exchange(gone_, {})) gone();
 }
 
-DaemonWorld::DaemonWorld(Dictionary deviceProperties)
-    : defaults(directory.path() / "config", directory.path() / "state"),
-      properties(std::move(deviceProperties)),
-      identity(properties, defaults),
-      environment(defaults, identity),
-      framework(directory.path() / "framework"),
-      messageLog(directory.path() / "logs"),
-      quotas(defaults),
-      backendServices{.http = http,
-                      .identity = identity,
-                      .environment = environment,
-                      .defaults = defaults,
-                      .clock =
-                          [this] {
-                              return TimeValue{static_cast<int32_t>(now),
-                                               static_cast<int32_t>(std::fmod(now, 1.0) * 1000000)};
-                          },
-                      .countryCode = [] { return std::optional<std::string>("CH"); },
-                      .timeZoneOffsetSeconds = [] { return 3600L; },
-                      .random = [this] { return samplingFactor; },
-                      .makeNetworkQueue = [this] { return network.makeQueue(); }},
-      sessionServices{.backendServices = backendServices,
-                      .framework = framework,
-                      .messageLog = messageLog,
-                      .uploadAdmission = uploads,
-                      .ledger = ledger},
-      fetcher({http, environment, framework}),
-      entitlements(directory.path() / "config"),
-      keepAlive(runLoop, {.launchedOnDemand = true,
-                          .inFlight = {},
-                          .onIdle = {},
-                          .timer = std::make_unique<FakeIdleTimer>(idleTimerRuns)}),
-      agent({entitlements, fetcher, sessionServices, quotas, keepAlive, backendServices.clock, [] {}}) {
+DaemonWorld::DaemonWorld(Dictionary deviceProperties) : properties(std::move(deviceProperties)) {
     directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
     const Dictionary grant{
         {"User", std::to_string(getuid())},
@@ -95,9 +45,8 @@ void DaemonWorld::serveBag(std::optional<Dictionary> innerBag) {
 }
 
 Dictionary DaemonWorld::bagWithClient(Dictionary client) {
-    return {{"version", "1"},
-            {"release",
-             Dictionary{{kTelvoraBackendHTTPPost, Dictionary{{"clients", Array{std::move(client)}}}}}}};
+    const Dictionary backend{{"clients", Array{std::move(client)}}};
+    return {{"version", "1"}, {"release", Dictionary{{kTelvoraBackendHTTPPost, backend}}}};
 }
 
 Dictionary DaemonWorld::reportingBag(const Dictionary& changes) {
@@ -111,7 +60,11 @@ Dictionary DaemonWorld::reportingBag(const Dictionary& changes) {
 
 std::shared_ptr<FakeConnection> DaemonWorld::connect() {
     auto connection = std::make_shared<FakeConnection>();
-    agent.listener(connection, ownPeer());
+    Peer own;
+    own.pid = getpid();
+    own.uid = getuid();
+    own.gid = getgid();
+    agent.listener(connection, own);
     return connection;
 }
 

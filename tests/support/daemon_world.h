@@ -5,6 +5,7 @@
 // calls.
 #pragma once
 
+#include <cmath>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,6 +63,14 @@ class FakeConnection final : public ClientConnection {
     std::vector<Delivered> deliveries_;
 };
 
+struct FakeIdleTimer final : IdleTimer {
+    explicit FakeIdleTimer(bool& running) : runs(running) {}
+    void start(std::chrono::milliseconds, std::function<void()>) override { runs = true; }
+    void cancel() override { runs = false; }
+
+    bool& runs;
+};
+
 class DaemonWorld {
   public:
     // `deviceProperties` are the only properties of the device.
@@ -97,21 +106,43 @@ class DaemonWorld {
     FakeHttpClient http;
     VirtualNetwork network;
     asio::io_context runLoop;
-    UserDefaults defaults;
+    UserDefaults defaults{directory.path() / "config", directory.path() / "state"};
     DeviceProperties properties;
-    DeviceIdentity identity;
-    Environment environment;
-    ClientFramework framework;
-    MessageLog messageLog;
+    DeviceIdentity identity{properties, defaults};
+    Environment environment{defaults, identity};
+    ClientFramework framework{directory.path() / "framework"};
+    MessageLog messageLog{directory.path() / "logs"};
     UploadAdmission uploads;
-    UserQuotas quotas;
+    UserQuotas quotas{defaults};
     ReportLedger ledger;
-    BackendServices backendServices;
-    SessionServices sessionServices;
-    StorebagFetcher fetcher;
-    EntitlementStore entitlements;
-    KeepAliveTransaction keepAlive;
-    TelvoradAgent agent;
+    BackendServices backendServices{.http = http,
+                                    .identity = identity,
+                                    .environment = environment,
+                                    .defaults = defaults,
+                                    .clock =
+                                        [this] {
+                                            return TimeValue{
+                                                static_cast<int32_t>(now),
+                                                static_cast<int32_t>(std::fmod(now, 1.0) * 1000000)};
+                                        },
+                                    .countryCode = [] { return std::optional<std::string>("CH"); },
+                                    .timeZoneOffsetSeconds = [] { return 3600L; },
+                                    .random = [this] { return samplingFactor; },
+                                    .makeNetworkQueue = [this] { return network.makeQueue(); }};
+    SessionServices sessionServices{.backendServices = backendServices,
+                                    .framework = framework,
+                                    .messageLog = messageLog,
+                                    .uploadAdmission = uploads,
+                                    .ledger = ledger};
+    StorebagFetcher fetcher{{http, environment, framework}};
+    EntitlementStore entitlements{directory.path() / "config"};
+    KeepAliveTransaction keepAlive{runLoop,
+                                   {.launchedOnDemand = true,
+                                    .inFlight = {},
+                                    .onIdle = {},
+                                    .timer = std::make_unique<FakeIdleTimer>(idleTimerRuns)}};
+    TelvoradAgent agent{
+        {entitlements, fetcher, sessionServices, quotas, keepAlive, backendServices.clock, [] {}}};
 };
 
 // Session info of client type 7.

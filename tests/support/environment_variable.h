@@ -20,13 +20,7 @@ class EnvironmentVariable {
     EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
 
   private:
-    void assign(const char* value) {
-        if (value != nullptr) {
-            setenv(name_, value, 1);
-        } else {
-            unsetenv(name_);
-        }
-    }
+    void assign(const char* value) { value != nullptr ? setenv(name_, value, 1) : unsetenv(name_); }
 
     const char* name_;
     std::optional<std::string> before_;

@@ -3,7 +3,6 @@
 // An HttpClient without a network.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -21,8 +20,6 @@ class FakeHttpClient : public HttpClient {
   public:
     using Handler = std::function<HttpResult(const HttpRequest&)>;
 
-    FakeHttpClient() = default;
-    explicit FakeHttpClient(Handler handler) : handler_(std::move(handler)) {}
     // Completes all held requests with an error, as every client does.
     ~FakeHttpClient() override {
         while (complete(failure("destroyed"))) {
@@ -47,7 +44,6 @@ class FakeHttpClient : public HttpClient {
             const std::lock_guard lock(mutex_);
             requests_.push_back(request);
             handler = handler_;
-            changed_.notify_all();
             if (!handler) {
                 held_.push_back(std::move(completion));
                 return;
@@ -61,15 +57,7 @@ class FakeHttpClient : public HttpClient {
         const std::lock_guard lock(mutex_);
         return requests_;
     }
-    size_t requestCount() const {
-        const std::lock_guard lock(mutex_);
-        return requests_.size();
-    }
-    // Waits until there have been `count` requests.
-    void waitForRequests(size_t count) const {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return requests_.size() >= count; });
-    }
+    size_t requestCount() const { return requests().size(); }
 
     // Completes the oldest held request on the calling thread. False if no request is held.
     bool complete(HttpResult result) {
@@ -86,7 +74,6 @@ class FakeHttpClient : public HttpClient {
 
   private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     Handler handler_;
     std::vector<HttpRequest> requests_;
     std::deque<Completion> held_;

@@ -6,8 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -41,27 +41,20 @@ class ChildReport {
 // Forks, runs `body` in the child and returns its failures. Empty if there were none. The child ends with
 // _exit(2).
 inline std::string inForkedChild(const std::function<void(const ChildReport&)>& body) {
-    int ends[2];
-    if (pipe(ends) != 0) return "no pipe";
+    std::FILE* const report = std::tmpfile();
+    if (report == nullptr) return "no file";
     const pid_t child = fork();
-    if (child < 0) return "no child";
     if (child == 0) {
-        close(ends[0]);
-        body(ChildReport(ends[1]));
+        body(ChildReport(fileno(report)));
         _exit(0);
     }
-    close(ends[1]);
-    std::string report;
-    std::array<char, 4096> part;
-    for (ssize_t length; (length = read(ends[0], part.data(), part.size())) > 0;) {
-        report.append(part.data(), static_cast<size_t>(length));
-    }
-    close(ends[0]);
-    int status = 0;
+    int status = -1;
     waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        report += "ended with " + std::to_string(status) + "\n";
-    return report;
+    std::string text(4096, '\0');
+    std::rewind(report);
+    text.resize(std::fread(text.data(), 1, text.size(), report));
+    std::fclose(report);
+    return status == 0 ? text : text + "ended with " + std::to_string(status) + "\n";
 }
 
 }  // namespace telvora::test

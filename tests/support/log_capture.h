@@ -17,11 +17,11 @@ namespace telvora::test {
 class LogCapture {
   public:
     LogCapture() {
-        store().lines.clear();
+        clear();
         setLogThreshold(kLogDebug);
         setLogSink([](int level, std::string_view line) {
-            const std::lock_guard lock(store().mutex);
-            store().lines.push_back("<" + std::to_string(level) + ">" + std::string(line));
+            const std::lock_guard lock(mutex);
+            collected.push_back("<" + std::to_string(level) + ">" + std::string(line));
         });
     }
     ~LogCapture() {
@@ -32,8 +32,8 @@ class LogCapture {
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<std::string> lines() const {
-        const std::lock_guard lock(store().mutex);
-        return store().lines;
+        const std::lock_guard lock(mutex);
+        return collected;
     }
     // The number of lines that equal `line`.
     size_t count(std::string_view line) const {
@@ -42,19 +42,13 @@ class LogCapture {
     }
     bool contains(std::string_view line) const { return count(line) > 0; }
     void clear() {
-        const std::lock_guard lock(store().mutex);
-        store().lines.clear();
+        const std::lock_guard lock(mutex);
+        collected.clear();
     }
 
   private:
-    struct Store {
-        std::mutex mutex;
-        std::vector<std::string> lines;
-    };
-    static Store& store() {
-        static Store lines;
-        return lines;
-    }
+    static inline std::mutex mutex;
+    static inline std::vector<std::string> collected;
 };
 
 }  // namespace telvora::test

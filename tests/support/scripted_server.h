@@ -7,9 +7,6 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/read.hpp>
-#include <asio/read_until.hpp>
-#include <asio/write.hpp>
 #include <chrono>
 #include <functional>
 #include <list>
@@ -25,43 +22,31 @@ class ScriptedServer {
     // One accepted connection, for its script. All operations return at the peer's end or the server's.
     class Connection {
       public:
-        explicit Connection(asio::ip::tcp::socket& socket) : socket_(socket) {}
+        explicit Connection(asio::ip::tcp::socket socket) : stream_(std::move(socket)) {}
 
         // One HTTP request: its head and the body of Content-Length bytes. "" if the peer has closed.
         std::string readRequest() {
-            size_t size = asio::read_until(socket_, asio::dynamic_buffer(received_), "\r\n\r\n", gone_);
-            if (gone_) return {};
             constexpr std::string_view kLength = "Content-Length: ";
-            const size_t at = received_.find(kLength);
-            if (at < size) size += std::stoul(received_.substr(at + kLength.size()));
-            if (received_.size() < size) {
-                asio::read(socket_, asio::dynamic_buffer(received_),
-                           asio::transfer_exactly(size - received_.size()), gone_);
+            std::string request, body;
+            for (std::string line; line != "\r" && std::getline(stream_, line); request += line + '\n') {
+                if (line.starts_with(kLength)) body.resize(std::stoul(line.substr(kLength.size())));
             }
-            if (gone_) return {};
-            std::string request = received_.substr(0, size);
-            received_.erase(0, size);
-            return request;
+            stream_.read(body.data(), static_cast<std::streamsize>(body.size()));
+            return stream_ ? request + body : "";
         }
-        void send(std::string_view text) { asio::write(socket_, asio::buffer(text), gone_); }
+        void send(std::string_view text) { stream_ << text << std::flush; }
         // Reads more of a request.
-        void readSome() {
-            asio::read(socket_, asio::dynamic_buffer(received_), asio::transfer_at_least(1), gone_);
-        }
-        void waitForClose() {
-            while (!gone_)
-                readSome();
-        }
+        void readSome() { stream_.get(); }
+        void waitForClose() { stream_.ignore(std::numeric_limits<std::streamsize>::max()); }
+        void end() { ::shutdown(stream_.rdbuf()->socket().native_handle(), SHUT_RDWR); }
         // Waits without reading; false if the peer has not closed within `limit`.
         bool waitForEnd(std::chrono::milliseconds limit) {
-            pollfd peer{socket_.native_handle(), POLLRDHUP, 0};
+            pollfd peer{stream_.rdbuf()->socket().native_handle(), POLLRDHUP, 0};
             return ::poll(&peer, 1, static_cast<int>(limit.count())) != 0;
         }
 
       private:
-        asio::ip::tcp::socket& socket_;
-        asio::error_code gone_;
-        std::string received_;
+        asio::ip::tcp::iostream stream_;
     };
 
     // Runs on a thread per connection. The connection is closed when it returns.
@@ -72,10 +57,8 @@ class ScriptedServer {
     ~ScriptedServer() {
         ::shutdown(listener_.native_handle(), SHUT_RDWR);
         acceptor_.join();
-        for (Peer& peer : peers_) {
-            ::shutdown(peer.socket.native_handle(), SHUT_RDWR);
-            peer.thread.join();
-        }
+        for (Peer& peer : peers_)
+            peer.connection.end();
     }
     ScriptedServer(const ScriptedServer&) = delete;
     ScriptedServer& operator=(const ScriptedServer&) = delete;
@@ -91,8 +74,8 @@ class ScriptedServer {
 
   private:
     struct Peer {
-        asio::ip::tcp::socket socket;
-        std::thread thread;
+        Connection connection;
+        std::jthread thread;  // the first to go
     };
 
     void acceptAll() {
@@ -100,11 +83,10 @@ class ScriptedServer {
             asio::ip::tcp::socket socket = listener_.accept(ended);
             if (ended) return;
             const std::lock_guard lock(mutex_);
-            Peer& peer = peers_.emplace_back(Peer{std::move(socket), {}});
-            peer.thread = std::thread([this, &socket = peer.socket] {
-                Connection connection(socket);
+            Peer& peer = peers_.emplace_back(Peer{Connection(std::move(socket)), {}});
+            peer.thread = std::jthread([this, &connection = peer.connection] {
                 script_(connection);
-                ::shutdown(socket.native_handle(), SHUT_RDWR);
+                connection.end();
             });
         }
     }

@@ -2,9 +2,9 @@
 //
 // A metrics adaptor that tries to leave the daemon's sandbox at each report. The payload names the targets:
 // "directory" (a client's, with a file "secret"), "own" (a directory of the daemon's), "configuration" (a
-// file that it reads), "process" and "socket" (the name of an abstract one). It writes a line "escape NAME:
-// ERROR" for each attempt: the name of an errno value or "success". The file "escapes" has the expected
-// lines.
+// file that it reads), "process", "socket" (the name of an abstract one) and "landlockAbi". It writes a line
+// "escape NAME: ERROR" for each attempt with another result than the expected one, and at last "escape:
+// done".
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -31,9 +31,9 @@ namespace {
 
 const telvora_vodex_host* host;
 
-void tell(const std::string& name, long result) {
-    const char* error = result < 0 ? strerrorname_np(errno) : "success";
-    std::fprintf(stderr, "escape %s: %s\n", name.c_str(), error);
+void tell(const char* name, long result, int expected = EPERM) {
+    const int error = result < 0 ? errno : 0;
+    if (error != expected) std::fprintf(stderr, "escape %s: %s\n", name, strerrorname_np(error));
 }
 
 long openFile(const std::string& path, int flags) {
@@ -45,24 +45,24 @@ long openFile(const std::string& path, int flags) {
 void files(const std::string& directory, const std::string& own, const std::string& configuration,
            const std::string& process) {
     const std::string secret = directory + "/secret";
-    tell("read shadow", openFile("/etc/shadow", O_RDONLY));
-    tell("list home", openFile(directory, O_RDONLY | O_DIRECTORY));
-    tell("read home", openFile(secret, O_RDONLY));
-    tell("read home through proc", openFile("/proc/" + process + "/root" + secret, O_RDONLY));
-    tell("write home", openFile(secret, O_WRONLY));
+    tell("read shadow", openFile("/etc/shadow", O_RDONLY), EACCES);
+    tell("list home", openFile(directory, O_RDONLY | O_DIRECTORY), EACCES);
+    tell("read home", openFile(secret, O_RDONLY), EACCES);
+    tell("read home through proc", openFile("/proc/" + process + "/root" + secret, O_RDONLY), EACCES);
+    tell("write home", openFile(secret, O_WRONLY), EACCES);
     tell("truncate home", truncate(secret.c_str(), 0));
-    tell("make in home", openFile(directory + "/new", O_WRONLY | O_CREAT));
-    tell("make in tmp", openFile("/tmp/telvora-escape", O_WRONLY | O_CREAT));
-    tell("remove from home", unlink(secret.c_str()));
-    tell("move into home", rename((own + "/file").c_str(), (directory + "/file").c_str()));
+    tell("make in home", openFile(directory + "/new", O_WRONLY | O_CREAT), EACCES);
+    tell("make in tmp", openFile("/tmp/telvora-escape", O_WRONLY | O_CREAT), EACCES);
+    tell("remove from home", unlink(secret.c_str()), EACCES);
+    tell("move into home", rename((own + "/file").c_str(), (directory + "/file").c_str()), EACCES);
     tell("link home", link(secret.c_str(), (own + "/link").c_str()));
     tell("symlink", symlink(directory.c_str(), (own + "/symlink").c_str()));
     tell("chmod home", chmod(secret.c_str(), 0777));
     tell("chown home", chown(secret.c_str(), 1, 1));
     tell("utimes home", utimensat(AT_FDCWD, secret.c_str(), nullptr, 0));
-    tell("write own configuration", openFile(configuration, O_WRONLY));
+    tell("write own configuration", openFile(configuration, O_WRONLY), EACCES);
     tell("truncate own configuration", openFile(configuration, O_RDONLY | O_TRUNC));
-    tell("device", openFile("/dev/zero", O_RDWR));
+    tell("device", openFile("/dev/zero", O_RDWR), EACCES);
 }
 
 void processes(pid_t process) {
@@ -74,7 +74,7 @@ void processes(pid_t process) {
     tell("ptrace", ptrace(PTRACE_SEIZE, process, nullptr, nullptr));
     tell("process_vm_readv", syscall(SYS_process_vm_readv, process, nullptr, 0, nullptr, 0, 0));
 #endif
-    tell("read its memory", openFile("/proc/" + std::to_string(process) + "/mem", O_RDONLY));
+    tell("read its memory", openFile("/proc/" + std::to_string(process) + "/mem", O_RDONLY), EACCES);
     // Signal 0 needs the same permission and does no harm.
     tell("signal", kill(process, 0));
     tell("signal all", kill(-1, 0));
@@ -87,7 +87,8 @@ void processes(pid_t process) {
     close(pair[1]);
 }
 
-void networks(const std::string& name) {
+// The kernel refuses abstract sockets from Landlock ABI 6 on.
+void networks(const std::string& name, int64_t landlockAbi) {
     tell("raw socket", socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     tell("packet socket", socket(AF_PACKET, SOCK_RAW, 0));
     const int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -105,7 +106,8 @@ void networks(const std::string& name) {
     address.sun_family = AF_UNIX;
     name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    tell("abstract socket", connect(client, reinterpret_cast<const sockaddr*>(&address), length));
+    tell("abstract socket", connect(client, reinterpret_cast<const sockaddr*>(&address), length),
+         landlockAbi >= 6 ? EPERM : 0);
     close(client);
 }
 
@@ -137,7 +139,7 @@ void send(void*, uint16_t method, uint16_t, const telvora_vodex_value* payload) 
     files(text(payload, "directory"), text(payload, "own"), text(payload, "configuration"),
           std::to_string(process));
     processes(static_cast<pid_t>(process));
-    networks(text(payload, "socket"));
+    networks(text(payload, "socket"), host->integer(host->value_for_key(payload, "landlockAbi")));
     kernel();
     std::fputs("escape: done\n", stderr);
 }

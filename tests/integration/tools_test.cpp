@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// telvoractl as a program, with the real daemon and with the daemon's directories.
+// telvoractl as a program, with the real daemon and with the daemon's directories; and telvora-bag.
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/support/bags.h"
 #include "tests/support/daemon_fixture.h"
-#include "tests/support/expect_run.h"
 
 namespace telvora::test {
 namespace {
@@ -17,8 +15,7 @@ using testing::StartsWith;
 
 class Telvoractl : public DaemonFixture {
   protected:
-    void SetUp() override {
-        DaemonFixture::SetUp();
+    Telvoractl() {
         laboratory().setBag("dravik", openBag({{"uploadServer", Dictionary{{"post_url", "@upload@"}}}}));
         startDaemon();
         socket_ = daemon().socketPath();
@@ -26,8 +23,8 @@ class Telvoractl : public DaemonFixture {
     // A command that has a session.
     Finished run(const std::string& command, int status, const std::string& says = "",
                  std::string_view input = "") {
-        return expectRun(wordsOf(TELVORACTL_PATH " --socket " + socket_ + " " + command +
-                                 " --session-id 5 --client-type " + clientType_),
+        return expectRun(TELVORACTL_PATH " --socket " + socket_ + " " + command +
+                             " --session-id 5 --client-type " + clientType_,
                          status, says, input);
     }
 
@@ -103,14 +100,14 @@ TEST_F(Telvoractl, FlushesUploadsAndShowsTheLog) {
         run("upload " + bad, 2);
 
     const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory().path() / "logs"}};
-    const Finished log = expectRun({TELVORACTL_PATH, "log", "-n", "1", "--json"}, 0, "", "", logs);
+    const Finished log = expectRun(TELVORACTL_PATH " log -n 1 --json", 0, "", "", logs);
     EXPECT_THAT(log.output, ElementsAre(StartsWith("{\"text\":\"[")));
     ChildProcess follow({{TELVORACTL_PATH, "log", "-f", "-n", "1"}, logs});
-    ASSERT_TRUE(follow.output().waitFor([](std::string_view) { return true; }, kPatience));
+    ASSERT_TRUE(follow.output().waitForPart(""));
     const size_t shown = follow.output().lineCount();
     run("upload " + file, 0);
-    EXPECT_TRUE(follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); },
-                                        kPatience, shown));
+    EXPECT_TRUE(
+        follow.output().waitFor([](std::string_view line) { return line.ends_with("%25%C3%BC"); }, shown));
 
     laboratory().setBag("pellam", bagWithBackends({}));
     clientType_ = "10";
@@ -155,11 +152,10 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"device --json", 0, "\"DeviceName\":\"d\""},
     };
     for (const auto& [arguments, status, says] : steps) {
-        const Finished run =
-            expectRun(wordsOf(std::string(TELVORACTL_PATH " ") + arguments), status, says, "",
-                      {{"STATE_DIRECTORY", state},
-                       {"CONFIGURATION_DIRECTORY", directory.path() / "config"},
-                       {"LOGS_DIRECTORY", state / "none"}});
+        const Finished run = expectRun(std::string(TELVORACTL_PATH " ") + arguments, status, says, "",
+                                       {{"STATE_DIRECTORY", state},
+                                        {"CONFIGURATION_DIRECTORY", directory.path() / "config"},
+                                        {"LOGS_DIRECTORY", state / "none"}});
         EXPECT_EQ(run.errors.empty(), status == 0) << arguments;
     }
     // A client's text can't control the terminal, and truncated text still gives valid JSON.
@@ -167,14 +163,113 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
                     "(2015-11-16 08:00:00 +0000) \x1b]0;x\x07\xc2\x9b"
                     "1m \xc3\n\tü\n");
     const std::map<std::string, std::string> logs{{"LOGS_DIRECTORY", directory.path() / "log"}};
-    EXPECT_THAT(expectRun({TELVORACTL_PATH, "log"}, 0, "", "", logs).output,
+    EXPECT_THAT(expectRun(TELVORACTL_PATH " log", 0, "", "", logs).output,
                 ElementsAre("(2015-11-16 08:00:00 +0000) \\x1b]0;x\\x07\\xc2\\x9b1m \\xc3", "\tü"));
-    EXPECT_THAT(expectRun({TELVORACTL_PATH, "log", "--json"}, 0, "", "", logs).output,
+    EXPECT_THAT(expectRun(TELVORACTL_PATH " log --json", 0, "", "", logs).output,
                 ElementsAre("{\"text\":\"\\u001B]0;x\\u0007\\u009b1m \xef\xbf\xbd\\n\\tü\","
                             "\"time\":\"2015-11-16 08:00:00 +0000\"}"));
     struct stat file {};
     ASSERT_EQ(stat((state / "Preferences/com.zandor.telvora.plist").c_str(), &file), 0);
     EXPECT_EQ(file.st_uid, owner);  // readable by the daemon
+}
+
+class TelvoraBag : public testing::Test {
+  protected:
+    void SetUp() override {
+        directory_.write("bag.plist",
+                         "<plist version=\"1.0\"><dict><key>version</key><string>7.1</string>"
+                         "<key>release</key><dict/></dict></plist>");
+        // JSON is signed as its property list.
+        directory_.write("bag.json", R"({"version": "7.2", "release": {"dashboard": {"port": 0}}})");
+        directory_.write("reports", "{\"category\": 5, \"type\": 1}\n");
+        directory_.write("text", "This is no property list.");
+        directory_.write("array.plist", "<plist version=\"1.0\"><array/></plist>");
+        run("keygen --key key.pem --public public.der", 0);
+        run("keygen --key other.pem --public other.der", 0);
+        run("sign --key key.pem bag.plist signed", 0);
+        run("sign --key key.pem bag.json json.signed", 0);
+    }
+    // In the directory with all these files.
+    void run(const std::string& arguments, int status, const std::string& says = "") {
+        expectRun("/usr/bin/env -C " + directory_.path().string() + " " TELVORA_BAG_PATH " " + arguments,
+                  status, says);
+    }
+
+    TemporaryDirectory directory_;
+};
+
+TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {
+    run("verify --public public.der signed", 0, "version 7.1");
+    run("verify --public public.der json.signed", 0, "version 7.2");
+    run("verify --public other.der signed", 1, "does not verify");
+    run("show signed", 0, "<string>7.1</string>");
+    run("show bag.plist", 0, "<string>7.1</string>");
+    run("lint json.signed", 1, "release/dashboard/port: error: ");
+    run("lint --json bag.plist", 0, "{\"findings\":[]}");
+    run("explain json.signed --client-type 7 --consent yes --country CH --draw 0.5 --events reports", 0,
+        "  0 of 1 reports posted");
+    struct stat status {};
+    ASSERT_EQ(stat((directory_.path() / "key.pem").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+TEST_F(TelvoraBag, NamesTheLimitThatABagIsOver) {
+    std::string many = "<dict><key>k</key><array>", numbers = "{\"k\": [7";
+    for (int i = 0; i < 1 << 21; ++i)
+        many += "<true/>";
+    for (int i = 0; i < 600000; ++i)
+        numbers += ",7";
+    const std::string tooLong =
+        "longer than the 12576768 bytes of which a signed document of 16 MiB can be made";
+    const struct {
+        std::string bag, limit;
+        int lintStatus;
+    } cases[] = {
+        {"<dict><key>k</key><string>" + std::string(12576768, 'x') + "</string></dict>", tooLong, 1},
+        {numbers + "]}", tooLong, 1},
+        {many + "</array></dict>", "more than 2097152 values", 2},
+    };
+    for (const auto& [bag, limit, lintStatus] : cases) {
+        directory_.write("bag", bag);
+        run("sign --key key.pem bag out", 2, "telvora-bag: bag: " + limit);
+        run("lint bag", lintStatus, limit);
+    }
+}
+
+TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
+    const struct {
+        const char* arguments;
+        const char* says;
+    } cases[] = {
+        {"", "subcommand"},
+        {"melt", "subcommand"},
+        {"sign --key key.pem bag.plist", "signed"},
+        {"sign --key absent bag.plist out", "absent: can't be read"},
+        {"sign --key text bag.plist out", "text: "},
+        {"sign --key public.der bag.plist out", "public.der: "},
+        {"sign --key key.pem text out", "no property list"},
+        {"sign --key key.pem array.plist out", "no dictionary"},
+        {"sign --key key.pem bag.plist nowhere/out", "nowhere"},
+        {"sign --key key.pem signed out", "signed document already"},
+        {"explain bag.plist", "--client-type"},
+        {"explain bag.plist --client-type 19", "19"},
+        {"explain bag.plist --client-type 7 --consent perhaps", "perhaps"},
+        {"explain bag.plist --client-type 7 --draw 1.5", "1.5"},
+        {"explain bag.plist --client-type 7 --environment mars", "no such environment"},
+        {"explain bag.plist --client-type 7 --device text", "text: no property list"},
+        {"explain bag.plist --client-type 7 --events absent", "absent: can't be read"},
+        {"explain bag.plist --client-type 7 --events text", "text: line 1: "},
+        {"lint text", "no property list"},
+        {"verify --public key.pem signed", "no RSA public key"},
+        {"verify --public public.der bag.plist", "bag.plist: "},
+        {"show absent", "can't be read"},
+        {"keygen --key nowhere/key --public out", "nowhere"},
+        {"keygen --key out --public out --bits 512", "512"},
+    };
+    for (const auto& [arguments, says] : cases) {
+        run(arguments, 2, says);
+        EXPECT_FALSE(exists(directory_.path() / "out")) << arguments;
+    }
 }
 
 }  // namespace
