@@ -53,7 +53,10 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
       timer_(strand_),
       input_(limits.messageSize) {}
 
-BusConnection::~BusConnection() = default;
+// The calls end before the handlers, which may own what the calls use.
+BusConnection::~BusConnection() {
+    replies_.clear();
+}
 
 void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     closed_ = std::move(closed);
