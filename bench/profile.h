@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Profile: samples a process with perf(1) and tells its processor time apart by library and by room.
+// Profile: samples a process with perf(1), and divides its processor time by library and by room.
 #pragma once
 
 #include <sys/types.h>
