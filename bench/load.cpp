@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "load.h"
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 
 #include "telvora/keys.h"
 #include "tests/support/await.h"
@@ -16,14 +19,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint16_t kCategories = 4;
 
-Dictionary payload(uint64_t number) {
-    return {{"codec", "av1"},     {"bitrate", 4200}, {"live", true},
-            {kNumberKey, number}, {"ratio", 0.75},   {"region", "eu-central"}};
+Dictionary payload(std::span<const RecordEntry> record, uint64_t number) {
+    Dictionary payload{{kNumberKey, number}};
+    for (const auto& [key, value] : record)
+        payload.set(key, std::visit([](auto plain) { return PropertyList(plain); }, value));
+    return payload;
 }
 
 }  // namespace
 
-// All functions except flush() run on the runtime's thread.
+// sendNext() and acknowledged() run on the runtime's thread.
 class Load::Client {
   public:
     Client(Load& load, ClientRuntime& runtime, const std::string& socketPath, uint64_t sessionID)
@@ -34,11 +39,14 @@ class Load::Client {
 
     void sendNext() {
         const uint64_t number = load_.nextNumber_.fetch_add(1, std::memory_order_relaxed);
-        if (number >= load_.options_.reports) return;
-        session_->sendMessage(static_cast<uint16_t>(1 + number % kCategories), 1, payload(number),
-                              [this, sent = Clock::now()](const auto& answer) {
+        if (number < load_.options_.reports) send(number, Clock::now());
+    }
+
+    void send(uint64_t number, Clock::time_point due) {
+        session_->sendMessage(static_cast<uint16_t>(1 + number % kCategories), 1,
+                              payload(load_.options_.record, number), [this, due](const auto& answer) {
                                   if (!answer) return load_.failed(answer.error().message);
-                                  acknowledged(sent);
+                                  acknowledged(due);
                               });
     }
 
@@ -49,11 +57,11 @@ class Load::Client {
     const std::vector<uint32_t>& latencies() const { return latencies_; }
 
   private:
-    void acknowledged(Clock::time_point sent) {
-        const auto latency = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - sent);
+    void acknowledged(Clock::time_point due) {
+        const auto latency = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - due);
         latencies_.push_back(static_cast<uint32_t>(latency.count()));
         if (load_.unacknowledged_.fetch_sub(1) == 1) return load_.done_.set_value();
-        sendNext();
+        if (load_.options_.rate == 0) sendNext();
     }
 
     Load& load_;
@@ -76,9 +84,13 @@ void Load::open(const std::string& socketPath) {
 
 void Load::run() {
     const auto begin = Clock::now();
-    for (size_t i = 0; i < options_.window; ++i) {
-        for (const auto& client : clients_)
-            client->sendNext();
+    if (options_.rate > 0) {
+        sendOnSchedule();
+    } else {
+        for (size_t i = 0; i < options_.window; ++i) {
+            for (const auto& client : clients_)
+                client->sendNext();
+        }
     }
     done_.get_future().get();
     duration_ = Clock::now() - begin;
@@ -86,6 +98,17 @@ void Load::run() {
         latencies_.insert(latencies_.end(), client->latencies().begin(), client->latencies().end());
     }
     std::sort(latencies_.begin(), latencies_.end());
+}
+
+void Load::sendOnSchedule() {
+    prctl(PR_SET_TIMERSLACK, 1UL);  // the default delays each report by up to 50 µs
+    const auto begin = Clock::now();
+    for (uint64_t number = 0; number < options_.reports && !failed_; ++number) {
+        const std::chrono::duration<double> offset(static_cast<double>(number) / options_.rate);
+        const auto due = begin + std::chrono::duration_cast<Clock::duration>(offset);
+        std::this_thread::sleep_until(due);
+        clients_[number % clients_.size()]->send(number, due);
+    }
 }
 
 void Load::flush() {
@@ -99,7 +122,7 @@ void Load::failed(const std::string& reason) {
     }
 }
 
-double Load::latencyMicroseconds(double share) {
+double Load::latencyMicroseconds(double share) const {
     if (latencies_.empty()) return 0;
     const auto index = static_cast<size_t>(share * static_cast<double>(latencies_.size() - 1));
     return latencies_[index];

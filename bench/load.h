@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The load: each client keeps a window of unacknowledged reports, and sends the next one when one is
+// The load. Closed loop: each client keeps a window of unacknowledged reports, and sends the next one when
+// one is acknowledged. Open loop: reports are sent at a fixed rate, whether or not earlier ones are
 // acknowledged.
 #pragma once
 
@@ -9,10 +10,12 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "client/client_session.h"
+#include "record.h"
 
 namespace telvora::bench {
 
@@ -21,6 +24,8 @@ struct LoadOptions {
     size_t clients = 8;
     size_t window = 64;  // unacknowledged reports per client
     size_t threads = 1;  // of the clients
+    double rate = 0;     // reports per second over all clients; 0: closed loop
+    std::span<const RecordEntry> record = kShortRecord;
 };
 
 class Load {
@@ -38,13 +43,15 @@ class Load {
 
     // The time from the first report's sending to the last acknowledgement.
     std::chrono::duration<double> duration() const { return duration_; }
-    // The latency in microseconds, from sending to acknowledgement, that the given share of all reports does
-    // not exceed. Valid after run().
-    double latencyMicroseconds(double share);
+    // The latency in microseconds that the given share of all reports does not exceed. From sending to
+    // acknowledgement; in an open loop from the scheduled time, so that a stall delays all reports that fall
+    // due meanwhile. Valid after run().
+    double latencyMicroseconds(double share) const;
 
   private:
     class Client;
 
+    void sendOnSchedule();
     void failed(const std::string& reason);
 
     const LoadOptions options_;

@@ -5,11 +5,16 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <map>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "load.h"
 #include "platform/descriptor_limit.h"
 #include "process_figures.h"
+#include "profile.h"
+#include "sending.h"
 #include "service.h"
 #include "sessions.h"
 #include "telvora-lab/event_json.h"
@@ -24,6 +29,7 @@ struct Options {
     int64_t eventThreshold = 49;
     bool overrideConsent = false;
     double idleSeconds = 1;
+    std::string profile;  // path of the profile's table; empty: none
 };
 
 Dictionary benchBag(const Options& options) {
@@ -53,6 +59,8 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const test:
 
     load.open(daemon.socketPath());
     figures.connected = memoryOf(daemon.pid());
+    std::optional<Profile> profile;
+    if (!options.profile.empty()) profile.emplace(daemon.pid());
     const double cpuBefore = cpuSeconds(daemon.pid());
     const auto begin = std::chrono::steady_clock::now();
     load.run();
@@ -61,6 +69,7 @@ Figures measure(const Options& options, lab::Laboratory& laboratory, const test:
     figures.deliverySeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     figures.cpuSeconds = cpuSeconds(daemon.pid()) - cpuBefore;
     figures.loaded = memoryOf(daemon.pid());
+    if (profile) profile->write(options.profile);
     return figures;
 }
 
@@ -68,20 +77,29 @@ Dictionary memoryFigures(const Memory& memory) {
     return {{"rssKiB", memory.rssKiB}, {"pssKiB", memory.pssKiB}};
 }
 
+Dictionary latencyFigures(const Load& load) {
+    return {{"p50", load.latencyMicroseconds(0.5)},
+            {"p90", load.latencyMicroseconds(0.9)},
+            {"p99", load.latencyMicroseconds(0.99)},
+            {"p99.9", load.latencyMicroseconds(0.999)},
+            {"max", load.latencyMicroseconds(1)}};
+}
+
 Dictionary describe(const Options& options, const lab::ReportingServer& reports, const Figures& figures,
-                    Load& load) {
+                    const Load& load) {
     const auto count = static_cast<double>(options.load.reports);
     return {{"reports", options.load.reports},
             {"clients", options.load.clients},
             {"window", options.load.window},
+            {"scheduledPerSecond", options.load.rate},
+            {"entries", options.load.record.size() + 1},
             {"clientThreads", options.load.threads},
             {"eventThreshold", options.eventThreshold},
             {"messagesAlsoLogged", !options.overrideConsent},
             {"reportsPerSecond", count / load.duration().count()},
             {"deliveredPerSecond", count / figures.deliverySeconds},
             {"daemonCpuMicrosecondsPerReport", figures.cpuSeconds * 1e6 / count},
-            {"acknowledgementMicroseconds",
-             Dictionary{{"p50", load.latencyMicroseconds(0.5)}, {"p99", load.latencyMicroseconds(0.99)}}},
+            {"acknowledgementMicroseconds", latencyFigures(load)},
             {"idle", memoryFigures(figures.idle)},
             {"idleWakeupsPerSecond", figures.idleWakeups},
             {"connected", memoryFigures(figures.connected)},
@@ -124,6 +142,18 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 20'000));
     app.add_option("--window", options.load.window, "Unacknowledged reports per client")
         ->check(CLI::Range(1, 16'000));
+    app.add_option(
+           "--rate", options.load.rate,
+           "Reports per second, sent on schedule whatever the answers do (open loop); 0: as fast as the "
+           "window allows")
+        ->check(CLI::Range(0.0, 10e6));
+    const std::map<std::string, bool> records{{"short", false}, {"peers", true}};
+    bool peers = false;
+    app.add_option("--record", peers, "The payload of a report: of six entries, or of ten")
+        ->transform(CLI::CheckedTransformer(records))
+        ->default_str("short");
+    app.add_option("--profile", options.profile,
+                   "Write to this file where the daemon's processor time went, by perf(1)");
     app.add_option("--client-threads", options.load.threads, "Threads of the clients")
         ->check(CLI::Range(1, 64));
     app.add_option(
@@ -140,6 +170,14 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(10, 100'000));
     sessionsMode->add_option("--reports", sessions.reports, "Reports per measurement of their cost")
         ->check(CLI::Range(100, 10'000'000));
+    telvora::bench::SendingOptions sending;
+    CLI::App* clientMode =
+        app.add_subcommand("client", "Measure the cost of sending with libtelvora, in a process of its own.");
+    clientMode->add_option("--reports", sending.reports, "Reports over all threads")
+        ->check(CLI::Range(1, 50'000'000));
+    clientMode->add_option("--threads", sending.threads, "Threads that send on one session; repeatable")
+        ->default_val(std::vector<size_t>{1, 4})
+        ->check(CLI::Range(1, 1000));
     telvora::bench::ServiceOptions service;
     CLI::App* serviceMode =
         app.add_subcommand("service", "Measure the daemon's start time, and its cost while idle.");
@@ -153,10 +191,15 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsageError;
     }
+    if (peers) options.load.record = telvora::bench::kPeersRecord;
     telvora::raiseDescriptorLimit();
     try {
         if (*sessionsMode) {
             std::cout << telvora::lab::toJson(telvora::bench::measureSessions(sessions), true) << std::endl;
+            return 0;
+        }
+        if (*clientMode) {
+            std::cout << telvora::lab::toJson(telvora::bench::measureSending(sending), true) << std::endl;
             return 0;
         }
         if (*serviceMode) {

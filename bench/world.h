@@ -8,6 +8,7 @@
 #include <string>
 
 #include "client/client_session.h"
+#include "record.h"
 #include "telvora-lab/laboratory.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/temporary_directory.h"
@@ -15,7 +16,6 @@
 namespace telvora::bench {
 
 constexpr int64_t kClientType = 8;  // the type whose bag every World serves
-constexpr char kNumberKey[] = "n";  // the key of each report's number, by which a World counts it
 
 class World {
   public:

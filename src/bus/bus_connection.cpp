@@ -54,7 +54,9 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
       timer_(strand_),
       input_(limits.messageSize, socket_.closer() ? socket_.closer()->ofReceived() : nullptr) {}
 
+// The calls end before the handlers, which may own what the calls use.
 BusConnection::~BusConnection() {
+    replies_.clear();
     if (descriptor_.is_open()) descriptor_.release();
 }
 

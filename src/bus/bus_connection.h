@@ -108,11 +108,16 @@ class PendingCall {
     std::atomic<bool> answered_ = false;
 };
 
+// Takes the answer to an own call. Destroyed uncalled if the connection ends first.
+class BusReplyTarget {
+  public:
+    virtual ~BusReplyTarget() = default;
+    // Called once, with a method return or an error (BusMessage::error()), then destroyed.
+    virtual void answered(BusMessage& reply) = 0;
+};
+
 class BusConnection : public std::enable_shared_from_this<BusConnection> {
   public:
-    // Takes the answer to an own call: a method return, or an error (BusMessage::error()). Destroyed uncalled
-    // if the connection ends first.
-    using ReplyHandler = std::function<void(BusMessage& reply)>;
     // Runs once, when the connection ends, with the reason. If this end ended it, one-way calls can still be
     // sent while the handler runs.
     using ClosedHandler = std::function<void(const std::string& reason)>;
@@ -160,9 +165,11 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     };
     // Sends without expecting an answer, whether or not the output is congested.
     tl::expected<void, BusSendFailure> sendOneWay(const Destination& to, const BusBody& body);
-    // Sends and waits for the answer, without a time limit. `descriptors` are sent with the call; a peer that
-    // does not take any gets an invalid call.
-    tl::expected<void, BusSendFailure> call(const Destination& to, const BusBody& body, ReplyHandler handler,
+    // Sends a call that WireWriter::complete() can make of these parts, and waits for the answer without a
+    // time limit. `descriptors` are sent with the call: a peer that does not take any gets an invalid call.
+    // `target` is taken only if the call is sent.
+    tl::expected<void, BusSendFailure> call(std::string_view header, std::string_view body,
+                                            std::unique_ptr<BusReplyTarget>& target,
                                             std::vector<UniqueFd> descriptors = {});
     // Whether the peer has left more unread than BusLimits allows.
     bool outputCongested() const { return output_.size() >= limits_.queuedBytes; }
@@ -220,8 +227,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
         sendError(call.serial, isWanted(call), error);
     }
     void settle(BusCallOrder order);
-    tl::expected<void, BusSendFailure> sendCall(const Destination& to, uint8_t flags, const BusBody& body,
-                                                std::vector<UniqueFd> descriptors);
+    uint32_t nextSerial() { return ++lastSerial_ != 0 ? lastSerial_ : ++lastSerial_; }
     tl::expected<void, BusSendFailure> write(MessageView header, const BusBody& body);
 
     const Strand strand_;
@@ -252,7 +258,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     size_t pendingCalls_ = 0;
     size_t exclusiveCalls_ = 0;
     bool admissionAwaited_ = false;
-    std::unordered_map<uint32_t, ReplyHandler> replies_;
+    std::unordered_map<uint32_t, std::unique_ptr<BusReplyTarget>> replies_;
     std::vector<Export> exports_;
     ClosedHandler closed_;
     std::function<void()> gone_;

@@ -199,36 +199,31 @@ void PendingCall::reply(BusBody body) {
 
 // --- Own calls ---
 
-tl::expected<void, BusSendFailure> BusConnection::sendCall(const Destination& to, uint8_t flags,
-                                                           const BusBody& body,
-                                                           std::vector<UniqueFd> descriptors) {
+tl::expected<void, BusSendFailure> BusConnection::sendOneWay(const Destination& to, const BusBody& body) {
     if (!isOpen() || hungUp_) return tl::unexpected(BusSendFailure::kEnded);
-    if (!descriptors.empty() && state_ == State::ready && !passesDescriptors_)
-        return tl::unexpected(BusSendFailure::kInvalid);
     MessageView header;
     header.type = MessageType::methodCall;
-    header.flags = flags;
+    header.flags = kNoReplyExpected;
     header.path = to.path;
     header.interface = to.interface;
     header.member = to.method;
     header.signature = to.signature;
-    header.descriptors = static_cast<uint32_t>(descriptors.size());
-    const size_t position = output_.buffer().size();
-    auto written = write(header, body);
-    if (written) output_.attach(position, std::move(descriptors));
-    return written;
+    return write(header, body);
 }
 
-tl::expected<void, BusSendFailure> BusConnection::sendOneWay(const Destination& to, const BusBody& body) {
-    return sendCall(to, kNoReplyExpected, body, {});
-}
-
-tl::expected<void, BusSendFailure> BusConnection::call(const Destination& to, const BusBody& body,
-                                                       ReplyHandler handler,
+tl::expected<void, BusSendFailure> BusConnection::call(std::string_view header, std::string_view body,
+                                                       std::unique_ptr<BusReplyTarget>& target,
                                                        std::vector<UniqueFd> descriptors) {
-    auto sent = sendCall(to, 0, body, std::move(descriptors));
-    if (sent) replies_.emplace(lastSerial_, std::move(handler));
-    return sent;
+    if (!isOpen() || hungUp_) return tl::unexpected(BusSendFailure::kEnded);
+    if (!descriptors.empty() && state_ == State::ready && !passesDescriptors_)
+        return tl::unexpected(BusSendFailure::kInvalid);
+    if (header.size() + body.size() > kMaxSentMessage) return tl::unexpected(BusSendFailure::kTooLarge);
+    const uint32_t serial = nextSerial();
+    if (!descriptors.empty()) output_.attach(output_.buffer().size(), std::move(descriptors));
+    WireWriter::complete(output_.buffer(), header, serial, body);
+    replies_.emplace(serial, std::move(target));
+    flushSoon();
+    return {};
 }
 
 void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> descriptors) {
@@ -236,7 +231,7 @@ void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> d
     if (waiting.empty()) return checkRest(BusMessage(view, {}).reader());
     BusMessage reply(view, std::move(descriptors));
     try {
-        waiting.mapped()(reply);
+        waiting.mapped()->answered(reply);
     } catch (const std::exception& exception) {
         TELVORA_LOG(kLogError, "BusConnection(onReply): %s", exception.what());
     }
@@ -244,7 +239,7 @@ void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> d
 }
 
 tl::expected<void, BusSendFailure> BusConnection::write(MessageView header, const BusBody& body) {
-    header.serial = ++lastSerial_ != 0 ? lastSerial_ : ++lastSerial_;
+    header.serial = nextSerial();
     WireWriter writer(output_.buffer(), header);
     if (!body(writer)) return tl::unexpected(BusSendFailure::kInvalid);
     if (!writer.finish(kMaxSentMessage)) return tl::unexpected(BusSendFailure::kTooLarge);

@@ -39,19 +39,26 @@ const telvora_value* orNull(const std::optional<Dictionary>& dictionary,
 
 }  // namespace
 
-ApplicationSession::Work::Work(std::shared_ptr<ApplicationSession> session) : session_(std::move(session)) {
-    session_->runtime_.workBegins();
-    const MutexLock lock(session_->lock_);
-    ++session_->work_;
+// A report costs one change of one counter. Only the first and the last of concurrent work take the lock; the
+// process counts the sessions that have work.
+void ApplicationSession::workBegins() {
+    if (work_.fetch_add(1) != 0) return;
+    runtime_.workBegins();
+    const MutexLock lock(lock_);
+    if (keepers_++ == 0) kept_ = shared_from_this();
 }
 
-ApplicationSession::Work::~Work() {
+// Another thread may begin work before this one gets the lock.
+void ApplicationSession::workEnds() {
+    if (work_.fetch_sub(1) != 1) return;
+    ProcessRuntime& runtime = runtime_;
+    std::shared_ptr<ApplicationSession> kept;
     {
-        const MutexLock lock(session_->lock_);
-        --session_->work_;
-        session_->workDone_.notify_all();
+        const MutexLock lock(lock_);
+        if (--keepers_ == 0) kept = std::move(kept_);
+        workDone_.notify_all();
     }
-    session_->runtime_.workEnds();
+    runtime.workEnds();
 }
 
 ApplicationSession::ApplicationSession(const telvora_session_options& options)
@@ -78,7 +85,7 @@ SessionTarget::Handlers ApplicationSession::handlers() {
     SessionTarget::Handlers handlers;
     handlers.work = [weak = weak_from_this()]() -> std::shared_ptr<const void> {
         const auto self = weak.lock();
-        return self ? std::make_shared<const Work>(self) : nullptr;
+        return self ? std::make_shared<const Work>(*self) : nullptr;
     };
     if (options_.on_message != nullptr) {
         handlers.message = [weak = weak_from_this()](const AggregatedMessage& message) {
@@ -109,7 +116,7 @@ SessionTarget::Handlers ApplicationSession::handlers() {
 // end() waits for work that reads ended_ as false here.
 template <typename Run>
 void ApplicationSession::runHandler(Run run) {
-    const Work work(shared_from_this());
+    const Work work(*this);
     if (ended_ || runtime_.exiting()) return;
     const ProcessRuntime::Callback callback;
     run();
@@ -131,8 +138,9 @@ telvora_status ApplicationSession::failed(telvora_status status) {
 telvora_status ApplicationSession::call(Request request, telvora_completion completion, void* context) {
     if (runtime_.exiting()) return TELVORA_ERROR_EXITING;
     request.awaited = completion != nullptr;
-    auto done = [self = shared_from_this(), work = std::make_shared<const Work>(shared_from_this()),
-                 completion, context](const Answer& answer) { self->answered(answer, completion, context); };
+    auto done = [work = Work(*this), completion, context](const Answer& answer) {
+        work->answered(answer, completion, context);
+    };
     const telvora_status status = target_->call(std::move(request), std::move(done));
     return status == TELVORA_OK ? status : failed(status);
 }

@@ -4,7 +4,9 @@
 // that the application can wait for them, and runs the application's callbacks as long as they may run.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
+#include <utility>
 
 #include "client/process_runtime.h"
 #include "client/session_target.h"
@@ -27,20 +29,27 @@ class ApplicationSession : public std::enable_shared_from_this<ApplicationSessio
     bool inherited() const { return runtime_.inherited(); }
 
   private:
-    // wait() and end() wait until all objects of this class are destroyed.
+    // wait() and end() wait until all objects of this class are destroyed. A session lives as long as its
+    // work.
     class Work {
       public:
-        explicit Work(std::shared_ptr<ApplicationSession> session);
-        ~Work();
-        Work(const Work&) = delete;
-        Work& operator=(const Work&) = delete;
+        explicit Work(ApplicationSession& session) : session_(&session) { session.workBegins(); }
+        ~Work() {
+            if (session_ != nullptr) session_->workEnds();
+        }
+        Work(Work&& other) noexcept : session_(std::exchange(other.session_, nullptr)) {}
+        Work& operator=(Work&&) = delete;
+
+        ApplicationSession* operator->() const { return session_; }
 
       private:
-        const std::shared_ptr<ApplicationSession> session_;
+        ApplicationSession* session_;
     };
 
     explicit ApplicationSession(const telvora_session_options& options);
     SessionTarget::Handlers handlers();
+    void workBegins() TELVORA_EXCLUDES(lock_);
+    void workEnds() TELVORA_EXCLUDES(lock_);
     template <typename Run>
     void runHandler(Run run) TELVORA_EXCLUDES(lock_);
     void answered(const Answer& answer, telvora_completion completion, void* context);
@@ -52,7 +61,10 @@ class ApplicationSession : public std::enable_shared_from_this<ApplicationSessio
 
     Mutex lock_;
     std::condition_variable_any workDone_;
-    size_t work_ TELVORA_GUARDED_BY(lock_) = 0;
+    std::atomic<size_t> work_ = 0;
+    // Refers to this session while it has work.
+    std::shared_ptr<ApplicationSession> kept_ TELVORA_GUARDED_BY(lock_);
+    size_t keepers_ TELVORA_GUARDED_BY(lock_) = 0;  // beginnings of work, less its ends
     telvora_status firstFailure_ TELVORA_GUARDED_BY(lock_) = TELVORA_OK;
     std::atomic<bool> ended_ = false;
 };

@@ -14,7 +14,7 @@
 namespace telvora {
 
 // Held while a session connects. fork(2) waits for it (process_runtime.cpp), so the locks that connecting
-// takes, those of libsystemd among them, are free in the child, and the child can connect sessions of its
+// takes are free in the child, and the child can connect sessions of its
 // own.
 inline Mutex forkLock{LockRank::fork};
 

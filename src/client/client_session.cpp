@@ -49,10 +49,11 @@ std::string ClientSession::defaultSocketPath() {
 }
 
 tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect(
-    ClientRuntime& runtime, const std::string& socketPath, Handlers handlers, FullBacklog fullBacklog) {
+    ClientRuntime& runtime, const std::string& socketPath, Handlers handlers, FullBacklog fullBacklog,
+    CallLimit callLimit) {
     auto socket = connectTo(socketPath, fullBacklog);
     if (!socket) return tl::unexpected(socket.error());
-    auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers));
+    auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers), callLimit);
     connection->start(std::move(*socket));
     return std::unique_ptr<ClientSession>(new ClientSession(runtime, socketPath, std::move(connection)));
 }
@@ -74,9 +75,10 @@ std::optional<Dictionary> sessionInfoOfChild(const Dictionary& parent, uint32_t 
     return info;
 }
 
-tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::child(
-    uint32_t sessionID, std::optional<Dictionary> userInfo, Completion<void> completion,
-    Handlers handlers) const {
+tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::child(uint32_t sessionID,
+                                                                               OptionalDictionary userInfo,
+                                                                               Completion<void> completion,
+                                                                               Handlers handlers) const {
     std::optional<Dictionary> info;
     std::vector<std::string> frameworks;
     {
@@ -87,8 +89,7 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::child(
     if (!info) return tl::unexpected(std::string("the session belongs to no hierarchy"));
     auto session = connect(runtime_, socketPath_, std::move(handlers));
     if (!session) return session;
-    (*session)->setSessionInfo(std::move(*info), std::move(userInfo), std::move(frameworks),
-                               std::move(completion));
+    (*session)->setSessionInfo(*info, userInfo, std::move(frameworks), std::move(completion));
     return session;
 }
 
@@ -100,39 +101,43 @@ void ClientSession::invalidate() {
     connection_->invalidate();
 }
 
-void ClientSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+void ClientSession::setSessionInfo(const Dictionary& sessionInfo, OptionalDictionary userInfo,
                                    std::vector<std::string> frameworksToCheck, Completion<void> completion) {
     const Dictionary* token = sessionInfo.dictionary(kTelvoraSessionInfoHierarchyToken);
     connection_->setFollowsParent(token != nullptr &&
                                   token->integer(kTelvoraHierarchyTokenLevel).value_or(0) != 0);
-    {
-        const MutexLock lock(lock_);
-        sessionInfo_ = sessionInfo;
-        frameworksToCheck_ = frameworksToCheck;
-    }
-    connection_->call(kSetSessionInfo, std::move(completion), std::move(sessionInfo), std::move(userInfo),
-                      std::move(frameworksToCheck), connection_->aggregates());
+    connection_->call<kSetSessionInfo>(std::move(completion), sessionInfo, userInfo.get(), frameworksToCheck,
+                                       connection_->aggregates());
+    Dictionary copy = sessionInfo;
+    const MutexLock lock(lock_);
+    std::swap(sessionInfo_, copy);
+    std::swap(frameworksToCheck_, frameworksToCheck);
 }
 
 void ClientSession::startConfig(Completion<ReportingStates> completion) {
-    connection_->callForStates(kStartConfig, std::move(completion));
+    connection_->callForStates<kStartConfig>(std::move(completion));
 }
 
-void ClientSession::fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion) {
-    connection_->callForStates(kFetchStates, std::move(completion), std::move(userInfo));
+void ClientSession::restartConfig(Completion<ReportingStates> completion) {
+    connection_->flushAndStart(std::move(completion));
+}
+
+void ClientSession::fetchStates(OptionalDictionary userInfo, Completion<ReportingStates> completion) {
+    connection_->callForStates<kFetchStates>(std::move(completion), userInfo.get());
 }
 
 void ClientSession::fetchDisplayURL(Completion<std::string> completion) {
-    connection_->call(kFetchDisplayURL, std::move(completion));
+    connection_->call<kFetchDisplayURL>(std::move(completion));
 }
 
-void ClientSession::sendMessage(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+void ClientSession::sendMessage(uint16_t category, uint16_t type, OptionalDictionary payload,
                                 Completion<std::optional<std::string>> completion) {
-    connection_->call(kSendMessageWithCategory, std::move(completion), category, type, std::move(payload));
+    connection_->call<kSendMessageWithCategory>(std::move(completion), category, type, payload.get());
 }
 
-void ClientSession::sendMessage(Dictionary message, Completion<std::optional<std::string>> completion) {
-    connection_->call(kSendMessageWithDictionary, std::move(completion), std::move(message));
+void ClientSession::sendMessage(const Dictionary& message,
+                                Completion<std::optional<std::string>> completion) {
+    connection_->call<kSendMessageWithDictionary>(std::move(completion), message);
 }
 
 void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
@@ -140,28 +145,28 @@ void ClientSession::flushMessages(Completion<FlushAnswer> completion) {
 }
 
 void ClientSession::finishSession(Completion<std::optional<std::string>> completion) {
-    connection_->call(kFinishSession, std::move(completion));
+    connection_->call<kFinishSession>(std::move(completion));
 }
 
-void ClientSession::issueFileExtension(std::string path, UniqueFd file, Completion<std::string> completion) {
-    connection_->call(kIssueFileExtension, std::move(completion), std::move(path), std::move(file));
+void ClientSession::issueFileExtension(const std::string& path, UniqueFd file,
+                                       Completion<std::string> completion) {
+    connection_->call<kIssueFileExtension>(std::move(completion), path, file);
 }
 
-void ClientSession::uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion) {
-    connection_->call(kUploadFileAtPath, std::move(completion), std::move(fileURL),
-                      std::move(extensionToken));
+void ClientSession::uploadFile(const std::string& fileURL, const std::string& extensionToken,
+                               Completion<bool> completion) {
+    connection_->call<kUploadFileAtPath>(std::move(completion), fileURL, extensionToken);
 }
 
-void ClientSession::uploadLogData(Array records, Completion<UploadAnswer> completion) {
-    connection_->call(kUploadLogData, std::move(completion), std::move(records));
+void ClientSession::uploadLogData(const Array& records, Completion<UploadAnswer> completion) {
+    connection_->call<kUploadLogData>(std::move(completion), records);
 }
 
-void ClientSession::sendSingleMessage(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
-                                      uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+void ClientSession::sendSingleMessage(const Dictionary& sessionInfo, OptionalDictionary userInfo,
+                                      uint16_t category, uint16_t type, OptionalDictionary payload,
                                       Completion<std::string> completion) {
-    connection_->callThatChangesStates(kSendMessageWithSessionInfo, std::move(completion),
-                                       std::move(sessionInfo), std::move(userInfo), category, type,
-                                       std::move(payload));
+    connection_->callThatChangesStates<kSendMessageWithSessionInfo>(
+        std::move(completion), sessionInfo, userInfo.get(), category, type, payload.get());
 }
 
 }  // namespace telvora

@@ -2,9 +2,10 @@
 //
 // ClientSession: a client's session with the daemon, one connection each.
 //
-// Every operation returns at once and may be called from any thread, also in callbacks. Calls are sent and
-// answered in order; a client need not wait for an answer before its next call. A completion (it may be
-// empty) runs exactly once, on the runtime's thread, with the answer or the failure, and must not block.
+// Every operation returns at once and may be called from any thread, also in callbacks; it does not use its
+// arguments later. Calls are sent and answered in order; a client need not wait for an answer before its next
+// call. A completion (it may be empty) runs exactly once, on the runtime's thread, with the answer or the
+// failure, and must not block.
 //
 // The daemon has accepted a report when its completion runs. A client that ends before may lose the report:
 // it should wait for the completion of finishSession().
@@ -23,6 +24,7 @@
 #include "protocol/telvora_error.h"
 #include "util/mutex.h"
 #include "util/unique_fd.h"
+#include "util/unique_function.h"
 
 namespace telvora {
 
@@ -38,7 +40,7 @@ struct CallFailure {
 };
 
 template <typename T>
-using Completion = std::function<void(tl::expected<T, CallFailure> answer)>;
+using Completion = UniqueFunction<void(tl::expected<T, CallFailure> answer), 56>;
 
 using ReportingStates = std::optional<std::vector<std::string>>;
 
@@ -50,6 +52,21 @@ struct FlushAnswer {
 struct UploadAnswer {
     bool uploaded = false;
     std::optional<TelvoraError> error;
+};
+
+// An optional dictionary as an argument. Refers to the caller's dictionary.
+class OptionalDictionary {
+  public:
+    OptionalDictionary(std::nullopt_t = std::nullopt) {}
+    OptionalDictionary(const Dictionary* dictionary) : dictionary_(dictionary) {}
+    OptionalDictionary(const Dictionary& dictionary) : dictionary_(&dictionary) {}
+    OptionalDictionary(const std::optional<Dictionary>& dictionary)
+        : dictionary_(dictionary ? &*dictionary : nullptr) {}
+    // Null if it is absent.
+    const Dictionary* get() const { return dictionary_; }
+
+  private:
+    const Dictionary* dictionary_ = nullptr;
 };
 
 // A report of this session, or of a session below it, for the aggregation block.
@@ -68,6 +85,9 @@ struct AggregatedMessage {
 
 // Behaviour of connecting while the daemon's backlog is full.
 enum class FullBacklog { kWaits, kFails };
+
+// Whether ClientSession::kMaxPendingCalls applies. kNone: the caller keeps to a limit of its own.
+enum class CallLimit { kApplies, kNone };
 
 // The session info of a session one level below `parent` in its hierarchy: a copy with another session ID and
 // level. std::nullopt if the parent belongs to no hierarchy. Pure.
@@ -93,13 +113,13 @@ class ClientSession {
     // Connects to the daemon's socket: unix(7). Fails with the reason. `runtime` outlives the session.
     static tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
         ClientRuntime& runtime, const std::string& socketPath, Handlers handlers = {},
-        FullBacklog fullBacklog = FullBacklog::kWaits);
+        FullBacklog fullBacklog = FullBacklog::kWaits, CallLimit callLimit = CallLimit::kApplies);
     // Connects a session one level below this one in its hierarchy and calls its setSessionInfo() with this
     // session's last arguments, but another session ID and user info. `completion` is that of
     // setSessionInfo(). Fails with the reason if connecting fails or this session belongs to no hierarchy.
     // Either session may end first.
     tl::expected<std::unique_ptr<ClientSession>, std::string> child(uint32_t sessionID,
-                                                                    std::optional<Dictionary> userInfo,
+                                                                    OptionalDictionary userInfo,
                                                                     Completion<void> completion,
                                                                     Handlers handlers = {}) const
         TELVORA_EXCLUDES(lock_);
@@ -109,31 +129,34 @@ class ClientSession {
     ClientSession& operator=(const ClientSession&) = delete;
 
     // The keys of the dictionaries: telvora/keys.h.
-    void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+    void setSessionInfo(const Dictionary& sessionInfo, OptionalDictionary userInfo,
                         std::vector<std::string> frameworksToCheck, Completion<void> completion)
         TELVORA_EXCLUDES(lock_);
     // The backends that report; std::nullopt if the daemon has no configuration for this session.
     void startConfig(Completion<ReportingStates> completion);
-    void fetchStates(std::optional<Dictionary> userInfo, Completion<ReportingStates> completion);
+    // The same for a configured session: a flush precedes the call, with no other call between the two, as
+    // the daemon makes its backends anew.
+    void restartConfig(Completion<ReportingStates> completion);
+    void fetchStates(OptionalDictionary userInfo, Completion<ReportingStates> completion);
     void fetchDisplayURL(Completion<std::string> completion);
     // A backend's answer, if any.
-    void sendMessage(uint16_t category, uint16_t type, std::optional<Dictionary> payload,
+    void sendMessage(uint16_t category, uint16_t type, OptionalDictionary payload,
                      Completion<std::optional<std::string>> completion);
-    void sendMessage(Dictionary message, Completion<std::optional<std::string>> completion);
+    void sendMessage(const Dictionary& message, Completion<std::optional<std::string>> completion);
     // The daemon does not answer if the session's bag names no backends. The error is FlushWatch::kNoBackends
     // (flush_watch.h) then; a session below another session of a hierarchy gets no answer.
     void flushMessages(Completion<FlushAnswer> completion);
     void finishSession(Completion<std::optional<std::string>> completion);
     // The token that lets the daemon read `file`, which the client has open at `path`.
-    void issueFileExtension(std::string path, UniqueFd file, Completion<std::string> completion);
+    void issueFileExtension(const std::string& path, UniqueFd file, Completion<std::string> completion);
     // Whether a backend uploaded the file. `fileURL`: a file URL; `extensionToken`: "" if not needed.
-    void uploadFile(std::string fileURL, std::string extensionToken, Completion<bool> completion);
-    void uploadLogData(Array records, Completion<UploadAnswer> completion);
+    void uploadFile(const std::string& fileURL, const std::string& extensionToken,
+                    Completion<bool> completion);
+    void uploadLogData(const Array& records, Completion<UploadAnswer> completion);
     // A one-shot message, without a configured session. The answer is "finished" or "storebag not available".
     // The daemon does not answer if the session info lacks the session ID or the client type.
-    void sendSingleMessage(Dictionary sessionInfo, std::optional<Dictionary> userInfo, uint16_t category,
-                           uint16_t type, std::optional<Dictionary> payload,
-                           Completion<std::string> completion);
+    void sendSingleMessage(const Dictionary& sessionInfo, OptionalDictionary userInfo, uint16_t category,
+                           uint16_t type, OptionalDictionary payload, Completion<std::string> completion);
 
     // Ends the connection; waiting completions get kConnectionLost.
     void invalidate();

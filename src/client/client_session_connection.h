@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The part of a session that runs on the runtime's thread.
+// The connection of a session: its calls and their answers.
+//
+// The calling thread writes the arguments in their wire form and pushes the call. The library's thread takes
+// all calls that wait, and they leave together. No lock is taken between the two. While the daemon does not
+// read, the calls wait in the queue, and the output of the connection stays small.
 #pragma once
 
 #include <asio/post.hpp>
 #include <atomic>
 #include <utility>
 
+#include "client/call_queue.h"
 #include "client/client_session.h"
 #include "client/flush_watch.h"
 #include "protocol/client_session_methods.h"
@@ -14,37 +19,11 @@
 
 namespace telvora {
 
-// The reason why a connection's unanswered calls get no answer. Set before the first of their completions
-// runs.
-using LossReason = std::shared_ptr<std::string>;
-
-// Runs a completion exactly once: with the answer, or from its destructor with a failure.
-template <typename T>
-class CompletionOnce {
-  public:
-    CompletionOnce(Completion<T> completion, LossReason loss)
-        : completion_(std::move(completion)), loss_(std::move(loss)) {}
-    ~CompletionOnce() { fail(CallFailure::Kind::kConnectionLost, *loss_); }
-    CompletionOnce(const CompletionOnce&) = delete;
-    CompletionOnce& operator=(const CompletionOnce&) = delete;
-
-    void operator()(tl::expected<T, CallFailure> answer) {
-        if (const auto completion = std::exchange(completion_, nullptr)) completion(std::move(answer));
-    }
-    void fail(CallFailure::Kind kind, std::string message) {
-        (*this)(tl::unexpected(CallFailure{kind, std::move(message)}));
-    }
-
-  private:
-    Completion<T> completion_;
-    const LossReason loss_;
-};
-
 class ClientSession::Connection : public ClientMessageInterface,
                                   public std::enable_shared_from_this<ClientSession::Connection> {
   public:
-    Connection(Strand strand, Handlers handlers)
-        : strand_(std::move(strand)), handlers_(std::move(handlers)) {}
+    Connection(Strand strand, Handlers handlers, CallLimit callLimit)
+        : strand_(std::move(strand)), handlers_(std::move(handlers)), callLimit_(callLimit) {}
 
     bool aggregates() const { return handlers_.aggregationBlock != nullptr; }
 
@@ -55,40 +34,42 @@ class ClientSession::Connection : public ClientMessageInterface,
     // Whether a session above this one can change its states.
     void setFollowsParent(bool follows) { followsParent_ = follows; }
 
-    // Sends one call. `arguments` are those of the method, `T` is as for readAnswer(). Callable from any
-    // thread.
-    template <typename T, typename Handler, typename... Arguments>
-    void call(const Method<Handler>& method, Completion<T> completion, Arguments... arguments) {
-        callAfter(
-            method, [](Connection&) {}, std::move(completion), std::move(arguments)...);
+    // The following send one call each, from any thread. `arguments` are those of the method, T is as for
+    // readAnswer().
+    template <const auto& kMethod, typename T, typename... Arguments>
+    void call(Completion<T>&& completion, Arguments&&... arguments) {
+        submit(make<kMethod>([](Connection&) {}, std::move(completion), arguments...));
     }
-    // As call(), for calls that may change the session's states.
-    template <typename T, typename Handler, typename... Arguments>
-    void callThatChangesStates(const Method<Handler>& method, Completion<T> completion,
-                               Arguments... arguments) {
-        callAfter(
-            method, [](Connection& self) { self.flushes_.changeStates(); }, std::move(completion),
-            std::move(arguments)...);
+    // For calls that may change the session's states.
+    template <const auto& kMethod, typename T, typename... Arguments>
+    void callThatChangesStates(Completion<T>&& completion, Arguments&&... arguments) {
+        submit(make<kMethod>([](Connection& self) { self.flushes_.changeStates(); }, std::move(completion),
+                             arguments...));
     }
-    // As call(), for calls that change the states and are answered with them.
-    template <typename Handler, typename... Arguments>
-    void callForStates(const Method<Handler>& method, Completion<ReportingStates> completion,
-                       Arguments... arguments);
+    // For calls that change the states and are answered with them.
+    template <const auto& kMethod, typename... Arguments>
+    void callForStates(Completion<ReportingStates>&& completion, Arguments&&... arguments) {
+        submit(makeForStates<kMethod>(std::move(completion), arguments...));
+    }
     void flush(Completion<FlushAnswer> completion);
+    // Flushes, then starts, with no other call between them.
+    void flushAndStart(Completion<ReportingStates> completion);
 
   private:
-    // Runs `beforeWrite` on the strand right before the arguments are written.
-    template <typename T, typename Handler, typename BeforeWrite, typename... Arguments>
-    std::shared_ptr<CompletionOnce<T>> callAfter(const Method<Handler>& method, BeforeWrite beforeWrite,
-                                                 Completion<T> completion, Arguments... arguments);
-    std::shared_ptr<void> takePendingCall();
-    template <typename T>
-    void notSent(BusSendFailure failure, CompletionOnce<T>& once) const {
-        if (failure == BusSendFailure::kEnded) return;  // the destructor of `once` runs the completion
-        once.fail(CallFailure::Kind::kInvalid, failure == BusSendFailure::kTooLarge
-                                                   ? "the arguments are too large"
-                                                   : "the arguments can't be sent");
-    }
+    class Call;
+    template <const auto& kMethod, typename T, typename BeforeSend>
+    class CallOf;
+
+    // `beforeSend` runs on the strand right before the call is sent.
+    template <const auto& kMethod, typename T, typename BeforeSend, typename... Arguments>
+    std::unique_ptr<Call> make(BeforeSend beforeSend, Completion<T>&& completion, Arguments&... arguments);
+    template <const auto& kMethod, typename... Arguments>
+    std::unique_ptr<Call> makeForStates(Completion<ReportingStates>&& completion, Arguments&... arguments);
+    std::unique_ptr<Call> makeFlush(Completion<FlushAnswer> completion);
+    void submit(std::unique_ptr<Call> call);
+    bool admit(std::unique_ptr<Call>& call);
+    void wake();
+    void sendQueued();
     void messageToClient(std::optional<Dictionary> sessionInfo, double timestamp, uint16_t category,
                          uint16_t type, std::optional<Dictionary> payload) override;
     void ended(const std::string& reason);
@@ -96,72 +77,110 @@ class ClientSession::Connection : public ClientMessageInterface,
 
     const Strand strand_;
     const Handlers handlers_;
-    std::atomic<size_t> pendingCalls_ = 0;
+    const CallLimit callLimit_;
     std::atomic<bool> followsParent_ = false;
-    const LossReason loss_ = std::make_shared<std::string>("the connection is lost");
-    // Used on the strand. The bus owns this connection until its end, not the other way round.
+    std::atomic<size_t> pendingCalls_ = 0;
+    // The members below are used on the strand. The bus owns this connection until its end, not the other way
+    // round.
     BusConnection* bus_ = nullptr;
+    // The reason why unanswered calls get no answer. Set before the first of their completions runs.
+    const char* loss_ = "the connection is lost";
     bool invalidated_ = false;
     bool answered_ = false;  // a call, or called by the daemon
     FlushWatch flushes_;
+    CallQueue<Call> queue_;  // the last member: its calls use the others when they fail
 };
 
-template <typename T, typename Handler, typename BeforeWrite, typename... Arguments>
-std::shared_ptr<CompletionOnce<T>> ClientSession::Connection::callAfter(const Method<Handler>& method,
-                                                                        BeforeWrite beforeWrite,
-                                                                        Completion<T> completion,
-                                                                        Arguments... arguments) {
-    auto once = std::make_shared<CompletionOnce<T>>(std::move(completion), loss_);
-    std::shared_ptr<void> pending = takePendingCall();
-    if (!pending) {
-        asio::post(strand_, [once] {
-            once->fail(CallFailure::Kind::kTooManyCalls, "too many calls wait for their answer");
-        });
-        return once;
+// One call. The thread that makes it pushes it, and then it belongs to the strand: to the queue of the
+// connection, and once it is sent, to the bus. The connection outlives both.
+class ClientSession::Connection::Call : public BusReplyTarget {
+  public:
+    Call(Connection& connection, const std::string& header, tl::expected<std::string, BusSendFailure> body)
+        : connection_(connection), header_(header), body_(std::move(body)) {}
+    ~Call() override {
+        if (isCounted_) connection_.pendingCalls_.fetch_sub(1, std::memory_order_relaxed);
     }
-    asio::post(strand_, [self = shared_from_this(), &method, beforeWrite = std::move(beforeWrite),
-                         arguments = std::tuple<Arguments...>(std::move(arguments)...), once,
-                         pending = std::move(pending)]() mutable {
-        if (self->bus_ == nullptr) return;  // the destructor of `once` runs the completion
-        beforeWrite(*self);
-        auto descriptors = std::apply([](auto&... values) { return takeDescriptors(values...); }, arguments);
-        const auto write = [&](WireWriter& body) {
-            return std::apply([&](const auto&... values) { return writeArguments(body, method, values...); },
-                              arguments);
-        };
-        const auto sent = self->bus_->call(
-            destinationOf(method), write,
-            [self, &method, once, pending = std::move(pending)](BusMessage& reply) {
-                self->answered_ = true;
-                if (const auto error = reply.error()) {
-                    const std::string& text = error->message;
-                    return once->fail(CallFailure::Kind::kRefused,
-                                      text.empty() ? error->name : error->name + ": " + text);
-                }
-                (*once)(readAnswer<T>(reply, method).map_error([](std::string text) {
-                    return CallFailure{CallFailure::Kind::kInvalid, std::move(text)};
-                }));
-            },
-            std::move(descriptors));
-        if (!sent) self->notSent(sent.error(), *once);
-    });
-    return once;
+
+    // Counts the call as pending until its end.
+    void count() { isCounted_ = true; }
+    // Sends `call`, or fails it.
+    static void send(std::unique_ptr<Call> call);
+    void answered(BusMessage& reply) final;
+    // Runs the completion. Has no effect after the first of the two.
+    virtual void fail(CallFailure failure) = 0;
+
+    Call* next = nullptr;
+
+  protected:
+    Connection& connection() const { return connection_; }
+    std::vector<UniqueFd> descriptors_;
+
+  private:
+    virtual void beforeSend() = 0;
+    virtual void succeed(BusMessage& reply) = 0;
+
+    Connection& connection_;
+    const std::string& header_;
+    tl::expected<std::string, BusSendFailure> body_;  // empty once it is sent
+    bool isCounted_ = false;
+};
+
+template <const auto& kMethod, typename T, typename BeforeSend>
+class ClientSession::Connection::CallOf final : public Call {
+  public:
+    template <typename... Arguments>
+    CallOf(Connection& connection, BeforeSend beforeSend, Completion<T>&& completion, Arguments&... arguments)
+        : Call(connection, callHeader<kMethod>(), writeBody(kMethod, arguments...)),
+          beforeSend_(std::move(beforeSend)),
+          completion_(std::move(completion)) {
+        descriptors_ = takeDescriptors(arguments...);
+    }
+    ~CallOf() override { fail({CallFailure::Kind::kConnectionLost, {}}); }
+
+    void fail(CallFailure failure) override {
+        if (!completion_) return;
+        if (failure.kind == CallFailure::Kind::kConnectionLost) failure.message = connection().loss_;
+        complete(tl::unexpected(std::move(failure)));
+    }
+
+  private:
+    void beforeSend() override { beforeSend_(connection()); }
+    void succeed(BusMessage& reply) override {
+        if (!completion_) return;
+        complete(readAnswer<T>(reply, kMethod).map_error([](std::string text) {
+            return CallFailure{CallFailure::Kind::kInvalid, std::move(text)};
+        }));
+    }
+    void complete(tl::expected<T, CallFailure> answer) {
+        Completion<T> completion = std::move(completion_);
+        completion(std::move(answer));
+    }
+
+    [[no_unique_address]] BeforeSend beforeSend_;
+    Completion<T> completion_;
+};
+
+template <const auto& kMethod, typename T, typename BeforeSend, typename... Arguments>
+std::unique_ptr<ClientSession::Connection::Call> ClientSession::Connection::make(BeforeSend beforeSend,
+                                                                                 Completion<T>&& completion,
+                                                                                 Arguments&... arguments) {
+    return std::make_unique<CallOf<kMethod, T, BeforeSend>>(*this, std::move(beforeSend),
+                                                            std::move(completion), arguments...);
 }
 
-template <typename Handler, typename... Arguments>
-void ClientSession::Connection::callForStates(const Method<Handler>& method,
-                                              Completion<ReportingStates> completion,
-                                              Arguments... arguments) {
+template <const auto& kMethod, typename... Arguments>
+std::unique_ptr<ClientSession::Connection::Call> ClientSession::Connection::makeForStates(
+    Completion<ReportingStates>&& completion, Arguments&... arguments) {
     const auto number = std::make_shared<size_t>(0);
-    callAfter<ReportingStates>(
-        method, [number](Connection& self) { *number = self.flushes_.changeStates(); },
-        [self = shared_from_this(), number,
-         completion = std::move(completion)](tl::expected<ReportingStates, CallFailure> answer) {
-            if (answer) self->flushes_.answerStates(*number, *answer);
-            if (completion) completion(std::move(answer));
-            self->probeFlushes();
-        },
-        std::move(arguments)...);
+    Completion<ReportingStates> noting = [this, number, completion = std::move(completion)](
+                                             tl::expected<ReportingStates, CallFailure> answer) mutable {
+        const bool answered = answer.has_value();
+        if (answered) flushes_.answerStates(*number, *answer);
+        if (completion) completion(std::move(answer));
+        if (answered) probeFlushes();
+    };
+    return make<kMethod>([number](Connection& self) { *number = self.flushes_.changeStates(); },
+                         std::move(noting), arguments...);
 }
 
 }  // namespace telvora

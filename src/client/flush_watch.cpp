@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "client/client_session_connection.h"
-
 namespace telvora {
 
 void FlushWatch::answerStates(size_t number, const ReportingStates& states) {
@@ -30,7 +28,7 @@ FlushWatch::Suspects FlushWatch::takeSuspects() {
 void FlushWatch::convict(const Suspects& suspects) {
     for (const auto& suspect : suspects) {
         const auto flush = suspect.lock();
-        if (flush) (*flush)(FlushAnswer{std::nullopt, makeTelvoraError(kNoBackends, -1)});
+        if (flush) flush->answered(FlushAnswer{std::nullopt, makeTelvoraError(kNoBackends, -1)});
     }
 }
 

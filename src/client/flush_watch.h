@@ -10,9 +10,6 @@
 
 namespace telvora {
 
-template <typename T>
-class CompletionOnce;
-
 // FlushWatch: finds the flushes that the daemon never answers: those of a session whose configuration names
 // no backends. It combines two facts:
 //
@@ -20,14 +17,24 @@ class CompletionOnce;
 //   session's next call. A probe (any call that is always answered) follows such a flush; if the probe is
 //   answered first, the session has no backend that could answer the flush.
 // - The answers to startConfig and fetchStates name the backends that report or are sampled out. A flush
-// belongs
-//   to the newest of these calls that was sent before it.
+//   belongs to the newest of these calls that was sent before it.
 //
 // Not for a session that follows a parent: the parent can make a backend report at any time. Used only on the
 // session's strand.
 class FlushWatch {
   public:
-    using Flush = CompletionOnce<FlushAnswer>;
+    // A flush that waits for its answer. The first answer completes it.
+    class Flush {
+      public:
+        explicit Flush(Completion<FlushAnswer> completion) : completion_(std::move(completion)) {}
+        void answered(tl::expected<FlushAnswer, CallFailure> answer) {
+            Completion<FlushAnswer> completion = std::move(completion_);
+            if (completion) completion(std::move(answer));
+        }
+
+      private:
+        Completion<FlushAnswer> completion_;
+    };
     using Suspects = std::vector<std::weak_ptr<Flush>>;
 
     // The error of such a flush.

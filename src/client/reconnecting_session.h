@@ -21,9 +21,9 @@
 //   attempt has also failed if its connection ends before the first answer: the daemon refuses a client this
 //   way. After a good connection, the next call connects at once.
 // - A session with a message handler reconnects by itself, because its children report without it meanwhile:
-// at
-//   once after a connection that was good for a second; otherwise, or if that fails, after 1 s, 2 s, 4 s and
-//   so on, up to kMaxRetryDelay. All other sessions have no timer; this one has a timer only after a loss.
+//   at once after a connection that was good for a second; otherwise, or if that fails, after 1 s, 2 s, 4 s
+//   and so on, up to kMaxRetryDelay. All other sessions have no timer; this one has a timer only after a
+//   loss.
 // - The replay restores the daemon's session: setSessionInfo with the newest user info, and startConfig if
 // the
 //   application called it, whether or not these calls arrived. User info that was withdrawn stays withdrawn,
@@ -59,29 +59,57 @@ class ReconnectingSession final : public SessionTarget,
     // Closes.
     ~ReconnectingSession() override;
 
-    telvora_status call(Request request, AnswerHandler done) override TELVORA_EXCLUDES(lock_);
+    telvora_status call(Request&& request, AnswerHandler&& done) override TELVORA_EXCLUDES(lock_);
     void close() override TELVORA_EXCLUDES(lock_);
-    uint64_t lostCalls() const override { return lostCalls_.load(); }
+    uint64_t lostCalls() const override { return losses_->calls.load(); }
     bool readsFiles() const override { return true; }
 
   private:
+    struct Losses {
+        std::atomic<uint64_t> calls = 0;
+        std::atomic<bool> closed = false;
+    };
+    // The part of a connection that its answers use. It lives as long as the connection's handlers, and so
+    // longer than the calls.
+    struct Traffic {
+        explicit Traffic(std::shared_ptr<Losses> ofSession) : losses(std::move(ofSession)) {}
+        void answered(Answer& answer);
+
+        const std::shared_ptr<Losses> losses;  // the session may end before its answers
+        std::atomic<size_t> unanswered = 0;    // calls of the application
+        std::atomic<bool> good = false;        // an answer has come
+        std::atomic<bool> ended = false;       // and its unanswered calls are counted as lost
+    };
     // One connection.
     struct Link {
+        std::shared_ptr<Traffic> traffic;
         std::shared_ptr<ClientSession> session;
         std::chrono::steady_clock::time_point since;
-        std::atomic<size_t> unanswered = 0;  // calls of the application
-        std::atomic<bool> good = false;      // an answer has come
-        bool started = false;                // startConfig was called; under lock_
-        std::atomic<bool> ended = false;     // and its unanswered calls are counted as lost
+        bool started = false;  // startConfig was called; under lock_
+    };
+    // The newest setSessionInfo, with the newest user info.
+    struct Info {
+        Dictionary sessionInfo;
+        std::optional<Dictionary> userInfo;
+        std::vector<std::string> frameworksToCheck;
+    };
+    // Copies of a call's arguments, for the replay.
+    struct Remembered {
+        explicit Remembered(const Request& request);
+
+        std::optional<Info> info;
+        std::optional<Dictionary> userInfo;
+        std::optional<bool> requiresUserInfo;
+        bool setsUserInfo = false;
     };
 
     bool connectForCall() TELVORA_REQUIRES(lock_);
     bool connect() TELVORA_REQUIRES(lock_);
     void reconnect(bool atOnce) TELVORA_EXCLUDES(lock_);
-    void remember(const Request& request) TELVORA_REQUIRES(lock_);
-    void rememberUserInfo(const std::optional<Dictionary>& userInfo) TELVORA_REQUIRES(lock_);
+    void remember(Remembered& given, Operation operation) TELVORA_REQUIRES(lock_);
     void replay(bool info, bool start) TELVORA_REQUIRES(lock_);
-    void send(Request request, AnswerHandler done) TELVORA_REQUIRES(lock_);
+    void open(Request&& request, AnswerHandler&& done) TELVORA_REQUIRES(lock_);
+    static void send(const Link& link, Request&& request, bool restarts, AnswerHandler&& done);
     void connectionLost(const std::shared_ptr<Link>& link, const std::string& reason) TELVORA_EXCLUDES(lock_);
 
     ClientRuntime& runtime_;
@@ -89,15 +117,14 @@ class ReconnectingSession final : public SessionTarget,
     const Handlers handlers_;
     const Clock clock_;
     const StartTimer startTimer_;
-    std::atomic<uint64_t> lostCalls_ = 0;
-    std::atomic<bool> closed_ = false;
+    const std::shared_ptr<Losses> losses_ = std::make_shared<Losses>();
 
     Mutex lock_{LockRank::clientSession};
     std::shared_ptr<Link> link_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextAttempt_ TELVORA_GUARDED_BY(lock_);  // of a call
     std::shared_ptr<void> retry_ TELVORA_GUARDED_BY(lock_);  // the timer, while one runs
     std::chrono::milliseconds retryDelay_ TELVORA_GUARDED_BY(lock_) = kMinRetryDelay;
-    std::optional<Request> info_ TELVORA_GUARDED_BY(lock_);  // the newest setSessionInfo
+    std::optional<Info> info_ TELVORA_GUARDED_BY(lock_);
     bool requiresUserInfo_ TELVORA_GUARDED_BY(lock_) = false;
     bool started_ TELVORA_GUARDED_BY(lock_) = false;
 };

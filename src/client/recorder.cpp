@@ -77,7 +77,7 @@ const Strand& RecordedSession::strand() {
     return *strand_;
 }
 
-telvora_status RecordedSession::call(Request request, AnswerHandler done) {
+telvora_status RecordedSession::call(Request&& request, AnswerHandler&& done) {
     const bool aggregates = handlers_->message != nullptr;
     Recorder::Reply reply = recorder_ ? recorder_->record(request, aggregates)
                                       : Recorder::Reply{TELVORA_OK, defaultAnswer(request.operation)};
@@ -87,7 +87,8 @@ telvora_status RecordedSession::call(Request request, AnswerHandler done) {
         done(std::move(answer));
         return TELVORA_OK;
     }
-    asio::post(strand(), [answer = std::move(answer), done = std::move(done)] { done(answer); });
+    asio::post(strand(),
+               [answer = std::move(answer), done = std::move(done)]() mutable { done(std::move(answer)); });
     return TELVORA_OK;
 }
 

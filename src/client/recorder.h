@@ -43,7 +43,7 @@ class RecordedSession final : public SessionTarget {
     // `recorder`: null to record no calls. `runtime` outlives the session.
     RecordedSession(ClientRuntime& runtime, std::shared_ptr<Recorder> recorder, Handlers handlers);
 
-    telvora_status call(Request request, AnswerHandler done) override TELVORA_EXCLUDES(lock_);
+    telvora_status call(Request&& request, AnswerHandler&& done) override TELVORA_EXCLUDES(lock_);
     void close() override {}
     uint64_t lostCalls() const override { return 0; }
     bool readsFiles() const override { return false; }

@@ -48,8 +48,8 @@ Answer answerOf(UploadAnswer upload) {
 }
 
 template <typename T>
-Completion<T> answering(AnswerHandler done) {
-    return [done = std::move(done)](tl::expected<T, CallFailure> result) {
+Completion<T> answering(SentAnswerHandler&& done) {
+    return [done = std::move(done)](tl::expected<T, CallFailure> result) mutable {
         if (!result) return done(answerOf(result.error()));
         if constexpr (std::is_void_v<T>) {
             done({});
@@ -62,15 +62,15 @@ Completion<T> answering(AnswerHandler done) {
 }
 
 // Two calls: the first turns the open file into a token, the second sends the token with the file's URL.
-void upload(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
+void upload(const std::shared_ptr<ClientSession>& session, Request&& request, SentAnswerHandler&& done) {
     auto issued = [session = std::weak_ptr(session), path = request.path,
-                   done = std::move(done)](tl::expected<std::string, CallFailure> token) {
+                   done = std::move(done)](tl::expected<std::string, CallFailure> token) mutable {
         if (!token) return done(answerOf(token.error()));
         const auto still = session.lock();
         if (!still) return done({TELVORA_ERROR_LOST, "the connection is lost", std::nullopt, std::nullopt});
-        still->uploadFile(fileURLOfPath(path), std::move(*token), answering<bool>(done));
+        still->uploadFile(fileURLOfPath(path), *token, answering<bool>(std::move(done)));
     };
-    session->issueFileExtension(std::move(request.path), std::move(request.file), std::move(issued));
+    session->issueFileExtension(request.path, std::move(request.file), std::move(issued));
 }
 
 // --- The operations ---
@@ -94,7 +94,7 @@ struct Description {
     const char* name;
     unsigned arguments;
     PropertyList (*defaultAnswer)();  // null: an answer without a value
-    void (*send)(const Session& session, Request request, AnswerHandler done);
+    void (*send)(const Session& session, Request&& request, SentAnswerHandler&& done);
 };
 
 PropertyList noStates() {
@@ -112,49 +112,48 @@ PropertyList finished() {
 
 constexpr Description kOperations[] = {
     {Operation::kSetSessionInfo, "setSessionInfo", kInfo | kFrameworks | kUser, nullptr,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->setSessionInfo(std::move(request.sessionInfo), std::move(request.userInfo),
-                                 std::move(request.frameworksToCheck), answering<void>(std::move(done)));
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->setSessionInfo(*request.sessionInfo, request.userInfo, frameworkNames(request),
+                                 answering<void>(std::move(done)));
      }},
     {Operation::kStartConfig, "startConfig", kNoArguments, noStates,
-     [](const Session& session, Request, AnswerHandler done) {
+     [](const Session& session, Request&&, SentAnswerHandler&& done) {
          session->startConfig(answering<ReportingStates>(std::move(done)));
      }},
     {Operation::kFetchStates, "fetchStates", kUser, noStates,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->fetchStates(std::move(request.userInfo), answering<ReportingStates>(std::move(done)));
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->fetchStates(request.userInfo, answering<ReportingStates>(std::move(done)));
      }},
     {Operation::kFetchDisplayURL, "fetchDisplayURL", kNoArguments, noURL,
-     [](const Session& session, Request, AnswerHandler done) {
+     [](const Session& session, Request&&, SentAnswerHandler&& done) {
          session->fetchDisplayURL(answering<std::string>(std::move(done)));
      }},
     {Operation::kSendMessage, "sendMessage", kPayload, nullptr,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->sendMessage(request.category, request.type, std::move(request.payload),
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->sendMessage(request.category, request.type, request.payload,
                               answering<Text>(std::move(done)));
      }},
     {Operation::kSendMessageDictionary, "sendMessage", kMessage, nullptr,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->sendMessage(std::move(request.message), answering<Text>(std::move(done)));
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->sendMessage(*request.message, answering<Text>(std::move(done)));
      }},
     {Operation::kFlushMessages, "flushMessages", kNoArguments, nullptr,
-     [](const Session& session, Request, AnswerHandler done) {
+     [](const Session& session, Request&&, SentAnswerHandler&& done) {
          session->flushMessages(answering<FlushAnswer>(std::move(done)));
      }},
     {Operation::kFinishSession, "finishSession", kNoArguments, nullptr,
-     [](const Session& session, Request, AnswerHandler done) {
+     [](const Session& session, Request&&, SentAnswerHandler&& done) {
          session->finishSession(answering<Text>(std::move(done)));
      }},
     {Operation::kUploadFile, "uploadFile", kPath, uploaded, upload},
     {Operation::kUploadLogData, "uploadLogData", kRecords, uploaded,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->uploadLogData(std::move(request.records), answering<UploadAnswer>(std::move(done)));
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->uploadLogData(*request.records, answering<UploadAnswer>(std::move(done)));
      }},
     {Operation::kSendSingleMessage, "sendSingleMessage", kInfo | kUser | kPayload, finished,
-     [](const Session& session, Request request, AnswerHandler done) {
-         session->sendSingleMessage(std::move(request.sessionInfo), std::move(request.userInfo),
-                                    request.category, request.type, std::move(request.payload),
-                                    answering<std::string>(std::move(done)));
+     [](const Session& session, Request&& request, SentAnswerHandler&& done) {
+         session->sendSingleMessage(*request.sessionInfo, request.userInfo, request.category, request.type,
+                                    request.payload, answering<std::string>(std::move(done)));
      }},
 };
 
@@ -179,11 +178,11 @@ Dictionary describe(const Request& request, bool aggregates) {
     const Description& operation = descriptionOf(request.operation);
     const auto has = [&operation](Arguments arguments) { return (operation.arguments & arguments) != 0; };
     Dictionary call{{"operation", operation.name}};
-    if (has(kInfo)) call.set("sessionInfo", request.sessionInfo);
+    if (has(kInfo)) call.set("sessionInfo", *request.sessionInfo);
     if (has(kUser) && request.userInfo) call.set("userInfo", *request.userInfo);
     if (has(kFrameworks)) {
-        call.set("frameworksToCheck",
-                 Array(request.frameworksToCheck.begin(), request.frameworksToCheck.end()));
+        const std::vector<std::string> names = frameworkNames(request);
+        call.set("frameworksToCheck", Array(names.begin(), names.end()));
         call.set("hasAggregationBlock", aggregates);
     }
     if (has(kPayload)) {
@@ -191,10 +190,14 @@ Dictionary describe(const Request& request, bool aggregates) {
         call.set("type", unsigned{request.type});
         if (request.payload) call.set("payload", *request.payload);
     }
-    if (has(kMessage)) call.set("message", request.message);
+    if (has(kMessage)) call.set("message", *request.message);
     if (has(kPath)) call.set("path", request.path);
-    if (has(kRecords)) call.set("records", request.records);
+    if (has(kRecords)) call.set("records", *request.records);
     return call;
+}
+
+std::vector<std::string> frameworkNames(const Request& request) {
+    return {request.frameworksToCheck.begin(), request.frameworksToCheck.end()};
 }
 
 std::optional<PropertyList> defaultAnswer(Operation operation) {
@@ -202,7 +205,9 @@ std::optional<PropertyList> defaultAnswer(Operation operation) {
     return answer != nullptr ? std::optional(answer()) : std::nullopt;
 }
 
-void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done) {
+void send(const std::shared_ptr<ClientSession>& session, Request&& request, bool restarts,
+          SentAnswerHandler&& done) {
+    if (restarts) return session->restartConfig(answering<ReportingStates>(std::move(done)));
     descriptionOf(request.operation).send(session, std::move(request), std::move(done));
 }
 

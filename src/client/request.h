@@ -5,9 +5,9 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -30,17 +30,18 @@ enum class Operation {
     kSendSingleMessage,
 };
 
-// An operation and its arguments; the other members stay empty.
+// An operation and its arguments; the other members stay empty. The dictionaries, arrays and names are the
+// caller's.
 struct Request {
     Operation operation = Operation::kSetSessionInfo;
-    Dictionary sessionInfo = {};
-    std::optional<Dictionary> userInfo = {};
-    std::vector<std::string> frameworksToCheck = {};
+    const Dictionary* sessionInfo = nullptr;
+    const Dictionary* userInfo = nullptr;  // may be null
+    std::span<const char* const> frameworksToCheck = {};
     uint16_t category = 0;
     uint16_t type = 0;
-    std::optional<Dictionary> payload = {};
-    Dictionary message = {};
-    Array records = {};
+    const Dictionary* payload = nullptr;  // may be null
+    const Dictionary* message = nullptr;
+    const Array* records = nullptr;
     std::string path = {};  // absolute
     UniqueFd file = {};     // open at `path`, for a session with the daemon
     bool awaited = true;    // whether the application takes the answer
@@ -53,15 +54,20 @@ struct Answer {
     std::optional<TelvoraError> error;
 };
 
-using AnswerHandler = std::function<void(Answer answer)>;
+using AnswerHandler = UniqueFunction<void(Answer answer), 32>;
+// An AnswerHandler together with the connection of its call.
+using SentAnswerHandler = UniqueFunction<void(Answer answer), 48>;
 
 // The name of the operation for a recorder.
 const char* operationName(Operation operation);
+std::vector<std::string> frameworkNames(const Request& request);
 // The operation's name and its arguments by their names, without absent ones, for a recorder.
 Dictionary describe(const Request& request, bool aggregates);
 // The value that a recorder answers the operation with by default.
 std::optional<PropertyList> defaultAnswer(Operation operation);
-// Sends the request; `done` runs as ClientSession's completions do.
-void send(const std::shared_ptr<ClientSession>& session, Request request, AnswerHandler done);
+// Sends the request; `done` runs as ClientSession's completions do. `restarts`: startConfig of a configured
+// session.
+void send(const std::shared_ptr<ClientSession>& session, Request&& request, bool restarts,
+          SentAnswerHandler&& done);
 
 }  // namespace telvora

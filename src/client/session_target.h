@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
+
 #include "client/request.h"
 
 namespace telvora {
@@ -20,8 +22,8 @@ class SessionTarget {
     virtual ~SessionTarget() = default;
 
     // If it returns TELVORA_OK, `done` runs exactly once, on the runtime's thread, or, for a request that is
-    // not awaited, on any thread. Otherwise `done` is destroyed uncalled.
-    virtual telvora_status call(Request request, AnswerHandler done) = 0;
+    // not awaited, on any thread. Otherwise `done` is not called.
+    virtual telvora_status call(Request&& request, AnswerHandler&& done) = 0;
     // Answers waiting calls with TELVORA_ERROR_CLOSED. No call follows.
     virtual void close() = 0;
     virtual uint64_t lostCalls() const = 0;

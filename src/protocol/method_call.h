@@ -41,6 +41,41 @@ bool writeArguments(WireWriter& body, const Method<Handler>&, const Given&... va
     return out.ok();
 }
 
+// The header of all calls of the method, for BusConnection::call().
+template <const auto& kMethod>
+const std::string& callHeader() {
+    // Never destroyed, as argumentSignature().
+    static const std::string& header = *[] {
+        const auto to = destinationOf(kMethod);
+        MessageView view;
+        view.type = MessageType::methodCall;
+        view.path = to.path;
+        view.interface = to.interface;
+        view.member = to.method;
+        view.signature = to.signature;
+        view.descriptors = []<typename... In>(std::type_identity<std::tuple<In...>>) {
+            return static_cast<uint32_t>((size_t{0} + ... + size_t{std::is_same_v<In, UniqueFd>}));
+        }(std::type_identity<typename std::decay_t<decltype(kMethod)>::Arguments>());
+        auto* const text = new std::string;
+        WireWriter(*text, view).finish(kMaxSentMessage);
+        return text;
+    }();
+    return header;
+}
+
+// Writes the arguments of a call, for BusConnection::call(). Fails with kInvalid or kTooLarge.
+template <typename Handler, typename... Given>
+tl::expected<std::string, BusSendFailure> writeBody(const Method<Handler>& method, const Given&... values) {
+    std::string body;
+    body.reserve((size_t{0} + ... + wireSize(values)));
+    {
+        WireWriter writer(body);
+        if (!writeArguments(writer, method, values...)) return tl::unexpected(BusSendFailure::kInvalid);
+        if (!writer.finish(kMaxSentMessage)) return tl::unexpected(BusSendFailure::kTooLarge);
+    }
+    return body;
+}
+
 // Takes the descriptors among the arguments of a call, which are sent with it.
 template <typename... Given>
 std::vector<UniqueFd> takeDescriptors(Given&... values) {

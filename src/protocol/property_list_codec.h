@@ -123,7 +123,19 @@ class ArgumentWriter {
     bool ok_ = true;
 };
 
-// Approximate size of the value on the wire, in bytes.
+// Approximate size of a value on the wire, in bytes.
 size_t wireSize(const Dictionary& dictionary);
+size_t wireSize(const Array& array);
+inline size_t wireSize(const Dictionary* dictionary) {
+    return sizeof(uint64_t) + (dictionary != nullptr ? wireSize(*dictionary) : 0);
+}
+inline size_t wireSize(const std::string& text) {
+    return sizeof(uint64_t) + text.size();
+}
+// Of all other arguments, which are small.
+template <typename T>
+size_t wireSize(const T&) {
+    return sizeof(uint64_t);
+}
 
 }  // namespace telvora

@@ -1,17 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "wire/wire_writer.h"
 
+#include <algorithm>
+
 namespace telvora {
 
 namespace {
 
 constexpr size_t kBodySizePosition = 4;
+constexpr size_t kSerialPosition = 8;
+// Bytes by which the buffer grows ahead of its content. A call of std::string for each value would cost more
+// than the value.
+constexpr size_t kAhead = 256;
 
 }  // namespace
 
 WireWriter::WireWriter(std::string& buffer, const MessageView& header)
-    : buffer_(buffer), start_(buffer.size()) {
-    buffer_.push_back(static_cast<char>(kNativeByteOrder));
+    : buffer_(buffer), start_(buffer.size()), size_(start_) {
+    append(static_cast<uint8_t>(kNativeByteOrder));
     append(static_cast<uint8_t>(header.type));
     append(header.flags);
     append(kBusProtocolVersion);
@@ -29,7 +35,7 @@ WireWriter::WireWriter(std::string& buffer, const MessageView& header)
     if (header.descriptors != 0) appendField(HeaderField::unixDescriptors, header.descriptors);
     closeArray(fields);
     align(8);
-    body_ = buffer_.size();
+    body_ = size_;
 }
 
 void WireWriter::appendField(HeaderField field, std::string_view type, std::string_view text) {
@@ -46,11 +52,27 @@ void WireWriter::appendField(HeaderField field, uint32_t value) {
     append(value);
 }
 
+// Stays within the room that the caller has reserved, if that suffices.
+void WireWriter::grow(size_t size) {
+    const size_t capacity = buffer_.capacity();
+    buffer_.resize(size <= capacity ? std::min(size + kAhead, capacity) : size + kAhead);
+}
+
 bool WireWriter::finish(size_t limit) {
-    if (tooLarge_ || buffer_.size() - start_ > limit) return false;
-    put(start_ + kBodySizePosition, static_cast<uint32_t>(buffer_.size() - body_));
+    if (tooLarge_ || size_ - start_ > limit) return false;
+    if (body_ != start_) putAt(start_ + kBodySizePosition, static_cast<uint32_t>(size_ - body_));
+    buffer_.resize(size_);
     finished_ = true;
     return true;
+}
+
+void WireWriter::complete(std::string& buffer, std::string_view header, uint32_t serial,
+                          std::string_view body) {
+    const size_t start = buffer.size();
+    buffer.append(header).append(body);
+    const auto bodySize = static_cast<uint32_t>(body.size());
+    std::memcpy(buffer.data() + start + kBodySizePosition, &bodySize, sizeof bodySize);
+    std::memcpy(buffer.data() + start + kSerialPosition, &serial, sizeof serial);
 }
 
 }  // namespace telvora

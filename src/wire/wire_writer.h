@@ -21,6 +21,9 @@ class WireWriter {
   public:
     // Writes the header. The texts of `header` are valid names; its body is not looked at.
     WireWriter(std::string& buffer, const MessageView& header);
+    // Writes a body without a header, for complete().
+    explicit WireWriter(std::string& body)
+        : buffer_(body), start_(body.size()), size_(start_), body_(start_) {}
     WireWriter(const WireWriter&) = delete;
     WireWriter& operator=(const WireWriter&) = delete;
     // Takes an unfinished message off the buffer.
@@ -31,27 +34,27 @@ class WireWriter {
     template <WireNumber T>
     void append(T value) {
         align(sizeof value);
-        buffer_.append(reinterpret_cast<const char*>(&value), sizeof value);
+        std::memcpy(extend(sizeof value), &value, sizeof value);
     }
     void append(bool value) { append(uint32_t{value}); }
     // Text of the types 's' and 'o': UTF-8 without NUL.
     void append(std::string_view text) {
         append(static_cast<uint32_t>(text.size()));
-        buffer_.append(text);
-        buffer_.push_back('\0');
+        put(text);
+        *extend(1) = '\0';
     }
     void append(const std::string& text) { append(std::string_view(text)); }
     void append(const char* text) { append(std::string_view(text)); }
     // A signature, or the beginning of a variant, whose one value of that type follows.
     void appendSignature(std::string_view signature) {
-        buffer_.push_back(static_cast<char>(signature.size()));
-        buffer_.append(signature);
-        buffer_.push_back('\0');
+        *extend(1) = static_cast<char>(signature.size());
+        put(signature);
+        *extend(1) = '\0';
     }
     // An array of bytes.
     void appendBytes(std::string_view bytes) {
         append(static_cast<uint32_t>(bytes.size()));
-        buffer_.append(bytes);
+        put(bytes);
     }
     // The beginning of a structure or of a dictionary's entry.
     void beginStructure() { align(8); }
@@ -63,33 +66,48 @@ class WireWriter {
     };
     ArrayMark openArray(size_t elementAlignment) {
         append(uint32_t{0});
-        const size_t length = buffer_.size() - sizeof(uint32_t);
+        const size_t length = size_ - sizeof(uint32_t);
         align(elementAlignment);
-        return {length, buffer_.size()};
+        return {length, size_};
     }
     void closeArray(ArrayMark mark) {
-        const size_t size = buffer_.size() - mark.start;
+        const size_t size = size_ - mark.start;
         if (size > kMaxArrayLength) tooLarge_ = true;
-        put(mark.length, static_cast<uint32_t>(size));
+        putAt(mark.length, static_cast<uint32_t>(size));
     }
 
     // Ends the message. False, with the message taken off the buffer again, if it or one of its arrays
     // exceeds its limit.
     bool finish(size_t limit);
 
+    // Appends a message to the buffer. `header`: a message without a body, whose serial number does not
+    // count.
+    static void complete(std::string& buffer, std::string_view header, uint32_t serial,
+                         std::string_view body);
+
   private:
-    void align(size_t alignment) {
-        const size_t size = buffer_.size() - start_;
-        buffer_.append(((size + alignment - 1) & ~(alignment - 1)) - size, '\0');
+    // The next `count` bytes of the message. They may have any content.
+    char* extend(size_t count) {
+        if (buffer_.size() - size_ < count) grow(size_ + count);
+        char* const place = buffer_.data() + size_;
+        size_ += count;
+        return place;
     }
-    void put(size_t position, uint32_t value) {
+    void grow(size_t size);
+    void put(std::string_view bytes) { bytes.copy(extend(bytes.size()), bytes.size()); }
+    void putAt(size_t position, uint32_t value) {
         std::memcpy(buffer_.data() + position, &value, sizeof value);
+    }
+    void align(size_t alignment) {
+        const size_t padding = (start_ - size_) & (alignment - 1);
+        std::memset(extend(padding), 0, padding);
     }
     void appendField(HeaderField field, std::string_view type, std::string_view text);
     void appendField(HeaderField field, uint32_t value);
 
     std::string& buffer_;
     const size_t start_;
+    size_t size_;  // of the buffer's content
     size_t body_ = 0;
     bool tooLarge_ = false;
     bool finished_ = false;

@@ -90,4 +90,17 @@ class ChildProcess {
     std::unique_ptr<LineCollector> errors_;
 };
 
+struct Finished {
+    std::optional<int> status;  // see waitForExit()
+    std::vector<std::string> output, errors;
+};
+
+// Runs a program with `input` on its standard input to its end.
+inline Finished runToEnd(const ChildProcessOptions& options, std::string_view input = "") {
+    ChildProcess process(options, input);
+    process.closeInput();
+    const std::optional<int> status = process.waitForExit();
+    return {status, process.output().linesToTheEnd(), process.errors().linesToTheEnd()};
+}
+
 }  // namespace telvora::test

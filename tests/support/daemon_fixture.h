@@ -36,20 +36,13 @@ inline std::vector<std::string> wordsOf(const std::string& line) {
     return {std::istream_iterator<std::string>(words), {}};
 }
 
-struct Finished {
-    std::vector<std::string> output, errors;
-};
-
 // Runs a command to its end. Expects its exit status, and `says` in a line of its output or errors.
 inline Finished expectRun(const std::string& command, int status, const std::string& says = "",
                           std::string_view input = "",
                           const std::map<std::string, std::string>& environment = {}) {
     const testing::ScopedTrace trace(__FILE__, __LINE__, command);
-    ChildProcess process({wordsOf(command), environment}, input);
-    process.closeInput();
-    const std::optional<int> found = process.waitForExit();
-    Finished run{process.output().linesToTheEnd(), process.errors().linesToTheEnd()};
-    EXPECT_EQ(found, status) << testing::PrintToString(run.errors);
+    Finished run = runToEnd({wordsOf(command), environment}, input);
+    EXPECT_EQ(run.status, status) << testing::PrintToString(run.errors);
     std::vector<std::string> said = run.output;
     said.insert(said.end(), run.errors.begin(), run.errors.end());
     if (!says.empty()) {

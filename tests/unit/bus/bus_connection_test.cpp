@@ -261,13 +261,25 @@ TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
     const auto client = BusConnection::make(pool_.makeStrand(), std::move(served.peer), BusRole::kClient);
     std::promise<void> answered, closed, tried;
     client->start([&](const std::string&) { closed.set_value(); });
-    const auto write = [](WireWriter& body) {
-        body.append(uint32_t{1});
-        return true;
+    struct Target : BusReplyTarget {
+        explicit Target(std::promise<void>& answered) : answered_(answered) {}
+        void answered(BusMessage&) override { answered_.set_value(); }
+        std::promise<void>& answered_;
     };
     asio::post(client->strand(), [&] {
-        EXPECT_TRUE(client->call({kPath, kInterface, "Fill", "u"}, write,
-                                 [&](BusMessage&) { answered.set_value(); }));
+        MessageView view;
+        view.type = MessageType::methodCall;
+        view.path = kPath;
+        view.interface = kInterface;
+        view.member = "Fill";
+        view.signature = "u";
+        std::string header, body;
+        EXPECT_TRUE(WireWriter(header, view).finish(kMaxSentMessage));
+        WireWriter writer(body);
+        writer.append(uint32_t{1});
+        EXPECT_TRUE(writer.finish(kMaxSentMessage));
+        std::unique_ptr<BusReplyTarget> target = std::make_unique<Target>(answered);
+        EXPECT_TRUE(client->call(header, body, target));
     });
     answered.get_future().wait();
     asio::post(client->strand(), [&] {

@@ -40,28 +40,25 @@ struct ReconnectingSessionTest : DaemonEnd {
         pool.stop();
     }
 
-    telvora_status call(Request request, std::future<Answer>* answer = nullptr) {
-        auto promise = std::make_shared<std::promise<Answer>>();
-        if (answer != nullptr) *answer = promise->get_future();
-        return session->call(std::move(request),
-                             [promise](Answer given) { promise->set_value(std::move(given)); });
-    }
-    telvora_status call(Operation operation, std::future<Answer>* answer = nullptr) {
-        return call(Request{.operation = operation}, answer);
-    }
     // A call with this user info, if it is not 0.
     struct Step {
         Operation operation;
         int user = 0;
         bool requiresUserInfo = false;
-
-        operator Request() const {
-            Request request{.operation = operation};
-            request.sessionInfo = {{kTelvoraSessionInfoRequireUserInfo, requiresUserInfo}};
-            if (user != 0) request.userInfo = Dictionary{{"user", user}};
-            return request;
-        }
     };
+    telvora_status call(const Step& step, std::future<Answer>* answer = nullptr) {
+        auto promise = std::make_shared<std::promise<Answer>>();
+        if (answer != nullptr) *answer = promise->get_future();
+        const Dictionary info{{kTelvoraSessionInfoRequireUserInfo, step.requiresUserInfo}};
+        const Dictionary user{{"user", step.user}};
+        Request request{.operation = step.operation, .sessionInfo = &info};
+        if (step.user != 0) request.userInfo = &user;
+        return session->call(std::move(request),
+                             [promise](Answer given) { promise->set_value(std::move(given)); });
+    }
+    telvora_status call(Operation operation, std::future<Answer>* answer = nullptr) {
+        return call(Step{operation}, answer);
+    }
     Event nextEvent() { return events_.pop(); }
     // The session's next timer.
     std::pair<std::chrono::milliseconds, std::function<void()>> nextTimer() { return timers_.pop(); }

@@ -53,11 +53,16 @@ telvora_status call(telvora_session* session, Operation operation, telvora_compl
     return call(session, operation, completion, context, [](Request&) { return true; });
 }
 
-// Copies a mandatory dictionary. False if it is missing or of another type.
-bool takeMandatory(const telvora_value* value, Dictionary& into) {
-    const Dictionary* found = dictionaryIn(value);
-    if (found != nullptr) into = *found;
-    return found != nullptr;
+// Takes a mandatory dictionary. False if it is missing or of another type.
+bool takeMandatory(const telvora_value* value, const Dictionary*& into) {
+    into = dictionaryIn(value);
+    return into != nullptr;
+}
+
+// Takes an optional dictionary. False if the value is of another type.
+bool takeOptional(const telvora_value* value, const Dictionary*& into) {
+    into = dictionaryIn(value);
+    return into != nullptr || value == nullptr;
 }
 
 }  // namespace
@@ -133,8 +138,8 @@ telvora_status telvora_session_set_info(telvora_session* session, const telvora_
     return call(session, Operation::kSetSessionInfo, completion, context, [&](Request& request) {
         if (count != 0 && (frameworks == nullptr || std::count(frameworks, frameworks + count, nullptr) != 0))
             return false;
-        if (count != 0) request.frameworksToCheck.assign(frameworks, frameworks + count);
-        return takeMandatory(session_info, request.sessionInfo) && take(user_info, request.userInfo);
+        request.frameworksToCheck = {frameworks, count};
+        return takeMandatory(session_info, request.sessionInfo) && takeOptional(user_info, request.userInfo);
     });
 }
 
@@ -145,7 +150,7 @@ telvora_status telvora_session_start(telvora_session* session, telvora_completio
 telvora_status telvora_session_fetch_states(telvora_session* session, const telvora_value* user_info,
                                             telvora_completion completion, void* context) {
     return call(session, Operation::kFetchStates, completion, context,
-                [&](Request& request) { return take(user_info, request.userInfo); });
+                [&](Request& request) { return takeOptional(user_info, request.userInfo); });
 }
 
 telvora_status telvora_session_fetch_display_url(telvora_session* session, telvora_completion completion,
@@ -159,7 +164,7 @@ telvora_status telvora_session_send(telvora_session* session, uint16_t category,
     return call(session, Operation::kSendMessage, completion, context, [&](Request& request) {
         request.category = category;
         request.type = type;
-        return take(payload, request.payload);
+        return takeOptional(payload, request.payload);
     });
 }
 
@@ -188,10 +193,8 @@ telvora_status telvora_session_upload_file(telvora_session* session, const char*
 telvora_status telvora_session_upload_log_data(telvora_session* session, const telvora_value* records,
                                                telvora_completion completion, void* context) {
     return call(session, Operation::kUploadLogData, completion, context, [&](Request& request) {
-        std::optional<Array> given;
-        if (records == nullptr || !take(records, given)) return false;
-        request.records = std::move(*given);
-        return true;
+        request.records = records != nullptr ? unwrap(records)->getIf<Array>() : nullptr;
+        return request.records != nullptr;
     });
 }
 
@@ -203,9 +206,9 @@ telvora_status telvora_session_send_single(telvora_session* session, const telvo
         request.category = category;
         request.type = type;
         return takeMandatory(session_info, request.sessionInfo) &&
-               request.sessionInfo.contains(kTelvoraSessionInfoSessionID) &&
-               request.sessionInfo.contains(kTelvoraSessionInfoClientType) &&
-               take(user_info, request.userInfo) && take(payload, request.payload);
+               request.sessionInfo->contains(kTelvoraSessionInfoSessionID) &&
+               request.sessionInfo->contains(kTelvoraSessionInfoClientType) &&
+               takeOptional(user_info, request.userInfo) && takeOptional(payload, request.payload);
     });
 }
 
