@@ -51,6 +51,7 @@ struct OwnErrorLines {
 struct UserShare {
     UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
+    uid_t user() const { return user_; }
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
     // `client` is guarded by this object's lock.
@@ -233,6 +234,10 @@ struct ClientLog final : LogAdmission {
 
 QuotaUser::QuotaUser(std::shared_ptr<UserShare> share)
     : share_(std::move(share)), log_(std::make_shared<ClientLog>(share_)) {}
+
+std::optional<uid_t> QuotaUser::id() const {
+    return share_ ? std::optional(share_->user()) : std::nullopt;
+}
 
 bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& charge) const {
     if (!share_) return true;

@@ -25,6 +25,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/user_defaults.h"
@@ -83,6 +84,8 @@ class QuotaUser {
   public:
     QuotaUser() = default;
 
+    // The user; std::nullopt without one.
+    std::optional<uid_t> id() const;
     // Adds the amount to a charge that is empty or of this user and quota. False if the user would exceed its
     // quota; then the charge is unchanged, and the refusal is counted and logged.
     bool take(Quota quota, uint64_t amount, QuotaCharge& charge) const;
