@@ -5,6 +5,7 @@
 
 #include "tests/support/expect_run.h"
 #include "tests/support/temporary_directory.h"
+#include "util/utf8.h"
 
 namespace telvora::test {
 namespace {
@@ -109,6 +110,34 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
     for (const auto& [arguments, says] : cases) {
         run(arguments, 2, says);
         EXPECT_FALSE(exists(directory_.path() / "out")) << arguments;
+    }
+}
+
+TEST_F(TelvoraBag, ShowsTextsOfABagWithoutTheirControlCharacters) {
+    const std::string hostile = R"(x\u001b]0;t\u0007\u009b1m\u202e\n  => reporting)";
+    directory_.write("hostile.json", R"({"version": ")" + hostile + R"(", ")" + hostile +
+                                         R"(": 1, "release": {")" + hostile +
+                                         R"(": {}, "httpPost": {"clients": [
+        {"client": ")" + hostile + R"(", "service": ")" +
+                                         hostile + R"("},
+        {"locale_whitelist": "US", "filters": [{"key": ")" +
+                                         hostile + R"(", "action": "sha256"}],
+         "sampling_threshold": 1, "post_url": "http://)" +
+                                         hostile + R"("}]}}})");
+    for (const std::string arguments :
+         {"lint hostile.json", "lint --json hostile.json", "verify --public public.der hostile.json",
+          "explain hostile.json --client-type 8 --consent yes --country US --log --events reports"}) {
+        const Finished finished = expectRun(
+            wordsOf("/usr/bin/env -C " + directory_.path().string() + " " TELVORA_BAG_PATH " " + arguments),
+            arguments[0] == 'e'   ? 0
+            : arguments[0] == 'v' ? 2
+                                  : 1);
+        for (const auto& lines : {finished.output, finished.errors}) {
+            for (const std::string& line : lines) {
+                EXPECT_EQ(escapeControlCharacters(line), line) << arguments;
+                EXPECT_NE(line.find("=> reporting"), 2) << arguments << " has a forged line";
+            }
+        }
     }
 }
 
