@@ -124,7 +124,9 @@ std::string DeviceIdentity::persistentIdentifier(const std::string& key, std::op
         written = tl::make_unexpected(*why);
     } else if (user) {
         const auto number = static_cast<int64_t>(*user);
-        written = defaults_.set(kIdentifiersDomain, key, Dictionary{{std::string(kIdentifier), created}, {std::string(kUser), number}});
+        written =
+            defaults_.set(kIdentifiersDomain, key,
+                          Dictionary{{std::string(kIdentifier), created}, {std::string(kUser), number}});
     } else {
         written = defaults_.set(kIdentifiersDomain, key, created);
     }
