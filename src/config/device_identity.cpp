@@ -2,6 +2,7 @@
 #include "config/device_identity.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "platform/uuid.h"
 #include "telvora/keys.h"
@@ -93,10 +94,11 @@ bool DeviceIdentity::diagnosticsConsent() const {
 void DeviceIdentity::carryOver() const {
     if (carriedOver_) return;
     carriedOver_ = true;
+    const Dictionary settings = defaults_.files(kTelvoraDefaultsDomain).own;
     Dictionary kept = defaults_.files(kIdentifiersDomain).own;
     Dictionary moved;
     std::vector<std::string> old;
-    for (const auto& [key, value] : defaults_.files(kTelvoraDefaultsDomain).own) {
+    for (const auto& [key, value] : settings) {
         if (!isIdentifierKey(key)) continue;
         old.push_back(key);
         if (kept.contains(key) || !value.is<std::string>() || whyRefused(kept, key, std::nullopt)) continue;

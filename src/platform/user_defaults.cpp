@@ -144,7 +144,7 @@ const UserDefaults::CachedFile& UserDefaults::current(const std::filesystem::pat
     if (isKnown && (!file.fault || file.fault->isDamage)) return file;
     file.identity = identity;
     file.fault.reset();
-    if (identity.error == ENOENT) {
+    if (identity.error == ENOENT || identity.error == ENOTDIR) {
         file.content = {};
         file.wasRead = false;
     } else if (auto content = readDomainFile(path)) {
@@ -246,7 +246,11 @@ tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Ch
 
     const UniqueFd turn = lockDirectory(ownDirectory_);
     const CachedFile& file = current(path);
-    if (file.fault && !file.fault->isDamage) return tl::make_unexpected(file.fault->reason);
+    if (file.fault && !file.fault->isDamage) {
+        // The file may have other values for these keys, which count.
+        std::swap(unwritten, wanted);
+        return tl::make_unexpected(file.fault->reason);
+    }
     Dictionary content = file.content;
     apply(unwritten, content);
     if (content != file.content) {

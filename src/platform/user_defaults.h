@@ -49,8 +49,9 @@ class UserDefaults {
 
     // Stores values in the daemon's own file of that domain, with one write; durable on return. Fails with a
     // reason. A domain that is no file name, keys and values that a property list can't hold, and those that
-    // would make the file too long for its reader are refused. After any other failure the values stay in
-    // memory for the life of the process, so that identifiers stay stable meanwhile.
+    // would make the file too long for its reader are refused, and also all while the file is there but can't
+    // be read for another reason than its content. After a failure to write, the values stay in memory for
+    // the life of the process, so that identifiers stay stable meanwhile.
     tl::expected<void, std::string> set(std::string_view domain, const Dictionary& values);
     tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value) {
         return set(domain, Dictionary{{std::string(key), std::move(value)}});
