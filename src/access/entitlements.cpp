@@ -7,9 +7,11 @@
 #include <tl/expected.hpp>
 #include <vector>
 
+#include "access/file_trust.h"
 #include "access/name_service.h"
 #include "plist/property_list_format.h"
 #include "util/log.h"
+#include "util/regular_file.h"
 
 namespace telvora {
 
@@ -23,7 +25,10 @@ struct Grant {
 };
 
 tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
-    auto document = readPropertyListFile(file);
+    const auto opened = RegularFile::open(file);
+    if (!opened) return tl::unexpected(opened.error());
+    if (const auto why = whyChangeable(opened->status)) return tl::unexpected(*why);
+    const auto document = opened->read(kMaxDocumentBytes + 1).and_then(parsePropertyList);
     if (!document) return tl::unexpected(document.error());
     const auto* dictionary = document->getIf<Dictionary>();
     if (dictionary == nullptr) return tl::unexpected(std::string("not a dictionary"));
@@ -76,7 +81,14 @@ std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& dir
 std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& peer,
                                                                   std::string_view name) const {
     std::optional<PropertyList> value;
-    for (const std::filesystem::path& file : filesInOrder(directory_)) {
+    const std::vector<std::filesystem::path> files = filesInOrder(directory_);
+    if (files.empty()) return value;
+    if (const auto why = whyEntriesChangeable(directory_)) {
+        TELVORA_LOG(kLogWarning, "EntitlementStore: the files of %s grant no entitlement: %s",
+                    directory_.c_str(), why->c_str());
+        return value;
+    }
+    for (const std::filesystem::path& file : files) {
         const auto grant = readGrant(file);
         if (!grant) {
             TELVORA_LOG(kLogWarning, "EntitlementStore: %s grants nothing: %s", file.c_str(),

@@ -14,8 +14,9 @@
 //
 // All conditions of a file must hold; a file without conditions applies to every peer. Files are read in the
 // byte order of their names; the value of a later file overrides that of an earlier one. A file that is
-// malformed, holds another key or a value of another type, or names an unknown user or group grants no
-// entitlement: doubt never grants a permission.
+// malformed, holds another key or a value of another type, names an unknown user or group, or can be changed
+// by an ordinary user (file_trust.h), also through a directory above it, grants no entitlement: doubt never
+// grants a permission.
 #pragma once
 
 #include <filesystem>
@@ -34,7 +35,7 @@ class EntitlementStore {
         : directory_(configurationDirectory / "entitlements.d") {}
 
     // The value of the entitlement `name` for `peer`; std::nullopt if no file grants it. Reads the files at
-    // each call, so that a change applies to the next connection; a malformed file is logged at level 4.
+    // each call, so that a change applies to the next connection; a refused file is logged at level 4.
     // Blocks on file I/O and on the look-up of user and group names (nsswitch.conf(5)).
     std::optional<PropertyList> valueForEntitlement(const Peer& peer, std::string_view name) const;
 

@@ -100,7 +100,7 @@ class QuotaUser {
     BlockingShare* blockingShare() const;
     // The turns of the user's connections; null without a user.
     std::shared_ptr<UserTurns> turns() const;
-    // The user's number, if there is a user.
+    // The user; std::nullopt without one.
     std::optional<uid_t> uid() const;
 
   private:

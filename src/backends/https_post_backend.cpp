@@ -64,7 +64,8 @@ void HTTPSPostBackend::updateState() {
                                               .samplingFactor = samplingFactor_,
                                               .consent = dnuEnabled_,
                                               .productFamily = identity_->productFamily,
-                                              .hardwareType = identity_->hardwareType});
+                                              .hardwareType = identity_->hardwareType,
+                                              .user = user_.uid()});
     setSamplingThreshold(policy_.samplingThreshold);
     setState(policy_.state);
 }

@@ -87,7 +87,8 @@ void BusConnection::answerStandard(const MessageView& view) {
         case StandardMethod::ping:
             return sendReply(view.serial, isWanted(view), "", [](WireWriter&) { return true; });
         case StandardMethod::machineId:
-            return answerText(machineId());
+            return sendError(view, {"org.freedesktop.DBus.Error.AccessDenied",
+                                    "The machine's identity is not for peers."});
         case StandardMethod::introspect:
             if (hasNode(view.path)) return answerText(introspect(view.path));
             break;

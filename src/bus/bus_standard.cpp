@@ -2,7 +2,6 @@
 #include "bus/bus_standard.h"
 
 #include <array>
-#include <fstream>
 
 #include "bus/bus_interface.h"
 
@@ -52,12 +51,6 @@ StandardMethod standardMethodOf(const MessageView& call) {
         }
     }
     return StandardMethod::none;
-}
-
-std::string machineId() {
-    std::string id;
-    std::ifstream("/etc/machine-id") >> id;
-    return id;
 }
 
 std::string_view childNode(std::string_view object, std::string_view parent) {

@@ -15,7 +15,7 @@ namespace telvora {
 enum class StandardMethod {
     none,
     ping,           // of org.freedesktop.DBus.Peer
-    machineId,      // likewise
+    machineId,      // likewise; refused, since clients must not learn the device's identity
     introspect,     // of org.freedesktop.DBus.Introspectable
     property,       // Get and Set of org.freedesktop.DBus.Properties
     allProperties,  // GetAll of it
@@ -24,9 +24,6 @@ enum class StandardMethod {
 
 // The standard method that is called, with the signature that it has.
 StandardMethod standardMethodOf(const MessageView& call);
-
-// 32 hexadecimal digits, machine-id(5). Empty if it can't be read.
-std::string machineId();
 
 // The element of `object` below `parent`, if the object is below it: "b" for "/a/b/c" and "/a". Empty
 // otherwise.

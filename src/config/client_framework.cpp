@@ -2,10 +2,10 @@
 #include "config/client_framework.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <utility>
 
 #include "plist/property_list_format.h"
+#include "util/regular_file.h"
 
 namespace telvora {
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kDefaultVersion = "8.0";
 // An RSA key of 16384 bits takes about 2 KiB; a much larger file is no key.
-constexpr std::streamsize kMaxKeyBytes = 64 << 10;
+constexpr size_t kMaxKeyBytes = 64 << 10;
 
 }  // namespace
 
@@ -34,12 +34,9 @@ std::string ClientFramework::bundleVersion() const {
 
 std::optional<std::string> ClientFramework::publicKeyDer() const {
     if (directory_.empty()) return std::nullopt;
-    std::ifstream file(directory_ / "publicKey.der", std::ios::binary);
-    std::string bytes(kMaxKeyBytes, '\0');
-    file.read(bytes.data(), kMaxKeyBytes);
-    if (!file.eof() || file.gcount() == 0) return std::nullopt;
-    bytes.resize(static_cast<size_t>(file.gcount()));
-    return bytes;
+    auto bytes = readRegularFile(directory_ / "publicKey.der", kMaxKeyBytes);
+    if (!bytes || bytes->empty() || bytes->size() == kMaxKeyBytes) return std::nullopt;
+    return std::move(*bytes);
 }
 
 std::array<uint8_t, 3> versionComponents(std::string_view version) {

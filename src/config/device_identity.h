@@ -4,6 +4,8 @@
 // the process; every operation is callable from any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <mutex>
 #include <optional>
@@ -13,12 +15,21 @@
 #include "platform/device_properties.h"
 #include "platform/user_defaults.h"
 #include "plist/property_list.h"
+#include "util/mutex.h"
 
 namespace telvora {
 
 // The user default of the user's consent, a boolean.
 inline constexpr std::string_view kConsentDomain = "com.zandor.diagnosticsharing";
 inline constexpr std::string_view kConsentKey = "Enabled";
+
+// The preference domain of the identifiers that the daemon has made. Names from clients are part of its keys,
+// so it is apart from the settings, and bounded: a further identifier is made, but not kept. Earlier versions
+// kept them in kTelvoraDefaultsDomain.
+inline constexpr std::string_view kIdentifiersDomain = "com.zandor.telvora.identifiers";
+inline constexpr size_t kMaxIdentifierKeyBytes = 512;
+inline constexpr size_t kMaxIdentifiersOfUser = 256;
+inline constexpr size_t kMaxIdentifiers = 4096;
 
 // A zero-terminated device ID of at most 40 bytes; all zero if the device has no ID.
 using DeviceIDBuffer = std::array<char, 41>;
@@ -46,10 +57,13 @@ class DeviceIdentity {
     // A random UUID of this process.
     const std::string& processIdentifier() const { return processIdentifier_; }
 
-    // A persistent UUID for a client identifier and a suffix (absent counts as empty), stored as the user
-    // default "uuid:CLIENT:SUFFIX". Created on first use and never rotated. Logs it at level 6.
+    // A persistent UUID for a client identifier and a suffix (absent counts as empty), stored under
+    // "uuid:CLIENT:SUFFIX". Created on first use and never rotated. Logs it at level 6. `user`: the one whose
+    // client asks; a new identifier counts against its bound. An identifier over a bound is random at each
+    // call, and logged at level 3.
     std::string getPersistentIdentifierForCustomClientIDSuffix(
-        const std::optional<std::string>& clientIdentifier, const std::optional<std::string>& suffix) const;
+        const std::optional<std::string>& clientIdentifier, const std::optional<std::string>& suffix,
+        std::optional<uid_t> user = std::nullopt) const;
 
     // The two persistent UUIDs of the device: one for reports that respect the diagnostics consent (true),
     // and one for those that override it (false). They differ, so that the two kinds of reports can't be
@@ -63,13 +77,15 @@ class DeviceIdentity {
     bool diagnosticsConsent() const;
 
   private:
-    std::string persistentIdentifier(const std::string& key) const;
+    std::string persistentIdentifier(const std::string& key, std::optional<uid_t> user) const;
+    void carryOver() const TELVORA_REQUIRES(identifierMutex_);
 
     const DeviceProperties& properties_;
     UserDefaults& defaults_;
     const bool isInternal_;
     const std::string processIdentifier_;
     mutable Mutex identifierMutex_{LockRank::identifiers};  // makes reading and creating an identifier atomic
+    mutable bool carriedOver_ TELVORA_GUARDED_BY(identifierMutex_) = false;
 };
 
 // "client:service", both in lower case; an absent name is empty.

@@ -32,8 +32,15 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature is missing");
         return std::nullopt;
     }
-    const auto key = publicKeyDer ? RsaPublicKey::fromDer(*publicKeyDer) : std::nullopt;
-    if (!key) return std::nullopt;
+    if (!publicKeyDer) return std::nullopt;
+    const auto key = RsaPublicKey::fromDer(*publicKeyDer);
+    if (!key) {
+        if (key.error().isTooShort) {
+            TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
+                        key.error().reason.c_str());
+        }
+        return std::nullopt;
+    }
     const std::optional<std::string> signature = decodedString(*outer, "signature");
     if (!signature) return std::nullopt;
     const std::optional<std::string> bag = decodedString(*outer, "bag");

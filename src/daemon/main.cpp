@@ -41,9 +41,10 @@ int run() {
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);
     readLogLevel(defaults);
-    const MessageLog messageLog(directories.logs);
-    TelvoradUtil::makeLogDirectory(messageLog);
     const Settings settings = readSettings(defaults);
+    MessageLog messageLog(directories.logs);
+    messageLog.maxBytes = settings.messageLogBytes;
+    TelvoradUtil::makeLogDirectory(messageLog);
 
     SandboxPaths paths = SandboxPaths::fromDirectories(directories);
     paths.readAndRemove = settings.uploadDirectories;
@@ -60,6 +61,7 @@ int run() {
     }
     // No other socket has to listen.
     if (const auto tightened = tightenSandbox(kServiceName); !tightened) return fail(tightened.error());
+    allowLogThread();
     const ProcessContext process{directories, defaults, messageLog, settings, *confined};
     Daemon(process, std::move(*sockets)).run();
     stopLogging();

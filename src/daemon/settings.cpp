@@ -21,6 +21,14 @@ std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view 
     return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMaxTime.count()));
 }
 
+uint64_t messageLogBytes(UserDefaults& defaults) {
+    constexpr int64_t kDefault = int64_t{8} << 20;
+    constexpr int64_t kLeast = int64_t{64} << 10;
+    constexpr int64_t kMost = int64_t{1} << 30;
+    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, "messageLogBytes").value_or(kDefault);
+    return static_cast<uint64_t>(std::clamp(value, kLeast, kMost));
+}
+
 std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
     std::vector<std::string> directories;
     const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "uploadDirectories");
@@ -43,7 +51,8 @@ Settings readSettings(UserDefaults& defaults) {
     return {.uploadDirectories = canonicalDirectories(uploadDirectories(defaults)),
             .vodexAdaptorPath = vodexAdaptorPath(defaults),
             .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime),
-            .shutdownTime = milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime)};
+            .shutdownTime = milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime),
+            .messageLogBytes = messageLogBytes(defaults)};
 }
 
 int readLogLevel(UserDefaults& defaults) {

@@ -18,6 +18,7 @@ struct Settings {
     std::string vodexAdaptorPath;  // the shared object of the metrics adaptor
     std::chrono::milliseconds idleTime;
     std::chrono::milliseconds shutdownTime;
+    uint64_t messageLogBytes;  // the most bytes of the message log
 };
 
 Settings readSettings(UserDefaults& defaults);

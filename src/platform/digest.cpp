@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "util/hexadecimal.h"
 
@@ -46,6 +48,12 @@ std::string takeError() {
     return text;
 }
 
+std::optional<std::string> whyTooShort(int bits) {
+    if (bits >= kMinRsaBits) return std::nullopt;
+    return "an RSA key of " + std::to_string(bits) + " bits; it must have " + std::to_string(kMinRsaBits) +
+           " at least";
+}
+
 std::string bioContent(BIO* bio) {
     char* data = nullptr;
     const long length = BIO_get_mem_data(bio, &data);
@@ -69,7 +77,7 @@ std::string sha256Hex(std::string_view bytes) {
     return hexText({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 
-std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
+tl::expected<RsaPublicKey, RsaPublicKey::Refusal> RsaPublicKey::fromDer(std::string_view der) {
     const auto decode = [&](auto decoder) {
         const unsigned char* at = asBytes(der);
         Owned<EVP_PKEY> key(decoder(&at, static_cast<long>(der.size())));
@@ -83,7 +91,12 @@ std::optional<RsaPublicKey> RsaPublicKey::fromDer(std::string_view der) {
         key = decode([](const unsigned char** at, long length) { return d2i_PUBKEY(nullptr, at, length); });
     }
     ERR_clear_error();
-    if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return std::nullopt;
+    if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) {
+        return tl::make_unexpected(Refusal{"no RSA public key in DER form"});
+    }
+    if (auto why = whyTooShort(EVP_PKEY_get_bits(key.get()))) {
+        return tl::make_unexpected(Refusal{std::move(*why), true});
+    }
     return RsaPublicKey(key.release());
 }
 
@@ -99,7 +112,7 @@ bool RsaPublicKey::verifySha1(std::string_view message, std::string_view signatu
 }
 
 tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::generate(int bits) {
-    if (bits < 2048) return tl::make_unexpected("an RSA key of fewer than 2048 bits is too weak");
+    if (auto why = whyTooShort(bits)) return tl::make_unexpected(std::move(*why));
     EVP_PKEY* key = EVP_RSA_gen(static_cast<unsigned>(bits));
     if (key == nullptr) return tl::make_unexpected(takeError());
     return RsaPrivateKey(key);
@@ -114,6 +127,7 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
     if (!key) return tl::make_unexpected(takeError());
     if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return tl::make_unexpected("not an RSA key");
+    if (auto why = whyTooShort(EVP_PKEY_get_bits(key.get()))) return tl::make_unexpected(std::move(*why));
     return RsaPrivateKey(key.release());
 }
 

@@ -2,9 +2,10 @@
 #include "platform/environment_file.h"
 
 #include <algorithm>
-#include <fstream>
+#include <utility>
 
 #include "util/ascii.h"
+#include "util/regular_file.h"
 
 namespace telvora {
 
@@ -37,13 +38,8 @@ bool isName(std::string_view text) {
 }  // namespace
 
 std::optional<std::string> readSmallFile(const std::filesystem::path& path, size_t limit) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return std::nullopt;
-    std::string content(limit, '\0');
-    file.read(content.data(), static_cast<std::streamsize>(limit));
-    if (file.bad()) return std::nullopt;
-    content.resize(static_cast<size_t>(file.gcount()));
-    return content;
+    auto content = readRegularFile(path, limit);
+    return content ? std::optional(std::move(*content)) : std::nullopt;
 }
 
 std::map<std::string, std::string, std::less<>> readEnvironmentFile(const std::filesystem::path& path) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "util/atomic_file.h"
 #include "util/error_text.h"
 #include "util/log.h"
+#include "util/regular_file.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -48,13 +50,38 @@ FileIdentity identityOf(const std::filesystem::path& path) {
     return identity;
 }
 
-Dictionary readDomainFile(const std::filesystem::path& path) {
-    const auto content = readPropertyListFile(path);
-    const Dictionary* dictionary = content ? content->getIf<Dictionary>() : nullptr;
-    if (dictionary != nullptr) return *dictionary;
-    TELVORA_LOG(kLogWarning, "UserDefaults(readDomainFile): %s counts as absent: %s", path.c_str(),
-                content ? "not a dictionary" : content.error().c_str());
-    return {};
+struct Fault {
+    std::string reason;
+    // The file itself is wrong. Otherwise it could not be read now, and may be in order.
+    bool isDamage = true;
+};
+
+tl::expected<Dictionary, Fault> readDomainFile(const std::filesystem::path& path) {
+    const auto file = RegularFile::open(path);
+    if (!file) return tl::make_unexpected(Fault{file.error(), file.error() == RegularFile::kNotRegular});
+    const auto document = file->read(kMaxDocumentBytes + 1);
+    if (!document) return tl::make_unexpected(Fault{document.error(), false});
+    const auto content = parsePropertyList(*document);
+    if (!content) return tl::make_unexpected(Fault{content.error()});
+    const Dictionary* dictionary = content->getIf<Dictionary>();
+    if (dictionary == nullptr) return tl::make_unexpected(Fault{"not a dictionary"});
+    return *dictionary;
+}
+
+// Gives a file that is no readable dictionary another name, which no file has. Returns that name; fails with
+// the reason.
+tl::expected<std::filesystem::path, std::string> moveAside(const std::filesystem::path& path) {
+    constexpr int kMostFiles = 10;
+    std::string aside = path.string() + ".unreadable";
+    for (int i = 1; identityOf(aside).error == 0 && i < kMostFiles; ++i)
+        aside = path.string() + ".unreadable." + std::to_string(i);
+    if (identityOf(aside).error == 0) {
+        return tl::make_unexpected("ten unreadable files stand beside " + path.string());
+    }
+    if (rename(path.c_str(), aside.c_str()) != 0) return tl::make_unexpected(errorText("rename", errno));
+    TELVORA_LOG(kLogWarning, "UserDefaults(moveAside): %s can't be read and is now %s", path.c_str(),
+                aside.c_str());
+    return aside;
 }
 
 std::filesystem::path fileOf(const std::filesystem::path& directory, std::string_view domain) {
@@ -68,13 +95,16 @@ tl::expected<void, std::string> makeDirectory(const std::filesystem::path& direc
     return tl::make_unexpected(errorText("mkdir", errno));
 }
 
-tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path,
-                                                const Dictionary& content) {
-    // Keys contain names from clients, which XML could not always hold.
-    return serializePropertyList(content, PropertyListFormat::binary)
-        .and_then([&](const std::string& document) {
-            return makeDirectory(path.parent_path()).and_then([&] { return replaceFile(path, document); });
-        });
+// Replaces the file. A damaged one is moved aside, and back if the new one can't be written.
+tl::expected<void, std::string> writeDomainFile(const std::filesystem::path& path, bool isDamaged,
+                                                const std::string& document) {
+    if (auto made = makeDirectory(path.parent_path()); !made) return made;
+    if (!isDamaged) return replaceFile(path, document);
+    const auto aside = moveAside(path);
+    if (!aside) return tl::make_unexpected(aside.error());
+    auto written = replaceFile(path, document);
+    if (!written) rename(aside->c_str(), path.c_str());
+    return written;
 }
 
 // Locks an existing directory until the descriptor is closed.
@@ -92,8 +122,10 @@ bool UserDefaults::isDomain(std::string_view domain) {
 }
 
 struct UserDefaults::CachedFile {
-    std::optional<FileIdentity> identity;  // std::nullopt until the file has been read
-    Dictionary content;
+    std::optional<FileIdentity> identity;  // of the last access; std::nullopt before the first one
+    Dictionary content;                    // the last that could be read, while the file is there
+    bool wasRead = false;
+    std::optional<Fault> fault;  // of the file as it is now
 };
 
 UserDefaults::UserDefaults(const std::filesystem::path& configurationDirectory,
@@ -103,33 +135,49 @@ UserDefaults::UserDefaults(const std::filesystem::path& configurationDirectory,
 
 UserDefaults::~UserDefaults() = default;
 
-const Dictionary& UserDefaults::current(const std::filesystem::path& path) {
+const UserDefaults::CachedFile& UserDefaults::current(const std::filesystem::path& path) {
     CachedFile& file = files_[path];
     // Taken before the file is read: the next access sees a change between the two.
     const FileIdentity identity = identityOf(path);
-    if (file.identity == identity) return file.content;
+    const bool isKnown = file.identity == identity;
+    // A file that could not be read may be readable now.
+    if (isKnown && (!file.fault || file.fault->isDamage)) return file;
     file.identity = identity;
-    file.content = identity.error == ENOENT ? Dictionary() : readDomainFile(path);
-    return file.content;
+    file.fault.reset();
+    if (identity.error == ENOENT || identity.error == ENOTDIR) {
+        file.content = {};
+        file.wasRead = false;
+    } else if (auto content = readDomainFile(path)) {
+        file.content = std::move(*content);
+        file.wasRead = true;
+    } else {
+        file.fault = std::move(content.error());
+        if (!isKnown) {
+            TELVORA_LOG(kLogWarning, "UserDefaults(readDomainFile): %s counts as %s: %s", path.c_str(),
+                        file.wasRead ? "it was before" : "absent", file.fault->reason.c_str());
+        }
+    }
+    return file;
 }
 
 std::optional<PropertyList> UserDefaults::value(std::string_view domain, std::string_view key) {
     if (!isDomain(domain)) return std::nullopt;
     const MutexLock lock(mutex_);
-    if (const PropertyList* value = current(fileOf(administratorDirectory_, domain)).find(key)) return *value;
+    if (const PropertyList* value = current(fileOf(administratorDirectory_, domain)).content.find(key))
+        return *value;
     if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
         if (const auto change = changes->second.find(key); change != changes->second.end()) {
             return change->second;
         }
     }
-    if (const PropertyList* value = current(fileOf(ownDirectory_, domain)).find(key)) return *value;
+    if (const PropertyList* value = current(fileOf(ownDirectory_, domain)).content.find(key)) return *value;
     return std::nullopt;
 }
 
 std::optional<PropertyList> UserDefaults::administratorValue(std::string_view domain, std::string_view key) {
     if (!isDomain(domain)) return std::nullopt;
     const MutexLock lock(mutex_);
-    const PropertyList* value = current(fileOf(administratorDirectory_, domain)).find(key);
+    const PropertyList* value = current(fileOf(administratorDirectory_, domain)).content.find(key);
     return value != nullptr ? std::optional(*value) : std::nullopt;
 }
 
@@ -149,13 +197,14 @@ bool UserDefaults::boolean(std::string_view domain, std::string_view key) {
     return found && found->boolValue();
 }
 
-tl::expected<void, std::string> UserDefaults::set(std::string_view domain, std::string_view key,
-                                                  PropertyList value) {
+tl::expected<void, std::string> UserDefaults::set(std::string_view domain, const Dictionary& values) {
     // A value that no file can hold must not block all later writes.
-    const auto writable =
-        serializePropertyList(Dictionary{{std::string(key), value}}, PropertyListFormat::binary);
+    const auto writable = serializePropertyList(values, PropertyListFormat::binary);
     if (!writable) return tl::make_unexpected(writable.error());
-    return change(domain, {{std::string(key), std::move(value)}});
+    Changes changes;
+    for (const auto& [key, value] : values)
+        changes.emplace(key, value);
+    return change(domain, std::move(changes));
 }
 
 tl::expected<void, std::string> UserDefaults::remove(std::string_view domain,
@@ -169,28 +218,49 @@ tl::expected<void, std::string> UserDefaults::remove(std::string_view domain,
 UserDefaults::Files UserDefaults::files(std::string_view domain) {
     if (!isDomain(domain)) return {};
     const MutexLock lock(mutex_);
-    return {current(fileOf(administratorDirectory_, domain)), current(fileOf(ownDirectory_, domain))};
+    Files files{current(fileOf(administratorDirectory_, domain)).content,
+                current(fileOf(ownDirectory_, domain)).content};
+    if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
+        apply(changes->second, files.own);
+    }
+    return files;
+}
+
+void UserDefaults::apply(const Changes& changes, Dictionary& content) {
+    for (const auto& [key, value] : changes) {
+        if (value) {
+            content.set(key, *value);
+        } else {
+            content.erase(key);
+        }
+    }
 }
 
 tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Changes wanted) {
     if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
     const MutexLock lock(mutex_);
     const std::filesystem::path path = fileOf(ownDirectory_, domain);
-    Changes& changes = unwritten_[std::string(domain)];
-    wanted.merge(changes);  // the new ones win
-    changes = std::move(wanted);
+    Changes& unwritten = unwritten_[std::string(domain)];
+    wanted.insert(unwritten.begin(), unwritten.end());  // the new ones win
+    std::swap(unwritten, wanted);                       // `wanted` has now the changes of before
 
     const UniqueFd turn = lockDirectory(ownDirectory_);
-    Dictionary content = current(path);
-    for (const auto& [changedKey, newValue] : changes) {
-        if (newValue) {
-            content.set(changedKey, *newValue);
-        } else {
-            content.erase(changedKey);
-        }
+    const CachedFile& file = current(path);
+    if (file.fault && !file.fault->isDamage) {
+        // The file may have other values for these keys, which count.
+        std::swap(unwritten, wanted);
+        return tl::make_unexpected(file.fault->reason);
     }
-    if (content != current(path)) {
-        if (auto written = writeDomainFile(path, content); !written) return written;
+    Dictionary content = file.content;
+    apply(unwritten, content);
+    if (content != file.content) {
+        // Keys contain names from clients, which XML could not always hold.
+        const auto document = serializePropertyList(content, PropertyListFormat::binary);
+        if (!document || document->size() > kMaxDocumentBytes) {
+            std::swap(unwritten, wanted);
+            return tl::make_unexpected(document ? "the file would be longer than 16 MiB" : document.error());
+        }
+        if (auto written = writeDomainFile(path, file.fault.has_value(), *document); !written) return written;
     }
     unwritten_.erase(unwritten_.find(domain));
     return {};

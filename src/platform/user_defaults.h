@@ -7,8 +7,10 @@
 //
 // The second Preferences/ and its files are readable for the daemon's user alone. Every access checks the
 // file (stat(2)) and reads it again if it has changed, so that an administrator's edit takes effect at once.
-// Processes that write are serialised by flock(2) on the second Preferences/. All operations are thread-safe
-// and may block on file I/O.
+// After a change that leaves no readable dictionary, the values of before still count, with a warning; at the
+// first access the file counts as absent. A write never replaces such a file: it first moves the file aside,
+// to DOMAIN.plist.unreadable. Processes that write are serialised by flock(2) on the second Preferences/. All
+// operations are thread-safe and may block on file I/O.
 #pragma once
 
 #include <filesystem>
@@ -33,8 +35,7 @@ class UserDefaults {
                  const std::filesystem::path& stateDirectory);
 
     // The value under `key` in `domain`, the administrator's before the daemon's own; std::nullopt if neither
-    // has it. An unreadable or malformed file counts as absent and is logged at level 4, once per change of
-    // the file.
+    // has it. An unreadable or malformed file is logged at level 4, once per change of the file.
     std::optional<PropertyList> value(std::string_view domain, std::string_view key);
     // The administrator's value alone. For settings that determine the confinement of the process: a
     // compromised daemon must not be able to loosen it for its next start.
@@ -46,16 +47,20 @@ class UserDefaults {
     // As value(), read as PropertyList::boolValue; false if absent.
     bool boolean(std::string_view domain, std::string_view key);
 
-    // Stores a value in the daemon's own file of that domain; durable on return. Fails with a reason. A
-    // domain that is no file name, and a key or value that a property list can't hold, are refused. After any
-    // other failure the value stays in memory for the life of the process, so that identifiers stay stable
-    // meanwhile.
-    tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value);
+    // Stores values in the daemon's own file of that domain, with one write; durable on return. Fails with a
+    // reason. A domain that is no file name, keys and values that a property list can't hold, and those that
+    // would make the file too long for its reader are refused, and also all while the file is there but can't
+    // be read for another reason than its content. After a failure to write, the values stay in memory for
+    // the life of the process, so that identifiers stay stable meanwhile.
+    tl::expected<void, std::string> set(std::string_view domain, const Dictionary& values);
+    tl::expected<void, std::string> set(std::string_view domain, std::string_view key, PropertyList value) {
+        return set(domain, Dictionary{{std::string(key), std::move(value)}});
+    }
     // Removes keys from the daemon's own file with one write. Removing an absent key succeeds. Fails as set()
     // does.
     tl::expected<void, std::string> remove(std::string_view domain, const std::vector<std::string>& keys);
 
-    // The current contents of the two files of a domain.
+    // The current contents of the two files of a domain; `own` with the values that could not be written.
     struct Files {
         Dictionary administrator;
         Dictionary own;
@@ -73,7 +78,8 @@ class UserDefaults {
     using Changes = std::map<std::string, Change, std::less<>>;
 
     // The current content of a file; costs one stat(2) if the file has not changed.
-    const Dictionary& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
+    const CachedFile& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
+    static void apply(const Changes& changes, Dictionary& content);
     tl::expected<void, std::string> change(std::string_view domain, Changes wanted);
 
     Mutex mutex_{LockRank::defaults};

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "plist/property_list_format.h"
 
-#include <fstream>
-
 #include "plist/property_list_limits.h"
 #include "plist/property_list_reader.h"
 #include "plist/property_list_writer.h"
+#include "util/regular_file.h"
 
 namespace telvora {
 
@@ -67,14 +66,7 @@ bool exceedsPropertyListLimit(std::string_view reason) {
 }
 
 tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return tl::make_unexpected("can't be opened");
-    std::string document;
-    char block[1 << 14];
-    while (document.size() <= kMaxDocumentBytes && (file.read(block, sizeof block), file.gcount() > 0))
-        document.append(block, static_cast<size_t>(file.gcount()));
-    if (file.bad()) return tl::make_unexpected("can't be read");
-    return parsePropertyList(document);
+    return readRegularFile(path, kMaxDocumentBytes + 1).and_then(parsePropertyList);
 }
 
 tl::expected<std::string, std::string> serializePropertyList(const PropertyList& value,

@@ -32,7 +32,7 @@ tl::expected<PropertyList, std::string> parsePropertyList(std::string_view docum
 // Whether a failure of parsePropertyList() with this reason was only due to one of the limits.
 bool exceedsPropertyListLimit(std::string_view reason);
 
-// Reads a file of either format, of at most kMaxDocumentBytes. Blocks on file I/O.
+// Reads a regular file of either format, of at most kMaxDocumentBytes. Blocks on file I/O.
 tl::expected<PropertyList, std::string> readPropertyListFile(const std::filesystem::path& path);
 
 // Writes a document. Fails with a reason on values that the format can't hold: nesting, strings and dates

@@ -134,8 +134,8 @@ BackendState PolicyUpdate::stateFromEntry(const ClientEntry& entry) {
     const BackendState newState = stateFromSampling(entry);
     resetWithEntry(entry);
     if (entry.hasCustomClientId()) {
-        policy_.uuidCustom =
-            situation_.identity.getPersistentIdentifierForCustomClientIDSuffix(clientName_, serviceID_);
+        policy_.uuidCustom = situation_.identity.getPersistentIdentifierForCustomClientIDSuffix(
+            clientName_, serviceID_, situation_.user);
     }
     TELVORA_LOG(kLogDebug,
                 "HTTPSPostBackend(updateBackendState): %s: client found %s:%s, state=%d, samplingFactor=%f",

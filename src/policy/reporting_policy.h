@@ -6,6 +6,8 @@
 // it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -59,6 +61,7 @@ struct ReportingSituation {
     bool consent;           // the user shares diagnostics
     const std::optional<std::string>& productFamily;
     const std::optional<std::string>& hardwareType;
+    std::optional<uid_t> user = std::nullopt;  // of the client; a new identifier counts against its bound
 };
 
 // The policy that follows `policy` in this situation. Logs its steps at level 7.

@@ -47,11 +47,12 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
     }
     const auto flush = std::make_shared<PendingFlush>(PendingFlush{current->size(), std::move(completion)});
     for (const auto& [name, backend] : *current) {
-        auto reported = [flush, key = name, backendName = backend->name(),
+        auto reported = [flush, key = name, backendName = backend->name(), uid = uid_,
                          &messageLog = services_.messageLog](std::optional<std::string> answer,
                                                              std::optional<TelvoraError> error) {
             TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
-            if (answer) TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> flushMessages] " + *answer);
+            if (answer)
+                TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> flushMessages] " + *answer, uid);
             const FlushReply reply = takeCompletion(*flush, error.has_value());
             if (reply) reply(std::move(answer), std::move(error));
         };
@@ -84,9 +85,11 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
         } else {
             TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", upload.path.c_str());
         }
-        TelvoradUtil::writeToLogFile(self->services_.messageLog, std::string("[uploadFileWithURL] Upload ") +
-                                                                     (uploaded ? "succeeded" : "failed") +
-                                                                     " for file " + textOfURL(fileURL));
+        TelvoradUtil::writeToLogFile(self->services_.messageLog,
+                                     std::string("[uploadFileWithURL] Upload ") +
+                                         (uploaded ? "succeeded" : "failed") + " for file " +
+                                         textOfURL(fileURL),
+                                     self->uid_);
         reply(uploaded);
     });
 }

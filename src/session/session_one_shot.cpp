@@ -11,7 +11,7 @@ namespace {
 
 void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValue timestamp,
                  uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
-                 const std::string& key) {
+                 const std::string& key, std::optional<uid_t> user) {
     backend.updateState();
     if (const auto excluded = backend.exclusionOf(category, "sendMessageWithSessionInfo")) {
         return backend.reports().accept(*excluded);
@@ -19,7 +19,8 @@ void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValu
     const std::optional<std::string> answer =
         backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
     if (answer)
-        TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer);
+        TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer,
+                                     user);
 }
 
 }  // namespace
@@ -78,7 +79,8 @@ void TelvoradSession::sendMessageWithSessionInfo(const SessionServices& services
     if (backends->empty()) accounts->of(ClientAccounts::kNoBackend)->accept(ReportOutcome::noBackend);
     const TimeValue timestamp = services.backendServices.clock();
     for (const auto& [key, backend] : *backends) {
-        sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key);
+        sendThrough(*backend, services.messageLog, timestamp, category, type, payload, key,
+                    accounts->user().uid());
     }
     for (const auto& [key, backend] : *backends)
         backend->cleanup();

@@ -1,167 +1,129 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/message_log.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
+#include <ctime>
+#include <map>
 #include <string>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "util/log.h"
+#include "util/message_log_files.h"
+#include "util/mutex.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
 
 namespace {
 
-constexpr std::string_view kNameStart = "telvorad_";
-constexpr std::string_view kNameEnd = "_messageLog.diag";
-constexpr double kExpiryAge = 86400;                             // seconds
-constexpr int kOpenFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // opening a FIFO would block
+constexpr uint64_t kUsersPart = 8;  // the part of the log's bytes that one user may add in an hour
+constexpr double kSecondsPerPart = 3600;
+constexpr double kSecondsPerLine = 60;  // between two lines about the dropped records of one user
+constexpr int64_t kSettledNanoseconds = 20'000'000;  // above the resolution of a file system's times
 
-// The part of a log file's name between its two underscores; std::nullopt for any other name.
-std::optional<std::string_view> middleOfLogFileName(std::string_view name) {
-    if (name.size() < kNameStart.size() + kNameEnd.size() || !name.starts_with(kNameStart) ||
-        !name.ends_with(kNameEnd)) {
-        return std::nullopt;
-    }
-    name.remove_prefix(kNameStart.size());
-    name.remove_suffix(kNameEnd.size());
-    return name.find('_') == std::string_view::npos ? std::optional(name) : std::nullopt;
-}
-
-std::optional<double> timeInFileName(const std::filesystem::path& path) {
-    const std::string name = path.filename().string();
-    const auto middle = middleOfLogFileName(name);
-    int32_t seconds = 0;
-    if (!middle) return std::nullopt;
-    const char* const end = middle->data() + middle->size();
-    const auto parsed = std::from_chars(middle->data(), end, seconds);
-    if (parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
-    return seconds;
-}
-
-// The file system's birth time; if it is not recorded, the time in the file's name.
-std::optional<double> birthTime(const std::filesystem::path& path) {
-    struct statx status {};
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) == 0 &&
-        (status.stx_mask & STATX_BTIME) != 0) {
-        return static_cast<double>(status.stx_btime.tv_sec) + status.stx_btime.tv_nsec / 1e9;
-    }
-    return timeInFileName(path);
-}
-
-std::string dateText(double seconds) {
-    const auto whole = static_cast<time_t>(std::floor(seconds));
-    struct tm parts {};
-    char text[64];
-    if (gmtime_r(&whole, &parts) == nullptr) return "(null)";
-    return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts)};
-}
-
-std::string dateText(std::optional<double> seconds) {
-    return seconds ? dateText(*seconds) : "(null)";
-}
-
-struct LogFile {
-    std::filesystem::path path;
-    std::optional<double> created;
-    bool regular = true;  // not a link, a FIFO or a device
+// One user's part of the log: bytes become free again at an even rate.
+struct UsersPart {
+    double freeBytes = 0;
+    double since = 0;                    // seconds since 1970 of the number of free bytes
+    double lastLine = -kSecondsPerLine;  // likewise, of the last line about dropped records
+    uint64_t droppedRecords = 0;         // that no line has named yet
+    uint64_t droppedBytes = 0;
 };
 
-void deleteFile(const LogFile& file) {
-    unlink(file.path.c_str());  // on failure the next call finds the file again
-    TELVORA_LOG(kLogInfo, "writeToLogFile: Deleted expired telvorad log file %s (%s)", file.path.c_str(),
-                dateText(file.created).c_str());
-}
+// Identifies a file, and the changes of a directory.
+struct Identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    timespec modified{};
 
-// Hints at the likely cause: a confined process has no access to a directory that replaced its log directory.
-void explain(const MessageLog& log, std::error_code error) {
-    if (error != std::errc::permission_denied) return;
-    TELVORA_LOG(
-        kLogWarning,
-        "writeToLogFile: %s can't be used; if it was removed or made anew since the daemon started, the daemon has to be restarted",
-        log.directory.c_str());
-}
-
-void createDirectory(const MessageLog& log) {
-    TELVORA_LOG(kLogInfo, "writeToLogFile: Creating telvorad log directory at %s", log.directory.c_str());
-    std::error_code error;  // creating the file fails, too
-    std::filesystem::create_directories(log.directory, error);
-    explain(log, error);
-}
-
-std::vector<LogFile> listLogFiles(const MessageLog& log, std::error_code& error) {
-    std::vector<LogFile> files;
-    std::filesystem::directory_iterator entry(log.directory, error);
-    while (!error && entry != std::filesystem::directory_iterator()) {
-        std::error_code gone;  // counts as no regular file
-        const std::filesystem::file_type type = entry->symlink_status(gone).type();
-        if (middleOfLogFileName(entry->path().filename().string()) &&
-            type != std::filesystem::file_type::directory) {
-            files.push_back({entry->path(), log.creationDate(entry->path()),
-                             type == std::filesystem::file_type::regular});
-        }
-        entry.increment(error);
+    // The status of a file, without following a link. An inode of 0 stands for no file.
+    static Identity of(const std::filesystem::path& path) {
+        struct stat status {};
+        if (lstat(path.c_str(), &status) != 0) return {};
+        return {status.st_dev, status.st_ino, status.st_mtim};
     }
-    return files;
+    bool isSameFile(const Identity& other) const {
+        return inode != 0 && inode == other.inode && device == other.device;
+    }
+    bool isUnchanged(const Identity& other) const {
+        return isSameFile(other) && modified.tv_sec == other.modified.tv_sec &&
+               modified.tv_nsec == other.modified.tv_nsec;
+    }
+    // Whether a later change is sure to have another time.
+    bool isSettled() const {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const int64_t age =
+            (int64_t{now.tv_sec} - modified.tv_sec) * 1'000'000'000 + now.tv_nsec - modified.tv_nsec;
+        return age > kSettledNanoseconds;
+    }
+};
+
+}  // namespace
+
+struct MessageLogState {
+    Mutex lock{LockRank::messageLog};
+    // The file that takes records, with the directory at the time of the listing that found it.
+    std::optional<LogFile> file TELVORA_GUARDED_BY(lock);
+    Identity fileIdentity TELVORA_GUARDED_BY(lock);
+    Identity directory TELVORA_GUARDED_BY(lock);
+    std::map<uid_t, UsersPart> parts TELVORA_GUARDED_BY(lock);
+};
+
+namespace {
+
+// The file for a record. The directory is listed only if it has changed, or if the file is gone or expired.
+std::optional<LogFile>& currentFile(const MessageLog& log, MessageLogState& state, double now)
+    TELVORA_REQUIRES(state.lock) {
+    const Identity directory = Identity::of(log.directory);
+    const bool isCurrent = state.file && state.file->created &&
+                           now - *state.file->created <= kMessageLogExpiryAge &&
+                           state.fileIdentity.isSameFile(Identity::of(state.file->path)) &&
+                           state.directory.isUnchanged(directory);
+    if (isCurrent) return state.file;
+    state.file = keepNewestLogFile(log, now);
+    state.directory = state.file && directory.isSettled() ? directory : Identity();
+    if (!state.file) state.file = createLogFile(log, now);
+    if (state.file) state.fileIdentity = Identity::of(state.file->path);
+    const auto isFullAgain = [now](const auto& entry) {
+        return now - entry.second.since > kSecondsPerPart && entry.second.droppedRecords == 0;
+    };
+    std::erase_if(state.parts, isFullAgain);
+    return state.file;
 }
 
-// The log files in the directory, which is created if it is missing.
-std::vector<LogFile> listOrCreate(const MessageLog& log) {
-    std::error_code error;
-    std::vector<LogFile> files = listLogFiles(log, error);
-    if (error == std::errc::no_such_file_or_directory) {
-        createDirectory(log);
-    } else if (error) {
-        TELVORA_LOG(kLogError, "writeToLogFile: Error reading from log directory: %s",
-                    error.message().c_str());
-        explain(log, error);
+// Whether the user may add so many bytes now. Counts and logs the records that it may not add.
+bool admits(MessageLogState& state, uint64_t maxBytes, uid_t user, size_t bytes, double now)
+    TELVORA_REQUIRES(state.lock) {
+    const auto all = static_cast<double>(maxBytes / kUsersPart);
+    UsersPart& part = state.parts.try_emplace(user, UsersPart{all, now}).first->second;
+    const double elapsed = std::max(0.0, now - part.since);
+    part.freeBytes = std::min(all, part.freeBytes + elapsed * all / kSecondsPerPart);
+    part.since = now;
+    const bool admitted = static_cast<double>(bytes) <= part.freeBytes;
+    if (admitted) {
+        part.freeBytes -= static_cast<double>(bytes);
     } else {
-        return files;
+        ++part.droppedRecords;
+        part.droppedBytes += bytes;
     }
-    return {};
-}
-
-// Deletes all log files except the newest regular one, which it returns if it has not expired; std::nullopt
-// if no file is kept.
-std::optional<LogFile> keepNewest(const MessageLog& log, double now) {
-    std::optional<LogFile> newest;
-    for (LogFile& file : listOrCreate(log)) {
-        const bool expired = file.created && now - *file.created > kExpiryAge;
-        // An unknown date is older than all others.
-        if (file.regular && !expired && (!newest || file.created > newest->created)) {
-            if (newest) deleteFile(*newest);
-            newest = std::move(file);
-        } else {
-            deleteFile(file);
-        }
+    if (part.droppedRecords > 0 && std::fabs(now - part.lastLine) >= kSecondsPerLine) {
+        TELVORA_LOG(kLogWarning,
+                    "writeToLogFile: Dropped %llu records with %llu bytes of user %u, of which the log takes "
+                    "%llu bytes an hour",
+                    static_cast<unsigned long long>(part.droppedRecords),
+                    static_cast<unsigned long long>(part.droppedBytes), user,
+                    static_cast<unsigned long long>(maxBytes / kUsersPart));
+        part.droppedRecords = part.droppedBytes = 0;
+        part.lastLine = now;
     }
-    return newest;
-}
-
-std::optional<LogFile> createFile(const MessageLog& log, double now) {
-    LogFile file{log.directory / (std::string(kNameStart) + std::to_string(static_cast<int32_t>(now)) +
-                                  std::string(kNameEnd)),
-                 std::nullopt};
-    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_CREAT | kOpenFlags, 0640));
-    if (!fd) {
-        TELVORA_LOG(kLogError, "writeToLogFile: Failed to create new telvorad log file %s",
-                    file.path.c_str());
-        return std::nullopt;
-    }
-    file.created = log.creationDate(file.path);
-    TELVORA_LOG(kLogInfo, "writeToLogFile: Created new telvorad log file %s (%s)", file.path.c_str(),
-                dateText(file.created).c_str());
-    return file;
+    return admitted;
 }
 
 // The message with a blank before each of its lines that looks like the beginning of a record.
@@ -175,20 +137,43 @@ std::string inOneRecord(std::string_view message) {
     return text.append(message);
 }
 
-bool append(const LogFile& file, std::string_view record) {
-    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | kOpenFlags));
-    if (!fd) return false;
+// Returns the size of the file with the record; std::nullopt if it could not be written whole.
+std::optional<uint64_t> append(const LogFile& file, std::string_view record) {
+    const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | kMessageLogFlags));
+    if (!fd) return std::nullopt;
     ssize_t written = -1;
     do {
         written = write(fd.get(), record.data(), record.size());
     } while (written < 0 && errno == EINTR);
-    return written == static_cast<ssize_t>(record.size());
+    struct stat status {};
+    if (written != static_cast<ssize_t>(record.size()) || fstat(fd.get(), &status) != 0) return std::nullopt;
+    return static_cast<uint64_t>(status.st_size);
+}
+
+// Removes the oldest records: about half of the bytes that the log may have stay. The file stays the same
+// one, so that readers that follow it see the change. False if the file can't be written.
+bool removeOldest(const LogFile& file, uint64_t size, uint64_t maxBytes) {
+    const UniqueFd fd(open(file.path.c_str(), O_RDWR | kMessageLogFlags));
+    std::string kept(maxBytes / 2, '\0');
+    const auto from = static_cast<off_t>(size - kept.size());
+    if (!fd || pread(fd.get(), kept.data(), kept.size(), from) != static_cast<ssize_t>(kept.size()))
+        return false;
+    kept.erase(0, std::min(kept.find("\n("), kept.size() - 1) + 1);
+    if (pwrite(fd.get(), kept.data(), kept.size(), 0) != static_cast<ssize_t>(kept.size()) ||
+        ftruncate(fd.get(), static_cast<off_t>(kept.size())) != 0) {
+        return false;
+    }
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Removed the oldest %llu bytes of %s",
+                static_cast<unsigned long long>(size - kept.size()), file.path.c_str());
+    return true;
 }
 
 }  // namespace
 
 MessageLog::MessageLog(std::filesystem::path logDirectory)
-    : directory(std::move(logDirectory)), creationDate(birthTime) {}
+    : directory(std::move(logDirectory)),
+      creationDate(messageLogBirthTime),
+      state(std::make_shared<MessageLogState>()) {}
 
 std::optional<std::filesystem::path> newestLogFile(const MessageLog& log) {
     std::error_code ignored;
@@ -203,20 +188,24 @@ std::optional<std::filesystem::path> newestLogFile(const MessageLog& log) {
 
 void TelvoradUtil::makeLogDirectory(const telvora::MessageLog& log) {
     std::error_code error;
-    if (!std::filesystem::exists(log.directory, error) && !error) telvora::createDirectory(log);
+    if (!std::filesystem::exists(log.directory, error) && !error) telvora::createLogDirectory(log);
 }
 
-void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_view message) {
+void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_view message,
+                                  std::optional<uid_t> user) {
     using namespace telvora;
     const double now = secondsFromTimeValue(log.clock());
-    std::optional<LogFile> file = keepNewest(log, now);
-    if (!file) file = createFile(log, now);
-    if (!file) return;
-
     std::string record("(");
-    record.append(dateText(now)).append(") ").append(inOneRecord(message)).append("\n");
-    if (!append(*file, record)) {
-        deleteFile(*file);
+    record.append(messageLogDate(now)).append(") ").append(inOneRecord(message)).append("\n");
+
+    MessageLogState& state = *log.state;
+    const MutexLock lock(state.lock);
+    if (user && !admits(state, log.maxBytes, *user, record.size(), now)) return;
+    std::optional<LogFile>& file = currentFile(log, state, now);
+    if (!file) return;
+    const std::optional<uint64_t> size = append(*file, record);
+    if (!size || (*size > log.maxBytes && !removeOldest(*file, *size, log.maxBytes))) {
+        deleteLogFile(*std::exchange(file, std::nullopt));
         return;
     }
     TELVORA_LOG(kLogInfo, "writeToLogFile: Saved log message to %s", file->path.c_str());

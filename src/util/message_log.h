@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The local message log: append-only text files in a directory of their own, each used for at most a day.
-// Format of a record:
+// The local message log: append-only text files in a directory of their own, each used for at most a day. The
+// bytes of the log are bounded: the oldest records go first, and one user's records take only a part in an
+// hour, so that they can't displace those of all others. Format of a record:
 //
 //     (2015-11-16 08:00:00 +0000) [httpPost -> sendMessageWithDictionary] {...}
 //
@@ -10,8 +11,12 @@
 // A record may have several lines; only its first one begins with a parenthesis.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -19,13 +24,19 @@
 
 namespace telvora {
 
-// The place and the clock of a message log.
+struct MessageLogState;  // of the writer: its file, and the users' parts
+
+// The place, the clock and the bound of a message log. Copies write to the same log.
 struct MessageLog {
     std::filesystem::path directory;
     Clock clock = timeOfDay;
     // The creation time of a file in seconds since 1970; std::nullopt if unknown. By default the file
     // system's birth time (statx(2)), or, where it does not record it, the time in the file's name.
     std::function<std::optional<double>(const std::filesystem::path&)> creationDate;
+
+    // The most bytes of the log. One user adds at most an eighth of it in an hour.
+    uint64_t maxBytes = uint64_t{8} << 20;
+    std::shared_ptr<MessageLogState> state;
 
     explicit MessageLog(std::filesystem::path logDirectory);
 };
@@ -43,8 +54,10 @@ void makeLogDirectory(const telvora::MessageLog& log);
 // Appends one record to the current log file. Starts a new file if no file is younger than a day. Deletes all
 // other files, and everything else that has the name of a log file, except directories. A file that takes no
 // more data (a full disk) is deleted. Failures are logged and otherwise ignored: the message log never costs
-// a report. Blocks on file I/O. Callable from any thread and from several processes at once; a record is
-// appended with a single write.
-void writeToLogFile(const telvora::MessageLog& log, std::string_view message);
+// a report. `user`: the one whose client the record is about; its records over its part of the log are
+// dropped, counted and logged at level 4. std::nullopt: no part applies. Blocks on file I/O. Callable from
+// any thread and from several processes at once; a record is appended with a single write.
+void writeToLogFile(const telvora::MessageLog& log, std::string_view message,
+                    std::optional<uid_t> user = std::nullopt);
 
 }  // namespace TelvoradUtil

@@ -24,9 +24,9 @@ struct HeldLocks {
 thread_local HeldLocks held;
 
 const char* nameOf(LockRank rank) {
-    static constexpr std::array<const char*, static_cast<size_t>(LockRank::userLog) + 1> kNames = {
-        "agent", "session",       "identifiers", "defaults",      "accounts", "ledger",
-        "users", "clientSession", "fork",        "clientRuntime", "leaf",     "userLog"};
+    static constexpr std::array<const char*, static_cast<size_t>(LockRank::log) + 1> kNames = {
+        "agent",      "session",       "identifiers", "defaults",      "accounts", "ledger",  "users",
+        "messageLog", "clientSession", "fork",        "clientRuntime", "leaf",     "userLog", "log"};
     return kNames[static_cast<size_t>(rank)];
 }
 

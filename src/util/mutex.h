@@ -35,6 +35,7 @@ enum class LockRank : unsigned char {
     accounts,     // of a client
     ledger,       // of all clients
     users,        // UserQuotas
+    messageLog,   // MessageLogState, held during file I/O
     // Of the client library.
     clientSession,  // ReconnectingSession, RecordedSession
     fork,
@@ -42,6 +43,7 @@ enum class LockRank : unsigned char {
     // Of both.
     leaf,     // every other lock
     userLog,  // the log lines of a user: no line is logged while it is held
+    log,      // LogWriter
 };
 
 #ifdef TELVORA_SANITIZED

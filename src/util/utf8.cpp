@@ -51,6 +51,29 @@ size_t sequenceLength(std::string_view text) {
     return length;
 }
 
+// The code point of a well-formed sequence of at most three bytes; 0 for a longer one.
+uint32_t codePointOf(std::string_view sequence) {
+    const auto bits = [&sequence](size_t i) { return static_cast<unsigned char>(sequence[i]) & 0x3fU; };
+    switch (sequence.size()) {
+        case 1:
+            return static_cast<unsigned char>(sequence[0]);
+        case 2:
+            return (bits(0) & 0x1fU) << 6 | bits(1);
+        case 3:
+            return (bits(0) & 0x0fU) << 12 | bits(1) << 6 | bits(2);
+        default:
+            return 0;
+    }
+}
+
+bool isControl(std::string_view sequence) {
+    if (sequence.size() > 3) return false;
+    const uint32_t c = codePointOf(sequence);
+    const bool isSeparator = c == 0x2028 || c == 0x2029;
+    const bool isOverride = (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+    return c < 0x20 || (c >= 0x7f && c < 0xa0) || isSeparator || isOverride;
+}
+
 }  // namespace
 
 bool isValidUtf8(std::string_view text) {
@@ -84,18 +107,34 @@ std::string escapeControlCharacters(std::string_view text, std::string_view kept
     result.reserve(text.size());
     while (!text.empty()) {
         const size_t length = sequenceLength(text);
-        const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
-        const bool control =
-            length == 0 || byte(0) < 0x20 || byte(0) == 0x7f || (byte(0) == 0xc2 && byte(1) < 0xa0);
         const std::string_view sequence = text.substr(0, std::max<size_t>(length, 1));
         text.remove_prefix(sequence.size());
-        if (!control || (length == 1 && kept.find(sequence.front()) != std::string_view::npos)) {
+        if ((length != 0 && !isControl(sequence)) ||
+            (length == 1 && kept.find(sequence.front()) != std::string_view::npos)) {
             result += sequence;
             continue;
         }
         for (const char c : sequence) {
             result += "\\x";
             appendHex(result, c);
+        }
+    }
+    return result;
+}
+
+std::string escapeControlCharactersInJson(std::string_view json) {
+    std::string result;
+    result.reserve(json.size());
+    while (!json.empty()) {
+        const std::string_view sequence = json.substr(0, std::max<size_t>(sequenceLength(json), 1));
+        json.remove_prefix(sequence.size());
+        const uint32_t c = isControl(sequence) ? codePointOf(sequence) : 0;
+        if (c >= 0x7f) {
+            result += "\\u";
+            appendHex(result, static_cast<char>(c >> 8));
+            appendHex(result, static_cast<char>(c));
+        } else {
+            result += sequence;
         }
     }
     return result;

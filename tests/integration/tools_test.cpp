@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "tests/support/daemon_fixture.h"
+#include "util/utf8.h"
 
 namespace telvora::test {
 namespace {
@@ -233,6 +234,34 @@ TEST_F(TelvoraBag, NamesTheLimitThatABagIsOver) {
         directory_.write("bag", bag);
         run("sign --key key.pem bag out", 2, "telvora-bag: bag: " + limit);
         run("lint bag", lintStatus, limit);
+    }
+}
+
+TEST_F(TelvoraBag, ShowsTextsOfABagWithoutTheirControlCharacters) {
+    const std::string hostile = R"(x\u001b]0;t\u0007\u009b1m\u202e\n  => reporting)";
+    directory_.write("hostile.json", R"({"version": ")" + hostile + R"(", ")" + hostile +
+                                         R"(": 1, "release": {")" + hostile +
+                                         R"(": {}, "httpPost": {"clients": [
+        {"client": ")" + hostile + R"(", "service": ")" +
+                                         hostile + R"("},
+        {"locale_whitelist": "US", "filters": [{"key": ")" +
+                                         hostile + R"(", "action": "sha256"}],
+         "sampling_threshold": 1, "post_url": "http://)" +
+                                         hostile + R"("}]}}})");
+    const std::pair<const char*, int> cases[] = {
+        {"lint hostile.json", 1},
+        {"lint --json hostile.json", 1},
+        {"verify --public public.der hostile.json", 2},
+        {"explain hostile.json --client-type 8 --consent yes --country US --log --events reports", 0}};
+    for (const auto& [arguments, status] : cases) {
+        const Finished finished = expectRun(
+            "/usr/bin/env -C " + directory_.path().string() + " " TELVORA_BAG_PATH " " + arguments, status);
+        for (const auto& lines : {finished.output, finished.errors}) {
+            for (const std::string& line : lines) {
+                EXPECT_EQ(escapeControlCharacters(line), line) << arguments;
+                EXPECT_NE(line.find("=> reporting"), 2) << arguments << " has a forged line";
+            }
+        }
     }
 }
 

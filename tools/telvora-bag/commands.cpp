@@ -7,6 +7,7 @@
 #include "platform/digest.h"
 #include "plist/property_list_format.h"
 #include "telvora-bag/documents.h"
+#include "util/utf8.h"
 
 namespace telvora::bag {
 
@@ -16,9 +17,9 @@ namespace {
 void describe(std::ostream& out, const std::string& file, const Dictionary& bag, std::string_view inner,
               std::string_view document) {
     const std::string* version = bag.string("version");
-    out << file << ": version " << (version != nullptr ? *version : "(none)") << "\n  bag       "
-        << inner.size() << " bytes, SHA-256 " << sha256Hex(inner) << "\n  document  " << document.size()
-        << " bytes, SHA-256 " << sha256Hex(document) << '\n';
+    out << file << ": version " << (version != nullptr ? escapeControlCharacters(*version) : "(none)")
+        << "\n  bag       " << inner.size() << " bytes, SHA-256 " << sha256Hex(inner) << "\n  document  "
+        << document.size() << " bytes, SHA-256 " << sha256Hex(document) << '\n';
 }
 
 struct InnerBag {
@@ -72,7 +73,7 @@ int verify(const std::string& publicKeyFile, const std::string& signedFile) {
     const auto der = readFile(publicKeyFile);
     if (!der) return complain(der.error());
     const auto key = RsaPublicKey::fromDer(*der);
-    if (!key) return complain(publicKeyFile + ": no RSA public key in DER form");
+    if (!key) return complain(publicKeyFile + ": " + key.error().reason);
     const auto document = readFile(signedFile);
     if (!document) return complain(document.error());
     const auto outer = parsePlist(signedFile, *document);

@@ -33,7 +33,7 @@ std::string DecisionPrinter::session() const {
 // A key of a dictionary, with its value.
 std::string DecisionPrinter::list(const Dictionary& subject, std::string_view key) const {
     const std::string* value = subject.string(key);
-    return std::string(key) + (value != nullptr ? " \"" + *value + "\"" : " (absent)");
+    return std::string(key) + (value != nullptr ? " " + inQuotes(*value) : " (absent)");
 }
 
 std::string DecisionPrinter::reasonFor(Decision decision, const Dictionary& subject,

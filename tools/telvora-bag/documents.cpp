@@ -11,6 +11,7 @@
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"
 #include "util/base64.h"
+#include "util/utf8.h"
 
 namespace telvora::bag {
 
@@ -46,7 +47,7 @@ bool isJson(std::string_view document) {
 }
 
 int complain(const std::string& message) {
-    std::cerr << "telvora-bag: " << message << '\n';
+    std::cerr << "telvora-bag: " << escapeControlCharacters(message) << '\n';
     return kBadInput;
 }
 

@@ -65,15 +65,16 @@ DryRun::DryRun(const Scenario& scenario, DecisionTrace& trace)
                 .random = [this] { return scenario_.draw; },
                 .makeNetworkQueue = [this] { return network_.makeQueue(); },
                 .trace = &trace} {
-    const auto set = [this](std::string_view key, PropertyList value) {
-        static_cast<void>(defaults_.set(kTelvoraDefaultsDomain, key, std::move(value)));
+    const auto set = [this](std::string_view domain, const Dictionary& values) {
+        static_cast<void>(defaults_.set(domain, values));
     };
-    set("environmentType", static_cast<int>(scenario.environment));
-    set("uuidRespectDnu", kIdentifier);
-    set("uuidOverrideDnu", kOverridingIdentifier);
-    set("uuid:" + scenario.clientName.value_or("") + ":" + scenario.serviceName.value_or(""),
-        kCustomIdentifier);
-    static_cast<void>(defaults_.set("com.zandor.diagnosticsharing", "Enabled", scenario.consent));
+    set(kTelvoraDefaultsDomain, {{"environmentType", static_cast<int>(scenario.environment)}});
+    set(kIdentifiersDomain,
+        {{"uuidRespectDnu", kIdentifier},
+         {"uuidOverrideDnu", kOverridingIdentifier},
+         {"uuid:" + scenario.clientName.value_or("") + ":" + scenario.serviceName.value_or(""),
+          kCustomIdentifier}});
+    set(kConsentDomain, {{std::string(kConsentKey), scenario.consent}});
 }
 
 std::shared_ptr<TelvoraBackend> DryRun::makeBackend(const std::shared_ptr<const Dictionary>& section) {

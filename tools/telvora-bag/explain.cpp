@@ -8,6 +8,7 @@
 #include "telvora-bag/decision_printer.h"
 #include "telvora-bag/samples.h"
 #include "util/log.h"
+#include "util/utf8.h"
 
 namespace telvora::bag {
 
@@ -36,7 +37,7 @@ class LogAmongText {
 
 void explainBackend(std::ostream& out, const std::string& name, const PropertyList& profile,
                     const Scenario& scenario, bool log) {
-    out << '\n' << name << '\n';
+    out << '\n' << escapeControlCharacters(name) << '\n';
     {
         const LogAmongText logLines(out, log ? kLogDebug : kLogWarning);
         DecisionPrinter printer(out, scenario);
@@ -89,7 +90,7 @@ std::string explainBag(const Dictionary& bag, const Scenario& scenario, bool log
     const std::string* version = bag.string("version");
     const auto refreshCycle = refreshCycleOf(bag);
     out << "bag \"" << textOrNull(bagNameForClientType(scenario.clientType)) << "\", version "
-        << (version != nullptr ? *version : "(none)") << ", used for "
+        << (version != nullptr ? escapeControlCharacters(*version) : "(none)") << ", used for "
         << (refreshCycle ? std::to_string(*refreshCycle) + " s" : "as long as its server says") << '\n'
         << "environment " << sectionNameForEnvironment(scenario.environment).value_or("(none)") << '\n';
     const Dictionary* section = nullptr;

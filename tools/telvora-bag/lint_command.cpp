@@ -6,6 +6,7 @@
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
 #include "telvora-bag/lint.h"
+#include "util/utf8.h"
 
 namespace telvora::bag {
 
@@ -18,7 +19,9 @@ const char* nameOf(Severity severity) {
 std::string asText(const std::vector<Finding>& findings) {
     std::string text;
     for (const Finding& finding : findings)
-        text += finding.path + ": " + nameOf(finding.severity) + ": " + finding.text + "\n";
+        text +=
+            escapeControlCharacters(finding.path + ": " + nameOf(finding.severity) + ": " + finding.text) +
+            "\n";
     return text;
 }
 
@@ -28,7 +31,7 @@ std::string asJson(const std::vector<Finding>& findings) {
         list.push_back(Dictionary{
             {"path", finding.path}, {"severity", nameOf(finding.severity)}, {"text", finding.text}});
     }
-    return jsonText(Dictionary{{"findings", std::move(list)}}) + "\n";
+    return escapeControlCharactersInJson(jsonText(Dictionary{{"findings", std::move(list)}})) + "\n";
 }
 
 }  // namespace

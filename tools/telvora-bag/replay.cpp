@@ -9,6 +9,7 @@
 #include "json/report_json.h"
 #include "telvora-bag/backend_run.h"
 #include "telvora-bag/explain.h"
+#include "telvora-bag/texts.h"
 #include "telvora/keys.h"
 #include "util/ascii.h"
 
@@ -104,7 +105,7 @@ void BackendReplay::print(std::ostream& out) const {
     }
     for (const auto& [keyAndAction, count] : filtered_) {
         const std::string& key = keyAndAction.first;
-        out << "  \"" << key << "\" "
+        out << "  " << inQuotes(key) << " "
             << (keyAndAction.second == FilterAction::remove ? "removed from " : "hashed in ") << count
             << " reports\n";
         const auto asGiven = asGiven_.find(key);
@@ -136,7 +137,7 @@ tl::expected<std::string, std::string> replayReports(const Dictionary& bag, cons
     std::ostringstream out;
     for (auto& [name, replay] : replays) {
         replay.finish();
-        out << name << '\n';
+        out << escapeControlCharacters(name) << '\n';
         replay.print(out);
     }
     return out.str();

@@ -5,6 +5,7 @@
 
 #include "telvora-bag/backend_run.h"
 #include "telvora-bag/filter_reach.h"
+#include "telvora-bag/texts.h"
 
 namespace telvora::bag {
 
@@ -70,10 +71,12 @@ Outcome outcomeOf(const SampledBackend& sampled, uint16_t category, SendFlag fla
     run.onPost = [&url](const BackendRun::Post& post) { url = post.url; };
     run.send(category, kType, {}, flag);
     if (run.tally()[ReportOutcome::held] == 0) {
-        return url.empty() ? Outcome{"dropped: " + lossIn(run.tally())} : Outcome{"posted at once to " + url};
+        return url.empty() ? Outcome{"dropped: " + lossIn(run.tally())}
+                           : Outcome{"posted at once to " + escapeControlCharacters(url)};
     }
     run.flush();
-    const std::string flushed = url.empty() ? "drops them: " + lossIn(run.tally()) : "posts them to " + url;
+    const std::string flushed =
+        url.empty() ? "drops them: " + lossIn(run.tally()) : "posts them to " + escapeControlCharacters(url);
     return {"held; a flush " + flushed, true};
 }
 
@@ -96,7 +99,7 @@ std::string describe(const EventFilter& filter) {
     const char* action = filter.action == FilterAction::remove   ? " is removed"
                          : filter.action == FilterAction::sha256 ? " is hashed"
                                                                  : " is kept";
-    std::string text = "\"" + std::string(filter.key) + "\"" + action;
+    std::string text = inQuotes(filter.key) + action;
     if (filter.method >= 0) text += " in reports of category " + std::to_string(filter.method);
     if (filter.status >= 0)
         text += (filter.method >= 0 ? " and type " : " in reports of type ") + std::to_string(filter.status);

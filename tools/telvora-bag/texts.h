@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "util/utf8.h"
+
 namespace telvora::bag {
 
 // The shortest decimals that read back as the same number, so that different numbers look different.
@@ -18,8 +20,9 @@ inline std::string numberText(double number) {
     return {digits.data(), end};
 }
 
+// A text from a bag.
 inline std::string inQuotes(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
+    return "\"" + escapeControlCharacters(text) + "\"";
 }
 
 }  // namespace telvora::bag

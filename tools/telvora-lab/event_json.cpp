@@ -6,6 +6,7 @@
 #include <rapidjson/reader.h>
 
 #include "plist/json_writer.h"
+#include "util/utf8.h"
 
 namespace telvora::lab {
 namespace {
@@ -130,7 +131,7 @@ tl::expected<std::vector<uint64_t>, std::string> eventNumbers(std::string_view j
 }
 
 std::string toJson(const PropertyList& value, bool pretty) {
-    return jsonText(value, pretty ? JsonLayout::pretty : JsonLayout::compact);
+    return escapeControlCharactersInJson(jsonText(value, pretty ? JsonLayout::pretty : JsonLayout::compact));
 }
 
 }  // namespace telvora::lab

@@ -16,6 +16,7 @@
 #include "telvora-lab/laboratory.h"
 #include "telvora-lab/session_tree.h"
 #include "util/ascii.h"
+#include "util/utf8.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ struct Arguments {
 };
 
 int complain(const std::string& message) {
-    std::cerr << "telvora-lab: " << message << '\n';
+    std::cerr << "telvora-lab: " << escapeControlCharacters(message) << '\n';
     return kUsageError;
 }
 

@@ -4,29 +4,11 @@
 #include <cstdio>
 
 #include "plist/json_writer.h"
-#include "util/hexadecimal.h"
+#include "util/utf8.h"
 
 namespace telvora::ctl {
 
 namespace {
-
-// Escapes DEL and C1 control characters, which occur in strings only, as \u00NN: a terminal could interpret
-// them.
-std::string withoutControls(std::string_view json) {
-    std::string text;
-    for (const char c : json) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool c1 = byte >= 0x80 && byte < 0xa0 && text.ends_with('\xc2');
-        if (c1) text.pop_back();
-        if (c1 || byte == 0x7f) {
-            text += "\\u00";
-            appendHex(text, c);
-        } else {
-            text.push_back(c);
-        }
-    }
-    return text;
-}
 
 void writeOrNull(JsonWriter<>& out, const std::optional<std::string>& value) {
     if (value) {
@@ -51,14 +33,14 @@ void printObject(const char* name, Write write) {
     out.key(name);
     write(out);
     out.endObject();
-    std::puts(withoutControls(out.text()).c_str());
+    std::puts(escapeControlCharactersInJson(out.text()).c_str());
     std::fflush(stdout);
 }
 
 }  // namespace
 
 std::string toJson(const PropertyList& value) {
-    return withoutControls(jsonText(value));
+    return escapeControlCharactersInJson(jsonText(value));
 }
 
 void printLine(const char* name, const std::optional<std::string>& value) {

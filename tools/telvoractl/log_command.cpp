@@ -4,12 +4,14 @@
 // files.
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <deque>
+#include <utility>
 
 #include "command.h"
 #include "json.h"
@@ -64,8 +66,15 @@ class Records {
     }
     // The daemon appends a record with one write, so that the rest is a complete record.
     void end() {
-        if (!record_.empty()) use_(record_);
-        record_.clear();
+        if (record_.empty()) return;
+        use_(record_);
+        last_ = std::exchange(record_, {});
+    }
+    // The part of a log that follows the last record of before. All of it if the record is not there any
+    // more.
+    std::string_view unseen(std::string_view log) const {
+        const size_t seen = last_.empty() ? std::string_view::npos : log.rfind(last_ + "\n");
+        return seen == std::string_view::npos ? log : log.substr(seen + last_.size() + 1);
     }
 
   private:
@@ -78,6 +87,7 @@ class Records {
     const std::function<void(const std::string&)> use_;
     std::string line_;
     std::string record_;
+    std::string last_;  // the last complete record
 };
 
 // The current file of the log, and the next one when there is one.
@@ -98,11 +108,25 @@ class Reader {
 
   private:
     void readOn(Records& records) const {
+        struct stat status {};
+        if (file_ && fstat(file_.get(), &status) == 0 && status.st_size < lseek(file_.get(), 0, SEEK_CUR)) {
+            readAgain(records);
+        }
         char buffer[65536];
         ssize_t count = 0;
         while (file_ && (count = ::read(file_.get(), buffer, sizeof buffer)) > 0)
             records.add({buffer, static_cast<size_t>(count)});
         records.end();
+    }
+
+    // The daemon has removed the oldest records from the file, so that the others have moved.
+    void readAgain(Records& records) const {
+        std::string content;
+        char buffer[65536];
+        lseek(file_.get(), 0, SEEK_SET);
+        for (ssize_t count = 0; (count = ::read(file_.get(), buffer, sizeof buffer)) > 0;)
+            content.append(buffer, static_cast<size_t>(count));
+        records.add(records.unseen(content));
     }
 
     const MessageLog log_;

@@ -10,6 +10,7 @@
 #include "command.h"
 #include "completion/completion.h"
 #include "util/log.h"
+#include "util/utf8.h"
 
 namespace telvora::ctl {
 
@@ -81,7 +82,7 @@ std::string CommonOptions::socket() const {
 }
 
 int fail(Status status, const std::string& problem) {
-    std::fprintf(stderr, "telvoractl: %s\n", problem.c_str());
+    std::fprintf(stderr, "telvoractl: %s\n", escapeControlCharacters(problem).c_str());
     return status;
 }
 

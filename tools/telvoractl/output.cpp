@@ -88,7 +88,7 @@ void Progress::show(const std::string& text) {
     if (!enabled_ || now < next_) return;
     next_ = now + std::chrono::milliseconds(100);
     shown_ = true;
-    std::fprintf(stderr, "\r\033[K%s", text.c_str());
+    std::fprintf(stderr, "\r\033[K%s", escapeControlCharacters(text).c_str());
     std::fflush(stderr);
 }
 

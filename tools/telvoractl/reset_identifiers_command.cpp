@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <map>
+#include <set>
 
 #include "config/device_identity.h"
 #include "settings.h"
@@ -21,19 +23,26 @@ bool isConfirmed(size_t count) {
 int runReset(bool yes, const CommonOptions& common) {
     auto settings = Settings::open();
     if (!settings) return fail(kNotDone, settings.error());
-    const std::string domain(kTelvoraDefaultsDomain);
-    const UserDefaults::Files files = settings->defaults().files(domain);
-    std::vector<std::string> keys;
-    Dictionary all = files.own;
-    all.merge(files.administrator);  // to report identifiers that stay there
-    for (const auto& [key, value] : all) {
-        if (DeviceIdentity::isIdentifierKey(key)) keys.push_back(key);
+    // Earlier versions kept them among the settings, where the administrator may still set one.
+    std::map<std::string, std::vector<std::string>> keysByDomain;
+    std::set<std::string> keys;
+    for (const std::string_view domain : {kIdentifiersDomain, kTelvoraDefaultsDomain}) {
+        const UserDefaults::Files files = settings->defaults().files(domain);
+        Dictionary all = files.own;
+        all.merge(files.administrator);  // to report identifiers that stay there
+        for (const auto& [key, value] : all) {
+            if (!DeviceIdentity::isIdentifierKey(key)) continue;
+            keysByDomain[std::string(domain)].push_back(key);
+            keys.insert(key);
+        }
     }
     if (!keys.empty() && !yes && isatty(STDIN_FILENO) != 0 && !isConfirmed(keys.size())) {
         return fail(kNotDone, "no identifier was deleted");
     }
-    const int status = settings->remove(domain, keys);
-    if (status != kDone) return status;
+    for (const auto& [domain, ofDomain] : keysByDomain) {
+        const int status = settings->remove(domain, ofDomain);
+        if (status != kDone) return status;
+    }
     const std::string count = std::to_string(keys.size());
     std::puts((common.json ? "{\"deleted\":" + count + "}" : "deleted: " + count).c_str());
     return kDone;

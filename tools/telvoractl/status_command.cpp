@@ -9,6 +9,7 @@
 #include "output.h"
 #include "protocol/status_keys.h"
 #include "session_options.h"
+#include "util/utf8.h"
 
 namespace telvora::ctl {
 
@@ -35,7 +36,7 @@ std::vector<Dictionary> entriesIn(const Dictionary& parent, std::string_view key
 
 std::string text(const Dictionary& values, std::string_view key) {
     const PropertyList* value = values.find(key);
-    return value != nullptr ? textOf(*value) : "-";
+    return value != nullptr ? escapeControlCharacters(textOf(*value)) : "-";
 }
 
 std::string seconds(const Dictionary& values, std::string_view key) {

@@ -2,6 +2,8 @@
 #include "access/entitlements.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "plist/property_list_format.h"
 #include "tests/support/log_capture.h"
@@ -99,6 +101,40 @@ TEST_F(EntitlementsTest, LaterFilesOverrideEarlierOnesAndChangesCountAtOnce) {
     EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList(false));
     EXPECT_EQ(store_.valueForEntitlement(peer_, "other"), PropertyList("kept"));
     EXPECT_FALSE(store_.valueForEntitlement(peer_, "absent"));
+}
+
+TEST_F(EntitlementsTest, AFileThatAnOrdinaryUserCanChangeGrantsNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs files of other users";
+    write("only.plist", Dictionary{{"Entitlements", kGranted}});
+    const std::filesystem::path directory = directory_.path() / "entitlements.d";
+    const struct {
+        std::filesystem::path path;
+        uid_t user;
+        gid_t group;
+        mode_t mode;
+        const char* why;  // null: trusted
+    } cases[] = {
+        {directory / "only.plist", 0, 0, 0644, nullptr},
+        {directory / "only.plist", 0, getegid(), 0664, nullptr},
+        {directory / "only.plist", 0, 1000, 0644, nullptr},
+        {directory / "only.plist", 1000, 0, 0644, "user 1000 owns it"},
+        {directory / "only.plist", 0, 1000, 0664, "group 1000 may write to it"},
+        {directory / "only.plist", 0, 0, 0646, "every user may write to it"},
+        {directory, 1000, 0, 0755, "user 1000 owns it"},
+        {directory, 0, 0, 01757, "every user may write to it"},
+        {directory_.path(), 0, 1000, 0775, "group 1000 may write to it"},
+        {directory_.path(), 0, 0, 01757, nullptr},
+    };
+    for (const auto& [path, user, group, mode, why] : cases) {
+        const test::LogCapture log;
+        ASSERT_TRUE(chown(path.c_str(), user, group) == 0 && chmod(path.c_str(), mode) == 0);
+        EXPECT_EQ(store_.valueForEntitlement(peer_, kName).has_value(), why == nullptr) << path << mode;
+        EXPECT_EQ(log.lines().size(), why == nullptr ? 0u : 1u);
+        if (why != nullptr && !log.lines().empty()) {
+            EXPECT_TRUE(log.lines()[0].starts_with("<4>EntitlementStore: ") && log.lines()[0].ends_with(why));
+        }
+        ASSERT_TRUE(chown(path.c_str(), 0, 0) == 0 && chmod(path.c_str(), 0755) == 0);
+    }
 }
 
 }  // namespace

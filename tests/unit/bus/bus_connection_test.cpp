@@ -110,6 +110,8 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
          "Unknown method Unknown or interface com.example.Test."},
         {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject",
          "Unknown object '/unknown'."},
+        {"/", "org.freedesktop.DBus.Peer", "GetMachineId", "org.freedesktop.DBus.Error.AccessDenied",
+         "The machine's identity is not for peers."},
     };
     for (const auto& c : cases) {
         const SdBusMessage reply = peer.call(peer.newCall(c.path, c.interface, c.method));

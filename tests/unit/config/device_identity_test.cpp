@@ -52,7 +52,7 @@ TEST(DeviceIdentity, KeepsPersistentIdentifiersAcrossRestarts) {
     EXPECT_EQ(identifiers(), first);
     const char* const keys[] = {"uuid:app:svc:s", "uuid::", "uuidRespectDnu", "uuidOverrideDnu"};
     for (size_t i = 0; i < first.size(); ++i)
-        EXPECT_EQ(device.defaults.string(kTelvoraDefaultsDomain, keys[i]), first[i]) << keys[i];
+        EXPECT_EQ(device.defaults.string(kIdentifiersDomain, keys[i]), first[i]) << keys[i];
     EXPECT_TRUE(log.contains(
         "<6>getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:app:svc:s: " + first[0]));
 }

@@ -2,7 +2,9 @@
 #include "platform/user_defaults.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include "plist/property_list_format.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
 
@@ -89,6 +91,41 @@ TEST_F(UserDefaultsTest, ADomainIsNoPath) {
         EXPECT_FALSE(defaults_.set(domain, "key", 1)) << domain;
         EXPECT_EQ(defaults_.value(domain, "key"), std::nullopt) << domain;
     }
+}
+
+TEST_F(UserDefaultsTest, AFileThatBreaksWhileItIsInUseCountsAsItWasBefore) {
+    setAdministrators("https://bags.example");
+    ASSERT_EQ(defaults_.string("d", "key"), "https://bags.example");
+    const test::LogCapture log;
+    const std::string file = directory_.write("etc/Preferences/d.plist", "half a fi");
+    EXPECT_EQ(defaults_.string("d", "key"), "https://bags.example");
+    EXPECT_EQ(log.lines(), std::vector{"<4>UserDefaults(readDomainFile): " + file +
+                                       " counts as it was before: not a property list"});
+    std::filesystem::remove(file);
+    EXPECT_EQ(defaults_.value("d", "key"), std::nullopt);
+}
+
+TEST_F(UserDefaultsTest, AFileThatCannotBeOpenedNowIsLeftAlone) {
+    ASSERT_TRUE(defaults_.set("d", "key", "kept"));
+    UserDefaults second = later();
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(second.value("d", "key"), std::nullopt);
+    EXPECT_FALSE(second.set("d", "key", "another"));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(second.set("d", "third", 1));
+    for (UserDefaults* each : {&second, &defaults_})
+        EXPECT_EQ(each->files("d").own, (Dictionary{{"key", "kept"}, {"third", 1}}));
+}
+
+TEST_F(UserDefaultsTest, AFileIsNeverLongerThanItsReaderTakes) {
+    const std::string half(kMaxDocumentBytes / 2, 'x');
+    EXPECT_TRUE(defaults_.set("d", "a", half));
+    EXPECT_EQ(defaults_.set("d", "b", half).error(), "the file would be longer than 16 MiB");
+    EXPECT_TRUE(defaults_.set("d", "c", 1));
+    EXPECT_EQ(later().files("d").own.size(), 2u);
 }
 
 }  // namespace

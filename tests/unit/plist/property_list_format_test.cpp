@@ -250,9 +250,12 @@ TEST(PropertyListFileTest, IsReadInEitherFormatAndFailsWithAReason) {
     EXPECT_EQ(readPropertyListFile(xml), PropertyList(7));
     const auto bytes = serializePropertyList(7, PropertyListFormat::binary).value();
     EXPECT_EQ(readPropertyListFile(directory.write("b.plist", bytes)), PropertyList(7));
-    EXPECT_EQ(readPropertyListFile(directory.path() / "none").error(), "can't be opened");
+    EXPECT_EQ(readPropertyListFile(directory.path() / "none").error(),
+              "can't be opened: No such file or directory");
     EXPECT_FALSE(readPropertyListFile(directory.path()));
-    EXPECT_EQ(readPropertyListFile("/dev/zero").error(), "longer than 16 MiB");
+    EXPECT_EQ(readPropertyListFile("/dev/zero").error(), "not a regular file");
+    const auto tooLong = directory.write("long", std::string(kMaxDocumentBytes + 1, ' '));
+    EXPECT_EQ(readPropertyListFile(tooLong).error(), "longer than 16 MiB");
 }
 
 }  // namespace
