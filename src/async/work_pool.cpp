@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -54,6 +55,7 @@ struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
 
     bool startThread() TELVORA_REQUIRES(mutex);
     void serve();
+    static bool runOne(EventLoop& loop);
     EventLoop* nextLoop();
     void retire() TELVORA_REQUIRES(mutex);
     void handOver(Worker& worker);
@@ -118,10 +120,18 @@ void WorkPool::State::serve() {
     Worker worker{*this, nullptr};
     while ((worker.loop = nextLoop()) != nullptr) {
         current = &worker;
-        while (worker.loop != nullptr && worker.loop->context.run_one() != 0) {
+        while (worker.loop != nullptr && runOne(*worker.loop)) {
         }
         current = nullptr;
     }
+}
+
+// False if the loop has ended. A work item that there is no memory for is lost, not the process.
+bool WorkPool::State::runOne(EventLoop& loop) try {
+    return loop.context.run_one() != 0;
+} catch (const std::bad_alloc&) {
+    TELVORA_LOG(kLogError, "WorkPool: there is no memory for a work item.");
+    return true;
 }
 
 // Waits for a loop without a thread. Null if the calling thread is to end.

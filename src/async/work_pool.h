@@ -12,8 +12,9 @@
 // strands do not wait. Surplus threads end after some idle time. An idle pool makes no system calls.
 //
 // All operations except stop() are callable from any thread. A work item must not throw: an exception that
-// leaves it is logged at level 3 and ends the process. A work item that goes on to block posts work for other
-// threads with asio::post: work that it defers (asio::defer) would wait until the item returns.
+// leaves it is logged at level 3, and ends the process unless it is std::bad_alloc. A work item that goes on
+// to block posts work for other threads with asio::post: work that it defers (asio::defer) would wait until
+// the item returns.
 #pragma once
 
 #include <asio/io_context.hpp>

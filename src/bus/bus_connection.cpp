@@ -15,6 +15,7 @@
 #include <asio/error.hpp>
 #include <asio/post.hpp>
 #include <cerrno>
+#include <new>
 
 #include "async/descriptor_closers.h"
 #include "util/error_text.h"
@@ -90,12 +91,16 @@ void BusConnection::begin() {
 
 // --- Turns ---
 
-void BusConnection::receive() {
+// A connection that there is no memory for ends; its texts need none.
+void BusConnection::receive() try {
     const auto received = input_.receive(descriptor_.native_handle());
     if (!received) return end(received.error());
     inputEnded_ = *received == BusInput::Received::end;
     if (userTurns_) userTurns_->add(input_.lastReadSize());
     turn();
+} catch (const std::bad_alloc&) {
+    inTurn_ = false;
+    end("no memory");
 }
 
 // A busy user's connections wait for each other, and for those of other busy users.

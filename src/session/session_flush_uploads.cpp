@@ -52,7 +52,7 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
                                                              std::optional<TelvoraError> error) {
             TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
             if (answer)
-                TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> flushMessages] " + *answer, uid);
+                TelvoradUtil::writeToLogFile(messageLog, {"[", key, " -> flushMessages] ", *answer}, uid);
             const FlushReply reply = takeCompletion(*flush, error.has_value());
             if (reply) reply(std::move(answer), std::move(error));
         };
@@ -86,9 +86,8 @@ void TelvoradSession::uploadFileWithURL(const std::string& fileURL, const std::s
             TELVORA_LOG(kLogError, "uploadFileWithURL: File upload failed for %s", upload.path.c_str());
         }
         TelvoradUtil::writeToLogFile(self->services_.messageLog,
-                                     std::string("[uploadFileWithURL] Upload ") +
-                                         (uploaded ? "succeeded" : "failed") + " for file " +
-                                         textOfURL(fileURL),
+                                     {"[uploadFileWithURL] Upload ", uploaded ? "succeeded" : "failed",
+                                      " for file ", textOfURL(fileURL)},
                                      self->uid_);
         reply(uploaded);
     });

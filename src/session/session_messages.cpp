@@ -72,7 +72,7 @@ std::optional<std::string> TelvoradSession::submitMessage(uint16_t category, uin
         std::optional<std::string> answer = backend->sendMessage(payload, timestamp, category, type, flag);
         if (!answer) continue;
         TelvoradUtil::writeToLogFile(services_.messageLog,
-                                     "[" + key + " -> sendMessageWithDictionary] " + *answer, uid_);
+                                     {"[", key, " -> sendMessageWithDictionary] ", *answer}, uid_);
         // An HTTPS answer replaces any other; the dashboard's is used only if there is no answer yet.
         if (isHTTPSPost(backend->name()) || (backend->name() == kTelvoraBackendDashboard && !result)) {
             result = std::move(answer);

@@ -19,7 +19,7 @@ void sendThrough(TelvoraBackend& backend, const MessageLog& messageLog, TimeValu
     const std::optional<std::string> answer =
         backend.sendMessage(payload, timestamp, category, type, SendFlag{0});
     if (answer)
-        TelvoradUtil::writeToLogFile(messageLog, "[" + key + " -> sendMessageWithSessionInfo] " + *answer,
+        TelvoradUtil::writeToLogFile(messageLog, {"[", key, " -> sendMessageWithSessionInfo] ", *answer},
                                      user);
 }
 

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <ctime>
 #include <map>
+#include <numeric>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -126,15 +127,19 @@ bool admits(MessageLogState& state, uint64_t maxBytes, uid_t user, size_t bytes,
     return admitted;
 }
 
-// The message with a blank before each of its lines that looks like the beginning of a record.
-std::string inOneRecord(std::string_view message) {
-    std::string text;
-    text.reserve(message.size());
-    for (size_t next; (next = message.find("\n(")) != std::string_view::npos;
-         message.remove_prefix(next + 1)) {
-        text.append(message.substr(0, next + 1)).push_back(' ');
-    }
-    return text.append(message);
+// A record of that size. A blank goes before each line of the message that looks like the beginning of a
+// record.
+std::string recordOf(std::string_view date, std::initializer_list<std::string_view> message, size_t size) {
+    constexpr std::string_view kBeginning = "\n(";
+    std::string record;
+    record.reserve(size);
+    record.append("(").append(date).append(") ");
+    const size_t start = record.size();
+    for (const std::string_view part : message)
+        record.append(part);
+    for (size_t at = start; (at = record.find(kBeginning, at)) != std::string::npos;)
+        record.insert(++at, 1, ' ');
+    return record.append("\n");
 }
 
 // Returns the size of the file with the record; std::nullopt if it could not be written whole.
@@ -191,20 +196,21 @@ void TelvoradUtil::makeLogDirectory(const telvora::MessageLog& log) {
     if (!std::filesystem::exists(log.directory, error) && !error) telvora::createLogDirectory(log);
 }
 
-void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log, std::string_view message,
+void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log,
+                                  std::initializer_list<std::string_view> message,
                                   std::optional<uid_t> user) {
     using namespace telvora;
     const double now = secondsFromTimeValue(log.clock());
-    std::string record("(");
-    record.append(messageLogDate(now)).append(") ").append(inOneRecord(message)).append("\n");
-
+    const std::string date = messageLogDate(now);
+    const size_t size = std::accumulate(message.begin(), message.end(), date.size() + std::strlen("() \n"),
+                                        [](size_t sum, std::string_view part) { return sum + part.size(); });
     MessageLogState& state = *log.state;
     const MutexLock lock(state.lock);
-    if (user && !admits(state, log.maxBytes, *user, record.size(), now)) return;
+    if (user && !admits(state, log.maxBytes, *user, size, now)) return;
     std::optional<LogFile>& file = currentFile(log, state, now);
     if (!file) return;
-    const std::optional<uint64_t> size = append(*file, record);
-    if (!size || (*size > log.maxBytes && !removeOldest(*file, *size, log.maxBytes))) {
+    const std::optional<uint64_t> length = append(*file, recordOf(date, message, size));
+    if (!length || (*length > log.maxBytes && !removeOldest(*file, *length, log.maxBytes))) {
         deleteLogFile(*std::exchange(file, std::nullopt));
         return;
     }

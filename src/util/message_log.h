@@ -57,7 +57,7 @@ void makeLogDirectory(const telvora::MessageLog& log);
 // a report. `user`: the one whose client the record is about; its records over its part of the log are
 // dropped, counted and logged at level 4. std::nullopt: no part applies. Blocks on file I/O. Callable from
 // any thread and from several processes at once; a record is appended with a single write.
-void writeToLogFile(const telvora::MessageLog& log, std::string_view message,
+void writeToLogFile(const telvora::MessageLog& log, std::initializer_list<std::string_view> message,
                     std::optional<uid_t> user = std::nullopt);
 
 }  // namespace TelvoradUtil

@@ -26,7 +26,9 @@ class MessageLogBoundsTest : public testing::Test {
             return std::optional(1.0 * now_.seconds);
         };
     }
-    void write(const std::string& message, std::optional<uid_t> user) { writeToLogFile(log_, message, user); }
+    void write(const std::string& message, std::optional<uid_t> user) {
+        writeToLogFile(log_, {message}, user);
+    }
     std::string content() const { return test::readFile(newestLogFile(log_).value()); }
 
     test::TemporaryDirectory directory_;

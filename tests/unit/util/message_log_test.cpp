@@ -67,8 +67,8 @@ class MessageLogTest : public testing::Test {
 };
 
 TEST_F(MessageLogTest, TheFirstRecordMakesTheDirectoryAndTheFile) {
-    writeToLogFile(log_, "[httpPost -> flushMessages] \xc3\xa9");
-    writeToLogFile(log_, "");
+    writeToLogFile(log_, {"[httpPost -> flushMessages] \xc3\xa9"});
+    writeToLogFile(log_, {""});
     EXPECT_THAT(names(), ElementsAre(kNewName));
     EXPECT_EQ(content(kNewName), kDate + "[httpPost -> flushMessages] \xc3\xa9\n" + kDate + "\n");
     const std::string line = "<6>writeToLogFile: ", path = pathOf(kNewName);
@@ -88,7 +88,7 @@ TEST_F(MessageLogTest, OnlyTheNewestFileYoungerThanADayIsKept) {
         for (const int64_t age : ages)
             addFile(nameOf(kNow - age));
         lines_.clear();
-        writeToLogFile(log_, "m");
+        writeToLogFile(log_, {"m"});
         EXPECT_THAT(names(), ElementsAre(nameOf(kNow - kept)));
         EXPECT_EQ(content(nameOf(kNow - kept)), (kept ? "old\n" : "") + kDate + "m\n");
         for (const int64_t age : ages) {
@@ -102,7 +102,7 @@ TEST_F(MessageLogTest, OfFilesOfTheSameAgeOrOfUnknownAgeOneIsKept) {
     for (const int64_t created : {1, 2, 3})
         addFile(nameOf(created));
     created_ = {{nameOf(1), kNow - 5}, {nameOf(2), kNow - 5}, {nameOf(3), std::nullopt}};
-    writeToLogFile(log_, "m");
+    writeToLogFile(log_, {"m"});
     EXPECT_THAT(names(), AnyOf(ElementsAre(nameOf(1)), ElementsAre(nameOf(2))));
     EXPECT_TRUE(lines_.contains(kDeleted + pathOf(nameOf(3)) + " ((null))"));
 }
@@ -112,14 +112,14 @@ TEST_F(MessageLogTest, OtherFilesAreLeftAlone) {
                               "telvorad_1_2_messageLog.diag", "telvorad_1_messageLog.diag.old"};
     for (const std::string& name : all)
         addFile(name);
-    writeToLogFile(log_, "m");
+    writeToLogFile(log_, {"m"});
     all.insert(kNewName);
     EXPECT_EQ(names(), all);
 }
 
 TEST_F(MessageLogTest, ADirectoryThatIsNoneCostsOnlyTheRecord) {
     directory_.write("a", "a file");
-    writeToLogFile(log_, "m");
+    writeToLogFile(log_, {"m"});
     EXPECT_THAT(lines_.lines(),
                 ElementsAre("<3>writeToLogFile: Error reading from log directory: Not a directory",
                             "<3>writeToLogFile: Failed to create new telvorad log file " + pathOf(kNewName)));
@@ -132,7 +132,7 @@ TEST_F(MessageLogTest, WhatOnlyHasTheNameOfALogFileTakesNoRecord) {
     ASSERT_EQ(mkfifo(pathOf(nameOf(kNow + 7)).c_str(), 0600), 0);
     const UniqueFd reader(open(pathOf(nameOf(kNow + 7)).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     EXPECT_EQ(newestLogFile(log_), std::nullopt);
-    writeToLogFile(log_, "m");
+    writeToLogFile(log_, {"m"});
     EXPECT_EQ(test::readFile(target), "precious\n");
     EXPECT_FALSE(std::filesystem::is_symlink(pathOf(kNewName)));
     EXPECT_THAT(names(), ElementsAre(kNewName, nameOf(kNow + 5)));
@@ -141,7 +141,7 @@ TEST_F(MessageLogTest, WhatOnlyHasTheNameOfALogFileTakesNoRecord) {
 }
 
 TEST_F(MessageLogTest, AMessageIsOneRecordWhateverItsLines) {
-    writeToLogFile(log_, "{\n  a\n}\n(2015-11-16 08:00:00 +0000) [forged] x\n(");
+    writeToLogFile(log_, {"{\n  a\n}\n(2015-11-16 08:00:00 +0000) [forged] x\n("});
     EXPECT_EQ(content(kNewName), kDate + "{\n  a\n}\n (2015-11-16 08:00:00 +0000) [forged] x\n (\n");
 }
 
@@ -151,7 +151,7 @@ TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
     const auto writeAll = [&](int32_t clock) {
         now_.seconds = clock;  // each makes a file of its own if it finds none
         for (size_t i = 0; i < kRecords; ++i)
-            writeToLogFile(log_, record);
+            writeToLogFile(log_, {record});
     };
     const pid_t other = fork();
     if (other == 0) {
@@ -162,7 +162,7 @@ TEST_F(MessageLogTest, TwoProcessesWritingAtOnceLeaveOneFileOfWholeRecords) {
     int status = -1;
     ASSERT_TRUE(waitpid(other, &status, 0) == other && status == 0);
     now_.seconds = kNow + 2;
-    writeToLogFile(log_, "last");
+    writeToLogFile(log_, {"last"});
     ASSERT_EQ(names().size(), 1u);
     const std::string written = content(*names().begin());
     const size_t length = kDate.size() + record.size() + 1;
