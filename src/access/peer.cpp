@@ -85,6 +85,14 @@ std::string readUnit(int socket, pid_t pid) {
     return isAlive(process.get()) ? unit : "";
 }
 
+std::optional<ucred> readCredentials(int socket) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
+    if (credentials.uid == static_cast<uid_t>(-1)) return std::nullopt;  // no Unix socket, or not connected
+    return credentials;
+}
+
 }  // namespace
 
 // The first element that is no slice names the unit.
@@ -112,15 +120,18 @@ std::string Peer::description() const {
     return "pid " + std::to_string(pid) + ", uid " + std::to_string(uid);
 }
 
+std::optional<uid_t> userOfPeer(int socket) {
+    const auto credentials = readCredentials(socket);
+    return credentials ? std::optional(credentials->uid) : std::nullopt;
+}
+
 std::optional<Peer> readPeer(int socket) {
-    ucred credentials{};
-    socklen_t length = sizeof credentials;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
-    if (credentials.uid == static_cast<uid_t>(-1)) return std::nullopt;  // no Unix socket, or not connected
+    const auto credentials = readCredentials(socket);
+    if (!credentials) return std::nullopt;
     Peer peer;
-    peer.pid = credentials.pid;
-    peer.uid = credentials.uid;
-    peer.gid = credentials.gid;
+    peer.pid = credentials->pid;
+    peer.uid = credentials->uid;
+    peer.gid = credentials->gid;
     peer.groups = readGroups(socket);
     peer.label = readLabel(socket);
     peer.unit = readUnit(socket, peer.pid);

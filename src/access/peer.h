@@ -29,6 +29,9 @@ struct Peer {
 // The systemd unit of the processes in a control group, by its path; empty if there is none.
 std::string unitOfControlGroup(std::string_view path);
 
+// The user of the peer of a connected Unix socket; std::nullopt for any other socket. Thread-safe.
+std::optional<uid_t> userOfPeer(int socket);
+
 // The peer of a connected Unix socket, which stays the caller's; std::nullopt for any other socket. The unit
 // is known only if the kernel identifies the process by a descriptor (SO_PEERPIDFD, Linux 6.5): a process ID
 // may have been reused. Does not block; thread-safe.

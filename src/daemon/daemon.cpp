@@ -53,8 +53,10 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
               .clock = timeOfDay,
               .noSessionsLeft = [this] { shutdown_.check(); }}),
       status_(*this, quotas_),
-      listener_(runLoop_, std::move(sockets.clients.socket), closers_,
-                [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); }),
+      listener_(
+          runLoop_, std::move(sockets.clients.socket), closers_,
+          [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); },
+          [this](uid_t user) { return agent_.refusesAtOnce(user); }),
       shutdown_(runLoop_,
                 {.stopAccepting = [this] { stopAccepting(); },
                  .endSessions = [this] { agent_.invalidateAllConnections(); },

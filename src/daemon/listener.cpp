@@ -16,8 +16,13 @@ constexpr std::chrono::milliseconds kPauseWithoutResources{200};
 
 }  // namespace
 
-Listener::Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted)
-    : closers_(closers), accepted_(std::move(accepted)), acceptor_(runLoop), pause_(runLoop) {
+Listener::Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted,
+                   Refused refused)
+    : closers_(closers),
+      accepted_(std::move(accepted)),
+      refused_(std::move(refused)),
+      acceptor_(runLoop),
+      pause_(runLoop) {
     asio::error_code error;
     acceptor_.assign(asio::local::stream_protocol(), socket.get(), error);
     if (error) {
@@ -42,9 +47,10 @@ void Listener::acceptNext() {
         if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
         if (!error) {
             const int connection = socket.release(error);
+            const uid_t user = userOfPeer(connection).value_or(kUnknownUser);
+            UniqueFd owned(connection, closers_.of(user));
             // A connection without a peer has ended again.
-            const auto peer = readPeer(connection);
-            UniqueFd owned(connection, closers_.of(peer ? peer->uid : kUnknownUser));
+            const auto peer = refused_ && refused_(user) ? std::nullopt : readPeer(connection);
             if (peer) accepted_(std::move(owned), *peer);
             return acceptNext();
         }

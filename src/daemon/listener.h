@@ -20,9 +20,13 @@ class Listener {
     // Runs on the run loop's thread.
     using Accepted = std::function<void(UniqueFd connection, const Peer& peer)>;
 
+    // Whether a connection of the user is closed without being passed on. Runs on the run loop's thread.
+    using Refused = std::function<bool(uid_t user)>;
+
     // `socket`: a listening, non-blocking Unix stream socket, taken over. `closers` close the connections,
     // and outlive the listener.
-    Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted);
+    Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted,
+             Refused refused = {});
 
     // Starts to accept.
     void resume();
@@ -34,6 +38,7 @@ class Listener {
 
     DescriptorClosers& closers_;
     const Accepted accepted_;
+    const Refused refused_;
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;
 };

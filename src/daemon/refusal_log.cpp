@@ -23,6 +23,11 @@ void RefusalLog::notEntitled(const Peer& peer) {
             return entry.first != peer.uid && entry.second.nextLine <= now;
         });
         Refusals& refusals = users_[peer.uid];
+        if (now >= refusals.nextSecond) {
+            refusals.inThisSecond = 0;
+            refusals.nextSecond = now + std::chrono::seconds(1);
+        }
+        ++refusals.inThisSecond;
         if (now < refusals.nextLine) {
             ++refusals.unlogged;
             return;
@@ -34,6 +39,18 @@ void RefusalLog::notEntitled(const Peer& peer) {
     TELVORA_LOG(kLogInfo, "RefusalLog: refused %s%s%s: not entitled, see telvorad.entitlements(5)%s",
                 peer.description().c_str(), peer.unit.empty() ? "" : ", unit ", peer.unit.c_str(),
                 others.c_str());
+}
+
+bool RefusalLog::refusesAtOnce(uid_t user) {
+    const auto now = clock_();
+    const MutexLock lock(lock_);
+    const auto found = users_.find(user);
+    if (found == users_.end() || now >= found->second.nextSecond ||
+        found->second.inThisSecond < kMostInASecond) {
+        return false;
+    }
+    ++found->second.unlogged;
+    return true;
 }
 
 }  // namespace telvora

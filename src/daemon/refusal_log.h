@@ -22,11 +22,18 @@ class RefusalLog {
     explicit RefusalLog(SteadyClock clock = std::chrono::steady_clock::now) : clock_(std::move(clock)) {}
 
     void notEntitled(const Peer& peer) TELVORA_EXCLUDES(lock_);
+    // Whether a new connection of the user is refused without a look at its program, which costs files: the
+    // user had kMostInASecond refusals in this second. Counts the refusal then.
+    bool refusesAtOnce(uid_t user) TELVORA_EXCLUDES(lock_);
+
+    static constexpr uint64_t kMostInASecond = 100;
 
   private:
     struct Refusals {
         uint64_t unlogged = 0;
         std::chrono::steady_clock::time_point nextLine;  // not before
+        uint64_t inThisSecond = 0;
+        std::chrono::steady_clock::time_point nextSecond;
     };
 
     const SteadyClock clock_;

@@ -54,6 +54,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // connection is left to the caller, which closes it.
     bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
 
+    // See RefusalLog.
+    bool refusesAtOnce(uid_t user) { return refusals_.refusesAtOnce(user); }
     // Ends every connection; their sessions end on their own strands.
     void invalidateAllConnections();
     // Sessions whose connection is valid.

@@ -93,6 +93,18 @@ TEST_F(AgentRegistry, EachUsersRefusalsTakeALineAMinute) {
     };
     EXPECT_EQ(log.lines(),
               (std::vector{line("5", ""), line("6", ""), line("5", ", after 2 more of this user")}));
+    log.clear();
+    now += std::chrono::minutes(1);
+    for (uint64_t i = 0; i < RefusalLog::kMostInASecond; ++i) {
+        EXPECT_FALSE(refusals.refusesAtOnce(5));
+        refusals.notEntitled(peer);
+    }
+    EXPECT_TRUE(refusals.refusesAtOnce(5));
+    EXPECT_FALSE(refusals.refusesAtOnce(6));
+    now += std::chrono::minutes(1);
+    EXPECT_FALSE(refusals.refusesAtOnce(5));
+    refusals.notEntitled(peer);
+    EXPECT_EQ(log.lines(), (std::vector{line("5", ""), line("5", ", after 100 more of this user")}));
 }
 
 // --- Hierarchy ---
