@@ -31,6 +31,13 @@ struct FileIdentity {
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 
+// Why a file has no dictionary.
+struct FileFault {
+    std::string reason;
+    // The file itself is wrong. Otherwise it could not be read now, and may be in order.
+    bool isDamage = true;
+};
+
 namespace {
 
 FileIdentity identityOf(const std::filesystem::path& path) {
@@ -50,21 +57,15 @@ FileIdentity identityOf(const std::filesystem::path& path) {
     return identity;
 }
 
-struct Fault {
-    std::string reason;
-    // The file itself is wrong. Otherwise it could not be read now, and may be in order.
-    bool isDamage = true;
-};
-
-tl::expected<Dictionary, Fault> readDomainFile(const std::filesystem::path& path) {
+tl::expected<Dictionary, FileFault> readDomainFile(const std::filesystem::path& path) {
     const auto file = RegularFile::open(path);
-    if (!file) return tl::make_unexpected(Fault{file.error(), file.error() == RegularFile::kNotRegular});
+    if (!file) return tl::make_unexpected(FileFault{file.error(), file.error() == RegularFile::kNotRegular});
     const auto document = file->read(kMaxDocumentBytes + 1);
-    if (!document) return tl::make_unexpected(Fault{document.error(), false});
+    if (!document) return tl::make_unexpected(FileFault{document.error(), false});
     const auto content = parsePropertyList(*document);
-    if (!content) return tl::make_unexpected(Fault{content.error()});
+    if (!content) return tl::make_unexpected(FileFault{content.error()});
     const Dictionary* dictionary = content->getIf<Dictionary>();
-    if (dictionary == nullptr) return tl::make_unexpected(Fault{"not a dictionary"});
+    if (dictionary == nullptr) return tl::make_unexpected(FileFault{"not a dictionary"});
     return *dictionary;
 }
 
@@ -125,7 +126,7 @@ struct UserDefaults::CachedFile {
     std::optional<FileIdentity> identity;  // of the last access; std::nullopt before the first one
     Dictionary content;                    // the last that could be read, while the file is there
     bool wasRead = false;
-    std::optional<Fault> fault;  // of the file as it is now
+    std::optional<FileFault> fault;  // of the file as it is now
 };
 
 UserDefaults::UserDefaults(const std::filesystem::path& configurationDirectory,
