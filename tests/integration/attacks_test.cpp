@@ -19,7 +19,9 @@
 namespace telvora::test {
 namespace {
 
-constexpr std::string_view kGreeting("\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n", 52);
+using namespace std::string_view_literals;
+
+constexpr std::string_view kGreeting = "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv;
 
 UniqueFd connectTo(const std::string& path) {
     UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

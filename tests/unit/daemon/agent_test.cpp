@@ -126,8 +126,8 @@ TEST_F(AgentTest, WhatASessionKeepsOfItsClientIsBounded) {
     EXPECT_TRUE(session.sessionInfo()->empty());
     session.fetchStatesWithUserInfo(Dictionary{{"name", large}}, {});
     EXPECT_EQ(*session.userInfo(), (Dictionary{{"name", "c"}})) << "ignored";
-    const auto& user = world.quotas.uses().begin()->second;
-    EXPECT_LT(user[static_cast<size_t>(Quota::sessionBytes)].held, 1000U);
+    const auto uses = world.quotas.uses();
+    EXPECT_LT(uses.begin()->second[static_cast<size_t>(Quota::sessionBytes)].held, 1000U);
 
     std::vector<std::shared_ptr<FakeConnection>> family;
     for (uint32_t i = 0; i <= SessionHierarchies::kMaxSessions; ++i)
