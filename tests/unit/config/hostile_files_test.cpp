@@ -28,9 +28,9 @@ TEST(HostileFiles, AFifoInPlaceOfAFileIsRefusedAtOnce) {
         {"any", [&] { return readPropertyListFile(root / "any").error() == "not a regular file"; }},
     };
     for (const auto& [name, reads] : readers) {
-        EXPECT_EQ(inForkedChild([&](const ChildReport& report) {
+        EXPECT_EQ(inForkedChild([&file = name, &isRefused = reads](const ChildReport& report) {
                       alarm(5);  // ends a child that waits for a writer
-                      report.expect(reads(), name);
+                      report.expect(isRefused(), file);
                   }),
                   "")
             << name;
