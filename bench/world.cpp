@@ -17,6 +17,8 @@ Dictionary withoutQuotas() {
     Dictionary defaults;
     for (size_t i = 0; i < kQuotas; ++i)
         defaults.set(ruleOf(static_cast<Quota>(i)).key, std::numeric_limits<int64_t>::max());
+    // The most that the setting takes; one user's records get an eighth of it in an hour.
+    defaults.set("messageLogBytes", 1 << 30);
     return defaults;
 }
 
