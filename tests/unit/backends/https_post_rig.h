@@ -7,7 +7,7 @@
 
 #include "backends/https_post_backend.h"
 #include "tests/support/posted_message.h"
-#include "tests/unit/backends/backend_rig.h"
+#include "tests/support/backend_rig.h"
 
 namespace telvora::test {
 
