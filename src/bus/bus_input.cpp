@@ -99,8 +99,8 @@ std::vector<UniqueFd> BusInput::takeDescriptors(uint32_t count) {
 
 bool BusInput::keepRest() {
     if (rest_.empty()) {
-        if (kept_.capacity() > kIdleBufferSize) kept_ = std::string();
         kept_.clear();
+        if (kept_.capacity() > kIdleBufferSize) kept_.shrink_to_fit();
     } else if (kept_.empty()) {
         kept_ = rest_;
     } else {

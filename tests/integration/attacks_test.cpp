@@ -2,7 +2,6 @@
 //
 // Attacks by programs of another user. The canary is a client that must be served meanwhile.
 #include <gmock/gmock.h>
-#include <sys/un.h>
 
 #include <filesystem>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/hostile_descriptors.h"
+#include "tests/support/unix_socket.h"
 
 namespace telvora::test {
 namespace {
@@ -22,15 +22,6 @@ namespace {
 using namespace std::string_view_literals;
 
 constexpr std::string_view kGreeting = "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv;
-
-UniqueFd connectTo(const std::string& path) {
-    UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        throw std::runtime_error("can't connect to " + path);
-    return connection;
-}
 
 // Asks the daemon to agree that messages carry descriptors.
 void authenticate(int connection) {
@@ -90,7 +81,8 @@ TEST_F(Attacks, DescriptorsThatBlockWhenTheyAreClosed) {
             attack([&] {
                 std::vector<UniqueFd> connections;
                 for (int i = 0; i < 8; ++i) {
-                    connections.push_back(connectTo(path));
+                    connections.push_back(connectedSocket(path));
+                    if (!connections.back()) _exit(1);
                     if (authenticated) authenticate(connections.back().get());
                     // Not closed here: the attacker's own close would wait.
                     const int one = lingeringSocket(listener).release();
@@ -113,7 +105,7 @@ TEST_F(Attacks, WaitsForAHangingBagServerHoldNoThread) {
     for (const char* name : {"orbel", "vantor"})
         bags().setFault(name, lab::BagFault::hold);
     for (int i = 0; i < 270; ++i) {
-        auto peer = std::make_unique<BusPeer>(connectTo(daemon().socketPath()));
+        auto peer = std::make_unique<BusPeer>(connectedSocket(daemon().socketPath()));
         const SdBusMessage info =
             peer->newCall(kTelvoradPath, ClientSessionInterface::kWireName, "SetSessionInfo");
         const int clientType = i % 2 == 0 ? 5 : 6;

@@ -31,6 +31,12 @@ struct SdBusMessage : std::unique_ptr<sd_bus_message, SdBusUnref> {
         const sd_bus_error* error = sd_bus_message_get_error(get());
         return error != nullptr ? std::optional(BusError{error->name, error->message}) : std::nullopt;
     }
+    // The cookie of the call that this message answers; 0 for other messages.
+    uint64_t answeredCookie() const {
+        uint64_t cookie = 0;
+        if (*this) sd_bus_message_get_reply_cookie(get(), &cookie);
+        return cookie;
+    }
     int open(char type, const char* contents) { return sd_bus_message_open_container(get(), type, contents); }
     int close() { return sd_bus_message_close_container(get()); }
     int append(char type, const void* value) { return sd_bus_message_append_basic(get(), type, value); }
@@ -75,9 +81,7 @@ class BusPeer {
         const uint64_t cookie = send(message);
         for (;;) {
             SdBusMessage next = receive();
-            uint64_t answered = 0;
-            if (next) sd_bus_message_get_reply_cookie(next.get(), &answered);
-            if (!next || answered == cookie) return next;
+            if (!next || next.answeredCookie() == cookie) return next;
         }
     }
     uint64_t send(const SdBusMessage& message) {

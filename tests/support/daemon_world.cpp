@@ -3,19 +3,15 @@
 
 #include <unistd.h>
 
-#include "telvora/keys.h"
+#include "tests/support/bags.h"
 #include "tests/support/posted_message.h"
 #include "tests/support/signed_document.h"
 
 namespace telvora::test {
 
-namespace {
-
-bool isBagRequest(const HttpRequest& request) {
+static bool isBagRequest(const HttpRequest& request) {
     return request.method == "GET";
 }
-
-}  // namespace
 
 void FakeConnection::invalidate() {
     session_.reset();
@@ -24,15 +20,14 @@ void FakeConnection::invalidate() {
     if (const auto gone = std::exchange(gone_, {})) gone();
 }
 
-DaemonWorld::DaemonWorld(Dictionary deviceProperties) : properties(std::move(deviceProperties)) {
+DaemonWorld::DaemonWorld(Dictionary deviceProperties) : BackendRig(std::move(deviceProperties)) {
     directory.write("framework/publicKey.der", bagKey().publicKeyToDer());
     const Dictionary grant{
         {"User", std::to_string(getuid())},
         {"Entitlements", Dictionary{{"com.zandor.private.telvorad", true}}},
     };
     directory.write("config/entitlements.d/test.plist", serialized(grant));
-    directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
-                    serialized(Dictionary{{"Enabled", true}}));
+    setConsent(true);
     serveBag(std::nullopt);
 }
 
@@ -44,18 +39,13 @@ void DaemonWorld::serveBag(std::optional<Dictionary> innerBag) {
     });
 }
 
-Dictionary DaemonWorld::bagWithClient(Dictionary client) {
-    const Dictionary backend{{"clients", Array{std::move(client)}}};
-    return {{"version", "1"}, {"release", Dictionary{{kTelvoraBackendHTTPPost, backend}}}};
-}
-
 Dictionary DaemonWorld::reportingBag(const Dictionary& changes) {
     Dictionary client{{"filters", Array()},
                       {"sampling_threshold", 1.0},
                       {"locale_whitelist", "CH"},
                       {"post_url", "https://reports.example/events"}};
     client.merge(changes);
-    return bagWithClient(std::move(client));
+    return bagWithClients({std::move(client)});
 }
 
 std::shared_ptr<FakeConnection> DaemonWorld::connect() {
@@ -71,9 +61,8 @@ std::shared_ptr<FakeConnection> DaemonWorld::connect() {
 std::shared_ptr<FakeConnection> DaemonWorld::connectConfigured(
     uint32_t sessionID, std::optional<std::pair<std::string, int>> hierarchy, bool aggregates) {
     auto connection = connect();
-    const Dictionary user{{kTelvoraUserInfoClientName, "client"}, {kTelvoraUserInfoServiceName, "service"}};
-    connection->session().setSessionInfo(sessionInfoFor(sessionID, std::move(hierarchy)), user, {},
-                                         aggregates);
+    connection->session().setSessionInfo(sessionInfoFor(sessionID, std::move(hierarchy)),
+                                         userInfoOf("client", "service"), {}, aggregates);
     connection->session().startConfigWithCompletionHandler([](const auto&) {});
     return connection;
 }

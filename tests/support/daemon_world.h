@@ -1,25 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // DaemonWorld: the whole daemon in a test's memory, without the wire: a real agent with real sessions and
-// backends, a virtual clock, an HTTP client without a network, and connections that record the daemon's
-// calls.
+// backends on a BackendRig, and connections that record the daemon's calls.
 #pragma once
 
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "access/entitlements.h"
-#include "async/virtual_network.h"
 #include "config/client_framework.h"
-#include "config/environment.h"
 #include "config/storebag_fetcher.h"
 #include "daemon/telvorad_agent.h"
-#include "platform/digest.h"
-#include "tests/support/fake_http_client.h"
-#include "tests/support/temporary_directory.h"
+#include "tests/support/backend_rig.h"
 
 namespace telvora::test {
 
@@ -37,7 +31,7 @@ class FakeConnection final : public ClientConnection {
     }
     void setClientFiles(std::shared_ptr<ClientFiles>) override {}
     void setUser(QuotaUser) override {}
-    void setAdmission(Admission) override {}
+    void setAdmission(Admission admission) override { mayHandle = std::move(admission); }
     void perform(std::function<void()> work) override { work(); }
     void setInvalidationHandler(std::function<void()> handler) override { invalidated_ = std::move(handler); }
     void setGoneHandler(std::function<void()> handler) override { gone_ = std::move(handler); }
@@ -55,6 +49,8 @@ class FakeConnection final : public ClientConnection {
     bool resumed() const { return resumed_; }
     const std::vector<Delivered>& deliveries() const { return deliveries_; }
 
+    Admission mayHandle;  // of the agent
+
   private:
     std::shared_ptr<ClientSessionInterface> session_;
     std::function<void()> invalidated_;
@@ -71,7 +67,7 @@ struct FakeIdleTimer final : IdleTimer {
     bool& runs;
 };
 
-class DaemonWorld {
+class DaemonWorld : public BackendRig {
   public:
     // `deviceProperties` are the only properties of the device.
     explicit DaemonWorld(Dictionary deviceProperties = {{"DeviceName", "phone"}});
@@ -80,9 +76,7 @@ class DaemonWorld {
 
     // Sets the inner bag of the bag server's answers. Absent: the server can't be reached.
     void serveBag(std::optional<Dictionary> innerBag);
-    // Serves a bag whose only section, "release", has the HTTPS backend "httpPost" with this clients entry.
-    static Dictionary bagWithClient(Dictionary client);
-    // Serves one whose entry lets connectConfigured()'s sessions report, with these changes.
+    // A bag whose only entry lets connectConfigured()'s sessions report, with these changes.
     static Dictionary reportingBag(const Dictionary& changes = {});
 
     // A connection that the agent has accepted.
@@ -99,37 +93,14 @@ class DaemonWorld {
     // Whether the daemon would end by and by.
     bool isIdle();
 
-    double now = 1'700'000'000;  // seconds since 1970
-    double samplingFactor = 0;   // the sampling draw of every backend
     bool idleTimerRuns = false;
-    TemporaryDirectory directory;
-    FakeHttpClient http;
-    VirtualNetwork network;
     asio::io_context runLoop;
-    UserDefaults defaults{directory.path() / "config", directory.path() / "state"};
-    DeviceProperties properties;
-    DeviceIdentity identity{properties, defaults};
-    Environment environment{defaults, identity};
     ClientFramework framework{directory.path() / "framework"};
     MessageLog messageLog{directory.path() / "logs"};
     UploadAdmission uploads;
     UserQuotas quotas{defaults};
     ReportLedger ledger;
-    BackendServices backendServices{.http = http,
-                                    .identity = identity,
-                                    .environment = environment,
-                                    .defaults = defaults,
-                                    .clock =
-                                        [this] {
-                                            return TimeValue{
-                                                static_cast<int32_t>(now),
-                                                static_cast<int32_t>(std::fmod(now, 1.0) * 1000000)};
-                                        },
-                                    .countryCode = [] { return std::optional<std::string>("CH"); },
-                                    .timeZoneOffsetSeconds = [] { return 3600L; },
-                                    .random = [this] { return samplingFactor; },
-                                    .makeNetworkQueue = [this] { return network.makeQueue(); }};
-    SessionServices sessionServices{.backendServices = backendServices,
+    SessionServices sessionServices{.backendServices = services,
                                     .framework = framework,
                                     .messageLog = messageLog,
                                     .uploadAdmission = uploads,
@@ -141,8 +112,7 @@ class DaemonWorld {
                                     .inFlight = {},
                                     .onIdle = {},
                                     .timer = std::make_unique<FakeIdleTimer>(idleTimerRuns)}};
-    TelvoradAgent agent{
-        {entitlements, fetcher, sessionServices, quotas, keepAlive, backendServices.clock, [] {}}};
+    TelvoradAgent agent{{entitlements, fetcher, sessionServices, quotas, keepAlive, services.clock, [] {}}};
 };
 
 // Session info of client type 7.

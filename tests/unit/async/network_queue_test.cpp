@@ -58,7 +58,7 @@ TEST(SharedWakeupTest, TimersOfOneLeewayFallTogether) {
     EXPECT_EQ(sharedWakeup(start + 7ms, 1ns), start + 7ms);
 }
 
-TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
+TEST_F(NetworkQueueTest, DatagramsGoBothWaysAndAPeerMayGoAndComeBack) {
     UdpPeer peer;
     const auto socket = std::move(*queue_->makeUdpSocket());
     ASSERT_EQ(socket->bindToAnyAddress(), 0);
@@ -78,23 +78,10 @@ TEST_F(NetworkQueueTest, DatagramsGoBothWays) {
     peer.answer("ponged");
     EXPECT_EQ(received.get_future().get(), "pong");
 
-    onQueue([&] {
-        EXPECT_EQ(socket->receive(buffer), 0u);  // no datagram, and no wait
-        socket->whenReadable([] { ADD_FAILURE() << "called after closing"; });
-        socket->close();
-        EXPECT_FALSE(socket->send("late"));
-    });
-    onQueue([] {});
-}
-
-TEST_F(NetworkQueueTest, APeerThatIsAwayShowsInTheNextSendAndMayComeBack) {
-    UdpPeer peer;
-    const auto socket = std::move(*queue_->makeUdpSocket());
-    ASSERT_TRUE(socket->makeReadSource());
-    ASSERT_EQ(socket->connect("127.0.0.1", peer.port()), 0);
     peer.close();
     std::promise<void> refused;
     onQueue([&] {
+        EXPECT_EQ(socket->receive(buffer), 0u);  // no datagram, and no wait
         EXPECT_TRUE(socket->send("lost"));
         socket->whenReadable([&] { refused.set_value(); });
     });
@@ -103,6 +90,13 @@ TEST_F(NetworkQueueTest, APeerThatIsAwayShowsInTheNextSendAndMayComeBack) {
     peer.open();
     onQueue([&] { EXPECT_TRUE(socket->send("back")); });
     EXPECT_EQ(peer.receive(), "back");
+
+    onQueue([&] {
+        socket->whenReadable([] { ADD_FAILURE() << "called after closing"; });
+        socket->close();
+        EXPECT_FALSE(socket->send("late"));
+    });
+    onQueue([] {});
 }
 
 TEST_F(NetworkQueueTest, AddressesAreReadAsDottedDecimals) {

@@ -29,31 +29,46 @@ std::future<void> postTo(WorkPool& pool, Work work) {
     return done->get_future();
 }
 
+// Work items that block, each on its own strand, until end(). Waits until `running` of them do.
+class Blockers {
+  public:
+    Blockers(WorkPool& pool, size_t count, size_t running, BlockingShare* share = nullptr)
+        : entered_(static_cast<std::ptrdiff_t>(running)) {
+        for (size_t i = 0; i < count; ++i) {
+            all_.push_back(postTo(pool, [this, share, counts = i < running] {
+                const BlockingShare::Scope charged(share);
+                const BlockingSection outer;
+                const BlockingSection nested;
+                if (counts) entered_.count_down();
+                released_.wait();
+            }));
+        }
+        entered_.wait();
+    }
+    void end() {
+        release_.set_value();
+        for (auto& one : all_)
+            EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
+    }
+
+  private:
+    std::promise<void> release_;
+    const std::shared_future<void> released_ = release_.get_future().share();
+    std::latch entered_;
+    std::vector<std::future<void>> all_;
+};
+
 TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) {
     constexpr size_t kCap = WorkPool::kMaxSurplusThreads + 1;
     for (const size_t blocked : {size_t{8}, kCap + 10}) {
         WorkPool pool(1, 1ms);
         EXPECT_EQ(pool.threadCount(), 1u);
-        std::promise<void> release;
-        auto released = release.get_future().share();
-        std::latch entered(static_cast<std::ptrdiff_t>(std::min(blocked, kCap)));
-        std::vector<std::future<void>> all;
-        for (size_t i = 0; i < blocked; ++i) {
-            all.push_back(postTo(pool, [&, counts = i < kCap] {
-                const BlockingSection outer;
-                const BlockingSection nested;
-                if (counts) entered.count_down();
-                released.wait();
-            }));
-        }
-        entered.wait();
+        Blockers blockers(pool, blocked, std::min(blocked, kCap));
         EXPECT_EQ(pool.threadCount(), std::min(blocked + 1, kCap));
         if (blocked < kCap) {
             EXPECT_EQ(postTo(pool, [] {}).wait_for(60s), std::future_status::ready);
         }
-        release.set_value();
-        for (auto& one : all)
-            EXPECT_EQ(one.wait_for(60s), std::future_status::ready);
+        blockers.end();
         const auto deadline = std::chrono::steady_clock::now() + 60s;
         while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
@@ -65,26 +80,16 @@ TEST(WorkPool, BlockedWorkLeavesARunnerToOthersUpToACapAndSurplusThreadsRetire) 
 TEST(WorkPool, AUserWhoseWorkBlocksAShareOfTheThreadsMustWait) {
     WorkPool pool(1);
     BlockingShare share;
-    std::latch entered(BlockingShare::kThreads);
-    std::promise<void> release, resumed;
-    auto released = release.get_future().share();
-    std::vector<std::future<void>> all;
-    for (size_t i = 0; i < BlockingShare::kThreads; ++i) {
-        EXPECT_TRUE(share.mayStart([] {}));
-        all.push_back(postTo(pool, [&] {
-            const BlockingShare::Scope charged(&share);
-            const BlockingSection blocking;
-            entered.count_down();
-            released.wait();
-        }));
-    }
-    entered.wait();
+    constexpr size_t kMost = BlockingShare::kThreads - 1;
+    Blockers most(pool, kMost, kMost, &share);
+    EXPECT_TRUE(share.mayStart([] {}));
+    Blockers last(pool, 1, 1, &share);
+    std::promise<void> resumed;
     EXPECT_FALSE(share.mayStart([&] { resumed.set_value(); }));
     EXPECT_TRUE(BlockingShare().mayStart([] {})) << "of another user";
-    release.set_value();
+    most.end();
+    last.end();
     resumed.get_future().wait();
-    for (auto& one : all)
-        one.wait();
     EXPECT_TRUE(share.mayStart([] {}));
 }
 

@@ -6,8 +6,8 @@
 #include "backends/joulemark_backend.h"
 #include "platform/power_log.h"
 #include "plist/property_list_format.h"
+#include "tests/support/backend_rig.h"
 #include "tests/support/unix_socket.h"
-#include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
 namespace {

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "backends/https_post_backend.h"
+#include "tests/support/backend_rig.h"
 #include "tests/support/posted_message.h"
-#include "tests/unit/backends/backend_rig.h"
 
 namespace telvora::test {
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/unit/backends/backend_rig.h"
+#include "tests/support/backend_rig.h"
 
 namespace telvora::test {
 namespace {

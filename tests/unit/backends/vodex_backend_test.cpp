@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "backends/vodex_payload.h"
-#include "tests/unit/backends/backend_rig.h"
+#include "tests/support/backend_rig.h"
 
 namespace telvora::test {
 namespace {

@@ -3,16 +3,17 @@
 // Explain, replays and lint. The cases are in the text files of this folder.
 #include <gmock/gmock.h>
 
+#include <random>
 #include <regex>
 #include <sstream>
 
 #include "json/json_reader.h"
 #include "json/report_json.h"
-#include "platform/digest.h"
 #include "telvora-bag/backend_run.h"
 #include "telvora-bag/explain.h"
 #include "telvora-bag/lint.h"
 #include "telvora/keys.h"
+#include "tests/support/bags.h"
 #include "tests/support/daemon_world.h"
 #include "tests/support/signed_document.h"
 #include "util/base64.h"
@@ -20,6 +21,7 @@
 namespace telvora::bag {
 namespace {
 
+using test::bagWithClients;
 using testing::HasSubstr;
 using testing::StartsWith;
 using Lines = std::vector<std::string>;
@@ -86,11 +88,6 @@ Array clientsOf(const std::string& text) {
     return clients;
 }
 
-Dictionary bagOf(Array clients) {
-    const Dictionary section{{"httpPost", Dictionary{{"clients", std::move(clients)}}}};
-    return {{"version", "1"}, {"release", section}};
-}
-
 std::string replayOf(const Dictionary& bag, const Scenario& given, const std::string& reports) {
     std::istringstream lines(reports);
     return replayReports(bag, given, lines).value();
@@ -100,7 +97,7 @@ TEST(Explain, GivesTheReasonsAndTheFateOfReports) {
     for (const auto& [changes, texts] : casesOf("explain_entry.txt")) {
         Scenario given = scenario(!changes.starts_with("without consent"));
         given.batch = changes.starts_with("batching");
-        const Dictionary bag = bagOf(clientsOf(changes));
+        const Dictionary bag = bagWithClients(clientsOf(changes));
         const std::string found = explainBag(bag, given, true) + replayOf(bag, given, kReports);
         for (const std::string& text : texts)
             EXPECT_THAT(found, HasSubstr(text + "\n")) << changes;
@@ -151,12 +148,12 @@ Lines lines(const std::vector<Finding>& findings, std::string_view beginning = "
 TEST(Lint, FindsWhatIsWrongWithEntries) {
     for (const auto& [file, place] : {std::pair{"lint_entry.txt", "[0]"}, {"lint_entries.txt", ""}})
         for (const auto& [changes, findings] : casesOf(file))
-            EXPECT_EQ(
-                lines(lintBag(bagOf(clientsOf(changes))), std::string("release/httpPost/clients") + place),
-                findings)
+            EXPECT_EQ(lines(lintBag(bagWithClients(clientsOf(changes))),
+                            std::string("release/httpPost/clients") + place),
+                      findings)
                 << changes;
     EXPECT_THAT(
-        lines(lintBag(bagOf({Dictionary()}))),
+        lines(lintBag(bagWithClients({Dictionary()}))),
         testing::Contains("release/httpPost/clients[0]/locale_whitelist: error: absent: every session "
                           "that requires user info is refused"));
 }
@@ -170,12 +167,42 @@ TEST(Lint, FindsWhatIsWrongAroundTheEntries) {
                 testing::ElementsAre(testing::StartsWith("bag: error: bag: no property list")));
 }
 
-// The entries of all cases, in their text.
-Lines changesOfAllCases() {
-    Lines all;
+// Entries with up to four values that are gone, or of another type or bound.
+Array changedAtRandom(Array clients, size_t seed) {
+    std::mt19937 random(static_cast<unsigned>(seed));
+    const auto below = [&random](size_t bound) { return random() % bound; };
+    static const Array values =
+        *parseJson(R"([-1, 0, 1, 2, 6, 65541, 0.2, 0.3, 0.6, 1.5, true, false, "", "5", "B", "net", "ch,US",
+        "client", "https://other.example/", [], [1, 5, 7], ["6"], {}, {"key": "b"},
+        [{"key": "b", "action": "remove"}, {"key": "c", "action": "hash"}]])")
+             .value()
+             .getIf<Array>();
+    for (size_t changes = 1 + below(4); changes > 0; --changes) {
+        PropertyList& element = clients[below(clients.size())];
+        const Dictionary* const before = element.getIf<Dictionary>();
+        if (before == nullptr || before->empty()) continue;
+        Dictionary entry = *before;
+        const std::string key =
+            std::next(before->begin(), static_cast<ptrdiff_t>(below(before->size())))->key;
+        if (below(4) == 0) {
+            entry.erase(key);
+        } else {
+            entry.set(key, values[below(values.size())]);
+        }
+        element = std::move(entry);
+    }
+    return clients;
+}
+
+// The entries of all cases, by their text, and for each session others of 300 random changes, by their seed.
+std::vector<std::pair<std::string, Array>> entriesFor(size_t session, size_t sessions) {
+    std::vector<std::pair<std::string, Array>> all;
     for (const char* file : {"explain_entry.txt", "lint_entry.txt", "lint_entries.txt"})
         for (const auto& [changes, expected] : casesOf(file))
-            all.push_back(changes);
+            all.emplace_back(changes, clientsOf(changes));
+    const size_t cases = all.size();
+    for (size_t seed = session; seed < 300; seed += sessions)
+        all.emplace_back("seed " + std::to_string(seed), changedAtRandom(all[seed % cases].second, seed));
     return all;
 }
 
@@ -247,16 +274,17 @@ Lines fatesInDaemon(test::DaemonWorld& world, const Dictionary& bag, const Scena
 
 TEST(Replay, TellsTheFateOfReportsInTheDaemon) {
     const std::string reports = manyReports();
-    for (const Scenario& given : sessionsOfManyKinds()) {
+    const auto sessions = sessionsOfManyKinds();
+    for (size_t session = 0; session < sessions.size(); ++session) {
+        const Scenario& given = sessions[session];
         test::DaemonWorld world(given.device);
-        world.directory.write("config/Preferences/com.zandor.diagnosticsharing.plist",
-                              test::serialized(Dictionary{{"Enabled", given.consent}}));
-        world.samplingFactor = given.draw;
-        for (const std::string& changes : changesOfAllCases()) {
-            const Dictionary bag = bagOf(clientsOf(changes));
+        world.setConsent(given.consent);
+        world.random = given.draw;
+        for (const auto& [name, clients] : entriesFor(session, sessions.size())) {
+            const Dictionary bag = bagWithClients(clients);
             const std::string replay = replayOf(bag, given, reports);
             for (const std::string& fate : fatesInDaemon(world, bag, given, reports))
-                EXPECT_THAT(replay, HasSubstr(fate)) << changes;
+                EXPECT_THAT(replay, HasSubstr(fate)) << name;
         }
     }
 }
@@ -295,15 +323,15 @@ std::optional<Array> withoutIneffectivePart(Array clients, const Finding& findin
 TEST(Lint, FindingsOfNoEffectAreTrue) {
     const std::string reports = manyReports();
     size_t compared = 0;
-    for (const std::string& changes : changesOfAllCases()) {
-        const Array clients = clientsOf(changes);
-        for (const Finding& finding : lintBag(bagOf(clients))) {
+    for (const auto& [name, clients] : entriesFor(0, 1)) {
+        for (const Finding& finding : lintBag(bagWithClients(clients))) {
             const auto changed = withoutIneffectivePart(clients, finding);
             if (!changed) continue;
             ++compared;
             for (const Scenario& given : sessionsOfManyKinds())
-                EXPECT_EQ(replayOf(bagOf(*changed), given, reports), replayOf(bagOf(clients), given, reports))
-                    << changes << finding.path << finding.text;
+                EXPECT_EQ(replayOf(bagWithClients(*changed), given, reports),
+                          replayOf(bagWithClients(clients), given, reports))
+                    << name << finding.path << finding.text;
         }
     }
     EXPECT_GT(compared, 15u);

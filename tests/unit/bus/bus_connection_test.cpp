@@ -30,6 +30,20 @@ const BusInterface kMethods(kInterface, {{"Fill", {{"bytes", "u"}}, {{"text", "s
                                          {"Fail", {}, {}},
                                          {"Keep", {}, {}}});
 
+const auto kEmpty = [](WireWriter&) { return true; };
+
+MessageView callOf(const char* member, const char* signature, size_t descriptors) {
+    MessageView header;
+    header.type = MessageType::methodCall;
+    header.serial = 1;
+    header.path = kPath;
+    header.interface = kInterface;
+    header.member = member;
+    header.signature = signature;
+    header.descriptors = static_cast<uint32_t>(descriptors);
+    return header;
+}
+
 class BusConnectionTest : public testing::Test {
   protected:
     // A served connection and the future of the reason for its end.
@@ -39,7 +53,8 @@ class BusConnectionTest : public testing::Test {
         std::future<std::string> ended;
     };
 
-    Served serve(BusLimits limits = {}) {
+    Served serve(
+        BusLimits limits = {}, const std::function<void(BusConnection&)>& prepare = [](auto&) {}) {
         test::SocketPair sockets;
         auto bus = BusConnection::make(pool_.makeStrand(), std::move(sockets.ours), BusRole::kServer, limits);
         const auto handle = [this, bus = bus.get()](size_t method,
@@ -60,12 +75,14 @@ class BusConnectionTest : public testing::Test {
             return std::nullopt;
         };
         bus->exportInterface(kPath, kMethods, handle);
+        prepare(*bus);
         auto ended = std::make_shared<std::promise<std::string>>();
         bus->start([ended](const std::string& reason) { ended->set_value(reason); });
         return {bus, std::move(sockets.theirs), ended->get_future()};
     }
     // Runs `work` on the connection's strand and waits for it.
-    static void onStrand(const Served& served, const std::function<void()>& work) {
+    static void onStrand(
+        const Served& served, const std::function<void()>& work = [] {}) {
         std::promise<void> done;
         asio::post(served.bus->strand(), [&] {
             work();
@@ -81,6 +98,18 @@ class BusConnectionTest : public testing::Test {
         SdBusMessage call = peer.newCall(kPath, kInterface, "Fill");
         call.append('u', &size);
         return call;
+    }
+    static uint64_t sendKeep(BusPeer& peer) { return peer.send(peer.newCall(kPath, kInterface, "Keep")); }
+    // Sends calls, and waits until `awaited_` of them are pending, and no other.
+    void keepCalls(const Served& served, BusPeer& peer, int calls) {
+        onStrand(served, [this] {
+            pending_.clear();
+            allPending_ = {};
+        });
+        for (int i = 0; i < calls; ++i)
+            sendKeep(peer);
+        peer.flush();
+        allPending_.get_future().wait();
     }
     static void sendAll(const Served& served, std::string_view bytes) {
         for (ssize_t sent = 1; sent > 0 && !bytes.empty(); bytes.remove_prefix(sent > 0 ? sent : 0))
@@ -121,10 +150,8 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     const SdBusMessage unanswered = fillCall(peer, 1);
     sd_bus_message_set_expect_reply(unanswered.get(), false);
     peer.send(unanswered);
-    uint64_t answered = 0;
     const uint64_t next = peer.send(fillCall(peer, 1));
-    sd_bus_message_get_reply_cookie(peer.receive().get(), &answered);
-    EXPECT_EQ(answered, next);
+    EXPECT_EQ(peer.receive().answeredCookie(), next);
     SdBusMessage description =
         peer.call(peer.newCall(kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
     const char* xml = "";
@@ -139,38 +166,31 @@ TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
     awaited_ = 1;
     Served served = serve();
     BusPeer peer(std::move(served.peer));
-    const uint64_t kept = peer.send(peer.newCall(kPath, kInterface, "Keep"));
+    const uint64_t kept = sendKeep(peer);
     peer.send(fillCall(peer, 1));
     peer.flush();
     allPending_.get_future().wait();
-    onStrand(served, [] {});
+    onStrand(served);
     EXPECT_EQ(filled_, 0u);
-    pending_[0]->reply([](WireWriter&) { return true; });
-    uint64_t answered = 0;
-    sd_bus_message_get_reply_cookie(peer.receive().get(), &answered);
-    EXPECT_EQ(answered, kept);
+    pending_[0]->reply(kEmpty);
+    EXPECT_EQ(peer.receive().answeredCookie(), kept);
     peer.receive();
     EXPECT_EQ(filled_, 1u);
 
-    awaited_ = 2;
-    allPending_ = {};
-    peer.send(peer.newCall(kPath, kInterface, "Keep"));
-    peer.flush();
-    allPending_.get_future().wait();
+    keepCalls(served, peer, 1);
     onStrand(served, [&] { served.bus->close("done"); });
     peer.close();
-    onStrand(served, [] {});
+    onStrand(served);
     EXPECT_EQ(served.ended.wait_for(0s), std::future_status::timeout);
     pending_.clear();  // unanswered
     EXPECT_EQ(served.ended.get(), "done");
 }
 
 TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
-    Served served = serve();
     std::promise<void> asked;
     bool admitted = false;
-    onStrand(served, [&] {
-        served.bus->onAdmission([&] {
+    Served served = serve({}, [&](BusConnection& bus) {
+        bus.onAdmission([&] {
             if (!admitted) asked.set_value();
             return admitted;
         });
@@ -207,53 +227,59 @@ TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
     endAndWait(bystander);
 }
 
-TEST_F(BusConnectionTest, EndsAPeerWhoseMessageIsTooLarge) {
-    BusLimits limits;
-    limits.messageSize = 128 << 10;
-    Served served = serve(limits);
-    // A method call whose header announces a body of 1 MiB.
-    const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
-    sendAll(served, "\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv);
-    sendAll(served, {reinterpret_cast<const char*>(words), sizeof words});
+TEST_F(BusConnectionTest, EndsAPeerWhoseMessageTakesTooMuchRoom) {
+    constexpr size_t kLimit = 128 << 10;
+    for (const char* reason : {"a message is too large", "too much input of the peer's user waits"}) {
+        BusLimits limits;
+        if (*reason == 'a') limits.messageSize = kLimit;
+        Served served =
+            serve(limits, [](auto& bus) { bus.onInputKept([](size_t bytes) { return bytes <= kLimit; }); });
+        // A method call whose header announces a body of 1 MiB.
+        const uint32_t words[] = {0x01000000u | 'l' | 1u << 8, 1u << 20, 1, 0};
+        sendAll(served, "\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv);
+        sendAll(served, {reinterpret_cast<const char*>(words), sizeof words});
 
-    // Each piece is read before the next one comes, as from a peer that is no faster than this end.
-    const std::string piece(8 << 10, '\0');
-    size_t accepted = 0;
-    for (ssize_t sent = 0; (sent = send(served.peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL)) > 0;) {
-        accepted += static_cast<size_t>(sent);
-        for (int unread = 1; unread > 0 && ioctl(served.peer.get(), SIOCOUTQ, &unread) == 0;)
-            std::this_thread::yield();
-        onStrand(served, [] {});
+        // Each piece is read before the next one comes, as from a peer that is no faster than this end.
+        const std::string piece(8 << 10, '\0');
+        size_t accepted = 0;
+        for (ssize_t sent = 0;
+             (sent = send(served.peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL)) > 0;) {
+            accepted += static_cast<size_t>(sent);
+            for (int unread = 1; unread > 0 && ioctl(served.peer.get(), SIOCOUTQ, &unread) == 0;)
+                std::this_thread::yield();
+            onStrand(served);
+        }
+        EXPECT_LT(accepted, 2 * kLimit);
+        EXPECT_EQ(served.ended.get(), reason);
     }
-    EXPECT_LT(accepted, 2 * limits.messageSize);
-    EXPECT_EQ(served.ended.get(), "a message is too large");
 }
 
 TEST_F(BusConnectionTest, EndsAPeerThatViolatesTheMessageFormat) {
+    order_ = BusCallOrder::kExclusive;
+    awaited_ = 1;
     const struct {
         const char *method, *signature, *reason;
         uint32_t descriptors;
     } cases[] = {
         {"Fill", "u", "bytes are left after the last value", 0},
+        {"Keep", "", "bytes are left after the last value", 0},  // ends after its answer
         {"Unknown", "bu", "a boolean is neither 0 nor 1", 0},
         {"Fill", "uu", "a file descriptor did not come with its message", 1},
     };
     for (const auto& c : cases) {
         Served served = serve();
         std::string bytes(ClientAuthentication::greeting());
-        MessageView header;
-        header.type = MessageType::methodCall;
-        header.serial = 1;
-        header.path = kPath;
-        header.interface = kInterface;
-        header.member = c.method;
-        header.signature = c.signature;
-        header.descriptors = c.descriptors;
-        WireWriter writer(bytes, header);
+        WireWriter writer(bytes, callOf(c.method, c.signature, c.descriptors));
         writer.append(uint32_t{2});
         writer.append(uint32_t{2});
         ASSERT_TRUE(writer.finish(1024));
         sendAll(served, bytes);
+        if (c.method == "Keep"sv) {
+            allPending_.get_future().wait();
+            onStrand(served);
+            EXPECT_EQ(served.ended.wait_for(0s), std::future_status::timeout);
+            pending_.clear();
+        }
         EXPECT_EQ(served.ended.get(), c.reason);
     }
 }
@@ -285,11 +311,10 @@ TEST_F(BusConnectionTest, AClientThatClosesHasSentItsCalls) {
     });
     answered.get_future().wait();
     asio::post(client->strand(), [&] {
-        for (int i = 0; i < 2; ++i)
-            EXPECT_TRUE(
-                client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
+        const auto keep = [&] { return client->sendOneWay({kPath, kInterface, "Keep", ""}, kEmpty); };
+        EXPECT_TRUE(keep() && keep());
         client->close("done");
-        EXPECT_FALSE(client->sendOneWay({kPath, kInterface, "Keep", ""}, [](WireWriter&) { return true; }));
+        EXPECT_FALSE(keep());
         tried.set_value();
     });
     allPending_.get_future().wait();
@@ -305,22 +330,16 @@ TEST_F(BusConnectionTest, LetsAPeerThatStillWritesReadItsLastAnswers) {
         constexpr int kAnswers = 8;
         for (int i = 0; i < kAnswers; ++i)
             peer.send(fillCall(peer, bytes));
-        for (int i = 0; i < 2; ++i)
-            peer.send(peer.newCall(kPath, kInterface, "Keep"));
-        peer.flush();
-        allPending_.get_future().wait();
+        keepCalls(served, peer, 2);
         endAndWait(served);
-        peer.send(peer.newCall(kPath, kInterface, "Keep"));
+        sendKeep(peer);
         peer.flush();
         int answers = 0;
         while (peer.receive())
             ++answers;
         EXPECT_EQ(answers, kAnswers);
-        onStrand(served, [&] {
-            EXPECT_EQ(pending_.size(), 2u) << "calls after the end are not carried out";
-            pending_.clear();
-            allPending_ = {};
-        });
+        onStrand(served,
+                 [&] { EXPECT_EQ(pending_.size(), 2u) << "calls after the end are not carried out"; });
     }
 }
 
@@ -348,48 +367,31 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     limits.pendingCalls = 2;
     Served served = serve(limits);
     BusPeer peer(std::move(served.peer));
-    for (int i = 0; i < 3; ++i)
-        peer.send(peer.newCall(kPath, kInterface, "Keep"));
-    peer.flush();
-    allPending_.get_future().wait();
+    keepCalls(served, peer, 3);
     onStrand(served, [&] { EXPECT_EQ(pending_.size(), 2u); });
-    auto first = pending_[0];
-    first->reply([](WireWriter&) { return true; });  // makes room for the third
-    first->reply([](WireWriter&) { return true; });  // and once only
+    for (int i = 0; i < 2; ++i)
+        pending_[0]->reply(kEmpty);  // makes room for the third, and once only
     EXPECT_EQ(errorName(peer.receive()), "");
-    first.reset();
-    onStrand(served, [&] {
-        pending_.clear();  // makes room as well
-        allPending_ = {};
-    });
+    onStrand(served, [&] { pending_.clear(); });  // makes room as well
     EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
 
     // The hang-up of a peer whose input is paused is noticed; later answers are dropped.
-    for (int i = 0; i < 3; ++i)
-        peer.send(peer.newCall(kPath, kInterface, "Keep"));
-    peer.flush();
-    allPending_.get_future().wait();
+    keepCalls(served, peer, 3);
     peer.close();
     served.ended.wait();
     for (const auto& call : pending_)
-        call->reply([](WireWriter&) { return true; });
+        call->reply(kEmpty);
 }
 
 TEST(BusBuffersTest, CarryEachMessageWithItsDescriptors) {
     test::SocketPair sockets;
     BusOutput output;
     for (const size_t count : {size_t{1}, size_t{2}, kMaxDescriptors, size_t{1}}) {
-        MessageView header;
-        header.type = MessageType::methodCall;
-        header.serial = 1;
-        header.path = "/";
-        header.member = "M";
-        header.descriptors = static_cast<uint32_t>(count);
         std::vector<UniqueFd> descriptors(count);
         for (UniqueFd& descriptor : descriptors)
             descriptor.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
         output.attach(output.buffer().size(), std::move(descriptors));
-        ASSERT_TRUE(WireWriter(output.buffer(), header).finish(1 << 10));
+        ASSERT_TRUE(WireWriter(output.buffer(), callOf("M", "", count)).finish(1 << 10));
     }
     EXPECT_TRUE(output.flush(sockets.ours.get()).value_or(false));
     BusInput input(1 << 10);

@@ -15,6 +15,10 @@ using testing::Contains;
 using testing::HasSubstr;
 
 struct AgentTest : testing::Test {
+    std::optional<std::string> parentOf(const FakeConnection& child) {
+        return world.agent.hierarchies().parentSessionIDStringForSession(child.session());
+    }
+
     LogCapture log;
     DaemonWorld world;
 };
@@ -60,19 +64,22 @@ TEST_F(AgentRegistry, OnlyATrueEntitlementLetsAPeerIn) {
 }
 
 TEST_F(AgentRegistry, AnEndedConnectionLeavesNothingBehind) {
-    const auto parent = world.connectConfigured(1, {{"token", 0}});
-    const auto child = world.connectConfigured(2, {{"token", 1}});
-    const auto third = world.connect();
-    const std::weak_ptr<TelvoradSession> session = parent->session().weak_from_this();
-    parent->invalidate();
-    EXPECT_TRUE(session.expired());
-    EXPECT_EQ(world.agent.sessionCount(), 2U);
-    EXPECT_EQ(world.agent.sessionsAlive(), 2U);
-    EXPECT_EQ(world.agent.hierarchies().parentSessionIDStringForSession(child->session()), std::nullopt);
-    EXPECT_FALSE(world.isIdle());
-    world.agent.invalidateAllConnections();
-    EXPECT_EQ(world.agent.sessionsAlive(), 0U);
-    EXPECT_TRUE(world.isIdle());
+    for (const bool leavesItsHierarchyBefore : {false, true}) {
+        const auto parent = world.connectConfigured(1, {{"token", 0}});
+        const auto child = world.connectConfigured(2, {{"token", 1}});
+        const std::weak_ptr<TelvoradSession> session = parent->session().weak_from_this();
+        if (leavesItsHierarchyBefore)
+            parent->session().setSessionInfo(sessionInfoFor(1), std::nullopt, {}, false);
+        parent->invalidate();
+        EXPECT_TRUE(session.expired());
+        EXPECT_EQ(world.agent.sessionCount(), 1U);
+        EXPECT_EQ(world.agent.sessionsAlive(), 1U);
+        EXPECT_EQ(parentOf(*child), std::nullopt);
+        EXPECT_FALSE(world.isIdle());
+        world.agent.invalidateAllConnections();
+        EXPECT_EQ(world.agent.sessionsAlive(), 0U);
+        EXPECT_TRUE(world.isIdle());
+    }
 }
 
 TEST_F(AgentRegistry, EachUsersRefusalsTakeALineAMinute) {
@@ -113,28 +120,26 @@ TEST_F(AgentTest, WhatASessionKeepsOfItsClientIsBounded) {
     const auto connection = world.connect();
     TelvoradSession& session = connection->session();
     Dictionary info = sessionInfoFor(1);
-    session.setSessionInfo(info, Dictionary{{"name", "c"}}, {}, false);
+    const Dictionary user{{"name", "c"}}, large{{"name", std::string(70'000, 'x')}};
+    session.setSessionInfo(info, user, {}, false);
     EXPECT_EQ(*session.sessionInfo(), info);
-    const std::string large(70'000, 'x');
-    session.setSessionInfo(sessionInfoFor(1, {{std::string(513, 't'), 0}}), Dictionary{{"name", large}}, {},
-                           false);
+    session.setSessionInfo(sessionInfoFor(1, {{std::string(513, 't'), 0}}), large, {}, false);
     EXPECT_TRUE(session.sessionInfo()->empty());
     EXPECT_EQ(session.hierarchyToken(), std::nullopt);
     EXPECT_EQ(session.userInfo(), nullptr);
-    info.set("more", large);
-    session.setSessionInfo(info, Dictionary{{"name", "c"}}, {}, false);
+    info.merge(large);
+    session.setSessionInfo(info, user, {}, false);
     EXPECT_TRUE(session.sessionInfo()->empty());
-    session.fetchStatesWithUserInfo(Dictionary{{"name", large}}, {});
-    EXPECT_EQ(*session.userInfo(), (Dictionary{{"name", "c"}})) << "ignored";
-    const auto uses = world.quotas.uses();
-    EXPECT_LT(uses.begin()->second[static_cast<size_t>(Quota::sessionBytes)].held, 1000U);
+    session.fetchStatesWithUserInfo(large, {});
+    EXPECT_EQ(*session.userInfo(), user) << "ignored";
+    const auto users = world.quotas.uses();
+    const auto& uses = users.begin()->second;
+    EXPECT_THAT(uses[static_cast<size_t>(Quota::sessionBytes)].held,
+                testing::AllOf(testing::Gt(0U), testing::Lt(1000U)));
 
     std::vector<std::shared_ptr<FakeConnection>> family;
     for (uint32_t i = 0; i <= SessionHierarchies::kMaxSessions; ++i)
         family.push_back(world.connectConfigured(i, {{"t", i == 0 ? 0 : 1}}));
-    const auto parentOf = [&](const FakeConnection& child) {
-        return world.agent.hierarchies().parentSessionIDStringForSession(child.session());
-    };
     EXPECT_EQ(parentOf(*family[255]), family[0]->session().sessionIDString());
     EXPECT_EQ(parentOf(*family[256]), std::nullopt) << "one session too many";
 }
@@ -145,16 +150,6 @@ struct AgentHierarchy : AgentTest {
         world.serveBag(DaemonWorld::reportingBag({{"expedite", 0}, {"event_threshold", 1000}}));
     }
 };
-
-TEST_F(AgentHierarchy, AGivenUpTokenDoesNotOutliveTheSession) {
-    const auto top = world.connectConfigured(1, {{"t", 0}});
-    const std::weak_ptr<const TelvoradSession> session = top->session().weak_from_this();
-    top->session().setSessionInfo(sessionInfoFor(1), std::nullopt, {}, false);
-    top->invalidate();
-    EXPECT_TRUE(session.expired());
-    const auto child = world.connectConfigured(2, {{"t", 1}});
-    EXPECT_EQ(world.agent.hierarchies().parentSessionIDStringForSession(child->session()), std::nullopt);
-}
 
 TEST_F(AgentHierarchy, HeldReportsGoOutUnderTheCombinedID) {
     const auto child = world.connectConfigured(2, {{"t", 1}});
@@ -188,7 +183,7 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
     world.agent.hierarchies().updateDownstreamSessions(top->session());
     EXPECT_THAT(states(*orphan), testing::Optional(testing::IsEmpty()));
 
-    world.samplingFactor = 0.6;
+    world.random = 0.6;
     const struct {
         double parents, own;  // thresholds
         const char* state;
@@ -362,11 +357,21 @@ TEST_F(AgentStorebags, RequestsWaitInOrderForTheFetchesBeforeThem) {
     request(*first, '4');
     EXPECT_EQ(world.bagRequests(), 1U) << "one fetch at a time";
     const auto answer = FakeHttpClient::response(200, signedDocument(bagOfVersion("1", 600)));
+    // Further calls of the sessions of hierarchies wait, too.
+    const auto member = world.connect();
+    member->session().setSessionInfo(sessionInfoFor(1, {{"t", 0}}), std::nullopt, {}, false);
+    const auto mayCall = [&](FakeConnection& connection, bool resumed) {
+        return connection.mayHandle(resumed, [&order] { order += 'r'; });
+    };
+    EXPECT_TRUE(mayCall(*first, false));
+    EXPECT_TRUE(mayCall(*member, true)) << "it has waited once";
+    EXPECT_FALSE(mayCall(*member, false));
     world.http.complete(answer);
     EXPECT_EQ(order, "12");
     EXPECT_EQ(world.bagRequests(), 2U);
     world.http.complete(FakeHttpClient::failure("down"));
-    EXPECT_EQ(order, "12-4");
+    EXPECT_EQ(order, "12-4r");
+    EXPECT_TRUE(mayCall(*member, false));
     EXPECT_EQ(world.bagRequests(), 2U);
 }
 

@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include "tests/support/forked_child.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/unix_socket.h"
 
 namespace telvora {
 namespace {
@@ -25,12 +25,7 @@ bool hasFlags(int fd) {
 class ListeningSocketTest : public testing::Test {
   protected:
     auto open(const std::string& name = kName) { return makeListeningSocket(directory_.path() / name); }
-    bool connects() {
-        sockaddr_un address{AF_UNIX, {}};
-        path_.native().copy(address.sun_path, sizeof address.sun_path - 1);
-        const UniqueFd client(socket(AF_UNIX, SOCK_STREAM, 0));
-        return connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
+    bool connects() { return static_cast<bool>(test::connectedSocket(path_)); }
     // Takes over in a child that was handed `fds` under the names (separated by colons). The failure, if any.
     static std::string takeHandedOver(const std::vector<int>& fds, const char* names) {
         return test::inForkedChild([&](const ChildReport& report) {

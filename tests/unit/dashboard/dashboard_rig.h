@@ -7,19 +7,14 @@
 
 #include <algorithm>
 
-#include "async/virtual_network.h"
 #include "dashboard/dashboard_backend.h"
-#include "tests/unit/backends/backend_rig.h"
+#include "tests/support/backend_rig.h"
 
 namespace telvora::test {
 
 using namespace std::chrono_literals;
 
 struct DashboardRig : BackendRig {
-    DashboardRig() {
-        services.makeNetworkQueue = [this] { return network.makeQueue(); };
-    }
-
     static Dictionary collectorProfile(const Dictionary& changes = {}) {
         return Dictionary::merged({{"ip", "192.0.2.1"}, {"port", 5000}}, Dictionary(changes));
     }
@@ -52,7 +47,6 @@ struct DashboardRig : BackendRig {
         return numbers;
     }
 
-    VirtualNetwork network;
     LogCapture log;
 };
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include "session/backend_factory.h"
 #include "telvora/keys.h"
 #include "tests/support/daemon_world.h"
-#include "tests/support/log_capture.h"
 #include "util/file_url.h"
 
 namespace telvora::test {
@@ -11,7 +11,7 @@ namespace {
 
 using testing::ElementsAre;
 
-const Dictionary kUser{{kTelvoraUserInfoClientName, "client"}, {kTelvoraUserInfoServiceName, "service"}};
+const Dictionary kUser = userInfoOf("client", "service");
 
 // A daemon whose sessions report.
 struct SessionTest : testing::Test {
@@ -163,19 +163,33 @@ TEST_F(SessionTest, TheEndSendsTheEndMessageWithTheBagsVersion) {
     const Dictionary end = world.postedEvents().back();
     EXPECT_EQ(end.integer("_method"), 0);
     EXPECT_EQ(end.integer("_status"), 1);
-    EXPECT_EQ(*end.string("StorebagVersion"), "1");
+    EXPECT_EQ(*end.string("StorebagVersion"), "1.0");
     EXPECT_EQ(end.integer("Opt"), 0);
 }
 
+TEST(BackendFactory, MakesTheBackendOfTheName) {
+    const BackendProfile profile = profileOf({{"clients", Array{}}});
+    const SharedIdentity identity = shared(identityOf(7));
+    const BackendRig rig, halcyra({{"ProductType", "Halcyra"}});  // has no metrics adaptor
+    for (const char* name : {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2}) {
+        const auto backend = newBackendWithName(rig.services, name, profile, identity);
+        ASSERT_NE(backend, nullptr);
+        EXPECT_EQ(backend->name(), name);
+    }
+    for (const char* name : {"refresh_cycle", "httppost", "", kTelvoraBackendVodex}) {
+        const LogCapture log;
+        EXPECT_EQ(newBackendWithName(halcyra.services, name, profile, identity), nullptr);
+        EXPECT_TRUE(log.contains(std::string("<3>TelvoraBackend(newBackendWithName): ") + name));
+    }
+}
+
 TEST(FileURL, GivesItsPath) {
-    const struct {
-        const char* url;
-        const char* path;
-    } cases[] = {{"file:///a%20b", "/a b"},  {"file://localhost/x", "/x"}, {"file:/x", "/x"},
-                 {"/plain%20", "/plain%20"}, {"file://other/x", ""},       {"file:///a%2", ""},
-                 {"file:///a%zz", ""},       {"file:///a%00b", ""},        {"file:///%C3%A4%25", "/ä%"}};
-    for (const auto& c : cases)
-        EXPECT_EQ(pathOfFileURL(c.url), c.path) << c.url;
+    const std::pair<const char*, const char*> cases[] = {
+        {"file:///a%20b", "/a b"},  {"file://localhost/x", "/x"}, {"file:/x", "/x"},
+        {"/plain%20", "/plain%20"}, {"file://other/x", ""},       {"file:///a%2", ""},
+        {"file:///a%zz", ""},       {"file:///a%00b", ""},        {"file:///%C3%A4%25", "/ä%"}};
+    for (const auto& [url, path] : cases)
+        EXPECT_EQ(pathOfFileURL(url), path) << url;
 }
 
 }  // namespace

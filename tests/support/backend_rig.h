@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// BackendRig: the services of a backend, with a fake HTTP client and fixed values. Also makes identities.
+// BackendRig: the services of a backend, with a fake HTTP client, a virtual clock and network, and fixed
+// values. Also makes identities.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "async/virtual_network.h"
 #include "backends/telvora_backend.h"
 #include "telvora/keys.h"
 #include "tests/support/fake_http_client.h"
@@ -24,21 +30,28 @@ struct BackendRig {
     }
 
     TemporaryDirectory directory;
-    UserDefaults defaults{directory.path() / "etc", directory.path() / "state"};
+    UserDefaults defaults{directory.path() / "config", directory.path() / "state"};
     DeviceProperties properties;
     DeviceIdentity identity{properties, defaults};
     Environment environment{defaults, identity};
     FakeHttpClient http;
+    VirtualNetwork network;
+    double now = 1447660800.25;  // seconds since 1970, as kNow
     std::optional<std::string> country = "CH";
-    double random = 0.3;
+    double random = 0.3;  // the sampling draw of every backend
     BackendServices services{.http = http,
                              .identity = identity,
                              .environment = environment,
                              .defaults = defaults,
-                             .clock = [] { return kNow; },
+                             .clock =
+                                 [this] {
+                                     return TimeValue{static_cast<int32_t>(now),
+                                                      static_cast<int32_t>(std::fmod(now, 1.0) * 1000000)};
+                                 },
                              .countryCode = [this] { return country; },
                              .timeZoneOffsetSeconds = [] { return 3600L; },
-                             .random = [this] { return random; }};
+                             .random = [this] { return random; },
+                             .makeNetworkQueue = [this] { return network.makeQueue(); }};
 };
 
 // An identity of this client type.
