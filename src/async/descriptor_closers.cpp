@@ -22,7 +22,7 @@ namespace telvora {
 namespace {
 
 constexpr std::chrono::seconds kIdleTime{5};
-constexpr size_t kStackBytes = size_t{256} << 10;
+constexpr size_t kCloserStackBytes = size_t{256} << 10;
 constexpr size_t kDescriptorsOfOneMessage = 253;  // SCM_MAX_FD
 // Reads of a connection that is closed: as many as its unread messages can need at most.
 constexpr int kMaxDrainReads = 1024;
@@ -128,7 +128,7 @@ void DescriptorClosers::State::startThread() {
     auto self = std::make_unique<std::shared_ptr<State>>(shared_from_this());
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, kStackBytes);
+    pthread_attr_setstacksize(&attributes, kCloserStackBytes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread{};
     const int error = pthread_create(&thread, &attributes, &State::threadMain, self.get());
