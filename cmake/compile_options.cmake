@@ -30,6 +30,11 @@ else()
   add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed -Wl,--gc-sections)
 endif()
 
+if(TELVORA_LIBFUZZER)
+  add_compile_options(-fsanitize=fuzzer-no-link -fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
+endif()
+
 # Asio without Boost, and without its exceptions reaching a handler: every call here takes an error_code.
 add_compile_definitions(ASIO_STANDALONE ASIO_NO_DEPRECATED _GNU_SOURCE)
 # asio decides on aligned_alloc(3) by a macro that it sees only where a header of libstdc++ came before it, so

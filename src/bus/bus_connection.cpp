@@ -227,7 +227,9 @@ void BusConnection::flushSoon() {
 void BusConnection::waitForMore() {
     if (!descriptor_.is_open()) return;
     if (readPaused()) return hungUp_ ? void() : waitFor(kHangUp);
-    if (!input_.hasMessage() && !inputEnded_) return waitFor(kRead);
+    // Before the authentication is done, the bytes that wait are an unfinished line.
+    const bool hasMessage = state_ == State::ready && input_.hasMessage();
+    if (!hasMessage && !inputEnded_) return waitFor(kRead);
     if (std::exchange(turnPosted_, true)) return;
     asio::post(strand_, [self = shared_from_this()] {
         self->turnPosted_ = false;

@@ -123,6 +123,7 @@ CurlTransfer* CurlEngine::freeTransfer() {
         return transfers_.back().get();
     }
     CurlTransfer* transfer = freeTransfers_.back();
+    if (!transfer->renew(options_)) return nullptr;
     freeTransfers_.pop_back();
     return transfer;
 }

@@ -30,7 +30,8 @@ namespace telvora {
     F(multiPoll, curl_multi_poll)                  \
     F(multiWakeup, curl_multi_wakeup)              \
     F(multiInfoRead, curl_multi_info_read)         \
-    F(multiStrerror, curl_multi_strerror)
+    F(multiStrerror, curl_multi_strerror)          \
+    F(versionInfo, curl_version_info)
 
 class CurlLibrary {
   public:

@@ -16,6 +16,9 @@ constexpr long kConnectTimeoutMilliseconds = 15000;
 // bytes.
 constexpr long kLeastBytesPerSecond = 1024;
 constexpr long kCaCacheSeconds = 3600;
+// Older releases keep a pointer to the last header of an answer in the handle. They free and write that
+// memory again when the next answer begins with a folded line.
+constexpr unsigned kReusableSince = 0x080101;
 constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
 
 bool hasHeader(const HttpRequest& request, std::string_view name) {
@@ -58,6 +61,14 @@ CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions&
 
 CurlTransfer::~CurlTransfer() {
     curl_.easyCleanup(easy_);
+}
+
+bool CurlTransfer::renew(const CurlHttpClientOptions& options) {
+    if (easy_ != nullptr && curl_.versionInfo(CURLVERSION_NOW)->version_num >= kReusableSince) return true;
+    curl_.easyCleanup(easy_);
+    easy_ = curl_.easyInit();
+    if (easy_ != nullptr) setConstantOptions(options);
+    return easy_ != nullptr;
 }
 
 CurlTransfer& CurlTransfer::of(const CurlLibrary& curl, CURL* handle) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // One libcurl easy handle and the exchange that it currently carries. Handles are reused, because setting up
-// a new one costs more than a small post. Belongs to the HTTP thread.
+// a new one costs more than a small post; those of old releases of libcurl are not (renew()). Belongs to the
+// HTTP thread.
 #pragma once
 
 #include <array>
@@ -25,6 +26,9 @@ class CurlTransfer {
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+    // Prepares a free transfer for another exchange; false when libcurl has no memory left.
+    bool renew(const CurlHttpClientOptions& options);
 
     // The transfer that a handle belongs to.
     static CurlTransfer& of(const CurlLibrary& curl, CURL* handle);
