@@ -64,7 +64,7 @@ void tryInput(std::string_view bytes) {
     network.sent.clear();
     network.runFor(2 * kPeriod + std::chrono::milliseconds(200));
     require(std::equal(network.sent.begin(), network.sent.end(), waiting.begin(), waiting.end()),
-            "what is not acknowledged is sent again");
+            "an unacknowledged report is sent again");
     network.runFor(30 * kPeriod);
     require(network.sent.size() == 4 * waiting.size(), "a report is sent again four times at most");
     require(network.armedTimers == 0, "an idle transport has no timer");

@@ -41,7 +41,7 @@ Outcome authenticate(std::string_view bytes, size_t pieceSize) {
         state = end.advance(rest);
         kept.erase(0, kept.size() - rest.size());
         require(state != AuthenticationState::running || kept.size() <= kMaxAuthenticationSize,
-                "what waits is bounded");
+                "waiting bytes are bounded");
     }
     require(end.output.size() <= 8 * kMaxAuthenticationSize, "the answers are bounded");
     const bool done = state == AuthenticationState::done;

@@ -94,7 +94,7 @@ void tryInput(std::string_view bytes) {
                         "a message has its descriptors");
                 rewrite(**view);
             }
-            require(reader.bytes().size() <= kMessageLimit + kReadSize, "what waits is bounded");
+            require(reader.bytes().size() <= kMessageLimit + kReadSize, "waiting bytes are bounded");
             failed = !reader.keepRest() || failed;
         }
         // Too many descriptors end a stream earlier.

@@ -21,7 +21,7 @@ double processorSeconds() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace telvora::fuzz;
-    // What is made once does not count.
+    // Objects that the first call makes do not count.
     static const bool prepared = (tryInput({}), true);
     static_cast<void>(prepared);
     const double start = processorSeconds();
