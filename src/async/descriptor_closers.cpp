@@ -23,7 +23,6 @@ namespace {
 
 constexpr std::chrono::seconds kIdleTime{5};
 constexpr size_t kCloserStackBytes = size_t{256} << 10;
-constexpr size_t kDescriptorsOfOneMessage = 253;  // SCM_MAX_FD
 // Reads of a connection that is closed: as many as its unread messages can need at most.
 constexpr int kMaxDrainReads = 1024;
 
@@ -42,6 +41,18 @@ void withoutLinger(int fd) {
 void passDescriptors(int socket, bool pass) {
     const int value = pass ? 1 : 0;
     setsockopt(socket, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof value);
+}
+
+std::vector<int> descriptorsOf(msghdr& message) {
+    std::vector<int> descriptors;
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
+        const size_t size = part->cmsg_len - CMSG_LEN(0);
+        for (size_t at = 0; at + sizeof(int) <= size; at += sizeof(int)) {
+            std::memcpy(&descriptors.emplace_back(), CMSG_DATA(part) + at, sizeof(int));
+        }
+    }
+    return descriptors;
 }
 
 struct DescriptorClosers::State : std::enable_shared_from_this<State> {
@@ -83,7 +94,7 @@ class DescriptorClosers::State::Line final : public FdCloser, public std::enable
     void releaseOne() override { --count; }
     void close(int fd) override { state_->add(shared_from_this(), {fd, false}); }
     std::shared_ptr<FdCloser> ofReceived() override { return shared_from_this(); }
-    bool hasRoom() const override { return count + kDescriptorsOfOneMessage <= kMaxDescriptorsOfUser; }
+    bool hasRoom() const override { return count + kMostDescriptorsOfAMessage <= kMaxDescriptorsOfUser; }
 
     std::atomic<size_t> count{0};  // open
     // The state's mutex guards both.
@@ -196,25 +207,19 @@ void DescriptorClosers::State::drain(int connection) const {
     shutdown(connection, SHUT_RDWR);
     for (int reads = 0; reads < kMaxDrainReads; ++reads) {
         std::array<char, 4096> bytes;
-        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * kDescriptorsOfOneMessage)> control;
+        ReceivedDescriptors control;
         iovec part{bytes.data(), bytes.size()};
         msghdr message{};
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
+        message.msg_control = control.bytes;
+        message.msg_controllen = sizeof control.bytes;
         const ssize_t received = recvmsg(connection, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
         if (received < 0 && errno == EINTR) continue;
         if (received <= 0) return;
-        for (cmsghdr* rights = CMSG_FIRSTHDR(&message); rights != nullptr;
-             rights = CMSG_NXTHDR(&message, rights)) {
-            if (rights->cmsg_level != SOL_SOCKET || rights->cmsg_type != SCM_RIGHTS) continue;
-            for (size_t at = CMSG_LEN(0); at + sizeof(int) <= rights->cmsg_len; at += sizeof(int)) {
-                int fd = -1;
-                std::memcpy(&fd, reinterpret_cast<const char*>(rights) + at, sizeof fd);
-                withoutLinger(fd);
-                closeFd(fd);
-            }
+        for (const int fd : descriptorsOf(message)) {
+            withoutLinger(fd);
+            closeFd(fd);
         }
     }
 }

@@ -11,11 +11,13 @@
 // All operations are callable from any thread.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "util/unique_fd.h"
 
@@ -24,6 +26,18 @@ namespace telvora {
 // Whether the kernel lets the peer of a Unix socket, or the peers of a listening one, send descriptors:
 // option SO_PASSRIGHTS, on by default. Without effect before Linux 6.16.
 void passDescriptors(int socket, bool pass);
+
+// The most descriptors that one message can bring: SCM_MAX_FD, unix(7).
+inline constexpr size_t kMostDescriptorsOfAMessage = 253;
+
+// Room for all of them in a recvmsg(2). With less room, the kernel closes the others on the calling thread.
+union ReceivedDescriptors {
+    cmsghdr alignment;
+    char bytes[CMSG_SPACE(sizeof(int) * kMostDescriptorsOfAMessage)];
+};
+
+// The descriptors that recvmsg(2) brought. They are the caller's.
+std::vector<int> descriptorsOf(msghdr& message);
 
 class DescriptorClosers {
   public:

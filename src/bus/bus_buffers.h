@@ -12,7 +12,7 @@ namespace telvora {
 // Capacity in bytes that an empty buffer keeps: a connection without traffic holds no more.
 inline constexpr size_t kIdleBufferSize = 1024;
 
-// Of one recvmsg(2) or sendmsg(2), and of the descriptors that wait for their message. A sender may put more
+// Of one sendmsg(2), and of the descriptors that wait for their message. A sender may put more
 // into a message, but no operation here takes so many, and each costs the process one of its own.
 inline constexpr size_t kMaxDescriptors = 16;
 

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <memory>
 
+#include "async/descriptor_closers.h"
 #include "bus/bus_buffers.h"
 #include "util/error_text.h"
 
@@ -25,19 +25,6 @@ char* threadBuffer() {
     return buffer.get();
 }
 
-void collectDescriptors(msghdr& message, const std::shared_ptr<FdCloser>& closer,
-                        std::vector<UniqueFd>& descriptors) {
-    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
-        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
-        const size_t size = part->cmsg_len - CMSG_LEN(0);
-        for (size_t at = 0; at + sizeof(int) <= size; at += sizeof(int)) {
-            int descriptor = -1;
-            std::memcpy(&descriptor, CMSG_DATA(part) + at, sizeof descriptor);
-            descriptors.emplace_back(descriptor, closer);
-        }
-    }
-}
-
 }  // namespace
 
 tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
@@ -50,7 +37,7 @@ tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
         target = kept_.data() + before;
     }
     iovec bytes{target, kReadSize};
-    DescriptorSpace space;
+    ReceivedDescriptors space;
     msghdr message{};
     message.msg_iov = &bytes;
     message.msg_iovlen = 1;
@@ -67,7 +54,8 @@ tl::expected<BusInput::Received, std::string> BusInput::receive(int socket) {
         if (error == ECONNRESET) return Received::end;
         return tl::unexpected(errorText(error));
     }
-    collectDescriptors(message, closer_, descriptors_);
+    for (const int descriptor : descriptorsOf(message))
+        descriptors_.emplace_back(descriptor, closer_);
     if ((message.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxDescriptors)
         return tl::unexpected(std::string("too many file descriptors wait for their message"));
     return received == 0 ? Received::end : Received::data;

@@ -10,10 +10,12 @@
 #include <future>
 #include <thread>
 
+#include "async/descriptor_closers.h"
 #include "bus/bus_buffers.h"
 #include "bus/bus_input.h"
 #include "bus/bus_output.h"
 #include "tests/support/bus_peer.h"
+#include "tests/support/hostile_descriptors.h"
 #include "wire/wire_writer.h"
 
 namespace telvora {
@@ -368,9 +370,13 @@ TEST_F(BusConnectionTest, PausesReadingWhileCallsArePending) {
     Served served = serve(limits);
     BusPeer peer(std::move(served.peer));
     keepCalls(served, peer, 3);
-    onStrand(served, [&] { EXPECT_EQ(pending_.size(), 2u); });
+    std::shared_ptr<PendingCall> first;  // the strand adds the third to the others meanwhile
+    onStrand(served, [&] {
+        EXPECT_EQ(pending_.size(), 2u);
+        first = pending_.at(0);
+    });
     for (int i = 0; i < 2; ++i)
-        pending_[0]->reply(kEmpty);  // makes room for the third, and once only
+        first->reply(kEmpty);  // makes room for the third, and once only
     EXPECT_EQ(errorName(peer.receive()), "");
     onStrand(served, [&] { pending_.clear(); });  // makes room as well
     EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
@@ -406,6 +412,24 @@ TEST(BusBuffersTest, CarryEachMessageWithItsDescriptors) {
     }
     EXPECT_TRUE(input.receive(sockets.theirs.get()).has_value());
     EXPECT_FALSE(input.receive(sockets.theirs.get()).has_value()) << "more than may wait";
+}
+
+TEST(BusInputTest, ClosesNoDescriptorItself) {
+    const UniqueFd listener = test::silentListener();
+    DescriptorClosers closers;
+    test::SocketPair sockets;
+    const UniqueFd ours(sockets.ours.release(), closers.of(5));
+    {
+        const UniqueFd harmless(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const UniqueFd lingering = test::lingeringSocket(listener);
+        std::vector<int> descriptors(60, harmless.get());
+        descriptors.push_back(lingering.get());
+        ASSERT_TRUE(test::sendWith(sockets.theirs.get(), "x", descriptors));
+    }
+    BusInput input(1024, ours.closer()->ofReceived());
+    const auto received = input.receive(ours.get());
+    ASSERT_FALSE(received);
+    EXPECT_EQ(received.error(), "too many file descriptors wait for their message");
 }
 
 }  // namespace
