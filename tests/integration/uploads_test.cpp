@@ -188,6 +188,12 @@ TEST_F(Uploads, HoldABoundedNumberOfTokensPerConnection) {
         return std::count_if(begin(all), end(all),
                              [&](const auto& entry) { return read_symlink(entry.path(), gone) == log; });
     };
+    // No answer marks that the daemon has closed a descriptor: the test asks repeatedly.
+    const auto expectHeld = [&](int count) {
+        for (int answers = 0; held() != count && answers < 100'000; ++answers)
+            session_->fetchStates();
+        EXPECT_EQ(held(), count);
+    };
     std::string last;
     for (int i = 0; i < 1000; ++i) {
         const auto token = session_->issueFileExtension(log, descriptor.get());
@@ -195,17 +201,13 @@ TEST_F(Uploads, HoldABoundedNumberOfTokensPerConnection) {
         if (i < 64) last = *token;
         ASSERT_TRUE(i < 64 || token.error() == kInvalid + "Too many extensions are unused");
     }
-    session_->fetchStates();  // its answer follows the closing of the last refused descriptor
-    EXPECT_EQ(held(), 64);
+    expectHeld(64);
     // A used token makes room for one more. Other clients are not affected. The session's end closes all.
     EXPECT_TRUE(session_->uploadFile(log, last));
     EXPECT_TRUE(session_->issueFileExtension(log, descriptor.get()));
     EXPECT_TRUE(open()->issueFileExtension(log, descriptor.get()));
     session_ = open();
-    // No answer marks the end of another connection: the test asks repeatedly.
-    for (int answers = 0; held() != 0 && answers < 100'000; ++answers)
-        session_->fetchStates();
-    EXPECT_EQ(held(), 0);
+    expectHeld(0);
 }
 
 TEST_F(Uploads, LargeOrHangingHoldUpNobodyElse) {
