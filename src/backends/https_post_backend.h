@@ -82,6 +82,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::optional<Dictionary> stopMessagePayload(const std::optional<Dictionary>& payload) const;
     Dictionary newEvent(const std::optional<Dictionary>& payload, TimeValue timestamp, uint16_t method,
                         uint16_t respCode) const;
+    void applyFilters(Dictionary& record) const;
     std::optional<std::string> batchEvent(Dictionary record);
     std::vector<Dictionary> takeBatch();
     void loseBatch(ReportOutcome cause);

@@ -3,8 +3,10 @@
 // Drops, holds or posts a report; flushes the batch.
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
+#include "backends/outgoing_feed.h"
 #include "config/client_type.h"
 #include "policy/absent_text.h"
+#include "telvora/keys.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -101,14 +103,31 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
     };
     Dictionary record = newEventDictfromPayload(payload, fields, userInfoDict_.get());
-    FilterObserver observer;
-    if (services_.trace != nullptr) {
-        observer = [this](const std::string& key, const EventFilter& filter) {
-            services_.trace->filtered(name_, key, filter);
-        };
-    }
-    filterEvent(policy_.filters, record, observer);
+    applyFilters(record);
     return record;
+}
+
+void HTTPSPostBackend::applyFilters(Dictionary& record) const {
+    const bool watched = services_.outgoing != nullptr && services_.outgoing->watched();
+    if (services_.trace == nullptr && !watched) return filterEvent(policy_.filters, record);
+    Dictionary keys;
+    filterEvent(policy_.filters, record, [&](const std::string& key, const EventFilter& filter) {
+        if (services_.trace != nullptr) services_.trace->filtered(name_, key, filter);
+        if (watched) keys.set(key, filter.action == FilterAction::remove ? "removed" : "hashed");
+    });
+    if (keys.empty()) return;
+    Dictionary entry{{outgoing::kKind, outgoing::kFiltered},
+                     {outgoing::kBackend, name_},
+                     {outgoing::kKeys, std::move(keys)}};
+    if (const auto user = user_.uid()) entry.set(outgoing::kUser, static_cast<long long>(*user));
+    for (const auto& [key, field] :
+         {std::pair(outgoing::kEventNumber, "_eventNumber"), std::pair(outgoing::kCategory, "_method"),
+          std::pair(outgoing::kType, "_status")}) {
+        if (const PropertyList* value = record.find(field)) entry.set(key, *value);
+    }
+    if (auto clientName = userInfoText(userInfoDict_.get(), kTelvoraUserInfoClientName))
+        entry.set(outgoing::kClientName, std::move(*clientName));
+    services_.outgoing->add(std::move(entry));
 }
 
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,

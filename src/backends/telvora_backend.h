@@ -45,6 +45,7 @@ enum class SendFlag : uint32_t {};
 
 class ClientFiles;
 class DecisionTrace;
+class OutgoingFeed;
 class PowerLog;
 
 // Interfaces of backends and sessions to the rest of the system. All references and pointers outlive every
@@ -62,6 +63,7 @@ struct BackendServices {
     std::string vodexAdaptorPath = {};  // path of the metrics adaptor's shared object
     PowerLog* powerLog = nullptr;       // null: events are dropped
     DecisionTrace* trace = nullptr;     // receives the reasons of decisions; null: they are not traced
+    OutgoingFeed* outgoing = nullptr;   // receives the names of filtered keys; null: nobody can watch
 };
 
 // The configuration of one backend in a bag: the bag's value under the backend's name. Shares ownership of

@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "bus/authentication.h"
-#include "bus/bus_input.h"
 #include "util/error_text.h"
 #include "wire/wire_writer.h"
 
@@ -19,12 +17,11 @@ namespace telvora {
 namespace {
 
 using Kind = BusQueryFailure::Kind;
-using Deadline = std::chrono::steady_clock::time_point;
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 template <typename T>
 using Result = tl::expected<T, BusQueryFailure>;
 
 constexpr size_t kMaxAnswer = size_t{16} << 20;
-constexpr uint32_t kSerial = 1;
 
 tl::unexpected<BusQueryFailure> failure(Kind kind, std::string message) {
     return tl::unexpected(BusQueryFailure{kind, std::move(message)});
@@ -49,10 +46,14 @@ Result<UniqueFd> connectTo(const std::string& socketPath) {
 }
 
 Result<void> waitFor(int socket, short events, Deadline deadline) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    int timeout = -1;
+    if (deadline) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+        timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
     pollfd waiting{socket, events, 0};
-    const int ready = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+    const int ready = poll(&waiting, 1, timeout);
     if (ready < 0 && errno != EINTR) return lost(errno);
     if (ready == 0) return failure(Kind::kNoAnswer, "no answer in time");
     return {};
@@ -72,66 +73,73 @@ Result<void> sendAll(int socket, std::string_view bytes, Deadline deadline) {
     return {};
 }
 
-// Takes the answer to the call out of the input, if it is there.
-tl::expected<bool, std::string> takeAnswer(ClientAuthentication& authentication, bool& authenticated,
-                                           BusInput& input, MessageView& answer) {
-    if (!authenticated) {
-        std::string_view bytes = input.bytes();
+}  // namespace
+
+BusQueryConnection::BusQueryConnection(UniqueFd socket) : socket_(std::move(socket)), input_(kMaxAnswer) {}
+
+Result<std::unique_ptr<BusQueryConnection>> BusQueryConnection::connect(const std::string& socketPath) {
+    auto socket = connectTo(socketPath);
+    if (!socket) return tl::unexpected(socket.error());
+    return std::unique_ptr<BusQueryConnection>(new BusQueryConnection(std::move(*socket)));
+}
+
+// Takes the answer to the last call out of the input, if it is there.
+tl::expected<bool, std::string> BusQueryConnection::takeAnswer(MessageView& answer) {
+    if (!authenticated_) {
+        std::string_view bytes = input_.bytes();
         const size_t before = bytes.size();
-        const AuthenticationState state = authentication.advance(bytes);
-        input.take(before - bytes.size());
-        if (state == AuthenticationState::failed) return tl::unexpected(std::string(authentication.reason()));
-        authenticated = state == AuthenticationState::done;
+        const AuthenticationState state = authentication_.advance(bytes);
+        input_.take(before - bytes.size());
+        if (state == AuthenticationState::failed)
+            return tl::unexpected(std::string(authentication_.reason()));
+        authenticated_ = state == AuthenticationState::done;
     }
-    while (authenticated) {
-        const auto bytes = input.nextMessage();
+    while (authenticated_) {
+        const auto bytes = input_.nextMessage();
         if (!bytes) return tl::unexpected(std::string(bytes.error()));
         if (!*bytes) break;
         const auto view = parseMessage(**bytes, 0);
         if (!view) return tl::unexpected(std::string(view.error()));
-        if (!*view || (*view)->replySerial != kSerial) continue;
+        if (!*view || (*view)->replySerial != serial_) continue;
         answer = **view;
         return true;
     }
     return false;
 }
 
-}  // namespace
+Result<void> BusQueryConnection::call(const BusQuery& query,
+                                      const std::function<void(BusMessage& answer)>& read) {
+    Deadline deadline;
+    if (query.timeout) deadline = std::chrono::steady_clock::now() + *query.timeout;
 
-Result<void> callAndWait(const BusQuery& query, const std::function<void(BusMessage& answer)>& read) {
-    const Deadline deadline = std::chrono::steady_clock::now() + query.timeout;
-    auto socket = connectTo(query.socketPath);
-    if (!socket) return tl::unexpected(socket.error());
-
-    std::string call(ClientAuthentication::greeting());
+    std::string call;
+    if (serial_ == 0) call = ClientAuthentication::greeting();
     MessageView header;
     header.type = MessageType::methodCall;
-    header.serial = kSerial;
+    header.serial = ++serial_;
     header.path = query.path;
     header.interface = query.interface;
     header.member = query.method;
     WireWriter(call, header).finish(kMaxAnswer);
-    if (auto sent = sendAll(socket->get(), call, deadline); !sent) return sent;
+    if (auto sent = sendAll(socket_.get(), call, deadline); !sent) return sent;
 
-    ClientAuthentication authentication;
-    bool authenticated = false;
-    BusInput input(kMaxAnswer);
     for (;;) {
-        const auto received = input.receive(socket->get());
+        const auto received = input_.receive(socket_.get());
         if (!received) return failure(Kind::kUnreachable, received.error());
         if (*received == BusInput::Received::end) return lost(ECONNRESET);
         MessageView view;
-        const auto found = takeAnswer(authentication, authenticated, input, view);
+        const auto found = takeAnswer(view);
         if (!found) return failure(Kind::kUnreachable, found.error());
         if (*found) {
             BusMessage answer(view, {});
             if (const auto error = answer.error())
                 return failure(Kind::kRefused, error->message.empty() ? error->name : error->message);
             read(answer);
+            input_.keepRest();
             return {};
         }
-        input.keepRest();
-        if (auto ready = waitFor(socket->get(), POLLIN, deadline); !ready) return ready;
+        input_.keepRest();
+        if (auto ready = waitFor(socket_.get(), POLLIN, deadline); !ready) return ready;
     }
 }
 

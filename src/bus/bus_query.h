@@ -1,25 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One blocking call: connects to a peer-to-peer D-Bus server on a Unix socket, calls a method and waits for
-// the answer.
+// Blocking calls: connects to a peer-to-peer D-Bus server on a Unix socket, calls methods and waits for the
+// answers.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <tl/expected.hpp>
 
+#include "bus/authentication.h"
+#include "bus/bus_input.h"
 #include "bus/bus_message.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 
 // A method without arguments.
 struct BusQuery {
-    std::string socketPath;
     const char* path = "";  // of the object
     const char* interface = "";
     const char* method = "";
-    std::chrono::milliseconds timeout{10'000};  // of the whole
+    std::optional<std::chrono::milliseconds> timeout{10'000};  // absent: none
 };
 
 struct BusQueryFailure {
@@ -32,9 +37,26 @@ struct BusQueryFailure {
     std::string message;  // for people
 };
 
-// Passes the answer, at its first argument, to `read`, or returns the failure. Blocks the calling thread,
-// which may be any.
-tl::expected<void, BusQueryFailure> callAndWait(const BusQuery& query,
-                                                const std::function<void(BusMessage& answer)>& read);
+// A connection for calls, one after another. Belongs to one thread at a time.
+class BusQueryConnection {
+  public:
+    static tl::expected<std::unique_ptr<BusQueryConnection>, BusQueryFailure> connect(
+        const std::string& socketPath);
+
+    // Passes the answer, at its first argument, to `read`, or returns the failure. Blocks the calling thread.
+    // After kUnreachable or kNoAnswer, the connection can't be used.
+    tl::expected<void, BusQueryFailure> call(const BusQuery& query,
+                                             const std::function<void(BusMessage& answer)>& read);
+
+  private:
+    explicit BusQueryConnection(UniqueFd socket);
+    tl::expected<bool, std::string> takeAnswer(MessageView& answer);
+
+    UniqueFd socket_;
+    ClientAuthentication authentication_;
+    bool authenticated_ = false;
+    BusInput input_;
+    uint32_t serial_ = 0;
+};
 
 }  // namespace telvora

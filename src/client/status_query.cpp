@@ -5,22 +5,46 @@
 
 namespace telvora {
 
+namespace {
+
+tl::expected<Dictionary, BusQueryFailure> call(BusQueryConnection& connection, const BusQuery& query,
+                                               const auto& method) {
+    tl::expected<Dictionary, BusQueryFailure> answer;
+    const auto answered = connection.call(query, [&](BusMessage& message) {
+        answer = readAnswer<Dictionary>(message, method).map_error([](std::string text) {
+            return BusQueryFailure{BusQueryFailure::Kind::kRefused, std::move(text)};
+        });
+    });
+    if (!answered) return tl::unexpected(answered.error());
+    return answer;
+}
+
+}  // namespace
+
 std::string statusSocketBeside(const std::string& clientSocketPath) {
     return clientSocketPath + ".Status";
 }
 
 tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,
                                                       std::chrono::milliseconds timeout) {
-    tl::expected<Dictionary, BusQueryFailure> status;
-    const auto answered = callAndWait(
-        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout},
-        [&](BusMessage& answer) {
-            status = readAnswer<Dictionary>(answer, method).map_error([](std::string text) {
-                return BusQueryFailure{BusQueryFailure::Kind::kRefused, std::move(text)};
-            });
-        });
-    if (!answered) return tl::unexpected(answered.error());
-    return status;
+    const auto connection = BusQueryConnection::connect(socketPath);
+    if (!connection) return tl::unexpected(connection.error());
+    return call(**connection, {StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout},
+                method);
+}
+
+std::optional<BusQueryFailure> watchOutgoing(const std::string& socketPath,
+                                             const std::function<bool(const Dictionary& batch)>& use) {
+    const auto connection = BusQueryConnection::connect(socketPath);
+    if (!connection) return connection.error();
+    for (;;) {
+        const auto batch = call(
+            **connection,
+            {OutgoingInterface::kWirePath, OutgoingInterface::kWireName, kNextOutgoing.name, std::nullopt},
+            kNextOutgoing);
+        if (!batch) return batch.error();
+        if (!use(*batch)) return std::nullopt;
+    }
 }
 
 }  // namespace telvora

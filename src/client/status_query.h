@@ -10,11 +10,14 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
 #include <tl/expected.hpp>
 
 #include "bus/bus_query.h"
 #include "plist/property_list.h"
+#include "protocol/outgoing_interface.h"
 #include "protocol/status_interface.h"
 
 namespace telvora {
@@ -27,5 +30,10 @@ std::string statusSocketBeside(const std::string& clientSocketPath);
 tl::expected<Dictionary, BusQueryFailure> queryStatus(
     StatusMethod method, const std::string& socketPath,
     std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Passes everything that leaves the device to `use`, in the batches of OutgoingInterface, until that returns
+// false, or until the connection ends: returns the reason. Blocks the calling thread, which may be any.
+std::optional<BusQueryFailure> watchOutgoing(const std::string& socketPath,
+                                             const std::function<bool(const Dictionary& batch)>& use);
 
 }  // namespace telvora

@@ -29,7 +29,8 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       curl_(makeCurlHttpClient()),
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
-      http_(*curl_, [this] { shutdown_.check(); }),
+      tappedHttp_(*curl_, outgoing_),
+      http_(tappedHttp_, [this] { shutdown_.check(); }),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
                        .framework = framework_,
@@ -42,7 +43,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                 .framework = framework_,
                 .perform = [this](auto work) { asio::post(pool_.makeStrand(), std::move(work)); }}),
       keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
-                            .inFlight = [this] { return http_.inFlight() > 0; },
+                            .inFlight = [this] { return http_.inFlight() > 0 || outgoing_.watched(); },
                             .onIdle = [this] { shutdown_.begin(); },
                             .idleTime = process.settings.idleTime}),
       agent_({.entitlements = entitlements_,
@@ -52,7 +53,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
               .keepAlive = keepAlive_,
               .clock = timeOfDay,
               .noSessionsLeft = [this] { shutdown_.check(); }}),
-      status_(*this, quotas_),
+      status_(*this, quotas_, outgoing_),
       listener_(
           runLoop_, std::move(sockets.clients.socket), closers_,
           [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); },
@@ -79,9 +80,10 @@ BackendServices Daemon::makeBackendServices() {
             .countryCode = [] { return currentCountryCode(); },
             .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
             .random = uniformRandom48,
-            .makeNetworkQueue = [this] { return makeNetworkQueue(pool_); },
+            .makeNetworkQueue = [this] { return tapped(makeNetworkQueue(pool_), outgoing_); },
             .vodexAdaptorPath = process_.settings.vodexAdaptorPath,
-            .powerLog = powerLog_.get()};
+            .powerLog = powerLog_.get(),
+            .outgoing = &outgoing_};
 }
 
 void Daemon::serveClient(UniqueFd socket, const Peer& peer) {

@@ -21,6 +21,7 @@
 #include "daemon/keep_alive_transaction.h"
 #include "daemon/listener.h"
 #include "daemon/listening_socket.h"
+#include "daemon/outgoing_taps.h"
 #include "daemon/settings.h"
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
@@ -67,11 +68,13 @@ class Daemon final : private StatusInterface {
     const EntitlementStore entitlements_;
     UserQuotas quotas_;
     DescriptorClosers closers_;
+    OutgoingFeed outgoing_;
     std::unique_ptr<HttpClient> curl_;
     WorkPool pool_;
     UploadAdmission uploads_;
     const std::unique_ptr<PowerLog> powerLog_;
     ReportLedger ledger_;
+    TappedHttpClient tappedHttp_;
     InFlightHttpClient http_;
     const BackendServices backendServices_;
     const SessionServices sessionServices_;

@@ -26,10 +26,10 @@ inline constexpr std::chrono::milliseconds kDefaultIdleTime = std::chrono::secon
 struct KeepAliveOptions {
     // Whether the process may end by itself. If false, the options below are not used.
     bool launchedOnDemand = false;
-    // Whether requests are under way that no transaction counts. Called on the main run loop.
+    // Whether the daemon is needed although no transaction is open. Called on the main run loop.
     std::function<bool()> inFlight;
     // Called once on the main run loop when no transaction has been open for `idleTime`, from the start of
-    // the run loop or the end of the last transaction, and no request is under way.
+    // the run loop or the end of the last transaction, and the daemon is not needed otherwise.
     std::function<void()> onIdle;
     std::chrono::milliseconds idleTime = kDefaultIdleTime;
     std::unique_ptr<IdleTimer> timer = nullptr;  // null: real time

@@ -35,15 +35,22 @@ void StatusService::accept(Strand strand, UniqueFd socket, const Peer& peer) {
     }
     const auto connected = std::make_shared<QuotaCharge>();
     if (!user.take(Quota::connections, 1, *connected)) return;
-    const auto bus = BusConnection::make(std::move(strand), std::move(socket), BusRole::kServer, kLimits);
-    exportMethods<kStatusMethods>(*bus, [this, admitted](const auto& run) -> std::optional<BusError> {
-        if (admitted) return run(status_);
+    const auto bus = BusConnection::make(strand, std::move(socket), BusRole::kServer, kLimits);
+    const auto onlyIfAdmitted = [admitted](const auto& run, auto& target) -> std::optional<BusError> {
+        if (admitted) return run(target);
         return BusError{
             kBusErrorAccessDenied,
             std::string("The daemon's status is for root, its own user and the group ") + kReadersGroup};
-    });
+    };
+    const auto watcher = std::make_shared<OutgoingWatcher>(outgoing_, std::move(strand));
+    exportMethods<kStatusMethods>(
+        *bus, [this, onlyIfAdmitted](const auto& run) { return onlyIfAdmitted(run, status_); });
+    exportMethods<kOutgoingMethods>(
+        *bus, [watcher, onlyIfAdmitted](const auto& run) { return onlyIfAdmitted(run, *watcher); });
     // The handler holds the counts, and the connection keeps it until its end.
-    bus->start([connected, counted = admitted ? nullptr : refused_](const std::string&) {});
+    bus->start([connected, watcher, counted = admitted ? nullptr : refused_](const std::string&) {
+        watcher->end();
+    });
 }
 
 }  // namespace telvora

@@ -3,6 +3,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "util/log.h"
@@ -13,6 +14,8 @@ namespace {
 
 using telvora::kLogDebug;
 using telvora::kLogError;
+
+constexpr int kGzipWindowBits = 31;  // 16 more than for zlib ask for a gzip header and trailer
 
 constexpr const char* kUnknown = "Unknown error code.";
 constexpr const char* kVersionMismatch =
@@ -100,7 +103,7 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
         TELVORA_LOG(kLogError, "compressDataWithZlibOrGzip: Cannot compress empty NSData");
         return std::nullopt;
     }
-    thread_local DeflateState gzipState(31);  // 16 more than for zlib ask for a gzip header and trailer
+    thread_local DeflateState gzipState(kGzipWindowBits);
     thread_local DeflateState zlibState(15);
     DeflateState& state = gzip ? gzipState : zlibState;
     z_stream& stream = state.stream;
@@ -132,6 +135,25 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
 
 std::optional<std::string> gzipDeflate(std::string_view input) {
     return compressDataWithZlibOrGzip(true, input);
+}
+
+std::optional<std::string> gzipInflate(std::string_view stream, size_t maxBytes) {
+    z_stream state{};
+    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));
+    state.avail_in = static_cast<uInt>(stream.size());
+    if (inflateInit2(&state, kGzipWindowBits) != Z_OK) return std::nullopt;
+    std::string content;
+    int result = Z_OK;
+    while (result == Z_OK) {
+        content.resize(std::min(maxBytes, std::max<size_t>(2 * content.size(), size_t{64} << 10)));
+        state.next_out = reinterpret_cast<Bytef*>(content.data()) + state.total_out;
+        state.avail_out = static_cast<uInt>(content.size() - state.total_out);
+        result = inflate(&state, Z_NO_FLUSH);
+    }
+    content.resize(state.total_out);
+    inflateEnd(&state);
+    if (result != Z_STREAM_END || state.avail_in != 0) return std::nullopt;
+    return content;
 }
 
 }  // namespace TelvoradUtil

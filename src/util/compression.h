@@ -18,4 +18,8 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
 // The gzip form of compressDataWithZlibOrGzip.
 std::optional<std::string> gzipDeflate(std::string_view input);
 
+// The content of exactly one gzip stream. std::nullopt if `stream` is not that, or if the content is longer
+// than `maxBytes` (less than 4 GiB).
+std::optional<std::string> gzipInflate(std::string_view stream, size_t maxBytes);
+
 }  // namespace TelvoradUtil

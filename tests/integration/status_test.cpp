@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "platform/digest.h"
 #include "platform/user_defaults.h"
 #include "tests/support/daemon_fixture.h"
 
@@ -279,10 +280,40 @@ TEST_F(Status, IsReadWithTheUsualToolsByThoseWhoMay) {
         {telvoractl + " --json", 0, "\"totals\":{"},
         {kAsNobody + call + administrators + get, 1, "AccessDenied"},
         {kAsNobody + telvoractl, 1, "telvora-admin"},
+        {kAsNobody + telvoractl.substr(0, telvoractl.find(' ')) + " tail --socket " + daemon().socketPath(),
+         1, "telvora-admin"},
     };
     if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
     for (const auto& [command, exitStatus, says] : cases)
         expectRun(command, exitStatus, says);
+}
+
+TEST_F(Status, TailShowsWhatLeaves) {
+    const Array filters{Dictionary{{"key", "name"}, {"action", "sha256"}},
+                        Dictionary{{"key", "secret"}, {"action", "remove"}}};
+    laboratory().setBag("dravik", bagWithClients({openClientEntry({{"filters", filters}})}));
+    startDaemon();
+    const ChildProcess viewer({{TELVORACTL_PATH, "tail", "--json", "--socket", daemon().socketPath()}, {}});
+    ASSERT_TRUE(viewer.errors().waitForPart("watching"));
+    const Session session = open();
+    reports().setFault(ReportingFault::serviceUnavailable);
+    session->send(4, 2, {{"name", "Ada"}, {"secret", "xyzzy"}, {"shown", "plugh"}}, 1);
+    const std::vector<std::string> expected[] = {
+        {"\"kind\":\"bag\"", "\"method\":\"GET\"", "/dravik?version="},
+        {"\"kind\":\"answer\"", "\"status\":200"},
+        {"\"kind\":\"filtered\"", R"("keys":{"name":"hashed","secret":"removed"})", "\"category\":4"},
+        {"\"kind\":\"message\"", R"("shown":"plugh")", R"("name":")" + sha256Hex("Ada"), "\"clientId\""},
+        {"\"kind\":\"answer\"", "\"status\":503"},
+    };
+    for (const auto& parts : expected) {
+        const auto hasAll = [&parts](std::string_view line) {
+            return std::all_of(parts.begin(), parts.end(),
+                               [line](const std::string& part) { return line.find(part) != line.npos; });
+        };
+        EXPECT_TRUE(viewer.output().waitFor(hasAll)) << testing::PrintToString(parts);
+    }
+    for (const std::string& line : viewer.output().lines())
+        EXPECT_EQ(line.find("xyzzy"), line.npos) << line;
 }
 
 }  // namespace

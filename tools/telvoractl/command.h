@@ -49,6 +49,7 @@ Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common);
 Command addSendCommand(CLI::App& app, const CommonOptions& common);
 Command addSessionCommand(CLI::App& app, const CommonOptions& common);
 Command addStatusCommand(CLI::App& app, const CommonOptions& common);
+Command addTailCommand(CLI::App& app, const CommonOptions& common);
 Command addUploadCommand(CLI::App& app, const CommonOptions& common);
 
 // Prints "telvoractl: problem" to standard error and returns the status.

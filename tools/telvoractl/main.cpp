@@ -29,6 +29,7 @@ constexpr char kFooter[] =
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
     addStatusCommand,
+    addTailCommand,
     addSendCommand,
     addSessionCommand,
     addOneshotCommand,

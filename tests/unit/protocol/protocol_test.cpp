@@ -11,6 +11,7 @@
 #include "protocol/client_session_methods.h"
 #include "protocol/codec.h"
 #include "protocol/method_export.h"
+#include "protocol/outgoing_interface.h"
 #include "protocol/status_interface.h"
 #include "tests/support/bus_messages.h"
 #include "tests/support/temporary_directory.h"
@@ -160,7 +161,7 @@ TEST(WireContractTest, EqualsTheTables) {
         {"com.zandor.telvorad.xml",
          {&busInterface<kClientSessionMethods>(), &busInterface<kSandboxExtensionMethods>(),
           &busInterface<kClientMessageMethods>()}},
-        {"com.zandor.telvorad.Status.xml", {&busInterface<kStatusMethods>()}}};
+        {"com.zandor.telvorad.Status.xml", {&busInterface<kStatusMethods>(), &busInterface<kOutgoingMethods>()}}};
     const std::regex layout("<!DOCTYPE[^>]*>|<!--[^]*?-->|\\s*\n\\s*");
     for (const auto& [name, interfaces] : contracts) {
         std::string expected = "<node name=\"/com/zandor/telvorad\">";

@@ -36,6 +36,10 @@ TEST(CompressionTest, BothFormsInflateBackToTheInputAndSayWhatTheyDid) {
         EXPECT_EQ(inflated(*TelvoradUtil::compressDataWithZlibOrGzip(false, input), kZlibStream), input);
         const std::string gzip = TelvoradUtil::gzipDeflate(input).value();
         EXPECT_EQ(inflated(gzip), input);
+        EXPECT_EQ(TelvoradUtil::gzipInflate(gzip, input.size()), input);
+        EXPECT_EQ(TelvoradUtil::gzipInflate(gzip, input.size() - 1), std::nullopt);
+        EXPECT_EQ(TelvoradUtil::gzipInflate(gzip.substr(0, gzip.size() - 1), input.size()), std::nullopt);
+        EXPECT_EQ(TelvoradUtil::gzipInflate(gzip + "x", input.size()), std::nullopt);
         EXPECT_EQ(log.lines().back(), "<7>" + line + "Compressed file from " + std::to_string(input.size()) +
                                           " to " + std::to_string(gzip.size()));
     }
