@@ -161,7 +161,8 @@ TEST(WireContractTest, EqualsTheTables) {
         {"com.zandor.telvorad.xml",
          {&busInterface<kClientSessionMethods>(), &busInterface<kSandboxExtensionMethods>(),
           &busInterface<kClientMessageMethods>()}},
-        {"com.zandor.telvorad.Status.xml", {&busInterface<kStatusMethods>(), &busInterface<kOutgoingMethods>()}}};
+        {"com.zandor.telvorad.Status.xml",
+         {&busInterface<kStatusMethods>(), &busInterface<kOutgoingMethods>()}}};
     const std::regex layout("<!DOCTYPE[^>]*>|<!--[^]*?-->|\\s*\n\\s*");
     for (const auto& [name, interfaces] : contracts) {
         std::string expected = "<node name=\"/com/zandor/telvorad\">";
