@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "backends/message_outbox.h"
 #include "backends/telvora_backend.h"
 #include "policy/decision_trace.h"
 
@@ -68,10 +69,12 @@ class HTTPSPostBackend final : public TelvoraBackend {
   private:
     using PostCompletion = std::function<void(std::optional<TelvoraError> error)>;
 
-    // The reports of a message and their charge of the user's pending bytes.
+    // The reports of a message, their charge of the user's pending bytes, and the copy for the outbox, if
+    // there is one.
     struct Load {
         size_t reports = 0;
         QuotaCharge charge;
+        std::unique_ptr<OutboxMessage> copy = nullptr;
     };
 
     HTTPSPostBackend(const BackendServices& services, std::string name, BackendProfile profile,
@@ -105,6 +108,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
                          std::optional<uint16_t> responseCode, PostCompletion completion);
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
+    void settle(const HttpResult& result, Load& load);
     void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
 
     const Array& clients_;   // of the profile

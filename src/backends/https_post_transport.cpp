@@ -6,6 +6,7 @@
 #include "backends/https_post_backend.h"
 #include "backends/json_message.h"
 #include "config/client_type.h"
+#include "platform/uuid.h"
 #include "policy/absent_text.h"
 #include "telvora/keys.h"
 #include "util/compression.h"
@@ -65,6 +66,13 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
     auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
     HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
     load.charge.resize(kRequestBytes + request.body.size());
+    if (services_.outbox != nullptr) {
+        load.charge.resize(2 * (kRequestBytes + request.body.size()));
+        load.copy = std::make_unique<OutboxMessage>(OutboxMessage{.request = request,
+                                                                  .reports = load.reports,
+                                                                  .underConsent = policy_.dnuType == 0,
+                                                                  .identifier = uuidRespectDnu_});
+    }
     services_.http.start(std::move(request),
                          [self = std::move(self), load = std::make_shared<Load>(std::move(load)),
                           completion = std::move(completion)](const HttpResult& result) {
@@ -98,6 +106,9 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     if (method && responseCode) {
         add("X-TVR-Event-Map", std::to_string(*method) + " " + std::to_string(*responseCode));
     }
+    // A server that has seen the message recognises a later attempt
+    // (draft-ietf-httpapi-idempotency-key-header).
+    if (services_.outbox != nullptr) add("Idempotency-Key", '"' + randomUuidString() + '"');
     add("Accept", "application/json");
     add("Content-Type", "application/json");
     // The HTTP client derives "Content-Length" from the body.
@@ -111,12 +122,26 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     return request;
 }
 
+// Settles the reports of a post, or hands them over to the outbox.
+void HTTPSPostBackend::settle(const HttpResult& result, Load& load) {
+    const ReportOutcome outcome = outcomeOf(result);
+    if (load.copy == nullptr || !mayBePostedLater(load.copy->request, result)) {
+        if (load.copy != nullptr && result) services_.outbox->reached(load.copy->request.url);
+        load.charge = {};
+        return reports_->move(load.reports, ReportOutcome::inFlight, outcome);
+    }
+    load.copy->charge = std::move(load.charge);
+    services_.outbox->keep(
+        std::move(*load.copy), result, [account = reports_, reports = load.reports, outcome](bool kept) {
+            account->move(reports, ReportOutcome::inFlight, kept ? ReportOutcome::kept : outcome);
+        });
+}
+
 // On the HTTP client's thread.
 void HTTPSPostBackend::handlePostResult(const HttpResult& result, Load& load,
                                         const PostCompletion& completion) {
     const LogScope onBehalfOfUser(user_.logAdmission());
-    load.charge = {};
-    reports_->move(load.reports, ReportOutcome::inFlight, outcomeOf(result));
+    settle(result, load);
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

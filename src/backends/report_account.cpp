@@ -5,11 +5,15 @@ namespace telvora {
 
 const char* nameOf(ReportOutcome outcome) {
     static constexpr std::array<const char*, kReportOutcomes> kNames = {
-        "inFlight",     "held",           "delivered",     "notWhitelisted", "blacklisted",  "disabled",
-        "sampledOut",   "noUserInfo",     "batchFull",     "overQuota",      "sessionEnded", "noURL",
-        "notSent",      "tooManyPending", "noConnection",  "noAnswer",       "rejected",     "serverError",
-        "notSupported", "noAdaptor",      "notConfigured", "incomplete",     "noBackend",    "fileRefused",
-        "fileTooLarge", "fileUnreadable"};
+        "inFlight",       "held",          "delivered",        "kept",
+        "notWhitelisted", "blacklisted",   "disabled",         "sampledOut",
+        "noUserInfo",     "batchFull",     "overQuota",        "sessionEnded",
+        "noURL",          "notSent",       "tooManyPending",   "noConnection",
+        "noAnswer",       "rejected",      "serverError",      "notSupported",
+        "noAdaptor",      "notConfigured", "incomplete",       "noBackend",
+        "fileRefused",    "fileTooLarge",  "fileUnreadable",   "oversized",
+        "outboxFull",     "expired",       "consentWithdrawn", "identifiersReset",
+        "damaged"};
     return kNames[static_cast<size_t>(outcome)];
 }
 
@@ -52,13 +56,13 @@ ReportAccount::~ReportAccount() {
     if (ledger_ != nullptr) ledger_->close(*this);
 }
 
-void ReportAccount::accept(ReportOutcome outcome) {
+void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
     const MutexLock lock(lock_);
-    ++tally_.accepted;
-    ++tally_.outcomes[static_cast<size_t>(outcome)];
+    tally_.accepted += reports;
+    tally_.outcomes[static_cast<size_t>(outcome)] += reports;
 }
 
-void ReportAccount::move(size_t reports, ReportOutcome from, ReportOutcome to) {
+void ReportAccount::move(uint64_t reports, ReportOutcome from, ReportOutcome to) {
     const MutexLock lock(lock_);
     tally_.outcomes[static_cast<size_t>(from)] -= reports;
     tally_.outcomes[static_cast<size_t>(to)] += reports;

@@ -3,7 +3,7 @@
 // Exact accounts of the outcomes of reports. Each backend of a client has one account. A report enters it
 // once, when the backend is to send it, and has exactly one outcome at any moment:
 //
-//     accepted = inFlight + held + delivered + sum of the losses by cause
+//     accepted = inFlight + held + delivered + kept + sum of the losses by cause
 //
 // Only move() changes outcomes. It subtracts and adds under the account's lock, so that every tally satisfies
 // the equation. A post knows its number of reports and settles them when the server has answered: on the HTTP
@@ -31,6 +31,7 @@ enum class ReportOutcome : uint8_t {
     inFlight,   // being processed, or posted and not yet answered
     held,       // in the batch
     delivered,  // the server has confirmed it, or the metrics adaptor was called
+    kept,       // in the outbox, whose account has its further outcome
     // From here on: causes of losses.
     notWhitelisted,  // its category is not on the white list
     blacklisted,     // its category is on the black list
@@ -54,9 +55,15 @@ enum class ReportOutcome : uint8_t {
     noBackend,       // no backend: the configuration names no backend
     fileRefused,     // of a file: it may not be read
     fileTooLarge,
-    fileUnreadable,  // also of an empty file
+    fileUnreadable,    // also of an empty file
+    oversized,         // of the outbox: larger than all messages in it may be
+    outboxFull,        // of the outbox: newer messages took its place
+    expired,           // of the outbox: no server took it in time
+    consentWithdrawn,  // of the outbox: the user no longer shares diagnostics
+    identifiersReset,  // of the outbox: it has identifiers that were reset
+    damaged,           // of the outbox: its file was damaged
 };
-inline constexpr size_t kReportOutcomes = static_cast<size_t>(ReportOutcome::fileUnreadable) + 1;
+inline constexpr size_t kReportOutcomes = static_cast<size_t>(ReportOutcome::damaged) + 1;
 inline constexpr size_t kFirstLoss = static_cast<size_t>(ReportOutcome::notWhitelisted);
 
 // Name of an outcome on the wire, as it is spelled above.
@@ -83,10 +90,11 @@ class ReportAccount {
     ReportAccount(const ReportAccount&) = delete;
     ReportAccount& operator=(const ReportAccount&) = delete;
 
-    // Enters one more report with this outcome.
-    void accept(ReportOutcome outcome = ReportOutcome::inFlight) TELVORA_EXCLUDES(lock_);
+    // Enters further reports with this outcome.
+    void accept(ReportOutcome outcome = ReportOutcome::inFlight, uint64_t reports = 1)
+        TELVORA_EXCLUDES(lock_);
     // Changes the outcome of `reports` reports from `from` to `to`.
-    void move(size_t reports, ReportOutcome from, ReportOutcome to) TELVORA_EXCLUDES(lock_);
+    void move(uint64_t reports, ReportOutcome from, ReportOutcome to) TELVORA_EXCLUDES(lock_);
     ReportTally tally() const TELVORA_EXCLUDES(lock_);
 
   private:

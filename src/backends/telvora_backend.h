@@ -45,6 +45,7 @@ enum class SendFlag : uint32_t {};
 
 class ClientFiles;
 class DecisionTrace;
+class MessageOutbox;
 class OutgoingFeed;
 class PowerLog;
 
@@ -63,6 +64,7 @@ struct BackendServices {
     std::string vodexAdaptorPath = {};  // path of the metrics adaptor's shared object
     PowerLog* powerLog = nullptr;       // null: events are dropped
     DecisionTrace* trace = nullptr;     // receives the reasons of decisions; null: they are not traced
+    MessageOutbox* outbox = nullptr;    // takes messages that found no server; null: they are lost
     OutgoingFeed* outgoing = nullptr;   // receives the names of filtered keys; null: nobody can watch
 };
 

@@ -31,6 +31,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
       http_(tappedHttp_, [this] { shutdown_.check(); }),
+      outbox_(openOutbox()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
                        .framework = framework_,
@@ -43,7 +44,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                 .framework = framework_,
                 .perform = [this](auto work) { asio::post(pool_.makeStrand(), std::move(work)); }}),
       keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
-                            .inFlight = [this] { return http_.inFlight() > 0 || outgoing_.watched(); },
+                            .inFlight = [this] { return isNeeded(); },
                             .onIdle = [this] { shutdown_.begin(); },
                             .idleTime = process.settings.idleTime}),
       agent_({.entitlements = entitlements_,
@@ -61,6 +62,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       shutdown_(runLoop_,
                 {.stopAccepting = [this] { stopAccepting(); },
                  .endSessions = [this] { agent_.invalidateAllConnections(); },
+                 .giveUp = outbox_ ? [this] { http_.stop(); } : std::function<void()>(),
                  .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
                 process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
@@ -83,7 +85,30 @@ BackendServices Daemon::makeBackendServices() {
             .makeNetworkQueue = [this] { return tapped(makeNetworkQueue(pool_), outgoing_); },
             .vodexAdaptorPath = process_.settings.vodexAdaptorPath,
             .powerLog = powerLog_.get(),
+            .outbox = outbox_.get(),
             .outgoing = &outgoing_};
+}
+
+std::unique_ptr<StoredOutbox> Daemon::openOutbox() {
+    const std::filesystem::path path = process_.directories.state / "outbox.db";
+    const OutboxLimits& limits = process_.settings.outbox;
+    if (limits.bytes == 0) {
+        if (OutboxStore::removeFiles(path))
+            TELVORA_LOG(kLogWarning, "main: The outbox is off; the messages in it are removed");
+        return nullptr;
+    }
+    auto outbox =
+        StoredOutbox::open(path, limits,
+                           {.http = http_,
+                            .ledger = ledger_,
+                            .queue = makeNetworkQueue(pool_),
+                            .moment = currentMoment,
+                            .random = uniformRandom48,
+                            .consent = [this] { return identity_.diagnosticsConsent(); },
+                            .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); }});
+    if (outbox) return std::move(*outbox);
+    TELVORA_LOG(kLogError, "main: There is no outbox: %s: %s", path.c_str(), outbox.error().text.c_str());
+    return nullptr;
 }
 
 void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
@@ -113,6 +138,11 @@ void Daemon::run() {
     http_.stop();
     pool_.stop();
     curl_.reset();
+    if (outbox_) outbox_->close();
+}
+
+bool Daemon::isNeeded() const {
+    return http_.inFlight() > 0 || outgoing_.watched() || (outbox_ && outbox_->isWaiting());
 }
 
 void Daemon::stopAccepting() {
@@ -134,7 +164,8 @@ void Daemon::logLosses() const {
     uint64_t accepted = 0;
     uint64_t lost = 0;
     for (const auto& [name, tally] : ledger_.totals()) {
-        if (name == ClientAccounts::kAggregator) continue;  // copies of reports that other accounts count
+        // Copies of reports that other accounts count, and reports that stay.
+        if (name == ClientAccounts::kAggregator || name == StoredOutbox::kAccount) continue;
         accepted += tally.accepted;
         lost += failedOrPending(tally);
     }

@@ -26,6 +26,7 @@
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
+#include "outbox/stored_outbox.h"
 #include "platform/directories.h"
 #include "platform/power_log.h"
 
@@ -49,8 +50,10 @@ class Daemon final : private StatusInterface {
     void run();
 
   private:
+    std::unique_ptr<StoredOutbox> openOutbox();
     BackendServices makeBackendServices();
     void serveClient(UniqueFd socket, const Peer& peer);
+    bool isNeeded() const;
     void stopAccepting();
     void reloadOnSignal();
     void logLosses() const;
@@ -76,6 +79,7 @@ class Daemon final : private StatusInterface {
     ReportLedger ledger_;
     TappedHttpClient tappedHttp_;
     InFlightHttpClient http_;
+    const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
     const BackendServices backendServices_;
     const SessionServices sessionServices_;
     const StorebagFetcher fetcher_;

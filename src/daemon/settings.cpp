@@ -29,6 +29,16 @@ uint64_t messageLogBytes(UserDefaults& defaults) {
     return static_cast<uint64_t>(std::clamp(value, kLeast, kMost));
 }
 
+OutboxLimits outboxLimits(UserDefaults& defaults) {
+    constexpr int64_t kTwoWeeks = 14 * 86400;
+    const auto setting = [&](std::string_view key, int64_t otherwise, int64_t least, int64_t most) {
+        return std::clamp(defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise), least, most);
+    };
+    return {.bytes = static_cast<uint64_t>(setting("outboxBytes", 0, 0, int64_t{1} << 30)),
+            .age = std::chrono::seconds(setting("outboxSeconds", kTwoWeeks, 60, 366 * 86400)),
+            .countPerUser = static_cast<uint64_t>(setting("outboxCountPerUser", 10'000, 1, 1'000'000))};
+}
+
 std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
     std::vector<std::string> directories;
     const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "uploadDirectories");
@@ -52,7 +62,8 @@ Settings readSettings(UserDefaults& defaults) {
             .vodexAdaptorPath = vodexAdaptorPath(defaults),
             .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime),
             .shutdownTime = milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime),
-            .messageLogBytes = messageLogBytes(defaults)};
+            .messageLogBytes = messageLogBytes(defaults),
+            .outbox = outboxLimits(defaults)};
 }
 
 int readLogLevel(UserDefaults& defaults) {

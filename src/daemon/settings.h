@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "outbox/outbox_store.h"
 #include "platform/user_defaults.h"
 
 namespace telvora {
@@ -19,6 +20,7 @@ struct Settings {
     std::chrono::milliseconds idleTime;
     std::chrono::milliseconds shutdownTime;
     uint64_t messageLogBytes;  // the most bytes of the message log
+    OutboxLimits outbox;
 };
 
 Settings readSettings(UserDefaults& defaults);

@@ -8,6 +8,12 @@
 
 namespace telvora {
 
+namespace {
+
+constexpr std::chrono::seconds kTimeAfterDeadline{1};
+
+}  // namespace
+
 Shutdown::Shutdown(asio::io_context& runLoop, Steps steps, std::chrono::milliseconds deadline)
     : runLoop_(runLoop),
       steps_(std::move(steps)),
@@ -38,7 +44,10 @@ void Shutdown::begin() {
         if (cancelled) return;
         TELVORA_LOG(kLogWarning, "main: Stopping with reports still on their way after %lld ms",
                     static_cast<long long>(deadline_.count()));
-        runLoop_.stop();
+        if (!steps_.giveUp) return runLoop_.stop();
+        steps_.giveUp();
+        timer_.expires_after(kTimeAfterDeadline);
+        timer_.async_wait([this](asio::error_code) { runLoop_.stop(); });
     });
     check();
 }

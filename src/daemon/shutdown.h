@@ -18,6 +18,9 @@ class Shutdown {
     struct Steps {
         std::function<void()> stopAccepting;
         std::function<void()> endSessions;
+        // Ends the requests under way, at the deadline. Then a second is left. Empty: the end is at the
+        // deadline.
+        std::function<void()> giveUp;
         std::function<bool()> isIdle;  // whether all sessions have ended and no request is under way
     };
 

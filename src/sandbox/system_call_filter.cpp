@@ -158,10 +158,10 @@ void allowRequests(Filter& filter) {
           uint64_t{SIOCGIFINDEX}, uint64_t{SIOCGIFNAME}}) {
         filter.allow("ioctl", {equals(1, request)});
     }
-    // Not F_SETOWN: the owner of a descriptor gets signals from it.
+    // Not F_SETOWN: the owner of a descriptor gets signals from it. SQLite locks its file.
     for (const char* call : {"fcntl", "fcntl64"}) {
-        for (const uint64_t request :
-             {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL, F_ADD_SEALS, F_GET_SEALS})
+        for (const uint64_t request : {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL, F_SETLK,
+                                       F_GETLK, F_ADD_SEALS, F_GET_SEALS})
             filter.allow(call, {equals(1, request)});
     }
     // A thread's name and the state of confinement. PR_SET_VMA only names memory, for debuggers.

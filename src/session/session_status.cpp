@@ -34,9 +34,9 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
         Dictionary lost;
         for (size_t i = 0; i < kReportOutcomes; ++i) {
             const uint64_t reports = tally.outcomes[i];
-            if (i < kFirstLoss) {
+            if (i < kFirstLoss && (ReportOutcome(i) != ReportOutcome::kept || reports > 0)) {
                 account.set(nameOf(ReportOutcome(i)), reports);
-            } else if (reports > 0) {
+            } else if (i >= kFirstLoss && reports > 0) {
                 lost.set(nameOf(ReportOutcome(i)), reports);
             }
         }

@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "outbox/stored_outbox.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "async/work_pool.h"
+#include "http/http_request_rules.h"
+#include "http/retry_after.h"
+#include "util/log.h"
+
+namespace telvora {
+
+namespace {
+
+constexpr double kFirstPause = 15;  // seconds, the most after the first failure
+constexpr double kLongestPause = 3600;
+constexpr double kShortestPause = 1;
+constexpr std::chrono::seconds kPauseAfterFailure{15};
+constexpr std::chrono::nanoseconds kLeeway = std::chrono::milliseconds(10);
+constexpr std::chrono::nanoseconds kLongestRest = std::chrono::minutes(1);
+
+uint64_t sizeOf(const HttpRequest& request) {
+    return request.url.size() + request.body.size();
+}
+
+}  // namespace
+
+SqliteResult<std::unique_ptr<StoredOutbox>> StoredOutbox::open(const std::filesystem::path& path,
+                                                               const OutboxLimits& limits,
+                                                               OutboxServices services, const char* vfs) {
+    auto store = OutboxStore::open(path, limits, services.moment(), vfs);
+    if (!store) return tl::unexpected(store.error());
+    const auto totals = store->totals();
+    if (!totals) return tl::unexpected(totals.error());
+    std::unique_ptr<StoredOutbox> outbox(
+        new StoredOutbox(std::move(*store), path, limits, std::move(services), vfs));
+    outbox->account_->accept(ReportOutcome::held, totals->reports);
+    outbox->waiting_ = totals->messages;
+    if (totals->messages > 0) {
+        TELVORA_LOG(kLogInfo, "StoredOutbox(open): %llu messages wait for their servers",
+                    static_cast<unsigned long long>(totals->messages));
+    }
+    outbox->services_.queue->post([self = outbox.get()] { self->wake(); });
+    return outbox;
+}
+
+StoredOutbox::StoredOutbox(OutboxStore store, std::filesystem::path path, const OutboxLimits& limits,
+                           OutboxServices services, const char* vfs)
+    : path_(std::move(path)),
+      limits_(limits),
+      services_(std::move(services)),
+      vfs_(vfs),
+      account_(services_.ledger.open(kAccount)),
+      store_(std::move(store)),
+      timer_(services_.queue->makeTimer()) {}
+
+void StoredOutbox::keep(OutboxMessage message, const HttpResult& result, std::function<void(bool)> done) {
+    if (!OutboxStore::fits(message, limits_)) {
+        account_->accept(ReportOutcome::oversized, message.reports);
+        return done(true);
+    }
+    {
+        const uint64_t size = sizeOf(message.request);
+        const MutexLock lock(incomingLock_);
+        if (!closed_ && incomingBytes_ + size <= limits_.bytes) {
+            incomingBytes_ += size;
+            ++waiting_;
+            incoming_.push_back({std::move(message), std::exchange(done, nullptr),
+                                 retryAfter(result, services_.moment().timeOfDay)});
+        }
+    }
+    if (done) return done(false);
+    services_.queue->post([this] { wake(); });
+}
+
+void StoredOutbox::reached(const std::string& url) {
+    if (postponedServers_.load(std::memory_order_relaxed) == 0) return;
+    services_.queue->post([this, server = serverOfUrl(url)] {
+        if (servers_.erase(server) > 0) wake();
+    });
+}
+
+void StoredOutbox::close() {
+    storeIncoming();
+    {
+        const MutexLock lock(incomingLock_);
+        closed_ = true;
+    }
+    removeSettled();
+    store_.reset();
+}
+
+void StoredOutbox::wake() {
+    storeIncoming();
+    sendNext();
+}
+
+void StoredOutbox::storeIncoming() {
+    std::vector<Incoming> incoming;
+    {
+        const MutexLock lock(incomingLock_);
+        incoming.swap(incoming_);
+        incomingBytes_ = 0;
+    }
+    if (incoming.empty()) return;
+    std::vector<const OutboxMessage*> messages;
+    for (const Incoming& one : incoming)
+        messages.push_back(&one.message);
+    const BlockingSection blocking;
+    bool stored = false;
+    if (store_) {
+        const auto removed = store_->add(messages, services_.moment());
+        stored = removed.has_value();
+        if (!stored) fail(removed.error());
+        for (const Incoming& one : incoming) {
+            if (stored) account_->accept(ReportOutcome::held, one.message.reports);
+        }
+        if (stored) account_->move(*removed, ReportOutcome::held, ReportOutcome::outboxFull);
+        if (stored) failureLogged_ = false;
+    }
+    for (Incoming& one : incoming) {
+        const std::string server = serverOfUrl(one.message.request.url);
+        const auto known = servers_.find(server);
+        if (known == servers_.end() || known->second.due <= services_.queue->now())
+            postpone(server, one.patience);
+        one.done(stored);
+    }
+    countWaiting();
+}
+
+void StoredOutbox::sendNext() {
+    if (sending_ || !store_ || waiting_.load() == 0) return;
+    const BlockingSection blocking;
+    if (!removeSettled() || !removeUnwanted()) return;
+    countWaiting();
+    const auto heads = store_->heads();
+    if (!heads) return fail(heads.error());
+    std::erase_if(servers_, [&heads](const auto& server) {
+        return std::none_of(heads->begin(), heads->end(),
+                            [&](const auto& head) { return head.server == server.first; });
+    });
+    const SteadyTime now = services_.queue->now();
+    const OutboxStore::Head* next = nullptr;
+    std::optional<SteadyTime> earliest;
+    for (const OutboxStore::Head& head : *heads) {
+        const auto server = servers_.find(head.server);
+        if (server == servers_.end() || server->second.due <= now) {
+            if (next == nullptr || head.id < next->id) next = &head;
+        } else if (!earliest || server->second.due < *earliest) {
+            earliest = server->second.due;
+        }
+    }
+    if (next != nullptr) return send(*next);
+    if (earliest) wakeAt(*earliest);
+}
+
+// Removes what may no longer leave. False after a failure.
+bool StoredOutbox::removeUnwanted() {
+    if (!services_.consent() && !lose(store_->removeAllUnderConsent(), ReportOutcome::consentWithdrawn))
+        return false;
+    return lose(store_->removeAllOfOtherIdentifiers(services_.identifier()),
+                ReportOutcome::identifiersReset) &&
+           lose(store_->removeExpired(services_.moment()), ReportOutcome::expired);
+}
+
+// Removes delivered messages whose removal has failed before. They must not leave again.
+bool StoredOutbox::removeSettled() {
+    while (store_ && !settled_.empty()) {
+        if (const auto removed = store_->remove(settled_.back()); !removed) {
+            fail(removed.error());
+            return false;
+        }
+        settled_.pop_back();
+    }
+    return store_.has_value();
+}
+
+bool StoredOutbox::lose(const SqliteResult<uint64_t>& removed, ReportOutcome cause) {
+    if (!removed) {
+        fail(removed.error());
+        return false;
+    }
+    account_->move(*removed, ReportOutcome::held, cause);
+    return true;
+}
+
+void StoredOutbox::send(const OutboxStore::Head& head) {
+    auto message = store_->read(head.id);
+    if (!message) return fail(message.error());
+    if (message->isDamaged) {
+        settle(head.id, message->reports, ReportOutcome::damaged);
+        return services_.queue->post([this] { sendNext(); });
+    }
+    sending_ = true;
+    const auto request = std::make_shared<const HttpRequest>(message->request);
+    services_.http.start(std::move(message->request), [this, head, reports = message->reports, request,
+                                                       begun = services_.queue->now()](HttpResult result) {
+        services_.queue->post([this, head, reports, request, begun, result = std::move(result)] {
+            finished(head, reports, *request, result);
+            const SteadyTime now = services_.queue->now();
+            const auto rest = std::min<std::chrono::nanoseconds>(now - begun, kLongestRest);
+            wakeAt(now + rest);
+        });
+    });
+}
+
+void StoredOutbox::finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
+                            const HttpResult& result) {
+    sending_ = false;
+    const BlockingSection blocking;
+    if (mayBePostedLater(request, result)) {
+        return postpone(head.server, retryAfter(result, services_.moment().timeOfDay));
+    }
+    servers_.erase(head.server);
+    postponedServers_ = servers_.size();
+    settle(head.id, reports, outcomeOf(result));
+    countWaiting();
+}
+
+void StoredOutbox::postpone(const std::string& server, std::chrono::seconds patience) {
+    Server& postponed = servers_[server];
+    const double most = std::min(kLongestPause, kFirstPause * std::exp2(std::min(postponed.failures, 16U)));
+    ++postponed.failures;
+    const double seconds =
+        std::max({kShortestPause, services_.random() * most, static_cast<double>(patience.count())});
+    postponed.due = services_.queue->now() +
+                    std::chrono::duration_cast<SteadyTime::duration>(std::chrono::duration<double>(seconds));
+    postponedServers_ = servers_.size();
+    TELVORA_LOG(kLogDebug, "StoredOutbox(postpone): %s gets no message for %.0f s", server.c_str(), seconds);
+}
+
+void StoredOutbox::settle(int64_t id, uint64_t reports, ReportOutcome outcome) {
+    account_->move(reports, ReportOutcome::held, outcome);
+    settled_.push_back(id);
+    removeSettled();
+}
+
+void StoredOutbox::wakeAt(SteadyTime time) {
+    if (timer_) timer_->arm(time, kLeeway, [this] { wake(); });
+}
+
+// A damaged file is replaced; its messages are lost. Other failures, such as a full disk, may end.
+void StoredOutbox::fail(const SqliteError& error) {
+    if (!std::exchange(failureLogged_, true))
+        TELVORA_LOG(kLogError, "StoredOutbox: %s: %s", path_.c_str(), error.text.c_str());
+    wakeAt(services_.queue->now() + kPauseAfterFailure);
+    if (!error.isDamaged) return;
+    store_.reset();
+    account_->move(account_->tally()[ReportOutcome::held], ReportOutcome::held, ReportOutcome::damaged);
+    settled_.clear();
+    auto store = OutboxStore::replace(path_, limits_, services_.moment(), vfs_);
+    if (store) store_ = std::move(*store);
+}
+
+void StoredOutbox::countWaiting() {
+    const auto totals = store_ ? store_->totals() : OutboxStore::Totals{};
+    const MutexLock lock(incomingLock_);
+    if (totals) waiting_ = totals->messages + incoming_.size();
+}
+
+}  // namespace telvora
