@@ -61,7 +61,11 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
           [this](uid_t user) { return agent_.refusesAtOnce(user); }),
       shutdown_(runLoop_,
                 {.stopAccepting = [this] { stopAccepting(); },
-                 .endSessions = [this] { agent_.invalidateAllConnections(); },
+                 .endSessions =
+                     [this] {
+                         if (outbox_) outbox_->stopSending();
+                         agent_.invalidateAllConnections();
+                     },
                  .giveUp = outbox_ ? [this] { http_.stop(); } : std::function<void()>(),
                  .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
                 process.settings.shutdownTime),

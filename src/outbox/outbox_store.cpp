@@ -25,6 +25,7 @@ constexpr char kSetUp[] =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA auto_vacuum=FULL; PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=FULL; PRAGMA secure_delete=ON; PRAGMA cell_size_check=ON;"
     "PRAGMA wal_autocheckpoint=256; PRAGMA journal_size_limit=1048576;"
+    "PRAGMA temp_store=MEMORY; PRAGMA cache_size=-512;"
     "CREATE TABLE IF NOT EXISTS message("
     "  id INTEGER PRIMARY KEY AUTOINCREMENT, user INTEGER, server BLOB, url BLOB, headers BLOB, body BLOB,"
     "  digest BLOB, bytes INTEGER, reports INTEGER, underConsent INTEGER, identifier BLOB,"
@@ -223,8 +224,8 @@ SqliteResult<StoredMessage> OutboxStore::read(int64_t id) {
     return message;
 }
 
-SqliteResult<void> OutboxStore::remove(int64_t id) {
-    return database_.run("DELETE FROM message WHERE id=?", {id});
+SqliteResult<uint64_t> OutboxStore::remove(int64_t id) {
+    return removeWhere("DELETE FROM message WHERE id=? RETURNING reports", {id});
 }
 
 SqliteResult<uint64_t> OutboxStore::removeAllUnderConsent() {

@@ -72,9 +72,9 @@ class OutboxStore {
     // The oldest message for each server.
     SqliteResult<std::vector<Head>> heads();
     SqliteResult<StoredMessage> read(int64_t id);
-    SqliteResult<void> remove(int64_t id);
 
     // Each removes messages and returns the number of their reports.
+    SqliteResult<uint64_t> remove(int64_t id);
     SqliteResult<uint64_t> removeAllUnderConsent();
     SqliteResult<uint64_t> removeAllOfOtherIdentifiers(const std::string& identifier);
     SqliteResult<uint64_t> removeExpired(const OutboxMoment& now);

@@ -18,6 +18,7 @@ constexpr double kFirstPause = 15;  // seconds, the most after the first failure
 constexpr double kLongestPause = 3600;
 constexpr double kShortestPause = 1;
 constexpr std::chrono::seconds kPauseAfterFailure{15};
+constexpr std::chrono::seconds kExpiryInterval{60};
 constexpr std::chrono::nanoseconds kLeeway = std::chrono::milliseconds(10);
 constexpr std::chrono::nanoseconds kLongestRest = std::chrono::minutes(1);
 
@@ -78,7 +79,9 @@ void StoredOutbox::keep(OutboxMessage message, const HttpResult& result, std::fu
 void StoredOutbox::reached(const std::string& url) {
     if (postponedServers_.load(std::memory_order_relaxed) == 0) return;
     services_.queue->post([this, server = serverOfUrl(url)] {
-        if (servers_.erase(server) > 0) wake();
+        if (servers_.erase(server) == 0) return;
+        postponedServers_ = servers_.size();
+        wake();
     });
 }
 
@@ -109,17 +112,7 @@ void StoredOutbox::storeIncoming() {
     for (const Incoming& one : incoming)
         messages.push_back(&one.message);
     const BlockingSection blocking;
-    bool stored = false;
-    if (store_) {
-        const auto removed = store_->add(messages, services_.moment());
-        stored = removed.has_value();
-        if (!stored) fail(removed.error());
-        for (const Incoming& one : incoming) {
-            if (stored) account_->accept(ReportOutcome::held, one.message.reports);
-        }
-        if (stored) account_->move(*removed, ReportOutcome::held, ReportOutcome::outboxFull);
-        if (stored) failureLogged_ = false;
-    }
+    const bool stored = store_ && storeAll(messages);
     for (Incoming& one : incoming) {
         const std::string server = serverOfUrl(one.message.request.url);
         const auto known = servers_.find(server);
@@ -127,20 +120,34 @@ void StoredOutbox::storeIncoming() {
             postpone(server, one.patience);
         one.done(stored);
     }
+    checked_.reset();
     countWaiting();
 }
 
+bool StoredOutbox::storeAll(const std::vector<const OutboxMessage*>& messages) {
+    const auto removed = store_->add(messages, services_.moment());
+    if (!removed) {
+        fail(removed.error());
+        return false;
+    }
+    for (const OutboxMessage* message : messages)
+        account_->accept(ReportOutcome::held, message->reports);
+    account_->move(*removed, ReportOutcome::held, ReportOutcome::outboxFull);
+    failureLogged_ = false;
+    return true;
+}
+
 void StoredOutbox::sendNext() {
-    if (sending_ || !store_ || waiting_.load() == 0) return;
+    if (sending_ || !store_ || !maySend_ || waiting_.load() == 0) return;
     const BlockingSection blocking;
     if (!removeSettled() || !removeUnwanted()) return;
-    countWaiting();
     const auto heads = store_->heads();
     if (!heads) return fail(heads.error());
     std::erase_if(servers_, [&heads](const auto& server) {
         return std::none_of(heads->begin(), heads->end(),
                             [&](const auto& head) { return head.server == server.first; });
     });
+    postponedServers_ = servers_.size();
     const SteadyTime now = services_.queue->now();
     const OutboxStore::Head* next = nullptr;
     std::optional<SteadyTime> earliest;
@@ -156,23 +163,30 @@ void StoredOutbox::sendNext() {
     if (earliest) wakeAt(*earliest);
 }
 
-// Removes what may no longer leave. False after a failure.
+// Removes what may no longer leave, if that can have changed. False after a failure.
 bool StoredOutbox::removeUnwanted() {
-    if (!services_.consent() && !lose(store_->removeAllUnderConsent(), ReportOutcome::consentWithdrawn))
+    Checked current{services_.consent(), services_.identifier(), services_.queue->now()};
+    if (checked_ && checked_->consent == current.consent && checked_->identifier == current.identifier &&
+        current.time - checked_->time < kExpiryInterval)
+        return true;
+    if (!current.consent && !lose(store_->removeAllUnderConsent(), ReportOutcome::consentWithdrawn))
         return false;
-    return lose(store_->removeAllOfOtherIdentifiers(services_.identifier()),
-                ReportOutcome::identifiersReset) &&
-           lose(store_->removeExpired(services_.moment()), ReportOutcome::expired);
+    if (!lose(store_->removeAllOfOtherIdentifiers(current.identifier), ReportOutcome::identifiersReset) ||
+        !lose(store_->removeExpired(services_.moment()), ReportOutcome::expired))
+        return false;
+    checked_ = std::move(current);
+    countWaiting();
+    return true;
 }
 
-// Removes delivered messages whose removal has failed before. They must not leave again.
+// Removes the messages that have an outcome. While that fails, none may leave: one of them would leave again.
 bool StoredOutbox::removeSettled() {
     while (store_ && !settled_.empty()) {
-        if (const auto removed = store_->remove(settled_.back()); !removed) {
-            fail(removed.error());
-            return false;
-        }
-        settled_.pop_back();
+        const auto [id, outcome] = *settled_.begin();
+        const auto removed = store_->remove(id);
+        if (!lose(removed, outcome)) return false;
+        if (*removed > 0) --waiting_;
+        settled_.erase(id);
     }
     return store_.has_value();
 }
@@ -190,33 +204,29 @@ void StoredOutbox::send(const OutboxStore::Head& head) {
     auto message = store_->read(head.id);
     if (!message) return fail(message.error());
     if (message->isDamaged) {
-        settle(head.id, message->reports, ReportOutcome::damaged);
+        settle(head.id, ReportOutcome::damaged);
         return services_.queue->post([this] { sendNext(); });
     }
     sending_ = true;
     const auto request = std::make_shared<const HttpRequest>(message->request);
-    services_.http.start(std::move(message->request), [this, head, reports = message->reports, request,
-                                                       begun = services_.queue->now()](HttpResult result) {
-        services_.queue->post([this, head, reports, request, begun, result = std::move(result)] {
-            finished(head, reports, *request, result);
+    const SteadyTime begun = services_.queue->now();
+    services_.http.start(std::move(message->request), [this, head, request, begun](HttpResult result) {
+        services_.queue->post([this, head, request, begun, result = std::move(result)] {
+            finished(head, *request, result);
             const SteadyTime now = services_.queue->now();
-            const auto rest = std::min<std::chrono::nanoseconds>(now - begun, kLongestRest);
-            wakeAt(now + rest);
+            wakeAt(now + std::min<std::chrono::nanoseconds>(now - begun, kLongestRest));
         });
     });
 }
 
-void StoredOutbox::finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
+void StoredOutbox::finished(const OutboxStore::Head& head, const HttpRequest& request,
                             const HttpResult& result) {
     sending_ = false;
-    const BlockingSection blocking;
-    if (mayBePostedLater(request, result)) {
+    if (mayBePostedLater(request, result))
         return postpone(head.server, retryAfter(result, services_.moment().timeOfDay));
-    }
     servers_.erase(head.server);
     postponedServers_ = servers_.size();
-    settle(head.id, reports, outcomeOf(result));
-    countWaiting();
+    settle(head.id, outcomeOf(result));
 }
 
 void StoredOutbox::postpone(const std::string& server, std::chrono::seconds patience) {
@@ -231,9 +241,9 @@ void StoredOutbox::postpone(const std::string& server, std::chrono::seconds pati
     TELVORA_LOG(kLogDebug, "StoredOutbox(postpone): %s gets no message for %.0f s", server.c_str(), seconds);
 }
 
-void StoredOutbox::settle(int64_t id, uint64_t reports, ReportOutcome outcome) {
-    account_->move(reports, ReportOutcome::held, outcome);
-    settled_.push_back(id);
+void StoredOutbox::settle(int64_t id, ReportOutcome outcome) {
+    const BlockingSection blocking;
+    settled_.emplace(id, outcome);
     removeSettled();
 }
 
@@ -252,6 +262,7 @@ void StoredOutbox::fail(const SqliteError& error) {
     settled_.clear();
     auto store = OutboxStore::replace(path_, limits_, services_.moment(), vfs_);
     if (store) store_ = std::move(*store);
+    countWaiting();
 }
 
 void StoredOutbox::countWaiting() {

@@ -60,6 +60,8 @@ class StoredOutbox final : public MessageOutbox {
     void reached(const std::string& url) override;
     // Whether messages wait for their server, or to be stored. Callable from any thread.
     bool isWaiting() const { return waiting_.load() > 0; }
+    // Begins to send no further message. Callable from any thread.
+    void stopSending() { maySend_ = false; }
     // Stores the messages that have been handed over, and takes and sends no further ones. Called when the
     // queue runs no item any more. Blocks on file I/O.
     void close();
@@ -76,19 +78,26 @@ class StoredOutbox final : public MessageOutbox {
         SteadyTime due;
     };
 
+    // The circumstances in which all messages were found to be wanted.
+    struct Checked {
+        bool consent;
+        std::string identifier;
+        SteadyTime time;
+    };
+
     StoredOutbox(OutboxStore store, std::filesystem::path path, const OutboxLimits& limits,
                  OutboxServices services, const char* vfs);
 
     void wake();
     void storeIncoming() TELVORA_EXCLUDES(incomingLock_);
+    bool storeAll(const std::vector<const OutboxMessage*>& messages);
     void sendNext();
     bool removeUnwanted();
     bool removeSettled();
     void send(const OutboxStore::Head& head);
-    void finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
-                  const HttpResult& result);
+    void finished(const OutboxStore::Head& head, const HttpRequest& request, const HttpResult& result);
     void postpone(const std::string& server, std::chrono::seconds patience);
-    void settle(int64_t id, uint64_t reports, ReportOutcome outcome);
+    void settle(int64_t id, ReportOutcome outcome);
     bool lose(const SqliteResult<uint64_t>& removed, ReportOutcome cause);
     void fail(const SqliteError& error);
     void wakeAt(SteadyTime time);
@@ -99,7 +108,8 @@ class StoredOutbox final : public MessageOutbox {
     const OutboxServices services_;
     const char* const vfs_;
     const std::shared_ptr<ReportAccount> account_;
-    std::atomic<uint64_t> waiting_{0};         // messages
+    std::atomic<uint64_t> waiting_{0};  // messages
+    std::atomic<bool> maySend_{true};
     std::atomic<size_t> postponedServers_{0};  // the size of servers_
 
     Mutex incomingLock_;
@@ -110,7 +120,8 @@ class StoredOutbox final : public MessageOutbox {
     std::optional<OutboxStore> store_;  // absent after a failure that no new file could mend
     std::unique_ptr<QueueTimer> timer_;
     std::map<std::string, Server> servers_;
-    std::vector<int64_t> settled_;  // messages that could not be removed from the full disk yet
+    std::map<int64_t, ReportOutcome> settled_;  // messages to be removed, when the disk allows
+    std::optional<Checked> checked_;            // absent: messages have come since
     bool sending_ = false;
     bool failureLogged_ = false;
 };
