@@ -2,6 +2,7 @@
 #include "outbox/outbox_store.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <set>
 #include <system_error>
@@ -69,7 +70,9 @@ int64_t userOf(const HttpRequest& request) {
     return request.user ? int64_t{*request.user} : int64_t{-1};
 }
 
+// The unit passes the name, since the service does not see this part of /proc.
 std::string nameOfBoot() {
+    if (const char* passed = std::getenv("TELVORA_BOOT_ID"); passed != nullptr) return passed;
     const auto name = readRegularFile("/proc/sys/kernel/random/boot_id", 64);
     return name ? *name : randomUuidString();  // unknown: each process counts as a boot of its own
 }
@@ -229,11 +232,21 @@ SqliteResult<uint64_t> OutboxStore::remove(int64_t id) {
 }
 
 SqliteResult<uint64_t> OutboxStore::removeAllUnderConsent() {
-    return removeWhere("DELETE FROM message WHERE underConsent RETURNING reports", {});
+    return erase("DELETE FROM message WHERE underConsent RETURNING reports", {});
 }
 
 SqliteResult<uint64_t> OutboxStore::removeAllOfOtherIdentifiers(const std::string& identifier) {
-    return removeWhere("DELETE FROM message WHERE identifier<>? RETURNING reports", {sha256Hex(identifier)});
+    return erase("DELETE FROM message WHERE identifier<>? RETURNING reports", {sha256Hex(identifier)});
+}
+
+// Removes messages also from the journal, which keeps the old content of pages until it is full.
+SqliteResult<uint64_t> OutboxStore::erase(const char* statement,
+                                          const std::vector<SqliteDatabase::Value>& values) {
+    auto removed = removeWhere(statement, values);
+    if (!removed || *removed == 0) return removed;
+    const auto truncated = database_.run("PRAGMA wal_checkpoint(TRUNCATE)");
+    if (!truncated) TELVORA_LOG(kLogWarning, "OutboxStore(erase): %s", truncated.error().text.c_str());
+    return removed;
 }
 
 SqliteResult<uint64_t> OutboxStore::removeExpired(const OutboxMoment& now) {

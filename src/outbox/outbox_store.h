@@ -92,6 +92,7 @@ class OutboxStore {
                                               const OutboxMoment& now, const char* vfs);
     SqliteResult<void> insert(const OutboxMessage& message, const OutboxMoment& now);
     SqliteResult<uint64_t> trim(const std::set<int64_t>& users);
+    SqliteResult<uint64_t> erase(const char* statement, const std::vector<SqliteDatabase::Value>& values);
     SqliteResult<uint64_t> removeWhere(const char* statement,
                                        const std::vector<SqliteDatabase::Value>& values);
 
