@@ -18,6 +18,7 @@ refused_calls
 idle_exit
 restart_under_load
 crash
+outbox
 costs
 purge
 install telvorad telvoractl # for the boot without Landlock

@@ -201,6 +201,32 @@ restarted() {
     [ "$(property MainPID)" != "$before" ] && [ "$(property NRestarts)" = $((restarts + 1)) ] && is $unit.service active
 }
 
+# The service has no network for a while, and dies meanwhile.
+outbox() {
+    step "what finds no server waits in the outbox"
+    $settings outboxBytes integer 1000000
+    systemctl restart $unit.service
+    report app --payload greeting=beforeOutbox
+    systemctl set-property --runtime $unit.service IPAddressDeny=any
+    report app --payload greeting=fromOutbox
+    await outbox_holds '[1-9]'
+    [ "$(stat -c %U:%a /var/lib/telvora/outbox.db)" = telvora:600 ] || fail "$(ls -l /var/lib/telvora)"
+    before=$(property MainPID)
+    restarts=$(property NRestarts)
+    systemctl kill --signal=KILL $unit.service
+    await restarted
+    await outbox_holds '[1-9]'
+    systemctl set-property --runtime $unit.service IPAddressDeny=
+    report app --payload greeting=afterOutbox # the server's answer brings the others on their way
+    await outbox_holds 0
+    telvoractl defaults delete com.zandor.telvora outboxBytes
+    systemctl restart $unit.service
+    [ ! -e /var/lib/telvora/outbox.db ] || fail "the outbox is off, but its file is there"
+}
+outbox_holds() {
+    as admin telvoractl status | grep -Eq "^all so far +outbox +[0-9]+ +[0-9]+ +$1"
+}
+
 # Memory as systemd and the kernel count it; a wake-up is a switch to one of the daemon's threads.
 costs() {
     step "memory and wake-ups"
@@ -246,7 +272,8 @@ purge() {
     systemctl stop $unit.service 2>/dev/null
     kill $laboratory
     wait $laboratory || fail "the laboratory failed: $(cat $lab/lab.log)"
-    for greeting in first withConsent level7 level6 afterRefusals afterIdleExit afterCrash; do
+    for greeting in first withConsent level7 level6 afterRefusals afterIdleExit afterCrash beforeOutbox fromOutbox \
+        afterOutbox; do
         [ "$(grep -c "\"greeting\": \"$greeting\"" $lab/arrived.json)" = 1 ] || fail "not one report \"$greeting\""
     done
     ! grep -E '"(stranger|withoutConsent|Ada)"' $lab/arrived.json || fail "should not have left the machine"
