@@ -23,6 +23,9 @@ struct Settings {
 
 Settings readSettings(UserDefaults& defaults);
 
+// Logs the first unknown keys of the daemon's own domain at level 4: a misspelt setting has no effect.
+void warnOfUnknownSettings(UserDefaults& defaults);
+
 // Applies the setting "logLevel" and returns it.
 int readLogLevel(UserDefaults& defaults);
 
