@@ -17,21 +17,15 @@ constexpr std::chrono::minutes kPeriod{1};
 constexpr uint64_t kOwnErrorLines = 10;
 
 constexpr std::array<QuotaRule, kQuotas> kRules = {{
-    {"connections", "maxConnectionsPerUser", 1024},
-    // Fewer than connections: a user with too many sessions can still ask for the status.
-    {"sessions", "maxSessionsPerUser", 1000},
-    // Half of the HTTP client's limit for one server (http_client.h), which leaves the other half to other
-    // users.
-    {"pendingBytes", "maxPendingBytesPerUser", uint64_t{16} << 20},
-    {"unreadBytes", "maxUnreadBytesPerUser", uint64_t{16} << 20},
-    // The limit of one backend's batch.
-    {"dormantBytes", "maxDormantBytesPerUser", uint64_t{8} << 20},
-    // Four of the largest messages (BusLimits).
-    {"inputBytes", "maxInputBytesPerUser", uint64_t{64} << 20},
-    {"sessionBytes", "maxSessionBytesPerUser", uint64_t{16} << 20},
-    {"extensionTokens", "maxExtensionTokensPerUser", 512},
-    // Half of the journal's limit for one service, journald.conf(5).
-    {"logLines", "maxLogLinesPerUser", 10'000},
+    {"connections", settings::kMaxConnections},
+    {"sessions", settings::kMaxSessions},
+    {"pendingBytes", settings::kMaxPendingBytes},
+    {"unreadBytes", settings::kMaxUnreadBytes},
+    {"dormantBytes", settings::kMaxDormantBytes},
+    {"inputBytes", settings::kMaxInputBytes},
+    {"sessionBytes", settings::kMaxSessionBytes},
+    {"extensionTokens", settings::kMaxExtensionTokens},
+    {"logLines", settings::kMaxLogLines},
 }};
 
 constexpr Quota quotaAt(size_t index) {
@@ -153,7 +147,7 @@ void UserShare::refuse(Quota quota, TimePoint now) {
     const LogScope nobody(nullptr);
     TELVORA_LOG(kLogError, "UserQuotas: user %u is over the quota of %llu %s (%s)", user_,
                 static_cast<unsigned long long>(quotas_.limitOf(quota)), ruleOf(quota).name,
-                ruleOf(quota).key);
+                ruleOf(quota).setting.key.data());
 }
 
 void UserShare::logUnlogged(Quota quota, uint64_t refusals) const {
@@ -279,8 +273,7 @@ UserQuotas::~UserQuotas() = default;
 
 void UserQuotas::readLimits() {
     for (size_t i = 0; i < kQuotas; ++i) {
-        const std::optional<int64_t> given = defaults_.integer(kTelvoraDefaultsDomain, kRules[i].key);
-        limits_[i].store(given ? static_cast<uint64_t>(std::max<int64_t>(*given, 0)) : kRules[i].limit,
+        limits_[i].store(static_cast<uint64_t>(integerSetting(defaults_, kRules[i].setting)),
                          std::memory_order_relaxed);
     }
 }

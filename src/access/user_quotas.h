@@ -30,7 +30,7 @@
 
 #include "async/blocking_share.h"
 #include "async/user_turns.h"
-#include "platform/user_defaults.h"
+#include "platform/known_settings.h"
 #include "util/log.h"
 #include "util/mutex.h"
 
@@ -50,9 +50,8 @@ enum class Quota : uint8_t {
 inline constexpr size_t kQuotas = static_cast<size_t>(Quota::logLines) + 1;
 
 struct QuotaRule {
-    const char* name;  // in the log and on the wire
-    const char* key;   // the user default, in the domain com.zandor.telvora, for the limit
-    uint64_t limit;    // by default
+    const char* name;        // in the log and on the wire
+    const Setting& setting;  // the limit
 };
 const QuotaRule& ruleOf(Quota quota);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "backends/https_post_backend.h"
 
+#include "platform/known_settings.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -23,16 +24,16 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
     : TelvoraBackend(services, std::move(name), std::move(profile), std::move(identity)),
       clients_(clients),
       dnuEnabled_(services.identity.diagnosticsConsent()),
-      forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, "forceEventLogging")),
+      forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, settings::kForceEventLogging.key)),
       uuidRespectDnu_(services.identity.getPersistentIdentifierForDNU(true)),
       uuidOverrideDnu_(services.identity.getPersistentIdentifierForDNU(false)) {
-    policy_.postURL = services.defaults.string(kTelvoraDefaultsDomain, "httpsPostURL");
+    policy_.postURL = services.defaults.string(kTelvoraDefaultsDomain, settings::kPostURL.key);
     if (policy_.postURL) {
         policy_.useDefaultPostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for postURL",
                     policy_.postURL->c_str());
     }
-    policy_.realtimePostURL = services.defaults.string(kTelvoraDefaultsDomain, "httpsRealtimePostURL");
+    policy_.realtimePostURL = services.defaults.string(kTelvoraDefaultsDomain, settings::kRealtimePostURL.key);
     if (policy_.realtimePostURL) {
         policy_.useDefaultRealtimePostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for realtimePostURL",

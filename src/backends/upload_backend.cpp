@@ -8,6 +8,7 @@
 
 #include "async/work_pool.h"
 #include "http/http_request_rules.h"
+#include "platform/known_settings.h"
 #include "util/compression.h"
 #include "util/log.h"
 #include "util/percent_encoding.h"
@@ -17,8 +18,6 @@ namespace telvora {
 
 namespace {
 
-constexpr int64_t kDefaultMaxUploadBytes = int64_t{256} << 20;
-constexpr int64_t kLargestMaxUploadBytes = int64_t{2047} << 20;  // limit of one compression
 constexpr std::string_view kDescription = "Vidora DLRC log";
 
 // The last component of a path, which need not exist.
@@ -191,9 +190,7 @@ bool UploadBackend::isDelivered(const HttpResult& result) const {
 }
 
 uint64_t UploadBackend::maxUploadBytes() const {
-    const int64_t bytes =
-        services_.defaults.integer(kTelvoraDefaultsDomain, "maxUploadBytes").value_or(kDefaultMaxUploadBytes);
-    return static_cast<uint64_t>(std::clamp(bytes, int64_t{0}, kLargestMaxUploadBytes));
+    return static_cast<uint64_t>(integerSetting(services_.defaults, settings::kMaxUploadBytes));
 }
 
 std::string percentEncodedForQuery(std::string_view text) {

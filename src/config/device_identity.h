@@ -13,15 +13,12 @@
 #include <string_view>
 
 #include "platform/device_properties.h"
+#include "platform/known_settings.h"
 #include "platform/user_defaults.h"
 #include "plist/property_list.h"
 #include "util/mutex.h"
 
 namespace telvora {
-
-// The user default of the user's consent, a boolean.
-inline constexpr std::string_view kConsentDomain = "com.zandor.diagnosticsharing";
-inline constexpr std::string_view kConsentKey = "Enabled";
 
 // The preference domain of the identifiers that the daemon has made. Names from clients are part of its keys,
 // so it is apart from the settings, and bounded: a further identifier is made, but not kept. Earlier versions

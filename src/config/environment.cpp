@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "platform/known_settings.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -32,7 +33,7 @@ std::optional<std::string> sectionNameForEnvironment(EnvironmentType type) {
 
 EnvironmentType Environment::userDefaultsEnvironment() const {
     std::call_once(typeOnce_, [this] {
-        if (const auto setting = defaults_.value(kTelvoraDefaultsDomain, "environmentType")) {
+        if (const auto setting = defaults_.value(kTelvoraDefaultsDomain, settings::kEnvironmentType.key)) {
             type_ = environmentTypeFromSetting(*setting);
         } else {
             type_ = identity_.isInternal() ? EnvironmentType::zandorInternal : EnvironmentType::release;
@@ -46,7 +47,7 @@ const std::string& Environment::storebagBaseURL() const {
     std::call_once(baseURLOnce_, [this] {
         const char* builtIn =
             identity_.isInternal() ? TELVORA_INTERNAL_STOREBAG_URL : TELVORA_PUBLIC_STOREBAG_URL;
-        baseURL_ = defaults_.string(kTelvoraDefaultsDomain, "telvora_storebag_url").value_or(builtIn);
+        baseURL_ = defaults_.string(kTelvoraDefaultsDomain, settings::kStorebagURL.key).value_or(builtIn);
     });
     return baseURL_;
 }

@@ -26,7 +26,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       framework_(process.directories.framework),
       entitlements_(process.directories.configuration),
       quotas_(process.defaults),
-      curl_(makeCurlHttpClient()),
+      curl_(makeCurlHttpClient({.link = process.settings.link})),
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),

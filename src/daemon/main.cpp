@@ -41,6 +41,7 @@ int run() {
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);
     readLogLevel(defaults);
+    warnOfUnknownSettings(defaults);
     const Settings settings = readSettings(defaults);
     MessageLog messageLog(directories.logs);
     messageLog.maxBytes = settings.messageLogBytes;

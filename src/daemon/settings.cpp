@@ -1,47 +1,50 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/settings.h"
 
-#include <algorithm>
-
 #include "access/client_files.h"
 #include "backends/vodex_backend.h"
+#include "config/device_identity.h"
 #include "daemon/keep_alive_transaction.h"
+#include "platform/known_settings.h"
 #include "util/log.h"
+#include "util/nearest_word.h"
+#include "util/utf8.h"
 
 namespace telvora {
 
 namespace {
 
-constexpr std::chrono::milliseconds kDefaultShutdownTime = std::chrono::seconds(5);
-constexpr std::chrono::milliseconds kMaxTime = std::chrono::hours(24);
+static_assert(settings::kIdleTime.standard == kDefaultIdleTime.count());
 
-std::chrono::milliseconds milliseconds(UserDefaults& defaults, std::string_view key,
-                                       std::chrono::milliseconds otherwise) {
-    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise.count());
-    return std::chrono::milliseconds(std::clamp<int64_t>(value, 0, kMaxTime.count()));
-}
-
-uint64_t messageLogBytes(UserDefaults& defaults) {
-    constexpr int64_t kDefault = int64_t{8} << 20;
-    constexpr int64_t kLeast = int64_t{64} << 10;
-    constexpr int64_t kMost = int64_t{1} << 30;
-    const int64_t value = defaults.integer(kTelvoraDefaultsDomain, "messageLogBytes").value_or(kDefault);
-    return static_cast<uint64_t>(std::clamp(value, kLeast, kMost));
+std::chrono::milliseconds milliseconds(UserDefaults& defaults, const Setting& setting) {
+    return std::chrono::milliseconds(integerSetting(defaults, setting));
 }
 
 OutboxLimits outboxLimits(UserDefaults& defaults) {
-    constexpr int64_t kTwoWeeks = 14 * 86400;
-    const auto setting = [&](std::string_view key, int64_t otherwise, int64_t least, int64_t most) {
-        return std::clamp(defaults.integer(kTelvoraDefaultsDomain, key).value_or(otherwise), least, most);
-    };
-    return {.bytes = static_cast<uint64_t>(setting("outboxBytes", 0, 0, int64_t{1} << 30)),
-            .age = std::chrono::seconds(setting("outboxSeconds", kTwoWeeks, 60, 366 * 86400)),
-            .countPerUser = static_cast<uint64_t>(setting("outboxCountPerUser", 10'000, 1, 1'000'000))};
+    return {.bytes = static_cast<uint64_t>(integerSetting(defaults, settings::kOutboxBytes)),
+            .age = std::chrono::seconds(integerSetting(defaults, settings::kOutboxSeconds)),
+            .countPerUser = static_cast<uint64_t>(integerSetting(defaults, settings::kOutboxCount))};
+}
+
+// Of the administrator's file; empty if it has none.
+std::string administratorsText(UserDefaults& defaults, const Setting& setting) {
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, setting.key);
+    const auto* text = value ? value->getIf<std::string>() : nullptr;
+    return text != nullptr ? *text : std::string();
+}
+
+HttpLink httpLink(UserDefaults& defaults) {
+    return {.proxy = administratorsText(defaults, settings::kProxy),
+            .proxyExceptions = administratorsText(defaults, settings::kProxyExceptions),
+            .caFile = administratorsText(defaults, settings::kCaFile),
+            .clientCertificate = administratorsText(defaults, settings::kClientCertificate),
+            .clientKey = administratorsText(defaults, settings::kClientKey),
+            .pinnedPublicKeys = administratorsText(defaults, settings::kPinnedPublicKeys)};
 }
 
 std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
     std::vector<std::string> directories;
-    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "uploadDirectories");
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, settings::kUploadDirectories.key);
     const Array* array = value ? value->getIf<Array>() : nullptr;
     for (const PropertyList& element : array != nullptr ? *array : Array()) {
         if (const auto* text = element.getIf<std::string>()) directories.push_back(*text);
@@ -50,25 +53,44 @@ std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
 }
 
 std::string vodexAdaptorPath(UserDefaults& defaults) {
-    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, "vodexAdaptorPath");
-    const auto* path = value ? value->getIf<std::string>() : nullptr;
-    return path != nullptr ? *path : VodexBackend::kBundlePath;
+    std::string path = administratorsText(defaults, settings::kVodexAdaptorPath);
+    return !path.empty() ? path : VodexBackend::kBundlePath;
 }
 
 }  // namespace
 
+void warnOfUnknownSettings(UserDefaults& defaults) {
+    constexpr int kMostLines = 10;
+    std::vector<std::string_view> keys;
+    for (const Setting* setting : knownSettings())
+        if (setting->domain == kTelvoraDefaultsDomain) keys.push_back(setting->key);
+    const auto [administrator, own] = defaults.files(kTelvoraDefaultsDomain);
+    int lines = 0;
+    for (const Dictionary& file : {administrator, own}) {
+        for (const auto& [key, value] : file) {
+            if (findSetting(kTelvoraDefaultsDomain, key) != nullptr || DeviceIdentity::isIdentifierKey(key))
+                continue;
+            if (++lines > kMostLines) return;
+            TELVORA_LOG(kLogWarning, "Settings: %s has the unknown key \"%s\"%s",
+                        std::string(kTelvoraDefaultsDomain).c_str(),
+                        escapeControlCharacters(key.substr(0, kMaxIdentifierKeyBytes)).c_str(),
+                        suggestion(key, keys).c_str());
+        }
+    }
+}
+
 Settings readSettings(UserDefaults& defaults) {
     return {.uploadDirectories = canonicalDirectories(uploadDirectories(defaults)),
             .vodexAdaptorPath = vodexAdaptorPath(defaults),
-            .idleTime = milliseconds(defaults, "idleMilliseconds", kDefaultIdleTime),
-            .shutdownTime = milliseconds(defaults, "shutdownMilliseconds", kDefaultShutdownTime),
-            .messageLogBytes = messageLogBytes(defaults),
-            .outbox = outboxLimits(defaults)};
+            .idleTime = milliseconds(defaults, settings::kIdleTime),
+            .shutdownTime = milliseconds(defaults, settings::kShutdownTime),
+            .messageLogBytes = static_cast<uint64_t>(integerSetting(defaults, settings::kMessageLogBytes)),
+            .outbox = outboxLimits(defaults),
+            .link = httpLink(defaults)};
 }
 
 int readLogLevel(UserDefaults& defaults) {
-    const auto level =
-        static_cast<int>(defaults.integer(kTelvoraDefaultsDomain, "logLevel").value_or(kLogInfo));
+    const auto level = static_cast<int>(integerSetting(defaults, settings::kLogLevel));
     setLogThreshold(level);
     return level;
 }

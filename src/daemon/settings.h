@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "http/http_client.h"
 #include "outbox/outbox_store.h"
 #include "platform/user_defaults.h"
 
@@ -21,9 +22,13 @@ struct Settings {
     std::chrono::milliseconds shutdownTime;
     uint64_t messageLogBytes;  // the most bytes of the message log
     OutboxLimits outbox;
+    HttpLink link;
 };
 
 Settings readSettings(UserDefaults& defaults);
+
+// Logs the first unknown keys of the daemon's own domain at level 4: a misspelt setting has no effect.
+void warnOfUnknownSettings(UserDefaults& defaults);
 
 // Applies the setting "logLevel" and returns it.
 int readLogLevel(UserDefaults& defaults);

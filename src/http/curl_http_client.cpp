@@ -254,7 +254,7 @@ std::string caFileFromEnvironment() {
 }  // namespace
 
 std::unique_ptr<HttpClient> makeCurlHttpClient(CurlHttpClientOptions options) {
-    if (options.caFile.empty()) options.caFile = caFileFromEnvironment();
+    if (options.link.caFile.empty()) options.link.caFile = caFileFromEnvironment();
     return std::make_unique<CurlHttpClient>(std::move(options));
 }
 

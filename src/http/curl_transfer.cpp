@@ -38,9 +38,13 @@ HttpError::Kind kindOf(CURLcode code) {
         case CURLE_NO_CONNECTION_AVAILABLE:
             return HttpError::Kind::tooManyPending;
         case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
         case CURLE_COULDNT_CONNECT:
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_PROXY:
         case CURLE_PEER_FAILED_VERIFICATION:
             return HttpError::Kind::noConnection;
         default:
@@ -92,7 +96,8 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_.easySetopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
     // The bag sets the destination of reports, so a proxy variable in the environment must not.
-    curl_.easySetopt(easy_, CURLOPT_PROXY, "");
+    curl_.easySetopt(easy_, CURLOPT_PROXY, options.link.proxy.c_str());
+    curl_.easySetopt(easy_, CURLOPT_NOPROXY, options.link.proxyExceptions.c_str());
 
     curl_.easySetopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMilliseconds);
     curl_.easySetopt(easy_, CURLOPT_LOW_SPEED_LIMIT, kLeastBytesPerSecond);
@@ -105,7 +110,20 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     // A directory of certificates would prevent libcurl from caching the store between connections.
     curl_.easySetopt(easy_, CURLOPT_CAPATH, static_cast<char*>(nullptr));
     curl_.easySetopt(easy_, CURLOPT_CA_CACHE_TIMEOUT, kCaCacheSeconds);
-    if (!options.caFile.empty()) curl_.easySetopt(easy_, CURLOPT_CAINFO, options.caFile.c_str());
+    setFiles(options.link);
+}
+
+void CurlTransfer::setFiles(const HttpLink& link) {
+    if (!link.caFile.empty()) {
+        curl_.easySetopt(easy_, CURLOPT_CAINFO, link.caFile.c_str());
+        curl_.easySetopt(easy_, CURLOPT_PROXY_CAINFO, link.caFile.c_str());
+    }
+    if (!link.clientCertificate.empty()) {
+        curl_.easySetopt(easy_, CURLOPT_SSLCERT, link.clientCertificate.c_str());
+        curl_.easySetopt(easy_, CURLOPT_SSLKEY, link.clientKey.c_str());
+    }
+    if (!link.pinnedPublicKeys.empty())
+        curl_.easySetopt(easy_, CURLOPT_PINNEDPUBLICKEY, link.pinnedPublicKeys.c_str());
 }
 
 CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {

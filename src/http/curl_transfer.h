@@ -57,6 +57,7 @@ class CurlTransfer {
     static size_t onBody(char* data, size_t size, size_t count, void* self) noexcept;
     void readHeader(std::string_view line);
     void setConstantOptions(const CurlHttpClientOptions& options);
+    void setFiles(const HttpLink& link);
     void setMethodAndBody(const HttpRequest& request);
     curl_slist* makeHeaderList(const HttpRequest& request);
 

@@ -95,6 +95,22 @@ class HttpClient {
 // run. Not to be called from a completion.
 HttpResult performBlocking(HttpClient& client, HttpRequest request);
 
+// The way to the servers, as the administrator sets it. All texts may be empty. Files are PEM.
+struct HttpLink {
+    // URL of a proxy (http, https, socks4a or socks5h), with a user name and password if it needs them.
+    std::string proxy = {};
+    // Host names, domains and networks that are reached without the proxy, separated by commas
+    // (CURLOPT_NOPROXY(3)).
+    std::string proxyExceptions = {};
+    std::string caFile = {};  // replaces SSL_CERT_FILE and the system's store
+    // Of this device; with the chain.
+    std::string clientCertificate = {};
+    std::string clientKey = {};
+    // "sha256//BASE64", separated by semicolons: TLS servers must have one of these public keys
+    // (CURLOPT_PINNEDPUBLICKEY(3)).
+    std::string pinnedPublicKeys = {};
+};
+
 struct CurlHttpClientOptions {
     // Exchanges under way, each with a connection of its own or a part of one (HTTP/2); further requests wait
     // in line. A user alone may hold half of each number.
@@ -113,11 +129,12 @@ struct CurlHttpClientOptions {
     // An exchange below 1 KiB/s, both ways together, for this long is given up; so is a silent server.
     std::chrono::seconds rateWindow{60};
     std::chrono::seconds idleConnectionAge{60};  // unused connections are closed after this time
-    std::string caFile = {};                     // PEM; empty: SSL_CERT_FILE, else the system's store
+    HttpLink link = {};
 };
 
 // Speaks HTTP/1.1 and, if the server offers it, HTTP/2, over http and https only, on one thread with one
 // libcurl multi handle. Always verifies TLS, follows no redirects, and ignores proxies of the environment.
+// The files of `link` are read at each TLS handshake, so that a renewed certificate counts at the next one.
 // The thread starts with the first request and ends after `idleConnectionAge` without pending requests, so
 // that an idle daemon carries neither connections nor libcurl's tables. A connection must be there after 15
 // s. A server that hangs delays neither requests to other servers nor other users' requests: users take

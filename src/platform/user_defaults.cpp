@@ -227,6 +227,14 @@ UserDefaults::Files UserDefaults::files(std::string_view domain) {
     return files;
 }
 
+bool UserDefaults::isNewlyUnfit(std::string_view domain, std::string_view key, const PropertyList& value) {
+    const MutexLock lock(mutex_);
+    PropertyList& known = unfit_[std::string(domain) + " " + std::string(key)];
+    if (known == value) return false;
+    known = value;
+    return true;
+}
+
 void UserDefaults::apply(const Changes& changes, Dictionary& content) {
     for (const auto& [key, value] : changes) {
         if (value) {

@@ -67,6 +67,10 @@ class UserDefaults {
     };
     Files files(std::string_view domain);
 
+    // Whether this is the first call for the key, or the value differs from that of the last call: a reader
+    // that ignores a value logs that once.
+    bool isNewlyUnfit(std::string_view domain, std::string_view key, const PropertyList& value);
+
     // Whether the text can name a domain: it is the name of one file, without a path.
     static bool isDomain(std::string_view domain);
 
@@ -88,6 +92,7 @@ class UserDefaults {
     std::map<std::filesystem::path, CachedFile> files_ TELVORA_GUARDED_BY(mutex_);
     // By domain, changes that could not be written; the next write includes them.
     std::map<std::string, Changes, std::less<>> unwritten_ TELVORA_GUARDED_BY(mutex_);
+    std::map<std::string, PropertyList> unfit_ TELVORA_GUARDED_BY(mutex_);  // by domain and key
 };
 
 }  // namespace telvora

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "backends/event_record.h"
+#include "platform/known_settings.h"
 #include "platform/uuid.h"
 #include "session/shared_hierarchies.h"
 #include "session/telvorad_session.h"
@@ -310,7 +311,7 @@ void TelvoradSession::sendStartMessage() {
     }
     payload.set("Locale", services_.backendServices.countryCode().value_or(""));
     const std::optional<PropertyList> automatic =
-        services_.backendServices.defaults.value("com.zandor.timed", "TMAutomaticTimeZoneEnabled");
+        services_.backendServices.defaults.value(settings::kAutomaticTimeZone.domain, settings::kAutomaticTimeZone.key);
     payload.set("AutomaticTimeSet", automatic ? automatic->boolValue() : true);
     internalSendMessage(payload, 0, 0);
 }

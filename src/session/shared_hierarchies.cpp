@@ -6,13 +6,12 @@
 
 #include "access/name_service.h"
 #include "async/work_pool.h"
+#include "platform/known_settings.h"
 #include "util/log.h"
 
 namespace telvora {
 
 namespace {
-
-constexpr char kSharedHierarchies[] = "sharedHierarchies";
 
 bool isListOfUsers(const PropertyList& value) {
     const auto* users = value.getIf<Array>();
@@ -23,12 +22,12 @@ bool isListOfUsers(const PropertyList& value) {
 
 uid_t hierarchyUserOf(uid_t user, UserDefaults& defaults) {
     // Read from the administrator's file only, as it gives programs access to other users' reports.
-    const auto setting = defaults.administratorValue(kTelvoraDefaultsDomain, kSharedHierarchies);
+    const auto setting = defaults.administratorValue(kTelvoraDefaultsDomain, settings::kSharedHierarchies.key);
     if (!setting) return user;
     const auto* lists = setting->getIf<Array>();
     if (lists == nullptr || !std::all_of(lists->begin(), lists->end(), isListOfUsers)) {
         TELVORA_LOG(kLogWarning, "TelvoradSession: %s shares nothing: it is no array of arrays of users",
-                    kSharedHierarchies);
+                    settings::kSharedHierarchies.key.data());
         return user;
     }
     const BlockingSection lookingUpNames;

@@ -16,6 +16,7 @@ export PATH TERM=dumb INPUTRC=/dev/null HISTFILE=
 cat >table <<'END'
 telvoractl con|telvoractl consent
 telvoractl consent sh|telvoractl consent show
+telvoractl defaults write com.zandor.telvora logL|telvoractl defaults write com.zandor.telvora logLevel
 telvoractl defaults write com.zandor.telvora logLevel int|telvoractl defaults write com.zandor.telvora logLevel integer
 telvoractl upload --client-t|telvoractl upload --client-type
 telvoractl send --type 3 --pay|telvoractl send --type 3 --payload

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "defaults_list.h"
 #include "json.h"
 #include "json/json_reader.h"
 #include "output.h"
@@ -17,6 +18,7 @@ struct DefaultsOptions {
     std::string key;
     std::string type;
     std::string text;
+    bool force = false;
 };
 
 template <typename Number>
@@ -45,6 +47,8 @@ tl::expected<PropertyList, std::string> valueOf(const std::string& type, const s
 int runWrite(const DefaultsOptions& options) {
     auto value = valueOf(options.type, options.text);
     if (!value) return fail(kBadInput, options.text + ": " + value.error());
+    const auto why = whyWithoutEffect(options.domain, options.key, *value);
+    if (why && !options.force) return fail(kBadInput, *why + " (--force writes it all the same)");
     auto settings = Settings::open();
     if (!settings) return fail(kNotDone, settings.error());
     return settings->write(options.domain, options.key, std::move(*value));
@@ -90,23 +94,35 @@ Command addDefaultsCommand(CLI::App& app, const CommonOptions& common) {
     CLI::App* command = app.add_subcommand("defaults", "Read, write or delete settings");
     command->require_subcommand(1);
     command->footer("com.zandor.telvora is the domain of the daemon's own settings: telvorad.defaults(5).");
+    const CLI::App* list =
+        command->add_subcommand("list", "Print all settings: value, default, range, owner and meaning");
     const auto add = [&](const char* name, const char* description) {
         CLI::App* action = command->add_subcommand(name, description);
-        action->add_option("domain", options->domain, "Preference domain")->required();
+        action->add_option("domain", options->domain, "Preference domain")
+            ->required()
+            ->type_name("TEXT:" + knownDomains())
+            ->option_text("TEXT REQUIRED");
         return action;
     };
+    const auto addKey = [&](CLI::App* action) {
+        return action->add_option("key", options->key, "Key")
+            ->type_name("TEXT:" + knownKeys())
+            ->option_text("TEXT");
+    };
     CLI::App* read = add("read", "Print a domain's settings, or the value of one");
-    read->add_option("key", options->key, "Key");
+    addKey(read);
     CLI::App* write = add("write", "Set a key");
-    write->add_option("key", options->key, "Key")->required();
+    addKey(write)->required();
     write->add_option("type", options->type, "string, integer, real, boolean or json")
         ->required()
         ->check(CLI::IsMember({"string", "integer", "real", "boolean", "json"}));
     write->add_option("value", options->text, "Value; after -- where it begins with a hyphen")->required();
+    write->add_flag("--force", options->force, "Write what no setting is, or has no effect");
     CLI::App* remove = add("delete", "Remove a key");
-    remove->add_option("key", options->key, "Key")->required();
+    addKey(remove)->required();
     return {command, [=, &common] {
-                return write->parsed()    ? runWrite(*options)
+                return list->parsed()     ? listSettings(common)
+                       : write->parsed()  ? runWrite(*options)
                        : remove->parsed() ? runDelete(*options)
                                           : runRead(*options, common);
             }};

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "settings.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+
+#include "util/error_text.h"
 
 namespace telvora::ctl {
 
@@ -28,13 +32,31 @@ tl::expected<void, std::string> becomeOwnerOf(const std::filesystem::path& direc
     return {};
 }
 
+// The reason why the property lists of a directory can't be read; std::nullopt if they can, or are absent.
+std::optional<std::string> whyUnreadable(const std::filesystem::path& directory) {
+    const auto mayRead = [](const std::filesystem::path& path, int mode) {
+        return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 || errno == ENOENT;
+    };
+    if (!mayRead(directory, R_OK | X_OK)) return errorText("can't read " + directory.string(), errno);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        const bool isDomain = entry.path().extension() == ".plist";
+        if (isDomain && !mayRead(entry.path(), R_OK)) {
+            return errorText("can't read " + entry.path().string(), errno);
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 tl::expected<Settings, std::string> Settings::open() {
     logToStandardError();
     Settings settings;
-    if (const auto became = becomeOwnerOf(settings.directories_.state); !became) {
-        return tl::unexpected(became.error());
+    const Directories& directories = settings.directories_;
+    if (const auto became = becomeOwnerOf(directories.state); !became) return tl::unexpected(became.error());
+    for (const auto& parent : {directories.configuration, directories.state}) {
+        if (const auto why = whyUnreadable(parent / "Preferences")) return tl::unexpected(*why);
     }
     return settings;
 }

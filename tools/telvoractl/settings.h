@@ -16,6 +16,8 @@ namespace telvora::ctl {
 // permissions, and files that it writes belong to the daemon.
 class Settings {
   public:
+    // Fails with the reason, for example if the caller may not read the settings that are there: values that
+    // count as absent would be a wrong answer.
     static tl::expected<Settings, std::string> open();
 
     const Directories& directories() const { return directories_; }

@@ -14,7 +14,7 @@ using Lines = std::vector<std::string>;
 class UserQuotasTest : public testing::Test {
   protected:
     void limit(Quota quota, int64_t limit) {
-        ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, ruleOf(quota).key, limit));
+        ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, ruleOf(quota).setting.key, limit));
     }
     QuotaUse use(uid_t user, Quota quota) { return quotas_.uses().at(user)[static_cast<size_t>(quota)]; }
 
@@ -60,7 +60,7 @@ TEST_F(UserQuotasTest, EachUserHasItsOwnAndGivesBackWhatItLetsGo) {
         EXPECT_TRUE(first.take(quota, 1, four));
 
         // Two refusals were not logged, one more is, and then only one line.
-        limit(quota, -1);  // counts as 0
+        limit(quota, 0);
         quotas_.of(2);
         now_ += std::chrono::minutes(1);
         for (int i = 0; i < 2; ++i)

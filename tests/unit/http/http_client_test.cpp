@@ -11,6 +11,7 @@
 
 #include "http/http_request_rules.h"
 #include "telvora-lab/https_server.h"
+#include "tests/support/child_process.h"
 #include "tests/support/environment_variable.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temporary_directory.h"
@@ -236,26 +237,100 @@ TEST(CurlHttpClient, DestructionCompletesWhatIsLeftAndRefusesMore) {
     EXPECT_EQ(refused, 100);
 }
 
-TEST(CurlHttpClient, TrustsTheGivenAuthorityAndNoOther) {
-    const test::TemporaryDirectory directory;
-    const auto file = [&directory](const std::string& name) { return (directory.path() / name).string(); };
-    // Certificates that are their own authorities.
-    for (const auto& [name, host] : {std::pair<std::string, std::string>{"right", "IP:127.0.0.1"},
-                                     {"other", "IP:127.0.0.1"},
-                                     {"elsewhere", "DNS:elsewhere.example"}}) {
-        const std::string command =
-            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-            " -subj /CN=test -addext subjectAltName=" +
-            host + " -keyout " + file(name + ".key") + " -out " + file(name + ".crt") + " 2>/dev/null";
-        ASSERT_EQ(std::system(command.c_str()), 0);
+class CurlHttpClientTls : public testing::Test {
+  protected:
+    // Makes certificates that are their own authorities.
+    void SetUp() override {
+        for (const auto& [name, host] : {std::pair<std::string, std::string>{"right", "IP:127.0.0.1"},
+                                         {"other", "IP:127.0.0.1"},
+                                         {"elsewhere", "DNS:elsewhere.example"}}) {
+            const std::string command =
+                "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+                " -subj /CN=test -addext subjectAltName=" +
+                host + " -keyout " + file(name + ".key") + " -out " + file(name + ".crt") + " 2>/dev/null";
+            ASSERT_EQ(std::system(command.c_str()), 0);
+        }
     }
-    // The error of a client that trusts `authority`, with a server that has that certificate.
-    const auto errorOf = [&file](const std::string& certificate, const std::string& authority) {
+    std::string file(const std::string& name) const { return (directory_.path() / name).string(); }
+    // The error of a client with this link, with a server that has that certificate.
+    int errorWith(const std::string& certificate, HttpLink link) const {
         const lab::HttpsServer server(file(certificate + ".crt"), file(certificate + ".key"),
                                       [](const auto&) { return lab::ServerResponse(); });
-        const auto client = makeCurlHttpClient({.caFile = authority});
+        const auto client = makeCurlHttpClient({.link = std::move(link)});
         return errorCode(performBlocking(*client, {.url = server.origin() + "/a"}));
+    }
+    int errorOf(const std::string& certificate, const std::string& authority) const {
+        return errorWith(certificate, {.caFile = authority});
+    }
+
+  private:
+    test::TemporaryDirectory directory_;
+};
+
+TEST_F(CurlHttpClientTls, AcceptsPinnedKeysOnly) {
+    test::ChildProcess openssl(
+        {{"/bin/sh", "-c",
+          "openssl x509 -in " + file("right.crt") +
+              " -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary | base64"},
+         {}});
+    const std::string right = "sha256//" + openssl.output().linesToTheEnd().at(0);
+    const std::string other = "sha256//AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+    const auto with = [&](const std::string& pins) {
+        return errorWith("right", {.caFile = file("right.crt"), .pinnedPublicKeys = pins});
     };
+    EXPECT_EQ(with(right), 0);
+    EXPECT_EQ(with(other + ";" + right), 0);
+    EXPECT_NE(with(other), 0);
+    EXPECT_NE(with("nonsense"), 0);
+}
+
+TEST_F(CurlHttpClientTls, ShowsTheClientCertificateThatIsThereAtTheHandshake) {
+    test::ChildProcess server({{"/usr/bin/openssl", "s_server", "-accept", "127.0.0.1:0", "-www", "-Verify",
+                                "1", "-verify_return_error", "-CAfile", file("right.crt"), "-cert",
+                                file("right.crt"), "-key", file("right.key")},
+                               {}});
+    ASSERT_TRUE(server.output().waitForPart("ACCEPT 127.0.0.1:"));
+    std::string url;
+    for (const std::string& line : server.output().lines()) {
+        if (line.starts_with("ACCEPT ")) url = "https://" + line.substr(7) + "/";
+    }
+    const auto install = [this](const char* certificate) {
+        for (const char* suffix : {".crt", ".key"})
+            std::filesystem::copy_file(file(certificate + std::string(suffix)),
+                                       file(std::string("mine") + suffix),
+                                       std::filesystem::copy_options::overwrite_existing);
+    };
+    install("other");
+    const auto client = makeCurlHttpClient({.link = {.caFile = file("right.crt"),
+                                                     .clientCertificate = file("mine.crt"),
+                                                     .clientKey = file("mine.key")}});
+    EXPECT_NE(errorCode(performBlocking(*client, {.url = url})), 0);
+    install("right");
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = url})), 0);
+    EXPECT_NE(errorOf("right", file("absent.crt")), 0);
+}
+
+TEST(CurlHttpClient, UsesTheProxyExceptForItsExceptions) {
+    std::mutex lock;
+    std::vector<std::string> lines;
+    const test::ScriptedServer proxy([&](test::ScriptedServer::Connection& connection) {
+        const std::string request = connection.readRequest();
+        const std::lock_guard hold(lock);
+        lines.push_back(request.substr(0, request.find('\r')));
+        connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+    });
+    const test::EnvironmentVariable everything("NO_PROXY", "*");
+    const auto client =
+        makeCurlHttpClient({.link = {.proxy = proxy.url(), .proxyExceptions = "127.0.0.0/8,.internal"}});
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = "http://server.example/a"})), 0);
+    EXPECT_NE(errorCode(performBlocking(*client, {.url = "https://server.example/b"})), 0);  // no TLS follows
+    EXPECT_EQ(errorCode(performBlocking(*client, {.url = proxy.url() + "c"})), 0);
+    const std::lock_guard hold(lock);
+    EXPECT_EQ(lines, (std::vector<std::string>{"GET http://server.example/a HTTP/1.1",
+                                               "CONNECT server.example:443 HTTP/1.1", "GET /c HTTP/1.1"}));
+}
+
+TEST_F(CurlHttpClientTls, TrustsTheGivenAuthorityAndNoOther) {
     EXPECT_EQ(errorOf("right", file("right.crt")), 0);
     EXPECT_EQ(errorOf("right", file("other.crt")), kCertificateRefused);
     EXPECT_EQ(errorOf("right", ""), kCertificateRefused);
