@@ -8,7 +8,7 @@
 
 #include "client/client_session.h"
 #include "command.h"
-#include "completion/completion.h"
+#include "completion/program.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
@@ -58,13 +58,7 @@ int run(int argc, char** argv) {
     std::vector<Command> commands;
     for (const auto& add : kCommands)
         commands.push_back(add(app, common));
-    if (printCompletions(app, argc, argv)) return kDone;
-
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kDone : kBadInput;
-    }
+    if (const auto status = parseCommandLine(app, argc, argv, kBadInput)) return *status;
     for (const Command& command : commands) {
         if (command.app->parsed()) return command.run();
     }
