@@ -125,7 +125,7 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         status.notChanged = true;
         return std::nullopt;
     }
-    return openSignedBag(result->body, services_.framework.publicKeyDer());
+    return openSignedBag(result->body, services_.framework.publicKeyDers());
 }
 
 }  // namespace telvora

@@ -23,7 +23,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       properties_(process.directories.configuration),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
-      framework_(process.directories.framework),
+      framework_(process.directories.framework, process.directories.configuration),
       entitlements_(process.directories.configuration),
       quotas_(process.defaults),
       curl_(makeCurlHttpClient()),
@@ -91,7 +91,16 @@ void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
 }
 
 void Daemon::run() {
+void Daemon::warnWithoutPublicKey() const {
+    const std::vector<PublicKeyFile> keys = framework_.publicKeyFiles();
+    const auto isUsed = [](const PublicKeyFile& key) { return !key.problem; };
+    if (std::any_of(keys.begin(), keys.end(), isUsed)) return;
+    TELVORA_LOG(kLogWarning, "main: No bag can be verified: there is no public key publicKey.der in %s or %s",
+                process_.directories.framework.c_str(), process_.directories.configuration.c_str());
+}
+
     reloadOnSignal();
+    warnWithoutPublicKey();
     shutdown_.onSignals();
     listener_.resume();
     if (statusListener_) statusListener_->resume();

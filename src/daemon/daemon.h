@@ -53,6 +53,7 @@ class Daemon final : private StatusInterface {
     void stopAccepting();
     void reloadOnSignal();
     void logLosses() const;
+    void warnWithoutPublicKey() const;
     Dictionary getStatus() override;
     Dictionary getDevice() override { return properties_.all(); }
 
