@@ -55,7 +55,8 @@ class Daemon final : private StatusInterface {
     void logLosses() const;
     void warnWithoutPublicKey() const;
     Dictionary getStatus() override;
-    Dictionary getDevice() override { return properties_.all(); }
+    Dictionary getDevice() override;
+    void refreshBags(std::function<void(Dictionary bags)> reply) override;
 
     const ProcessContext& process_;
     const StartTime start_;

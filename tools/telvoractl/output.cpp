@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 
 #include "util/utf8.h"
 
@@ -94,6 +95,18 @@ void Progress::show(const std::string& text) {
 
 void Progress::clear() {
     if (!shown_) return;
+void withProgress(const std::string& activity, const std::function<void()>& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    auto done = std::async(std::launch::async, work);
+    Progress progress;
+    while (done.wait_for(std::chrono::seconds(1)) != std::future_status::ready) {
+        const auto elapsed = std::chrono::steady_clock::now() - begin;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
+        progress.show(activity + ", " + std::to_string(seconds) + " s");
+    }
+    done.get();
+}
+
     shown_ = false;
     std::fputs("\r\033[K", stderr);
     std::fflush(stderr);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -60,3 +61,6 @@ class Progress {
 };
 
 }  // namespace telvora::ctl
+// Runs work on another thread and waits for it; on a terminal, shows `activity` and the elapsed time.
+void withProgress(const std::string& activity, const std::function<void()>& work);
+
