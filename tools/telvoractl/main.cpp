@@ -19,8 +19,8 @@ namespace {
 constexpr char kFooter[] =
     "Exit status:\n"
     "  0  done\n"
-    "  1  not done: the daemon has no configuration for the client type, or refused; or a setting that was\n"
-    "     written has no effect\n"
+    "  1  not done: the daemon has no configuration for the client type, or refused; a report was not\n"
+    "     delivered; a bag could not be fetched; or a setting that was written has no effect\n"
     "  2  the command line or the input is wrong\n"
     "  3  the daemon can't be reached, or the connection was lost\n"
     "  4  the daemon did not answer in time\n"

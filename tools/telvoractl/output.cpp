@@ -38,7 +38,9 @@ void Printer::printText(const char* name, const ReportingStates& states) {
 }
 
 void Printer::printText(const char* name, const FlushAnswer& answer) {
-    if (answer.error) {
+    if (answer.error && answer.error->description == kNothingToFlush) {
+        printNamed(name, "no report was waiting");
+    } else if (answer.error) {
         printNamed(name, answer.error->description + " (" + answer.error->domain + " " +
                              std::to_string(answer.error->code) + ")");
     } else {
@@ -93,8 +95,6 @@ void Progress::show(const std::string& text) {
     std::fflush(stderr);
 }
 
-void Progress::clear() {
-    if (!shown_) return;
 void withProgress(const std::string& activity, const std::function<void()>& work) {
     const auto begin = std::chrono::steady_clock::now();
     auto done = std::async(std::launch::async, work);
@@ -107,6 +107,8 @@ void withProgress(const std::string& activity, const std::function<void()>& work
     done.get();
 }
 
+void Progress::clear() {
+    if (!shown_) return;
     shown_ = false;
     std::fputs("\r\033[K", stderr);
     std::fflush(stderr);

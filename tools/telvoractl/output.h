@@ -32,6 +32,9 @@ class Printer {
     bool json_;
 };
 
+// The error of a flush that had no reports to post. Commands treat it as a success.
+inline constexpr char kNothingToFlush[] = "Nothing to flush";
+
 // Prints rows with aligned columns; the first row is the header.
 void printTable(std::vector<std::vector<std::string>> rows);
 
@@ -60,7 +63,7 @@ class Progress {
     std::chrono::steady_clock::time_point next_;
 };
 
-}  // namespace telvora::ctl
 // Runs work on another thread and waits for it; on a terminal, shows `activity` and the elapsed time.
 void withProgress(const std::string& activity, const std::function<void()>& work);
 
+}  // namespace telvora::ctl
