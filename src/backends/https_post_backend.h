@@ -109,7 +109,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
     void settle(const HttpResult& result, Load& load);
-    void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
+    void handlePostResult(const std::string& url, const HttpResult& result, Load& load,
+                          const PostCompletion& completion);
 
     const Array& clients_;   // of the profile
     const bool dnuEnabled_;  // the user shares diagnostics

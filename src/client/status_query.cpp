@@ -25,12 +25,12 @@ std::string statusSocketBeside(const std::string& clientSocketPath) {
     return clientSocketPath + ".Status";
 }
 
-tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,
-                                                      std::chrono::milliseconds timeout) {
+tl::expected<Dictionary, BusQueryFailure> queryStatusNamed(const char* method, const std::string& socketPath,
+                                                           std::chrono::milliseconds timeout) {
     const auto connection = BusQueryConnection::connect(socketPath);
     if (!connection) return tl::unexpected(connection.error());
-    return call(**connection, {StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout},
-                method);
+    return call(**connection, {StatusInterface::kWirePath, StatusInterface::kWireName, method, timeout},
+                kGetStatus);
 }
 
 std::optional<BusQueryFailure> watchOutgoing(const std::string& socketPath,

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/signed_bag.h"
 
+#include <algorithm>
+
 #include "util/base64.h"
 #include "util/log.h"
 
@@ -18,10 +20,24 @@ std::optional<std::string> decodedString(const Dictionary& dictionary, std::stri
     return text != nullptr ? base64Decode(*text) : std::nullopt;
 }
 
+std::vector<RsaPublicKey> keysFrom(const std::vector<std::string>& publicKeyDers) {
+    std::vector<RsaPublicKey> keys;
+    for (const std::string& der : publicKeyDers) {
+        auto key = RsaPublicKey::fromDer(der);
+        if (key) {
+            keys.push_back(std::move(*key));
+        } else if (key.error().isTooShort) {
+            TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
+                        key.error().reason.c_str());
+        }
+    }
+    return keys;
+}
+
 }  // namespace
 
 std::optional<Dictionary> openSignedBag(std::string_view document,
-                                        const std::optional<std::string>& publicKeyDer) {
+                                        const std::vector<std::string>& publicKeyDers) {
     const auto parsed = parsePropertyList(document);
     if (!parsed) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
@@ -32,21 +48,17 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature is missing");
         return std::nullopt;
     }
-    if (!publicKeyDer) return std::nullopt;
-    const auto key = RsaPublicKey::fromDer(*publicKeyDer);
-    if (!key) {
-        if (key.error().isTooShort) {
-            TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
-                        key.error().reason.c_str());
-        }
-        return std::nullopt;
-    }
+    const std::vector<RsaPublicKey> keys = keysFrom(publicKeyDers);
+    if (keys.empty()) return std::nullopt;
     const std::optional<std::string> signature = decodedString(*outer, "signature");
     if (!signature) return std::nullopt;
     const std::optional<std::string> bag = decodedString(*outer, "bag");
     if (!bag) return std::nullopt;
-    if (!key->verifySha1(*bag, *signature)) {
-        TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p", key->identity());
+    const bool isVerified = std::any_of(
+        keys.begin(), keys.end(), [&](const RsaPublicKey& key) { return key.verifySha1(*bag, *signature); });
+    if (!isVerified) {
+        TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p",
+                    keys.back().identity());
         return std::nullopt;
     }
     const auto inner = parsePropertyList(*bag);

@@ -94,7 +94,8 @@ std::vector<StorebagCache::Status> StorebagCache::statuses() const {
                             : !record.data                                        ? State::absent
                             : record.fetchSuccessful && recordAge < record.maxAge ? State::fresh
                                                                                   : State::stale;
-        statuses.push_back({key.name, extract.clientType, record.version, state, recordAge, record.maxAge});
+        statuses.push_back({key.name, extract.clientType, record.version, state, recordAge, record.maxAge,
+                            record.fetchSuccessful});
     }
     return statuses;
 }

@@ -32,8 +32,9 @@ class StorebagCache {
         int clientType = 0;               // of the session that it was last fetched for
         std::optional<std::string> version;
         State state = State::absent;
-        double age = 0;      // seconds since the last attempt
-        int32_t maxAge = 0;  // seconds
+        double age = 0;        // seconds since the last attempt
+        int32_t maxAge = 0;    // seconds
+        bool fetched = false;  // the last attempt succeeded
     };
 
     // `fetcher` must outlive the cache.

@@ -15,6 +15,7 @@ namespace {
 constexpr std::chrono::milliseconds kTimeout{15'000};
 constexpr int32_t kDefaultMaxAge = 86400;
 constexpr size_t kMaxBagBytes = size_t{16} << 20;
+constexpr int kNotModified = 304;
 constexpr std::string_view kQuillet = "quillet";
 
 // Replaces the bag "quillet" while its server can't be reached. It deliberately has no "seed" section: the
@@ -120,12 +121,16 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         status.builtIn = name == kQuillet;
         return standIn(name);
     }
+    if (!isSuccess(*result) && result->status != kNotModified) {
+        TELVORA_LOG(kLogWarning, "fetchStorebagWithName: %s answered %d", urlForLog(url).c_str(),
+                    result->status);
+    }
     status.maxAge = maxAgeOf(*result);
     if (updateLastModified(*result, status.lastModified)) {
         status.notChanged = true;
         return std::nullopt;
     }
-    return openSignedBag(result->body, services_.framework.publicKeyDer());
+    return openSignedBag(result->body, services_.framework.publicKeyDers());
 }
 
 }  // namespace telvora

@@ -58,7 +58,8 @@ Array TelvoradAgent::storebagStatus() {
         Dictionary described{{status::kClientType, bag.clientType},
                              {status::kState, nameOf(bag.state)},
                              {status::kAge, bag.age},
-                             {status::kMaxAge, bag.maxAge}};
+                             {status::kMaxAge, bag.maxAge},
+                             {status::kFetched, bag.fetched}};
         if (bag.name) described.set(status::kName, *bag.name);
         if (bag.version) described.set(status::kVersion, *bag.version);
         statuses.emplace_back(std::move(described));

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "config/device_description.h"
 #include "daemon/process_setup.h"
 #include "platform/locale.h"
 #include "platform/system_log.h"
@@ -20,10 +21,10 @@ namespace telvora {
 Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
-      properties_(process.directories.configuration),
+      properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
-      framework_(process.directories.framework),
+      framework_(process.directories.framework, process.directories.configuration),
       entitlements_(process.directories.configuration),
       quotas_(process.defaults),
       curl_(makeCurlHttpClient({.link = process.settings.link})),
@@ -83,7 +84,7 @@ BackendServices Daemon::makeBackendServices() {
             .environment = environment_,
             .defaults = process_.defaults,
             .clock = timeOfDay,
-            .countryCode = [] { return currentCountryCode(); },
+            .countryCode = [this] { return identity_.countryCode(); },
             .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
             .random = uniformRandom48,
             .makeNetworkQueue = [this] { return tapped(makeNetworkQueue(pool_), outgoing_); },
@@ -121,7 +122,16 @@ void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
     if (!agent_.listener(connection, peer)) connection->invalidate();
 }
 
+void Daemon::warnWithoutPublicKey() const {
+    const std::vector<PublicKeyFile> keys = framework_.publicKeyFiles();
+    const auto isUsed = [](const PublicKeyFile& key) { return !key.problem; };
+    if (std::any_of(keys.begin(), keys.end(), isUsed)) return;
+    TELVORA_LOG(kLogWarning, "main: No bag can be verified: there is no public key publicKey.der in %s or %s",
+                process_.directories.framework.c_str(), process_.directories.configuration.c_str());
+}
+
 void Daemon::run() {
+    warnWithoutPublicKey();
     reloadOnSignal();
     shutdown_.onSignals();
     listener_.resume();
@@ -185,7 +195,18 @@ Dictionary Daemon::getStatus() {
             {status::kUsers, userStatus(quotas_)},
             {status::kBags, agent_.storebagStatus()},
             {status::kTotals, describe(ledger_.totals())},
-            {status::kHttpPending, static_cast<long long>(http_.inFlight())}};
+            {status::kHttpPending, static_cast<long long>(http_.inFlight())},
+            {status::kPublicKeys, publicKeyStatus(framework_)}};
+}
+
+Dictionary Daemon::getDevice() {
+    return describeDevice(properties_, identity_, environment_, framework_);
+}
+
+void Daemon::refreshBags(std::function<void(Dictionary bags)> reply) {
+    agent_.refreshStorebags([this, reply = std::move(reply)] {
+        reply({{status::kBags, agent_.storebagStatus()}});
+    });
 }
 
 }  // namespace telvora

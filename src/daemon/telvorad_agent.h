@@ -68,6 +68,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Neither waits for a fetch.
     Array sessionStatus();
     Array storebagStatus();
+    // Fetches the requested bags anew, and calls `done` once when all fetches are through; see
+    // StorebagService.
+    void refreshStorebags(std::function<void()> done) { storebags_.refresh(std::move(done)); }
 
     // For the sessions; see TelvoradSessionDelegate.
     void storebagForSession(const TelvoradSession& session, StorebagReply reply) override;

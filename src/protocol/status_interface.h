@@ -23,12 +23,12 @@ class StatusInterface {
 
     virtual Dictionary getStatus() = 0;
     virtual Dictionary getDevice() = 0;
+    virtual void refreshBags(std::function<void(Dictionary bags)> reply) = 0;
 };
 
 inline constexpr auto kGetStatus = method("GetStatus", &StatusInterface::getStatus, {}, {"status"});
 inline constexpr auto kGetDevice = method("GetDevice", &StatusInterface::getDevice, {}, {"properties"});
-inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice};
-
-using StatusMethod = std::remove_const_t<decltype(kGetStatus)>;
+inline constexpr auto kRefreshBags = method("RefreshBags", &StatusInterface::refreshBags, {}, {"bags"});
+inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice, kRefreshBags};
 
 }  // namespace telvora

@@ -15,6 +15,7 @@ inline constexpr char kUsers[] = "users";
 inline constexpr char kBags[] = "bags";
 inline constexpr char kTotals[] = "totals";
 inline constexpr char kHttpPending[] = "httpPending";
+inline constexpr char kPublicKeys[] = "publicKeys";
 
 // Of several parts.
 inline constexpr char kUser[] = "user";
@@ -71,5 +72,11 @@ inline constexpr char kRefused[] = "refused";
 inline constexpr char kName[] = "name";
 inline constexpr char kAge[] = "age";
 inline constexpr char kMaxAge[] = "maxAge";
+inline constexpr char kFetched[] = "fetched";
+
+// A public key.
+inline constexpr char kFile[] = "file";
+inline constexpr char kFingerprint[] = "fingerprint";
+inline constexpr char kProblem[] = "problem";
 
 }  // namespace telvora::status

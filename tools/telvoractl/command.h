@@ -45,6 +45,7 @@ Command addDeviceCommand(CLI::App& app, const CommonOptions& common);
 Command addFlushCommand(CLI::App& app, const CommonOptions& common);
 Command addLogCommand(CLI::App& app, const CommonOptions& common);
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common);
+Command addRefreshCommand(CLI::App& app, const CommonOptions& common);
 Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common);
 Command addSendCommand(CLI::App& app, const CommonOptions& common);
 Command addSessionCommand(CLI::App& app, const CommonOptions& common);

@@ -75,7 +75,8 @@ struct Line {
     std::string problem() const {
         if (setting == nullptr) return "unknown key" + suggestion(key, keysOf(kTelvoraDefaultsDomain));
         if (value == nullptr) return {};
-        if (setting->administratorOnly && !isAdministrators) return "ignored: not in the administrator's file";
+        if (setting->administratorOnly && !isAdministrators)
+            return "ignored: not in the administrator's file";
         const auto why = whyUnfit(*setting, *value);
         return why ? "ignored: " + *why : std::string();
     }
@@ -103,8 +104,10 @@ struct Line {
         const std::string given = value != nullptr ? textOf(*value) : "-";
         if (setting == nullptr) return {key, given, "-", "-", source(), "-", problem()};
         const std::string why = problem();
+        const bool isUsed = value != nullptr && why.empty();
+        const std::string standard = setting->otherwise.empty() ? defaultOf(*setting) : "-";
         return {key,
-                value == nullptr || !why.empty() ? defaultOf(*setting) : given,
+                isUsed ? given : standard,
                 standardOf(*setting),
                 setting->unit.empty() ? "-" : std::string(setting->unit),
                 source(),

@@ -2,6 +2,7 @@
 //
 // The daemon's status for administrators: as JSON unchanged, or as tables.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -71,6 +72,14 @@ void printDaemon(const Dictionary& status) {
     std::printf("sandbox %s, Landlock ABI %s: %s%s%s\n", text(sandbox, status::kProfile).c_str(),
                 text(sandbox, status::kLandlockAbi).c_str(), inForce.c_str(),
                 missing.empty() ? "" : "; not in force: ", missing.c_str());
+}
+
+void printKeys(const std::vector<Dictionary>& keys) {
+    const auto isUsed = [](const Dictionary& key) { return !key.contains(status::kProblem); };
+    if (std::any_of(keys.begin(), keys.end(), isUsed)) return;
+    std::puts("no public key: no bag can be verified");
+    for (const Dictionary& key : keys)
+        std::printf("  %s: %s\n", text(key, status::kFile).c_str(), text(key, status::kProblem).c_str());
 }
 
 // A hierarchy is identified by its token and its user: "t of 1000".
@@ -157,6 +166,7 @@ int runStatus(const CommonOptions& common) {
     }
     const std::vector<Dictionary> sessions = entriesIn(*status, status::kSessions);
     printDaemon(*status);
+    if (status->contains(status::kPublicKeys)) printKeys(entriesIn(*status, status::kPublicKeys));
     printSessions(sessions);
     printReports(*status, sessions);
     printUsers(entriesIn(*status, status::kUsers));
