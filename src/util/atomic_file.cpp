@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,14 +37,18 @@ bool syncDirectory(const std::filesystem::path& directory) {
 
 }  // namespace
 
-tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, std::string_view content) {
+tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, std::string_view content,
+                                            const FileAttributes& attributes) {
     const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
     std::string temporary = directory / ".";
     temporary += path.filename().string() + ".XXXXXX";
     const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return failure("mkostemp");
 
+    const timespec times[] = {{0, UTIME_NOW}, attributes.modified.value_or(timespec{0, UTIME_NOW})};
     const char* failed = !writeAll(fd.get(), content)                   ? "write"
+                         : fchmod(fd.get(), attributes.mode) != 0       ? "fchmod"
+                         : futimens(fd.get(), times) != 0               ? "futimens"
                          : fsync(fd.get()) != 0                         ? "fsync"
                          : rename(temporary.c_str(), path.c_str()) != 0 ? "rename"
                                                                         : nullptr;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/scripted_server.h"
 #include "util/utf8.h"
 
 namespace telvora::test {
@@ -260,11 +261,95 @@ TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {
     run("sign --key key.pem bag.json refused", 1, "release/dashboard/port: error: ");
     EXPECT_FALSE(exists(directory_.path() / "refused"));
     run("keygen --force --key other.pem --public other.der", 0);
+    run("diff bag.plist signed", 0, "the same for all sessions");
     run("explain json.signed --client-type 7 --consent yes --country CH --draw 0.5 --events reports", 0,
         "  0 of 1 reports posted");
     struct stat status {};
     ASSERT_EQ(stat((directory_.path() / "key.pem").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+TEST_F(TelvoraBag, PublishesWithLaterDatesAndGoesBack) {
+    const auto date = [this] { return std::filesystem::last_write_time(directory_.path() / "served"); };
+    run("publish --key key.pem bag.plist served", 0);
+    for (const char* version : {"7.3", "7.4"}) {
+        const auto before = date();
+        directory_.write("next.json", std::string(R"({"version": ")") + version + R"(", "release": {}})");
+        run("publish --key key.pem next.json served", 0);
+        EXPECT_GE(date() - before, std::chrono::seconds(1));
+        run("show served", 0, version);
+    }
+    run("publish --key key.pem bag.json served", 1, "error: ");
+    for (const char* version : {"7.3", "7.1"}) {
+        const auto before = date();
+        run("rollback served", 0);
+        EXPECT_GE(date() - before, std::chrono::seconds(1));
+        run("show served", 0, version);
+        run("verify --public public.der served", 0);
+    }
+    run("rollback served", 2, "no earlier document");
+}
+
+TEST_F(TelvoraBag, FindsAnswersOfBagServersThatMisleadDevices) {
+    constexpr char kDate[] = "Last-Modified: Mon, 16 Nov 2015 08:00:00 GMT\r\n";
+    const std::string document = readFile(directory_.path() / "signed");
+    struct {
+        const char* what;
+        const char* firstHeaders;
+        const char* unchanged;  // the answer to a device that has the bag; empty: the bag
+        const char* newer;      // to a device with a newer one
+        int status;
+        const char* says;
+    } const cases[] = {
+        {"good", "Cache-Control: max-age=600\r\n", "304 Not Modified", "", 0,
+         "is answered 304 without a body"},
+        {"another key", "", "304 Not Modified", "", 1, "does not verify with other.der"},
+        {"304 without a date", "", "304", "", 1, "304 has no Last-Modified"},
+        {"never 304", "", "", "", 1, "each device loads it at each fetch"},
+        {"by comparison", "", "304 Not Modified", "304 Not Modified", 1, "devices keep the bad bag"},
+        {"no blank", "Cache-Control: public,max-age=600\r\n", "304 Not Modified", "", 1,
+         "devices read 86400 s"},
+        {"capitals", "Cache-Control: Max-Age=600\r\n", "304 Not Modified", "", 1, "devices read 86400 s"},
+    };
+    for (const auto& [what, firstHeaders, unchanged, newer, status, says] : cases) {
+        SCOPED_TRACE(what);
+        const ScriptedServer server([&, firstHeaders = firstHeaders, unchanged = unchanged,
+                                     newer = newer](ScriptedServer::Connection& connection) {
+            for (std::string request; !(request = connection.readRequest()).empty();) {
+                const bool conditional = request.find("If-Modified-Since") != request.npos;
+                const bool same = request.find("2015 08:00:00") != request.npos;
+                const std::string line = !conditional ? "" : same ? unchanged : newer;
+                const std::string body = line.empty() ? document : "";
+                connection.send("HTTP/1.1 " + (line.empty() ? "200 OK" : line) + "\r\n" +
+                                (line == "304" ? "" : kDate) + firstHeaders +
+                                "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+            }
+        });
+        const bool isOther = std::string_view(what) == "another key";
+        run("probe --public " + std::string(isOther ? "other.der " : "public.der ") +
+                server.url("/bags/dravik"),
+            status, says);
+    }
+}
+
+TEST_F(TelvoraBag, SaysForWhichSessionsABagDiffers) {
+    const auto bag = [](const char* countries) {
+        return std::string(R"({"version": "1", "release": {"httpPost": {"clients": [{"client": "player",)"
+                           R"("post_url": "https://a.example/", "sampling_threshold": 1, "filters": [],)"
+                           R"("locale_whitelist": ")") +
+               countries + R"("}]}}})";
+    };
+    directory_.write("old.json", bag("US"));
+    directory_.write("new.json", bag("US,CH"));
+    const Finished difference =
+        expectRun(TELVORA_BAG_PATH " diff " + (directory_.path() / "old.json").string() + " " +
+                      (directory_.path() / "new.json").string(),
+                  1, "  + httpPost: => reporting");
+    EXPECT_THAT(difference.output,
+                testing::Contains(
+                    "release, client \"player\", service \"any other service\", country CH, with consent"));
+    EXPECT_THAT(difference.output, testing::Not(testing::Contains(testing::HasSubstr("country US"))));
+    EXPECT_THAT(difference.output, testing::Not(testing::Contains(testing::HasSubstr("any other client"))));
 }
 
 TEST_F(TelvoraBag, NamesTheLimitThatABagIsOver) {

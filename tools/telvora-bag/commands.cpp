@@ -73,7 +73,7 @@ int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, 
 }
 
 int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile,
-         bool lints) {
+         bool lints, const WriteDocument& write) {
     const auto pem = readFile(privateKeyFile);
     if (!pem) return complain(pem.error());
     const auto key = RsaPrivateKey::fromPem(*pem);
@@ -84,7 +84,7 @@ int sign(const std::string& privateKeyFile, const std::string& bagFile, const st
 
     const auto document = signBag(bag->bytes, *key);
     if (!document) return complain(bagFile + ": " + document.error());
-    if (auto written = writeFile(signedFile, *document); !written) return complain(written.error());
+    if (auto written = write(signedFile, *document); !written) return complain(written.error());
     // Standard output may hold the document itself.
     describe(signedFile == "-" ? std::cerr : std::cout, signedFile, bag->content, bag->bytes, *document);
     return kDone;

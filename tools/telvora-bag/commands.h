@@ -4,8 +4,11 @@
 // error. An output file is written completely or not at all.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <tl/expected.hpp>
 
 #include "telvora-bag/dry_run.h"
 #include "telvora-bag/lint.h"
@@ -18,8 +21,25 @@ int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, 
 
 // Signs a bag. A property list is signed byte by byte; JSON becomes an XML property list first. With `lints`,
 // prints the findings about the bag to standard error, and does not sign a bag with errors.
+// `write` writes the signed document.
+using WriteDocument =
+    std::function<tl::expected<void, std::string>(const std::string& path, std::string_view document)>;
 int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile,
-         bool lints);
+         bool lints, const WriteDocument& write);
+
+// Signs a bag and puts it in the place of a published one, which goes to the history beside it. The new
+// file's date is later than the old one's by a second at least.
+int publish(const std::string& privateKeyFile, const std::string& bagFile, const std::string& publishedFile,
+            bool lints);
+// Publishes the last document of the history again, with a later date. The present one is set aside, so that
+// a further call goes back further.
+int rollback(const std::string& publishedFile);
+
+// Prints for which sessions the second bag has another effect, and the differences.
+int diff(const std::string& oldFile, const std::string& newFile);
+
+// Prints what a device makes of a bag server's answers, and which of them mislead it.
+int probe(const std::string& url, const std::string& publicKeyFile, const std::string& caFile);
 
 // Verifies a signed document and prints the version and digests of its bag.
 int verify(const std::string& publicKeyFile, const std::string& signedFile);

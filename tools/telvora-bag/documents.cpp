@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-bag/documents.h"
 
-#include <sys/stat.h>
-
 #include <fstream>
 #include <iostream>
 
@@ -67,9 +65,9 @@ tl::expected<void, std::string> writeFile(const std::string& path, std::string_v
         if (std::cout) return {};
         return tl::unexpected(std::string("standard output can't be written"));
     }
-    if (auto written = replaceFile(path, content); !written) return failure(path, written.error());
-    // replaceFile() makes the file readable by its owner alone.
-    if (access == Access::everybody) chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
+    const FileAttributes attributes{.mode = access == Access::everybody ? mode_t{0644} : mode_t{0600}};
+    if (auto written = replaceFile(path, content, attributes); !written)
+        return failure(path, written.error());
     return {};
 }
 

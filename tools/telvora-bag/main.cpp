@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kFooter[] =
     "A bag is a property list, XML or binary, or JSON. A file named '-' is standard input or output.\n"
-    "Exit status: 0 done; 1 the signature does not verify, lint has findings, or sign found errors; 2 a wrong command line, "
+    "Exit status: 0 done; 1 the signature does not verify, lint, diff or probe has findings, or sign found errors; 2 a wrong command line, "
     "input that can't be read, or output that can't be written. No file is written partially.";
 
 CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
@@ -65,6 +65,7 @@ int main(int argc, char** argv) {
     std::string publicKey;
     std::string input;
     std::string output;
+    std::string caFile;
 
     CLI::App app("Makes, signs, checks and explains storebags.");
     app.require_subcommand(1);
@@ -95,11 +96,37 @@ int main(int argc, char** argv) {
     lint->add_option("file", input, "The document")->required();
     lint->add_flag("--json", json, "Print the findings as JSON");
 
+    CLI::App* publish = app.add_subcommand("publish", "Lint and sign a bag, and replace the published one");
+    publish->add_option("--key", privateKey, "The private key (PEM)")->required();
+    publish->add_option("bag", input, "The bag")->required();
+    publish->add_option("published", output, "The file that the server serves")->required();
+    publish->add_flag("--no-lint", noLint, "Do not look for mistakes first");
+
+    CLI::App* rollback = app.add_subcommand("rollback", "Publish the document before the present one again");
+    rollback->add_option("published", output, "The file that the server serves")->required();
+
+    CLI::App* diff = app.add_subcommand("diff", "Print for which sessions another bag has another effect");
+    diff->add_option("old", input, "The bag, signed or not")->required();
+    diff->add_option("new", output, "The other one")->required();
+
+    CLI::App* probe = app.add_subcommand("probe", "Print what devices make of a bag server's answers");
+    probe->add_option("url", input, "The bag's address, without a query")->required();
+    probe->add_option("--public", publicKey, "The public key (DER) of the devices");
+    probe->add_option("--ca", caFile, "The server's authority (PEM), instead of the system's");
+
     bag::ExplainOptions explanation;
     CLI::App* explain = addExplain(app, explanation);
     if (const auto status = parseCommandLine(app, argc, argv, bag::kBadInput)) return *status;
     if (keygen->parsed()) return bag::keygen(privateKey, publicKey, bits, force);
-    if (sign->parsed()) return bag::sign(privateKey, input, output, !noLint);
+    if (sign->parsed()) {
+        return bag::sign(privateKey, input, output, !noLint, [](const auto& path, std::string_view document) {
+            return bag::writeFile(path, document);
+        });
+    }
+    if (publish->parsed()) return bag::publish(privateKey, input, output, !noLint);
+    if (rollback->parsed()) return bag::rollback(output);
+    if (diff->parsed()) return bag::diff(input, output);
+    if (probe->parsed()) return bag::probe(input, publicKey, caFile);
     if (verify->parsed()) return bag::verify(publicKey, input);
     if (lint->parsed()) return bag::lint(input, json);
     if (explain->parsed()) return bag::explain(explanation);
