@@ -196,16 +196,24 @@ SqliteResult<uint64_t> OutboxStore::trim(const std::set<int64_t>& users) {
     return removed;
 }
 
-SqliteResult<std::vector<OutboxStore::Head>> OutboxStore::heads() {
+SqliteResult<std::vector<OutboxStore::Head>> OutboxStore::heads(const std::map<std::string, int64_t>& after) {
     auto rows = database_.query("SELECT server, min(id) FROM message GROUP BY server");
     if (!rows) return tl::unexpected(rows.error());
     std::vector<Head> heads;
     for (;;) {
         const auto row = rows->next();
         if (!row) return tl::unexpected(row.error());
-        if (!*row) return heads;
+        if (!*row) break;
         heads.push_back({rows->text(0), rows->integer(1)});
     }
+    for (const auto& [server, id] : after) {
+        std::erase_if(heads, [&server = server](const Head& head) { return head.server == server; });
+        auto next = database_.query("SELECT min(id) FROM message WHERE server=? AND id>?", {server, id});
+        if (!next) return tl::unexpected(next.error());
+        if (const auto row = next->next(); !row) return tl::unexpected(row.error());
+        if (const int64_t head = next->integer(0); head != 0) heads.push_back({server, head});
+    }
+    return heads;
 }
 
 SqliteResult<StoredMessage> OutboxStore::read(int64_t id) {

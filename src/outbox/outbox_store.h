@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -69,8 +70,8 @@ class OutboxStore {
         std::string server;  // as serverOfUrl() names it
         int64_t id = 0;
     };
-    // The oldest message for each server.
-    SqliteResult<std::vector<Head>> heads();
+    // The oldest message for each server. Of a server in `after`, the oldest one behind that message.
+    SqliteResult<std::vector<Head>> heads(const std::map<std::string, int64_t>& after = {});
     SqliteResult<StoredMessage> read(int64_t id);
 
     // Each removes messages and returns the number of their reports.

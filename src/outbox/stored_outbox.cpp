@@ -96,6 +96,7 @@ void StoredOutbox::close() {
 }
 
 void StoredOutbox::wake() {
+    if (!store_) reopen();
     storeIncoming();
     sendNext();
 }
@@ -140,8 +141,12 @@ bool StoredOutbox::storeAll(const std::vector<const OutboxMessage*>& messages) {
 void StoredOutbox::sendNext() {
     if (sending_ || !store_ || !maySend_ || waiting_.load() == 0) return;
     const BlockingSection blocking;
-    if (!removeSettled() || !removeUnwanted()) return;
-    const auto heads = store_->heads();
+    removeSettled();
+    if (!store_ || !removeUnwanted()) return;
+    std::map<std::string, int64_t> settled;
+    for (const auto& [id, message] : settled_)
+        settled[message.server] = id;
+    const auto heads = store_->heads(settled);
     if (!heads) return fail(heads.error());
     std::erase_if(servers_, [&heads](const auto& server) {
         return std::none_of(heads->begin(), heads->end(),
@@ -179,16 +184,22 @@ bool StoredOutbox::removeUnwanted() {
     return true;
 }
 
-// Removes the messages that have an outcome. While that fails, none may leave: one of them would leave again.
-bool StoredOutbox::removeSettled() {
+// Removes the messages that have an outcome. On a full disk, they stay until there is room, or until all
+// messages have an outcome and the file can go.
+void StoredOutbox::removeSettled() {
     while (store_ && !settled_.empty()) {
-        const auto [id, outcome] = *settled_.begin();
+        const auto& [id, settled] = *settled_.begin();
         const auto removed = store_->remove(id);
-        if (!lose(removed, outcome)) return false;
+        if (!removed) {
+            fail(removed.error());
+            const auto totals = store_ ? store_->totals() : OutboxStore::Totals{};
+            if (totals && totals->messages == settled_.size()) removeFile();
+            return;
+        }
+        account_->move(*removed, ReportOutcome::held, settled.outcome);
         if (*removed > 0) --waiting_;
         settled_.erase(id);
     }
-    return store_.has_value();
 }
 
 bool StoredOutbox::lose(const SqliteResult<uint64_t>& removed, ReportOutcome cause) {
@@ -204,29 +215,30 @@ void StoredOutbox::send(const OutboxStore::Head& head) {
     auto message = store_->read(head.id);
     if (!message) return fail(message.error());
     if (message->isDamaged) {
-        settle(head.id, ReportOutcome::damaged);
+        settle(head, message->reports, ReportOutcome::damaged);
         return services_.queue->post([this] { sendNext(); });
     }
     sending_ = true;
     const auto request = std::make_shared<const HttpRequest>(message->request);
     const SteadyTime begun = services_.queue->now();
-    services_.http.start(std::move(message->request), [this, head, request, begun](HttpResult result) {
-        services_.queue->post([this, head, request, begun, result = std::move(result)] {
-            finished(head, *request, result);
+    services_.http.start(std::move(message->request), [this, head, reports = message->reports, request,
+                                                       begun](HttpResult result) {
+        services_.queue->post([this, head, reports, request, begun, result = std::move(result)] {
+            finished(head, reports, *request, result);
             const SteadyTime now = services_.queue->now();
             wakeAt(now + std::min<std::chrono::nanoseconds>(now - begun, kLongestRest));
         });
     });
 }
 
-void StoredOutbox::finished(const OutboxStore::Head& head, const HttpRequest& request,
+void StoredOutbox::finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
                             const HttpResult& result) {
     sending_ = false;
     if (mayBePostedLater(request, result))
         return postpone(head.server, retryAfter(result, services_.moment().timeOfDay));
     servers_.erase(head.server);
     postponedServers_ = servers_.size();
-    settle(head.id, outcomeOf(result));
+    settle(head, reports, outcomeOf(result));
 }
 
 void StoredOutbox::postpone(const std::string& server, std::chrono::seconds patience) {
@@ -241,9 +253,9 @@ void StoredOutbox::postpone(const std::string& server, std::chrono::seconds pati
     TELVORA_LOG(kLogDebug, "StoredOutbox(postpone): %s gets no message for %.0f s", server.c_str(), seconds);
 }
 
-void StoredOutbox::settle(int64_t id, ReportOutcome outcome) {
+void StoredOutbox::settle(const OutboxStore::Head& head, uint64_t reports, ReportOutcome outcome) {
     const BlockingSection blocking;
-    settled_.emplace(id, outcome);
+    settled_.emplace(head.id, Settled{head.server, reports, outcome});
     removeSettled();
 }
 
@@ -256,13 +268,39 @@ void StoredOutbox::fail(const SqliteError& error) {
     if (!std::exchange(failureLogged_, true))
         TELVORA_LOG(kLogError, "StoredOutbox: %s: %s", path_.c_str(), error.text.c_str());
     wakeAt(services_.queue->now() + kPauseAfterFailure);
-    if (!error.isDamaged) return;
+    if (error.isDamaged) replaceDamaged();
+}
+
+void StoredOutbox::replaceDamaged() {
     store_.reset();
+    countSettled();
     account_->move(account_->tally()[ReportOutcome::held], ReportOutcome::held, ReportOutcome::damaged);
-    settled_.clear();
     auto store = OutboxStore::replace(path_, limits_, services_.moment(), vfs_);
     if (store) store_ = std::move(*store);
     countWaiting();
+}
+
+// Begins a new file in the place of one whose messages all have an outcome. If the old one can't be removed,
+// its messages stay known as settled.
+void StoredOutbox::removeFile() {
+    store_.reset();
+    OutboxStore::removeFiles(path_);
+    reopen();
+}
+
+void StoredOutbox::reopen() {
+    auto store = OutboxStore::open(path_, limits_, services_.moment(), vfs_);
+    if (!store) return wakeAt(services_.queue->now() + kPauseAfterFailure);
+    store_ = std::move(*store);
+    const auto totals = store_->totals();
+    if (totals && totals->messages == 0) countSettled();
+    countWaiting();
+}
+
+void StoredOutbox::countSettled() {
+    for (const auto& [id, settled] : settled_)
+        account_->move(settled.reports, ReportOutcome::held, settled.outcome);
+    settled_.clear();
 }
 
 void StoredOutbox::countWaiting() {

@@ -78,6 +78,12 @@ class StoredOutbox final : public MessageOutbox {
         SteadyTime due;
     };
 
+    // A message with an outcome that the full disk does not let go.
+    struct Settled {
+        std::string server;
+        uint64_t reports;
+        ReportOutcome outcome;
+    };
     // The circumstances in which all messages were found to be wanted.
     struct Checked {
         bool consent;
@@ -93,11 +99,16 @@ class StoredOutbox final : public MessageOutbox {
     bool storeAll(const std::vector<const OutboxMessage*>& messages);
     void sendNext();
     bool removeUnwanted();
-    bool removeSettled();
+    void removeSettled();
     void send(const OutboxStore::Head& head);
-    void finished(const OutboxStore::Head& head, const HttpRequest& request, const HttpResult& result);
+    void finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
+                  const HttpResult& result);
     void postpone(const std::string& server, std::chrono::seconds patience);
-    void settle(int64_t id, ReportOutcome outcome);
+    void settle(const OutboxStore::Head& head, uint64_t reports, ReportOutcome outcome);
+    void replaceDamaged();
+    void removeFile();
+    void reopen();
+    void countSettled();
     bool lose(const SqliteResult<uint64_t>& removed, ReportOutcome cause);
     void fail(const SqliteError& error);
     void wakeAt(SteadyTime time);
@@ -117,11 +128,11 @@ class StoredOutbox final : public MessageOutbox {
     uint64_t incomingBytes_ TELVORA_GUARDED_BY(incomingLock_) = 0;
     bool closed_ TELVORA_GUARDED_BY(incomingLock_) = false;
 
-    std::optional<OutboxStore> store_;  // absent after a failure that no new file could mend
+    std::optional<OutboxStore> store_;  // absent while the file can't be opened
     std::unique_ptr<QueueTimer> timer_;
     std::map<std::string, Server> servers_;
-    std::map<int64_t, ReportOutcome> settled_;  // messages to be removed, when the disk allows
-    std::optional<Checked> checked_;            // absent: messages have come since
+    std::map<int64_t, Settled> settled_;  // to be removed, when the disk allows; they do not leave again
+    std::optional<Checked> checked_;      // absent: messages have come since
     bool sending_ = false;
     bool failureLogged_ = false;
 };

@@ -276,6 +276,27 @@ TEST_F(StoredOutboxTest, SendsNothingThatMayNoLongerLeave) {
                 testing::Each(testing::AnyOf("b", "d")));
 }
 
+TEST_F(StoredOutboxTest, SendsNothingTwiceFromAFullDisk) {
+    answer(kNoConnection);
+    for (const char* body : {"a", "b", "c"})
+        keep(messageOf(body));
+    disk.failFrom(0, SQLITE_FULL);
+    bool kept = true;
+    outbox->keep(messageOf("d"), kNoConnection, [&kept](bool stored) { kept = stored; });
+    network.runFor({});
+    EXPECT_FALSE(kept);
+    const auto before = static_cast<ptrdiff_t>(http.requestCount());
+    answer(FakeHttpClient::response(204));
+    outbox->reached("https://one.example/");
+    network.runFor(hours(1));
+    EXPECT_EQ(at(ReportOutcome::held), 3U);
+    disk.mend();
+    network.runFor(minutes(1));
+    EXPECT_EQ(at(ReportOutcome::delivered), 3U);
+    const std::vector<std::string> all = sent();
+    EXPECT_EQ(std::vector(all.begin() + before, all.end()), (std::vector<std::string>{"a", "b", "c"}));
+}
+
 TEST_F(StoredOutboxTest, CountsWhatItCanNotTake) {
     answer(kNoConnection);
     keep(messageOf(std::string(2 << 20, 'x')));
