@@ -139,7 +139,7 @@ std::vector<Line> linesOf(std::string_view domain, const UserDefaults::Files& fi
 }  // namespace
 
 int listSettings(const CommonOptions& common) {
-    auto settings = Settings::open();
+    auto settings = Settings::openReadable();
     if (!settings) return fail(kNotDone, settings.error());
     Array all;
     for (const std::string_view domain : domains()) {

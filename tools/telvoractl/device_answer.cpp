@@ -22,7 +22,7 @@ tl::expected<Dictionary, Failure> describedDevice(const CommonOptions& common) {
     if (!answer && answer.error().kind != BusQueryFailure::Kind::kUnreachable)
         return tl::unexpected(failureOf(answer.error()));
 
-    auto settings = Settings::open();
+    auto settings = Settings::openReadable();
     if (!settings) {
         const std::string unreachable = answer ? "" : answer.error().message + "; ";
         return tl::unexpected(Failure{kNotDone, unreachable + settings.error()});
