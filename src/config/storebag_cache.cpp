@@ -78,9 +78,37 @@ StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag
     record.maxAge = status.maxAge;
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
 
+    extract(clientType, record);
+    return record.data;
+}
+
+void StorebagCache::extract(uint32_t clientType, const Record& record) {
     const MutexLock lock(extractsLock_);
     extracts_[Key(clientType)] = {static_cast<int>(clientType), record};
-    return record.data;
+}
+
+void StorebagCache::restore(uint32_t clientType, const KeptBag& kept, FetchedStorebag reopened) {
+    Record& record = cachedStorebags_[Key(clientType)];
+    if (reopened.section) {
+        record.data = std::make_shared<const Dictionary>(std::move(*reopened.section));
+        record.version = std::move(reopened.version);
+        record.lastModified = kept.lastModified;
+    }
+    record.fetchTime = kept.fetchTime;
+    record.maxAge = kept.maxAge;
+    // A bag whose signature is no longer valid has to be fetched: the wait is for failed fetches.
+    record.fetchSuccessful = kept.fetchSuccessful && record.data;
+    if (kept.fetchSuccessful && !record.data) record.fetchTime = 0;
+    extract(clientType, record);
+}
+
+std::optional<KeptBag> StorebagCache::kept(uint32_t clientType) const {
+    const Record* record = find(clientType);
+    if (record == nullptr || record->builtIn) return std::nullopt;
+    return KeptBag{.lastModified = record->lastModified,
+                   .fetchTime = record->fetchTime,
+                   .maxAge = record->maxAge,
+                   .fetchSuccessful = record->fetchSuccessful};
 }
 
 std::vector<StorebagCache::Status> StorebagCache::statuses() const {

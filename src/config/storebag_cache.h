@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/kept_bags.h"
 #include "config/storebag_fetcher.h"
 #include "plist/property_list.h"
 #include "util/mutex.h"
@@ -56,6 +57,13 @@ class StorebagCache {
     // Records the outcome of a fetch. Returns the section that is valid now.
     Section store(uint32_t clientType, FetchedStorebag fetched);
 
+    // Whether there is a record of the client type's bag.
+    bool has(uint32_t clientType) const { return find(clientType) != nullptr; }
+    // Makes the record of an earlier process, whose last good bag is `reopened`.
+    void restore(uint32_t clientType, const KeptBag& kept, FetchedStorebag reopened);
+    // The record for a later process, without its document; std::nullopt if its bag is built in.
+    std::optional<KeptBag> kept(uint32_t clientType) const;
+
     // The records in the order of their names. Callable from any thread; waits for no fetch.
     std::vector<Status> statuses() const TELVORA_EXCLUDES(extractsLock_);
 
@@ -88,6 +96,7 @@ class StorebagCache {
     };
 
     double age(double fetchTime) const;
+    void extract(uint32_t clientType, const Record& record) TELVORA_EXCLUDES(extractsLock_);
     const Record* find(uint32_t clientType) const;
 
     const StorebagFetcher& fetcher_;

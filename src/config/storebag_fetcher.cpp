@@ -93,10 +93,13 @@ void StorebagFetcher::readSettings() const {
     services_.environment.userDefaultsEnvironment();
 }
 
+std::string StorebagFetcher::urlOf(const std::optional<std::string>& name) const {
+    return services_.environment.storebagBaseURL() + "/" + name.value_or("(null)");
+}
+
 void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
                                             BagCompletion done) const {
-    const std::string url = services_.environment.storebagBaseURL() + "/" + name.value_or("(null)") +
-                            "?version=" + services_.framework.bundleVersion();
+    const std::string url = urlOf(name) + "?version=" + services_.framework.bundleVersion();
     TELVORA_LOG(kLogDebug, "fetchStorebagWithName: Storebag Server URL: %s", url.c_str());
 
     HttpRequest request = makeRequest(url, status.lastModified);
@@ -130,7 +133,9 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         status.notChanged = true;
         return std::nullopt;
     }
-    return openSignedBag(result->body, services_.framework.publicKeyDers());
+    auto bag = openSignedBag(result->body, services_.framework.publicKeyDers());
+    if (bag) status.document = result->body;
+    return bag;
 }
 
 }  // namespace telvora

@@ -32,6 +32,7 @@ struct StorebagFetchStatus {
     bool notChanged = false;                    // the caller's copy is still current
     bool builtIn = false;                       // the result is the built-in stand-in
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: of the answer
+    std::string document{};                     // the signed document, if it has a valid bag
 };
 
 struct FetchedStorebag {
@@ -57,6 +58,11 @@ class StorebagFetcher {
     // has a built-in replacement.
     void fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
                                BagCompletion done) const;
+
+    // The address of a client type's bag, without its query.
+    std::string urlOf(const std::optional<std::string>& name) const;
+    // The section of a signed document that was fetched before, if its signature is still valid.
+    FetchedStorebag reopen(std::string document, uint32_t clientType) const;
 
     // Fetches the bag of a client type. Calls `done` once, with its section for the current environment.
     void fetchStorebagForEnvironmentAndClientType(uint32_t clientType, StorebagFetchStatus status,

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "config/client_type.h"
+#include "config/signed_bag.h"
 #include "config/storebag_fetcher.h"
 #include "util/log.h"
 
@@ -53,6 +54,14 @@ void StorebagFetcher::fetchStorebagForEnvironmentAndClientType(uint32_t clientTy
         done(std::move(fetched));
     };
     fetchStorebagWithName(bagNameForClientType(clientType), std::move(status), select);
+}
+
+FetchedStorebag StorebagFetcher::reopen(std::string document, uint32_t clientType) const {
+    const auto bag = openSignedBag(document, services_.framework.publicKeyDers());
+    FetchedStorebag fetched;
+    fetched.section = sectionOf(bag, clientType, fetched.version, fetched.status);
+    fetched.status.document = std::move(document);
+    return fetched;
 }
 
 std::optional<Dictionary> StorebagFetcher::sectionOf(const std::optional<Dictionary>& bag,

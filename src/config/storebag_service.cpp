@@ -27,6 +27,7 @@ void StorebagService::refresh(std::function<void()> done) {
 
 void StorebagService::serve(Waiting asked) {
     fetcher_.readSettings();
+    restore(asked.clientType);
     std::optional<Section> cached;
     {
         const MutexLock lock(lock_);
@@ -39,6 +40,40 @@ void StorebagService::serve(Waiting asked) {
     }
     if (cached) return asked.reply(std::move(*cached));
     fetch(asked.clientType, std::move(asked.reply));
+}
+
+// Takes over the record of an earlier process, if the cache has none.
+void StorebagService::restore(uint32_t clientType) {
+    const auto name = bagNameForClientType(clientType);
+    if (kept_ == nullptr || !name) return;
+    {
+        const MutexLock lock(lock_);
+        if (cache_.has(clientType)) return;
+    }
+    auto bag = kept_->load(*name, fetcher_.urlOf(name));
+    if (!bag) return;
+    FetchedStorebag reopened;
+    if (!bag->document.empty()) reopened = fetcher_.reopen(std::move(bag->document), clientType);
+    const MutexLock lock(lock_);
+    if (!cache_.has(clientType)) cache_.restore(clientType, *bag, std::move(reopened));
+}
+
+// `document`: empty if the fetch had none; then the kept one stays.
+void StorebagService::save(uint32_t clientType, std::string document) {
+    const auto name = bagNameForClientType(clientType);
+    if (kept_ == nullptr || !name) return;
+    std::optional<KeptBag> bag;
+    {
+        const MutexLock lock(lock_);
+        bag = cache_.kept(clientType);
+    }
+    if (!bag) return;
+    bag->url = fetcher_.urlOf(name);
+    if (document.empty()) {
+        if (auto before = kept_->load(*name, bag->url)) document = std::move(before->document);
+    }
+    bag->document = std::move(document);
+    kept_->save(*name, *bag);
 }
 
 bool StorebagService::isIdle(const std::function<void()>& resume) {
@@ -63,10 +98,12 @@ void StorebagService::fetch(uint32_t clientType, Reply reply) {
     cache_.fetch(clientType, std::move(lastModified),
                  [this, clientType, reply = std::move(reply)](FetchedStorebag fetched) {
                      Section section;
+                     std::string document = std::move(fetched.status.document);
                      {
                          const MutexLock lock(lock_);
                          section = cache_.store(clientType, std::move(fetched));
                      }
+                     save(clientType, std::move(document));
                      reply(std::move(section));
                      serveWaiting();
                  });

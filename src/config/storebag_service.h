@@ -26,9 +26,10 @@ class StorebagService {
     using Section = StorebagCache::Section;
     using Reply = std::function<void(Section section)>;
 
-    // `fetcher` outlives the service, which outlives its fetches.
-    StorebagService(const StorebagFetcher& fetcher, Clock clock)
-        : fetcher_(fetcher), cache_(fetcher, std::move(clock)) {}
+    // `fetcher` outlives the service, which outlives its fetches. `kept` likewise, if bags are kept for later
+    // processes; else it is null.
+    StorebagService(const StorebagFetcher& fetcher, Clock clock, const KeptBags* kept = nullptr)
+        : fetcher_(fetcher), kept_(kept), cache_(fetcher, std::move(clock)) {}
 
     // Calls `reply` once, with the environment's section of the client type's bag, or null if no fetch of the
     // bag has succeeded yet: before it returns, or later on the thread of StorebagFetcherServices::perform.
@@ -54,12 +55,14 @@ class StorebagService {
     };
 
     void serve(Waiting asked) TELVORA_EXCLUDES(lock_);
-
+    void restore(uint32_t clientType) TELVORA_EXCLUDES(lock_);
+    void save(uint32_t clientType, std::string document) TELVORA_EXCLUDES(lock_);
     void fetch(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
     void serveWaiting() TELVORA_EXCLUDES(lock_);
     std::optional<Waiting> takeWaiting() TELVORA_EXCLUDES(lock_);
 
     const StorebagFetcher& fetcher_;
+    const KeptBags* const kept_;
     Mutex lock_{LockRank::agent};
     StorebagCache cache_;  // reached under lock_, except for fetch() and statuses()
     std::deque<Waiting> waiting_ TELVORA_GUARDED_BY(lock_);

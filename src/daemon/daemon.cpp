@@ -44,6 +44,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                 .environment = environment_,
                 .framework = framework_,
                 .perform = [this](auto work) { asio::post(pool_.makeStrand(), std::move(work)); }}),
+      keptBags_(process.directories.state / "Bags"),
       keepAlive_(runLoop_, {.launchedOnDemand = sockets.clients.fromServiceManager,
                             .inFlight = [this] { return isNeeded(); },
                             .onIdle = [this] { shutdown_.begin(); },
@@ -54,7 +55,8 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
               .quotas = quotas_,
               .keepAlive = keepAlive_,
               .clock = timeOfDay,
-              .noSessionsLeft = [this] { shutdown_.check(); }}),
+              .noSessionsLeft = [this] { shutdown_.check(); },
+              .keptBags = process.settings.keepBags ? &keptBags_ : nullptr}),
       status_(*this, quotas_, outgoing_),
       listener_(
           runLoop_, std::move(sockets.clients.socket), closers_,
@@ -71,6 +73,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                  .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
                 process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
+    if (!process.settings.keepBags) keptBags_.removeAll();
     if (!sockets.status) return;
     statusListener_.emplace(runLoop_, std::move(sockets.status->socket), closers_,
                             [this](UniqueFd socket, const Peer& peer) {

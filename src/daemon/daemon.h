@@ -85,6 +85,7 @@ class Daemon final : private StatusInterface {
     const BackendServices backendServices_;
     const SessionServices sessionServices_;
     const StorebagFetcher fetcher_;
+    const KeptBags keptBags_;
     KeepAliveTransaction keepAlive_;
     TelvoradAgent agent_;
     StatusService status_;

@@ -85,6 +85,7 @@ Settings readSettings(UserDefaults& defaults) {
             .idleTime = milliseconds(defaults, settings::kIdleTime),
             .shutdownTime = milliseconds(defaults, settings::kShutdownTime),
             .messageLogBytes = static_cast<uint64_t>(integerSetting(defaults, settings::kMessageLogBytes)),
+            .keepBags = defaults.boolean(kTelvoraDefaultsDomain, settings::kKeepBags.key),
             .outbox = outboxLimits(defaults),
             .link = httpLink(defaults)};
 }

@@ -21,6 +21,7 @@ struct Settings {
     std::chrono::milliseconds idleTime;
     std::chrono::milliseconds shutdownTime;
     uint64_t messageLogBytes;  // the most bytes of the message log
+    bool keepBags;
     OutboxLimits outbox;
     HttpLink link;
 };

@@ -42,12 +42,14 @@ struct AgentServices {
     KeepAliveTransaction& keepAlive;
     Clock clock;
     std::function<void()> noSessionsLeft;  // called on any thread when the last session has ended
+    const KeptBags* keptBags = nullptr;    // null: bags are not kept for later processes
 };
 
 class TelvoradAgent final : public TelvoradSessionDelegate {
   public:
     explicit TelvoradAgent(AgentServices services)
-        : services_(std::move(services)), storebags_(services_.storebagFetcher, services_.clock) {}
+        : services_(std::move(services)),
+          storebags_(services_.storebagFetcher, services_.clock, services_.keptBags) {}
 
     // Whether the new connection is admitted: its peer must have the entitlement, and its user quota for one
     // more connection and session. An admitted connection gets its session and is served. A refused

@@ -30,6 +30,13 @@ bool writeAll(int fd, std::string_view content) {
     return true;
 }
 
+bool setAttributes(int fd, const FileAttributes& attributes) {
+    if (attributes.mode != FileAttributes().mode && fchmod(fd, attributes.mode) != 0) return false;
+    if (!attributes.modified) return true;
+    const timespec times[] = {{0, UTIME_NOW}, *attributes.modified};
+    return futimens(fd, times) == 0;
+}
+
 bool syncDirectory(const std::filesystem::path& directory) {
     const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && fsync(fd.get()) == 0;
@@ -45,10 +52,9 @@ tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, s
     const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return failure("mkostemp");
 
-    const timespec times[] = {{0, UTIME_NOW}, attributes.modified.value_or(timespec{0, UTIME_NOW})};
+    // The confined daemon may change neither modes nor times; its files keep the mode of mkostemp(3).
     const char* failed = !writeAll(fd.get(), content)                   ? "write"
-                         : fchmod(fd.get(), attributes.mode) != 0       ? "fchmod"
-                         : futimens(fd.get(), times) != 0               ? "futimens"
+                         : !setAttributes(fd.get(), attributes)         ? "fchmod or futimens"
                          : fsync(fd.get()) != 0                         ? "fsync"
                          : rename(temporary.c_str(), path.c_str()) != 0 ? "rename"
                                                                         : nullptr;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The outbox of the real, confined daemon: over a server's absence, the daemon's end, its death, and damage.
+// The outbox and the kept bags of the real, confined daemon: over a server's absence, the daemon's end and
+// its death.
 #include <set>
 
 #include "tests/support/daemon_fixture.h"
@@ -11,7 +12,9 @@ namespace {
 class Outbox : public DaemonFixture {
   protected:
     void start() {
-        startDaemon([](DaemonOptions& options) { options.defaults = Dictionary{{"outboxBytes", 1 << 20}}; });
+        startDaemon([](DaemonOptions& options) {
+            options.defaults = Dictionary{{"outboxBytes", 1 << 20}, {"keepBags", true}};
+        });
     }
     // Waits until the outbox holds so many reports.
     void awaitHeld(int64_t reports) {
@@ -43,16 +46,19 @@ TEST_F(Outbox, DeliversWhatItKeptAcrossEndsAndDeaths) {
     send(2);
     awaitHeld(6);  // with the starts and ends of the sessions
     stopDaemon();
+    const size_t bagRequests = bags().requests().size();
     start();
-    awaitHeld(6);
+    send(3);  // with the bag that is kept
+    EXPECT_EQ(bags().requests().size(), bagRequests);
+    awaitHeld(9);
     daemon().signal(SIGKILL);
     EXPECT_EQ(daemon().waitForExit(), 128 + SIGKILL);
     ASSERT_TRUE(reports().accept());
     const size_t before = reports().eventCount();
     start();
-    EXPECT_TRUE(waitForEvents(before + 6));
+    EXPECT_TRUE(waitForEvents(before + 9));
     awaitHeld(0);
-    EXPECT_EQ(arrived(), (std::multiset<int64_t>{1, 2}));
+    EXPECT_EQ(arrived(), (std::multiset<int64_t>{1, 2, 3}));
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 // Signed bags, how they are fetched, and the section that a session gets.
 #include <gmock/gmock.h>
 
-#include "config/storebag_fetcher.h"
+#include "config/storebag_service.h"
 #include "tests/support/fake_http_client.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
@@ -282,6 +282,77 @@ TEST(StorebagSelection, SaysWhyThereIsNone) {
               "corvane lindqvar - ");
     EXPECT_EQ(standIn.version, "1.0.0-Quillet-Fallback");
     EXPECT_EQ(standIn.status.maxAge, 3600);
+}
+
+// Each step is a new process.
+TEST(KeptBags, LetANewProcessGoOn) {
+    constexpr uint32_t kType = 8;
+    Fixture f;
+    const KeptBags kept(f.directory.path() / "Bags");
+    double now = 1447660800;
+    const auto bagOfVersion = [](const char* version) {
+        return FakeHttpClient::response(
+            200, signedDocument(Dictionary{{"version", version}, {"release", kSection}}),
+            {{"Last-Modified", "Mon, 16 Nov 2015 08:00:00 GMT"}, {"Cache-Control", "max-age=600"}});
+    };
+    const HttpResult unreachable = FakeHttpClient::failure("no network");
+    const HttpResult unchanged = FakeHttpClient::response(
+        304, "", {{"Last-Modified", "Mon, 16 Nov 2015 08:00:00 GMT"}, {"Cache-Control", "max-age=600"}});
+    const auto file = (f.directory.path() / "Bags" / "dravik.plist");
+    const struct {
+        const char* what;
+        double later;  // seconds since the step before
+        HttpResult answer;
+        bool asks;
+        const char* version;  // of the bag that the session gets; null: none
+        std::function<void()> before = {};
+    } steps[] = {
+        {"the first", 0, bagOfVersion("1"), true, "1"},
+        {"young", 599, bagOfVersion("2"), false, "1"},
+        {"old", 2, unchanged, true, "1"},
+        {"young again", 599, bagOfVersion("2"), false, "1"},
+        {"offline", 2, unreachable, true, "1"},
+        {"waiting", 899, bagOfVersion("2"), false, "1"},
+        {"waited", 2, bagOfVersion("2"), true, "2"},
+        {"changed", 1, bagOfVersion("3"), true, "3",
+         [&] {
+             const KeptBag bag = kept.load("dravik", kBase + "/dravik").value();
+             KeptBag forged = bag;
+             forged.document[forged.document.size() / 2] ^= 1;
+             kept.save("dravik", forged);
+         }},
+        {"unreadable", 1, bagOfVersion("4"), true, "4",
+         [&] { f.directory.write("Bags/dravik.plist", "nonsense"); }},
+        {"of another server", 1, bagOfVersion("5"), true, "5",
+         [&] {
+             KeptBag bag = kept.load("dravik", kBase + "/dravik").value();
+             bag.url = "http://elsewhere.test/dravik";
+             kept.save("dravik", bag);
+         }},
+    };
+    for (const auto& [what, later, answer, asks, version, before] : steps) {
+        SCOPED_TRACE(what);
+        now += later;
+        f.answer = answer;
+        if (before) before();
+        const size_t asked = f.http.requestCount();
+        StorebagService service(
+            f.fetcher,
+            [&now] {
+                return TimeValue{static_cast<int32_t>(now), 0};
+            },
+            &kept);
+        std::shared_ptr<const Dictionary> section;
+        service.request(kType, [&section](const auto& found) { section = found; });
+        EXPECT_EQ(f.http.requestCount() - asked, asks ? 1U : 0U);
+        EXPECT_EQ(service.version(kType), version);
+        ASSERT_TRUE(section);
+        EXPECT_EQ(*section, kSection);
+    }
+    EXPECT_EQ(headerOf(f.http.requests().at(1), "If-Modified-Since"), "Mon, 16 Nov 2015 08:00:00 GMT");
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+    EXPECT_TRUE(kept.removeAll());
+    EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 }  // namespace
