@@ -66,7 +66,7 @@ administration() {
     is telvorad.service active || fail "telvorad.service is unknown"
     rm -r /etc/telvora/Preferences /etc/telvora/device.plist
     telvoractl reset-identifiers -y
-    systemctl restart telvorad
+    systemctl stop telvorad 2>/dev/null
 }
 
 activation_and_reports() {
