@@ -41,6 +41,10 @@ class Recorded(unittest.TestCase):
             session._session = None
             self.assertIsInstance(session.flush().exception(), telvora.TelvoraError)
         self.assertEqual([call["payload"] for call in self.recorder.calls], [values])
+        child = telvora.child_info(telvora.session_info(8, 1, hierarchy="t"), 2)
+        self.assertEqual((child[keys.kTelvoraSessionInfoSessionID], child[keys.kTelvoraSessionInfoHierarchyToken]),
+                         (2, {keys.kTelvoraHierarchyTokenTokenID: "t", keys.kTelvoraHierarchyTokenLevel: 1}))
+        self.assertIsNone(telvora.child_info(INFO, 2))
         self.assertEqual(ffi.typeof("telvora_status").elements,
                          {status.value: f"TELVORA_{'' if status == 0 else 'ERROR_'}{status.name}"
                           for status in telvora.Status})

@@ -13,7 +13,9 @@ install_packages() {
         awk 'NR == FNR { old[$1]; next } !($1 in old) { printf "%s %d, ", $1, $2; sum += $2 } END { print "all", sum }' \
             /tmp/packages -)"
     ! dpkg-query -W 'libcpp-httplib*' >/dev/null 2>&1 || fail "the device's set brings a test server"
-    install telvora-tools telvora-lab libtelvora-dev python3-telvora
+    install telvora-tools telvora-lab libtelvora-dev
+    step "the Python package"
+    install python3-telvora
     ! ldd /usr/lib/*/libtelvora.so.1 | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz[.]so' ||
         fail "applications get the daemon's libraries"
     for socket in $unit.socket $unit.Status.socket; do
