@@ -65,7 +65,7 @@ administration() {
     sh -eux guide.sh >/tmp/guide 2>&1 || fail "$(cat /tmp/guide)"
     grep -q '"greeting": "hello"' /tmp/guide || fail "$(cat /tmp/guide)"
     tar -tf telvora-backup.tar | grep -q var/lib/telvora/Preferences || fail "the backup lacks the settings"
-    is telvorad.service active || fail "telvorad.service is unknown"
+    [ "$(systemctl show --property Id --value telvorad.service)" = $unit.service ] || fail "telvorad.service is unknown"
     rm -r /etc/telvora/Preferences /etc/telvora/device.plist
     telvoractl reset-identifiers -y
     systemctl stop telvorad 2>/dev/null

@@ -13,9 +13,9 @@
 namespace telvora::ctl {
 
 namespace {
-constexpr char kOwnName[] =
-    "telvoractl";  // a session that requires user info holds its reports without a name
-}
+// The client name unless one is given: a session that requires user info holds its reports until it has one.
+constexpr char kOwnName[] = "telvoractl";
+}  // namespace
 
 void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThere) {
     using Clock = std::chrono::steady_clock;
