@@ -8,10 +8,13 @@
 /* Session info */
 #define kTelvoraSessionInfoSessionID "TelvoraSessionInfoSessionID"   /* number, unsigned 32-bit */
 #define kTelvoraSessionInfoClientType "TelvoraSessionInfoClientType" /* number; selects the configuration */
-#define kTelvoraSessionInfoClientVersion "TelvoraSessionInfoClientVersion"     /* number; its low 16 bits */
-#define kTelvoraSessionInfoRequireUserInfo "TelvoraSessionInfoRequireUserInfo" /* boolean */
-#define kTelvoraSessionInfoBatchEvent "TelvoraSessionInfoBatchEvent"           /* boolean */
-#define kTelvoraSessionInfoHierarchyToken "TelvoraSessionInfoHierarchyToken"   /* dictionary, see below */
+#define kTelvoraSessionInfoClientVersion "TelvoraSessionInfoClientVersion" /* number; its low 16 bits */
+/* boolean; set it to true, and give user info. Otherwise THE USER'S CONSENT IS NOT ASKED: the session's
+ * reports leave the device whether or not the user shares diagnostics, and the configuration's conditions
+ * (names, country, device), event lists, sampling and filters are not applied to them. */
+#define kTelvoraSessionInfoRequireUserInfo "TelvoraSessionInfoRequireUserInfo"
+#define kTelvoraSessionInfoBatchEvent "TelvoraSessionInfoBatchEvent"         /* boolean */
+#define kTelvoraSessionInfoHierarchyToken "TelvoraSessionInfoHierarchyToken" /* dictionary, see below */
 
 /* Hierarchy token */
 #define kTelvoraHierarchyTokenLevel "TelvoraHierarchyTokenLevel"     /* number, 0 at the top */

@@ -4,15 +4,20 @@
  * keys of the dictionaries, telvora/telvora.hpp is the interface for C++20.
  *
  *     telvora_session *session = telvora_session_new(NULL);
- *     telvora_value *info = telvora_dictionary_new(), *payload = telvora_dictionary_new();
+ *     telvora_value *info = telvora_dictionary_new(), *user = telvora_dictionary_new();
+ *     telvora_value *payload = telvora_dictionary_new();
  *     telvora_set_int(info, kTelvoraSessionInfoClientType, 8);
  *     telvora_set_int(info, kTelvoraSessionInfoSessionID, 1);
+ *     telvora_set_bool(info, kTelvoraSessionInfoRequireUserInfo, true);
+ *     telvora_set_string(user, kTelvoraUserInfoClientName, "player");
  *     telvora_set_string(payload, "fruit", "quince");
- *     telvora_session_set_info(session, info, NULL, NULL, 0, NULL, NULL);
- *     telvora_session_start(session, NULL, NULL);
+ *     telvora_session_set_info(session, info, user, NULL, 0, NULL, NULL);
+ *     telvora_session_start(session, show_backends, NULL);
  *     telvora_session_send(session, 5, 6, payload, NULL, NULL);
  *     telvora_session_flush(session, NULL, NULL);
  *     if (telvora_session_wait(session, 10000) != TELVORA_OK) ...
+ *
+ * A session without kTelvoraSessionInfoRequireUserInfo reports without the user's consent; see keys.h.
  *
  * The following holds for every function that does not state otherwise.
  *
@@ -78,6 +83,10 @@ extern "C" {
 #define TELVORA_API __attribute__((visibility("default")))
 #define TELVORA_MUST_USE __attribute__((warn_unused_result))
 
+/* --- Statuses --------------------------------------------------------------------------------------------
+ *
+ * The results of functions, and of calls in answers.
+ */
 typedef enum telvora_status {
     TELVORA_OK = 0,
     TELVORA_ERROR_INVALID = 1,     /* the arguments can't be sent, or the answer can't be read */
@@ -266,7 +275,8 @@ TELVORA_API telvora_status telvora_session_set_info(telvora_session* session,
                                                     telvora_completion completion, void* context);
 
 /* Configures the session in the daemon. The answer is an array of strings: the names of the backends that
- * report or are sampled out. It has no value if there is no configuration for the session's client type. A
+ * report or are sampled out. It has no value if there is no configuration for the session's client type, and
+ * is empty if no backend takes reports, for example without the user's consent. Sends still succeed then. A
  * session that is configured already is flushed before, as the daemon then makes its backends anew. */
 TELVORA_API telvora_status telvora_session_start(telvora_session* session, telvora_completion completion,
                                                  void* context);

@@ -5,8 +5,10 @@
 // exit apply.
 //
 //     telvora::Session session;
-//     session.setInfo({{kTelvoraSessionInfoClientType, 8}, {kTelvoraSessionInfoSessionID, 1}});
-//     session.start();
+//     session.setInfo({{kTelvoraSessionInfoClientType, 8}, {kTelvoraSessionInfoSessionID, 1},
+//                      {kTelvoraSessionInfoRequireUserInfo, true}},  // else consent is not asked
+//                     {{kTelvoraUserInfoClientName, "player"}});
+//     session.start([](const telvora::Answer& names) { std::cout << names.value.view().size() << '\n'; });
 //     session.send(5, 6, {{"fruit", "quince"}, {"weight", 0.3}});
 //     session.flush([](const telvora::Answer& answer) { std::cout << answer.text().value_or("") << '\n'; });
 //     if (session.wait(std::chrono::seconds(10)) != TELVORA_OK) ...
@@ -183,6 +185,12 @@ class Dictionary : public Value {
         for (const auto& [key, value] : entries)
             set(key, value);
     }
+    // Takes ownership of a dictionary that a function of telvora.h has made; may be null.
+    static Dictionary adopt(telvora_value* value) {
+        Dictionary owner;
+        static_cast<Value&>(owner) = Value::adopt(value);
+        return owner;
+    }
     Dictionary& set(const std::string& key, const Input& value) {
         value.putInto(mutableValue(telvora_dictionary_new), key.c_str());
         return *this;
@@ -201,6 +209,12 @@ class Array : public Value {
         return *this;
     }
 };
+
+// A copy of a session info for a session one level below in the same hierarchy. Empty if the session info has
+// no hierarchy token.
+inline Dictionary childInfo(View sessionInfo, uint32_t sessionID) {
+    return Dictionary::adopt(telvora_child_info(sessionInfo.get(), sessionID));
+}
 
 // Error of a backend; see telvora_answer_error().
 struct Error {

@@ -53,6 +53,10 @@ TEST(LibtelvoraHpp, KeepsEveryKindOfValue) {
     const telvora_type types[] = {TELVORA_TYPE_ARRAY, TELVORA_TYPE_BOOL,       TELVORA_TYPE_DATA,
                                   TELVORA_TYPE_DATE,  TELVORA_TYPE_DICTIONARY, TELVORA_TYPE_DOUBLE,
                                   TELVORA_TYPE_INT,   TELVORA_TYPE_STRING};
+    const Dictionary token{{kTelvoraHierarchyTokenLevel, 1}, {kTelvoraHierarchyTokenTokenID, "t"}};
+    const Dictionary parent{{kTelvoraSessionInfoHierarchyToken, token}};
+    EXPECT_EQ(telvora::childInfo(parent, 7).view()[kTelvoraSessionInfoSessionID].integer(), 7);
+    EXPECT_FALSE(telvora::childInfo(token, 7).view());
     for (size_t i = 0; i < view.size(); ++i)
         EXPECT_EQ(view.at(i).type(), types[i]) << view.keyAt(i);
     telvora_value* list = telvora_array_new();

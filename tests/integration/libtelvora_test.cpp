@@ -309,15 +309,35 @@ TEST_F(Libtelvora, AndUpdatedDaemonsAgreeOnWhatIsLost) {
 TEST_F(Libtelvora, HasExamplesThatReport) {
     startDaemon();
     const std::string built = TELVORA_EXAMPLES_BUILT;
+    const std::string python = "/usr/bin/python3 " TELVORA_EXAMPLES;
+    std::vector<std::string> commands{built + "/c/first_report", built + "/cpp/first_report",
+                                      python + "/dbus/first_report.py"};
+    if (*TELVORA_PYTHON_PATH != '\0') commands.push_back(python + "/python/first_report.py");
+    for (const char* optional : {"/rust/first_report", "/go/first_report"}) {
+        if (std::filesystem::exists(built + optional)) commands.push_back(built + optional);
+    }
     size_t expected = 0;
-    for (const std::string& command : {built + "/c/first_report", built + "/cpp/first_report",
-                                       std::string("/usr/bin/python3 " TELVORA_PYTHON_EXAMPLE)}) {
+    for (const std::string& command : commands) {
         expectRun(command, 0, "", "",
-                  {{"TELVORA_SOCKET", daemon().socketPath()}, {"LD_LIBRARY_PATH", built + "/prefix/lib"}});
+                  {{"TELVORA_SOCKET", daemon().socketPath()},
+                   {"LD_LIBRARY_PATH", built + "/prefix/lib"},
+                   {"PYTHONPATH", TELVORA_PYTHON_PATH}});
         EXPECT_TRUE(waitForEvents(expected += 3)) << command;
     }
-    const auto isReport = [](const Dictionary& event) { return event.contains("fruit"); };
-    EXPECT_THAT(reports().events(), testing::Contains(testing::Truly(isReport)).Times(3));
+    const auto isReport = [](const Dictionary& event) {
+        return event.contains("fruit") && event.contains(kTelvoraUserInfoClientName);
+    };
+    EXPECT_THAT(reports().events(), testing::Contains(testing::Truly(isReport)).Times(commands.size()));
+}
+
+// The tests of the Python package, which make the calls of CarriesEveryOperation.
+TEST_F(Libtelvora, ServesPython) {
+    startDaemon();
+    expectRun("/usr/bin/python3 " TELVORA_PYTHON_TEST, 0, "OK", "",
+              {{"TELVORA_SOCKET", daemon().socketPath()},
+               {"LD_LIBRARY_PATH", std::filesystem::path(TELVORA_LIBRARY).parent_path()},
+               {"PYTHONPATH", TELVORA_PYTHON_PATH}});
+    EXPECT_EQ(laboratory().uploads().uploadCount(), 1u);
 }
 
 }  // namespace

@@ -1,14 +1,17 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Checks that manual pages are well formed and contain every option of their program. $1: source directory;
-# $2: directory of the programs; the rest: generated pages.
+# Checks that manual pages are well formed, contain every option of their program, and have examples in C that compile.
+# $1: source directory; $2: directory of the programs; $3: a generated page; $4: directory of further ones.
 set -eu
 
 manuals=$1/docs/man
 programs=$2
-shift 2
-mandoc -Tlint -Wwarning "$manuals"/*.[1-9] "$@"
+mandoc -Tlint -Wwarning "$manuals"/*.[1-9] "$3" "$4"/*.[37]
+for page in "$4"/*.3; do
+    sed -n '/^\.Sh EXAMPLES/,$ { /^\.Bd/,/^\.Ed/ { /^\./d; s/\\e/\\/g; p; } }' "$page" |
+        cc -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I "$1/include" -x c - || { echo "$page"; exit 1; }
+done
 
 # Prints the options of a program and of all its commands.
 optionsOf() {

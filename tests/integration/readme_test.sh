@@ -1,14 +1,17 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Runs the shell example of the README. $1: source directory; $2: directory of the programs, which is linked to the
-# place that the README names.
+# Runs the shell example of the README, and compares the one in Python with the tested file. $1: source directory;
+# $2: directory of the programs, which is linked to the place that the README names.
 set -eu
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 # shellcheck disable=SC2016  # fences of a code block
 sed -n '/^```sh$/,/^```$/p' "$1/README.md" | sed '/^```/d' >"$work/path.sh"
+# shellcheck disable=SC2016
+sed -n '/^```python$/,/^```$/ { /^```/d; p; }' "$1/README.md" >"$work/example.py"
+sed '1,/^"""/d' "$1/examples/python/first_report.py" | diff "$work/example.py" -
 mkdir -p "$work/build/release"
 ln -s "$2" "$work/build/release/bin"
 cd "$work"

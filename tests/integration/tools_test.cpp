@@ -77,6 +77,7 @@ TEST_F(Telvoractl, SendsOneReport) {
     const std::vector<Dictionary> events = reports().events();
     EXPECT_EQ(*events[0].string("a"), "b=c");
     EXPECT_EQ(events[0].real("j"), 2.5);
+    EXPECT_EQ(*events[0].string(kTelvoraUserInfoClientName), "telvoractl");  // user info is required
 
     const Finished sent = run("send --json" + report, 0);
     ASSERT_EQ(sent.output.size(), 4u);  // states, answer, flush, finish

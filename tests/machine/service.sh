@@ -9,6 +9,7 @@
 
 install_packages
 start_laboratory
+administration
 activation_and_reports
 consent
 upload

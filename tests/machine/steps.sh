@@ -14,6 +14,8 @@ install_packages() {
             /tmp/packages -)"
     ! dpkg-query -W 'libcpp-httplib*' >/dev/null 2>&1 || fail "the device's set brings a test server"
     install telvora-tools telvora-lab libtelvora-dev
+    step "the Python package"
+    install python3-telvora
     ! ldd /usr/lib/*/libtelvora.so.1 | grep -E 'curl|ssl|crypto|expat|seccomp|cap-ng|libz[.]so' ||
         fail "applications get the daemon's libraries"
     for socket in $unit.socket $unit.Status.socket; do
@@ -31,7 +33,7 @@ install_packages() {
     useradd --create-home stranger
 }
 
-# A laboratory on this machine, whose authority the system's store trusts, and a signed bag.
+# A laboratory on this machine, and a signed bag.
 start_laboratory() {
     step "starting the laboratory"
     mkdir -p $lab/bags
@@ -41,9 +43,8 @@ start_laboratory() {
     laboratory=$!
     # shellcheck disable=SC1091  # written by telvora-lab
     . ./lab.env
-    cp "$LAB_CA" /usr/local/share/ca-certificates/laboratory.crt
-    update-ca-certificates --fresh >/dev/null 2>&1
-    telvora-bag keygen --key bag.pem --public /usr/share/telvora/publicKey.der
+    cp "$LAB_CA" authority.crt
+    telvora-bag keygen --key bag.pem --public publicKey.der
     client="{\"post_url\": \"$LAB_EVENTS\", \"locale_whitelist\": \"US\", \"sampling_threshold\": 1.0,
         \"event_threshold\": 49, \"expedite\": 0, \"filters\": [{\"key\": \"name\", \"action\": \"sha256\"}]}"
     cat >bag.json <<END
@@ -52,9 +53,22 @@ END
     telvora-bag sign --key bag.pem bag.json bags/dravik
     echo '{"version": "1.0", "release": {"vodex": {}}}' >vodex.json
     telvora-bag sign --key bag.pem vodex.json bags/quillet
-    $settings telvora_storebag_url string "$LAB_BAGS"
-    telvoractl consent on
     echo LANG=en_US.UTF-8 >/etc/locale.conf
+}
+
+# All from the key to the backup, in the guide's order.
+administration() {
+    step "the commands of the administrator's guide"
+    # shellcheck disable=SC2016  # fences of code blocks
+    sed -n '/^## The key/,/^## Update/ { /^```sh$/,/^```$/ { /^```/d; p; } }' /usr/share/doc/telvorad/administration.md |
+        sed "s|https://bags.example/v1|$LAB_BAGS|" >guide.sh
+    sh -eux guide.sh >/tmp/guide 2>&1 || fail "$(cat /tmp/guide)"
+    grep -q '"greeting": "hello"' /tmp/guide || fail "$(cat /tmp/guide)"
+    tar -tf telvora-backup.tar | grep -q var/lib/telvora/Preferences || fail "the backup lacks the settings"
+    [ "$(systemctl show --property Id --value telvorad.service)" = $unit.service ] || fail "telvorad.service is unknown"
+    rm -r /etc/telvora/Preferences /etc/telvora/device.plist
+    telvoractl reset-identifiers -y
+    systemctl stop telvorad 2>/dev/null
 }
 
 activation_and_reports() {
@@ -64,6 +78,7 @@ activation_and_reports() {
     expect "not ready" is $unit.service active
     expect "no line of its start" logged "main: Listener resumes with sandbox, start loop."
     report app --payload greeting=first --payload name=Ada
+    as app python3 /usr/share/doc/libtelvora-dev/examples/python/first_report.py
     step "a stranger is denied"
     ! report stranger --payload greeting=stranger 2>/tmp/refusal || fail "let a stranger in"
     cat /tmp/refusal
@@ -85,7 +100,7 @@ upload() {
     step "an upload from a home directory"
     echo "a diary" | as app tee /home/app/diary >/dev/null
     as app chmod 0600 /home/app/diary
-    as app telvoractl upload --client-type 8 --require-user-info --client-name tester /home/app/diary
+    as app telvoractl upload --client-type 8 --client-name tester /home/app/diary
 }
 
 reload() {
@@ -165,7 +180,7 @@ idle_exit() {
 
 # The books of both sides: each report arrives, or is counted as lost by the library or by a daemon.
 restart_under_load() {
-    step "systemctl restart under load"
+    step "systemctl restart and an upgrade under load"
     mark
     mkfifo /tmp/until
     as app $try/bin/client load </tmp/until >/tmp/load &
@@ -176,6 +191,13 @@ restart_under_load() {
         systemctl restart $unit.service
     done
     await accepts_many
+    upgraded=$(property MainPID)
+    install --reinstall telvorad
+    for socket in $unit.socket $unit.Status.socket; do
+        expect "the upgrade closed $socket" is $socket active
+    done
+    await accepts_many
+    [ "$(property MainPID)" != "$upgraded" ] || fail "the old daemon serves after the upgrade"
     exec 9>&-
     wait $load || fail "the client failed: $(cat /tmp/load)"
     read -r sent lost </tmp/load
@@ -272,7 +294,7 @@ purge() {
     systemctl stop $unit.service 2>/dev/null
     kill $laboratory
     wait $laboratory || fail "the laboratory failed: $(cat $lab/lab.log)"
-    for greeting in first withConsent level7 level6 afterRefusals afterIdleExit afterCrash beforeOutbox fromOutbox \
+    for greeting in hello first withConsent level7 level6 afterRefusals afterIdleExit afterCrash beforeOutbox fromOutbox \
         afterOutbox; do
         [ "$(grep -c "\"greeting\": \"$greeting\"" $lab/arrived.json)" = 1 ] || fail "not one report \"$greeting\""
     done

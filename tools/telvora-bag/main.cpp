@@ -34,7 +34,8 @@ CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
     explain->add_option("--client-name", scenario.clientName, "The client name; default: none");
     explain->add_option("--service-name", scenario.serviceName, "The service name; default: none");
     explain->add_flag("!--no-user-info-required", scenario.requireUserInfo,
-                      "The session does not require user info");
+                      "The session does not require user info: its reports leave without the user's consent, "
+                      "and no condition or filter of the bag applies");
     explain->add_flag("--batch", scenario.batch, "The client asks for batches");
     explain->add_option("--device", options.deviceFile, "The device's properties, as in device.plist");
     explain->add_option("--country", scenario.country,

@@ -14,6 +14,11 @@
 
 namespace telvora::ctl {
 
+namespace {
+// The client name unless one is given: a session that requires user info holds its reports until it has one.
+constexpr char kOwnName[] = "telvoractl";
+}  // namespace
+
 void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThere) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kPause{50};
@@ -55,9 +60,13 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
         ->check(unsigned32);
     command.add_option("--client-version", options.clientVersion, "Client version")
         ->check(CLI::Range(0, 65535));
-    command.add_option("--client-name", options.clientName, "Client name, part of the user info");
+    command.add_option("--client-name", options.clientName,
+                       "Client name, part of the user info; default: telvoractl");
     command.add_option("--service-name", options.serviceName, "Service name, part of the user info");
-    command.add_flag("--require-user-info", options.requireUserInfo, "The session requires user info");
+    command.add_flag("!--no-user-info-required", options.requireUserInfo,
+                     "The session does not require user info: its reports leave without the user's consent, "
+                     "and no condition or filter of the bag applies");
+    command.add_flag("--require-user-info")->group("");  // the default; for scripts that still set it
     command.add_flag("--batch", options.batch, "Batch events");
     command.add_option("--hierarchy-token", options.hierarchyToken, "Token that correlates sessions");
     command.add_option("--hierarchy-level", options.hierarchyLevel, "Level in the hierarchy, 0 at the top")
@@ -83,7 +92,7 @@ Dictionary SessionOptions::sessionInfo() const {
                     {kTelvoraSessionInfoSessionID, static_cast<long long>(sessionID)}};
     if (clientVersion) info.set(kTelvoraSessionInfoClientVersion, static_cast<long long>(*clientVersion));
     if (batch) info.set(kTelvoraSessionInfoBatchEvent, true);
-    if (requireUserInfo) info.set(kTelvoraSessionInfoRequireUserInfo, true);
+    info.set(kTelvoraSessionInfoRequireUserInfo, requireUserInfo);
     if (hierarchyToken) {
         info.set(kTelvoraSessionInfoHierarchyToken,
                  Dictionary{{kTelvoraHierarchyTokenLevel, static_cast<long long>(hierarchyLevel)},
@@ -93,9 +102,10 @@ Dictionary SessionOptions::sessionInfo() const {
 }
 
 std::optional<Dictionary> SessionOptions::userInfo() const {
-    if (!clientName && !serviceName) return std::nullopt;
+    const bool isNamed = clientName || serviceName;
+    if (!isNamed && !requireUserInfo) return std::nullopt;
     Dictionary info;
-    if (clientName) info.set(kTelvoraUserInfoClientName, *clientName);
+    if (clientName || !isNamed) info.set(kTelvoraUserInfoClientName, clientName.value_or(kOwnName));
     if (serviceName) info.set(kTelvoraUserInfoServiceName, *serviceName);
     return info;
 }

@@ -23,7 +23,7 @@ struct SessionOptions {
     int64_t sessionID = 0;
     std::optional<int64_t> clientVersion;
     bool batch = false;
-    bool requireUserInfo = false;
+    bool requireUserInfo = true;
     std::optional<std::string> hierarchyToken;
     int64_t hierarchyLevel = 0;
     std::optional<std::string> clientName;
