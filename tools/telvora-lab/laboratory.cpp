@@ -105,6 +105,11 @@ std::optional<Dictionary> Laboratory::bag(const std::string& name) const {
     return bags_.bag(name);
 }
 
+bool Laboratory::signs(const std::string& name) const {
+    MutexLock lock(mutex_);
+    return given_.contains(name);
+}
+
 Dictionary Laboratory::filledIn(const Dictionary& bag) const {
     const Places places{{{"@events@", reports_.eventsURL()},
                          {"@realtime@", reports_.realtimeURL()},

@@ -62,6 +62,8 @@ class Laboratory {
     // The bag as it was given to setBag(), or the inner bag of a signed document; `std::nullopt` if there is
     // no bag of that name. Callable from any thread.
     std::optional<Dictionary> bag(const std::string& name) const TELVORA_EXCLUDES(mutex_);
+    // Whether the laboratory signs the bag of that name, with its own key. Callable from any thread.
+    bool signs(const std::string& name) const TELVORA_EXCLUDES(mutex_);
     // A bag with its placeholders replaced. Callable from any thread.
     Dictionary filledIn(const Dictionary& bag) const;
 

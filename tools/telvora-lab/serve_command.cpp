@@ -158,6 +158,7 @@ int serve(const ServeArguments& given) {
         if (!kept) return complain(kept.error());
         state = std::move(*kept);
     }
+    if (arguments.listen == "0.0.0.0") return complain("--listen wants one address of this machine");
     if (!isLoopback(arguments.listen)) {
         complain(arguments.listen +
                  " is not a loopback address: other machines reach the servers, and whoever "

@@ -6,10 +6,7 @@ import { make, visible } from "./format.js";
 import { faultSelect } from "./servers.js";
 
 export class Bags {
-  // `replaced(name)` follows a replacement.
-  constructor(section, about, replaced) {
-    this.replaced = replaced;
-    this.known = [];
+  constructor(section, about) {
     this.names = make("datalist", { id: "bag-names" });
     this.name = make("input", { id: "bag-name", autocomplete: "off", spellcheck: false });
     this.name.setAttribute("list", "bag-names");
@@ -18,8 +15,8 @@ export class Bags {
     this.save = make("button", { type: "submit", textContent: "Sign and serve" });
     this.message = make("p", { role: "status", className: "message" });
     this.findings = make("ul", { className: "findings" });
-    const known = about.clientTypes.map((type) => type.bag).filter(Boolean);
-    for (const name of [...new Set(known)].sort()) this.names.append(make("option", { value: name }));
+    const known = new Set(about.clientTypes.map((type) => type.bag).filter(Boolean));
+    for (const name of [...known].sort()) this.names.append(make("option", { value: name }));
     const form = make("form", { className: "editor" },
       make("div", { className: "bar" },
         make("label", {}, "Bag ", this.name), this.names,
@@ -34,7 +31,6 @@ export class Bags {
   }
 
   update(state) {
-    this.known = state.bags;
     if (!this.name.value && state.bags.length) {
       this.name.value = state.bags[0].name;
       this.load();
@@ -45,7 +41,9 @@ export class Bags {
 
   async load() {
     try {
-      this.show(await ask(`/lab/bag?name=${encodeURIComponent(this.name.value)}`), "");
+      const bag = await ask(`/lab/bag?name=${encodeURIComponent(this.name.value)}`);
+      this.show(bag, bag.signed ? "" : "This bag was signed with another key. A bag that replaces it is signed with the " +
+        "laboratory's key, which is in the framework directory of the addresses.");
     } catch (error) {
       this.text.value = "";
       this.show({ findings: [] }, `There is no bag "${this.name.value}" yet: ${error.message}`);
@@ -57,7 +55,6 @@ export class Bags {
     try {
       const answer = await ask("/lab/bag", { name, text: this.text.value });
       this.show(answer, `Served from now on. A daemon fetches it when its copy has expired, or at its next start.`);
-      this.replaced(name);
     } catch (error) {
       this.show({ findings: [] }, error.message, true);
     }

@@ -4,7 +4,7 @@
 import { parse } from "./format.js";
 
 const kRetryMilliseconds = 1000;
-const kLeastInterval = 100;
+const kLeastInterval = 50;
 
 const token = location.hash.slice(1);
 const pause = (milliseconds) => new Promise((done) => setTimeout(done, milliseconds));

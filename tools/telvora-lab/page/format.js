@@ -37,7 +37,7 @@ export function plural(number, word) {
 
 // Integers beyond 2^53 keep their digits.
 export function parse(json) {
-  if (!/\d{16}/.test(json)) return JSON.parse(json);
+  if (!/[:[,]-?\d{16}/.test(json)) return JSON.parse(json);
   return JSON.parse(json, (key, value, context) =>
     typeof value === "number" && context && Math.abs(value) > Number.MAX_SAFE_INTEGER && /^-?\d+$/.test(context.source)
       ? BigInt(context.source) : value);

@@ -9,7 +9,7 @@ import { clock, count, fieldTable, make, plural, valueText, visible } from "./fo
 import { VirtualList } from "./list.js";
 import { Answers, faultLabel } from "./servers.js";
 import { Sessions } from "./sessions.js";
-import { Store } from "./store.js";
+import { ownID, Store } from "./store.js";
 
 const kStateMilliseconds = 1000;
 const kRowHeight = 30;
@@ -84,16 +84,17 @@ for (const [name, id, show, selected] of [
 
 // Views
 
-function isWanted(report) {
-  if (chosenSession && report.session !== chosenSession.id) return false;
+function wantedReports() {
   const wanted = byId("filter").value.toLowerCase();
-  return !wanted || `${kind(report.event)} ${clientOf(report.batch)} ${summaryOf(report)}`.toLowerCase().includes(wanted);
+  const id = chosenSession?.id;
+  const hasText = (report) => `${kind(report.event)} ${clientOf(report.batch)} ${summaryOf(report)}`.toLowerCase().includes(wanted);
+  return store.reports.newestFirst((report) => (id === undefined || report.session === id) && (!wanted || hasText(report)));
 }
 
 const everything = {
-  reports: () => store.reports.newestFirst(isWanted),
-  batches: () => store.batches.newestFirst((batch) => !chosenSession || (batch.body?.events ?? []).some(
-    (event) => String(event._sessionID ?? "").split(".").pop() === chosenSession.id)),
+  reports: wantedReports,
+  batches: () => store.batches.newestFirst((batch) => !chosenSession ||
+    (batch.body?.events ?? []).some((event) => ownID(event) === chosenSession.id)),
   others: () => store.others.newestFirst(),
 };
 
@@ -153,7 +154,7 @@ function openBatch(batch) {
 function openReport(event, batch) {
   openTab("reports");
   const known = store.reports.items.find((report) => report.event === event);
-  lists.reports.choose(known ?? { event, batch, session: String(event._sessionID ?? "").split(".").pop() });
+  lists.reports.choose(known ?? { event, batch, session: ownID(event) });
 }
 
 function explainSession(id) {
@@ -211,6 +212,8 @@ function showState(state) {
   bags.update(state);
 }
 
+const later = () => new Promise((done) => setTimeout(done, kStateMilliseconds));
+
 async function watchState() {
   for (;;) {
     try {
@@ -218,22 +221,29 @@ async function watchState() {
     } catch (error) {
       connected(error.message);
     }
-    await new Promise((done) => setTimeout(done, kStateMilliseconds));
+    await later();
+  }
+}
+
+// The constant facts, as soon as the laboratory answers.
+async function facts() {
+  for (;;) {
+    try {
+      return await ask("/lab/about");
+    } catch (error) {
+      connected(error.message);
+    }
+    await later();
   }
 }
 
 async function start() {
   openTab("reports");
-  try {
-    const about = await ask("/lab/about");
-    answers = new Answers(byId("answers"), about.faults, (reason) => connected(reason));
-    bags = new Bags(byId("view-bags"), about, () => {});
-    explain = new Explain(byId("view-explain"), about);
-    byId("addresses").querySelector("dl").replaceWith(fieldTable(Object.entries(about.addresses)));
-  } catch (error) {
-    connected(error.message);
-    return;
-  }
+  const about = await facts();
+  answers = new Answers(byId("answers"), about.faults, connected);
+  bags = new Bags(byId("view-bags"), about);
+  explain = new Explain(byId("view-explain"), about);
+  byId("addresses").querySelector("dl").replaceWith(fieldTable(Object.entries(about.addresses)));
   watchState();
   follow({
     take: (records) => {
@@ -247,7 +257,7 @@ async function start() {
     connected,
     restarted: () => {
       store.clear();
-      goLive();
+      sessions.chooseAll();
     },
   });
 }

@@ -18,7 +18,7 @@
 namespace telvora::lab {
 namespace {
 
-constexpr size_t kFeedBytes = 2 << 20;
+constexpr size_t kFeedBytes = 4 << 20;
 constexpr std::chrono::seconds kFeedWait(10);
 constexpr size_t kShownProblems = 20;
 
@@ -161,7 +161,8 @@ ServerResponse PageRequests::records(const ServerRequest& request) const {
     }
     const Feed::Excerpt excerpt = feed_.read(from, kFeedBytes, kFeedWait);
     ServerResponse response;
-    response.contentType = "application/json";
+    // The library compresses JSON, which costs more than all the rest of a request of megabytes.
+    response.contentType = "application/octet-stream";
     response.body = "{\"run\":\"" + run_ + "\",\"first\":" + std::to_string(excerpt.first) +
                     ",\"reportsBefore\":" + std::to_string(excerpt.reportsBefore) + ",\"records\":[";
     for (const std::string& record : excerpt.records)
@@ -205,7 +206,9 @@ PageRequests::Answer PageRequests::bag(const ServerRequest& request) const {
     const auto content =
         name != request.query.end() && isBagName(name->second) ? laboratory_.bag(name->second) : std::nullopt;
     if (!content) return tl::unexpected(std::string("no such bag"));
-    return Dictionary{{"text", editable(*content)}, {"findings", findingsIn(laboratory_.filledIn(*content))}};
+    return Dictionary{{"text", editable(*content)},
+                      {"findings", findingsIn(laboratory_.filledIn(*content))},
+                      {"signed", laboratory_.signs(name->second)}};
 }
 
 PageRequests::Answer PageRequests::replaceBag(const Dictionary& body) {

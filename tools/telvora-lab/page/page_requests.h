@@ -3,13 +3,13 @@
 // PageRequests: the answers to the requests of the page's script, all in JSON. A request that fails has
 // status 400 and the answer {"error": text}.
 //
-//     GET  /lab/about                 {"run", "addresses", "clientTypes", "environments", "faults"}: constant
-//     GET  /lab/state                 {"messages", "reports", "problems", "sessions", "faults", "bags"}: at
-//     this moment GET  /lab/feed?from=N           {"run", "first", "reportsBefore", "records"}: feed.h; waits
-//     for a record POST /lab/fault                 {"server", "bag", "fault"}: switches a fault GET
-//     /lab/bag?name=NAME         {"text", "findings"} POST /lab/bag                   {"name", "text"}:
-//     replaces a bag. Answer: {"findings"} POST /lab/explain               a session and a device. Answer:
-//     {"text"}
+//     GET  /lab/about           constant: "run", "addresses", "clientTypes", "environments", "faults"
+//     GET  /lab/state           now: "messages", "reports", "problems", "sessions", "faults", "bags"
+//     GET  /lab/feed?from=N     "run", "first", "reportsBefore", "records" (feed.h); waits for a record
+//     POST /lab/fault           {"server", "bag", "fault"}: switches a fault
+//     GET  /lab/bag?name=NAME   "text", "findings", "signed": whether the laboratory signs it
+//     POST /lab/bag             {"name", "text"}: replaces a bag; "findings"
+//     POST /lab/explain         {...} (scenario_json.h): explains the bag for a session; "text"
 //
 // Callable from any thread.
 #pragma once

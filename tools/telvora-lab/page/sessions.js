@@ -20,6 +20,10 @@ export class Sessions {
     this.list.chosen = this.all;
   }
 
+  chooseAll() {
+    this.list.choose(this.all);
+  }
+
   update(state) {
     this.all.events = state.reports;
     const before = this.items;

@@ -20,8 +20,8 @@ class Latest {
   }
 }
 
-// The session's own ID: the last part of the dotted one.
-const ownID = (combined) => String(combined ?? "").split(".").pop();
+// The ID of the event's session: the last part of the dotted one.
+export const ownID = (event) => String(event._sessionID ?? "").split(".").pop();
 
 export class Store {
   constructor() {
@@ -45,7 +45,7 @@ export class Store {
       // Of more reports than fit, the first ones would be dropped at once.
       const events = record.body?.events ?? [];
       for (const event of events.slice(-kReports))
-        this.reports.add({ event, batch: record, session: ownID(event._sessionID) });
+        this.reports.add({ event, batch: record, session: ownID(event) });
       this.added += events.length;
     }
   }
