@@ -20,7 +20,8 @@ export class VirtualList {
     element.append(this.space);
     element.addEventListener("scroll", () => this.draw());
     element.addEventListener("keydown", (event) => this.onKey(event));
-    this.space.addEventListener("click", (event) => {
+    // At the press: until the release, another item may have come to this place.
+    this.space.addEventListener("mousedown", (event) => {
       const row = event.target.closest(".row");
       if (row && row.item !== null) this.choose(row.item);
     });
