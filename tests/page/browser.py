@@ -84,7 +84,8 @@ class Browser:
             self.value("new Promise((done) => { const look = () => { let there = false; try { there = "
                        f"{expression}; }} catch {{}} there ? done(true) : setTimeout(look, 20); }}; look(); }})")
         except TimeoutError:
-            raise AssertionError(f"not so: {expression}\n" + self.value("document.body.innerText") + "\n".join(self.errors)) from None
+            shown = self.value("document.body.innerText")
+            raise AssertionError("\n".join([f"not so: {expression}", shown, *self.errors])) from None
 
     def text(self, selector):
         return self.value(f"document.querySelector({json.dumps(selector)}).innerText")

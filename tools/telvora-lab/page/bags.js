@@ -11,7 +11,8 @@ export class Bags {
     this.name = make("input", { id: "bag-name", autocomplete: "off", spellcheck: false });
     this.name.setAttribute("list", "bag-names");
     this.fault = faultSelect(about.faults.bags, "Answer to requests for this bag", (fault) => this.setFault(fault));
-    this.text = make("textarea", { id: "bag-text", spellcheck: false, "aria-label": "The bag, as JSON or as a property list" });
+    this.text = make("textarea", {
+      id: "bag-text", spellcheck: false, "aria-label": "The bag, as JSON or as a property list" });
     this.save = make("button", { type: "submit", textContent: "Sign and serve" });
     this.message = make("p", { role: "status", className: "message" });
     this.findings = make("ul", { className: "findings" });

@@ -4,13 +4,19 @@
 import { clock, fieldTable, make, plural, valueElement, visible } from "./format.js";
 
 const kListedReports = 200;
+const kMaxHeading = 40;
 
-// Fields that the daemon adds to a report; the user info is among the client's.
+// Fields that the daemon adds to a report, the client's user info, and all others.
 const isOfDaemon = (name) => name.startsWith("_") || name === "eventTime";
 const isUserInfo = (name) => name.startsWith("TelvoraUserInfo");
+export const isPayload = (name) => !isOfDaemon(name) && !isUserInfo(name);
 
 export const answerText = (batch) => (batch.status ? String(batch.status) : batch.fault);
 export const clientOf = (batch) => batch.headers?.["X-TVR-Client-Name"] ?? "";
+
+// Category and type, which a hostile report may have as long texts.
+const short = (value) => visible(value ?? "?").slice(0, kMaxHeading);
+const kindOf = (event) => `${short(event._method)}/${short(event._status)}`;
 
 function heading(text) {
   return make("h2", { textContent: text });
@@ -40,16 +46,15 @@ export class Details {
   showReport(report) {
     const { event, batch } = report;
     const fields = Object.entries(event);
-    const names = fields.map(([name]) => name);
-    const pick = (wanted) => fields.filter((field, i) => wanted(names[i]));
+    const pick = (wanted) => fields.filter(([name]) => wanted(name));
     this.element.replaceChildren(
-      heading(`Report ${event._method ?? "?"}/${event._status ?? "?"}`),
+      heading(`Report ${kindOf(event)}`),
       fieldTable([
         ["received", clock(batch.at)],
         ["batch", linkTo(`${plural(batch.reports, "report")}, answered ${answerText(batch)}`, () => this.openBatch(batch))],
         ["session", linkTo(visible(report.session).slice(0, 60) + " – explain", () => this.explain(report.session))],
       ]),
-      ...part("Payload", pick((name) => !isOfDaemon(name) && !isUserInfo(name))),
+      ...part("Payload", pick(isPayload)),
       ...part("User info", pick(isUserInfo)),
       ...part("Added by the daemon", pick(isOfDaemon)));
   }
@@ -58,7 +63,7 @@ export class Details {
     const events = batch.body?.events ?? [];
     const list = make("ul", { className: "events" });
     for (const event of events.slice(0, kListedReports)) {
-      list.append(make("li", {}, linkTo(`${event._method ?? "?"}/${event._status ?? "?"} #${event._eventNumber ?? "?"}`,
+      list.append(make("li", {}, linkTo(`${kindOf(event)} #${short(event._eventNumber)}`,
         () => this.openReport(event, batch))));
     }
     if (events.length > kListedReports)
@@ -74,7 +79,7 @@ export class Details {
         ...(batch.body ? [["clientId", batch.body.clientId], ["postTime", batch.body.postTime]] : []),
       ]),
       ...part("Headers", Object.entries(batch.headers ?? {})),
-      make("h3", { textContent: "Reports" }), list);
+      make("h3", { textContent: batch.body || !batch.reports ? "Reports" : "The page has dropped the reports" }), list);
   }
 
   showOther(record) {

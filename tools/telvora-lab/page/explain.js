@@ -25,7 +25,8 @@ export class Explain {
       this.inputs.clientType.append(make("option", {
         value: type.number, textContent: `${type.number} ${type.sender}${type.bag ? ` (bag ${type.bag})` : ""}` }));
     }
-    for (const name of about.environments) this.inputs.environment.append(make("option", { value: name, textContent: name }));
+    for (const name of about.environments)
+      this.inputs.environment.append(make("option", { value: name, textContent: name }));
     this.inputs.environment.value = "release";
     this.inputs.clientType.value = about.clientTypes.find((type) => type.bag)?.number ?? 0;
     this.inputs.consent.checked = this.inputs.requireUserInfo.checked = true;

@@ -66,7 +66,9 @@ export function valueElement(value) {
 // A table of names and values.
 export function fieldTable(fields) {
   const table = make("dl", { className: "fields" });
-  for (const [name, value] of fields)
-    table.append(make("dt", { textContent: visible(name) }), make("dd", {}, value instanceof Node ? value : valueElement(value)));
+  for (const [name, value] of fields) {
+    table.append(make("dt", { textContent: visible(name).slice(0, kMaxShown) }),
+      make("dd", {}, value instanceof Node ? value : valueElement(value)));
+  }
   return table;
 }

@@ -2,7 +2,7 @@
 //
 // The page: what arrives at the laboratory, and its answers.
 import { Bags } from "./bags.js";
-import { answerText, clientOf, Details, otherTitle } from "./details.js";
+import { answerText, clientOf, Details, isPayload, otherTitle } from "./details.js";
 import { Explain } from "./explain.js";
 import { ask, follow } from "./feed.js";
 import { clock, count, fieldTable, make, plural, valueText, visible } from "./format.js";
@@ -39,9 +39,10 @@ const statusCell = (batch) => cell("status " + (batch.status === 200 ? "good" : 
 
 // The client's own fields on one line, computed once.
 function summaryOf(report) {
+  const cut = (value) => (typeof value === "string" ? value.slice(0, kRowText) : value);
   report.summary ??= Object.entries(report.event)
-    .filter(([name]) => !name.startsWith("_") && !name.startsWith("TelvoraUserInfo") && name !== "eventTime")
-    .map(([name, value]) => `${visible(name.slice(0, kRowText))}=${valueText(typeof value === "string" ? value.slice(0, kRowText) : value)}`)
+    .filter(([name]) => isPayload(name))
+    .map(([name, value]) => `${visible(cut(name))}=${valueText(cut(value))}`)
     .join("  ").slice(0, 2 * kRowText);
   return report.summary;
 }
@@ -67,7 +68,8 @@ function showBatch(row, batch) {
 }
 
 function showOther(row, record) {
-  const text = record.name ?? record.target ?? record.problem ?? (record.report ? valueText(record.report) : `${record.bytes} bytes`);
+  const text = record.name ?? record.target ?? record.problem ??
+    (record.report ? valueText(record.report) : `${record.bytes} bytes`);
   row.replaceChildren(cell("time", clock(record.at)), cell("title", otherTitle(record)), cell("text", text),
     cell("status " + (record.status && record.status !== 200 ? "bad" : "good"), record.status ?? ""));
 }
@@ -87,15 +89,17 @@ for (const [name, id, show, selected] of [
 function wantedReports() {
   const wanted = byId("filter").value.toLowerCase();
   const id = chosenSession?.id;
-  const hasText = (report) => `${kind(report.event)} ${clientOf(report.batch)} ${summaryOf(report)}`.toLowerCase().includes(wanted);
-  return store.reports.newestFirst((report) => (id === undefined || report.session === id) && (!wanted || hasText(report)));
+  const hasText = (report) =>
+    `${kind(report.event)} ${clientOf(report.batch)} ${summaryOf(report)}`.toLowerCase().includes(wanted);
+  return store.newest("reports").filter((report) =>
+    (id === undefined || report.session === id) && (!wanted || hasText(report)));
 }
 
 const everything = {
   reports: wantedReports,
-  batches: () => store.batches.newestFirst((batch) => !chosenSession ||
+  batches: () => store.newest("batches").filter((batch) => !chosenSession ||
     (batch.body?.events ?? []).some((event) => ownID(event) === chosenSession.id)),
-  others: () => store.others.newestFirst(),
+  others: () => store.newest("others"),
 };
 
 // Shows the newest items, unless the user reads older ones: then a button says how many reports came since.
@@ -153,7 +157,7 @@ function openBatch(batch) {
 
 function openReport(event, batch) {
   openTab("reports");
-  const known = store.reports.items.find((report) => report.event === event);
+  const known = store.reports.find((report) => report.event === event);
   lists.reports.choose(known ?? { event, batch, session: ownID(event) });
 }
 
@@ -201,12 +205,13 @@ function showState(state) {
   byId("reports").textContent = count(state.reports);
   byId("messages").textContent = count(state.messages);
   const seconds = before ? (now - before.now) / 1000 : 0;
-  byId("rate").textContent = count(before && seconds > 0 ? Math.max(0, Math.round((state.reports - before.reports) / seconds)) : 0);
+  byId("rate").textContent = count(seconds > 0 ? Math.max(0, Math.round((state.reports - before.reports) / seconds)) : 0);
   before = { now, reports: state.reports };
   notice("fault", state.faults.reports === "none" ? "" : `Reports are answered: ${faultLabel(state.faults.reports)}`);
   byId("problems").hidden = state.problemCount === 0;
   byId("problems").querySelector("summary").textContent = plural(state.problemCount, "malformed message");
-  byId("problems").querySelector("ul").replaceChildren(...state.problems.map((problem) => make("li", { textContent: visible(problem) })));
+  byId("problems").querySelector("ul").replaceChildren(
+    ...state.problems.map((problem) => make("li", { textContent: visible(problem) })));
   sessions.update(state);
   answers.update(state);
   bags.update(state);

@@ -37,7 +37,8 @@ export class Sessions {
     row.style.paddingInlineStart = `${10 + Math.min(session.depth, 8) * 16}px`;
     const name = [session.client, session.service].filter(Boolean).join(" · ") || session.sender || "unnamed";
     row.replaceChildren(
-      make("span", { className: "name", textContent: visible(name).slice(0, 200), title: visible(session.id ?? "").slice(0, 200) }),
+      make("span", {
+        className: "name", textContent: visible(name).slice(0, 200), title: visible(session.id ?? "").slice(0, 200) }),
       make("span", { className: "id", textContent: session.id === null ? "" : visible(session.id).slice(0, 6) }),
       make("span", { className: "count", textContent: count(session.events) }));
   }
