@@ -26,7 +26,7 @@ Dictionary withoutQuotas() {
 }  // namespace
 
 World::World(const Dictionary& bag) {
-    auto made = lab::Laboratory::make(directory_.path() / "lab", {.countByKey = kNumberKey});
+    auto made = lab::Laboratory::make(directory_.path() / "lab", {.reporting = {.countByKey = kNumberKey}});
     if (!made) throw std::runtime_error(made.error());
     laboratory_ = std::move(*made);
     laboratory_->setBag("dravik", bag);

@@ -27,6 +27,16 @@ Dictionary withName(Dictionary device) {
 
 }  // namespace
 
+std::optional<EnvironmentType> environmentNamed(const std::string& nameOrNumber) {
+    for (const auto type :
+         {EnvironmentType::none, EnvironmentType::development, EnvironmentType::zandorInternal,
+          EnvironmentType::seed, EnvironmentType::release}) {
+        if (nameOrNumber == std::to_string(static_cast<unsigned>(type))) return type;
+        if (nameOrNumber == sectionNameForEnvironment(type)) return type;
+    }
+    return std::nullopt;
+}
+
 Dictionary userInfoOf(const Scenario& scenario) {
     Dictionary userInfo = scenario.userInfo;
     if (scenario.clientName) userInfo.set(kTelvoraUserInfoClientName, *scenario.clientName);

@@ -31,6 +31,9 @@ struct Scenario {
     std::string framework = "8.0";
 };
 
+// The environment of that name or number, or `std::nullopt`.
+std::optional<EnvironmentType> environmentNamed(const std::string& nameOrNumber);
+
 // The session's complete user info. Empty if the session has none.
 Dictionary userInfoOf(const Scenario& scenario);
 

@@ -11,16 +11,6 @@ namespace telvora::bag {
 
 namespace {
 
-std::optional<EnvironmentType> environmentOf(const std::string& nameOrNumber) {
-    for (const auto type :
-         {EnvironmentType::none, EnvironmentType::development, EnvironmentType::zandorInternal,
-          EnvironmentType::seed, EnvironmentType::release}) {
-        if (nameOrNumber == std::to_string(static_cast<unsigned>(type))) return type;
-        if (nameOrNumber == sectionNameForEnvironment(type)) return type;
-    }
-    return std::nullopt;
-}
-
 tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const Scenario& scenario,
                                                   const std::string& path) {
     std::ifstream file;
@@ -37,7 +27,7 @@ tl::expected<std::string, std::string> replayFile(const Dictionary& bag, const S
 
 int explain(const ExplainOptions& options) {
     Scenario scenario = options.scenario;
-    const auto environment = environmentOf(options.environment);
+    const auto environment = environmentNamed(options.environment);
     if (!environment)
         return complain("--environment " + options.environment + ": there is no such environment");
     scenario.environment = *environment;

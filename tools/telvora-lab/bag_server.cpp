@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-lab/bag_server.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <utility>
 
 #include "config/signed_bag.h"
 #include "plist/property_list_format.h"
+#include "telvora-lab/feed.h"
 #include "util/base64.h"
 
 namespace telvora::lab {
@@ -52,19 +55,36 @@ std::string document(const Dictionary& bag, BagFault fault, const RsaPrivateKey&
     return document;
 }
 
-}  // namespace
-
-std::optional<BagFault> bagFaultNamed(std::string_view name) {
-    for (const auto& [faultName, fault] : kFaultNames) {
-        if (faultName == name) return fault;
-    }
-    return std::nullopt;
+// Whether the fault is one of the signed document, not of its way.
+bool isOfDocument(BagFault fault) {
+    return fault == BagFault::unsignedBag || fault == BagFault::foreignKey || fault == BagFault::flippedBit ||
+           fault == BagFault::innerNotAPropertyList;
 }
 
-BagServer::BagServer(const LabPki& pki)
+// The inner bag of a signed document, whose signature is not checked.
+std::optional<Dictionary> innerBagOf(const std::string& document) {
+    const auto outer = parsePropertyList(document);
+    const Dictionary* fields = outer ? outer->getIf<Dictionary>() : nullptr;
+    const std::string* encoded = fields != nullptr ? fields->string("bag") : nullptr;
+    const auto inner = encoded != nullptr ? base64Decode(*encoded) : std::nullopt;
+    const auto bag = inner ? parsePropertyList(*inner) : tl::unexpected(std::string());
+    const Dictionary* content = bag ? bag->getIf<Dictionary>() : nullptr;
+    return content != nullptr ? std::optional(*content) : std::nullopt;
+}
+
+}  // namespace
+
+template <>
+NamedValues<BagFault> namedValues<BagFault>() {
+    return kFaultNames;
+}
+
+BagServer::BagServer(const LabPki& pki, const Hosting& hosting)
     : pki_(pki),
+      feed_(hosting.feed),
       server_(pki.serverCertificateFile(), pki.serverKeyFile(),
-              [this](const ServerRequest& request) { return handle(request); }) {}
+              [this](const ServerRequest& request) { return handle(request); },
+              {.address = hosting.address, .port = hosting.port}) {}
 
 BagServer::~BagServer() {
     {
@@ -97,6 +117,34 @@ void BagServer::setFault(const std::string& name, BagFault fault) {
     bags_[name].fault = fault;
 }
 
+BagFault BagServer::fault(const std::string& name) const {
+    MutexLock lock(mutex_);
+    const auto known = bags_.find(name);
+    return known != bags_.end() ? known->second.fault : BagFault::none;
+}
+
+std::optional<Dictionary> BagServer::bag(const std::string& name) const {
+    MutexLock lock(mutex_);
+    const auto known = bags_.find(name);
+    if (known != bags_.end() && known->second.content) return known->second.content;
+    const auto document = signedDocument(name);
+    return document ? innerBagOf(*document) : std::nullopt;
+}
+
+std::vector<std::string> BagServer::names() const {
+    MutexLock lock(mutex_);
+    std::set<std::string> names;
+    for (const auto& [name, bag] : bags_) {
+        if (bag.content) names.insert(name);
+    }
+    std::error_code ignored;
+    if (signedBags_) {
+        for (const auto& file : std::filesystem::directory_iterator(*signedBags_, ignored))
+            names.insert(file.path().filename());
+    }
+    return {names.begin(), names.end()};
+}
+
 void BagServer::releaseHeld() {
     MutexLock lock(mutex_);
     ++releases_;
@@ -112,27 +160,47 @@ ServerResponse BagServer::handle(const ServerRequest& request) {
     }
     record.ifModifiedSince = request.header("If-Modified-Since");
 
-    MutexLock lock(mutex_);
-    const auto known = bags_.find(record.name);
-    const Bag bag = known != bags_.end() ? known->second : Bag{};
-    ServerResponse response = answerFor(bag);
-    if (auto document = known == bags_.end() ? signedDocument(record.name) : std::nullopt) {
-        response.status = 200;
-        response.contentType = "application/xml";
-        response.body = std::move(*document);
+    ServerResponse response;
+    BagFault fault;
+    uint64_t releases;
+    {
+        MutexLock lock(mutex_);
+        const auto known = bags_.find(record.name);
+        fault = known != bags_.end() ? known->second.fault : BagFault::none;
+        releases = releases_;
+        response = answerFor(record.name);
+        record.status = response.status;
+        requests_.push_back(record);
+        changed_.notify_all();
     }
-    record.status = response.status;
-    requests_.push_back(std::move(record));
-    changed_.notify_all();
-    if (bag.fault == BagFault::hold) {
-        const uint64_t releases = releases_;
+    if (feed_ != nullptr) {
+        Dictionary fields{{"name", record.name},
+                          {"version", record.version},
+                          {"status", record.status},
+                          {"fault", std::string(nameOf(fault))}};
+        if (record.ifModifiedSince) fields.set("ifModifiedSince", *record.ifModifiedSince);
+        feed_->add("bagRequest", std::move(fields));
+    }
+    if (fault == BagFault::hold) {
+        MutexLock lock(mutex_);
         while (releases_ == releases)
             changed_.wait(mutex_);
     }
     return response;
 }
 
-ServerResponse BagServer::answerFor(const Bag& bag) const {
+// The document of the bag, with the faults of documents applied.
+std::optional<std::string> BagServer::servedDocument(const std::string& name, const Bag& bag) const {
+    if (bag.content) return document(*bag.content, bag.fault, pki_.bagKey());
+    auto ready = signedDocument(name);
+    if (!ready || !isOfDocument(bag.fault)) return ready;
+    const auto content = innerBagOf(*ready);
+    return content ? std::optional(document(*content, bag.fault, pki_.bagKey())) : std::nullopt;
+}
+
+ServerResponse BagServer::answerFor(const std::string& name) const {
+    const auto known = bags_.find(name);
+    const Bag bag = known != bags_.end() ? known->second : Bag{};
     ServerResponse response;
     response.contentType = "application/xml";
     response.headers.emplace_back("Cache-Control", "max-age=600");
@@ -140,7 +208,8 @@ ServerResponse BagServer::answerFor(const Bag& bag) const {
         response.status = 304;
         return response;
     }
-    if (bag.fault == BagFault::notFound || !bag.content) {
+    auto served = servedDocument(name, bag);
+    if (bag.fault == BagFault::notFound || !served) {
         response.status = 404;
         response.contentType = "text/html";
         response.body = "<html><body>There is no such bag.</body></html>";
@@ -150,7 +219,7 @@ ServerResponse BagServer::answerFor(const Bag& bag) const {
         response.body = "This is no property list.";
         return response;
     }
-    response.body = document(*bag.content, bag.fault, pki_.bagKey());
+    response.body = std::move(*served);
     if (bag.fault == BagFault::truncated) response.ending = ServerResponse::Ending::halfBody;
     if (bag.fault == BagFault::noAnswer) response.ending = ServerResponse::Ending::noAnswer;
     return response;

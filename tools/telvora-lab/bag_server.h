@@ -17,6 +17,7 @@
 #include "plist/property_list.h"
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
+#include "telvora-lab/named_values.h"
 #include "util/mutex.h"
 
 namespace telvora::lab {
@@ -35,8 +36,9 @@ enum class BagFault {
     innerNotAPropertyList  // well signed, but the inner bag is no property list
 };
 
-// The fault of that name as it is written above, or `std::nullopt`.
-std::optional<BagFault> bagFaultNamed(std::string_view name);
+// Named as they are written above.
+template <>
+NamedValues<BagFault> namedValues<BagFault>();
 
 struct BagRequest {
     std::string name;
@@ -48,11 +50,12 @@ struct BagRequest {
 class BagServer {
   public:
     // `pki` must outlive the server.
-    explicit BagServer(const LabPki& pki);
+    explicit BagServer(const LabPki& pki, const Hosting& hosting = {});
     ~BagServer();
 
     // "https://127.0.0.1:PORT/bags", a value for the user default "telvora_storebag_url".
     std::string baseURL() const { return server_.origin() + "/bags"; }
+    int port() const { return server_.port(); }
     bool listening() const { return server_.port() != 0; }
 
     // Adds or replaces a bag: the inner bag with its sections, "version" and "refresh_cycle".
@@ -62,6 +65,11 @@ class BagServer {
     void serveSigned(std::filesystem::path directory);
     // Sets the fault of all further answers for the bag, which need not exist.
     void setFault(const std::string& name, BagFault fault);
+    BagFault fault(const std::string& name) const;
+    // The inner bag of that name, or `std::nullopt` if there is none, or a signed document that is malformed.
+    std::optional<Dictionary> bag(const std::string& name) const;
+    // The names of all bags, sorted.
+    std::vector<std::string> names() const;
     // Releases the answers that BagFault::hold holds.
     void releaseHeld();
 
@@ -81,10 +89,13 @@ class BagServer {
     };
 
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
-    ServerResponse answerFor(const Bag& bag) const;
+    ServerResponse answerFor(const std::string& name) const TELVORA_REQUIRES(mutex_);
+    std::optional<std::string> servedDocument(const std::string& name, const Bag& bag) const
+        TELVORA_REQUIRES(mutex_);
     std::optional<std::string> signedDocument(const std::string& name) const TELVORA_REQUIRES(mutex_);
 
     const LabPki& pki_;
+    Feed* const feed_;
     mutable Mutex mutex_;
     mutable std::condition_variable_any changed_;
     std::map<std::string, Bag> bags_ TELVORA_GUARDED_BY(mutex_);

@@ -1,48 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-lab/event_json.h"
 
-#include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include "json/json_reader.h"
 #include "plist/json_writer.h"
 #include "util/utf8.h"
 
 namespace telvora::lab {
 namespace {
-
-constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
-
-std::string_view view(const rapidjson::Value& text) {
-    return {text.GetString(), text.GetStringLength()};
-}
-
-std::optional<PropertyList> fromJson(const rapidjson::Value& value) {
-    if (value.IsBool()) return PropertyList(value.GetBool());
-    if (value.IsInt64()) return PropertyList(value.GetInt64());
-    if (value.IsUint64()) return PropertyList(value.GetUint64());
-    if (value.IsDouble()) return PropertyList(value.GetDouble());
-    if (value.IsString()) return PropertyList(view(value));
-    if (value.IsArray()) {
-        Array array;
-        for (const auto& element : value.GetArray()) {
-            auto converted = fromJson(element);
-            if (!converted) return std::nullopt;
-            array.push_back(std::move(*converted));
-        }
-        return PropertyList(std::move(array));
-    }
-    if (value.IsObject()) {
-        Dictionary dictionary;
-        for (const auto& member : value.GetObject()) {
-            auto converted = fromJson(member.value);
-            if (!converted) return std::nullopt;
-            dictionary.set(view(member.name), std::move(*converted));
-        }
-        return PropertyList(std::move(dictionary));
-    }
-    return std::nullopt;
-}
 
 tl::unexpected<std::string> parseFailure(rapidjson::ParseErrorCode code, size_t offset) {
     return tl::make_unexpected(std::string(rapidjson::GetParseError_En(code)) + " at byte " +
@@ -99,12 +66,10 @@ class NumberCollector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, N
 }  // namespace
 
 tl::expected<EventMessage, std::string> parseEventMessage(std::string_view json) {
-    rapidjson::Document document;
-    document.Parse<kParseFlags>(json.data(), json.size());
-    if (document.HasParseError()) return parseFailure(document.GetParseError(), document.GetErrorOffset());
-    const auto converted = fromJson(document);
-    const Dictionary* root = converted ? converted->getIf<Dictionary>() : nullptr;
-    if (!root) return tl::make_unexpected(std::string("no object, or null in it"));
+    auto parsed = parseJson(json);
+    if (!parsed) return tl::unexpected(std::move(parsed.error()));
+    const Dictionary* root = parsed->getIf<Dictionary>();
+    if (root == nullptr) return tl::unexpected(std::string("no object"));
 
     EventMessage message;
     message.postTime = root->real("postTime");

@@ -14,7 +14,6 @@
 namespace telvora::lab {
 namespace {
 
-constexpr char kHost[] = "127.0.0.1";
 constexpr time_t kKeepAliveSeconds = 1;
 constexpr size_t kKeepAliveRequests = 1000000;
 
@@ -55,10 +54,20 @@ void answer(const httplib::Request& request, const ServerResponse& from, httplib
         case ServerResponse::Ending::noAnswer:
             ::shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
             return;
+        case ServerResponse::Ending::reset:
+            // Linux resets a connection that is dissolved by an address of no family.
+            const sockaddr none{.sa_family = AF_UNSPEC, .sa_data = {}};
+            ::connect(SSL_get_fd(request.ssl), &none, sizeof none);
+            return;
     }
 }
 
 }  // namespace
+
+std::string cannotListen(const std::string& address, int port) {
+    return address + (port != 0 ? " port " + std::to_string(port) : "") +
+           ": can't listen; the port is taken, or the address is not one of this machine";
+}
 
 std::optional<std::string> ServerRequest::header(const std::string& name) const {
     for (const auto& [key, value] : headers) {
@@ -68,21 +77,24 @@ std::optional<std::string> ServerRequest::header(const std::string& name) const 
 }
 
 struct HttpsServer::Running {
-    httplib::SSLServer server;
+    std::unique_ptr<httplib::Server> server;
     std::promise<void> accepting;
     std::thread thread;
 
     Running(const std::string& certificateFile, const std::string& keyFile)
-        : server(certificateFile.c_str(), keyFile.c_str()) {}
+        : server(certificateFile.empty()
+                     ? std::make_unique<httplib::Server>()
+                     : std::make_unique<httplib::SSLServer>(certificateFile.c_str(), keyFile.c_str())) {}
 };
 
 HttpsServer::HttpsServer(const std::string& certificateFile, const std::string& keyFile, Handler handler,
-                         size_t connections)
+                         HttpsServerOptions options)
     : certificateFile_(certificateFile),
       keyFile_(keyFile),
       handler_(std::move(handler)),
-      connections_(connections) {
-    restart();
+      options_(std::move(options)),
+      port_(options_.port) {
+    if (!restart()) port_ = 0;
 }
 
 HttpsServer::~HttpsServer() {
@@ -92,7 +104,7 @@ HttpsServer::~HttpsServer() {
 bool HttpsServer::restart() {
     if (running_) return true;
     auto running = std::make_unique<Running>(certificateFile_, keyFile_);
-    httplib::SSLServer& server = running->server;
+    httplib::Server& server = *running->server;
     if (!server.is_valid()) return false;
 
     const auto handle = [this](const httplib::Request& request, httplib::Response& response) {
@@ -101,6 +113,7 @@ bool HttpsServer::restart() {
     server.Get(".*", handle).Post(".*", handle);
     server.set_keep_alive_timeout(kKeepAliveSeconds).set_keep_alive_max_count(kKeepAliveRequests);
     server.set_tcp_nodelay(true);
+    server.set_payload_max_length(options_.maxBodyBytes);
     server.set_socket_options([](socket_t socket) {
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -108,13 +121,13 @@ bool HttpsServer::restart() {
     // Called at the start of the accept loop. From then on stop() has an effect.
     server.new_task_queue = [this, accepting = &running->accepting] {
         accepting->set_value();
-        return new httplib::ThreadPool(connections_);
+        return new httplib::ThreadPool(options_.connections);
     };
 
     if (port_ == 0) {
-        port_ = std::max(server.bind_to_any_port(kHost), 0);
+        port_ = std::max(server.bind_to_any_port(options_.address.c_str()), 0);
         if (port_ == 0) return false;
-    } else if (!server.bind_to_port(kHost, port_)) {
+    } else if (!server.bind_to_port(options_.address.c_str(), port_)) {
         return false;
     }
     running->thread = std::thread([&server] { server.listen_after_bind(); });
@@ -125,7 +138,7 @@ bool HttpsServer::restart() {
 
 void HttpsServer::stop() {
     if (!running_) return;
-    running_->server.stop();
+    running_->server->stop();
     running_->thread.join();
     running_.reset();
 }

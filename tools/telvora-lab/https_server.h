@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// HttpsServer: an HTTP/1.1 server over TLS on 127.0.0.1. A handler can truncate its answer.
+// HttpsServer: an HTTP/1.1 server over TLS, or without it. A handler can truncate its answer.
 //
 // All operations are callable from any thread but not from a handler; handlers run on the server's own
 // threads, several at a time.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -34,6 +35,7 @@ struct ServerResponse {
         whole,     // the complete answer
         halfBody,  // the header promises the whole body; the connection ends after half of it
         noAnswer,  // the connection ends without an answer
+        reset,     // the connection is reset (RST) without an answer
     };
 
     int status = 200;
@@ -43,14 +45,32 @@ struct ServerResponse {
     Ending ending = Ending::whole;
 };
 
+struct HttpsServerOptions {
+    std::string address = "127.0.0.1";  // IPv4, to listen on
+    int port = 0;                       // 0: the kernel chooses
+    size_t connections = 16;            // the maximum at a time; each open one has its own thread
+    size_t maxBodyBytes = SIZE_MAX;     // of a request; a longer one gets status 413
+};
+
+class Feed;
+
+// Where one of the laboratory's servers listens, and who sees its arrivals.
+struct Hosting {
+    std::string address = "127.0.0.1";  // IPv4
+    int port = 0;                       // 0: the kernel chooses
+    Feed* feed = nullptr;  // gets a record of each arrival; must outlive the server. May be null.
+};
+
+// The message for people about a server that could not be started.
+std::string cannotListen(const std::string& address, int port);
+
 class HttpsServer {
   public:
     using Handler = std::function<ServerResponse(const ServerRequest&)>;
 
-    // Listens at once, on a port that the kernel chooses. `connections`: the maximum number of simultaneous
-    // connections; each open one has its own thread.
+    // Listens at once. Without certificate and key (empty names), the server speaks HTTP without TLS.
     HttpsServer(const std::string& certificateFile, const std::string& keyFile, Handler handler,
-                size_t connections = 16);
+                HttpsServerOptions options = {});
     // Stops the server and waits for running handlers.
     ~HttpsServer();
     HttpsServer(const HttpsServer&) = delete;
@@ -58,8 +78,11 @@ class HttpsServer {
 
     // 0 if the server could not be started.
     int port() const { return port_; }
-    // "https://127.0.0.1:PORT"
-    std::string origin() const { return "https://127.0.0.1:" + std::to_string(port_); }
+    // "https://ADDRESS:PORT"
+    std::string origin() const {
+        return (certificateFile_.empty() ? "http://" : "https://") + options_.address + ":" +
+               std::to_string(port_);
+    }
 
     // Closes the listening socket, so that connections are refused, and waits for open connections to end.
     // Idle ones are closed within a second. No effect on a stopped server.
@@ -73,7 +96,7 @@ class HttpsServer {
     std::string certificateFile_;
     std::string keyFile_;
     Handler handler_;
-    size_t connections_;
+    const HttpsServerOptions options_;
     int port_ = 0;
     std::unique_ptr<Running> running_;
 };

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "plist/property_list_format.h"
+#include "telvora-lab/feed.h"
 
 namespace telvora::lab {
 namespace {
@@ -36,21 +37,25 @@ tl::expected<Array, std::string> recordsIn(const ServerRequest& request) {
 
 }  // namespace
 
-std::optional<LogDataFault> logDataFaultNamed(std::string_view name) {
-    for (const auto& [known, fault] : kFaultNames) {
-        if (known == name) return fault;
-    }
-    return std::nullopt;
+template <>
+NamedValues<LogDataFault> namedValues<LogDataFault>() {
+    return kFaultNames;
 }
 
-LogDataServer::LogDataServer(const LabPki& pki)
-    : server_(
-          pki.serverCertificateFile(), pki.serverKeyFile(),
-          [this](const ServerRequest& request) { return handle(request); }, kConnections) {}
+LogDataServer::LogDataServer(const LabPki& pki, const Hosting& hosting)
+    : feed_(hosting.feed),
+      server_(pki.serverCertificateFile(), pki.serverKeyFile(),
+              [this](const ServerRequest& request) { return handle(request); },
+              {.address = hosting.address, .port = hosting.port, .connections = kConnections}) {}
 
 void LogDataServer::setFault(LogDataFault fault) {
     MutexLock lock(mutex_);
     fault_ = fault;
+}
+
+LogDataFault LogDataServer::fault() const {
+    MutexLock lock(mutex_);
+    return fault_;
 }
 
 std::vector<Array> LogDataServer::uploads() const {
@@ -65,6 +70,12 @@ std::vector<std::string> LogDataServer::problems() const {
 
 ServerResponse LogDataServer::handle(const ServerRequest& request) {
     auto records = recordsIn(request);
+    if (feed_ != nullptr) {
+        Dictionary fields{{"bytes", request.body.size()}, {"fault", std::string(nameOf(fault()))}};
+        fields.set(records ? "records" : "problem",
+                   records ? PropertyList(*records) : PropertyList(records.error()));
+        feed_->add("logData", std::move(fields));
+    }
     ServerResponse response;
     MutexLock lock(mutex_);
     if (!records) {

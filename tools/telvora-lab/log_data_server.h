@@ -14,6 +14,7 @@
 #include "plist/property_list.h"
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
+#include "telvora-lab/named_values.h"
 #include "util/mutex.h"
 
 namespace telvora::lab {
@@ -24,21 +25,24 @@ enum class LogDataFault {
     noAnswer      // the connection ends before the answer
 };
 
-// The fault of that name as it is written above, or `std::nullopt`.
-std::optional<LogDataFault> logDataFaultNamed(std::string_view name);
+// Named as they are written above.
+template <>
+NamedValues<LogDataFault> namedValues<LogDataFault>();
 
 class LogDataServer {
   public:
     // `pki` must outlive the server.
-    explicit LogDataServer(const LabPki& pki);
+    explicit LogDataServer(const LabPki& pki, const Hosting& hosting = {});
 
     std::string url() const { return server_.origin() + "/logdata"; }
     // The server's answer to the upload of that number, the first being 1.
     std::string location(size_t number) const { return url() + "/" + std::to_string(number); }
+    int port() const { return server_.port(); }
     bool listening() const { return server_.port() != 0; }
 
     // Sets the fault of all further answers. Uploads are still received.
     void setFault(LogDataFault fault);
+    LogDataFault fault() const;
 
     // The records of each upload, in order.
     std::vector<Array> uploads() const;
@@ -48,6 +52,7 @@ class LogDataServer {
   private:
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
 
+    Feed* const feed_;
     mutable Mutex mutex_;
     LogDataFault fault_ TELVORA_GUARDED_BY(mutex_) = LogDataFault::none;
     std::vector<Array> uploads_ TELVORA_GUARDED_BY(mutex_);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "telvora-lab/event_json.h"
+#include "telvora-lab/feed.h"
 
 namespace telvora::lab {
 namespace {
@@ -15,12 +16,17 @@ constexpr std::pair<std::string_view, ReportingFault> kFaultNames[] = {
     {"notFound", ReportingFault::notFound},
     {"serviceUnavailable", ReportingFault::serviceUnavailable},
     {"noAnswer", ReportingFault::noAnswer},
+    {"reset", ReportingFault::reset},
     {"halfAnswer", ReportingFault::halfAnswer},
+    {"slow", ReportingFault::slow},
     {"hold", ReportingFault::hold},
 };
 
 constexpr const char* kMandatoryHeaders[] = {"User-Agent", "X-TVR-Client-Version", "X-TVR-Sender",
                                              "Accept",     "Content-Type",         "Content-Length"};
+
+constexpr std::chrono::seconds kSlowAnswer(5);
+constexpr size_t kMaxProblems = 1000;
 
 // A larger number is not a running number of a measurement.
 constexpr uint64_t kLargestNumber = 100'000'000;
@@ -44,17 +50,35 @@ ServerResponse answerFor(ReportingFault fault) {
     if (fault == ReportingFault::notFound) response.status = 404;
     if (fault == ReportingFault::serviceUnavailable) response.status = 503;
     if (fault == ReportingFault::noAnswer) response.ending = ServerResponse::Ending::noAnswer;
+    if (fault == ReportingFault::reset) response.ending = ServerResponse::Ending::reset;
     if (fault == ReportingFault::halfAnswer) response.ending = ServerResponse::Ending::halfBody;
     return response;
 }
 
+// A record of a message for viewers, with the body as it came.
+void show(Feed& feed, const ReceivedMessage& message, ReportingFault fault, const std::string* problem,
+          std::string_view json) {
+    const ServerResponse answer = answerFor(fault);
+    const bool answered = answer.ending == ServerResponse::Ending::whole;
+    Dictionary headers;
+    for (const auto& [name, value] : message.headers)
+        headers.set(name, value);
+    Dictionary fields{{"path", message.path},
+                      {"status", answered ? answer.status : 0},
+                      {"fault", std::string(nameOf(fault))},
+                      {"headers", std::move(headers)},
+                      {"bytes", json.size()}};
+    if (problem != nullptr) fields.set("problem", *problem);
+    // A message with events is an object of valid JSON, perhaps behind a byte order mark.
+    feed.add("message", std::move(fields), message.events.size(),
+             message.events.empty() ? std::string_view() : json.substr(json.find('{')));
+}
+
 }  // namespace
 
-std::optional<ReportingFault> reportingFaultNamed(std::string_view name) {
-    for (const auto& [faultName, fault] : kFaultNames) {
-        if (faultName == name) return fault;
-    }
-    return std::nullopt;
+template <>
+NamedValues<ReportingFault> namedValues<ReportingFault>() {
+    return kFaultNames;
 }
 
 std::optional<std::string> ReceivedMessage::header(std::string_view name) const {
@@ -64,11 +88,12 @@ std::optional<std::string> ReceivedMessage::header(std::string_view name) const 
     return std::nullopt;
 }
 
-ReportingServer::ReportingServer(const LabPki& pki, ReportingServerOptions options)
+ReportingServer::ReportingServer(const LabPki& pki, ReportingServerOptions options, const Hosting& hosting)
     : options_(std::move(options)),
-      server_(
-          pki.serverCertificateFile(), pki.serverKeyFile(),
-          [this](const ServerRequest& request) { return handle(request); }, options_.connections) {}
+      feed_(hosting.feed),
+      server_(pki.serverCertificateFile(), pki.serverKeyFile(),
+              [this](const ServerRequest& request) { return handle(request); },
+              {.address = hosting.address, .port = hosting.port, .connections = options_.connections}) {}
 
 ReportingServer::~ReportingServer() {
     setFault(ReportingFault::none);
@@ -80,6 +105,11 @@ void ReportingServer::setFault(ReportingFault fault) {
     fault_ = fault;
 }
 
+ReportingFault ReportingServer::fault() const {
+    MutexLock lock(mutex_);
+    return fault_;
+}
+
 void ReportingServer::releaseHeld() {
     MutexLock lock(mutex_);
     ++releases_;
@@ -89,7 +119,7 @@ void ReportingServer::releaseHeld() {
 ServerResponse ReportingServer::handle(const ServerRequest& request) {
     if (request.method != "POST" || (request.path != "/events" && request.path != "/realtime")) {
         MutexLock lock(mutex_);
-        problems_.push_back("unexpected request: " + request.method + " " + request.path);
+        complain("unexpected request: " + request.method + " " + request.path);
         ServerResponse response;
         response.status = 404;
         return response;
@@ -104,19 +134,25 @@ ServerResponse ReportingServer::handle(const ServerRequest& request) {
         releases = releases_;
     }
     if (options_.countByKey.empty()) {
-        keep(request);
+        keep(request, fault);
     } else {
         count(request);
     }
-    if (fault == ReportingFault::hold) {
+    if (fault == ReportingFault::hold || fault == ReportingFault::slow) {
+        const auto deadline = std::chrono::steady_clock::now() + kSlowAnswer;
         MutexLock lock(mutex_);
-        while (releases_ == releases)
-            changed_.wait(mutex_);
+        while (releases_ == releases) {
+            if (fault == ReportingFault::hold) {
+                changed_.wait(mutex_);
+            } else if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) {
+                break;
+            }
+        }
     }
     return answerFor(fault);
 }
 
-void ReportingServer::keep(const ServerRequest& request) {
+void ReportingServer::keep(const ServerRequest& request, ReportingFault fault) {
     ReceivedMessage received{request.path, request.headers, 0, {}, {}};
     std::optional<std::string> problem = headerProblem(request);
     auto message = parseEventMessage(request.body);
@@ -130,12 +166,32 @@ void ReportingServer::keep(const ServerRequest& request) {
         received.events = std::move(*message->events);
     }
 
+    if (feed_ != nullptr) show(*feed_, received, fault, problem ? &*problem : nullptr, request.body);
+
     MutexLock lock(mutex_);
-    if (problem) problems_.push_back(std::move(*problem));
-    ++messageCount_;
-    eventCount_ += received.events.size();
-    messages_.push_back(std::move(received));
+    if (problem) complain(std::move(*problem));
+    store(std::move(received));
     changed_.notify_all();
+}
+
+void ReportingServer::store(ReceivedMessage message) {
+    const ClientNames names{message.header("X-TVR-Sender").value_or(""),
+                            message.header("X-TVR-Client-Name").value_or(""),
+                            message.header("X-TVR-Service-Name").value_or("")};
+    for (const Dictionary& event : message.events)
+        sessions_.take(event, names);
+    ++messageCount_;
+    eventCount_ += message.events.size();
+    keptEvents_ += message.events.size();
+    messages_.push_back(std::move(message));
+    while (keptEvents_ > options_.keptEvents) {
+        keptEvents_ -= messages_.front().events.size();
+        messages_.pop_front();
+    }
+}
+
+void ReportingServer::complain(std::string problem) {
+    if (problems_.size() < kMaxProblems) problems_.push_back(std::move(problem));
 }
 
 void ReportingServer::count(const ServerRequest& request) {
@@ -144,12 +200,12 @@ void ReportingServer::count(const ServerRequest& request) {
     MutexLock lock(mutex_);
     ++messageCount_;
     if (!numbers) {
-        problems_.push_back(numbers.error());
+        complain(numbers.error());
     } else {
         eventCount_ += numbers->size();
         for (const uint64_t number : *numbers) {
             if (number > kLargestNumber) {
-                problems_.push_back("number out of range");
+                complain("number out of range");
                 continue;
             }
             if (number >= seen_.size()) seen_.resize(number + 1);
@@ -182,7 +238,7 @@ size_t ReportingServer::duplicateCount() const {
 
 std::vector<ReceivedMessage> ReportingServer::messages() const {
     MutexLock lock(mutex_);
-    return messages_;
+    return {messages_.begin(), messages_.end()};
 }
 
 std::vector<Dictionary> ReportingServer::events() const {
@@ -192,6 +248,11 @@ std::vector<Dictionary> ReportingServer::events() const {
         all.insert(all.end(), message.events.begin(), message.events.end());
     }
     return all;
+}
+
+std::vector<SessionNode> ReportingServer::sessions() const {
+    MutexLock lock(mutex_);
+    return sessions_.roots();
 }
 
 std::vector<std::string> ReportingServer::problems() const {

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "telvora-lab/feed.h"
+
 namespace telvora::lab {
 namespace {
 
@@ -30,16 +32,16 @@ ServerResponse responseFor(UploadAnswer answer) {
 
 }  // namespace
 
-std::optional<UploadAnswer> uploadAnswerNamed(std::string_view name) {
-    for (const auto& [answerName, answer] : kAnswerNames) {
-        if (answerName == name) return answer;
-    }
-    return std::nullopt;
+template <>
+NamedValues<UploadAnswer> namedValues<UploadAnswer>() {
+    return kAnswerNames;
 }
 
-UploadServer::UploadServer(const LabPki& pki)
-    : server_(pki.serverCertificateFile(), pki.serverKeyFile(),
-              [this](const ServerRequest& request) { return handle(request); }) {}
+UploadServer::UploadServer(const LabPki& pki, const Hosting& hosting)
+    : feed_(hosting.feed),
+      server_(pki.serverCertificateFile(), pki.serverKeyFile(),
+              [this](const ServerRequest& request) { return handle(request); },
+              {.address = hosting.address, .port = hosting.port}) {}
 
 UploadServer::~UploadServer() {
     setAnswer(UploadAnswer::success);
@@ -49,6 +51,11 @@ UploadServer::~UploadServer() {
 void UploadServer::setAnswer(UploadAnswer answer) {
     MutexLock lock(mutex_);
     answer_ = answer;
+}
+
+UploadAnswer UploadServer::answer() const {
+    MutexLock lock(mutex_);
+    return answer_;
 }
 
 void UploadServer::releaseHeld() {
@@ -63,12 +70,22 @@ ServerResponse UploadServer::handle(const ServerRequest& request) {
         response.status = 404;
         return response;
     }
-    MutexLock lock(mutex_);
-    uploads_.push_back(request);
-    changed_.notify_all();
-    const UploadAnswer answer = answer_;
+    UploadAnswer answer;
+    uint64_t releases;
+    {
+        MutexLock lock(mutex_);
+        uploads_.push_back(request);
+        changed_.notify_all();
+        answer = answer_;
+        releases = releases_;
+    }
+    if (feed_ != nullptr) {
+        feed_->add("upload", {{"target", request.target},
+                              {"bytes", request.body.size()},
+                              {"fault", std::string(nameOf(answer))}});
+    }
     if (answer == UploadAnswer::hold) {
-        const uint64_t releases = releases_;
+        MutexLock lock(mutex_);
         while (releases_ == releases)
             changed_.wait(mutex_);
     }

@@ -14,6 +14,7 @@
 
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
+#include "telvora-lab/named_values.h"
 #include "util/mutex.h"
 
 namespace telvora::lab {
@@ -29,19 +30,22 @@ enum class UploadAnswer {
     hold         // waits for releaseHeld(), then success
 };
 
-// The answer of that name as it is written above, or `std::nullopt`.
-std::optional<UploadAnswer> uploadAnswerNamed(std::string_view name);
+// Named as they are written above.
+template <>
+NamedValues<UploadAnswer> namedValues<UploadAnswer>();
 
 class UploadServer {
   public:
     // `pki` must outlive the server.
-    explicit UploadServer(const LabPki& pki);
+    explicit UploadServer(const LabPki& pki, const Hosting& hosting = {});
     ~UploadServer();
 
     std::string uploadURL() const { return server_.origin() + "/upload"; }
+    int port() const { return server_.port(); }
     bool listening() const { return server_.port() != 0; }
 
     void setAnswer(UploadAnswer answer);
+    UploadAnswer answer() const;
     // Releases the answers that UploadAnswer::hold holds.
     void releaseHeld();
     // Refuses connections until accept(); returns when the port is closed.
@@ -57,6 +61,7 @@ class UploadServer {
   private:
     ServerResponse handle(const ServerRequest& request) TELVORA_EXCLUDES(mutex_);
 
+    Feed* const feed_;
     mutable Mutex mutex_;
     mutable std::condition_variable_any changed_;
     UploadAnswer answer_ TELVORA_GUARDED_BY(mutex_) = UploadAnswer::success;
