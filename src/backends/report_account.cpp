@@ -35,6 +35,8 @@ void ReportTally::add(const ReportTally& other) {
     accepted += other.accepted;
     for (size_t i = 0; i < kReportOutcomes; ++i)
         outcomes[i] += other.outcomes[i];
+    for (size_t i = 0; i < kDecisions; ++i)
+        disabledBecause[i] += other.disabledBecause[i];
 }
 
 uint64_t failedOrPending(const ReportTally& tally) {
@@ -58,8 +60,9 @@ void ReportAccount::accept(ReportOutcome outcome) {
     ++tally_.outcomes[static_cast<size_t>(outcome)];
 }
 
-void ReportAccount::move(size_t reports, ReportOutcome from, ReportOutcome to) {
+void ReportAccount::move(size_t reports, ReportOutcome from, ReportOutcome to, Decision reason) {
     const MutexLock lock(lock_);
+    if (to == ReportOutcome::disabled) tally_.disabledBecause[static_cast<size_t>(reason)] += reports;
     tally_.outcomes[static_cast<size_t>(from)] -= reports;
     tally_.outcomes[static_cast<size_t>(to)] += reports;
 }

@@ -12,7 +12,6 @@
 #include "bus/authentication.h"
 #include "bus/bus_input.h"
 #include "util/error_text.h"
-#include "wire/wire_writer.h"
 
 namespace telvora {
 
@@ -110,7 +109,10 @@ Result<void> callAndWait(const BusQuery& query, const std::function<void(BusMess
     header.path = query.path;
     header.interface = query.interface;
     header.member = query.method;
-    WireWriter(call, header).finish(kMaxAnswer);
+    header.signature = query.signature;
+    WireWriter writer(call, header);
+    if ((query.write && !query.write(writer)) || !writer.finish(kMaxAnswer))
+        return failure(Kind::kRefused, "the arguments can't be sent");
     if (auto sent = sendAll(socket->get(), call, deadline); !sent) return sent;
 
     ClientAuthentication authentication;

@@ -10,16 +10,19 @@
 #include <tl/expected.hpp>
 
 #include "bus/bus_message.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 
-// A method without arguments.
 struct BusQuery {
     std::string socketPath;
     const char* path = "";  // of the object
     const char* interface = "";
     const char* method = "";
     std::chrono::milliseconds timeout{10'000};  // of the whole
+    // Signature and wire form of the arguments; empty for a method without arguments.
+    std::string signature = {};
+    std::function<bool(WireWriter& body)> write = {};
 };
 
 struct BusQueryFailure {

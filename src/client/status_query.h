@@ -28,4 +28,9 @@ tl::expected<Dictionary, BusQueryFailure> queryStatus(
     StatusMethod method, const std::string& socketPath,
     std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// The answer to kDiagnose, as queryStatus(). The time limit is above that of several fetches of bags.
+tl::expected<Dictionary, BusQueryFailure> queryFindings(
+    const Dictionary& query, const std::string& socketPath,
+    std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
 }  // namespace telvora

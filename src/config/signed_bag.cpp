@@ -18,10 +18,14 @@ std::optional<std::string> decodedString(const Dictionary& dictionary, std::stri
     return text != nullptr ? base64Decode(*text) : std::nullopt;
 }
 
+tl::unexpected<BagFault> fault(BagStep step, std::string reason) {
+    return tl::make_unexpected(BagFault{step, std::move(reason)});
+}
+
 }  // namespace
 
-std::optional<Dictionary> openSignedBag(std::string_view document,
-                                        const std::optional<std::string>& publicKeyDer) {
+tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
+                                                 const std::optional<std::string>& publicKeyDer) {
     const auto parsed = parsePropertyList(document);
     if (!parsed) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
@@ -30,32 +34,39 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
     const Dictionary* outer = dictionaryIn(parsed);
     if (outer == nullptr || outer->string("signature") == nullptr) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature is missing");
-        return std::nullopt;
+        if (!parsed) return fault(BagStep::signature, "the document is no property list: " + parsed.error());
+        return fault(BagStep::signature, "the document has no signature");
     }
-    if (!publicKeyDer) return std::nullopt;
+    if (!publicKeyDer) return fault(BagStep::key, "there is no public key");
     const auto key = RsaPublicKey::fromDer(*publicKeyDer);
     if (!key) {
         if (key.error().isTooShort) {
             TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
                         key.error().reason.c_str());
         }
-        return std::nullopt;
+        return fault(BagStep::key, "the public key can't be used: " + key.error().reason);
     }
     const std::optional<std::string> signature = decodedString(*outer, "signature");
-    if (!signature) return std::nullopt;
     const std::optional<std::string> bag = decodedString(*outer, "bag");
-    if (!bag) return std::nullopt;
+    if (!signature || !bag) return fault(BagStep::signature, "bag or signature is not base64");
     if (!key->verifySha1(*bag, *signature)) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p", key->identity());
-        return std::nullopt;
+        return fault(BagStep::signature, "the public key does not verify the signature");
     }
     const auto inner = parsePropertyList(*bag);
     // The author of a bag over a limit has a chance to correct it.
     if (!inner && exceedsPropertyListLimit(inner.error())) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: The bag is over a limit: %s", inner.error().c_str());
     }
+    if (!inner) return fault(BagStep::content, "the signed bag is no property list: " + inner.error());
     const Dictionary* content = dictionaryIn(inner);
-    return content != nullptr ? std::optional(*content) : std::nullopt;
+    if (content == nullptr) return fault(BagStep::content, "the signed bag is no dictionary");
+    return *content;
+}
+
+const char* nameOf(BagStep step) {
+    static constexpr const char* kNames[] = {"none", "download", "key", "signature", "content", "section"};
+    return kNames[static_cast<size_t>(step)];
 }
 
 std::string whyTooLongToSign() {

@@ -6,6 +6,7 @@
 
 #include "config/signed_bag.h"
 #include "http/http_request_rules.h"
+#include "http/server_outcomes.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -112,7 +113,10 @@ void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, Sto
 std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
                                                  const std::optional<std::string>& name,
                                                  const std::string& url, StorebagFetchStatus& status) const {
+    StorebagFetchReport& report = status.report;
+    report.url = addressOfUrl(url);
     if (!result) {
+        report.fault = {BagStep::download, result.error().description};
         TELVORA_LOG(
             kLogInfo,
             "fetchStorebagWithName: Error resolving with lookup server %s, sendSynchronousRequest error %s",
@@ -120,12 +124,19 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         status.builtIn = name == kQuillet;
         return standIn(name);
     }
+    report.httpStatus = result->status;
     status.maxAge = maxAgeOf(*result);
     if (updateLastModified(*result, status.lastModified)) {
         status.notChanged = true;
         return std::nullopt;
     }
-    return openSignedBag(result->body, services_.framework.publicKeyDer());
+    auto bag = openSignedBag(result->body, services_.framework.publicKeyDer());
+    if (bag) return std::move(*bag);
+    report.fault = std::move(bag.error());
+    // Such an answer's body describes the server's error.
+    if (result->status < 200 || result->status > 299)
+        report.fault = {BagStep::download, "the server answered " + std::to_string(result->status)};
+    return std::nullopt;
 }
 
 }  // namespace telvora

@@ -11,6 +11,7 @@
 
 #include "config/client_framework.h"
 #include "config/environment.h"
+#include "config/signed_bag.h"
 #include "http/http_client.h"
 #include "plist/property_list.h"
 
@@ -26,12 +27,20 @@ struct StorebagFetcherServices {
     std::function<void(std::function<void()> work)> perform = [](const auto& work) { work(); };
 };
 
+// The course of a fetch, for administrators.
+struct StorebagFetchReport {
+    std::string url{};   // without its query; empty: no bag is fetched for the client type
+    int httpStatus = 0;  // 0: no answer
+    BagFault fault{};
+};
+
 // Additional results of a fetch.
 struct StorebagFetchStatus {
     int32_t maxAge = 0;                         // seconds; unchanged if the server wasn't reached
     bool notChanged = false;                    // the caller's copy is still current
     bool builtIn = false;                       // the result is the built-in stand-in
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: of the answer
+    StorebagFetchReport report{};
 };
 
 struct FetchedStorebag {

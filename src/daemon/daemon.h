@@ -55,9 +55,11 @@ class Daemon final : private StatusInterface {
     void logLosses() const;
     Dictionary getStatus() override;
     Dictionary getDevice() override { return properties_.all(); }
+    void diagnose(Dictionary query, FindingsReply reply) override;
 
     const ProcessContext& process_;
     const StartTime start_;
+    const Dictionary lastTotals_;
     asio::io_context runLoop_{1};
 
     const DeviceProperties properties_;

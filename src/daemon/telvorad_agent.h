@@ -68,6 +68,12 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Neither waits for a fetch.
     Array sessionStatus();
     Array storebagStatus();
+    // Connections that were refused, by cause.
+    Dictionary refusalStatus() const;
+    // The environment's section of the client type's bag, as a session gets it; see StorebagService.
+    void storebag(uint32_t clientType, StorebagReply reply) {
+        storebags_.request(clientType, std::move(reply));
+    }
 
     // For the sessions; see TelvoradSessionDelegate.
     void storebagForSession(const TelvoradSession& session, StorebagReply reply) override;

@@ -82,7 +82,7 @@ TEST(SignedBag, OpensNothingElse) {
     for (const auto& [text, publicKey, beginnings] : cases) {
         SCOPED_TRACE(text);
         const LogCapture log;
-        EXPECT_EQ(openSignedBag(text, publicKey), std::nullopt);
+        EXPECT_FALSE(openSignedBag(text, publicKey));
         EXPECT_THAT(log.lines(), testing::Pointwise(StartsWithOther(), beginnings));
     }
 }
@@ -220,6 +220,8 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     f.answer = FakeHttpClient::response(500, "broken");
     EXPECT_EQ(f.fetch("quillet"), std::nullopt);
     EXPECT_EQ(f.status.maxAge, 86400);
+    EXPECT_EQ(f.status.report.url, kBase + "/quillet");
+    EXPECT_EQ(f.status.report.fault.reason, "the server answered 500");
 }
 
 TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
