@@ -75,7 +75,8 @@ struct Line {
     std::string problem() const {
         if (setting == nullptr) return "unknown key" + suggestion(key, keysOf(kTelvoraDefaultsDomain));
         if (value == nullptr) return {};
-        if (setting->administratorOnly && !isAdministrators) return "ignored: not in the administrator's file";
+        if (setting->administratorOnly && !isAdministrators)
+            return "ignored: not in the administrator's file";
         const auto why = whyUnfit(*setting, *value);
         return why ? "ignored: " + *why : std::string();
     }

@@ -28,17 +28,9 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addStatusCommand,
-    addSendCommand,
-    addSessionCommand,
-    addOneshotCommand,
-    addFlushCommand,
-    addUploadCommand,
-    addLogCommand,
-    addConsentCommand,
-    addDefaultsCommand,
-    addDeviceCommand,
-    addResetIdentifiersCommand,
+    addStatusCommand,        addDoctorCommand,   addSendCommand,   addSessionCommand,
+    addOneshotCommand,       addFlushCommand,    addUploadCommand, addLogCommand,
+    addConsentCommand,       addDefaultsCommand, addDeviceCommand, addResetIdentifiersCommand,
     addDashboardSendCommand,
 };
 
