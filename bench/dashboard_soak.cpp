@@ -23,6 +23,7 @@
 #include <map>
 
 #include "async/virtual_network.h"
+#include "completion/program.h"
 #include "dashboard/dashboard_backend.h"
 #include "telvora-lab/dashboard_decoder.h"
 #include "telvora-lab/dashboard_tally.h"
@@ -268,10 +269,6 @@ int main(int argc, char** argv) {
     app.add_option("--loss", options.loss, "Probability of losing a datagram, each way")
         ->check(CLI::Range(0.0, 0.99));
     app.add_option("--seed", options.seed, "Seed of the random sequence of the losses");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
-    }
+    if (const auto status = telvora::parseCommandLine(app, argc, argv, kUsageError)) return *status;
     return telvora::bench::run(options);
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "completion/program.h"
 #include "load.h"
 #include "platform/descriptor_limit.h"
 #include "process_figures.h"
@@ -186,11 +187,7 @@ int main(int argc, char** argv) {
     serviceMode
         ->add_option("--idle-minutes", service.idleMinutes, "Minutes in which idle daemons are observed")
         ->check(CLI::Range(0.01, 1440.0));
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
-    }
+    if (const auto status = telvora::parseCommandLine(app, argc, argv, kUsageError)) return *status;
     if (peers) options.load.record = telvora::bench::kPeersRecord;
     telvora::raiseDescriptorLimit();
     try {

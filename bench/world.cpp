@@ -16,7 +16,8 @@ namespace {
 Dictionary withoutQuotas() {
     Dictionary defaults;
     for (size_t i = 0; i < kQuotas; ++i)
-        defaults.set(std::string(ruleOf(static_cast<Quota>(i)).setting.key), std::numeric_limits<int64_t>::max());
+        defaults.set(std::string(ruleOf(static_cast<Quota>(i)).setting.key),
+                     std::numeric_limits<int64_t>::max());
     // The most that the setting takes; one user's records get an eighth of it in an hour.
     defaults.set("messageLogBytes", 1 << 30);
     return defaults;

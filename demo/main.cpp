@@ -13,6 +13,7 @@
 
 #include "audit.h"
 #include "call.h"
+#include "completion/program.h"
 #include "demo_session.h"
 #include "script.h"
 #include "telvora-lab/laboratory.h"
@@ -139,7 +140,8 @@ int run() {
 }  // namespace
 }  // namespace telvora::demo
 
-int main() {
+int main(int argc, char** argv) {
+    if (telvora::printVersion("telvora-demo", argc, argv)) return 0;
     try {
         return telvora::demo::run();
     } catch (const std::exception& error) {

@@ -7,9 +7,9 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "access/file_trust.h"
 #include "access/name_service.h"
 #include "plist/property_list_format.h"
+#include "util/file_trust.h"
 #include "util/log.h"
 #include "util/regular_file.h"
 

@@ -33,7 +33,8 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for postURL",
                     policy_.postURL->c_str());
     }
-    policy_.realtimePostURL = services.defaults.string(kTelvoraDefaultsDomain, settings::kRealtimePostURL.key);
+    policy_.realtimePostURL =
+        services.defaults.string(kTelvoraDefaultsDomain, settings::kRealtimePostURL.key);
     if (policy_.realtimePostURL) {
         policy_.useDefaultRealtimePostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for realtimePostURL",

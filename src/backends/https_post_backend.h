@@ -104,7 +104,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
                          std::optional<uint16_t> responseCode, PostCompletion completion);
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
-    void handlePostResult(const HttpResult& result, Load& load, const PostCompletion& completion);
+    void handlePostResult(const std::string& url, const HttpResult& result, Load& load,
+                          const PostCompletion& completion);
 
     const Array& clients_;   // of the profile
     const bool dnuEnabled_;  // the user shares diagnostics

@@ -6,6 +6,7 @@
 #include "backends/https_post_backend.h"
 #include "backends/json_message.h"
 #include "config/client_type.h"
+#include "http/http_request_rules.h"
 #include "policy/absent_text.h"
 #include "telvora/keys.h"
 #include "util/compression.h"
@@ -66,9 +67,9 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
     HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
     load.charge.resize(kRequestBytes + request.body.size());
     services_.http.start(std::move(request),
-                         [self = std::move(self), load = std::make_shared<Load>(std::move(load)),
+                         [self = std::move(self), url = *url, load = std::make_shared<Load>(std::move(load)),
                           completion = std::move(completion)](const HttpResult& result) {
-                             self->handlePostResult(result, *load, completion);
+                             self->handlePostResult(url, result, *load, completion);
                          });
 }
 
@@ -112,11 +113,16 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
 }
 
 // On the HTTP client's thread.
-void HTTPSPostBackend::handlePostResult(const HttpResult& result, Load& load,
+void HTTPSPostBackend::handlePostResult(const std::string& url, const HttpResult& result, Load& load,
                                         const PostCompletion& completion) {
     const LogScope onBehalfOfUser(user_.logAdmission());
     load.charge = {};
-    reports_->move(load.reports, ReportOutcome::inFlight, outcomeOf(result));
+    const ReportOutcome outcome = outcomeOf(result);
+    reports_->move(load.reports, ReportOutcome::inFlight, outcome);
+    if (result && outcome != ReportOutcome::delivered) {
+        TELVORA_LOG(kLogWarning, "HTTPSPostBackend(postJsonMessage): %s answered %d", urlForLog(url).c_str(),
+                    result->status);
+    }
     std::optional<TelvoraError> error;
     if (!result) {
         TELVORA_LOG(kLogError, "HTTPSPostBackend(postJsonMessage): post error: %s",

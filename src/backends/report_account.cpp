@@ -28,7 +28,7 @@ ReportOutcome outcomeOf(const HttpResult& result) {
     }
     const int status = result->status;
     if (status >= 500 && status <= 599) return ReportOutcome::serverError;
-    return status >= 200 && status <= 299 ? ReportOutcome::delivered : ReportOutcome::rejected;
+    return isSuccess(*result) ? ReportOutcome::delivered : ReportOutcome::rejected;
 }
 
 void ReportTally::add(const ReportTally& other) {

@@ -55,7 +55,7 @@ struct BackendServices {
     const Environment& environment;
     UserDefaults& defaults;
     Clock clock;                                                           // time of day
-    std::function<std::optional<std::string>()> countryCode;               // of the current locale
+    std::function<std::optional<std::string>()> countryCode;               // of the device
     std::function<long()> timeZoneOffsetSeconds;                           // east positive
     std::function<double()> random;                                        // uniform in [0, 1)
     std::function<std::unique_ptr<NetworkQueue>()> makeNetworkQueue = {};  // for the dashboard

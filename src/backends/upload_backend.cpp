@@ -139,6 +139,10 @@ void UploadBackend::sendFile(const SharedTransfer& transfer) {
 
 UploadBackend::Outcome UploadBackend::outcomeOfTransfer(const Transfer& transfer) const {
     const HttpResult& result = transfer.result;
+    if (result && !isSuccess(*result)) {
+        TELVORA_LOG(kLogWarning, "UploadBackend(uploadFileAtPath): %s answered %d",
+                    urlForLog(uploadURL_).c_str(), result->status);
+    }
     if (isDelivered(result)) {
         const BlockingSection blocking;
         removeFile(*transfer.upload.files, transfer.file);

@@ -37,7 +37,7 @@ Result<UniqueFd> connectTo(const std::string& socketPath) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const auto failed = [&](int error) {
-        return failure(Kind::kUnreachable, errorText("can't connect to " + socketPath, error));
+        return failure(Kind::kUnreachable, connectErrorText(socketPath, error));
     };
     if (socketPath.size() >= sizeof address.sun_path) return failed(ENAMETOOLONG);
     socketPath.copy(address.sun_path, sizeof address.sun_path - 1);

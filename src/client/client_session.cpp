@@ -18,9 +18,7 @@ namespace telvora {
 namespace {
 
 tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
-    const auto failure = [&path](int error) {
-        return tl::unexpected(errorText("can't connect to " + path, error));
-    };
+    const auto failure = [&path](int error) { return tl::unexpected(connectErrorText(path, error)); };
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);

@@ -26,10 +26,10 @@ std::string statusSocketBeside(const std::string& clientSocketPath) {
     return clientSocketPath + ".Status";
 }
 
-tl::expected<Dictionary, BusQueryFailure> queryStatus(StatusMethod method, const std::string& socketPath,
-                                                      std::chrono::milliseconds timeout) {
+tl::expected<Dictionary, BusQueryFailure> queryStatusNamed(const char* method, const std::string& socketPath,
+                                                           std::chrono::milliseconds timeout) {
     return dictionaryFrom(
-        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method.name, timeout}, method);
+        {socketPath, StatusInterface::kWirePath, StatusInterface::kWireName, method, timeout}, kGetStatus);
 }
 
 tl::expected<Dictionary, BusQueryFailure> queryFindings(const Dictionary& query,

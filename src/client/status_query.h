@@ -22,11 +22,19 @@ namespace telvora {
 // The path of the administrators' socket beside the clients' socket.
 std::string statusSocketBeside(const std::string& clientSocketPath);
 
+// The answer to the method of that name.
+tl::expected<Dictionary, BusQueryFailure> queryStatusNamed(const char* method, const std::string& socketPath,
+                                                           std::chrono::milliseconds timeout);
+
 // The answer to one method, or the failure: kRefused if the caller may not read. Blocks for at most twice
 // `timeout`. Callable from any thread.
+template <typename Handler>
 tl::expected<Dictionary, BusQueryFailure> queryStatus(
-    StatusMethod method, const std::string& socketPath,
-    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    const Method<Handler>& method, const std::string& socketPath,
+    std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    static_assert(std::is_same_v<typename Method<Handler>::Answer, std::tuple<Dictionary>>);
+    return queryStatusNamed(method.name, socketPath, timeout);
+}
 
 // The answer to kDiagnose, as queryStatus(). The time limit is above that of several fetches of bags.
 tl::expected<Dictionary, BusQueryFailure> queryFindings(

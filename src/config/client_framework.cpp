@@ -2,18 +2,17 @@
 #include "config/client_framework.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "plist/property_list_format.h"
-#include "util/regular_file.h"
+#include "util/log.h"
 
 namespace telvora {
 
 namespace {
 
 constexpr const char* kDefaultVersion = "8.0";
-// An RSA key of 16384 bits takes about 2 KiB; a much larger file is no key.
-constexpr size_t kMaxKeyBytes = 64 << 10;
 
 }  // namespace
 
@@ -32,11 +31,27 @@ std::string ClientFramework::bundleVersion() const {
     return version != nullptr ? *version : kDefaultVersion;
 }
 
-std::optional<std::string> ClientFramework::publicKeyDer() const {
-    if (directory_.empty()) return std::nullopt;
-    auto bytes = readRegularFile(directory_ / "publicKey.der", kMaxKeyBytes);
-    if (!bytes || bytes->empty() || bytes->size() == kMaxKeyBytes) return std::nullopt;
-    return std::move(*bytes);
+std::vector<PublicKeyFile> ClientFramework::publicKeyFiles() const {
+    std::vector<PublicKeyFile> all;
+    for (const std::filesystem::path& directory : {directory_, configurationDirectory_}) {
+        if (directory.empty()) continue;
+        std::vector<PublicKeyFile> keys = readPublicKeys(directory);
+        std::move(keys.begin(), keys.end(), std::back_inserter(all));
+    }
+    return all;
+}
+
+std::vector<std::string> ClientFramework::publicKeyDers() const {
+    std::vector<std::string> ders;
+    for (PublicKeyFile& key : publicKeyFiles()) {
+        if (key.isUntrusted) {
+            TELVORA_LOG(kLogWarning, "ClientFramework: %s verifies no bag: %s", key.file.c_str(),
+                        key.problem->c_str());
+        } else if (!key.der.empty()) {
+            ders.push_back(std::move(key.der));
+        }
+    }
+    return ders;
 }
 
 std::array<uint8_t, 3> versionComponents(std::string_view version) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/locale.h"
 #include "platform/uuid.h"
 #include "telvora/keys.h"
 #include "util/letter_case.h"
@@ -57,6 +58,11 @@ DeviceIdentity::DeviceIdentity(const DeviceProperties& properties, UserDefaults&
       defaults_(defaults),
       isInternal_(properties.answer("ReleaseType") == "Internal"),
       processIdentifier_(randomUuidString()) {}
+
+std::optional<std::string> DeviceIdentity::countryCode() const {
+    const std::optional<std::string> given = countryCodeOf(properties_.answer("CountryCode").value_or(""));
+    return given ? given : currentCountryCode();
+}
 
 void DeviceIdentity::copyUniqueDeviceID(DeviceIDBuffer& buffer) const {
     const std::optional<std::string> identifier = properties_.answer("UniqueDeviceID");

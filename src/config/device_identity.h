@@ -44,6 +44,10 @@ class DeviceIdentity {
     std::optional<std::string> hardwareModel() const { return properties_.answer("HWModelStr"); }
     std::optional<std::string> serialNumber() const { return properties_.answer("SerialNumber"); }
 
+    // The country: "CountryCode" of device.plist if that is a country code, else the territory of the locale
+    // (locale.h). Read at each call.
+    std::optional<std::string> countryCode() const;
+
     // Copies "UniqueDeviceID" with its terminator into the buffer. An answer of more than 40 bytes is not
     // truncated: it is ignored, and the buffer stays unchanged, as it does without an answer.
     void copyUniqueDeviceID(DeviceIDBuffer& buffer) const;

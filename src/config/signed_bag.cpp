@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/signed_bag.h"
 
+#include <algorithm>
+
 #include "util/base64.h"
 #include "util/log.h"
 
@@ -22,10 +24,24 @@ tl::unexpected<BagFault> fault(BagStep step, std::string reason) {
     return tl::make_unexpected(BagFault{step, std::move(reason)});
 }
 
+std::vector<RsaPublicKey> keysFrom(const std::vector<std::string>& publicKeyDers) {
+    std::vector<RsaPublicKey> keys;
+    for (const std::string& der : publicKeyDers) {
+        auto key = RsaPublicKey::fromDer(der);
+        if (key) {
+            keys.push_back(std::move(*key));
+        } else if (key.error().isTooShort) {
+            TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
+                        key.error().reason.c_str());
+        }
+    }
+    return keys;
+}
+
 }  // namespace
 
 tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
-                                                 const std::optional<std::string>& publicKeyDer) {
+                                                 const std::vector<std::string>& publicKeyDers) {
     const auto parsed = parsePropertyList(document);
     if (!parsed) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
@@ -37,21 +53,17 @@ tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
         if (!parsed) return fault(BagStep::signature, "the document is no property list: " + parsed.error());
         return fault(BagStep::signature, "the document has no signature");
     }
-    if (!publicKeyDer) return fault(BagStep::key, "there is no public key");
-    const auto key = RsaPublicKey::fromDer(*publicKeyDer);
-    if (!key) {
-        if (key.error().isTooShort) {
-            TELVORA_LOG(kLogError, "fetchStorebagWithName: The public key is refused: %s",
-                        key.error().reason.c_str());
-        }
-        return fault(BagStep::key, "the public key can't be used: " + key.error().reason);
-    }
+    const std::vector<RsaPublicKey> keys = keysFrom(publicKeyDers);
+    if (keys.empty()) return fault(BagStep::key, "there is no public key that can be used");
     const std::optional<std::string> signature = decodedString(*outer, "signature");
     const std::optional<std::string> bag = decodedString(*outer, "bag");
     if (!signature || !bag) return fault(BagStep::signature, "bag or signature is not base64");
-    if (!key->verifySha1(*bag, *signature)) {
-        TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p", key->identity());
-        return fault(BagStep::signature, "the public key does not verify the signature");
+    const bool isVerified = std::any_of(
+        keys.begin(), keys.end(), [&](const RsaPublicKey& key) { return key.verifySha1(*bag, *signature); });
+    if (!isVerified) {
+        TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p",
+                    keys.back().identity());
+        return fault(BagStep::signature, "no public key verifies the signature");
     }
     const auto inner = parsePropertyList(*bag);
     // The author of a bag over a limit has a chance to correct it.

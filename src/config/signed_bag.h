@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <tl/expected.hpp>
+#include <vector>
 
 #include "platform/digest.h"
 #include "plist/property_list.h"
@@ -37,11 +38,11 @@ struct BagFault {
     std::string reason;
 };
 
-// The inner bag of a document whose signature `publicKeyDer` (PKCS#1 or SubjectPublicKeyInfo) verifies.
-// Failures are logged at level 3, except an unreadable key or base64 text, and an inner bag that is malformed
+// The inner bag of a document whose signature one of the keys (PKCS#1 or SubjectPublicKeyInfo) verifies.
+// Failures are logged at level 3, except unreadable keys or base64 text, and an inner bag that is malformed
 // or no dictionary.
 tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
-                                                 const std::optional<std::string>& publicKeyDer);
+                                                 const std::vector<std::string>& publicKeyDers);
 
 // Makes the signed document of a serialised inner bag, as an XML property list. Fails with a reason if the
 // bag is too long or the key can't sign.

@@ -103,6 +103,7 @@ std::vector<StorebagCache::Status> StorebagCache::statuses() const {
                             .state = state,
                             .age = recordAge,
                             .maxAge = record.maxAge,
+                            .fetched = record.fetchSuccessful,
                             .fetchTime = record.fetchTime,
                             .untilNextFetch = std::max(lifetime - recordAge, 0.0),
                             .fetch = record.fetch});

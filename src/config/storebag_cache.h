@@ -34,6 +34,7 @@ class StorebagCache {
         State state = State::absent;
         double age = 0;             // seconds since the last attempt
         int32_t maxAge = 0;         // seconds
+        bool fetched = false;       // the last attempt succeeded
         double fetchTime = 0;       // of the last attempt, seconds since 1970
         double untilNextFetch = 0;  // seconds until a session's request causes the next attempt
         StorebagFetchReport fetch;  // the last attempt

@@ -6,7 +6,6 @@
 
 #include "config/signed_bag.h"
 #include "http/http_request_rules.h"
-#include "http/server_outcomes.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -16,6 +15,7 @@ namespace {
 constexpr std::chrono::milliseconds kTimeout{15'000};
 constexpr int32_t kDefaultMaxAge = 86400;
 constexpr size_t kMaxBagBytes = size_t{16} << 20;
+constexpr int kNotModified = 304;
 constexpr std::string_view kQuillet = "quillet";
 
 // Replaces the bag "quillet" while its server can't be reached. It deliberately has no "seed" section: the
@@ -114,7 +114,7 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
                                                  const std::optional<std::string>& name,
                                                  const std::string& url, StorebagFetchStatus& status) const {
     StorebagFetchReport& report = status.report;
-    report.url = addressOfUrl(url);
+    report.url = urlForLog(url);
     if (!result) {
         report.fault = {BagStep::download, result.error().description};
         TELVORA_LOG(
@@ -125,16 +125,20 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         return standIn(name);
     }
     report.httpStatus = result->status;
+    if (!isSuccess(*result) && result->status != kNotModified) {
+        TELVORA_LOG(kLogWarning, "fetchStorebagWithName: %s answered %d", urlForLog(url).c_str(),
+                    result->status);
+    }
     status.maxAge = maxAgeOf(*result);
     if (updateLastModified(*result, status.lastModified)) {
         status.notChanged = true;
         return std::nullopt;
     }
-    auto bag = openSignedBag(result->body, services_.framework.publicKeyDer());
+    auto bag = openSignedBag(result->body, services_.framework.publicKeyDers());
     if (bag) return std::move(*bag);
     report.fault = std::move(bag.error());
     // Such an answer's body describes the server's error.
-    if (result->status < 200 || result->status > 299)
+    if (!isSuccess(*result))
         report.fault = {BagStep::download, "the server answered " + std::to_string(result->status)};
     return std::nullopt;
 }

@@ -6,26 +6,46 @@
 namespace telvora {
 
 void StorebagService::request(uint32_t clientType, Reply reply) {
+    serve({clientType, std::move(reply), {}, false});
+}
+
+void StorebagService::refresh(std::function<void()> done) {
+    std::vector<uint32_t> types;
+    for (const StorebagCache::Status& bag : cache_.statuses()) {
+        const auto type = static_cast<uint32_t>(bag.clientType);
+        if (isBagFetchedFor(type)) types.push_back(type);
+    }
+    if (types.empty()) return done();
+    const auto left = std::make_shared<std::atomic<size_t>>(types.size());
+    for (const uint32_t type : types) {
+        const auto fetched = [left, done](const Section&) {
+            if (--*left == 0) done();
+        };
+        serve({type, fetched, {}, true});
+    }
+}
+
+void StorebagService::serve(Waiting asked) {
     fetcher_.readSettings();
     std::optional<Section> cached;
     {
         const MutexLock lock(lock_);
         if (busy_) {
-            waiting_.push_back({clientType, std::move(reply), {}});
+            waiting_.push_back(std::move(asked));
             return;
         }
-        cached = cache_.storebag(clientType);
+        if (!asked.anew) cached = cache_.storebag(asked.clientType);
         if (!cached) busy_ = true;
     }
-    if (cached) return reply(std::move(*cached));
-    fetch(clientType, std::move(reply));
+    if (cached) return asked.reply(std::move(*cached));
+    fetch(asked.clientType, std::move(asked.reply));
 }
 
 bool StorebagService::isIdle(const std::function<void()>& resume) {
     if (!busy_) return true;
     const MutexLock lock(lock_);
     if (!busy_) return true;
-    waiting_.push_back({0, {}, resume});
+    waiting_.push_back({0, {}, resume, false});
     return false;
 }
 
@@ -62,7 +82,7 @@ void StorebagService::serveWaiting() {
         std::optional<Section> cached;
         {
             const MutexLock lock(lock_);
-            cached = cache_.storebag(next->clientType);
+            if (!next->anew) cached = cache_.storebag(next->clientType);
         }
         if (!cached) return fetch(next->clientType, std::move(next->reply));
         next->reply(std::move(*cached));

@@ -33,6 +33,9 @@ class StorebagService {
     // Calls `reply` once, with the environment's section of the client type's bag, or null if no fetch of the
     // bag has succeeded yet: before it returns, or later on the thread of StorebagFetcherServices::perform.
     void request(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
+    // Fetches each bag of the cache that was fetched before, whatever its age. Calls `done` once when all
+    // fetches are through: before it returns, or later like a reply.
+    void refresh(std::function<void()> done) TELVORA_EXCLUDES(lock_);
     // True if no fetch runs. If one runs, calls `resume` once when the fetch and all earlier requests are
     // through, on any thread.
     bool isIdle(const std::function<void()>& resume) TELVORA_EXCLUDES(lock_);
@@ -47,7 +50,10 @@ class StorebagService {
         uint32_t clientType = 0;
         Reply reply;
         std::function<void()> resume;  // empty for a request
+        bool anew = false;             // whatever the cache has
     };
+
+    void serve(Waiting asked) TELVORA_EXCLUDES(lock_);
 
     void fetch(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
     void serveWaiting() TELVORA_EXCLUDES(lock_);

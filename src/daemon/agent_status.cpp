@@ -71,6 +71,7 @@ Array TelvoradAgent::storebagStatus() {
                              {status::kState, nameOf(bag.state)},
                              {status::kAge, bag.age},
                              {status::kMaxAge, bag.maxAge},
+                             {status::kFetched, bag.fetched},
                              {status::kFetchTime, Date{bag.fetchTime}},
                              {status::kNextFetch, bag.untilNextFetch}};
         addFetch(described, bag.fetch);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "config/device_description.h"
 #include "daemon/process_setup.h"
 #include "diagnosis/findings.h"
 #include "diagnosis/last_totals.h"
@@ -24,10 +25,10 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
       lastTotals_(readLastTotals(process.directories.state)),
-      properties_(process.directories.configuration),
+      properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
-      framework_(process.directories.framework),
+      framework_(process.directories.framework, process.directories.configuration),
       entitlements_(process.directories.configuration),
       quotas_(process.defaults),
       curl_(makeCurlHttpClient()),
@@ -80,7 +81,7 @@ BackendServices Daemon::makeBackendServices() {
             .environment = environment_,
             .defaults = process_.defaults,
             .clock = timeOfDay,
-            .countryCode = [] { return currentCountryCode(); },
+            .countryCode = [this] { return identity_.countryCode(); },
             .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
             .random = uniformRandom48,
             .makeNetworkQueue = [this] { return makeNetworkQueue(pool_); },
@@ -94,7 +95,16 @@ void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
     if (!agent_.listener(connection, peer)) connection->invalidate();
 }
 
+void Daemon::warnWithoutPublicKey() const {
+    const std::vector<PublicKeyFile> keys = framework_.publicKeyFiles();
+    const auto isUsed = [](const PublicKeyFile& key) { return !key.problem; };
+    if (std::any_of(keys.begin(), keys.end(), isUsed)) return;
+    TELVORA_LOG(kLogWarning, "main: No bag can be verified: there is no public key publicKey.der in %s or %s",
+                process_.directories.framework.c_str(), process_.directories.configuration.c_str());
+}
+
 void Daemon::run() {
+    warnWithoutPublicKey();
     reloadOnSignal();
     shutdown_.onSignals();
     listener_.resume();
@@ -157,7 +167,8 @@ Dictionary Daemon::getStatus() {
             {status::kHttpPending, static_cast<long long>(http_.inFlight())},
             {status::kServers, serverStatus(http_.outcomes())},
             {status::kRefusals, agent_.refusalStatus()},
-            {status::kBefore, lastTotals_}};
+            {status::kBefore, lastTotals_},
+            {status::kPublicKeys, publicKeyStatus(framework_)}};
 }
 
 void Daemon::diagnose(Dictionary query, FindingsReply reply) {
@@ -176,6 +187,16 @@ void Daemon::diagnose(Dictionary query, FindingsReply reply) {
                         if (section) findings.set(status::kSection, *section);
                         reply(std::move(findings));
                     });
+}
+
+Dictionary Daemon::getDevice() {
+    return describeDevice(properties_, identity_, environment_, framework_);
+}
+
+void Daemon::refreshBags(std::function<void(Dictionary bags)> reply) {
+    agent_.refreshStorebags([this, reply = std::move(reply)] {
+        reply({{status::kBags, agent_.storebagStatus()}});
+    });
 }
 
 }  // namespace telvora

@@ -53,8 +53,10 @@ class Daemon final : private StatusInterface {
     void stopAccepting();
     void reloadOnSignal();
     void logLosses() const;
+    void warnWithoutPublicKey() const;
     Dictionary getStatus() override;
-    Dictionary getDevice() override { return properties_.all(); }
+    Dictionary getDevice() override;
+    void refreshBags(std::function<void(Dictionary bags)> reply) override;
     void diagnose(Dictionary query, FindingsReply reply) override;
 
     const ProcessContext& process_;

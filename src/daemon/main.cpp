@@ -3,6 +3,7 @@
 // telvorad: sets the process up. It is confined before it listens, and has one thread until it is confined.
 #include <csignal>
 
+#include "daemon/command_line.h"
 #include "daemon/daemon.h"
 #include "daemon/process_setup.h"
 #include "platform/descriptor_limit.h"
@@ -39,6 +40,7 @@ int run() {
     avoidHugePages();
 
     const Directories directories = Directories::fromEnvironment();
+    explainOnTerminal(directories.runtime);
     UserDefaults defaults(directories.configuration, directories.state);
     readLogLevel(defaults);
     warnOfUnknownSettings(defaults);
@@ -73,7 +75,8 @@ int run() {
 
 }  // namespace telvora
 
-int main() {
+int main(int argc, char** argv) {
+    if (const auto status = telvora::answerArguments(argc, argv)) return *status;
     std::signal(SIGPIPE, SIG_IGN);
     return telvora::run();
 }

@@ -22,8 +22,7 @@ std::chrono::milliseconds milliseconds(UserDefaults& defaults, const Setting& se
 
 std::vector<std::string> uploadDirectories(UserDefaults& defaults) {
     std::vector<std::string> directories;
-    const auto value =
-        defaults.administratorValue(kTelvoraDefaultsDomain, settings::kUploadDirectories.key);
+    const auto value = defaults.administratorValue(kTelvoraDefaultsDomain, settings::kUploadDirectories.key);
     const Array* array = value ? value->getIf<Array>() : nullptr;
     for (const PropertyList& element : array != nullptr ? *array : Array()) {
         if (const auto* text = element.getIf<std::string>()) directories.push_back(*text);
@@ -64,8 +63,7 @@ Settings readSettings(UserDefaults& defaults) {
             .vodexAdaptorPath = vodexAdaptorPath(defaults),
             .idleTime = milliseconds(defaults, settings::kIdleTime),
             .shutdownTime = milliseconds(defaults, settings::kShutdownTime),
-            .messageLogBytes =
-                static_cast<uint64_t>(integerSetting(defaults, settings::kMessageLogBytes))};
+            .messageLogBytes = static_cast<uint64_t>(integerSetting(defaults, settings::kMessageLogBytes))};
 }
 
 int readLogLevel(UserDefaults& defaults) {

@@ -74,6 +74,9 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     void storebag(uint32_t clientType, StorebagReply reply) {
         storebags_.request(clientType, std::move(reply));
     }
+    // Fetches the requested bags anew, and calls `done` once when all fetches are through; see
+    // StorebagService.
+    void refreshStorebags(std::function<void()> done) { storebags_.refresh(std::move(done)); }
 
     // For the sessions; see TelvoradSessionDelegate.
     void storebagForSession(const TelvoradSession& session, StorebagReply reply) override;

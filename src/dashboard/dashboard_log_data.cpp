@@ -2,6 +2,7 @@
 //
 // Uploads of log data. docs/formats.md describes the archive.
 #include "dashboard/dashboard_backend.h"
+#include "http/http_request_rules.h"
 #include "plist/property_list_format.h"
 #include "policy/absent_text.h"
 #include "util/log.h"
@@ -60,6 +61,10 @@ void DashboardBackend::uploadLogData(const Array& records, const Perform& perfor
 }
 
 ReportOutcome DashboardBackend::logDataAnswered(HttpResult result) {
+    if (result && !isSuccess(*result)) {
+        TELVORA_LOG(kLogWarning, "DashboardBackend(uploadLogData): %s answered %d",
+                    urlForLog(*postURL_).c_str(), result->status);
+    }
     const ReportOutcome withoutLocation = result ? ReportOutcome::rejected : outcomeOf(result);
     std::optional<std::string> reason;
     const auto location = uploadLocation(std::move(result), reason);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "diagnosis/findings.h"
 
-#include "platform/digest.h"
 #include "platform/known_settings.h"
 #include "platform/locale.h"
 #include "protocol/status_keys.h"
@@ -22,19 +21,6 @@ Dictionary entitlementOf(const EntitlementStore& store, const Peer& process) {
                          {status::kDirectory, decision.directory.string()},
                          {status::kOthers, std::move(others)}};
     if (!decision.file.empty()) described.set(status::kFile, decision.file.string());
-    return described;
-}
-
-Dictionary publicKeyOf(const FindingSources& sources) {
-    Dictionary described{{status::kFile, (sources.directories.framework / "publicKey.der").string()}};
-    const auto der = sources.framework.publicKeyDer();
-    const auto key = der ? RsaPublicKey::fromDer(*der)
-                         : tl::unexpected(RsaPublicKey::Refusal{"it is absent or can't be read"});
-    if (key) {
-        described.set(status::kFingerprint, sha256Hex(*der));
-    } else {
-        described.set(status::kReason, key.error().reason);
-    }
     return described;
 }
 
@@ -69,10 +55,22 @@ Array faultsOf(UserDefaults& defaults) {
 
 }  // namespace
 
+Array publicKeyStatus(const ClientFramework& framework) {
+    Array keys;
+    for (const PublicKeyFile& key : framework.publicKeyFiles()) {
+        Dictionary described{{status::kFile, key.file.string()}};
+        if (!key.der.empty()) described.set(status::kFingerprint, key.fingerprint());
+        if (key.problem) described.set(status::kProblem, *key.problem);
+        keys.emplace_back(std::move(described));
+    }
+    return keys;
+}
+
 Dictionary configurationFindings(const FindingSources& sources, const Peer& process) {
     const Environment& environment = sources.environment;
     Dictionary findings{{status::kEntitlement, entitlementOf(sources.entitlements, process)},
-                        {status::kPublicKey, publicKeyOf(sources)},
+                        {status::kPublicKeys, publicKeyStatus(sources.framework)},
+                        {status::kKeyDirectory, sources.directories.framework.string()},
                         {status::kBagServer, environment.storebagBaseURL()},
                         {status::kEnvironment,
                          sectionNameForEnvironment(environment.userDefaultsEnvironment()).value_or("none")},
@@ -82,9 +80,11 @@ Dictionary configurationFindings(const FindingSources& sources, const Peer& proc
                         {status::kFaults, faultsOf(sources.defaults)}};
     if (const auto url = sources.defaults.string(kTelvoraDefaultsDomain, settings::kStorebagURL.key))
         findings.set(status::kBagServerSetting, *url);
-    if (const auto country = currentCountry()) {
-        findings.set(status::kCountry, country->code);
-        findings.set(status::kCountrySource, country->source);
+    if (const auto code = sources.identity.countryCode()) {
+        const auto locales = currentCountry();
+        const bool isGiven = sources.properties.answer("CountryCode").has_value() || !locales;
+        findings.set(status::kCountry, *code);
+        findings.set(status::kCountrySource, isGiven ? "device.plist" : locales->source);
     }
     Dictionary overriding;
     for (const Setting* setting : {&settings::kPostURL, &settings::kRealtimePostURL}) {

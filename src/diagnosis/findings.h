@@ -28,6 +28,9 @@ struct FindingSources {
 // thread.
 Dictionary configurationFindings(const FindingSources& sources, const Peer& process);
 
+// The files with public keys, in the same form.
+Array publicKeyStatus(const ClientFramework& framework);
+
 // A process as part of a query, and back. A query without a user has the highest ID, which no process has.
 Dictionary describe(const Peer& process);
 Peer peerIn(const Dictionary& query);

@@ -58,6 +58,11 @@ struct HttpResponse {
     std::string listHeader(std::string_view name) const;
 };
 
+// Whether the status is 2xx.
+constexpr bool isSuccess(const HttpResponse& response) {
+    return response.status >= 200 && response.status <= 299;
+}
+
 // A transport failure: no complete answer arrived.
 struct HttpError {
     enum class Kind {

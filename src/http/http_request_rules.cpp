@@ -88,6 +88,15 @@ std::string serverOfUrl(std::string_view url) {
            std::to_string(port);
 }
 
+std::string urlForLog(std::string_view url) {
+    const std::string_view origin = originOfUrl(url);
+    const size_t end = std::min(url.find_first_of("?#", origin.size()), url.size());
+    const std::string_view path = url.substr(origin.size(), end - origin.size());
+    const size_t at = origin.rfind('@');
+    if (at == std::string_view::npos) return std::string(origin).append(path);
+    return std::string(origin.substr(0, origin.find("://") + 3)).append(origin.substr(at + 1)).append(path);
+}
+
 std::optional<std::string> faultOfRequest(const HttpRequest& request) {
     if (!isToken(request.method)) return "method is not a token";
     const std::string_view origin = originOfUrl(request.url);

@@ -26,6 +26,9 @@ std::string_view originOfUrl(std::string_view url);
 // the same.
 std::string serverOfUrl(std::string_view url);
 
+// Such a URL for a log line: without user information, query and fragment, which may be secret.
+std::string urlForLog(std::string_view url);
+
 bool isSecureUrl(std::string_view url);
 
 }  // namespace telvora

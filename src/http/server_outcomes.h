@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // ServerOutcomes: remembers the last outcome and the last failure of the requests to each address, for
-// administrators. Addresses have neither query nor user information, which may be private. Bounded: of more
+// administrators. An address is a URL as urlForLog() gives it, without private parts. Bounded: of more
 // addresses than kMaxAddresses, those without a request for the longest time are forgotten.
 //
 // All operations are callable from any thread.
@@ -18,9 +18,6 @@
 #include "util/mutex.h"
 
 namespace telvora {
-
-// The URL without query, fragment and user information.
-std::string addressOfUrl(std::string_view url);
 
 class ServerOutcomes {
   public:

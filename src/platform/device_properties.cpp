@@ -6,6 +6,7 @@
 
 #include "platform/digest.h"
 #include "platform/environment_file.h"
+#include "platform/known_settings.h"
 #include "plist/property_list_format.h"
 #include "util/ascii.h"
 #include "util/log.h"
@@ -125,6 +126,12 @@ DeviceProperties::DeviceProperties(const path& configurationDirectory, const pat
                           {dmi / "product_serial", dmi / "board_serial", tree / "serial-number"});
     collector.add("DeviceName", firstLine(root / "proc/sys/kernel/hostname"));
     collector.add("DeviceName", firstLine(root / "etc/hostname"));
+}
+
+DeviceProperties::DeviceProperties(const path& configurationDirectory, UserDefaults& defaults)
+    : DeviceProperties(configurationDirectory) {
+    const auto name = defaults.string(kTelvoraDefaultsDomain, settings::kDeviceName.key);
+    if (name) properties_.set("DeviceName", *name);
 }
 
 std::optional<std::string> DeviceProperties::answer(std::string_view key) const {

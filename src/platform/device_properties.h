@@ -13,6 +13,7 @@
 //     SerialNumber      DMI product_serial, board_serial; device tree "serial-number"
 //     DeviceName        the host name
 //     ReleaseType       device.plist alone: "Internal" there makes an internal build
+//     CountryCode       device.plist alone: the country, instead of the locale's
 //
 // DMI placeholders such as "Default string" are no answers. Neither are files that this process may not read
 // (serial numbers are readable by root only).
@@ -24,6 +25,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/user_defaults.h"
 #include "plist/property_list.h"
 
 namespace telvora {
@@ -35,6 +37,8 @@ class DeviceProperties {
     // directory, for tests. A malformed device.plist is logged at level 4 and counts as absent.
     explicit DeviceProperties(const std::filesystem::path& configurationDirectory,
                               const std::filesystem::path& root = "/");
+    // Those of this device, with the setting "deviceName" as "DeviceName" if there is one.
+    DeviceProperties(const std::filesystem::path& configurationDirectory, UserDefaults& defaults);
     // Exactly these properties.
     explicit DeviceProperties(Dictionary properties) : properties_(std::move(properties)) {}
 

@@ -12,14 +12,14 @@ namespace telvora {
 namespace {
 
 constexpr const Setting* kKnownSettings[] = {
-    &settings::kEnvironmentType,    &settings::kStorebagURL,      &settings::kPostURL,
+    &settings::kEnvironmentType,    &settings::kStorebagURL,       &settings::kPostURL,
     &settings::kRealtimePostURL,    &settings::kForceEventLogging, &settings::kDeviceName,
-    &settings::kLogLevel,           &settings::kShutdownTime,     &settings::kIdleTime,
-    &settings::kMessageLogBytes,    &settings::kMaxUploadBytes,   &settings::kUploadDirectories,
+    &settings::kLogLevel,           &settings::kShutdownTime,      &settings::kIdleTime,
+    &settings::kMessageLogBytes,    &settings::kMaxUploadBytes,    &settings::kUploadDirectories,
     &settings::kVodexAdaptorPath,   &settings::kSharedHierarchies, &settings::kMaxConnections,
-    &settings::kMaxSessions,        &settings::kMaxPendingBytes,  &settings::kMaxUnreadBytes,
-    &settings::kMaxDormantBytes,    &settings::kMaxInputBytes,    &settings::kMaxSessionBytes,
-    &settings::kMaxExtensionTokens, &settings::kMaxLogLines,      &settings::kConsent,
+    &settings::kMaxSessions,        &settings::kMaxPendingBytes,   &settings::kMaxUnreadBytes,
+    &settings::kMaxDormantBytes,    &settings::kMaxInputBytes,     &settings::kMaxSessionBytes,
+    &settings::kMaxExtensionTokens, &settings::kMaxLogLines,       &settings::kConsent,
     &settings::kAutomaticTimeZone};
 
 // The whole value as an integer; std::nullopt if it is none.

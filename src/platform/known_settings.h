@@ -44,8 +44,9 @@ namespace settings {
 inline constexpr int64_t kDayInMilliseconds = int64_t{24} * 60 * 60 * 1000;
 
 inline constexpr Setting kEnvironmentType{.key = "environmentType",
-                                          .meaning = "section of a bag: 1 development, 2 zandor_internal, "
-                                                     "3 seed, 4 release, 0 none",
+                                          .meaning =
+                                              "section of a bag: 1 development, 2 zandor_internal, "
+                                              "3 seed, 4 release, 0 none",
                                           .type = SettingType::integer,
                                           .effect = SettingEffect::restart,
                                           .most = 4,

@@ -27,13 +27,13 @@ class StatusInterface {
     virtual Dictionary getStatus() = 0;
     virtual Dictionary getDevice() = 0;
     virtual void diagnose(Dictionary query, FindingsReply reply) = 0;
+    virtual void refreshBags(std::function<void(Dictionary bags)> reply) = 0;
 };
 
 inline constexpr auto kGetStatus = method("GetStatus", &StatusInterface::getStatus, {}, {"status"});
 inline constexpr auto kGetDevice = method("GetDevice", &StatusInterface::getDevice, {}, {"properties"});
+inline constexpr auto kRefreshBags = method("RefreshBags", &StatusInterface::refreshBags, {}, {"bags"});
 inline constexpr auto kDiagnose = method("Diagnose", &StatusInterface::diagnose, {"query"}, {"findings"});
-inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice, kDiagnose};
-
-using StatusMethod = std::remove_const_t<decltype(kGetStatus)>;
+inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice, kRefreshBags, kDiagnose};
 
 }  // namespace telvora

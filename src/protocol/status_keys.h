@@ -18,6 +18,7 @@ inline constexpr char kHttpPending[] = "httpPending";
 inline constexpr char kServers[] = "servers";
 inline constexpr char kRefusals[] = "refusals";
 inline constexpr char kBefore[] = "before";
+inline constexpr char kPublicKeys[] = "publicKeys";
 
 // Of several parts.
 inline constexpr char kUser[] = "user";
@@ -84,6 +85,7 @@ inline constexpr char kMaxAge[] = "maxAge";
 inline constexpr char kFetchTime[] = "fetchTime";
 inline constexpr char kNextFetch[] = "nextFetch";
 inline constexpr char kFailedStep[] = "failedStep";
+inline constexpr char kFetched[] = "fetched";
 
 // A server.
 inline constexpr char kRequests[] = "requests";
@@ -106,10 +108,8 @@ inline constexpr char kLabel[] = "label";
 inline constexpr char kEntitlement[] = "entitlement";
 inline constexpr char kGranted[] = "granted";
 inline constexpr char kDirectory[] = "directory";
-inline constexpr char kFile[] = "file";
 inline constexpr char kOthers[] = "others";
-inline constexpr char kPublicKey[] = "publicKey";
-inline constexpr char kFingerprint[] = "fingerprint";
+inline constexpr char kKeyDirectory[] = "keyDirectory";
 inline constexpr char kFramework[] = "framework";
 inline constexpr char kBagServer[] = "bagServer";
 inline constexpr char kBagServerSetting[] = "bagServerSetting";
@@ -122,5 +122,10 @@ inline constexpr char kSettings[] = "settings";
 inline constexpr char kFaults[] = "faults";
 inline constexpr char kKey[] = "key";
 inline constexpr char kSection[] = "section";
+
+// A public key.
+inline constexpr char kFile[] = "file";  // also of an entitlement
+inline constexpr char kFingerprint[] = "fingerprint";
+inline constexpr char kProblem[] = "problem";
 
 }  // namespace telvora::status

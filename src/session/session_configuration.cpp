@@ -310,8 +310,8 @@ void TelvoradSession::sendStartMessage() {
         payload.set("ReportVers", services_.framework.bundleVersion());
     }
     payload.set("Locale", services_.backendServices.countryCode().value_or(""));
-    const std::optional<PropertyList> automatic =
-        services_.backendServices.defaults.value(settings::kAutomaticTimeZone.domain, settings::kAutomaticTimeZone.key);
+    const std::optional<PropertyList> automatic = services_.backendServices.defaults.value(
+        settings::kAutomaticTimeZone.domain, settings::kAutomaticTimeZone.key);
     payload.set("AutomaticTimeSet", automatic ? automatic->boolValue() : true);
     internalSendMessage(payload, 0, 0);
 }

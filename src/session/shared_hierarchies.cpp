@@ -22,7 +22,8 @@ bool isListOfUsers(const PropertyList& value) {
 
 uid_t hierarchyUserOf(uid_t user, UserDefaults& defaults) {
     // Read from the administrator's file only, as it gives programs access to other users' reports.
-    const auto setting = defaults.administratorValue(kTelvoraDefaultsDomain, settings::kSharedHierarchies.key);
+    const auto setting =
+        defaults.administratorValue(kTelvoraDefaultsDomain, settings::kSharedHierarchies.key);
     if (!setting) return user;
     const auto* lists = setting->getIf<Array>();
     if (lists == nullptr || !std::all_of(lists->begin(), lists->end(), isListOfUsers)) {

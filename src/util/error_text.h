@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cerrno>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -15,6 +16,15 @@ inline std::string errorText(int error) {
 // "OPERATION: TEXT" for an operation that failed with this errno value.
 inline std::string errorText(std::string_view operation, int error) {
     return std::string(operation) + ": " + errorText(error);
+}
+
+// The same for the daemon's socket at `path`, with the difference between absence and permission for people.
+inline std::string connectErrorText(const std::string& path, int error) {
+    const char* const hint = error == ENOENT         ? "; no daemon has made this socket"
+                             : error == ECONNREFUSED ? "; no daemon listens there"
+                             : error == EACCES       ? "; this user may not use the socket"
+                                                     : "";
+    return errorText("can't connect to " + path, error) + hint;
 }
 
 }  // namespace telvora

@@ -83,7 +83,7 @@ const Mistake kMistakes[] = {
     {"BagURLMissing",  // a value that counts as absent
      14, "(built in: no setting telvora_storebag_url)",
      [](auto&, auto& options) { setBagServer(options, 7); }},
-    {"PublicKeyMissing", 15, "publicKey.der: it is absent",
+    {"PublicKeyMissing", 15, "there is no public key in ",
      [](auto& f, auto& options) { options.frameworkDirectory = f.directory().path() / "logs"; }},
     {"ClientTypeWithoutBag", 16, "no bag exists for client type 3", {}, {}, "--client-type 3"},
     {"SettingNotReadYet",
@@ -112,7 +112,7 @@ const Mistake kMistakes[] = {
          });
          setBagServer(options, "http://127.0.0.1:" + std::to_string(f.brokenServer->port()));
      }},
-    {"SignedWithAnotherKey", 18, "does not verify the signature",
+    {"SignedWithAnotherKey", 18, "no public key verifies the signature",
      [](auto& f, auto&) { f.bags().setFault("dravik", lab::BagFault::foreignKey); }},
     {"SectionMissing", 19, "the bag has no section \"release\"",
      [](auto& f, auto&) {

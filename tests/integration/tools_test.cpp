@@ -85,6 +85,34 @@ TEST_F(Telvoractl, SendsOneReport) {
     for (const char* payload : {"a", "=b", "a:=", "a:=nope"})
         run(std::string("send --category 3 --type 4 --payload ") + payload, 2);
     run("send --category 65536 --type 4", 2);
+
+    run("send --confirm" + report, 0, "verdict: delivered");
+    run("flush", 0, "flush: no report was waiting");
+    reports().setFault(lab::ReportingFault::notFound);
+    run("send" + report, 0);
+    run("send --confirm" + report, 1, "the report was not delivered: rejected");
+    expectLine("<4>HTTPSPostBackend(postJsonMessage): " + reports().eventsURL() + " answered 404");
+    reports().setFault(lab::ReportingFault::none);
+    clientType_ = "3";
+    run("send" + report, 1, "no bag exists for client type 3, only for 5, 6");
+    clientType_ = "8";
+
+    // Nobody may ask the daemon, nor read the files: each command fails with the reason.
+    if (geteuid() == 0) {
+        letOthersIn();
+        for (const char* command : {"device", "consent show", "refresh", "status"})
+            expectRun(std::string(kAsNobody) + TELVORACTL_PATH " --socket " + socket_ + " " + command, 1,
+                      "for root, its own user and the group telvora-admin");
+        const std::map<std::string, std::string> state{{"STATE_DIRECTORY", directory().path() / "state"}};
+        for (const char* command : {"reset-identifiers", "defaults list", "consent on"})
+            expectRun(std::string(kAsNobody) + TELVORACTL_PATH " " + command, 1, "Permission denied", "",
+                      state);
+    }
+    laboratory().setBag("dravik", openBag());
+    expectRun(TELVORACTL_PATH " refresh --socket " + socket_, 0, "dravik");
+    expectRun(TELVORACTL_PATH " device --json --socket " + socket_, 0, "\"countryCode\":\"US\"");
+    bags().setFault("dravik", lab::BagFault::foreignKey);
+    expectRun(TELVORACTL_PATH " refresh --socket " + socket_, 1, "not all bags could be fetched");
     socket_ += ".none";
     run("send" + report, 3);
 }
@@ -153,7 +181,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"reset-identifiers", 0, "deleted: 1"},
         {"defaults write --force com.zandor.telvora idleMillisecond integer 1", 0},
         {"defaults list", 0, "did you mean idleMilliseconds?"},
-        {"defaults list --json", 0, "\"source\":\"state\",\"unit\":\"bytes\",\"value\":7}"},
+        {"defaults list --json", 0, "\"needsRestart\":false,\"source\":\"state\",\"value\":7}"},
         {"defaults delete com.zandor.telvora idleMillisecond", 0},
         {"defaults read com.zandor.telvora --json", 0, "{\"logLevel\":7}"},
         {"defaults delete com.zandor.telvora logLevel", 0},
@@ -183,6 +211,19 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
     EXPECT_EQ(file.st_uid, owner);  // readable by the daemon
 }
 
+TEST(Programs, HaveAVersionAndSuggestCommands) {
+    for (const char* program : {TELVORACTL_PATH, TELVORA_BAG_PATH, TELVORAD_PATH})
+        expectRun(std::string(program) + " --version", 0, "telvora");
+    expectRun(TELVORAD_PATH " --help", 0, "Usage: telvorad");
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {TELVORACTL_PATH, "stauts", "there is no subcommand \"stauts\"; did you mean status?"},
+        {TELVORACTL_PATH, "--json defaults lst", "did you mean list?"},
+        {TELVORACTL_PATH, "defaults", "subcommand"},
+        {TELVORA_BAG_PATH, "verfiy a b", "did you mean verify?"}};
+    for (const auto& [program, arguments, says] : cases)
+        expectRun(std::string(program) + " " + arguments, 2, says);
+}
+
 class TelvoraBag : public testing::Test {
   protected:
     void SetUp() override {
@@ -197,7 +238,7 @@ class TelvoraBag : public testing::Test {
         run("keygen --key key.pem --public public.der", 0);
         run("keygen --key other.pem --public other.der", 0);
         run("sign --key key.pem bag.plist signed", 0);
-        run("sign --key key.pem bag.json json.signed", 0);
+        run("sign --no-lint --key key.pem bag.json json.signed", 0);
     }
     // In the directory with all these files.
     void run(const std::string& arguments, int status, const std::string& says = "") {
@@ -216,6 +257,9 @@ TEST_F(TelvoraBag, SignsWhatItThenVerifiesShowsAndJudges) {
     run("show bag.plist", 0, "<string>7.1</string>");
     run("lint json.signed", 1, "release/dashboard/port: error: ");
     run("lint --json bag.plist", 0, "{\"findings\":[]}");
+    run("sign --key key.pem bag.json refused", 1, "release/dashboard/port: error: ");
+    EXPECT_FALSE(exists(directory_.path() / "refused"));
+    run("keygen --force --key other.pem --public other.der", 0);
     run("explain json.signed --client-type 7 --consent yes --country CH --draw 0.5 --events reports", 0,
         "  0 of 1 reports posted");
     struct stat status {};
@@ -289,6 +333,8 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
         {"sign --key key.pem array.plist out", "no dictionary"},
         {"sign --key key.pem bag.plist nowhere/out", "nowhere"},
         {"sign --key key.pem signed out", "signed document already"},
+        {"keygen --key key.pem --public out", "key.pem: exists; --force"},
+        {"keygen --key out --public public.der", "public.der: exists; --force"},
         {"explain bag.plist", "--client-type"},
         {"explain bag.plist --client-type 19", "19"},
         {"explain bag.plist --client-type 7 --consent perhaps", "perhaps"},

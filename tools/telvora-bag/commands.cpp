@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-bag/commands.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
 
 #include "config/signed_bag.h"
@@ -39,9 +41,26 @@ tl::expected<InnerBag, std::string> readInnerBag(const std::string& path) {
     return InnerBag{std::move(*bag), std::move(*bytes)};
 }
 
+// Prints the findings about a bag; false if there is an error among them.
+bool isSound(const std::string& file, const Dictionary& bag) {
+    const std::vector<Finding> findings = lintBag(bag);
+    std::cerr << textOf(findings);
+    const bool isSound = std::none_of(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.severity == Severity::error;
+    });
+    if (!isSound) complain(file + ": not signed: the bag has errors (--no-lint signs it all the same)");
+    return isSound;
+}
+
 }  // namespace
 
-int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits) {
+int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits, bool force) {
+    for (const std::string& file : {privateKeyFile, publicKeyFile}) {
+        std::error_code error;
+        if (!force && std::filesystem::exists(file, error)) {
+            return complain(file + ": exists; --force overwrites it, and the old key is lost");
+        }
+    }
     const auto key = RsaPrivateKey::generate(bits);
     if (!key) return complain(key.error());
     if (auto written = writeFile(privateKeyFile, key->toPem(), Access::owner); !written) {
@@ -53,13 +72,15 @@ int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, 
     return kDone;
 }
 
-int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile) {
+int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile,
+         bool lints) {
     const auto pem = readFile(privateKeyFile);
     if (!pem) return complain(pem.error());
     const auto key = RsaPrivateKey::fromPem(*pem);
     if (!key) return complain(privateKeyFile + ": " + key.error());
     const auto bag = readInnerBag(bagFile);
     if (!bag) return complain(bag.error());
+    if (lints && !isSound(bagFile, bag->content)) return kFound;
 
     const auto document = signBag(bag->bytes, *key);
     if (!document) return complain(bagFile + ": " + document.error());

@@ -8,15 +8,18 @@
 #include <string>
 
 #include "telvora-bag/dry_run.h"
+#include "telvora-bag/lint.h"
 
 namespace telvora::bag {
 
 // Makes a key pair: the private key as PEM with mode 0600, and the public key as DER, which the client
-// framework holds as publicKey.der.
-int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits);
+// framework holds as publicKey.der. Existing files are overwritten only with `force`.
+int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, int bits, bool force);
 
-// Signs a bag. A property list is signed byte by byte; JSON becomes an XML property list first.
-int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile);
+// Signs a bag. A property list is signed byte by byte; JSON becomes an XML property list first. With `lints`,
+// prints the findings about the bag to standard error, and does not sign a bag with errors.
+int sign(const std::string& privateKeyFile, const std::string& bagFile, const std::string& signedFile,
+         bool lints);
 
 // Verifies a signed document and prints the version and digests of its bag.
 int verify(const std::string& publicKeyFile, const std::string& signedFile);
@@ -26,6 +29,8 @@ int show(const std::string& file);
 
 // Prints the findings about a bag, signed or not, one line or one JSON object each.
 int lint(const std::string& file, bool json);
+// The findings as lines for people.
+std::string textOf(const std::vector<Finding>& findings);
 
 struct ExplainOptions {
     std::string file;

@@ -50,6 +50,8 @@ int explain(const ExplainOptions& options) {
         auto device = readDictionary(*options.deviceFile);
         if (!device) return complain(device.error());
         scenario.device = std::move(*device);
+        const std::string* country = scenario.device.string("CountryCode");
+        if (!scenario.country && country != nullptr) scenario.country = countryCodeOf(*country);
     }
     const auto bag = readBag(options.file);
     if (!bag) return complain(bag.error());

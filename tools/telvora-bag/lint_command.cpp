@@ -16,15 +16,6 @@ const char* nameOf(Severity severity) {
     return severity == Severity::error ? "error" : "warning";
 }
 
-std::string asText(const std::vector<Finding>& findings) {
-    std::string text;
-    for (const Finding& finding : findings)
-        text +=
-            escapeControlCharacters(finding.path + ": " + nameOf(finding.severity) + ": " + finding.text) +
-            "\n";
-    return text;
-}
-
 std::string asJson(const std::vector<Finding>& findings) {
     Array list;
     for (const Finding& finding : findings) {
@@ -36,6 +27,15 @@ std::string asJson(const std::vector<Finding>& findings) {
 
 }  // namespace
 
+std::string textOf(const std::vector<Finding>& findings) {
+    std::string text;
+    for (const Finding& finding : findings)
+        text +=
+            escapeControlCharacters(finding.path + ": " + nameOf(finding.severity) + ": " + finding.text) +
+            "\n";
+    return text;
+}
+
 int lint(const std::string& file, bool json) {
     const auto document = readFile(file);
     if (!document) return complain(document.error());
@@ -46,7 +46,7 @@ int lint(const std::string& file, bool json) {
         if (const auto bytes = bytesToSign(*document, *bag); !bytes)
             findings.push_back({"bag", Severity::error, bytes.error()});
     }
-    const auto written = writeFile("-", json ? asJson(findings) : asText(findings));
+    const auto written = writeFile("-", json ? asJson(findings) : textOf(findings));
     if (!written) return complain(written.error());
     return findings.empty() ? kDone : kFound;
 }

@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "completion/completion.h"
+#include "completion/program.h"
 #include "config/client_type.h"
 #include "telvora-bag/commands.h"
 #include "telvora-bag/documents.h"
@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kFooter[] =
     "A bag is a property list, XML or binary, or JSON. A file named '-' is standard input or output.\n"
-    "Exit status: 0 done; 1 the signature does not verify, or lint has findings; 2 a wrong command line, "
+    "Exit status: 0 done; 1 the signature does not verify, lint has findings, or sign found errors; 2 a wrong command line, "
     "input that can't be read, or output that can't be written. No file is written partially.";
 
 CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
@@ -37,7 +37,8 @@ CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
                       "The session does not require user info");
     explain->add_flag("--batch", scenario.batch, "The client asks for batches");
     explain->add_option("--device", options.deviceFile, "The device's properties, as in device.plist");
-    explain->add_option("--country", scenario.country, "The country's code; default: unknown");
+    explain->add_option("--country", scenario.country,
+                        "The country's code; default: that of the device, else unknown");
     explain->add_option("--consent", scenario.consent, "Whether the user shares diagnostics, yes or no")
         ->transform(yesOrNo)
         ->default_str("no");
@@ -58,6 +59,8 @@ int main(int argc, char** argv) {
     using namespace telvora;
     int bits = 2048;
     bool json = false;
+    bool force = false;
+    bool noLint = false;
     std::string privateKey;
     std::string publicKey;
     std::string input;
@@ -73,11 +76,13 @@ int main(int argc, char** argv) {
     keygen->add_option("--bits", bits, "Length of the key")
         ->check(CLI::Range(2048, 8192))
         ->capture_default_str();
+    keygen->add_flag("--force", force, "Overwrite existing files: the old key is lost");
 
-    CLI::App* sign = app.add_subcommand("sign", "Sign a bag, and print its version and checksums");
+    CLI::App* sign = app.add_subcommand("sign", "Lint and sign a bag, and print its version and checksums");
     sign->add_option("--key", privateKey, "The private key (PEM)")->required();
     sign->add_option("bag", input, "The bag")->required();
     sign->add_option("signed", output, "Where the signed document goes")->required();
+    sign->add_flag("--no-lint", noLint, "Do not look for mistakes first");
 
     CLI::App* verify = app.add_subcommand("verify", "Check the signature of a signed document");
     verify->add_option("--public", publicKey, "The public key (DER)")->required();
@@ -92,15 +97,9 @@ int main(int argc, char** argv) {
 
     bag::ExplainOptions explanation;
     CLI::App* explain = addExplain(app, explanation);
-    if (printCompletions(app, argc, argv)) return 0;
-
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : bag::kBadInput;
-    }
-    if (keygen->parsed()) return bag::keygen(privateKey, publicKey, bits);
-    if (sign->parsed()) return bag::sign(privateKey, input, output);
+    if (const auto status = parseCommandLine(app, argc, argv, bag::kBadInput)) return *status;
+    if (keygen->parsed()) return bag::keygen(privateKey, publicKey, bits, force);
+    if (sign->parsed()) return bag::sign(privateKey, input, output, !noLint);
     if (verify->parsed()) return bag::verify(publicKey, input);
     if (lint->parsed()) return bag::lint(input, json);
     if (explain->parsed()) return bag::explain(explanation);

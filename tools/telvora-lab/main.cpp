@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "completion/program.h"
 #include "plist/property_list_format.h"
 #include "telvora-lab/collect_command.h"
 #include "telvora-lab/end_of_run.h"
@@ -210,10 +211,6 @@ int main(int argc, char** argv) {
                            "Do not end at the end of standard input");
     CollectArguments collectArguments;
     const CLI::App* collectCommand = addCollectCommand(app, collectArguments);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
-    }
+    if (const auto status = parseCommandLine(app, argc, argv, kUsageError)) return *status;
     return collectCommand->parsed() ? collect(collectArguments) : serve(arguments);
 }

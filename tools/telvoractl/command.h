@@ -46,6 +46,7 @@ Command addDoctorCommand(CLI::App& app, const CommonOptions& common);
 Command addFlushCommand(CLI::App& app, const CommonOptions& common);
 Command addLogCommand(CLI::App& app, const CommonOptions& common);
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common);
+Command addRefreshCommand(CLI::App& app, const CommonOptions& common);
 Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common);
 Command addSendCommand(CLI::App& app, const CommonOptions& common);
 Command addSessionCommand(CLI::App& app, const CommonOptions& common);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <CLI/CLI.hpp>
 
-#include "config/device_identity.h"
+#include "config/device_description.h"
+#include "device_answer.h"
 #include "output.h"
 #include "settings.h"
 
@@ -10,12 +11,14 @@ namespace telvora::ctl {
 namespace {
 
 int runConsent(const std::string& setting, const CommonOptions& common) {
-    auto settings = Settings::open();
-    if (!settings) return fail(kNotDone, settings.error());
     if (setting != "show") {
+        auto settings = Settings::open();
+        if (!settings) return fail(kNotDone, settings.error());
         return settings->write(std::string(kConsentDomain), std::string(kConsentKey), setting == "on");
     }
-    const bool given = settings->defaults().boolean(kConsentDomain, kConsentKey);
+    const auto device = describedDevice(common);
+    if (!device) return fail(device.error().status, device.error().reason);
+    const bool given = device->boolean(device::kConsent);
     std::puts(common.json ? (given ? "{\"consent\":true}" : "{\"consent\":false}")
                           : (given ? "consent: on" : "consent: off"));
     return kDone;

@@ -54,7 +54,7 @@ std::optional<Collector> collectorIn(const std::string& text) {
 struct Outside {
     Directories directories = Directories::fromEnvironment();
     UserDefaults defaults{directories.configuration, directories.state};
-    DeviceProperties properties{directories.configuration};
+    DeviceProperties properties{directories.configuration, defaults};
     DeviceIdentity identity{properties, defaults};
     Environment environment{defaults, identity};
     std::unique_ptr<HttpClient> http = makeCurlHttpClient();
@@ -64,7 +64,7 @@ struct Outside {
                              .environment = environment,
                              .defaults = defaults,
                              .clock = timeOfDay,
-                             .countryCode = [] { return currentCountryCode(); },
+                             .countryCode = [this] { return identity.countryCode(); },
                              .timeZoneOffsetSeconds = timeZoneOffsetSeconds,
                              .random = [] { return 0.0; },
                              .makeNetworkQueue = [this] { return makeNetworkQueue(pool); }};

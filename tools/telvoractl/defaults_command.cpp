@@ -64,7 +64,7 @@ int runRead(const DefaultsOptions& options, const CommonOptions& common) {
     if (!UserDefaults::isDomain(options.domain)) {
         return fail(kBadInput, options.domain + ": not a preference domain");
     }
-    auto settings = Settings::open();
+    auto settings = Settings::openReadable();
     if (!settings) return fail(kNotDone, settings.error());
     const UserDefaults::Files files = settings->defaults().files(options.domain);
     Dictionary all = files.own;

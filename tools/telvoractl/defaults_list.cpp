@@ -104,8 +104,10 @@ struct Line {
         const std::string given = value != nullptr ? textOf(*value) : "-";
         if (setting == nullptr) return {key, given, "-", "-", source(), "-", problem()};
         const std::string why = problem();
+        const bool isUsed = value != nullptr && why.empty();
+        const std::string standard = setting->otherwise.empty() ? defaultOf(*setting) : "-";
         return {key,
-                value == nullptr || !why.empty() ? defaultOf(*setting) : given,
+                isUsed ? given : standard,
                 standardOf(*setting),
                 setting->unit.empty() ? "-" : std::string(setting->unit),
                 source(),
@@ -137,7 +139,7 @@ std::vector<Line> linesOf(std::string_view domain, const UserDefaults::Files& fi
 }  // namespace
 
 int listSettings(const CommonOptions& common) {
-    auto settings = Settings::open();
+    auto settings = Settings::openReadable();
     if (!settings) return fail(kNotDone, settings.error());
     Array all;
     for (const std::string_view domain : domains()) {

@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "config/client_framework.h"
-#include "http/server_outcomes.h"
+#include "http/http_request_rules.h"
 #include "policy/client_entry.h"
 #include "policy/reporting_policy.h"
 #include "protocol/status_keys.h"
@@ -221,7 +221,7 @@ void BackendSteps::examineServer() {
         return report_.bad(DoctorStep::server, "there is no URL to post to: the entry has no post_url",
                            "add post_url to the entry");
     }
-    const std::string address = addressOfUrl(*policy_.postURL);
+    const std::string address = urlForLog(*policy_.postURL);
     report_.good(DoctorStep::server,
                  address + (policy_.useDefaultPostURL ? ", by the setting httpsPostURL" : ", by the entry"));
     examineAnswers(address);

@@ -47,12 +47,20 @@ void examineSettings(DoctorReport& report, const DoctorFacts& facts) {
 }
 
 void examineKey(DoctorReport& report, const DoctorFacts& facts) {
-    const Dictionary& key = dictionaryIn(facts.findings, status::kPublicKey);
-    const std::string file = text(key, status::kFile);
-    if (key.contains(status::kFingerprint))
-        return report.good(DoctorStep::key, file + ", SHA-256 " + text(key, status::kFingerprint));
-    report.bad(DoctorStep::key, "no public key " + file + ": " + text(key, status::kReason),
-               "install the key there that 'telvora-bag keygen --public' wrote");
+    std::string used, problems;
+    for (const Dictionary& key : entriesIn(facts.findings, status::kPublicKeys)) {
+        const bool isUsed = !key.contains(status::kProblem);
+        std::string& list = isUsed ? used : problems;
+        list +=
+            (list.empty() ? "" : "; ") + text(key, status::kFile) +
+            (isUsed ? ", SHA-256 " + text(key, status::kFingerprint) : ": " + text(key, status::kProblem));
+    }
+    if (!used.empty()) return report.good(DoctorStep::key, used);
+    const std::string directory = text(facts.findings, status::kKeyDirectory);
+    report.bad(
+        DoctorStep::key,
+        "there is no public key in " + directory + (problems.empty() ? "" : " that can be used: " + problems),
+        "install the key there that 'telvora-bag keygen --public' wrote, as publicKey.der");
 }
 
 // The bag's name and its address. Returns whether there is one.
@@ -120,7 +128,7 @@ void examineFetch(DoctorReport& report, const Dictionary& bag) {
             DoctorStep::signature, reason + later,
             std::string("sign the bag with the private key of this public key: telvora-bag sign") + kRefresh);
     } else if (downloaded) {
-        report.good(DoctorStep::signature, "the public key verifies the bag");
+        report.good(DoctorStep::signature, "a public key verifies the bag");
     }
     if (step == "content" || step == "section") {
         report.bad(
@@ -147,10 +155,10 @@ void examineSection(DoctorReport& report, const DoctorFacts& facts, const Dictio
 void findLocally(DoctorFacts& facts) {
     const Directories directories = Directories::fromEnvironment();
     UserDefaults defaults(directories.configuration, directories.state);
-    const DeviceProperties properties(directories.configuration);
+    const DeviceProperties properties(directories.configuration, defaults);
     const DeviceIdentity identity(properties, defaults);
     const Environment environment(defaults, identity);
-    const ClientFramework framework(directories.framework);
+    const ClientFramework framework(directories.framework, directories.configuration);
     const EntitlementStore entitlements(directories.configuration);
     facts.findings = configurationFindings(
         {directories, defaults, properties, identity, environment, framework, entitlements}, facts.process);

@@ -8,7 +8,7 @@
 
 #include "client/client_session.h"
 #include "command.h"
-#include "completion/completion.h"
+#include "completion/program.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
@@ -19,8 +19,8 @@ namespace {
 constexpr char kFooter[] =
     "Exit status:\n"
     "  0  done\n"
-    "  1  not done: the daemon has no configuration for the client type, or refused; or a setting that was\n"
-    "     written has no effect\n"
+    "  1  not done: the daemon has no configuration for the client type, or refused; a report was not\n"
+    "     delivered; a bag could not be fetched; or a setting that was written has no effect\n"
     "  2  the command line or the input is wrong\n"
     "  3  the daemon can't be reached, or the connection was lost\n"
     "  4  the daemon did not answer in time\n"
@@ -28,10 +28,10 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addStatusCommand,        addDoctorCommand,   addSendCommand,   addSessionCommand,
-    addOneshotCommand,       addFlushCommand,    addUploadCommand, addLogCommand,
-    addConsentCommand,       addDefaultsCommand, addDeviceCommand, addResetIdentifiersCommand,
-    addDashboardSendCommand,
+    addStatusCommand,           addDoctorCommand,        addSendCommand,   addSessionCommand,
+    addOneshotCommand,          addFlushCommand,         addUploadCommand, addLogCommand,
+    addConsentCommand,          addDefaultsCommand,      addDeviceCommand, addRefreshCommand,
+    addResetIdentifiersCommand, addDashboardSendCommand,
 };
 
 int run(int argc, char** argv) {
@@ -50,13 +50,7 @@ int run(int argc, char** argv) {
     std::vector<Command> commands;
     for (const auto& add : kCommands)
         commands.push_back(add(app, common));
-    if (printCompletions(app, argc, argv)) return kDone;
-
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kDone : kBadInput;
-    }
+    if (const auto status = parseCommandLine(app, argc, argv, kBadInput)) return *status;
     for (const Command& command : commands) {
         if (command.app->parsed()) return command.run();
     }

@@ -30,7 +30,9 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
         answers.completion<std::string>([&outcome](const std::string& answer) { outcome = answer; }));
     if (!answers.wait("waiting for the answer")) return answers.report();
     Printer(common.json)("outcome", std::optional<std::string>(outcome));
-    return outcome == "finished" ? kDone : kNotDone;
+    if (outcome == "finished") return kDone;
+    const std::string why = whyWithoutBag(options.session.clientType);
+    return why.empty() ? kNotDone : fail(kNotDone, outcome + why);
 }
 
 }  // namespace

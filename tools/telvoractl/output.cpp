@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 
 #include "util/utf8.h"
 
@@ -37,7 +38,9 @@ void Printer::printText(const char* name, const ReportingStates& states) {
 }
 
 void Printer::printText(const char* name, const FlushAnswer& answer) {
-    if (answer.error) {
+    if (answer.error && answer.error->description == kNothingToFlush) {
+        printNamed(name, "no report was waiting");
+    } else if (answer.error) {
         printNamed(name, answer.error->description + " (" + answer.error->domain + " " +
                              std::to_string(answer.error->code) + ")");
     } else {
@@ -90,6 +93,18 @@ void Progress::show(const std::string& text) {
     shown_ = true;
     std::fprintf(stderr, "\r\033[K%s", escapeControlCharacters(text).c_str());
     std::fflush(stderr);
+}
+
+void withProgress(const std::string& activity, const std::function<void()>& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    auto done = std::async(std::launch::async, work);
+    Progress progress;
+    while (done.wait_for(std::chrono::seconds(1)) != std::future_status::ready) {
+        const auto elapsed = std::chrono::steady_clock::now() - begin;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
+        progress.show(activity + ", " + std::to_string(seconds) + " s");
+    }
+    done.get();
 }
 
 void Progress::clear() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ class Printer {
 
     bool json_;
 };
+
+// The error of a flush that had no reports to post. Commands treat it as a success.
+inline constexpr char kNothingToFlush[] = "Nothing to flush";
 
 // Prints rows with aligned columns; the first row is the header.
 void printTable(std::vector<std::vector<std::string>> rows);
@@ -58,5 +62,8 @@ class Progress {
     bool shown_ = false;
     std::chrono::steady_clock::time_point next_;
 };
+
+// Runs work on another thread and waits for it; on a terminal, shows `activity` and the elapsed time.
+void withProgress(const std::string& activity, const std::function<void()>& work);
 
 }  // namespace telvora::ctl

@@ -21,7 +21,7 @@ bool isConfirmed(size_t count) {
 }
 
 int runReset(bool yes, const CommonOptions& common) {
-    auto settings = Settings::open();
+    auto settings = Settings::openReadable();
     if (!settings) return fail(kNotDone, settings.error());
     // Earlier versions kept them among the settings, where the administrator may still set one.
     std::map<std::string, std::vector<std::string>> keysByDomain;

@@ -7,7 +7,9 @@
 #include <random>
 #include <thread>
 
+#include "config/client_type.h"
 #include "json/json_reader.h"
+#include "output.h"
 #include "telvora/keys.h"
 
 namespace telvora::ctl {
@@ -24,11 +26,23 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> connect(ClientRuntime&
                                                                   const CommonOptions& common,
                                                                   const ClientSession::Handlers& handlers) {
     tl::expected<std::unique_ptr<ClientSession>, std::string> session;
+    Progress progress;
     awaitDaemon(common, [&] {
+        if (!session) progress.show("waiting for the daemon");
         session = ClientSession::connect(runtime, common.socket(), handlers);
         return session.has_value();
     });
     return session;
+}
+
+std::string whyWithoutBag(int64_t clientType) {
+    std::string others;
+    for (int64_t type = 0; type <= kLastClientType; ++type) {
+        if (factsOfClientType(type)->bagName.empty()) continue;
+        if (type == clientType) return {};
+        others += (others.empty() ? "" : ", ") + std::to_string(type);
+    }
+    return "; no bag exists for client type " + std::to_string(clientType) + ", only for " + others;
 }
 
 void addSessionOptions(CLI::App& command, SessionOptions& options) {

@@ -14,8 +14,6 @@ namespace telvora::ctl {
 
 namespace {
 
-constexpr char kNothingToFlush[] = "Nothing to flush";  // a backend's answer that is not a failure
-
 // Opens a regular file. `std::nullopt` on failure, with the reason in errno.
 UniqueFd openFile(const std::string& path, off_t& size) {
     UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -60,7 +58,9 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
                              "waiting for the configuration", states);
     if (asked != kDone) return asked;
     print_("reportingStates", states);
-    return states ? kDone : fail(kNotDone, "the daemon has no configuration for this client type");
+    return states ? kDone
+                  : fail(kNotDone, "the daemon has no configuration for this client type" +
+                                       whyWithoutBag(options_.clientType));
 }
 
 int SessionRun::send(Dictionary message) {
@@ -71,7 +71,7 @@ int SessionRun::send(Dictionary message) {
 }
 
 int SessionRun::wait() {
-    return answers_.wait() ? kDone : answers_.report();
+    return answers_.wait("waiting for the answers") ? kDone : answers_.report();
 }
 
 int SessionRun::states() {

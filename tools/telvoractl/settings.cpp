@@ -53,8 +53,16 @@ std::optional<std::string> whyUnreadable(const std::filesystem::path& directory)
 tl::expected<Settings, std::string> Settings::open() {
     logToStandardError();
     Settings settings;
-    const Directories& directories = settings.directories_;
-    if (const auto became = becomeOwnerOf(directories.state); !became) return tl::unexpected(became.error());
+    if (const auto became = becomeOwnerOf(settings.directories_.state); !became) {
+        return tl::unexpected(became.error());
+    }
+    return settings;
+}
+
+tl::expected<Settings, std::string> Settings::openReadable() {
+    auto settings = open();
+    if (!settings) return settings;
+    const Directories& directories = settings->directories_;
     for (const auto& parent : {directories.configuration, directories.state}) {
         if (const auto why = whyUnreadable(parent / "Preferences")) return tl::unexpected(*why);
     }

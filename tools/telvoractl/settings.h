@@ -16,9 +16,11 @@ namespace telvora::ctl {
 // permissions, and files that it writes belong to the daemon.
 class Settings {
   public:
-    // Fails with the reason, for example if the caller may not read the settings that are there: values that
-    // count as absent would be a wrong answer.
+    // For writing. Fails with the reason.
     static tl::expected<Settings, std::string> open();
+    // For reading. Fails also if the caller may not read a file that is there: to count its values as absent
+    // would be a wrong answer.
+    static tl::expected<Settings, std::string> openReadable();
 
     const Directories& directories() const { return directories_; }
     UserDefaults& defaults() { return *defaults_; }

@@ -117,6 +117,14 @@ void printDaemon(const Dictionary& status) {
     printRefusals(dictionaryIn(status, status::kRefusals));
 }
 
+void printKeys(const std::vector<Dictionary>& keys) {
+    const auto isUsed = [](const Dictionary& key) { return !key.contains(status::kProblem); };
+    if (std::ranges::any_of(keys, isUsed)) return;
+    std::puts("no public key: no bag can be verified");
+    for (const Dictionary& key : keys)
+        std::printf("  %s: %s\n", text(key, status::kFile).c_str(), text(key, status::kProblem).c_str());
+}
+
 // A hierarchy is identified by its token and its user: "t of 1000".
 std::string hierarchyOf(const Dictionary& session) {
     if (!session.contains(status::kToken)) return "-";
@@ -228,6 +236,7 @@ void printServers(const std::vector<Dictionary>& servers) {
 void printStatus(const Dictionary& status) {
     const std::vector<Dictionary> sessions = entriesIn(status, status::kSessions);
     printDaemon(status);
+    printKeys(entriesIn(status, status::kPublicKeys));
     printSessions(sessions);
     printReports(status, sessions);
     printUsers(entriesIn(status, status::kUsers));

@@ -7,6 +7,7 @@
 
 #include "config/environment.h"
 #include "telvora/keys.h"
+#include "tests/support/environment_variable.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
 #include "tests/support/temporary_directory.h"
@@ -55,6 +56,20 @@ TEST(DeviceIdentity, KeepsPersistentIdentifiersAcrossRestarts) {
         EXPECT_EQ(device.defaults.string(kIdentifiersDomain, keys[i]), first[i]) << keys[i];
     EXPECT_TRUE(log.contains(
         "<6>getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:app:svc:s: " + first[0]));
+}
+
+TEST(DeviceIdentity, TheAdministratorMayNameCountryAndDevice) {
+    const EnvironmentVariable locale("LC_ALL", "de_CH.UTF-8");
+    const std::pair<Dictionary, const char*> cases[] = {
+        {{}, "CH"}, {{{"CountryCode", "us"}}, "US"}, {{{"CountryCode", "Spain"}}, "CH"}};
+    for (const auto& [properties, country] : cases)
+        EXPECT_EQ(Device(properties).identity.countryCode(), country);
+
+    Device device({}, {{"deviceName", ""}});
+    const auto path = device.directory.path() / "etc";
+    device.directory.write("etc/device.plist", serialized(Dictionary{{"DeviceName", "of the file"}}));
+    EXPECT_EQ(DeviceProperties(path).answer("DeviceName"), "of the file");
+    EXPECT_EQ(DeviceProperties(path, device.defaults).answer("DeviceName"), "");
 }
 
 TEST(DeviceIdentity, ConsentIsNoUntilGiven) {

@@ -9,6 +9,7 @@
 #include "config/device_identity.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/signed_document.h"
 #include "tests/support/temporary_directory.h"
 
 namespace telvora::test {
@@ -22,7 +23,7 @@ TEST(HostileFiles, AFifoInPlaceOfAFileIsRefusedAtOnce) {
         ASSERT_EQ(mkfifo((root / name).c_str(), 0600), 0);
     const std::pair<const char*, std::function<bool()>> readers[] = {
         {"Info.plist", [&] { return ClientFramework(root).bundleVersion() == "8.0"; }},
-        {"publicKey.der", [&] { return !ClientFramework(root).publicKeyDer(); }},
+        {"publicKey.der", [&] { return ClientFramework(root).publicKeyDers().empty(); }},
         {"device.plist", [&] { return !DeviceProperties(root, root).answer("DeviceName"); }},
         {"Preferences", [&] { return !UserDefaults(root, root / "none").value("d", "key"); }},
         {"any", [&] { return readPropertyListFile(root / "any").error() == "not a regular file"; }},
@@ -35,6 +36,38 @@ TEST(HostileFiles, AFifoInPlaceOfAFileIsRefusedAtOnce) {
                   "")
             << name;
     }
+}
+
+TEST(PublicKeys, AreTheTrustedFilesOfBothDirectories) {
+    const TemporaryDirectory directory;
+    const LogCapture log;
+    const std::string key = bagKey().publicKeyToDer();
+    for (const char* file : {"framework/publicKey.der", "framework/publicKey-2027.der",
+                             "framework/publicKey.pem", "framework/other.der", "etc/publicKey-a.der"})
+        directory.write(file, key);
+    const std::string open = directory.write("etc/publicKey-b.der", key);
+    directory.write("etc/publicKey-c.der", "no key");
+    ASSERT_EQ(chmod(open.c_str(), 0666), 0);
+    std::filesystem::create_symlink(directory.write("anybody/key", key),
+                                    directory.path() / "etc/publicKey-d.der");
+    ASSERT_EQ(chmod((directory.path() / "anybody").c_str(), 0777), 0);
+    const ClientFramework framework(directory.path() / "framework", directory.path() / "etc");
+    std::string found;
+    for (const PublicKeyFile& each : framework.publicKeyFiles())
+        found += each.file.filename().string() + (each.problem ? "! " : " ");
+    EXPECT_EQ(
+        found,
+        "publicKey-2027.der publicKey.der publicKey-a.der publicKey-b.der! publicKey-c.der! publicKey-d.der! ");
+    EXPECT_EQ(framework.publicKeyDers(), (std::vector<std::string>{key, key, key, "no key"}));
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.lines().front(),
+              "<4>ClientFramework: " + open + " verifies no bag: every user may write to it");
+
+    for (int i = 0; i < 20; ++i)
+        directory.write("framework/publicKey-" + std::to_string(i) + ".der", key);
+    EXPECT_EQ(readPublicKeys(directory.path() / "framework").size(), kMaxPublicKeys);
+    ASSERT_EQ(chmod((directory.path() / "framework").c_str(), 0777), 0);
+    EXPECT_TRUE(readPublicKeys(directory.path() / "framework").front().isUntrusted);
 }
 
 class IdentifiersTest : public testing::Test {

@@ -32,19 +32,21 @@ MATCHER(StartsWithOther, "") {
 
 TEST(SignedBag, OpensWhatItsKeySigned) {
     const std::string key = bagKey().publicKeyToDer();
+    const std::string otherKey = RsaPrivateKey::generate(2048).value().publicKeyToDer();
     for (const auto format : {PropertyListFormat::xml, PropertyListFormat::binary}) {
         const std::string document = signBag(serialized(kBag, format), bagKey()).value();
-        EXPECT_EQ(openSignedBag(document, key), kBag);
+        EXPECT_EQ(openSignedBag(document, {key}), kBag);
         Dictionary outer = *parsePropertyList(document)->getIf<Dictionary>();
         const std::string* text = outer.string("bag");
         outer.set("bag", "\n  " + text->substr(0, 5) + "\r\n" + text->substr(5));
         outer.set("other", 1);
-        EXPECT_EQ(openSignedBag(serialized(outer, PropertyListFormat::binary), key), kBag);
+        EXPECT_EQ(openSignedBag(serialized(outer, PropertyListFormat::binary), {"no key", otherKey, key}),
+                  kBag);
     }
     // The longest bag.
     const std::string start = "<dict><key>k</key><string>", end = "</string></dict>";
     const std::string longest = start + std::string(kMaxInnerBagBytes - start.size() - end.size(), 'x') + end;
-    EXPECT_TRUE(openSignedBag(signBag(longest, bagKey()).value(), key));
+    EXPECT_TRUE(openSignedBag(signBag(longest, bagKey()).value(), {key}));
     EXPECT_FALSE(signBag(longest + " ", bagKey()));
 }
 
@@ -60,29 +62,31 @@ TEST(SignedBag, OpensNothingElse) {
     const auto document = [](const PropertyList& bag, const PropertyList& signedWith) {
         return serialized(Dictionary{{"bag", bag}, {"signature", signedWith}});
     };
-    // The document, the public key, and the beginnings of the lines.
-    const std::tuple<std::string, std::optional<std::string>, Lines> cases[] = {
-        {"", key, {kNoProperties, kMissing}},
-        {"<html>no</html>", key, {kParseError, kMissing}},
-        {list, key, {kMissing}},
-        {serialized(Dictionary{{"bag", base64Encode(inner)}}), key, {kMissing}},
-        {document(base64Encode(inner), 1), key, {kMissing}},
-        {whole, std::nullopt, {}},
-        {whole, "no key", {}},
-        {document(base64Encode(inner), "AAA"), key, {}},
-        {serialized(Dictionary{{"signature", signature}}), key, {}},
-        {document("=", signature), key, {}},
-        {document(base64Encode(tampered), signature), key, {kNotVerified}},
-        {document(base64Encode(inner), ""), key, {kNotVerified}},
-        {document("", signature), key, {kNotVerified}},
-        {signBag(inner, otherKey).value(), key, {kNotVerified}},
-        {signBag(list, bagKey()).value(), key, {}},
-        {signBag("hello", bagKey()).value(), key, {}},
-        {signBag(deep, bagKey()).value(), key, {"<3>" + kFetch + "The bag is over a limit: nested more"}}};
-    for (const auto& [text, publicKey, beginnings] : cases) {
+    // The document, the public keys, and the beginnings of the lines.
+    const std::string other = otherKey.publicKeyToDer();
+    const std::tuple<std::string, Lines, Lines> cases[] = {
+        {"", {key}, {kNoProperties, kMissing}},
+        {"<html>no</html>", {key}, {kParseError, kMissing}},
+        {list, {key}, {kMissing}},
+        {serialized(Dictionary{{"bag", base64Encode(inner)}}), {key}, {kMissing}},
+        {document(base64Encode(inner), 1), {key}, {kMissing}},
+        {whole, {}, {}},
+        {whole, {"no key"}, {}},
+        {document(base64Encode(inner), "AAA"), {key}, {}},
+        {serialized(Dictionary{{"signature", signature}}), {key}, {}},
+        {document("=", signature), {key}, {}},
+        {document(base64Encode(tampered), signature), {key}, {kNotVerified}},
+        {document(base64Encode(inner), ""), {key}, {kNotVerified}},
+        {document("", signature), {key}, {kNotVerified}},
+        {signBag(inner, otherKey).value(), {key}, {kNotVerified}},
+        {whole, {other, other}, {kNotVerified}},
+        {signBag(list, bagKey()).value(), {key}, {}},
+        {signBag("hello", bagKey()).value(), {key}, {}},
+        {signBag(deep, bagKey()).value(), {key}, {"<3>" + kFetch + "The bag is over a limit: nested more"}}};
+    for (const auto& [text, publicKeys, beginnings] : cases) {
         SCOPED_TRACE(text);
         const LogCapture log;
-        EXPECT_FALSE(openSignedBag(text, publicKey));
+        EXPECT_FALSE(openSignedBag(text, publicKeys));
         EXPECT_THAT(log.lines(), testing::Pointwise(StartsWithOther(), beginnings));
     }
 }

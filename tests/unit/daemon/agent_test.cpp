@@ -321,6 +321,28 @@ TEST_F(AgentStorebags, TypesWithoutANameShareABagButNotTheFailuresOfTypeZero) {
         1U);
 }
 
+TEST_F(AgentStorebags, ARefreshFetchesTheKnownBagsWhateverTheirAge) {
+    size_t refreshed = 0;
+    const auto refresh = [&] { world.agent.refreshStorebags([&] { ++refreshed; }); };
+    refresh();
+    world.serveBag(bagOfVersion("1", 600));
+    const auto five = connect(5), six = connect(6);
+    for (const auto& each : {five, six, connect(0)})
+        storebagOf(*each);
+    world.serveBag(bagOfVersion("2", 600));
+    refresh();
+    EXPECT_EQ(refreshed, 2U);
+    EXPECT_EQ(world.bagRequests(), 4U);
+    EXPECT_EQ(world.agent.storebagVersionForSession(six->session()), "2");
+    world.serveBag(std::nullopt);  // the last good bag stays
+    refresh();
+    EXPECT_TRUE(storebagOf(*five));
+    EXPECT_EQ(world.bagRequests(), 6U);
+    world.serveBag(bagOfVersion("3", 600));  // also while the daemon would wait
+    refresh();
+    EXPECT_EQ(world.agent.storebagVersionForSession(five->session()), "3");
+}
+
 TEST_F(AgentStorebags, AFailingServerIsAskedEvery900SecondsAndTheOldBagServesOn) {
     const struct {
         double later;

@@ -291,6 +291,9 @@ TEST(HttpRequestRules, OriginIsSchemeAndAuthority) {
     EXPECT_EQ(originOfUrl("https://host:8443/a/b?c=http://d/"), "https://host:8443");
     EXPECT_EQ(originOfUrl("http://host?x"), "http://host");
     EXPECT_EQ(originOfUrl("http://[::1]:80"), "http://[::1]:80");
+    EXPECT_EQ(urlForLog("https://u:p@host:1/a/b?token=t#f"), "https://host:1/a/b");
+    EXPECT_EQ(urlForLog("http://host#f?x"), "http://host");
+    EXPECT_EQ(urlForLog("no URL?x"), "no URL");
 }
 
 TEST(LetterCase, LowersUtf8AndLeavesOtherBytes) {

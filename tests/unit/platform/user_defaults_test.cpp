@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "platform/known_settings.h"
 #include "plist/property_list_format.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
@@ -84,6 +85,36 @@ TEST_F(UserDefaultsTest, WhatCannotBeWrittenIsKeptInMemoryAndWrittenWithTheNextC
     std::filesystem::remove(state_);
     EXPECT_TRUE(defaults_.set("d", "other", 1));
     EXPECT_EQ(later().string("d", "id"), "stable");
+}
+
+TEST_F(UserDefaultsTest, AnUnfitSettingCountsAsItsDefaultWithOneLine) {
+    const test::LogCapture log;
+    const std::string domain(kTelvoraDefaultsDomain);
+    const std::pair<PropertyList, int64_t> cases[] = {{7, 7}, {3.0, 3},  {"4", 4}, {0, 6},        {"high", 6},
+                                                      {8, 6}, {"7x", 6}, {6.5, 6}, {Array{7}, 6}, {true, 6}};
+    for (const auto& [value, expected] : cases) {
+        ASSERT_TRUE(defaults_.set(domain, "logLevel", value));
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(integerSetting(defaults_, settings::kLogLevel), expected) << value.shapeDescription();
+    }
+    EXPECT_EQ(log.count("<4>Settings: logLevel of com.zandor.telvora counts as its default, 6: it must be an "
+                        "integer from 3 to 7"),
+              7u);
+    EXPECT_EQ(log.lines().size(), 7u);
+    ASSERT_TRUE(defaults_.remove(domain, {"logLevel"}));
+    EXPECT_EQ(integerSetting(defaults_, settings::kLogLevel), 6);
+
+    const std::tuple<const Setting&, PropertyList, bool> fits[] = {
+        {settings::kStorebagURL, "http://b", true},
+        {settings::kStorebagURL, 1, false},
+        {settings::kConsent, true, true},
+        {settings::kConsent, "yes", false},
+        {settings::kUploadDirectories, Array{}, true},
+        {settings::kUploadDirectories, Array{1}, false},
+        {settings::kSharedHierarchies, Array{PropertyList(Array{5, "u"})}, true},
+        {settings::kSharedHierarchies, Array{5}, false}};
+    for (const auto& [setting, value, isFit] : fits)
+        EXPECT_EQ(!whyUnfit(setting, value), isFit) << setting.key << value.shapeDescription();
 }
 
 TEST_F(UserDefaultsTest, ADomainIsNoPath) {

@@ -8,6 +8,7 @@
 #include "util/base64.h"
 #include "util/compression.h"
 #include "util/mutex.h"
+#include "util/nearest_word.h"
 
 namespace telvora::test {
 namespace {
@@ -24,6 +25,20 @@ TEST(Base64Test, EncodesStreamsAndDecodesWholeGroupsAmongForeignCharacters) {
     for (const char* malformed :
          {"Z", "Zg", "Zg=", "Zm8", "Zg==Zg==", "=Zg=", "Z===", "====", "Zm9v=", "Zm9v===="})
         EXPECT_EQ(base64Decode(malformed), std::nullopt) << malformed;
+}
+
+TEST(NearestWord, SuggestsAWordThatAFewLettersMake) {
+    constexpr std::string_view kWords[] = {"status", "send", "session", "logLevel"};
+    const std::pair<std::string, std::string> cases[] = {{"stauts", "status"},
+                                                         {"sned", "send"},
+                                                         {"sesion", "session"},
+                                                         {"LOGLEVELS", "logLevel"},
+                                                         {"", ""},
+                                                         {"fetch", ""},
+                                                         {"snd", "send"},
+                                                         {std::string(65, 's'), ""}};
+    for (const auto& [word, expected] : cases)
+        EXPECT_EQ(nearestWord(word, kWords).value_or(""), expected) << word;
 }
 
 TEST(CompressionTest, BothFormsInflateBackToTheInputAndSayWhatTheyDid) {

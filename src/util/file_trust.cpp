@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "access/file_trust.h"
+#include "util/file_trust.h"
 
 #include <unistd.h>
 
