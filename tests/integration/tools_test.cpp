@@ -113,6 +113,15 @@ TEST_F(Telvoractl, SendsOneReport) {
     expectRun(TELVORACTL_PATH " device --json --socket " + socket_, 0, "\"countryCode\":\"US\"");
     bags().setFault("dravik", lab::BagFault::foreignKey);
     expectRun(TELVORACTL_PATH " refresh --socket " + socket_, 1, "not all bags could be fetched");
+
+    std::filesystem::remove(laboratory().pki().frameworkDirectory() + "/publicKey.der");
+    expectRun(TELVORACTL_PATH " status --socket " + socket_, 0, "no public key: no bag can be verified");
+    stopDaemon();
+    startDaemon([](DaemonOptions& options) { options.defaults = {{"idleMilisseconds", 1}}; });
+    expectLineBeginning("<4>main: No bag can be verified: there is no public key publicKey.der in ");
+    expectLine(
+        "<4>Settings: com.zandor.telvora has the unknown key \"idleMilisseconds\"; did you mean "
+        "idleMilliseconds?");
     socket_ += ".none";
     run("send" + report, 3);
 }

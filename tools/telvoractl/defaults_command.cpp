@@ -117,7 +117,7 @@ Command addDefaultsCommand(CLI::App& app, const CommonOptions& common) {
         ->required()
         ->check(CLI::IsMember({"string", "integer", "real", "boolean", "json"}));
     write->add_option("value", options->text, "Value; after -- where it begins with a hyphen")->required();
-    write->add_flag("--force", options->force, "Write what no setting is, or has no effect");
+    write->add_flag("--force", options->force, "Write also an unknown key or a value without effect");
     CLI::App* remove = add("delete", "Remove a key");
     addKey(remove)->required();
     return {command, [=, &common] {

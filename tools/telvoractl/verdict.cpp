@@ -14,7 +14,7 @@ namespace telvora::ctl {
 
 namespace {
 
-// A backend without a place for reports loses none that could have arrived.
+// Of reports that a backend was never meant to take.
 constexpr char kNotSupported[] = "notSupported";
 
 // The session of that number of this process; null if it is not listed.

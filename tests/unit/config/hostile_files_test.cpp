@@ -59,7 +59,7 @@ TEST(PublicKeys, AreTheTrustedFilesOfBothDirectories) {
         found,
         "publicKey-2027.der publicKey.der publicKey-a.der publicKey-b.der! publicKey-c.der! publicKey-d.der! ");
     EXPECT_EQ(framework.publicKeyDers(), (std::vector<std::string>{key, key, key, "no key"}));
-    EXPECT_EQ(log.lines().size(), 2u);
+    ASSERT_EQ(log.lines().size(), 2u);
     EXPECT_EQ(log.lines().front(),
               "<4>ClientFramework: " + open + " verifies no bag: every user may write to it");
 
