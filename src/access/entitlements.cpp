@@ -50,14 +50,15 @@ tl::expected<Grant, std::string> readGrant(const std::filesystem::path& file) {
     return grant;
 }
 
-bool holdsFor(const Grant& grant, const Peer& peer) {
+// Why the file is not for the peer, by the first condition that does not hold; null if all hold.
+const char* whyNotFor(const Grant& grant, const Peer& peer) {
     // Cheap comparisons first: the look-up of a name may ask a server.
-    if (grant.unit && *grant.unit != peer.unit) return false;
-    if (grant.label && *grant.label != peer.label) return false;
-    if (grant.user && userIdFrom(*grant.user) != peer.uid) return false;
-    if (!grant.group) return true;
+    if (grant.unit && *grant.unit != peer.unit) return "its \"Unit\" is another one";
+    if (grant.label && *grant.label != peer.label) return "its \"Label\" is another one";
+    if (grant.user && userIdFrom(*grant.user) != peer.uid) return "its \"User\" is another one";
+    if (!grant.group) return nullptr;
     const std::optional<gid_t> group = groupIdFrom(*grant.group);
-    return group && peer.isInGroup(*group);
+    return group && peer.isInGroup(*group) ? nullptr : "its \"Group\" has not this user";
 }
 
 std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {
@@ -78,14 +79,19 @@ std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& dir
 
 }  // namespace
 
-std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& peer,
-                                                                  std::string_view name) const {
+std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& peer, std::string_view name,
+                                                                  EntitlementDecision* decision) const {
+    const auto passOver = [decision](const std::filesystem::path& file, std::string_view reason) {
+        if (decision != nullptr) decision->others.push_back({file, std::string(reason)});
+    };
+    if (decision != nullptr) decision->directory = directory_;
     std::optional<PropertyList> value;
     const std::vector<std::filesystem::path> files = filesInOrder(directory_);
     if (files.empty()) return value;
     if (const auto why = whyEntriesChangeable(directory_)) {
         TELVORA_LOG(kLogWarning, "EntitlementStore: the files of %s grant no entitlement: %s",
                     directory_.c_str(), why->c_str());
+        passOver(directory_, *why);
         return value;
     }
     for (const std::filesystem::path& file : files) {
@@ -93,10 +99,19 @@ std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& pe
         if (!grant) {
             TELVORA_LOG(kLogWarning, "EntitlementStore: %s grants nothing: %s", file.c_str(),
                         grant.error().c_str());
+            passOver(file, grant.error());
             continue;
         }
         const PropertyList* granted = grant->entitlements.find(name);
-        if (granted != nullptr && holdsFor(*grant, peer)) value = *granted;
+        const char* const missing = granted != nullptr ? whyNotFor(*grant, peer) : nullptr;
+        if (granted == nullptr) {
+            passOver(file, "it does not name the entitlement");
+        } else if (missing != nullptr) {
+            passOver(file, missing);
+        } else {
+            value = *granted;
+            if (decision != nullptr) decision->file = file;
+        }
     }
     return value;
 }

@@ -21,12 +21,28 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "access/peer.h"
 #include "plist/property_list.h"
 
 namespace telvora {
+
+// The entitlement that admits a client.
+inline constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
+
+// How a value came about, for administrators.
+struct EntitlementDecision {
+    std::filesystem::path directory;  // of the files
+    std::filesystem::path file;       // that gave the value; empty: no file did
+    struct Other {
+        std::filesystem::path file;
+        std::string reason;  // why it did not count, for people
+    };
+    std::vector<Other> others;
+};
 
 // Immutable, so safe from any thread.
 class EntitlementStore {
@@ -37,7 +53,9 @@ class EntitlementStore {
     // The value of the entitlement `name` for `peer`; std::nullopt if no file grants it. Reads the files at
     // each call, so that a change applies to the next connection; a refused file is logged at level 4.
     // Blocks on file I/O and on the look-up of user and group names (nsswitch.conf(5)).
-    std::optional<PropertyList> valueForEntitlement(const Peer& peer, std::string_view name) const;
+    // `decision`: null if the caller does not need it.
+    std::optional<PropertyList> valueForEntitlement(const Peer& peer, std::string_view name,
+                                                    EntitlementDecision* decision = nullptr) const;
 
   private:
     std::filesystem::path directory_;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string_view>
 
 #include "util/unique_fd.h"
@@ -118,6 +119,36 @@ bool Peer::isInGroup(gid_t group) const {
 
 std::string Peer::description() const {
     return "pid " + std::to_string(pid) + ", uid " + std::to_string(uid);
+}
+
+std::optional<Peer> peerOfProcess(pid_t pid) {
+    const std::string directory = "/proc/" + std::to_string(pid);
+    std::ifstream status(directory + "/status");
+    Peer peer;
+    bool found = false;
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream words(line);
+        std::string key;
+        unsigned real = 0, effective = 0;
+        words >> key;
+        if (key == "Uid:" && words >> real >> effective) {
+            peer.uid = effective;
+            found = true;
+        } else if (key == "Gid:" && words >> real >> effective) {
+            peer.gid = effective;
+        } else if (key == "Groups:") {
+            for (gid_t group; words >> group;)
+                peer.groups.push_back(group);
+        }
+    }
+    if (!found) return std::nullopt;
+    peer.pid = pid;
+    peer.unit = unitOfControlGroup(controlGroup(pid));
+    std::ifstream label(directory + "/attr/current");
+    std::getline(label, peer.label, '\0');
+    while (peer.label.ends_with('\n'))
+        peer.label.pop_back();
+    return peer;
 }
 
 std::optional<uid_t> userOfPeer(int socket) {

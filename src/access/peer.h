@@ -29,6 +29,10 @@ struct Peer {
 // The systemd unit of the processes in a control group, by its path; empty if there is none.
 std::string unitOfControlGroup(std::string_view path);
 
+// The peer of a socket that the process of that ID would connect now, from proc(5); std::nullopt if there is
+// no such process, or it may not be seen. For people who ask about a process: the ID may be reused.
+std::optional<Peer> peerOfProcess(pid_t pid);
+
 // The user of the peer of a connected Unix socket; std::nullopt for any other socket. Thread-safe.
 std::optional<uid_t> userOfPeer(int socket);
 

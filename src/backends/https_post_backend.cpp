@@ -69,7 +69,7 @@ void HTTPSPostBackend::updateState() {
                                               .hardwareType = identity_->hardwareType,
                                               .user = user_.uid()});
     setSamplingThreshold(policy_.samplingThreshold);
-    setState(policy_.state);
+    setState(policy_.state, policy_.decision);
 }
 
 void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {

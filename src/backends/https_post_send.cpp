@@ -38,7 +38,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          uint16_t respCode, EventID /*eventID*/,
                                                          SendFlag flag) {
     if (state() == BackendState::disabled) {
-        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::disabled);
+        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::disabled, reason());
         return std::nullopt;
     }
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
@@ -46,7 +46,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                             : newEvent(payload, timestamp, method, respCode);
 
     if (isPromoting(flag)) {
-        changeState(BackendState::sampledOut, BackendState::reporting);
+        changeState(BackendState::sampledOut, BackendState::reporting, Decision::promoted);
     }
     TELVORA_LOG(kLogDebug, "HTTPSPostBackend(sendMessage): realtime is %d", isRealtime(flag) ? 1 : 0);
     const BackendState current = state();
@@ -220,7 +220,7 @@ void HTTPSPostBackend::stateChanged() {
 }
 
 void HTTPSPostBackend::loseBatch(ReportOutcome cause) {
-    reports_->move(takeBatch().size(), ReportOutcome::held, cause);
+    reports_->move(takeBatch().size(), ReportOutcome::held, cause, reason());
     takeBatchCharge();
 }
 

@@ -156,7 +156,7 @@ void HTTPSPostBackend::handlePostResult(const std::string& url, const HttpResult
         std::string message =
             "backend " + name_ + " disabled by server " + std::to_string(result->status) + " return code";
         TELVORA_LOG(kLogInfo, "postJSONMessage: %s", message.c_str());
-        setState(BackendState::disabled);
+        setState(BackendState::disabled, Decision::serverFailed);
         error = makeTelvoraError(std::move(message), result->status);
     }
     if (completion) completion(std::move(error));

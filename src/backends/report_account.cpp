@@ -39,6 +39,8 @@ void ReportTally::add(const ReportTally& other) {
     accepted += other.accepted;
     for (size_t i = 0; i < kReportOutcomes; ++i)
         outcomes[i] += other.outcomes[i];
+    for (size_t i = 0; i < kDecisions; ++i)
+        disabledBecause[i] += other.disabledBecause[i];
 }
 
 uint64_t failedOrPending(const ReportTally& tally) {
@@ -62,8 +64,9 @@ void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
     tally_.outcomes[static_cast<size_t>(outcome)] += reports;
 }
 
-void ReportAccount::move(uint64_t reports, ReportOutcome from, ReportOutcome to) {
+void ReportAccount::move(uint64_t reports, ReportOutcome from, ReportOutcome to, Decision reason) {
     const MutexLock lock(lock_);
+    if (to == ReportOutcome::disabled) tally_.disabledBecause[static_cast<size_t>(reason)] += reports;
     tally_.outcomes[static_cast<size_t>(from)] -= reports;
     tally_.outcomes[static_cast<size_t>(to)] += reports;
 }

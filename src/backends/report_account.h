@@ -23,6 +23,7 @@
 
 #include "access/user_quotas.h"
 #include "http/http_client.h"
+#include "policy/decision_trace.h"
 #include "util/mutex.h"
 
 namespace telvora {
@@ -75,6 +76,7 @@ ReportOutcome outcomeOf(const HttpResult& result);
 struct ReportTally {
     uint64_t accepted = 0;
     std::array<uint64_t, kReportOutcomes> outcomes{};
+    std::array<uint64_t, kDecisions> disabledBecause{};  // ReportOutcome::disabled by the reason of the state
 
     uint64_t operator[](ReportOutcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
     void add(const ReportTally& other);
@@ -93,8 +95,10 @@ class ReportAccount {
     // Enters further reports with this outcome.
     void accept(ReportOutcome outcome = ReportOutcome::inFlight, uint64_t reports = 1)
         TELVORA_EXCLUDES(lock_);
-    // Changes the outcome of `reports` reports from `from` to `to`.
-    void move(uint64_t reports, ReportOutcome from, ReportOutcome to) TELVORA_EXCLUDES(lock_);
+    // Changes the outcome of `reports` reports from `from` to `to`. `reason`: of the state, for
+    // ReportOutcome::disabled.
+    void move(uint64_t reports, ReportOutcome from, ReportOutcome to,
+              Decision reason = Decision::unconditional) TELVORA_EXCLUDES(lock_);
     ReportTally tally() const TELVORA_EXCLUDES(lock_);
 
   private:

@@ -53,13 +53,15 @@ void TelvoraBackend::setSamplingThreshold(std::optional<double> threshold) {
     samplingThreshold_ = threshold;
 }
 
-void TelvoraBackend::setState(BackendState state) {
+void TelvoraBackend::setState(BackendState state, Decision reason) {
+    reason_.store(reason);
     state_.store(state);
     stateChanged();
 }
 
-bool TelvoraBackend::changeState(BackendState from, BackendState to) {
+bool TelvoraBackend::changeState(BackendState from, BackendState to, Decision reason) {
     if (!state_.compare_exchange_strong(from, to)) return false;
+    reason_.store(reason);
     stateChanged();
     return true;
 }
@@ -67,7 +69,7 @@ bool TelvoraBackend::changeState(BackendState from, BackendState to) {
 bool TelvoraBackend::followState(BackendState parents) {
     BackendState current = state();
     while (current != BackendState::sampledOut) {
-        if (changeState(current, parents)) return true;
+        if (changeState(current, parents, Decision::parentFollowed)) return true;
         current = state();
     }
     return false;

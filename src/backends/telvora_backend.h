@@ -35,6 +35,7 @@ namespace telvora {
 // The values that a child session's backend takes over from its parent's.
 struct ReportingState {
     BackendState state = BackendState::waitingForUserInfo;
+    Decision reason = Decision::userInfoMissing;  // of the state
     std::optional<double> samplingThreshold;
 };
 
@@ -44,7 +45,6 @@ enum class EventID : uint16_t {};
 enum class SendFlag : uint32_t {};
 
 class ClientFiles;
-class DecisionTrace;
 class MessageOutbox;
 class OutgoingFeed;
 class PowerLog;
@@ -139,10 +139,12 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     const ReportingPolicy& policy() const { return policy_; }
 
     BackendState state() const { return state_.load(); }
-    void setState(BackendState state);
+    // The reason of the state. It may lag behind a concurrent change of the state.
+    Decision reason() const { return reason_.load(); }
+    void setState(BackendState state, Decision reason = Decision::unconditional);
     std::optional<double> samplingThreshold() const TELVORA_EXCLUDES(thresholdLock_);
     void setSamplingThreshold(std::optional<double> threshold) TELVORA_EXCLUDES(thresholdLock_);
-    ReportingState reportingState() const { return {state(), samplingThreshold()}; }
+    ReportingState reportingState() const { return {state(), reason(), samplingThreshold()}; }
     // Takes over the state of the parent's backend, unless this one is sampled out. Returns whether it did.
     bool followState(BackendState parents);
 
@@ -155,8 +157,8 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     TelvoraBackend(const BackendServices& services, std::string name, BackendProfile profile,
                    SharedIdentity identity);
 
-    // Changes the state from `from` to `to`. False if it is not `from`.
-    bool changeState(BackendState from, BackendState to);
+    // Changes the state from `from` to `to`, for this reason. False if it is not `from`.
+    bool changeState(BackendState from, BackendState to, Decision reason);
     // Called after each change of state, on the thread that made it. The base does not react.
     virtual void stateChanged() {}
 
@@ -180,6 +182,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
   private:
     std::atomic<BackendState> state_{BackendState::waitingForUserInfo};
+    std::atomic<Decision> reason_{Decision::userInfoMissing};
     mutable Mutex thresholdLock_;
     std::optional<double> samplingThreshold_ TELVORA_GUARDED_BY(thresholdLock_);
 };

@@ -10,7 +10,6 @@
 #include <cstring>
 
 #include "util/error_text.h"
-#include "wire/wire_writer.h"
 
 namespace telvora {
 
@@ -120,7 +119,10 @@ Result<void> BusQueryConnection::call(const BusQuery& query,
     header.path = query.path;
     header.interface = query.interface;
     header.member = query.method;
-    WireWriter(call, header).finish(kMaxAnswer);
+    header.signature = query.signature;
+    WireWriter writer(call, header);
+    if ((query.write && !query.write(writer)) || !writer.finish(kMaxAnswer))
+        return failure(Kind::kRefused, "the arguments can't be sent");
     if (auto sent = sendAll(socket_.get(), call, deadline); !sent) return sent;
 
     for (;;) {

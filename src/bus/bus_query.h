@@ -16,15 +16,18 @@
 #include "bus/bus_input.h"
 #include "bus/bus_message.h"
 #include "util/unique_fd.h"
+#include "wire/wire_writer.h"
 
 namespace telvora {
 
-// A method without arguments.
 struct BusQuery {
     const char* path = "";  // of the object
     const char* interface = "";
     const char* method = "";
     std::optional<std::chrono::milliseconds> timeout{10'000};  // absent: none
+    // Signature and wire form of the arguments; empty for a method without arguments.
+    std::string signature = {};
+    std::function<bool(WireWriter& body)> write = {};
 };
 
 struct BusQueryFailure {

@@ -33,6 +33,18 @@ tl::expected<Dictionary, BusQueryFailure> queryStatusNamed(const char* method, c
                 kGetStatus);
 }
 
+tl::expected<Dictionary, BusQueryFailure> queryFindings(const Dictionary& query,
+                                                        const std::string& socketPath,
+                                                        std::chrono::milliseconds timeout) {
+    const auto connection = BusQueryConnection::connect(socketPath);
+    if (!connection) return tl::unexpected(connection.error());
+    return call(**connection,
+                {StatusInterface::kWirePath, StatusInterface::kWireName, kDiagnose.name, timeout,
+                 argumentSignature(kDiagnose),
+                 [&query](WireWriter& body) { return writeArguments(body, kDiagnose, query); }},
+                kDiagnose);
+}
+
 std::optional<BusQueryFailure> watchOutgoing(const std::string& socketPath,
                                              const std::function<bool(const Dictionary& batch)>& use) {
     const auto connection = BusQueryConnection::connect(socketPath);

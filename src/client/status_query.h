@@ -39,6 +39,11 @@ tl::expected<Dictionary, BusQueryFailure> queryStatus(
     return queryStatusNamed(method.name, socketPath, timeout);
 }
 
+// The answer to kDiagnose, as queryStatus(). The time limit is above that of several fetches of bags.
+tl::expected<Dictionary, BusQueryFailure> queryFindings(
+    const Dictionary& query, const std::string& socketPath,
+    std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
 // Passes everything that leaves the device to `use`, in the batches of OutgoingInterface, until that returns
 // false, or until the connection ends: returns the reason. Blocks the calling thread, which may be any.
 std::optional<BusQueryFailure> watchOutgoing(const std::string& socketPath,

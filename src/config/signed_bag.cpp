@@ -20,6 +20,10 @@ std::optional<std::string> decodedString(const Dictionary& dictionary, std::stri
     return text != nullptr ? base64Decode(*text) : std::nullopt;
 }
 
+tl::unexpected<BagFault> fault(BagStep step, std::string reason) {
+    return tl::make_unexpected(BagFault{step, std::move(reason)});
+}
+
 std::vector<RsaPublicKey> keysFrom(const std::vector<std::string>& publicKeyDers) {
     std::vector<RsaPublicKey> keys;
     for (const std::string& der : publicKeyDers) {
@@ -36,8 +40,8 @@ std::vector<RsaPublicKey> keysFrom(const std::vector<std::string>& publicKeyDers
 
 }  // namespace
 
-std::optional<Dictionary> openSignedBag(std::string_view document,
-                                        const std::vector<std::string>& publicKeyDers) {
+tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
+                                                 const std::vector<std::string>& publicKeyDers) {
     const auto parsed = parsePropertyList(document);
     if (!parsed) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: propertyListWithData error %s",
@@ -46,28 +50,35 @@ std::optional<Dictionary> openSignedBag(std::string_view document,
     const Dictionary* outer = dictionaryIn(parsed);
     if (outer == nullptr || outer->string("signature") == nullptr) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature is missing");
-        return std::nullopt;
+        if (!parsed) return fault(BagStep::signature, "the document is no property list: " + parsed.error());
+        return fault(BagStep::signature, "the document has no signature");
     }
     const std::vector<RsaPublicKey> keys = keysFrom(publicKeyDers);
-    if (keys.empty()) return std::nullopt;
+    if (keys.empty()) return fault(BagStep::key, "there is no public key that can be used");
     const std::optional<std::string> signature = decodedString(*outer, "signature");
-    if (!signature) return std::nullopt;
     const std::optional<std::string> bag = decodedString(*outer, "bag");
-    if (!bag) return std::nullopt;
+    if (!signature || !bag) return fault(BagStep::signature, "bag or signature is not base64");
     const bool isVerified = std::any_of(
         keys.begin(), keys.end(), [&](const RsaPublicKey& key) { return key.verifySha1(*bag, *signature); });
     if (!isVerified) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: Signature can not be verified, %p",
                     keys.back().identity());
-        return std::nullopt;
+        return fault(BagStep::signature, "no public key verifies the signature");
     }
     const auto inner = parsePropertyList(*bag);
     // The author of a bag over a limit has a chance to correct it.
     if (!inner && exceedsPropertyListLimit(inner.error())) {
         TELVORA_LOG(kLogError, "fetchStorebagWithName: The bag is over a limit: %s", inner.error().c_str());
     }
+    if (!inner) return fault(BagStep::content, "the signed bag is no property list: " + inner.error());
     const Dictionary* content = dictionaryIn(inner);
-    return content != nullptr ? std::optional(*content) : std::nullopt;
+    if (content == nullptr) return fault(BagStep::content, "the signed bag is no dictionary");
+    return *content;
+}
+
+const char* nameOf(BagStep step) {
+    static constexpr const char* kNames[] = {"none", "download", "key", "signature", "content", "section"};
+    return kNames[static_cast<size_t>(step)];
 }
 
 std::string whyTooLongToSign() {

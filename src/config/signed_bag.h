@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,11 +27,22 @@ namespace telvora {
 inline constexpr size_t kMaxInnerBagBytes = (kMaxDocumentBytes - 8192) / 4 * 3;
 std::string whyTooLongToSign();
 
-// The inner bag of a document whose signature one of the keys (PKCS#1 or SubjectPublicKeyInfo) verifies; else
-// std::nullopt. Failures are logged at level 3, except unreadable keys or base64 text, and an inner bag that
-// is malformed or no dictionary.
-std::optional<Dictionary> openSignedBag(std::string_view document,
-                                        const std::vector<std::string>& publicKeyDers);
+// The steps of getting a bag that can fail.
+enum class BagStep : uint8_t { none, download, key, signature, content, section };
+// Name of a step on the wire, as it is spelled above.
+const char* nameOf(BagStep step);
+
+// The step that failed, and the reason for people.
+struct BagFault {
+    BagStep step = BagStep::none;
+    std::string reason;
+};
+
+// The inner bag of a document whose signature one of the keys (PKCS#1 or SubjectPublicKeyInfo) verifies.
+// Failures are logged at level 3, except unreadable keys or base64 text, and an inner bag that is malformed
+// or no dictionary.
+tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
+                                                 const std::vector<std::string>& publicKeyDers);
 
 // Makes the signed document of a serialised inner bag, as an XML property list. Fails with a reason if the
 // bag is too long or the key can't sign.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/storebag_cache.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -76,6 +77,7 @@ StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag
     }
     record.fetchTime = TelvoradUtil::secondsFromTimeValue(clock_());
     record.maxAge = status.maxAge;
+    record.fetch = std::move(status.report);
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
 
     extract(clientType, record);
@@ -96,6 +98,7 @@ void StorebagCache::restore(uint32_t clientType, const KeptBag& kept, FetchedSto
     }
     record.fetchTime = kept.fetchTime;
     record.maxAge = kept.maxAge;
+    record.fetch.url = kept.url;
     // A bag whose signature is no longer valid has to be fetched: the wait is for failed fetches.
     record.fetchSuccessful = kept.fetchSuccessful && record.data;
     if (kept.fetchSuccessful && !record.data) record.fetchTime = 0;
@@ -122,8 +125,17 @@ std::vector<StorebagCache::Status> StorebagCache::statuses() const {
                             : !record.data                                        ? State::absent
                             : record.fetchSuccessful && recordAge < record.maxAge ? State::fresh
                                                                                   : State::stale;
-        statuses.push_back({key.name, extract.clientType, record.version, state, recordAge, record.maxAge,
-                            record.fetchSuccessful});
+        const double lifetime = record.fetchSuccessful ? record.maxAge : kSecondsBetweenAttempts;
+        statuses.push_back({.name = key.name,
+                            .clientType = extract.clientType,
+                            .version = record.version,
+                            .state = state,
+                            .age = recordAge,
+                            .maxAge = record.maxAge,
+                            .fetched = record.fetchSuccessful,
+                            .fetchTime = record.fetchTime,
+                            .untilNextFetch = std::max(lifetime - recordAge, 0.0),
+                            .fetch = record.fetch});
     }
     return statuses;
 }

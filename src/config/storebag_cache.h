@@ -33,9 +33,12 @@ class StorebagCache {
         int clientType = 0;               // of the session that it was last fetched for
         std::optional<std::string> version;
         State state = State::absent;
-        double age = 0;        // seconds since the last attempt
-        int32_t maxAge = 0;    // seconds
-        bool fetched = false;  // the last attempt succeeded
+        double age = 0;             // seconds since the last attempt
+        int32_t maxAge = 0;         // seconds
+        bool fetched = false;       // the last attempt succeeded
+        double fetchTime = 0;       // of the last attempt, seconds since 1970
+        double untilNextFetch = 0;  // seconds until a session's request causes the next attempt
+        StorebagFetchReport fetch;  // the last attempt
     };
 
     // `fetcher` must outlive the cache.
@@ -87,6 +90,7 @@ class StorebagCache {
         int32_t maxAge = 0;    // seconds
         bool fetchSuccessful = false;
         bool builtIn = false;  // the data are the built-in stand-in
+        StorebagFetchReport fetch;
     };
 
     // A copy of a record for statuses(), and the client type that it was last fetched for.

@@ -116,7 +116,10 @@ void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, Sto
 std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
                                                  const std::optional<std::string>& name,
                                                  const std::string& url, StorebagFetchStatus& status) const {
+    StorebagFetchReport& report = status.report;
+    report.url = urlForLog(url);
     if (!result) {
+        report.fault = {BagStep::download, result.error().description};
         TELVORA_LOG(
             kLogInfo,
             "fetchStorebagWithName: Error resolving with lookup server %s, sendSynchronousRequest error %s",
@@ -124,6 +127,7 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         status.builtIn = name == kQuillet;
         return standIn(name);
     }
+    report.httpStatus = result->status;
     if (!isSuccess(*result) && result->status != kNotModified) {
         TELVORA_LOG(kLogWarning, "fetchStorebagWithName: %s answered %d", urlForLog(url).c_str(),
                     result->status);
@@ -134,8 +138,15 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
         return std::nullopt;
     }
     auto bag = openSignedBag(result->body, services_.framework.publicKeyDers());
-    if (bag) status.document = result->body;
-    return bag;
+    if (bag) {
+        status.document = result->body;
+        return std::move(*bag);
+    }
+    report.fault = std::move(bag.error());
+    // Such an answer's body describes the server's error.
+    if (!isSuccess(*result))
+        report.fault = {BagStep::download, "the server answered " + std::to_string(result->status)};
+    return std::nullopt;
 }
 
 }  // namespace telvora

@@ -11,6 +11,7 @@
 
 #include "config/client_framework.h"
 #include "config/environment.h"
+#include "config/signed_bag.h"
 #include "http/http_client.h"
 #include "plist/property_list.h"
 
@@ -26,6 +27,13 @@ struct StorebagFetcherServices {
     std::function<void(std::function<void()> work)> perform = [](const auto& work) { work(); };
 };
 
+// The course of a fetch, for administrators.
+struct StorebagFetchReport {
+    std::string url{};   // without its query; empty: no bag is fetched for the client type
+    int httpStatus = 0;  // 0: no answer
+    BagFault fault{};
+};
+
 // Additional results of a fetch.
 struct StorebagFetchStatus {
     int32_t maxAge = 0;                         // seconds; unchanged if the server wasn't reached
@@ -33,6 +41,7 @@ struct StorebagFetchStatus {
     bool builtIn = false;                       // the result is the built-in stand-in
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: of the answer
     std::string document{};                     // the signed document, if it has a valid bag
+    StorebagFetchReport report{};
 };
 
 struct FetchedStorebag {

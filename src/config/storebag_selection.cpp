@@ -45,6 +45,7 @@ void StorebagFetcher::fetchStorebagForEnvironmentAndClientType(uint32_t clientTy
             kLogError,
             "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type %d",
             static_cast<int>(clientType));
+        status.report = {.fault = {BagStep::download, "client type 0 has no bag"}};
         return done({.status = std::move(status)});
     }
     const auto select = [this, clientType, done = std::move(done)](const std::optional<Dictionary>& bag,
@@ -57,8 +58,10 @@ void StorebagFetcher::fetchStorebagForEnvironmentAndClientType(uint32_t clientTy
 }
 
 FetchedStorebag StorebagFetcher::reopen(std::string document, uint32_t clientType) const {
-    const auto bag = openSignedBag(document, services_.framework.publicKeyDers());
+    auto opened = openSignedBag(document, services_.framework.publicKeyDers());
     FetchedStorebag fetched;
+    std::optional<Dictionary> bag;
+    if (opened) bag = std::move(*opened);
     fetched.section = sectionOf(bag, clientType, fetched.version, fetched.status);
     fetched.status.document = std::move(document);
     return fetched;
@@ -84,6 +87,9 @@ std::optional<Dictionary> StorebagFetcher::sectionOf(const std::optional<Diction
             kLogError,
             "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type %d with %s environment",
             printedType, sectionNameForEnvironment(type).value_or("(null)").c_str());
+        status.report.fault = {BagStep::section, "the bag has no section \"" +
+                                                     sectionNameForEnvironment(type).value_or("(none)") +
+                                                     "\" for the environment"};
         return std::nullopt;
     }
     const std::string* bagVersion = bag->string("version");

@@ -9,6 +9,9 @@
 
 #include "config/device_description.h"
 #include "daemon/process_setup.h"
+#include "diagnosis/findings.h"
+#include "diagnosis/last_totals.h"
+#include "diagnosis/server_status.h"
 #include "platform/locale.h"
 #include "platform/system_log.h"
 #include "platform/uuid.h"
@@ -21,6 +24,7 @@ namespace telvora {
 Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
+      lastTotals_(readLastTotals(process.directories.state)),
       properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
@@ -31,7 +35,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
-      http_(tappedHttp_, [this] { shutdown_.check(); }),
+      http_(tappedHttp_, timeOfDay, [this] { shutdown_.check(); }),
       outbox_(openOutbox()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
@@ -145,6 +149,8 @@ void Daemon::run() {
 
     logLosses();
     quotas_.logRefusals();
+    keepLastTotals(process_.directories.state, describe(ledger_.totals()),
+                   TelvoradUtil::secondsFromTimeValue(timeOfDay()));
     if (agent_.sessionsAlive() > 0) {
         // Their deadline has passed; the server or the adaptor that they wait for may never answer.
         stopLogging();
@@ -199,7 +205,28 @@ Dictionary Daemon::getStatus() {
             {status::kBags, agent_.storebagStatus()},
             {status::kTotals, describe(ledger_.totals())},
             {status::kHttpPending, static_cast<long long>(http_.inFlight())},
+            {status::kServers, serverStatus(http_.outcomes())},
+            {status::kRefusals, agent_.refusalStatus()},
+            {status::kBefore, lastTotals_},
             {status::kPublicKeys, publicKeyStatus(framework_)}};
+}
+
+void Daemon::diagnose(Dictionary query, FindingsReply reply) {
+    Dictionary findings = configurationFindings({.directories = process_.directories,
+                                                 .defaults = process_.defaults,
+                                                 .properties = properties_,
+                                                 .identity = identity_,
+                                                 .environment = environment_,
+                                                 .framework = framework_,
+                                                 .entitlements = entitlements_},
+                                                peerIn(query));
+    const auto clientType = query.integer(status::kClientType);
+    if (!clientType) return reply(std::move(findings));
+    agent_.storebag(static_cast<uint32_t>(*clientType),
+                    [findings = std::move(findings), reply = std::move(reply)](const auto& section) mutable {
+                        if (section) findings.set(status::kSection, *section);
+                        reply(std::move(findings));
+                    });
 }
 
 Dictionary Daemon::getDevice() {

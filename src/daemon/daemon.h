@@ -61,9 +61,11 @@ class Daemon final : private StatusInterface {
     Dictionary getStatus() override;
     Dictionary getDevice() override;
     void refreshBags(std::function<void(Dictionary bags)> reply) override;
+    void diagnose(Dictionary query, FindingsReply reply) override;
 
     const ProcessContext& process_;
     const StartTime start_;
+    const Dictionary lastTotals_;
     asio::io_context runLoop_{1};
 
     const DeviceProperties properties_;

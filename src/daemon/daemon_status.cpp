@@ -47,15 +47,4 @@ Array userStatus(UserQuotas& quotas) {
     return users;
 }
 
-Array publicKeyStatus(const ClientFramework& framework) {
-    Array keys;
-    for (const PublicKeyFile& key : framework.publicKeyFiles()) {
-        Dictionary described{{status::kFile, key.file.string()}};
-        if (!key.der.empty()) described.set(status::kFingerprint, key.fingerprint());
-        if (key.problem) described.set(status::kProblem, *key.problem);
-        keys.emplace_back(std::move(described));
-    }
-    return keys;
-}
-
 }  // namespace telvora

@@ -6,7 +6,6 @@
 #include <chrono>
 
 #include "access/user_quotas.h"
-#include "config/client_framework.h"
 #include "plist/property_list.h"
 #include "sandbox/sandbox.h"
 #include "util/time_value.h"
@@ -22,6 +21,5 @@ struct StartTime {
 Dictionary daemonStatus(const StartTime& start);
 Dictionary sandboxStatus(const SandboxStatus& sandbox);
 Array userStatus(UserQuotas& quotas);
-Array publicKeyStatus(const ClientFramework& framework);
 
 }  // namespace telvora

@@ -19,6 +19,9 @@ void RefusalLog::notEntitled(const Peer& peer) {
     uint64_t before = 0;
     {
         const MutexLock lock(lock_);
+        ++counts_.notEntitled;
+        counts_.last = peer;
+        counts_.lastTime = now;
         std::erase_if(users_, [&](const auto& entry) {
             return entry.first != peer.uid && entry.second.nextLine <= now;
         });
@@ -50,7 +53,18 @@ bool RefusalLog::refusesAtOnce(uid_t user) {
         return false;
     }
     ++found->second.unlogged;
+    ++counts_.tooFrequent;
     return true;
+}
+
+void RefusalLog::overQuota() {
+    const MutexLock lock(lock_);
+    ++counts_.overQuota;
+}
+
+RefusalLog::Counts RefusalLog::counts() const {
+    const MutexLock lock(lock_);
+    return counts_;
 }
 
 }  // namespace telvora

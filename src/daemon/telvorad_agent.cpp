@@ -10,8 +10,6 @@ namespace telvora {
 
 namespace {
 
-constexpr std::string_view kClientEntitlement = "com.zandor.private.telvorad";
-
 uint32_t clientTypeOf(const TelvoradSession& session) {
     return static_cast<uint32_t>(
         session.sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0));
@@ -36,7 +34,10 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     }
     const auto connected = std::make_shared<QuotaCharge>();
     QuotaCharge place;
-    if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) return false;
+    if (!user.take(Quota::connections, 1, *connected) || !user.take(Quota::sessions, 1, place)) {
+        refusals_.overQuota();
+        return false;
+    }
     TELVORA_LOG(kLogDebug,
                 "listener: Accepting new XPC connection %s as it has proper entitlement, %d(%d) connections.",
                 connection->description().c_str(), static_cast<int>(sessionCount()),

@@ -70,6 +70,12 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // Neither waits for a fetch.
     Array sessionStatus();
     Array storebagStatus();
+    // Connections that were refused, by cause.
+    Dictionary refusalStatus() const;
+    // The environment's section of the client type's bag, as a session gets it; see StorebagService.
+    void storebag(uint32_t clientType, StorebagReply reply) {
+        storebags_.request(clientType, std::move(reply));
+    }
     // Fetches the requested bags anew, and calls `done` once when all fetches are through; see
     // StorebagService.
     void refreshStorebags(std::function<void()> done) { storebags_.refresh(std::move(done)); }

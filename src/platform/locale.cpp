@@ -41,13 +41,20 @@ std::optional<std::string> countryCodeOf(std::string_view territory) {
 }
 
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile) {
+    auto country = currentCountry(localeFile);
+    return country ? std::optional(std::move(country->code)) : std::nullopt;
+}
+
+std::optional<Country> currentCountry(const std::filesystem::path& localeFile) {
     for (const char* variable : {"LC_ALL", "LANG"}) {
         const char* locale = std::getenv(variable);
-        if (auto territory = territoryOf(locale != nullptr ? locale : "")) return territory;
+        if (auto territory = territoryOf(locale != nullptr ? locale : ""))
+            return Country{*territory, variable};
     }
     const auto assignments = readEnvironmentFile(localeFile);
     const auto language = assignments.find("LANG");
-    return language != assignments.end() ? territoryOf(language->second) : std::nullopt;
+    const auto territory = language != assignments.end() ? territoryOf(language->second) : std::nullopt;
+    return territory ? std::optional(Country{*territory, localeFile}) : std::nullopt;
 }
 
 long timeZoneOffsetSeconds() {

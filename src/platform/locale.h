@@ -15,6 +15,13 @@ namespace telvora {
 // any thread while no thread calls setenv(3).
 std::optional<std::string> currentCountryCode(const std::filesystem::path& localeFile = "/etc/locale.conf");
 
+// The same, with the source that named it.
+struct Country {
+    std::string code;
+    std::string source;  // "LC_ALL", "LANG" or the path of the file
+};
+std::optional<Country> currentCountry(const std::filesystem::path& localeFile = "/etc/locale.conf");
+
 // The country code of the territory of a locale: two letters, in upper case; std::nullopt for all other
 // texts.
 std::optional<std::string> countryCodeOf(std::string_view territory);

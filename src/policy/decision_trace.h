@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A trace of a backend's decisions about its state and about the keys of events, for authors of bags. The
-// daemon has no trace, and checks one null pointer per step.
+// The reasons of a backend's decisions about its state, and a trace of them and of the keys of events, for
+// authors of bags. The daemon keeps the last reason. It has no trace, and checks one null pointer per step.
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <string>
 
@@ -15,7 +16,7 @@ struct EventFilter;
 struct ReportingPolicy;
 
 // The steps of updateState(), in their order. The comments name the state that a final step sets.
-enum class Decision {
+enum class Decision : uint8_t {
     kept,                // a logged message was sent: the state stays
     batchingSet,         // set by the first entry for the session's names
     servedByFirstLink,   // reporting: user info is not required, the entry is the first one with a URL
@@ -37,7 +38,16 @@ enum class Decision {
     drawnIn,             // reporting: the draw is within the threshold
     sampledOut,          // sampled out
     beyondOverride,      // disabled: beyond the second threshold, too
+    // Reasons of states that no entry decided.
+    unconditional,   // reporting: the backend has no conditions
+    serverFailed,    // disabled: the server answered with a 5xx status
+    parentFollowed,  // the state of the parent session's backend
+    promoted,        // reporting: a report promoted the session
 };
+inline constexpr size_t kDecisions = static_cast<size_t>(Decision::promoted) + 1;
+
+// Name of a decision on the wire, as it is spelled above.
+const char* nameOf(Decision decision);
 
 // Called on the thread that calls the backend. All references live for the call, except that a subject lives
 // as long as the bag.

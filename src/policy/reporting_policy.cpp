@@ -6,7 +6,6 @@
 #include "config/device_identity.h"
 #include "policy/absent_text.h"
 #include "policy/client_entry.h"
-#include "policy/decision_trace.h"
 #include "telvora/keys.h"
 #include "util/log.h"
 
@@ -35,7 +34,9 @@ class PolicyUpdate {
     BackendState run();
 
   private:
+    // The last decision of a run is the reason of the state.
     void decided(Decision decision, const Dictionary* subject = nullptr) const {
+        policy_.decision = decision;
         if (situation_.trace == nullptr) return;
         situation_.trace->decided(situation_.backend, decision, subject, policy_);
     }

@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "plist/property_list.h"
+#include "policy/decision_trace.h"
 #include "policy/event_filters.h"
 
 namespace telvora {
 
-class DecisionTrace;
 class DeviceIdentity;
 
 enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, reporting = 2, sampledOut = 3 };
@@ -30,7 +30,8 @@ struct ReportingPolicy {
     // The last state that the bag gave to the session. The state of the backend also changes with its
     // reports.
     BackendState state = BackendState::waitingForUserInfo;
-    const Dictionary* entry = nullptr;  // the entry of "clients" that applied, or null
+    Decision decision = Decision::userInfoMissing;  // the reason of `state`
+    const Dictionary* entry = nullptr;              // the entry of "clients" that applied, or null
     bool batchEvents = false;
     int32_t eventThreshold = 49;  // a batch is flushed above this number of events of a category
     std::optional<double> samplingThreshold;

@@ -14,6 +14,9 @@ namespace telvora {
 // manager's unit.
 inline constexpr char kTelvoradStatusSocketName[] = "com.zandor.telvorad.Status";
 
+// Called once, on any thread.
+using FindingsReply = std::function<void(Dictionary findings)>;
+
 // Its operations are called on any thread, also concurrently.
 class StatusInterface {
   public:
@@ -23,12 +26,14 @@ class StatusInterface {
 
     virtual Dictionary getStatus() = 0;
     virtual Dictionary getDevice() = 0;
+    virtual void diagnose(Dictionary query, FindingsReply reply) = 0;
     virtual void refreshBags(std::function<void(Dictionary bags)> reply) = 0;
 };
 
 inline constexpr auto kGetStatus = method("GetStatus", &StatusInterface::getStatus, {}, {"status"});
 inline constexpr auto kGetDevice = method("GetDevice", &StatusInterface::getDevice, {}, {"properties"});
 inline constexpr auto kRefreshBags = method("RefreshBags", &StatusInterface::refreshBags, {}, {"bags"});
-inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice, kRefreshBags};
+inline constexpr auto kDiagnose = method("Diagnose", &StatusInterface::diagnose, {"query"}, {"findings"});
+inline constexpr std::tuple kStatusMethods{kGetStatus, kGetDevice, kRefreshBags, kDiagnose};
 
 }  // namespace telvora

@@ -15,6 +15,9 @@ inline constexpr char kUsers[] = "users";
 inline constexpr char kBags[] = "bags";
 inline constexpr char kTotals[] = "totals";
 inline constexpr char kHttpPending[] = "httpPending";
+inline constexpr char kServers[] = "servers";
+inline constexpr char kRefusals[] = "refusals";
+inline constexpr char kBefore[] = "before";
 inline constexpr char kPublicKeys[] = "publicKeys";
 
 // Of several parts.
@@ -23,6 +26,10 @@ inline constexpr char kPid[] = "pid";
 inline constexpr char kVersion[] = "version";
 inline constexpr char kClientType[] = "clientType";
 inline constexpr char kState[] = "state";
+inline constexpr char kTime[] = "time";
+inline constexpr char kUrl[] = "url";
+inline constexpr char kHttpStatus[] = "httpStatus";
+inline constexpr char kReason[] = "reason";
 
 // The daemon.
 inline constexpr char kStartTime[] = "startTime";
@@ -49,6 +56,8 @@ inline constexpr char kUnit[] = "unit";
 inline constexpr char kSessionID[] = "sessionID";
 inline constexpr char kUuid[] = "uuid";
 inline constexpr char kLevel[] = "level";
+inline constexpr char kClientName[] = "clientName";
+inline constexpr char kServiceName[] = "serviceName";
 inline constexpr char kToken[] = "token";
 inline constexpr char kHierarchyUser[] = "hierarchyUser";
 inline constexpr char kAggregates[] = "aggregates";
@@ -62,6 +71,7 @@ inline constexpr char kInFlight[] = "inFlight";
 inline constexpr char kHeld[] = "held";  // also of a quota
 inline constexpr char kDelivered[] = "delivered";
 inline constexpr char kLost[] = "lost";
+inline constexpr char kDisabledBecause[] = "disabledBecause";
 
 // A user.
 inline constexpr char kQuotas[] = "quotas";
@@ -72,10 +82,49 @@ inline constexpr char kRefused[] = "refused";
 inline constexpr char kName[] = "name";
 inline constexpr char kAge[] = "age";
 inline constexpr char kMaxAge[] = "maxAge";
+inline constexpr char kFetchTime[] = "fetchTime";
+inline constexpr char kNextFetch[] = "nextFetch";
+inline constexpr char kFailedStep[] = "failedStep";
 inline constexpr char kFetched[] = "fetched";
 
+// A server.
+inline constexpr char kRequests[] = "requests";
+inline constexpr char kFailures[] = "failures";
+inline constexpr char kLast[] = "last";  // also of the refusals
+inline constexpr char kLastFailure[] = "lastFailure";
+
+// The refusals of connections.
+inline constexpr char kNotEntitled[] = "notEntitled";
+inline constexpr char kTooFrequent[] = "tooFrequent";
+inline constexpr char kOverQuota[] = "overQuota";
+
+// The daemon's run before this one.
+inline constexpr char kEndTime[] = "endTime";
+
+// The findings of kDiagnose.
+inline constexpr char kProcess[] = "process";
+inline constexpr char kGroups[] = "groups";
+inline constexpr char kLabel[] = "label";
+inline constexpr char kEntitlement[] = "entitlement";
+inline constexpr char kGranted[] = "granted";
+inline constexpr char kDirectory[] = "directory";
+inline constexpr char kOthers[] = "others";
+inline constexpr char kKeyDirectory[] = "keyDirectory";
+inline constexpr char kFramework[] = "framework";
+inline constexpr char kBagServer[] = "bagServer";
+inline constexpr char kBagServerSetting[] = "bagServerSetting";
+inline constexpr char kEnvironment[] = "environment";
+inline constexpr char kConsent[] = "consent";
+inline constexpr char kCountry[] = "country";
+inline constexpr char kCountrySource[] = "countrySource";
+inline constexpr char kDevice[] = "device";
+inline constexpr char kSettings[] = "settings";
+inline constexpr char kFaults[] = "faults";
+inline constexpr char kKey[] = "key";
+inline constexpr char kSection[] = "section";
+
 // A public key.
-inline constexpr char kFile[] = "file";
+inline constexpr char kFile[] = "file";  // also of an entitlement
 inline constexpr char kFingerprint[] = "fingerprint";
 inline constexpr char kProblem[] = "problem";
 

@@ -41,6 +41,11 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
             }
         }
         account.set(status::kLost, std::move(lost));
+        Dictionary reasons;
+        for (size_t i = 0; i < kDecisions; ++i) {
+            if (tally.disabledBecause[i] > 0) reasons.set(nameOf(Decision(i)), tally.disabledBecause[i]);
+        }
+        if (!reasons.empty()) account.set(status::kDisabledBecause, std::move(reasons));
         described.set(name, std::move(account));
     }
     return described;
@@ -54,13 +59,19 @@ Dictionary TelvoradSession::status() const {
          static_cast<long long>(sessionInfo()->wrappedInteger(kTelvoraSessionInfoClientType).value_or(0))},
         {status::kLevel, static_cast<long long>(hierarchyLevel())},
         {status::kAggregates, hasAggregator()}};
+    const UserInfo user = userInfo();
+    if (const auto name = userInfoText(user.get(), kTelvoraUserInfoClientName))
+        status.set(status::kClientName, *name);
+    if (const auto name = userInfoText(user.get(), kTelvoraUserInfoServiceName))
+        status.set(status::kServiceName, *name);
     if (const auto token = hierarchyToken()) {
         status.set(status::kToken, *token);
         status.set(status::kHierarchyUser, static_cast<long long>(hierarchyUser()));
     }
     Dictionary backends;
     for (const auto& [name, backend] : backendStates()) {
-        Dictionary described{{status::kState, nameOf(backend.state)}};
+        Dictionary described{{status::kState, nameOf(backend.state)},
+                             {status::kReason, nameOf(backend.reason)}};
         if (backend.samplingThreshold) described.set(status::kSamplingThreshold, *backend.samplingThreshold);
         backends.set(name, std::move(described));
     }

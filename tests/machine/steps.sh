@@ -85,6 +85,10 @@ activation_and_reports() {
     step "status is for administrators"
     as admin telvoractl status
     ! as app telvoractl status >/dev/null 2>&1 || fail "answered a client"
+    step "the doctor names the group that a stranger lacks, and finds a client in order"
+    ! as stranger telvoractl doctor --client-type 8 >/tmp/doctor || fail "found a stranger in order"
+    expect "the missing group" grep "^11 .* is not in that group" /tmp/doctor
+    expect "no failed step" as app telvoractl doctor --client-type 8 --client-name tester
 }
 
 consent() {

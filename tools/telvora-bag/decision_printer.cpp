@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "policy/reporting_policy.h"
 #include "telvora-bag/texts.h"
 
 namespace telvora::bag {
@@ -17,13 +18,18 @@ std::string text(const std::optional<std::string>& value) {
 
 void DecisionPrinter::decided(const std::string& /*backend*/, Decision decision, const Dictionary* subject,
                               const ReportingPolicy& soFar) {
+    out_ << "  " << lineOf(decision, subject, soFar) << '\n';
+}
+
+std::string DecisionPrinter::lineOf(Decision decision, const Dictionary* subject,
+                                    const ReportingPolicy& soFar) const {
     const auto entry =
         std::find_if(clients_->begin(), clients_->end(), [subject](const PropertyList& element) {
             return subject != nullptr && element.getIf<Dictionary>() == subject;
         });
-    out_ << "  ";
-    if (entry != clients_->end()) out_ << "clients[" << entry - clients_->begin() << "]: ";
-    out_ << reasonFor(decision, subject != nullptr ? *subject : Dictionary(), soFar) << '\n';
+    const std::string place =
+        entry != clients_->end() ? "clients[" + std::to_string(entry - clients_->begin()) + "]: " : "";
+    return place + reasonFor(decision, subject != nullptr ? *subject : Dictionary(), soFar);
 }
 
 std::string DecisionPrinter::session() const {
@@ -88,6 +94,11 @@ std::string DecisionPrinter::reasonFor(Decision decision, const Dictionary& subj
         case Decision::beyondOverride:
             return draw + " is above the sampling threshold " + threshold + " and above override_sampling " +
                    numberText(soFar.overrideSampling.value_or(0));
+        case Decision::unconditional:
+        case Decision::serverFailed:
+        case Decision::parentFollowed:
+        case Decision::promoted:
+            break;  // later changes of a state
     }
     return "";
 }

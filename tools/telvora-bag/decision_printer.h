@@ -7,7 +7,7 @@
 #include <string>
 
 #include "policy/decision_trace.h"
-#include "telvora-bag/dry_run.h"
+#include "telvora-bag/scenario.h"
 
 namespace telvora::bag {
 
@@ -20,6 +20,9 @@ class DecisionPrinter final : public DecisionTrace {
     void setIdentity(const DeviceIdentity& identity) { identity_ = &identity; }
     // The entries that the next decisions refer to. They must outlive those decisions.
     void begin(const Array& clients) { clients_ = &clients; }
+
+    // The text of a decision, in one line: "clients[0]: ...".
+    std::string lineOf(Decision decision, const Dictionary* subject, const ReportingPolicy& soFar) const;
 
     void decided(const std::string& backend, Decision decision, const Dictionary* subject,
                  const ReportingPolicy& soFar) override;

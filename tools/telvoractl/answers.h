@@ -38,6 +38,11 @@ class Answers {
             changed_.notify_all();
         };
     }
+    // The first failure of a call, if there was one.
+    std::optional<CallFailure> failure() {
+        const std::lock_guard lock(mutex_);
+        return failure_;
+    }
     // The reason why expectOne() or wait() returned false: an exit status, after a line on standard error.
     int report();
 

@@ -42,6 +42,7 @@ Command addConsentCommand(CLI::App& app, const CommonOptions& common);
 Command addDashboardSendCommand(CLI::App& app, const CommonOptions& common);
 Command addDefaultsCommand(CLI::App& app, const CommonOptions& common);
 Command addDeviceCommand(CLI::App& app, const CommonOptions& common);
+Command addDoctorCommand(CLI::App& app, const CommonOptions& common);
 Command addFlushCommand(CLI::App& app, const CommonOptions& common);
 Command addLogCommand(CLI::App& app, const CommonOptions& common);
 Command addOneshotCommand(CLI::App& app, const CommonOptions& common);

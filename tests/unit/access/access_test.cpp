@@ -23,6 +23,12 @@ TEST(Peer, IsWhoMadeTheSocketPair) {
     EXPECT_THAT(peer->groups, testing::UnorderedElementsAreArray(groups));
     EXPECT_EQ(peer->description(), "pid " + std::to_string(getpid()) + ", uid " + std::to_string(geteuid()));
 
+    const auto process = peerOfProcess(getpid());
+    ASSERT_TRUE(process);
+    EXPECT_EQ(std::tie(process->uid, process->gid, process->groups),
+              std::tie(peer->uid, peer->gid, peer->groups));
+    EXPECT_FALSE(peerOfProcess(-1));
+
     EXPECT_FALSE(readPeer(-1));
     for (const int family : {AF_UNIX, AF_INET})
         EXPECT_FALSE(readPeer(UniqueFd(socket(family, SOCK_STREAM, 0)).get()));

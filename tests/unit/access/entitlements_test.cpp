@@ -96,7 +96,12 @@ TEST_F(EntitlementsTest, LaterFilesOverrideEarlierOnesAndChangesCountAtOnce) {
     forOthers.set("User", 12345);
     write("95-others.plist", forOthers);
     write("99-other.txt", grant("ignored"));
-    EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList("last"));
+    EntitlementDecision decision;
+    EXPECT_EQ(store_.valueForEntitlement(peer_, kName, &decision), PropertyList("last"));
+    EXPECT_EQ(decision.file.filename(), "9-last.plist");
+    ASSERT_EQ(decision.others.size(), 2u);
+    EXPECT_EQ(decision.others[0].reason, "it does not name the entitlement");
+    EXPECT_EQ(decision.others[1].reason, "its \"User\" is another one");
     std::filesystem::remove(directory_.path() / "entitlements.d/9-last.plist");
     EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList(false));
     EXPECT_EQ(store_.valueForEntitlement(peer_, "other"), PropertyList("kept"));

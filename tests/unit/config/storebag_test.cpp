@@ -86,7 +86,7 @@ TEST(SignedBag, OpensNothingElse) {
     for (const auto& [text, publicKeys, beginnings] : cases) {
         SCOPED_TRACE(text);
         const LogCapture log;
-        EXPECT_EQ(openSignedBag(text, publicKeys), std::nullopt);
+        EXPECT_FALSE(openSignedBag(text, publicKeys));
         EXPECT_THAT(log.lines(), testing::Pointwise(StartsWithOther(), beginnings));
     }
 }
@@ -224,6 +224,8 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     f.answer = FakeHttpClient::response(500, "broken");
     EXPECT_EQ(f.fetch("quillet"), std::nullopt);
     EXPECT_EQ(f.status.maxAge, 86400);
+    EXPECT_EQ(f.status.report.url, kBase + "/quillet");
+    EXPECT_EQ(f.status.report.fault.reason, "the server answered 500");
 }
 
 TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {

@@ -186,11 +186,12 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
     world.random = 0.6;
     const struct {
         double parents, own;  // thresholds
-        const char* state;
+        const char *state, *reason;
         double threshold;
-    } cases[] = {{0.7, 0.8, "reporting", 0.7},
-                 {0.5, 0.8, "sampledOut", 0.5},
-                 {0.7, 0.5, "sampledOut", 0.5}};  // a backend that is sampled out itself follows nobody
+    } cases[] = {
+        {0.7, 0.8, "reporting", "parentFollowed", 0.7},
+        {0.5, 0.8, "sampledOut", "parentFollowed", 0.5},
+        {0.7, 0.5, "sampledOut", "sampledOut", 0.5}};  // a backend that is sampled out itself follows nobody
     for (const auto& c : cases) {
         std::shared_ptr<FakeConnection> family[2];
         for (const int level : {0, 1}) {
@@ -200,7 +201,7 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
             family[level] = world.connectConfigured(3, {{"sampled", level}});
         }
         EXPECT_EQ(*family[1]->session().status().dictionary("backends")->dictionary("httpPost"),
-                  (Dictionary{{"state", c.state}, {"samplingThreshold", c.threshold}}));
+                  (Dictionary{{"state", c.state}, {"reason", c.reason}, {"samplingThreshold", c.threshold}}));
         EXPECT_THAT(states(*family[1]), testing::Optional(testing::ElementsAre("httpPost")));
         for (const auto& member : family)
             member->invalidate();

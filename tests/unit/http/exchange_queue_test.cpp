@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "http/http_request_rules.h"
+#include "http/server_outcomes.h"
 
 namespace telvora {
 namespace {
@@ -91,6 +92,22 @@ TEST(ExchangeQueue, KnowsAServerByEachOfItsUrls) {
         EXPECT_EQ(serverOfUrl(url), "http://host:80") << url;
     EXPECT_EQ(serverOfUrl("https://[FE80::1]/"), "https://[fe80::1]:443");
     EXPECT_EQ(serverOfUrl("https://[::1]:8443"), "https://[::1]:8443");
+}
+
+TEST(ServerOutcomes, RemembersFailuresByAddressAndForgetsTheOldest) {
+    ServerOutcomes outcomes;
+    const HttpResult failure = tl::unexpected(HttpError{7, "no route"});
+    for (const auto& [status, failures] : {std::pair(200, 0u), {304, 0u}, {404, 1u}, {503, 2u}, {299, 2u}}) {
+        outcomes.record("http://h/?1", HttpResponse{status, {}, {}}, status);
+        EXPECT_EQ(outcomes.addresses()[0].failures, failures) << status;
+    }
+    EXPECT_EQ(outcomes.addresses()[0].lastFailure->status, 503);
+    for (int i = 0; i < 64; ++i)
+        outcomes.record("http://new/" + std::to_string(i), failure, 1000 + i);
+    const auto all = outcomes.addresses();
+    EXPECT_EQ(all.size(), ServerOutcomes::kMaxAddresses);
+    EXPECT_EQ(all[0].url, "http://new/0");
+    EXPECT_EQ(all[0].lastFailure->reason, "no route");
 }
 
 }  // namespace
