@@ -34,6 +34,8 @@ struct ServerResponse {
         whole,     // the complete answer
         halfBody,  // the header promises the whole body; the connection ends after half of it
         noAnswer,  // the connection ends without an answer
+        reset,     // the same, by a reset
+        drip,      // the whole answer, ten bytes of it a second
     };
 
     int status = 200;
