@@ -295,7 +295,7 @@ class Soak {
         }
         endQuietly();
         if (books_.repeatedCount() > 0)
-            problem(fmt::format("{} reports arrived again", books_.repeatedCount()));
+            problem(fmt::format("{} reports arrived again though answered", books_.repeatedCount()));
         for (const std::string& text : books_.problems())
             problem(text);
     }
@@ -335,7 +335,8 @@ class Soak {
         row("reports begun by clients", sent_);
         row("acknowledged, at least", acknowledged_);
         row("arrived", books_.receivedCount());
-        row("arrived again", books_.repeatedCount());
+        row("arrived again though answered", books_.repeatedCount());
+        row("arrived again after no answer", books_.retriedCount());
         std::cout << "ledger of the daemons that answered last\n";
         row("accepted", accepted_);
         row("delivered", delivered_);

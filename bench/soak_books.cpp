@@ -75,20 +75,23 @@ lab::ServerResponse Books::handle(const lab::ServerRequest& request) {
         return {};
     }
     const ServerFault fault = ++messages_ % 3 == 0 ? fault_ : ServerFault::none;
-    entryOf(page_, fault) += message->events->size();
+    uint64_t& entry = entryOf(page_, fault);
+    entry += message->events->size();
+    const bool answered = &entry != &page_.noAnswer;
     for (const Dictionary& event : *message->events) {
-        if (const auto number = event.integer(kNumberKey)) record(static_cast<uint64_t>(*number));
+        if (const auto number = event.integer(kNumberKey)) record(static_cast<uint64_t>(*number), answered);
     }
     return answerWith(fault);
 }
 
-void Books::record(uint64_t number) {
-    std::vector<bool>& numbers = numbers_[number >> kClientShift];
+void Books::record(uint64_t number, bool answered) {
+    std::vector<Mark>& numbers = numbers_[number >> kClientShift];
     const uint64_t index = number & ((uint64_t{1} << kClientShift) - 1);
     if (index >= numbers.size()) numbers.resize(index + 1);
-    ++(numbers[index] ? repeated_ : received_);
-    if (!numbers[index] && categoryOf(number) != kListedCategory) ++page_.numbered;
-    numbers[index] = true;
+    Mark& mark = numbers[index];
+    if (mark == Mark::none && categoryOf(number) != kListedCategory) ++page_.numbered;
+    ++(mark == Mark::none ? received_ : mark == Mark::answered ? repeated_ : retried_);
+    if (mark != Mark::answered) mark = answered ? Mark::answered : Mark::unanswered;
 }
 
 Page Books::page() const {
@@ -100,7 +103,8 @@ bool Books::received(uint64_t number) const {
     const MutexLock lock(lock_);
     const auto numbers = numbers_.find(number >> kClientShift);
     const uint64_t index = number & ((uint64_t{1} << kClientShift) - 1);
-    return numbers != numbers_.end() && index < numbers->second.size() && numbers->second[index];
+    return numbers != numbers_.end() && index < numbers->second.size() &&
+           numbers->second[index] != Mark::none;
 }
 
 uint64_t Books::receivedCount() const {
@@ -111,6 +115,11 @@ uint64_t Books::receivedCount() const {
 uint64_t Books::repeatedCount() const {
     const MutexLock lock(lock_);
     return repeated_;
+}
+
+uint64_t Books::retriedCount() const {
+    const MutexLock lock(lock_);
+    return retried_;
 }
 
 std::vector<std::string> Books::problems() const {

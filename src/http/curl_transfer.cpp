@@ -80,8 +80,6 @@ CurlTransfer& CurlTransfer::of(const CurlLibrary& curl, CURL* handle) {
 void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_PRIVATE, this);
     curl_.easySetopt(easy_, CURLOPT_ERRORBUFFER, errorText_.data());
-    curl_.easySetopt(easy_, CURLOPT_PREREQFUNCTION, &CurlTransfer::onSend);
-    curl_.easySetopt(easy_, CURLOPT_PREREQDATA, this);
     curl_.easySetopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTransfer::onHeader);
     curl_.easySetopt(easy_, CURLOPT_HEADERDATA, this);
     curl_.easySetopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::onBody);
@@ -115,7 +113,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     exchange_->carrier = this;
     response_ = {};
     headerBytes_ = bodyBytes_ = 0;
-    tooLong_ = sent_ = endedUnanswered_ = false;
+    tooLong_ = false;
     errorText_.front() = '\0';
 
     const HttpRequest& request = exchange_->request;
@@ -181,16 +179,6 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
     return headerList_.data();
 }
 
-// libcurl repeats a request when a kept connection ends without an answer. The server may have acted on the
-// first one, so only a request without an effect may be repeated (RFC 9110, section 9.2.2).
-int CurlTransfer::onSend(void* self, char*, char*, int, int) noexcept {
-    auto& transfer = *static_cast<CurlTransfer*>(self);
-    const std::string& method = transfer.exchange_->request.method;
-    transfer.endedUnanswered_ = transfer.sent_ && method != "GET" && method != "HEAD";
-    transfer.sent_ = true;
-    return transfer.endedUnanswered_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
-}
-
 size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self) noexcept {
     auto& transfer = *static_cast<CurlTransfer*>(self);
     transfer.headerBytes_ += size * count;
@@ -238,7 +226,6 @@ bool CurlTransfer::shouldStartAgain(CURLcode code) {
     long newConnections = 0;
     curl_.easyGetinfo(easy_, CURLINFO_NUM_CONNECTS, &newConnections);
     if (code != CURLE_SEND_ERROR || newConnections > 0 || headerBytes_ > 0) return false;
-    sent_ = false;
     return curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
 }
 
@@ -251,9 +238,6 @@ bool CurlTransfer::isMultiplexed() const {
 HttpResult CurlTransfer::end(CURLcode code) {
     if (tooLong_ || code == CURLE_FILESIZE_EXCEEDED) {
         return tl::unexpected(makeHttpError(CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"));
-    }
-    if (endedUnanswered_) {
-        return tl::unexpected(makeHttpError(CURLE_GOT_NOTHING, curl_.easyStrerror(CURLE_GOT_NOTHING)));
     }
     if (code != CURLE_OK) {
         const bool explained = errorText_.front() != '\0';

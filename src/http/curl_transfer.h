@@ -43,7 +43,7 @@ class CurlTransfer {
 
     // Whether the exchange failed because a kept connection turned out to be closed before the request was
     // sent. Then no server can have acted on it (RFC 9112, section 9.3.1), and the handle is set up for a new
-    // connection. libcurl itself retries only requests that were sent whole; onSend() stops it.
+    // connection. libcurl itself retries only requests that were sent whole.
     bool shouldStartAgain(CURLcode code);
     // Whether the server carries several exchanges over one connection (HTTP/2).
     bool isMultiplexed() const;
@@ -53,7 +53,6 @@ class CurlTransfer {
     std::unique_ptr<HttpExchange> release();
 
   private:
-    static int onSend(void* self, char*, char*, int, int) noexcept;
     static size_t onHeader(char* data, size_t size, size_t count, void* self) noexcept;
     static size_t onBody(char* data, size_t size, size_t count, void* self) noexcept;
     void readHeader(std::string_view line);
@@ -68,8 +67,6 @@ class CurlTransfer {
     size_t headerBytes_ = 0;
     size_t bodyBytes_ = 0;
     bool tooLong_ = false;
-    bool sent_ = false;
-    bool endedUnanswered_ = false;
     std::array<char, CURL_ERROR_SIZE> errorText_{};
     std::string headerText_;              // the request's header lines, each zero-terminated
     std::vector<curl_slist> headerList_;  // nodes that point into headerText_

@@ -154,27 +154,6 @@ TEST(CurlHttpClient, SendsAgainWhatAKeptConnectionWasClosedUnder) {
     EXPECT_EQ(connections, 2);
 }
 
-TEST(CurlHttpClient, RepeatsNoPostThatAServerMayHaveTaken) {
-    std::atomic<int> requests = 0;
-    ScriptedServer server([&](Connection& connection) {
-        // A fresh connection answers one request and takes another without an answer.
-        for (int i = 0; i < 2 && !connection.readRequest().empty(); ++i) {
-            ++requests;
-            if (i == 0) connection.send(kOk);
-        }
-    });
-    const auto client = makeCurlHttpClient();
-    const auto result = [&](const char* method) {
-        return errorCode(startIn(*client, {.method = method, .url = server.url(), .body = "x"}).get());
-    };
-    EXPECT_EQ(result("POST"), 0);
-    EXPECT_EQ(result("POST"), kEmptyReply);
-    EXPECT_EQ(requests, 2);
-    EXPECT_EQ(result("POST"), 0);
-    EXPECT_EQ(result("GET"), 0) << "repeated";
-    EXPECT_EQ(requests, 5);
-}
-
 TEST(CurlHttpClient, TimesOutUnderWayAndInLine) {
     ScriptedServer server(hang);
     auto client = makeCurlHttpClient({.maxConnectionsPerHost = 1});
