@@ -10,14 +10,18 @@
 #include <string>
 #include <thread>
 
+#include "attacks.h"
+#include "canary.h"
 #include "completion/program.h"
 #include "load.h"
+#include "peers.h"
 #include "platform/descriptor_limit.h"
 #include "process_figures.h"
 #include "profile.h"
 #include "sending.h"
 #include "service.h"
 #include "sessions.h"
+#include "soak.h"
 #include "telvora-lab/event_json.h"
 #include "tests/support/bags.h"
 #include "world.h"
@@ -133,6 +137,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     constexpr int kUsageError = 2;
+    if (const auto status = telvora::bench::runAsPeer({argv, argv + argc})) return *status;
     telvora::bench::Options options;
     telvora::bench::SessionsOptions sessions;
     CLI::App app("Sends reports through the real daemon to an HTTPS server and prints the figures as JSON.");
@@ -187,6 +192,25 @@ int main(int argc, char** argv) {
     serviceMode
         ->add_option("--idle-minutes", service.idleMinutes, "Minutes in which idle daemons are observed")
         ->check(CLI::Range(0.01, 1440.0));
+    telvora::bench::SoakOptions soak;
+    CLI::App* soakMode =
+        app.add_subcommand("soak", "Compare all books of reports under kills, faults and attacks.");
+    soakMode->add_option("--seconds", soak.seconds, "Seconds of the run")->check(CLI::Range(10.0, 1e6));
+    soakMode
+        ->add_option("--reports", soak.reports, "End after so many reports have arrived instead; 0: do not")
+        ->check(CLI::Range(0, 1'000'000'000));
+    soakMode->add_option("--seed", soak.seed, "Decides on the order of all disturbances");
+    soakMode->add_flag("--verbose", soak.verbose, "Print each disturbance to standard error");
+    telvora::bench::CanaryOptions canary;
+    CLI::App* canaryMode =
+        app.add_subcommand("canary", "Measure a client's service during attacks by another user.");
+    std::vector<std::string> names;
+    for (const telvora::bench::Attack& attack : telvora::bench::allAttacks())
+        names.emplace_back(attack.name);
+    canaryMode->add_option("--attack", canary.attacks, "One attack only; repeatable")
+        ->check(CLI::IsMember(names));
+    canaryMode->add_option("--seconds", canary.seconds, "Seconds of each measurement")
+        ->check(CLI::Range(0.5, 3600.0));
     if (const auto status = telvora::parseCommandLine(app, argc, argv, kUsageError)) return *status;
     if (peers) options.load.record = telvora::bench::kPeersRecord;
     telvora::raiseDescriptorLimit();
@@ -203,6 +227,8 @@ int main(int argc, char** argv) {
             std::cout << telvora::lab::toJson(telvora::bench::measureService(service), true) << std::endl;
             return 0;
         }
+        if (*soakMode) return telvora::bench::soak(soak);
+        if (*canaryMode) return telvora::bench::measureCanary(canary);
         return telvora::bench::run(options);
     } catch (const std::exception& error) {
         std::cerr << "telvora-bench: " << error.what() << '\n';

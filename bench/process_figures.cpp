@@ -25,6 +25,12 @@ int64_t field(const std::filesystem::path& file, const std::string& name) {
     return 0;
 }
 
+size_t entriesOf(const std::filesystem::path& directory) {
+    std::error_code ignored;
+    const std::filesystem::directory_iterator entries(directory, ignored);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
 }  // namespace
 
 double cpuSeconds(pid_t pid) {
@@ -46,6 +52,14 @@ double cpuSeconds(pid_t pid) {
 Memory memoryOf(pid_t pid) {
     return {field(folder(pid) / "status", "VmRSS"), field(folder(pid) / "status", "VmHWM"),
             field(folder(pid) / "smaps_rollup", "Pss")};
+}
+
+size_t descriptorsOf(pid_t pid) {
+    return entriesOf(folder(pid) / "fd");
+}
+
+size_t threadsOf(pid_t pid) {
+    return entriesOf(folder(pid) / "task");
 }
 
 Wakeups wakeupsOf(pid_t pid) {

@@ -21,6 +21,10 @@ struct Memory {
 };
 Memory memoryOf(pid_t pid);
 
+// The numbers of open descriptors and of threads.
+size_t descriptorsOf(pid_t pid);
+size_t threadsOf(pid_t pid);
+
 // The count of voluntary context switches of each current thread.
 using Wakeups = std::map<std::string, int64_t>;
 Wakeups wakeupsOf(pid_t pid);

@@ -32,6 +32,19 @@ World::World(const Dictionary& bag) {
     laboratory_->setBag("dravik", bag);
 }
 
+void World::letIn(std::initializer_list<uid_t> users) const {
+    std::filesystem::create_directories(directory() / "run");
+    for (const auto& path : {directory(), directory() / "run"})
+        std::filesystem::permissions(path, std::filesystem::perms(0755));
+    for (const uid_t user : users) {
+        const std::string id = std::to_string(user);
+        directory_.write("config/entitlements.d/" + id + ".plist",
+                         "<plist version=\"1.0\"><dict><key>User</key><integer>" + id +
+                             "</integer><key>Entitlements</key><dict><key>com.zandor.private.telvorad</key>"
+                             "<true/></dict></dict></plist>");
+    }
+}
+
 std::unique_ptr<test::DaemonProcess> World::launch(
     const std::function<void(test::DaemonOptions&)>& change) const {
     test::DaemonOptions options{directory_.path(), *laboratory_};

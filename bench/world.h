@@ -3,7 +3,9 @@
 // World: the servers that a daemon needs, and the daemons under measurement.
 #pragma once
 
+#include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -23,6 +25,10 @@ class World {
     explicit World(const Dictionary& bag);
 
     lab::Laboratory& laboratory() { return *laboratory_; }
+    // The directory of the daemons' directories run/, state/, config/ and logs/.
+    const std::filesystem::path& directory() const { return directory_.path(); }
+    // Lets these users' programs reach the daemons' sockets, and entitles them.
+    void letIn(std::initializer_list<uid_t> users) const;
     // Starts a daemon with the log level of the field and without quotas, after `change`. Its directories
     // belong to this object, so that a daemon finds its predecessor's files.
     std::unique_ptr<test::DaemonProcess> launch(

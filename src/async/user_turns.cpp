@@ -15,12 +15,6 @@ namespace telvora {
 
 namespace {
 
-uint64_t milliseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
-}
-
 // The turns that wait in one event loop. asio makes one for each loop, and destroys it with the loop.
 class TurnQueue final : public asio::execution_context::service {
   public:
@@ -77,6 +71,12 @@ class TurnQueue final : public asio::execution_context::service {
 asio::execution_context::id TurnQueue::id;
 
 }  // namespace
+
+uint64_t UserTurns::milliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
 
 void UserTurns::add(size_t bytes) {
     const uint64_t now = milliseconds();

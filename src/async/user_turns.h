@@ -20,13 +20,22 @@ namespace telvora {
 
 class UserTurns {
   public:
-    // A user is busy after this number of bytes of input within kWindowMilliseconds.
+    // A user is busy after this number of bytes of input within kWindowMilliseconds. The time of turns
+    // counts, too: a small call can cost much.
     static constexpr uint64_t kBusyBytes = uint64_t{256} << 10;
+    static constexpr uint64_t kBusyMilliseconds = 20;
     static constexpr uint64_t kWindowMilliseconds = 100;
 
     // Counts input of the user.
     void add(size_t bytes);
+    // Counts the length of a turn.
+    void addTime(uint64_t milliseconds) {
+        if (milliseconds > 0) add(milliseconds * (kBusyBytes / kBusyMilliseconds));
+    }
     bool isBusy() const;
+    // The coarse monotonic clock, which costs a few nanoseconds. It ticks every few milliseconds: a turn's
+    // share of the ticks is its share of the time.
+    static uint64_t milliseconds();
 
     // Runs `turn` on the strand, when it is the turn of `user` on the strand's loop. Dropped if the loop
     // ends.

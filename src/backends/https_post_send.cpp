@@ -3,8 +3,8 @@
 // Drops, holds or posts a report; flushes the batch.
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
-#include "backends/outgoing_feed.h"
 #include "config/client_type.h"
+#include "outgoing/outgoing_feed.h"
 #include "policy/absent_text.h"
 #include "telvora/keys.h"
 #include "util/log.h"

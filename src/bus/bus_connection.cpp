@@ -26,8 +26,10 @@ namespace telvora {
 
 namespace {
 
-// Length of one turn of a strand; a turn of small messages takes well under a millisecond.
+// Length of one turn of a strand; a turn of small messages takes well under a millisecond. The message that
+// is handled at the end of the time is the turn's last.
 constexpr int kMessagesPerTurn = 256;
+constexpr uint64_t kMillisecondsPerTurn = 4;
 // Keeps both ends busy.
 constexpr int kSendBufferBytes = 256 << 10;
 constexpr char kPeerClosed[] = "the peer has closed the connection";
@@ -113,9 +115,11 @@ void BusConnection::receiveInTurn() {
 
 void BusConnection::turn() {
     const auto self = shared_from_this();
+    const uint64_t begin = UserTurns::milliseconds();
     inTurn_ = true;
-    const bool goesOn = (state_ == State::ready || authenticate()) && handleMessages();
+    const bool goesOn = (state_ == State::ready || authenticate()) && handleMessages(begin);
     inTurn_ = false;
+    if (userTurns_) userTurns_->addTime(UserTurns::milliseconds() - begin);
     if (state_ == State::closed) return;
     if (!input_.keepRest() && !violation_) violation_ = "too much input of the peer's user waits";
     if (violation_) return end(*violation_);
@@ -154,9 +158,10 @@ bool BusConnection::authenticate() {
     return true;
 }
 
-// Handles the messages that are there. True if some were left for the next turn.
-bool BusConnection::handleMessages() {
+// Handles the messages that are there. True if some were left for the next turn. `begin`: of the turn.
+bool BusConnection::handleMessages(uint64_t begin) {
     for (int i = 0; i < kMessagesPerTurn; ++i) {
+        if (i > 0 && UserTurns::milliseconds() - begin >= kMillisecondsPerTurn) break;
         if (readPaused()) return true;
         if (mayHandle_ && input_.hasMessage() && !mayHandle_()) {
             admissionAwaited_ = true;
@@ -231,10 +236,12 @@ void BusConnection::waitForMore() {
     const bool hasMessage = state_ == State::ready && input_.hasMessage();
     if (!hasMessage && !inputEnded_) return waitFor(kRead);
     if (std::exchange(turnPosted_, true)) return;
-    asio::post(strand_, [self = shared_from_this()] {
+    const auto next = [self = shared_from_this()] {
         self->turnPosted_ = false;
         if (self->isOpen()) self->turn();
-    });
+    };
+    userTurns_ && userTurns_->isBusy() ? UserTurns::queue(userTurns_, strand_, next)
+                                       : asio::post(strand_, next);
 }
 
 void BusConnection::waitFor(Wait wait) {

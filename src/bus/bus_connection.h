@@ -195,7 +195,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void receiveInTurn();
     void turn();
     bool authenticate();
-    bool handleMessages();
+    bool handleMessages(uint64_t begin);
     bool readPaused() const;
     void flush();
     void flushSoon();

@@ -21,12 +21,12 @@
 #include "daemon/keep_alive_transaction.h"
 #include "daemon/listener.h"
 #include "daemon/listening_socket.h"
-#include "daemon/outgoing_taps.h"
 #include "daemon/settings.h"
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
 #include "outbox/stored_outbox.h"
+#include "outgoing/outgoing_taps.h"
 #include "platform/directories.h"
 #include "platform/power_log.h"
 

@@ -13,7 +13,7 @@
 #include "access/peer.h"
 #include "access/user_quotas.h"
 #include "async/work_pool.h"
-#include "backends/outgoing_feed.h"
+#include "outgoing/outgoing_feed.h"
 #include "protocol/status_interface.h"
 #include "util/unique_fd.h"
 

@@ -104,7 +104,7 @@ std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarch
     int64_t level, const SessionList& sessions) const {
     if (&sessions == indexedList_) {
         const auto found = index_.find(level);
-        return found != index_.end() ? found->second : nullptr;
+        return found != index_.end() ? found->second.first : nullptr;
     }
     const auto found = std::find_if(sessions.begin(), sessions.end(),
                                     [&](const auto& session) { return session->hierarchyLevel() == level; });
@@ -132,19 +132,46 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
                     session.sessionID(), token->c_str());
         return std::nullopt;
     }
-    std::vector<std::string_view> ids;  // of the ancestors, nearest first; they live as long as the list
-    for (int64_t ancestorLevel = level - 1; ancestorLevel >= 0; --ancestorLevel) {
-        const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, *sessions);
-        if (!ancestor) {
-            TELVORA_LOG(
-                kLogInfo,
-                "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '%s'",
-                dotted(ids).value_or("").c_str());
-            break;
-        }
-        ids.push_back(ancestor->sessionIDString());
+    const Level parents = parentsPath(level, *sessions);
+    if (!parents.complete) {
+        TELVORA_LOG(
+            kLogInfo,
+            "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '%s'",
+            parents.path.c_str());
     }
-    return dotted(ids);
+    return parents.first ? std::optional(parents.path) : std::nullopt;
+}
+
+SessionHierarchies::Level SessionHierarchies::parentsPath(int64_t level, const SessionList& sessions) const {
+    if (&sessions == indexedList_) {
+        const auto parent = index_.find(level - 1);
+        return parent != index_.end() ? parent->second : Level{nullptr, {}, level <= 0};
+    }
+    Level parents{level > 0 ? getFirstSessionWithHierarchy(level - 1, sessions) : nullptr};
+    std::vector<std::string_view> ids;  // of the ancestors, nearest first; they live as long as the list
+    for (int64_t ancestorLevel = level - 1; ancestorLevel >= 0 && parents.complete; --ancestorLevel) {
+        const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, sessions);
+        parents.complete = ancestor != nullptr;
+        if (ancestor) ids.push_back(ancestor->sessionIDString());
+    }
+    parents.path = dotted(ids).value_or("");
+    return parents;
+}
+
+// In one pass from the top, so that an update of a deep hierarchy does not walk up from each session.
+void SessionHierarchies::indexLevels(const SessionList& sessions) {
+    for (const auto& member : sessions)
+        index_.try_emplace(member->hierarchyLevel(), Level{member});
+    const Level* above = nullptr;
+    for (auto& [number, level] : index_) {
+        if (number < 0) continue;
+        const bool follows = number > 0 && index_.contains(number - 1);
+        level.complete = number == 0 || (follows && above->complete);
+        level.path = follows ? above->path + "." : "";
+        level.path += level.first->sessionIDString();
+        above = &level;
+    }
+    indexedList_ = &sessions;
 }
 
 std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const TelvoradSession& child)
@@ -212,11 +239,7 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
 
     const RecursiveMutexLock lock(lock_);
     const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
-    if (sessions != nullptr) {
-        for (const auto& member : *sessions)
-            index_.try_emplace(member->hierarchyLevel(), member);
-        indexedList_ = sessions;
-    }
+    if (sessions != nullptr) indexLevels(*sessions);
     updateListedSessions(session, sessions);
     indexedList_ = nullptr;
     index_.clear();

@@ -64,12 +64,22 @@ class SessionHierarchies {
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
     using Lists = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
 
-    // The first session of each level of a list.
-    using LevelIndex = std::map<int64_t, std::shared_ptr<TelvoradSession>>;
+    // The first session of a level of a list.
+    struct Level {
+        std::shared_ptr<TelvoradSession> first;
+        // The dotted IDs of the first sessions of this level and those above it, top first, down from the
+        // last gap.
+        std::string path = {};
+        bool complete = true;  // whether no level above lacks a session
+    };
+    using LevelIndex = std::map<int64_t, Level>;
 
     const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     bool isListed(const TelvoradSession& session, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
     void updateListedSessions(TelvoradSession& session, const SessionList* sessions) TELVORA_REQUIRES(lock_);
+    void indexLevels(const SessionList& sessions) TELVORA_REQUIRES(lock_);
+    // The path of the level above, if the list is indexed or not; empty if that level has no session.
+    Level parentsPath(int64_t level, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
     bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     void removeFromList(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);

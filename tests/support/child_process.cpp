@@ -2,6 +2,7 @@
 #include "tests/support/child_process.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -120,6 +121,8 @@ ChildProcess::ChildProcess(const ChildProcessOptions& options, std::string_view 
         dup2(inputRead.get(), STDIN_FILENO);
         dup2(outputWrite.get(), STDOUT_FILENO);
         dup2(errorWrite.get(), STDERR_FILENO);
+        // Sockets of other libraries in this process have no close-on-exec flag.
+        close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }

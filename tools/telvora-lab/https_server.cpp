@@ -54,10 +54,17 @@ void answer(const httplib::Request& request, const ServerResponse& from, httplib
         case ServerResponse::Ending::noAnswer:
             ::shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
             return;
-        case ServerResponse::Ending::reset:
-            // Linux resets a connection that is dissolved by an address of no family.
-            const sockaddr none{.sa_family = AF_UNSPEC, .sa_data = {}};
-            ::connect(SSL_get_fd(request.ssl), &none, sizeof none);
+        case ServerResponse::Ending::reset: {
+            const sockaddr nobody{AF_UNSPEC, {}};  // tcp(7): dissolves the connection
+            ::connect(SSL_get_fd(request.ssl), &nobody, sizeof nobody);
+            return;
+        }
+        case ServerResponse::Ending::drip:
+            to.set_content_provider(from.body.size(), from.contentType,
+                                    [body = from.body](size_t offset, size_t, httplib::DataSink& sink) {
+                                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                                        return sink.write(body.data() + offset, 1);
+                                    });
             return;
     }
 }

@@ -36,6 +36,7 @@ struct ServerResponse {
         halfBody,  // the header promises the whole body; the connection ends after half of it
         noAnswer,  // the connection ends without an answer
         reset,     // the connection is reset (RST) without an answer
+        drip,      // the whole answer, ten bytes of it a second
     };
 
     int status = 200;

@@ -96,9 +96,12 @@ TEST(WorkPool, AUserWhoseWorkBlocksAShareOfTheThreadsMustWait) {
 TEST(WorkPool, BusyUsersTakeTurnsBehindTheInputOfOthers) {
     WorkPool pool(1);
     const auto busy = std::make_shared<UserTurns>(), other = std::make_shared<UserTurns>();
-    EXPECT_FALSE(busy->isBusy());
+    UserTurns slow;
+    slow.addTime(UserTurns::kBusyMilliseconds - 1);
+    EXPECT_FALSE(busy->isBusy() || slow.isBusy());
     busy->add(UserTurns::kBusyBytes + 1);
-    EXPECT_TRUE(busy->isBusy());
+    slow.addTime(2);
+    EXPECT_TRUE(busy->isBusy() && slow.isBusy());
     std::string order;
     std::promise<void> done;
     postTo(pool, [&] {

@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "async/network_queue.h"
-#include "backends/outgoing_feed.h"
 #include "http/http_client.h"
+#include "outgoing/outgoing_feed.h"
 
 namespace telvora {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "backends/outgoing_feed.h"
+#include "outgoing/outgoing_feed.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@ namespace telvora {
 namespace {
 
 Dictionary entryOf(size_t bytes) {
-    return {{"text", std::string(bytes, 'x')}};
+    return {{outgoing::kBody, Data{std::string(bytes, 'x')}}};
 }
 
 TEST(OutgoingFeed, KeepsTheNewestEntriesForWatchersOnly) {

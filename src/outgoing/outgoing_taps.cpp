@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/outgoing_taps.h"
+#include "outgoing/outgoing_taps.h"
 
 #include <utility>
 

@@ -1,19 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "backends/outgoing_feed.h"
+#include "outgoing/outgoing_feed.h"
 
 #include <algorithm>
 #include <asio/post.hpp>
 #include <utility>
 
-#include "backends/event_record.h"
 #include "util/time_value.h"
 
 namespace telvora {
 
+namespace {
+
+constexpr size_t kEntryBytes = 2048;  // approximately, without the body
+
+}  // namespace
+
 void OutgoingFeed::add(Dictionary entry) {
     if (!watched()) return;
     entry.set(outgoing::kTime, Date{TelvoradUtil::secondsFromTimeValue(timeOfDay())});
-    const size_t bytes = approximateSize(entry);
+    const PropertyList* body = entry.find(outgoing::kBody);
+    const Data* data = body != nullptr ? body->getIf<Data>() : nullptr;
+    const size_t bytes = kEntryBytes + (data != nullptr ? data->bytes.size() : 0);
     const auto shared = std::make_shared<const Dictionary>(std::move(entry));
     std::vector<std::function<void()>> wakeUps;
     {
