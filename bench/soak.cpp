@@ -350,9 +350,11 @@ class Soak {
             row(nameOf(static_cast<Disturbance>(i)), disturbances_[i]);
         std::cout << fmt::format("{:<36} {:>12} {:>12}\n", "the last daemon at rest, least", "first half",
                                  "last half");
-        compareHalves<int64_t>("RSS, KiB", &Sample::rssKiB, 24 << 10);
+        // What one attacker's unread input may leave in the allocator, and threads that end after 5 s without
+        // work.
+        compareHalves<int64_t>("RSS, KiB", &Sample::rssKiB, 64 << 10);
         compareHalves<size_t>("descriptors", &Sample::descriptors, 8);
-        compareHalves<size_t>("threads", &Sample::threads, 2);
+        compareHalves<size_t>("threads", &Sample::threads, 32);
         std::cout << (problems_.empty() ? "all agrees" : "DISAGREEMENTS, see standard error") << std::endl;
     }
 
