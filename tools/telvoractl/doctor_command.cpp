@@ -95,13 +95,18 @@ int runDoctor(const DoctorOptions& options, const CommonOptions& common) {
     if (!process) return fail(kBadInput, "there is no process " + std::to_string(*options.pid));
     facts.process = *process;
 
-    DoctorReport report;
-    examineSocket(report, common.socket(), facts.process);
     const std::string socket = statusSocketBeside(common.socket());
     Progress progress;
     progress.show("asking the daemon, which may fetch a bag");
-    const auto asked = askDaemon(facts, tried, socket);
+    tl::expected<void, BusQueryFailure> asked;
+    awaitDaemon(common, [&] {
+        asked = askDaemon(facts, tried, socket);
+        return asked || asked.error().kind != BusQueryFailure::Kind::kUnreachable;
+    });
     progress.clear();
+
+    DoctorReport report;
+    examineSocket(report, common.socket(), facts.process);
     if (asked) {
         examineForAdministrator(report, facts, tried);
     } else if (isForbidden(asked.error(), socket)) {
