@@ -86,17 +86,18 @@ void StoredOutbox::reached(const std::string& url) {
 }
 
 void StoredOutbox::close() {
-    storeIncoming();
+    maySend_ = false;
     {
         const MutexLock lock(incomingLock_);
         closed_ = true;
     }
+    storeIncoming();
     removeSettled();
     store_.reset();
 }
 
 void StoredOutbox::wake() {
-    if (!store_) reopen();
+    if (!store_ && maySend_) reopen();
     storeIncoming();
     sendNext();
 }

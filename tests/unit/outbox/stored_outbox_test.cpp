@@ -36,6 +36,7 @@ class StoredOutboxTest : public testing::Test {
     }
 
     void open() {
+        network.runFor({});  // as the end of the pool drops its items
         outbox.reset();
         ledger.emplace();
         outbox = StoredOutbox::open(directory_.path() / "outbox.db", limits,

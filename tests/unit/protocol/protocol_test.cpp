@@ -163,12 +163,14 @@ TEST(WireContractTest, EqualsTheTables) {
           &busInterface<kClientMessageMethods>()}},
         {"com.zandor.telvorad.Status.xml",
          {&busInterface<kStatusMethods>(), &busInterface<kOutgoingMethods>()}}};
-    const std::regex layout("<!DOCTYPE[^>]*>|<!--[^]*?-->|\\s*\n\\s*");
+    const std::regex layout("<!DOCTYPE[^>]*>|\\s*\n\\s*");
     for (const auto& [name, interfaces] : contracts) {
         std::string expected = "<node name=\"/com/zandor/telvorad\">";
         for (const BusInterface* interface : interfaces)
             expected += contractOf(*interface);
-        const std::string xml = test::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
+        std::string xml = test::readFile(std::filesystem::path(TELVORA_WIRE_CONTRACTS) / name);
+        for (size_t begin; (begin = xml.find("<!--")) != xml.npos;)
+            xml.erase(begin, xml.find("-->", begin) + 3 - begin);
         EXPECT_EQ(std::regex_replace(xml, layout, ""), expected + "</node>");
     }
 }
