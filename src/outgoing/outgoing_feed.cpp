@@ -81,10 +81,10 @@ void OutgoingWatcher::end() {
 
 void OutgoingWatcher::answer() {
     if (!reply_) return;
-    OutgoingFeed::Batch batch = feed_.take(position_, [weak = weak_from_this(), strand = strand_] {
-        asio::post(strand, [weak] {
-            if (const auto self = weak.lock()) self->answer();
-        });
+    // The feed outlives the strand's pool, and so must not hold the strand.
+    OutgoingFeed::Batch batch = feed_.take(position_, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (self) asio::post(self->strand_, [self] { self->answer(); });
     });
     if (batch.entries.empty()) return;
     Array entries;

@@ -145,7 +145,7 @@ const Mistake kMistakes[] = {
     {"CategoryExcluded",
      24,
      "category 66 is excluded: it is on event_blacklist",
-     [](auto& f, auto&) {
+     [](DoctorFixture& f, DaemonOptions&) {
          f.serve({{"event_blacklist", Array{66}}});
      },
      {},
