@@ -231,10 +231,12 @@ restarted() {
 outbox() {
     step "what finds no server waits in the outbox"
     $settings outboxBytes integer 1000000
+    $settings keepBags boolean true
     systemctl restart $unit.service
     report app --payload greeting=beforeOutbox
     systemctl set-property --runtime $unit.service IPAddressDeny=any
-    report app --payload greeting=fromOutbox
+    systemctl restart $unit.service # with the bag that is kept
+    ! report app --payload greeting=fromOutbox >/dev/null || fail "a server was reached without a network"
     await outbox_holds '[1-9]'
     [ "$(stat -c %U:%a /var/lib/telvora/outbox.db)" = telvora:600 ] || fail "$(ls -l /var/lib/telvora)"
     before=$(property MainPID)
@@ -246,8 +248,11 @@ outbox() {
     report app --payload greeting=afterOutbox # the server's answer brings the others on their way
     await outbox_holds 0
     telvoractl defaults delete com.zandor.telvora outboxBytes
+    telvoractl defaults delete com.zandor.telvora keepBags
     systemctl restart $unit.service
-    [ ! -e /var/lib/telvora/outbox.db ] || fail "the outbox is off, but its file is there"
+    for file in outbox.db Bags; do
+        [ ! -e /var/lib/telvora/$file ] || fail "$file is off, but is there"
+    done
 }
 outbox_holds() {
     as admin telvoractl status | grep -Eq "^all so far +outbox +[0-9]+ +[0-9]+ +$1"
