@@ -58,13 +58,6 @@ std::string digestOf(const std::string& url, const std::string& headers, const s
     return sha256Hex(sha256Hex(url) + sha256Hex(headers) + sha256Hex(body));
 }
 
-uint64_t bytesOf(const OutboxMessage& message) {
-    uint64_t bytes = kRowBytes + message.request.url.size() + message.request.body.size();
-    for (const auto& [name, value] : message.request.headers)
-        bytes += name.size() + value.size();
-    return bytes;
-}
-
 // -1: no user.
 int64_t userOf(const HttpRequest& request) {
     return request.user ? int64_t{*request.user} : int64_t{-1};
@@ -132,8 +125,11 @@ SqliteResult<OutboxStore> OutboxStore::openOnce(const std::string& path, const O
     return store;
 }
 
-bool OutboxStore::fits(const OutboxMessage& message, const OutboxLimits& limits) {
-    return bytesOf(message) <= limits.bytes;
+uint64_t OutboxStore::sizeOf(const OutboxMessage& message) {
+    uint64_t bytes = kRowBytes + message.request.url.size() + message.request.body.size();
+    for (const auto& [name, value] : message.request.headers)
+        bytes += name.size() + value.size();
+    return bytes;
 }
 
 SqliteResult<uint64_t> OutboxStore::add(const std::vector<const OutboxMessage*>& messages,
@@ -162,7 +158,7 @@ SqliteResult<void> OutboxStore::insert(const OutboxMessage& message, const Outbo
         " timeOfDay, sinceBoot, boot) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
         {userOf(request), serverOfUrl(request.url), std::string_view(request.url), std::string_view(headers),
          std::string_view(request.body), digestOf(request.url, headers, request.body),
-         static_cast<int64_t>(bytesOf(message)), static_cast<int64_t>(message.reports),
+         static_cast<int64_t>(sizeOf(message)), static_cast<int64_t>(message.reports),
          int64_t{message.underConsent}, sha256Hex(message.identifier), now.timeOfDay, now.sinceBoot,
          std::string_view(now.boot)});
 }

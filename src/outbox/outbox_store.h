@@ -63,8 +63,8 @@ class OutboxStore {
     // beyond the count, and beyond the bytes the oldest of the user with the most bytes. Returns the number
     // of removed reports.
     SqliteResult<uint64_t> add(const std::vector<const OutboxMessage*>& messages, const OutboxMoment& now);
-    // Whether a message is small enough to be added.
-    static bool fits(const OutboxMessage& message, const OutboxLimits& limits);
+    // The bytes that a message counts for.
+    static uint64_t sizeOf(const OutboxMessage& message);
 
     struct Head {
         std::string server;  // as serverOfUrl() names it

@@ -22,10 +22,6 @@ constexpr std::chrono::seconds kExpiryInterval{60};
 constexpr std::chrono::nanoseconds kLeeway = std::chrono::milliseconds(10);
 constexpr std::chrono::nanoseconds kLongestRest = std::chrono::minutes(1);
 
-uint64_t sizeOf(const HttpRequest& request) {
-    return request.url.size() + request.body.size();
-}
-
 }  // namespace
 
 SqliteResult<std::unique_ptr<StoredOutbox>> StoredOutbox::open(const std::filesystem::path& path,
@@ -58,12 +54,12 @@ StoredOutbox::StoredOutbox(OutboxStore store, std::filesystem::path path, const 
       timer_(services_.queue->makeTimer()) {}
 
 void StoredOutbox::keep(OutboxMessage message, const HttpResult& result, std::function<void(bool)> done) {
-    if (!OutboxStore::fits(message, limits_)) {
+    const uint64_t size = OutboxStore::sizeOf(message);
+    if (size > limits_.bytes) {
         account_->accept(ReportOutcome::oversized, message.reports);
         return done(true);
     }
     {
-        const uint64_t size = sizeOf(message.request);
         const MutexLock lock(incomingLock_);
         if (!closed_ && incomingBytes_ + size <= limits_.bytes) {
             incomingBytes_ += size;

@@ -46,7 +46,6 @@ inline constexpr char kAddress[] = "address";
 inline constexpr char kPort[] = "port";
 inline constexpr char kSize[] = "size";
 inline constexpr char kBody[] = "body";
-inline constexpr char kContent[] = "content";  // telvoractl's: of a message whose body it has read
 inline constexpr char kStatus[] = "status";
 inline constexpr char kError[] = "error";
 inline constexpr char kBackend[] = "backend";

@@ -11,8 +11,8 @@
 #include "client/status_query.h"
 #include "json/json_reader.h"
 #include "output.h"
-#include "protocol/status_keys.h"
 #include "session_options.h"
+#include "status_reader.h"
 #include "util/compression.h"
 #include "util/utf8.h"
 
@@ -22,18 +22,15 @@ namespace {
 
 // Of a message. The daemon shows smaller bodies only; the bound is for the inflated text.
 constexpr size_t kMaxMessageBytes = size_t{64} << 20;
-// Exchanges without an answer yet. The oldest is forgotten beyond it.
+// Exchanges without an answer yet. Beyond it, their times are forgotten.
 constexpr size_t kMaxExchanges = 65536;
+// Replaces the body of a message whose content was read.
+constexpr char kContent[] = "content";
 
 double timeOf(const Dictionary& entry) {
     const PropertyList* time = entry.find(outgoing::kTime);
     const Date* date = time != nullptr ? time->getIf<Date>() : nullptr;
     return date != nullptr ? date->seconds : 0;
-}
-
-std::string fieldText(const Dictionary& entry, std::string_view key) {
-    const PropertyList* value = entry.find(key);
-    return value != nullptr ? escapeControlCharacters(textOf(*value)) : "-";
 }
 
 // "2026-11-22 12:34:56.789", local time.
@@ -64,13 +61,13 @@ void readMessage(Dictionary& entry) {
     const Dictionary* message = parsed ? parsed->getIf<Dictionary>() : nullptr;
     if (message == nullptr) return;
     entry.erase(outgoing::kBody);
-    entry.set(outgoing::kContent, *message);
+    entry.set(kContent, *message);
 }
 
 class EntryPrinter {
   public:
     void print(const Dictionary& entry) {
-        const std::string kind = fieldText(entry, outgoing::kKind);
+        const std::string kind = text(entry, outgoing::kKind);
         std::printf("%s  %s", clockText(timeOf(entry)).c_str(), kind.c_str());
         if (kind == outgoing::kAnswer) {
             printAnswer(entry);
@@ -88,21 +85,20 @@ class EntryPrinter {
         const int64_t exchange = entry.integer(outgoing::kExchange).value_or(0);
         if (started_.size() >= kMaxExchanges) started_.clear();
         started_[exchange] = timeOf(entry);
-        std::printf(" #%" PRId64 "  %s %s", exchange, fieldText(entry, outgoing::kMethod).c_str(),
-                    fieldText(entry, outgoing::kUrl).c_str());
-        if (entry.contains(outgoing::kUser))
-            std::printf("  user %s", fieldText(entry, outgoing::kUser).c_str());
+        std::printf(" #%" PRId64 "  %s %s", exchange, text(entry, outgoing::kMethod).c_str(),
+                    text(entry, outgoing::kUrl).c_str());
+        if (entry.contains(outgoing::kUser)) std::printf("  user %s", text(entry, outgoing::kUser).c_str());
         const Dictionary* headers = entry.dictionary(outgoing::kHeaders);
         if (headers != nullptr && headers->contains("X-TVR-Client-Name"))
-            std::printf("  client %s", fieldText(*headers, "X-TVR-Client-Name").c_str());
+            std::printf("  client %s", text(*headers, "X-TVR-Client-Name").c_str());
         const int64_t size = entry.integer(outgoing::kSize).value_or(0);
         if (size > 0) std::printf("  %" PRId64 " bytes", size);
-        const Dictionary* content = entry.dictionary(outgoing::kContent);
+        const Dictionary* content = entry.dictionary(kContent);
         if (content == nullptr)
-            return void(std::puts(size > 0 && fieldText(entry, outgoing::kKind) == outgoing::kMessage
+            return void(std::puts(size > 0 && text(entry, outgoing::kKind) == outgoing::kMessage
                                       ? "  (too large to show)"
                                       : ""));
-        std::printf("  client ID %s\n", fieldText(*content, "clientId").c_str());
+        std::printf("  client ID %s\n", text(*content, "clientId").c_str());
         const Array* events = content->array("events");
         for (const PropertyList& event : events != nullptr ? *events : Array())
             std::printf("    %s\n", toJson(event).c_str());
@@ -112,9 +108,9 @@ class EntryPrinter {
         const int64_t exchange = entry.integer(outgoing::kExchange).value_or(0);
         std::printf(" #%" PRId64 "  ", exchange);
         if (entry.contains(outgoing::kStatus)) {
-            std::printf("%s", fieldText(entry, outgoing::kStatus).c_str());
+            std::printf("%s", text(entry, outgoing::kStatus).c_str());
         } else {
-            std::printf("failed: %s", fieldText(entry, outgoing::kError).c_str());
+            std::printf("failed: %s", text(entry, outgoing::kError).c_str());
         }
         if (const auto begun = started_.extract(exchange))
             std::printf("  after %.0f ms", (timeOf(entry) - begun.mapped()) * 1000);
@@ -122,11 +118,10 @@ class EntryPrinter {
     }
 
     static void printFiltered(const Dictionary& entry) {
-        std::printf(
-            "  %s event %s (category %s, type %s)  user %s  client %s:",
-            fieldText(entry, outgoing::kBackend).c_str(), fieldText(entry, outgoing::kEventNumber).c_str(),
-            fieldText(entry, outgoing::kCategory).c_str(), fieldText(entry, outgoing::kType).c_str(),
-            fieldText(entry, outgoing::kUser).c_str(), fieldText(entry, outgoing::kClientName).c_str());
+        std::printf("  %s event %s (category %s, type %s)  user %s  client %s:",
+                    text(entry, outgoing::kBackend).c_str(), text(entry, outgoing::kEventNumber).c_str(),
+                    text(entry, outgoing::kCategory).c_str(), text(entry, outgoing::kType).c_str(),
+                    text(entry, outgoing::kUser).c_str(), text(entry, outgoing::kClientName).c_str());
         const Dictionary* keys = entry.dictionary(outgoing::kKeys);
         const char* separator = " ";
         for (const auto& [key, action] : keys != nullptr ? *keys : Dictionary()) {
@@ -137,10 +132,10 @@ class EntryPrinter {
     }
 
     static void printDatagram(const Dictionary& entry) {
-        std::printf("  %s:%s  %s bytes", fieldText(entry, outgoing::kAddress).c_str(),
-                    fieldText(entry, outgoing::kPort).c_str(), fieldText(entry, outgoing::kSize).c_str());
+        std::printf("  %s:%s  %s bytes", text(entry, outgoing::kAddress).c_str(),
+                    text(entry, outgoing::kPort).c_str(), text(entry, outgoing::kSize).c_str());
         if (entry.contains(outgoing::kError))
-            std::printf("  failed: %s", fieldText(entry, outgoing::kError).c_str());
+            std::printf("  failed: %s", text(entry, outgoing::kError).c_str());
         std::puts("");
         const PropertyList* body = entry.find(outgoing::kBody);
         if (const Data* data = body != nullptr ? body->getIf<Data>() : nullptr)
