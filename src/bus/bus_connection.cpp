@@ -164,7 +164,7 @@ bool BusConnection::handleMessages(uint64_t begin) {
         if (i > 0 && UserTurns::milliseconds() - begin >= kMillisecondsPerTurn) break;
         if (readPaused()) return true;
         if (mayHandle_ && input_.hasMessage() && !mayHandle_()) {
-            admissionAwaited_ = true;
+            awaitsAdmission_ = shared_from_this();
             return true;
         }
         const auto bytes = input_.nextMessage();
@@ -184,12 +184,12 @@ bool BusConnection::handleMessages(uint64_t begin) {
 // the answers that it receives.
 bool BusConnection::readPaused() const {
     if (role_ != BusRole::kServer) return false;
-    return exclusiveCalls_ > 0 || admissionAwaited_ ||
+    return exclusiveCalls_ > 0 || awaitsAdmission_ ||
            (!hungUp_ && (outputCongested() || pendingCalls_ >= limits_.pendingCalls));
 }
 
 void BusConnection::admit() {
-    admissionAwaited_ = false;
+    const auto self = std::exchange(awaitsAdmission_, nullptr);
     if (isOpen()) waitForMore();
 }
 
@@ -343,6 +343,7 @@ void BusConnection::teardown() {
     output_.clear();
     uncongested_ = nullptr;
     mayHandle_ = nullptr;
+    awaitsAdmission_ = nullptr;
     if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }
 

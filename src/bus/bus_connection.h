@@ -257,7 +257,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     uint32_t lastSerial_ = 0;
     size_t pendingCalls_ = 0;
     size_t exclusiveCalls_ = 0;
-    bool admissionAwaited_ = false;
+    // This connection, while its messages wait for admit(): after a hang-up, no event of the socket holds it.
+    std::shared_ptr<BusConnection> awaitsAdmission_;
     std::unordered_map<uint32_t, std::unique_ptr<BusReplyTarget>> replies_;
     std::vector<Export> exports_;
     ClosedHandler closed_;

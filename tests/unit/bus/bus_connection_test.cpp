@@ -189,26 +189,42 @@ TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
 }
 
 TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
-    std::promise<void> asked;
-    bool admitted = false;
-    Served served = serve({}, [&](BusConnection& bus) {
-        bus.onAdmission([&] {
-            if (!admitted) asked.set_value();
-            return admitted;
+    for (const bool leaves : {false, true}) {
+        std::promise<void> asked;
+        bool admitted = false;
+        filled_ = 0;
+        Served served = serve({}, [&](BusConnection& bus) {
+            bus.onAdmission([&] {
+                if (!admitted) asked.set_value();
+                return admitted;
+            });
         });
-    });
-    BusPeer peer(std::move(served.peer));
-    peer.send(fillCall(peer, 1));
-    peer.flush();
-    asked.get_future().wait();
-    onStrand(served, [&] {
-        EXPECT_EQ(filled_, 0u);
-        admitted = true;
-        served.bus->admit();
-    });
-    peer.receive();
-    EXPECT_EQ(filled_, 1u);
-    endAndWait(served);
+        BusPeer peer(std::move(served.peer));
+        peer.send(fillCall(peer, 1));
+        peer.flush();
+        asked.get_future().wait();
+        onStrand(served);
+        if (leaves) {
+            const long waiting = served.bus.use_count();
+            peer.close();
+            while (served.bus.use_count() == waiting)  // until the strand has seen it
+                std::this_thread::yield();
+        }
+        const std::weak_ptr<BusConnection> held = std::exchange(served.bus, nullptr);
+        served.bus = held.lock();
+        ASSERT_TRUE(served.bus) << "a connection that waits has ended without a word";
+        onStrand(served, [&] {
+            EXPECT_EQ(filled_, 0u);
+            admitted = true;
+            served.bus->admit();
+        });
+        if (!leaves) {
+            peer.receive();
+            endAndWait(served);
+        }
+        served.ended.wait();
+        EXPECT_EQ(filled_, 1u);
+    }
 }
 
 TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
