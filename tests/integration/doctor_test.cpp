@@ -80,6 +80,10 @@ const Mistake kMistakes[] = {
      [](auto&, auto& options) { options.entitlement = {}; }},
     {"SettingMisspelt", 14, "httpPostURL is unknown; did you mean httpsPostURL?",
      [](auto&, auto& options) { options.defaults.set("httpPostURL", "https://127.0.0.1/"); }},
+    {"SettingOfTheAdministratorInTheDaemonsFile", 14, "counts in the administrator's file only",
+     [](auto& f, auto&) {
+         f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
+     }},
     {"BagURLMissing",  // a value that counts as absent
      14, "(built in: no setting telvora_storebag_url)",
      [](auto&, auto& options) { setBagServer(options, 7); }},
@@ -232,9 +236,11 @@ TEST_F(StatusReasons, StandBesideTheNumbersAndOutliveTheDaemon) {
         {{TELVORACTL_PATH, "status", "--watch", "0.1", "--socket", daemon().socketPath()}, {}});
     for (size_t seen = 0, i = 0; i < 2; ++i, seen = watch.output().lineCount())
         EXPECT_TRUE(watch.output().waitForPart("telvorad 1.", seen));
-    stopDaemon();
-    startDaemon();
-    expectStatus("disabled 3 (consent is off)");
+    for (int daemons = 0; daemons < 2; ++daemons) {  // the first of which has no reports
+        stopDaemon();
+        startDaemon();
+        expectStatus("disabled 3 (consent is off)");
+    }
 }
 
 }  // namespace

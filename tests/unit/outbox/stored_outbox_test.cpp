@@ -222,8 +222,10 @@ TEST_F(StoredOutboxTest, OneServerDoesNotHoldUpAnother) {
         return request.url.starts_with("https://two") ? FakeHttpClient::response(204) : kNoConnection;
     });
     keep(messageOf("a"));
-    keep(messageOf("b", "https://two.example"));
-    network.runFor(seconds(20));
+    keep(messageOf("b", "https://two.example"), FakeHttpClient::response(503, {}, {{"Retry-After", "20"}}));
+    network.runFor(seconds(19));
+    EXPECT_EQ(at(ReportOutcome::delivered), 0U);
+    network.runFor(seconds(2));
     EXPECT_EQ(at(ReportOutcome::delivered), 1U);
     EXPECT_EQ(at(ReportOutcome::held), 1U);
 }
@@ -248,7 +250,8 @@ TEST_F(StoredOutboxTest, SendsNothingThatMayNoLongerLeave) {
         return message;
     };
     answer(kNoConnection);
-    keep(underConsent("a"));
+    const std::string withdrawn(100, 'a');
+    keep(underConsent(withdrawn.c_str()));
     keep(messageOf("b"));
     answer(FakeHttpClient::response(204));
     const size_t before = http.requestCount();
@@ -256,6 +259,7 @@ TEST_F(StoredOutboxTest, SendsNothingThatMayNoLongerLeave) {
     network.runFor(hours(2));
     EXPECT_EQ(at(ReportOutcome::consentWithdrawn), 1U);
     EXPECT_EQ(at(ReportOutcome::delivered), 1U);
+    EXPECT_FALSE(disk.holds(withdrawn));
 
     consent = true;
     answer(kNoConnection);
