@@ -199,6 +199,9 @@ void BusConnection::flush() {
     if (!authenticationOutput_.empty()) {
         const ssize_t sent = send(descriptor_.native_handle(), authenticationOutput_.data(),
                                   authenticationOutput_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        // A peer that reads no more can't authenticate, though its socket stays writable.
+        if (sent < 0 && errno != EAGAIN && errno != EINTR)
+            return end(errno == EPIPE ? kPeerClosed : errorText(errno));
         if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
         if (!authenticationOutput_.empty()) return waitFor(kWrite);
     }
