@@ -189,13 +189,15 @@ TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
 }
 
 TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
-    for (const bool leaves : {false, true}) {
+    for (const std::string course : {"stays", "leaves", "no memory"}) {
+        const bool leaves = course == "leaves", noMemory = course == "no memory";
         std::promise<void> asked;
         bool admitted = false;
         filled_ = 0;
         Served served = serve({}, [&](BusConnection& bus) {
             bus.onAdmission([&] {
                 if (!admitted) asked.set_value();
+                if (admitted && noMemory) throw std::bad_alloc();
                 return admitted;
             });
         });
@@ -218,12 +220,12 @@ TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
             admitted = true;
             served.bus->admit();
         });
-        if (!leaves) {
+        if (course == "stays") {
             peer.receive();
-            endAndWait(served);
+            onStrand(served, [&] { served.bus->close("done"); });
         }
-        served.ended.wait();
-        EXPECT_EQ(filled_, 1u);
+        EXPECT_EQ(served.ended.get() == course, noMemory);
+        EXPECT_EQ(filled_, noMemory ? 0u : 1u);
     }
 }
 
