@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/listener.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <chrono>
 
+#include "util/error_text.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -42,24 +46,33 @@ void Listener::close() {
     pause_.cancel();
 }
 
+// A connection is accepted only when it is passed on. Until then it stays with the listening socket, which
+// belongs to the service manager and outlives a daemon that ends.
 void Listener::acceptNext() {
-    acceptor_.async_accept([this](asio::error_code error, asio::local::stream_protocol::socket socket) {
-        if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
-        if (!error) {
-            const int connection = socket.release(error);
-            const uid_t user = userOfPeer(connection).value_or(kUnknownUser);
-            UniqueFd owned(connection, closers_.of(user));
-            // A connection without a peer has ended again.
-            const auto peer = refused_ && refused_(user) ? std::nullopt : readPeer(connection);
-            if (peer) accepted_(std::move(owned), *peer);
-            return acceptNext();
-        }
-        TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", error.message().c_str());
+    acceptor_.async_wait(asio::socket_base::wait_read, [this](asio::error_code error) {
+        if (error || !acceptor_.is_open()) return;
+        if (accept()) return acceptNext();
         pause_.expires_after(kPauseWithoutResources);
         pause_.async_wait([this](asio::error_code cancelled) {
             if (!cancelled) acceptNext();
         });
     });
+}
+
+// False if the process is out of resources.
+bool Listener::accept() {
+    const int connection = ::accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED)) return true;
+    if (connection < 0) {
+        TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", errorText(errno).c_str());
+        return false;
+    }
+    const uid_t user = userOfPeer(connection).value_or(kUnknownUser);
+    UniqueFd owned(connection, closers_.of(user));
+    // A connection without a peer has ended again.
+    const auto peer = refused_ && refused_(user) ? std::nullopt : readPeer(connection);
+    if (peer) accepted_(std::move(owned), *peer);
+    return true;
 }
 
 }  // namespace telvora

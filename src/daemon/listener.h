@@ -30,11 +30,13 @@ class Listener {
 
     // Starts to accept.
     void resume();
-    // Stops accepting and closes the socket.
+    // Stops accepting and closes the socket. Connections that were not passed on stay with other holders of
+    // the socket.
     void close();
 
   private:
     void acceptNext();
+    bool accept();
 
     DescriptorClosers& closers_;
     const Accepted accepted_;

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "daemon/listener.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/unix_socket.h"
@@ -104,6 +105,19 @@ TEST_F(ListeningSocketTest, ComesFromTheServiceManagerWhichKeepsTheName) {
                   "the service manager handed over no listening Unix stream socket\n");
     EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "a:b"),
               "the service manager handed over 2 descriptors, two of them for the same\n");
+}
+
+TEST_F(ListeningSocketTest, AListenerThatClosesLeavesNewConnectionsToTheServiceManager) {
+    const auto managers = open();
+    asio::io_context loop;
+    DescriptorClosers closers;
+    Listener listener(loop, UniqueFd(dup(managers->socket.get())), closers,
+                      [](UniqueFd, const Peer&) { ADD_FAILURE() << "served"; });
+    const UniqueFd client = test::connectedSocket(path_);
+    listener.resume();
+    listener.close();
+    loop.run();
+    EXPECT_TRUE(UniqueFd(accept(managers->socket.get(), nullptr, nullptr)));
 }
 
 }  // namespace
