@@ -305,6 +305,9 @@ HttpResult CurlTransfer::end(CURLcode code) {
     }
     long status = 0;
     curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    if (status < 100 || status > 999) {  // RFC 9110, section 15; libcurl takes longer ones
+        return tl::unexpected(makeHttpError(CURLE_WEIRD_SERVER_REPLY, "the status of the answer is invalid"));
+    }
     response_.status = static_cast<int>(status);
     if (!isMultiplexed()) connections_.keep(connection_);
     return std::move(response_);
