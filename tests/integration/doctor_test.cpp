@@ -61,6 +61,9 @@ struct Mistake {
     MakeLater makeLater = {};  // while it runs
     const char* prefix = "";
 };
+void PrintTo(const Mistake& mistake, std::ostream* out) {
+    *out << mistake.words;
+}
 
 Make serves(const Dictionary& changes, const char* missing = "") {
     return [=](auto& f, auto&) { f.serve(changes, missing); };
