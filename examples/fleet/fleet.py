@@ -78,10 +78,8 @@ class Fleet:
 
     def run_programs(self, run: str, pause: float) -> Process:
         """A program for each device, which sends a batch after each pause, in seconds."""
-        program = Process(
-            self.directory / f"{run}.json",
-            sys.executable, HERE / "devices.py", run, pause, *(daemon.socket for daemon in self.daemons),
-        )  # fmt: skip
+        arguments = (run, pause, self.directory / f"{run}.json", *(daemon.socket for daemon in self.daemons))
+        program = Process(self.directory / f"{run}.log", sys.executable, HERE / "devices.py", *arguments)
         self._programs.append(program)
         return program
 
@@ -89,10 +87,9 @@ class Fleet:
         """The programs' own count of their reports."""
         program.interrupt()
         await until("the programs' end", lambda: program.has_ended)
-        output = (self.directory / f"{run}.json").read_text()
-        if program.wait() != 0:
-            raise SystemExit(output)
-        return dict(json.loads(output.splitlines()[-1]))
+        if status := program.wait():
+            raise SystemExit(f"the programs: exit status {status}")
+        return dict(json.loads((self.directory / f"{run}.json").read_text()))
 
     async def stop_daemons(self) -> list[dict[str, Any]]:
         """Ends them when they keep nothing. Their ledgers."""
@@ -110,7 +107,7 @@ class Fleet:
         return posts["inFlight"] + posts["held"] + kept["inFlight"] + kept["held"] == 0
 
     async def accounts(self) -> list[dict[str, Any]]:
-        return await asyncio.gather(*(daemon.accounts() for daemon in self.daemons))
+        return list(await asyncio.gather(*(daemon.accounts() for daemon in self.daemons)))
 
     async def kept(self) -> int:
         """The number of reports that went to the outboxes."""
@@ -150,7 +147,7 @@ class Fleet:
         return int(cluster["leader"].removeprefix("node-")), current
 
     async def leader(self) -> int:
-        return (await until("a leader of the stream", self.nodes))[0]
+        return int((await until("a leader of the stream", self.nodes))[0])
 
     async def until_replicated(self) -> None:
         async def is_replicated() -> bool:

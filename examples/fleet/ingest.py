@@ -40,4 +40,4 @@ if __name__ == "__main__":
     application = web.Application(client_max_size=MOST_BYTES)
     application.router.add_post("/events", take)
     application.on_startup.append(connect)
-    web.run_app(application, path=sys.argv[1], access_log=None, print=None)
+    web.run_app(application, path=sys.argv[1], access_log=None)

@@ -16,6 +16,7 @@ import ssl
 from collections.abc import AsyncIterator, Mapping, Sequence
 from typing import Any, NamedTuple, Optional
 
+OPTIONS = {"verbose": False, "pedantic": False, "tls_required": True, "headers": True, "no_responders": True}
 PULLED = ".pulled.messages"
 
 
@@ -130,8 +131,7 @@ class JetStream:
         with contextlib.closing(writer):
             await reader.readline()  # INFO
             await writer.start_tls(self._tls, server_hostname="localhost")
-            options = {"verbose": False, "pedantic": False, "tls_required": True, "headers": True, "no_responders": True}
-            writer.write(f"CONNECT {json.dumps(options)}\r\nSUB {self._inbox}.* 1\r\n".encode())
+            writer.write(f"CONNECT {json.dumps(OPTIONS)}\r\nSUB {self._inbox}.* 1\r\n".encode())
             writer.write(f"SUB {self._inbox}{PULLED} 2\r\nPING\r\n".encode())
             while line := await reader.readline():
                 verb, *words = line.decode().split()

@@ -7,7 +7,7 @@ from fleet import Fleet, until
 
 async def kill_servers(fleet: Fleet) -> None:
     for kill in (kill_an_ingest, kill_all_ingests, kill_the_leader, kill_two_nodes, kill_nginx, kill_the_store,
-                 kill_the_database):  # fmt: skip
+                 kill_the_database):
         assert kill.__doc__
         fleet.say(kill.__doc__)
         await kill(fleet)

@@ -14,7 +14,7 @@ import tempfile
 from audit import audit
 from fleet import Fleet
 from kills import kill_servers
-from measure import Costs
+from measure import Costs, print_handshakes, print_sizes
 
 RUSH_SECONDS = 20
 PAUSE = 2.0  # seconds between two batches of a device while servers are killed
@@ -28,6 +28,7 @@ async def rush(fleet: Fleet) -> dict[str, object]:
     book = await fleet.stop_programs(program, "rush")
     await fleet.until_stored()
     costs.print(await fleet.rows())
+    await print_handshakes(fleet)
     return book
 
 
@@ -45,7 +46,8 @@ async def run(fleet: Fleet, size: int) -> bool:
     fleet.say("the books")
     statuses = {status: fleet.answered(status) for status in ("2", "429", "4", "5")}
     print(f"answers: {statuses['2']} of 2xx, {statuses['429']} of 429,"
-          f" {statuses['4'] - statuses['429']} other 4xx, {statuses['5']} of 5xx")  # fmt: skip
+          f" {statuses['4'] - statuses['429']} other 4xx, {statuses['5']} of 5xx")
+    await print_sizes(fleet)
     return await audit(fleet.database, accounts, books) and statuses["5"] == 0
 
 

@@ -33,7 +33,12 @@ class Process:
     def start(self) -> None:
         with self._log.open("ab") as log:
             self._child = subprocess.Popen(
-                self._arguments, env=self._environment, stdout=log, stderr=log, stdin=subprocess.DEVNULL, process_group=0
+                self._arguments,
+                env=self._environment,
+                process_group=0,
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=log,
             )
 
     @property

@@ -16,8 +16,9 @@ from processes import Process, free_ports
 HERE = pathlib.Path(__file__).parent
 NODES = 3
 WORKERS = 2
-DAY = 24 * 3600
 NANOSECONDS = 10**9
+NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes")
+NEW_CERTIFICATE = ("openssl", "req", "-x509", *NEW_KEY, "-days", 1)
 
 # A full stream refuses messages (discard new), rather than to drop those that are not in the database yet. A message
 # leaves the stream when the store has acknowledged it (workqueue).
@@ -43,17 +44,15 @@ def run(*arguments: object) -> None:
 
 
 def make_authority(keys: pathlib.Path, name: str) -> None:
-    make_key = ("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes")
-    run(*make_key, "-days", 1, "-subj", f"/CN={name}", "-keyout", keys / f"{name}.key", "-out", keys / f"{name}.pem")
+    files = ("-keyout", keys / f"{name}.key", "-out", keys / f"{name}.pem")
+    run(*NEW_CERTIFICATE, "-subj", f"/CN={name}", *files)
 
 
 def make_certificate(keys: pathlib.Path, authority: str, name: str, to: pathlib.Path) -> None:
-    make_key = ("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes")
     signer = ("-CA", keys / f"{authority}.pem", "-CAkey", keys / f"{authority}.key")
-    extensions = ("-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-addext", "basicConstraints=critical,CA:FALSE")
-    to.mkdir(parents=True, exist_ok=True)
-    run(*make_key, *signer, *extensions, "-days", 1, "-subj", f"/CN={name}",
-        "-keyout", to / f"{name}.key", "-out", to / f"{name}.pem")  # fmt: skip
+    extensions = ("-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-addext", "basicConstraints=CA:FALSE")
+    files = ("-keyout", to / f"{name}.key", "-out", to / f"{name}.pem")
+    run(*NEW_CERTIFICATE, *signer, *extensions, "-subj", f"/CN={name}", *files)
 
 
 class Servers:
@@ -157,7 +156,7 @@ class Servers:
         programs = max(pathlib.Path("/usr/lib/postgresql").glob("*/bin"), key=lambda path: int(path.parent.name))
         data = self.directory / "database"
         run(programs / "initdb", "--pgdata", data, "--username", "fleet", "--no-sync",
-            "--no-locale", "--encoding", "UTF8")  # fmt: skip
+            "--no-locale", "--encoding", "UTF8")
         (data / "pg_hba.conf").write_text("local all all trust\n")  # the directory of the socket is private
         options = {"listen_addresses": "", "unix_socket_directories": self.directory}
         settings = [f"--{name}={value}" for name, value in options.items()]
