@@ -19,7 +19,7 @@ from daemons import OUTBOX, POSTS, Daemon, sum_of
 from processes import Process
 from servers import HERE, NODES, Servers
 
-PATIENCE = 60  # seconds for a step
+PATIENCE = 180  # seconds for a step
 
 
 async def until(goal: str, condition: Callable[[], Any]) -> Any:
