@@ -56,17 +56,20 @@ async def main(size: int) -> int:
     assert task
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
         asyncio.get_running_loop().add_signal_handler(number, task.cancel)
-    directory = tempfile.mkdtemp(prefix="telvora-fleet-")
-    fleet = Fleet(pathlib.Path(directory))
-    passed = False
+    directory = pathlib.Path(tempfile.mkdtemp(prefix="telvora-fleet-"))
+    fleet = Fleet(directory)
+    passed, is_useful = False, True
     try:
         passed = await run(fleet, size)
+        is_useful = not passed
+    except asyncio.CancelledError:  # by a signal
+        is_useful = False
     finally:
         fleet.end()
-        if passed:
-            shutil.rmtree(directory)
+        if is_useful:
+            print("The logs are in", directory, file=sys.stderr)
         else:
-            print(f"the logs are in {directory}", file=sys.stderr)
+            shutil.rmtree(directory)
     print("passed" if passed else "FAILED")
     return 0 if passed else 1
 
