@@ -65,6 +65,8 @@ class Daemon:
         command = ("telvoractl", "--socket", str(self.socket), "--json", "status")
         process = await asyncio.create_subprocess_exec(*command, stdout=asyncio.subprocess.PIPE)
         output, _ = await process.communicate()
+        if process.returncode != 0:
+            raise ConnectionError(f"{self.socket} does not answer")
         return dict(json.loads(output)["totals"])
 
     def last_accounts(self) -> dict[str, Any]:

@@ -6,7 +6,6 @@ import asyncio
 import inspect
 import json
 import pathlib
-import subprocess
 import sys
 import time
 from collections.abc import Callable
@@ -33,7 +32,7 @@ async def until(goal: str, condition: Callable[[], Any]) -> Any:
                 result = await result
             if result:
                 return result
-        except (OSError, asyncpg.PostgresError, asyncpg.InterfaceError, subprocess.SubprocessError) as error:
+        except (OSError, asyncpg.PostgresError, asyncpg.InterfaceError) as error:
             failure = error
         await asyncio.sleep(0.25)
     raise SystemExit(f"not within {PATIENCE} s: {goal}; {failure}")

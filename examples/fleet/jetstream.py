@@ -18,6 +18,7 @@ from typing import Any, NamedTuple, Optional
 
 OPTIONS = {"verbose": False, "pedantic": False, "tls_required": True, "headers": True, "no_responders": True}
 PULLED = ".pulled.messages"
+SILENCE = 15  # seconds after which a server counts as lost; more than ping_interval of nats.conf
 
 
 class Message(NamedTuple):
@@ -119,7 +120,7 @@ class JetStream:
 
     async def _run(self) -> None:
         for port in itertools.cycle(self._ports):
-            with contextlib.suppress(OSError, EOFError):
+            with contextlib.suppress(OSError, EOFError, ValueError):
                 await self._serve(port)
             self._writer = None
             for answers in self._answers.values():
@@ -127,13 +128,15 @@ class JetStream:
             await asyncio.sleep(0.2)
 
     async def _serve(self, port: int) -> None:
-        reader, writer = await asyncio.open_connection("127.0.0.1", port)
+        async with asyncio.timeout(SILENCE):
+            reader, writer = await asyncio.open_connection("127.0.0.1", port)
         with contextlib.closing(writer):
-            await reader.readline()  # INFO
-            await writer.start_tls(self._tls, server_hostname="localhost")
+            async with asyncio.timeout(SILENCE):
+                await reader.readline()  # INFO
+                await writer.start_tls(self._tls, server_hostname="localhost")
             writer.write(f"CONNECT {json.dumps(OPTIONS)}\r\nSUB {self._inbox}.* 1\r\n".encode())
             writer.write(f"SUB {self._inbox}{PULLED} 2\r\nPING\r\n".encode())
-            while line := await reader.readline():
+            while line := await self._line(reader):
                 verb, *words = line.decode().split()
                 if verb == "PING":
                     writer.write(b"PONG\r\n")
@@ -141,6 +144,11 @@ class JetStream:
                     self._writer = writer
                 elif verb in ("MSG", "HMSG"):
                     await self._deliver(reader, words, has_header=verb == "HMSG")
+
+    @staticmethod
+    async def _line(reader: asyncio.StreamReader) -> bytes:
+        async with asyncio.timeout(SILENCE):
+            return await reader.readline()
 
     async def _deliver(self, reader: asyncio.StreamReader, words: list[str], has_header: bool) -> None:
         subject, subscription, *reply_and_sizes = words

@@ -2,12 +2,24 @@
 """Kills each server without notice (SIGKILL) while devices report. An outage lasts until it was felt often enough."""
 from __future__ import annotations
 
+import signal
+
 from fleet import Fleet, until
+from processes import Process
 
 
 async def kill_servers(fleet: Fleet) -> None:
-    for kill in (kill_an_ingest, kill_all_ingests, kill_the_leader, kill_two_nodes, kill_nginx, kill_the_store,
-                 kill_the_database):
+    for kill in (
+        kill_an_ingest,
+        kill_all_ingests,
+        kill_the_leader,
+        freeze_the_leader,
+        kill_two_nodes,
+        kill_all_nodes,
+        kill_nginx,
+        kill_the_store,
+        kill_the_database,
+    ):
         assert kill.__doc__
         fleet.say(kill.__doc__)
         await kill(fleet)
@@ -41,15 +53,33 @@ async def kill_the_leader(fleet: Fleet) -> None:
     fleet.servers.nodes[leader].start()
 
 
+async def freeze_the_leader(fleet: Fleet) -> None:
+    """stop the node that leads the stream, as if its machine was lost: its connections stay open, without an answer"""
+    await fleet.until_replicated()
+    node = fleet.servers.nodes[await fleet.leader()]
+    node.send(signal.SIGSTOP)
+    await fleet.until_answered("204", rounds=3)
+    node.send(signal.SIGCONT)
+
+
 async def kill_two_nodes(fleet: Fleet) -> None:
     """kill two of three nodes: without a majority, devices get 429"""
     await fleet.until_replicated()
     survivor = await fleet.leader()
-    victims = [node for number, node in enumerate(fleet.servers.nodes) if number != survivor]
-    for node in victims:
+    await kill_nodes(fleet, [node for number, node in enumerate(fleet.servers.nodes) if number != survivor])
+
+
+async def kill_all_nodes(fleet: Fleet) -> None:
+    """kill all nodes: their files have the messages"""
+    await fleet.until_replicated()
+    await kill_nodes(fleet, fleet.servers.nodes)
+
+
+async def kill_nodes(fleet: Fleet, nodes: list[Process]) -> None:
+    for node in nodes:
         node.kill()
     await fleet.until_answered("429")
-    for node in victims:
+    for node in nodes:
         node.start()
 
 

@@ -47,7 +47,7 @@ class Process:
 
     def kill(self) -> None:
         """Ends the group without notice (SIGKILL)."""
-        self._signal(signal.SIGKILL)
+        self.send(signal.SIGKILL)
         self.wait()
 
     def interrupt(self) -> None:
@@ -65,15 +65,15 @@ class Process:
             self.wait(10)
         except subprocess.TimeoutExpired:
             pass
-        self._signal(signal.SIGKILL)
-        self.wait()
+        self.kill()
 
     def seconds(self) -> float:
         """Processor time of the program and its descendants."""
         assert self._child is not None
         return _seconds_of(self._child.pid, _children())
 
-    def _signal(self, number: int) -> None:
+    def send(self, number: int) -> None:
+        """Signals the group."""
         assert self._child is not None
         try:
             os.killpg(self._child.pid, number)

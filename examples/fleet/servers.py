@@ -155,11 +155,10 @@ class Servers:
     def _start_database(self) -> None:
         programs = max(pathlib.Path("/usr/lib/postgresql").glob("*/bin"), key=lambda path: int(path.parent.name))
         data = self.directory / "database"
-        run(programs / "initdb", "--pgdata", data, "--username", "fleet", "--no-sync",
-            "--no-locale", "--encoding", "UTF8")
+        options = ("--username", "fleet", "--no-sync", "--no-locale", "--encoding", "UTF8")
+        run(programs / "initdb", "--pgdata", data, *options)
         (data / "pg_hba.conf").write_text("local all all trust\n")  # the directory of the socket is private
-        options = {"listen_addresses": "", "unix_socket_directories": self.directory}
-        settings = [f"--{name}={value}" for name, value in options.items()]
+        settings = ("--listen_addresses=", f"--unix_socket_directories={self.directory}")
         command = (programs / "postgres", "-D", data, *settings)
         self.database = Process(self.directory / "database.log", *command, stop_signal=signal.SIGINT)
 

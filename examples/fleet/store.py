@@ -7,6 +7,7 @@ A message that comes again, from the device or from the stream, has the key of i
 usage: store.py DATABASE CERTIFICATES PORT...
 """
 import asyncio
+import contextlib
 import sys
 import zlib
 
@@ -50,15 +51,17 @@ async def store(database: asyncpg.Connection, messages: list[jetstream.Message])
 
 async def main(address: str, certificates: str, ports: list[int]) -> None:
     stream = jetstream.JetStream(ports, jetstream.context(certificates, "glue"))
-    database = await asyncpg.connect(address)
+    database = await asyncpg.connect(address, command_timeout=60)
     while True:
         try:
             messages = await stream.fetch("EVENTS", "store", 200, 1)
-            await store(database, messages)
+        except OSError:  # no server of the stream, which also TimeoutError says
+            await asyncio.sleep(0.5)
+            continue
+        await store(database, messages)  # without the database, the program ends
+        with contextlib.suppress(ConnectionError):  # the messages come again
             for message in messages:
                 stream.acknowledge(message)
-        except (OSError, TimeoutError):  # no server of the stream; without the database, the program ends
-            await asyncio.sleep(0.5)
 
 
 if __name__ == "__main__":
