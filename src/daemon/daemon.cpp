@@ -146,6 +146,7 @@ void Daemon::run() {
     listener_.resume();
     if (statusListener_) statusListener_->resume();
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
+    releaseFreeMemory();  // that the confinement used
     notifyServiceManager("READY=1");
     runLoop_.run();
 
