@@ -219,8 +219,15 @@ tl::expected<void, std::string> UserDefaults::remove(std::string_view domain,
 UserDefaults::Files UserDefaults::files(std::string_view domain) {
     if (!isDomain(domain)) return {};
     const MutexLock lock(mutex_);
-    Files files{current(fileOf(administratorDirectory_, domain)).content,
-                current(fileOf(ownDirectory_, domain)).content};
+    Files files;
+    const auto read = [&](const std::filesystem::path& directory, Dictionary& content) {
+        const std::filesystem::path path = fileOf(directory, domain);
+        const CachedFile& file = current(path);
+        content = file.content;
+        if (file.fault) files.faults.emplace(path, file.fault->reason);
+    };
+    read(administratorDirectory_, files.administrator);
+    read(ownDirectory_, files.own);
     if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
         apply(changes->second, files.own);
     }

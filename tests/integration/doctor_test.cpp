@@ -80,10 +80,21 @@ const Mistake kMistakes[] = {
      [](auto&, auto& options) { options.entitlement = {}; }},
     {"SettingMisspelt", 14, "httpPostURL is unknown; did you mean httpsPostURL?",
      [](auto&, auto& options) { options.defaults.set("httpPostURL", "https://127.0.0.1/"); }},
+    {"SettingsFileMalformed",
+     14,
+     "com.zandor.telvora.plist can't be used: ",
+     {},
+     [](auto& f) { f.directory().write("config/Preferences/com.zandor.telvora.plist", "<plist>"); }},
+    {"QuotaFull", 13, "the quota sessions of user ",
+     [](auto&, auto& options) { options.defaults.set("maxSessionsPerUser", 0); }},
+    {"KeyNotPinned", 17, "correct the setting pinnedPublicKeys",
+     [](auto&, auto& options) {
+         options.defaults.set("pinnedPublicKeys", "sha256//" + std::string(43, 'A') + "=");
+     }},
     {"BagURLMissing",  // a value that counts as absent
      14, "(built in: no setting telvora_storebag_url)",
      [](auto&, auto& options) { setBagServer(options, 7); }},
-    {"PublicKeyMissing", 15, "there is no public key in ",
+    {"PublicKeyMissing", 15, "there is no publicKey.der in ",
      [](auto& f, auto& options) { options.frameworkDirectory = f.directory().path() / "logs"; }},
     {"ClientTypeWithoutBag", 16, "no bag exists for client type 3", {}, {}, "--client-type 3"},
     {"SettingNotReadYet",
