@@ -26,6 +26,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "async/blocking_share.h"
@@ -90,6 +91,11 @@ class QuotaUser {
     // Adds the amount to a charge that is empty or of this user and quota. False if the user would exceed its
     // quota; then the charge is unchanged, and the refusal is counted and logged.
     bool take(Quota quota, uint64_t amount, QuotaCharge& charge) const;
+    // The same for a new charge.
+    std::optional<QuotaCharge> take(Quota quota, uint64_t amount) const {
+        QuotaCharge charge;
+        return take(quota, amount, charge) ? std::optional(std::move(charge)) : std::nullopt;
+    }
     // For a LogScope around work for this client. Valid as long as any copy of this object. The lines of the
     // user's other clients can use up the user's quota, but not the errors and warnings that each client has
     // besides.
@@ -142,6 +148,7 @@ class UserQuotas {
     UserDefaults& defaults_;
     const SteadyClock clock_;
     std::array<std::atomic<uint64_t>, kQuotas> limits_{};
+    std::atomic<uint64_t> limitsVersion_{0};  // UserDefaults::version() at the time of their reading
     Mutex lock_{LockRank::users};
     std::map<uid_t, std::shared_ptr<UserShare>> users_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextSweep_ TELVORA_GUARDED_BY(lock_);

@@ -7,6 +7,8 @@
 #include <variant>
 #include <vector>
 
+#include "util/utf8.h"
+
 namespace telvora {
 
 namespace {
@@ -30,11 +32,11 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
     bool Uint64(uint64_t value) { return add(static_cast<unsigned long long>(value)); }
     bool Double(double value) { return add(value); }
     bool String(const char* text, rapidjson::SizeType length, bool) {
-        return add(std::string_view(text, length));
+        return isText({text, length}) && add(std::string_view(text, length));
     }
     bool Key(const char* text, rapidjson::SizeType length, bool) {
         open_.back().key.assign(text, length);
-        return true;
+        return isText(open_.back().key);
     }
     bool StartObject() { return open(Dictionary()); }
     bool EndObject(rapidjson::SizeType) { return close(); }
@@ -47,6 +49,12 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
         std::string key;  // of the next entry
     };
 
+    // RapidJSON lets the second half of a surrogate pair stand alone.
+    bool isText(std::string_view text) {
+        if (isValidUtf8(text)) return true;
+        problem = "a surrogate has no partner";
+        return false;
+    }
     bool open(std::variant<Dictionary, Array> container) {
         if (open_.size() >= kMaxDepth) {
             problem = "nested too deep";
