@@ -221,14 +221,12 @@ UserDefaults::Files UserDefaults::files(std::string_view domain) {
     if (!isDomain(domain)) return {};
     const MutexLock lock(mutex_);
     Files files;
-    const auto read = [&](const std::filesystem::path& directory, Dictionary& content) {
-        const std::filesystem::path path = fileOf(directory, domain);
+    for (const bool isOwn : {false, true}) {
+        const std::filesystem::path path = fileOf(isOwn ? ownDirectory_ : administratorDirectory_, domain);
         const CachedFile& file = current(path);
-        content = file.content;
+        (isOwn ? files.own : files.administrator) = file.content;
         if (file.fault) files.faults.emplace(path, file.fault->reason);
-    };
-    read(administratorDirectory_, files.administrator);
-    read(ownDirectory_, files.own);
+    }
     if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
         apply(changes->second, files.own);
     }
