@@ -146,7 +146,7 @@ bool BusConnection::authenticate() {
     if (auto* server = std::get_if<ServerAuthentication>(&authentication_)) {
         result = server->advance(bytes, authenticationOutput_);
         reason = server->reason();
-        // Before the peer reads that it may send some.
+        // The peer may send some as soon as it has read the answer.
         passesDescriptors = server->passesDescriptors();
         if (passesDescriptors) passDescriptors(descriptor_.native_handle(), true);
     } else {
@@ -211,6 +211,7 @@ void BusConnection::flush() {
             return end(errno == EPIPE ? kPeerClosed : errorText(errno));
         if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
         if (!authenticationOutput_.empty()) return waitFor(kWrite);
+        authenticationOutput_.shrink_to_fit();
     }
     if (state_ == State::authenticating || output_.empty()) return;
     congested_ = congested_ || outputCongested();

@@ -4,6 +4,7 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include <charconv>
 #include <variant>
 #include <vector>
 
@@ -26,11 +27,18 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
         return false;
     }
     bool Bool(bool value) { return add(value); }
-    bool Int(int value) { return add(value); }
-    bool Uint(unsigned value) { return add(value); }
-    bool Int64(int64_t value) { return add(static_cast<long long>(value)); }
-    bool Uint64(uint64_t value) { return add(static_cast<unsigned long long>(value)); }
-    bool Double(double value) { return add(value); }
+    // RapidJSON's own conversion of "0e308" is undefined.
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+        const char* const end = text + length;
+        const auto addAs = [&](auto value) {
+            const auto [rest, error] = std::from_chars(text, end, value);
+            return error == std::errc() && rest == end && add(value);
+        };
+        problem = nullptr;
+        if (addAs(0LL) || addAs(0ULL) || addAs(0.0)) return true;
+        if (problem == nullptr) problem = "a number is out of range";
+        return false;
+    }
     bool String(const char* text, rapidjson::SizeType length, bool) {
         return isText({text, length}) && add(std::string_view(text, length));
     }
@@ -94,7 +102,7 @@ tl::expected<PropertyList, std::string> parseJson(std::string_view text) {
     rapidjson::Reader reader;
     Collector collector;
     constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
-                                rapidjson::kParseFullPrecisionFlag;
+                                rapidjson::kParseNumbersAsStringsFlag;
     if (reader.Parse<kFlags>(stream, collector)) return std::move(collector.result);
     const char* problem = collector.problem != nullptr
                               ? collector.problem
