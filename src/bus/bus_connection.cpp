@@ -211,6 +211,7 @@ void BusConnection::flush() {
             return end(errno == EPIPE ? kPeerClosed : errorText(errno));
         if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
         if (!authenticationOutput_.empty()) return waitFor(kWrite);
+        authenticationOutput_.shrink_to_fit();
     }
     if (state_ == State::authenticating || output_.empty()) return;
     congested_ = congested_ || outputCongested();

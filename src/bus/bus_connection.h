@@ -127,7 +127,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
                                                BusLimits limits = {});
     ~BusConnection();
 
-    // Passes the calls to `interface` at `path` to `handler`. Before start(). Both outlive the connection.
+    // Passes the calls to `interface` at `path` to `handler`. Before start(). `path` and `interface`
+    // outlive the connection.
     void exportInterface(const char* path, const BusInterface& interface, BusCallHandler handler);
 
     // The turns of the peer's user; null: none are counted. Before start().
@@ -180,7 +181,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     friend class PendingCall;
 
     struct Export {
-        std::string path;
+        std::string_view path;
         const BusInterface& interface;
         BusCallHandler handler;
     };

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "config/bag_signing.h"
 #include "config/signed_bag.h"
 #include "platform/digest.h"
 #include "plist/property_list_format.h"

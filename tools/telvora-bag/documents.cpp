@@ -4,7 +4,7 @@
 #include <fstream>
 #include <iostream>
 
-#include "config/signed_bag.h"
+#include "config/bag_signing.h"
 #include "json/json_reader.h"
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"

@@ -9,6 +9,7 @@
 #include "platform/digest.h"
 #include "platform/directories.h"
 #include "platform/locale.h"
+#include "platform/private_key.h"
 #include "platform/uuid.h"
 #include "tests/support/environment_variable.h"
 #include "tests/support/log_capture.h"
