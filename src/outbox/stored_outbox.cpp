@@ -107,6 +107,7 @@ void StoredOutbox::storeIncoming() {
     }
     if (incoming.empty()) return;
     std::vector<const OutboxMessage*> messages;
+    messages.reserve(incoming.size());
     for (const Incoming& one : incoming)
         messages.push_back(&one.message);
     const BlockingSection blocking;
