@@ -146,7 +146,7 @@ bool BusConnection::authenticate() {
     if (auto* server = std::get_if<ServerAuthentication>(&handshake_->end)) {
         result = server->advance(bytes, handshake_->output);
         reason = server->reason();
-        // Before the peer reads that it may send some.
+        // The peer may send some as soon as it has read the answer.
         passesDescriptors = server->passesDescriptors();
         if (passesDescriptors) passDescriptors(descriptor_.native_handle(), true);
     } else {

@@ -168,8 +168,8 @@ void Daemon::run() {
 }
 
 bool Daemon::isNeeded() const {
-    return listener_.hasWaiting() || http_.inFlight() > 0 || outgoing_.watched() ||
-           (outbox_ && outbox_->isWaiting());
+    return listener_.hasWaiting() || (statusListener_ && statusListener_->hasWaiting()) ||
+           http_.inFlight() > 0 || outgoing_.watched() || (outbox_ && outbox_->isWaiting());
 }
 
 void Daemon::stopAccepting() {

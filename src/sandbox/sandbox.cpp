@@ -41,7 +41,7 @@ void makeDirectory(const std::filesystem::path& directory) {
 template <typename Paths>
 Result allowAll(Landlock& landlock, const Paths& paths, PathAccess access) {
     for (const auto& entry : paths) {
-        const std::filesystem::path path(entry);
+        const std::filesystem::path& path = entry;
         if (path.empty()) continue;
         if (Result allowed = landlock.allow(path, access); !allowed) return allowed;
     }
