@@ -76,10 +76,10 @@ ReportTally ReportAccount::tally() const {
     return tally_;
 }
 
-std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name) {
-    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name));
+std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {
+    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name, clientType));
     const MutexLock lock(lock_);
-    closed_.try_emplace(name);
+    closed_[clientType].try_emplace(name);
     open_.insert(account.get());
     return account;
 }
@@ -87,29 +87,39 @@ std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name) {
 void ReportLedger::close(const ReportAccount& account) {
     const MutexLock lock(lock_);
     open_.erase(&account);
-    closed_.find(account.name_)->second.add(account.tally());
+    closed_.find(account.clientType_)->second.find(account.name_)->second.add(account.tally());
 }
 
-std::map<std::string, ReportTally> ReportLedger::totals() const {
+std::map<int, ReportTallies> ReportLedger::totalsByClientType() const {
     const MutexLock lock(lock_);
-    std::map<std::string, ReportTally> totals = closed_;
+    std::map<int, ReportTallies> totals = closed_;
     for (const ReportAccount* account : open_)
-        totals[account->name_].add(account->tally());
+        totals[account->clientType_][account->name_].add(account->tally());
+    return totals;
+}
+
+ReportTallies ReportLedger::totals() const {
+    ReportTallies totals;
+    for (const auto& [clientType, tallies] : totalsByClientType()) {
+        for (const auto& [name, tally] : tallies)
+            totals[name].add(tally);
+    }
     return totals;
 }
 
 std::shared_ptr<ReportAccount> ClientAccounts::of(const std::string& name) {
+    const int clientType = clientType_;
     const MutexLock lock(lock_);
-    std::shared_ptr<ReportAccount>& account = accounts_[name];
-    if (!account) account = ledger_.open(name);
+    std::shared_ptr<ReportAccount>& account = accounts_[{clientType, name}];
+    if (!account) account = ledger_.open(name, clientType);
     return account;
 }
 
-std::map<std::string, ReportTally> ClientAccounts::tallies() const {
+ReportTallies ClientAccounts::tallies() const {
     const MutexLock lock(lock_);
-    std::map<std::string, ReportTally> tallies;
-    for (const auto& [name, account] : accounts_)
-        tallies[name] = account->tally();
+    ReportTallies tallies;
+    for (const auto& [key, account] : accounts_)
+        tallies[key.second].add(account->tally());
     return tallies;
 }
 

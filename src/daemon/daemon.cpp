@@ -21,10 +21,11 @@
 
 namespace telvora {
 
+static_assert(std::string_view(StoredOutbox::kAccount) == status::kOutbox);
+
 Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
-      lastTotals_(readLastTotals(process.directories.state)),
       properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
@@ -149,8 +150,10 @@ void Daemon::run() {
 
     logLosses();
     quotas_.logRefusals();
-    keepLastTotals(process_.directories.state, describe(ledger_.totals()),
-                   TelvoradUtil::secondsFromTimeValue(timeOfDay()));
+    keepLastTotals(process_.directories.state, {.totals = describe(ledger_.totals()),
+                                                .clientTypes = describe(ledger_.totalsByClientType()),
+                                                .startTime = start_.timeOfDay,
+                                                .endTime = TelvoradUtil::secondsFromTimeValue(timeOfDay())});
     if (agent_.sessionsAlive() > 0) {
         // Their deadline has passed; the server or the adaptor that they wait for may never answer.
         stopLogging();
@@ -204,10 +207,11 @@ Dictionary Daemon::getStatus() {
             {status::kUsers, userStatus(quotas_)},
             {status::kBags, agent_.storebagStatus()},
             {status::kTotals, describe(ledger_.totals())},
+            {status::kClientTypes, describe(ledger_.totalsByClientType())},
             {status::kHttpPending, static_cast<long long>(http_.inFlight())},
             {status::kServers, serverStatus(http_.outcomes())},
             {status::kRefusals, agent_.refusalStatus()},
-            {status::kBefore, lastTotals_},
+            {status::kBefore, readLastTotals(process_.directories.state)},
             {status::kPublicKeys, publicKeyStatus(framework_)}};
 }
 

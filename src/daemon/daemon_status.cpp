@@ -3,9 +3,21 @@
 
 #include <unistd.h>
 
+#include <fstream>
+
 #include "protocol/status_keys.h"
 
 namespace telvora {
+
+namespace {
+
+int64_t residentBytes() {
+    int64_t pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+}  // namespace
 
 Dictionary daemonStatus(const StartTime& start) {
     const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start.steady;
@@ -13,7 +25,8 @@ Dictionary daemonStatus(const StartTime& start) {
             {status::kPid, getpid()},
             {status::kUser, static_cast<long long>(geteuid())},
             {status::kStartTime, Date{start.timeOfDay}},
-            {status::kUptime, uptime.count()}};
+            {status::kUptime, uptime.count()},
+            {status::kMemory, residentBytes()}};
 }
 
 Dictionary sandboxStatus(const SandboxStatus& sandbox) {
