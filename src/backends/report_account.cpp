@@ -5,15 +5,15 @@ namespace telvora {
 
 const char* nameOf(ReportOutcome outcome) {
     static constexpr std::array<const char*, kReportOutcomes> kNames = {
-        "inFlight",       "held",          "delivered",        "kept",
-        "notWhitelisted", "blacklisted",   "disabled",         "sampledOut",
-        "noUserInfo",     "batchFull",     "overQuota",        "sessionEnded",
-        "noURL",          "notSent",       "tooManyPending",   "noConnection",
-        "noAnswer",       "rejected",      "serverError",      "notSupported",
-        "noAdaptor",      "notConfigured", "incomplete",       "noBackend",
-        "fileRefused",    "fileTooLarge",  "fileUnreadable",   "oversized",
-        "outboxFull",     "expired",       "consentWithdrawn", "identifiersReset",
-        "damaged"};
+        "inFlight",         "held",        "delivered",     "kept",
+        "notWhitelisted",   "blacklisted", "disabled",      "sampledOut",
+        "noUserInfo",       "batchFull",   "overQuota",     "overDailyQuota",
+        "sessionEnded",     "noURL",       "notSent",       "tooManyPending",
+        "noConnection",     "noAnswer",    "rejected",      "serverError",
+        "notSupported",     "noAdaptor",   "notConfigured", "incomplete",
+        "noBackend",        "fileRefused", "fileTooLarge",  "fileUnreadable",
+        "oversized",        "outboxFull",  "expired",       "consentWithdrawn",
+        "identifiersReset", "damaged"};
     return kNames[static_cast<size_t>(outcome)];
 }
 
@@ -46,9 +46,10 @@ void ReportTally::add(const ReportTally& other) {
 uint64_t failedOrPending(const ReportTally& tally) {
     uint64_t reports = tally[ReportOutcome::inFlight] + tally[ReportOutcome::held];
     for (const ReportOutcome failure :
-         {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::sessionEnded,
-          ReportOutcome::notSent, ReportOutcome::tooManyPending, ReportOutcome::noConnection,
-          ReportOutcome::noAnswer, ReportOutcome::rejected, ReportOutcome::serverError}) {
+         {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::overDailyQuota,
+          ReportOutcome::sessionEnded, ReportOutcome::notSent, ReportOutcome::tooManyPending,
+          ReportOutcome::noConnection, ReportOutcome::noAnswer, ReportOutcome::rejected,
+          ReportOutcome::serverError}) {
         reports += tally[failure];
     }
     return reports;

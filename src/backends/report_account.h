@@ -42,6 +42,7 @@ enum class ReportOutcome : uint8_t {
     noUserInfo,      // a flush of a backend that waited for user info discarded it
     batchFull,       // the batch was full and could not be flushed
     overQuota,       // a quota of its user was used up
+    overDailyQuota,  // its user has posted as much as is allowed in a day
     sessionEnded,    // the backend ended while it held the report
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending

@@ -31,7 +31,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       environment_(process.defaults, identity_),
       framework_(process.directories.framework, process.directories.configuration),
       entitlements_(process.directories.configuration),
-      quotas_(process.defaults),
+      quotas_(process.defaults, std::chrono::steady_clock::now, process.directories.state / "dailyUse.plist"),
       curl_(makeCurlHttpClient({.link = process.settings.link})),
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
@@ -150,6 +150,7 @@ void Daemon::run() {
 
     logLosses();
     quotas_.logRefusals();
+    quotas_.keepDailyUse();
     keepLastTotals(process_.directories.state, {.totals = describe(ledger_.totals()),
                                                 .clientTypes = describe(ledger_.totalsByClientType()),
                                                 .startTime = start_.timeOfDay,

@@ -49,10 +49,12 @@ Array userStatus(UserQuotas& quotas) {
     for (const auto& [user, uses] : quotas.uses()) {
         Dictionary described;
         for (size_t i = 0; i < kQuotas; ++i) {
-            described.set(ruleOf(static_cast<Quota>(i)).name,
-                          Dictionary{{status::kHeld, uses[i].held},
-                                     {status::kLimit, uses[i].limit},
-                                     {status::kRefused, uses[i].refused}});
+            const auto quota = static_cast<Quota>(i);
+            const bool isDaily = quota == Quota::reportsToday || quota == Quota::reportBytesToday;
+            if (isDaily && !quotas.limitsDays()) continue;
+            described.set(ruleOf(quota).name, Dictionary{{status::kHeld, uses[i].held},
+                                                         {status::kLimit, uses[i].limit},
+                                                         {status::kRefused, uses[i].refused}});
         }
         users.emplace_back(Dictionary{{status::kUser, static_cast<long long>(user)},
                                       {status::kQuotas, std::move(described)}});
