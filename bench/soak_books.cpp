@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "soak_books.h"
 
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include "record.h"
 #include "telvora-lab/event_json.h"
@@ -52,6 +54,13 @@ Books::Books(const lab::LabPki& pki)
     if (server_.port() == 0) throw std::runtime_error("the reporting server can't listen");
 }
 
+// A server that stops would cut off an answer that drips, which counts as delivered.
+void Books::refuse() {
+    while (dripping_.use_count() > 1)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    server_.stop();
+}
+
 void Books::accept() {
     if (!server_.restart()) throw std::runtime_error("the reporting server's port was taken");
 }
@@ -82,7 +91,9 @@ lab::ServerResponse Books::handle(const lab::ServerRequest& request) {
     for (const Dictionary& event : *message->events) {
         if (const auto number = event.integer(kNumberKey)) record(static_cast<uint64_t>(*number), answered);
     }
-    return answerWith(fault);
+    lab::ServerResponse response = answerWith(fault);
+    if (fault == ServerFault::drip) response.held = dripping_;
+    return response;
 }
 
 void Books::record(uint64_t number, bool answered) {

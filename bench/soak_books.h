@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -45,7 +46,7 @@ class Books {
     std::string url() const { return server_.origin() + "/events"; }
     void setFault(ServerFault fault) TELVORA_EXCLUDES(lock_);
     // Refuses connections until accept(). Both wait for the answers that are under way.
-    void refuse() { server_.stop(); }
+    void refuse();
     void accept();
     // Waits for the answers that are under way, and begins a page.
     void beginPage() TELVORA_EXCLUDES(lock_);
@@ -74,6 +75,7 @@ class Books {
     uint64_t repeated_ TELVORA_GUARDED_BY(lock_) = 0;
     uint64_t retried_ TELVORA_GUARDED_BY(lock_) = 0;
     std::vector<std::string> problems_ TELVORA_GUARDED_BY(lock_);
+    const std::shared_ptr<const void> dripping_ = std::make_shared<int>();  // held by each answer that drips
     lab::HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };
 

@@ -309,10 +309,13 @@ void UserQuotas::keepDailyUse() {
 UserQuotas::~UserQuotas() = default;
 
 void UserQuotas::readLimits() {
+    const uint64_t version = defaults_.version(kTelvoraDefaultsDomain);
+    if (version == limitsVersion_) return;
     for (size_t i = 0; i < kQuotas; ++i) {
         limits_[i].store(static_cast<uint64_t>(integerSetting(defaults_, kRules[i].setting)),
                          std::memory_order_relaxed);
     }
+    limitsVersion_ = version;
 }
 
 QuotaUser UserQuotas::of(uid_t user) {

@@ -27,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "access/daily_use.h"
@@ -97,6 +98,11 @@ class QuotaUser {
     // Whether the daily quotas allow to post a further report of so many bytes, which counts then. False
     // likewise.
     bool spendToday(uint64_t bytes) const;
+    // The same for a new charge.
+    std::optional<QuotaCharge> take(Quota quota, uint64_t amount) const {
+        QuotaCharge charge;
+        return take(quota, amount, charge) ? std::optional(std::move(charge)) : std::nullopt;
+    }
     // For a LogScope around work for this client. Valid as long as any copy of this object. The lines of the
     // user's other clients can use up the user's quota, but not the errors and warnings that each client has
     // besides.
@@ -158,6 +164,7 @@ class UserQuotas {
     const std::filesystem::path dailyUseFile_;
     DailyUse dailyUse_;
     std::array<std::atomic<uint64_t>, kQuotas> limits_{};
+    std::atomic<uint64_t> limitsVersion_{0};  // UserDefaults::version() at the time of their reading
     Mutex lock_{LockRank::users};
     std::map<uid_t, std::shared_ptr<UserShare>> users_ TELVORA_GUARDED_BY(lock_);
     std::chrono::steady_clock::time_point nextSweep_ TELVORA_GUARDED_BY(lock_);

@@ -31,7 +31,7 @@ class TurnQueue final : public asio::execution_context::service {
                                   [&](const Waiting& waiting) { return waiting.user == user; });
         if (found == users_.end()) found = users_.insert(users_.end(), {user, {}});
         found->turns.emplace_back(std::move(strand), std::move(turn));
-        if (!std::exchange(running_, true)) postNext();
+        if (!running_) postNext();
     }
 
   private:
@@ -40,25 +40,26 @@ class TurnQueue final : public asio::execution_context::service {
         std::deque<std::pair<Strand, std::function<void()>>> turns;
     };
 
+    // The turns own connections, whose end takes locks.
     void shutdown() override {
+        std::deque<Waiting> dropped;
         const MutexLock lock(lock_);
-        users_.clear();
+        dropped.swap(users_);
     }
     void postNext() TELVORA_REQUIRES(lock_) {
         asio::post(loop_, [this] { runNext(); });
+        running_ = true;
     }
-    // The loop handles other input between two turns.
+    // The loop handles other input between two turns. If there is no memory, the next add() goes on.
     void runNext() TELVORA_EXCLUDES(lock_) {
         const MutexLock lock(lock_);
-        if (users_.empty()) {
-            running_ = false;
-            return;
-        }
-        Waiting next = std::move(users_.front());
+        running_ = false;
+        if (users_.empty()) return;
+        auto& turns = users_.front().turns;
+        asio::post(turns.front().first, std::move(turns.front().second));
+        turns.pop_front();
+        if (!turns.empty()) users_.push_back(std::move(users_.front()));
         users_.pop_front();
-        asio::post(next.turns.front().first, std::move(next.turns.front().second));
-        next.turns.pop_front();
-        if (!next.turns.empty()) users_.push_back(std::move(next));
         postNext();
     }
 

@@ -67,7 +67,16 @@ void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     closed_ = std::move(closed);
     gone_ = std::move(gone);
     state_ = State::authenticating;
-    asio::post(strand_, [self = shared_from_this()] { self->begin(); });
+    asio::post(strand_, [self = shared_from_this()] { self->guarded([&] { self->begin(); }); });
+}
+
+// Runs a step of the strand. A connection that there is no memory for ends; its texts need none.
+template <typename Step>
+void BusConnection::guarded(Step step) try {
+    step();
+} catch (const std::bad_alloc&) {
+    inTurn_ = false;
+    end("no memory");
 }
 
 void BusConnection::begin() {
@@ -93,23 +102,21 @@ void BusConnection::begin() {
 
 // --- Turns ---
 
-// A connection that there is no memory for ends; its texts need none.
-void BusConnection::receive() try {
+void BusConnection::receive() {
     const auto received = input_.receive(descriptor_.native_handle());
     if (!received) return end(received.error());
     inputEnded_ = *received == BusInput::Received::end;
     if (userTurns_) userTurns_->add(input_.lastReadSize());
     turn();
-} catch (const std::bad_alloc&) {
-    inTurn_ = false;
-    end("no memory");
 }
 
 // A busy user's connections wait for each other, and for those of other busy users.
 void BusConnection::receiveInTurn() {
     if (!userTurns_ || !userTurns_->isBusy()) return receive();
     UserTurns::queue(userTurns_, strand_, [self = shared_from_this()] {
-        if (self->isOpen()) self->receive();
+        self->guarded([&] {
+            if (self->isOpen()) self->receive();
+        });
     });
 }
 
@@ -199,6 +206,9 @@ void BusConnection::flush() {
     if (!authenticationOutput_.empty()) {
         const ssize_t sent = send(descriptor_.native_handle(), authenticationOutput_.data(),
                                   authenticationOutput_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        // A peer that reads no more can't authenticate, though its socket stays writable.
+        if (sent < 0 && errno != EAGAIN && errno != EINTR)
+            return end(errno == EPIPE ? kPeerClosed : errorText(errno));
         if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
         if (!authenticationOutput_.empty()) return waitFor(kWrite);
     }
@@ -223,9 +233,11 @@ void BusConnection::flushSoon() {
     if (inTurn_ || std::exchange(flushPosted_, true)) return;
     asio::post(strand_, [self = shared_from_this()] {
         self->flushPosted_ = false;
-        if (!self->isOpen() || self->endPostponed()) return;
-        self->flush();
-        if (self->isOpen()) self->waitForMore();
+        self->guarded([&] {
+            if (!self->isOpen() || self->endPostponed()) return;
+            self->flush();
+            if (self->isOpen()) self->waitForMore();
+        });
     });
 }
 
@@ -238,7 +250,9 @@ void BusConnection::waitForMore() {
     if (std::exchange(turnPosted_, true)) return;
     const auto next = [self = shared_from_this()] {
         self->turnPosted_ = false;
-        if (self->isOpen()) self->turn();
+        self->guarded([&] {
+            if (self->isOpen()) self->turn();
+        });
     };
     userTurns_ && userTurns_->isBusy() ? UserTurns::queue(userTurns_, strand_, next)
                                        : asio::post(strand_, next);
@@ -252,7 +266,7 @@ void BusConnection::waitFor(Wait wait) {
     descriptor_.async_wait(kTypes[wait], [self = shared_from_this(), wait](const asio::error_code& error) {
         self->waiting_[wait] = false;
         if (!self->descriptor_.is_open() || error == asio::error::operation_aborted) return;
-        self->onReady(wait);
+        self->guarded([&] { self->onReady(wait); });
     });
 }
 

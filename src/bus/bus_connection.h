@@ -190,6 +190,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits);
 
     // bus_connection.cpp: the turns of the strand and the end of the connection.
+    template <typename Step>
+    void guarded(Step step);
     void begin();
     void receive();
     void receiveInTurn();

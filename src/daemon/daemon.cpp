@@ -66,7 +66,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       listener_(
           runLoop_, std::move(sockets.clients.socket), closers_,
           [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); },
-          [this](uid_t user) { return agent_.refusesAtOnce(user); }),
+          [this](uid_t user) { return agent_.mayWait(user); }),
       shutdown_(runLoop_,
                 {.stopAccepting = [this] { stopAccepting(); },
                  .endSessions =
@@ -80,10 +80,12 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       reload_(runLoop_, SIGHUP) {
     if (!process.settings.keepBags) keptBags_.removeAll();
     if (!sockets.status) return;
-    statusListener_.emplace(runLoop_, std::move(sockets.status->socket), closers_,
-                            [this](UniqueFd socket, const Peer& peer) {
-                                status_.accept(pool_.makeStrand(), std::move(socket), peer);
-                            });
+    statusListener_.emplace(
+        runLoop_, std::move(sockets.status->socket), closers_,
+        [this](UniqueFd socket, const Peer& peer) {
+            status_.accept(pool_.makeStrand(), std::move(socket), peer);
+        },
+        [this](uid_t user) { return quotas_.of(user).take(Quota::connections, 1); });
 }
 
 BackendServices Daemon::makeBackendServices() {
@@ -169,7 +171,8 @@ void Daemon::run() {
 }
 
 bool Daemon::isNeeded() const {
-    return http_.inFlight() > 0 || outgoing_.watched() || (outbox_ && outbox_->isWaiting());
+    return listener_.hasWaiting() || http_.inFlight() > 0 || outgoing_.watched() ||
+           (outbox_ && outbox_->isWaiting());
 }
 
 void Daemon::stopAccepting() {

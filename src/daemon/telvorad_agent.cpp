@@ -70,6 +70,13 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
     return true;
 }
 
+std::optional<QuotaCharge> TelvoradAgent::mayWait(uid_t user) {
+    if (refusals_.refusesAtOnce(user)) return std::nullopt;
+    auto place = services_.quotas.of(user).take(Quota::connections, 1);
+    if (!place) refusals_.overQuota();
+    return place;
+}
+
 void TelvoradAgent::invalidated(const std::shared_ptr<TelvoradSession>& session) {
     TELVORA_LOG(kLogDebug, "listener: XPC connection to %s was invalidated", session->description().c_str());
     bool lastSession = false;

@@ -56,8 +56,8 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
     // connection is left to the caller, which closes it.
     bool listener(const std::shared_ptr<ClientConnection>& shouldAcceptNewConnection, const Peer& peer);
 
-    // See RefusalLog.
-    bool refusesAtOnce(uid_t user) { return refusals_.refusesAtOnce(user); }
+    // The charge for a new connection of the user while it waits for listener(); std::nullopt: it is refused.
+    std::optional<QuotaCharge> mayWait(uid_t user);
     // Ends every connection; their sessions end on their own strands.
     void invalidateAllConnections();
     // Sessions whose connection is valid.

@@ -117,7 +117,7 @@ void CurlEngine::begin(std::unique_ptr<HttpExchange> exchange) {
 // Takes a transfer from the free ones; null if there is no memory for another.
 CurlTransfer* CurlEngine::freeTransfer() {
     if (freeTransfers_.empty()) {
-        auto made = std::make_unique<CurlTransfer>(curl_, options_);
+        auto made = std::make_unique<CurlTransfer>(curl_, options_, connections_);
         if (made->handle() == nullptr) return nullptr;
         transfers_.push_back(std::move(made));
         return transfers_.back().get();

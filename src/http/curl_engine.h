@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "http/curl_connections.h"
 #include "http/curl_transfer.h"
 #include "http/exchange_queue.h"
 
@@ -74,6 +75,7 @@ class CurlEngine {
 
     const CurlLibrary& curl_;
     const CurlHttpClientOptions& options_;
+    CurlConnections connections_;
     CURLM* multi_;
     std::vector<std::unique_ptr<CurlTransfer>> transfers_;
     std::vector<CurlTransfer*> freeTransfers_;

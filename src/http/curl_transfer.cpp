@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/curl_transfer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <new>
 
@@ -24,6 +26,18 @@ constexpr size_t kMaxHeaderBytes = size_t{256} << 10;
 bool hasHeader(const HttpRequest& request, std::string_view name) {
     return std::any_of(request.headers.begin(), request.headers.end(),
                        [&](const auto& header) { return equalsIgnoringAsciiCase(header.first, name); });
+}
+
+int onSocket(void* connections, curl_socket_t socket, curlsocktype) noexcept try {
+    static_cast<CurlConnections*>(connections)->opened(socket);
+    return CURL_SOCKOPT_OK;
+} catch (const std::bad_alloc&) {
+    return CURL_SOCKOPT_ERROR;
+}
+
+int onClose(void* connections, curl_socket_t socket) noexcept {
+    static_cast<CurlConnections*>(connections)->closing(socket);
+    return ::close(socket);
 }
 
 HttpError::Kind kindOf(CURLcode code) {
@@ -58,8 +72,9 @@ HttpError makeHttpError(CURLcode code, std::string description) {
     return {code, std::move(description), kindOf(code)};
 }
 
-CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options)
-    : curl_(curl), easy_(curl.easyInit()) {
+CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options,
+                           CurlConnections& connections)
+    : curl_(curl), connections_(connections), easy_(curl.easyInit()) {
     if (easy_ != nullptr) setConstantOptions(options);
 }
 
@@ -88,6 +103,13 @@ void CurlTransfer::setConstantOptions(const CurlHttpClientOptions& options) {
     curl_.easySetopt(easy_, CURLOPT_HEADERDATA, this);
     curl_.easySetopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::onBody);
     curl_.easySetopt(easy_, CURLOPT_WRITEDATA, this);
+
+    curl_.easySetopt(easy_, CURLOPT_SOCKOPTFUNCTION, &onSocket);
+    curl_.easySetopt(easy_, CURLOPT_SOCKOPTDATA, &connections_);
+    curl_.easySetopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, &onClose);
+    curl_.easySetopt(easy_, CURLOPT_CLOSESOCKETDATA, &connections_);
+    curl_.easySetopt(easy_, CURLOPT_PREREQFUNCTION, &CurlTransfer::onRequest);
+    curl_.easySetopt(easy_, CURLOPT_PREREQDATA, this);
 
     curl_.easySetopt(easy_, CURLOPT_NOSIGNAL, 1L);
     // Otherwise the end of an exchange would wait for its name lookup, and all others with it.
@@ -131,7 +153,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     exchange_->carrier = this;
     response_ = {};
     headerBytes_ = bodyBytes_ = 0;
-    tooLong_ = false;
+    tooLong_ = sentOnKept_ = isStale_ = unanswered_ = false;
     errorText_.front() = '\0';
 
     const HttpRequest& request = exchange_->request;
@@ -197,6 +219,22 @@ curl_slist* CurlTransfer::makeHeaderList(const HttpRequest& request) {
     return headerList_.data();
 }
 
+int CurlTransfer::onRequest(void* self, char* peer, char*, int peerPort, int localPort) noexcept try {
+    return static_cast<CurlTransfer*>(self)->mayAttempt({peer, peerPort, localPort}) ? CURL_PREREQFUNC_OK
+                                                                                     : CURL_PREREQFUNC_ABORT;
+} catch (const std::bad_alloc&) {
+    return CURL_PREREQFUNC_ABORT;
+}
+
+bool CurlTransfer::mayAttempt(CurlConnections::Name connection) {
+    const std::string& method = exchange_->request.method;
+    unanswered_ = sentOnKept_ && method != "GET" && method != "HEAD";
+    connection_ = std::move(connection);
+    sentOnKept_ = connections_.isKept(connection_);
+    isStale_ = !unanswered_ && sentOnKept_ && connections_.hasInput(connection_);
+    return !unanswered_ && !isStale_;
+}
+
 size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self) noexcept {
     auto& transfer = *static_cast<CurlTransfer*>(self);
     transfer.headerBytes_ += size * count;
@@ -243,7 +281,9 @@ size_t CurlTransfer::onBody(char* data, size_t size, size_t count, void* self) n
 bool CurlTransfer::shouldStartAgain(CURLcode code) {
     long newConnections = 0;
     curl_.easyGetinfo(easy_, CURLINFO_NUM_CONNECTS, &newConnections);
-    if (code != CURLE_SEND_ERROR || newConnections > 0 || headerBytes_ > 0) return false;
+    const bool wasClosed = code == CURLE_SEND_ERROR && newConnections == 0 && headerBytes_ == 0;
+    if (!wasClosed && !isStale_) return false;
+    sentOnKept_ = isStale_ = false;
     return curl_.easySetopt(easy_, CURLOPT_FRESH_CONNECT, 1L) == CURLE_OK;
 }
 
@@ -257,13 +297,19 @@ HttpResult CurlTransfer::end(CURLcode code) {
     if (tooLong_ || code == CURLE_FILESIZE_EXCEEDED) {
         return tl::unexpected(makeHttpError(CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"));
     }
+    if (unanswered_)
+        return tl::unexpected(makeHttpError(CURLE_GOT_NOTHING, curl_.easyStrerror(CURLE_GOT_NOTHING)));
     if (code != CURLE_OK) {
         const bool explained = errorText_.front() != '\0';
         return tl::unexpected(makeHttpError(code, explained ? errorText_.data() : curl_.easyStrerror(code)));
     }
     long status = 0;
     curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    if (status < 100 || status > 999) {  // RFC 9110, section 15; libcurl takes longer ones
+        return tl::unexpected(makeHttpError(CURLE_WEIRD_SERVER_REPLY, "the status of the answer is invalid"));
+    }
     response_.status = static_cast<int>(status);
+    if (!isMultiplexed()) connections_.keep(connection_);
     return std::move(response_);
 }
 

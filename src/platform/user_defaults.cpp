@@ -143,6 +143,7 @@ const UserDefaults::CachedFile& UserDefaults::current(const std::filesystem::pat
     const bool isKnown = file.identity == identity;
     // A file that could not be read may be readable now.
     if (isKnown && (!file.fault || file.fault->isDamage)) return file;
+    ++version_;
     file.identity = identity;
     file.fault.reset();
     if (identity.error == ENOENT || identity.error == ENOTDIR) {
@@ -227,6 +228,13 @@ UserDefaults::Files UserDefaults::files(std::string_view domain) {
     return files;
 }
 
+uint64_t UserDefaults::version(std::string_view domain) {
+    const MutexLock lock(mutex_);
+    for (const auto* directory : {&administratorDirectory_, &ownDirectory_})
+        current(fileOf(*directory, domain));
+    return version_;
+}
+
 bool UserDefaults::isNewlyUnfit(std::string_view domain, std::string_view key, const PropertyList& value) {
     const MutexLock lock(mutex_);
     PropertyList& known = unfit_[std::string(domain) + " " + std::string(key)];
@@ -252,6 +260,7 @@ tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Ch
     Changes& unwritten = unwritten_[std::string(domain)];
     wanted.insert(unwritten.begin(), unwritten.end());  // the new ones win
     std::swap(unwritten, wanted);                       // `wanted` has now the changes of before
+    ++version_;
 
     const UniqueFd turn = lockDirectory(ownDirectory_);
     const CachedFile& file = current(path);

@@ -13,6 +13,7 @@
 // operations are thread-safe and may block on file I/O.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -67,6 +68,10 @@ class UserDefaults {
     };
     Files files(std::string_view domain);
 
+    // A number that changes with every change of the domain's values, and may change without one. A reader of
+    // many values need not read them again while it is the same.
+    uint64_t version(std::string_view domain);
+
     // Whether this is the first call for the key, or the value differs from that of the last call: a reader
     // that ignores a value logs that once.
     bool isNewlyUnfit(std::string_view domain, std::string_view key, const PropertyList& value);
@@ -90,6 +95,7 @@ class UserDefaults {
     const std::filesystem::path administratorDirectory_;
     const std::filesystem::path ownDirectory_;
     std::map<std::filesystem::path, CachedFile> files_ TELVORA_GUARDED_BY(mutex_);
+    uint64_t version_ TELVORA_GUARDED_BY(mutex_) = 0;
     // By domain, changes that could not be written; the next write includes them.
     std::map<std::string, Changes, std::less<>> unwritten_ TELVORA_GUARDED_BY(mutex_);
     std::map<std::string, PropertyList> unfit_ TELVORA_GUARDED_BY(mutex_);  // by domain and key

@@ -23,6 +23,10 @@ fi
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig" GOCACHE="$to/go-cache" PATH="/usr/bin:$PATH"
 all="$flags -Wall -Wextra -Wpedantic -Werror"
+for header in "$to"/prefix/include/telvora/*.hpp; do
+    # shellcheck disable=SC2086  # several flags
+    "$cxx" -std=c++20 $all -I "$to/prefix/include" -fsyntax-only -include "$header" -x c++ /dev/null
+done
 make -s -C "$to" CC="$cc" CXX="$cxx" CFLAGS="$all" CXXFLAGS="$all"
 
 cmake -S "$to/cpp" -B "$to/cpp/build" -DCMAKE_PREFIX_PATH="$to/prefix" -DCMAKE_CXX_COMPILER="$cxx" \

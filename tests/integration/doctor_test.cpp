@@ -58,6 +58,9 @@ struct Mistake {
     const char* arguments = "--client-type 8";
     const char* prefix = "";
 };
+void PrintTo(const Mistake& mistake, std::ostream* out) {
+    *out << mistake.words;
+}
 
 void setBagServer(DaemonOptions& options, const PropertyList& url) {
     options.defaults.set("telvora_storebag_url", url);

@@ -4,8 +4,11 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include <charconv>
 #include <variant>
 #include <vector>
+
+#include "util/utf8.h"
 
 namespace telvora {
 
@@ -24,17 +27,24 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
         return false;
     }
     bool Bool(bool value) { return add(value); }
-    bool Int(int value) { return add(value); }
-    bool Uint(unsigned value) { return add(value); }
-    bool Int64(int64_t value) { return add(static_cast<long long>(value)); }
-    bool Uint64(uint64_t value) { return add(static_cast<unsigned long long>(value)); }
-    bool Double(double value) { return add(value); }
+    // RapidJSON's own conversion of "0e308" is undefined.
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
+        const char* const end = text + length;
+        const auto addAs = [&](auto value) {
+            const auto [rest, error] = std::from_chars(text, end, value);
+            return error == std::errc() && rest == end && add(value);
+        };
+        problem = nullptr;
+        if (addAs(0LL) || addAs(0ULL) || addAs(0.0)) return true;
+        if (problem == nullptr) problem = "a number is out of range";
+        return false;
+    }
     bool String(const char* text, rapidjson::SizeType length, bool) {
-        return add(std::string_view(text, length));
+        return isText({text, length}) && add(std::string_view(text, length));
     }
     bool Key(const char* text, rapidjson::SizeType length, bool) {
         open_.back().key.assign(text, length);
-        return true;
+        return isText(open_.back().key);
     }
     bool StartObject() { return open(Dictionary()); }
     bool EndObject(rapidjson::SizeType) { return close(); }
@@ -47,6 +57,12 @@ class Collector : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Collect
         std::string key;  // of the next entry
     };
 
+    // RapidJSON lets the second half of a surrogate pair stand alone.
+    bool isText(std::string_view text) {
+        if (isValidUtf8(text)) return true;
+        problem = "a surrogate has no partner";
+        return false;
+    }
     bool open(std::variant<Dictionary, Array> container) {
         if (open_.size() >= kMaxDepth) {
             problem = "nested too deep";
@@ -86,7 +102,7 @@ tl::expected<PropertyList, std::string> parseJson(std::string_view text) {
     rapidjson::Reader reader;
     Collector collector;
     constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
-                                rapidjson::kParseFullPrecisionFlag;
+                                rapidjson::kParseNumbersAsStringsFlag;
     if (reader.Parse<kFlags>(stream, collector)) return std::move(collector.result);
     const char* problem = collector.problem != nullptr
                               ? collector.problem

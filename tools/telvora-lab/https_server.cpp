@@ -60,11 +60,12 @@ void answer(const httplib::Request& request, const ServerResponse& from, httplib
             return;
         }
         case ServerResponse::Ending::drip:
-            to.set_content_provider(from.body.size(), from.contentType,
-                                    [body = from.body](size_t offset, size_t, httplib::DataSink& sink) {
-                                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                                        return sink.write(body.data() + offset, 1);
-                                    });
+            to.set_content_provider(
+                from.body.size(), from.contentType,
+                [body = from.body, held = from.held](size_t offset, size_t, httplib::DataSink& sink) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                    return sink.write(body.data() + offset, 1);
+                });
             return;
     }
 }

@@ -44,6 +44,7 @@ struct ServerResponse {
     std::string contentType = "text/plain";
     std::string body;
     Ending ending = Ending::whole;
+    std::shared_ptr<const void> held = nullptr;  // destroyed when the answer has been sent, or can't be
 };
 
 struct HttpsServerOptions {
@@ -59,7 +60,8 @@ class Feed;
 struct Hosting {
     std::string address = "127.0.0.1";  // IPv4
     int port = 0;                       // 0: the kernel chooses
-    Feed* feed = nullptr;  // gets a record of each arrival; must outlive the server. May be null.
+    Feed* feed = nullptr;         // gets a record of each arrival; must outlive the server. May be null.
+    size_t keptBytes = SIZE_MAX;  // of uploads, at least one; the oldest ones are dropped
 };
 
 // The message for people about a server that could not be started.

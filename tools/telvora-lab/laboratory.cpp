@@ -44,7 +44,7 @@ PropertyList filledIn(const PropertyList& value, const Places& places) {
 }
 
 Hosting hostingOf(const LaboratoryOptions& options, int port) {
-    return {options.address, port, options.feed};
+    return {options.address, port, options.feed, options.keptBytes};
 }
 
 CollectorOptions collectorOf(const LaboratoryOptions& options) {

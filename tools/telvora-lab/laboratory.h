@@ -35,8 +35,9 @@ struct LaboratoryOptions {
     CollectorOptions collector = {};    // its address and port come from the options below
     std::string address = "127.0.0.1";  // IPv4, for all servers
     Ports ports = {};
-    bool keepKeys = false;  // see LabPki::make()
-    Feed* feed = nullptr;   // gets a record of each arrival; must outlive the laboratory. May be null.
+    bool keepKeys = false;        // see LabPki::make()
+    size_t keptBytes = SIZE_MAX;  // of files, and of log data; the oldest uploads are dropped
+    Feed* feed = nullptr;         // gets a record of each arrival; must outlive the laboratory. May be null.
 };
 
 class Laboratory {

@@ -44,6 +44,7 @@ NamedValues<LogDataFault> namedValues<LogDataFault>() {
 
 LogDataServer::LogDataServer(const LabPki& pki, const Hosting& hosting)
     : feed_(hosting.feed),
+      uploads_(hosting.keptBytes),
       server_(pki.serverCertificateFile(), pki.serverKeyFile(),
               [this](const ServerRequest& request) { return handle(request); },
               {.address = hosting.address, .port = hosting.port, .connections = kConnections}) {}
@@ -60,7 +61,7 @@ LogDataFault LogDataServer::fault() const {
 
 std::vector<Array> LogDataServer::uploads() const {
     MutexLock lock(mutex_);
-    return uploads_;
+    return uploads_.kept();
 }
 
 std::vector<std::string> LogDataServer::problems() const {
@@ -83,9 +84,9 @@ ServerResponse LogDataServer::handle(const ServerRequest& request) {
         response.status = 400;
         return response;
     }
-    uploads_.push_back(std::move(*records));
+    uploads_.add(std::move(*records), request.body.size());
     if (fault_ == LogDataFault::noAnswer) response.ending = ServerResponse::Ending::noAnswer;
-    if (fault_ == LogDataFault::none) response.body = location(uploads_.size());
+    if (fault_ == LogDataFault::none) response.body = location(uploads_.count());
     return response;
 }
 

@@ -15,6 +15,7 @@
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
 #include "telvora-lab/named_values.h"
+#include "telvora-lab/newest.h"
 #include "util/mutex.h"
 
 namespace telvora::lab {
@@ -44,7 +45,7 @@ class LogDataServer {
     void setFault(LogDataFault fault);
     LogDataFault fault() const;
 
-    // The records of each upload, in order.
+    // The records of each upload that is kept, in order.
     std::vector<Array> uploads() const;
     // The errors of malformed uploads, one line each. Empty if there are none.
     std::vector<std::string> problems() const;
@@ -55,7 +56,7 @@ class LogDataServer {
     Feed* const feed_;
     mutable Mutex mutex_;
     LogDataFault fault_ TELVORA_GUARDED_BY(mutex_) = LogDataFault::none;
-    std::vector<Array> uploads_ TELVORA_GUARDED_BY(mutex_);
+    Newest<Array> uploads_ TELVORA_GUARDED_BY(mutex_);
     std::vector<std::string> problems_ TELVORA_GUARDED_BY(mutex_);
     HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };

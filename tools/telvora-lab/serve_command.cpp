@@ -2,7 +2,9 @@
 #include "telvora-lab/serve_command.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -22,6 +24,9 @@ namespace telvora::lab {
 namespace {
 
 constexpr int kUsageError = 2;
+// Of files that the end of the run writes to the directory, and likewise of log data.
+constexpr size_t kKeptBytes = size_t{256} << 20;
+constexpr unsigned kSecondsForTheLastLines = 5;
 
 int complain(const std::string& message) {
     std::cerr << "telvora-lab: " << escapeControlCharacters(message) << '\n';
@@ -131,6 +136,7 @@ tl::expected<std::unique_ptr<Laboratory>, std::string> startLaboratory(const Ser
     LaboratoryOptions options;
     options.reporting.countByKey = arguments.countByKey;
     options.reporting.keptEvents = arguments.follow ? 0 : arguments.keptEvents;
+    options.keptBytes = arguments.follow ? 0 : kKeptBytes;
     options.collector = arguments.collector;
     options.address = arguments.listen;
     options.ports = arguments.port != 0 ? portsFrom(arguments.port) : kept.ports;
@@ -196,6 +202,9 @@ int serve(const ServeArguments& given) {
         {
             const Follower follower(feed, std::cout, arguments.json);
             end.wait(arguments.ignoreInput);
+            // A reader of the output that has stopped must not keep the laboratory from ending.
+            std::signal(SIGALRM, [](int) { _exit(1); });
+            alarm(kSecondsForTheLastLines);
         }
         printTotals(lab, arguments.json);
     } else {

@@ -9,8 +9,11 @@ namespace {
 // Writes each uploaded file to a file of its own.
 Array writtenUploads(Laboratory& laboratory, const std::filesystem::path& directory) {
     Array written;
-    for (const ServerRequest& upload : laboratory.uploads().uploads()) {
-        const std::filesystem::path file = directory / "uploads" / std::to_string(written.size() + 1);
+    const auto uploads = laboratory.uploads().uploads();
+    const size_t dropped = laboratory.uploads().uploadCount() - uploads.size();
+    for (const ServerRequest& upload : uploads) {
+        const std::filesystem::path file =
+            directory / "uploads" / std::to_string(dropped + written.size() + 1);
         std::error_code ignored;
         std::filesystem::create_directories(file.parent_path(), ignored);
         std::ofstream(file, std::ios::binary) << upload.body;

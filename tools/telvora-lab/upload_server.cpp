@@ -39,6 +39,7 @@ NamedValues<UploadAnswer> namedValues<UploadAnswer>() {
 
 UploadServer::UploadServer(const LabPki& pki, const Hosting& hosting)
     : feed_(hosting.feed),
+      uploads_(hosting.keptBytes),
       server_(pki.serverCertificateFile(), pki.serverKeyFile(),
               [this](const ServerRequest& request) { return handle(request); },
               {.address = hosting.address, .port = hosting.port}) {}
@@ -74,7 +75,7 @@ ServerResponse UploadServer::handle(const ServerRequest& request) {
     uint64_t releases;
     {
         MutexLock lock(mutex_);
-        uploads_.push_back(request);
+        uploads_.add(request, request.body.size());
         changed_.notify_all();
         answer = answer_;
         releases = releases_;
@@ -94,19 +95,20 @@ ServerResponse UploadServer::handle(const ServerRequest& request) {
 
 std::vector<ServerRequest> UploadServer::uploads() const {
     MutexLock lock(mutex_);
-    return uploads_;
+    return uploads_.kept();
 }
 
 size_t UploadServer::uploadCount() const {
     MutexLock lock(mutex_);
-    return uploads_.size();
+    return uploads_.count();
 }
 
 bool UploadServer::waitForUploads(size_t count, std::chrono::milliseconds timeout) const {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     MutexLock lock(mutex_);
-    while (uploads_.size() < count) {
-        if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return uploads_.size() >= count;
+    while (uploads_.count() < count) {
+        if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout)
+            return uploads_.count() >= count;
     }
     return true;
 }

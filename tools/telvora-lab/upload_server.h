@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UploadServer: receives the files that the daemon posts to /upload, and stores them byte for byte.
+// UploadServer: receives the files that the daemon posts to /upload, and stores the newest byte for byte.
 //
 // All operations are callable from any thread.
 #pragma once
@@ -15,6 +15,7 @@
 #include "telvora-lab/https_server.h"
 #include "telvora-lab/lab_pki.h"
 #include "telvora-lab/named_values.h"
+#include "telvora-lab/newest.h"
 #include "util/mutex.h"
 
 namespace telvora::lab {
@@ -52,8 +53,9 @@ class UploadServer {
     void refuse() { server_.stop(); }
     bool accept() { return server_.restart(); }
 
-    // All uploads that arrived, in order; the body is the file, with gzip undone.
+    // The uploads that arrived and are kept, in order; the body is the file, with gzip undone.
     std::vector<ServerRequest> uploads() const;
+    // Of all that arrived.
     size_t uploadCount() const;
     // Waits until so many uploads have arrived. False if `timeout` passes first.
     bool waitForUploads(size_t count, std::chrono::milliseconds timeout) const;
@@ -65,7 +67,7 @@ class UploadServer {
     mutable Mutex mutex_;
     mutable std::condition_variable_any changed_;
     UploadAnswer answer_ TELVORA_GUARDED_BY(mutex_) = UploadAnswer::success;
-    std::vector<ServerRequest> uploads_ TELVORA_GUARDED_BY(mutex_);
+    Newest<ServerRequest> uploads_ TELVORA_GUARDED_BY(mutex_);
     uint64_t releases_ TELVORA_GUARDED_BY(mutex_) = 0;
     HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed
 };

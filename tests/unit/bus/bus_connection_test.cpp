@@ -189,13 +189,15 @@ TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
 }
 
 TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
-    for (const bool leaves : {false, true}) {
+    for (const std::string course : {"stays", "leaves", "no memory"}) {
+        const bool leaves = course == "leaves", noMemory = course == "no memory";
         std::promise<void> asked;
         bool admitted = false;
         filled_ = 0;
         Served served = serve({}, [&](BusConnection& bus) {
             bus.onAdmission([&] {
                 if (!admitted) asked.set_value();
+                if (admitted && noMemory) throw std::bad_alloc();
                 return admitted;
             });
         });
@@ -218,28 +220,31 @@ TEST_F(BusConnectionTest, MessagesWaitForAdmission) {
             admitted = true;
             served.bus->admit();
         });
-        if (!leaves) {
+        if (course == "stays") {
             peer.receive();
-            endAndWait(served);
+            onStrand(served, [&] { served.bus->close("done"); });
         }
-        served.ended.wait();
-        EXPECT_EQ(filled_, 1u);
+        EXPECT_EQ(served.ended.get() == course, noMemory);
+        EXPECT_EQ(filled_, noMemory ? 0u : 1u);
     }
 }
 
 TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
     const std::string flood(1 << 20, 'A');
+    constexpr auto kDeaf = "\0AUTH EXTERNAL\r\n"sv;  // of a peer that reads no answer
     Served bystander = serve();
     BusPeer peer(std::move(bystander.peer));
     for (const std::string_view bytes :
          {""sv, "\0"sv, "GET / HTTP/1.1\r\n\r\n"sv, "\0AUTH ANONYMOUS\r\nBEGIN\r\n"sv,
           "\0AUTH EXTERNAL 3939393939\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv,  // somebody else
-          "\0\r\n\r\n\r\n\xff\xff\xff\xff"sv, std::string_view(flood)}) {
+          "\0\r\n\r\n\r\n\xff\xff\xff\xff"sv, kDeaf, std::string_view(flood)}) {
         BusLimits limits;
-        if (bytes != flood) limits.authenticationTimeout = 20ms;
+        if (bytes != flood && bytes != kDeaf) limits.authenticationTimeout = 20ms;
         Served served = serve(limits);
+        if (bytes == kDeaf) shutdown(served.peer.get(), SHUT_RD);
         sendAll(served, bytes);
-        served.ended.wait();
+        const std::string reason = served.ended.get();
+        EXPECT_EQ(reason == "the peer has closed the connection", bytes == kDeaf) << reason;
         EXPECT_EQ(errorName(peer.call(fillCall(peer, 1))), "");
     }
     endAndWait(bystander);

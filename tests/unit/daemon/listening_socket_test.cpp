@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include "daemon/listener.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/unix_socket.h"
@@ -104,6 +106,36 @@ TEST_F(ListeningSocketTest, ComesFromTheServiceManagerWhichKeepsTheName) {
                   "the service manager handed over no listening Unix stream socket\n");
     EXPECT_EQ(takeHandedOver({socket, dup(socket)}, "a:b"),
               "the service manager handed over 2 descriptors, two of them for the same\n");
+}
+
+TEST_F(ListeningSocketTest, UsersTakeTurnsAndALaterDaemonGetsWhatWasNotAccepted) {
+    const auto managers = open();
+    asio::io_context loop;
+    DescriptorClosers closers;
+    std::vector<uid_t> served;
+    Listener listener(
+        loop, UniqueFd(dup(managers->socket.get())), closers,
+        [&](UniqueFd, const Peer& peer) { served.push_back(peer.uid); },
+        [](uid_t user) { return user != 8 ? std::optional(QuotaCharge()) : std::nullopt; });
+    std::vector<UniqueFd> clients;
+    const auto connectAs = [&](uid_t user) {
+        ASSERT_EQ(syscall(SYS_setresuid, -1, user, -1), 0);  // of this thread
+        clients.push_back(test::connectedSocket(path_));
+        syscall(SYS_setresuid, -1, 0, -1);
+    };
+    ASSERT_EQ(chmod(directory_.path().c_str(), 0755), 0);
+    for (const uid_t user : {6, 6, 6, 8, 7})
+        connectAs(user);
+    listener.resume();
+    while (served.size() < 4)
+        loop.run_one();
+    EXPECT_EQ(served, (std::vector<uid_t>{6, 7, 6, 6}));
+    EXPECT_FALSE(listener.hasWaiting());
+
+    connectAs(6);
+    listener.close();
+    loop.run();
+    EXPECT_TRUE(UniqueFd(accept(managers->socket.get(), nullptr, nullptr)));
 }
 
 }  // namespace

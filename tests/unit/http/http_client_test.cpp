@@ -155,6 +155,38 @@ TEST(CurlHttpClient, SendsAgainWhatAKeptConnectionWasClosedUnder) {
     EXPECT_EQ(connections, 2);
 }
 
+TEST(CurlHttpClient, RepeatsARequestOnlyIfNoServerCanHaveActedOnIt) {
+    struct Case {
+        const char* method;
+        bool announced;  // the end of the connection, before the request
+        int arrivals;    // of both requests together
+        int error;
+    };
+    for (const Case& one :
+         {Case{"POST", false, 2, kEmptyReply}, {"GET", false, 3, 0}, {"POST", true, 2, 0}}) {
+        std::atomic<int> connections = 0, arrivals = 0;
+        std::latch answered(1), announced(1);
+        ScriptedServer server([&](Connection& connection) {
+            const bool isFirst = connections++ == 0;
+            while (!connection.readRequest().empty()) {
+                if (arrivals++ == 1 && isFirst) return;
+                connection.send(kOk);
+                if (!isFirst || !one.announced) continue;
+                answered.wait();
+                connection.send("x");  // in the place of TLS's farewell
+                announced.count_down();
+            }
+        });
+        const auto client = makeCurlHttpClient();
+        EXPECT_TRUE(performBlocking(*client, {.url = server.url()}));
+        answered.count_down();
+        if (one.announced) announced.wait();
+        EXPECT_EQ(errorCode(performBlocking(*client, {.method = one.method, .url = server.url()})),
+                  one.error);
+        EXPECT_EQ(arrivals, one.arrivals) << one.method;
+    }
+}
+
 TEST(CurlHttpClient, TimesOutUnderWayAndInLine) {
     ScriptedServer server(hang);
     auto client = makeCurlHttpClient({.maxConnectionsPerHost = 1});

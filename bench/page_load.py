@@ -1,12 +1,25 @@
+#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Reports at a steady rate, posted right to the laboratory, and the cost for the laboratory and its page."""
+"""Posts 20,000 reports a second to the laboratory, and measures the cost for the laboratory and its page in a browser.
+
+page_load.py PROGRAMS SECONDS
+"""
+import contextlib
 import http.client
 import json
 import os
+import signal
 import ssl
+import sys
+import tempfile
 import threading
 import time
 import urllib.parse
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests/page"))
+from browser import Browser
+from world import World
 
 RATE = 20000  # reports a second
 BATCH = 100
@@ -77,3 +90,15 @@ def measure(addresses, lab, browser, seconds):
 def browser_seconds(browser):
     browser.call("Performance.enable")
     return next(m["value"] for m in browser.call("Performance.getMetrics")["metrics"] if m["name"] == "TaskDuration")
+
+
+def main():
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends the processes, too
+    programs, seconds = Path(sys.argv[1]).resolve(), int(sys.argv[2])
+    with tempfile.TemporaryDirectory() as directory, contextlib.ExitStack() as stack:
+        world = World(programs, Path(directory), stack)
+        browser = Browser(world.addresses["page"], stack)
+        print(json.dumps(measure(world.addresses, world.lab.pid, browser, seconds), indent=1))
+
+
+main()

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// CurlConnections: the sockets of libcurl's connections, and those that carry one exchange after another.
+//
+// A server may close a kept connection at any time, and announces that over TLS. libcurl does not see the
+// announcement before it sends the next request; it then repeats the request on another connection, although
+// the server may have acted on it. A look at the socket right before the request tells the two cases apart:
+// a kept connection that has input then is at its end, and the request has not been sent.
+//
+// Belongs to the HTTP thread.
+#pragma once
+
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace telvora {
+
+class CurlConnections {
+  public:
+    // As libcurl names a connection: the peer's address and port, and the own port.
+    using Name = std::tuple<std::string, int, int>;
+
+    // A socket was made, or is to be closed, which the caller does.
+    void opened(int socket) { unnamed_.push_back(socket); }
+    void closing(int socket);
+    // Notes that an HTTP/1.1 exchange of the connection is complete: it may carry another one. No effect if
+    // the connection has ended.
+    void keep(const Name& name);
+
+    // Whether the connection was kept; and whether it has input, or its end.
+    bool isKept(const Name& name) const { return kept_.contains(name); }
+    bool hasInput(const Name& name) const;
+
+  private:
+    std::vector<int> unnamed_;
+    std::map<Name, int> kept_;
+};
+
+}  // namespace telvora
