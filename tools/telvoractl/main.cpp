@@ -29,10 +29,10 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addStatusCommand,  addDoctorCommand,           addTailCommand,          addSendCommand,
-    addSessionCommand, addOneshotCommand,          addFlushCommand,         addUploadCommand,
-    addLogCommand,     addConsentCommand,          addDefaultsCommand,      addDeviceCommand,
-    addRefreshCommand, addResetIdentifiersCommand, addDashboardSendCommand,
+    addStatusCommand,  addDoctorCommand,           addTailCommand,       addSendCommand,
+    addSessionCommand, addOneshotCommand,          addFlushCommand,      addUploadCommand,
+    addLogCommand,     addConsentCommand,          addDefaultsCommand,   addDeviceCommand,
+    addRefreshCommand, addResetIdentifiersCommand, addSendHealthCommand, addDashboardSendCommand,
 };
 
 int run(int argc, char** argv) {

@@ -79,9 +79,13 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
         ->check(CLI::PositiveNumber);
 }
 
-void addReportOptions(CLI::App& command, ReportOptions& report) {
+void addCategoryAndType(CLI::App& command, ReportOptions& report) {
     command.add_option("--category", report.category, "Category, 0 to 65535")->required();
     command.add_option("--type", report.type, "Type, 0 to 65535")->required();
+}
+
+void addReportOptions(CLI::App& command, ReportOptions& report) {
+    addCategoryAndType(command, report);
     command.add_option("--payload", report.payload,
                        "KEY=TEXT for a string, KEY:=JSON for any other value (repeatable)");
     command.add_option("--payload-json", report.payloadJson,

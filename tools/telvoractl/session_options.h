@@ -56,6 +56,8 @@ tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
 std::string whyWithoutBag(int64_t clientType);
 
 void addSessionOptions(CLI::App& command, SessionOptions& options);
+void addCategoryAndType(CLI::App& command, ReportOptions& report);
+// With a payload.
 void addReportOptions(CLI::App& command, ReportOptions& report);
 
 }  // namespace telvora::ctl
