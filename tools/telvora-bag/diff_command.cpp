@@ -65,6 +65,7 @@ void addDistinctions(const Dictionary& bag, EnvironmentType environment, Distinc
 }
 
 std::vector<Scenario> scenariosOf(EnvironmentType environment, const Distinctions& distinctions) {
+    const bool tellsDevicesApart = distinctions.names.size() > 1 || distinctions.products.size() > 1;
     std::vector<Scenario> scenarios;
     for (const auto& client : distinctions.clients)
         for (const auto& service : distinctions.services)
@@ -79,19 +80,24 @@ std::vector<Scenario> scenariosOf(EnvironmentType environment, const Distinction
                     scenario.consent = consent;
                     for (const std::string& name : distinctions.names)
                         for (const std::string& product : distinctions.products) {
-                            scenario.device = {{"DeviceName", name}, {"ProductType", product}};
+                            if (tellsDevicesApart)
+                                scenario.device = {{"DeviceName", name}, {"ProductType", product}};
                             scenarios.push_back(scenario);
                         }
                 }
     return scenarios;
 }
 
+// Empty for a bag that does not tell devices apart.
+std::string describeDevice(const Dictionary& device) {
+    const std::string* name = device.string("DeviceName");
+    return name == nullptr ? "" : ", device " + *name + " of product type " + *device.string("ProductType");
+}
+
 std::string describe(const Scenario& scenario) {
     return sectionNameForEnvironment(scenario.environment).value_or("(none)") + ", client " +
            inQuotes(*scenario.clientName) + ", service " + inQuotes(*scenario.serviceName) + ", country " +
-           (scenario.country == "ZZ" ? "any other" : *scenario.country) + ", device " +
-           *scenario.device.string("DeviceName") + " of product type " +
-           *scenario.device.string("ProductType") +
+           (scenario.country == "ZZ" ? "any other" : *scenario.country) + describeDevice(scenario.device) +
            (scenario.consent ? ", with consent" : ", without consent");
 }
 
