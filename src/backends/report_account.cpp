@@ -3,17 +3,49 @@
 
 namespace telvora {
 
+namespace {
+
+// Places that a report may pass after it was accepted: in flight, held, and its outcome.
+constexpr size_t kOutcomesAhead = 4;
+
+}  // namespace
+
 const char* nameOf(ReportOutcome outcome) {
-    static constexpr std::array<const char*, kReportOutcomes> kNames = {
-        "inFlight",         "held",        "delivered",     "kept",
-        "notWhitelisted",   "blacklisted", "disabled",      "sampledOut",
-        "noUserInfo",       "batchFull",   "overQuota",     "overDailyQuota",
-        "sessionEnded",     "noURL",       "notSent",       "tooManyPending",
-        "noConnection",     "noAnswer",    "rejected",      "serverError",
-        "notSupported",     "noAdaptor",   "notConfigured", "incomplete",
-        "noBackend",        "fileRefused", "fileTooLarge",  "fileUnreadable",
-        "oversized",        "outboxFull",  "expired",       "consentWithdrawn",
-        "identifiersReset", "damaged"};
+    static constexpr std::array<const char*, kReportOutcomes> kNames = {"inFlight",
+                                                                        "held",
+                                                                        "delivered",
+                                                                        "kept",
+                                                                        "notWhitelisted",
+                                                                        "blacklisted",
+                                                                        "disabled",
+                                                                        "sampledOut",
+                                                                        "noUserInfo",
+                                                                        "batchFull",
+                                                                        "overQuota",
+                                                                        "overDailyQuota",
+                                                                        "noMemory",
+                                                                        "sessionEnded",
+                                                                        "noURL",
+                                                                        "notSent",
+                                                                        "tooManyPending",
+                                                                        "noConnection",
+                                                                        "noAnswer",
+                                                                        "rejected",
+                                                                        "serverError",
+                                                                        "notSupported",
+                                                                        "noAdaptor",
+                                                                        "notConfigured",
+                                                                        "incomplete",
+                                                                        "noBackend",
+                                                                        "fileRefused",
+                                                                        "fileTooLarge",
+                                                                        "fileUnreadable",
+                                                                        "oversized",
+                                                                        "outboxFull",
+                                                                        "expired",
+                                                                        "consentWithdrawn",
+                                                                        "identifiersReset",
+                                                                        "damaged"};
     return kNames[static_cast<size_t>(outcome)];
 }
 
@@ -22,6 +54,8 @@ ReportOutcome outcomeOf(const HttpResult& result) {
         switch (result.error().kind) {
             case HttpError::Kind::notSent:
                 return ReportOutcome::notSent;
+            case HttpError::Kind::noMemory:
+                return ReportOutcome::noMemory;
             case HttpError::Kind::tooManyPending:
                 return ReportOutcome::tooManyPending;
             case HttpError::Kind::noConnection:
@@ -47,9 +81,9 @@ uint64_t failedOrPending(const ReportTally& tally) {
     uint64_t reports = tally[ReportOutcome::inFlight] + tally[ReportOutcome::held];
     for (const ReportOutcome failure :
          {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::overDailyQuota,
-          ReportOutcome::sessionEnded, ReportOutcome::notSent, ReportOutcome::tooManyPending,
-          ReportOutcome::noConnection, ReportOutcome::noAnswer, ReportOutcome::rejected,
-          ReportOutcome::serverError}) {
+          ReportOutcome::noMemory, ReportOutcome::sessionEnded, ReportOutcome::notSent,
+          ReportOutcome::tooManyPending, ReportOutcome::noConnection, ReportOutcome::noAnswer,
+          ReportOutcome::rejected, ReportOutcome::serverError}) {
         reports += tally[failure];
     }
     return reports;
@@ -68,6 +102,9 @@ ReportAccount::~ReportAccount() {
 
 void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
     const MutexLock lock(lock_);
+    // So that move() needs no memory: a report that is lost for lack of it is counted.
+    outcomes_.reserve(kOutcomesAhead);
+    disabledBecause_.reserve(1);
     accepted_ += reports;
     outcomes_[static_cast<size_t>(outcome)] += reports;
 }

@@ -45,6 +45,7 @@ enum class ReportOutcome : uint8_t {
     batchFull,       // the batch was full and could not be flushed
     overQuota,       // a quota of its user was used up
     overDailyQuota,  // its user has posted as much as is allowed in a day
+    noMemory,        // there was no memory for it
     sessionEnded,    // the backend ended while it held the report
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
@@ -114,6 +115,8 @@ class ReportAccount {
     class Counters {
       public:
         uint64_t& operator[](size_t index);
+        // Takes memory for as many counters that are not used yet.
+        void reserve(size_t unused) { used_.reserve(used_.size() + unused); }
         template <size_t size>
         void copyTo(std::array<uint64_t, size>& counters) const {
             for (const auto& [index, count] : used_)
@@ -136,6 +139,35 @@ class ReportAccount {
 
 // The sums of all accounts of one name, by that name.
 using ReportTallies = std::map<std::string, ReportTally>;
+
+// Reports that are in flight, or none. Those without another outcome at its end are lost: an exception has
+// passed, and only one for lack of memory can. Belongs to one thread at a time.
+class InFlightReports {
+  public:
+    InFlightReports() = default;
+    InFlightReports(std::shared_ptr<ReportAccount> account, size_t reports)
+        : account_(std::move(account)), reports_(reports) {}
+    InFlightReports(InFlightReports&&) noexcept = default;
+    InFlightReports& operator=(InFlightReports&& other) noexcept {
+        settle(ReportOutcome::noMemory);
+        account_ = std::move(other.account_);
+        reports_ = other.reports_;
+        return *this;
+    }
+    ~InFlightReports() { settle(ReportOutcome::noMemory); }
+
+    size_t count() const { return reports_; }
+    // The outcome of the reports, which are then no longer in flight. Without effect on none. `reason`: see
+    // ReportAccount::move().
+    void settle(ReportOutcome outcome, Decision reason = Decision::unconditional) noexcept {
+        if (const auto account = std::move(account_))
+            account->move(reports_, ReportOutcome::inFlight, outcome, reason);
+    }
+
+  private:
+    std::shared_ptr<ReportAccount> account_;
+    size_t reports_ = 0;
+};
 
 // The accounts of all clients, including clients that have ended. Outlives its accounts.
 class ReportLedger {
