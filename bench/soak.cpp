@@ -32,6 +32,12 @@ using std::chrono::seconds;
 constexpr size_t kFriendlyClients = 4;
 constexpr size_t kSamples = 8;  // of the last daemon
 constexpr size_t kFewestSamples = 6;
+// Sanitizers also keep freed memory, to find its use: 256 MiB.
+#ifdef TELVORA_SANITIZED
+constexpr int64_t kKeptByTheAllocatorKiB = 512 << 10;
+#else
+constexpr int64_t kKeptByTheAllocatorKiB = 64 << 10;
+#endif
 constexpr seconds kQuietPatience{90};
 constexpr seconds kRestPatience{15};
 // Short enough for the daemon to come to rest.
@@ -295,7 +301,7 @@ class Soak {
         }
         endQuietly();
         if (books_.repeatedCount() > 0)
-            problem(fmt::format("{} reports arrived again though answered", books_.repeatedCount()));
+            problem(fmt::format("{} reports arrived again", books_.repeatedCount()));
         for (const std::string& text : books_.problems())
             problem(text);
     }
@@ -335,8 +341,7 @@ class Soak {
         row("reports begun by clients", sent_);
         row("acknowledged, at least", acknowledged_);
         row("arrived", books_.receivedCount());
-        row("arrived again though answered", books_.repeatedCount());
-        row("arrived again after no answer", books_.retriedCount());
+        row("arrived again", books_.repeatedCount());
         std::cout << "ledger of the daemons that answered last\n";
         row("accepted", accepted_);
         row("delivered", delivered_);
@@ -352,7 +357,7 @@ class Soak {
                                  "last half");
         // What one attacker's unread input may leave in the allocator, and threads that end after 5 s without
         // work.
-        compareHalves<int64_t>("RSS, KiB", &Sample::rssKiB, 64 << 10);
+        compareHalves<int64_t>("RSS, KiB", &Sample::rssKiB, kKeptByTheAllocatorKiB);
         compareHalves<size_t>("descriptors", &Sample::descriptors, 8);
         compareHalves<size_t>("threads", &Sample::threads, 32);
         std::cout << (problems_.empty() ? "all agrees" : "DISAGREEMENTS, see standard error") << std::endl;

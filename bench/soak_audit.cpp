@@ -105,7 +105,7 @@ std::vector<std::string> auditQuietEnd(const Life& life, const Books& books) {
                     ledger.lostBy("rejected"), life.page.rejected);
     findings.expect(ledger.lostBy("serverError") == life.page.serverError, "serverError = answered 5xx",
                     ledger.lostBy("serverError"), life.page.serverError);
-    // `noAnswer` has no counterpart: a request may be repeated, or meet a connection that the server closes.
+    // `noAnswer` has no counterpart: a request may meet a connection that the server closes.
     const uint64_t neverArrived =
         ledger.accepted - ledger.delivered - ledger.lostBy("rejected") - ledger.lostBy("serverError");
     findings.expect(sums.acknowledged <= life.page.numbered + neverArrived,

@@ -85,25 +85,22 @@ lab::ServerResponse Books::handle(const lab::ServerRequest& request) {
         return {};
     }
     const ServerFault fault = ++messages_ % 3 == 0 ? fault_ : ServerFault::none;
-    uint64_t& entry = entryOf(page_, fault);
-    entry += message->events->size();
-    const bool answered = &entry != &page_.noAnswer;
+    entryOf(page_, fault) += message->events->size();
     for (const Dictionary& event : *message->events) {
-        if (const auto number = event.integer(kNumberKey)) record(static_cast<uint64_t>(*number), answered);
+        if (const auto number = event.integer(kNumberKey)) record(static_cast<uint64_t>(*number));
     }
     lab::ServerResponse response = answerWith(fault);
     if (fault == ServerFault::drip) response.held = dripping_;
     return response;
 }
 
-void Books::record(uint64_t number, bool answered) {
-    std::vector<Mark>& numbers = numbers_[number >> kClientShift];
+void Books::record(uint64_t number) {
+    std::vector<bool>& numbers = numbers_[number >> kClientShift];
     const uint64_t index = number & ((uint64_t{1} << kClientShift) - 1);
     if (index >= numbers.size()) numbers.resize(index + 1);
-    Mark& mark = numbers[index];
-    if (mark == Mark::none && categoryOf(number) != kListedCategory) ++page_.numbered;
-    ++(mark == Mark::none ? received_ : mark == Mark::answered ? repeated_ : retried_);
-    if (mark != Mark::answered) mark = answered ? Mark::answered : Mark::unanswered;
+    if (!numbers[index] && categoryOf(number) != kListedCategory) ++page_.numbered;
+    ++(numbers[index] ? repeated_ : received_);
+    numbers[index] = true;
 }
 
 Page Books::page() const {
@@ -115,8 +112,7 @@ bool Books::received(uint64_t number) const {
     const MutexLock lock(lock_);
     const auto numbers = numbers_.find(number >> kClientShift);
     const uint64_t index = number & ((uint64_t{1} << kClientShift) - 1);
-    return numbers != numbers_.end() && index < numbers->second.size() &&
-           numbers->second[index] != Mark::none;
+    return numbers != numbers_.end() && index < numbers->second.size() && numbers->second[index];
 }
 
 uint64_t Books::receivedCount() const {
@@ -127,11 +123,6 @@ uint64_t Books::receivedCount() const {
 uint64_t Books::repeatedCount() const {
     const MutexLock lock(lock_);
     return repeated_;
-}
-
-uint64_t Books::retriedCount() const {
-    const MutexLock lock(lock_);
-    return retried_;
 }
 
 std::vector<std::string> Books::problems() const {

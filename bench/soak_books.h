@@ -53,27 +53,23 @@ class Books {
 
     Page page() const TELVORA_EXCLUDES(lock_);
     bool received(uint64_t number) const TELVORA_EXCLUDES(lock_);
-    // Different reports of clients since the beginning; those that came again though they were answered;
-    // those that came again because they were not: libcurl repeats a request when a kept connection ends.
+    // Different reports of clients since the beginning, and those that came again.
     uint64_t receivedCount() const TELVORA_EXCLUDES(lock_);
     uint64_t repeatedCount() const TELVORA_EXCLUDES(lock_);
-    uint64_t retriedCount() const TELVORA_EXCLUDES(lock_);
     // One line for each message that could not be read.
     std::vector<std::string> problems() const TELVORA_EXCLUDES(lock_);
 
   private:
     lab::ServerResponse handle(const lab::ServerRequest& request) TELVORA_EXCLUDES(lock_);
-    void record(uint64_t number, bool answered) TELVORA_REQUIRES(lock_);
+    void record(uint64_t number) TELVORA_REQUIRES(lock_);
 
     mutable Mutex lock_;
     ServerFault fault_ TELVORA_GUARDED_BY(lock_) = ServerFault::none;
     uint64_t messages_ TELVORA_GUARDED_BY(lock_) = 0;
     Page page_ TELVORA_GUARDED_BY(lock_);
-    enum class Mark : uint8_t { none, unanswered, answered };
-    std::unordered_map<uint64_t, std::vector<Mark>> numbers_ TELVORA_GUARDED_BY(lock_);  // by client
+    std::unordered_map<uint64_t, std::vector<bool>> numbers_ TELVORA_GUARDED_BY(lock_);  // by client
     uint64_t received_ TELVORA_GUARDED_BY(lock_) = 0;
     uint64_t repeated_ TELVORA_GUARDED_BY(lock_) = 0;
-    uint64_t retried_ TELVORA_GUARDED_BY(lock_) = 0;
     std::vector<std::string> problems_ TELVORA_GUARDED_BY(lock_);
     const std::shared_ptr<const void> dripping_ = std::make_shared<int>();  // held by each answer that drips
     lab::HttpsServer server_;  // last: it stops before the members that its handlers use are destroyed

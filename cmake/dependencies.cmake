@@ -7,6 +7,7 @@ find_package(CURL REQUIRED)
 find_package(fmt REQUIRED)
 
 find_package(EXPAT REQUIRED)
+pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET hogweed nettle gmp)
 pkg_check_modules(SECCOMP REQUIRED IMPORTED_TARGET libseccomp)
 pkg_check_modules(CAPNG REQUIRED IMPORTED_TARGET libcap-ng)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)

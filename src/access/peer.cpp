@@ -6,11 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string_view>
 
+#include "platform/environment_file.h"
+#include "util/ascii.h"
 #include "util/unique_fd.h"
 
 // The C library's headers may be older than the running kernel.
@@ -49,8 +50,8 @@ std::vector<gid_t> readGroups(int socket) {
     return groups;
 }
 
-std::string readLabel(int socket) {
-    std::string label = readOption(socket, SO_PEERSEC).value_or("");
+// A label without the zero byte or the line feed that follows it.
+std::string withoutEnd(std::string label) {
     while (!label.empty() && (label.back() == '\0' || label.back() == '\n'))
         label.pop_back();
     return label;
@@ -62,18 +63,36 @@ bool isAlive(int processDescriptor) {
     return poll(&entry, 1, 0) == 0;
 }
 
+std::string directoryOf(pid_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
+
 // The path of the process's control group, cgroups(7); empty if it is not known. The unified hierarchy
 // counts, and where there is none, the one that the service manager has for itself.
 std::string controlGroup(pid_t pid) {
-    std::ifstream groups("/proc/" + std::to_string(pid) + "/cgroup");
-    std::string path;
-    for (std::string line; std::getline(groups, line);) {
+    const std::string groups = readSmallFile(directoryOf(pid) + "/cgroup", kMaxOptionBytes).value_or("");
+    std::string_view path;
+    for (std::string_view rest = groups; !rest.empty();) {
+        const std::string_view line = takePart(rest, '\n');
         constexpr std::string_view kUnified = "0::";
         const size_t named = line.find(":name=systemd:");
         if (line.starts_with(kUnified) && path.empty()) path = line.substr(kUnified.size());
         if (named != std::string::npos) path = line.substr(line.find(':', named + 1) + 1);
     }
-    return path;
+    return std::string(path);
+}
+
+// The numbers of a line of /proc/PID/status, between tabs and blanks.
+std::vector<uint32_t> numbersIn(std::string_view line) {
+    std::vector<uint32_t> numbers;
+    while (!(line = trimmed(line)).empty()) {
+        uint32_t number = 0;
+        const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+        if (error != std::errc()) break;
+        numbers.push_back(number);
+        line.remove_prefix(static_cast<size_t>(end - line.data()));
+    }
+    return numbers;
 }
 
 // The unit is looked up by process ID. If the process is still alive afterwards, the ID was its own.
@@ -122,32 +141,26 @@ std::string Peer::description() const {
 }
 
 std::optional<Peer> peerOfProcess(pid_t pid) {
-    const std::string directory = "/proc/" + std::to_string(pid);
-    std::ifstream status(directory + "/status");
+    const auto status = readSmallFile(directoryOf(pid) + "/status", kMaxOptionBytes);
     Peer peer;
     bool found = false;
-    for (std::string line; std::getline(status, line);) {
-        std::istringstream words(line);
-        std::string key;
-        unsigned real = 0, effective = 0;
-        words >> key;
-        if (key == "Uid:" && words >> real >> effective) {
-            peer.uid = effective;
+    for (std::string_view rest = status ? *status : std::string_view(); !rest.empty();) {
+        std::string_view line = takePart(rest, '\n');
+        const std::string_view key = takePart(line, ':');
+        const std::vector<uint32_t> numbers = numbersIn(line);
+        if (key == "Uid" && numbers.size() > 1) {
+            peer.uid = numbers[1];  // the effective one
             found = true;
-        } else if (key == "Gid:" && words >> real >> effective) {
-            peer.gid = effective;
-        } else if (key == "Groups:") {
-            for (gid_t group; words >> group;)
-                peer.groups.push_back(group);
+        } else if (key == "Gid" && numbers.size() > 1) {
+            peer.gid = numbers[1];
+        } else if (key == "Groups") {
+            peer.groups = numbers;
         }
     }
     if (!found) return std::nullopt;
     peer.pid = pid;
     peer.unit = unitOfControlGroup(controlGroup(pid));
-    std::ifstream label(directory + "/attr/current");
-    std::getline(label, peer.label, '\0');
-    while (peer.label.ends_with('\n'))
-        peer.label.pop_back();
+    peer.label = withoutEnd(readSmallFile(directoryOf(pid) + "/attr/current").value_or(""));
     return peer;
 }
 
@@ -164,7 +177,7 @@ std::optional<Peer> readPeer(int socket) {
     peer.uid = credentials->uid;
     peer.gid = credentials->gid;
     peer.groups = readGroups(socket);
-    peer.label = readLabel(socket);
+    peer.label = withoutEnd(readOption(socket, SO_PEERSEC).value_or(""));
     peer.unit = readUnit(socket, peer.pid);
     return peer;
 }

@@ -55,26 +55,37 @@ uint64_t failedOrPending(const ReportTally& tally) {
     return reports;
 }
 
+uint64_t& ReportAccount::Counters::operator[](size_t index) {
+    for (auto& [used, count] : used_) {
+        if (used == index) return count;
+    }
+    return used_.emplace_back(index, 0).second;
+}
+
 ReportAccount::~ReportAccount() {
     if (ledger_ != nullptr) ledger_->close(*this);
 }
 
 void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
     const MutexLock lock(lock_);
-    tally_.accepted += reports;
-    tally_.outcomes[static_cast<size_t>(outcome)] += reports;
+    accepted_ += reports;
+    outcomes_[static_cast<size_t>(outcome)] += reports;
 }
 
 void ReportAccount::move(uint64_t reports, ReportOutcome from, ReportOutcome to, Decision reason) {
     const MutexLock lock(lock_);
-    if (to == ReportOutcome::disabled) tally_.disabledBecause[static_cast<size_t>(reason)] += reports;
-    tally_.outcomes[static_cast<size_t>(from)] -= reports;
-    tally_.outcomes[static_cast<size_t>(to)] += reports;
+    if (to == ReportOutcome::disabled) disabledBecause_[static_cast<size_t>(reason)] += reports;
+    outcomes_[static_cast<size_t>(from)] -= reports;
+    outcomes_[static_cast<size_t>(to)] += reports;
 }
 
 ReportTally ReportAccount::tally() const {
+    ReportTally tally;
     const MutexLock lock(lock_);
-    return tally_;
+    tally.accepted = accepted_;
+    outcomes_.copyTo(tally.outcomes);
+    disabledBecause_.copyTo(tally.disabledBecause);
+    return tally;
 }
 
 std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {

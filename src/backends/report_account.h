@@ -21,6 +21,8 @@
 #include <memory>
 #include <string>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "access/user_quotas.h"
 #include "http/http_client.h"
@@ -108,11 +110,28 @@ class ReportAccount {
     ReportAccount(ReportLedger& ledger, std::string name, int clientType)
         : ledger_(&ledger), name_(std::move(name)), clientType_(clientType) {}
 
+    // The counters that were ever used.
+    class Counters {
+      public:
+        uint64_t& operator[](size_t index);
+        template <size_t size>
+        void copyTo(std::array<uint64_t, size>& counters) const {
+            for (const auto& [index, count] : used_)
+                counters[index] = count;
+        }
+
+      private:
+        std::vector<std::pair<size_t, uint64_t>> used_;
+    };
+
     ReportLedger* const ledger_ = nullptr;
     const std::string name_;
     const int clientType_ = -1;
     mutable Mutex lock_;
-    ReportTally tally_ TELVORA_GUARDED_BY(lock_);
+    uint64_t accepted_ TELVORA_GUARDED_BY(lock_) = 0;
+    // Most sessions need few of the counters of a tally, and it takes half a kilobyte.
+    Counters outcomes_ TELVORA_GUARDED_BY(lock_);
+    Counters disabledBecause_ TELVORA_GUARDED_BY(lock_);
 };
 
 // The sums of all accounts of one name, by that name.

@@ -9,7 +9,7 @@
 
 namespace telvora {
 
-// Capacity in bytes that an empty buffer keeps: a connection without traffic holds no more.
+// Capacity in bytes that an empty buffer of the input keeps: a connection without traffic holds no more.
 inline constexpr size_t kIdleBufferSize = 1024;
 
 // Of one sendmsg(2), and of the descriptors that wait for their message. A sender may put more

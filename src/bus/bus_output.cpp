@@ -65,7 +65,7 @@ void BusOutput::clear() {
     sent_ = 0;
     descriptors_.clear();
     buffer_.clear();
-    if (buffer_.capacity() > kIdleBufferSize) buffer_.shrink_to_fit();
+    buffer_.shrink_to_fit();
 }
 
 }  // namespace telvora

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BusOutput: the messages and file descriptors that a connection has yet to send. Messages are written into
-// its buffer (WireWriter) and leave together, in one sendmsg(2) where the socket has room.
+// its buffer (WireWriter) and leave together, in one sendmsg(2) where the socket has room. A connection
+// without output holds no buffer.
 //
 // Used on the connection's strand.
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <string>
 #include <tl/expected.hpp>
 #include <vector>
@@ -40,7 +40,7 @@ class BusOutput {
 
     std::string buffer_;
     size_t sent_ = 0;
-    std::deque<Attached> descriptors_;
+    std::vector<Attached> descriptors_;
 };
 
 }  // namespace telvora

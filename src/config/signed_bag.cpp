@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "platform/digest.h"
+#include "plist/property_list_format.h"
 #include "util/base64.h"
 #include "util/log.h"
 
@@ -79,19 +81,6 @@ tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
 const char* nameOf(BagStep step) {
     static constexpr const char* kNames[] = {"none", "download", "key", "signature", "content", "section"};
     return kNames[static_cast<size_t>(step)];
-}
-
-std::string whyTooLongToSign() {
-    return "longer than the " + std::to_string(kMaxInnerBagBytes) +
-           " bytes of which a signed document of 16 MiB can be made";
-}
-
-tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key) {
-    if (innerBag.size() > kMaxInnerBagBytes) return tl::unexpected(whyTooLongToSign());
-    const std::string signature = key.signSha1(innerBag);
-    if (signature.empty()) return tl::unexpected(std::string("the key can't sign"));
-    const Dictionary document{{"bag", base64Encode(innerBag)}, {"signature", base64Encode(signature)}};
-    return serializePropertyList(document, PropertyListFormat::xml);
 }
 
 }  // namespace telvora

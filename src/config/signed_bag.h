@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Signed documents, which carry bags: a property list whose top level is a dictionary with two base64
+// Reads signed documents, which carry bags: a property list whose top level is a dictionary with two base64
 // strings; other entries are ignored,
 //
 //     "bag"        the inner bag, itself a serialised property list (a dictionary)
@@ -9,23 +9,15 @@
 // Thread-safe: no shared state.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "platform/digest.h"
 #include "plist/property_list.h"
-#include "plist/property_list_format.h"
 
 namespace telvora {
-
-// The longest inner bag whose signed document is within the limits of readers, with a key of any length.
-inline constexpr size_t kMaxInnerBagBytes = (kMaxDocumentBytes - 8192) / 4 * 3;
-std::string whyTooLongToSign();
 
 // The steps of getting a bag that can fail.
 enum class BagStep : uint8_t { none, download, key, signature, content, section };
@@ -43,9 +35,5 @@ struct BagFault {
 // or no dictionary.
 tl::expected<Dictionary, BagFault> openSignedBag(std::string_view document,
                                                  const std::vector<std::string>& publicKeyDers);
-
-// Makes the signed document of a serialised inner bag, as an XML property list. Fails with a reason if the
-// bag is too long or the key can't sign.
-tl::expected<std::string, std::string> signBag(std::string_view innerBag, const RsaPrivateKey& key);
 
 }  // namespace telvora

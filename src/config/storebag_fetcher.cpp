@@ -99,7 +99,7 @@ std::string StorebagFetcher::urlOf(const std::optional<std::string>& name) const
 
 void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
                                             BagCompletion done) const {
-    const std::string url = urlOf(name) + "?version=" + services_.framework.bundleVersion();
+    std::string url = urlOf(name) + "?version=" + services_.framework.bundleVersion();
     TELVORA_LOG(kLogDebug, "fetchStorebagWithName: Storebag Server URL: %s", url.c_str());
 
     HttpRequest request = makeRequest(url, status.lastModified);

@@ -17,12 +17,11 @@ void StorebagService::refresh(std::function<void()> done) {
     }
     if (types.empty()) return done();
     const auto left = std::make_shared<std::atomic<size_t>>(types.size());
-    for (const uint32_t type : types) {
-        const auto fetched = [left, done](const Section&) {
-            if (--*left == 0) done();
-        };
+    const auto fetched = [left, done = std::move(done)](const Section&) {
+        if (--*left == 0) done();
+    };
+    for (const uint32_t type : types)
         serve({type, fetched, {}, true});
-    }
 }
 
 void StorebagService::serve(Waiting asked) {

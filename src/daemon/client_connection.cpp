@@ -6,7 +6,7 @@
 
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
-#include <deque>
+#include <list>
 
 #include "protocol/client_session_methods.h"
 #include "protocol/method_call.h"
@@ -99,7 +99,7 @@ class BusClientConnection : public ClientConnection,
     QuotaCharge inputRoom_;
 
     Mutex outboxLock_;
-    std::deque<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
+    std::list<MessageToClient> outbox_ TELVORA_GUARDED_BY(outboxLock_);
     size_t outboxBytes_ TELVORA_GUARDED_BY(outboxLock_) = 0;
     QuotaCharge outboxRoom_ TELVORA_GUARDED_BY(outboxLock_);
     bool ended_ TELVORA_GUARDED_BY(outboxLock_) = false;

@@ -147,6 +147,7 @@ void Daemon::run() {
     listener_.resume();
     if (statusListener_) statusListener_->resume();
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
+    releaseFreeMemory();  // that the confinement used
     notifyServiceManager("READY=1");
     runLoop_.run();
 
@@ -171,8 +172,8 @@ void Daemon::run() {
 }
 
 bool Daemon::isNeeded() const {
-    return listener_.hasWaiting() || http_.inFlight() > 0 || outgoing_.watched() ||
-           (outbox_ && outbox_->isWaiting());
+    return listener_.hasWaiting() || (statusListener_ && statusListener_->hasWaiting()) ||
+           http_.inFlight() > 0 || outgoing_.watched() || (outbox_ && outbox_->isWaiting());
 }
 
 void Daemon::stopAccepting() {

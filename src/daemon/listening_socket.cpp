@@ -11,11 +11,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <optional>
-#include <sstream>
+#include <string_view>
 #include <vector>
 
 #include "async/descriptor_closers.h"
 #include "protocol/status_interface.h"
+#include "util/ascii.h"
 #include "util/error_text.h"
 #include "util/log.h"
 
@@ -72,9 +73,9 @@ std::vector<std::string> takeDescriptorNames() {
     if (process != std::to_string(getpid())) return {};
     std::vector<std::string> result(
         std::min<size_t>(std::strtoul(count.c_str(), nullptr, 10), kMaxDescriptors));
-    std::istringstream text(names);
+    std::string_view rest = names;
     for (std::string& name : result)
-        std::getline(text, name, ':');
+        name = takePart(rest, ':');
     return result;
 }
 

@@ -38,6 +38,7 @@ int run() {
     startLogging("telvorad");
     raiseDescriptorLimit();
     avoidHugePages();
+    leaveGnuTlsUnused();
 
     const Directories directories = Directories::fromEnvironment();
     explainOnTerminal(directories.runtime);

@@ -2,6 +2,7 @@
 #include "daemon/process_setup.h"
 
 #include <linux/ioprio.h>
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -49,6 +50,14 @@ void setUtilityQualityOfService() {
 void avoidHugePages() {
     if (prctl(PR_SET_THP_DISABLE, 1UL, 0UL, 0UL, 0UL) == 0) return;
     TELVORA_LOG(kLogDebug, "avoidHugePages: can't set it: %s", errorText(errno).c_str());
+}
+
+void leaveGnuTlsUnused() {
+    setenv("GNUTLS_NO_IMPLICIT_INIT", "1", 0);
+}
+
+void releaseFreeMemory() {
+    malloc_trim(0);
 }
 
 void notifyServiceManager(const char* state) {

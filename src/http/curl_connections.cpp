@@ -28,7 +28,7 @@ void CurlConnections::closing(int socket) {
 }
 
 void CurlConnections::keep(const Name& name) {
-    if (kept_.contains(name)) return;
+    if (name == Name() || kept_.contains(name)) return;
     const auto socket = std::find_if(unnamed_.begin(), unnamed_.end(),
                                      [&name](int each) { return localPort(each) == std::get<2>(name); });
     if (socket == unnamed_.end()) return;

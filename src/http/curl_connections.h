@@ -25,8 +25,8 @@ class CurlConnections {
     // A socket was made, or is to be closed, which the caller does.
     void opened(int socket) { unnamed_.push_back(socket); }
     void closing(int socket);
-    // Notes that an HTTP/1.1 exchange of the connection is complete: it may carry another one. No effect if
-    // the connection has ended.
+    // Notes that the peer answers with HTTP/1.1: the connection may carry another exchange. No effect for an
+    // empty name, and if the connection has ended.
     void keep(const Name& name);
 
     // Whether the connection was kept; and whether it has input, or its end.

@@ -56,7 +56,8 @@ CurlEngine::~CurlEngine() {
 
 void CurlEngine::add(std::unique_ptr<HttpExchange> exchange) {
     deadlines_.emplace(exchange->deadline, exchange.get());
-    queueOf(*exchange).add(std::move(exchange));
+    ExchangeQueue& queue = queueOf(*exchange);
+    queue.add(std::move(exchange));
 }
 
 std::vector<CurlEngine::Finished> CurlEngine::perform() {

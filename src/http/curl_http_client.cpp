@@ -4,6 +4,7 @@
 // the completions. The thread sleeps without a timeout while exchanges are active. After the last one it
 // waits for the life of an idle connection, then ends and releases connections, the certificate store and
 // libcurl's tables. So an idle client costs neither memory nor wakeups.
+#include <malloc.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -155,6 +156,7 @@ void CurlHttpClient::run() {
             serve(*engine);
         }
     } while (!mayEnd());
+    malloc_trim(0);  // returns the memory of the exchanges to the system
 }
 
 // Returns once the engine has been idle for long enough, or the client is destroyed.

@@ -154,6 +154,7 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     response_ = {};
     headerBytes_ = bodyBytes_ = 0;
     tooLong_ = sentOnKept_ = isStale_ = unanswered_ = false;
+    connection_ = {};
     errorText_.front() = '\0';
 
     const HttpRequest& request = exchange_->request;
@@ -253,6 +254,7 @@ size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self)
 void CurlTransfer::readHeader(std::string_view line) {
     if (line.substr(0, 5) == "HTTP/") {
         response_.headers.clear();  // those of an interim answer (RFC 9110, section 15.2)
+        if (line.substr(5, 1) == "1") connections_.keep(connection_);
         return;
     }
     const size_t colon = line.find(':');
@@ -309,7 +311,6 @@ HttpResult CurlTransfer::end(CURLcode code) {
         return tl::unexpected(makeHttpError(CURLE_WEIRD_SERVER_REPLY, "the status of the answer is invalid"));
     }
     response_.status = static_cast<int>(status);
-    if (!isMultiplexed()) connections_.keep(connection_);
     return std::move(response_);
 }
 

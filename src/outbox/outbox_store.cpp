@@ -38,7 +38,7 @@ constexpr char kSetUp[] =
 std::string linesOf(const HttpHeaders& headers) {
     std::string lines;
     for (const auto& [name, value] : headers)
-        lines += name + ": " + value + "\n";
+        lines.append(name).append(": ").append(value).append("\n");
     return lines;
 }
 

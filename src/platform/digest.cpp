@@ -1,17 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/digest.h"
 
-#include <openssl/bio.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
-
-#include <algorithm>
-#include <memory>
-#include <optional>
-#include <utility>
+#include <nettle/asn1.h>
+#include <nettle/rsa.h>
+#include <nettle/sha1.h>
+#include <nettle/sha2.h>
 
 #include "util/hexadecimal.h"
 
@@ -19,56 +12,58 @@ namespace telvora {
 
 namespace {
 
-struct FreeOpenSsl {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-    void operator()(BIO* bio) const { BIO_free(bio); }
+// Keys over this length would make the check of one signature slow.
+constexpr unsigned kMaxRsaBits = 16384;
+// rsaEncryption, 1.2.840.113549.1.1.1 (RFC 8017), as the content of a DER object identifier.
+constexpr std::string_view kRsaEncryption = "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01";
+
+const uint8_t* asBytes(std::string_view text) {
+    return reinterpret_cast<const uint8_t*>(text.data());
+}
+
+struct Integer {
+    explicit Integer(std::string_view bytes) {
+        nettle_mpz_init_set_str_256_u(value, bytes.size(), asBytes(bytes));
+    }
+    ~Integer() { mpz_clear(value); }
+    Integer(const Integer&) = delete;
+    Integer& operator=(const Integer&) = delete;
+    mpz_t value;
 };
-template <typename T>
-using Owned = std::unique_ptr<T, FreeOpenSsl>;
 
-const unsigned char* asBytes(std::string_view text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
+bool readKey(asn1_der_iterator& at, rsa_public_key& key) {
+    return rsa_public_key_from_der_iterator(&key, kMaxRsaBits, &at) != 0 &&
+           asn1_der_iterator_next(&at) == ASN1_ITERATOR_END;
 }
 
-unsigned char* asBytes(std::string& text) {
-    return reinterpret_cast<unsigned char*>(text.data());
+bool isRsa(asn1_der_iterator& algorithm) {
+    asn1_der_iterator name{};
+    return algorithm.type == ASN1_SEQUENCE &&
+           asn1_der_decode_constructed(&algorithm, &name) == ASN1_ITERATOR_PRIMITIVE &&
+           name.type == ASN1_IDENTIFIER &&
+           std::string_view(reinterpret_cast<const char*>(name.data), name.length) == kRsaEncryption;
 }
 
-EVP_PKEY* asKey(void* key) {
-    return static_cast<EVP_PKEY*>(key);
-}
-
-// The newest error in OpenSSL's queue of this thread; empties the queue.
-std::string takeError() {
-    const unsigned long code = ERR_peek_last_error();
-    char text[256] = "unknown OpenSSL error";
-    if (code != 0) ERR_error_string_n(code, text, sizeof text);
-    ERR_clear_error();
-    return text;
-}
-
-std::optional<std::string> whyTooShort(int bits) {
-    if (bits >= kMinRsaBits) return std::nullopt;
-    return "an RSA key of " + std::to_string(bits) + " bits; it must have " + std::to_string(kMinRsaBits) +
-           " at least";
-}
-
-std::string bioContent(BIO* bio) {
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(bio, &data);
-    return length > 0 ? std::string(data, static_cast<size_t>(length)) : std::string();
+// A SubjectPublicKeyInfo (RFC 5280): the algorithm, and a bit string that contains the RSAPublicKey.
+bool readKeyWithAlgorithm(asn1_der_iterator& document, rsa_public_key& key) {
+    asn1_der_iterator at{};
+    asn1_der_iterator content{};
+    return document.type == ASN1_SEQUENCE &&
+           asn1_der_decode_constructed(&document, &at) == ASN1_ITERATOR_CONSTRUCTED && isRsa(at) &&
+           asn1_der_iterator_next(&at) == ASN1_ITERATOR_PRIMITIVE && at.type == ASN1_BITSTRING &&
+           asn1_der_decode_bitstring(&at, &content) == ASN1_ITERATOR_CONSTRUCTED && readKey(content, key) &&
+           asn1_der_iterator_next(&at) == ASN1_ITERATOR_END &&
+           asn1_der_iterator_next(&document) == ASN1_ITERATOR_END;
 }
 
 }  // namespace
 
-void FreeKey::operator()(void* key) const {
-    EVP_PKEY_free(asKey(key));
-}
-
 std::array<uint8_t, 32> sha256(std::string_view bytes) {
+    sha256_ctx context;
+    sha256_init(&context);
+    sha256_update(&context, bytes.size(), asBytes(bytes));
     std::array<uint8_t, 32> digest{};
-    EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+    sha256_digest(&context, digest.size(), digest.data());
     return digest;
 }
 
@@ -77,83 +72,41 @@ std::string sha256Hex(std::string_view bytes) {
     return hexText({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 
+std::optional<std::string> whyTooShort(int bits) {
+    if (bits >= kMinRsaBits) return std::nullopt;
+    return "an RSA key of " + std::to_string(bits) + " bits; it must have " + std::to_string(kMinRsaBits) +
+           " at least";
+}
+
+void RsaPublicKey::FreeKey::operator()(rsa_public_key* key) const {
+    rsa_public_key_clear(key);
+    delete key;
+}
+
 tl::expected<RsaPublicKey, RsaPublicKey::Refusal> RsaPublicKey::fromDer(std::string_view der) {
-    const auto decode = [&](auto decoder) {
-        const unsigned char* at = asBytes(der);
-        Owned<EVP_PKEY> key(decoder(&at, static_cast<long>(der.size())));
-        if (at != asBytes(der) + der.size()) key.reset();
-        return key;
+    OwnedKey key(new rsa_public_key);
+    rsa_public_key_init(key.get());
+    const auto isReadBy = [&](auto read) {
+        asn1_der_iterator document{};
+        return asn1_der_iterator_first(&document, der.size(), asBytes(der)) == ASN1_ITERATOR_CONSTRUCTED &&
+               read(document, *key);
     };
-    Owned<EVP_PKEY> key = decode([](const unsigned char** at, long length) {
-        return d2i_PublicKey(EVP_PKEY_RSA, nullptr, at, length);
-    });
-    if (!key) {
-        key = decode([](const unsigned char** at, long length) { return d2i_PUBKEY(nullptr, at, length); });
-    }
-    ERR_clear_error();
-    if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) {
+    if (!isReadBy(readKey) && !isReadBy(readKeyWithAlgorithm)) {
         return tl::make_unexpected(Refusal{"no RSA public key in DER form"});
     }
-    if (auto why = whyTooShort(EVP_PKEY_get_bits(key.get()))) {
+    if (auto why = whyTooShort(static_cast<int>(mpz_sizeinbase(key->n, 2)))) {
         return tl::make_unexpected(Refusal{std::move(*why), true});
     }
-    return RsaPublicKey(key.release());
+    return RsaPublicKey(std::move(key));
 }
 
 bool RsaPublicKey::verifySha1(std::string_view message, std::string_view signature) const {
-    const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    const bool valid =
-        context &&
-        EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get())) == 1 &&
-        EVP_DigestVerify(context.get(), asBytes(signature), signature.size(), asBytes(message),
-                         message.size()) == 1;
-    ERR_clear_error();
-    return valid;
-}
-
-tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::generate(int bits) {
-    if (auto why = whyTooShort(bits)) return tl::make_unexpected(std::move(*why));
-    EVP_PKEY* key = EVP_RSA_gen(static_cast<unsigned>(bits));
-    if (key == nullptr) return tl::make_unexpected(takeError());
-    return RsaPrivateKey(key);
-}
-
-tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view pem) {
-    const Owned<BIO> bio(
-        BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), 1 << 20))));
-    if (!bio) return tl::make_unexpected(takeError());
-    // Without this callback OpenSSL would ask for the password of an encrypted key at the terminal.
-    const auto noPassword = [](char*, int, int, void*) { return -1; };
-    Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
-    if (!key) return tl::make_unexpected(takeError());
-    if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return tl::make_unexpected("not an RSA key");
-    if (auto why = whyTooShort(EVP_PKEY_get_bits(key.get()))) return tl::make_unexpected(std::move(*why));
-    return RsaPrivateKey(key.release());
-}
-
-std::string RsaPrivateKey::toPem() const {
-    const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    PEM_write_bio_PKCS8PrivateKey(bio.get(), asKey(key_.get()), nullptr, nullptr, 0, nullptr, nullptr);
-    return bioContent(bio.get());
-}
-
-std::string RsaPrivateKey::publicKeyToDer() const {
-    const Owned<BIO> bio(BIO_new(BIO_s_mem()));
-    i2d_PUBKEY_bio(bio.get(), asKey(key_.get()));
-    return bioContent(bio.get());
-}
-
-std::string RsaPrivateKey::signSha1(std::string_view message) const {
-    const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    size_t length = static_cast<size_t>(EVP_PKEY_get_size(asKey(key_.get())));
-    std::string signature(length, '\0');
-    EVP_DigestSignInit(context.get(), nullptr, EVP_sha1(), nullptr, asKey(key_.get()));
-    if (EVP_DigestSign(context.get(), asBytes(signature), &length, asBytes(message), message.size()) != 1) {
-        ERR_clear_error();
-        return {};
-    }
-    signature.resize(length);
-    return signature;
+    if (signature.size() != key_->size) return false;
+    sha1_ctx context;
+    sha1_init(&context);
+    sha1_update(&context, message.size(), asBytes(message));
+    const Integer number(signature);
+    return rsa_sha1_verify(key_.get(), &context, number.value) == 1;
 }
 
 }  // namespace telvora

@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Digests and RSA signatures, on OpenSSL's EVP. Thread-safe: no shared state.
+// Digests, and the check of RSA signatures. They use Nettle: the libcrypto of OpenSSL would add 4 MB to a
+// daemon that has no session. Thread-safe: no shared state.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tl/expected.hpp>
+#include <utility>
+
+struct rsa_public_key;  // Nettle's
 
 namespace telvora {
 
@@ -19,12 +24,8 @@ std::string sha256Hex(std::string_view bytes);
 
 // The least length of an RSA key; shorter ones can be broken.
 inline constexpr int kMinRsaBits = 2048;
-
-// An EVP_PKEY of OpenSSL.
-struct FreeKey {
-    void operator()(void* key) const;
-};
-using OwnedKey = std::unique_ptr<void, FreeKey>;
+// Why a key of this length is refused, or std::nullopt.
+std::optional<std::string> whyTooShort(int bits);
 
 // Checks RSASSA-PKCS1-v1_5 signatures (RFC 8017) over SHA-1 digests.
 class RsaPublicKey {
@@ -41,24 +42,12 @@ class RsaPublicKey {
     const void* identity() const { return key_.get(); }
 
   private:
-    explicit RsaPublicKey(void* key) : key_(key) {}
-    OwnedKey key_;
-};
+    struct FreeKey {
+        void operator()(rsa_public_key* key) const;
+    };
+    using OwnedKey = std::unique_ptr<rsa_public_key, FreeKey>;
 
-// Makes such signatures, for tools and tests.
-class RsaPrivateKey {
-  public:
-    // A new key; `bits` is at least kMinRsaBits. Fails with a reason.
-    static tl::expected<RsaPrivateKey, std::string> generate(int bits);
-    // From the text of a PEM file (PKCS#8 or PKCS#1, not encrypted), likewise. Fails with a reason.
-    static tl::expected<RsaPrivateKey, std::string> fromPem(std::string_view pem);
-
-    std::string toPem() const;                             // PKCS#8
-    std::string publicKeyToDer() const;                    // SubjectPublicKeyInfo
-    std::string signSha1(std::string_view message) const;  // empty on failure
-
-  private:
-    explicit RsaPrivateKey(void* key) : key_(key) {}
+    explicit RsaPublicKey(OwnedKey key) : key_(std::move(key)) {}
     OwnedKey key_;
 };
 

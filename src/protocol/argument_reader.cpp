@@ -2,9 +2,19 @@
 //
 // Every report passes through here, so values are read straight to their place, and text is formatted only
 // for a failure.
+#include <algorithm>
+
 #include "protocol/property_list_codec.h"
 
 namespace telvora {
+
+namespace {
+
+// Room for the entries of a typical payload is made at once.
+constexpr size_t kTypicalEntryBytes = 32;
+constexpr size_t kMaxReservedEntries = 16;
+
+}  // namespace
 
 bool ArgumentReader::fail(std::string failure) {
     if (failure_.empty()) failure_ = std::move(failure);
@@ -89,6 +99,7 @@ void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
     if (depth > kMaxPropertyListDepth) return void(fail("The property list is nested too deep"));
     if (!enter('a', "{sv}")) return;
     std::vector<Dictionary::Entry> entries;
+    entries.reserve(std::min(wire_.remaining() / kTypicalEntryBytes, kMaxReservedEntries));
     while (ok() && !wire_.atEnd()) {
         std::string_view key;
         if (!wire_.enter() || !wire_.read(key)) return void(failRead());

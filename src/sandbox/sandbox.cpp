@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <span>
-#include <sstream>
 #include <system_error>
 
 #include "sandbox/landlock.h"
@@ -13,6 +12,7 @@
 #include "sandbox/sandbox_profile.h"
 #include "sandbox/sanitizer_needs.h"
 #include "sandbox/system_call_filter.h"
+#include "util/ascii.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -41,7 +41,7 @@ void makeDirectory(const std::filesystem::path& directory) {
 template <typename Paths>
 Result allowAll(Landlock& landlock, const Paths& paths, PathAccess access) {
     for (const auto& entry : paths) {
-        const std::filesystem::path path(entry);
+        const std::filesystem::path& path = entry;
         if (path.empty()) continue;
         if (Result allowed = landlock.allow(path, access); !allowed) return allowed;
     }
@@ -95,9 +95,8 @@ SandboxPaths SandboxPaths::fromDirectories(const Directories& own) {
         paths.readOnly.push_back(std::filesystem::path(file).parent_path());
     }
     if (const char* directories = std::getenv("SSL_CERT_DIR"); directories != nullptr) {
-        std::istringstream list(directories);
-        for (std::string directory; std::getline(list, directory, ':');)
-            paths.readOnly.push_back(directory);
+        for (std::string_view rest = directories; !rest.empty();)
+            paths.readOnly.emplace_back(takePart(rest, ':'));
     }
     return paths;
 }

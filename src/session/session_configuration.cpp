@@ -49,6 +49,11 @@ int64_t levelOf(const Dictionary& token) {
     return std::max(token.integer(kTelvoraHierarchyTokenLevel).value_or(0), kLowest);
 }
 
+// A dictionary that was read entry by entry has room for more. An idle session needs none.
+std::shared_ptr<const Dictionary> withoutSpareRoom(const Dictionary& info) {
+    return std::make_shared<const Dictionary>(info);
+}
+
 }  // namespace
 
 DeviceIDBuffer uniqueDeviceID(const DeviceIdentity& identity) {
@@ -125,7 +130,7 @@ void TelvoradSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dicti
     if (sizeOf(frameworks_) > kMaxInfoBytes) frameworks_ = {};
     {
         const MutexLock lock(identityLock_);
-        userInfo_ = userInfo ? std::make_shared<const Dictionary>(std::move(*userInfo)) : nullptr;
+        userInfo_ = userInfo ? withoutSpareRoom(*userInfo) : nullptr;
     }
     hasAggregator_ = hasAggregationBlock;
 }
@@ -151,7 +156,7 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
         const int64_t type = sessionInfo.wrappedInteger(kTelvoraSessionInfoClientType).value_or(0);
         accounts_->setClientType(factsOfClientType(type) != nullptr ? static_cast<int>(type)
                                                                     : ReportLedger::kNoClientType);
-        sessionInfo_ = std::make_shared<const Dictionary>(std::move(sessionInfo));
+        sessionInfo_ = withoutSpareRoom(sessionInfo);
     }
     hierarchies_.updateCorrelatedSessions(shared_from_this());
 }
@@ -277,7 +282,7 @@ void TelvoradSession::receivedUserInfo(std::optional<Dictionary> newUserInfo) {
                                 sameString(*oldUserInfo, *newUserInfo, kTelvoraUserInfoServiceName);
     {
         const MutexLock lock(identityLock_);
-        userInfo_ = newUserInfo ? std::make_shared<const Dictionary>(std::move(*newUserInfo)) : nullptr;
+        userInfo_ = newUserInfo ? withoutSpareRoom(*newUserInfo) : nullptr;
     }
     updateUserInfoForBackends();
     if (namesUnchanged) return;

@@ -34,4 +34,11 @@ std::string_view trimmed(std::string_view text, std::string_view blanks) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+std::string_view takePart(std::string_view& rest, char separator) {
+    const size_t end = rest.find(separator);
+    const std::string_view part = rest.substr(0, end);
+    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+    return part;
+}
+
 }  // namespace telvora

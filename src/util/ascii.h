@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Letter case and blanks of ASCII text, whatever the locale is. All other bytes stay as they are.
+// Letter case, blanks and parts of ASCII text, whatever the locale is. All other bytes stay as they are.
 // Thread-safe.
 #pragma once
 
@@ -23,5 +23,9 @@ bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b);
 
 // The text without the characters of `blanks` at its two ends. It refers to `text`.
 std::string_view trimmed(std::string_view text, std::string_view blanks = " \t\r\n");
+
+// Takes the text before the next `separator`, and the separator, from `rest`; without a separator the whole
+// rest. The result refers to the text of `rest`.
+std::string_view takePart(std::string_view& rest, char separator);
 
 }  // namespace telvora

@@ -57,11 +57,13 @@ const char* messageOf(const z_stream& stream) {
     return stream.msg != nullptr ? stream.msg : "";
 }
 
-// Deflates the stream's whole input into `output`, which must have room for it. Returns the result of the
-// last deflate().
+// Deflates the stream's whole input into `output`. Returns the result of the last deflate(). Most messages
+// shrink to less than an eighth: room for the worst case would cost more than the compression's result.
 int deflateWhole(z_stream& stream, std::string& output) {
+    constexpr size_t kLeast = 64;
     int result = Z_OK;
     while (result == Z_OK) {
+        output.resize(std::max(2 * output.size(), stream.avail_in / 8 + kLeast));
         stream.next_out = reinterpret_cast<Bytef*>(output.data()) + stream.total_out;
         stream.avail_out = static_cast<uInt>(output.size() - stream.total_out);
         result = deflate(&stream, Z_FINISH);
@@ -118,7 +120,7 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
     // zlib does not write to its input; only old declarations of the member lack the const.
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
     stream.avail_in = static_cast<uInt>(input.size());
-    std::string output(deflateBound(&stream, static_cast<uLong>(input.size())), '\0');
+    std::string output;
     result = deflateWhole(stream, output);
     if (result != Z_STREAM_END) {
         TELVORA_LOG(
@@ -128,6 +130,7 @@ std::optional<std::string> compressDataWithZlibOrGzip(bool gzip, std::string_vie
         return std::nullopt;
     }
     output.resize(stream.total_out);
+    output.shrink_to_fit();  // it may wait for a server
     TELVORA_LOG(kLogDebug, "compressDataWithZlibOrGzip: Compressed file from %u to %u",
                 static_cast<unsigned>(input.size()), static_cast<unsigned>(output.size()));
     return output;

@@ -103,7 +103,8 @@ std::optional<LogFile>& currentFile(const MessageLog& log, MessageLogState& stat
 // Whether the user may add so many bytes now. Counts and logs the records that it may not add.
 bool admits(MessageLogState& state, uint64_t maxBytes, uid_t user, size_t bytes, double now)
     TELVORA_REQUIRES(state.lock) {
-    const auto all = static_cast<double>(maxBytes / kUsersPart);
+    const uint64_t most = maxBytes / kUsersPart;
+    const auto all = static_cast<double>(most);
     UsersPart& part = state.parts.try_emplace(user, UsersPart{all, now}).first->second;
     const double elapsed = std::max(0.0, now - part.since);
     part.freeBytes = std::min(all, part.freeBytes + elapsed * all / kSecondsPerPart);
@@ -121,7 +122,7 @@ bool admits(MessageLogState& state, uint64_t maxBytes, uid_t user, size_t bytes,
                     "%llu bytes an hour",
                     static_cast<unsigned long long>(part.droppedRecords),
                     static_cast<unsigned long long>(part.droppedBytes), user,
-                    static_cast<unsigned long long>(maxBytes / kUsersPart));
+                    static_cast<unsigned long long>(most));
         part.droppedRecords = part.droppedBytes = 0;
         part.lastLine = now;
     }

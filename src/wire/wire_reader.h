@@ -76,6 +76,9 @@ class WireReader {
         return {frame.type, static_cast<size_t>(frame.typesEnd - frame.type)};
     }
 
+    // The bytes that this container may still have.
+    size_t remaining() const { return frames_[depth_].end - position_; }
+
     template <WireNumber T>
     bool read(T& value) {
         return type() == wireTypeOf<T>() && readFixed(value) && consumed();

@@ -49,135 +49,110 @@ class DoctorFixture : public DaemonFixture {
     std::unique_ptr<ScriptedServer> brokenServer;
 };
 
+using Make = std::function<void(DoctorFixture&, DaemonOptions&)>;
+using MakeLater = std::function<void(DoctorFixture&)>;
+
 struct Mistake {
     const char* name;
     int step;
     const char* words;
-    std::function<void(DoctorFixture&, DaemonOptions&)> make = {};  // before the daemon's start
-    std::function<void(DoctorFixture&)> makeLater = {};             // while it runs
+    Make make = {};  // before the daemon's start
     const char* arguments = "--client-type 8";
+    MakeLater makeLater = {};  // while it runs
     const char* prefix = "";
 };
 void PrintTo(const Mistake& mistake, std::ostream* out) {
     *out << mistake.words;
 }
 
-void setBagServer(DaemonOptions& options, const PropertyList& url) {
-    options.defaults.set("telvora_storebag_url", url);
+Make serves(const Dictionary& changes, const char* missing = "") {
+    return [=](auto& f, auto&) { f.serve(changes, missing); };
 }
+Make sets(const char* key, const PropertyList& value) {
+    return [=](auto&, auto& options) { options.defaults.set(key, value); };
+}
+MakeLater writes(const char* file, const Dictionary& content) {
+    return [=](auto& f) { f.write(file, content); };
+}
+void report(DoctorFixture& f) {
+    f.report();
+}
+constexpr char kSocket[] = "run/com.zandor.telvorad", kBagURL[] = "telvora_storebag_url",
+               kAny[] = "--client-type 8";
+
+const Make kAsUsual;
+const MakeLater kNoMore;
 
 const Mistake kMistakes[] = {
-    {"SocketAbsent",
-     11,
-     "there is no socket ",
-     {},
-     [](auto& f) { std::filesystem::remove(f.directory().path() / "run/com.zandor.telvorad"); }},
-    {"GroupMissing",
-     11,
-     "is not in that group",
-     {},
-     [](auto& f) { chmod((f.directory().path() / "run/com.zandor.telvorad").c_str(), 0660); },
-     "--client-type 8",
-     kAsNobody},
+    {"SocketAbsent", 11, "there is no socket ", kAsUsual, kAny,
+     [](auto& f) { std::filesystem::remove(f.directory().path() / kSocket); }},
+    {"GroupMissing", 11, "is not in that group", kAsUsual, kAny,
+     [](auto& f) { chmod((f.directory().path() / kSocket).c_str(), 0660); }, kAsNobody},
     {"NotEntitled", 12, "60-nobody.plist: its \"User\" is another one",
      [](auto&, auto& options) { options.entitlement = {}; }},
     {"SettingMisspelt", 14, "httpPostURL is unknown; did you mean httpsPostURL?",
-     [](auto&, auto& options) { options.defaults.set("httpPostURL", "https://127.0.0.1/"); }},
+     sets("httpPostURL", "https://127.0.0.1/")},
+    {"SettingOfTheAdministratorInTheDaemonsFile", 14, "counts in the administrator's file only",
+     [](auto& f, auto&) {
+         f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
+     }},
+    {"SettingsFileMalformed", 14, "com.zandor.telvora.plist can't be used: ", kAsUsual, kAny,
+     [](auto& f) { f.directory().write("config/Preferences/com.zandor.telvora.plist", "<plist>"); }},
+    {"QuotaFull", 13, "the quota sessions of user ", sets("maxSessionsPerUser", 0)},
+    {"KeyNotPinned", 17, "correct the setting pinnedPublicKeys",
+     sets("pinnedPublicKeys", "sha256//" + std::string(43, 'A') + "=")},
     {"BagURLMissing",  // a value that counts as absent
-     14, "(built in: no setting telvora_storebag_url)",
-     [](auto&, auto& options) { setBagServer(options, 7); }},
-    {"PublicKeyMissing", 15, "there is no public key in ",
+     14, "(built in: no setting telvora_storebag_url)", sets(kBagURL, 7)},
+    {"PublicKeyMissing", 15, "there is no publicKey.der in ",
      [](auto& f, auto& options) { options.frameworkDirectory = f.directory().path() / "logs"; }},
-    {"ClientTypeWithoutBag", 16, "no bag exists for client type 3", {}, {}, "--client-type 3"},
-    {"SettingNotReadYet",
-     16,
-     "restart the daemon",
-     {},
+    {"ClientTypeWithoutBag", 16, "no bag exists for client type 3", kAsUsual, "--client-type 3"},
+    {"SettingNotReadYet", 16, "restart the daemon", kAsUsual, kAny,
      [](auto& f) {
          f.report();
-         f.write("config/Preferences/com.zandor.telvora.plist", {{"telvora_storebag_url", "https://new/"}});
+         f.write("config/Preferences/com.zandor.telvora.plist", {{kBagURL, "https://new/"}});
      }},
     {"BagURLMisspelt", 17, "the server answered 404",
-     [](auto& f, auto& options) { setBagServer(options, f.bags().baseURL() + "x"); }},
-    {"HostUnknown", 17, "resolve",
-     [](auto&, auto& options) { setBagServer(options, "https://no-such-host.invalid/bags"); }},
+     [](auto& f, auto& options) { options.defaults.set(kBagURL, f.bags().baseURL() + "x"); }},
+    {"HostUnknown", 17, "resolve", sets(kBagURL, "https://no-such-host.invalid/bags")},
     {"CertificateUntrusted", 17, "SSL_CERT_FILE",
      [](auto& f, auto& options) {
          f.otherLaboratory = lab::Laboratory::make(f.directory().path() / "other").value();
-         setBagServer(options, f.otherLaboratory->bags().baseURL());
+         options.defaults.set(kBagURL, f.otherLaboratory->bags().baseURL());
      }},
-    {"BagAbsent", 17, "pellam, 0 s ago: the server answered 404", {}, {}, "--client-type 10"},
+    {"BagAbsent", 17, "pellam, 0 s ago: the server answered 404", kAsUsual, "--client-type 10"},
     {"BagServerFails", 17, "the server answered 503",
      [](auto& f, auto& options) {
          f.brokenServer = std::make_unique<ScriptedServer>([](auto& connection) {
              connection.readRequest();
              connection.send("HTTP/1.1 503 No\r\nContent-Length: 0\r\n\r\n");
          });
-         setBagServer(options, "http://127.0.0.1:" + std::to_string(f.brokenServer->port()));
+         options.defaults.set(kBagURL, f.brokenServer->url());
      }},
     {"SignedWithAnotherKey", 18, "no public key verifies the signature",
      [](auto& f, auto&) { f.bags().setFault("dravik", lab::BagFault::foreignKey); }},
     {"SectionMissing", 19, "the bag has no section \"release\"",
      [](auto& f, auto&) {
-         f.laboratory().setBag("dravik", {{"development", Dictionary()}});
+         f.laboratory().setBag("dravik", Dictionary{{"development", Dictionary()}});
      }},
-    {"NoEntryForTheClient",
-     20,
-     "no entry applies to client \"me\" and service (unknown); clients[0]: skipped: it applies to client "
-     "\"other\"",
-     [](auto& f, auto&) {
-         f.serve({{"client", "other"}});
-     },
-     {},
-     "--client-type 8 --client-name me"},
-    {"ConsentOff",
-     21,
-     "the user does not share diagnostics",
-     {},
-     [](auto& f) {
-         f.write("config/Preferences/com.zandor.diagnosticsharing.plist", {{"Enabled", false}});
-     }},
+    {"NoEntryForTheClient", 20,
+     "no entry applies to client \"me\" and service (unknown); clients[0]: skipped: it applies to client \"other\"",
+     serves({{"client", "other"}}), "--client-type 8 --client-name me"},
+    {"ConsentOff", 21, "the user does not share diagnostics", kAsUsual, kAny,
+     writes("config/Preferences/com.zandor.diagnosticsharing.plist", {{"Enabled", false}})},
     {"CountryNotInTheList", 22, "country \"US\" is not in locale_whitelist \"CH\"",
-     [](auto& f, auto&) {
-         f.serve({{"locale_whitelist", "CH"}});
-     }},
+     serves({{"locale_whitelist", "CH"}})},
     {"DeviceNotInTheList", 23, "device \"Labdevice\" is not in device_whitelist \"other\"",
-     [](auto& f, auto&) {
-         f.serve({{"device_whitelist", "other"}});
-     }},
-    {"CategoryExcluded",
-     24,
-     "category 66 is excluded: it is on event_blacklist",
-     [](DoctorFixture& f, DaemonOptions&) {
-         f.serve({{"event_blacklist", Array{66}}});
-     },
-     {},
-     "--client-type 8 --category 66"},
-    {"SampledOut",
-     25,
-     "is above the sampling threshold 0",
-     [](auto& f, auto&) {
-         f.serve({{"sampling_threshold", 0.0}});
-     },
-     {},
+     serves({{"device_whitelist", "other"}})},
+    {"CategoryExcluded", 24, "category 66 is excluded: it is on event_blacklist",
+     serves({{"event_blacklist", Array{66}}}), "--client-type 8 --category 66"},
+    {"SampledOut", 25, "is above the sampling threshold 0", serves({{"sampling_threshold", 0.0}}),
      "--client-type 8 --draw 0.5"},
-    {"PostURLMissing", 26, "the entry has no post_url", [](auto& f, auto&) { f.serve({}, "post_url"); }},
-    {"ReportingServerFails",
-     27,
-     "the last answer: 503, 0 s ago",
-     {},
-     [](auto& f) {
-         f.reports().setFault(lab::ReportingFault::serviceUnavailable);
-         f.report();
-     }},
-    {"None", 0, "the last answer: 200", {}, [](auto& f) { f.report(); }},
-    {"NoneAsTheSessionSees",
-     0,
-     "\"cause\":\"it answers StartConfig\"",
-     {},
-     {},
-     "--client-type 8 --json",
-     kAsNobody},
+    {"PostURLMissing", 26, "the entry has no post_url", serves({}, "post_url")},
+    {"ReportingServerFails", 27, "the last answer: 503, 0 s ago",
+     [](auto& f, auto&) { f.reports().setFault(lab::ReportingFault::serviceUnavailable); }, kAny, report},
+    {"None", 0, "the last answer: 200", kAsUsual, kAny, report},
+    {"NoneAsTheSessionSees", 0, "\"cause\":\"it answers StartConfig\"", kAsUsual, "--client-type 8 --json",
+     kNoMore, kAsNobody},
 };
 
 class Doctor : public DoctorFixture, public testing::WithParamInterface<Mistake> {};
@@ -235,9 +210,11 @@ TEST_F(StatusReasons, StandBesideTheNumbersAndOutliveTheDaemon) {
         {{TELVORACTL_PATH, "status", "--watch", "0.1", "--socket", daemon().socketPath()}, {}});
     for (size_t seen = 0, i = 0; i < 2; ++i, seen = watch.output().lineCount())
         EXPECT_TRUE(watch.output().waitForPart("telvorad 1.", seen));
-    stopDaemon();
-    startDaemon();
-    expectStatus("disabled 3 (consent is off)");
+    for (int daemons = 0; daemons < 2; ++daemons) {  // the first of which has no reports
+        stopDaemon();
+        startDaemon();
+        expectStatus("disabled 3 (consent is off)");
+    }
 }
 
 }  // namespace

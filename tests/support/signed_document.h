@@ -4,7 +4,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "config/signed_bag.h"
+#include "config/bag_signing.h"
 #include "plist/property_list_format.h"
 
 namespace telvora::test {

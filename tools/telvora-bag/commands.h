@@ -38,7 +38,7 @@ int rollback(const std::string& publishedFile);
 // Prints for which sessions the second bag has another effect, and the differences.
 int diff(const std::string& oldFile, const std::string& newFile);
 
-// Prints what a device makes of a bag server's answers, and which of them mislead it.
+// Prints how a device reads a bag server's answers, and which of them mislead it.
 int probe(const std::string& url, const std::string& publicKeyFile, const std::string& caFile);
 
 // Verifies a signed document and prints the version and digests of its bag.

@@ -7,7 +7,7 @@
 #include <set>
 #include <utility>
 
-#include "config/signed_bag.h"
+#include "config/bag_signing.h"
 #include "plist/property_list_format.h"
 #include "telvora-lab/feed.h"
 #include "util/base64.h"

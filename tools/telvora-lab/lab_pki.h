@@ -10,7 +10,7 @@
 #include <string>
 #include <tl/expected.hpp>
 
-#include "platform/digest.h"
+#include "platform/private_key.h"
 
 namespace telvora::lab {
 

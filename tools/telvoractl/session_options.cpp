@@ -44,7 +44,8 @@ std::string whyWithoutBag(int64_t clientType) {
     std::string others;
     for (int64_t type = 0; type <= kLastClientType; ++type) {
         if (factsOfClientType(type)->bagName.empty()) continue;
-        if (type == clientType) return {};
+        if (type == clientType)
+            return "; 'telvoractl doctor --client-type " + std::to_string(type) + "' shows the reason";
         others += (others.empty() ? "" : ", ") + std::to_string(type);
     }
     return "; no bag exists for client type " + std::to_string(clientType) + ", only for " + others;

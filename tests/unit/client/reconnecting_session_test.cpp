@@ -151,39 +151,27 @@ TEST_F(ReconnectingSessionTest, TakesAConnectionWithoutAnswersForAFailedAttempt)
 
 TEST_F(ReconnectingSessionTest, RestoresTheSessionThatTheDaemonHad) {
     listen();
+    const Step info{kSetSessionInfo, 1}, gated{kSetSessionInfo, 1, true}, start{kStartConfig},
+        url{kFetchDisplayURL};
     const struct {
         std::vector<Step> before;
         Step first;  // on the new connection
         std::vector<std::string> heard;
     } cases[] = {
         {{}, {kSendMessage}, {"sendMessageWithCategory"}},
-        {{{kSetSessionInfo, 1}}, {kSendMessage}, {"setSessionInfo 1", "sendMessageWithCategory"}},
-        {{{kSetSessionInfo, 1}, {kStartConfig}},
-         {kFlushMessages},
-         {"setSessionInfo 1", "startConfig", "flushMessages"}},
+        {{info}, {kSendMessage}, {"setSessionInfo 1", "sendMessageWithCategory"}},
+        {{info, start}, {kFlushMessages}, {"setSessionInfo 1", "startConfig", "flushMessages"}},
         // No call is sent twice.
-        {{{kSetSessionInfo, 1}, {kStartConfig}}, {kSetSessionInfo, 9}, {"setSessionInfo 9", "startConfig"}},
-        {{{kSetSessionInfo, 1}, {kStartConfig}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},
-        {{{kSetSessionInfo, 1}}, {kStartConfig}, {"setSessionInfo 1", "startConfig"}},
+        {{info, start}, {kSetSessionInfo, 9}, {"setSessionInfo 9", "startConfig"}},
+        {{info, start}, start, {"setSessionInfo 1", "startConfig"}},
+        {{info}, start, {"setSessionInfo 1", "startConfig"}},
         // The user info is the daemon's, a withdrawal included, before the session's first report.
-        {{{kSetSessionInfo, 1}, {kStartConfig}, {kFetchStates, 3}},
-         {kFetchDisplayURL},
-         {"setSessionInfo 3", "startConfig", "fetchDisplayURL"}},
-        {{{kSetSessionInfo, 1}, {kStartConfig}, {kFetchStates}},
-         {kFetchDisplayURL},
-         {"setSessionInfo", "startConfig", "fetchDisplayURL"}},
-        {{{kSetSessionInfo, 1, true}, {kFetchStates}},
-         {kFetchDisplayURL},
-         {"setSessionInfo 1", "fetchDisplayURL"}},
-        {{{kSetSessionInfo, 1}, {kStartConfig}},
-         {kFetchStates},
-         {"setSessionInfo", "startConfig", "fetchStates"}},
-        {{{kSetSessionInfo, 1, true}, {kSendSingleMessage}},
-         {kFetchDisplayURL},
-         {"setSessionInfo", "fetchDisplayURL"}},
-        {{{kSetSessionInfo, 1}, {kSendSingleMessage, 2, true}, {kFetchStates}},
-         {kFetchDisplayURL},
-         {"setSessionInfo 2", "fetchDisplayURL"}},
+        {{info, start, {kFetchStates, 3}}, url, {"setSessionInfo 3", "startConfig", "fetchDisplayURL"}},
+        {{info, start, {kFetchStates}}, url, {"setSessionInfo", "startConfig", "fetchDisplayURL"}},
+        {{gated, {kFetchStates}}, url, {"setSessionInfo 1", "fetchDisplayURL"}},
+        {{info, start}, {kFetchStates}, {"setSessionInfo", "startConfig", "fetchStates"}},
+        {{gated, {kSendSingleMessage}}, url, {"setSessionInfo", "fetchDisplayURL"}},
+        {{info, {kSendSingleMessage, 2, true}, {kFetchStates}}, url, {"setSessionInfo 2", "fetchDisplayURL"}},
     };
     for (const auto& [before, first, expected] : cases) {
         session = std::make_shared<ReconnectingSession>(runtime, socketPath, SessionTarget::Handlers{});

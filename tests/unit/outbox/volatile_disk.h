@@ -7,6 +7,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -68,6 +69,10 @@ class VolatileDisk {
     }
     void forget() { files_.clear(); }
     std::string& content(const std::string& name) { return files_.at(name).now; }
+    bool holds(const std::string& text) const {
+        return std::any_of(files_.begin(), files_.end(),
+                           [&](const auto& file) { return file.second.now.find(text) != text.npos; });
+    }
 
   private:
     struct File {

@@ -40,6 +40,7 @@ class MessageLogTest : public testing::Test {
         log_.clock = [this] { return now_; };
         // The creation time of a file: the time in its name, unless a test sets it.
         log_.creationDate = [this](const std::filesystem::path& path) -> std::optional<double> {
+            ++listings_;
             const auto known = created_.find(path.filename());
             if (known != created_.end()) return known->second;
             return std::stod(path.filename().string().substr(9));
@@ -63,6 +64,7 @@ class MessageLogTest : public testing::Test {
     MessageLog log_;
     TimeValue now_{kNow, 999999};
     std::map<std::string, std::optional<double>> created_;
+    int listings_ = 0;  // of the directory, if it has a file
     test::LogCapture lines_;
 };
 
@@ -185,6 +187,67 @@ TEST_F(MessageLogTest, WithoutABirthTimeTheFilesNameTellsItsAge) {
     EXPECT_EQ(real.creationDate(pathOf(nameOf(777))), 777);
     EXPECT_EQ(real.creationDate(pathOf("telvorad_x7_messageLog.diag")), std::nullopt);
     EXPECT_EQ(real.creationDate(pathOf("telvorad_99999999999_messageLog.diag")), std::nullopt);
+}
+
+// --- The bounds: the bytes, one user's part of them, and the cost of a record ---
+
+constexpr uint64_t kMaxBytes = 1 << 20;
+
+struct MessageLogBoundsTest : MessageLogTest {
+    MessageLogBoundsTest() { log_.maxBytes = kMaxBytes; }
+    void write(const std::string& message, uid_t user) { writeToLogFile(log_, {message}, user); }
+    std::string content() const { return test::readFile(newestLogFile(log_).value()); }
+};
+
+TEST_F(MessageLogBoundsTest, AFloodOfOneUserLeavesTheRecordsOfOthers) {
+    const std::string record(10'000, 'x');
+    write("of another user", 1001);
+    for (int i = 0; i < 1000; ++i)
+        write(record, 1000);
+    write("also of another user", 1001);
+    EXPECT_LT(content().size(), kMaxBytes / 8 + 1000);
+    EXPECT_NE(content().find(") of another user\n"), std::string::npos);
+    EXPECT_NE(content().find(") also of another user\n"), std::string::npos);
+    const std::string of1000 = " of user 1000, of which the log takes 131072 bytes an hour";
+    EXPECT_EQ(lines_.count("<4>writeToLogFile: Dropped 1 records with 10029 bytes" + of1000), 1u);
+    now_.seconds += 60;  // some bytes are free again
+    write("now", 1000);
+    EXPECT_EQ(lines_.count("<4>writeToLogFile: Dropped 986 records with 9888594 bytes" + of1000), 1u);
+    EXPECT_TRUE(content().ends_with(") now\n"));
+}
+
+TEST_F(MessageLogBoundsTest, TheOldestRecordsMakeRoomForNewOnes) {
+    for (uid_t user = 0; user < 100; ++user) {
+        for (int i = 0; i < 10; ++i)
+            write("of " + std::to_string(user) + "\n " + std::string(5000, 'x'), user);
+        EXPECT_LE(content().size(), kMaxBytes);
+    }
+    EXPECT_GT(content().size(), kMaxBytes / 3);
+    EXPECT_TRUE(content().starts_with("(2015-11-16 08:00:00 +0000) of "));
+    EXPECT_EQ(content().find(") of 1\n"), std::string::npos);
+    EXPECT_NE(content().find(") of 99\n"), std::string::npos);
+}
+
+TEST_F(MessageLogBoundsTest, ADirectoryIsListedOnlyAfterAChange) {
+    const auto settle = [this] {  // a change at the time of the listing could be missed
+        const timespec past[] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, log_.directory.c_str(), past, 0), 0);
+    };
+    write("first", 1);
+    settle();
+    write("second", 1);
+    listings_ = 0;
+    for (int i = 0; i < 1000; ++i)
+        write("another", 1);
+    EXPECT_EQ(listings_, 0);
+    addFile(nameOf(1));
+    write("last", 1);
+    EXPECT_GT(listings_, 0);
+    EXPECT_THAT(names(), ElementsAre(kNewName));
+    settle();
+    std::filesystem::remove(newestLogFile(log_).value());
+    write("after a removal", 1);
+    EXPECT_TRUE(content().ends_with(") after a removal\n"));
 }
 
 }  // namespace

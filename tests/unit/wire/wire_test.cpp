@@ -26,17 +26,10 @@ MessageView callHeader(std::string_view signature) {
 
 TEST(WireTest, ReadsEveryTypeThatItWrites) {
     const std::string text(300, 'x');
-    const std::tuple basic{uint8_t{255},
-                           true,
-                           std::numeric_limits<int16_t>::min(),
-                           uint16_t{65535},
-                           std::numeric_limits<int32_t>::min(),
-                           uint32_t{1} << 31,
-                           std::numeric_limits<int64_t>::min(),
-                           std::numeric_limits<uint64_t>::max(),
-                           -0.1,
-                           std::string_view(text),
-                           "/a/b"sv};
+    const auto basic = std::make_tuple(
+        uint8_t{255}, true, std::numeric_limits<int16_t>::min(), uint16_t{65535},
+        std::numeric_limits<int32_t>::min(), uint32_t{1} << 31, std::numeric_limits<int64_t>::min(),
+        std::numeric_limits<uint64_t>::max(), -0.1, std::string_view(text), "/a/b"sv);
     std::string buffer = "a message before this one";
     const size_t start = buffer.size();
     WireWriter writer(buffer, callHeader("ybnqiuxtdsogva(du)avas"));
