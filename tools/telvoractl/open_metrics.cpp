@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/client_type.h"
 #include "protocol/status_keys.h"
 #include "status_reader.h"
 
@@ -130,9 +131,8 @@ void addUsers(Metrics& metrics, const Dictionary& status) {
 void addSessions(Metrics& metrics, const Dictionary& status) {
     std::map<std::string, double> sessions;
     for (const Dictionary& session : entriesIn(status, status::kSessions)) {
-        const std::string type = text(session, status::kClientType);
-        const bool isKnown = dictionaryIn(status, status::kClientTypes).contains(type);
-        ++sessions[isKnown ? type : status::kNone];
+        const bool isKnown = factsOfClientType(session.integer(status::kClientType).value_or(-1)) != nullptr;
+        ++sessions[isKnown ? text(session, status::kClientType) : status::kNone];
     }
     sessions.try_emplace(status::kNone);
     for (const auto& [type, count] : sessions)
