@@ -106,11 +106,12 @@ class Fleet:
         return posts["inFlight"] + posts["held"] + kept["inFlight"] + kept["held"] == 0
 
     async def accounts(self) -> list[dict[str, Any]]:
-        return list(await asyncio.gather(*(daemon.accounts() for daemon in self.daemons)))
+        """The ledgers of all daemons. Fails if one does not answer in time."""
+        return [await daemon.accounts() for daemon in self.daemons]
 
     async def kept(self) -> int:
         """The number of reports that went to the outboxes."""
-        return sum_of(await self.accounts(), POSTS)[0]["kept"]
+        return sum_of(await until("the ledgers", self.accounts), POSTS)[0]["kept"]
 
     def answered(self, status: str) -> int:
         """The number of posts that nginx has answered so."""
