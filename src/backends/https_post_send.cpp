@@ -133,7 +133,12 @@ void HTTPSPostBackend::applyFilters(Dictionary& record) const {
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
                                                           uint16_t respCode, SendFlag flag) {
     QuotaCharge charge;
-    if (!user_.take(Quota::pendingBytes, approximateSize(record), charge)) return loseOverQuota();
+    const size_t bytes = approximateSize(record);
+    if (!user_.take(Quota::pendingBytes, bytes, charge)) return loseOverQuota();
+    if (!user_.spendToday(bytes)) {
+        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::overDailyQuota);
+        return std::nullopt;
+    }
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
@@ -231,10 +236,11 @@ std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
     return flushMessagesWithCompletion({});
 }
 
-// Checks the lists again, which may have changed since the event was held.
+// Checks the lists again, which may have changed since the event was held, and the daily quotas.
 bool HTTPSPostBackend::isAdmitted(const Dictionary& heldEvent) {
     const auto category = static_cast<uint16_t>(heldEvent.wrappedInteger("_method").value_or(0));
-    const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    if (!excluded && !user_.spendToday(approximateSize(heldEvent))) excluded = ReportOutcome::overDailyQuota;
     if (excluded) reports_->move(1, ReportOutcome::held, *excluded);
     return !excluded;
 }

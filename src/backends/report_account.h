@@ -14,6 +14,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -43,6 +44,7 @@ enum class ReportOutcome : uint8_t {
     noUserInfo,      // a flush of a backend that waited for user info discarded it
     batchFull,       // the batch was full and could not be flushed
     overQuota,       // a quota of its user was used up
+    overDailyQuota,  // its user has posted as much as is allowed in a day
     sessionEnded,    // the backend ended while it held the report
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
@@ -105,7 +107,8 @@ class ReportAccount {
 
   private:
     friend class ReportLedger;
-    ReportAccount(ReportLedger& ledger, std::string name) : ledger_(&ledger), name_(std::move(name)) {}
+    ReportAccount(ReportLedger& ledger, std::string name, int clientType)
+        : ledger_(&ledger), name_(std::move(name)), clientType_(clientType) {}
 
     // The counters that were ever used.
     class Counters {
@@ -123,6 +126,7 @@ class ReportAccount {
 
     ReportLedger* const ledger_ = nullptr;
     const std::string name_;
+    const int clientType_ = -1;
     mutable Mutex lock_;
     uint64_t accepted_ TELVORA_GUARDED_BY(lock_) = 0;
     // Most sessions need few of the counters of a tally, and it takes half a kilobyte.
@@ -130,12 +134,19 @@ class ReportAccount {
     Counters disabledBecause_ TELVORA_GUARDED_BY(lock_);
 };
 
+// The sums of all accounts of one name, by that name.
+using ReportTallies = std::map<std::string, ReportTally>;
+
 // The accounts of all clients, including clients that have ended. Outlives its accounts.
 class ReportLedger {
   public:
-    std::shared_ptr<ReportAccount> open(const std::string& name) TELVORA_EXCLUDES(lock_);
-    // The sums of all accounts of one name, by that name.
-    std::map<std::string, ReportTally> totals() const TELVORA_EXCLUDES(lock_);
+    static constexpr int kNoClientType = -1;
+
+    std::shared_ptr<ReportAccount> open(const std::string& name, int clientType = kNoClientType)
+        TELVORA_EXCLUDES(lock_);
+    ReportTallies totals() const TELVORA_EXCLUDES(lock_);
+    // The totals of the clients of each type.
+    std::map<int, ReportTallies> totalsByClientType() const TELVORA_EXCLUDES(lock_);
 
   private:
     friend class ReportAccount;
@@ -143,7 +154,7 @@ class ReportLedger {
 
     mutable Mutex lock_{LockRank::ledger};
     std::unordered_set<const ReportAccount*> open_ TELVORA_GUARDED_BY(lock_);
-    std::map<std::string, ReportTally> closed_ TELVORA_GUARDED_BY(lock_);
+    std::map<int, ReportTallies> closed_ TELVORA_GUARDED_BY(lock_);  // by client type
 };
 
 // Number of reports and uploads that failed or are still pending, and would be lost if the daemon ended now.
@@ -151,7 +162,8 @@ class ReportLedger {
 uint64_t failedOrPending(const ReportTally& tally);
 
 // The accounts of one client: one for each backend and three others. They remain when the client's backends
-// are made anew. Also keeps the user whose quotas the client's reports count against.
+// are made anew, unless its type has changed. Also keeps the user whose quotas the client's reports count
+// against.
 class ClientAccounts {
   public:
     static constexpr char kNoBackend[] = "none";  // reports that reach no backend
@@ -161,16 +173,20 @@ class ClientAccounts {
     explicit ClientAccounts(ReportLedger& ledger, QuotaUser user = {})
         : ledger_(ledger), user_(std::move(user)) {}
 
+    // Assigns accounts that are used from now on to a client type, or to ReportLedger::kNoClientType.
+    void setClientType(int clientType) { clientType_ = clientType; }
     // The account of that name, which its first use opens.
     std::shared_ptr<ReportAccount> of(const std::string& name) TELVORA_EXCLUDES(lock_);
-    std::map<std::string, ReportTally> tallies() const TELVORA_EXCLUDES(lock_);
+    ReportTallies tallies() const TELVORA_EXCLUDES(lock_);
     const QuotaUser& user() const { return user_; }
 
   private:
     ReportLedger& ledger_;
     const QuotaUser user_;
+    std::atomic<int> clientType_{ReportLedger::kNoClientType};
     mutable Mutex lock_{LockRank::accounts};
-    std::map<std::string, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
+    // By client type and name.
+    std::map<std::pair<int, std::string>, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
 };
 
 }  // namespace telvora

@@ -31,8 +31,7 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
     if (!answers.wait("waiting for the answer")) return answers.report();
     Printer(common.json)("outcome", std::optional<std::string>(outcome));
     if (outcome == "finished") return kDone;
-    const std::string why = whyWithoutBag(options.session.clientType);
-    return why.empty() ? kNotDone : fail(kNotDone, outcome + why);
+    return fail(kNotDone, outcome + whyWithoutBag(options.session.clientType));
 }
 
 }  // namespace

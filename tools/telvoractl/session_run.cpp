@@ -16,7 +16,7 @@ namespace {
 
 // Opens a regular file. `std::nullopt` on failure, with the reason in errno.
 UniqueFd openFile(const std::string& path, off_t& size) {
-    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) return {};
     size = status.st_size;
@@ -114,6 +114,8 @@ int SessionRun::upload(const std::string& path) {
     std::error_code error;
     const std::string whole = file ? std::filesystem::canonical(path, error).string() : std::string();
     if (!file) error.assign(errno, std::generic_category());
+    if (error == std::errc::too_many_symbolic_link_levels)
+        return fail(kBadInput, path + ": is a symbolic link, which is not followed");
     if (error) return fail(kBadInput, path + ": " + error.message());
 
     std::string token;

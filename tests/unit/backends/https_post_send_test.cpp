@@ -238,6 +238,27 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
     }
 }
 
+TEST(HTTPSPostSendTest, OnlyReportsThatLeaveUseUpTheDay) {
+    QuotaRig rig;
+    rig.setDefault("maxReportsPerUserPerDay", 3);
+    const auto direct = rig.makeReportingBackend({}, rig.counted(identityOf(7)));
+    const auto batch = rig.makeReportingBackend({}, rig.counted(batching()));
+    const auto send = [](const auto& backend, int times) {
+        for (int i = 0; i < times; ++i)
+            backend->sendMessage(Dictionary(), kNow, 5, 6, kPlain);
+    };
+    send(batch, 4);
+    send(direct, 2);
+    EXPECT_EQ(rig.held(Quota::reportsToday), 2u);
+    flush(*batch);
+    send(direct, 1);
+    EXPECT_EQ(tallyOf(*batch, ReportOutcome::delivered), 1u);
+    EXPECT_EQ(tallyOf(*batch, ReportOutcome::overDailyQuota), 3u);
+    EXPECT_EQ(tallyOf(*direct, ReportOutcome::delivered), 2u);
+    EXPECT_EQ(tallyOf(*direct, ReportOutcome::overDailyQuota), 1u);
+    EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
+}
+
 TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLeave) {
     QuotaRig rig;
     rig.setDefault("maxPendingBytesPerUser", 200'000);
