@@ -45,7 +45,7 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
             print_("aggregated", message);
         };
     }
-    auto session = connect(runtime_, common, std::move(handlers));
+    auto session = connect(runtime_, common, handlers);
     if (!session) return fail(kDaemonMissing, session.error());
     session_ = std::move(*session);
 
@@ -63,10 +63,10 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
                                        whyWithoutBag(options_.clientType));
 }
 
-int SessionRun::send(Dictionary message) {
+int SessionRun::send(const Dictionary& message) {
     if (!answers_.expectOne()) return answers_.report();
-    session_->sendMessage(std::move(message), answers_.completion<std::optional<std::string>>(
-                                                  [this](const auto& answer) { print_("answer", answer); }));
+    session_->sendMessage(message, answers_.completion<std::optional<std::string>>(
+                                       [this](const auto& answer) { print_("answer", answer); }));
     return kDone;
 }
 
