@@ -41,7 +41,8 @@ async def use(device: int, socket: str, run: str, pause: float, stopped: threadi
 async def has_started(session: telvora.Session) -> bool:
     for _ in range(ATTEMPTS):
         try:
-            return bool(await asyncio.wrap_future(session.start()))
+            backends = await asyncio.wrap_future(session.start())
+            return bool(backends)
         except telvora.TelvoraError as error:  # the library connects again, and gives the info again
             print(error, file=sys.stderr)
             await asyncio.sleep(1)
