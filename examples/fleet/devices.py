@@ -18,6 +18,7 @@ import threading
 import telvora
 
 BATCH = 50
+ATTEMPTS = 10
 
 
 async def use(device: int, socket: str, run: str, pause: float, stopped: threading.Event) -> tuple[int, list[int]]:
@@ -25,7 +26,7 @@ async def use(device: int, socket: str, run: str, pause: float, stopped: threadi
     with telvora.Session(socket_path=socket) as session:
         info = telvora.session_info(client_type=8, session_id=device, batch=True)
         session.set_info(info, telvora.user_info("fleet"))
-        if not await asyncio.wrap_future(session.start()):
+        if not await has_started(session):
             raise SystemExit(f"device {device} does not report")
         while not stopped.is_set():
             answers = [session.send(5, 6, report(run, device, sent + i)) for i in range(BATCH)]
@@ -35,6 +36,17 @@ async def use(device: int, socket: str, run: str, pause: float, stopped: threadi
             sent += BATCH
             await asyncio.sleep(pause * random.uniform(0.5, 1.5))
     return sent, refused
+
+
+async def has_started(session: telvora.Session) -> bool:
+    for _ in range(ATTEMPTS):
+        try:
+            backends = await asyncio.wrap_future(session.start())
+            return bool(backends)
+        except telvora.TelvoraError as error:  # the library connects again, and gives the info again
+            print(error, file=sys.stderr)
+            await asyncio.sleep(1)
+    return False
 
 
 def report(run: str, device: int, number: int) -> dict[str, telvora.Value]:

@@ -121,7 +121,13 @@ class Fleet:
     async def until_answered(self, status: str) -> None:
         """Waits for as many more such answers as there are devices."""
         goal = self.answered(status) + len(self.daemons)
-        await until(f"{goal} answers {status}", lambda: self.answered(status) >= goal)
+
+        def is_answered() -> bool:
+            if self._programs[-1].has_ended:
+                raise SystemExit("the programs have ended")
+            return self.answered(status) >= goal
+
+        await until(f"{goal} answers {status}", is_answered)
 
     async def backlog(self) -> int:
         """Messages of the stream that the store has not acknowledged."""
