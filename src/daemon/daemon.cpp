@@ -36,7 +36,8 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
-      http_(tappedHttp_, timeOfDay, [this] { shutdown_.check(); }),
+      // The outbox sends before shutdown_ exists.
+      http_(tappedHttp_, timeOfDay, [this] { asio::post(runLoop_, [this] { shutdown_.check(); }); }),
       outbox_(openOutbox()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
