@@ -24,6 +24,7 @@ async def rush(fleet: Fleet) -> dict[str, object]:
     """All devices report as fast as they can: the costs of a report at each server."""
     costs = Costs(fleet, await fleet.rows())
     program = fleet.run_programs("rush", 0)
+    await fleet.until_answered("204")
     await asyncio.sleep(RUSH_SECONDS)
     book = await fleet.stop_programs(program, "rush")
     await fleet.until_stored()
