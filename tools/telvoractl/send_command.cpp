@@ -31,7 +31,7 @@ int sendOne(const SessionOptions& options, const ReportOptions& report, std::opt
     if (status != kDone) return status;
     Verdict verdict(common, options.sessionID, options.timeout);
     if (confirm) verdict.begin();
-    status = session.send(std::move(message));
+    status = session.send(message);
     if (status == kDone) status = session.wait();
     if (status == kDone) status = session.flush();
     if (confirm && status == kDone) status = verdict.await(print);

@@ -22,7 +22,8 @@ struct HealthOptions {
 // number that is absent is 0.
 void addFlat(Dictionary& payload, const std::string& prefix, const Dictionary& values) {
     for (const auto& [key, value] : values) {
-        const std::string name = prefix + "." + key;
+        std::string name = prefix;
+        name.append(".").append(key);
         if (const auto* inner = value.getIf<Dictionary>()) {
             addFlat(payload, name, *inner);
         } else if (value.integerValue().value_or(0) != 0) {
