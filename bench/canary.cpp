@@ -17,6 +17,7 @@
 
 #include "attacks.h"
 #include "peers.h"
+#include "process_figures.h"
 #include "telvora/keys.h"
 #include "tests/support/await.h"
 #include "tests/support/bags.h"
@@ -30,10 +31,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int kServersNice = 5;
 constexpr std::chrono::milliseconds kReportEvery{20};
 constexpr std::chrono::milliseconds kSessionEvery{100};
-
-double millisecondsSince(Clock::time_point begin) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
 
 // In milliseconds: of reports, from the time at which one is due to its acknowledgement; the longest start of
 // a session, with its configuration; the longest flush, until the server has answered.

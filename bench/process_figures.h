@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -31,5 +32,9 @@ Wakeups wakeupsOf(pid_t pid);
 // The number of wake-ups in `now` since `before`. A thread that started meanwhile counts from 0; one that
 // ended counts once.
 int64_t wakeupsSince(const Wakeups& before, const Wakeups& now);
+
+inline double millisecondsSince(std::chrono::steady_clock::time_point begin) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+}
 
 }  // namespace telvora::bench

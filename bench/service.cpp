@@ -24,10 +24,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int64_t kNever = int64_t{24} * 3600 * 1000;  // milliseconds
 constexpr size_t kIdleSessions[] = {0, 1, 100};
 
-double millisecondsSince(Clock::time_point begin) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
-
 Dictionary spread(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return {{"least", values.front()}, {"median", values[values.size() / 2]}, {"most", values.back()}};

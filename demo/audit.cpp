@@ -108,7 +108,7 @@ std::string fields(const Dictionary& dictionary) {
         const std::string* string = value.getIf<std::string>();
         std::string shown = string ? *string : lab::toJson(value, false);
         if (shown.size() > kLongest) shown = shown.substr(0, 6) + "...";
-        text += (text.empty() ? "" : " ") + key + "=" + shown;
+        text.append(text.empty() ? "" : " ").append(key).append("=").append(shown);
     }
     return text;
 }
@@ -131,6 +131,7 @@ std::vector<Finding> audit(const std::vector<Report>& reports,
         }
     }
     std::vector<Finding> findings;
+    findings.reserve(reports.size());
     for (const Report& report : reports)
         findings.push_back(examine(report, arrivals));
     for (const Arrival& arrival : arrivals) {
