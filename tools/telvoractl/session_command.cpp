@@ -57,7 +57,7 @@ class Lines {
             if (const int waited = session_.wait(); waited != kDone) return waited;
         }
         if (!message) return fail(kBadInput, place + message.error());
-        if (!isWord) return send(std::move(*message));
+        if (!isWord) return send(*message);
 
         const std::string rest =
             line.substr(std::min(line.find_first_not_of(" \t", word.size()), line.size()));
