@@ -54,7 +54,6 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
       limits_(limits),
       socket_(std::move(socket)),
       descriptor_(strand_),
-      timer_(strand_),
       input_(limits.messageSize, socket_.closer() ? socket_.closer()->ofReceived() : nullptr) {}
 
 // The calls end before the handlers, which may own what the calls use.
@@ -88,10 +87,11 @@ void BusConnection::begin() {
         socklen_t size = sizeof peer;
         if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return end("the peer is unknown");
         passDescriptors(socket, false);
-        authentication_.emplace<ServerAuthentication>(peer.uid, randomServerId(), limits_.descriptors);
+        handshake_.reset(
+            new Handshake{ServerAuthentication(peer.uid, randomServerId(), limits_.descriptors), {}});
     } else {
-        authentication_.emplace<ClientAuthentication>();
-        authenticationOutput_ = ClientAuthentication::greeting();
+        handshake_.reset(
+            new Handshake{ClientAuthentication(), std::string(ClientAuthentication::greeting())});
     }
     asio::error_code error;
     descriptor_.assign(socket, error);
@@ -143,14 +143,14 @@ bool BusConnection::authenticate() {
     AuthenticationState result;
     const char* reason = "";
     bool passesDescriptors = false;
-    if (auto* server = std::get_if<ServerAuthentication>(&authentication_)) {
-        result = server->advance(bytes, authenticationOutput_);
+    if (auto* server = std::get_if<ServerAuthentication>(&handshake_->end)) {
+        result = server->advance(bytes, handshake_->output);
         reason = server->reason();
         // The peer may send some as soon as it has read the answer.
         passesDescriptors = server->passesDescriptors();
         if (passesDescriptors) passDescriptors(descriptor_.native_handle(), true);
     } else {
-        auto& client = std::get<ClientAuthentication>(authentication_);
+        auto& client = std::get<ClientAuthentication>(handshake_->end);
         result = client.advance(bytes);
         reason = client.reason();
         passesDescriptors = client.passesDescriptors();
@@ -158,10 +158,9 @@ bool BusConnection::authenticate() {
     input_.take(before - bytes.size());
     if (result == AuthenticationState::failed) violation_ = reason;
     if (result != AuthenticationState::done) return false;
-    timer_.cancel();
+    timer_.reset();
     state_ = State::ready;
     passesDescriptors_ = passesDescriptors;
-    authentication_.emplace<std::monostate>();
     return true;
 }
 
@@ -200,19 +199,31 @@ void BusConnection::admit() {
     if (isOpen()) waitForMore();
 }
 
+// Writes the lines of the authentication. True once all are sent.
+bool BusConnection::sendHandshake() {
+    std::string& output = handshake_->output;
+    if (!output.empty()) {
+        const ssize_t sent =
+            send(descriptor_.native_handle(), output.data(), output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        // A peer that reads no more can't authenticate, though its socket stays writable.
+        if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+            end(errno == EPIPE ? kPeerClosed : errorText(errno));
+            return false;
+        }
+        if (sent > 0) output.erase(0, static_cast<size_t>(sent));
+        if (!output.empty()) {
+            waitFor(kWrite);
+            return false;
+        }
+    }
+    if (state_ != State::authenticating) handshake_.reset();
+    return true;
+}
+
 // Writes what the socket takes.
 void BusConnection::flush() {
     if (!descriptor_.is_open()) return;
-    if (!authenticationOutput_.empty()) {
-        const ssize_t sent = send(descriptor_.native_handle(), authenticationOutput_.data(),
-                                  authenticationOutput_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        // A peer that reads no more can't authenticate, though its socket stays writable.
-        if (sent < 0 && errno != EAGAIN && errno != EINTR)
-            return end(errno == EPIPE ? kPeerClosed : errorText(errno));
-        if (sent > 0) authenticationOutput_.erase(0, static_cast<size_t>(sent));
-        if (!authenticationOutput_.empty()) return waitFor(kWrite);
-        authenticationOutput_.shrink_to_fit();
-    }
+    if (handshake_ && !sendHandshake()) return;
     if (state_ == State::authenticating || output_.empty()) return;
     congested_ = congested_ || outputCongested();
     const auto done = output_.flush(descriptor_.native_handle());
@@ -283,8 +294,8 @@ void BusConnection::onReady(Wait wait) {
 // --- The end ---
 
 void BusConnection::startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)()) {
-    timer_.expires_after(time);
-    timer_.async_wait([self = shared_from_this(), expired](const asio::error_code& cancelled) {
+    timer_ = std::make_unique<asio::steady_timer>(strand_, time);
+    timer_->async_wait([self = shared_from_this(), expired](const asio::error_code& cancelled) {
         if (!cancelled) (self.get()->*expired)();
     });
 }
@@ -350,7 +361,7 @@ void BusConnection::teardown() {
     if (state_ == State::closed) return;
     const auto self = shared_from_this();
     state_ = State::closed;
-    timer_.cancel();
+    timer_.reset();
     if (descriptor_.is_open()) descriptor_.release();
     socket_.reset();
     exports_.clear();

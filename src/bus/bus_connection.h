@@ -185,6 +185,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
         const BusInterface& interface;
         BusCallHandler handler;
     };
+    struct Handshake {
+        std::variant<ServerAuthentication, ClientAuthentication> end;  // this one
+        std::string output;
+    };
     enum class State { created, authenticating, ready, halfClosed, ending, closed };
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
@@ -198,6 +202,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void receiveInTurn();
     void turn();
     bool authenticate();
+    bool sendHandshake();
     bool handleMessages(uint64_t begin);
     bool readPaused() const;
     void flush();
@@ -238,7 +243,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     const BusLimits limits_;
     UniqueFd socket_;
     asio::posix::stream_descriptor descriptor_;  // waits for the socket, without owning it
-    asio::steady_timer timer_;
+    std::unique_ptr<asio::steady_timer> timer_;  // null if there is no time limit
     State state_ = State::created;
     bool waiting_[kWaits] = {};
     bool inTurn_ = false;
@@ -250,8 +255,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::optional<std::string> closeRequested_;
     std::optional<std::string> violation_;
 
-    std::variant<std::monostate, ServerAuthentication, ClientAuthentication> authentication_;
-    std::string authenticationOutput_;
+    std::unique_ptr<Handshake> handshake_;  // until the peer has authenticated and everything of it is sent
     bool passesDescriptors_ = false;
 
     std::shared_ptr<UserTurns> userTurns_;

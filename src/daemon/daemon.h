@@ -19,8 +19,8 @@
 #include "daemon/daemon_status.h"
 #include "daemon/in_flight_http_client.h"
 #include "daemon/keep_alive_transaction.h"
-#include "daemon/listener.h"
-#include "daemon/listening_socket.h"
+#include "connections/listener.h"
+#include "connections/listening_socket.h"
 #include "daemon/settings.h"
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
@@ -65,7 +65,6 @@ class Daemon final : private StatusInterface {
 
     const ProcessContext& process_;
     const StartTime start_;
-    const Dictionary lastTotals_;
     asio::io_context runLoop_{1};
 
     const DeviceProperties properties_;

@@ -14,8 +14,8 @@ void setUtilityQualityOfService();
 // default, a few hundred kilobytes of each thread's arena become megabytes of resident memory.
 void avoidHugePages();
 
-// Tells GnuTLS not to set itself up when it is loaded (GNUTLS_NO_IMPLICIT_INIT): on some systems libcurl
-// loads it for protocols that the daemon does not use. Saves 0.6 MB. To be called before there are threads.
+// Keeps GnuTLS from setting itself up when it is loaded (GNUTLS_NO_IMPLICIT_INIT): on some systems libcurl
+// brings it for protocols that the daemon does not use. Saves 0.6 MB. Before there are threads.
 void leaveGnuTlsUnused();
 
 // Gives the free pages of the heap back to the system.

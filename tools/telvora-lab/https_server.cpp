@@ -56,7 +56,7 @@ void answer(const httplib::Request& request, const ServerResponse& from, httplib
             return;
         case ServerResponse::Ending::reset: {
             const sockaddr nobody{AF_UNSPEC, {}};  // tcp(7): dissolves the connection
-            ::connect(SSL_get_fd(request.ssl), &nobody, sizeof nobody);
+            static_cast<void>(::connect(SSL_get_fd(request.ssl), &nobody, sizeof nobody));
             return;
         }
         case ServerResponse::Ending::drip:

@@ -71,8 +71,8 @@ class Lines {
         return kDone;
     }
 
-    int send(Dictionary message) {
-        const int sent = session_.send(std::move(message));
+    int send(const Dictionary& message) {
+        const int sent = session_.send(message);
         if (sent != kDone) return sent;
         if (interactive_) return session_.wait();
         progress_.show(std::to_string(++reports_) + " reports");

@@ -8,7 +8,7 @@
 #include <future>
 
 #include "client/client_session.h"
-#include "daemon/client_connection.h"
+#include "connections/client_connection.h"
 #include "tests/support/fake_session.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/unix_socket.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/refusal_log.h"
+#include "connections/refusal_log.h"
 
 #include <string>
 #include <utility>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/listener.h"
+#include "connections/listener.h"
 
 #include <sys/socket.h>
 

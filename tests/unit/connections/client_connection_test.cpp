@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/client_connection.h"
+#include "connections/client_connection.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/listening_socket.h"
+#include "connections/listening_socket.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "daemon/listening_socket.h"
+#include "connections/listening_socket.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
-#include "daemon/listener.h"
+#include "connections/listener.h"
 #include "tests/support/forked_child.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/unix_socket.h"

@@ -2,7 +2,7 @@
 //
 // Ownership: the bus keeps itself alive and owns this connection through its handlers; this connection only
 // points back. So both end when the bus ends, or with their pool.
-#include "daemon/client_connection.h"
+#include "connections/client_connection.h"
 
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
