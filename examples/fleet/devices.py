@@ -19,6 +19,8 @@ import telvora
 
 BATCH = 50
 ATTEMPTS = 10
+# A device whose bag does not come within 15 s waits for 15 minutes: a busy machine can't serve all devices at once.
+STARTS = asyncio.Semaphore(4)
 
 
 async def use(device: int, socket: str, run: str, pause: float, stopped: threading.Event) -> tuple[int, list[int]]:
@@ -26,8 +28,9 @@ async def use(device: int, socket: str, run: str, pause: float, stopped: threadi
     with telvora.Session(socket_path=socket) as session:
         info = telvora.session_info(client_type=8, session_id=device, batch=True)
         session.set_info(info, telvora.user_info("fleet"))
-        if not await has_started(session):
-            raise SystemExit(f"device {device} does not report")
+        async with STARTS:
+            if not await has_started(session):
+                raise SystemExit(f"device {device} does not report")
         while not stopped.is_set():
             answers = [session.send(5, 6, report(run, device, sent + i)) for i in range(BATCH)]
             # Fails if no server takes the batch, which the daemon keeps then. Answers come in the order of the calls.
