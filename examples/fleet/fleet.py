@@ -18,7 +18,7 @@ from daemons import OUTBOX, POSTS, Daemon, sum_of
 from processes import Process
 from servers import HERE, NODES, Servers
 
-PATIENCE = 180  # seconds for a step
+PATIENCE = 600  # seconds for a step, which takes much longer on a machine with other work
 
 
 async def until(goal: str, condition: Callable[[], Any]) -> Any:
@@ -106,20 +106,21 @@ class Fleet:
         return posts["inFlight"] + posts["held"] + kept["inFlight"] + kept["held"] == 0
 
     async def accounts(self) -> list[dict[str, Any]]:
-        return list(await asyncio.gather(*(daemon.accounts() for daemon in self.daemons)))
+        """The ledgers of all daemons. Fails if one does not answer in time."""
+        return [await daemon.accounts() for daemon in self.daemons]
 
     async def kept(self) -> int:
         """The number of reports that went to the outboxes."""
-        return sum_of(await self.accounts(), POSTS)[0]["kept"]
+        return sum_of(await until("the ledgers", self.accounts), POSTS)[0]["kept"]
 
     def answered(self, status: str) -> int:
         """The number of posts that nginx has answered so."""
         with (self.directory / "access.log").open() as log:
             return sum(line.startswith(status) and line.endswith("/events\n") for line in log)
 
-    async def until_answered(self, status: str, rounds: int = 1) -> None:
-        """Waits for as many more such answers as there are devices, `rounds` times."""
-        goal = self.answered(status) + rounds * len(self.daemons)
+    async def until_answered(self, status: str) -> None:
+        """Waits for as many more such answers as there are devices."""
+        goal = self.answered(status) + len(self.daemons)
         await until(f"{goal} answers {status}", lambda: self.answered(status) >= goal)
 
     async def backlog(self) -> int:

@@ -58,7 +58,7 @@ async def freeze_the_leader(fleet: Fleet) -> None:
     await fleet.until_replicated()
     node = fleet.servers.nodes[await fleet.leader()]
     node.send(signal.SIGSTOP)
-    await fleet.until_answered("204", rounds=3)
+    await fleet.until_answered("204")
     node.send(signal.SIGCONT)
 
 
@@ -98,7 +98,7 @@ async def kill_nginx(fleet: Fleet) -> None:
 async def kill_the_store(fleet: Fleet) -> None:
     """kill the store: the stream keeps the messages, and devices notice nothing"""
     fleet.servers.store.kill()
-    await fleet.until_answered("204", rounds=3)
+    await fleet.until_answered("204")
     fleet.servers.store.start()
 
 
@@ -107,7 +107,7 @@ async def kill_the_database(fleet: Fleet) -> None:
     await fleet.database.close()
     fleet.servers.database.kill()
     await until("the store's end", lambda: fleet.servers.store.has_ended)
-    await fleet.until_answered("204", rounds=3)
+    await fleet.until_answered("204")
     fleet.servers.database.start()
     fleet.database = await until("a database", fleet.servers.open_database)
     fleet.servers.store.start()

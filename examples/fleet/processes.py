@@ -54,7 +54,7 @@ class Process:
         if self._child is not None and not self.has_ended:
             self._child.send_signal(self._stop_signal)
 
-    def wait(self, seconds: float = 30) -> int:
+    def wait(self, seconds: float = 120) -> int:
         assert self._child is not None
         return self._child.wait(seconds)
 

@@ -23,15 +23,20 @@ import (
 	"unsafe"
 )
 
+// Set by the library's thread; read after telvora_session_wait().
+var reports bool
+
 // Shows the number of backends that report. Runs on the library's thread, and must not panic.
 //
 //export onStart
 func onStart(_ unsafe.Pointer, answer *C.telvora_answer) {
 	backends := C.telvora_value_count(C.telvora_answer_value(answer))
 	if backends == 0 {
-		fmt.Fprintln(os.Stderr, "No backend reports: 'telvoractl doctor --client-type 8' shows the reason.")
+		fmt.Fprintln(os.Stderr, "No backend reports: 'telvoractl doctor --client-type 8' shows the reason.",
+			C.GoString(C.telvora_answer_message(answer)))
 		return
 	}
+	reports = true
 	fmt.Println(backends, "backends report.")
 }
 
@@ -76,7 +81,7 @@ func main() {
 		C.telvora_value_free(value)
 	}
 	C.telvora_session_free(session)
-	if status != C.TELVORA_OK {
+	if status != C.TELVORA_OK || !reports {
 		os.Exit(1)
 	}
 }

@@ -7,6 +7,7 @@ use std::ffi::{CStr, CString};
 use std::os::raw::{c_char, c_int, c_void};
 use std::process::ExitCode;
 use std::ptr;
+use std::sync::atomic::{AtomicBool, Ordering};
 
 // Types that only the library knows.
 #[repr(C)]
@@ -38,6 +39,7 @@ extern "C" {
     fn telvora_set_int(value: *mut Value, key: *const c_char, content: i64) -> c_int;
     fn telvora_set_string(value: *mut Value, key: *const c_char, content: *const c_char) -> c_int;
     fn telvora_value_count(value: *const Value) -> usize;
+    fn telvora_answer_message(answer: *const Answer) -> *const c_char;
     fn telvora_answer_value(answer: *const Answer) -> *const Value;
     fn telvora_status_text(status: c_int) -> *const c_char;
 }
@@ -73,12 +75,20 @@ fn text(content: &str) -> CString {
     CString::new(content).expect("a text without a zero byte")
 }
 
+// Set by the library's thread, before telvora_session_wait() returns.
+static REPORTS: AtomicBool = AtomicBool::new(false);
+
 // Shows the number of backends that report. Runs on the library's thread, and must not panic.
 extern "C" fn on_start(_context: *mut c_void, answer: *const Answer) {
     let backends = unsafe { telvora_answer_value(answer) };
     if backends.is_null() || unsafe { telvora_value_count(backends) } == 0 {
-        eprintln!("No backend reports: 'telvoractl doctor --client-type 8' shows the reason.");
+        let message = unsafe { CStr::from_ptr(telvora_answer_message(answer)) };
+        eprintln!(
+            "No backend reports: 'telvoractl doctor --client-type 8' shows the reason. {}",
+            message.to_string_lossy()
+        );
     } else {
+        REPORTS.store(true, Ordering::SeqCst);
         println!("{} backends report.", unsafe { telvora_value_count(backends) });
     }
 }
@@ -102,5 +112,5 @@ fn main() -> ExitCode {
         println!("The report: {}", CStr::from_ptr(telvora_status_text(status)).to_string_lossy());
         status
     };
-    if status == 0 { ExitCode::SUCCESS } else { ExitCode::FAILURE }
+    if status == 0 && REPORTS.load(Ordering::SeqCst) { ExitCode::SUCCESS } else { ExitCode::FAILURE }
 }

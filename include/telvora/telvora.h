@@ -33,9 +33,10 @@
  * exists and is not changed. The arguments of a callback are valid during that call of it.
  *
  * Failure. An operation returns TELVORA_OK, and its completion then runs exactly once; or it returns the
- * reason of its failure, and its completion never runs. A completion may be NULL. A function that returns a
- * pointer returns NULL if memory is short. A function that returns a status returns TELVORA_ERROR_INVALID if
- * its session, recorder or container is NULL: after several calls, a program may check the last one only.
+ * reason of its failure, and its completion never runs. An argument that is NULL or of another type where the
+ * function does not allow that gives TELVORA_ERROR_INVALID. A completion may be NULL. A function that returns
+ * a pointer returns NULL if memory is short. A function that returns a status returns TELVORA_ERROR_INVALID
+ * if its session, recorder or container is NULL: after several calls, a program may check the last one only.
  *
  * Units. Text is UTF-8 and ends with a zero byte; invalid UTF-8 is replaced by U+FFFD on its way to the
  * daemon. Times are seconds since 1970-01-01 UTC, durations milliseconds, sizes bytes.
@@ -113,8 +114,8 @@ TELVORA_API const char* telvora_version(void);
 /* --- Values ----------------------------------------------------------------------------------------------
  *
  * A value is a property list: a dictionary with text keys, an array, or a value of a plain type within them.
- * Dictionaries are in the byte order of their keys. A call fails with TELVORA_ERROR_INVALID if a value has
- * more than 16 levels of containers, or if the whole call exceeds 16 MB.
+ * Dictionaries are in the byte order of their keys. A call completes with TELVORA_ERROR_INVALID if a value
+ * has more than 16 levels of containers, or if the whole call exceeds 16 MiB.
  */
 typedef struct telvora_value telvora_value;
 

@@ -55,10 +55,15 @@ const char* whyNotFor(const Grant& grant, const Peer& peer) {
     // Cheap comparisons first: the look-up of a name may ask a server.
     if (grant.unit && *grant.unit != peer.unit) return "its \"Unit\" is another one";
     if (grant.label && *grant.label != peer.label) return "its \"Label\" is another one";
-    if (grant.user && userIdFrom(*grant.user) != peer.uid) return "its \"User\" is another one";
+    if (grant.user) {
+        const std::optional<uid_t> user = userIdFrom(*grant.user);
+        if (!user) return "its \"User\" does not exist";
+        if (*user != peer.uid) return "its \"User\" is another one";
+    }
     if (!grant.group) return nullptr;
     const std::optional<gid_t> group = groupIdFrom(*grant.group);
-    return group && peer.isInGroup(*group) ? nullptr : "its \"Group\" has not this user";
+    if (!group) return "its \"Group\" does not exist";
+    return peer.isInGroup(*group) ? nullptr : "its \"Group\" has not this user";
 }
 
 std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {
@@ -91,7 +96,7 @@ std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& pe
     if (const auto why = whyEntriesChangeable(directory_)) {
         TELVORA_LOG(kLogWarning, "EntitlementStore: the files of %s grant no entitlement: %s",
                     directory_.c_str(), why->c_str());
-        passOver(directory_, *why);
+        passOver(directory_ / "*.plist", *why);
         return value;
     }
     for (const std::filesystem::path& file : files) {

@@ -25,6 +25,8 @@ constexpr std::array<QuotaRule, kQuotas> kRules = {{
     {"inputBytes", settings::kMaxInputBytes},
     {"sessionBytes", settings::kMaxSessionBytes},
     {"extensionTokens", settings::kMaxExtensionTokens},
+    {"reportsToday", settings::kMaxReportsPerDay},
+    {"reportBytesToday", settings::kMaxReportBytesPerDay},
     {"logLines", settings::kMaxLogLines},
 }};
 
@@ -46,7 +48,7 @@ struct OwnErrorLines {
 
 // The charges and refusals of one user.
 struct UserShare {
-    UserShare(const UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
+    UserShare(UserQuotas& quotas, uid_t user) : quotas_(quotas), user_(user) {}
 
     BlockingShare threads;
     UserTurns turns;
@@ -54,6 +56,7 @@ struct UserShare {
     uid_t user() const { return user_; }
     std::atomic<uint64_t>& held(Quota quota) { return held_[static_cast<size_t>(quota)]; }
     bool take(Quota quota, uint64_t amount);
+    bool spendToday(uint64_t bytes) TELVORA_EXCLUDES(lock_);
     // `client` is guarded by this object's lock.
     bool admitsLine(int level, OwnErrorLines& client) TELVORA_EXCLUDES(lock_);
     std::array<QuotaUse, kQuotas> uses() TELVORA_EXCLUDES(lock_);
@@ -73,9 +76,9 @@ struct UserShare {
     void refuse(Quota quota, TimePoint now) TELVORA_EXCLUDES(lock_);
     void logUnlogged(Quota quota, uint64_t refusals) const;
 
-    const UserQuotas& quotas_;
+    UserQuotas& quotas_;
     const uid_t user_;
-    std::array<std::atomic<uint64_t>, kQuotas> held_{};  // except log lines
+    std::array<std::atomic<uint64_t>, kQuotas> held_{};  // except log lines and daily quotas
     Mutex lock_{LockRank::userLog};
     uint64_t lines_ TELVORA_GUARDED_BY(lock_) = 0;  // logged in this period
     uint64_t ownErrorLines_ TELVORA_GUARDED_BY(lock_) =
@@ -89,6 +92,17 @@ bool UserShare::take(Quota quota, uint64_t amount) {
     if (!holdsTooMuch(quota)) return true;
     held(quota) -= amount;
     refuse(quota, quotas_.clock_());
+    return false;
+}
+
+bool UserShare::spendToday(uint64_t bytes) {
+    if (!quotas_.limitsDays()) return true;
+    const DailyUse::Amount limits{quotas_.limitOf(Quota::reportsToday),
+                                  quotas_.limitOf(Quota::reportBytesToday)};
+    const DailyUse::Spent spent = quotas_.dailyUse_.spend(user_, bytes, limits);
+    if (spent == DailyUse::Spent::yes) return true;
+    refuse(spent == DailyUse::Spent::tooManyReports ? Quota::reportsToday : Quota::reportBytesToday,
+           quotas_.clock_());
     return false;
 }
 
@@ -176,11 +190,14 @@ bool UserShare::isQuiet(TimePoint now) {
 
 std::array<QuotaUse, kQuotas> UserShare::uses() {
     const TimePoint now = quotas_.clock_();
+    const DailyUse::Amount today = quotas_.limitsDays() ? quotas_.dailyUse_.of(user_) : DailyUse::Amount();
     std::array<QuotaUse, kQuotas> uses;
     const MutexLock lock(lock_);
     for (size_t i = 0; i < kQuotas; ++i) {
         uses[i] = {held_[i].load(std::memory_order_relaxed), quotas_.limitOf(quotaAt(i)), refusals_[i].all};
     }
+    uses[static_cast<size_t>(Quota::reportsToday)].held = today.reports;
+    uses[static_cast<size_t>(Quota::reportBytesToday)].held = today.bytes;
     uses[static_cast<size_t>(Quota::logLines)].held = now < periodEnd_ ? lines_ : 0;
     return uses;
 }
@@ -246,6 +263,10 @@ bool QuotaUser::take(Quota quota, uint64_t amount, QuotaCharge& charge) const {
     return true;
 }
 
+bool QuotaUser::spendToday(uint64_t bytes) const {
+    return !share_ || share_->spendToday(bytes);
+}
+
 LogAdmission* QuotaUser::logAdmission() const {
     return log_.get();
 }
@@ -264,9 +285,25 @@ std::optional<uid_t> QuotaUser::uid() const {
 
 // --- All users ---
 
-UserQuotas::UserQuotas(UserDefaults& defaults, SteadyClock clock)
-    : defaults_(defaults), clock_(std::move(clock)) {
+UserQuotas::UserQuotas(UserDefaults& defaults, SteadyClock clock, std::filesystem::path dailyUse,
+                       std::function<Moment()> moment)
+    : defaults_(defaults),
+      clock_(std::move(clock)),
+      dailyUseFile_(std::move(dailyUse)),
+      dailyUse_(std::move(moment)) {
     readLimits();
+    if (limitsDays() && !dailyUseFile_.empty()) dailyUse_.load(dailyUseFile_);
+}
+
+bool UserQuotas::limitsDays() const {
+    constexpr auto kNoLimit = static_cast<uint64_t>(settings::kMaxReportsPerDay.standard);
+    return limitOf(Quota::reportsToday) < kNoLimit || limitOf(Quota::reportBytesToday) < kNoLimit;
+}
+
+void UserQuotas::keepDailyUse() {
+    if (limitsDays()) return dailyUse_.save(dailyUseFile_);
+    std::error_code ignored;
+    std::filesystem::remove(dailyUseFile_, ignored);
 }
 
 UserQuotas::~UserQuotas() = default;

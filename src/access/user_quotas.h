@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -29,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "access/daily_use.h"
 #include "async/blocking_share.h"
 #include "async/user_turns.h"
 #include "platform/known_settings.h"
@@ -38,15 +40,17 @@
 namespace telvora {
 
 enum class Quota : uint8_t {
-    connections,      // to either socket, until both ends have closed them
-    sessions,         // with a valid connection
-    pendingBytes,     // of reports in batches and in posts without an answer
-    unreadBytes,      // of messages that wait until the user's clients read earlier ones
-    dormantBytes,     // of reports in batches that a flush would currently drop
-    inputBytes,       // of messages that have arrived in part or wait for earlier ones
-    sessionBytes,     // of session infos and user infos
-    extensionTokens,  // unused; each holds a descriptor
-    logLines,         // per minute, above the debug level, for the user's clients
+    connections,       // to either socket, until both ends have closed them
+    sessions,          // with a valid connection
+    pendingBytes,      // of reports in batches and in posts without an answer
+    unreadBytes,       // of messages that wait until the user's clients read earlier ones
+    dormantBytes,      // of reports in batches that a flush would currently drop
+    inputBytes,        // of messages that have arrived in part or wait for earlier ones
+    sessionBytes,      // of session infos and user infos
+    extensionTokens,   // unused; each holds a descriptor
+    reportsToday,      // posted; taken by spendToday() alone
+    reportBytesToday,  // of these
+    logLines,          // per minute, above the debug level, for the user's clients
 };
 inline constexpr size_t kQuotas = static_cast<size_t>(Quota::logLines) + 1;
 
@@ -91,6 +95,9 @@ class QuotaUser {
     // Adds the amount to a charge that is empty or of this user and quota. False if the user would exceed its
     // quota; then the charge is unchanged, and the refusal is counted and logged.
     bool take(Quota quota, uint64_t amount, QuotaCharge& charge) const;
+    // Whether the daily quotas allow to post a further report of so many bytes, which counts then. False
+    // likewise.
+    bool spendToday(uint64_t bytes) const;
     // The same for a new charge.
     std::optional<QuotaCharge> take(Quota quota, uint64_t amount) const {
         QuotaCharge charge;
@@ -127,8 +134,10 @@ class UserQuotas {
   public:
     using SteadyClock = std::function<std::chrono::steady_clock::time_point()>;
 
-    // `defaults` must outlive this object.
-    explicit UserQuotas(UserDefaults& defaults, SteadyClock clock = std::chrono::steady_clock::now);
+    // `defaults` must outlive this object. `dailyUse`: the file that carries the use of the daily quotas over
+    // the daemon's end; empty: none does.
+    explicit UserQuotas(UserDefaults& defaults, SteadyClock clock = std::chrono::steady_clock::now,
+                        std::filesystem::path dailyUse = {}, std::function<Moment()> moment = currentMoment);
     ~UserQuotas();
 
     // A handle for one client of the user. Reads the limits. May block on file I/O.
@@ -137,6 +146,11 @@ class UserQuotas {
     std::map<uid_t, std::array<QuotaUse, kQuotas>> uses() TELVORA_EXCLUDES(lock_);
     // Logs the refusals that have not been logged yet. Called at the end of the daemon.
     void logRefusals() TELVORA_EXCLUDES(lock_);
+    // Whether there are daily quotas.
+    bool limitsDays() const;
+    // Writes the file, or removes it if there are no daily quotas. Called at the end of the daemon. Blocks on
+    // file I/O.
+    void keepDailyUse();
 
   private:
     friend struct UserShare;
@@ -147,6 +161,8 @@ class UserQuotas {
 
     UserDefaults& defaults_;
     const SteadyClock clock_;
+    const std::filesystem::path dailyUseFile_;
+    DailyUse dailyUse_;
     std::array<std::atomic<uint64_t>, kQuotas> limits_{};
     std::atomic<uint64_t> limitsVersion_{0};  // UserDefaults::version() at the time of their reading
     Mutex lock_{LockRank::users};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "backends/event_record.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 
@@ -50,14 +51,27 @@ Dictionary dictionaryOf(const EventFields& fields, size_t spareEntries) {
     return result;
 }
 
+const size_t kTextInside = std::string().capacity();  // characters in the object itself
+
+// A block of the heap, with the allocator's own bytes.
+constexpr size_t blockSize(size_t bytes) {
+    constexpr size_t kLeast = 32, kUnit = 16;
+    return bytes == 0 ? 0 : std::max(kLeast, (bytes + sizeof(size_t) + kUnit - 1) / kUnit * kUnit);
+}
+
+// Bytes that a text occupies beside the std::string object.
+size_t approximateSize(const std::string& text) {
+    return text.capacity() > kTextInside ? blockSize(text.capacity() + 1) : 0;
+}
+
 size_t approximateSize(const PropertyList& value) {
-    if (const auto* text = value.getIf<std::string>()) return text->size();
-    if (const auto* data = value.getIf<Data>()) return data->bytes.size();
+    if (const auto* text = value.getIf<std::string>()) return approximateSize(*text);
+    if (const auto* data = value.getIf<Data>()) return approximateSize(data->bytes);
     if (const auto* dictionary = value.getIf<Dictionary>()) return telvora::approximateSize(*dictionary);
     const auto* array = value.getIf<Array>();
     if (array == nullptr) return 0;
     return std::accumulate(
-        array->begin(), array->end(), array->size() * sizeof(PropertyList),
+        array->begin(), array->end(), blockSize(array->capacity() * sizeof(PropertyList)),
         [](size_t sum, const PropertyList& element) { return sum + approximateSize(element); });
 }
 
@@ -71,9 +85,9 @@ Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, con
 }
 
 size_t approximateSize(const Dictionary& dictionary) {
-    size_t size = dictionary.size() * sizeof(Dictionary::Entry);
+    size_t size = blockSize(dictionary.size() * sizeof(Dictionary::Entry));
     for (const Dictionary::Entry& entry : dictionary)
-        size += entry.key.size() + approximateSize(entry.value);
+        size += approximateSize(entry.key) + approximateSize(entry.value);
     return size;
 }
 

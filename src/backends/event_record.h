@@ -39,7 +39,8 @@ struct EventFields {
 Dictionary newEventDictfromPayload(const std::optional<Dictionary>& payload, const EventFields& fields,
                                    const Dictionary* userInfo);
 
-// Approximate number of bytes that the dictionary occupies.
+// Bytes that the dictionary occupies, as its strings and arrays have reserved them. Does not count what it
+// has reserved for more entries itself.
 size_t approximateSize(const Dictionary& dictionary);
 
 }  // namespace telvora

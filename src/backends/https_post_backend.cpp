@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "backends/https_post_backend.h"
 
+#include "backends/event_record.h"
 #include "platform/known_settings.h"
 #include "util/log.h"
 
@@ -74,8 +75,17 @@ void HTTPSPostBackend::updateState() {
 
 void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {
     TelvoraBackend::setCorrelatedSessionID(combinedSessionID);
-    for (Dictionary& event : batchedEvents_)
+    size_t before = 0;
+    size_t after = 0;
+    for (Dictionary& event : batchedEvents_) {
+        before += approximateSize(event);
         event.set("_sessionID", combinedSessionID);
+        after += approximateSize(event);
+    }
+    if (after <= before) return;
+    // A long hierarchy has long IDs.
+    if (!chargeBatch(quotaOfBatch(), after - before)) return loseBatch(ReportOutcome::overQuota);
+    batchedBytes_ += after - before;
 }
 
 }  // namespace telvora

@@ -72,8 +72,9 @@ class HTTPSPostBackend final : public TelvoraBackend {
     // The reports of a message, their charge of the user's pending bytes, and the copy for the outbox, if
     // there is one.
     struct Load {
-        size_t reports = 0;
+        InFlightReports reports;
         QuotaCharge charge;
+        size_t answerBytes = 0;  // kept for the client until the server has answered
         std::unique_ptr<OutboxMessage> copy = nullptr;
     };
 
@@ -118,7 +119,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const std::string uuidRespectDnu_;
     const std::string uuidOverrideDnu_;
     std::vector<Dictionary> batchedEvents_;
-    size_t batchedBytes_ = 0;  // approximately
+    size_t batchedBytes_ = 0;  // that the batch occupies, approximately
     Mutex batchChargeLock_;
     QuotaCharge batchCharge_ TELVORA_GUARDED_BY(batchChargeLock_);  // of the user's quotas, for batchedBytes_
     std::unordered_map<int64_t, int32_t> eventMethodCounts_;        // of the batch's events, by "_method"

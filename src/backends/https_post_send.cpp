@@ -38,7 +38,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          uint16_t respCode, EventID /*eventID*/,
                                                          SendFlag flag) {
     if (state() == BackendState::disabled) {
-        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::disabled, reason());
+        current_.settle(ReportOutcome::disabled, reason());
         return std::nullopt;
     }
     Dictionary record = method == kSessionMethod && respCode == kSessionStop
@@ -103,7 +103,10 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
     };
     Dictionary record = newEventDictfromPayload(payload, fields, userInfoDict_.get());
+    const size_t unfiltered = record.size();
     applyFilters(record);
+    // A copy reserves no memory for the entries that are gone.
+    if (record.size() < unfiltered / 2) return Dictionary(std::as_const(record));
     return record;
 }
 
@@ -133,7 +136,12 @@ void HTTPSPostBackend::applyFilters(Dictionary& record) const {
 std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uint16_t method,
                                                           uint16_t respCode, SendFlag flag) {
     QuotaCharge charge;
-    if (!user_.take(Quota::pendingBytes, approximateSize(record), charge)) return loseOverQuota();
+    const size_t bytes = approximateSize(record);
+    if (!user_.take(Quota::pendingBytes, bytes, charge)) return loseOverQuota();
+    if (!user_.spendToday(bytes)) {
+        current_.settle(ReportOutcome::overDailyQuota);
+        return std::nullopt;
+    }
     const bool flushFirst = state() == BackendState::reporting && isRealtime(flag) && !batchedEvents_.empty();
     std::optional<std::string> flushed;
     if (flushFirst) {
@@ -150,14 +158,14 @@ std::optional<std::string> HTTPSPostBackend::postDirectly(Dictionary record, uin
         answer = std::string("Flushed events:\n") + textOrNull(flushed) + "\nStandalone event:\n" +
                  textOrNull(answer);
     }
-    postJSONMessage(std::move(json), {1, std::move(charge)}, flag, method, respCode, {});
+    postJSONMessage(std::move(json), {std::move(current_), std::move(charge)}, flag, method, respCode, {});
     if (flushFirst) immutable_ = true;
     return answer;
 }
 
 std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     const int64_t method = record.integer("_method").value_or(0);
-    const size_t bytes = approximateSize(record);
+    const size_t bytes = approximateSize(record) + 2 * sizeof record;  // the batch reserves for others, too
     const bool full = batchedBytes_ + bytes > kMaxBatchBytes;
     int32_t count = eventMethodCounts_[method];
     std::optional<std::string> flushed;
@@ -176,14 +184,16 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
                     batchedEvents_.size());
         loseBatch(ReportOutcome::batchFull);
     }
+    int32_t& counted = eventMethodCounts_[method];
+    batchedEvents_.push_back(std::move(record));
     if (!chargeBatch(quotaOfBatch(), bytes)) {
+        batchedEvents_.pop_back();
         std::optional<std::string> answer = loseOverQuota();
         return flushed ? flushed : answer;
     }
-    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::held);
-    batchedEvents_.push_back(std::move(record));
+    current_.settle(ReportOutcome::held);
     batchedBytes_ += bytes;
-    eventMethodCounts_[method] = count + 1;
+    counted = count + 1;
     return flushed;
 }
 
@@ -226,15 +236,16 @@ void HTTPSPostBackend::loseBatch(ReportOutcome cause) {
 
 // Loses the report, but flushes the batch if possible, which makes room for later reports.
 std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
-    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::overQuota);
+    current_.settle(ReportOutcome::overQuota);
     if (state() != BackendState::reporting || batchedEvents_.empty()) return std::nullopt;
     return flushMessagesWithCompletion({});
 }
 
-// Checks the lists again, which may have changed since the event was held.
+// Checks the lists again, which may have changed since the event was held, and the daily quotas.
 bool HTTPSPostBackend::isAdmitted(const Dictionary& heldEvent) {
     const auto category = static_cast<uint16_t>(heldEvent.wrappedInteger("_method").value_or(0));
-    const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    if (!excluded && !user_.spendToday(approximateSize(heldEvent))) excluded = ReportOutcome::overDailyQuota;
     if (excluded) reports_->move(1, ReportOutcome::held, *excluded);
     return !excluded;
 }
@@ -276,6 +287,7 @@ std::optional<std::string> HTTPSPostBackend::postBatch(const Dictionary& userInf
     std::vector<Dictionary> events = takeBatch();
     std::erase_if(events, [this](const Dictionary& event) { return !isAdmitted(event); });
     reports_->move(events.size(), ReportOutcome::held, ReportOutcome::inFlight);
+    Load load{InFlightReports(reports_, events.size()), std::move(charge)};
     if (events.empty()) {
         completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
         return std::nullopt;
@@ -287,12 +299,14 @@ std::optional<std::string> HTTPSPostBackend::postBatch(const Dictionary& userInf
     std::string json = createMessageForPostAndLogging(events, pretty);
     PostCompletion whenPosted;
     if (completion) {
-        whenPosted = [pretty, completion = std::move(completion)](std::optional<TelvoraError> error) {
-            completion(pretty, std::move(error));
+        load.answerBytes = pretty ? pretty->size() : 0;
+        whenPosted = [answer = pretty,
+                      completion = std::move(completion)](std::optional<TelvoraError> error) mutable {
+            completion(std::move(answer), std::move(error));
         };
     }
-    postJSONMessage(std::move(json), {events.size(), std::move(charge)}, SendFlag{0}, std::nullopt,
-                    std::nullopt, std::move(whenPosted));
+    postJSONMessage(std::move(json), std::move(load), SendFlag{0}, std::nullopt, std::nullopt,
+                    std::move(whenPosted));
     if (pretty) immutable_ = true;
     return pretty;
 }

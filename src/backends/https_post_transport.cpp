@@ -60,17 +60,18 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
                                        PostCompletion completion) {
     const std::optional<std::string>& url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
     if (!url) {
-        reports_->move(load.reports, ReportOutcome::inFlight, ReportOutcome::noURL);
+        load.reports.settle(ReportOutcome::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
     auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
     HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
-    load.charge.resize(kRequestBytes + request.body.size());
+    const size_t bytes = kRequestBytes + request.body.capacity();
+    load.charge.resize(bytes + load.answerBytes);
     if (services_.outbox != nullptr) {
-        load.charge.resize(2 * (kRequestBytes + request.body.size()));
+        load.charge.resize(2 * bytes + load.answerBytes);
         load.copy = std::make_unique<OutboxMessage>(OutboxMessage{.request = request,
-                                                                  .reports = load.reports,
+                                                                  .reports = load.reports.count(),
                                                                   .underConsent = policy_.dnuType == 0,
                                                                   .identifier = uuidRespectDnu_});
     }
@@ -117,6 +118,8 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
     if (compressed && !compressed->empty() && compressed->size() < json.size()) {
         add("Content-Encoding", "gzip");
         request.body = std::move(*compressed);
+        // The compression reserves memory for the worst case.
+        if (request.body.size() < request.body.capacity() / 2) request.body.shrink_to_fit();
     } else {
         request.body = std::move(json);
     }
@@ -129,13 +132,13 @@ void HTTPSPostBackend::settle(const HttpResult& result, Load& load) {
     if (load.copy == nullptr || !mayBePostedLater(load.copy->request, result)) {
         if (load.copy != nullptr && result) services_.outbox->reached(load.copy->request.url);
         load.charge = {};
-        return reports_->move(load.reports, ReportOutcome::inFlight, outcome);
+        return load.reports.settle(outcome);
     }
     load.copy->charge = std::move(load.charge);
-    services_.outbox->keep(
-        std::move(*load.copy), result, [account = reports_, reports = load.reports, outcome](bool kept) {
-            account->move(reports, ReportOutcome::inFlight, kept ? ReportOutcome::kept : outcome);
-        });
+    const auto reports = std::make_shared<InFlightReports>(std::move(load.reports));
+    services_.outbox->keep(std::move(*load.copy), result, [reports, outcome](bool kept) {
+        reports->settle(kept ? ReportOutcome::kept : outcome);
+    });
 }
 
 // On the HTTP client's thread.

@@ -3,17 +3,49 @@
 
 namespace telvora {
 
+namespace {
+
+// Places that a report may pass after it was accepted: in flight, held, and its outcome.
+constexpr size_t kOutcomesAhead = 4;
+
+}  // namespace
+
 const char* nameOf(ReportOutcome outcome) {
-    static constexpr std::array<const char*, kReportOutcomes> kNames = {
-        "inFlight",       "held",          "delivered",        "kept",
-        "notWhitelisted", "blacklisted",   "disabled",         "sampledOut",
-        "noUserInfo",     "batchFull",     "overQuota",        "sessionEnded",
-        "noURL",          "notSent",       "tooManyPending",   "noConnection",
-        "noAnswer",       "rejected",      "serverError",      "notSupported",
-        "noAdaptor",      "notConfigured", "incomplete",       "noBackend",
-        "fileRefused",    "fileTooLarge",  "fileUnreadable",   "oversized",
-        "outboxFull",     "expired",       "consentWithdrawn", "identifiersReset",
-        "damaged"};
+    static constexpr std::array<const char*, kReportOutcomes> kNames = {"inFlight",
+                                                                        "held",
+                                                                        "delivered",
+                                                                        "kept",
+                                                                        "notWhitelisted",
+                                                                        "blacklisted",
+                                                                        "disabled",
+                                                                        "sampledOut",
+                                                                        "noUserInfo",
+                                                                        "batchFull",
+                                                                        "overQuota",
+                                                                        "overDailyQuota",
+                                                                        "noMemory",
+                                                                        "sessionEnded",
+                                                                        "noURL",
+                                                                        "notSent",
+                                                                        "tooManyPending",
+                                                                        "noConnection",
+                                                                        "noAnswer",
+                                                                        "rejected",
+                                                                        "serverError",
+                                                                        "notSupported",
+                                                                        "noAdaptor",
+                                                                        "notConfigured",
+                                                                        "incomplete",
+                                                                        "noBackend",
+                                                                        "fileRefused",
+                                                                        "fileTooLarge",
+                                                                        "fileUnreadable",
+                                                                        "oversized",
+                                                                        "outboxFull",
+                                                                        "expired",
+                                                                        "consentWithdrawn",
+                                                                        "identifiersReset",
+                                                                        "damaged"};
     return kNames[static_cast<size_t>(outcome)];
 }
 
@@ -22,6 +54,8 @@ ReportOutcome outcomeOf(const HttpResult& result) {
         switch (result.error().kind) {
             case HttpError::Kind::notSent:
                 return ReportOutcome::notSent;
+            case HttpError::Kind::noMemory:
+                return ReportOutcome::noMemory;
             case HttpError::Kind::tooManyPending:
                 return ReportOutcome::tooManyPending;
             case HttpError::Kind::noConnection:
@@ -46,9 +80,10 @@ void ReportTally::add(const ReportTally& other) {
 uint64_t failedOrPending(const ReportTally& tally) {
     uint64_t reports = tally[ReportOutcome::inFlight] + tally[ReportOutcome::held];
     for (const ReportOutcome failure :
-         {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::sessionEnded,
-          ReportOutcome::notSent, ReportOutcome::tooManyPending, ReportOutcome::noConnection,
-          ReportOutcome::noAnswer, ReportOutcome::rejected, ReportOutcome::serverError}) {
+         {ReportOutcome::batchFull, ReportOutcome::overQuota, ReportOutcome::overDailyQuota,
+          ReportOutcome::noMemory, ReportOutcome::sessionEnded, ReportOutcome::notSent,
+          ReportOutcome::tooManyPending, ReportOutcome::noConnection, ReportOutcome::noAnswer,
+          ReportOutcome::rejected, ReportOutcome::serverError}) {
         reports += tally[failure];
     }
     return reports;
@@ -67,6 +102,9 @@ ReportAccount::~ReportAccount() {
 
 void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
     const MutexLock lock(lock_);
+    // So that move() needs no memory: a report that is lost for lack of it is counted.
+    outcomes_.reserve(kOutcomesAhead);
+    disabledBecause_.reserve(1);
     accepted_ += reports;
     outcomes_[static_cast<size_t>(outcome)] += reports;
 }
@@ -87,10 +125,10 @@ ReportTally ReportAccount::tally() const {
     return tally;
 }
 
-std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name) {
-    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name));
+std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {
+    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name, clientType));
     const MutexLock lock(lock_);
-    closed_.try_emplace(name);
+    closed_[clientType].try_emplace(name);
     open_.insert(account.get());
     return account;
 }
@@ -98,29 +136,39 @@ std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name) {
 void ReportLedger::close(const ReportAccount& account) {
     const MutexLock lock(lock_);
     open_.erase(&account);
-    closed_.find(account.name_)->second.add(account.tally());
+    closed_.find(account.clientType_)->second.find(account.name_)->second.add(account.tally());
 }
 
-std::map<std::string, ReportTally> ReportLedger::totals() const {
+std::map<int, ReportTallies> ReportLedger::totalsByClientType() const {
     const MutexLock lock(lock_);
-    std::map<std::string, ReportTally> totals = closed_;
+    std::map<int, ReportTallies> totals = closed_;
     for (const ReportAccount* account : open_)
-        totals[account->name_].add(account->tally());
+        totals[account->clientType_][account->name_].add(account->tally());
+    return totals;
+}
+
+ReportTallies ReportLedger::totals() const {
+    ReportTallies totals;
+    for (const auto& [clientType, tallies] : totalsByClientType()) {
+        for (const auto& [name, tally] : tallies)
+            totals[name].add(tally);
+    }
     return totals;
 }
 
 std::shared_ptr<ReportAccount> ClientAccounts::of(const std::string& name) {
+    const int clientType = clientType_;
     const MutexLock lock(lock_);
-    std::shared_ptr<ReportAccount>& account = accounts_[name];
-    if (!account) account = ledger_.open(name);
+    std::shared_ptr<ReportAccount>& account = accounts_[{clientType, name}];
+    if (!account) account = ledger_.open(name, clientType);
     return account;
 }
 
-std::map<std::string, ReportTally> ClientAccounts::tallies() const {
+ReportTallies ClientAccounts::tallies() const {
     const MutexLock lock(lock_);
-    std::map<std::string, ReportTally> tallies;
-    for (const auto& [name, account] : accounts_)
-        tallies[name] = account->tally();
+    ReportTallies tallies;
+    for (const auto& [key, account] : accounts_)
+        tallies[key.second].add(account->tally());
     return tallies;
 }
 

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -43,6 +44,8 @@ enum class ReportOutcome : uint8_t {
     noUserInfo,      // a flush of a backend that waited for user info discarded it
     batchFull,       // the batch was full and could not be flushed
     overQuota,       // a quota of its user was used up
+    overDailyQuota,  // its user has posted as much as is allowed in a day
+    noMemory,        // there was no memory for it
     sessionEnded,    // the backend ended while it held the report
     noURL,           // the bag names no server
     notSent,         // the request could not be made, or the daemon was ending
@@ -105,12 +108,15 @@ class ReportAccount {
 
   private:
     friend class ReportLedger;
-    ReportAccount(ReportLedger& ledger, std::string name) : ledger_(&ledger), name_(std::move(name)) {}
+    ReportAccount(ReportLedger& ledger, std::string name, int clientType)
+        : ledger_(&ledger), name_(std::move(name)), clientType_(clientType) {}
 
     // The counters that were ever used.
     class Counters {
       public:
         uint64_t& operator[](size_t index);
+        // Takes memory for as many counters that are not used yet.
+        void reserve(size_t unused) { used_.reserve(used_.size() + unused); }
         template <size_t size>
         void copyTo(std::array<uint64_t, size>& counters) const {
             for (const auto& [index, count] : used_)
@@ -123,6 +129,7 @@ class ReportAccount {
 
     ReportLedger* const ledger_ = nullptr;
     const std::string name_;
+    const int clientType_ = -1;
     mutable Mutex lock_;
     uint64_t accepted_ TELVORA_GUARDED_BY(lock_) = 0;
     // Most sessions need few of the counters of a tally, and it takes half a kilobyte.
@@ -130,12 +137,48 @@ class ReportAccount {
     Counters disabledBecause_ TELVORA_GUARDED_BY(lock_);
 };
 
+// The sums of all accounts of one name, by that name.
+using ReportTallies = std::map<std::string, ReportTally>;
+
+// Reports that are in flight, or none. Those without another outcome at its end are lost: an exception has
+// passed, and only one for lack of memory can. Belongs to one thread at a time.
+class InFlightReports {
+  public:
+    InFlightReports() = default;
+    InFlightReports(std::shared_ptr<ReportAccount> account, size_t reports)
+        : account_(std::move(account)), reports_(reports) {}
+    InFlightReports(InFlightReports&&) noexcept = default;
+    InFlightReports& operator=(InFlightReports&& other) noexcept {
+        settle(ReportOutcome::noMemory);
+        account_ = std::move(other.account_);
+        reports_ = other.reports_;
+        return *this;
+    }
+    ~InFlightReports() { settle(ReportOutcome::noMemory); }
+
+    size_t count() const { return reports_; }
+    // The outcome of the reports, which are then no longer in flight. Without effect on none. `reason`: see
+    // ReportAccount::move().
+    void settle(ReportOutcome outcome, Decision reason = Decision::unconditional) noexcept {
+        if (const auto account = std::move(account_))
+            account->move(reports_, ReportOutcome::inFlight, outcome, reason);
+    }
+
+  private:
+    std::shared_ptr<ReportAccount> account_;
+    size_t reports_ = 0;
+};
+
 // The accounts of all clients, including clients that have ended. Outlives its accounts.
 class ReportLedger {
   public:
-    std::shared_ptr<ReportAccount> open(const std::string& name) TELVORA_EXCLUDES(lock_);
-    // The sums of all accounts of one name, by that name.
-    std::map<std::string, ReportTally> totals() const TELVORA_EXCLUDES(lock_);
+    static constexpr int kNoClientType = -1;
+
+    std::shared_ptr<ReportAccount> open(const std::string& name, int clientType = kNoClientType)
+        TELVORA_EXCLUDES(lock_);
+    ReportTallies totals() const TELVORA_EXCLUDES(lock_);
+    // The totals of the clients of each type.
+    std::map<int, ReportTallies> totalsByClientType() const TELVORA_EXCLUDES(lock_);
 
   private:
     friend class ReportAccount;
@@ -143,7 +186,7 @@ class ReportLedger {
 
     mutable Mutex lock_{LockRank::ledger};
     std::unordered_set<const ReportAccount*> open_ TELVORA_GUARDED_BY(lock_);
-    std::map<std::string, ReportTally> closed_ TELVORA_GUARDED_BY(lock_);
+    std::map<int, ReportTallies> closed_ TELVORA_GUARDED_BY(lock_);  // by client type
 };
 
 // Number of reports and uploads that failed or are still pending, and would be lost if the daemon ended now.
@@ -151,7 +194,8 @@ class ReportLedger {
 uint64_t failedOrPending(const ReportTally& tally);
 
 // The accounts of one client: one for each backend and three others. They remain when the client's backends
-// are made anew. Also keeps the user whose quotas the client's reports count against.
+// are made anew, unless its type has changed. Also keeps the user whose quotas the client's reports count
+// against.
 class ClientAccounts {
   public:
     static constexpr char kNoBackend[] = "none";  // reports that reach no backend
@@ -161,16 +205,20 @@ class ClientAccounts {
     explicit ClientAccounts(ReportLedger& ledger, QuotaUser user = {})
         : ledger_(ledger), user_(std::move(user)) {}
 
+    // Assigns accounts that are used from now on to a client type, or to ReportLedger::kNoClientType.
+    void setClientType(int clientType) { clientType_ = clientType; }
     // The account of that name, which its first use opens.
     std::shared_ptr<ReportAccount> of(const std::string& name) TELVORA_EXCLUDES(lock_);
-    std::map<std::string, ReportTally> tallies() const TELVORA_EXCLUDES(lock_);
+    ReportTallies tallies() const TELVORA_EXCLUDES(lock_);
     const QuotaUser& user() const { return user_; }
 
   private:
     ReportLedger& ledger_;
     const QuotaUser user_;
+    std::atomic<int> clientType_{ReportLedger::kNoClientType};
     mutable Mutex lock_{LockRank::accounts};
-    std::map<std::string, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
+    // By client type and name.
+    std::map<std::pair<int, std::string>, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
 };
 
 }  // namespace telvora

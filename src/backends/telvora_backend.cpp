@@ -2,6 +2,7 @@
 #include "backends/telvora_backend.h"
 
 #include <array>
+#include <new>
 
 #include "config/client_framework.h"
 #include "policy/client_entry.h"
@@ -79,7 +80,7 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        TimeValue /*timestamp*/, uint16_t /*method*/,
                                                        uint16_t /*respCode*/, EventID /*eventID*/,
                                                        SendFlag /*flag*/) {
-    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::notSupported);
+    current_.settle(ReportOutcome::notSupported);
     return std::nullopt;
 }
 
@@ -88,7 +89,13 @@ std::optional<std::string> TelvoraBackend::sendMessage(const std::optional<Dicti
                                                        uint16_t respCode, SendFlag flag) {
     ++eventID_;
     reports_->accept();
-    return sendMessage(payload, timestamp, method, respCode, EventID{eventID_}, flag);
+    current_ = InFlightReports(reports_, 1);
+    try {
+        return sendMessage(payload, timestamp, method, respCode, EventID{eventID_}, flag);
+    } catch (const std::bad_alloc&) {
+        current_.settle(ReportOutcome::noMemory);
+        throw;
+    }
 }
 
 std::optional<std::string> TelvoraBackend::flushMessagesWithCompletion(FlushCompletion completion) {

@@ -98,12 +98,13 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // Derives the state from the configuration. Base: reporting.
     virtual void updateState();
     // Sends one report (method: its category, respCode: its type). Returns the answer for the client and the
-    // message log, if there is one. Base: drops the report. Overriders record the outcome in reports().
+    // message log, if there is one. Base: drops the report. Overriders settle its outcome with current_.
     virtual std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload,
                                                    TimeValue timestamp, uint16_t method, uint16_t respCode,
                                                    EventID eventID, SendFlag flag);
     // Gives the report the next number (0 follows 65535), enters it in reports(), and sends it under that
-    // number. Sessions call no other send operation.
+    // number. Sessions call no other send operation. Throws std::bad_alloc without memory; the report is
+    // counted as lost then.
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, SendFlag flag);
     // Sends the reports that are held. Calls `completion` (may be empty) exactly once, on any thread: at
@@ -175,6 +176,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     const QuotaUser user_;
 
     uint16_t eventID_ = 0;
+    InFlightReports current_;  // the report that is being sent
     std::optional<std::string> combinedSessionIDString_;
     std::optional<std::string> displayURL_;
     std::shared_ptr<const Dictionary> userInfoDict_;

@@ -63,7 +63,7 @@ ReportOutcome refused(const std::string& path, const FileRefusal& refusal) {
 }
 
 bool wasSent(const HttpError& error) {
-    return error.kind != HttpError::Kind::notSent && error.kind != HttpError::Kind::tooManyPending;
+    return error.kind == HttpError::Kind::noConnection || error.kind == HttpError::Kind::noAnswer;
 }
 
 void removeFile(const ClientFiles& clientFiles, const ClientFile& file) {
@@ -97,7 +97,9 @@ UploadBackend::UploadBackend(const BackendServices& services, std::string name, 
 void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion done) {
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", upload.path.c_str());
     uploads_->accept();
+    InFlightReports entry(uploads_, 1);
     const auto transfer = std::make_shared<Transfer>(Transfer{upload, std::move(done)});
+    transfer->entry = std::move(entry);
     if (const auto refusal = openFile(*transfer)) return finish(*transfer, tl::unexpected(*refusal));
     // The file and its compressed form.
     const uint64_t bytes = 2 * transfer->file.size();
@@ -157,7 +159,7 @@ UploadBackend::Outcome UploadBackend::outcomeOfTransfer(const Transfer& transfer
 void UploadBackend::finish(Transfer& transfer, const Outcome& outcome) {
     transfer.file = {};
     transfer.ticket.reset();
-    uploads_->move(1, ReportOutcome::inFlight, outcome ? *outcome : outcome.error());
+    transfer.entry.settle(outcome ? *outcome : outcome.error());
     std::exchange(transfer.done, nullptr)(outcome.has_value());
 }
 

@@ -38,6 +38,7 @@ class UploadBackend final : public TelvoraBackend {
         ClientFile file = {};
         std::unique_ptr<UploadAdmission::Ticket> ticket = {};
         HttpResult result = {};
+        InFlightReports entry = {};  // in the account of uploads
     };
     using SharedTransfer = std::shared_ptr<Transfer>;
     // An error if no request was sent.

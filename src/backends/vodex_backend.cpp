@@ -79,7 +79,7 @@ std::optional<std::string> VodexBackend::sendMessage(const std::optional<Diction
         TELVORA_LOG(kLogError,
                     "VodexBackend(sendMessage): Vodex adaptor %s does not respond to forwarding selector %s",
                     vodexAdaptor_ == nullptr ? "(null)" : "<VodexAdaptor>", kForwardingSelector);
-        reports_->move(1, ReportOutcome::inFlight, ReportOutcome::noAdaptor);
+        current_.settle(ReportOutcome::noAdaptor);
         return std::nullopt;
     }
     const PropertyList dict = payload.value_or(Dictionary());
@@ -87,7 +87,7 @@ std::optional<std::string> VodexBackend::sendMessage(const std::optional<Diction
         vodexAdaptorClass_->send_message(vodexAdaptor_, method, respCode,
                                          vodexValue(payload ? &dict : nullptr));
     });
-    reports_->move(1, ReportOutcome::inFlight, ReportOutcome::delivered);
+    current_.settle(ReportOutcome::delivered);
     return std::nullopt;
 }
 

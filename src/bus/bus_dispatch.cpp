@@ -68,12 +68,14 @@ void BusConnection::handleCall(const MessageView& view, std::vector<UniqueFd> de
     answerStandard(view);
 }
 
-// What a handler throws (memory, in practice) becomes an error reply.
+// An exception of a handler becomes an error reply.
 void BusConnection::runHandler(const Export& target, size_t method, BusMessage& call) {
     try {
         const std::optional<BusError> failure = target.handler(method, call);
         checkRest(call.reader());
         if (failure) sendError(call.view(), *failure);
+    } catch (const std::bad_alloc&) {
+        sendError(call.view(), {"org.freedesktop.DBus.Error.NoMemory", "There is no memory for this call."});
     } catch (const std::exception& exception) {
         sendError(call.view(), {kBusErrorFailed, exception.what()});
     }

@@ -27,7 +27,10 @@ tl::unexpected<BusQueryFailure> failure(Kind kind, std::string message) {
 }
 
 tl::unexpected<BusQueryFailure> lost(int error) {
-    return failure(Kind::kUnreachable, errorText(error));
+    if (error != EPIPE && error != ECONNRESET) return failure(Kind::kUnreachable, errorText(error));
+    return failure(Kind::kUnreachable,
+                   "the daemon closed the connection: it ends, or this user has too many connections "
+                   "(maxConnectionsPerUser)");
 }
 
 Result<UniqueFd> connectTo(const std::string& socketPath) {

@@ -65,7 +65,7 @@ ApplicationSession::ApplicationSession(const telvora_session_options& options)
     : runtime_(ProcessRuntime::ofThisProcess()), options_(options) {}
 
 std::shared_ptr<ApplicationSession> ApplicationSession::make(const telvora_session_options& options) {
-    const std::shared_ptr<ApplicationSession> session(new ApplicationSession(options));
+    std::shared_ptr<ApplicationSession> session(new ApplicationSession(options));
     ClientRuntime& runtime = session->runtime_.client();
     if (disabled()) {
         session->target_ = std::make_shared<RecordedSession>(runtime, nullptr, session->handlers());

@@ -70,6 +70,7 @@ std::vector<PublicKeyFile> readPublicKeys(const std::filesystem::path& directory
     std::vector<PublicKeyFile> keys;
     const std::vector<std::filesystem::path> files = keyFilesOf(directory);
     const auto changeable = files.empty() ? std::nullopt : whyEntriesChangeable(directory);
+    keys.reserve(files.size());
     for (const std::filesystem::path& file : files) {
         keys.push_back(changeable ? PublicKeyFile{file, {}, changeable, true} : readKey(file));
     }

@@ -65,6 +65,10 @@ void StorebagCache::fetch(uint32_t clientType, std::optional<std::string> lastMo
 StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag fetched) {
     StorebagFetchStatus& status = fetched.status;
     TELVORA_LOG(kLogDebug, "fetchAndCacheStorebag: Storebag max age: %d seconds", status.maxAge);
+    if (status.noMemory) {  // the next session fetches it again
+        const Record* const record = find(clientType);
+        return record != nullptr ? record->data : nullptr;
+    }
     Record& record = cachedStorebags_[Key(clientType)];
     record.fetchSuccessful = fetched.section || status.notChanged;
     if (fetched.section) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "config/signed_bag.h"
 #include "http/http_request_rules.h"
@@ -99,7 +100,7 @@ std::string StorebagFetcher::urlOf(const std::optional<std::string>& name) const
 
 void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, StorebagFetchStatus status,
                                             BagCompletion done) const {
-    const std::string url = urlOf(name) + "?version=" + services_.framework.bundleVersion();
+    std::string url = urlOf(name) + "?version=" + services_.framework.bundleVersion();
     TELVORA_LOG(kLogDebug, "fetchStorebagWithName: Storebag Server URL: %s", url.c_str());
 
     HttpRequest request = makeRequest(url, status.lastModified);
@@ -115,7 +116,8 @@ void StorebagFetcher::fetchStorebagWithName(std::optional<std::string> name, Sto
 
 std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
                                                  const std::optional<std::string>& name,
-                                                 const std::string& url, StorebagFetchStatus& status) const {
+                                                 const std::string& url, StorebagFetchStatus& status) const
+    try {
     StorebagFetchReport& report = status.report;
     report.url = urlForLog(url);
     if (!result) {
@@ -124,6 +126,7 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
             kLogInfo,
             "fetchStorebagWithName: Error resolving with lookup server %s, sendSynchronousRequest error %s",
             url.c_str(), result.error().description.c_str());
+        status.noMemory = result.error().kind == HttpError::Kind::noMemory;
         status.builtIn = name == kQuillet;
         return standIn(name);
     }
@@ -146,6 +149,10 @@ std::optional<Dictionary> StorebagFetcher::bagOf(const HttpResult& result,
     // Such an answer's body describes the server's error.
     if (!isSuccess(*result))
         report.fault = {BagStep::download, "the server answered " + std::to_string(result->status)};
+    return std::nullopt;
+} catch (const std::bad_alloc&) {
+    TELVORA_LOG(kLogError, "fetchStorebagWithName: There is no memory for a bag");
+    status.noMemory = true;
     return std::nullopt;
 }
 

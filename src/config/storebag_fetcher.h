@@ -39,6 +39,7 @@ struct StorebagFetchStatus {
     int32_t maxAge = 0;                         // seconds; unchanged if the server wasn't reached
     bool notChanged = false;                    // the caller's copy is still current
     bool builtIn = false;                       // the result is the built-in stand-in
+    bool noMemory = false;                      // there was none for the answer
     std::optional<std::string> lastModified{};  // in: of the caller's copy; out: of the answer
     std::string document{};                     // the signed document, if it has a valid bag
     StorebagFetchReport report{};

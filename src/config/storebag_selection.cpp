@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "config/client_type.h"
 #include "config/signed_bag.h"
@@ -69,7 +70,7 @@ FetchedStorebag StorebagFetcher::reopen(std::string document, uint32_t clientTyp
 
 std::optional<Dictionary> StorebagFetcher::sectionOf(const std::optional<Dictionary>& bag,
                                                      uint32_t clientType, std::optional<std::string>& version,
-                                                     StorebagFetchStatus& status) const {
+                                                     StorebagFetchStatus& status) const try {
     const int printedType = static_cast<int>(clientType);
     if (!bag) {
         if (!status.notChanged) {
@@ -101,6 +102,10 @@ std::optional<Dictionary> StorebagFetcher::sectionOf(const std::optional<Diction
                     status.maxAge);
     }
     return *section;
+} catch (const std::bad_alloc&) {
+    TELVORA_LOG(kLogError, "fetchStorebagForEnvironmentAndClientType: There is no memory for a storebag");
+    status.noMemory = true;
+    return std::nullopt;
 }
 
 }  // namespace telvora

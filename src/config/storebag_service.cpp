@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/storebag_service.h"
 
+#include <new>
 #include <utility>
+
+#include "util/log.h"
 
 namespace telvora {
 
@@ -17,12 +20,11 @@ void StorebagService::refresh(std::function<void()> done) {
     }
     if (types.empty()) return done();
     const auto left = std::make_shared<std::atomic<size_t>>(types.size());
-    for (const uint32_t type : types) {
-        const auto fetched = [left, done](const Section&) {
-            if (--*left == 0) done();
-        };
+    const auto fetched = [left, done = std::move(done)](const Section&) {
+        if (--*left == 0) done();
+    };
+    for (const uint32_t type : types)
         serve({type, fetched, {}, true});
-    }
 }
 
 void StorebagService::serve(Waiting asked) {
@@ -59,7 +61,7 @@ void StorebagService::restore(uint32_t clientType) {
 }
 
 // `document`: empty if the fetch had none; then the kept one stays.
-void StorebagService::save(uint32_t clientType, std::string document) {
+void StorebagService::save(uint32_t clientType, std::string document) try {
     const auto name = bagNameForClientType(clientType);
     if (kept_ == nullptr || !name) return;
     std::optional<KeptBag> bag;
@@ -74,6 +76,9 @@ void StorebagService::save(uint32_t clientType, std::string document) {
     }
     bag->document = std::move(document);
     kept_->save(*name, *bag);
+} catch (const std::bad_alloc&) {
+    TELVORA_LOG(kLogError, "StorebagService: There is no memory to keep the bag of client type %u",
+                clientType);
 }
 
 bool StorebagService::isIdle(const std::function<void()>& resume) {

@@ -21,16 +21,17 @@
 
 namespace telvora {
 
+static_assert(std::string_view(StoredOutbox::kAccount) == status::kOutbox);
+
 Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
-      lastTotals_(readLastTotals(process.directories.state)),
       properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
       framework_(process.directories.framework, process.directories.configuration),
       entitlements_(process.directories.configuration),
-      quotas_(process.defaults),
+      quotas_(process.defaults, std::chrono::steady_clock::now, process.directories.state / "dailyUse.plist"),
       curl_(makeCurlHttpClient({.link = process.settings.link})),
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
@@ -152,8 +153,11 @@ void Daemon::run() {
 
     logLosses();
     quotas_.logRefusals();
-    keepLastTotals(process_.directories.state, describe(ledger_.totals()),
-                   TelvoradUtil::secondsFromTimeValue(timeOfDay()));
+    quotas_.keepDailyUse();
+    keepLastTotals(process_.directories.state, {.totals = describe(ledger_.totals()),
+                                                .clientTypes = describe(ledger_.totalsByClientType()),
+                                                .startTime = start_.timeOfDay,
+                                                .endTime = TelvoradUtil::secondsFromTimeValue(timeOfDay())});
     if (agent_.sessionsAlive() > 0) {
         // Their deadline has passed; the server or the adaptor that they wait for may never answer.
         stopLogging();
@@ -208,10 +212,11 @@ Dictionary Daemon::getStatus() {
             {status::kUsers, userStatus(quotas_)},
             {status::kBags, agent_.storebagStatus()},
             {status::kTotals, describe(ledger_.totals())},
+            {status::kClientTypes, describe(ledger_.totalsByClientType())},
             {status::kHttpPending, static_cast<long long>(http_.inFlight())},
             {status::kServers, serverStatus(http_.outcomes())},
             {status::kRefusals, agent_.refusalStatus()},
-            {status::kBefore, lastTotals_},
+            {status::kBefore, readLastTotals(process_.directories.state)},
             {status::kPublicKeys, publicKeyStatus(framework_)}};
 }
 

@@ -65,7 +65,6 @@ class Daemon final : private StatusInterface {
 
     const ProcessContext& process_;
     const StartTime start_;
-    const Dictionary lastTotals_;
     asio::io_context runLoop_{1};
 
     const DeviceProperties properties_;

@@ -3,9 +3,21 @@
 
 #include <unistd.h>
 
+#include <fstream>
+
 #include "protocol/status_keys.h"
 
 namespace telvora {
+
+namespace {
+
+int64_t residentBytes() {
+    int64_t pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+}  // namespace
 
 Dictionary daemonStatus(const StartTime& start) {
     const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start.steady;
@@ -13,7 +25,8 @@ Dictionary daemonStatus(const StartTime& start) {
             {status::kPid, getpid()},
             {status::kUser, static_cast<long long>(geteuid())},
             {status::kStartTime, Date{start.timeOfDay}},
-            {status::kUptime, uptime.count()}};
+            {status::kUptime, uptime.count()},
+            {status::kMemory, residentBytes()}};
 }
 
 Dictionary sandboxStatus(const SandboxStatus& sandbox) {
@@ -36,10 +49,12 @@ Array userStatus(UserQuotas& quotas) {
     for (const auto& [user, uses] : quotas.uses()) {
         Dictionary described;
         for (size_t i = 0; i < kQuotas; ++i) {
-            described.set(ruleOf(static_cast<Quota>(i)).name,
-                          Dictionary{{status::kHeld, uses[i].held},
-                                     {status::kLimit, uses[i].limit},
-                                     {status::kRefused, uses[i].refused}});
+            const auto quota = static_cast<Quota>(i);
+            const bool isDaily = quota == Quota::reportsToday || quota == Quota::reportBytesToday;
+            if (isDaily && !quotas.limitsDays()) continue;
+            described.set(ruleOf(quota).name, Dictionary{{status::kHeld, uses[i].held},
+                                                         {status::kLimit, uses[i].limit},
+                                                         {status::kRefused, uses[i].refused}});
         }
         users.emplace_back(Dictionary{{status::kUser, static_cast<long long>(user)},
                                       {status::kQuotas, std::move(described)}});

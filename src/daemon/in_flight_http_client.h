@@ -25,13 +25,11 @@ class InFlightHttpClient final : public HttpClient {
     }
 
     void start(HttpRequest request, Completion completion) override {
-        shared_->inFlight.fetch_add(1);
-        std::string url = request.url;
-        client_.start(std::move(request), [shared = shared_, url = std::move(url),
-                                           completion = std::move(completion)](HttpResult result) {
-            shared->outcomes.record(url, result, TelvoradUtil::secondsFromTimeValue(shared->clock()));
-            completion(std::move(result));
-            if (shared->inFlight.fetch_sub(1) == 1) shared->onIdle();
+        const auto counted = std::make_shared<const Counted>(shared_, request.url, std::move(completion));
+        client_.start(std::move(request), [counted](HttpResult result) {
+            Shared& shared = *counted->shared;
+            shared.outcomes.record(counted->url, result, TelvoradUtil::secondsFromTimeValue(shared.clock()));
+            counted->completion(std::move(result));
         });
     }
 
@@ -46,6 +44,23 @@ class InFlightHttpClient final : public HttpClient {
         Clock clock;
         std::function<void()> onIdle;
         ServerOutcomes outcomes;
+    };
+
+    // A request under way. It ends with its completion, which runs or, after an exception, is destroyed.
+    struct Counted {
+        Counted(std::shared_ptr<Shared> counters, std::string requestUrl, Completion done)
+            : shared(std::move(counters)), url(std::move(requestUrl)), completion(std::move(done)) {
+            shared->inFlight.fetch_add(1);
+        }
+        ~Counted() {
+            if (shared->inFlight.fetch_sub(1) == 1) shared->onIdle();
+        }
+        Counted(const Counted&) = delete;
+        Counted& operator=(const Counted&) = delete;
+
+        const std::shared_ptr<Shared> shared;
+        const std::string url;
+        const Completion completion;
     };
 
     HttpClient& client_;

@@ -64,9 +64,9 @@ void warnOfUnknownSettings(UserDefaults& defaults) {
     std::vector<std::string_view> keys;
     for (const Setting* setting : knownSettings())
         if (setting->domain == kTelvoraDefaultsDomain) keys.push_back(setting->key);
-    const auto [administrator, own] = defaults.files(kTelvoraDefaultsDomain);
+    const UserDefaults::Files files = defaults.files(kTelvoraDefaultsDomain);
     int lines = 0;
-    for (const Dictionary& file : {administrator, own}) {
+    for (const Dictionary& file : {files.administrator, files.own}) {
         for (const auto& [key, value] : file) {
             if (findSetting(kTelvoraDefaultsDomain, key) != nullptr || DeviceIdentity::isIdentifierKey(key))
                 continue;

@@ -13,7 +13,7 @@ namespace telvora {
 namespace {
 
 constexpr std::chrono::milliseconds kDefaultPeriod{500};
-constexpr int64_t kLongestPeriod = 24 * 60 * 60 * 1000;  // in milliseconds; keeps times from overflowing
+constexpr int64_t kLongestPeriod = int64_t{24} * 60 * 60 * 1000;  // milliseconds; times must not overflow
 
 // The integer value of the number under `key`.
 std::optional<int64_t> number(const Dictionary& profile, std::string_view key) {

@@ -71,7 +71,7 @@ class DashboardBackend final : public TelvoraBackend {
 
     void takeProfile();
     ReportOutcome logDataAnswered(HttpResult result);
-    void finishUpload(ReportOutcome outcome, const UploadCompletion& done);
+    static void finishUpload(InFlightReports& entry, ReportOutcome outcome, const UploadCompletion& done);
 
     const std::shared_ptr<DashboardTransport> transport_;
     bool usingProfile_ = false;

@@ -34,15 +34,16 @@ std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::
 
 void DashboardBackend::uploadLogData(const Array& records, const Perform& perform, UploadCompletion done) {
     uploads_->accept();
+    const auto entry = std::make_shared<InFlightReports>(uploads_, 1);
     if (!postURL_) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
-        return finishUpload(ReportOutcome::noURL, done);
+        return finishUpload(*entry, ReportOutcome::noURL, done);
     }
     auto archive = serializePropertyList(records, PropertyListFormat::binary);
     if (!archive) {
         TELVORA_LOG(kLogError,
                     "DashboardBackend(uploadLogData): Failed to serialize log data array for upload");
-        return finishUpload(ReportOutcome::notSent, done);
+        return finishUpload(*entry, ReportOutcome::notSent, done);
     }
     HttpRequest request;
     request.method = "POST";
@@ -52,12 +53,12 @@ void DashboardBackend::uploadLogData(const Array& records, const Perform& perfor
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(*archive);
     auto self = std::static_pointer_cast<DashboardBackend>(shared_from_this());
-    services_.http.start(std::move(request),
-                         [self, perform, done = std::move(done)](HttpResult result) mutable {
-                             perform([self, done = std::move(done), result = std::move(result)]() mutable {
-                                 self->finishUpload(self->logDataAnswered(std::move(result)), done);
-                             });
-                         });
+    services_.http.start(
+        std::move(request), [self, entry, perform, done = std::move(done)](HttpResult result) mutable {
+            perform([self, entry, done = std::move(done), result = std::move(result)]() mutable {
+                finishUpload(*entry, self->logDataAnswered(std::move(result)), done);
+            });
+        });
 }
 
 ReportOutcome DashboardBackend::logDataAnswered(HttpResult result) {
@@ -79,8 +80,9 @@ ReportOutcome DashboardBackend::logDataAnswered(HttpResult result) {
     return ReportOutcome::delivered;
 }
 
-void DashboardBackend::finishUpload(ReportOutcome outcome, const UploadCompletion& done) {
-    uploads_->move(1, ReportOutcome::inFlight, outcome);
+void DashboardBackend::finishUpload(InFlightReports& entry, ReportOutcome outcome,
+                                    const UploadCompletion& done) {
+    entry.settle(outcome);
     done(outcome == ReportOutcome::delivered);
 }
 

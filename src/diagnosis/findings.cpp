@@ -46,10 +46,16 @@ void addFaults(Array& faults, const Dictionary& file, bool isAdministrators) {
 }
 
 Array faultsOf(UserDefaults& defaults) {
-    const auto [administrator, own] = defaults.files(kTelvoraDefaultsDomain);
     Array faults;
-    addFaults(faults, administrator, true);
-    addFaults(faults, own, false);
+    for (const std::string_view domain : {kTelvoraDefaultsDomain, kConsentDomain}) {
+        for (const auto& [file, reason] : defaults.files(domain).faults) {
+            faults.emplace_back(
+                Dictionary{{status::kKey, file.string()}, {status::kReason, "can't be used: " + reason}});
+        }
+    }
+    const UserDefaults::Files files = defaults.files(kTelvoraDefaultsDomain);
+    addFaults(faults, files.administrator, true);
+    addFaults(faults, files.own, false);
     return faults;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <thread>
 
 #include "http/http_request_rules.h"
 #include "util/log.h"
@@ -67,7 +68,7 @@ std::vector<CurlEngine::Finished> CurlEngine::perform() {
     const CURLMcode code = curl_.multiPerform(multi_, &running);
     if (code != CURLM_OK) {
         TELVORA_LOG(kLogError, "CurlEngine(perform): %s", curl_.multiStrerror(code));
-        return abandon(CURLE_FAILED_INIT);
+        return abandon(code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT);
     }
     collectEnded();
     return std::exchange(finished_, {});
@@ -91,6 +92,13 @@ void CurlEngine::wait(std::chrono::milliseconds limit) {
     }
     const auto milliseconds = std::min<int64_t>(limit.count(), std::numeric_limits<int>::max());
     curl_.multiPoll(multi_, nullptr, 0, static_cast<int>(milliseconds), nullptr);
+}
+
+// libcurl writes to a socket, which fails while the kernel has no memory for it.
+void CurlEngine::wake() {
+    constexpr int kAttempts = 100;
+    for (int i = 0; i < kAttempts && curl_.multiWakeup(multi_) != CURLM_OK; ++i)
+        std::this_thread::yield();
 }
 
 void CurlEngine::startWaiting() {

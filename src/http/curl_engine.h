@@ -46,7 +46,7 @@ class CurlEngine {
     void wait(std::chrono::milliseconds limit);
 
     // Ends the current or the next wait(). Callable from any thread while the engine lives.
-    void wake() { curl_.multiWakeup(multi_); }
+    void wake();
 
     // Whether no exchange is active or waiting.
     bool empty() const { return bags_.empty() && others_.empty(); }

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
-#include <system_error>
 #include <thread>
 
 #include "http/curl_engine.h"
@@ -34,7 +33,7 @@ HttpResult failure(CURLcode code, std::string description) {
 }
 
 size_t costOf(const HttpRequest& request) {
-    size_t cost = kExchangeOverhead + request.url.size() + (request.countBody ? request.body.size() : 0);
+    size_t cost = kExchangeOverhead + request.url.size() + (request.countBody ? request.body.capacity() : 0);
     for (const auto& [name, value] : request.headers)
         cost += name.size() + value.size();
     return cost;
@@ -138,7 +137,7 @@ bool CurlHttpClient::ensureThread() {
     try {
         const SignalsBlocked inherited;
         thread_ = std::thread([this] { run(); });
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         TELVORA_LOG(kLogError, "CurlHttpClient(start): can't start a thread: %s", error.what());
         return false;
     }

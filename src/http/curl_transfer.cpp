@@ -46,9 +46,10 @@ HttpError::Kind kindOf(CURLcode code) {
         case CURLE_URL_MALFORMAT:
         case CURLE_UNSUPPORTED_PROTOCOL:
         case CURLE_FAILED_INIT:
-        case CURLE_OUT_OF_MEMORY:
         case CURLE_ABORTED_BY_CALLBACK:
             return HttpError::Kind::notSent;
+        case CURLE_OUT_OF_MEMORY:
+            return HttpError::Kind::noMemory;
         case CURLE_NO_CONNECTION_AVAILABLE:
             return HttpError::Kind::tooManyPending;
         case CURLE_COULDNT_RESOLVE_HOST:
@@ -148,7 +149,7 @@ void CurlTransfer::setFiles(const HttpLink& link) {
         curl_.easySetopt(easy_, CURLOPT_PINNEDPUBLICKEY, link.pinnedPublicKeys.c_str());
 }
 
-CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
+CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) try {
     exchange_ = std::move(exchange);
     exchange_->carrier = this;
     response_ = {};
@@ -167,6 +168,8 @@ CURLcode CurlTransfer::begin(std::unique_ptr<HttpExchange> exchange) {
     curl_.easySetopt(easy_, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(std::clamp<size_t>(request.maxResponseBytes, 1, INT64_MAX)));
     return curl_.easySetopt(easy_, CURLOPT_URL, request.url.c_str());
+} catch (const std::bad_alloc&) {
+    return CURLE_OUT_OF_MEMORY;
 }
 
 void CurlTransfer::setMethodAndBody(const HttpRequest& request) {
@@ -303,7 +306,13 @@ HttpResult CurlTransfer::end(CURLcode code) {
         return tl::unexpected(makeHttpError(CURLE_GOT_NOTHING, curl_.easyStrerror(CURLE_GOT_NOTHING)));
     if (code != CURLE_OK) {
         const bool explained = errorText_.front() != '\0';
-        return tl::unexpected(makeHttpError(code, explained ? errorText_.data() : curl_.easyStrerror(code)));
+        HttpError error = makeHttpError(code, explained ? errorText_.data() : curl_.easyStrerror(code));
+        long sentBytes = 0;
+        curl_.easyGetinfo(easy_, CURLINFO_REQUEST_SIZE, &sentBytes);
+        // Whatever ended the exchange, the server may have acted on the request.
+        if (sentBytes > 0 && error.kind != HttpError::Kind::noConnection)
+            error.kind = HttpError::Kind::noAnswer;
+        return tl::unexpected(std::move(error));
     }
     long status = 0;
     curl_.easyGetinfo(easy_, CURLINFO_RESPONSE_CODE, &status);

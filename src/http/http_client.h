@@ -67,6 +67,7 @@ constexpr bool isSuccess(const HttpResponse& response) {
 struct HttpError {
     enum class Kind {
         notSent,         // an invalid request, or the client is shutting down
+        noMemory,        // not sent, either
         tooManyPending,  // the client is at its limits
         noConnection,    // the server was not reached
         noAnswer         // the server was reached, and may have acted on the request

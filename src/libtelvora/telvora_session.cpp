@@ -78,7 +78,7 @@ const char* telvora_status_text(telvora_status status) {
         case TELVORA_ERROR_INVALID:
             return "invalid arguments or answer";
         case TELVORA_ERROR_UNAVAILABLE:
-            return "the daemon can't be reached";
+            return "the daemon can't be reached: 'telvoractl doctor' shows the reason";
         case TELVORA_ERROR_LOST:
             return "the connection was lost before the answer";
         case TELVORA_ERROR_BUSY:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // telvora.h: values and answers.
+#include <iterator>
+
 #include "client/handles.h"
 
 using telvora::Array;
@@ -16,6 +18,10 @@ namespace {
 
 telvora_value* newValue(const PropertyList& value) {
     return guarded<telvora_value*>(nullptr, [&] { return wrap(new PropertyList(value)); });
+}
+
+const Dictionary::Entry& entryAt(const Dictionary& dictionary, size_t index) {
+    return *std::next(dictionary.begin(), static_cast<ptrdiff_t>(index));
 }
 
 // `make` makes the value, so that its exceptions are caught, too.
@@ -119,7 +125,7 @@ size_t telvora_value_count(const telvora_value* value) {
 
 const telvora_value* telvora_value_at(const telvora_value* value, size_t index) {
     const auto* dictionary = in<Dictionary>(value);
-    if (dictionary != nullptr && index < dictionary->size()) return wrap(&dictionary->begin()[index].value);
+    if (dictionary != nullptr && index < dictionary->size()) return wrap(&entryAt(*dictionary, index).value);
     const auto* array = in<Array>(value);
     return array != nullptr && index < array->size() ? wrap(&(*array)[index]) : nullptr;
 }
@@ -127,7 +133,7 @@ const telvora_value* telvora_value_at(const telvora_value* value, size_t index) 
 const char* telvora_value_key_at(const telvora_value* value, size_t index) {
     const auto* dictionary = in<Dictionary>(value);
     const bool there = dictionary != nullptr && index < dictionary->size();
-    return there ? dictionary->begin()[index].key.c_str() : nullptr;
+    return there ? entryAt(*dictionary, index).key.c_str() : nullptr;
 }
 
 const telvora_value* telvora_value_find(const telvora_value* value, const char* key) {

@@ -38,7 +38,7 @@ constexpr char kSetUp[] =
 std::string linesOf(const HttpHeaders& headers) {
     std::string lines;
     for (const auto& [name, value] : headers)
-        lines += name + ": " + value + "\n";
+        lines.append(name).append(": ").append(value).append("\n");
     return lines;
 }
 
@@ -63,22 +63,7 @@ int64_t userOf(const HttpRequest& request) {
     return request.user ? int64_t{*request.user} : int64_t{-1};
 }
 
-// The unit passes the name, since the service does not see this part of /proc.
-std::string nameOfBoot() {
-    if (const char* passed = std::getenv("TELVORA_BOOT_ID"); passed != nullptr) return passed;
-    const auto name = readRegularFile("/proc/sys/kernel/random/boot_id", 64);
-    return name ? *name : randomUuidString();  // unknown: each process counts as a boot of its own
-}
-
 }  // namespace
-
-OutboxMoment currentMoment() {
-    static const std::string boot = nameOfBoot();
-    timespec sinceBoot{};
-    clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
-    return {TelvoradUtil::secondsFromTimeValue(timeOfDay()),
-            static_cast<double>(sinceBoot.tv_sec) + static_cast<double>(sinceBoot.tv_nsec) / 1e9, boot};
-}
 
 bool OutboxStore::removeFiles(const std::filesystem::path& path) {
     bool removed = false;

@@ -22,6 +22,7 @@
 
 #include "backends/message_outbox.h"
 #include "outbox/sqlite.h"
+#include "platform/moment.h"
 
 namespace telvora {
 
@@ -31,13 +32,7 @@ struct OutboxLimits {
     uint64_t countPerUser = 0;
 };
 
-// A moment by both clocks.
-struct OutboxMoment {
-    double timeOfDay = 0;  // seconds since 1970
-    double sinceBoot = 0;  // seconds, time in suspends included
-    std::string boot;      // names the boot
-};
-OutboxMoment currentMoment();
+using OutboxMoment = Moment;
 
 struct StoredMessage {
     int64_t id = 0;

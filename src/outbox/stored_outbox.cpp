@@ -107,6 +107,7 @@ void StoredOutbox::storeIncoming() {
     }
     if (incoming.empty()) return;
     std::vector<const OutboxMessage*> messages;
+    messages.reserve(incoming.size());
     for (const Incoming& one : incoming)
         messages.push_back(&one.message);
     const BlockingSection blocking;
@@ -218,10 +219,12 @@ void StoredOutbox::send(const OutboxStore::Head& head) {
     sending_ = true;
     const auto request = std::make_shared<const HttpRequest>(message->request);
     const SteadyTime begun = services_.queue->now();
-    services_.http.start(std::move(message->request), [this, head, reports = message->reports, request,
-                                                       begun](HttpResult result) {
-        services_.queue->post([this, head, reports, request, begun, result = std::move(result)] {
-            finished(head, reports, *request, result);
+    services_.http.start(std::move(message->request), [this, head, reports = message->reports, request, begun,
+                                                       replaced = replaced_](HttpResult result) {
+        services_.queue->post([this, head, reports, request, begun, replaced, result = std::move(result)] {
+            sending_ = false;
+            // A message of a file that was replaced meanwhile has had its outcome.
+            if (replaced == replaced_) finished(head, reports, *request, result);
             const SteadyTime now = services_.queue->now();
             wakeAt(now + std::min<std::chrono::nanoseconds>(now - begun, kLongestRest));
         });
@@ -230,7 +233,6 @@ void StoredOutbox::send(const OutboxStore::Head& head) {
 
 void StoredOutbox::finished(const OutboxStore::Head& head, uint64_t reports, const HttpRequest& request,
                             const HttpResult& result) {
-    sending_ = false;
     if (mayBePostedLater(request, result))
         return postpone(head.server, retryAfter(result, services_.moment().timeOfDay));
     servers_.erase(head.server);
@@ -270,6 +272,7 @@ void StoredOutbox::fail(const SqliteError& error) {
 
 void StoredOutbox::replaceDamaged() {
     store_.reset();
+    ++replaced_;  // the new file numbers its messages anew
     countSettled();
     account_->move(account_->tally()[ReportOutcome::held], ReportOutcome::held, ReportOutcome::damaged);
     auto store = OutboxStore::replace(path_, limits_, services_.moment(), vfs_);

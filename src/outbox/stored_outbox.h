@@ -133,6 +133,7 @@ class StoredOutbox final : public MessageOutbox {
     std::map<std::string, Server> servers_;
     std::map<int64_t, Settled> settled_;  // to be removed, when the disk allows; they do not leave again
     std::optional<Checked> checked_;      // absent: messages have come since
+    unsigned replaced_ = 0;               // damaged files
     bool sending_ = false;
     bool failureLogged_ = false;
 };

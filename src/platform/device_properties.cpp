@@ -7,6 +7,7 @@
 #include "platform/digest.h"
 #include "platform/environment_file.h"
 #include "platform/known_settings.h"
+#include "platform/locale.h"
 #include "plist/property_list_format.h"
 #include "util/ascii.h"
 #include "util/log.h"
@@ -20,6 +21,10 @@ using std::filesystem::path;
 
 // The prefix of the machine-id in its hash. A change would change the ID of every device.
 constexpr std::string_view kDeviceIDPurpose = "com.zandor.telvorad UniqueDeviceID\n";
+
+constexpr std::string_view kKeys[] = {"UniqueDeviceID", "ProductVersion", "BuildVersion",
+                                      "HWModelStr",     "ProductType",    "SerialNumber",
+                                      "DeviceName",     "ReleaseType",    "CountryCode"};
 
 // The text up to the first zero byte (strings of a device tree end with one) or line feed, without blanks at
 // its ends; std::nullopt if it is empty or no UTF-8.
@@ -95,8 +100,17 @@ Dictionary readDeviceFile(const path& file) {
         return strings;
     }
     for (const auto& [key, value] : *content->getIf<Dictionary>()) {
+        const bool isKnown = std::ranges::find(kKeys, key) != std::end(kKeys);
+        if (!isKnown || !value.is<std::string>())
+            TELVORA_LOG(kLogWarning, "DeviceProperties(readDeviceFile): %s: %s %s", file.c_str(),
+                        escapeControlCharacters(key.substr(0, 100)).c_str(),
+                        isKnown ? "must be a string" : "is unknown");
         if (value.is<std::string>()) strings.set(key, value);
     }
+    const std::string* country = strings.string("CountryCode");
+    if (country != nullptr && !countryCodeOf(*country))
+        TELVORA_LOG(kLogWarning, "DeviceProperties(readDeviceFile): %s: CountryCode must have two letters",
+                    file.c_str());
     return strings;
 }
 

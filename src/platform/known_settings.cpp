@@ -43,6 +43,8 @@ constexpr const Setting* kKnownSettings[] = {&settings::kEnvironmentType,
                                              &settings::kMaxInputBytes,
                                              &settings::kMaxSessionBytes,
                                              &settings::kMaxExtensionTokens,
+                                             &settings::kMaxReportsPerDay,
+                                             &settings::kMaxReportBytesPerDay,
                                              &settings::kMaxLogLines,
                                              &settings::kConsent,
                                              &settings::kAutomaticTimeZone};

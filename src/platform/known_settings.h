@@ -231,6 +231,18 @@ inline constexpr Setting kMaxExtensionTokens{.key = "maxExtensionTokensPerUser",
                                              .meaning = "one user's open files for uploads",
                                              .type = SettingType::integer,
                                              .standard = 512};
+inline constexpr Setting kMaxReportsPerDay{.key = "maxReportsPerUserPerDay",
+                                           .meaning = "reports that one user's programs post in a day",
+                                           .type = SettingType::integer,
+                                           .standard = std::numeric_limits<int64_t>::max(),
+                                           .otherwise = "no limit"};
+inline constexpr Setting kMaxReportBytesPerDay{
+    .key = "maxReportBytesPerUserPerDay",
+    .meaning = "size of the reports that one user's programs post in a day",
+    .type = SettingType::integer,
+    .unit = "bytes",
+    .standard = std::numeric_limits<int64_t>::max(),
+    .otherwise = "no limit"};
 // Half of the journal's limit for one service, journald.conf(5).
 inline constexpr Setting kMaxLogLines{.key = "maxLogLinesPerUser",
                                       .meaning = "log lines for one user's programs, without debugging lines",

@@ -72,7 +72,10 @@ tl::expected<RsaPrivateKey, std::string> RsaPrivateKey::fromPem(std::string_view
     // Without this callback OpenSSL would ask for the password of an encrypted key at the terminal.
     const auto noPassword = [](char*, int, int, void*) { return -1; };
     Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
-    if (!key) return tl::make_unexpected(takeError());
+    if (!key) {
+        ERR_clear_error();  // numbers that name no cause
+        return tl::make_unexpected("no private key in PEM form without a password");
+    }
     if (EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return tl::make_unexpected("not an RSA key");
     if (auto why = whyTooShort(EVP_PKEY_get_bits(key.get()))) return tl::make_unexpected(std::move(*why));
     return RsaPrivateKey(key.release());

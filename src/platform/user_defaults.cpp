@@ -220,8 +220,13 @@ tl::expected<void, std::string> UserDefaults::remove(std::string_view domain,
 UserDefaults::Files UserDefaults::files(std::string_view domain) {
     if (!isDomain(domain)) return {};
     const MutexLock lock(mutex_);
-    Files files{current(fileOf(administratorDirectory_, domain)).content,
-                current(fileOf(ownDirectory_, domain)).content};
+    Files files;
+    for (const bool isOwn : {false, true}) {
+        const std::filesystem::path path = fileOf(isOwn ? ownDirectory_ : administratorDirectory_, domain);
+        const CachedFile& file = current(path);
+        (isOwn ? files.own : files.administrator) = file.content;
+        if (file.fault) files.faults.emplace(path, file.fault->reason);
+    }
     if (const auto changes = unwritten_.find(domain); changes != unwritten_.end()) {
         apply(changes->second, files.own);
     }

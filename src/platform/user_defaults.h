@@ -62,9 +62,11 @@ class UserDefaults {
     tl::expected<void, std::string> remove(std::string_view domain, const std::vector<std::string>& keys);
 
     // The current contents of the two files of a domain; `own` with the values that could not be written.
+    // `faults` has the reasons by file, if one is no readable dictionary: its content is then that of before.
     struct Files {
         Dictionary administrator;
         Dictionary own;
+        std::map<std::filesystem::path, std::string> faults;
     };
     Files files(std::string_view domain);
 

@@ -14,6 +14,7 @@ inline constexpr char kSessions[] = "sessions";
 inline constexpr char kUsers[] = "users";
 inline constexpr char kBags[] = "bags";
 inline constexpr char kTotals[] = "totals";
+inline constexpr char kClientTypes[] = "clientTypes";  // also of all runs
 inline constexpr char kHttpPending[] = "httpPending";
 inline constexpr char kServers[] = "servers";
 inline constexpr char kRefusals[] = "refusals";
@@ -34,6 +35,7 @@ inline constexpr char kReason[] = "reason";
 // The daemon.
 inline constexpr char kStartTime[] = "startTime";
 inline constexpr char kUptime[] = "uptime";
+inline constexpr char kMemory[] = "memory";
 
 // The sandbox.
 inline constexpr char kProfile[] = "profile";
@@ -66,10 +68,13 @@ inline constexpr char kSamplingThreshold[] = "samplingThreshold";
 inline constexpr char kAccounts[] = "accounts";
 
 // An account of reports.
+inline constexpr char kNone[] = "none";      // in place of a client type
+inline constexpr char kOutbox[] = "outbox";  // name of an account
 inline constexpr char kAccepted[] = "accepted";
 inline constexpr char kInFlight[] = "inFlight";
 inline constexpr char kHeld[] = "held";  // also of a quota
 inline constexpr char kDelivered[] = "delivered";
+inline constexpr char kKept[] = "kept";
 inline constexpr char kLost[] = "lost";
 inline constexpr char kDisabledBecause[] = "disabledBecause";
 
@@ -98,8 +103,10 @@ inline constexpr char kNotEntitled[] = "notEntitled";
 inline constexpr char kTooFrequent[] = "tooFrequent";
 inline constexpr char kOverQuota[] = "overQuota";
 
-// The daemon's run before this one.
+// The daemon's runs before this one.
 inline constexpr char kEndTime[] = "endTime";
+inline constexpr char kAllRuns[] = "allRuns";
+inline constexpr char kSince[] = "since";
 
 // The findings of kDiagnose.
 inline constexpr char kProcess[] = "process";

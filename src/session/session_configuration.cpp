@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "backends/event_record.h"
+#include "config/client_type.h"
 #include "platform/known_settings.h"
 #include "platform/uuid.h"
 #include "session/shared_hierarchies.h"
@@ -152,6 +153,9 @@ void TelvoradSession::takeSessionInfo(Dictionary sessionInfo) {
                 everInHierarchy_ = true;
             }
         }
+        const int64_t type = sessionInfo.wrappedInteger(kTelvoraSessionInfoClientType).value_or(0);
+        accounts_->setClientType(factsOfClientType(type) != nullptr ? static_cast<int>(type)
+                                                                    : ReportLedger::kNoClientType);
         sessionInfo_ = withoutSpareRoom(sessionInfo);
     }
     hierarchies_.updateCorrelatedSessions(shared_from_this());

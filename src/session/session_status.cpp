@@ -27,7 +27,7 @@ const char* nameOf(BackendState state) {
 
 }  // namespace
 
-Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
+Dictionary describe(const ReportTallies& tallies) {
     Dictionary described;
     for (const auto& [name, tally] : tallies) {
         Dictionary account{{status::kAccepted, tally.accepted}};
@@ -47,6 +47,15 @@ Dictionary describe(const std::map<std::string, ReportTally>& tallies) {
         }
         if (!reasons.empty()) account.set(status::kDisabledBecause, std::move(reasons));
         described.set(name, std::move(account));
+    }
+    return described;
+}
+
+Dictionary describe(const std::map<int, ReportTallies>& totals) {
+    Dictionary described;
+    for (const auto& [clientType, tallies] : totals) {
+        const bool isKnown = clientType != ReportLedger::kNoClientType;
+        described.set(isKnown ? std::to_string(clientType) : status::kNone, describe(tallies));
     }
     return described;
 }

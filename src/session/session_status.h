@@ -2,7 +2,6 @@
 #pragma once
 
 #include <map>
-#include <string>
 
 #include "backends/report_account.h"
 #include "plist/property_list.h"
@@ -11,6 +10,8 @@ namespace telvora {
 
 // Accounts in the form of com.zandor.telvorad.Status.xml, for administrators. Causes without losses are left
 // out.
-Dictionary describe(const std::map<std::string, ReportTally>& tallies);
+Dictionary describe(const ReportTallies& tallies);
+// Likewise, by client type.
+Dictionary describe(const std::map<int, ReportTallies>& totals);
 
 }  // namespace telvora

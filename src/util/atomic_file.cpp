@@ -50,20 +50,20 @@ tl::expected<void, std::string> replaceFile(const std::filesystem::path& path, s
     std::string temporary = directory / ".";
     temporary += path.filename().string() + ".XXXXXX";
     const UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
-    if (!fd) return failure("mkostemp");
+    if (!fd) return failure("can't be created");
 
     // The confined daemon may change neither modes nor times; its files keep the mode of mkostemp(3).
-    const char* failed = !writeAll(fd.get(), content)                   ? "write"
-                         : !setAttributes(fd.get(), attributes)         ? "fchmod or futimens"
-                         : fsync(fd.get()) != 0                         ? "fsync"
-                         : rename(temporary.c_str(), path.c_str()) != 0 ? "rename"
+    const char* failed = !writeAll(fd.get(), content)                   ? "can't be written"
+                         : !setAttributes(fd.get(), attributes)         ? "its mode or date can't be set"
+                         : fsync(fd.get()) != 0                         ? "can't be synced"
+                         : rename(temporary.c_str(), path.c_str()) != 0 ? "can't be replaced"
                                                                         : nullptr;
     if (failed != nullptr) {
         const auto reason = failure(failed);
         unlink(temporary.c_str());
         return reason;
     }
-    if (!syncDirectory(directory)) return failure("fsync of the directory");
+    if (!syncDirectory(directory)) return failure("its directory can't be synced");
     return {};
 }
 

@@ -22,8 +22,8 @@ inline std::string errorText(std::string_view operation, int error) {
 inline std::string connectErrorText(const std::string& path, int error) {
     const char* const hint = error == ENOENT         ? "; no daemon has made this socket"
                              : error == ECONNREFUSED ? "; no daemon listens there"
-                             : error == EACCES       ? "; this user may not use the socket"
-                                                     : "";
+                             : error == EACCES ? "; only root and members of the socket's group may use it"
+                                               : "";
     return errorText("can't connect to " + path, error) + hint;
 }
 

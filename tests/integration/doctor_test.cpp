@@ -96,9 +96,14 @@ const Mistake kMistakes[] = {
      [](auto& f, auto&) {
          f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
      }},
+    {"SettingsFileMalformed", 14, "com.zandor.telvora.plist can't be used: ", kAsUsual, kAny,
+     [](auto& f) { f.directory().write("config/Preferences/com.zandor.telvora.plist", "<plist>"); }},
+    {"QuotaFull", 13, "the quota sessions of user ", sets("maxSessionsPerUser", 0)},
+    {"KeyNotPinned", 17, "correct the setting pinnedPublicKeys",
+     sets("pinnedPublicKeys", "sha256//" + std::string(43, 'A') + "=")},
     {"BagURLMissing",  // a value that counts as absent
      14, "(built in: no setting telvora_storebag_url)", sets(kBagURL, 7)},
-    {"PublicKeyMissing", 15, "there is no public key in ",
+    {"PublicKeyMissing", 15, "there is no publicKey.der in ",
      [](auto& f, auto& options) { options.frameworkDirectory = f.directory().path() / "logs"; }},
     {"ClientTypeWithoutBag", 16, "no bag exists for client type 3", kAsUsual, "--client-type 3"},
     {"SettingNotReadYet", 16, "restart the daemon", kAsUsual, kAny,

@@ -137,6 +137,48 @@ TEST_F(Status, BooksBalanceUnderLoadAndFaults) {
     }
 }
 
+// To a collector of metrics, and to a server. The counts outlive the daemon, and the identifiers do not.
+TEST_F(Status, GivesItsNumbersAway) {
+    const std::string file = directory().path() / "telvorad.prom", promtool = "/usr/bin/promtool";
+    const std::string reports = "{client_type=\"8\",backend=\"httpPost\"} ";
+    const std::string lost = R"({client_type="8",backend="httpPost",cause="blacklisted"} )";
+    laboratory().setBag("dravik", bagWithClients({openClientEntry({{"event_blacklist", Array{66}}})}));
+    for (int64_t life = 1; life <= 2; ++life) {
+        startDaemon();
+        for (const int64_t category : {4, 66})
+            open()->send(category, 1, {}, 1);
+        settled(6);  // with the sessions' starts and ends; send-health makes four more
+        const std::string telvoractl = TELVORACTL_PATH " --socket " + daemon().socketPath();
+        expectRun(telvoractl + " status --openmetrics --output " + file, 0);
+        const std::string text = readFile(file);
+        for (const std::string& line :
+             {"telvora_reports_accepted_total" + reports + std::to_string(10 * life - 4),
+              "telvora_reports_delivered_total" + reports + std::to_string(9 * life - 4),
+              "telvora_reports_lost_total" + lost + std::to_string(life),
+              std::string("# TYPE telvora_sessions gauge\ntelvora_sessions{client_type=\"none\"} 0"),
+              std::string("telvora_bag_fresh{bag=\"dravik\",client_type=\"8\"} 1"),
+              std::string("telvora_sandbox_in_force{rule=\"systemCallFilter\"} 1"),
+              std::string("telvora_http_pending 0")})
+            EXPECT_NE(text.find("\n" + line + "\n"), text.npos) << line << " is not in\n" << text;
+        EXPECT_TRUE(text.ends_with("\n# EOF\n"));
+        EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644));
+        if (std::filesystem::exists(promtool)) expectRun(promtool + " check metrics", 0, "", text);
+
+        expectRun(telvoractl + " send-health --client-type 8 --category 5 --type 1 --confirm", 0,
+                  "delivered");
+        const std::vector<Dictionary> events = this->reports().events();
+        const std::string cause = "reports.8.httpPost.lost.blacklisted";
+        const auto isHealth = [&](const Dictionary& event) { return event.integer(cause) == life; };
+        const auto health = std::find_if(events.begin(), events.end(), isHealth);
+        ASSERT_NE(health, events.end());
+        EXPECT_EQ(health->integer("since").value_or(1) % 86400, 0);
+        stopDaemon();
+    }
+    expectRun(TELVORACTL_PATH " reset-identifiers --yes", 0, "", "",
+              {{"STATE_DIRECTORY", directory().path() / "state"}});
+    EXPECT_FALSE(std::filesystem::exists(directory().path() / "state/lastTotals.plist"));
+}
+
 TEST_F(Status, TellsOfSessionsBagsAndReportsThatReachNobody) {
     startDaemon();
     BlockingSession session(daemon().socketPath(), {.hierarchyToken = hierarchyToken("t", 0)});

@@ -197,6 +197,10 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"defaults read com.zandor.telvora --json", 0, "{\"logLevel\":7}"},
         {"defaults delete com.zandor.telvora logLevel", 0},
         {"defaults read com.zandor.telvora logLevel", 1, "logLevel"},
+        {"defaults delete com.zandor.telvora logLevel", 1, "has no \"logLevel\""},
+        {"defaults write com.zandor.telvora telvora_storebag_url string https://a/b/", 2, "without a slash"},
+        {"defaults write com.zandor.telvora httpsPostURL string a/b", 2, "absolute http or https URL"},
+        {"tail -n -1", 2, "-1"},
         {"log", 1, "none"},
         {"device --json", 0, "\"DeviceName\":\"d\""},
     };
@@ -343,11 +347,10 @@ TEST_F(TelvoraBag, FindsAnswersOfBagServersThatMisleadDevices) {
 }
 
 TEST_F(TelvoraBag, SaysForWhichSessionsABagDiffers) {
-    const auto bag = [](const char* countries) {
+    const auto bag = [](const char* countries, const char* rest = R"("sampling_threshold": 1)") {
         return std::string(R"({"version": "1", "release": {"httpPost": {"clients": [{"client": "player",)"
-                           R"("post_url": "https://a.example/", "sampling_threshold": 1, "filters": [],)"
-                           R"("locale_whitelist": ")") +
-               countries + R"("}]}}})";
+                           R"("post_url": "https://a.example/", "filters": [], "locale_whitelist": ")") +
+               countries + "\", " + rest + "}]}}}";
     };
     directory_.write("old.json", bag("US"));
     directory_.write("new.json", bag("US,CH"));
@@ -360,6 +363,10 @@ TEST_F(TelvoraBag, SaysForWhichSessionsABagDiffers) {
                     "release, client \"player\", service \"any other service\", country CH, with consent"));
     EXPECT_THAT(difference.output, testing::Not(testing::Contains(testing::HasSubstr("country US"))));
     EXPECT_THAT(difference.output, testing::Not(testing::Contains(testing::HasSubstr("any other client"))));
+    directory_.write("drawn.json", bag("US", R"("sampling_threshold": 0.5)"));
+    run("diff old.json drawn.json", 1, "+ httpPost: sampling threshold 0.5");
+    directory_.write("phones.json", bag("US", R"("sampling_threshold": 1, "device_whitelist": "phone")"));
+    run("diff old.json phones.json", 1, "- httpPost: => reporting");
 }
 
 TEST_F(TelvoraBag, NamesTheLimitThatABagIsOver) {
@@ -443,6 +450,11 @@ TEST_F(TelvoraBag, RefusesBadInputWithStatusTwoAndWritesNothing) {
         {"verify --public public.der bag.plist", "bag.plist: "},
         {"show absent", "can't be read"},
         {"keygen --key nowhere/key --public out", "nowhere"},
+        {"keygen --force --key key.pem --public ./key.pem", "two files"},
+        {"sign --key array.plist bag.plist out", "no private key in PEM form"},
+        {"publish --key key.pem bag.plist -", "no name of a file"},
+        {"probe https://127.0.0.1:1/", "no address of a bag"},
+        {"probe https://127.0.0.1:1/dravik", "connect"},
         {"keygen --key out --public out --bits 512", "512"},
     };
     for (const auto& [arguments, says] : cases) {

@@ -66,6 +66,9 @@ administration() {
     grep -q '"greeting": "hello"' /tmp/guide || fail "$(cat /tmp/guide)"
     tar -tf telvora-backup.tar | grep -q var/lib/telvora/Preferences || fail "the backup lacks the settings"
     [ "$(systemctl show --property Id --value telvorad.service)" = $unit.service ] || fail "telvorad.service is unknown"
+    expect "no metrics" grep -q '^telvora_reports_accepted_total{client_type="8",backend="httpPost"} [1-9]' /tmp/guide
+    systemd-analyze security --threshold=30 --no-pager telvora-metrics.service telvora-health.service >/tmp/security ||
+        fail "$(cat /tmp/security)"
     rm -r /etc/telvora/Preferences /etc/telvora/device.plist
     telvoractl reset-identifiers -y
     systemctl stop telvorad 2>/dev/null
@@ -307,6 +310,7 @@ purge() {
         afterOutbox; do
         [ "$(grep -c "\"greeting\": \"$greeting\"" $lab/arrived.json)" = 1 ] || fail "not one report \"$greeting\""
     done
+    expect "no report of telvora-health.service" grep -q '"reports.8.httpPost.delivered": [1-9]' $lab/arrived.json
     ! grep -E '"(stranger|withoutConsent|Ada)"' $lab/arrived.json || fail "should not have left the machine"
     zgrep -qx "a diary" $lab/lab/uploads/* || fail "no upload: $(ls -lR $lab/lab)"
     sed -n 's/.*"number": \([0-9]*\).*/\1/p' $lab/arrived.json | grep -vx 0 | sort -n >/tmp/numbers

@@ -73,10 +73,12 @@ class Candidates {
              CLI::detail::split(type.substr(begin + 1, type.find('}') - begin - 1), ','))
             add(value.substr(0, value.find("->")));
     }
-    // Options of the parent commands are included: they are accepted anywhere.
+    // Options of the parent commands are included where these are accepted. Options without a group are
+    // hidden.
     void addOptions(const CLI::App* app) const {
-        for (; app != nullptr; app = app->get_parent()) {
+        for (; app != nullptr; app = app->get_fallthrough() ? app->get_parent() : nullptr) {
             for (const CLI::Option* option : app->get_options()) {
+                if (option->get_group().empty()) continue;
                 for (const std::string& name : option->get_lnames())
                     add("--" + name, option->get_description());
             }

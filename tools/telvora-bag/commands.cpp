@@ -62,12 +62,17 @@ int keygen(const std::string& privateKeyFile, const std::string& publicKeyFile, 
             return complain(file + ": exists; --force overwrites it, and the old key is lost");
         }
     }
+    std::error_code error;
+    if (std::filesystem::weakly_canonical(privateKeyFile, error) ==
+        std::filesystem::weakly_canonical(publicKeyFile, error))
+        return complain(privateKeyFile + ": the two keys need two files");
     const auto key = RsaPrivateKey::generate(bits);
     if (!key) return complain(key.error());
-    if (auto written = writeFile(privateKeyFile, key->toPem(), Access::owner); !written) {
+    if (auto written = writeFile(publicKeyFile, key->publicKeyToDer()); !written) {
         return complain(written.error());
     }
-    if (auto written = writeFile(publicKeyFile, key->publicKeyToDer()); !written) {
+    if (auto written = writeFile(privateKeyFile, key->toPem(), Access::owner); !written) {
+        if (publicKeyFile != "-") std::filesystem::remove(publicKeyFile, error);
         return complain(written.error());
     }
     return kDone;

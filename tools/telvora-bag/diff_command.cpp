@@ -25,6 +25,8 @@ struct Distinctions {
     std::set<std::optional<std::string>> clients{std::nullopt};
     std::set<std::optional<std::string>> services{std::nullopt};
     std::set<std::optional<std::string>> countries{"ZZ"};  // of no list
+    std::set<std::string> names{"any other"};              // of devices
+    std::set<std::string> products{"any other"};
 
     void add(const PropertyList& element) {
         const auto entry = ClientEntry::of(element);
@@ -38,9 +40,14 @@ struct Distinctions {
         const Array* thresholds = entry->content().array("per_country_sampling_thresholds");
         for (const PropertyList& threshold : thresholds != nullptr ? *thresholds : Array()) {
             const auto* dictionary = threshold.getIf<Dictionary>();
-            const std::string* country = dictionary != nullptr ? dictionary->string("country") : nullptr;
-            if (country != nullptr) countries.emplace(*country);
+            const Array* codes = dictionary != nullptr ? dictionary->array("country") : nullptr;
+            for (const PropertyList& code : codes != nullptr ? *codes : Array())
+                if (const auto* country = code.getIf<std::string>()) countries.emplace(*country);
         }
+        for (const std::string_view name : splitList(entry->deviceWhitelist()))
+            names.emplace(name);
+        for (const std::string_view product : splitList(entry->deviceBlacklist()))
+            products.emplace(product);
     }
 };
 
@@ -58,6 +65,7 @@ void addDistinctions(const Dictionary& bag, EnvironmentType environment, Distinc
 }
 
 std::vector<Scenario> scenariosOf(EnvironmentType environment, const Distinctions& distinctions) {
+    const bool tellsDevicesApart = distinctions.names.size() > 1 || distinctions.products.size() > 1;
     std::vector<Scenario> scenarios;
     for (const auto& client : distinctions.clients)
         for (const auto& service : distinctions.services)
@@ -70,15 +78,26 @@ std::vector<Scenario> scenariosOf(EnvironmentType environment, const Distinction
                     scenario.serviceName = service.value_or("any other service");
                     scenario.country = country;
                     scenario.consent = consent;
-                    scenarios.push_back(std::move(scenario));
+                    for (const std::string& name : distinctions.names)
+                        for (const std::string& product : distinctions.products) {
+                            if (tellsDevicesApart)
+                                scenario.device = {{"DeviceName", name}, {"ProductType", product}};
+                            scenarios.push_back(scenario);
+                        }
                 }
     return scenarios;
+}
+
+// Empty for a bag that does not tell devices apart.
+std::string describeDevice(const Dictionary& device) {
+    const std::string* name = device.string("DeviceName");
+    return name == nullptr ? "" : ", device " + *name + " of product type " + *device.string("ProductType");
 }
 
 std::string describe(const Scenario& scenario) {
     return sectionNameForEnvironment(scenario.environment).value_or("(none)") + ", client " +
            inQuotes(*scenario.clientName) + ", service " + inQuotes(*scenario.serviceName) + ", country " +
-           (scenario.country == "ZZ" ? "any other" : *scenario.country) +
+           (scenario.country == "ZZ" ? "any other" : *scenario.country) + describeDevice(scenario.device) +
            (scenario.consent ? ", with consent" : ", without consent");
 }
 
@@ -94,6 +113,15 @@ std::vector<std::string> effectLines(const Dictionary& bag, const Scenario& scen
         isEffect = !isTitle && (isEffect || line.starts_with("  =>"));
         if (line.starts_with("=>")) lines.push_back(line);  // of the whole bag
         if (isEffect) lines.push_back(backend + ":" + line.substr(1));
+    }
+    // The highest draw names the threshold, and an override that is below it.
+    Scenario unlucky = scenario;
+    unlucky.draw = 1;
+    std::istringstream reasons(explainBag(bag, unlucky, false));
+    for (std::string line; std::getline(reasons, line);) {
+        if (!line.starts_with(' ')) backend = line;
+        const size_t threshold = line.find("sampling threshold ");
+        if (threshold != std::string::npos) lines.push_back(backend + ": " + line.substr(threshold));
     }
     return lines;
 }

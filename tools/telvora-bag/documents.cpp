@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-bag/documents.h"
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 
@@ -9,6 +10,7 @@
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"
 #include "util/base64.h"
+#include "util/error_text.h"
 #include "util/utf8.h"
 
 namespace telvora::bag {
@@ -51,10 +53,12 @@ int complain(const std::string& message) {
 
 tl::expected<std::string, std::string> readFile(const std::string& path) {
     std::ifstream file;
+    errno = 0;
     if (path != kStandardStream) file.open(path, std::ios::binary);
     std::istream& stream = path == kStandardStream ? std::cin : file;
     std::string content = stream ? readAll(stream) : std::string();
-    if (!stream.eof() && content.size() <= kMaxDocumentBytes) return failure(path, "can't be read");
+    if (!stream.eof() && content.size() <= kMaxDocumentBytes)
+        return failure(path, errno != 0 ? errorText("can't be read", errno) : "can't be read");
     if (content.size() > kMaxDocumentBytes) return failure(path, "larger than 16 MiB");
     return content;
 }

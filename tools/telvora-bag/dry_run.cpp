@@ -101,7 +101,7 @@ std::shared_ptr<TelvoraBackend> DryRun::makeBackend(const std::shared_ptr<const 
         userInfo.empty() ? nullptr : std::make_shared<const Dictionary>(std::move(userInfo)), deviceID,
         nullptr);
     if (backends->empty()) return nullptr;
-    const auto backend = backends->begin()->second;
+    auto backend = backends->begin()->second;
     backend->setCombinedSessionIDString(kSessionID);
     return backend;
 }

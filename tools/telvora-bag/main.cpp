@@ -2,6 +2,7 @@
 //
 // telvora-bag: the tool for authors of bags.
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <map>
 #include <string>
 
@@ -52,6 +53,12 @@ CLI::App* addExplain(CLI::App& app, telvora::bag::ExplainOptions& options) {
                         "Recorded reports, one JSON object a line as 'telvoractl session' reads them");
     explain->add_flag("--log", options.log, "Print all log lines of the daemon, too");
     return explain;
+}
+
+// The status, unless the output was lost.
+int finish(int status) {
+    if (status == telvora::bag::kBadInput || std::cout.flush()) return status;
+    return telvora::bag::complain("standard output can't be written");
 }
 
 }  // namespace
@@ -118,18 +125,18 @@ int main(int argc, char** argv) {
     bag::ExplainOptions explanation;
     CLI::App* explain = addExplain(app, explanation);
     if (const auto status = parseCommandLine(app, argc, argv, bag::kBadInput)) return *status;
-    if (keygen->parsed()) return bag::keygen(privateKey, publicKey, bits, force);
+    if (keygen->parsed()) return finish(bag::keygen(privateKey, publicKey, bits, force));
     if (sign->parsed()) {
-        return bag::sign(privateKey, input, output, !noLint, [](const auto& path, std::string_view document) {
-            return bag::writeFile(path, document);
-        });
+        return finish(bag::sign(
+            privateKey, input, output, !noLint,
+            [](const auto& path, std::string_view document) { return bag::writeFile(path, document); }));
     }
-    if (publish->parsed()) return bag::publish(privateKey, input, output, !noLint);
-    if (rollback->parsed()) return bag::rollback(output);
-    if (diff->parsed()) return bag::diff(input, output);
-    if (probe->parsed()) return bag::probe(input, publicKey, caFile);
-    if (verify->parsed()) return bag::verify(publicKey, input);
-    if (lint->parsed()) return bag::lint(input, json);
-    if (explain->parsed()) return bag::explain(explanation);
-    return bag::show(input);
+    if (publish->parsed()) return finish(bag::publish(privateKey, input, output, !noLint));
+    if (rollback->parsed()) return finish(bag::rollback(output));
+    if (diff->parsed()) return finish(bag::diff(input, output));
+    if (probe->parsed()) return finish(bag::probe(input, publicKey, caFile));
+    if (verify->parsed()) return finish(bag::verify(publicKey, input));
+    if (lint->parsed()) return finish(bag::lint(input, json));
+    if (explain->parsed()) return finish(bag::explain(explanation));
+    return finish(bag::show(input));
 }

@@ -172,8 +172,9 @@ void judgeRollback(Report& report, Device& device) {
 }  // namespace
 
 int probe(const std::string& url, const std::string& publicKeyFile, const std::string& caFile) {
-    if (faultOfRequest({.url = url}) || url.rfind('/') <= originOfUrl(url).size())
-        return complain(url + ": is no address of a bag, such as https://server/bags/NAME");
+    if (faultOfRequest({.url = url}) || url.rfind('/') < originOfUrl(url).size() || url.ends_with('/') ||
+        url.find('?') != std::string::npos)
+        return complain(url + ": is no address of a bag, such as https://server/bags/NAME, without a query");
     setLogThreshold(kLogError - 1);  // the findings are printed instead
     Device device(url, caFile);
     const StorebagFetchStatus status = device.fetch(std::nullopt);

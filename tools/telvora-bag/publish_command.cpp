@@ -83,6 +83,8 @@ class PublishedFile {
 
 int publish(const std::string& privateKeyFile, const std::string& bagFile, const std::string& publishedFile,
             bool lints) {
+    if (std::filesystem::path(publishedFile).filename().empty() || publishedFile == "-")
+        return complain(publishedFile + ": is no name of a file");
     return sign(privateKeyFile, bagFile, publishedFile, lints,
                 [](const std::string& path, std::string_view document) {
                     return PublishedFile(path).replace(document, "");

@@ -50,8 +50,10 @@ CLI::App* addCollectCommand(CLI::App& app, CollectArguments& arguments) {
         "line of JSON, run until SIGTERM, SIGINT or the end of standard input, then print how many of the "
         "reports that were sent have arrived, judged by the event numbers.");
     command->add_option("--listen", arguments.collector.address, "IPv4 address to listen on")
+        ->check(CLI::ValidIPV4)
         ->capture_default_str();
     command->add_option("--port", arguments.collector.port, "UDP port; 0: the kernel chooses")
+        ->check(CLI::Range(0, 65535))
         ->capture_default_str();
     addNetworkOptions(*command, arguments.collector);
     command->add_flag("--quiet", arguments.quiet, "Do not print the reports");
@@ -73,7 +75,8 @@ int collect(const CollectArguments& arguments) {
     std::unique_lock addressFirst(output);
     DashboardCollector collector(options);
     if (!collector.listening()) {
-        std::cerr << "telvora-lab: can't listen on " << options.address << " port " << options.port << '\n';
+        std::cerr << "telvora-lab: can't listen on " << options.address << " port " << options.port
+                  << ": the port is taken, or the address is not one of this machine\n";
         return 2;
     }
     const Dictionary address{{"address", options.address}, {"port", int{collector.port()}}};

@@ -115,8 +115,8 @@ std::string describeRecord(std::string_view record, bool json) {
     return json ? asJson(*fields) : forPeople(*fields);
 }
 
-Follower::Follower(Feed& feed, std::ostream& out, bool json)
-    : feed_(feed), out_(out), json_(json), thread_([this] { run(); }) {}
+Follower::Follower(Feed& feed, std::ostream& out, bool json, std::function<void()> whenLost)
+    : feed_(feed), out_(out), json_(json), whenLost_(std::move(whenLost)), thread_([this] { run(); }) {}
 
 Follower::~Follower() {
     feed_.close();
@@ -138,7 +138,7 @@ void Follower::run() {
         next = excerpt.next();
         for (const std::string& record : excerpt.records)
             out_ << describeRecord(record, json_);
-        out_.flush();
+        if (!out_.flush()) return whenLost_();
         if (last && excerpt.records.empty()) return;
     }
 }

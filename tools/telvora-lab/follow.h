@@ -4,6 +4,7 @@
 // and the output then says how many reports are missing; it delays no server.
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -22,7 +23,8 @@ std::string describeRecord(std::string_view record, bool json);
 class Follower {
   public:
     // Prints to `out`, which no one else may use until the destructor returns. Both must outlive the object.
-    Follower(Feed& feed, std::ostream& out, bool json);
+    // `whenLost` is called once, on the object's thread, if `out` can't be written any more.
+    Follower(Feed& feed, std::ostream& out, bool json, std::function<void()> whenLost);
     // Closes the feed and returns when all its records are printed.
     ~Follower();
     Follower(const Follower&) = delete;
@@ -34,6 +36,7 @@ class Follower {
     Feed& feed_;
     std::ostream& out_;
     const bool json_;
+    const std::function<void()> whenLost_;
     std::thread thread_;
 };
 

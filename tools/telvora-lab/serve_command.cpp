@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "telvora-lab/serve_command.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <fstream>
 #include <iostream>
@@ -18,6 +21,8 @@
 #include "telvora-lab/page/page_server.h"
 #include "telvora-lab/summary.h"
 #include "util/ascii.h"
+#include "util/error_text.h"
+#include "util/unique_fd.h"
 #include "util/utf8.h"
 
 namespace telvora::lab {
@@ -53,6 +58,8 @@ std::string configure(Laboratory& laboratory, const ServeArguments& arguments) {
     for (const std::string& argument : arguments.bags) {
         const auto parts = assignment(argument);
         if (!parts) return "--bag wants NAME=FILE, not '" + argument + "'";
+        if (!isBagName(parts->first) && parts->first != "(null)")
+            return "--bag: '" + parts->first + "' can't be the name of a bag";
         const auto bag = bag::readBag(parts->second);
         if (!bag) return bag.error();
         if (arguments.keep) {
@@ -61,7 +68,12 @@ std::string configure(Laboratory& laboratory, const ServeArguments& arguments) {
         }
         laboratory.setBag(parts->first, *bag);
     }
-    if (!arguments.signedBags.empty()) laboratory.bags().serveSigned(arguments.signedBags);
+    if (!arguments.signedBags.empty()) {
+        if (!std::filesystem::is_directory(arguments.signedBags)) {
+            return "--signed-bags: " + arguments.signedBags + " is no directory";
+        }
+        laboratory.bags().serveSigned(arguments.signedBags);
+    }
     for (const std::string& argument : arguments.bagFaults) {
         const auto parts = assignment(argument);
         const auto fault = parts ? valueNamed<BagFault>(parts->second) : std::nullopt;
@@ -131,6 +143,17 @@ void printTotals(Laboratory& laboratory, bool json) {
     std::cout.flush();
 }
 
+// Makes the directory, and keeps other laboratories out of it for as long as the descriptor is open: they
+// would replace its keys.
+tl::expected<UniqueFd, std::string> lockDirectory(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) return tl::unexpected(errorText(directory.string(), errno));
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
+    return tl::unexpected(directory.string() + ": another telvora-lab uses this directory");
+}
+
 tl::expected<std::unique_ptr<Laboratory>, std::string> startLaboratory(const ServeArguments& arguments,
                                                                        const KeptState& kept, Feed& feed) {
     LaboratoryOptions options;
@@ -158,6 +181,8 @@ int serve(const ServeArguments& given) {
     const EndOfRun end;
     ServeArguments arguments = given;
     arguments.directory = std::filesystem::absolute(given.directory);
+    const auto lock = lockDirectory(arguments.directory);
+    if (!lock) return complain(lock.error());
     KeptState state;
     if (arguments.keep) {
         auto kept = readKeptState(arguments.directory);
@@ -196,11 +221,11 @@ int serve(const ServeArguments& given) {
     const Dictionary addresses = addressesOf(lab, page);
     printAddresses(addresses, arguments.follow && !arguments.json);
     if (!writeEnvironment(addresses, arguments.environmentFile)) {
-        return complain(arguments.environmentFile + ": can't be written");
+        return complain(errorText(arguments.environmentFile + ": can't be written", errno));
     }
     if (arguments.follow) {
         {
-            const Follower follower(feed, std::cout, arguments.json);
+            const Follower follower(feed, std::cout, arguments.json, [] { kill(getpid(), SIGTERM); });
             end.wait(arguments.ignoreInput);
             // A reader of the output that has stopped must not keep the laboratory from ending.
             std::signal(SIGALRM, [](int) { _exit(1); });
@@ -211,7 +236,9 @@ int serve(const ServeArguments& given) {
         end.wait(arguments.ignoreInput);
         std::cout << toJson(summaryOf(lab, arguments.directory), true) << std::endl;
     }
-    return std::cout.good() ? 0 : 1;
+    if (std::cout.good()) return 0;
+    complain("standard output can't be written");
+    return 1;
 }
 
 }  // namespace telvora::lab

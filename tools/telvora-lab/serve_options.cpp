@@ -73,6 +73,7 @@ CLI::App* addServeCommand(CLI::App& app, ServeArguments& arguments) {
     command
         ->add_option("--kept-events", arguments.keptEvents,
                      "How many events to store for the end; the oldest messages are dropped")
+        ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     command->add_option("--count-by", arguments.countByKey,
                         "Do not store events, count them by the number under this key");

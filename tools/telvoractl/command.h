@@ -49,6 +49,7 @@ Command addOneshotCommand(CLI::App& app, const CommonOptions& common);
 Command addRefreshCommand(CLI::App& app, const CommonOptions& common);
 Command addResetIdentifiersCommand(CLI::App& app, const CommonOptions& common);
 Command addSendCommand(CLI::App& app, const CommonOptions& common);
+Command addSendHealthCommand(CLI::App& app, const CommonOptions& common);
 Command addSessionCommand(CLI::App& app, const CommonOptions& common);
 Command addStatusCommand(CLI::App& app, const CommonOptions& common);
 Command addTailCommand(CLI::App& app, const CommonOptions& common);

@@ -115,7 +115,9 @@ void addDashboardOptions(CLI::App& command, DashboardOptions& options) {
                        "Device identifier, cut to 40 characters; default: this device's");
     command.add_option("--first-number", options.firstEventNumber, "Event number of the first report")
         ->capture_default_str();
-    command.add_option("--count", options.count, "Number of reports")->capture_default_str();
+    command.add_option("--count", options.count, "Number of reports")
+        ->capture_default_str()
+        ->check(CLI::NonNegativeNumber);
     command.add_option("--interval", options.interval, "Milliseconds between two reports")
         ->capture_default_str();
 }

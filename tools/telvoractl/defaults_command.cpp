@@ -41,7 +41,7 @@ tl::expected<PropertyList, std::string> valueOf(const std::string& type, const s
     } else if (text == "true" || text == "false") {
         return PropertyList(text == "true");
     }
-    return tl::unexpected("not of type " + type);
+    return tl::unexpected("not of type " + type + (type == "boolean" ? ", which is true or false" : ""));
 }
 
 int runWrite(const DefaultsOptions& options) {
@@ -57,6 +57,8 @@ int runWrite(const DefaultsOptions& options) {
 int runDelete(const DefaultsOptions& options) {
     auto settings = Settings::open();
     if (!settings) return fail(kNotDone, settings.error());
+    if (!settings->defaults().files(options.domain).own.contains(options.key))
+        return fail(kNotDone, options.domain + " has no \"" + options.key + "\" in the daemon's own file");
     return settings->remove(options.domain, {options.key});
 }
 

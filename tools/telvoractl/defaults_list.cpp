@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "config/device_identity.h"
+#include "http/http_request_rules.h"
 #include "output.h"
 #include "settings.h"
 #include "util/nearest_word.h"
@@ -55,6 +56,11 @@ bool isOfType(SettingType type, const PropertyList& value) {
             return value.is<Array>();
     }
     return false;
+}
+
+bool isURL(const Setting& setting) {
+    return &setting == &settings::kStorebagURL || &setting == &settings::kPostURL ||
+           &setting == &settings::kRealtimePostURL;
 }
 
 std::string standardOf(const Setting& setting) {
@@ -170,6 +176,12 @@ std::optional<std::string> whyWithoutEffect(const std::string& domain, const std
     if (const auto why = whyUnfit(*setting, value)) return key + " " + *why;
     if (!isOfType(setting->type, value)) return key + " has another type";
     if (setting->administratorOnly) return key + " counts only in the administrator's file";
+    const std::string* const text = value.getIf<std::string>();
+    if (text == nullptr || !isURL(*setting)) return std::nullopt;
+    if (const auto fault = faultOfRequest({.url = *text})) return key + ": " + *fault;
+    const bool isBase = setting == &settings::kStorebagURL;
+    if (isBase && (text->ends_with('/') || text->find_first_of("?#") != std::string::npos))
+        return key + " must end without a slash and have no query: devices append /NAME?version=VERSION";
     return std::nullopt;
 }
 

@@ -185,11 +185,11 @@ void BackendSteps::explainWithoutUserInfo() {
 std::string BackendSteps::countryText() const {
     const Dictionary* entry = policy_.entry;
     const std::string* list = entry != nullptr ? ClientEntry(*entry).countries() : nullptr;
-    const std::string country = facts_.findings.contains(status::kCountry)
-                                    ? text(facts_.findings, status::kCountry) + ", from " +
-                                          text(facts_.findings, status::kCountrySource)
-                                    : "an unknown country";
-    return country + ", is in locale_whitelist " + (list != nullptr ? "\"" + *list + "\"" : "(absent)");
+    const std::string listText = list != nullptr ? "\"" + *list + "\"" : "(absent)";
+    if (!facts_.findings.contains(status::kCountry))
+        return "the country is unknown, which passes every locale_whitelist; this one: " + listText;
+    return text(facts_.findings, status::kCountry) + ", from " +
+           text(facts_.findings, status::kCountrySource) + ", is in locale_whitelist " + listText;
 }
 
 std::string BackendSteps::deviceText() const {

@@ -62,11 +62,30 @@ tl::expected<void, BusQueryFailure> askDaemon(DoctorFacts& facts, DoctorSession&
     return {};
 }
 
+// The quotas of the process's user that have no room. Log lines stop no report, and this program's own
+// connection shows that there is room for one.
+void examineQuotas(DoctorReport& report, const DoctorFacts& facts) {
+    for (const Dictionary& user : entriesIn(facts.status, status::kUsers)) {
+        if (user.integer(status::kUser) != facts.process.uid) continue;
+        for (const auto& [name, value] : dictionaryIn(user, status::kQuotas)) {
+            const auto* quota = value.getIf<Dictionary>();
+            const auto limit = quota != nullptr ? quota->integer(status::kLimit) : std::nullopt;
+            if (name == "logLines" || (name == "connections" && facts.process.uid == geteuid())) continue;
+            if (!limit || quota->integer(status::kHeld).value_or(0) < *limit) continue;
+            report.bad(DoctorStep::daemon,
+                       "the quota " + name + " of user " + text(user, status::kUser) +
+                           " is full: " + text(*quota, status::kHeld) + " of " + text(*quota, status::kLimit),
+                       "end some of the user's programs, or raise the quota, see telvorad.defaults(5)");
+        }
+    }
+}
+
 void examineForAdministrator(DoctorReport& report, const DoctorFacts& facts, const DoctorSession& tried) {
     const Dictionary& daemon = dictionaryIn(facts.status, status::kDaemon);
     report.good(DoctorStep::daemon, "telvorad " + text(daemon, status::kVersion) + ", pid " +
                                         text(daemon, status::kPid) + ", up " +
                                         durationText(daemon.real(status::kUptime).value_or(0)));
+    examineQuotas(report, facts);
     examineConfiguration(report, facts);
     if (facts.clientType) examineBackends(report, facts, tried);
 }

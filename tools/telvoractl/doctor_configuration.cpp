@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "config/client_type.h"
 #include "diagnosis/findings.h"
@@ -31,7 +33,9 @@ void examineEntitlement(DoctorReport& report, const DoctorFacts& facts) {
     for (const Dictionary& other : entriesIn(entitlement, status::kOthers))
         cause += "; " + text(other, status::kFile) + ": " + text(other, status::kReason);
     report.bad(kStep, cause,
-               "add a file for this program to " + directory + ", see telvorad.entitlements(5)");
+               "let a file of " + directory +
+                   " entitle the program, see telvorad.entitlements(5); the installed one entitles the group "
+                   "telvora");
 }
 
 void examineSettings(DoctorReport& report, const DoctorFacts& facts) {
@@ -57,10 +61,12 @@ void examineKey(DoctorReport& report, const DoctorFacts& facts) {
     }
     if (!used.empty()) return report.good(DoctorStep::key, used);
     const std::string directory = text(facts.findings, status::kKeyDirectory);
-    report.bad(
-        DoctorStep::key,
-        "there is no public key in " + directory + (problems.empty() ? "" : " that can be used: " + problems),
-        "install the key there that 'telvora-bag keygen --public' wrote, as publicKey.der");
+    report.bad(DoctorStep::key,
+               problems.empty()
+                   ? "there is no publicKey.der in " + directory + ", and none in the configuration directory"
+                   : "there is no public key that can be used: " + problems,
+               "install the file that 'telvora-bag keygen --public' wrote: install -m 644 publicKey.der " +
+                   directory);
 }
 
 // The bag's name and its address. Returns whether there is one.
@@ -97,16 +103,38 @@ Dictionary recordOf(const DoctorFacts& facts) {
     return {};
 }
 
+// The remedies of requests without an answer, by a word of the reason; the first that fits.
+constexpr char kClientFiles[] =
+    "correct the settings clientCertificate and clientKey; the daemon's user reads both files";
+constexpr char kProxy[] = "correct the setting proxy, see telvorad.defaults(5)";
+constexpr std::pair<std::string_view, const char*> kRemedies[] = {
+    {"pinned", "correct the setting pinnedPublicKeys, see telvorad.defaults(5)"},
+    {"client certificate", kClientFiles},
+    {"private key", kClientFiles},
+    {"alert", "the server refuses this device: see the settings clientCertificate and clientKey"},
+    {"certificate file", "correct the setting caFile, or SSL_CERT_FILE: certificates in PEM"},
+    {"expired", "renew the server's certificate, or correct the device's clock"},
+    {"not yet valid", "correct the device's clock"},
+    {"subject name", "correct the host in telvora_storebag_url, or the server's certificate"},
+    {"certificate",
+     "give the daemon the server's authority: the system's store, caFile or SSL_CERT_FILE, see telvorad(8)"},
+    {"proxy", kProxy},
+    {"CONNECT tunnel", kProxy},
+    {"SOCKS", kProxy},
+    {"resolve", "correct the host in telvora_storebag_url, or the resolution of names"},
+    {"URL", "correct the setting telvora_storebag_url, and restart the daemon"},
+    {"", "see that the URL and the setting proxy are right, and that this device reaches the server"},
+};
+
 std::string remedyOfDownload(const Dictionary& bag) {
     const int64_t answered = bag.integer(status::kHttpStatus).value_or(0);
     const std::string reason = text(bag, status::kReason);
-    const auto says = [&reason](const char* word) { return reason.find(word) != std::string::npos; };
     if (answered >= 500) return "look at the bag server";
     if (answered != 0) return "publish the bag at this URL, or correct the setting telvora_storebag_url";
-    if (says("certificate") || says("SSL"))
-        return "give the daemon the server's authority: the system's store, or SSL_CERT_FILE, see telvorad(8)";
-    if (says("resolve")) return "correct the host in telvora_storebag_url, or the resolution of names";
-    return "see that the URL is right, and that this device reaches the server";
+    return std::ranges::find_if(
+               kRemedies,
+               [&reason](const auto& remedy) { return reason.find(remedy.first) != std::string::npos; })
+        ->second;
 }
 
 void examineFetch(DoctorReport& report, const Dictionary& bag) {
@@ -126,7 +154,12 @@ void examineFetch(DoctorReport& report, const Dictionary& bag) {
     if (step == "key" || step == "signature") {
         report.bad(
             DoctorStep::signature, reason + later,
-            std::string("sign the bag with the private key of this public key: telvora-bag sign") + kRefresh);
+            std::string(
+                step == "key"
+                    ? "install a key that can be used first, see the step key"
+                    : "sign the bag with the private key of this public key, and publish the document: "
+                      "telvora-bag publish") +
+                kRefresh);
     } else if (downloaded) {
         report.good(DoctorStep::signature, "a public key verifies the bag");
     }

@@ -167,7 +167,10 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
     std::fflush(stdout);
     if (!options.follow) {
         if (reader.isOpen()) return kDone;
-        return fail(kNotDone, "no message log that can be read in " + log.directory.string());
+        if (access(log.directory.c_str(), R_OK | X_OK) != 0)
+            return fail(kNotDone, errorText("can't read " + log.directory.string(), errno));
+        return fail(kNotDone, "there is no message log that can be read in " + log.directory.string() +
+                                  ": it begins with the first message that is posted with consent");
     }
     Records fresh([&](const std::string& record) { print(record, common.json); });
     while (waitForChange(notifications.get())) {
@@ -182,7 +185,9 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
 Command addLogCommand(CLI::App& app, const CommonOptions& common) {
     const auto options = std::make_shared<LogOptions>();
     CLI::App* command = app.add_subcommand("log", "Show the local message log");
-    command->add_option("-n,--records", options->count, "Number of last records")->capture_default_str();
+    command->add_option("-n,--records", options->count, "Number of last records")
+        ->capture_default_str()
+        ->check(CLI::NonNegativeNumber);
     command->add_flag("-f,--follow", options->follow, "Also print new records");
     return {command, [options, &common] { return runLog(*options, common); }};
 }

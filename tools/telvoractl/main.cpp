@@ -20,7 +20,8 @@ constexpr char kFooter[] =
     "Exit status:\n"
     "  0  done\n"
     "  1  not done: the daemon has no configuration for the client type, or refused; a report was not\n"
-    "     delivered; a bag could not be fetched; or a setting that was written has no effect\n"
+    "     delivered; a bag could not be fetched; the caller may not read the settings; a setting that was\n"
+    "     written has no effect, or one to delete is absent; or standard output can't be written\n"
     "  2  the command line or the input is wrong\n"
     "  3  the daemon can't be reached, or the connection was lost\n"
     "  4  the daemon did not answer in time\n"
@@ -28,10 +29,10 @@ constexpr char kFooter[] =
 
 // In the order of --help.
 constexpr Command (*kCommands[])(CLI::App&, const CommonOptions&) = {
-    addStatusCommand,  addDoctorCommand,           addTailCommand,          addSendCommand,
-    addSessionCommand, addOneshotCommand,          addFlushCommand,         addUploadCommand,
-    addLogCommand,     addConsentCommand,          addDefaultsCommand,      addDeviceCommand,
-    addRefreshCommand, addResetIdentifiersCommand, addDashboardSendCommand,
+    addStatusCommand,  addDoctorCommand,           addTailCommand,       addSendCommand,
+    addSessionCommand, addOneshotCommand,          addFlushCommand,      addUploadCommand,
+    addLogCommand,     addConsentCommand,          addDefaultsCommand,   addDeviceCommand,
+    addRefreshCommand, addResetIdentifiersCommand, addSendHealthCommand, addDashboardSendCommand,
 };
 
 int run(int argc, char** argv) {
@@ -51,10 +52,12 @@ int run(int argc, char** argv) {
     for (const auto& add : kCommands)
         commands.push_back(add(app, common));
     if (const auto status = parseCommandLine(app, argc, argv, kBadInput)) return *status;
+    int status = kBadInput;
     for (const Command& command : commands) {
-        if (command.app->parsed()) return command.run();
+        if (command.app->parsed()) status = command.run();
     }
-    return kBadInput;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+    return status == kDone ? fail(kNotDone, "standard output can't be written") : status;
 }
 
 void printLogLine(int /*level*/, std::string_view line) {

@@ -26,13 +26,12 @@ int runOneshot(const OneshotOptions& options, const CommonOptions& common) {
     answers.expectOne();
     (*session)->sendSingleMessage(
         options.session.sessionInfo(), options.session.userInfo(), options.report.category,
-        options.report.type, std::move(*payload),
+        options.report.type, *payload,
         answers.completion<std::string>([&outcome](const std::string& answer) { outcome = answer; }));
     if (!answers.wait("waiting for the answer")) return answers.report();
     Printer(common.json)("outcome", std::optional<std::string>(outcome));
     if (outcome == "finished") return kDone;
-    const std::string why = whyWithoutBag(options.session.clientType);
-    return why.empty() ? kNotDone : fail(kNotDone, outcome + why);
+    return fail(kNotDone, outcome + whyWithoutBag(options.session.clientType));
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ int runRefresh(const CommonOptions& common) {
     } else if (!common.json) {
         printTable(rows);
     }
-    return all ? kDone : fail(kNotDone, "not all bags could be fetched; the system log has the reasons");
+    return all ? kDone : fail(kNotDone, "not all bags could be fetched; 'telvoractl status' has the reasons");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "config/device_identity.h"
+#include "diagnosis/last_totals.h"
 #include "settings.h"
 
 namespace telvora::ctl {
@@ -43,6 +44,9 @@ int runReset(bool yes, const CommonOptions& common) {
         const int status = settings->remove(domain, ofDomain);
         if (status != kDone) return status;
     }
+    // Servers that get the sums could tell by them that it is the same device.
+    if (const auto removed = removeLastTotals(settings->directories().state); !removed)
+        return fail(kNotDone, removed.error());
     const std::string count = std::to_string(keys.size());
     std::puts((common.json ? "{\"deleted\":" + count + "}" : "deleted: " + count).c_str());
     return kDone;

@@ -44,7 +44,8 @@ std::string whyWithoutBag(int64_t clientType) {
     std::string others;
     for (int64_t type = 0; type <= kLastClientType; ++type) {
         if (factsOfClientType(type)->bagName.empty()) continue;
-        if (type == clientType) return {};
+        if (type == clientType)
+            return "; 'telvoractl doctor --client-type " + std::to_string(type) + "' shows the reason";
         others += (others.empty() ? "" : ", ") + std::to_string(type);
     }
     return "; no bag exists for client type " + std::to_string(clientType) + ", only for " + others;
@@ -78,9 +79,13 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
         ->check(CLI::PositiveNumber);
 }
 
-void addReportOptions(CLI::App& command, ReportOptions& report) {
+void addCategoryAndType(CLI::App& command, ReportOptions& report) {
     command.add_option("--category", report.category, "Category, 0 to 65535")->required();
     command.add_option("--type", report.type, "Type, 0 to 65535")->required();
+}
+
+void addReportOptions(CLI::App& command, ReportOptions& report) {
+    addCategoryAndType(command, report);
     command.add_option("--payload", report.payload,
                        "KEY=TEXT for a string, KEY:=JSON for any other value (repeatable)");
     command.add_option("--payload-json", report.payloadJson,

@@ -52,10 +52,12 @@ void awaitDaemon(const CommonOptions& common, const std::function<bool()>& isThe
 tl::expected<std::unique_ptr<ClientSession>, std::string> connect(
     ClientRuntime& runtime, const CommonOptions& common, const ClientSession::Handlers& handlers = {});
 
-// "; no bag exists for client type 3, only for 5, 6, ..."; empty if there is one.
+// "; no bag exists for client type 3, only for 5, 6, ...", or the command that shows another reason.
 std::string whyWithoutBag(int64_t clientType);
 
 void addSessionOptions(CLI::App& command, SessionOptions& options);
+void addCategoryAndType(CLI::App& command, ReportOptions& report);
+// With a payload.
 void addReportOptions(CLI::App& command, ReportOptions& report);
 
 }  // namespace telvora::ctl

@@ -16,7 +16,7 @@ namespace {
 
 // Opens a regular file. `std::nullopt` on failure, with the reason in errno.
 UniqueFd openFile(const std::string& path, off_t& size) {
-    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) return {};
     size = status.st_size;
@@ -45,7 +45,7 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
             print_("aggregated", message);
         };
     }
-    auto session = connect(runtime_, common, std::move(handlers));
+    auto session = connect(runtime_, common, handlers);
     if (!session) return fail(kDaemonMissing, session.error());
     session_ = std::move(*session);
 
@@ -63,10 +63,10 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
                                        whyWithoutBag(options_.clientType));
 }
 
-int SessionRun::send(Dictionary message) {
+int SessionRun::send(const Dictionary& message) {
     if (!answers_.expectOne()) return answers_.report();
-    session_->sendMessage(std::move(message), answers_.completion<std::optional<std::string>>(
-                                                  [this](const auto& answer) { print_("answer", answer); }));
+    session_->sendMessage(message, answers_.completion<std::optional<std::string>>(
+                                       [this](const auto& answer) { print_("answer", answer); }));
     return kDone;
 }
 
@@ -114,6 +114,8 @@ int SessionRun::upload(const std::string& path) {
     std::error_code error;
     const std::string whole = file ? std::filesystem::canonical(path, error).string() : std::string();
     if (!file) error.assign(errno, std::generic_category());
+    if (error == std::errc::too_many_symbolic_link_levels)
+        return fail(kBadInput, path + ": is a symbolic link, which is not followed");
     if (error) return fail(kBadInput, path + ": " + error.message());
 
     std::string token;

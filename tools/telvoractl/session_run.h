@@ -24,7 +24,7 @@ class SessionRun {
     int open(const CommonOptions& common, bool aggregate = false);
 
     // Sends one report without waiting for its answer, which is printed when it comes: reports are pipelined.
-    int send(Dictionary message);
+    int send(const Dictionary& message);
     // Waits for the answers to all reports.
     int wait();
 

@@ -16,6 +16,8 @@ namespace telvora::ctl {
 
 namespace {
 
+constexpr char kAsRoot[] = "; root and the daemon's user may";
+
 // If this process runs as root and `directory` belongs to another user, becomes that user permanently, with
 // its groups. Files created there then belong to that user, and a malicious link among existing files reaches
 // no further than that user does. Fails with a reason; then the process must not continue.
@@ -37,12 +39,13 @@ std::optional<std::string> whyUnreadable(const std::filesystem::path& directory)
     const auto mayRead = [](const std::filesystem::path& path, int mode) {
         return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 || errno == ENOENT;
     };
-    if (!mayRead(directory, R_OK | X_OK)) return errorText("can't read " + directory.string(), errno);
+    if (!mayRead(directory, R_OK | X_OK))
+        return errorText("can't read " + directory.string(), errno) + kAsRoot;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
         const bool isDomain = entry.path().extension() == ".plist";
         if (isDomain && !mayRead(entry.path(), R_OK)) {
-            return errorText("can't read " + entry.path().string(), errno);
+            return errorText("can't read " + entry.path().string(), errno) + kAsRoot;
         }
     }
     return std::nullopt;
@@ -71,11 +74,13 @@ tl::expected<Settings, std::string> Settings::openReadable() {
 
 int Settings::write(const std::string& domain, const std::string& key, PropertyList value) {
     if (!UserDefaults::isDomain(domain)) return fail(kBadInput, domain + ": not a preference domain");
+    if (const auto why = whyUnreadable(directories_.state / "Preferences")) return fail(kNotDone, *why);
     return done(defaults_->set(domain, key, std::move(value)), domain, {key});
 }
 
 int Settings::remove(const std::string& domain, const std::vector<std::string>& keys) {
     if (!UserDefaults::isDomain(domain)) return fail(kBadInput, domain + ": not a preference domain");
+    if (const auto why = whyUnreadable(directories_.state / "Preferences")) return fail(kNotDone, *why);
     return done(defaults_->remove(domain, keys), domain, keys);
 }
 

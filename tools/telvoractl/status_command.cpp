@@ -8,31 +8,36 @@
 #include <cstdio>
 #include <thread>
 
-#include "client/status_query.h"
+#include "open_metrics.h"
 #include "output.h"
-#include "session_options.h"
+#include "status_reader.h"
 #include "status_tables.h"
+#include "util/atomic_file.h"
 
 namespace telvora::ctl {
 
 namespace {
 
-using Kind = BusQueryFailure::Kind;
+struct Options {
+    double watch = 0;  // seconds between two outputs
+    bool openMetrics = false;
+    std::string output;  // a file; empty: standard output
+};
 
-int printOnce(const CommonOptions& common) {
-    tl::expected<Dictionary, BusQueryFailure> status;
-    awaitDaemon(common, [&] {
-        status = queryStatus(kGetStatus, statusSocketBeside(common.socket()));
-        return status || status.error().kind != Kind::kUnreachable;
-    });
-    if (!status) {
-        const Kind kind = status.error().kind;
-        return fail(kind == Kind::kRefused    ? kNotDone
-                    : kind == Kind::kNoAnswer ? kNoAnswer
-                                              : kDaemonMissing,
-                    status.error().message);
-    }
-    if (common.json) {
+// Everyone may read the file: a collector of metrics is another user.
+int writeTo(const std::string& path, const std::string& text) {
+    const auto written = replaceFile(path, text, {.mode = 0644});
+    return written ? kDone : fail(kBadInput, path + ": " + written.error());
+}
+
+int printOnce(const CommonOptions& common, const Options& options) {
+    const auto status = awaitStatus(common);
+    if (!status) return fail(status.error().status, status.error().reason);
+    if (!options.output.empty()) return writeTo(options.output, openMetrics(*status));
+    if (options.openMetrics) {
+        std::fputs(openMetrics(*status).c_str(), stdout);
+        std::fflush(stdout);
+    } else if (common.json) {
         std::puts(toJson(*status).c_str());
         std::fflush(stdout);
     } else {
@@ -42,32 +47,40 @@ int printOnce(const CommonOptions& common) {
 }
 
 // Until the caller interrupts it, also while the daemon is away.
-int watch(const CommonOptions& common, double period) {
+int watch(const CommonOptions& common, const Options& options) {
     const bool inPlace = isatty(STDOUT_FILENO) != 0 && !common.json;
     for (;;) {
         if (inPlace) std::fputs("\033[H\033[2J", stdout);
-        const int status = printOnce(common);
+        const int status = printOnce(common, options);
         if (status == kNotDone) return status;
         if (!inPlace && !common.json) std::puts("");
         std::fflush(stdout);
         if (std::ferror(stdout) != 0) return kDone;
-        std::this_thread::sleep_for(std::chrono::duration<double>(period));
+        std::this_thread::sleep_for(std::chrono::duration<double>(options.watch));
     }
 }
 
 }  // namespace
 
 Command addStatusCommand(CLI::App& app, const CommonOptions& common) {
-    const auto period = std::make_shared<double>(0);
+    const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "status", "Show sessions, reports and their losses with reasons, users, bags, servers, sandbox");
-    command->add_option("--watch", *period, "Refresh in place, every so many seconds; default: 2")
-        ->expected(0, 1)
-        ->default_str("2")
-        ->check(CLI::Range(0.1, 86400.0));
+    CLI::Option* watched =
+        command->add_option("--watch", options->watch, "Refresh in place, every so many seconds; default: 2")
+            ->expected(0, 1)
+            ->default_str("2")
+            ->check(CLI::Range(0.1, 86400.0));
+    CLI::Option* metrics = command
+                               ->add_flag("--openmetrics", options->openMetrics,
+                                          "Print the numbers as OpenMetrics, also for Prometheus' "
+                                          "node_exporter")
+                               ->excludes(watched);
+    command->add_option("--output", options->output, "Replace this file atomically instead of printing")
+        ->needs(metrics);
     command->footer("For root, the daemon's user and the group telvora-admin.");
-    return {command, [command, period, &common] {
-                return command->count("--watch") > 0 ? watch(common, *period) : printOnce(common);
+    return {command, [command, options, &common] {
+                return command->count("--watch") > 0 ? watch(common, *options) : printOnce(common, *options);
             }};
 }
 

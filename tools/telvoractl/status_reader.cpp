@@ -5,11 +5,24 @@
 #include <cmath>
 #include <ctime>
 
+#include "client/status_query.h"
+#include "diagnosis/last_totals.h"
 #include "output.h"
 #include "protocol/status_keys.h"
+#include "session_options.h"
 #include "util/utf8.h"
 
 namespace telvora::ctl {
+
+tl::expected<Dictionary, Failure> awaitStatus(const CommonOptions& common) {
+    tl::expected<Dictionary, BusQueryFailure> status;
+    awaitDaemon(common, [&] {
+        status = queryStatus(kGetStatus, statusSocketBeside(common.socket()));
+        return status || status.error().kind != BusQueryFailure::Kind::kUnreachable;
+    });
+    return status ? tl::expected<Dictionary, Failure>(std::move(*status))
+                  : tl::unexpected(failureOf(status.error()));
+}
 
 const Dictionary& dictionaryIn(const Dictionary& parent, std::string_view key) {
     static const Dictionary kNone;
@@ -43,6 +56,18 @@ std::string ageText(const Dictionary& values, std::string_view key) {
     const auto* date = value != nullptr ? value->getIf<Date>() : nullptr;
     if (date == nullptr) return "-";
     return durationText(std::max(static_cast<double>(time(nullptr)) - date->seconds, 0.0)) + " ago";
+}
+
+Dictionary sumsOfAllRuns(const Dictionary& status) {
+    const Dictionary& earlier = dictionaryIn(dictionaryIn(status, status::kBefore), status::kAllRuns);
+    Dictionary clientTypes = dictionaryIn(earlier, status::kClientTypes);
+    addNumbers(clientTypes, dictionaryIn(status, status::kClientTypes));
+    const PropertyList* start = dictionaryIn(status, status::kDaemon).find(status::kStartTime);
+    const PropertyList* since = earlier.find(status::kSince);
+    return {{status::kSince, since != nullptr   ? *since
+                             : start != nullptr ? *start
+                                                : PropertyList()},
+            {status::kClientTypes, std::move(clientTypes)}};
 }
 
 std::string outcomeText(const Dictionary& outcome) {

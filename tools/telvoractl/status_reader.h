@@ -7,9 +7,13 @@
 #include <string_view>
 #include <vector>
 
+#include "device_answer.h"
 #include "plist/property_list.h"
 
 namespace telvora::ctl {
+
+// The daemon's status. Waits for the daemon as long as `common` says.
+tl::expected<Dictionary, Failure> awaitStatus(const CommonOptions& common);
 
 // The dictionary under a key; an empty one if it is absent.
 const Dictionary& dictionaryIn(const Dictionary& parent, std::string_view key);
@@ -21,6 +25,8 @@ std::string text(const Dictionary& values, std::string_view key);
 std::string durationText(double seconds);
 // The time since a date under a key: "3 s ago".
 std::string ageText(const Dictionary& values, std::string_view key);
+// The accounts of the run of this status and of all runs before it: {since (d), clientTypes}, as allRuns.
+Dictionary sumsOfAllRuns(const Dictionary& status);
 // The result of a request: the HTTP status, or the reason why no answer came.
 std::string outcomeText(const Dictionary& outcome);
 

@@ -218,7 +218,8 @@ Command addTailCommand(CLI::App& app, const CommonOptions& common) {
         "Messages with their events, bag requests, uploads, datagrams, the servers' answers, and the names of "
         "filtered fields.\nFor root, the daemon's user and the group telvora-admin.");
     const auto options = std::make_shared<TailOptions>();
-    command->add_option("-n,--count", options->count, "End after this number of entries; 0: without end");
+    command->add_option("-n,--count", options->count, "End after this number of entries; 0: without end")
+        ->check(CLI::NonNegativeNumber);
     return {command, [&common, options] { return runTail(common, *options); }};
 }
 

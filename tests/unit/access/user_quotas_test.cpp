@@ -149,5 +149,72 @@ TEST_F(UserQuotasTest, EachClientHasErrorsAndWarningsOfItsOwn) {
     }
 }
 
+// A day is one of the monotonic clock. Neither the daemon's end nor a jump of the time of day refills a
+// quota.
+TEST_F(UserQuotasTest, ADayGoesOnOverTheDaemonsEndAndClockJumps) {
+    limit(Quota::reportsToday, 3);
+    limit(Quota::reportBytesToday, 100);
+    constexpr double kHour = 3600, kYear = 365 * 24 * kHour;
+    Moment moment{.timeOfDay = 1e9, .sinceBoot = 100, .boot = "first"};
+    const std::filesystem::path file = directory_.path() / "dailyUse.plist";
+    std::unique_ptr<UserQuotas> daemon;
+    const auto restart = [&] {
+        if (daemon) daemon->keepDailyUse();
+        daemon = std::make_unique<UserQuotas>(
+            defaults_, [this] { return now_; }, file, [&] { return moment; });
+    };
+    restart();
+    const auto pass = [&](double seconds, double jump = 0) {
+        moment.timeOfDay += seconds + jump;
+        moment.sinceBoot += seconds;
+    };
+    const auto reboot = [&](const char* name, double timeOfDay) {
+        daemon->keepDailyUse();
+        moment = {.timeOfDay = timeOfDay, .sinceBoot = 5, .boot = name};
+        daemon.reset();
+        restart();
+    };
+    const struct {
+        const char* what;
+        std::function<void()> before;
+        uid_t user;
+        uint64_t bytes;
+        bool allowed;
+    } steps[] = {
+        {"some", {}, 1, 60, true},
+        {"too many bytes", {}, 1, 50, false},
+        {"another user", {}, 2, 100, true},
+        {"the rest", {}, 1, 40, true},
+        {"nothing is left", {}, 1, 1, false},
+        {"the time of day jumps", [&] { pass(kHour, kYear); }, 1, 1, false},
+        {"a restart, an hour later", [&] { pass(kHour), restart(); }, 1, 1, false},
+        {"a clock that lost its time", [&] { reboot("second", 10); }, 1, 1, false},
+        {"21 hours later", [&] { pass(21 * kHour), restart(); }, 1, 1, false},
+        {"the next day", [&] { pass(2 * kHour); }, 1, 1, true},
+        {"a second one", {}, 1, 0, true},
+        {"a third one, after a restart", restart, 1, 0, true},
+        {"too many reports", {}, 1, 0, false},
+        {"hours without power", [&] { reboot("third", moment.timeOfDay + 20 * kHour); }, 1, 0, false},
+        {"more of them", [&] { reboot("fourth", moment.timeOfDay + 20 * kHour); }, 1, 0, true},
+        {"a file that is damaged", [&] { daemon->keepDailyUse(), directory_.write("dailyUse.plist", "?"); },
+         2, 100, true},
+    };
+    for (const auto& [what, before, user, bytes, allowed] : steps) {
+        if (before) before();
+        EXPECT_EQ(daemon->of(user).spendToday(bytes), allowed) << what;
+    }
+    EXPECT_EQ(log_.count("<3>UserQuotas: user 1 is over the quota of 100 reportBytesToday "
+                         "(maxReportBytesPerUserPerDay)"),
+              4u);
+    const auto uses = daemon->uses().at(1);
+    EXPECT_EQ(uses[static_cast<size_t>(Quota::reportsToday)].held, 1u);
+
+    for (const Quota quota : {Quota::reportsToday, Quota::reportBytesToday})
+        limit(quota, std::numeric_limits<int64_t>::max());
+    EXPECT_TRUE(daemon->of(1).spendToday(1000));
+    daemon->keepDailyUse();
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
 }  // namespace
 }  // namespace telvora

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include "tests/unit/backends/https_post_rig.h"
 
@@ -237,6 +238,55 @@ TEST(HTTPSPostSendTest, AUserInfoThatHasGrownCountsForEachReportThatIsHeld) {
         EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
     }
 }
+
+TEST(HTTPSPostSendTest, OnlyReportsThatLeaveUseUpTheDay) {
+    QuotaRig rig;
+    rig.setDefault("maxReportsPerUserPerDay", 3);
+    const auto direct = rig.makeReportingBackend({}, rig.counted(identityOf(7)));
+    const auto batch = rig.makeReportingBackend({}, rig.counted(batching()));
+    const auto send = [](const auto& backend, int times) {
+        for (int i = 0; i < times; ++i)
+            backend->sendMessage(Dictionary(), kNow, 5, 6, kPlain);
+    };
+    send(batch, 4);
+    send(direct, 2);
+    EXPECT_EQ(rig.held(Quota::reportsToday), 2u);
+    flush(*batch);
+    send(direct, 1);
+    EXPECT_EQ(tallyOf(*batch, ReportOutcome::delivered), 1u);
+    EXPECT_EQ(tallyOf(*batch, ReportOutcome::overDailyQuota), 3u);
+    EXPECT_EQ(tallyOf(*direct, ReportOutcome::delivered), 2u);
+    EXPECT_EQ(tallyOf(*direct, ReportOutcome::overDailyQuota), 1u);
+    EXPECT_EQ(rig.held(Quota::pendingBytes), 0u);
+}
+
+#ifndef TELVORA_SANITIZED
+TEST(HTTPSPostSendTest, ABatchOccupiesNoMoreMemoryThanItIsChargedFor) {
+    constexpr int kReports = 200;
+    Dictionary thinned, small;
+    Array filters;
+    for (int i = 0; i < 100; ++i) {
+        thinned.set("secret" + std::to_string(i), i);
+        small.set(std::to_string(i), true);
+        filters.push_back(Dictionary{{"key", "secret" + std::to_string(i)}, {"action", "remove"}});
+    }
+    const Dictionary text{{"key of sixteen c", std::string(16, 'x')}};
+    for (const auto& [payload, combinedID] :
+         {std::pair{thinned, 0}, {small, 0}, {text, 0}, {Dictionary(), 20'000}}) {
+        QuotaRig rig;
+        const auto backend = rig.makeReportingBackend({{"filters", filters}, {"event_threshold", 1000}},
+                                                      rig.counted(batching()));
+        const auto before = mallinfo2();
+        for (int i = 0; i < kReports; ++i)
+            backend->sendMessage(payload, kNow, 5, 6, kPlain);
+        backend->setCorrelatedSessionID(std::string(static_cast<size_t>(combinedID), 'x'));
+        const auto after = mallinfo2();
+        EXPECT_EQ(tallyOf(*backend, ReportOutcome::held), kReports);
+        const size_t resident = after.uordblks + after.hblkhd - before.uordblks - before.hblkhd;
+        EXPECT_LE(resident, rig.held(Quota::pendingBytes) * 11 / 10 + 10'000) << payload.size();
+    }
+}
+#endif
 
 TEST(HTTPSPostSendTest, ABatchThatWouldBeThrownAwayTakesNoRoomFromReportsThatLeave) {
     QuotaRig rig;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Properties of the device, digests and signatures, random values, the locale, and directories.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 
@@ -19,6 +19,10 @@ namespace telvora {
 namespace {
 
 using namespace std::string_literals;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::StartsWith;
 
 using Files = std::vector<std::pair<std::string, std::string>>;
 
@@ -56,8 +60,9 @@ TEST(DevicePropertiesTest, AnswersFromFilesOfTheDeviceAndItsAdministrator) {
          {{"etc/hostname", "plain"},
           {given,
            "<dict><key>DeviceName</key><string>given</string><key>ReleaseType</key><string>Internal</string>"
-           "<key>BuildVersion</key><integer>7</integer></dict>"}},
-         {{"DeviceName", "given"}, {"ReleaseType", "Internal"}}},
+           "<key>BuildVersion</key><integer>7</integer><key>Country</key><string>CH</string>"
+           "<key>CountryCode</key><string>CHE</string></dict>"}},
+         {{"DeviceName", "given"}, {"ReleaseType", "Internal"}, {"Country", "CH"}, {"CountryCode", "CHE"}}},
         {"malformed", {{"etc/hostname", "plain"}, {given, "rubbish"}}, {{"DeviceName", "plain"}}},
         {"no machine ID", {{"etc/machine-id", ""}}, {}},
         {"no machine ID yet", {{"etc/machine-id", "uninitialized\n"}}, {}},
@@ -66,10 +71,13 @@ TEST(DevicePropertiesTest, AnswersFromFilesOfTheDeviceAndItsAdministrator) {
     const test::LogCapture log;
     for (const auto& [what, files, properties] : cases)
         EXPECT_EQ(propertiesOf(files), properties) << what;
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(log.lines()[0].starts_with("<4>DeviceProperties(readDeviceFile): ") &&
-                log.lines()[0].ends_with("/device.plist counts as absent: not a property list"))
-        << log.lines()[0];
+    const auto line = [](const char* end) {
+        return AllOf(StartsWith("<4>DeviceProperties(readDeviceFile): "), EndsWith(end));
+    };
+    EXPECT_THAT(log.lines(), ElementsAre(line("/device.plist: BuildVersion must be a string"),
+                                         line("/device.plist: Country is unknown"),
+                                         line("/device.plist: CountryCode must have two letters"),
+                                         line("/device.plist counts as absent: not a property list")));
 }
 
 TEST(DevicePropertiesTest, TheDeviceIDIsDerivedFromTheMachineIDAndHidesIt) {
