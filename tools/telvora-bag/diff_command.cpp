@@ -64,27 +64,34 @@ void addDistinctions(const Dictionary& bag, EnvironmentType environment, Distinc
     }
 }
 
+// One without values if the bags do not tell devices apart.
+std::vector<Dictionary> devicesOf(const Distinctions& distinctions) {
+    if (distinctions.names.size() == 1 && distinctions.products.size() == 1) return {Dictionary()};
+    std::vector<Dictionary> devices;
+    for (const std::string& name : distinctions.names)
+        for (const std::string& product : distinctions.products)
+            devices.push_back({{"DeviceName", name}, {"ProductType", product}});
+    return devices;
+}
+
 std::vector<Scenario> scenariosOf(EnvironmentType environment, const Distinctions& distinctions) {
-    const bool tellsDevicesApart = distinctions.names.size() > 1 || distinctions.products.size() > 1;
+    const std::vector<Dictionary> devices = devicesOf(distinctions);
     std::vector<Scenario> scenarios;
     for (const auto& client : distinctions.clients)
         for (const auto& service : distinctions.services)
             for (const auto& country : distinctions.countries)
-                for (const bool consent : {false, true}) {
-                    Scenario scenario;
-                    scenario.environment = environment;
-                    scenario.clientType = kAnyClientType;
-                    scenario.clientName = client.value_or("any other client");
-                    scenario.serviceName = service.value_or("any other service");
-                    scenario.country = country;
-                    scenario.consent = consent;
-                    for (const std::string& name : distinctions.names)
-                        for (const std::string& product : distinctions.products) {
-                            if (tellsDevicesApart)
-                                scenario.device = {{"DeviceName", name}, {"ProductType", product}};
-                            scenarios.push_back(scenario);
-                        }
-                }
+                for (const bool consent : {false, true})
+                    for (const Dictionary& device : devices) {
+                        Scenario scenario;
+                        scenario.environment = environment;
+                        scenario.clientType = kAnyClientType;
+                        scenario.clientName = client.value_or("any other client");
+                        scenario.serviceName = service.value_or("any other service");
+                        scenario.country = country;
+                        scenario.consent = consent;
+                        scenario.device = device;
+                        scenarios.push_back(std::move(scenario));
+                    }
     return scenarios;
 }
 
