@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <new>
 
 #include "http/http_request_rules.h"
@@ -235,7 +236,7 @@ bool CurlTransfer::mayAttempt(CurlConnections::Name connection) {
     unanswered_ = sentOnKept_ && method != "GET" && method != "HEAD";
     connection_ = std::move(connection);
     sentOnKept_ = connections_.isKept(connection_);
-    isStale_ = !unanswered_ && sentOnKept_ && connections_.hasInput(connection_);
+    isStale_ = !unanswered_ && sentOnKept_ && connections_.isAtItsEnd(connection_);
     return !unanswered_ && !isStale_;
 }
 
@@ -262,7 +263,21 @@ void CurlTransfer::readHeader(std::string_view line) {
     }
     const size_t colon = line.find(':');
     if (colon == std::string_view::npos) return;
-    response_.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
+    const std::string_view name = line.substr(0, colon);
+    const std::string_view value = trimmed(line.substr(colon + 1));
+    if (equalsIgnoringAsciiCase(name, "Keep-Alive")) readKeepAlive(value);
+    response_.headers.emplace_back(name, value);
+}
+
+// "timeout=5, max=100": RFC 2068, section 19.7.1.
+void CurlTransfer::readKeepAlive(std::string_view parameters) {
+    constexpr std::string_view kTimeout = "timeout=";
+    const size_t start = parameters.find(kTimeout);
+    if (start == std::string_view::npos) return;
+    const std::string_view value = parameters.substr(start + kTimeout.size());
+    uint32_t seconds = 0;
+    if (std::from_chars(value.data(), value.data() + value.size(), seconds).ec == std::errc())
+        connections_.limitIdleTime(connection_, std::chrono::seconds(seconds));
 }
 
 size_t CurlTransfer::onBody(char* data, size_t size, size_t count, void* self) noexcept {
@@ -325,6 +340,7 @@ HttpResult CurlTransfer::end(CURLcode code) {
 
 std::unique_ptr<HttpExchange> CurlTransfer::release() {
     exchange_->carrier = nullptr;
+    connections_.released(connection_);
     return std::move(exchange_);
 }
 

@@ -62,6 +62,7 @@ class CurlTransfer {
     static size_t onHeader(char* data, size_t size, size_t count, void* self) noexcept;
     static size_t onBody(char* data, size_t size, size_t count, void* self) noexcept;
     void readHeader(std::string_view line);
+    void readKeepAlive(std::string_view parameters);
     void setConstantOptions(const CurlHttpClientOptions& options);
     void setFiles(const HttpLink& link);
     void setMethodAndBody(const HttpRequest& request);

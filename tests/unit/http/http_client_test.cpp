@@ -187,6 +187,19 @@ TEST(CurlHttpClient, RepeatsARequestOnlyIfNoServerCanHaveActedOnIt) {
     }
 }
 
+TEST(CurlHttpClient, LeavesAConnectionThatItsServerIsAboutToClose) {
+    for (const auto& [header, connections] : {std::pair{"Keep-Alive: timeout=1000\r\n", 1u},
+                                              {"Keep-Alive: timeout=x\r\n", 1u},
+                                              {"keep-alive: max=7, timeout=0\r\n", 2u}}) {
+        ScriptedServer server(
+            answering("HTTP/1.1 200 OK\r\n" + std::string(header) + "Content-Length: 0\r\n\r\n"));
+        const auto client = makeCurlHttpClient();
+        for (int i = 0; i < 2; ++i)
+            EXPECT_TRUE(performBlocking(*client, {.method = "POST", .url = server.url()}));
+        EXPECT_EQ(server.connections(), connections) << header;
+    }
+}
+
 TEST(CurlHttpClient, TimesOutUnderWayAndInLine) {
     ScriptedServer server(hang);
     auto client = makeCurlHttpClient({.maxConnectionsPerHost = 1});
