@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "async/blocking_share.h"
 
+#include "util/attempt.h"
+
 namespace telvora {
 
 thread_local BlockingShare* BlockingShare::current_ = nullptr;
@@ -22,7 +24,7 @@ void BlockingShare::end() {
         resumed.swap(waiting_);
     }
     for (const auto& resume : resumed)
-        resume();
+        attempt("BlockingShare", resume);
 }
 
 }  // namespace telvora

@@ -13,6 +13,7 @@
 #include <deque>
 #include <map>
 
+#include "util/attempt.h"
 #include "util/error_text.h"
 #include "util/log.h"
 #include "util/mutex.h"
@@ -65,11 +66,13 @@ struct DescriptorClosers::State : std::enable_shared_from_this<State> {
 
     explicit State(std::function<void(int)> closeFunction) : closeFd(std::move(closeFunction)) {}
 
-    void add(const std::shared_ptr<Line>& line, Descriptor descriptor) TELVORA_EXCLUDES(mutex);
+    void add(const std::shared_ptr<Line>& line, Descriptor descriptor) noexcept TELVORA_EXCLUDES(mutex);
+    void queue(const std::shared_ptr<Line>& line, Descriptor descriptor) TELVORA_EXCLUDES(mutex);
     void startThread() TELVORA_REQUIRES(mutex);
     void serve();
     std::shared_ptr<Line> nextLine() TELVORA_EXCLUDES(mutex);
     void closeFirst(const std::shared_ptr<Line>& line) TELVORA_EXCLUDES(mutex);
+    void closeNow(Line& line, Descriptor descriptor) const;
     void drain(int connection) const;
     static void* threadMain(void* argument);
 
@@ -121,19 +124,36 @@ class DescriptorClosers::State::ConnectionCloser final : public FdCloser {
     const std::shared_ptr<Line> line_;
 };
 
-void DescriptorClosers::State::add(const std::shared_ptr<Line>& line, Descriptor descriptor) {
-    const MutexLock lock(mutex);
-    line->waiting.push_back(descriptor);
-    if (!std::exchange(line->scheduled, true)) ready.push_back(line);
-    if (ready.empty()) return;
-    if (ready.size() <= idleThreads) {
-        changed.notify_one();
-    } else {
-        startThread();
+// Without memory for the line, or a thread for the lines, the calling thread closes.
+void DescriptorClosers::State::add(const std::shared_ptr<Line>& line, Descriptor descriptor) noexcept {
+    const bool isQueued = attempt("DescriptorClosers", [&] { queue(line, descriptor); });
+    if (!isQueued) return closeNow(*line, descriptor);
+    std::shared_ptr<Line> unserved;
+    {
+        const MutexLock lock(mutex);
+        if (ready.empty()) return;
+        if (ready.size() <= idleThreads) return changed.notify_one();
+        attempt("DescriptorClosers", [this]() TELVORA_NO_THREAD_SAFETY_ANALYSIS { startThread(); });
+        if (threads > 0 || stopping) return;
+        unserved = std::move(ready.front());
+        ready.pop_front();
     }
+    closeFirst(unserved);
 }
 
-// On failure, the next descriptor tries again.
+void DescriptorClosers::State::queue(const std::shared_ptr<Line>& line, Descriptor descriptor) {
+    const MutexLock lock(mutex);
+    if (!line->scheduled) ready.push_back(line);
+    try {
+        line->waiting.push_back(descriptor);
+    } catch (const std::bad_alloc&) {
+        if (!line->scheduled) ready.pop_back();
+        throw;
+    }
+    line->scheduled = true;
+}
+
+// On failure, the next descriptor tries again, and the threads that there are work on.
 void DescriptorClosers::State::startThread() {
     if (stopping || threads >= kMaxThreads) return;
     auto self = std::make_unique<std::shared_ptr<State>>(shared_from_this());
@@ -190,16 +210,20 @@ void DescriptorClosers::State::closeFirst(const std::shared_ptr<Line>& line) {
         descriptor = line->waiting.front();
         line->waiting.pop_front();
     }
-    if (descriptor.isConnection) drain(descriptor.fd);
+    closeNow(*line, descriptor);
+    const MutexLock lock(mutex);
+    line->scheduled = !line->waiting.empty();
+    if (!line->scheduled) return;
+    // Without memory for the end of the queue, the next descriptor of the line brings it there.
+    line->scheduled =
+        attempt("DescriptorClosers", [&]() TELVORA_NO_THREAD_SAFETY_ANALYSIS { ready.push_back(line); });
+}
+
+void DescriptorClosers::State::closeNow(Line& line, Descriptor descriptor) const {
+    if (descriptor.isConnection) attempt("DescriptorClosers", [&] { drain(descriptor.fd); });
     withoutLinger(descriptor.fd);
     closeFd(descriptor.fd);
-    line->releaseOne();
-    const MutexLock lock(mutex);
-    if (line->waiting.empty()) {
-        line->scheduled = false;
-    } else {
-        ready.push_back(line);
-    }
+    line.releaseOne();
 }
 
 // Takes the descriptors that were not read out of the connection, so that none is closed with it.

@@ -7,8 +7,10 @@
 #include <asio/execution_context.hpp>
 #include <asio/post.hpp>
 #include <deque>
+#include <new>
 #include <utility>
 
+#include "async/loop_task.h"
 #include "util/mutex.h"
 
 namespace telvora {
@@ -22,7 +24,7 @@ class TurnQueue final : public asio::execution_context::service {
     static asio::execution_context::id id;
 
     explicit TurnQueue(asio::execution_context& loop)
-        : service(loop), loop_(static_cast<asio::io_context&>(loop)) {}
+        : service(loop), next_(static_cast<asio::io_context&>(loop), [this] { runNext(); }) {}
 
     void add(const std::shared_ptr<UserTurns>& user, Strand strand, std::function<void()> turn)
         TELVORA_EXCLUDES(lock_) {
@@ -30,8 +32,13 @@ class TurnQueue final : public asio::execution_context::service {
         auto found = std::find_if(users_.begin(), users_.end(),
                                   [&](const Waiting& waiting) { return waiting.user == user; });
         if (found == users_.end()) found = users_.insert(users_.end(), {user, {}});
-        found->turns.emplace_back(std::move(strand), std::move(turn));
-        if (!running_) postNext();
+        try {
+            found->turns.emplace_back(std::move(strand), std::move(turn));
+        } catch (const std::bad_alloc&) {
+            if (found->turns.empty()) users_.erase(found);
+            throw;
+        }
+        next_.post();
     }
 
   private:
@@ -46,27 +53,24 @@ class TurnQueue final : public asio::execution_context::service {
         const MutexLock lock(lock_);
         dropped.swap(users_);
     }
-    void postNext() TELVORA_REQUIRES(lock_) {
-        asio::post(loop_, [this] { runNext(); });
-        running_ = true;
-    }
-    // The loop handles other input between two turns. If there is no memory, the next add() goes on.
+    // The loop handles other input between two turns.
     void runNext() TELVORA_EXCLUDES(lock_) {
         const MutexLock lock(lock_);
-        running_ = false;
         if (users_.empty()) return;
-        auto& turns = users_.front().turns;
-        asio::post(turns.front().first, std::move(turns.front().second));
-        turns.pop_front();
-        if (!turns.empty()) users_.push_back(std::move(users_.front()));
-        users_.pop_front();
-        postNext();
+        auto [strand, turn] = std::move(users_.front().turns.front());
+        users_.front().turns.pop_front();
+        if (users_.front().turns.empty()) {
+            users_.pop_front();
+        } else {
+            std::rotate(users_.begin(), users_.begin() + 1, users_.end());
+        }
+        if (!users_.empty()) next_.post();
+        asio::post(strand, std::move(turn));
     }
 
-    asio::io_context& loop_;
     Mutex lock_;
     std::deque<Waiting> users_ TELVORA_GUARDED_BY(lock_);  // each with turns
-    bool running_ TELVORA_GUARDED_BY(lock_) = false;
+    LoopTask next_;
 };
 
 asio::execution_context::id TurnQueue::id;
@@ -97,7 +101,7 @@ bool UserTurns::isBusy() const {
 
 void UserTurns::queue(const std::shared_ptr<UserTurns>& user, const Strand& strand,
                       std::function<void()> turn) {
-    asio::use_service<TurnQueue>(strand.get_inner_executor().context()).add(user, strand, std::move(turn));
+    asio::use_service<TurnQueue>(strand.context()).add(user, strand, std::move(turn));
 }
 
 }  // namespace telvora

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <deque>
 #include <exception>
 #include <new>
 #include <optional>
@@ -19,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/attempt.h"
 #include "util/error_text.h"
 #include "util/log.h"
 #include "util/mutex.h"
@@ -51,7 +51,9 @@ struct WorkPool::Worker {
 
 struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
     State(size_t loopCount, std::chrono::milliseconds idle)
-        : loops(std::max<size_t>(loopCount, 1)), surplusIdleTime(idle) {}
+        : loops(std::max<size_t>(loopCount, 1)), surplusIdleTime(idle) {
+        loopsWithoutThread.reserve(loops.size());
+    }
 
     bool startThread() TELVORA_REQUIRES(mutex);
     void serve();
@@ -73,7 +75,7 @@ struct WorkPool::State : std::enable_shared_from_this<WorkPool::State> {
     std::vector<pthread_t> threads TELVORA_GUARDED_BY(mutex);
     // Threads that have no loop and do not block.
     size_t idleThreads TELVORA_GUARDED_BY(mutex) = 0;
-    std::deque<EventLoop*> loopsWithoutThread TELVORA_GUARDED_BY(mutex);
+    std::vector<EventLoop*> loopsWithoutThread TELVORA_GUARDED_BY(mutex);  // with room for all
     // A retired thread, which the next one to retire joins.
     std::optional<pthread_t> retired TELVORA_GUARDED_BY(mutex);
 
@@ -86,6 +88,7 @@ thread_local WorkPool::Worker* WorkPool::State::current = nullptr;
 // The thread finds its loop itself.
 bool WorkPool::State::startThread() {
     auto self = std::make_unique<std::shared_ptr<State>>(shared_from_this());
+    threads.reserve(threads.size() + 1);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStackBytes);
@@ -149,7 +152,7 @@ WorkPool::EventLoop* WorkPool::State::nextLoop() {
         return nullptr;
     }
     EventLoop* const loop = loopsWithoutThread.front();
-    loopsWithoutThread.pop_front();
+    loopsWithoutThread.erase(loopsWithoutThread.begin());
     return loop;
 }
 
@@ -168,8 +171,11 @@ void WorkPool::State::handOver(Worker& worker) {
         changed.notify_one();
     } else if (threads.size() >= loops.size() + kMaxSurplusThreads) {
         TELVORA_LOG(kLogDebug, "WorkPool: %zu threads, starting no more.", threads.size());
-    } else if (!startThread()) {
-        TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s", errorText(errno).c_str());
+    } else {
+        attempt("WorkPool", [this]() TELVORA_NO_THREAD_SAFETY_ANALYSIS {
+            if (startThread()) return;
+            TELVORA_LOG(kLogWarning, "WorkPool: can't start a thread: %s", errorText(errno).c_str());
+        });
     }
 }
 
@@ -211,7 +217,7 @@ WorkPool::~WorkPool() {
 
 Strand WorkPool::makeStrand() {
     const size_t turn = state_->nextStrand.fetch_add(1, std::memory_order_relaxed);
-    return asio::make_strand(state_->loops[turn % state_->loops.size()].context);
+    return Strand(state_->loops[turn % state_->loops.size()].context);
 }
 
 void WorkPool::stop() {

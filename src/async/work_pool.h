@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The thread pool that all strands run on. A strand (asio::strand) runs its work items one after another;
-// different strands run in parallel on the pool's threads.
+// The thread pool that all strands run on. Different strands run in parallel on the pool's threads.
 //
 // The pool has a fixed number of event loops, and each strand belongs to one of them. A loop is run by one
 // thread at a time, so that a work item runs on the thread that waited for its event. The hand-over to
@@ -17,17 +16,14 @@
 // the item returns.
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/strand.hpp>
 #include <chrono>
 #include <cstddef>
 #include <memory>
 
 #include "async/blocking_share.h"
+#include "async/strand.h"
 
 namespace telvora {
-
-using Strand = asio::strand<asio::io_context::executor_type>;
 
 class WorkPool {
   public:

@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -62,17 +63,21 @@ void logLine(int level, const char* format, ...) {
     const int length = std::vsnprintf(shortLine, sizeof shortLine, format, arguments);
     va_end(arguments);
 
-    std::string line;
-    if (length >= 0 && static_cast<size_t>(length) < sizeof shortLine) {
-        line = escaped({shortLine, static_cast<size_t>(length)});
-    } else if (length > 0) {
-        std::string whole(static_cast<size_t>(length) + 1, '\0');
-        std::vsnprintf(whole.data(), whole.size(), format, again);
-        whole.pop_back();
-        line = escaped(whole);
+    // Without memory, the line is lost: the caller's work does not depend on it.
+    try {
+        std::string line;
+        if (length >= 0 && static_cast<size_t>(length) < sizeof shortLine) {
+            line = escaped({shortLine, static_cast<size_t>(length)});
+        } else if (length > 0) {
+            std::string whole(static_cast<size_t>(length) + 1, '\0');
+            std::vsnprintf(whole.data(), whole.size(), format, again);
+            whole.pop_back();
+            line = escaped(whole);
+        }
+        sink(level, line);
+    } catch (const std::bad_alloc&) {
     }
     va_end(again);
-    sink(level, line);
 }
 
 }  // namespace telvora

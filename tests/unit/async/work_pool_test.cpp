@@ -117,7 +117,7 @@ TEST(WorkPool, BusyUsersTakeTurnsBehindTheInputOfOthers) {
 
 TEST(WorkPool, StopWaitsForRunningWorkAndDropsTheRest) {
     WorkPool pool(1);
-    asio::io_context& context = pool.makeStrand().get_inner_executor().context();
+    asio::io_context& context = pool.makeStrand().context();
     std::latch running(1);
     std::promise<void> release;
     std::atomic<bool> finished = false;
