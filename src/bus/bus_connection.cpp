@@ -15,9 +15,9 @@
 #include <asio/error.hpp>
 #include <asio/post.hpp>
 #include <cerrno>
-#include <new>
 
 #include "async/descriptor_closers.h"
+#include "util/attempt.h"
 #include "util/error_text.h"
 #include "util/hexadecimal.h"
 #include "util/random.h"
@@ -67,15 +67,6 @@ void BusConnection::start(ClosedHandler closed, std::function<void()> gone) {
     gone_ = std::move(gone);
     state_ = State::authenticating;
     asio::post(strand_, [self = shared_from_this()] { self->guarded([&] { self->begin(); }); });
-}
-
-// Runs a step of the strand. A connection that there is no memory for ends; its texts need none.
-template <typename Step>
-void BusConnection::guarded(Step step) try {
-    step();
-} catch (const std::bad_alloc&) {
-    inTurn_ = false;
-    end("no memory");
 }
 
 void BusConnection::begin() {
@@ -231,6 +222,8 @@ void BusConnection::flush() {
     if (!done) {
         hungUp_ = true;
         output_.clear();
+        // A peer that reads on finds the end in place of its answers.
+        shutdown(descriptor_.native_handle(), SHUT_WR);
     } else if (!*done) {
         waitFor(kWrite);
     }
@@ -242,7 +235,7 @@ void BusConnection::flush() {
 
 // After something was written outside a turn: what else is written meanwhile leaves with it.
 void BusConnection::flushSoon() {
-    if (inTurn_ || std::exchange(flushPosted_, true)) return;
+    if (inTurn_ || flushPosted_) return;
     asio::post(strand_, [self = shared_from_this()] {
         self->flushPosted_ = false;
         self->guarded([&] {
@@ -251,6 +244,7 @@ void BusConnection::flushSoon() {
             if (self->isOpen()) self->waitForMore();
         });
     });
+    flushPosted_ = true;
 }
 
 void BusConnection::waitForMore() {
@@ -259,7 +253,7 @@ void BusConnection::waitForMore() {
     // Before the authentication is done, the bytes that wait are an unfinished line.
     const bool hasMessage = state_ == State::ready && input_.hasMessage();
     if (!hasMessage && !inputEnded_) return waitFor(kRead);
-    if (std::exchange(turnPosted_, true)) return;
+    if (turnPosted_) return;
     const auto next = [self = shared_from_this()] {
         self->turnPosted_ = false;
         self->guarded([&] {
@@ -268,10 +262,11 @@ void BusConnection::waitForMore() {
     };
     userTurns_ && userTurns_->isBusy() ? UserTurns::queue(userTurns_, strand_, next)
                                        : asio::post(strand_, next);
+    turnPosted_ = true;
 }
 
 void BusConnection::waitFor(Wait wait) {
-    if (std::exchange(waiting_[wait], true)) return;
+    if (waiting_[wait]) return;
     static constexpr asio::posix::descriptor_base::wait_type kTypes[kWaits] = {
         asio::posix::descriptor_base::wait_read, asio::posix::descriptor_base::wait_write,
         asio::posix::descriptor_base::wait_error};
@@ -280,6 +275,7 @@ void BusConnection::waitFor(Wait wait) {
         if (!self->descriptor_.is_open() || error == asio::error::operation_aborted) return;
         self->guarded([&] { self->onReady(wait); });
     });
+    waiting_[wait] = true;
 }
 
 void BusConnection::onReady(Wait wait) {
@@ -294,9 +290,9 @@ void BusConnection::onReady(Wait wait) {
 // --- The end ---
 
 void BusConnection::startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)()) {
-    timer_ = std::make_unique<asio::steady_timer>(strand_, time);
+    timer_ = std::make_unique<Timer>(strand_, time);
     timer_->async_wait([self = shared_from_this(), expired](const asio::error_code& cancelled) {
-        if (!cancelled) (self.get()->*expired)();
+        if (!cancelled) self->guarded([&] { (self.get()->*expired)(); });
     });
 }
 
@@ -309,7 +305,7 @@ void BusConnection::close(const std::string& reason) {
     if (inTurn_) {
         if (!closeRequested_) closeRequested_ = reason;
     } else {
-        halfClose(reason);
+        guarded([&] { halfClose(reason); });
     }
 }
 
@@ -329,8 +325,13 @@ void BusConnection::end(const std::string& reason) {
     }
     const auto self = shared_from_this();
     state_ = State::ending;
-    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    runClosed(reason);
     teardown();
+}
+
+void BusConnection::runClosed(const std::string& reason) {
+    const ClosedHandler closed = std::exchange(closed_, nullptr);
+    if (closed) attempt("BusConnection(end)", [&] { closed(reason); });
 }
 
 void BusConnection::halfClose(const std::string& reason) {
@@ -341,7 +342,7 @@ void BusConnection::halfClose(const std::string& reason) {
     const auto self = shared_from_this();
     if (state_ == State::ready) flush();
     if (role_ != BusRole::kServer || state_ != State::ready) return end(reason);
-    if (const ClosedHandler closed = std::exchange(closed_, nullptr)) closed(reason);
+    runClosed(reason);
     if (state_ != State::ready || hungUp_ || inputEnded_) return teardown();
     state_ = State::halfClosed;
     startTimer(limits_.drainTimeout, &BusConnection::teardown);
@@ -370,7 +371,7 @@ void BusConnection::teardown() {
     uncongested_ = nullptr;
     mayHandle_ = nullptr;
     awaitsAdmission_ = nullptr;
-    if (const auto gone = std::exchange(gone_, nullptr)) gone();
+    if (const auto gone = std::exchange(gone_, nullptr)) attempt("BusConnection(teardown)", gone);
 }
 
 }  // namespace telvora

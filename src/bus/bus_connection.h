@@ -17,13 +17,14 @@
 // pending calls must be given up before the pool is.
 #pragma once
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
+#include <asio/basic_waitable_timer.hpp>
+#include <asio/posix/basic_stream_descriptor.hpp>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -82,7 +83,8 @@ using BusBody = std::function<bool(WireWriter& body)>;
 using BusCallHandler = std::function<std::optional<BusError>(size_t method, BusMessage& call)>;
 
 // A received call that is answered later. May be kept, answered and destroyed on any thread, as long as the
-// strand's pool exists. The caller gets no answer if it is destroyed unanswered.
+// strand's pool exists. The caller gets no answer if it is destroyed
+// unanswered, or an error if an exception destroys it, which only a lack of memory can cause.
 class PendingCall {
   public:
     PendingCall(std::shared_ptr<BusConnection> connection, uint32_t serial, bool wanted,
@@ -189,14 +191,25 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
         std::variant<ServerAuthentication, ClientAuthentication> end;  // this one
         std::string output;
     };
+    using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
+                                             asio::wait_traits<std::chrono::steady_clock>, Strand>;
     enum class State { created, authenticating, ready, halfClosed, ending, closed };
     enum Wait : unsigned { kRead, kWrite, kHangUp, kWaits };
 
     BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLimits limits);
 
-    // bus_connection.cpp: the turns of the strand and the end of the connection.
+    // Runs a step of the strand. A connection that there is no memory for ends; its texts need none.
     template <typename Step>
-    void guarded(Step step);
+    void guarded(Step step) {
+        try {
+            step();
+        } catch (const std::bad_alloc&) {
+            inTurn_ = false;
+            end("no memory");
+        }
+    }
+
+    // bus_connection.cpp: the turns of the strand and the end of the connection.
     void begin();
     void receive();
     void receiveInTurn();
@@ -215,6 +228,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void startTimer(std::chrono::milliseconds time, void (BusConnection::*expired)());
     bool endPostponed();
     void end(const std::string& reason);
+    void runClosed(const std::string& reason);
     void halfClose(const std::string& reason);
     void teardown();
 
@@ -234,7 +248,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void sendError(const MessageView& call, const BusError& error) {
         sendError(call.serial, isWanted(call), error);
     }
-    void settle(BusCallOrder order);
+    template <typename Answer>
+    void settle(BusCallOrder order, Answer answer);
     uint32_t nextSerial() { return ++lastSerial_ != 0 ? lastSerial_ : ++lastSerial_; }
     tl::expected<void, BusSendFailure> write(MessageView header, const BusBody& body);
 
@@ -242,8 +257,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     const BusRole role_;
     const BusLimits limits_;
     UniqueFd socket_;
-    asio::posix::stream_descriptor descriptor_;  // waits for the socket, without owning it
-    std::unique_ptr<asio::steady_timer> timer_;  // null if there is no time limit
+    asio::posix::basic_stream_descriptor<Strand> descriptor_;  // waits for the socket, without owning it
+    std::unique_ptr<Timer> timer_;                             // null if there is no time limit
     State state_ = State::created;
     bool waiting_[kWaits] = {};
     bool inTurn_ = false;

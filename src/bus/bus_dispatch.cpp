@@ -8,6 +8,7 @@
 
 #include "bus/bus_connection.h"
 #include "bus/bus_standard.h"
+#include "util/attempt.h"
 #include "util/log.h"
 #include "util/utf8.h"
 
@@ -75,7 +76,7 @@ void BusConnection::runHandler(const Export& target, size_t method, BusMessage& 
         checkRest(call.reader());
         if (failure) sendError(call.view(), *failure);
     } catch (const std::bad_alloc&) {
-        sendError(call.view(), {"org.freedesktop.DBus.Error.NoMemory", "There is no memory for this call."});
+        if (!call.isDeferred()) sendError(call.view(), noMemoryForCall());  // else its PendingCall answers
     } catch (const std::exception& exception) {
         sendError(call.view(), {kBusErrorFailed, exception.what()});
     }
@@ -173,30 +174,41 @@ void BusConnection::replyNow(BusMessage& call, const BusBody& body) {
 }
 
 std::shared_ptr<PendingCall> BusConnection::defer(BusMessage& call, BusCallOrder order) {
+    auto pending = std::make_shared<PendingCall>(shared_from_this(), call.view().serial,
+                                                 isWanted(call.view()), call.answerSignature(), order);
+    call.setDeferred();
     ++pendingCalls_;
     if (order == BusCallOrder::kExclusive) ++exclusiveCalls_;
-    return std::make_shared<PendingCall>(shared_from_this(), call.view().serial, isWanted(call.view()),
-                                         call.answerSignature(), order);
+    return pending;
 }
 
-void BusConnection::settle(BusCallOrder order) {
+// Sends the answer of a pending call, if there is one. Needs memory only for that.
+template <typename Answer>
+void BusConnection::settle(BusCallOrder order, Answer answer) {
     --pendingCalls_;
     if (order == BusCallOrder::kExclusive) --exclusiveCalls_;
-    flushSoon();
+    guarded([&] {
+        answer();
+        flushSoon();
+    });
 }
 
 PendingCall::~PendingCall() {
     if (answered_.load(std::memory_order_relaxed)) return;
-    asio::dispatch(connection_->strand_,
-                   [connection = connection_, order = order_] { connection->settle(order); });
+    const bool failed = std::uncaught_exceptions() > 0;
+    attempt("BusConnection(settle)", [&] {
+        asio::dispatch(connection_->strand_, [connection = connection_, serial = serial_,
+                                              wanted = wanted_ && failed, order = order_] {
+            connection->settle(order, [&] { connection->sendError(serial, wanted, noMemoryForCall()); });
+        });
+    });
 }
 
 void PendingCall::reply(BusBody body) {
     if (answered_.exchange(true, std::memory_order_relaxed)) return;
     asio::dispatch(connection_->strand_, [connection = connection_, serial = serial_, wanted = wanted_,
                                           signature = signature_, order = order_, body = std::move(body)] {
-        connection->sendReply(serial, wanted, signature, body);
-        connection->settle(order);
+        connection->settle(order, [&] { connection->sendReply(serial, wanted, signature, body); });
     });
 }
 
@@ -243,9 +255,15 @@ void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> d
 
 tl::expected<void, BusSendFailure> BusConnection::write(MessageView header, const BusBody& body) {
     header.serial = nextSerial();
-    WireWriter writer(output_.buffer(), header);
-    if (!body(writer)) return tl::unexpected(BusSendFailure::kInvalid);
-    if (!writer.finish(kMaxSentMessage)) return tl::unexpected(BusSendFailure::kTooLarge);
+    const size_t before = output_.buffer().size();
+    try {
+        WireWriter writer(output_.buffer(), header);
+        if (!body(writer)) return tl::unexpected(BusSendFailure::kInvalid);
+        if (!writer.finish(kMaxSentMessage)) return tl::unexpected(BusSendFailure::kTooLarge);
+    } catch (const std::bad_alloc&) {
+        output_.buffer().resize(before);  // the messages before it are whole
+        throw;
+    }
     flushSoon();
     return {};
 }

@@ -20,6 +20,10 @@ struct BusError {
     std::string message;
 };
 
+inline BusError noMemoryForCall() {
+    return {"org.freedesktop.DBus.Error.NoMemory", "There is no memory for this call."};
+}
+
 // Whether the calls that follow an unanswered call are carried out meanwhile.
 enum class BusCallOrder {
     kConcurrent,
@@ -55,6 +59,9 @@ class BusMessage {
     WireReader& reader() { return reader_; }
     // Takes a descriptor, by the index that the reader gave for it. Empty if it was taken before.
     UniqueFd takeDescriptor(uint32_t index) { return std::move(descriptors_[index]); }
+    // Whether a PendingCall answers the call.
+    bool isDeferred() const { return deferred_; }
+    void setDeferred() { deferred_ = true; }
     // The types of the answer to a call.
     const char* answerSignature() const { return answerSignature_; }
 
@@ -63,6 +70,7 @@ class BusMessage {
     std::vector<UniqueFd> descriptors_;
     const char* answerSignature_;
     WireReader reader_;
+    bool deferred_ = false;
 };
 
 }  // namespace telvora
