@@ -11,6 +11,7 @@
 #include "protocol/client_session_methods.h"
 #include "protocol/method_call.h"
 #include "protocol/method_export.h"
+#include "util/attempt.h"
 #include "util/log.h"
 #include "util/mutex.h"
 
@@ -66,6 +67,7 @@ class BusClientConnection : public ClientConnection,
 
   private:
     void begin();
+    void startBus();
     void exportInterfaces(BusConnection& bus);
     bool mayHandleCall();
     void resumeCalls();
@@ -105,16 +107,24 @@ class BusClientConnection : public ClientConnection,
     bool ended_ TELVORA_GUARDED_BY(outboxLock_) = false;
 };
 
+// A connection that can't begin ends here: until then, no other thread has it.
 void BusClientConnection::resume() {
-    asio::post(strand_, [self = shared_from_this()] { self->begin(); });
+    const bool begins = attempt("ClientConnection(resume)", [this] {
+        asio::post(strand_, [self = shared_from_this()] { self->begin(); });
+    });
+    if (begins) return;
+    ended("no memory");
+    gone();
 }
 
 void BusClientConnection::begin() {
-    const std::shared_ptr<BusConnection> bus = std::move(starting_);
-    if (!bus) {  // invalidated before
-        ended("invalidated");
-        return gone();
-    }
+    if (starting_ && attempt("ClientConnection(begin)", [this] { startBus(); })) return;
+    ended(starting_ ? "no memory" : "invalidated");  // invalidated before
+    gone();
+}
+
+void BusClientConnection::startBus() {
+    const std::shared_ptr<BusConnection> bus = starting_;
     exportInterfaces(*bus);
     bus_ = bus.get();
     resume_ = [weak = weak_from_this()] {
@@ -126,6 +136,7 @@ void BusClientConnection::begin() {
     bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
     bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
                [self = shared_from_this()] { self->gone(); });
+    starting_.reset();
 }
 
 void BusClientConnection::exportInterfaces(BusConnection& bus) {
@@ -191,14 +202,16 @@ void BusClientConnection::ended(const std::string& reason) {
     }
     session_.reset();
     files_.reset();
-    if (const auto handler = std::exchange(invalidationHandler_, nullptr)) handler();
-    emptyOutbox();
+    if (const auto handler = std::exchange(invalidationHandler_, nullptr))
+        attempt("ClientConnection(ended)", handler);
+    attempt("ClientConnection(ended)", [this] { emptyOutbox(); });
     bus_ = nullptr;
+    starting_.reset();
     {
         const MutexLock lock(outboxLock_);
         ended_ = true;
     }
-    emptyOutbox();
+    attempt("ClientConnection(ended)", [this] { emptyOutbox(); });
 }
 
 void BusClientConnection::gone() {
@@ -230,9 +243,9 @@ std::optional<Delivery> BusClientConnection::enqueue(MessageToClient& message) {
     if (outbox_.size() >= kMaxOutboxMessages || outboxBytes_ + size > kMaxOutboxBytes)
         return Delivery::tooMuchUnread;
     if (!user_.take(Quota::unreadBytes, size, outboxRoom_)) return Delivery::overQuota;
+    if (outbox_.empty()) asio::post(strand_, [self = shared_from_this()] { self->drainOutbox(); });
     outbox_.push_back(std::move(message));
     outboxBytes_ += size;
-    if (outbox_.size() == 1) asio::post(strand_, [self = shared_from_this()] { self->drainOutbox(); });
     return std::nullopt;
 }
 

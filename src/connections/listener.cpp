@@ -4,10 +4,11 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <asio/post.hpp>
+#include <asio/bind_allocator.hpp>
 #include <cerrno>
 #include <chrono>
 
+#include "util/attempt.h"
 #include "util/error_text.h"
 #include "util/log.h"
 
@@ -27,10 +28,10 @@ constexpr int kMostAtOnce = 64;
 
 Listener::Listener(asio::io_context& runLoop, UniqueFd socket, DescriptorClosers& closers, Accepted accepted,
                    MayWait mayWait)
-    : runLoop_(runLoop),
-      closers_(closers),
+    : closers_(closers),
       accepted_(std::move(accepted)),
       mayWait_(std::move(mayWait)),
+      passNextOn_(runLoop, [this] { passNextOn(); }),
       acceptor_(runLoop),
       pause_(runLoop) {
     asio::error_code error;
@@ -56,49 +57,71 @@ void Listener::close() {
 // A connection that is not accepted stays with the listening socket, which belongs to the service manager and
 // outlives a daemon that ends.
 void Listener::acceptNext() {
-    acceptor_.async_wait(asio::socket_base::wait_read, [this](asio::error_code error) {
+    const auto whenReadable = [this](asio::error_code error) {
         if (error || !acceptor_.is_open()) return;
-        for (int i = 0; i < kMostAtOnce; ++i) {
-            if (accept()) continue;
-            if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) break;
-            TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", errorText(errno).c_str());
-            pause_.expires_after(kPauseWithoutResources);
-            return pause_.async_wait([this](asio::error_code cancelled) {
-                if (!cancelled) acceptNext();
-            });
-        }
-        acceptNext();
-    });
+        pauses_ = false;
+        attempt("listener", [this] { acceptWaiting(); });
+        if (!pauses_) acceptNext();
+    };
+    acceptor_.async_wait(asio::socket_base::wait_read,
+                         asio::bind_allocator(HandlerAllocator(memory_), whenReadable));
+}
+
+void Listener::acceptWaiting() {
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        if (accept()) continue;
+        const int error = errno;
+        if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
+        pauses_ = true;
+        pause_.expires_after(kPauseWithoutResources);
+        pause_.async_wait(asio::bind_allocator(HandlerAllocator(memory_), [this](asio::error_code cancelled) {
+            if (!cancelled) acceptNext();
+        }));
+        TELVORA_LOG(kLogError, "listener: can't accept a connection: %s", errorText(error).c_str());
+        return;
+    }
 }
 
 // Puts the next connection at the end of its user's line. False, with the reason in errno, if there is none.
 bool Listener::accept() {
     const int connection = ::accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
     if (connection < 0) return false;
+    UniqueFd accepted(connection);
     const uid_t user = userOfPeer(connection).value_or(kUnknownUser);
-    UniqueFd owned(connection, closers_.of(user));
+    auto closer = closers_.of(user);
+    UniqueFd owned(accepted.release(), std::move(closer));
     auto place = mayWait_(user);
     if (!place) return true;
-    if (users_.empty()) asio::post(runLoop_, [this] { passNextOn(); });
     auto line =
         std::find_if(users_.begin(), users_.end(), [user](const Line& known) { return known.user == user; });
-    if (line == users_.end()) line = users_.insert(users_.end(), {user, {}});
-    line->connections.push_back({std::move(owned), std::move(*place)});
+    if (line != users_.end()) {
+        line->connections.push_back({std::move(owned), std::move(*place)});
+        return true;
+    }
+    std::deque<Connection> connections;
+    connections.push_back({std::move(owned), std::move(*place)});
+    users_.push_back({user, std::move(connections)});
+    passNextOn_.post();
     return true;
 }
 
 void Listener::passNextOn() {
     if (users_.empty()) return;  // closed
-    Line line = std::move(users_.front());
-    users_.pop_front();
+    Line& line = users_.front();
+    const uid_t user = line.user;
     UniqueFd socket = std::move(line.connections.front().socket);
-    line.connections.pop_front();               // with its charge
-    const bool refused = !mayWait_(line.user);  // as others of the line may have been since
-    if (!line.connections.empty()) users_.push_back(std::move(line));
-    if (!users_.empty()) asio::post(runLoop_, [this] { passNextOn(); });
-    if (refused) return;
-    // A connection without a peer has ended again.
-    if (const auto peer = readPeer(socket.get())) accepted_(std::move(socket), *peer);
+    line.connections.pop_front();  // with its charge
+    if (line.connections.empty()) {
+        users_.pop_front();
+    } else {
+        std::rotate(users_.begin(), users_.begin() + 1, users_.end());
+    }
+    if (!users_.empty()) passNextOn_.post();
+    attempt("listener", [&] {
+        if (!mayWait_(user)) return;  // as others of the line may have been refused since
+        // A connection without a peer has ended again.
+        if (const auto peer = readPeer(socket.get())) accepted_(std::move(socket), *peer);
+    });
 }
 
 }  // namespace telvora

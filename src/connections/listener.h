@@ -16,6 +16,8 @@
 #include "access/peer.h"
 #include "access/user_quotas.h"
 #include "async/descriptor_closers.h"
+#include "async/handler_memory.h"
+#include "async/loop_task.h"
 #include "util/unique_fd.h"
 
 namespace telvora {
@@ -54,15 +56,19 @@ class Listener {
     };
 
     void acceptNext();
+    void acceptWaiting();
     bool accept();
     void passNextOn();
 
-    asio::io_context& runLoop_;
+    // Of the waits for a connection and for the pause.
+    const std::shared_ptr<HandlerMemory<2>> memory_ = std::make_shared<HandlerMemory<2>>();
     DescriptorClosers& closers_;
     const Accepted accepted_;
     const MayWait mayWait_;
+    LoopTask passNextOn_;
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;
+    bool pauses_ = false;     // until pause_ has expired
     std::deque<Line> users_;  // with connections that wait, next one first
 };
 

@@ -17,6 +17,7 @@
 #include "platform/uuid.h"
 #include "protocol/status_keys.h"
 #include "session/session_status.h"
+#include "util/attempt.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -37,7 +38,8 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
       // The outbox sends before shutdown_ exists.
-      http_(tappedHttp_, timeOfDay, [this] { asio::post(runLoop_, [this] { shutdown_.check(); }); }),
+      httpIdle_(runLoop_, [this] { shutdown_.check(); }),
+      http_(tappedHttp_, timeOfDay, [this] { httpIdle_.post(); }),
       outbox_(openOutbox()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
@@ -150,7 +152,9 @@ void Daemon::run() {
     TELVORA_LOG(kLogInfo, "main: Listener resumes with sandbox, start loop.");
     releaseFreeMemory();  // that the confinement used
     notifyServiceManager("READY=1");
-    runLoop_.run();
+    // A handler that there is no memory for is lost, not the process.
+    while (!attempt("main", [this] { runLoop_.run(); })) {
+    }
 
     logLosses();
     quotas_.logRefusals();

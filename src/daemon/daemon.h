@@ -81,6 +81,7 @@ class Daemon final : private StatusInterface {
     const std::unique_ptr<PowerLog> powerLog_;
     ReportLedger ledger_;
     TappedHttpClient tappedHttp_;
+    LoopTask httpIdle_;
     InFlightHttpClient http_;
     const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
     const BackendServices backendServices_;

@@ -10,6 +10,7 @@
 
 #include "http/http_client.h"
 #include "http/server_outcomes.h"
+#include "util/attempt.h"
 #include "util/time_value.h"
 
 namespace telvora {
@@ -28,7 +29,10 @@ class InFlightHttpClient final : public HttpClient {
         const auto counted = std::make_shared<const Counted>(shared_, request.url, std::move(completion));
         client_.start(std::move(request), [counted](HttpResult result) {
             Shared& shared = *counted->shared;
-            shared.outcomes.record(counted->url, result, TelvoradUtil::secondsFromTimeValue(shared.clock()));
+            attempt("InFlightHttpClient", [&] {
+                shared.outcomes.record(counted->url, result,
+                                       TelvoradUtil::secondsFromTimeValue(shared.clock()));
+            });
             counted->completion(std::move(result));
         });
     }

@@ -8,6 +8,7 @@
 #include <asio/steady_timer.hpp>
 #include <utility>
 
+#include "util/attempt.h"
 #include "util/mutex.h"
 
 namespace telvora {
@@ -44,7 +45,8 @@ struct KeepAliveTransaction::State : std::enable_shared_from_this<KeepAliveTrans
             count += by;
             if (count != (by > 0 ? 1 : 0)) return;  // neither the first nor the last
         }
-        checkSoon();
+        // Without it, the timer runs on or does not start. The next change checks again.
+        attempt("KeepAliveTransaction", [this] { checkSoon(); });
     }
 
     void checkSoon() {

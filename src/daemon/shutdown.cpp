@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/shutdown.h"
 
-#include <asio/post.hpp>
 #include <csignal>
 
 #include "util/log.h"
@@ -18,6 +17,10 @@ Shutdown::Shutdown(asio::io_context& runLoop, Steps steps, std::chrono::millisec
     : runLoop_(runLoop),
       steps_(std::move(steps)),
       deadline_(deadline),
+      check_(runLoop,
+             [this] {
+                 if (begun_ && steps_.isIdle()) runLoop_.stop();
+             }),
       signals_(runLoop, SIGTERM, SIGINT),
       timer_(runLoop) {}
 
@@ -51,11 +54,4 @@ void Shutdown::begin() {
     });
     check();
 }
-
-void Shutdown::check() {
-    asio::post(runLoop_, [this] {
-        if (begun_ && steps_.isIdle()) runLoop_.stop();
-    });
-}
-
 }  // namespace telvora

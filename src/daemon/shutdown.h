@@ -10,6 +10,8 @@
 #include <chrono>
 #include <functional>
 
+#include "async/loop_task.h"
+
 namespace telvora {
 
 // Belongs to the run loop that it is made with. The loop runs until the shutdown is complete.
@@ -30,8 +32,9 @@ class Shutdown {
     void onSignals();
     // Begins now. On the run loop's thread.
     void begin();
-    // Ends the run loop if the daemon has become idle and the shutdown has begun. Callable from any thread.
-    void check();
+    // Ends the run loop if the daemon has become idle and the shutdown has begun. Callable from any thread;
+    // needs no memory.
+    void check() { check_.post(); }
 
   private:
     void awaitSignal();
@@ -39,6 +42,7 @@ class Shutdown {
     asio::io_context& runLoop_;
     const Steps steps_;
     const std::chrono::milliseconds deadline_;
+    LoopTask check_;
     asio::signal_set signals_;
     asio::steady_timer timer_;
     bool begun_ = false;

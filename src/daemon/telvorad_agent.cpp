@@ -43,29 +43,36 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
                 connection->description().c_str(), static_cast<int>(sessionCount()),
                 static_cast<int>(hierarchies_.count()));
 
-    ++sessionsAlive_;
     const SessionServices& services = services_.sessionServices;
     auto files =
         std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
     auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
+    ClientConnection::Admission mayHandle = [this, user, &session = *session](bool resumed,
+                                                                              const auto& resume) {
+        if (!user.blockingShare()->mayStart(resume)) return false;
+        return resumed || !session.everInHierarchy() || storebags_.isIdle(resume);
+    };
+    std::function<void()> whenInvalidated = [this, session] { invalidated(session); };
+    // The handler holds the connection's charge on the user's quota.
+    std::function<void()> whenGone = [this, connected] {
+        if (--sessionsAlive_ == 0) services_.noSessionsLeft();
+    };
+    std::list<RegisteredSession> registered;
+    registered.push_back({session, peer, connection, std::move(place)});
+    {
+        const RecursiveMutexLock lock(sessionListLock_);
+        sessionPlaces_.emplace(session.get(), registered.begin());
+        // From here on, no step needs memory: a registered session's connection begins, or ends.
+        if (sessionList_.empty()) services_.keepAlive.begin();
+        sessionList_.splice(sessionList_.end(), registered);
+    }
+    ++sessionsAlive_;
     connection->setClientFiles(std::move(files));
     connection->setExportedObject(session);
     connection->setUser(user);
-    {
-        const RecursiveMutexLock lock(sessionListLock_);
-        if (sessionList_.empty()) services_.keepAlive.begin();
-        sessionPlaces_[session.get()] =
-            sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
-    }
-    connection->setAdmission([this, user, &session = *session](bool resumed, const auto& resume) {
-        if (!user.blockingShare()->mayStart(resume)) return false;
-        return resumed || !session.everInHierarchy() || storebags_.isIdle(resume);
-    });
-    connection->setInvalidationHandler([this, session] { invalidated(session); });
-    // The handler holds the connection's charge on the user's quota.
-    connection->setGoneHandler([this, connected] {
-        if (--sessionsAlive_ == 0) services_.noSessionsLeft();
-    });
+    connection->setAdmission(std::move(mayHandle));
+    connection->setInvalidationHandler(std::move(whenInvalidated));
+    connection->setGoneHandler(std::move(whenGone));
     connection->resume();
     return true;
 }
