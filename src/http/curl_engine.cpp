@@ -2,10 +2,12 @@
 #include "http/curl_engine.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <limits>
 #include <thread>
 
 #include "http/http_request_rules.h"
+#include "util/attempt.h"
 #include "util/log.h"
 
 namespace telvora {
@@ -23,13 +25,15 @@ std::chrono::milliseconds timeLimit(const HttpRequest& request, const CurlHttpCl
            std::chrono::milliseconds(request.body.size() * 1000 / kLeastBodyBytesPerSecond);
 }
 
-HttpResult timedOut(const HttpExchange& exchange) {
-    const std::string limit = std::to_string(exchange.limit.count()) + " ms";
-    if (exchange.carrier != nullptr) {
-        return tl::unexpected(makeHttpError(CURLE_OPERATION_TIMEDOUT, "no complete answer within " + limit));
-    }
-    return tl::unexpected(HttpError{CURLE_OPERATION_TIMEDOUT, "no connection was free within " + limit,
-                                    HttpError::Kind::tooManyPending});
+HttpResult timedOut(const HttpExchange& exchange) noexcept {
+    const bool isCarried = exchange.carrier != nullptr;
+    char text[80];
+    std::snprintf(text, sizeof text, "%s within %lld ms",
+                  isCarried ? "no complete answer" : "no connection was free",
+                  static_cast<long long>(exchange.limit.count()));
+    HttpError error = makeHttpError(CURLE_OPERATION_TIMEDOUT, text);
+    if (!isCarried) error.kind = HttpError::Kind::tooManyPending;
+    return tl::unexpected(std::move(error));
 }
 
 }  // namespace
@@ -55,26 +59,36 @@ CurlEngine::~CurlEngine() {
     curl_.multiCleanup(multi_);
 }
 
-void CurlEngine::add(std::unique_ptr<HttpExchange> exchange) {
-    deadlines_.emplace(exchange->deadline, exchange.get());
-    ExchangeQueue& queue = queueOf(*exchange);
-    queue.add(std::move(exchange));
+void CurlEngine::add(std::unique_ptr<HttpExchange>& exchange) {
+    const auto deadline = deadlines_.emplace(exchange->deadline, exchange.get()).first;
+    try {
+        queueOf(*exchange).add(exchange);
+    } catch (const std::bad_alloc&) {
+        deadlines_.erase(deadline);
+        throw;
+    }
 }
 
-std::vector<CurlEngine::Finished> CurlEngine::perform() {
+CurlEngine::Finished CurlEngine::perform() {
     expire();
     startWaiting();
     int running = 0;
     const CURLMcode code = curl_.multiPerform(multi_, &running);
     if (code != CURLM_OK) {
         TELVORA_LOG(kLogError, "CurlEngine(perform): %s", curl_.multiStrerror(code));
+        failed_ = true;
         return abandon(code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT);
     }
     collectEnded();
-    return std::exchange(finished_, {});
+    return takeFinished();
 }
 
-std::vector<CurlEngine::Finished> CurlEngine::abandon(CURLcode code) {
+CurlEngine::Finished CurlEngine::takeFinished() noexcept {
+    lastFinished_ = &finished_;
+    return std::move(finished_);
+}
+
+CurlEngine::Finished CurlEngine::abandon(CURLcode code) noexcept {
     for (const auto& transfer : transfers_) {
         if (transfer->exchange() != nullptr) finish(*transfer, transfer->end(code));
     }
@@ -82,7 +96,7 @@ std::vector<CurlEngine::Finished> CurlEngine::abandon(CURLcode code) {
         while (const HttpExchange* exchange = queue->anyWaiting())
             addFinished(queue->remove(*exchange), failure(code));
     }
-    return std::exchange(finished_, {});
+    return takeFinished();
 }
 
 void CurlEngine::wait(std::chrono::milliseconds limit) {
@@ -108,8 +122,9 @@ void CurlEngine::startWaiting() {
     }
 }
 
-void CurlEngine::begin(std::unique_ptr<HttpExchange> exchange) {
-    CurlTransfer* transfer = freeTransfer();
+void CurlEngine::begin(std::unique_ptr<HttpExchange> exchange) noexcept {
+    CurlTransfer* transfer = nullptr;
+    attempt("CurlEngine(begin)", [&] { transfer = freeTransfer(); });
     if (transfer == nullptr) {
         queueOf(*exchange).release(*exchange);
         addFinished(std::move(exchange), failure(CURLE_OUT_OF_MEMORY));
@@ -128,6 +143,7 @@ CurlTransfer* CurlEngine::freeTransfer() {
     if (freeTransfers_.empty()) {
         auto made = std::make_unique<CurlTransfer>(curl_, options_, connections_);
         if (made->handle() == nullptr) return nullptr;
+        freeTransfers_.reserve(transfers_.size() + 1);  // so that it can be given back
         transfers_.push_back(std::move(made));
         return transfers_.back().get();
     }
@@ -137,7 +153,7 @@ CurlTransfer* CurlEngine::freeTransfer() {
     return transfer;
 }
 
-void CurlEngine::collectEnded() {
+void CurlEngine::collectEnded() noexcept {
     int left = 0;
     while (const CURLMsg* message = curl_.multiInfoRead(multi_, &left)) {
         if (message->msg == CURLMSG_DONE) {
@@ -154,7 +170,7 @@ bool CurlEngine::startAgain(CurlTransfer& transfer, CURLcode code) {
     return curl_.multiAddHandle(multi_, transfer.handle()) == CURLM_OK;
 }
 
-void CurlEngine::finish(CurlTransfer& transfer, HttpResult result) {
+void CurlEngine::finish(CurlTransfer& transfer, HttpResult result) noexcept {
     ExchangeQueue& queue = queueOf(*transfer.exchange());
     if (result && transfer.isMultiplexed()) queue.extendServer(*transfer.exchange(), kMaxStreamsPerServer);
     curl_.multiRemoveHandle(multi_, transfer.handle());
@@ -165,23 +181,26 @@ void CurlEngine::finish(CurlTransfer& transfer, HttpResult result) {
 }
 
 // Ends an exchange that has left its queue.
-void CurlEngine::addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result) {
+void CurlEngine::addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result) noexcept {
     deadlines_.erase({exchange->deadline, exchange.get()});
-    finished_.push_back({std::move(exchange), std::move(result)});
+    exchange->result = std::move(result);
+    *lastFinished_ = std::move(exchange);
+    lastFinished_ = &(*lastFinished_)->next;
 }
 
-HttpResult CurlEngine::failure(CURLcode code) const {
+HttpResult CurlEngine::failure(CURLcode code) const noexcept {
     return tl::unexpected(makeHttpError(code, curl_.easyStrerror(code)));
 }
 
-void CurlEngine::setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit) {
-    deadlines_.erase({exchange.deadline, &exchange});
+void CurlEngine::setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit) noexcept {
+    auto node = deadlines_.extract({exchange.deadline, &exchange});
     exchange.limit = limit;
     exchange.deadline = std::chrono::steady_clock::now() + limit;
-    deadlines_.emplace(exchange.deadline, &exchange);
+    node.value().first = exchange.deadline;
+    deadlines_.insert(std::move(node));
 }
 
-void CurlEngine::expire() {
+void CurlEngine::expire() noexcept {
     const TimePoint now = std::chrono::steady_clock::now();
     while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
         const HttpExchange& exchange = *deadlines_.begin()->second;

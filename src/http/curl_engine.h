@@ -22,10 +22,8 @@ namespace telvora {
 
 class CurlEngine {
   public:
-    struct Finished {
-        std::unique_ptr<HttpExchange> exchange;
-        HttpResult result;
-    };
+    // The first of the exchanges that have finished, or null; HttpExchange::next has the others.
+    using Finished = std::unique_ptr<HttpExchange>;
 
     // Both must outlive the engine. Null if libcurl has no memory left.
     static std::unique_ptr<CurlEngine> make(const CurlLibrary& curl, const CurlHttpClientOptions& options);
@@ -34,13 +32,16 @@ class CurlEngine {
     CurlEngine(const CurlEngine&) = delete;
     CurlEngine& operator=(const CurlEngine&) = delete;
 
-    void add(std::unique_ptr<HttpExchange> exchange);
+    // Takes the exchange. Throws std::bad_alloc, and leaves it, if there is no memory for it.
+    void add(std::unique_ptr<HttpExchange>& exchange);
 
     // Advances all exchanges without waiting, and returns those that have ended.
-    std::vector<Finished> perform();
+    Finished perform();
+    // Whether libcurl has failed: the engine is of no use any more, and has no exchange.
+    bool failed() const { return failed_; }
 
-    // Ends all exchanges with an error.
-    std::vector<Finished> abandon(CURLcode code);
+    // Ends all exchanges with an error. Needs no memory.
+    Finished abandon(CURLcode code) noexcept;
 
     // Waits until an exchange can advance, wake() is called, or `limit` has passed.
     void wait(std::chrono::milliseconds limit);
@@ -63,15 +64,16 @@ class CurlEngine {
 
     ExchangeQueue& queueOf(const HttpExchange& exchange) { return exchange.isForBag() ? bags_ : others_; }
     void startWaiting();
-    void begin(std::unique_ptr<HttpExchange> exchange);
+    void begin(std::unique_ptr<HttpExchange> exchange) noexcept;
     CurlTransfer* freeTransfer();
     bool startAgain(CurlTransfer& transfer, CURLcode code);
-    void finish(CurlTransfer& transfer, HttpResult result);
-    void addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result);
-    HttpResult failure(CURLcode code) const;
-    void collectEnded();
-    void setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit);
-    void expire();
+    void finish(CurlTransfer& transfer, HttpResult result) noexcept;
+    void addFinished(std::unique_ptr<HttpExchange> exchange, HttpResult result) noexcept;
+    HttpResult failure(CURLcode code) const noexcept;
+    void collectEnded() noexcept;
+    Finished takeFinished() noexcept;
+    void setDeadline(HttpExchange& exchange, std::chrono::milliseconds limit) noexcept;
+    void expire() noexcept;
 
     const CurlLibrary& curl_;
     const CurlHttpClientOptions& options_;
@@ -82,7 +84,9 @@ class CurlEngine {
     ExchangeQueue bags_;
     ExchangeQueue others_;
     std::set<std::pair<TimePoint, const HttpExchange*>> deadlines_;
-    std::vector<Finished> finished_;
+    Finished finished_;
+    Finished* lastFinished_ = &finished_;  // the null at the end
+    bool failed_ = false;
 };
 
 }  // namespace telvora

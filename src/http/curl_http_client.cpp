@@ -16,6 +16,7 @@
 #include "http/http_client.h"
 #include "http/http_request_rules.h"
 #include "http/pending_requests.h"
+#include "util/attempt.h"
 #include "util/log.h"
 #include "util/mutex.h"
 #include "util/signal_mask.h"
@@ -28,8 +29,8 @@ constexpr std::chrono::milliseconds kMaxTimeout = std::chrono::hours(24);
 constexpr size_t kMaxPendingBags = 256;
 constexpr size_t kExchangeOverhead = 1024;  // bytes of an exchange beside its texts
 
-HttpResult failure(CURLcode code, std::string description) {
-    return tl::unexpected(makeHttpError(code, std::move(description)));
+HttpResult failure(CURLcode code, std::string_view description) {
+    return tl::unexpected(makeHttpError(code, description));
 }
 
 size_t costOf(const HttpRequest& request) {
@@ -64,7 +65,8 @@ class CurlHttpClient : public HttpClient {
     bool waitForWork(CurlEngine& engine) TELVORA_EXCLUDES(mutex_);
     bool mayEnd() TELVORA_EXCLUDES(mutex_);
     void refuseIncoming(CURLcode code) TELVORA_EXCLUDES(mutex_);
-    void complete(std::vector<CurlEngine::Finished> finished) TELVORA_EXCLUDES(mutex_);
+    void complete(CurlEngine::Finished finished) noexcept TELVORA_EXCLUDES(mutex_);
+    void completeOne(std::unique_ptr<HttpExchange> exchange) noexcept TELVORA_EXCLUDES(mutex_);
     void forget(const HttpExchange& exchange) TELVORA_EXCLUDES(mutex_);
 
     const CurlHttpClientOptions options_;
@@ -102,7 +104,7 @@ void CurlHttpClient::start(HttpRequest request, Completion completion) {
 HttpResult CurlHttpClient::accept(std::unique_ptr<HttpExchange>& exchange) {
     const HttpRequest& request = exchange->request;
     if (std::optional<std::string> fault = faultOfRequest(request)) {
-        return failure(CURLE_BAD_FUNCTION_ARGUMENT, std::move(*fault));
+        return failure(CURLE_BAD_FUNCTION_ARGUMENT, *fault);
     }
     exchange->server = serverOfUrl(request.url);
     exchange->cost = costOf(request);
@@ -112,6 +114,7 @@ HttpResult CurlHttpClient::accept(std::unique_ptr<HttpExchange>& exchange) {
     const MutexLock lock(mutex_);
     if (stopping_) return failure(CURLE_ABORTED_BY_CALLBACK, "the HTTP client is shutting down");
     if (!ensureThread()) return failure(CURLE_FAILED_INIT, "the HTTP thread can't be started");
+    if (incoming_.size() == incoming_.capacity()) incoming_.reserve(2 * incoming_.size() + 1);
     if (!pendingLike(*exchange).add(*exchange)) {
         return failure(CURLE_NO_CONNECTION_AVAILABLE, "too many requests are pending");
     }
@@ -148,7 +151,8 @@ bool CurlHttpClient::ensureThread() {
 void CurlHttpClient::run() {
     pthread_setname_np(pthread_self(), "telvora-http");
     do {
-        const std::unique_ptr<CurlEngine> engine = CurlEngine::make(*curl_, options_);
+        std::unique_ptr<CurlEngine> engine;
+        attempt("CurlHttpClient(run)", [&] { engine = CurlEngine::make(*curl_, options_); });
         if (engine == nullptr) {
             refuseIncoming(CURLE_OUT_OF_MEMORY);
         } else {
@@ -158,15 +162,16 @@ void CurlHttpClient::run() {
     malloc_trim(0);  // returns the memory of the exchanges to the system
 }
 
-// Returns once the engine has been idle for long enough, or the client is destroyed.
+// Returns once the engine has been idle for long enough or has failed, or the client is destroyed.
 void CurlHttpClient::serve(CurlEngine& engine) {
     for (;;) {
         if (!takeIncoming(engine)) {
             complete(engine.abandon(CURLE_ABORTED_BY_CALLBACK));
             return;
         }
-        std::vector<CurlEngine::Finished> finished = engine.perform();
-        if (!finished.empty()) {
+        CurlEngine::Finished finished = engine.perform();
+        if (engine.failed()) return complete(std::move(finished));
+        if (finished) {
             complete(std::move(finished));
         } else if (!waitForWork(engine)) {
             return;
@@ -183,8 +188,11 @@ bool CurlHttpClient::takeIncoming(CurlEngine& engine) {
         incoming.swap(incoming_);
         stopping = stopping_;
     }
-    for (auto& exchange : incoming)
-        engine.add(std::move(exchange));
+    for (auto& exchange : incoming) {
+        if (attempt("CurlHttpClient(takeIncoming)", [&] { engine.add(exchange); })) continue;
+        exchange->result = failure(CURLE_OUT_OF_MEMORY, curl_->easyStrerror(CURLE_OUT_OF_MEMORY));
+        completeOne(std::move(exchange));
+    }
     return !stopping;
 }
 
@@ -217,28 +225,35 @@ bool CurlHttpClient::mayEnd() {
 }
 
 void CurlHttpClient::refuseIncoming(CURLcode code) {
-    std::vector<CurlEngine::Finished> refused;
+    std::vector<std::unique_ptr<HttpExchange>> refused;
     {
         const MutexLock lock(mutex_);
-        for (auto& exchange : incoming_)
-            refused.push_back({std::move(exchange), failure(code, curl_->easyStrerror(code))});
-        incoming_.clear();
+        refused.swap(incoming_);
     }
-    complete(std::move(refused));
+    for (auto& exchange : refused) {
+        exchange->result = failure(code, curl_->easyStrerror(code));
+        completeOne(std::move(exchange));
+    }
 }
 
 // Each request stops counting before its completion runs, so that the completion may start another.
-void CurlHttpClient::complete(std::vector<CurlEngine::Finished> finished) {
-    for (CurlEngine::Finished& each : finished) {
-        forget(*each.exchange);
-        try {
-            each.exchange->completion(std::move(each.result));
-        } catch (const std::exception& error) {
-            TELVORA_LOG(kLogError, "CurlHttpClient(complete): a completion failed: %s", error.what());
-        } catch (...) {
-            TELVORA_LOG(kLogError, "CurlHttpClient(complete): a completion failed");
-        }
-        each.exchange.reset();  // frees the objects that its completion keeps alive
+void CurlHttpClient::complete(CurlEngine::Finished finished) noexcept {
+    while (finished) {
+        CurlEngine::Finished next = std::move(finished->next);
+        completeOne(std::move(finished));  // and frees the objects that its completion keeps alive
+        finished = std::move(next);
+    }
+}
+
+void CurlHttpClient::completeOne(std::unique_ptr<HttpExchange> exchange) noexcept {
+    forget(*exchange);
+    try {
+        const Completion completion = std::move(exchange->completion);  // an exception destroys it
+        completion(std::move(exchange->result));
+    } catch (const std::exception& error) {
+        TELVORA_LOG(kLogError, "CurlHttpClient(complete): a completion failed: %s", error.what());
+    } catch (...) {
+        TELVORA_LOG(kLogError, "CurlHttpClient(complete): a completion failed");
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "http/http_request_rules.h"
 #include "util/ascii.h"
+#include "util/attempt.h"
 
 namespace telvora {
 
@@ -70,8 +71,10 @@ HttpError::Kind kindOf(CURLcode code) {
 
 }  // namespace
 
-HttpError makeHttpError(CURLcode code, std::string description) {
-    return {code, std::move(description), kindOf(code)};
+HttpError makeHttpError(CURLcode code, std::string_view description) noexcept {
+    HttpError error{code, "no memory", kindOf(code)};  // which fits into any string
+    attempt("makeHttpError", [&] { error.description = description; });
+    return error;
 }
 
 CurlTransfer::CurlTransfer(const CurlLibrary& curl, const CurlHttpClientOptions& options,
@@ -313,7 +316,7 @@ bool CurlTransfer::isMultiplexed() const {
     return version == CURL_HTTP_VERSION_2_0;
 }
 
-HttpResult CurlTransfer::end(CURLcode code) {
+HttpResult CurlTransfer::end(CURLcode code) noexcept {
     if (tooLong_ || code == CURLE_FILESIZE_EXCEEDED) {
         return tl::unexpected(makeHttpError(CURLE_FILESIZE_EXCEEDED, "the answer is longer than allowed"));
     }

@@ -18,7 +18,7 @@
 namespace telvora {
 
 // The error for one of libcurl's codes.
-HttpError makeHttpError(CURLcode code, std::string description);
+HttpError makeHttpError(CURLcode code, std::string_view description) noexcept;
 
 class CurlTransfer {
   public:
@@ -50,7 +50,7 @@ class CurlTransfer {
     // Whether the server carries several exchanges over one connection (HTTP/2).
     bool isMultiplexed() const;
     // The result of the exchange, which libcurl ended with `code`.
-    HttpResult end(CURLcode code);
+    HttpResult end(CURLcode code) noexcept;
     // Returns the exchange; the transfer is then free.
     std::unique_ptr<HttpExchange> release();
 

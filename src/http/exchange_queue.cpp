@@ -2,6 +2,7 @@
 #include "http/exchange_queue.h"
 
 #include <algorithm>
+#include <new>
 
 #include "http/fair_share.h"
 
@@ -12,27 +13,41 @@ namespace {
 // The first in turn, which becomes the last.
 template <typename T>
 T& nextInTurn(std::deque<T*>& turns) {
-    T* const next = turns.front();
-    turns.pop_front();
-    turns.push_back(next);
-    return *next;
+    std::rotate(turns.begin(), turns.begin() + 1, turns.end());
+    return *turns.back();
 }
 
 }  // namespace
 
-void ExchangeQueue::add(std::unique_ptr<HttpExchange> exchange) {
+void ExchangeQueue::add(std::unique_ptr<HttpExchange>& exchange) try {
+    putInLine(exchange);
+} catch (const std::bad_alloc&) {
+    dropEmptyOf(*exchange);
+    throw;
+}
+
+void ExchangeQueue::putInLine(std::unique_ptr<HttpExchange>& exchange) {
     ExchangeUser& user = users_[exchange->request.user];
     ExchangeServer& server = servers_[exchange->server];
     server.slots = std::max(server.slots, slotsPerServer_);
     const auto [at, isNew] = user.lines.try_emplace(exchange->server, ExchangeLine{user, server});
     server.lines += isNew;
     ExchangeLine& line = at->second;
-    if (line.waiting.empty()) {
-        if (user.turns.empty()) turns_.push_back(&user);
-        user.turns.push_back(&line);
-    }
     exchange->line = &line;
-    line.waiting.push_back(std::move(exchange));
+    try {
+        if (line.waiting.empty()) {
+            user.turns.push_back(&line);
+            if (user.turns.size() == 1) turns_.push_back(&user);
+        }
+        line.waiting.push_back(std::move(exchange));
+    } catch (const std::bad_alloc&) {
+        leaveTurnIfDone(line);
+        if (line.used == 0 && line.waiting.empty()) {
+            --server.lines;
+            user.lines.erase(at);
+        }
+        throw;
+    }
 }
 
 std::unique_ptr<HttpExchange> ExchangeQueue::takeNext() {
@@ -92,10 +107,16 @@ void ExchangeQueue::leaveTurnIfDone(ExchangeLine& line) {
 void ExchangeQueue::dropIfUnused(const HttpExchange& exchange) {
     const ExchangeLine& line = *exchange.line;
     if (line.used > 0 || !line.waiting.empty()) return;
-    ExchangeUser& user = line.user;
-    if (--line.server.lines == 0) servers_.erase(exchange.server);
-    user.lines.erase(exchange.server);
-    if (user.lines.empty()) users_.erase(exchange.request.user);
+    --line.server.lines;
+    line.user.lines.erase(exchange.server);
+    dropEmptyOf(exchange);
+}
+
+void ExchangeQueue::dropEmptyOf(const HttpExchange& exchange) {
+    const auto server = servers_.find(exchange.server);
+    if (server != servers_.end() && server->second.lines == 0) servers_.erase(server);
+    const auto user = users_.find(exchange.request.user);
+    if (user != users_.end() && user->second.lines.empty()) users_.erase(user);
 }
 
 }  // namespace telvora

@@ -46,8 +46,9 @@ class ExchangeQueue {
     // At most so many exchanges hold a slot, in total and with one server.
     ExchangeQueue(size_t slots, size_t slotsPerServer) : slots_(slots), slotsPerServer_(slotsPerServer) {}
 
-    // Puts the exchange at the end of its line.
-    void add(std::unique_ptr<HttpExchange> exchange);
+    // Puts the exchange at the end of its line. Throws std::bad_alloc, and leaves it, if there is no memory
+    // for it. The other operations need none.
+    void add(std::unique_ptr<HttpExchange>& exchange);
     // Takes the next exchange that may start out of its line; it holds a slot until release(). Null if no
     // exchange may start.
     std::unique_ptr<HttpExchange> takeNext();
@@ -62,9 +63,11 @@ class ExchangeQueue {
     bool empty() const { return users_.empty(); }
 
   private:
+    void putInLine(std::unique_ptr<HttpExchange>& exchange);
     std::unique_ptr<HttpExchange> takeFirst(ExchangeLine& line);
     void leaveTurnIfDone(ExchangeLine& line);
     void dropIfUnused(const HttpExchange& exchange);
+    void dropEmptyOf(const HttpExchange& exchange);
 
     const size_t slots_;
     const size_t slotsPerServer_;

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "http/http_client.h"
@@ -23,6 +24,8 @@ struct HttpExchange {
     std::chrono::steady_clock::time_point deadline;  // the end of that time
     ExchangeLine* line = nullptr;                    // of the queue that it is in
     CurlTransfer* carrier = nullptr;                 // null while it waits
+    HttpResult result = {};                          // once it has finished
+    std::unique_ptr<HttpExchange> next = nullptr;    // that has finished after it
 
     bool hasTimeout() const { return request.timeout.has_value(); }
     bool isForBag() const { return request.purpose == HttpPurpose::bag; }

@@ -19,7 +19,7 @@ class Queue {
         exchange->request.url = server + std::to_string(++added_);
         exchange->server = server;
         HttpExchange& added = *exchange;
-        queue_.add(std::move(exchange));
+        queue_.add(exchange);
         return added;
     }
     // Starts all exchanges that may start. Returns their users, servers and numbers.
