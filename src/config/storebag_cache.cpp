@@ -69,7 +69,8 @@ StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag
         const Record* const record = find(clientType);
         return record != nullptr ? record->data : nullptr;
     }
-    Record& record = cachedStorebags_[Key(clientType)];
+    // The record changes as a whole.
+    Record record = cachedStorebags_[Key(clientType)];
     record.fetchSuccessful = fetched.section || status.notChanged;
     if (fetched.section) {
         record.data = std::make_shared<const Dictionary>(std::move(*fetched.section));
@@ -85,7 +86,9 @@ StorebagCache::Section StorebagCache::store(uint32_t clientType, FetchedStorebag
     if (status.lastModified) record.lastModified = std::move(status.lastModified);
 
     extract(clientType, record);
-    return record.data;
+    Record& known = cachedStorebags_[Key(clientType)];
+    known = std::move(record);
+    return known.data;
 }
 
 void StorebagCache::extract(uint32_t clientType, const Record& record) {

@@ -4,9 +4,30 @@
 #include <new>
 #include <utility>
 
+#include "util/attempt.h"
 #include "util/log.h"
 
 namespace telvora {
+
+// The time from the start of a fetch to its end, while which others wait. It also ends with the last
+// reference: a fetch that there is no memory for has no other end.
+class StorebagService::Turn {
+  public:
+    explicit Turn(StorebagService& service) : service_(service) {}
+    ~Turn() { end(); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    void end() {
+        if (take()) service_.serveWaiting();
+    }
+    // True if the caller is to serve those who wait.
+    bool take() { return !ended_.exchange(true); }
+
+  private:
+    StorebagService& service_;
+    std::atomic<bool> ended_{false};
+};
 
 void StorebagService::request(uint32_t clientType, Reply reply) {
     serve({clientType, std::move(reply), {}, false});
@@ -41,7 +62,7 @@ void StorebagService::serve(Waiting asked) {
         if (!cached) busy_ = true;
     }
     if (cached) return asked.reply(std::move(*cached));
-    fetch(asked.clientType, std::move(asked.reply));
+    if (!fetch(asked.clientType, std::move(asked.reply))) serveWaiting();
 }
 
 // Takes over the record of an earlier process, if the cache has none.
@@ -94,41 +115,61 @@ std::optional<std::string> StorebagService::version(uint32_t clientType) {
     return cache_.storebagVersion(clientType);
 }
 
-void StorebagService::fetch(uint32_t clientType, Reply reply) {
-    std::optional<std::string> lastModified;
+// False if there is no memory for the fetch: the caller serves those who wait.
+bool StorebagService::fetch(uint32_t clientType, Reply reply) {
+    std::shared_ptr<Turn> turn;
+    const bool begun = attempt("StorebagService", [&] {
+        Reply unanswered = std::move(reply);  // which an exception destroys
+        turn = std::make_shared<Turn>(*this);
+        std::optional<std::string> lastModified;
+        {
+            const MutexLock lock(lock_);
+            lastModified = cache_.lastModified(clientType);
+        }
+        cache_.fetch(clientType, std::move(lastModified),
+                     [this, turn, clientType, reply = std::move(unanswered)](FetchedStorebag fetched) {
+                         finish(clientType, std::move(fetched), reply);
+                         turn->end();
+                     });
+    });
+    return begun || (turn && !turn->take());
+}
+
+void StorebagService::finish(uint32_t clientType, FetchedStorebag fetched, const Reply& reply) {
+    Section section;
+    std::string document = std::move(fetched.status.document);
     {
         const MutexLock lock(lock_);
-        lastModified = cache_.lastModified(clientType);
+        section = cache_.store(clientType, std::move(fetched));
     }
-    cache_.fetch(clientType, std::move(lastModified),
-                 [this, clientType, reply = std::move(reply)](FetchedStorebag fetched) {
-                     Section section;
-                     std::string document = std::move(fetched.status.document);
-                     {
-                         const MutexLock lock(lock_);
-                         section = cache_.store(clientType, std::move(fetched));
-                     }
-                     save(clientType, std::move(document));
-                     reply(std::move(section));
-                     serveWaiting();
-                 });
+    save(clientType, std::move(document));
+    reply(std::move(section));
 }
 
 // Serves those who wait, up to one whose bag has to be fetched.
-void StorebagService::serveWaiting() {
-    while (auto next = takeWaiting()) {
-        if (next->resume) {
-            next->resume();
-            continue;
-        }
-        std::optional<Section> cached;
-        {
-            const MutexLock lock(lock_);
-            if (!next->anew) cached = cache_.storebag(next->clientType);
-        }
-        if (!cached) return fetch(next->clientType, std::move(next->reply));
-        next->reply(std::move(*cached));
+void StorebagService::serveWaiting() noexcept {
+    bool goesOn = true;
+    while (goesOn) {
+        auto next = takeWaiting();
+        if (!next) return;
+        attempt("StorebagService", [&] { goesOn = serveNext(std::move(*next)); });
     }
+}
+
+// False if a fetch has begun.
+bool StorebagService::serveNext(Waiting next) {
+    if (next.resume) {
+        next.resume();
+        return true;
+    }
+    std::optional<Section> cached;
+    {
+        const MutexLock lock(lock_);
+        if (!next.anew) cached = cache_.storebag(next.clientType);
+    }
+    if (!cached) return !fetch(next.clientType, std::move(next.reply));
+    next.reply(std::move(*cached));
+    return true;
 }
 
 std::optional<StorebagService::Waiting> StorebagService::takeWaiting() {

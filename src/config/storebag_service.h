@@ -57,8 +57,11 @@ class StorebagService {
     void serve(Waiting asked) TELVORA_EXCLUDES(lock_);
     void restore(uint32_t clientType) TELVORA_EXCLUDES(lock_);
     void save(uint32_t clientType, std::string document) TELVORA_EXCLUDES(lock_);
-    void fetch(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
-    void serveWaiting() TELVORA_EXCLUDES(lock_);
+    class Turn;
+    bool fetch(uint32_t clientType, Reply reply) TELVORA_EXCLUDES(lock_);
+    void finish(uint32_t clientType, FetchedStorebag fetched, const Reply& reply) TELVORA_EXCLUDES(lock_);
+    void serveWaiting() noexcept TELVORA_EXCLUDES(lock_);
+    bool serveNext(Waiting next) TELVORA_EXCLUDES(lock_);
     std::optional<Waiting> takeWaiting() TELVORA_EXCLUDES(lock_);
 
     const StorebagFetcher& fetcher_;
