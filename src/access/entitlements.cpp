@@ -9,6 +9,7 @@
 
 #include "access/name_service.h"
 #include "plist/property_list_format.h"
+#include "util/directory_names.h"
 #include "util/file_trust.h"
 #include "util/log.h"
 #include "util/regular_file.h"
@@ -68,15 +69,15 @@ const char* whyNotFor(const Grant& grant, const Peer& peer) {
 
 std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& directory) {
     std::vector<std::filesystem::path> files;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
+    const auto names = namesIn(directory);
+    if (!names) return files;  // an incomplete list could miss a file that revokes
+    for (const std::string& name : *names) {
+        std::filesystem::path file = directory / name;
         std::error_code ignored;
-        if (entry->path().extension() == ".plist" && entry->is_regular_file(ignored)) {
-            files.push_back(entry->path());
+        if (file.extension() == ".plist" && std::filesystem::is_regular_file(file, ignored)) {
+            files.push_back(std::move(file));
         }
     }
-    if (error) files.clear();  // an incomplete list could miss a file that revokes
     std::sort(files.begin(), files.end(),
               [](const auto& a, const auto& b) { return a.native().compare(b.native()) < 0; });
     return files;

@@ -322,9 +322,9 @@ QuotaUser UserQuotas::of(uid_t user) {
     readLimits();
     const TimePoint now = clock_();
     const MutexLock lock(lock_);
-    std::shared_ptr<UserShare>& known = users_[user];
-    if (!known) known = std::make_shared<UserShare>(*this, user);
-    QuotaUser found(known);
+    auto known = users_.find(user);
+    if (known == users_.end()) known = users_.emplace(user, std::make_shared<UserShare>(*this, user)).first;
+    QuotaUser found(known->second);
     if (now >= nextSweep_) {
         nextSweep_ = now + kPeriod;
         for (const auto& [each, share] : users_)

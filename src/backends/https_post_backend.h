@@ -95,7 +95,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
     QuotaCharge takeBatchCharge() TELVORA_EXCLUDES(batchChargeLock_);
     std::optional<std::string> loseOverQuota();
     bool chargeUserInfo(const Dictionary& userInfo);
-    bool isAdmitted(const Dictionary& heldEvent);
+    std::optional<ReportOutcome> exclusionOfHeld(const Dictionary& event) const;
     std::optional<std::string> postBatch(const Dictionary& userInfo, FlushCompletion completion);
     std::optional<std::string> postDirectly(Dictionary record, uint16_t method, uint16_t respCode,
                                             SendFlag flag);

@@ -242,12 +242,11 @@ std::optional<std::string> HTTPSPostBackend::loseOverQuota() {
 }
 
 // Checks the lists again, which may have changed since the event was held, and the daily quotas.
-bool HTTPSPostBackend::isAdmitted(const Dictionary& heldEvent) {
-    const auto category = static_cast<uint16_t>(heldEvent.wrappedInteger("_method").value_or(0));
-    auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
-    if (!excluded && !user_.spendToday(approximateSize(heldEvent))) excluded = ReportOutcome::overDailyQuota;
-    if (excluded) reports_->move(1, ReportOutcome::held, *excluded);
-    return !excluded;
+std::optional<ReportOutcome> HTTPSPostBackend::exclusionOfHeld(const Dictionary& event) const {
+    const auto category = static_cast<uint16_t>(event.wrappedInteger("_method").value_or(0));
+    const auto excluded = exclusionOf(category, "flushMessagesWithCompletion");
+    if (excluded || user_.spendToday(approximateSize(event))) return excluded;
+    return ReportOutcome::overDailyQuota;
 }
 
 // Charges the user info that a flush merges into every event. Each event was charged with the user info that
@@ -285,9 +284,13 @@ std::optional<std::string> HTTPSPostBackend::postBatch(const Dictionary& userInf
     QuotaCharge charge = takeBatchCharge();
     charge.countAs(Quota::pendingBytes);
     std::vector<Dictionary> events = takeBatch();
-    std::erase_if(events, [this](const Dictionary& event) { return !isAdmitted(event); });
     reports_->move(events.size(), ReportOutcome::held, ReportOutcome::inFlight);
     Load load{InFlightReports(reports_, events.size()), std::move(charge)};
+    std::erase_if(events, [&](const Dictionary& event) {
+        const auto excluded = exclusionOfHeld(event);
+        if (excluded) load.reports.settleOne(*excluded);
+        return excluded.has_value();
+    });
     if (events.empty()) {
         completeWithError(completion, "Nothing to flush: batched events were completely filtered out");
         return std::nullopt;

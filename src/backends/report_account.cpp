@@ -110,6 +110,7 @@ void ReportAccount::accept(ReportOutcome outcome, uint64_t reports) {
 }
 
 void ReportAccount::move(uint64_t reports, ReportOutcome from, ReportOutcome to, Decision reason) {
+    if (reports == 0) return;  // an account that has accepted none has no memory for counters yet
     const MutexLock lock(lock_);
     if (to == ReportOutcome::disabled) disabledBecause_[static_cast<size_t>(reason)] += reports;
     outcomes_[static_cast<size_t>(from)] -= reports;
@@ -126,9 +127,12 @@ ReportTally ReportAccount::tally() const {
 }
 
 std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {
+    {
+        const MutexLock lock(lock_);
+        closed_[clientType].try_emplace(name);  // for the end of the account
+    }
     std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name, clientType));
     const MutexLock lock(lock_);
-    closed_[clientType].try_emplace(name);
     open_.insert(account.get());
     return account;
 }
@@ -159,9 +163,10 @@ ReportTallies ReportLedger::totals() const {
 std::shared_ptr<ReportAccount> ClientAccounts::of(const std::string& name) {
     const int clientType = clientType_;
     const MutexLock lock(lock_);
-    std::shared_ptr<ReportAccount>& account = accounts_[{clientType, name}];
-    if (!account) account = ledger_.open(name, clientType);
-    return account;
+    const auto key = std::pair(clientType, name);
+    const auto known = accounts_.find(key);
+    return known != accounts_.end() ? known->second
+                                    : accounts_.emplace(key, ledger_.open(name, clientType)).first->second;
 }
 
 ReportTallies ClientAccounts::tallies() const {

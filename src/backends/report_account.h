@@ -157,6 +157,11 @@ class InFlightReports {
     ~InFlightReports() { settle(ReportOutcome::noMemory); }
 
     size_t count() const { return reports_; }
+    // The outcome of one of the reports, which the others no longer count.
+    void settleOne(ReportOutcome outcome) noexcept {
+        account_->move(1, ReportOutcome::inFlight, outcome);
+        --reports_;
+    }
     // The outcome of the reports, which are then no longer in flight. Without effect on none. `reason`: see
     // ReportAccount::move().
     void settle(ReportOutcome outcome, Decision reason = Decision::unconditional) noexcept {

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "platform/digest.h"
+#include "util/directory_names.h"
 #include "util/file_trust.h"
 #include "util/regular_file.h"
 
@@ -21,10 +22,8 @@ bool isKeyName(const std::string& name) {
 
 std::vector<std::filesystem::path> keyFilesOf(const std::filesystem::path& directory) {
     std::vector<std::filesystem::path> files;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (isKeyName(entry->path().filename())) files.push_back(entry->path());
+    for (const std::string& name : namesIn(directory).value_or(std::vector<std::string>())) {
+        if (isKeyName(name)) files.push_back(directory / name);
     }
     std::sort(files.begin(), files.end());
     if (files.size() > kMaxPublicKeys) files.resize(kMaxPublicKeys);

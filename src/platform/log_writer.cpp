@@ -75,8 +75,9 @@ void LogWriter::stop() {
 }
 
 void LogWriter::enqueue(Record record) {
-    bytes_ += record.bytes.size();
+    const size_t size = record.bytes.size();
     records_.push_back(std::move(record));
+    bytes_ += size;
 }
 
 void LogWriter::enqueueDropped() {

@@ -52,8 +52,9 @@ void TelvoradSession::sendToAggregator(const std::shared_ptr<const Dictionary>& 
     if (sessionInfo) {
         const auto account = accounts_->of(ClientAccounts::kAggregator);
         account->accept();
-        counted = [account](Delivery delivery) {
-            account->move(1, ReportOutcome::inFlight, outcomeOf(delivery));
+        InFlightReports copy(account, 1);
+        counted = [copy = std::make_shared<InFlightReports>(std::move(copy))](Delivery delivery) {
+            copy->settle(outcomeOf(delivery));
         };
     }
     connection_->sendMessageToClient(sessionInfo, timestamp, category, type, std::move(payload),

@@ -11,6 +11,7 @@
 #include "session/shared_hierarchies.h"
 #include "session/telvorad_session.h"
 #include "telvora/keys.h"
+#include "util/attempt.h"
 #include "util/base64.h"
 #include "util/log.h"
 
@@ -86,14 +87,13 @@ TelvoradSession::TelvoradSession(const SessionServices& services, TelvoradSessio
 
 void TelvoradSession::dealloc() {
     TELVORA_LOG(kLogDebug, "dealloc: TelvoradSession dealloc: %u", sessionID());
-    sendEndMessage();
-    flushMessagesWithCompletion({});
-    shutdownSessionAggregation();
-    if (const auto ended = backends()) {
+    attempt("dealloc", [this] { sendEndMessage(); });
+    attempt("dealloc", [this] { flushMessagesWithCompletion({}); });
+    attempt("dealloc", [this] { shutdownSessionAggregation(); });
+    if (const auto ended = replaceBackends(nullptr)) {
         for (const auto& [name, backend] : *ended)
-            backend->cleanup();
+            attempt("dealloc", [&ended = *backend] { ended.cleanup(); });
     }
-    replaceBackends(nullptr);
 }
 
 std::shared_ptr<const Dictionary> TelvoradSession::sessionInfo() const {
@@ -188,8 +188,9 @@ void TelvoradSession::startConfigWithCompletionHandler(ReportingStatesReply comp
 
 void TelvoradSession::withStorebag(StorebagReply work) {
     sessionDelegate_.storebagForSession(
-        *this, [connection = connection_, work = std::move(work)](const auto& storebag) {
-            connection->perform([work, storebag] { work(storebag); });
+        *this, [connection = connection_, work = std::move(work)](const auto& storebag) mutable {
+            // Moved: an exception in the work ends what is to be answered.
+            connection->perform([work = std::move(work), storebag] { work(storebag); });
         });
 }
 

@@ -2,6 +2,7 @@
 //
 // Operations on all backends at once: flush, finish and uploads.
 #include "session/telvorad_session.h"
+#include "util/attempt.h"
 #include "util/file_url.h"
 #include "util/log.h"
 
@@ -56,7 +57,12 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
             const FlushReply reply = takeCompletion(*flush, error.has_value());
             if (reply) reply(std::move(answer), std::move(error));
         };
-        backend->flushMessagesWithCompletion(std::move(reported));
+        if (attempt("internalFlushMessagesWithCompletion",
+                    [&] { backend->flushMessagesWithCompletion(std::move(reported)); }))
+            continue;
+        if (const FlushReply reply = takeCompletion(*flush, true)) {
+            reply(std::nullopt, makeTelvoraError("There is no memory for the flush", -1));
+        }
     }
 }
 

@@ -57,8 +57,8 @@ void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<Telvorad
             "updateCorrelatedSessions: Session %u does not join other users' sessions with hierarchyToken %s",
             session->sessionID(), token->c_str());
     }
+    listOfSession_[session.get()] = hierarchy;  // first: by it, the session leaves the list again
     list.push_back(session);
-    listOfSession_[session.get()] = hierarchy;
     if (newTokenBytes_ > kMaxIdleTokenBytes) dropEmptyLists();
     count_ = correlatedSessions_.size();
 }
@@ -239,10 +239,15 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
 
     const RecursiveMutexLock lock(lock_);
     const SessionList* sessions = sessionsOfToken(*token, session.hierarchyUser());
+    struct Index {
+        SessionHierarchies& of;
+        ~Index() {
+            of.indexedList_ = nullptr;
+            of.index_.clear();
+        }
+    } const index{*this};
     if (sessions != nullptr) indexLevels(*sessions);
     updateListedSessions(session, sessions);
-    indexedList_ = nullptr;
-    index_.clear();
 }
 
 void SessionHierarchies::updateListedSessions(TelvoradSession& session, const SessionList* sessions) {

@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "util/attempt.h"
 #include "util/log.h"
 #include "util/message_log_files.h"
 #include "util/mutex.h"
@@ -175,6 +176,25 @@ bool removeOldest(const LogFile& file, uint64_t size, uint64_t maxBytes) {
     return true;
 }
 
+void addRecord(const MessageLog& log, std::initializer_list<std::string_view> message,
+               std::optional<uid_t> user) {
+    const double now = TelvoradUtil::secondsFromTimeValue(log.clock());
+    const std::string date = messageLogDate(now);
+    const size_t size = std::accumulate(message.begin(), message.end(), date.size() + std::strlen("() \n"),
+                                        [](size_t sum, std::string_view part) { return sum + part.size(); });
+    MessageLogState& state = *log.state;
+    const MutexLock lock(state.lock);
+    if (user && !admits(state, log.maxBytes, *user, size, now)) return;
+    std::optional<LogFile>& file = currentFile(log, state, now);
+    if (!file) return;
+    const std::optional<uint64_t> length = append(*file, recordOf(date, message, size));
+    if (!length || (*length > log.maxBytes && !removeOldest(*file, *length, log.maxBytes))) {
+        deleteLogFile(*std::exchange(file, std::nullopt));
+        return;
+    }
+    TELVORA_LOG(kLogInfo, "writeToLogFile: Saved log message to %s", file->path.c_str());
+}
+
 }  // namespace
 
 MessageLog::MessageLog(std::filesystem::path logDirectory)
@@ -198,23 +218,9 @@ void TelvoradUtil::makeLogDirectory(const telvora::MessageLog& log) {
     if (!std::filesystem::exists(log.directory, error) && !error) telvora::createLogDirectory(log);
 }
 
+// A record that there is no memory for is lost: it is for people, and the work of its caller goes on.
 void TelvoradUtil::writeToLogFile(const telvora::MessageLog& log,
                                   std::initializer_list<std::string_view> message,
                                   std::optional<uid_t> user) {
-    using namespace telvora;
-    const double now = secondsFromTimeValue(log.clock());
-    const std::string date = messageLogDate(now);
-    const size_t size = std::accumulate(message.begin(), message.end(), date.size() + std::strlen("() \n"),
-                                        [](size_t sum, std::string_view part) { return sum + part.size(); });
-    MessageLogState& state = *log.state;
-    const MutexLock lock(state.lock);
-    if (user && !admits(state, log.maxBytes, *user, size, now)) return;
-    std::optional<LogFile>& file = currentFile(log, state, now);
-    if (!file) return;
-    const std::optional<uint64_t> length = append(*file, recordOf(date, message, size));
-    if (!length || (*length > log.maxBytes && !removeOldest(*file, *length, log.maxBytes))) {
-        deleteLogFile(*std::exchange(file, std::nullopt));
-        return;
-    }
-    TELVORA_LOG(kLogInfo, "writeToLogFile: Saved log message to %s", file->path.c_str());
+    telvora::attempt("writeToLogFile", [&] { telvora::addRecord(log, message, user); });
 }

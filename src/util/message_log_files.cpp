@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "util/directory_names.h"
 #include "util/log.h"
 #include "util/unique_fd.h"
 
@@ -106,18 +107,17 @@ void createLogDirectory(const MessageLog& log) {
 
 std::vector<LogFile> listLogFiles(const MessageLog& log, std::error_code& error) {
     std::vector<LogFile> files;
-    std::filesystem::directory_iterator entry(log.directory, error);
-    while (!error && entry != std::filesystem::directory_iterator()) {
+    const auto names = namesIn(log.directory);
+    error = names ? std::error_code() : std::error_code(names.error(), std::generic_category());
+    if (error) return files;
+    for (const std::string& name : *names) {
         // Only entries with the name of a log file cost a look at the file: others may be many.
-        if (middleOfLogFileName(entry->path().filename().native())) {
-            std::error_code gone;  // counts as no regular file
-            const std::filesystem::file_type type = entry->symlink_status(gone).type();
-            if (type != std::filesystem::file_type::directory) {
-                files.push_back({entry->path(), log.creationDate(entry->path()),
-                                 type == std::filesystem::file_type::regular});
-            }
-        }
-        entry.increment(error);
+        if (!middleOfLogFileName(name)) continue;
+        const std::filesystem::path path = log.directory / name;
+        std::error_code gone;  // counts as no regular file
+        const std::filesystem::file_type type = std::filesystem::symlink_status(path, gone).type();
+        if (type != std::filesystem::file_type::directory)
+            files.push_back({path, log.creationDate(path), type == std::filesystem::file_type::regular});
     }
     return files;
 }
