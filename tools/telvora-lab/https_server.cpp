@@ -15,7 +15,6 @@ namespace telvora::lab {
 namespace {
 
 constexpr time_t kKeepAliveSeconds = 1;
-constexpr size_t kKeepAliveRequests = 1000000;
 
 // A header that the library adds to the client's headers.
 bool isOfTheLibrary(const std::string& name) {
@@ -119,7 +118,7 @@ bool HttpsServer::restart() {
         answer(request, handler_(fromHttplib(request)), response);
     };
     server.Get(".*", handle).Post(".*", handle);
-    server.set_keep_alive_timeout(kKeepAliveSeconds).set_keep_alive_max_count(kKeepAliveRequests);
+    server.set_keep_alive_timeout(kKeepAliveSeconds).set_keep_alive_max_count(options_.requestsPerConnection);
     server.set_tcp_nodelay(true);
     server.set_payload_max_length(options_.maxBodyBytes);
     server.set_socket_options([](socket_t socket) {

@@ -48,10 +48,11 @@ struct ServerResponse {
 };
 
 struct HttpsServerOptions {
-    std::string address = "127.0.0.1";  // IPv4, to listen on
-    int port = 0;                       // 0: the kernel chooses
-    size_t connections = 16;            // the maximum at a time; each open one has its own thread
-    size_t maxBodyBytes = SIZE_MAX;     // of a request; a longer one gets status 413
+    std::string address = "127.0.0.1";       // IPv4, to listen on
+    int port = 0;                            // 0: the kernel chooses
+    size_t connections = 16;                 // the maximum at a time; each open one has its own thread
+    size_t maxBodyBytes = SIZE_MAX;          // of a request; a longer one gets status 413
+    size_t requestsPerConnection = 1000000;  // then the server closes it
 };
 
 class Feed;

@@ -93,7 +93,10 @@ ReportingServer::ReportingServer(const LabPki& pki, ReportingServerOptions optio
       feed_(hosting.feed),
       server_(pki.serverCertificateFile(), pki.serverKeyFile(),
               [this](const ServerRequest& request) { return handle(request); },
-              {.address = hosting.address, .port = hosting.port, .connections = options_.connections}) {}
+              {.address = hosting.address,
+               .port = hosting.port,
+               .connections = options_.connections,
+               .requestsPerConnection = options_.requestsPerConnection}) {}
 
 ReportingServer::~ReportingServer() {
     setFault(ReportingFault::none);

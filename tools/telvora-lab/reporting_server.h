@@ -56,6 +56,7 @@ struct ReportingServerOptions {
     // measurements.
     std::string countByKey;
     size_t connections = 16;
+    size_t requestsPerConnection = 1000000;  // then the server closes it
     // How many events messages() and events() keep; the oldest messages leave first.
     size_t keptEvents = SIZE_MAX;
 };
