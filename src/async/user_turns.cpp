@@ -7,6 +7,7 @@
 #include <asio/execution_context.hpp>
 #include <asio/post.hpp>
 #include <deque>
+#include <list>
 #include <new>
 #include <utility>
 
@@ -49,7 +50,7 @@ class TurnQueue final : public asio::execution_context::service {
 
     // The turns own connections, whose end takes locks.
     void shutdown() override {
-        std::deque<Waiting> dropped;
+        std::list<Waiting> dropped;
         const MutexLock lock(lock_);
         dropped.swap(users_);
     }
@@ -62,14 +63,14 @@ class TurnQueue final : public asio::execution_context::service {
         if (users_.front().turns.empty()) {
             users_.pop_front();
         } else {
-            std::rotate(users_.begin(), users_.begin() + 1, users_.end());
+            users_.splice(users_.end(), users_, users_.begin());
         }
         if (!users_.empty()) next_.post();
         asio::post(strand, std::move(turn));
     }
 
     Mutex lock_;
-    std::deque<Waiting> users_ TELVORA_GUARDED_BY(lock_);  // each with turns
+    std::list<Waiting> users_ TELVORA_GUARDED_BY(lock_);  // each with turns
     LoopTask next_;
 };
 

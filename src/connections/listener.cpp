@@ -114,7 +114,7 @@ void Listener::passNextOn() {
     if (line.connections.empty()) {
         users_.pop_front();
     } else {
-        std::rotate(users_.begin(), users_.begin() + 1, users_.end());
+        users_.splice(users_.end(), users_, users_.begin());
     }
     if (!users_.empty()) passNextOn_.post();
     attempt("listener", [&] {

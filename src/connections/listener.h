@@ -11,6 +11,7 @@
 #include <asio/steady_timer.hpp>
 #include <deque>
 #include <functional>
+#include <list>
 #include <optional>
 
 #include "access/peer.h"
@@ -68,8 +69,8 @@ class Listener {
     LoopTask passNextOn_;
     asio::local::stream_protocol::acceptor acceptor_;
     asio::steady_timer pause_;
-    bool pauses_ = false;     // until pause_ has expired
-    std::deque<Line> users_;  // with connections that wait, next one first
+    bool pauses_ = false;    // until pause_ has expired
+    std::list<Line> users_;  // with connections that wait, next one first
 };
 
 }  // namespace telvora

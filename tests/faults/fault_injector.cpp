@@ -40,44 +40,33 @@ FaultPage* page = nullptr;
     if (mapped != MAP_FAILED) page = static_cast<FaultPage*>(mapped);
 }
 
-void recordFrames() {
+// Libraries that end the process by themselves without memory: GMP has no way to report it.
+constexpr const char* kExcepted = "libgmp.so";
+
+// Puts the call's stack on the page. False if an excepted library makes the call.
+bool recordFrames() {
+    page->frames = {};
     void* addresses[FaultPage::kFrames];
     const int count = backtrace(addresses, FaultPage::kFrames);
     for (int i = 0; i < count; ++i) {
-        FaultPage::Frame& frame = page->frames[i];
         Dl_info place{};
         if (dladdr(addresses[i], &place) == 0) continue;
+        if (strstr(place.dli_fname, kExcepted) != nullptr) return false;
+        FaultPage::Frame& frame = page->frames[i];
         const char* const slash = strrchr(place.dli_fname, '/');
         strncpy(frame.file, slash != nullptr ? slash + 1 : place.dli_fname, sizeof frame.file - 1);
         frame.offset =
             static_cast<uint64_t>(static_cast<char*>(addresses[i]) - static_cast<char*>(place.dli_fbase)) - 1;
     }
-}
-
-// Libraries that end the process by themselves.
-constexpr const char* kExcepted[] = {
-    "libgmp.so",  // has no way to report a failed allocation
-};
-
-bool calledByExcepted() {
-    void* addresses[8];
-    const int count = backtrace(addresses, 8);
-    for (int i = 0; i < count; ++i) {
-        Dl_info place{};
-        if (dladdr(addresses[i], &place) == 0) continue;
-        for (const char* const library : kExcepted) {
-            if (strstr(place.dli_fname, library) != nullptr) return true;
-        }
-    }
-    return false;
+    return true;
 }
 
 // Sets errno if the call is to fail.
 bool fails(FaultyCall call) {
     if (page == nullptr || page->call.load(std::memory_order_relaxed) != call) return false;
-    if (page->before.fetch_sub(1) > 0 || page->fail <= 0 || calledByExcepted()) return false;
-    if (page->fail.fetch_sub(1) <= 0) return false;
-    if (page->failed.fetch_add(1) == 0) recordFrames();
+    if (page->before.fetch_sub(1) > 0 || page->fail <= 0) return false;
+    if (!recordFrames() || page->fail.fetch_sub(1) <= 0) return false;
+    ++page->failed;
     errno = page->error;
     return true;
 }
@@ -141,8 +130,6 @@ ssize_t write(int fd, const void* bytes, size_t size) {
     return !wakes && fails(FaultyCall::write) ? -1 : real(fd, bytes, size);
 }
 FAILS_AS(write, ssize_t, writev, (int fd, const iovec* parts, int count), (fd, parts, count))
-FAILS_AS(pread, ssize_t, pread, (int fd, void* bytes, size_t size, off_t at), (fd, bytes, size, at))
-FAILS_AS(pwrite, ssize_t, pwrite, (int fd, const void* bytes, size_t size, off_t at), (fd, bytes, size, at))
 FAILS_AS(status, int, stat, (const char* path, struct stat* status), (path, status))
 FAILS_AS(status, int, lstat, (const char* path, struct stat* status), (path, status))
 FAILS_AS(status, int, fstat, (int fd, struct stat* status), (fd, status))

@@ -11,9 +11,10 @@
 
 namespace telvora::test {
 
+// `allocation`: also of libraries.
 enum class FaultyCall : uint32_t {
     none,
-    allocation,  // also of libraries
+    allocation,
     accept,
     recvmsg,
     sendmsg,
@@ -21,8 +22,6 @@ enum class FaultyCall : uint32_t {
     send,
     read,
     write,
-    pread,
-    pwrite,
     open,
     status,
     socket,
@@ -32,7 +31,7 @@ enum class FaultyCall : uint32_t {
     poll,
     socketOption,
     socketName,
-    threadStart,
+    threadStart
 };
 
 inline constexpr char kFaultPageVariable[] = "TELVORA_FAULT_PAGE";
@@ -50,7 +49,7 @@ struct FaultPage {
     std::atomic<int64_t> before{0};  // the number of such calls that still succeed
     std::atomic<int64_t> fail{0};    // the number of those that fail then
     std::atomic<int64_t> failed{0};
-    std::array<Frame, kFrames> frames{};  // of the first call that failed
+    std::array<Frame, kFrames> frames{};  // of the last call that failed
 
     // The `first` of these calls and those behind it, `count` in all, fail with this errno.
     void arm(FaultyCall which, int errorNumber, int64_t first, int64_t count) {
