@@ -116,8 +116,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const Array& clients_;   // of the profile
     const bool dnuEnabled_;  // the user shares diagnostics
     const bool forceEventLogging_;
-    const std::string uuidRespectDnu_;
-    const std::string uuidOverrideDnu_;
+    const std::shared_ptr<const std::string> uuidRespectDnu_;
+    const std::shared_ptr<const std::string> uuidOverrideDnu_;
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // that the batch occupies, approximately
     Mutex batchChargeLock_;
