@@ -44,8 +44,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
                 static_cast<int>(hierarchies_.count()));
 
     const SessionServices& services = services_.sessionServices;
+    const auto client = std::make_shared<const Peer>(peer);
     auto files =
-        std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
+        std::make_shared<ClientFiles>(client, services.uploadDirectories, services.uploadAdmission, user);
     auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
     ClientConnection::Admission mayHandle = [this, user, &session = *session](bool resumed,
                                                                               const auto& resume) {
@@ -58,7 +59,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         if (--sessionsAlive_ == 0) services_.noSessionsLeft();
     };
     std::list<RegisteredSession> registered;
-    registered.push_back({session, peer, connection, std::move(place)});
+    registered.push_back({session, client, connection, std::move(place)});
     {
         const RecursiveMutexLock lock(sessionListLock_);
         sessionPlaces_.emplace(session.get(), registered.begin());
