@@ -48,8 +48,8 @@ const Fault kSystemCalls[] = {
     {"getsockname", FaultyCall::socketName, {ENOBUFS}},
 };
 const Fault kAllocations[] = {
-    {"allocation", FaultyCall::allocation, {ENOMEM}, 149},
-    {"five allocations in a row", FaultyCall::allocation, {ENOMEM}, 251, 5},
+    {"allocation", FaultyCall::allocation, {ENOMEM}, 37},
+    {"five allocations in a row", FaultyCall::allocation, {ENOMEM}, 73, 5},
 };
 
 struct Books {
