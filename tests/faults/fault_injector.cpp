@@ -118,7 +118,12 @@ FAILS_AS(accept, int, accept4, (int fd, sockaddr* address, socklen_t* size, int 
 FAILS_AS(recvmsg, ssize_t, recvmsg, (int fd, msghdr* message, int flags), (fd, message, flags))
 FAILS_AS(sendmsg, ssize_t, sendmsg, (int fd, const msghdr* message, int flags), (fd, message, flags))
 FAILS_AS(recv, ssize_t, recv, (int fd, void* bytes, size_t size, int flags), (fd, bytes, size, flags))
-FAILS_AS(send, ssize_t, send, (int fd, const void* bytes, size_t size, int flags), (fd, bytes, size, flags))
+ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+    static auto* const real = next<decltype(send)>("send");
+    // A byte wakes libcurl's thread: its socket is full only while the thread has been woken.
+    const bool wakes = size == 1 && page != nullptr && page->error == EAGAIN;
+    return !wakes && fails(FaultyCall::send) ? -1 : real(fd, bytes, size, flags);
+}
 FAILS_AS(send, ssize_t, sendto,
          (int fd, const void* bytes, size_t size, int flags, const sockaddr* to, socklen_t length),
          (fd, bytes, size, flags, to, length))
