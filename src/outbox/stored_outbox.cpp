@@ -289,6 +289,7 @@ void StoredOutbox::removeFile() {
 }
 
 void StoredOutbox::reopen() {
+    const BlockingSection blocking;
     auto store = OutboxStore::open(path_, limits_, services_.moment(), vfs_);
     if (!store) return wakeAt(services_.queue->now() + kPauseAfterFailure);
     store_ = std::move(*store);
