@@ -141,8 +141,17 @@ void Daemon::warnWithoutPublicKey() const {
                 process_.directories.framework.c_str(), process_.directories.configuration.c_str());
 }
 
+void Daemon::warnOfUnreadableFiles() const {
+    for (const PropertyList& fault : unreadableFiles(process_.defaults)) {
+        const auto& found = *fault.getIf<Dictionary>();
+        TELVORA_LOG(kLogWarning, "Settings: %s %s", found.string(status::kKey)->c_str(),
+                    found.string(status::kReason)->c_str());
+    }
+}
+
 void Daemon::run() {
     warnWithoutPublicKey();
+    warnOfUnreadableFiles();
     reloadOnSignal();
     shutdown_.onSignals();
     listener_.resume();

@@ -58,6 +58,7 @@ class Daemon final : private StatusInterface {
     void reloadOnSignal();
     void logLosses() const;
     void warnWithoutPublicKey() const;
+    void warnOfUnreadableFiles() const;
     Dictionary getStatus() override;
     Dictionary getDevice() override;
     void refreshBags(std::function<void(Dictionary bags)> reply) override;

@@ -96,6 +96,8 @@ const Mistake kMistakes[] = {
      [](auto& f, auto&) {
          f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
      }},
+    {"FileOfASettingMissing", 14,
+     "caFile can't be used: /none.pem: can't be opened: ", sets("caFile", "/none.pem")},
     {"SettingsFileMalformed", 14, "com.zandor.telvora.plist can't be used: ", kAsUsual, kAny,
      [](auto& f) { f.directory().write("config/Preferences/com.zandor.telvora.plist", "<plist>"); }},
     {"QuotaFull", 13, "the quota sessions of user ", sets("maxSessionsPerUser", 0)},
