@@ -300,8 +300,12 @@ void BusConnection::startTimer(std::chrono::milliseconds time, void (BusConnecti
     });
 }
 
+// Reads once more: bytes that wait, since this end was busy, came in time.
 void BusConnection::onAuthenticationTimeout() {
-    if (state_ == State::authenticating) end("authentication timed out");
+    guarded([this] {
+        if (state_ == State::authenticating) receive();
+        if (state_ == State::authenticating) end(kAuthenticationTimedOut);
+    });
 }
 
 void BusConnection::close(const std::string& reason) {

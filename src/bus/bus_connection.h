@@ -47,10 +47,14 @@ namespace telvora {
 // Largest outgoing message, in bytes.
 inline constexpr size_t kMaxSentMessage = size_t{16} << 20;
 
+// The reason for the end of a connection whose peer does not authenticate in time.
+inline constexpr char kAuthenticationTimedOut[] = "authentication timed out";
+
 enum class BusRole { kServer, kClient };
 
 struct BusLimits {
-    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
+    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is). Bytes that
+    // have arrived by then are in time.
     std::chrono::milliseconds authenticationTimeout{10'000};
     // Largest incoming message, in bytes.
     size_t messageSize = size_t{16} << 20;

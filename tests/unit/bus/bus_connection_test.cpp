@@ -250,6 +250,26 @@ TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
     endAndWait(bystander);
 }
 
+TEST_F(BusConnectionTest, APeerIsNotLateWhoseBytesWaitForItsUsersTurn) {
+    const auto busy = std::make_shared<UserTurns>();
+    std::promise<void> served;
+    BusLimits limits;
+    limits.authenticationTimeout = 0ms;
+    Served late = serve(limits, [&](BusConnection& bus) {
+        bus.setUserTurns(busy);
+        asio::post(bus.strand(), [&] { served.get_future().wait(); });
+    });
+    // Runs after the connection has looked for input, and before its time limit is checked.
+    asio::post(late.bus->strand(), [&] {
+        busy->add(UserTurns::kBusyBytes + 1);
+        sendAll(late, ClientAuthentication::greeting());
+    });
+    served.set_value();
+    char answer = 0;
+    EXPECT_EQ(recv(late.peer.get(), &answer, 1, 0), 1) << late.ended.get();
+    endAndWait(late);
+}
+
 TEST_F(BusConnectionTest, EndsAPeerWhoseMessageTakesTooMuchRoom) {
     constexpr size_t kLimit = 128 << 10;
     for (const char* reason : {"a message is too large", "too much input of the peer's user waits"}) {
