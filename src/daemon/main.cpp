@@ -38,6 +38,7 @@ int run() {
     startLogging("telvorad");
     raiseDescriptorLimit();
     avoidHugePages();
+    returnLargeBuffers();
     leaveGnuTlsUnused();
 
     const Directories directories = Directories::fromEnvironment();
