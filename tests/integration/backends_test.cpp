@@ -106,11 +106,9 @@ class VodexAdaptor : public DaemonFixture {
     }
     // The adaptor and the authorities lie where the sandbox allows the daemon to read these files alone.
     void start(const std::string& adaptor) {
-        const auto path = directory().path() / "adaptor.so";
-        const auto authorities = directory().path() / "ca.pem";
+        const auto path = directory().path() / "adaptor.so", authorities = directory().path() / "ca.pem";
         copy_file(adaptor, path, std::filesystem::copy_options::overwrite_existing);
-        copy_file(laboratory().pki().caFile(), authorities,
-                  std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::copy(laboratory().pki().caFile(), authorities);
         startDaemon([&](DaemonOptions& options) {
             options.defaults = {{"vodexAdaptorPath", path.string()},
                                 {"caFile", authorities.string()},

@@ -98,15 +98,13 @@ TEST(UploadAdmission, MakesAUserWaitForMemoryAndNobodyElse) {
 TEST(UploadAdmission, LetsNoLaterUploadKeepALargeOneWaiting) {
     UploadAdmission admission({.uploads = 20, .bytes = 1000});
     Request mine(admission, 1, 300), others(admission, 2, 500);
-    Request large(admission, 1, 400), small(admission, 1, 10);
-    EXPECT_FALSE(large.answered || small.answered) << "the user's share is short, and its order counts";
-    Request next(admission, 3, 400), afterwards(admission, 4, 100);
-    EXPECT_FALSE(next.answered || afterwards.answered) << "the whole is short for the next user in turn";
+    // Two users wait, the first one for its own share.
+    Request large(admission, 1, 400), small(admission, 1, 10), next(admission, 3, 400), last(admission, 4, 1);
+    EXPECT_FALSE(large.answered || small.answered || next.answered || last.answered);
     mine.ticket.reset();
-    EXPECT_TRUE(large.answered) << "whose user came first";
-    EXPECT_FALSE(small.answered || next.answered || afterwards.answered);
+    EXPECT_TRUE(large.answered && !small.answered && !next.answered && !last.answered);
     others.ticket.reset();
-    EXPECT_TRUE(next.answered && afterwards.answered && small.answered);
+    EXPECT_TRUE(small.answered && next.answered && last.answered);
 }
 
 TEST(UploadAdmission, TurnsThoseAwayWhoWaitWhenItCloses) {
