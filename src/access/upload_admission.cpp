@@ -7,7 +7,7 @@ namespace telvora {
 
 namespace {
 
-void call(auto& ready) {
+void callAll(auto& ready) {
     for (auto& [admitted, ticket] : ready)
         admitted(std::move(ticket));
 }
@@ -28,7 +28,7 @@ void UploadAdmission::admit(uid_t user, uint64_t bytes, Admitted admitted) {
             ready.emplace_back(std::move(admitted), nullptr);
         }
     }
-    call(ready);
+    callAll(ready);
 }
 
 // Counts an upload from here on, so that those that wait for memory are limited, too.
@@ -84,7 +84,7 @@ void UploadAdmission::release(uid_t user, uint64_t bytes, size_t uploads) {
         if (at->second.uploads == 0) byUser_.erase(at);
         ready = takeReady();
     }
-    call(ready);
+    callAll(ready);
 }
 
 void UploadAdmission::close() {
