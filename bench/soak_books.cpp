@@ -62,7 +62,7 @@ void Books::refuse() {
 }
 
 void Books::accept() {
-    if (!server_.restart()) throw std::runtime_error("the reporting server's port was taken");
+    if (!server_.restart()) throw std::runtime_error("the reporting server can't listen again");
 }
 
 void Books::beginPage() {

@@ -3,7 +3,9 @@
 // The only file that includes cpp-httplib, which compiles slowly.
 #include "telvora-lab/https_server.h"
 
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <future>
@@ -16,6 +18,12 @@ namespace {
 
 constexpr time_t kKeepAliveSeconds = 1;
 constexpr size_t kKeepAliveRequests = 1000000;
+
+// So that the server can listen on the reserved port, and again while old connections end.
+void allowReuse(int socket) {
+    const int on = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+}
 
 // A header that the library adds to the client's headers.
 bool isOfTheLibrary(const std::string& name) {
@@ -100,8 +108,7 @@ HttpsServer::HttpsServer(const std::string& certificateFile, const std::string& 
     : certificateFile_(certificateFile),
       keyFile_(keyFile),
       handler_(std::move(handler)),
-      options_(std::move(options)),
-      port_(options_.port) {
+      options_(std::move(options)) {
     if (!restart()) port_ = 0;
 }
 
@@ -122,25 +129,34 @@ bool HttpsServer::restart() {
     server.set_keep_alive_timeout(kKeepAliveSeconds).set_keep_alive_max_count(kKeepAliveRequests);
     server.set_tcp_nodelay(true);
     server.set_payload_max_length(options_.maxBodyBytes);
-    server.set_socket_options([](socket_t socket) {
-        const int on = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    });
+    server.set_socket_options(allowReuse);
     // Called at the start of the accept loop. From then on stop() has an effect.
     server.new_task_queue = [this, accepting = &running->accepting] {
         accepting->set_value();
         return new httplib::ThreadPool(options_.connections);
     };
 
-    if (port_ == 0) {
-        port_ = std::max(server.bind_to_any_port(options_.address.c_str()), 0);
-        if (port_ == 0) return false;
-    } else if (!server.bind_to_port(options_.address.c_str(), port_)) {
-        return false;
-    }
+    if (!reservation_ && !reservePort()) return false;
+    if (!server.bind_to_port(options_.address.c_str(), port_)) return false;
     running->thread = std::thread([&server] { server.listen_after_bind(); });
     running->accepting.get_future().wait();
     running_ = std::move(running);
+    return true;
+}
+
+bool HttpsServer::reservePort() {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(options_.port));
+    if (inet_pton(AF_INET, options_.address.c_str(), &address.sin_addr) != 1) return false;
+    UniqueFd reservation(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    allowReuse(reservation.get());
+    if (bind(reservation.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+        getsockname(reservation.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        return false;
+    port_ = ntohs(address.sin_port);
+    reservation_ = std::move(reservation);
     return true;
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "http/http_client.h"
+#include "util/unique_fd.h"
 
 namespace telvora::lab {
 
@@ -90,10 +91,12 @@ class HttpsServer {
     // Closes the listening socket, so that connections are refused, and waits for open connections to end.
     // Idle ones are closed within a second. No effect on a stopped server.
     void stop();
-    // Listens again, on the same port. False if the port has been taken meanwhile.
+    // Listens again, on the same port, which stays reserved meanwhile. False if that fails.
     bool restart();
 
   private:
+    bool reservePort();
+
     struct Running;
 
     std::string certificateFile_;
@@ -101,6 +104,7 @@ class HttpsServer {
     Handler handler_;
     const HttpsServerOptions options_;
     int port_ = 0;
+    UniqueFd reservation_;  // bound to the port; does not listen
     std::unique_ptr<Running> running_;
 };
 
