@@ -59,7 +59,7 @@ struct BusLimits {
     size_t queuedBytes = size_t{1} << 20;
     // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
-    // Whether messages to a server may carry file descriptors.
+    // Whether the peer's messages may carry file descriptors.
     bool descriptors = true;
     // How long the peer of a half-closed connection may take to read its last messages.
     std::chrono::milliseconds drainTimeout{2'000};
@@ -135,6 +135,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void setUserTurns(std::shared_ptr<UserTurns> turns) { userTurns_ = std::move(turns); }
     // See BusInput::onKept(). A refusal ends the connection. Before start().
     void onInputKept(std::function<bool(size_t bytes)> mayKeep) { input_.onKept(std::move(mayKeep)); }
+    // Passes the signals of the peer to `handler`, which reads their arguments. Before start().
+    void onSignal(std::function<void(BusMessage& signal)> handler) { signal_ = std::move(handler); }
     // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
     // Begins. The connection keeps itself alive until the socket is closed; then `gone` runs, if it is set.
@@ -220,6 +222,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     // bus_dispatch.cpp: the messages.
     void dispatch(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void handleSignal(const MessageView& view);
     void checkRest(WireReader& body);
     void handleCall(const MessageView& view, std::vector<UniqueFd> descriptors);
     void runHandler(const Export& target, size_t method, BusMessage& call);
@@ -272,6 +275,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::function<void()> gone_;
     std::function<void()> uncongested_;
     std::function<bool()> mayHandle_;
+    std::function<void(BusMessage& signal)> signal_;
 };
 
 }  // namespace telvora
