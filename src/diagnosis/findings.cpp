@@ -56,6 +56,12 @@ Array faultsOf(UserDefaults& defaults) {
     const UserDefaults::Files files = defaults.files(kTelvoraDefaultsDomain);
     addFaults(faults, files.administrator, true);
     addFaults(faults, files.own, false);
+    const bool hasOutbox = integerSetting(defaults, settings::kOutboxBytes) > 0;
+    for (const Setting* setting : {&settings::kHoldOnMetered, &settings::kHoldOnBattery}) {
+        if (hasOutbox || !defaults.boolean(setting->domain, setting->key)) continue;
+        faults.emplace_back(Dictionary{{status::kKey, std::string(setting->key)},
+                                       {status::kReason, "needs an outbox (outboxBytes)"}});
+    }
     return faults;
 }
 
