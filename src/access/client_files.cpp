@@ -36,10 +36,10 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
 
 }  // namespace
 
-ClientFiles::ClientFiles(Peer client, std::vector<path> uploadDirectories, UploadAdmission& admission,
-                         QuotaUser user)
+ClientFiles::ClientFiles(std::shared_ptr<const Peer> client, const std::vector<path>& uploadDirectories,
+                         UploadAdmission& admission, QuotaUser user)
     : client_(std::move(client)),
-      directories_(std::move(uploadDirectories)),
+      directories_(uploadDirectories),
       admission_(admission),
       user_(std::move(user)) {}
 
@@ -66,7 +66,7 @@ tl::expected<ClientFile, FileRefusal> ClientFiles::open(const std::string& fileP
 // because another file may have taken its place.
 tl::expected<UniqueFd, FileRefusal> ClientFiles::openByPath(const path& filePath) const {
     const auto mayRead = [this](const struct stat& status) {
-        return S_ISREG(status.st_mode) && status.st_uid == client_.uid && mayAccess(status, R_OK);
+        return S_ISREG(status.st_mode) && status.st_uid == client_->uid && mayAccess(status, R_OK);
     };
     if (!isUpload(filePath)) return refused(refusal("no valid extension, and not in a directory of uploads"));
     const auto parent = openParent(filePath);
@@ -88,7 +88,7 @@ tl::expected<UniqueFd, FileRefusal> ClientFiles::openByPath(const path& filePath
 }
 
 tl::expected<void, std::string> ClientFiles::remove(const ClientFile& file) const {
-    if (file.status.st_uid != client_.uid) return refusal("another user's file");
+    if (file.status.st_uid != client_->uid) return refusal("another user's file");
     if (!isUpload(file.path)) return refusal("not in a directory of uploads");
     const auto parent = openParent(file.path);
     if (!parent) return tl::unexpected(parent.error());
@@ -101,7 +101,7 @@ tl::expected<void, std::string> ClientFiles::remove(const ClientFile& file) cons
         return failure("can't examine the file");
     }
     if (!isSameFile(status, file.status)) return refusal("another file has taken its name");
-    if (status.st_uid != client_.uid) return refusal("another user's file");
+    if (status.st_uid != client_->uid) return refusal("another user's file");
     if (unlinkat(parent->get(), name.c_str(), 0) != 0) return failure("can't remove the file");
     return {};
 }
@@ -134,11 +134,11 @@ bool ClientFiles::isUpload(const path& filePath) const {
 
 // Whether the mode bits (inode(7)) grant the client these permissions, as access(2) takes them.
 bool ClientFiles::mayAccess(const struct stat& status, mode_t permissions) const {
-    if (client_.uid == 0) return true;
+    if (client_->uid == 0) return true;
     const bool isInGroup =
-        client_.gid == status.st_gid ||
-        std::find(client_.groups.begin(), client_.groups.end(), status.st_gid) != client_.groups.end();
-    const int shift = client_.uid == status.st_uid ? 6 : isInGroup ? 3 : 0;
+        client_->gid == status.st_gid ||
+        std::find(client_->groups.begin(), client_->groups.end(), status.st_gid) != client_->groups.end();
+    const int shift = client_->uid == status.st_uid ? 6 : isInGroup ? 3 : 0;
     return ((status.st_mode >> shift) & permissions) == permissions;
 }
 

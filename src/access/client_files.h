@@ -53,9 +53,10 @@ struct FileRefusal {
 
 class ClientFiles {
   public:
-    // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). `admission` must
-    // outlive this object. `user`: its quota counts the extension tokens.
-    ClientFiles(Peer client, std::vector<std::filesystem::path> uploadDirectories, UploadAdmission& admission,
+    // `uploadDirectories`: absolute and without symbolic links, see canonicalDirectories(). They and
+    // `admission` must outlive this object. `user`: its quota counts the extension tokens.
+    ClientFiles(std::shared_ptr<const Peer> client,
+                const std::vector<std::filesystem::path>& uploadDirectories, UploadAdmission& admission,
                 QuotaUser user = {});
 
     // Takes over `file`, the client's open descriptor of the file at `path`. Returns the extension token with
@@ -70,7 +71,7 @@ class ClientFiles {
 
     // Admits an upload of this client's user that needs so many bytes; see UploadAdmission::admit().
     void admit(uint64_t bytes, UploadAdmission::Admitted admitted) {
-        admission_.admit(client_.uid, bytes, std::move(admitted));
+        admission_.admit(client_->uid, bytes, std::move(admitted));
     }
 
     // Removes the file's name. Fails with the reason; then the name is unchanged.
@@ -82,8 +83,8 @@ class ClientFiles {
     bool isUpload(const std::filesystem::path& path) const;
     bool mayAccess(const struct stat& status, mode_t permissions) const;
 
-    const Peer client_;
-    const std::vector<std::filesystem::path> directories_;
+    const std::shared_ptr<const Peer> client_;
+    const std::vector<std::filesystem::path>& directories_;
     UploadAdmission& admission_;
     const QuotaUser user_;
     FileExtensions extensions_;

@@ -26,8 +26,8 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
       clients_(clients),
       dnuEnabled_(services.identity.diagnosticsConsent()),
       forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, settings::kForceEventLogging.key)),
-      uuidRespectDnu_(services.identity.getPersistentIdentifierForDNU(true)),
-      uuidOverrideDnu_(services.identity.getPersistentIdentifierForDNU(false)) {
+      uuidRespectDnu_(services.identity.sharedIdentifierForDNU(true)),
+      uuidOverrideDnu_(services.identity.sharedIdentifierForDNU(false)) {
     policy_.postURL = services.defaults.string(kTelvoraDefaultsDomain, settings::kPostURL.key);
     if (policy_.postURL) {
         policy_.useDefaultPostURL = true;

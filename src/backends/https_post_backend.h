@@ -20,11 +20,11 @@
 // own room.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "backends/message_outbox.h"
@@ -118,13 +118,13 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const Array& clients_;   // of the profile
     const bool dnuEnabled_;  // the user shares diagnostics
     const bool forceEventLogging_;
-    const std::string uuidRespectDnu_;
-    const std::string uuidOverrideDnu_;
+    const std::shared_ptr<const std::string> uuidRespectDnu_;
+    const std::shared_ptr<const std::string> uuidOverrideDnu_;
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // that the batch occupies, approximately
     Mutex batchChargeLock_;
     QuotaCharge batchCharge_ TELVORA_GUARDED_BY(batchChargeLock_);  // of the user's quotas, for batchedBytes_
-    std::unordered_map<int64_t, int32_t> eventMethodCounts_;        // of the batch's events, by "_method"
+    std::map<int64_t, int32_t> eventMethodCounts_;                  // of the batch's events, by "_method"
     bool immutable_ = false;  // a logged message was posted: the bag no longer changes the policy
 };
 

@@ -34,7 +34,7 @@ std::string fieldValue(std::string text) {
 std::string HTTPSPostBackend::clientIdentifier() const {
     if (policy_.extrasOnInternal != 0 && identity_->isInternal) return identity_->udid.data();
     if (policy_.uuidCustom) return *policy_.uuidCustom;
-    return policy_.dnuType != 0 ? uuidOverrideDnu_ : uuidRespectDnu_;
+    return policy_.dnuType != 0 ? *uuidOverrideDnu_ : *uuidRespectDnu_;
 }
 
 bool HTTPSPostBackend::isMessageLogged() const {
@@ -72,7 +72,7 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
         load.copy = std::make_unique<OutboxMessage>(OutboxMessage{.request = request,
                                                                   .reports = load.reports.count(),
                                                                   .underConsent = policy_.dnuType == 0,
-                                                                  .identifier = uuidRespectDnu_});
+                                                                  .identifier = *uuidRespectDnu_});
     }
     auto shared = std::make_shared<Load>(std::move(load));
     if (!isRealtime(flag) && services_.outbox != nullptr && services_.outbox->sparesLink())

@@ -126,9 +126,10 @@ ReportTally ReportAccount::tally() const {
 }
 
 std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {
-    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, name, clientType));
+    std::shared_ptr<ReportAccount> account;  // destroyed without the lock
     const MutexLock lock(lock_);
-    closed_[clientType].try_emplace(name);
+    const auto& [lasting, tally] = *closed_[clientType].try_emplace(name).first;
+    account.reset(new ReportAccount(*this, lasting, clientType));
     open_.insert(account.get());
     return account;
 }
@@ -136,14 +137,14 @@ std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int c
 void ReportLedger::close(const ReportAccount& account) {
     const MutexLock lock(lock_);
     open_.erase(&account);
-    closed_.find(account.clientType_)->second.find(account.name_)->second.add(account.tally());
+    closed_.find(account.clientType_)->second.find(*account.name_)->second.add(account.tally());
 }
 
 std::map<int, ReportTallies> ReportLedger::totalsByClientType() const {
     const MutexLock lock(lock_);
     std::map<int, ReportTallies> totals = closed_;
     for (const ReportAccount* account : open_)
-        totals[account->clientType_][account->name_].add(account->tally());
+        totals[account->clientType_][*account->name_].add(account->tally());
     return totals;
 }
 
@@ -159,16 +160,17 @@ ReportTallies ReportLedger::totals() const {
 std::shared_ptr<ReportAccount> ClientAccounts::of(const std::string& name) {
     const int clientType = clientType_;
     const MutexLock lock(lock_);
-    std::shared_ptr<ReportAccount>& account = accounts_[{clientType, name}];
-    if (!account) account = ledger_.open(name, clientType);
-    return account;
+    for (const auto& account : accounts_) {
+        if (account->clientType_ == clientType && *account->name_ == name) return account;
+    }
+    return accounts_.emplace_back(ledger_.open(name, clientType));
 }
 
 ReportTallies ClientAccounts::tallies() const {
     const MutexLock lock(lock_);
     ReportTallies tallies;
-    for (const auto& [key, account] : accounts_)
-        tallies[key.second].add(account->tally());
+    for (const auto& account : accounts_)
+        tallies[*account->name_].add(account->tally());
     return tallies;
 }
 

@@ -107,9 +107,10 @@ class ReportAccount {
     ReportTally tally() const TELVORA_EXCLUDES(lock_);
 
   private:
+    friend class ClientAccounts;
     friend class ReportLedger;
-    ReportAccount(ReportLedger& ledger, std::string name, int clientType)
-        : ledger_(&ledger), name_(std::move(name)), clientType_(clientType) {}
+    ReportAccount(ReportLedger& ledger, const std::string& name, int clientType)
+        : ledger_(&ledger), name_(&name), clientType_(clientType) {}
 
     // The counters that were ever used.
     class Counters {
@@ -128,7 +129,7 @@ class ReportAccount {
     };
 
     ReportLedger* const ledger_ = nullptr;
-    const std::string name_;
+    const std::string* const name_ = nullptr;  // the ledger's
     const int clientType_ = -1;
     mutable Mutex lock_;
     uint64_t accepted_ TELVORA_GUARDED_BY(lock_) = 0;
@@ -217,8 +218,7 @@ class ClientAccounts {
     const QuotaUser user_;
     std::atomic<int> clientType_{ReportLedger::kNoClientType};
     mutable Mutex lock_{LockRank::accounts};
-    // By client type and name.
-    std::map<std::pair<int, std::string>, std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
+    std::vector<std::shared_ptr<ReportAccount>> accounts_ TELVORA_GUARDED_BY(lock_);
 };
 
 }  // namespace telvora

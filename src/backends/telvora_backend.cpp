@@ -31,7 +31,6 @@ TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name
       identity_(std::move(identity)),
       samplingFactor_(services.random()),
       reports_(accountOf(*identity_, name_)),
-      uploads_(accountOf(*identity_, ClientAccounts::kUploads)),
       user_(identity_->accounts ? identity_->accounts->user() : QuotaUser()) {
     policy_.batchEvents = identity_->batchEvents;
 }
@@ -39,6 +38,10 @@ TelvoraBackend::TelvoraBackend(const BackendServices& services, std::string name
 TelvoraBackend::~TelvoraBackend() = default;
 
 void TelvoraBackend::cleanup() {}
+
+std::shared_ptr<ReportAccount> TelvoraBackend::uploads() const {
+    return accountOf(*identity_, ClientAccounts::kUploads);
+}
 
 void TelvoraBackend::updateState() {
     setState(BackendState::reporting);

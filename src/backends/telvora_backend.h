@@ -163,6 +163,9 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     // Called after each change of state, on the thread that made it. The base does not react.
     virtual void stateChanged() {}
 
+    // The account of the client's uploads.
+    std::shared_ptr<ReportAccount> uploads() const;
+
     // The profile if it is a dictionary, else null.
     const Dictionary* profileDictionary() const;
 
@@ -172,7 +175,6 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     const SharedIdentity identity_;  // not null
     const double samplingFactor_;
     const std::shared_ptr<ReportAccount> reports_;
-    const std::shared_ptr<ReportAccount> uploads_;
     const QuotaUser user_;
 
     uint16_t eventID_ = 0;

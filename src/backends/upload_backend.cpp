@@ -96,8 +96,9 @@ UploadBackend::UploadBackend(const BackendServices& services, std::string name, 
 
 void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion done) {
     TELVORA_LOG(kLogDebug, "UploadBackend(uploadFileAtPath): Uploading file %s", upload.path.c_str());
-    uploads_->accept();
-    InFlightReports entry(uploads_, 1);
+    const auto account = uploads();
+    account->accept();
+    InFlightReports entry(account, 1);
     const auto transfer = std::make_shared<Transfer>(Transfer{upload, std::move(done)});
     transfer->entry = std::move(entry);
     if (const auto refusal = openFile(*transfer)) return finish(*transfer, tl::unexpected(*refusal));

@@ -87,6 +87,14 @@ std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectsConsent) 
                                 std::nullopt);
 }
 
+std::shared_ptr<const std::string> DeviceIdentity::sharedIdentifierForDNU(bool respectsConsent) const {
+    std::string identifier = getPersistentIdentifierForDNU(respectsConsent);
+    const MutexLock lock(identifierMutex_);
+    auto& shared = shared_[respectsConsent ? 1 : 0];
+    if (!shared || *shared != identifier) shared = std::make_shared<const std::string>(std::move(identifier));
+    return shared;
+}
+
 bool DeviceIdentity::isIdentifierKey(std::string_view key) {
     return key.starts_with(kClientPrefix) || key == kRespectsConsent || key == kOverridesConsent;
 }

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -70,6 +71,9 @@ class DeviceIdentity {
     // and one for those that override it (false). They differ, so that the two kinds of reports can't be
     // joined.
     std::string getPersistentIdentifierForDNU(bool respectsConsent) const;
+    // The same; all callers share it until it changes.
+    std::shared_ptr<const std::string> sharedIdentifierForDNU(bool respectsConsent) const
+        TELVORA_EXCLUDES(identifierMutex_);
 
     // Whether a key of the user defaults belongs to one of these persistent identifiers.
     static bool isIdentifierKey(std::string_view key);
@@ -87,6 +91,7 @@ class DeviceIdentity {
     const std::string processIdentifier_;
     mutable Mutex identifierMutex_{LockRank::identifiers};  // makes reading and creating an identifier atomic
     mutable bool carriedOver_ TELVORA_GUARDED_BY(identifierMutex_) = false;
+    mutable std::shared_ptr<const std::string> shared_[2] TELVORA_GUARDED_BY(identifierMutex_);
 };
 
 // "client:service", both in lower case; an absent name is empty.

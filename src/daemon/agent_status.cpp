@@ -48,7 +48,7 @@ const char* nameOf(StorebagCache::Status::State state) {
 }  // namespace
 
 Array TelvoradAgent::sessionStatus() {
-    std::vector<std::pair<std::shared_ptr<TelvoradSession>, Peer>> sessions;
+    std::vector<std::pair<std::shared_ptr<TelvoradSession>, std::shared_ptr<const Peer>>> sessions;
     {
         const RecursiveMutexLock lock(sessionListLock_);
         sessions.reserve(sessionList_.size());
@@ -58,7 +58,7 @@ Array TelvoradAgent::sessionStatus() {
     Array statuses;
     for (const auto& [session, peer] : sessions) {
         Dictionary described = session->status();
-        described.set(status::kClient, clientStatus(peer));
+        described.set(status::kClient, clientStatus(*peer));
         statuses.emplace_back(std::move(described));
     }
     return statuses;

@@ -45,8 +45,9 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
 
     ++sessionsAlive_;
     const SessionServices& services = services_.sessionServices;
+    const auto client = std::make_shared<const Peer>(peer);
     auto files =
-        std::make_shared<ClientFiles>(peer, services.uploadDirectories, services.uploadAdmission, user);
+        std::make_shared<ClientFiles>(client, services.uploadDirectories, services.uploadAdmission, user);
     auto session = std::make_shared<TelvoradSession>(services, *this, connection, files, user, peer.uid);
     connection->setClientFiles(std::move(files));
     connection->setExportedObject(session);
@@ -55,7 +56,7 @@ bool TelvoradAgent::listener(const std::shared_ptr<ClientConnection>& shouldAcce
         const RecursiveMutexLock lock(sessionListLock_);
         if (sessionList_.empty()) services_.keepAlive.begin();
         sessionPlaces_[session.get()] =
-            sessionList_.insert(sessionList_.end(), {session, peer, connection, std::move(place)});
+            sessionList_.insert(sessionList_.end(), {session, client, connection, std::move(place)});
     }
     connection->setAdmission([this, user, &session = *session](bool resumed, const auto& resume) {
         if (!user.blockingShare()->mayStart(resume)) return false;

@@ -90,7 +90,7 @@ class TelvoradAgent final : public TelvoradSessionDelegate {
 
     struct RegisteredSession {
         std::shared_ptr<TelvoradSession> session;
-        Peer peer;
+        std::shared_ptr<const Peer> peer;
         std::weak_ptr<ClientConnection> connection;
         QuotaCharge place;
     };

@@ -33,8 +33,9 @@ std::optional<std::string> uploadLocation(HttpResult result, std::optional<std::
 }  // namespace
 
 void DashboardBackend::uploadLogData(const Array& records, const Perform& perform, UploadCompletion done) {
-    uploads_->accept();
-    const auto entry = std::make_shared<InFlightReports>(uploads_, 1);
+    const auto account = uploads();
+    account->accept();
+    const auto entry = std::make_shared<InFlightReports>(account, 1);
     if (!postURL_) {
         TELVORA_LOG(kLogError, "DashboardBackend(uploadLogData): Post URL for log data array is nil");
         return finishUpload(*entry, ReportOutcome::noURL, done);

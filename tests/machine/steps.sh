@@ -211,7 +211,8 @@ restart_under_load() {
     read -r sent lost </tmp/load
     lost_by_daemons=$(lines | sed -n 's/.*main: \([0-9]*\) reports lost of .*/\1/p' | paste -sd + -)
     echo "$sent sent, $lost lost by the library, ${lost_by_daemons:-0} by daemons"
-    lines | grep -v 'main: Listener' || true # why a daemon lost reports
+    lines | grep -E 'lost|post error|answered|exited' || true
+    ! lines | grep -Eq 'code=(dumped|killed)' || fail "a daemon ended by a signal"
     lost=$((lost + ${lost_by_daemons:-0}))
 }
 accepts_many() {

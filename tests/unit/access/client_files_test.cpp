@@ -31,7 +31,9 @@ class ClientFilesTest : public testing::Test {
         // Another user's folder, as the daemon's user sees it.
         if (geteuid() == 0) own(directory_.path(), getuid(), getgid(), 0755);
     }
-    ClientFiles filesOf(Peer peer) const { return {std::move(peer), {directory_.path()}, admission_}; }
+    ClientFiles filesOf(Peer peer) const {
+        return {std::make_shared<Peer>(std::move(peer)), directories_, admission_};
+    }
     static void own(const path& path, uid_t user, gid_t group, mode_t mode) {
         EXPECT_EQ(chown(path.c_str(), user, group), 0);
         EXPECT_EQ(chmod(path.c_str(), mode), 0);
@@ -43,6 +45,7 @@ class ClientFilesTest : public testing::Test {
     }
 
     test::TemporaryDirectory directory_;
+    const std::vector<path> directories_{directory_.path()};
     mutable UploadAdmission admission_;
 };
 

@@ -11,9 +11,9 @@ namespace {
 
 struct UploadRig : BackendRig {
     UploadRig() {
-        Peer peer;
-        peer.uid = getuid();
-        files = std::make_shared<ClientFiles>(peer, std::vector{directory.path()}, admission);
+        const auto peer = std::make_shared<Peer>();
+        peer->uid = getuid();
+        files = std::make_shared<ClientFiles>(peer, directories, admission);
     }
     bool upload(const std::filesystem::path& file, const char* url = "https://up.example/in") {
         bool sent = false;
@@ -25,6 +25,7 @@ struct UploadRig : BackendRig {
     }
 
     UploadAdmission admission;
+    const std::vector<std::filesystem::path> directories{directory.path()};
     std::shared_ptr<ClientFiles> files;
 };
 
