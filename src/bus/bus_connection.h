@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification) on a connected Unix stream
-// socket, driven by its strand.
+// socket, driven by its strand. A client can also connect to a message bus, whose calls name their
+// destination.
 //
 // How it runs: the strand waits for input. A turn reads once, handles the messages that the read brought, up
 // to a bound so that one busy peer can't keep a runner to itself, and writes their answers together. A quiet

@@ -25,7 +25,8 @@
 
 namespace telvora {
 
-struct LinkState {
+// Aligned for std::atomic: clang would call a library for it.
+struct alignas(2) LinkState {
     bool metered = false;  // also if NetworkManager only guesses so
     bool battery = false;
 

@@ -132,7 +132,7 @@ void StoredOutbox::storeIncoming() {
     checked_.reset();
     countWaiting();
     storing_ -= incoming.size();
-    if (services_.stored) services_.stored();
+    if (!maySend_ && services_.stored) services_.stored();
 }
 
 bool StoredOutbox::storeAll(const std::vector<const OutboxMessage*>& messages) {

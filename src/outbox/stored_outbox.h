@@ -44,7 +44,7 @@ struct OutboxServices {
     std::function<double()> random;           // uniform in [0, 1)
     std::function<bool()> consent;            // whether the user shares diagnostics
     std::function<std::string()> identifier;  // the device's, as in OutboxMessage
-    std::function<void()> stored = {};        // all messages that were handed over are stored; on any thread
+    std::function<void()> stored = {};        // after stopSending(): messages have been stored
     bool sparesLink = false;                  // until setSparesLink()
 };
 
