@@ -90,8 +90,8 @@ void BusConnection::begin() {
         handshake_.reset(
             new Handshake{ServerAuthentication(peer.uid, randomServerId(), limits_.descriptors), {}});
     } else {
-        handshake_.reset(
-            new Handshake{ClientAuthentication(), std::string(ClientAuthentication::greeting())});
+        handshake_.reset(new Handshake{ClientAuthentication(limits_.descriptors),
+                                       std::string(ClientAuthentication::greeting(limits_.descriptors))});
     }
     asio::error_code error;
     descriptor_.assign(socket, error);
@@ -373,6 +373,7 @@ void BusConnection::teardown() {
     output_.clear();
     uncongested_ = nullptr;
     mayHandle_ = nullptr;
+    signal_ = nullptr;
     awaitsAdmission_ = nullptr;
     if (const auto gone = std::exchange(gone_, nullptr)) gone();
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification) on a connected Unix stream
-// socket, driven by its strand.
+// socket, driven by its strand. A client can also connect to a message bus, whose calls name their
+// destination.
 //
 // How it runs: the strand waits for input. A turn reads once, handles the messages that the read brought, up
 // to a bound so that one busy peer can't keep a runner to itself, and writes their answers together. A quiet
@@ -63,7 +64,7 @@ struct BusLimits {
     size_t queuedBytes = size_t{1} << 20;
     // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
-    // Whether messages to a server may carry file descriptors.
+    // Whether the peer's messages may carry file descriptors.
     bool descriptors = true;
     // How long the peer of a half-closed connection may take to read its last messages.
     std::chrono::milliseconds drainTimeout{2'000};
@@ -139,6 +140,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void setUserTurns(std::shared_ptr<UserTurns> turns) { userTurns_ = std::move(turns); }
     // See BusInput::onKept(). A refusal ends the connection. Before start().
     void onInputKept(std::function<bool(size_t bytes)> mayKeep) { input_.onKept(std::move(mayKeep)); }
+    // Passes the signals of the peer to `handler`, which reads their arguments. Before start().
+    void onSignal(std::function<void(BusMessage& signal)> handler) { signal_ = std::move(handler); }
     // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
     // Begins. The connection keeps itself alive until the socket is closed; then `gone` runs, if it is set.
@@ -224,6 +227,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     // bus_dispatch.cpp: the messages.
     void dispatch(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void handleSignal(const MessageView& view);
     void checkRest(WireReader& body);
     void handleCall(const MessageView& view, std::vector<UniqueFd> descriptors);
     void runHandler(const Export& target, size_t method, BusMessage& call);
@@ -276,6 +280,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::function<void()> gone_;
     std::function<void()> uncongested_;
     std::function<bool()> mayHandle_;
+    std::function<void(BusMessage& signal)> signal_;
 };
 
 }  // namespace telvora

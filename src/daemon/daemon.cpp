@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "config/device_description.h"
 #include "daemon/process_setup.h"
@@ -36,9 +37,9 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
-      // The outbox sends before shutdown_ exists.
-      http_(tappedHttp_, timeOfDay, [this] { asio::post(runLoop_, [this] { shutdown_.check(); }); }),
+      http_(tappedHttp_, timeOfDay, [this] { checkEnd(); }),
       outbox_(openOutbox()),
+      link_(watchLink()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
                        .framework = framework_,
@@ -76,7 +77,11 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                          agent_.invalidateAllConnections();
                      },
                  .giveUp = outbox_ ? [this] { http_.stop(); } : std::function<void()>(),
-                 .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
+                 .isIdle =
+                     [this] {
+                         return agent_.sessionsAlive() == 0 && http_.inFlight() == 0 &&
+                                !(outbox_ && outbox_->isStoring());
+                     }},
                 process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
     if (!process.settings.keepBags) keptBags_.removeAll();
@@ -121,10 +126,33 @@ std::unique_ptr<StoredOutbox> Daemon::openOutbox() {
                             .moment = currentMoment,
                             .random = uniformRandom48,
                             .consent = [this] { return identity_.diagnosticsConsent(); },
-                            .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); }});
+                            .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); },
+                            .stored = [this] { checkEnd(); },
+                            .sparesLink = process_.settings.spared != LinkState()});
     if (outbox) return std::move(*outbox);
     TELVORA_LOG(kLogError, "main: There is no outbox: %s: %s", path.c_str(), outbox.error().text.c_str());
     return nullptr;
+}
+
+std::shared_ptr<LinkWatch> Daemon::watchLink() {
+    const LinkState& spared = process_.settings.spared;
+    if (spared == LinkState()) return nullptr;
+    if (!outbox_) {
+        TELVORA_LOG(kLogWarning, "main: No report is held for the link: there is no outbox (outboxBytes)");
+        return nullptr;
+    }
+    return LinkWatch::start(
+        pool_.makeStrand(), {.watched = spared}, [this, held = false](const LinkState& state) mutable {
+            const bool wasHeld = std::exchange(held, state != LinkState());
+            if (held) TELVORA_LOG(kLogInfo, "main: Reports are held: %s", describe(state).c_str());
+            if (wasHeld && !held) TELVORA_LOG(kLogInfo, "main: Reports are held no longer");
+            outbox_->setSparesLink(held);
+        });
+}
+
+// Callable from any thread, also before shutdown_ exists.
+void Daemon::checkEnd() {
+    asio::post(runLoop_, [this] { shutdown_.check(); });
 }
 
 void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
@@ -216,18 +244,20 @@ void Daemon::logLosses() const {
 }
 
 Dictionary Daemon::getStatus() {
-    return {{status::kDaemon, daemonStatus(start_)},
-            {status::kSandbox, sandboxStatus(process_.sandbox)},
-            {status::kSessions, agent_.sessionStatus()},
-            {status::kUsers, userStatus(quotas_)},
-            {status::kBags, agent_.storebagStatus()},
-            {status::kTotals, describe(ledger_.totals())},
-            {status::kClientTypes, describe(ledger_.totalsByClientType())},
-            {status::kHttpPending, static_cast<long long>(http_.inFlight())},
-            {status::kServers, serverStatus(http_.outcomes())},
-            {status::kRefusals, agent_.refusalStatus()},
-            {status::kBefore, readLastTotals(process_.directories.state)},
-            {status::kPublicKeys, publicKeyStatus(framework_)}};
+    Dictionary answer{{status::kDaemon, daemonStatus(start_)},
+                      {status::kSandbox, sandboxStatus(process_.sandbox)},
+                      {status::kSessions, agent_.sessionStatus()},
+                      {status::kUsers, userStatus(quotas_)},
+                      {status::kBags, agent_.storebagStatus()},
+                      {status::kTotals, describe(ledger_.totals())},
+                      {status::kClientTypes, describe(ledger_.totalsByClientType())},
+                      {status::kHttpPending, static_cast<long long>(http_.inFlight())},
+                      {status::kServers, serverStatus(http_.outcomes())},
+                      {status::kRefusals, agent_.refusalStatus()},
+                      {status::kBefore, readLastTotals(process_.directories.state)},
+                      {status::kPublicKeys, publicKeyStatus(framework_)}};
+    if (link_) answer.set(status::kLink, linkStatus(link_->watched(), link_->state()));
+    return answer;
 }
 
 void Daemon::diagnose(Dictionary query, FindingsReply reply) {

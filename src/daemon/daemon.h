@@ -25,6 +25,7 @@
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
+#include "link/link_watch.h"
 #include "outbox/stored_outbox.h"
 #include "outgoing/outgoing_taps.h"
 #include "platform/directories.h"
@@ -51,8 +52,10 @@ class Daemon final : private StatusInterface {
 
   private:
     std::unique_ptr<StoredOutbox> openOutbox();
+    std::shared_ptr<LinkWatch> watchLink();
     BackendServices makeBackendServices();
     void serveClient(UniqueFd socket, const Peer& peer);
+    void checkEnd();
     bool isNeeded() const;
     void stopAccepting();
     void reloadOnSignal();
@@ -84,6 +87,7 @@ class Daemon final : private StatusInterface {
     TappedHttpClient tappedHttp_;
     InFlightHttpClient http_;
     const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
+    const std::shared_ptr<LinkWatch> link_;       // null: the link is never spared
     const BackendServices backendServices_;
     const SessionServices sessionServices_;
     const StorebagFetcher fetcher_;

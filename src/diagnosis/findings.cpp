@@ -59,6 +59,12 @@ Array faultsOf(UserDefaults& defaults) {
     addFaults(faults, files.own, false);
     for (PropertyList& fault : unreadableFiles(defaults))
         faults.push_back(std::move(fault));
+    const bool hasOutbox = integerSetting(defaults, settings::kOutboxBytes) > 0;
+    for (const Setting* setting : {&settings::kHoldOnMetered, &settings::kHoldOnBattery}) {
+        if (hasOutbox || !defaults.boolean(setting->domain, setting->key)) continue;
+        faults.emplace_back(Dictionary{{status::kKey, std::string(setting->key)},
+                                       {status::kReason, "needs an outbox (outboxBytes)"}});
+    }
     return faults;
 }
 

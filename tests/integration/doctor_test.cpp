@@ -92,6 +92,7 @@ const Mistake kMistakes[] = {
      [](auto&, auto& options) { options.entitlement = {}; }},
     {"SettingMisspelt", 14, "httpPostURL is unknown; did you mean httpsPostURL?",
      sets("httpPostURL", "https://127.0.0.1/")},
+    {"HoldWithoutOutbox", 14, "holdOnMetered needs an outbox (outboxBytes)", sets("holdOnMetered", true)},
     {"SettingOfTheAdministratorInTheDaemonsFile", 14, "counts in the administrator's file only",
      [](auto& f, auto&) {
          f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
