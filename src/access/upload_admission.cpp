@@ -1,24 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "access/upload_admission.h"
 
-#include <utility>
-#include <vector>
+#include <algorithm>
 
 namespace telvora {
 
+namespace {
+
+void callAll(auto& ready) {
+    for (auto& [admitted, ticket] : ready)
+        admitted(std::move(ticket));
+}
+
+}  // namespace
+
 void UploadAdmission::admit(uid_t user, uint64_t bytes, Admitted admitted) {
-    std::unique_ptr<Ticket> ticket;
+    Ready ready;
     {
         const MutexLock lock(mutex_);
         if (takePlace(user)) {
-            if (!takeMemory(user, bytes)) {
-                waiting_.push_back({user, bytes, std::move(admitted)});
-                return;
-            }
-            ticket = std::make_unique<Ticket>(*this, user, bytes);
+            auto queue = std::find_if(queues_.begin(), queues_.end(),
+                                      [user](const Queue& one) { return one.user == user; });
+            if (queue == queues_.end()) queue = queues_.insert(queue, Queue{user, {}});
+            queue->uploads.push_back({bytes, std::move(admitted)});
+            ready = takeReady();
+        } else {
+            ready.emplace_back(std::move(admitted), nullptr);
         }
     }
-    admitted(std::move(ticket));
+    callAll(ready);
 }
 
 // Counts an upload from here on, so that those that wait for memory are limited, too.
@@ -31,19 +41,39 @@ bool UploadAdmission::takePlace(uid_t user) {
     return true;
 }
 
-bool UploadAdmission::takeMemory(uid_t user, uint64_t bytes) {
-    const auto fits = [bytes](const Load& load, uint64_t limit) {
+// Gives memory to uploads that wait. A user whose share is full is passed over until it has room; the first
+// other one whose upload does not fit ends the round, since smaller uploads could keep the memory short.
+UploadAdmission::Ready UploadAdmission::takeReady() {
+    const auto fits = [](const Load& load, uint64_t bytes, uint64_t limit) {
         return load.bytes == 0 || (load.bytes <= limit && bytes <= limit - load.bytes);
     };
-    Load& share = byUser_[user];
-    if (!fits(share, limits_.bytes / 2) || !fits(total_, limits_.bytes)) return false;
-    total_.bytes += bytes;
-    share.bytes += bytes;
-    return true;
+    Ready ready;
+    for (auto queue = queues_.begin(); queue != queues_.end();) {
+        const uid_t user = queue->user;
+        const uint64_t bytes = queue->uploads.front().bytes;
+        Load& share = byUser_[user];
+        if (!fits(share, bytes, limits_.bytes / 2)) {
+            ++queue;
+            continue;
+        }
+        if (!fits(total_, bytes, limits_.bytes)) break;
+        total_.bytes += bytes;
+        share.bytes += bytes;
+        ready.emplace_back(std::move(queue->uploads.front().admitted),
+                           std::make_unique<Ticket>(*this, user, bytes));
+        queue->uploads.pop_front();
+        if (queue->uploads.empty()) {
+            queues_.erase(queue);
+        } else {
+            queues_.splice(queues_.end(), queues_, queue);
+        }
+        queue = queues_.begin();
+    }
+    return ready;
 }
 
 void UploadAdmission::release(uid_t user, uint64_t bytes, size_t uploads) {
-    std::vector<std::pair<Admitted, std::unique_ptr<Ticket>>> admitted;
+    Ready ready;
     {
         const MutexLock lock(mutex_);
         const auto at = byUser_.find(user);
@@ -52,27 +82,23 @@ void UploadAdmission::release(uid_t user, uint64_t bytes, size_t uploads) {
             load->uploads -= uploads;
         }
         if (at->second.uploads == 0) byUser_.erase(at);
-        std::erase_if(waiting_, [&](Waiting& next) TELVORA_REQUIRES(mutex_) {
-            if (!takeMemory(next.user, next.bytes)) return false;
-            admitted.emplace_back(std::move(next.admitted),
-                                  std::make_unique<Ticket>(*this, next.user, next.bytes));
-            return true;
-        });
+        ready = takeReady();
     }
-    for (auto& [call, ticket] : admitted)
-        call(std::move(ticket));
+    callAll(ready);
 }
 
 void UploadAdmission::close() {
-    std::deque<Waiting> refused;
+    std::list<Queue> refused;
     {
         const MutexLock lock(mutex_);
         closed_ = true;
-        refused.swap(waiting_);
+        refused.swap(queues_);
     }
-    for (Waiting& one : refused) {
-        release(one.user, 0, 1);
-        one.admitted(nullptr);
+    for (Queue& queue : refused) {
+        for (Waiting& upload : queue.uploads) {
+            release(queue.user, 0, 1);
+            upload.admitted(nullptr);
+        }
     }
 }
 

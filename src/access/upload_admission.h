@@ -12,8 +12,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "util/mutex.h"
 
@@ -49,8 +52,10 @@ class UploadAdmission {
     using Admitted = std::function<void(std::unique_ptr<Ticket> ticket)>;
 
     // Admits an upload of a user, who gets half of each limit. Calls `admitted` once: before it returns, or,
-    // while memory is short, on the thread that releases some. An upload that exceeds a limit waits until it
-    // is alone under it. Null if too many uploads are active, or after close().
+    // while memory is short, on the thread that releases some. The uploads of a user start in their order,
+    // and users take turns: a user whose next upload waits for the memory of others holds up the users
+    // behind it. An upload that exceeds a limit waits until it is alone under it. Null if too many uploads
+    // are active, or after close().
     void admit(uid_t user, uint64_t bytes, Admitted admitted) TELVORA_EXCLUDES(mutex_);
 
     // Refuses all further uploads, and those that wait.
@@ -63,20 +68,27 @@ class UploadAdmission {
     };
 
     struct Waiting {
-        uid_t user;
         uint64_t bytes;
         Admitted admitted;
     };
 
+    // The uploads of a user that wait for memory, in their order.
+    struct Queue {
+        uid_t user;
+        std::deque<Waiting> uploads;
+    };
+
+    using Ready = std::vector<std::pair<Admitted, std::unique_ptr<Ticket>>>;
+
     bool takePlace(uid_t user) TELVORA_REQUIRES(mutex_);
-    bool takeMemory(uid_t user, uint64_t bytes) TELVORA_REQUIRES(mutex_);
+    Ready takeReady() TELVORA_REQUIRES(mutex_);
     void release(uid_t user, uint64_t bytes, size_t uploads) TELVORA_EXCLUDES(mutex_);
 
     const UploadLimits limits_;
     Mutex mutex_;
     Load total_ TELVORA_GUARDED_BY(mutex_);
     std::map<uid_t, Load> byUser_ TELVORA_GUARDED_BY(mutex_);
-    std::deque<Waiting> waiting_ TELVORA_GUARDED_BY(mutex_);
+    std::list<Queue> queues_ TELVORA_GUARDED_BY(mutex_);  // in the order of the users' turns; none is empty
     bool closed_ TELVORA_GUARDED_BY(mutex_) = false;
 };
 

@@ -57,8 +57,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     std::optional<std::string> sendMessage(const std::optional<Dictionary>& payload, TimeValue timestamp,
                                            uint16_t method, uint16_t respCode, EventID eventID,
                                            SendFlag flag) override;
-    // Completes at once with an error of code -1 if no event is posted, else when the server has answered.
-    // Events that could not be delivered are lost.
+    // Completes at once with an error of code -1 if no event is posted, else when the server has answered, or
+    // when the outbox has stored the message to spare the link. Events that could not be delivered are lost.
     std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override;
     // Sets the ID in held events, too.
     void setCorrelatedSessionID(const std::string& combinedSessionID) override;
@@ -109,6 +109,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
                          std::optional<uint16_t> responseCode, PostCompletion completion);
     HttpRequest requestForMessage(const std::string& url, std::string json, std::optional<uint16_t> method,
                                   std::optional<uint16_t> responseCode) const;
+    void post(HttpRequest request, std::shared_ptr<Load> load, PostCompletion completion);
+    void keepUnposted(HttpRequest request, std::shared_ptr<Load> load, PostCompletion completion);
     void settle(const HttpResult& result, Load& load);
     void handlePostResult(const std::string& url, const HttpResult& result, Load& load,
                           const PostCompletion& completion);

@@ -64,7 +64,6 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
     }
-    auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
     HttpRequest request = requestForMessage(*url, std::move(json), method, responseCode);
     const size_t bytes = kRequestBytes + request.body.capacity();
     load.charge.resize(bytes + load.answerBytes);
@@ -75,11 +74,36 @@ void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag fla
                                                                   .underConsent = policy_.dnuType == 0,
                                                                   .identifier = *uuidRespectDnu_});
     }
+    auto shared = std::make_shared<Load>(std::move(load));
+    if (!isRealtime(flag) && services_.outbox != nullptr && services_.outbox->sparesLink())
+        return keepUnposted(std::move(request), std::move(shared), std::move(completion));
+    post(std::move(request), std::move(shared), std::move(completion));
+}
+
+void HTTPSPostBackend::post(HttpRequest request, std::shared_ptr<Load> load, PostCompletion completion) {
+    auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
+    std::string url = request.url;
     services_.http.start(std::move(request),
-                         [self = std::move(self), url = *url, load = std::make_shared<Load>(std::move(load)),
+                         [self = std::move(self), url = std::move(url), load = std::move(load),
                           completion = std::move(completion)](const HttpResult& result) {
                              self->handlePostResult(url, result, *load, completion);
                          });
+}
+
+// A message that the outbox can't take leaves at once: no report is lost for the link's sake.
+void HTTPSPostBackend::keepUnposted(HttpRequest request, std::shared_ptr<Load> load,
+                                    PostCompletion completion) {
+    auto self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this());
+    OutboxMessage message = std::move(*std::exchange(load->copy, nullptr));
+    const auto unkept = std::make_shared<HttpRequest>(std::move(request));
+    services_.outbox->keep(std::move(message), nullptr,
+                           [self = std::move(self), unkept, load = std::move(load),
+                            completion = std::move(completion)](bool kept) {
+                               if (!kept) return self->post(std::move(*unkept), load, completion);
+                               load->reports.settle(ReportOutcome::kept);
+                               load->charge = {};
+                               if (completion) completion(std::nullopt);
+                           });
 }
 
 HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::string json,
@@ -136,7 +160,7 @@ void HTTPSPostBackend::settle(const HttpResult& result, Load& load) {
     }
     load.copy->charge = std::move(load.charge);
     const auto reports = std::make_shared<InFlightReports>(std::move(load.reports));
-    services_.outbox->keep(std::move(*load.copy), result, [reports, outcome](bool kept) {
+    services_.outbox->keep(std::move(*load.copy), &result, [reports, outcome](bool kept) {
         reports->settle(kept ? ReportOutcome::kept : outcome);
     });
 }

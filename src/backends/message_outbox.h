@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// MessageOutbox: takes messages that found no server, to post them later (outbox/stored_outbox.h).
+// MessageOutbox: takes messages that found no server, or that wait for a better link, to post them later
+// (outbox/stored_outbox.h).
 #pragma once
 
 #include <cstddef>
@@ -25,9 +26,11 @@ class MessageOutbox {
   public:
     virtual ~MessageOutbox() = default;
 
-    // Takes a message whose post had this result. `done` runs once, on any thread: after true, the outbox
-    // accounts for the reports, and after false the caller.
-    virtual void keep(OutboxMessage message, const HttpResult& result, std::function<void(bool)> done) = 0;
+    // Takes a message whose post had this result; null: it was not posted yet. `done` runs once, on any
+    // thread: after true, the outbox accounts for the reports, and after false the caller.
+    virtual void keep(OutboxMessage message, const HttpResult* result, std::function<void(bool)> done) = 0;
+    // Whether the link is to be spared: a message that is not realtime is kept instead of posted.
+    virtual bool sparesLink() const = 0;
     // A server has answered a post to this URL: messages that wait for it may leave at once.
     virtual void reached(const std::string& url) = 0;
 };

@@ -99,9 +99,10 @@ bool ServerAuthentication::isPeer(std::string_view hexadecimalUser) const {
     return hexadecimalUser.empty() && (user.empty() || user == std::to_string(peer_));
 }
 
-std::string_view ClientAuthentication::greeting() {
-    static constexpr char kGreeting[] = "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n";
-    return {kGreeting, sizeof kGreeting - 1};
+std::string_view ClientAuthentication::greeting(bool takesDescriptors) {
+    using namespace std::string_view_literals;
+    return takesDescriptors ? "\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"sv
+                            : "\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv;
 }
 
 AuthenticationState ClientAuthentication::advance(std::string_view& input) {
@@ -117,6 +118,7 @@ AuthenticationState ClientAuthentication::advance(std::string_view& input) {
                 break;
             case Expects::ok:
                 if (command != "OK") return fail("the server rejects this user");
+                if (!takesDescriptors_) return AuthenticationState::done;
                 expects_ = Expects::descriptors;
                 break;
             case Expects::descriptors:

@@ -54,9 +54,12 @@ class ServerAuthentication {
 
 class ClientAuthentication {
   public:
+    // `takesDescriptors`: whether messages of both ends may carry file descriptors, if the server agrees.
+    explicit ClientAuthentication(bool takesDescriptors = true) : takesDescriptors_(takesDescriptors) {}
+
     // The whole of what a client says: messages may follow at once. EXTERNAL without a name means the user
     // that the kernel knows.
-    static std::string_view greeting();
+    static std::string_view greeting(bool takesDescriptors = true);
 
     // Takes the server's answers off the front of `input`, as ServerAuthentication::advance() does.
     AuthenticationState advance(std::string_view& input);
@@ -72,6 +75,7 @@ class ClientAuthentication {
         return AuthenticationState::failed;
     }
 
+    const bool takesDescriptors_;
     Expects expects_ = Expects::data;
     bool passesDescriptors_ = false;
     size_t taken_ = 0;

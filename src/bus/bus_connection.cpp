@@ -81,8 +81,8 @@ void BusConnection::begin() {
         handshake_.reset(
             new Handshake{ServerAuthentication(peer.uid, randomServerId(), limits_.descriptors), {}});
     } else {
-        handshake_.reset(
-            new Handshake{ClientAuthentication(), std::string(ClientAuthentication::greeting())});
+        handshake_.reset(new Handshake{ClientAuthentication(limits_.descriptors),
+                                       std::string(ClientAuthentication::greeting(limits_.descriptors))});
     }
     asio::error_code error;
     descriptor_.assign(socket, error);
@@ -296,8 +296,10 @@ void BusConnection::startTimer(std::chrono::milliseconds time, void (BusConnecti
     });
 }
 
+// Reads once more: bytes that wait, since this end was busy, came in time.
 void BusConnection::onAuthenticationTimeout() {
-    if (state_ == State::authenticating) end("authentication timed out");
+    if (state_ == State::authenticating) receive();
+    if (state_ == State::authenticating) end(kAuthenticationTimedOut);
 }
 
 void BusConnection::close(const std::string& reason) {
@@ -370,6 +372,7 @@ void BusConnection::teardown() {
     output_.clear();
     uncongested_ = nullptr;
     mayHandle_ = nullptr;
+    signal_ = nullptr;
     awaitsAdmission_ = nullptr;
     if (const auto gone = std::exchange(gone_, nullptr)) attempt("BusConnection(teardown)", gone);
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // BusConnection: one end of a peer-to-peer D-Bus connection (D-Bus Specification) on a connected Unix stream
-// socket, driven by its strand.
+// socket, driven by its strand. A client can also connect to a message bus, whose calls name their
+// destination.
 //
 // How it runs: the strand waits for input. A turn reads once, handles the messages that the read brought, up
 // to a bound so that one busy peer can't keep a runner to itself, and writes their answers together. A quiet
@@ -48,10 +49,14 @@ namespace telvora {
 // Largest outgoing message, in bytes.
 inline constexpr size_t kMaxSentMessage = size_t{16} << 20;
 
+// The reason for the end of a connection whose peer does not authenticate in time.
+inline constexpr char kAuthenticationTimedOut[] = "authentication timed out";
+
 enum class BusRole { kServer, kClient };
 
 struct BusLimits {
-    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is).
+    // From start() until the peer has authenticated (EXTERNAL: it is who the kernel says it is). Bytes that
+    // have arrived by then are in time.
     std::chrono::milliseconds authenticationTimeout{10'000};
     // Largest incoming message, in bytes.
     size_t messageSize = size_t{16} << 20;
@@ -60,7 +65,7 @@ struct BusLimits {
     size_t queuedBytes = size_t{1} << 20;
     // Calls of the peer that wait for their answer. Beyond it, a server pauses reading.
     size_t pendingCalls = 4096;
-    // Whether messages to a server may carry file descriptors.
+    // Whether the peer's messages may carry file descriptors.
     bool descriptors = true;
     // How long the peer of a half-closed connection may take to read its last messages.
     std::chrono::milliseconds drainTimeout{2'000};
@@ -137,6 +142,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void setUserTurns(std::shared_ptr<UserTurns> turns) { userTurns_ = std::move(turns); }
     // See BusInput::onKept(). A refusal ends the connection. Before start().
     void onInputKept(std::function<bool(size_t bytes)> mayKeep) { input_.onKept(std::move(mayKeep)); }
+    // Passes the signals of the peer to `handler`, which reads their arguments. Before start().
+    void onSignal(std::function<void(BusMessage& signal)> handler) { signal_ = std::move(handler); }
     // `uncongested` runs each time the output stops being congested. Before start().
     void onUncongested(std::function<void()> uncongested) { uncongested_ = std::move(uncongested); }
     // Begins. The connection keeps itself alive until the socket is closed; then `gone` runs, if it is set.
@@ -234,6 +241,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     // bus_dispatch.cpp: the messages.
     void dispatch(const MessageView& view, std::vector<UniqueFd> descriptors);
+    void handleSignal(const MessageView& view);
     void checkRest(WireReader& body);
     void handleCall(const MessageView& view, std::vector<UniqueFd> descriptors);
     void runHandler(const Export& target, size_t method, BusMessage& call);
@@ -287,6 +295,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::function<void()> gone_;
     std::function<void()> uncongested_;
     std::function<bool()> mayHandle_;
+    std::function<void(BusMessage& signal)> signal_;
 };
 
 }  // namespace telvora

@@ -33,8 +33,14 @@ void BusConnection::dispatch(const MessageView& view, std::vector<UniqueFd> desc
         case MessageType::error:
             return handleReply(view, std::move(descriptors));
         case MessageType::signal:
-            return checkRest(BusMessage(view, {}).reader());
+            return handleSignal(view);
     }
+}
+
+void BusConnection::handleSignal(const MessageView& view) {
+    BusMessage signal(view, {});
+    if (signal_) signal_(signal);
+    checkRest(signal.reader());
 }
 
 // Bytes that no handler reads must be valid all the same.

@@ -3,12 +3,11 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
+#include "bus/connect_socket.h"
 #include "util/error_text.h"
 
 namespace telvora {
@@ -31,20 +30,6 @@ tl::unexpected<BusQueryFailure> lost(int error) {
     return failure(Kind::kUnreachable,
                    "the daemon closed the connection: it ends, or this user has too many connections "
                    "(maxConnectionsPerUser)");
-}
-
-Result<UniqueFd> connectTo(const std::string& socketPath) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const auto failed = [&](int error) {
-        return failure(Kind::kUnreachable, connectErrorText(socketPath, error));
-    };
-    if (socketPath.size() >= sizeof address.sun_path) return failed(ENAMETOOLONG);
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket || connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return failed(errno);
-    return socket;
 }
 
 Result<void> waitFor(int socket, short events, Deadline deadline) {
@@ -80,8 +65,8 @@ Result<void> sendAll(int socket, std::string_view bytes, Deadline deadline) {
 BusQueryConnection::BusQueryConnection(UniqueFd socket) : socket_(std::move(socket)), input_(kMaxAnswer) {}
 
 Result<std::unique_ptr<BusQueryConnection>> BusQueryConnection::connect(const std::string& socketPath) {
-    auto socket = connectTo(socketPath);
-    if (!socket) return tl::unexpected(socket.error());
+    auto socket = connectToSocket(socketPath, FullBacklog::kFails);
+    if (!socket) return failure(Kind::kUnreachable, socket.error());
     return std::unique_ptr<BusQueryConnection>(new BusQueryConnection(std::move(*socket)));
 }
 

@@ -1,41 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/client_session.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 
 #include "client/client_session_connection.h"
 #include "telvora/keys.h"
-#include "util/error_text.h"
 
 namespace telvora {
-
-namespace {
-
-tl::expected<UniqueFd, std::string> connectTo(const std::string& path, FullBacklog fullBacklog) {
-    const auto failure = [&path](int error) { return tl::unexpected(connectErrorText(path, error)); };
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-
-    const int nonBlocking = fullBacklog == FullBacklog::kFails ? SOCK_NONBLOCK : 0;
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | nonBlocking, 0));
-    if (!socket) return failure(errno);
-    int result = 0;
-    do {
-        result = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) return failure(errno);
-    return socket;
-}
-
-}  // namespace
 
 std::string ClientSession::defaultSocketPath() {
     if (const char* path = std::getenv("TELVORA_SOCKET"); path != nullptr && *path != '\0') return path;
@@ -49,7 +22,7 @@ std::string ClientSession::defaultSocketPath() {
 tl::expected<std::unique_ptr<ClientSession>, std::string> ClientSession::connect(
     ClientRuntime& runtime, const std::string& socketPath, Handlers handlers, FullBacklog fullBacklog,
     CallLimit callLimit) {
-    auto socket = connectTo(socketPath, fullBacklog);
+    auto socket = connectToSocket(socketPath, fullBacklog);
     if (!socket) return tl::unexpected(socket.error());
     auto connection = std::make_shared<Connection>(runtime.makeStrand(), std::move(handlers), callLimit);
     connection->start(std::move(*socket));

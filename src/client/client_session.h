@@ -19,6 +19,7 @@
 #include <tl/expected.hpp>
 #include <vector>
 
+#include "bus/connect_socket.h"
 #include "client/client_runtime.h"
 #include "plist/property_list.h"
 #include "protocol/telvora_error.h"
@@ -82,9 +83,6 @@ struct AggregatedMessage {
         return !sessionInfo && !payload && timestamp == 0 && category == 0 && type == 0;
     }
 };
-
-// Behaviour of connecting while the daemon's backlog is full.
-enum class FullBacklog { kWaits, kFails };
 
 // Whether ClientSession::kMaxPendingCalls applies. kNone: the caller keeps to a limit of its own.
 enum class CallLimit { kApplies, kNone };

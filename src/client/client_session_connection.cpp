@@ -12,6 +12,11 @@ namespace {
 constexpr char kTurnedAway[] =
     "the daemon closed the connection without an answer: most likely this program is not entitled (telvorad.entitlements(5)), or its user has too many connections (telvorad.defaults(5))";
 
+constexpr char kNoAnswer[] = "the daemon does not answer";
+
+// A machine under load may start the daemon, and let it accept the connection, late.
+constexpr std::chrono::minutes kAuthenticationTimeout{2};
+
 // Written ahead of what the socket takes. More would not leave sooner.
 constexpr size_t kOutputBytes = size_t{128} << 10;
 
@@ -26,6 +31,7 @@ CallFailure notSent(BusSendFailure failure) {
 void ClientSession::Connection::start(UniqueFd socket) {
     BusLimits limits;
     limits.queuedBytes = kOutputBytes;
+    limits.authenticationTimeout = kAuthenticationTimeout;
     const auto bus = BusConnection::make(strand_, std::move(socket), BusRole::kClient, limits);
     bus->onUncongested([this] { sendQueued(); });
     exportMethods<kClientMessageMethods>(*bus, [this](const auto& run) {
@@ -46,9 +52,9 @@ void ClientSession::Connection::invalidate() {
 
 void ClientSession::Connection::ended(const std::string& reason) {
     bus_ = nullptr;
-    const bool turnedAway = !answered_ && !invalidated_;
-    if (turnedAway) loss_ = kTurnedAway;
-    if (!invalidated_ && handlers_.connectionLost) handlers_.connectionLost(turnedAway ? loss_ : reason);
+    const bool unanswered = !answered_ && !invalidated_;
+    if (unanswered) loss_ = reason == kAuthenticationTimedOut ? kNoAnswer : kTurnedAway;
+    if (!invalidated_ && handlers_.connectionLost) handlers_.connectionLost(unanswered ? loss_ : reason);
     wake();  // the calls that were not sent are lost, after those that were
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "async/work_pool.h"
 #include "platform/locale.h"
 #include "platform/uuid.h"
 #include "telvora/keys.h"
@@ -120,6 +121,7 @@ void DeviceIdentity::carryOver() const {
         moved.set(key, value);
     }
     if (old.empty()) return;
+    const BlockingSection blocking;
     auto written = defaults_.set(kIdentifiersDomain, moved);
     if (written) written = defaults_.remove(kTelvoraDefaultsDomain, old);
     if (written) return;
@@ -135,6 +137,7 @@ std::string DeviceIdentity::persistentIdentifier(const std::string& key, std::op
     carryOver();
     if (auto stored = identifierIn(defaults_.value(kIdentifiersDomain, key))) return *stored;
     std::string created = randomUuidString();
+    const BlockingSection blocking;
     tl::expected<void, std::string> written;
     if (const auto why = whyRefused(defaults_.files(kIdentifiersDomain).own, key, user)) {
         written = tl::make_unexpected(*why);

@@ -5,6 +5,7 @@
 
 #include <system_error>
 
+#include "async/work_pool.h"
 #include "plist/property_list_format.h"
 #include "util/atomic_file.h"
 #include "util/log.h"
@@ -26,6 +27,7 @@ constexpr char kFetchSuccessful[] = "fetchSuccessful";
 std::optional<KeptBag> KeptBags::load(const std::string& name, const std::string& url) const {
     std::error_code error;
     if (!std::filesystem::exists(fileOf(name), error)) return std::nullopt;
+    const BlockingSection blocking;
     const auto content = readRegularFile(fileOf(name), kMaxDocumentBytes);
     const auto parsed = content ? parsePropertyList(*content) : tl::unexpected(content.error());
     const auto* bag = parsed ? parsed->getIf<Dictionary>() : nullptr;
@@ -60,6 +62,7 @@ void KeptBags::save(const std::string& name, const KeptBag& bag) const {
         TELVORA_LOG(kLogWarning, "KeptBags(save): %s: %s", fileOf(name).c_str(), text.error().c_str());
         return;
     }
+    const BlockingSection blocking;
     mkdir(directory_.c_str(), 0700);
     if (const auto written = replaceFile(fileOf(name), *text); !written) {
         TELVORA_LOG(kLogWarning, "KeptBags(save): %s: %s", fileOf(name).c_str(), written.error().c_str());

@@ -4,8 +4,8 @@
 // with the bag, its age and its date, and with the wait after a failed fetch. One file a bag in a directory
 // of the state directory. The signed document is kept, and verified again before use.
 //
-// A file counts only for the address from which the bag was fetched. Blocks on file I/O. Belongs to one
-// thread at a time.
+// A file counts only for the address from which the bag was fetched. Blocks on file I/O, as a BlockingSection
+// (work_pool.h). Belongs to one thread at a time.
 #pragma once
 
 #include <cstdint>

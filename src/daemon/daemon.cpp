@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "config/device_description.h"
 #include "daemon/process_setup.h"
@@ -38,9 +39,10 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
       // The outbox sends before shutdown_ exists.
-      httpIdle_(runLoop_, [this] { shutdown_.check(); }),
-      http_(tappedHttp_, timeOfDay, [this] { httpIdle_.post(); }),
+      checkEnd_(runLoop_, [this] { shutdown_.check(); }),
+      http_(tappedHttp_, timeOfDay, [this] { checkEnd_.post(); }),
       outbox_(openOutbox()),
+      link_(watchLink()),
       backendServices_(makeBackendServices()),
       sessionServices_{.backendServices = backendServices_,
                        .framework = framework_,
@@ -78,7 +80,11 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
                          agent_.invalidateAllConnections();
                      },
                  .giveUp = outbox_ ? [this] { http_.stop(); } : std::function<void()>(),
-                 .isIdle = [this] { return agent_.sessionsAlive() == 0 && http_.inFlight() == 0; }},
+                 .isIdle =
+                     [this] {
+                         return agent_.sessionsAlive() == 0 && http_.inFlight() == 0 &&
+                                !(outbox_ && outbox_->isStoring());
+                     }},
                 process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
     if (!process.settings.keepBags) keptBags_.removeAll();
@@ -123,10 +129,28 @@ std::unique_ptr<StoredOutbox> Daemon::openOutbox() {
                             .moment = currentMoment,
                             .random = uniformRandom48,
                             .consent = [this] { return identity_.diagnosticsConsent(); },
-                            .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); }});
+                            .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); },
+                            .stored = [this] { checkEnd_.post(); },
+                            .sparesLink = process_.settings.spared != LinkState()});
     if (outbox) return std::move(*outbox);
     TELVORA_LOG(kLogError, "main: There is no outbox: %s: %s", path.c_str(), outbox.error().text.c_str());
     return nullptr;
+}
+
+std::shared_ptr<LinkWatch> Daemon::watchLink() {
+    const LinkState& spared = process_.settings.spared;
+    if (spared == LinkState()) return nullptr;
+    if (!outbox_) {
+        TELVORA_LOG(kLogWarning, "main: No report is held for the link: there is no outbox (outboxBytes)");
+        return nullptr;
+    }
+    return LinkWatch::start(
+        pool_.makeStrand(), {.watched = spared}, [this, held = false](const LinkState& state) mutable {
+            const bool wasHeld = std::exchange(held, state != LinkState());
+            if (held) TELVORA_LOG(kLogInfo, "main: Reports are held: %s", describe(state).c_str());
+            if (wasHeld && !held) TELVORA_LOG(kLogInfo, "main: Reports are held no longer");
+            outbox_->setSparesLink(held);
+        });
 }
 
 void Daemon::serveClient(UniqueFd socket, const Peer& peer) {
@@ -143,8 +167,17 @@ void Daemon::warnWithoutPublicKey() const {
                 process_.directories.framework.c_str(), process_.directories.configuration.c_str());
 }
 
+void Daemon::warnOfUnreadableFiles() const {
+    for (const PropertyList& fault : unreadableFiles(process_.defaults)) {
+        const auto& found = *fault.getIf<Dictionary>();
+        TELVORA_LOG(kLogWarning, "Settings: %s %s", found.string(status::kKey)->c_str(),
+                    found.string(status::kReason)->c_str());
+    }
+}
+
 void Daemon::run() {
     warnWithoutPublicKey();
+    warnOfUnreadableFiles();
     reloadOnSignal();
     shutdown_.onSignals();
     listener_.resume();
@@ -211,18 +244,20 @@ void Daemon::logLosses() const {
 }
 
 Dictionary Daemon::getStatus() {
-    return {{status::kDaemon, daemonStatus(start_)},
-            {status::kSandbox, sandboxStatus(process_.sandbox)},
-            {status::kSessions, agent_.sessionStatus()},
-            {status::kUsers, userStatus(quotas_)},
-            {status::kBags, agent_.storebagStatus()},
-            {status::kTotals, describe(ledger_.totals())},
-            {status::kClientTypes, describe(ledger_.totalsByClientType())},
-            {status::kHttpPending, static_cast<long long>(http_.inFlight())},
-            {status::kServers, serverStatus(http_.outcomes())},
-            {status::kRefusals, agent_.refusalStatus()},
-            {status::kBefore, readLastTotals(process_.directories.state)},
-            {status::kPublicKeys, publicKeyStatus(framework_)}};
+    Dictionary answer{{status::kDaemon, daemonStatus(start_)},
+                      {status::kSandbox, sandboxStatus(process_.sandbox)},
+                      {status::kSessions, agent_.sessionStatus()},
+                      {status::kUsers, userStatus(quotas_)},
+                      {status::kBags, agent_.storebagStatus()},
+                      {status::kTotals, describe(ledger_.totals())},
+                      {status::kClientTypes, describe(ledger_.totalsByClientType())},
+                      {status::kHttpPending, static_cast<long long>(http_.inFlight())},
+                      {status::kServers, serverStatus(http_.outcomes())},
+                      {status::kRefusals, agent_.refusalStatus()},
+                      {status::kBefore, readLastTotals(process_.directories.state)},
+                      {status::kPublicKeys, publicKeyStatus(framework_)}};
+    if (link_) answer.set(status::kLink, linkStatus(link_->watched(), link_->state()));
+    return answer;
 }
 
 void Daemon::diagnose(Dictionary query, FindingsReply reply) {

@@ -25,6 +25,7 @@
 #include "daemon/shutdown.h"
 #include "daemon/status_service.h"
 #include "daemon/telvorad_agent.h"
+#include "link/link_watch.h"
 #include "outbox/stored_outbox.h"
 #include "outgoing/outgoing_taps.h"
 #include "platform/directories.h"
@@ -51,6 +52,7 @@ class Daemon final : private StatusInterface {
 
   private:
     std::unique_ptr<StoredOutbox> openOutbox();
+    std::shared_ptr<LinkWatch> watchLink();
     BackendServices makeBackendServices();
     void serveClient(UniqueFd socket, const Peer& peer);
     bool isNeeded() const;
@@ -58,6 +60,7 @@ class Daemon final : private StatusInterface {
     void reloadOnSignal();
     void logLosses() const;
     void warnWithoutPublicKey() const;
+    void warnOfUnreadableFiles() const;
     Dictionary getStatus() override;
     Dictionary getDevice() override;
     void refreshBags(std::function<void(Dictionary bags)> reply) override;
@@ -81,9 +84,10 @@ class Daemon final : private StatusInterface {
     const std::unique_ptr<PowerLog> powerLog_;
     ReportLedger ledger_;
     TappedHttpClient tappedHttp_;
-    LoopTask httpIdle_;
+    LoopTask checkEnd_;
     InFlightHttpClient http_;
     const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
+    const std::shared_ptr<LinkWatch> link_;       // null: the link is never spared
     const BackendServices backendServices_;
     const SessionServices sessionServices_;
     const StorebagFetcher fetcher_;

@@ -44,6 +44,13 @@ Dictionary sandboxStatus(const SandboxStatus& sandbox) {
             {status::kNotDumpable, sandbox.notDumpable}};
 }
 
+Dictionary linkStatus(const LinkState& watched, const LinkState& state) {
+    Dictionary link;
+    if (watched.metered) link.set(status::kMetered, state.metered);
+    if (watched.battery) link.set(status::kBattery, state.battery);
+    return link;
+}
+
 Array userStatus(UserQuotas& quotas) {
     Array users;
     for (const auto& [user, uses] : quotas.uses()) {

@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "access/user_quotas.h"
+#include "link/link_watch.h"
 #include "plist/property_list.h"
 #include "sandbox/sandbox.h"
 #include "util/time_value.h"
@@ -20,6 +21,8 @@ struct StartTime {
 
 Dictionary daemonStatus(const StartTime& start);
 Dictionary sandboxStatus(const SandboxStatus& sandbox);
+// The values of `state` that are watched.
+Dictionary linkStatus(const LinkState& watched, const LinkState& state);
 Array userStatus(UserQuotas& quotas);
 
 }  // namespace telvora

@@ -38,6 +38,7 @@ int run() {
     startLogging("telvorad");
     raiseDescriptorLimit();
     avoidHugePages();
+    returnLargeBuffers();
     leaveGnuTlsUnused();
 
     const Directories directories = Directories::fromEnvironment();
@@ -53,8 +54,11 @@ int run() {
     SandboxPaths paths = SandboxPaths::fromDirectories(directories);
     paths.readAndRemove = settings.uploadDirectories;
     // A path that names a directory must not open all that is beneath it.
-    if (std::error_code error; std::filesystem::is_regular_file(settings.vodexAdaptorPath, error))
-        paths.readOnly.push_back(settings.vodexAdaptorPath);
+    for (const std::string& file : {settings.vodexAdaptorPath, settings.link.caFile,
+                                    settings.link.clientCertificate, settings.link.clientKey}) {
+        if (std::error_code error; std::filesystem::is_regular_file(file, error))
+            paths.readOnly.emplace_back(file);
+    }
     const auto confined = enterSandbox(kServiceName, paths);
     if (!confined) return fail(confined.error());
     if (!canRead(directories.framework)) return 1;

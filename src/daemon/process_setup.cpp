@@ -26,6 +26,7 @@ namespace {
 
 constexpr int kNice = 5;
 constexpr int kIoPriorityLevel = 6;  // 0 to 7, 7 the lowest
+constexpr int kLargeBuffer = 256 << 10;
 constexpr unsigned long kTimerSlackNanoseconds = 50'000'000;
 
 void report(const char* setting, long result) {
@@ -54,6 +55,10 @@ void avoidHugePages() {
 
 void leaveGnuTlsUnused() {
     setenv("GNUTLS_NO_IMPLICIT_INIT", "1", 0);
+}
+
+void returnLargeBuffers() {
+    mallopt(M_MMAP_THRESHOLD, kLargeBuffer);
 }
 
 void releaseFreeMemory() {

@@ -14,6 +14,12 @@ void setUtilityQualityOfService();
 // default, a few hundred kilobytes of each thread's arena become megabytes of resident memory.
 void avoidHugePages();
 
+// Gives each buffer of 256 KiB and more back to the system when it is freed (mallopt(3)), and the free end of
+// a thread's heap beyond 128 KiB. Otherwise the allocator raises both limits to the size of the largest
+// buffer so far: after messages of 16 MB, each of several heaps keeps up to 64 MB that malloc_trim(3) does
+// not reach.
+void returnLargeBuffers();
+
 // Keeps GnuTLS from setting itself up when it is loaded (GNUTLS_NO_IMPLICIT_INIT): on some systems libcurl
 // brings it for protocols that the daemon does not use. Saves 0.6 MB. Before there are threads.
 void leaveGnuTlsUnused();

@@ -20,6 +20,10 @@ std::chrono::milliseconds milliseconds(UserDefaults& defaults, const Setting& se
     return std::chrono::milliseconds(integerSetting(defaults, setting));
 }
 
+bool isOn(UserDefaults& defaults, const Setting& setting) {
+    return defaults.boolean(setting.domain, setting.key);
+}
+
 OutboxLimits outboxLimits(UserDefaults& defaults) {
     return {.bytes = static_cast<uint64_t>(integerSetting(defaults, settings::kOutboxBytes)),
             .age = std::chrono::seconds(integerSetting(defaults, settings::kOutboxSeconds)),
@@ -85,8 +89,10 @@ Settings readSettings(UserDefaults& defaults) {
             .idleTime = milliseconds(defaults, settings::kIdleTime),
             .shutdownTime = milliseconds(defaults, settings::kShutdownTime),
             .messageLogBytes = static_cast<uint64_t>(integerSetting(defaults, settings::kMessageLogBytes)),
-            .keepBags = defaults.boolean(kTelvoraDefaultsDomain, settings::kKeepBags.key),
+            .keepBags = isOn(defaults, settings::kKeepBags),
             .outbox = outboxLimits(defaults),
+            .spared = {.metered = isOn(defaults, settings::kHoldOnMetered),
+                       .battery = isOn(defaults, settings::kHoldOnBattery)},
             .link = httpLink(defaults)};
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "http/http_client.h"
+#include "link/link_watch.h"
 #include "outbox/outbox_store.h"
 #include "platform/user_defaults.h"
 
@@ -23,6 +24,7 @@ struct Settings {
     uint64_t messageLogBytes;  // the most bytes of the message log
     bool keepBags;
     OutboxLimits outbox;
+    LinkState spared;  // the states of the link in which only realtime reports leave
     HttpLink link;
 };
 

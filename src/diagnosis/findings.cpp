@@ -5,6 +5,7 @@
 #include "platform/locale.h"
 #include "protocol/status_keys.h"
 #include "util/nearest_word.h"
+#include "util/regular_file.h"
 
 namespace telvora {
 
@@ -56,10 +57,34 @@ Array faultsOf(UserDefaults& defaults) {
     const UserDefaults::Files files = defaults.files(kTelvoraDefaultsDomain);
     addFaults(faults, files.administrator, true);
     addFaults(faults, files.own, false);
+    for (PropertyList& fault : unreadableFiles(defaults))
+        faults.push_back(std::move(fault));
+    const bool hasOutbox = integerSetting(defaults, settings::kOutboxBytes) > 0;
+    for (const Setting* setting : {&settings::kHoldOnMetered, &settings::kHoldOnBattery}) {
+        if (hasOutbox || !defaults.boolean(setting->domain, setting->key)) continue;
+        faults.emplace_back(Dictionary{{status::kKey, std::string(setting->key)},
+                                       {status::kReason, "needs an outbox (outboxBytes)"}});
+    }
     return faults;
 }
 
 }  // namespace
+
+Array unreadableFiles(UserDefaults& defaults) {
+    Array faults;
+    for (const Setting* setting :
+         {&settings::kCaFile, &settings::kClientCertificate, &settings::kClientKey}) {
+        const auto value = defaults.administratorValue(setting->domain, setting->key);
+        const auto* path = value ? value->getIf<std::string>() : nullptr;
+        if (path == nullptr || path->empty()) continue;
+        if (const auto file = RegularFile::open(*path); !file) {
+            faults.emplace_back(
+                Dictionary{{status::kKey, setting->key},
+                           {status::kReason, "can't be used: " + *path + ": " + file.error()}});
+        }
+    }
+    return faults;
+}
 
 Array publicKeyStatus(const ClientFramework& framework) {
     Array keys;

@@ -28,6 +28,9 @@ struct FindingSources {
 // thread.
 Dictionary configurationFindings(const FindingSources& sources, const Peer& process);
 
+// The settings that name a file which this process can't read, with the reason.
+Array unreadableFiles(UserDefaults& defaults);
+
 // The files with public keys, in the same form.
 Array publicKeyStatus(const ClientFramework& framework);
 

@@ -264,4 +264,14 @@ SqliteResult<OutboxStore::Totals> OutboxStore::totals() {
     return Totals{static_cast<uint64_t>(rows->integer(0)), static_cast<uint64_t>(rows->integer(1))};
 }
 
+SqliteResult<bool> OutboxStore::isHalfFull() {
+    auto rows = database_.query(
+        "SELECT coalesce(sum(size), 0), coalesce(max(count), 0) FROM"
+        " (SELECT sum(bytes) AS size, count(*) AS count FROM message GROUP BY user)");
+    if (!rows) return tl::unexpected(rows.error());
+    if (const auto row = rows->next(); !row) return tl::unexpected(row.error());
+    return static_cast<uint64_t>(rows->integer(0)) >= limits_.bytes / 2 ||
+           static_cast<uint64_t>(rows->integer(1)) >= (limits_.countPerUser + 1) / 2;
+}
+
 }  // namespace telvora

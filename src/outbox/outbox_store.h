@@ -80,6 +80,8 @@ class OutboxStore {
         uint64_t reports = 0;
     };
     SqliteResult<Totals> totals();
+    // Whether half of the bytes are used, or a user has half of the count.
+    SqliteResult<bool> isHalfFull();
 
   private:
     OutboxStore(SqliteDatabase database, OutboxLimits limits)

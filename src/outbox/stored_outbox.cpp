@@ -19,6 +19,7 @@ constexpr double kLongestPause = 3600;
 constexpr double kShortestPause = 1;
 constexpr std::chrono::seconds kPauseAfterFailure{15};
 constexpr std::chrono::seconds kExpiryInterval{60};
+constexpr std::chrono::hours kSparingInterval{1};  // between looks for messages that may no longer leave
 constexpr std::chrono::nanoseconds kLeeway = std::chrono::milliseconds(10);
 constexpr std::chrono::nanoseconds kLongestRest = std::chrono::minutes(1);
 
@@ -50,26 +51,35 @@ StoredOutbox::StoredOutbox(OutboxStore store, std::filesystem::path path, const 
       services_(std::move(services)),
       vfs_(vfs),
       account_(services_.ledger.open(kAccount)),
+      sparesLink_(services_.sparesLink),
       store_(std::move(store)),
       timer_(services_.queue->makeTimer()) {}
 
-void StoredOutbox::keep(OutboxMessage message, const HttpResult& result, std::function<void(bool)> done) {
+void StoredOutbox::keep(OutboxMessage message, const HttpResult* result, std::function<void(bool)> done) {
     const uint64_t size = OutboxStore::sizeOf(message);
     if (size > limits_.bytes) {
+        if (result == nullptr) return done(false);
         account_->accept(ReportOutcome::oversized, message.reports);
         return done(true);
     }
+    std::optional<std::chrono::seconds> patience;
+    if (result != nullptr) patience = retryAfter(*result, services_.moment().timeOfDay);
     {
         const MutexLock lock(incomingLock_);
         if (!closed_ && incomingBytes_ + size <= limits_.bytes) {
             incomingBytes_ += size;
             ++waiting_;
-            incoming_.push_back({std::move(message), std::exchange(done, nullptr),
-                                 retryAfter(result, services_.moment().timeOfDay)});
+            ++storing_;
+            incoming_.push_back({std::move(message), std::exchange(done, nullptr), patience});
         }
     }
     if (done) return done(false);
     services_.queue->post([this] { wake(); });
+}
+
+void StoredOutbox::setSparesLink(bool spares) {
+    sparesLink_ = spares;
+    if (!spares) services_.queue->post([this] { wake(); });
 }
 
 void StoredOutbox::reached(const std::string& url) {
@@ -115,12 +125,14 @@ void StoredOutbox::storeIncoming() {
     for (Incoming& one : incoming) {
         const std::string server = serverOfUrl(one.message.request.url);
         const auto known = servers_.find(server);
-        if (known == servers_.end() || known->second.due <= services_.queue->now())
-            postpone(server, one.patience);
+        if (one.patience && (known == servers_.end() || known->second.due <= services_.queue->now()))
+            postpone(server, *one.patience);
         one.done(stored);
     }
     checked_.reset();
     countWaiting();
+    storing_ -= incoming.size();
+    if (!maySend_ && services_.stored) services_.stored();
 }
 
 bool StoredOutbox::storeAll(const std::vector<const OutboxMessage*>& messages) {
@@ -137,10 +149,17 @@ bool StoredOutbox::storeAll(const std::vector<const OutboxMessage*>& messages) {
 }
 
 void StoredOutbox::sendNext() {
+    if (waiting_.load() == 0) halfFull_ = false;
     if (sending_ || !store_ || !maySend_ || waiting_.load() == 0) return;
     const BlockingSection blocking;
     removeSettled();
     if (!store_ || !removeUnwanted()) return;
+    if (sparesLink_) {
+        const auto half = store_->isHalfFull();
+        if (!half) return fail(half.error());
+        halfFull_ = *half;
+        if (!*half) return wakeAt(services_.queue->now() + kSparingInterval);
+    }
     std::map<std::string, int64_t> settled;
     for (const auto& [id, message] : settled_)
         settled[message.server] = id;
@@ -289,6 +308,7 @@ void StoredOutbox::removeFile() {
 }
 
 void StoredOutbox::reopen() {
+    const BlockingSection blocking;
     auto store = OutboxStore::open(path_, limits_, services_.moment(), vfs_);
     if (!store) return wakeAt(services_.queue->now() + kPauseAfterFailure);
     store_ = std::move(*store);

@@ -9,6 +9,10 @@
 // that devices do not come back together (full jitter); at least what its Retry-After says (RFC 9110), up to
 // a day. A server that has answered another post gets its messages at once.
 //
+// While the link is to be spared, backends hand over messages that were not posted yet, and the outbox sends
+// none. From when it is half full until it is less than half full, both go on as if the link were not spared:
+// the rest is room for messages that find no server.
+//
 // Before each message, those are removed that may no longer leave: kept under a consent that was withdrawn,
 // of identifiers that were reset, or too old.
 //
@@ -40,6 +44,8 @@ struct OutboxServices {
     std::function<double()> random;           // uniform in [0, 1)
     std::function<bool()> consent;            // whether the user shares diagnostics
     std::function<std::string()> identifier;  // the device's, as in OutboxMessage
+    std::function<void()> stored = {};        // after stopSending(): messages have been stored
+    bool sparesLink = false;                  // until setSparesLink()
 };
 
 // All members without a lock belong to the queue. Destroyed after all exchanges of `http` have ended, and
@@ -55,11 +61,16 @@ class StoredOutbox final : public MessageOutbox {
                                                             OutboxServices services,
                                                             const char* vfs = nullptr);
 
-    void keep(OutboxMessage message, const HttpResult& result, std::function<void(bool)> done) override
+    void keep(OutboxMessage message, const HttpResult* result, std::function<void(bool)> done) override
         TELVORA_EXCLUDES(incomingLock_);
+    bool sparesLink() const override { return sparesLink_ && !halfFull_; }
+    // Callable from any thread.
+    void setSparesLink(bool spares);
     void reached(const std::string& url) override;
     // Whether messages wait for their server, or to be stored. Callable from any thread.
     bool isWaiting() const { return waiting_.load() > 0; }
+    // Whether messages wait to be stored. Callable from any thread.
+    bool isStoring() const { return storing_.load() > 0; }
     // Begins to send no further message. Callable from any thread.
     void stopSending() { maySend_ = false; }
     // Stores the messages that have been handed over, and takes and sends no further ones. Called when the
@@ -70,7 +81,7 @@ class StoredOutbox final : public MessageOutbox {
     struct Incoming {
         OutboxMessage message;
         std::function<void(bool)> done;
-        std::chrono::seconds patience{};  // that the server asked for
+        std::optional<std::chrono::seconds> patience;  // that the server asked for; absent: not posted yet
     };
     // A server that gets no message until `due`, or that has failed before.
     struct Server {
@@ -120,7 +131,10 @@ class StoredOutbox final : public MessageOutbox {
     const char* const vfs_;
     const std::shared_ptr<ReportAccount> account_;
     std::atomic<uint64_t> waiting_{0};  // messages
+    std::atomic<size_t> storing_{0};    // messages
     std::atomic<bool> maySend_{true};
+    std::atomic<bool> sparesLink_;
+    std::atomic<bool> halfFull_{false};        // as far as sparesLink_
     std::atomic<size_t> postponedServers_{0};  // the size of servers_
 
     Mutex incomingLock_;

@@ -131,6 +131,16 @@ inline constexpr Setting kOutboxCount{.key = "outboxCountPerUser",
                                       .standard = 10'000,
                                       .least = 1,
                                       .most = 1'000'000};
+inline constexpr Setting kHoldOnMetered{
+    .key = "holdOnMetered",
+    .meaning = "only realtime reports leave over a metered link; the outbox keeps the others",
+    .type = SettingType::boolean,
+    .effect = SettingEffect::restart};
+inline constexpr Setting kHoldOnBattery{
+    .key = "holdOnBattery",
+    .meaning = "only realtime reports leave while the device runs on battery; the outbox keeps the others",
+    .type = SettingType::boolean,
+    .effect = SettingEffect::restart};
 inline constexpr Setting kKeepBags{.key = "keepBags",
                                    .meaning = "bags are kept over the daemon's end, with their age",
                                    .type = SettingType::boolean,

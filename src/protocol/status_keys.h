@@ -20,6 +20,7 @@ inline constexpr char kServers[] = "servers";
 inline constexpr char kRefusals[] = "refusals";
 inline constexpr char kBefore[] = "before";
 inline constexpr char kPublicKeys[] = "publicKeys";
+inline constexpr char kLink[] = "link";
 
 // Of several parts.
 inline constexpr char kUser[] = "user";
@@ -107,6 +108,10 @@ inline constexpr char kOverQuota[] = "overQuota";
 inline constexpr char kEndTime[] = "endTime";
 inline constexpr char kAllRuns[] = "allRuns";
 inline constexpr char kSince[] = "since";
+
+// The link.
+inline constexpr char kMetered[] = "metered";
+inline constexpr char kBattery[] = "battery";
 
 // The findings of kDiagnose.
 inline constexpr char kProcess[] = "process";

@@ -104,12 +104,15 @@ class VodexAdaptor : public DaemonFixture {
         laboratory().setBag("quillet", bag);  // client type 7
         laboratory().setBag("dravik", bag);   // client type 8, which has no adaptor
     }
-    // The adaptor lies where the sandbox does not allow the daemon to read.
+    // The adaptor and the authorities lie where the sandbox allows the daemon to read these files alone.
     void start(const std::string& adaptor) {
-        const auto path = directory().path() / "adaptor.so";
+        const auto path = directory().path() / "adaptor.so", authorities = directory().path() / "ca.pem";
         copy_file(adaptor, path, std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::copy(laboratory().pki().caFile(), authorities);
         startDaemon([&](DaemonOptions& options) {
-            options.defaults = {{"vodexAdaptorPath", path.string()}, {"shutdownMilliseconds", 100}};
+            options.defaults = {{"vodexAdaptorPath", path.string()},
+                                {"caFile", authorities.string()},
+                                {"shutdownMilliseconds", 100}};
         });
     }
     Session openWithAdaptor() { return open({.clientType = 7}, {"httpPost", "vodex"}); }

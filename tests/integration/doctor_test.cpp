@@ -92,10 +92,13 @@ const Mistake kMistakes[] = {
      [](auto&, auto& options) { options.entitlement = {}; }},
     {"SettingMisspelt", 14, "httpPostURL is unknown; did you mean httpsPostURL?",
      sets("httpPostURL", "https://127.0.0.1/")},
+    {"HoldWithoutOutbox", 14, "holdOnMetered needs an outbox (outboxBytes)", sets("holdOnMetered", true)},
     {"SettingOfTheAdministratorInTheDaemonsFile", 14, "counts in the administrator's file only",
      [](auto& f, auto&) {
          f.write("state/Preferences/com.zandor.telvora.plist", {{"proxy", "http://p/"}});
      }},
+    {"FileOfASettingMissing", 14,
+     "caFile can't be used: /none.pem: can't be opened: ", sets("caFile", "/none.pem")},
     {"SettingsFileMalformed", 14, "com.zandor.telvora.plist can't be used: ", kAsUsual, kAny,
      [](auto& f) { f.directory().write("config/Preferences/com.zandor.telvora.plist", "<plist>"); }},
     {"QuotaFull", 13, "the quota sessions of user ", sets("maxSessionsPerUser", 0)},

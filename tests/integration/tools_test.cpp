@@ -119,11 +119,14 @@ TEST_F(Telvoractl, SendsOneReport) {
     std::filesystem::remove(laboratory().pki().frameworkDirectory() + "/publicKey.der");
     expectRun(TELVORACTL_PATH " status --socket " + socket_, 0, "no public key: no bag can be verified");
     stopDaemon();
-    startDaemon([](DaemonOptions& options) { options.defaults = {{"idleMilisseconds", 1}}; });
+    startDaemon([](DaemonOptions& options) {
+        options.defaults = {{"idleMilisseconds", 1}, {"clientKey", "/none.pem"}};
+    });
     expectLineBeginning("<4>main: No bag can be verified: there is no public key publicKey.der in ");
     expectLine(
         "<4>Settings: com.zandor.telvora has the unknown key \"idleMilisseconds\"; did you mean "
         "idleMilliseconds?");
+    expectLine("<4>Settings: clientKey can't be used: /none.pem: can't be opened: No such file or directory");
     socket_ += ".none";
     run("send" + report, 3);
 }

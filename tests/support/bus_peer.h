@@ -58,8 +58,11 @@ struct SocketPair {
 
 class BusPeer {
   public:
-    explicit BusPeer(UniqueFd socket) {
+    explicit BusPeer(UniqueFd socket, bool asServer = false) {
         check(sd_bus_new(&bus_));
+        if (asServer)
+            check(sd_bus_set_server(bus_, true,
+                                    SD_ID128_MAKE(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16)));
         const int fd = socket.release();
         check(sd_bus_set_fd(bus_, fd, fd));
         check(sd_bus_negotiate_fds(bus_, true));
@@ -103,6 +106,7 @@ class BusPeer {
     // One step, without waiting.
     void process() { check(sd_bus_process(bus_, nullptr)); }
     void flush() { check(sd_bus_flush(bus_)); }
+    sd_bus* bus() { return bus_; }
 
   private:
     static void check(int result) {

@@ -228,6 +228,11 @@ void BackendSteps::examineServer() {
 }
 
 void BackendSteps::examineAnswers(const std::string& address) {
+    if (const std::string hold = holdText(facts_.status); !hold.empty()) {
+        return report_.bad(DoctorStep::answers, "reports are held: " + hold,
+                           "they leave when that ends; realtime ones leave at once, see holdOnMetered and "
+                           "holdOnBattery in telvorad.defaults(5)");
+    }
     for (const Dictionary& server : entriesIn(facts_.status, status::kServers)) {
         if (text(server, status::kUrl) != address) continue;
         const Dictionary& last = dictionaryIn(server, status::kLast);

@@ -87,6 +87,10 @@ void addDaemon(Metrics& metrics, const Dictionary& status) {
         metrics.gauge("telvora_sandbox_in_force", "1 if the rule of the sandbox is in force.",
                       value.boolValue() ? 1 : 0, {{"rule", rule}});
     }
+    for (const auto& [reason, value] : dictionaryIn(status, status::kLink)) {
+        metrics.gauge("telvora_reports_held_back", "1 if reports that are not realtime wait for this reason.",
+                      value.boolValue() ? 1 : 0, {{"reason", reason}});
+    }
     const std::vector<Dictionary> keys = entriesIn(status, status::kPublicKeys);
     metrics.gauge("telvora_public_keys", "Public keys that can verify bags.",
                   static_cast<double>(std::ranges::count_if(

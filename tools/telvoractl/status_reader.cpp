@@ -74,4 +74,11 @@ std::string outcomeText(const Dictionary& outcome) {
     return text(outcome, outcome.contains(status::kHttpStatus) ? status::kHttpStatus : status::kReason);
 }
 
+std::string holdText(const Dictionary& status) {
+    const Dictionary& link = dictionaryIn(status, status::kLink);
+    std::string reasons = link.boolean(status::kMetered) ? "the link is metered" : "";
+    if (!link.boolean(status::kBattery)) return reasons;
+    return reasons + (reasons.empty() ? "" : " and ") + "the device runs on battery";
+}
+
 }  // namespace telvora::ctl

@@ -27,6 +27,9 @@ std::string durationText(double seconds);
 std::string ageText(const Dictionary& values, std::string_view key);
 // The accounts of the run of this status and of all runs before it: {since (d), clientTypes}, as allRuns.
 Dictionary sumsOfAllRuns(const Dictionary& status);
+// Why reports that are not realtime are held: "the link is metered", "the device runs on battery", or both;
+// "" if they are not held.
+std::string holdText(const Dictionary& status);
 // The result of a request: the HTTP status, or the reason why no answer came.
 std::string outcomeText(const Dictionary& outcome);
 

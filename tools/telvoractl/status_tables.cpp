@@ -115,6 +115,9 @@ void printDaemon(const Dictionary& status) {
                 text(sandbox, status::kLandlockAbi).c_str(), inForce.c_str(),
                 missing.empty() ? "" : "; not in force: ", missing.c_str());
     printRefusals(dictionaryIn(status, status::kRefusals));
+    if (!status.contains(status::kLink)) return;
+    const std::string hold = holdText(status);
+    std::printf("reports are %s%s\n", hold.empty() ? "not held" : "held: ", hold.c_str());
 }
 
 void printKeys(const std::vector<Dictionary>& keys) {

@@ -52,6 +52,7 @@ tl::expected<SessionTally, BusQueryFailure> Verdict::tally() const {
         tally.inFlight += account->integer(status::kInFlight).value_or(0);
         tally.held += account->integer(status::kHeld).value_or(0);
         tally.delivered += account->integer(status::kDelivered).value_or(0);
+        tally.kept += account->integer(status::kKept).value_or(0);
         const Dictionary* lost = account->dictionary(status::kLost);
         for (const auto& [cause, reports] : lost != nullptr ? *lost : Dictionary())
             if (cause != kNotSupported) tally.lost[cause] += reports.integerValue().value_or(0);
@@ -93,6 +94,7 @@ int Verdict::judge(const SessionTally& before, const SessionTally& now, const Pr
             causes += (causes.empty() ? "" : ", ") + cause;
     }
     if (causes.empty() && now.held > 0) causes = "held";
+    if (causes.empty() && now.kept > before.kept) causes = "kept in the outbox";
     if (causes.empty() && now.delivered == before.delivered) causes = "no backend took it";
     print("verdict", std::optional<std::string>(causes.empty() ? "delivered" : causes));
     return causes.empty() ? kDone : fail(kNotDone, "the report was not delivered: " + causes);

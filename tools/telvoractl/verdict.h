@@ -20,6 +20,7 @@ struct SessionTally {
     int64_t inFlight = 0;
     int64_t held = 0;
     int64_t delivered = 0;
+    int64_t kept = 0;
     std::map<std::string, int64_t> lost;  // by cause
 };
 

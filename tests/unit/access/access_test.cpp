@@ -95,6 +95,18 @@ TEST(UploadAdmission, MakesAUserWaitForMemoryAndNobodyElse) {
     EXPECT_NE(Request(admission, 2, 5000).ticket, nullptr);
 }
 
+TEST(UploadAdmission, LetsNoLaterUploadKeepALargeOneWaiting) {
+    UploadAdmission admission({.uploads = 20, .bytes = 1000});
+    Request mine(admission, 1, 300), others(admission, 2, 500);
+    // Two users wait, the first one for its own share.
+    Request large(admission, 1, 400), small(admission, 1, 10), next(admission, 3, 400), last(admission, 4, 1);
+    EXPECT_FALSE(large.answered || small.answered || next.answered || last.answered);
+    mine.ticket.reset();
+    EXPECT_TRUE(large.answered && !small.answered && !next.answered && !last.answered);
+    others.ticket.reset();
+    EXPECT_TRUE(small.answered && next.answered && last.answered);
+}
+
 TEST(UploadAdmission, TurnsThoseAwayWhoWaitWhenItCloses) {
     UploadAdmission admission({.uploads = 20, .bytes = 1000});
     const Request first(admission, 1, 500);

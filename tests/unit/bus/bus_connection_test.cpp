@@ -250,6 +250,23 @@ TEST_F(BusConnectionTest, EndsPeersThatDoNotAuthenticate) {
     endAndWait(bystander);
 }
 
+TEST_F(BusConnectionTest, APeerIsNotLateWhoseBytesWaitForItsUsersTurn) {
+    const auto busy = std::make_shared<UserTurns>();
+    std::promise<void> served;
+    Served late = serve({.authenticationTimeout = 0ms}, [&](BusConnection& bus) {
+        bus.setUserTurns(busy);
+        asio::post(bus.strand(), [&] { served.get_future().wait(); });
+    });
+    // Runs after the connection has looked for input, and before its time limit is checked.
+    asio::post(late.bus->strand(), [&] {
+        busy->add(UserTurns::kBusyBytes + 1);
+        sendAll(late, ClientAuthentication::greeting());
+        close(late.peer.release());
+    });
+    served.set_value();
+    EXPECT_EQ(late.ended.get(), "the peer has closed the connection");
+}
+
 TEST_F(BusConnectionTest, EndsAPeerWhoseMessageTakesTooMuchRoom) {
     constexpr size_t kLimit = 128 << 10;
     for (const char* reason : {"a message is too large", "too much input of the peer's user waits"}) {

@@ -46,7 +46,8 @@ class StoredOutboxTest : public testing::Test {
                                      .moment = [this] { return moment(); },
                                      .random = [this] { return random; },
                                      .consent = [this] { return consent; },
-                                     .identifier = [this] { return identifier; }},
+                                     .identifier = [this] { return identifier; },
+                                     .sparesLink = sparesLink},
                                     VolatileDisk::kVfs)
                      .value();
         network.runFor({});
@@ -61,10 +62,17 @@ class StoredOutboxTest : public testing::Test {
             return result;
         });
     }
+    // Hands over a message that was not posted yet. Whether it is kept.
+    bool keepUnposted(OutboxMessage message) {
+        bool kept = false;
+        outbox->keep(std::move(message), nullptr, [&kept](bool stored) { kept = stored; });
+        network.runFor({});
+        return kept;
+    }
     // Hands a message over, and runs what is due.
     void keep(OutboxMessage message, const HttpResult& result = kNoConnection) {
         bool kept = false;
-        outbox->keep(std::move(message), result, [&kept](bool stored) { kept = stored; });
+        outbox->keep(std::move(message), &result, [&kept](bool stored) { kept = stored; });
         network.runFor({});
         EXPECT_TRUE(kept);
     }
@@ -89,6 +97,7 @@ class StoredOutboxTest : public testing::Test {
     double random = 1;
     bool consent = true;
     std::string identifier = "device";
+    bool sparesLink = false;
     std::vector<SteadyTime> attempts;
     std::unique_ptr<StoredOutbox> outbox;
 
@@ -278,13 +287,46 @@ TEST_F(StoredOutboxTest, SendsNothingThatMayNoLongerLeave) {
     EXPECT_THAT(sentSince(before), testing::Each(testing::AnyOf("b", "d")));
 }
 
+TEST_F(StoredOutboxTest, SparesTheLinkUntilHalfFull) {
+    answer(FakeHttpClient::response(204));
+    sparesLink = true;
+    open();
+    OutboxMessage underConsent = messageOf("a");
+    underConsent.underConsent = true;
+    EXPECT_TRUE(keepUnposted(std::move(underConsent)));
+    EXPECT_TRUE(keepUnposted(messageOf("b")));
+    EXPECT_FALSE(keepUnposted(messageOf(std::string(2 << 20, 'x')))) << "larger than the outbox";
+    keep(messageOf("c"));  // found no server
+    consent = false;
+    network.runFor(hours(2));
+    EXPECT_EQ(at(ReportOutcome::consentWithdrawn), 1U) << "while nothing leaves";
+    EXPECT_EQ(at(ReportOutcome::held), 2U);
+    EXPECT_EQ(http.requestCount(), 0U);
+
+    answer(kNoConnection);
+    EXPECT_TRUE(keepUnposted(messageOf(std::string(1 << 19, 'x'))));
+    EXPECT_FALSE(outbox->sparesLink()) << "half full";
+    answer(FakeHttpClient::response(204));
+    network.runFor(minutes(1));
+    EXPECT_EQ(at(ReportOutcome::delivered), 3U) << "the oldest first, until the large one has left";
+    EXPECT_TRUE(outbox->sparesLink());
+    EXPECT_TRUE(keepUnposted(messageOf("d")));
+    network.runFor(hours(2));
+    EXPECT_EQ(at(ReportOutcome::held), 1U);
+
+    outbox->setSparesLink(false);
+    network.runFor(minutes(1));
+    EXPECT_EQ(at(ReportOutcome::delivered), 4U);
+    EXPECT_FALSE(outbox->isStoring());
+}
+
 TEST_F(StoredOutboxTest, SendsNothingTwiceFromAFullDisk) {
     answer(kNoConnection);
     for (const char* body : {"a", "b", "c"})
         keep(messageOf(body));
     disk.failFrom(0, SQLITE_FULL);
     bool kept = true;
-    outbox->keep(messageOf("d"), kNoConnection, [&kept](bool stored) { kept = stored; });
+    outbox->keep(messageOf("d"), &kNoConnection, [&kept](bool stored) { kept = stored; });
     network.runFor({});
     EXPECT_FALSE(kept);
     const size_t before = http.requestCount();
@@ -309,9 +351,9 @@ TEST_F(StoredOutboxTest, CountsWhatItCanNotTake) {
 
     // The end: what was handed over is stored, and no more is taken.
     bool kept = false, later = true;
-    outbox->keep(messageOf("last"), kNoConnection, [&](bool stored) { kept = stored; });
+    outbox->keep(messageOf("last"), &kNoConnection, [&](bool stored) { kept = stored; });
     outbox->close();
-    outbox->keep(messageOf("later"), kNoConnection, [&](bool stored) { later = stored; });
+    outbox->keep(messageOf("later"), &kNoConnection, [&](bool stored) { later = stored; });
     EXPECT_TRUE(kept);
     EXPECT_FALSE(later);
     EXPECT_EQ(at(ReportOutcome::held), 1000U);
