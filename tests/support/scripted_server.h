@@ -69,13 +69,14 @@ class ScriptedServer {
     }
     size_t connections() const {
         const std::lock_guard lock(mutex_);
-        return peers_.size();
+        return accepted_;
     }
 
   private:
     struct Peer {
         Connection connection;
-        std::jthread thread;  // the first to go
+        bool hasEnded = false;
+        std::jthread thread = {};  // the first to go
     };
 
     void acceptAll() {
@@ -83,10 +84,14 @@ class ScriptedServer {
             asio::ip::tcp::socket socket = listener_.accept(ended);
             if (ended) return;
             const std::lock_guard lock(mutex_);
-            Peer& peer = peers_.emplace_back(Peer{Connection(std::move(socket)), {}});
-            peer.thread = std::jthread([this, &connection = peer.connection] {
-                script_(connection);
-                connection.end();
+            peers_.remove_if([](const Peer& each) { return each.hasEnded; });
+            Peer& peer = peers_.emplace_back(Peer{Connection(std::move(socket))});
+            ++accepted_;
+            peer.thread = std::jthread([this, &peer] {
+                script_(peer.connection);
+                peer.connection.end();
+                const std::lock_guard ended(mutex_);
+                peer.hasEnded = true;
             });
         }
     }
@@ -97,6 +102,7 @@ class ScriptedServer {
     const uint16_t port_;
     mutable std::mutex mutex_;
     std::list<Peer> peers_;
+    size_t accepted_ = 0;
     std::thread acceptor_{[this] { acceptAll(); }};
 };
 
