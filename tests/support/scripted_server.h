@@ -90,7 +90,7 @@ class ScriptedServer {
             peer.thread = std::jthread([this, &peer] {
                 script_(peer.connection);
                 peer.connection.end();
-                const std::lock_guard ended(mutex_);
+                const std::lock_guard atEnd(mutex_);
                 peer.hasEnded = true;
             });
         }
