@@ -2,8 +2,7 @@
 //
 // The daemon after one failed allocation or system call, for every place on the way of a report from the
 // connection to the server's answer. It lives and serves the next report, and its books add up with those of
-// the server. Each start of the test tries other places; TELVORA_FAULT_SEED repeats a start, and
-// TELVORA_EVERY_FAULT=1 tries all places.
+// the server. TELVORA_FAULT_SEED chooses the places, otherwise chosen at random; TELVORA_EVERY_FAULT=1 tries all.
 #include <fcntl.h>
 #include <sys/mman.h>
 
