@@ -58,7 +58,7 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
             if (reply) reply(std::move(answer), std::move(error));
         };
         if (attempt("internalFlushMessagesWithCompletion",
-                    [&] { backend->flushMessagesWithCompletion(std::move(reported)); }))
+                    [&, target = backend] { target->flushMessagesWithCompletion(std::move(reported)); }))
             continue;
         if (const FlushReply reply = takeCompletion(*flush, true)) {
             reply(std::nullopt, makeTelvoraError("There is no memory for the flush", -1));

@@ -60,9 +60,7 @@ class BusPeer {
   public:
     explicit BusPeer(UniqueFd socket, bool asServer = false) {
         check(sd_bus_new(&bus_));
-        if (asServer)
-            check(sd_bus_set_server(bus_, true,
-                                    SD_ID128_MAKE(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16)));
+        if (asServer) check(sd_bus_set_server(bus_, true, sd_id128_t{.qwords = {1, 2}}));
         const int fd = socket.release();
         check(sd_bus_set_fd(bus_, fd, fd));
         check(sd_bus_negotiate_fds(bus_, true));
