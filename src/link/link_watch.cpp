@@ -62,7 +62,7 @@ class LinkWatch::Answer final : public BusReplyTarget {
 };
 
 std::shared_ptr<LinkWatch> LinkWatch::start(Strand strand, Options options, Listener listener) {
-    const std::shared_ptr<LinkWatch> watch(
+    std::shared_ptr<LinkWatch> watch(
         new LinkWatch(std::move(strand), std::move(options), std::move(listener)));
     asio::post(watch->strand_, [watch] { watch->connect(); });
     return watch;
