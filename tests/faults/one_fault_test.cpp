@@ -2,7 +2,8 @@
 //
 // The daemon after one failed allocation or system call, for every place on the way of a report from the
 // connection to the server's answer. It lives and serves the next report, and its books add up with those of
-// the server. TELVORA_FAULT_SEED chooses the places, otherwise chosen at random; TELVORA_EVERY_FAULT=1 tries all.
+// the server. TELVORA_FAULT_SEED chooses the places, otherwise chosen at random; TELVORA_EVERY_FAULT=1 tries
+// all.
 #include <fcntl.h>
 #include <sys/mman.h>
 
