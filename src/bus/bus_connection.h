@@ -88,8 +88,8 @@ using BusBody = std::function<bool(WireWriter& body)>;
 using BusCallHandler = std::function<std::optional<BusError>(size_t method, BusMessage& call)>;
 
 // A received call that is answered later. May be kept, answered and destroyed on any thread, as long as the
-// strand's pool exists. The caller gets no answer if it is destroyed
-// unanswered, or an error if an exception destroys it, which only a lack of memory can cause.
+// strand's pool exists. The caller gets no answer if it is destroyed unanswered, or an error if an exception
+// destroys it, which only a lack of memory can cause.
 class PendingCall {
   public:
     PendingCall(std::shared_ptr<BusConnection> connection, uint32_t serial, bool wanted,

@@ -54,4 +54,5 @@ void Shutdown::begin() {
     });
     check();
 }
+
 }  // namespace telvora
