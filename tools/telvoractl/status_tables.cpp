@@ -50,7 +50,7 @@ void append(std::string& list, const std::string& element) {
     list += (list.empty() ? "" : ", ") + element;
 }
 
-int64_t number(const Dictionary& values, std::string_view key) {
+int64_t countOf(const Dictionary& values, std::string_view key) {
     return values.integer(key).value_or(0);
 }
 
@@ -82,11 +82,11 @@ void printTitled(const char* title, const std::vector<Row>& rows) {
 
 void printRefusals(const Dictionary& refusals) {
     std::string causes;
-    const std::pair<const char*, const char*> kCauses[] = {{status::kNotEntitled, "not entitled"},
-                                                           {status::kTooFrequent, "too frequent"},
-                                                           {status::kOverQuota, "over quota"}};
-    for (const auto& [key, words] : kCauses) {
-        if (number(refusals, key) > 0) append(causes, text(refusals, key) + " " + words);
+    const std::pair<const char*, const char*> causesInWords[] = {{status::kNotEntitled, "not entitled"},
+                                                                 {status::kTooFrequent, "too frequent"},
+                                                                 {status::kOverQuota, "over quota"}};
+    for (const auto& [key, words] : causesInWords) {
+        if (countOf(refusals, key) > 0) append(causes, text(refusals, key) + " " + words);
     }
     if (causes.empty()) return;
     const Dictionary& last = dictionaryIn(refusals, status::kLast);
@@ -172,8 +172,8 @@ void addAccounts(std::vector<Row>& rows, const std::string& whose, const Diction
     for (const auto& [name, value] : accounts) {
         const auto* account = value.getIf<Dictionary>();
         if (account == nullptr) continue;
-        const int64_t unsupported = number(dictionaryIn(*account, status::kLost), "notSupported");
-        const int64_t accepted = number(*account, status::kAccepted) - unsupported;
+        const int64_t unsupported = countOf(dictionaryIn(*account, status::kLost), "notSupported");
+        const int64_t accepted = countOf(*account, status::kAccepted) - unsupported;
         if (accepted == 0) continue;
         rows.push_back({whose, name, std::to_string(accepted), text(*account, status::kDelivered),
                         text(*account, status::kHeld), text(*account, status::kInFlight),
@@ -200,8 +200,8 @@ void printUsers(const std::vector<Dictionary>& users) {
         for (const auto& [name, value] : dictionaryIn(user, status::kQuotas)) {
             const auto* quota = value.getIf<Dictionary>();
             if (quota == nullptr) continue;
-            const int64_t refused = number(*quota, status::kRefused);
-            if (number(*quota, status::kHeld) == 0 && refused == 0) continue;
+            const int64_t refused = countOf(*quota, status::kRefused);
+            if (countOf(*quota, status::kHeld) == 0 && refused == 0) continue;
             append(uses, name + " " + text(*quota, status::kHeld) + " of " + text(*quota, status::kLimit) +
                              (refused > 0 ? " (" + std::to_string(refused) + " refused)" : ""));
         }
