@@ -74,9 +74,7 @@ std::vector<std::filesystem::path> filesInOrder(const std::filesystem::path& dir
     for (const std::string& name : *names) {
         std::filesystem::path file = directory / name;
         std::error_code ignored;
-        if (file.extension() == ".plist" && std::filesystem::is_regular_file(file, ignored)) {
-            files.push_back(std::move(file));
-        }
+        if (std::filesystem::is_regular_file(file, ignored)) files.push_back(std::move(file));
     }
     std::sort(files.begin(), files.end(),
               [](const auto& a, const auto& b) { return a.native().compare(b.native()) < 0; });
@@ -101,6 +99,10 @@ std::optional<PropertyList> EntitlementStore::valueForEntitlement(const Peer& pe
         return value;
     }
     for (const std::filesystem::path& file : files) {
+        if (file.extension() != ".plist") {
+            passOver(file, "its name does not end in .plist");
+            continue;
+        }
         const auto grant = readGrant(file);
         if (!grant) {
             TELVORA_LOG(kLogWarning, "EntitlementStore: %s grants nothing: %s", file.c_str(),

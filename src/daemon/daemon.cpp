@@ -163,6 +163,9 @@ void Daemon::warnWithoutPublicKey() const {
     const std::vector<PublicKeyFile> keys = framework_.publicKeyFiles();
     const auto isUsed = [](const PublicKeyFile& key) { return !key.problem; };
     if (std::any_of(keys.begin(), keys.end(), isUsed)) return;
+    for (const PublicKeyFile& key : keys)
+        TELVORA_LOG(kLogWarning, "main: %s verifies no bag: %s", key.file.c_str(), key.problem->c_str());
+    if (!keys.empty()) return;
     TELVORA_LOG(kLogWarning, "main: No bag can be verified: there is no public key publicKey.der in %s or %s",
                 process_.directories.framework.c_str(), process_.directories.configuration.c_str());
 }

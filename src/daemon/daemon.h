@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 
-#include "access/client_files.h"
 #include "access/user_quotas.h"
 #include "async/descriptor_closers.h"
 #include "backends/report_account.h"

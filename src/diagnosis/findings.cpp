@@ -25,20 +25,20 @@ Dictionary entitlementOf(const EntitlementStore& store, const Peer& process) {
     return described;
 }
 
-// The first settings of a file that have no effect.
-void addFaults(Array& faults, const Dictionary& file, bool isAdministrators) {
+// The first settings of a domain's file that have no effect.
+void addFaults(Array& faults, std::string_view domain, const Dictionary& file, bool isAdministrators) {
     constexpr size_t kMost = 20;
     std::vector<std::string_view> keys;
     for (const Setting* setting : knownSettings())
-        if (setting->domain == kTelvoraDefaultsDomain) keys.push_back(setting->key);
+        if (setting->domain == domain) keys.push_back(setting->key);
     for (const auto& [key, value] : file) {
-        const Setting* const setting = findSetting(kTelvoraDefaultsDomain, key);
+        const Setting* const setting = findSetting(domain, key);
         std::optional<std::string> reason;
         if (setting != nullptr) {
             reason = whyUnfit(*setting, value);
             if (setting->administratorOnly && !isAdministrators)
                 reason = "counts in the administrator's file only";
-        } else if (!DeviceIdentity::isIdentifierKey(key)) {
+        } else if (domain == kTelvoraDefaultsDomain && !DeviceIdentity::isIdentifierKey(key)) {
             reason = "is unknown" + suggestion(key, keys);
         }
         if (!reason || faults.size() >= kMost) continue;
@@ -49,14 +49,14 @@ void addFaults(Array& faults, const Dictionary& file, bool isAdministrators) {
 Array faultsOf(UserDefaults& defaults) {
     Array faults;
     for (const std::string_view domain : {kTelvoraDefaultsDomain, kConsentDomain}) {
-        for (const auto& [file, reason] : defaults.files(domain).faults) {
+        const UserDefaults::Files files = defaults.files(domain);
+        for (const auto& [file, reason] : files.faults) {
             faults.emplace_back(
                 Dictionary{{status::kKey, file.string()}, {status::kReason, "can't be used: " + reason}});
         }
+        addFaults(faults, domain, files.administrator, true);
+        addFaults(faults, domain, files.own, false);
     }
-    const UserDefaults::Files files = defaults.files(kTelvoraDefaultsDomain);
-    addFaults(faults, files.administrator, true);
-    addFaults(faults, files.own, false);
     for (PropertyList& fault : unreadableFiles(defaults))
         faults.push_back(std::move(fault));
     const bool hasOutbox = integerSetting(defaults, settings::kOutboxBytes) > 0;

@@ -6,7 +6,6 @@
 #include <limits>
 #include <thread>
 
-#include "http/http_request_rules.h"
 #include "util/attempt.h"
 #include "util/log.h"
 

@@ -45,14 +45,14 @@ class LinkWatch : public std::enable_shared_from_this<LinkWatch> {
         std::chrono::milliseconds firstPause{1'000};
         std::chrono::milliseconds longestPause{300'000};
     };
-    // Gets the state once it is first known, after the answer time at the latest, and each further state. On
-    // the strand.
+    // Called on the strand with the first known state, after `answerTime` at the latest, and with each
+    // change.
     using Listener = std::function<void(const LinkState&)>;
 
-    // Begins. Nobody needs to keep the result: the work on the strand does, until the strand's pool stops.
+    // Begins to watch. The work on the strand keeps the object until the strand's pool stops.
     static std::shared_ptr<LinkWatch> start(Strand strand, Options options, Listener listener);
 
-    // The last state that the listener has got. Callable from any thread.
+    // The last state that was passed to the listener. Callable from any thread.
     LinkState state() const { return state_.load(); }
     const LinkState& watched() const { return options_.watched; }
 

@@ -10,7 +10,6 @@
 
 #include "http/http_request_rules.h"
 #include "platform/digest.h"
-#include "platform/uuid.h"
 #include "util/log.h"
 #include "util/regular_file.h"
 #include "util/time_value.h"
@@ -103,7 +102,7 @@ SqliteResult<OutboxStore> OutboxStore::openOnce(const std::string& path, const O
     const auto row = check->next();
     if (!row) return tl::unexpected(row.error());
     if (check->text(0) != "ok") return tl::unexpected(SqliteError{true, check->text(0)});
-    // Messages of another boot that come from the future age from now on.
+    // A message of another boot with a time in the future: its age begins now.
     auto restamped = store.database_.run("UPDATE message SET timeOfDay=?1 WHERE boot<>?2 AND timeOfDay>?1",
                                          {now.timeOfDay, now.boot});
     if (!restamped) return tl::unexpected(restamped.error());

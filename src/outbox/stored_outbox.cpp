@@ -202,7 +202,7 @@ bool StoredOutbox::removeUnwanted() {
 }
 
 // Removes the messages that have an outcome. On a full disk, they stay until there is room, or until all
-// messages have an outcome and the file can go.
+// messages have an outcome, so that the file can be removed.
 void StoredOutbox::removeSettled() {
     while (store_ && !settled_.empty()) {
         const auto& [id, settled] = *settled_.begin();

@@ -71,7 +71,7 @@ class StoredOutbox final : public MessageOutbox {
     bool isWaiting() const { return waiting_.load() > 0; }
     // Whether messages wait to be stored. Callable from any thread.
     bool isStoring() const { return storing_.load() > 0; }
-    // Begins to send no further message. Callable from any thread.
+    // Lets the exchange under way be the last one. Callable from any thread.
     void stopSending() { maySend_ = false; }
     // Stores the messages that have been handed over, and takes and sends no further ones. Called when the
     // queue runs no item any more. Blocks on file I/O.
@@ -89,13 +89,14 @@ class StoredOutbox final : public MessageOutbox {
         SteadyTime due;
     };
 
-    // A message with an outcome that the full disk does not let go.
+    // A message that has an outcome, but could not be removed because the disk is full.
     struct Settled {
         std::string server;
         uint64_t reports;
         ReportOutcome outcome;
     };
-    // The circumstances in which all messages were found to be wanted.
+    // Consent and identifiers at the last check of all messages. While they stay the same, none has to be
+    // removed.
     struct Checked {
         bool consent;
         std::string identifier;

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 
-#include "plist/property_list_limits.h"
 #include "plist/property_list_writer.h"
 #include "util/base64.h"
 

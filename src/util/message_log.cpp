@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "util/attempt.h"
+#include "util/error_text.h"
 #include "util/log.h"
 #include "util/message_log_files.h"
 #include "util/mutex.h"
@@ -27,7 +28,7 @@ namespace {
 
 constexpr uint64_t kUsersPart = 8;  // the part of the log's bytes that one user may add in an hour
 constexpr double kSecondsPerPart = 3600;
-constexpr double kSecondsPerLine = 60;  // between two lines about the dropped records of one user
+constexpr double kSecondsPerLine = 60;  // between two lines about one user's dropped records, or a failure
 constexpr int64_t kSettledNanoseconds = 20'000'000;  // above the resolution of a file system's times
 
 // One user's part of the log: bytes become free again at an even rate.
@@ -76,6 +77,7 @@ struct MessageLogState {
     std::optional<LogFile> file TELVORA_GUARDED_BY(lock);
     Identity fileIdentity TELVORA_GUARDED_BY(lock);
     Identity directory TELVORA_GUARDED_BY(lock);
+    double lastFailure TELVORA_GUARDED_BY(lock) = -kSecondsPerLine;  // seconds since 1970 of the last line
     std::map<uid_t, UsersPart> parts TELVORA_GUARDED_BY(lock);
 };
 
@@ -145,7 +147,8 @@ std::string recordOf(std::string_view date, std::initializer_list<std::string_vi
     return record.append("\n");
 }
 
-// Returns the size of the file with the record; std::nullopt if it could not be written whole.
+// Returns the size of the file with the record; std::nullopt, and a reason in errno, if it could not be
+// written whole.
 std::optional<uint64_t> append(const LogFile& file, std::string_view record) {
     const UniqueFd fd(open(file.path.c_str(), O_WRONLY | O_APPEND | kMessageLogFlags));
     if (!fd) return std::nullopt;
@@ -153,6 +156,7 @@ std::optional<uint64_t> append(const LogFile& file, std::string_view record) {
     do {
         written = write(fd.get(), record.data(), record.size());
     } while (written < 0 && errno == EINTR);
+    if (written >= 0) errno = ENOSPC;  // the reason of a short count
     struct stat status {};
     if (written != static_cast<ssize_t>(record.size()) || fstat(fd.get(), &status) != 0) return std::nullopt;
     return static_cast<uint64_t>(status.st_size);
@@ -176,6 +180,14 @@ bool removeOldest(const LogFile& file, uint64_t size, uint64_t maxBytes) {
     return true;
 }
 
+void warnOfFailure(MessageLogState& state, const LogFile& file, int error, double now)
+    TELVORA_REQUIRES(state.lock) {
+    if (std::fabs(now - state.lastFailure) < kSecondsPerLine) return;
+    state.lastFailure = now;
+    TELVORA_LOG(kLogWarning, "writeToLogFile: Could not write to %s: %s", file.path.c_str(),
+                errorText(error).c_str());
+}
+
 void addRecord(const MessageLog& log, std::initializer_list<std::string_view> message,
                std::optional<uid_t> user) {
     const double now = TelvoradUtil::secondsFromTimeValue(log.clock());
@@ -189,6 +201,7 @@ void addRecord(const MessageLog& log, std::initializer_list<std::string_view> me
     if (!file) return;
     const std::optional<uint64_t> length = append(*file, recordOf(date, message, size));
     if (!length || (*length > log.maxBytes && !removeOldest(*file, *length, log.maxBytes))) {
+        warnOfFailure(state, *file, errno, now);
         deleteLogFile(*std::exchange(file, std::nullopt));
         return;
     }

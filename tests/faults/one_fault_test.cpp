@@ -162,8 +162,8 @@ class OneFault : public DaemonFixture {
         return books;
     }
 
-    // Calls fail from the n-th on while a client reports and its session ends. Then the bag is fetched again,
-    // in case that fetch failed, and the next client reports. Returns whether a call failed.
+    // Lets calls fail from the n-th on while a client reports and its session ends. Then fetches the bag
+    // again, since the fetch may have failed, and lets the next client report. Returns whether a call failed.
     bool tryFault(const Fault& fault, int error, int64_t place) {
         page_->arm(fault.call, error, place, fault.count);
         report();

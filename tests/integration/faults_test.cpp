@@ -118,6 +118,7 @@ TEST_F(StorageFaults, AFullDiskUnderTheMessageLogCostsNoReport) {
     // The file's last page has room for a few more records. The record that fails to be written removes its
     // file.
     expectReports(20);
+    expectLineBeginning("<4>writeToLogFile: Could not write to ", from);
     expectLineBeginning("<6>writeToLogFile: Deleted expired telvorad log file ", from);
 }
 

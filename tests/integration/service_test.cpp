@@ -11,9 +11,7 @@
 namespace telvora::test {
 namespace {
 
-using testing::Contains;
 using testing::Each;
-using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
@@ -95,16 +93,6 @@ TEST_F(Service, ReadsItsLogLevelAnewAtSIGHUP) {
 }
 
 using Peers = DaemonFixture;
-
-TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
-    startDaemon([&](DaemonOptions& options) { options.entitlement.reset(); });
-    EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
-    // Both ends learn the reason, the administrator once a minute.
-    expectRun(TELVORACTL_PATH " flush --client-type 8 --socket " + daemon().socketPath(), 3,
-              "not entitled (telvorad.entitlements(5))");
-    EXPECT_THAT(daemon().logLines(), Contains(StartsWith("<6>RefusalLog: refused pid ")).Times(1));
-    EXPECT_THAT(daemon().logLines(), Each(Not(HasSubstr("initWithSessionDelegate"))));
-}
 
 TEST_F(Peers, MayBeWrittenBySomebodyElse) {
     startDaemon();

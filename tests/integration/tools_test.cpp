@@ -182,7 +182,7 @@ TEST(TelvoractlOffline, ReadsAndChangesWhatTheDaemonFindsInItsDirectories) {
         {"defaults write com.zandor.telvora logLevel integer 7", 0},
         {"defaults write com.zandor.telvora logLevel integer 7x", 2, "7x"},
         {"defaults write com.zandor.telvora logLevel integer 0", 2, "must be an integer from 3 to 7"},
-        {"defaults write com.zandor.telvora logLevel string 7", 2, "another type"},
+        {"defaults write com.zandor.telvora logLevel string 7", 2, "must be an integer from 3 to 7"},
         {"defaults write com.zandor.telvora loglevl integer 7", 2, "did you mean logLevel?"},
         {"defaults write com.zandor.timd k integer 7", 2, "did you mean com.zandor.timed?"},
         {"defaults write com.zandor.telvora vodexAdaptorPath string /a", 2, "administrator's file"},
@@ -236,6 +236,8 @@ TEST(Programs, HaveAVersionAndSuggestCommands) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {TELVORACTL_PATH, "stauts", "there is no subcommand \"stauts\"; did you mean status?"},
         {TELVORACTL_PATH, "--json defaults lst", "did you mean list?"},
+        {TELVORACTL_PATH, "doctor --client-typ=8", "no option \"--client-typ\"; did you mean --client-type?"},
+        {TELVORACTL_PATH, "status --jsn", "did you mean --json?"},
         {TELVORACTL_PATH, "defaults", "subcommand"},
         {TELVORA_BAG_PATH, "verfiy a b", "did you mean verify?"}};
     for (const auto& [program, arguments, says] : cases)

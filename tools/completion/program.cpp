@@ -34,6 +34,25 @@ std::optional<std::string> unknownSubcommand(const CLI::App& app) {
     return "there is no subcommand \"" + escapeControlCharacters(*word) + "\"" + suggestion(*word, names);
 }
 
+// "there is no option "--clent-type"; did you mean --client-type?"; std::nullopt if the mistake is another
+// one.
+std::optional<std::string> unknownOption(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining(true);
+    const auto word = std::find_if(words.begin(), words.end(),
+                                   [](const std::string& each) { return each.starts_with("--"); });
+    if (word == words.end()) return std::nullopt;
+    std::vector<std::string> names;
+    for (const CLI::App* place = &reached(app); place != nullptr; place = place->get_parent()) {
+        for (const CLI::Option* option : place->get_options()) {
+            for (const std::string& name : option->get_lnames())
+                names.push_back("--" + name);
+        }
+    }
+    const std::string given = word->substr(0, word->find('='));
+    return "there is no option \"" + escapeControlCharacters(given) + "\"" +
+           suggestion(given, std::vector<std::string_view>(names.begin(), names.end()));
+}
+
 }  // namespace
 
 bool printVersion(const char* program, int argc, const char* const* argv) {
@@ -50,7 +69,9 @@ std::optional<int> parseCommandLine(CLI::App& app, int argc, char** argv, int ba
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         const bool isMistake = error.get_exit_code() != 0;
-        if (const auto unknown = isMistake ? unknownSubcommand(app) : std::nullopt) {
+        auto unknown = isMistake ? unknownSubcommand(app) : std::nullopt;
+        if (isMistake && !unknown) unknown = unknownOption(app);
+        if (unknown) {
             std::fprintf(stderr, "%s: %s\nRun with --help for more information.\n", name.c_str(),
                          unknown->c_str());
             return badInput;

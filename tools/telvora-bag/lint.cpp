@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "plist/property_list_format.h"
 #include "telvora-bag/documents.h"
 #include "telvora-bag/lint_rules.h"
 #include "util/letter_case.h"

@@ -174,7 +174,8 @@ std::optional<std::string> whyWithoutEffect(const std::string& domain, const std
         return domain + " has no setting \"" + key + "\"" + suggestion(key, keys);
     }
     if (const auto why = whyUnfit(*setting, value)) return key + " " + *why;
-    if (!isOfType(setting->type, value)) return key + " has another type";
+    if (!isOfType(setting->type, value))  // a dictionary fits no setting
+        return key + " " + whyUnfit(*setting, Dictionary()).value_or("has another type");
     if (setting->administratorOnly) return key + " counts only in the administrator's file";
     const std::string* const text = value.getIf<std::string>();
     if (text == nullptr || !isURL(*setting)) return std::nullopt;

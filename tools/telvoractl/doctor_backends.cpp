@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "config/client_framework.h"
+#include "doctor_configuration.h"
 #include "http/http_request_rules.h"
 #include "policy/client_entry.h"
 #include "policy/reporting_policy.h"
@@ -243,11 +244,15 @@ void BackendSteps::examineAnswers(const std::string& address) {
         const std::string cause =
             "the last answer: " + outcomeText(last) + ", " + ageText(last, status::kTime) + counts;
         if (!failed) return report_.good(DoctorStep::answers, cause);
-        return report_.bad(DoctorStep::answers, cause,
-                           "look at the reporting server; after a 5xx, a session stops reporting until it is "
-                           "opened anew");
+        const char* const remedy = last.contains(status::kHttpStatus)
+                                       ? "look at the reporting server; after a 5xx, a session stops "
+                                         "reporting until it is opened anew"
+                                       : remedyWithoutAnswer(text(last, status::kReason));
+        return report_.bad(DoctorStep::answers, cause, remedy);
     }
-    report_.unknown(DoctorStep::answers, "no report was posted there since the daemon's start");
+    const bool waits = facts_.status.integer(status::kHttpPending).value_or(0) > 0;
+    report_.unknown(DoctorStep::answers, std::string("no post there was answered since the daemon's start") +
+                                             (waits ? "; requests are under way: ask again" : ""));
 }
 
 bag::Scenario scenarioOf(const DoctorFacts& facts, const DoctorSession& session) {

@@ -115,14 +115,15 @@ constexpr std::pair<std::string_view, const char*> kRemedies[] = {
     {"certificate file", "correct the setting caFile, or SSL_CERT_FILE: certificates in PEM"},
     {"expired", "renew the server's certificate, or correct the device's clock"},
     {"not yet valid", "correct the device's clock"},
-    {"subject name", "correct the host in telvora_storebag_url, or the server's certificate"},
+    {"subject name", "correct the host in the URL, or the server's certificate"},
     {"certificate",
      "give the daemon the server's authority: the system's store, caFile or SSL_CERT_FILE, see telvorad(8)"},
     {"proxy", kProxy},
     {"CONNECT tunnel", kProxy},
     {"SOCKS", kProxy},
-    {"resolve", "correct the host in telvora_storebag_url, or the resolution of names"},
-    {"URL", "correct the setting telvora_storebag_url, and restart the daemon"},
+    {"resolve", "correct the host in the URL, or the resolution of names"},
+    {"longer than allowed", "publish a shorter document: 16 MiB at most"},
+    {"URL", "correct the URL; the daemon reads telvora_storebag_url when it starts"},
     {"", "see that the URL and the setting proxy are right, and that this device reaches the server"},
 };
 
@@ -131,10 +132,7 @@ std::string remedyOfDownload(const Dictionary& bag) {
     const std::string reason = text(bag, status::kReason);
     if (answered >= 500) return "look at the bag server";
     if (answered != 0) return "publish the bag at this URL, or correct the setting telvora_storebag_url";
-    return std::ranges::find_if(
-               kRemedies,
-               [&reason](const auto& remedy) { return reason.find(remedy.first) != std::string::npos; })
-        ->second;
+    return remedyWithoutAnswer(reason);
 }
 
 void examineFetch(DoctorReport& report, const Dictionary& bag) {
@@ -184,6 +182,13 @@ void examineSection(DoctorReport& report, const DoctorFacts& facts, const Dictio
 }
 
 }  // namespace
+
+const char* remedyWithoutAnswer(const std::string& reason) {
+    return std::ranges::find_if(
+               kRemedies,
+               [&reason](const auto& remedy) { return reason.find(remedy.first) != std::string::npos; })
+        ->second;
+}
 
 void findLocally(DoctorFacts& facts) {
     const Directories directories = Directories::fromEnvironment();

@@ -25,6 +25,9 @@ struct DoctorFacts {
 // The findings that this process can make by itself. Sets `hasSettings` if it may read the settings.
 void findLocally(DoctorFacts& facts);
 
+// The remedy of a request to a bag server or a reporting server that had no answer, by the reason.
+const char* remedyWithoutAnswer(const std::string& reason);
+
 void examineConfiguration(DoctorReport& report, const DoctorFacts& facts);
 
 }  // namespace telvora::ctl

@@ -24,6 +24,7 @@ constexpr char kUnit[] = "com.zandor.telvorad.socket";
 constexpr char kStart[] =
     "start it: systemctl enable --now com.zandor.telvorad.socket "
     "com.zandor.telvorad.Status.socket";
+constexpr char kStartByHand[] = "start telvorad by hand, see telvorad(8)";
 
 std::string nameOfUser(uid_t user) {
     const passwd* entry = getpwuid(user);
@@ -35,10 +36,14 @@ std::string nameOfGroup(gid_t group) {
     return entry != nullptr ? entry->gr_name : std::to_string(group);
 }
 
+bool systemdRuns() {
+    std::error_code ignored;
+    return std::filesystem::exists("/run/systemd/system", ignored);
+}
+
 // The state of the service's socket unit, for people.
 std::string stateOfUnit() {
-    std::error_code error;
-    if (!std::filesystem::exists("/run/systemd/system", error)) return "systemd does not run here";
+    if (!systemdRuns()) return "systemd does not run here";
     const std::string command =
         std::string("systemctl show --property=LoadState,ActiveState --value ") + kUnit + " 2>/dev/null";
     FILE* const output = popen(command.c_str(), "r");
@@ -81,6 +86,7 @@ std::string rightsOf(const struct stat& socket) {
 
 void examineSocket(DoctorReport& report, const std::string& path, const Peer& process) {
     constexpr auto kStep = DoctorStep::socket;
+    const char* const start = systemdRuns() ? kStart : kStartByHand;
     struct stat socket {};
     if (stat(path.c_str(), &socket) != 0) {
         const int error = errno;
@@ -89,7 +95,11 @@ void examineSocket(DoctorReport& report, const std::string& path, const Peer& pr
                               "let this user search the directory, or run the doctor as root");
         }
         return report.bad(
-            kStep, "there is no socket " + path + " (" + errorText(error) + "); " + stateOfUnit(), kStart);
+            kStep, "there is no socket " + path + " (" + errorText(error) + "); " + stateOfUnit(), start);
+    }
+    if (!S_ISSOCK(socket.st_mode)) {
+        return report.bad(kStep, path + " is no socket",
+                          "correct --socket, TELVORA_SOCKET or RUNTIME_DIRECTORY");
     }
     const bool isThisProcess = process.uid == geteuid() && process.pid == getpid();
     const int error = isThisProcess ? connectError(path) : mayConnect(socket, process) ? 0 : EACCES;
@@ -100,13 +110,15 @@ void examineSocket(DoctorReport& report, const std::string& path, const Peer& pr
     }
     if (error == EACCES) {
         const std::string group = nameOfGroup(socket.st_gid), user = nameOfUser(process.uid);
-        return report.bad(kStep,
-                          "permission denied: " + path + " has " + rightsOf(socket) + ", and user " + user +
-                              " is not in that group",
+        const std::string cause = "permission denied: " + path + " has " + rightsOf(socket);
+        if ((socket.st_mode & S_IWGRP) == 0)
+            return report.bad(kStep, cause,
+                              "let its group connect: SocketMode=0660 in the unit of the socket");
+        return report.bad(kStep, cause + ", and user " + user + " is not in that group",
                           "usermod -aG " + group + " " + user + ", and a new login");
     }
     report.bad(kStep, "no process listens on " + path + " (" + errorText(error) + "); " + stateOfUnit(),
-               kStart);
+               start);
 }
 
 Peer thisProcess() {

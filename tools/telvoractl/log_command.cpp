@@ -169,7 +169,12 @@ int runLog(const LogOptions& options, const CommonOptions& common) {
         if (reader.isOpen()) return kDone;
         if (access(log.directory.c_str(), R_OK | X_OK) != 0)
             return fail(kNotDone, errorText("can't read " + log.directory.string(), errno));
-        return fail(kNotDone, "there is no message log that can be read in " + log.directory.string() +
+        if (const auto newest = newestLogFile(log)) {
+            return access(newest->c_str(), R_OK) == 0
+                       ? kDone
+                       : fail(kNotDone, errorText("can't read " + newest->string(), errno));
+        }
+        return fail(kNotDone, "there is no message log in " + log.directory.string() +
                                   ": it begins with the first message that is posted with consent");
     }
     Records fresh([&](const std::string& record) { print(record, common.json); });

@@ -65,8 +65,11 @@ int SessionRun::open(const CommonOptions& common, bool aggregate) {
 
 int SessionRun::send(const Dictionary& message) {
     if (!answers_.expectOne()) return answers_.report();
-    session_->sendMessage(message, answers_.completion<std::optional<std::string>>(
-                                       [this](const auto& answer) { print_("answer", answer); }));
+    session_->sendMessage(message,
+                          answers_.completion<std::optional<std::string>>([this](const auto& answer) {
+                              wasAnswered_ = wasAnswered_ || answer.has_value();
+                              print_("answer", answer);
+                          }));
     return kDone;
 }
 
@@ -89,6 +92,7 @@ int SessionRun::flush() {
         [this](auto completion) { session_->flushMessages(std::move(completion)); }, "flushing", answer);
     if (asked != kDone) return asked;
     print_("flush", answer);
+    wasAnswered_ = wasAnswered_ || answer.answer.has_value();
     if (!answer.error || answer.error->description == kNothingToFlush) return kDone;
     return fail(kNotDone, "flush: " + answer.error->description);
 }

@@ -34,6 +34,8 @@ class SessionRun {
     int finish();
     // Flushes and finishes.
     int leave();
+    // Whether an answer to a report or to a flush had a text: the message that was posted.
+    bool wasAnswered() const { return wasAnswered_; }
     // Passes a file to the daemon for its upload.
     int upload(const std::string& path);
 
@@ -43,6 +45,7 @@ class SessionRun {
 
     const SessionOptions& options_;
     const Printer print_;
+    bool wasAnswered_ = false;  // set before the answer is counted
     // Destroyed from below: the session, then the runtime's thread, which runs the session's callbacks, then
     // the answers, which the callbacks use.
     Answers answers_;

@@ -99,9 +99,10 @@ TEST_F(EntitlementsTest, LaterFilesOverrideEarlierOnesAndChangesCountAtOnce) {
     EntitlementDecision decision;
     EXPECT_EQ(store_.valueForEntitlement(peer_, kName, &decision), PropertyList("last"));
     EXPECT_EQ(decision.file.filename(), "9-last.plist");
-    ASSERT_EQ(decision.others.size(), 2u);
+    ASSERT_EQ(decision.others.size(), 3u);
     EXPECT_EQ(decision.others[0].reason, "it does not name the entitlement");
     EXPECT_EQ(decision.others[1].reason, "its \"User\" is another one");
+    EXPECT_EQ(decision.others[2].reason, "its name does not end in .plist");
     std::filesystem::remove(directory_.path() / "entitlements.d/9-last.plist");
     EXPECT_EQ(store_.valueForEntitlement(peer_, kName), PropertyList(false));
     EXPECT_EQ(store_.valueForEntitlement(peer_, "other"), PropertyList("kept"));

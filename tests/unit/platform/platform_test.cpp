@@ -91,10 +91,6 @@ TEST(DevicePropertiesTest, TheDeviceIDIsDerivedFromTheMachineIDAndHidesIt) {
     EXPECT_EQ(deviceID(), deviceID());
 }
 
-TEST(Sha256Test, MatchesThePublishedDigest) {
-    EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-}
-
 TEST(RsaTest, ASignatureFitsItsMessageAndItsKeyOnly) {
     const RsaPrivateKey key = RsaPrivateKey::generate(2048).value();
     const std::string info = key.publicKeyToDer(), signature = key.signSha1("message");
