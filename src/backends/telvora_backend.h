@@ -133,7 +133,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
 
     const std::string& name() const { return name_; }
     const std::string* displayURL() const { return displayURL_; }  // of the profile; null: none
-    uint16_t eventID() const { return eventID_; }  // of the last report; 0 before the first
+    uint16_t eventID() const { return eventID_; }                  // of the last report; 0 before the first
     ReportAccount& reports() const { return *reports_; }
     // The policy that updateState() decided last. Its threshold is the bag's, even if the backend's was
     // replaced by that of the parent session.
