@@ -35,14 +35,13 @@ struct Bench {
         const Dictionary client{{"locale_whitelist", "CH"},  {"filters", std::move(filters)},
                                 {"sampling_threshold", 1.0}, {"override_dnu", consent ? 0 : 1},
                                 {"event_threshold", kBatch}, {"post_url", "https://post.example/"}};
+        const auto device = std::make_shared<const DeviceTexts>(DeviceTexts{
+            .name = "PhoneOne", .osVersion = "12.1", .build = "20B101", .hardwareType = "Model1,1"});
         backend = HTTPSPostBackend::make(
             services, kTelvoraBackendHTTPPost,
             std::make_shared<const PropertyList>(Dictionary{{"clients", Array{client}}}),
             std::make_shared<const BackendIdentity>(BackendIdentity{.compType = 12,
-                                                                    .productFamily = "PhoneOne",
-                                                                    .productVersion = "12.1",
-                                                                    .buildVersion = "20B101",
-                                                                    .hardwareType = "Model1,1",
+                                                                    .device = device,
                                                                     .requireUserInfo = true,
                                                                     .batchEvents = batch,
                                                                     .selfVersion = SelfVersion("8.0.2"),

@@ -26,8 +26,7 @@ thread_local Strand::Turn* Strand::current_ = nullptr;
 struct Strand::State : std::enable_shared_from_this<State> {
     struct Node {
         Node* next = nullptr;
-        Item item;
-        bool isUsed = false;  // of an own node
+        Item item;  // empty: an own node is free
     };
 
     explicit State(asio::io_context& context) : loop(context) {}
@@ -36,7 +35,7 @@ struct Strand::State : std::enable_shared_from_this<State> {
     bool isOwn(const Node* node) const { return node >= ownNodes.begin() && node < ownNodes.end(); }
     Node* takeOwnNode() {
         for (Node& node : ownNodes) {
-            if (!std::exchange(node.isUsed, true)) return &node;
+            if (!node.item) return &node;
         }
         throw std::bad_alloc();
     }
@@ -122,10 +121,7 @@ Strand::Item Strand::State::takeFirst() {
         first = node->next;
         --waiting;
         item = std::move(node->item);
-        if (isOwn(node)) {
-            node->isUsed = false;
-            return item;
-        }
+        if (isOwn(node)) return item;
     }
     delete node;
     return item;

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -31,10 +30,7 @@ struct BackendIdentity {
     int32_t compType = 0;  // the client type
     uint16_t clientVersion = 0;
     DeviceIDBuffer udid{};
-    std::optional<std::string> productFamily = {};   // the device's name
-    std::optional<std::string> productVersion = {};  // of the operating system
-    std::optional<std::string> buildVersion = {};    // likewise
-    std::optional<std::string> hardwareType = {};
+    std::shared_ptr<const DeviceTexts> device = std::make_shared<const DeviceTexts>();  // not null
     bool isInternal = false;
     bool requireUserInfo = false;
     bool batchEvents = false;

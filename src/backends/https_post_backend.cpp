@@ -7,9 +7,18 @@
 
 namespace telvora {
 
+namespace {
+
+std::unique_ptr<const std::string> textSetting(UserDefaults& defaults, std::string_view key) {
+    auto text = defaults.string(kTelvoraDefaultsDomain, key);
+    return text ? std::make_unique<const std::string>(std::move(*text)) : nullptr;
+}
+
+}  // namespace
+
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::make(const BackendServices& services, std::string name,
                                                          BackendProfile profile, SharedIdentity identity) {
-    if (profile == nullptr || !identity->productFamily) return nullptr;
+    if (profile == nullptr || !identity->device->name) return nullptr;
     const auto* settings = profile->getIf<Dictionary>();
     const Array* clients = settings != nullptr ? settings->array("clients") : nullptr;
     if (clients == nullptr) {
@@ -27,22 +36,22 @@ HTTPSPostBackend::HTTPSPostBackend(const BackendServices& services, std::string 
       dnuEnabled_(services.identity.diagnosticsConsent()),
       forceEventLogging_(services.defaults.boolean(kTelvoraDefaultsDomain, settings::kForceEventLogging.key)),
       uuidRespectDnu_(services.identity.sharedIdentifierForDNU(true)),
-      uuidOverrideDnu_(services.identity.sharedIdentifierForDNU(false)) {
-    policy_.postURL = services.defaults.string(kTelvoraDefaultsDomain, settings::kPostURL.key);
-    if (policy_.postURL) {
+      uuidOverrideDnu_(services.identity.sharedIdentifierForDNU(false)),
+      defaultPostURL_(textSetting(services.defaults, settings::kPostURL.key)),
+      defaultRealtimePostURL_(textSetting(services.defaults, settings::kRealtimePostURL.key)) {
+    policy_.postURL = defaultPostURL_.get();
+    if (policy_.postURL != nullptr) {
         policy_.useDefaultPostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for postURL",
                     policy_.postURL->c_str());
     }
-    policy_.realtimePostURL =
-        services.defaults.string(kTelvoraDefaultsDomain, settings::kRealtimePostURL.key);
-    if (policy_.realtimePostURL) {
+    policy_.realtimePostURL = defaultRealtimePostURL_.get();
+    if (policy_.realtimePostURL != nullptr) {
         policy_.useDefaultRealtimePostURL = true;
         TELVORA_LOG(kLogDebug, "HTTPSPostBackend(initWithName): Using user default '%s' for realtimePostURL",
                     policy_.realtimePostURL->c_str());
     }
-    const std::string* displayURL = profileDictionary()->string("display_url");
-    if (displayURL != nullptr) displayURL_ = *displayURL;
+    displayURL_ = profileDictionary()->string("display_url");
 }
 
 HTTPSPostBackend::~HTTPSPostBackend() {
@@ -66,8 +75,8 @@ void HTTPSPostBackend::updateState() {
                                               .frameworkVersion = identity_->selfVersion.components,
                                               .samplingFactor = samplingFactor_,
                                               .consent = dnuEnabled_,
-                                              .productFamily = identity_->productFamily,
-                                              .hardwareType = identity_->hardwareType,
+                                              .productFamily = identity_->device->name,
+                                              .hardwareType = identity_->device->hardwareType,
                                               .user = user_.uid()});
     setSamplingThreshold(policy_.samplingThreshold);
     setState(policy_.state, policy_.decision);

@@ -20,11 +20,11 @@
 // own room.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backends/message_outbox.h"
@@ -88,6 +88,7 @@ class HTTPSPostBackend final : public TelvoraBackend {
                         uint16_t respCode) const;
     void applyFilters(Dictionary& record) const;
     std::optional<std::string> batchEvent(Dictionary record);
+    int32_t& batchedOfMethod(int64_t method);
     std::vector<Dictionary> takeBatch();
     void loseBatch(ReportOutcome cause);
     Quota quotaOfBatch() const;
@@ -120,11 +121,13 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const bool forceEventLogging_;
     const std::shared_ptr<const std::string> uuidRespectDnu_;
     const std::shared_ptr<const std::string> uuidOverrideDnu_;
+    const std::unique_ptr<const std::string> defaultPostURL_;          // of the user defaults; null: not set
+    const std::unique_ptr<const std::string> defaultRealtimePostURL_;  // likewise
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // that the batch occupies, approximately
     Mutex batchChargeLock_;
     QuotaCharge batchCharge_ TELVORA_GUARDED_BY(batchChargeLock_);  // of the user's quotas, for batchedBytes_
-    std::map<int64_t, int32_t> eventMethodCounts_;                  // of the batch's events, by "_method"
+    std::vector<std::pair<int64_t, int32_t>> eventMethodCounts_;    // of the batch's events, by "_method"
     bool immutable_ = false;  // a logged message was posted: the bag no longer changes the policy
 };
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Drops, holds or posts a report; flushes the batch.
+#include <algorithm>
+
 #include "backends/event_record.h"
 #include "backends/https_post_backend.h"
 #include "config/client_type.h"
@@ -94,10 +96,10 @@ Dictionary HTTPSPostBackend::newEvent(const std::optional<Dictionary>& payload, 
         .eventNumber = eventID_,
         .method = method,
         .status = respCode,
-        .productFamily = identity_->productFamily,
-        .productModel = identity_->hardwareType,
-        .osVersion = identity_->productVersion,
-        .build = identity_->buildVersion,
+        .productFamily = identity_->device->name,
+        .productModel = identity_->device->hardwareType,
+        .osVersion = identity_->device->osVersion,
+        .build = identity_->device->build,
         .internal = services_.identity.isInternal(),
         .reportVersion = identity_->selfVersion.text,
         .timezoneOffset = services_.timeZoneOffsetSeconds(),
@@ -167,7 +169,7 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     const int64_t method = record.integer("_method").value_or(0);
     const size_t bytes = approximateSize(record) + 2 * sizeof record;  // the batch reserves for others, too
     const bool full = batchedBytes_ + bytes > kMaxBatchBytes;
-    int32_t count = eventMethodCounts_[method];
+    int32_t count = batchedOfMethod(method);
     std::optional<std::string> flushed;
     if (count > policy_.eventThreshold || full) {
         if (count > policy_.eventThreshold) {
@@ -184,7 +186,7 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
                     batchedEvents_.size());
         loseBatch(ReportOutcome::batchFull);
     }
-    int32_t& counted = eventMethodCounts_[method];
+    int32_t& counted = batchedOfMethod(method);
     batchedEvents_.push_back(std::move(record));
     if (!chargeBatch(quotaOfBatch(), bytes)) {
         batchedEvents_.pop_back();
@@ -197,8 +199,17 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
     return flushed;
 }
 
+// The number of the batch's events of a method.
+int32_t& HTTPSPostBackend::batchedOfMethod(int64_t method) {
+    auto found =
+        std::ranges::lower_bound(eventMethodCounts_, method, {}, &std::pair<int64_t, int32_t>::first);
+    if (found == eventMethodCounts_.end() || found->first != method)
+        found = eventMethodCounts_.insert(found, {method, 0});
+    return found->second;
+}
+
 std::vector<Dictionary> HTTPSPostBackend::takeBatch() {
-    eventMethodCounts_.clear();
+    decltype(eventMethodCounts_)().swap(eventMethodCounts_);  // clear() would keep the memory
     batchedBytes_ = 0;
     return std::exchange(batchedEvents_, {});
 }

@@ -58,8 +58,8 @@ std::string HTTPSPostBackend::createMessageForPostAndLogging(
 void HTTPSPostBackend::postJSONMessage(std::string json, Load load, SendFlag flag,
                                        std::optional<uint16_t> method, std::optional<uint16_t> responseCode,
                                        PostCompletion completion) {
-    const std::optional<std::string>& url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
-    if (!url) {
+    const std::string* const url = isRealtime(flag) ? policy_.realtimePostURL : policy_.postURL;
+    if (url == nullptr) {
         load.reports.settle(ReportOutcome::noURL);
         if (completion) completion(makeTelvoraError("postURL is nil", -1));
         return;
@@ -125,8 +125,9 @@ HttpRequest HTTPSPostBackend::requestForMessage(const std::string& url, std::str
         add("X-TVR-Service-Name", std::move(*serviceName));
     }
     if (identity_->isInternal) add("X-TVR-Internal-Build", "1");
-    add("User-Agent", "Telvora/" + identity_->selfVersion.text + " (" + textOrNull(identity_->hardwareType) +
-                          "; " + textOrNull(identity_->productVersion) + ")");
+    add("User-Agent", "Telvora/" + identity_->selfVersion.text + " (" +
+                          textOrNull(identity_->device->hardwareType) + "; " +
+                          textOrNull(identity_->device->osVersion) + ")");
     add("X-TVR-Client-Version", std::to_string(identity_->clientVersion));
     add("X-TVR-Sender", std::string(senderCodeForClientType(identity_->compType)));
     if (method && responseCode) {

@@ -132,8 +132,8 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     std::optional<ReportOutcome> exclusionOf(uint16_t category, const char* operation) const;
 
     const std::string& name() const { return name_; }
-    const std::optional<std::string>& displayURL() const { return displayURL_; }
-    uint16_t eventID() const { return eventID_; }  // of the last report; 0 before the first
+    const std::string* displayURL() const { return displayURL_; }  // of the profile; null: none
+    uint16_t eventID() const { return eventID_; }                  // of the last report; 0 before the first
     ReportAccount& reports() const { return *reports_; }
     // The policy that updateState() decided last. Its threshold is the bag's, even if the backend's was
     // replaced by that of the parent session.
@@ -180,7 +180,7 @@ class TelvoraBackend : public std::enable_shared_from_this<TelvoraBackend> {
     uint16_t eventID_ = 0;
     InFlightReports current_;  // the report that is being sent
     std::optional<std::string> combinedSessionIDString_;
-    std::optional<std::string> displayURL_;
+    const std::string* displayURL_ = nullptr;  // of the profile
     std::shared_ptr<const Dictionary> userInfoDict_;
     ReportingPolicy policy_;  // refers to the profile
 

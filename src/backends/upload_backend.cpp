@@ -91,7 +91,7 @@ UploadBackend::UploadBackend(const BackendServices& services, std::string name, 
                              SharedIdentity identity, std::string uploadURL)
     : TelvoraBackend(services, std::move(name), std::move(profile), std::move(identity)),
       uploadURL_(std::move(uploadURL)) {
-    if (const std::string* displayURL = profileDictionary()->string("display_url")) displayURL_ = *displayURL;
+    displayURL_ = profileDictionary()->string("display_url");
 }
 
 void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion done) {

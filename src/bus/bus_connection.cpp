@@ -58,7 +58,7 @@ BusConnection::BusConnection(Strand strand, UniqueFd socket, BusRole role, BusLi
 
 // The calls end before the handlers, which may own what the calls use.
 BusConnection::~BusConnection() {
-    replies_.clear();
+    replies_.reset();
     if (descriptor_.is_open()) descriptor_.release();
 }
 
@@ -368,7 +368,7 @@ void BusConnection::teardown() {
     if (descriptor_.is_open()) descriptor_.release();
     socket_.reset();
     exports_.clear();
-    replies_.clear();
+    replies_.reset();
     output_.clear();
     uncongested_ = nullptr;
     mayHandle_ = nullptr;

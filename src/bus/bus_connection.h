@@ -289,7 +289,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     size_t exclusiveCalls_ = 0;
     // This connection, while its messages wait for admit(): after a hang-up, no event of the socket holds it.
     std::shared_ptr<BusConnection> awaitsAdmission_;
-    std::unordered_map<uint32_t, std::unique_ptr<BusReplyTarget>> replies_;
+    using Replies = std::unordered_map<uint32_t, std::unique_ptr<BusReplyTarget>>;
+    std::unique_ptr<Replies> replies_;  // null before the first own call
     std::vector<Export> exports_;
     ClosedHandler closed_;
     std::function<void()> gone_;

@@ -239,16 +239,17 @@ tl::expected<void, BusSendFailure> BusConnection::call(std::string_view header, 
     if (!descriptors.empty() && state_ == State::ready && !passesDescriptors_)
         return tl::unexpected(BusSendFailure::kInvalid);
     if (header.size() + body.size() > kMaxSentMessage) return tl::unexpected(BusSendFailure::kTooLarge);
+    if (!replies_) replies_ = std::make_unique<Replies>();
     const uint32_t serial = nextSerial();
     if (!descriptors.empty()) output_.attach(output_.buffer().size(), std::move(descriptors));
     WireWriter::complete(output_.buffer(), header, serial, body);
-    replies_.emplace(serial, std::move(target));
+    replies_->emplace(serial, std::move(target));
     flushSoon();
     return {};
 }
 
 void BusConnection::handleReply(const MessageView& view, std::vector<UniqueFd> descriptors) {
-    auto waiting = replies_.extract(view.replySerial);
+    auto waiting = replies_ ? replies_->extract(view.replySerial) : Replies::node_type();
     if (waiting.empty()) return checkRest(BusMessage(view, {}).reader());
     BusMessage reply(view, std::move(descriptors));
     try {

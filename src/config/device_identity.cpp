@@ -58,7 +58,11 @@ DeviceIdentity::DeviceIdentity(const DeviceProperties& properties, UserDefaults&
     : properties_(properties),
       defaults_(defaults),
       isInternal_(properties.answer("ReleaseType") == "Internal"),
-      processIdentifier_(randomUuidString()) {}
+      processIdentifier_(randomUuidString()),
+      texts_(std::make_shared<const DeviceTexts>(DeviceTexts{.name = deviceName(),
+                                                             .osVersion = productVersion(),
+                                                             .build = buildVersion(),
+                                                             .hardwareType = productType()})) {}
 
 std::optional<std::string> DeviceIdentity::countryCode() const {
     const std::optional<std::string> given = countryCodeOf(properties_.answer("CountryCode").value_or(""));

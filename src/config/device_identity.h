@@ -32,6 +32,14 @@ inline constexpr size_t kMaxIdentifiers = 4096;
 // A zero-terminated device ID of at most 40 bytes; all zero if the device has no ID.
 using DeviceIDBuffer = std::array<char, 41>;
 
+// Answers of the device property service that reports carry; absent without an answer.
+struct DeviceTexts {
+    std::optional<std::string> name = {};
+    std::optional<std::string> osVersion = {};
+    std::optional<std::string> build = {};
+    std::optional<std::string> hardwareType = {};
+};
+
 class DeviceIdentity {
   public:
     // Both must outlive the identity.
@@ -44,6 +52,9 @@ class DeviceIdentity {
     std::optional<std::string> deviceName() const { return properties_.answer("DeviceName"); }
     std::optional<std::string> hardwareModel() const { return properties_.answer("HWModelStr"); }
     std::optional<std::string> serialNumber() const { return properties_.answer("SerialNumber"); }
+
+    // Those of reports, asked for once. All sessions share them. Not null.
+    const std::shared_ptr<const DeviceTexts>& texts() const { return texts_; }
 
     // The country: "CountryCode" of device.plist if that is a country code, else the territory of the locale
     // (locale.h). Read at each call.
@@ -89,6 +100,7 @@ class DeviceIdentity {
     UserDefaults& defaults_;
     const bool isInternal_;
     const std::string processIdentifier_;
+    const std::shared_ptr<const DeviceTexts> texts_;
     mutable Mutex identifierMutex_{LockRank::identifiers};  // makes reading and creating an identifier atomic
     mutable bool carriedOver_ TELVORA_GUARDED_BY(identifierMutex_) = false;
     mutable std::shared_ptr<const std::string> shared_[2] TELVORA_GUARDED_BY(identifierMutex_);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ownership: the bus keeps itself alive and owns this connection through its handlers; this connection only
-// points back. So both end when the bus ends, or with their pool.
+// Ownership: the bus keeps itself alive and owns this connection through its last handler; this connection
+// only points back. So both end when the bus ends, or with their pool.
 #include "connections/client_connection.h"
 
 #include <asio/dispatch.hpp>
@@ -130,11 +130,12 @@ void BusClientConnection::startBus() {
     resume_ = [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->resumeCalls();
     };
-    if (mayHandle_) bus->onAdmission([self = shared_from_this()] { return self->mayHandleCall(); });
-    bus->onInputKept([self = shared_from_this()](size_t bytes) { return self->mayKeepInput(bytes); });
+    if (mayHandle_) bus->onAdmission([this] { return mayHandleCall(); });
+    bus->onInputKept([this](size_t bytes) { return mayKeepInput(bytes); });
     bus->setUserTurns(user_.turns());
-    bus->onUncongested([self = shared_from_this()] { self->drainOutbox(); });
-    bus->start([self = shared_from_this()](const std::string& reason) { self->ended(reason); },
+    bus->onUncongested([this] { drainOutbox(); });
+    // The last handler that the bus runs owns this connection. A handler without an owner needs no memory.
+    bus->start([this](const std::string& reason) { ended(reason); },
                [self = shared_from_this()] { self->gone(); });
     starting_.reset();
 }

@@ -90,7 +90,7 @@ void DashboardBackend::takeProfile() {
     const Dictionary* profile = profileDictionary();
     usingProfile_ = profile != nullptr;
     if (!usingProfile_) return;
-    displayURL_ = text(*profile, "display_url");
+    displayURL_ = profile->string("display_url");
     postURL_ = text(*profile, "post_url");
 }
 

@@ -135,6 +135,18 @@ bool Dictionary::erase(std::string_view key) {
 }
 
 void Dictionary::merge(const Dictionary& other) {
+    // Events have the keys of their user info already. To search for a few keys costs less than to walk over
+    // all entries.
+    if (other.size() < entries_.size() / 4) {
+        size_t replaced = 0;
+        for (const Entry& entry : other) {
+            PropertyList* const value = find(entry.key);
+            if (value == nullptr) break;
+            *value = entry.value;
+            ++replaced;
+        }
+        if (replaced == other.size()) return;
+    }
     mergeSorted(entries_, other.entries_.begin(), other.entries_.end());
 }
 

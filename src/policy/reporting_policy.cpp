@@ -135,8 +135,9 @@ BackendState PolicyUpdate::stateFromEntry(const ClientEntry& entry) {
     const BackendState newState = stateFromSampling(entry);
     resetWithEntry(entry);
     if (entry.hasCustomClientId()) {
-        policy_.uuidCustom = situation_.identity.getPersistentIdentifierForCustomClientIDSuffix(
-            clientName_, serviceID_, situation_.user);
+        policy_.uuidCustom = std::make_shared<const std::string>(
+            situation_.identity.getPersistentIdentifierForCustomClientIDSuffix(clientName_, serviceID_,
+                                                                               situation_.user));
     }
     TELVORA_LOG(kLogDebug,
                 "HTTPSPostBackend(updateBackendState): %s: client found %s:%s, state=%d, samplingFactor=%f",
@@ -227,19 +228,19 @@ void PolicyUpdate::resetWithEntry(const std::optional<ClientEntry>& entry) {
 // True if the link of the entry replaced the previous one.
 bool PolicyUpdate::updatePostLink(const ClientEntry& entry) {
     bool replaced = false;
-    if (!policy_.useDefaultPostURL || !policy_.postURL) {
+    if (!policy_.useDefaultPostURL || policy_.postURL == nullptr) {
         policy_.useDefaultPostURL = false;
         if (const std::string* url = entry.postURL()) {
-            policy_.postURL = *url;
+            policy_.postURL = url;
             TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updatePostLink): Storebag '%s' for postURL",
                         url->c_str());
             replaced = true;
         }
     }
-    if (!policy_.useDefaultRealtimePostURL || !policy_.realtimePostURL) {
+    if (!policy_.useDefaultRealtimePostURL || policy_.realtimePostURL == nullptr) {
         policy_.useDefaultRealtimePostURL = false;
         if (const std::string* url = entry.realtimePostURL()) {
-            policy_.realtimePostURL = *url;
+            policy_.realtimePostURL = url;
             TELVORA_LOG(kLogDebug, "HTTPSPostBackend(updatePostLink): Storebag '%s' for realtimePostURL",
                         url->c_str());
         } else {

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,7 +26,7 @@ class DeviceIdentity;
 
 enum class BackendState : int32_t { waitingForUserInfo = 0, disabled = 1, reporting = 2, sampledOut = 3 };
 
-// All pointers and views refer to the bag.
+// All pointers and views refer to the bag, or to the initial policy's texts of the user defaults.
 struct ReportingPolicy {
     // The last state that the bag gave to the session. The state of the backend also changes with its
     // reports.
@@ -41,9 +42,9 @@ struct ReportingPolicy {
     const Array* eventBlacklist = nullptr;  // null: no category
     int32_t dnuType = 0;  // 0: consent respected; overridden: 1 without consent, 2 with consent
     int32_t extrasOnInternal = 0;
-    std::optional<std::string> uuidCustom;
-    std::optional<std::string> postURL;
-    std::optional<std::string> realtimePostURL;
+    std::shared_ptr<const std::string> uuidCustom;  // null: none
+    const std::string* postURL = nullptr;
+    const std::string* realtimePostURL = nullptr;
     bool useDefaultPostURL = false;          // the user default sets it, not the bag
     bool useDefaultRealtimePostURL = false;  // the user default sets it, not the bag
 };

@@ -220,7 +220,7 @@ void TelvoradSession::fetchDisplayURL(std::function<void(std::string displayURL)
         for (const char* name :
              {kTelvoraBackendHTTPPost, kTelvoraBackendHTTPPost2, kTelvoraBackendDashboard}) {
             const auto backend = current->find(name);
-            if (backend != current->end() && backend->second->displayURL())
+            if (backend != current->end() && backend->second->displayURL() != nullptr)
                 return reply(*backend->second->displayURL());
         }
     }

@@ -87,16 +87,20 @@ bool WireReader::push(std::string_view types, size_t end, bool isArray) {
 bool WireReader::enter() {
     const std::string_view rest = types();
     const size_t end = frames_[depth_].end;
+    // An array has one complete type.
+    const auto typeLength = [&] {
+        return frames_[depth_].isArray() ? rest.size() : completeTypeLength(rest);
+    };
     switch (type()) {
         case 'a':
-            return enterArray(rest.substr(1, completeTypeLength(rest) - 1));
+            return enterArray(rest.substr(1, typeLength() - 1));
         case '(':
         case '{':
-            return align(8) && push(rest.substr(1, completeTypeLength(rest) - 2), end, false);
+            return align(8) && push(rest.substr(1, typeLength() - 2), end, false);
         case 'v': {
             std::string_view content;
             if (!readSignature(content)) return false;
-            if (content.empty() || completeTypeLength(content) != content.size())
+            if (content.empty() || (content.size() > 1 && completeTypeLength(content) != content.size()))
                 return fail("a variant's signature is not one complete type");
             return push(content, end, false);
         }
@@ -120,8 +124,16 @@ bool WireReader::leave() {
         if (!skip()) return false;
     }
     if (violation_ != nullptr) return false;
-    --depth_;
-    return consumed(completeTypeLength(types()));
+    const Frame& left = frames_[depth_--];
+    const auto contents = static_cast<size_t>(left.typesEnd - left.typesBegin);
+    switch (*frames_[depth_].type) {
+        case 'v':  // whose contents have a signature of their own
+            return consumed();
+        case 'a':
+            return consumed(1 + contents);
+        default:  // in parentheses or braces
+            return consumed(2 + contents);
+    }
 }
 
 // An array of numbers of which every value is valid needs no look at each.

@@ -54,22 +54,24 @@ struct BackendRig {
                              .makeNetworkQueue = [this] { return network.makeQueue(); }};
 };
 
-// An identity of this client type.
-inline BackendIdentity identityOf(int32_t clientType) {
-    return {.sessionID = 42,
-            .compType = clientType,
-            .clientVersion = 11,
-            .productFamily = "PhoneOne",
-            .productVersion = "12.1",
-            .hardwareType = "Model1,1",
-            .requireUserInfo = true,
-            .selfVersion = SelfVersion("3.1.9"),
-            .startTimestamp = kNow};
-}
-
 template <typename T>
 std::shared_ptr<const T> shared(T value) {
     return std::make_shared<const T>(std::move(value));
+}
+
+using OptionalText = std::optional<std::string>;
+
+// An identity of this client type.
+inline BackendIdentity identityOf(int32_t clientType, const OptionalText& hardwareType = "Model1,1",
+                                  const OptionalText& build = {}) {
+    return {.sessionID = 42,
+            .compType = clientType,
+            .clientVersion = 11,
+            .device = shared(DeviceTexts{
+                .name = "PhoneOne", .osVersion = "12.1", .build = build, .hardwareType = hardwareType}),
+            .requireUserInfo = true,
+            .selfVersion = SelfVersion("3.1.9"),
+            .startTimestamp = kNow};
 }
 
 inline BackendProfile profileOf(Dictionary profile) {

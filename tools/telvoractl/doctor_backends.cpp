@@ -132,7 +132,7 @@ ReportingPolicy BackendSteps::decide(const bag::Scenario& scenario, const std::s
     const Dictionary& settings = dictionaryIn(facts_.findings, status::kSettings);
     ReportingPolicy initial;
     if (const auto* url = settings.string("httpsPostURL")) {
-        initial.postURL = *url;
+        initial.postURL = url;
         initial.useDefaultPostURL = true;
     }
     return nextPolicy(std::move(initial), {.identity = identity_,
@@ -218,7 +218,7 @@ void BackendSteps::examineLists() {
 }
 
 void BackendSteps::examineServer() {
-    if (!policy_.postURL) {
+    if (policy_.postURL == nullptr) {
         return report_.bad(DoctorStep::server, "there is no URL to post to: the entry has no post_url",
                            "add post_url to the entry");
     }

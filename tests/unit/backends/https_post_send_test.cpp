@@ -62,7 +62,7 @@ TEST(HTTPSPostSendTest, UserInfoWinsOverFieldsAndFiltersActLast) {
     const ReportingRig rig(
         {{"filters", Array{Dictionary{{"key", "SECRET"}, {"action", "sha256"}, {"method", 5}},
                            Dictionary{{"key", "_build"}, {"action", "remove"}}}}},
-        identityWith([](auto& identity) { identity.buildVersion = "B77"; }));
+        identityOf(7, "Model1,1", "B77"));
     rig.backend->setUserInfoDict(userInfoWith({{"_sessionID", "mine"}, {"secret", "from user info"}}));
     rig.send(kPlain, 5, Dictionary{{"secret", "from payload"}, {"when", Date{12}}, {"box", Array{}}});
     EXPECT_EQ(rig.message().postTime, 1447660800.25);

@@ -30,8 +30,7 @@ TEST(HTTPSPostStateTest, AnUnknownCountryOrHardwareIsOnEveryList) {
     rig.country.reset();
     rig.makeReportingBackend({{"locale_whitelist", "DE"}});
     const auto withoutHardware =
-        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})},
-                        identityWith([](auto& identity) { identity.hardwareType.reset(); }));
+        rig.makeBackend({reportingClient({{"device_blacklist", "Other"}})}, identityOf(7, {}));
     withoutHardware->updateState();
     EXPECT_EQ(withoutHardware->state(), kDisabled);
 }
@@ -84,7 +83,7 @@ TEST(HTTPSPostTransportTest, HeadersInOrder) {
     BackendIdentity absent = batching();
     absent.compType = 99;
     absent.selfVersion = SelfVersion("8");
-    absent.hardwareType.reset();
+    absent.device = identityOf(99, {}).device;
     const ReportingRig bare({}, absent);
     bare.backend->setUserInfoDict(shared(Dictionary{{kTelvoraUserInfoClientName, 7}}));
     bare.send();
