@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ownership: the bus keeps itself alive and owns this connection through its last handler; this connection
-// only points back. So both end when the bus ends, or with their pool.
+// Ownership: the bus keeps itself alive and owns this connection through a handler; this connection only
+// points back. So both end when the bus ends, or with their pool.
 #include "connections/client_connection.h"
 
 #include <asio/dispatch.hpp>
@@ -131,12 +131,12 @@ void BusClientConnection::startBus() {
         if (const auto self = weak.lock()) self->resumeCalls();
     };
     if (mayHandle_) bus->onAdmission([this] { return mayHandleCall(); });
-    bus->onInputKept([this](size_t bytes) { return mayKeepInput(bytes); });
+    // Owns this connection, since the bus keeps this handler for as long as itself. The other handlers then
+    // need no memory.
+    bus->onInputKept([self = shared_from_this()](size_t bytes) { return self->mayKeepInput(bytes); });
     bus->setUserTurns(user_.turns());
     bus->onUncongested([this] { drainOutbox(); });
-    // The last handler that the bus runs owns this connection. A handler without an owner needs no memory.
-    bus->start([this](const std::string& reason) { ended(reason); },
-               [self = shared_from_this()] { self->gone(); });
+    bus->start([this](const std::string& reason) { ended(reason); }, [this] { gone(); });
     starting_.reset();
 }
 

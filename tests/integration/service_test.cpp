@@ -11,7 +11,9 @@
 namespace telvora::test {
 namespace {
 
+using testing::Contains;
 using testing::Each;
+using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
@@ -93,6 +95,14 @@ TEST_F(Service, ReadsItsLogLevelAnewAtSIGHUP) {
 }
 
 using Peers = DaemonFixture;
+
+TEST_F(Peers, WithoutTheEntitlementAreHungUpOn) {
+    startDaemon([&](DaemonOptions& options) { options.entitlement.reset(); });
+    for (int attempt = 0; attempt < 2; ++attempt)  // logged once a minute
+        EXPECT_THROW(BlockingSession(daemon().socketPath()), std::runtime_error);
+    EXPECT_THAT(daemon().logLines(), Contains(StartsWith("<6>RefusalLog: refused pid ")).Times(1));
+    EXPECT_THAT(daemon().logLines(), Each(Not(HasSubstr("initWithSessionDelegate"))));
+}
 
 TEST_F(Peers, MayBeWrittenBySomebodyElse) {
     startDaemon();

@@ -36,7 +36,7 @@ int sendOne(const SessionOptions& options, const ReportOptions& report, std::opt
     if (status == kDone) status = session.flush();
     if (confirm && status == kDone) status = verdict.await(print);
     if (!confirm && status == kDone && !session.wasAnswered()) {
-        std::fprintf(stderr, "telvoractl: no answer has a posted message%s\n",
+        std::fprintf(stderr, "telvoractl: the daemon posted no report%s\n",
                      whyWithoutBag(options.clientType).c_str());
     }
     if (status != kDone && status != kNotDone) return status;

@@ -33,6 +33,13 @@ class PropertyListCodec : public testing::Test {
         });
     }
 
+    static void expectCarried(const Dictionary& sent) {
+        const auto message = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(sent); });
+        ArgumentReader in(*message);
+        EXPECT_EQ(in.dictionary(), sent);
+        EXPECT_TRUE(in.ok()) << in.failure();
+    }
+
     BusMessages messages_;
 };
 
@@ -41,6 +48,19 @@ Dictionary nested(int depth) {
     for (int i = 1; i < depth; ++i)
         dictionary = Dictionary{{"d", Array{std::move(dictionary)}}};
     return dictionary;
+}
+
+TEST_F(PropertyListCodec, CarriesEveryKindOfValue) {
+    expectCarried({
+        {"booleans", Array{true, false}},
+        {"integers", Array{0, INT64_MIN, UINT64_MAX}},
+        {"reals", Array{-0.1, INFINITY}},
+        {"texts", Array{"", "Grüße, \u4e16\u754c \U0001F30D"}},
+        {"data", Array{Data{std::string("\0\xff\x80", 3)}, Data{}}},
+        {"date", Date{1447660800.25}},
+        {"array", Array{1, "two", 3.5, Array{}, Dictionary{}, Data{"d"}, Date{-1}}},
+        {"dictionary", Dictionary{{"", Dictionary{{"k", Array{Array{Array{false}}}}}}}},
+    });
 }
 
 TEST_F(PropertyListCodec, ReadsEveryIntegerTypeAndTheLastOfEqualKeys) {
@@ -93,12 +113,7 @@ TEST_F(PropertyListCodec, RefusesMoreThanOneElementOfAnOptionalValueAndTheFirstF
 
 TEST_F(PropertyListCodec, BoundsNesting) {
     // Each level of nested() is a dictionary and an array.
-    const Dictionary deepest = nested(kMaxPropertyListDepth / 2);
-    const auto carried = written("a{sv}", [&](ArgumentWriter& out) { out.dictionary(deepest); });
-    ArgumentReader in(*carried);
-    EXPECT_EQ(in.dictionary(), deepest);
-    EXPECT_TRUE(in.ok()) << in.failure();
-
+    expectCarried(nested(kMaxPropertyListDepth / 2));
     const Dictionary deeper = nested(kMaxPropertyListDepth / 2 + 1);
     EXPECT_FALSE(written("a{sv}", [&deeper](ArgumentWriter& out) { out.dictionary(deeper); }));
 
