@@ -57,6 +57,8 @@ class Daemon final : private StatusInterface {
     void serveClient(UniqueFd socket, const Peer& peer);
     bool isNeeded() const;
     void stopAccepting();
+    void endSessions();
+    bool isIdle() const;
     void reloadOnSignal();
     void logLosses() const;
     void warnWithoutPublicKey() const;
@@ -69,6 +71,7 @@ class Daemon final : private StatusInterface {
     const ProcessContext& process_;
     const StartTime start_;
     asio::io_context runLoop_{1};
+    Shutdown shutdown_;  // which the HTTP client and the outbox call for as long as they live
 
     const DeviceProperties properties_;
     const DeviceIdentity identity_;
@@ -84,7 +87,6 @@ class Daemon final : private StatusInterface {
     const std::unique_ptr<PowerLog> powerLog_;
     ReportLedger ledger_;
     TappedHttpClient tappedHttp_;
-    LoopTask checkEnd_;
     InFlightHttpClient http_;
     const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
     const std::shared_ptr<LinkWatch> link_;       // null: the link is never spared
@@ -98,7 +100,6 @@ class Daemon final : private StatusInterface {
     uint64_t connections_ = 0;
     Listener listener_;
     std::optional<Listener> statusListener_;
-    Shutdown shutdown_;
     asio::signal_set reload_;
 };
 
