@@ -127,10 +127,14 @@ ReportTally ReportAccount::tally() const {
 }
 
 std::shared_ptr<ReportAccount> ReportLedger::open(const std::string& name, int clientType) {
-    std::shared_ptr<ReportAccount> account;  // destroyed without the lock
+    const std::string* lasting = nullptr;
+    {
+        const MutexLock lock(lock_);
+        lasting = &closed_[clientType].try_emplace(name).first->first;
+    }
+    // Without the lock, which its destructor takes: there may be no memory to share it.
+    std::shared_ptr<ReportAccount> account(new ReportAccount(*this, *lasting, clientType));
     const MutexLock lock(lock_);
-    const auto& [lasting, tally] = *closed_[clientType].try_emplace(name).first;
-    account.reset(new ReportAccount(*this, lasting, clientType));
     open_.insert(account.get());
     return account;
 }

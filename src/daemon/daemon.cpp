@@ -28,6 +28,16 @@ static_assert(std::string_view(StoredOutbox::kAccount) == status::kOutbox);
 Daemon::Daemon(const ProcessContext& process, Sockets sockets)
     : process_(process),
       start_{TelvoradUtil::secondsFromTimeValue(timeOfDay())},
+      shutdown_(runLoop_,
+                {.stopAccepting = [this] { stopAccepting(); },
+                 .endSessions = [this] { endSessions(); },
+                 .giveUp =
+                     [this] {
+                         if (outbox_) http_.stop();
+                         return outbox_ != nullptr;
+                     },
+                 .isIdle = [this] { return isIdle(); }},
+                process.settings.shutdownTime),
       properties_(process.directories.configuration, process.defaults),
       identity_(properties_, process.defaults),
       environment_(process.defaults, identity_),
@@ -38,9 +48,7 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
       pool_(std::clamp(std::thread::hardware_concurrency(), 2U, 4U)),
       powerLog_(makeJournalPowerLog()),
       tappedHttp_(*curl_, outgoing_),
-      // The outbox sends before shutdown_ exists.
-      checkEnd_(runLoop_, [this] { shutdown_.check(); }),
-      http_(tappedHttp_, timeOfDay, [this] { checkEnd_.post(); }),
+      http_(tappedHttp_, timeOfDay, [this] { shutdown_.check(); }),
       outbox_(openOutbox()),
       link_(watchLink()),
       backendServices_(makeBackendServices()),
@@ -72,20 +80,6 @@ Daemon::Daemon(const ProcessContext& process, Sockets sockets)
           runLoop_, std::move(sockets.clients.socket), closers_,
           [this](UniqueFd socket, const Peer& peer) { serveClient(std::move(socket), peer); },
           [this](uid_t user) { return agent_.mayWait(user); }),
-      shutdown_(runLoop_,
-                {.stopAccepting = [this] { stopAccepting(); },
-                 .endSessions =
-                     [this] {
-                         if (outbox_) outbox_->stopSending();
-                         agent_.invalidateAllConnections();
-                     },
-                 .giveUp = outbox_ ? [this] { http_.stop(); } : std::function<void()>(),
-                 .isIdle =
-                     [this] {
-                         return agent_.sessionsAlive() == 0 && http_.inFlight() == 0 &&
-                                !(outbox_ && outbox_->isStoring());
-                     }},
-                process.settings.shutdownTime),
       reload_(runLoop_, SIGHUP) {
     if (!process.settings.keepBags) keptBags_.removeAll();
     if (!sockets.status) return;
@@ -130,7 +124,7 @@ std::unique_ptr<StoredOutbox> Daemon::openOutbox() {
                             .random = uniformRandom48,
                             .consent = [this] { return identity_.diagnosticsConsent(); },
                             .identifier = [this] { return identity_.getPersistentIdentifierForDNU(true); },
-                            .stored = [this] { checkEnd_.post(); },
+                            .stored = [this] { shutdown_.check(); },
                             .sparesLink = process_.settings.spared != LinkState()});
     if (outbox) return std::move(*outbox);
     TELVORA_LOG(kLogError, "main: There is no outbox: %s: %s", path.c_str(), outbox.error().text.c_str());
@@ -221,6 +215,15 @@ void Daemon::stopAccepting() {
     notifyServiceManager("STOPPING=1");
     listener_.close();
     if (statusListener_) statusListener_->close();
+}
+
+void Daemon::endSessions() {
+    if (outbox_) outbox_->stopSending();
+    agent_.invalidateAllConnections();
+}
+
+bool Daemon::isIdle() const {
+    return agent_.sessionsAlive() == 0 && http_.inFlight() == 0 && !(outbox_ && outbox_->isStoring());
 }
 
 void Daemon::reloadOnSignal() {

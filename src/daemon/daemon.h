@@ -56,6 +56,8 @@ class Daemon final : private StatusInterface {
     void serveClient(UniqueFd socket, const Peer& peer);
     bool isNeeded() const;
     void stopAccepting();
+    void endSessions();
+    bool isIdle() const;
     void reloadOnSignal();
     void logLosses() const;
     void warnWithoutPublicKey() const;
@@ -68,6 +70,7 @@ class Daemon final : private StatusInterface {
     const ProcessContext& process_;
     const StartTime start_;
     asio::io_context runLoop_{1};
+    Shutdown shutdown_;  // which the HTTP client and the outbox call for as long as they live
 
     const DeviceProperties properties_;
     const DeviceIdentity identity_;
@@ -83,7 +86,6 @@ class Daemon final : private StatusInterface {
     const std::unique_ptr<PowerLog> powerLog_;
     ReportLedger ledger_;
     TappedHttpClient tappedHttp_;
-    LoopTask checkEnd_;
     InFlightHttpClient http_;
     const std::unique_ptr<StoredOutbox> outbox_;  // null: there is none
     const std::shared_ptr<LinkWatch> link_;       // null: the link is never spared
@@ -97,7 +99,6 @@ class Daemon final : private StatusInterface {
     uint64_t connections_ = 0;
     Listener listener_;
     std::optional<Listener> statusListener_;
-    Shutdown shutdown_;
     asio::signal_set reload_;
 };
 

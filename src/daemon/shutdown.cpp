@@ -47,8 +47,7 @@ void Shutdown::begin() {
         if (cancelled) return;
         TELVORA_LOG(kLogWarning, "main: Stopping with reports still on their way after %lld ms",
                     static_cast<long long>(deadline_.count()));
-        if (!steps_.giveUp) return runLoop_.stop();
-        steps_.giveUp();
+        if (!steps_.giveUp()) return runLoop_.stop();
         timer_.expires_after(kTimeAfterDeadline);
         timer_.async_wait([this](asio::error_code) { runLoop_.stop(); });
     });

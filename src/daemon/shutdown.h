@@ -20,9 +20,8 @@ class Shutdown {
     struct Steps {
         std::function<void()> stopAccepting;
         std::function<void()> endSessions;
-        // Ends the requests under way, at the deadline. Then a second is left. Empty: the end is at the
-        // deadline.
-        std::function<void()> giveUp;
+        // Ends the requests under way, at the deadline. True if their results need time: a second is left.
+        std::function<bool()> giveUp;
         std::function<bool()> isIdle;  // whether all sessions have ended and no request is under way
     };
 

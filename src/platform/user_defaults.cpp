@@ -258,34 +258,50 @@ void UserDefaults::apply(const Changes& changes, Dictionary& content) {
     }
 }
 
-tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Changes wanted) {
-    if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
+tl::expected<std::optional<UserDefaults::NewFile>, std::string> UserDefaults::adopt(
+    const std::filesystem::path& path, const std::string& domain, Changes wanted) {
     const MutexLock lock(mutex_);
-    const std::filesystem::path path = fileOf(ownDirectory_, domain);
-    Changes& unwritten = unwritten_[std::string(domain)];
-    wanted.insert(unwritten.begin(), unwritten.end());  // the new ones win
-    std::swap(unwritten, wanted);                       // `wanted` has now the changes of before
-    ++version_;
-
-    const UniqueFd turn = lockDirectory(ownDirectory_);
     const CachedFile& file = current(path);
-    if (file.fault && !file.fault->isDamage) {
-        // The file may have other values for these keys, which count.
-        std::swap(unwritten, wanted);
-        return tl::make_unexpected(file.fault->reason);
+    // The file may have other values for these keys, which count.
+    if (file.fault && !file.fault->isDamage) return tl::make_unexpected(file.fault->reason);
+    const auto unwritten = unwritten_.find(domain);
+    if (unwritten != unwritten_.end())
+        wanted.insert(unwritten->second.begin(), unwritten->second.end());  // the new ones win
+    if (file.fault) {  // there is no file between a damaged one and the next
+        for (const auto& [key, value] : file.content)
+            wanted.emplace(key, value);
     }
     Dictionary content = file.content;
-    apply(unwritten, content);
-    if (content != file.content) {
-        // Keys contain names from clients, which XML could not always hold.
-        const auto document = serializePropertyList(content, PropertyListFormat::binary);
-        if (!document || document->size() > kMaxDocumentBytes) {
-            std::swap(unwritten, wanted);
-            return tl::make_unexpected(document ? "the file would be longer than 16 MiB" : document.error());
-        }
-        if (auto written = writeDomainFile(path, file.fault.has_value(), *document); !written) return written;
+    apply(wanted, content);
+    if (content == file.content) {
+        if (unwritten != unwritten_.end()) unwritten_.erase(unwritten);
+        ++version_;
+        return std::nullopt;
     }
-    unwritten_.erase(unwritten_.find(domain));
+    // Keys contain names from clients, which XML could not always hold.
+    auto document = serializePropertyList(content, PropertyListFormat::binary);
+    if (!document) return tl::make_unexpected(document.error());
+    if (document->size() > kMaxDocumentBytes) {
+        return tl::make_unexpected("the file would be longer than 16 MiB");
+    }
+    unwritten_[domain] = std::move(wanted);
+    ++version_;
+    return NewFile{std::move(*document), file.fault.has_value()};
+}
+
+tl::expected<void, std::string> UserDefaults::change(std::string_view domain, Changes wanted) {
+    if (!isDomain(domain)) return tl::make_unexpected("not a preference domain");
+    const std::filesystem::path path = fileOf(ownDirectory_, domain);
+    const std::string name(domain);
+    const MutexLock writing(writes_);
+    const UniqueFd turn = lockDirectory(ownDirectory_);
+    const auto file = adopt(path, name, std::move(wanted));
+    if (!file) return tl::make_unexpected(file.error());
+    if (!*file) return {};
+    if (auto written = writeDomainFile(path, (*file)->replacesDamaged, (*file)->document); !written)
+        return written;
+    const MutexLock lock(mutex_);
+    unwritten_.erase(name);
     return {};
 }
 

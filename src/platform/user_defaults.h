@@ -92,7 +92,20 @@ class UserDefaults {
     const CachedFile& current(const std::filesystem::path& path) TELVORA_REQUIRES(mutex_);
     static void apply(const Changes& changes, Dictionary& content);
     tl::expected<void, std::string> change(std::string_view domain, Changes wanted);
+    // A file to write, whose content holds all changes of its domain.
+    struct NewFile {
+        std::string document;
+        bool replacesDamaged = false;
+    };
+    // Makes the domain's changes current, with these. Returns the file that holds them; std::nullopt if it is
+    // there already. Fails without effect, with a reason.
+    tl::expected<std::optional<NewFile>, std::string> adopt(const std::filesystem::path& path,
+                                                            const std::string& domain, Changes wanted)
+        TELVORA_EXCLUDES(mutex_);
 
+    // One writer at a time. It holds mutex_ only while it does not write, so that readers never wait for the
+    // disk's writes.
+    Mutex writes_{LockRank::defaultsWrites};
     Mutex mutex_{LockRank::defaults};
     const std::filesystem::path administratorDirectory_;
     const std::filesystem::path ownDirectory_;

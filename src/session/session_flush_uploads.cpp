@@ -14,19 +14,18 @@ constexpr char kNoBackends[] = "No backends available to send message";
 
 // A flush in progress.
 struct PendingFlush {
-    size_t backends;  // that have not completed yet
+    std::vector<const TelvoraBackend*> open;  // that have not completed yet
     FlushReply completion;
 };
 
 // Guards every PendingFlush. Flushes are rare enough for one lock.
 Mutex flushCountersLock;
 
-// Counts the completion of one backend. Returns the client's completion if that is due now, else an empty
+// Counts the first completion of a backend. Returns the client's completion if that is due now, else an empty
 // one.
-FlushReply takeCompletion(PendingFlush& flush, bool failed) {
+FlushReply takeCompletion(PendingFlush& flush, const TelvoraBackend* backend, bool failed) {
     const MutexLock lock(flushCountersLock);
-    --flush.backends;
-    if (!failed && flush.backends > 0) return {};
+    if (std::erase(flush.open, backend) == 0 || (!failed && !flush.open.empty())) return {};
     return std::exchange(flush.completion, {});
 }
 
@@ -46,21 +45,24 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
         if (completion) completion(std::nullopt, makeTelvoraError(kNoBackends, -1));
         return;
     }
-    const auto flush = std::make_shared<PendingFlush>(PendingFlush{current->size(), std::move(completion)});
+    const auto flush = std::make_shared<PendingFlush>();
+    for (const auto& [name, backend] : *current)
+        flush->open.push_back(backend.get());
+    flush->completion = std::move(completion);
     for (const auto& [name, backend] : *current) {
-        auto reported = [flush, key = name, backendName = backend->name(), uid = uid_,
+        auto reported = [flush, key = name, part = backend.get(), backendName = backend->name(), uid = uid_,
                          &messageLog = services_.messageLog](std::optional<std::string> answer,
                                                              std::optional<TelvoraError> error) {
             TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
             if (answer)
                 TelvoradUtil::writeToLogFile(messageLog, {"[", key, " -> flushMessages] ", *answer}, uid);
-            const FlushReply reply = takeCompletion(*flush, error.has_value());
+            const FlushReply reply = takeCompletion(*flush, part, error.has_value());
             if (reply) reply(std::move(answer), std::move(error));
         };
         if (attempt("internalFlushMessagesWithCompletion",
                     [&, target = backend] { target->flushMessagesWithCompletion(std::move(reported)); }))
             continue;
-        if (const FlushReply reply = takeCompletion(*flush, true)) {
+        if (const FlushReply reply = takeCompletion(*flush, backend.get(), true)) {
             reply(std::nullopt, makeTelvoraError("There is no memory for the flush", -1));
         }
     }

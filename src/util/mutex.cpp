@@ -25,8 +25,9 @@ thread_local HeldLocks held;
 
 const char* nameOf(LockRank rank) {
     static constexpr std::array<const char*, static_cast<size_t>(LockRank::log) + 1> kNames = {
-        "agent",      "session",       "identifiers", "defaults",      "accounts", "ledger",  "users",
-        "messageLog", "clientSession", "fork",        "clientRuntime", "leaf",     "userLog", "log"};
+        "agent",    "session",       "identifiers", "defaultsWrites", "defaults",
+        "accounts", "ledger",        "users",       "messageLog",     "clientSession",
+        "fork",     "clientRuntime", "leaf",        "userLog",        "log"};
     return kNames[static_cast<size_t>(rank)];
 }
 

@@ -28,14 +28,15 @@ namespace telvora {
 // docs/threads.md gives the reasons.
 enum class LockRank : unsigned char {
     // Of the daemon.
-    agent,        // the registry; the bag cache and the hierarchy
-    session,      // a session's identity; its backends
-    identifiers,  // DeviceIdentity
-    defaults,     // UserDefaults
-    accounts,     // of a client
-    ledger,       // of all clients
-    users,        // UserQuotas
-    messageLog,   // MessageLogState, held during file I/O
+    agent,           // the registry; the bag cache and the hierarchy
+    session,         // a session's identity; its backends
+    identifiers,     // DeviceIdentity
+    defaultsWrites,  // UserDefaults, held during file I/O
+    defaults,        // UserDefaults
+    accounts,        // of a client
+    ledger,          // of all clients
+    users,           // UserQuotas
+    messageLog,      // MessageLogState, held during file I/O
     // Of the client library.
     clientSession,  // ReconnectingSession, RecordedSession
     fork,

@@ -41,7 +41,7 @@ FaultPage* page = nullptr;
 }
 
 // Libraries whose allocations do not fail. GMP has no way to report it, and ends the process. After thousands
-// of failures within handshakes of OpenSSL, the heap was found damaged.
+// of failures within handshakes of OpenSSL, the heap was found damaged once, for an unknown reason.
 constexpr const char* kExcepted[] = {"libgmp.so", "libcrypto.so", "libssl.so"};
 
 // Puts the call's stack on the page. False if an excepted library makes the call.

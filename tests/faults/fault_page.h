@@ -63,6 +63,7 @@ struct FaultPage {
     // Returns the number of calls that failed.
     int64_t disarm() {
         call = FaultyCall::none;
+        fail = 0;  // also of a call that has seen the kind
         return failed;
     }
 };

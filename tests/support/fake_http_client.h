@@ -3,9 +3,11 @@
 // An HttpClient without a network.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -50,7 +52,10 @@ class FakeHttpClient : public HttpClient {
             }
         }
         completion(handler(request));
+        if (throwsAfterCompletion) throw std::bad_alloc();
     }
+
+    std::atomic<bool> throwsAfterCompletion{false};  // of an answer at once
 
     // All requests so far.
     std::vector<HttpRequest> requests() const {

@@ -1,13 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/user_defaults.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "platform/known_settings.h"
 #include "plist/property_list_format.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
+#include "util/unique_fd.h"
 
 namespace telvora {
 namespace {
@@ -85,6 +91,21 @@ TEST_F(UserDefaultsTest, WhatCannotBeWrittenIsKeptInMemoryAndWrittenWithTheNextC
     std::filesystem::remove(state_);
     EXPECT_TRUE(defaults_.set("d", "other", 1));
     EXPECT_EQ(later().string("d", "id"), "stable");
+}
+
+TEST_F(UserDefaultsTest, AReaderDoesNotWaitForAWriter) {
+    ASSERT_TRUE(defaults_.set("d", "key", "old"));
+    // A writer waits for that of another process.
+    UniqueFd turn(open((state_ / "Preferences").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(flock(turn.get(), LOCK_EX), 0);
+    std::jthread writer([this] { EXPECT_TRUE(defaults_.set("d", "key", "new")); });
+    const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(getpid()) + " ";
+    while (test::readFile("/proc/locks").find(waiting) == std::string::npos)
+        std::this_thread::yield();
+    EXPECT_EQ(defaults_.string("d", "key"), "old");
+    turn.reset();
+    writer.join();
+    EXPECT_EQ(defaults_.string("d", "key"), "new");
 }
 
 TEST_F(UserDefaultsTest, AnUnfitSettingCountsAsItsDefaultWithOneLine) {

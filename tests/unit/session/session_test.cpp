@@ -158,6 +158,21 @@ TEST_F(SessionTest, AFlushOfNoBackendsIsNeverAnsweredWithoutConfigurationItFails
     EXPECT_THAT(errors, ElementsAre("No backends available to send message"));
 }
 
+TEST_F(SessionTest, AFlushWaitsForEachBackendAlsoWhenMemoryEndsBehindOne) {
+    const PropertyList backend = *DaemonWorld::reportingBag().dictionary("release")->find("httpPost");
+    world.serveBag(Dictionary{{"release", Dictionary{{"httpPost", backend}, {"httpPost2", backend}}}});
+    const auto connection = world.connect();
+    TelvoradSession& session = connection->session();
+    session.setSessionInfo(Dictionary::merged(sessionInfoFor(1), {{kTelvoraSessionInfoBatchEvent, true}}),
+                           kUser, {}, false);
+    session.startConfigWithCompletionHandler([](const auto&) {});
+    session.sendMessageWithCategory(4, 1, std::nullopt, [](const auto&) {});
+    std::vector<bool> answers;
+    world.http.throwsAfterCompletion = true;
+    session.flushMessagesWithCompletion([&](const auto&, const auto& error) { answers.push_back(!error); });
+    EXPECT_THAT(answers, ElementsAre(true));
+}
+
 TEST_F(SessionTest, TheEndSendsTheEndMessageWithTheBagsVersion) {
     world.connectConfigured(1)->invalidate();
     const Dictionary end = world.postedEvents().back();
