@@ -212,10 +212,16 @@ PendingCall::~PendingCall() {
 
 void PendingCall::reply(BusBody body) {
     if (answered_.exchange(true, std::memory_order_relaxed)) return;
-    asio::dispatch(connection_->strand_, [connection = connection_, serial = serial_, wanted = wanted_,
-                                          signature = signature_, order = order_, body = std::move(body)] {
-        connection->settle(order, [&] { connection->sendReply(serial, wanted, signature, body); });
-    });
+    try {
+        asio::dispatch(
+            connection_->strand_, [connection = connection_, serial = serial_, wanted = wanted_,
+                                   signature = signature_, order = order_, body = std::move(body)] {
+                connection->settle(order, [&] { connection->sendReply(serial, wanted, signature, body); });
+            });
+    } catch (const std::bad_alloc&) {
+        answered_.store(false, std::memory_order_relaxed);  // the exception is to destroy the call
+        throw;
+    }
 }
 
 // --- Own calls ---
