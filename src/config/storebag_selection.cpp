@@ -49,13 +49,14 @@ void StorebagFetcher::fetchStorebagForEnvironmentAndClientType(uint32_t clientTy
         status.report = {.fault = {BagStep::download, "client type 0 has no bag"}};
         return done({.status = std::move(status)});
     }
-    const auto select = [this, clientType, done = std::move(done)](const std::optional<Dictionary>& bag,
-                                                                   StorebagFetchStatus fetchStatus) {
+    // Moved: an exception that ends the fetch destroys the only reference to the calls that wait for it.
+    auto select = [this, clientType, done = std::move(done)](const std::optional<Dictionary>& bag,
+                                                             StorebagFetchStatus fetchStatus) {
         FetchedStorebag fetched{.status = std::move(fetchStatus)};
         fetched.section = sectionOf(bag, clientType, fetched.version, fetched.status);
         done(std::move(fetched));
     };
-    fetchStorebagWithName(bagNameForClientType(clientType), std::move(status), select);
+    fetchStorebagWithName(bagNameForClientType(clientType), std::move(status), std::move(select));
 }
 
 FetchedStorebag StorebagFetcher::reopen(std::string document, uint32_t clientType) const {

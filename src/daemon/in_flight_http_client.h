@@ -26,8 +26,8 @@ class InFlightHttpClient final : public HttpClient {
     }
 
     void start(HttpRequest request, Completion completion) override {
-        const auto counted = std::make_shared<const Counted>(shared_, request.url, std::move(completion));
-        client_.start(std::move(request), [counted](HttpResult result) {
+        auto counted = std::make_shared<const Counted>(shared_, request.url, std::move(completion));
+        client_.start(std::move(request), [counted = std::move(counted)](HttpResult result) {
             Shared& shared = *counted->shared;
             attempt("InFlightHttpClient", [&] {
                 shared.outcomes.record(counted->url, result,

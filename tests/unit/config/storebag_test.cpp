@@ -228,6 +228,24 @@ TEST(StorebagFetcher, StandsInForQuilletOnlyWhenTheServerIsOutOfReach) {
     EXPECT_EQ(f.status.report.fault.reason, "the server answered 500");
 }
 
+// As an HTTP thread that is done before start() has returned: an exception of the completion has to destroy
+// the calls that wait for the bag, since they are answered with an error then.
+TEST(StorebagFetcher, HoldsNoCompletionThatItsClientHasRun) {
+    struct : FakeHttpClient {
+        void start(HttpRequest, Completion completion) override {
+            EXPECT_THROW(std::exchange(completion, {})(failure("")), std::bad_alloc);
+            EXPECT_TRUE(waiting.expired());
+        }
+        std::weak_ptr<int> waiting;
+    } http;
+    Fixture f;
+    const StorebagFetcher fetcher{
+        {http, f.environment, f.framework, [](const auto&) { throw std::bad_alloc(); }}};
+    auto waiting = std::make_shared<int>();
+    http.waiting = waiting;
+    fetcher.fetchStorebagForEnvironmentAndClientType(1, {}, [held = std::move(waiting)](const auto&) {});
+}
+
 TEST(StorebagSelection, ChoosesTheSectionOfTheEnvironment) {
     const std::string age = "<6>" + kSelect + "Store bag override MaxAge=";
     const std::string noSeed = "<4>" + kSelect + "Seed section is missing in the storebag.";
