@@ -9,9 +9,9 @@ namespace telvora {
 
 namespace {
 
-std::unique_ptr<const std::string> textSetting(UserDefaults& defaults, std::string_view key) {
+std::shared_ptr<const std::string> textSetting(UserDefaults& defaults, std::string_view key) {
     auto text = defaults.string(kTelvoraDefaultsDomain, key);
-    return text ? std::make_unique<const std::string>(std::move(*text)) : nullptr;
+    return text ? std::make_shared<const std::string>(std::move(*text)) : nullptr;
 }
 
 }  // namespace

@@ -121,8 +121,8 @@ class HTTPSPostBackend final : public TelvoraBackend {
     const bool forceEventLogging_;
     const std::shared_ptr<const std::string> uuidRespectDnu_;
     const std::shared_ptr<const std::string> uuidOverrideDnu_;
-    const std::unique_ptr<const std::string> defaultPostURL_;          // of the user defaults; null: not set
-    const std::unique_ptr<const std::string> defaultRealtimePostURL_;  // likewise
+    const std::shared_ptr<const std::string> defaultPostURL_;          // of the user defaults; null: not set
+    const std::shared_ptr<const std::string> defaultRealtimePostURL_;  // likewise
     std::vector<Dictionary> batchedEvents_;
     size_t batchedBytes_ = 0;  // that the batch occupies, approximately
     Mutex batchChargeLock_;
