@@ -106,7 +106,7 @@ void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion 
     const uint64_t bytes = 2 * transfer->file.size();
     upload.files->admit(bytes, [self = self(), transfer](std::unique_ptr<UploadAdmission::Ticket> ticket) {
         transfer->ticket = std::move(ticket);
-        transfer->upload.perform([self, transfer] { self->sendFile(transfer); });
+        transfer->upload.perform([self, transfer]() mutable { self->sendFile(std::move(transfer)); });
     });
 }
 
@@ -122,7 +122,8 @@ std::optional<ReportOutcome> UploadBackend::openFile(Transfer& transfer) const {
     return std::nullopt;
 }
 
-void UploadBackend::sendFile(const SharedTransfer& transfer) {
+// Moves the transfer on: an exception on the HTTP client's thread ends it, and with it the call that waits.
+void UploadBackend::sendFile(SharedTransfer transfer) {
     if (!transfer->ticket) {
         TELVORA_LOG(kLogError, "UploadBackend(uploadFileAtPath): Too many uploads are under way");
         return finish(*transfer, tl::unexpected(ReportOutcome::tooManyPending));
@@ -133,11 +134,12 @@ void UploadBackend::sendFile(const SharedTransfer& transfer) {
     transfer->ticket->shrink(compressed->capacity());
     std::optional<HttpRequest> request = createRequest(transfer->upload.path, std::move(*compressed));
     if (!request) return finish(*transfer, tl::unexpected(ReportOutcome::notSent));
-    services_.http.start(std::move(*request), [self = self(), transfer](HttpResult result) {
-        transfer->result = std::move(result);
-        transfer->upload.perform(
-            [self, transfer] { self->finish(*transfer, self->outcomeOfTransfer(*transfer)); });
-    });
+    services_.http.start(
+        std::move(*request), [self = self(), transfer = std::move(transfer)](HttpResult result) {
+            transfer->result = std::move(result);
+            transfer->upload.perform(
+                [self, transfer] { self->finish(*transfer, self->outcomeOfTransfer(*transfer)); });
+        });
 }
 
 UploadBackend::Outcome UploadBackend::outcomeOfTransfer(const Transfer& transfer) const {

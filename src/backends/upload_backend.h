@@ -45,7 +45,7 @@ class UploadBackend final : public TelvoraBackend {
     using Outcome = tl::expected<ReportOutcome, ReportOutcome>;
 
     std::optional<ReportOutcome> openFile(Transfer& transfer) const;
-    void sendFile(const SharedTransfer& transfer);
+    void sendFile(SharedTransfer transfer);
     Outcome outcomeOfTransfer(const Transfer& transfer) const;
     void finish(Transfer& transfer, const Outcome& outcome);
     std::shared_ptr<UploadBackend> self() {
