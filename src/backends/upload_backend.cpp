@@ -106,7 +106,8 @@ void UploadBackend::uploadFileAtPath(const FileUpload& upload, UploadCompletion 
     const uint64_t bytes = 2 * transfer->file.size();
     upload.files->admit(bytes, [self = self(), transfer](std::unique_ptr<UploadAdmission::Ticket> ticket) {
         transfer->ticket = std::move(ticket);
-        transfer->upload.perform([self, transfer]() mutable { self->sendFile(std::move(transfer)); });
+        transfer->upload.perform(
+            [self, held = SharedTransfer(transfer)]() mutable { self->sendFile(std::move(held)); });
     });
 }
 
