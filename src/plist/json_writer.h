@@ -63,7 +63,7 @@ template <typename Library>
 class PlainTextWriter : public Library {
   public:
     explicit PlainTextWriter(JsonBuffer& buffer) : Library(buffer) {
-        if constexpr (kPretty) this->SetIndent(' ', 2);
+        if constexpr (kPretty) this->SetIndent(' ', kIndent);
     }
 
     void number(std::string_view text) {
@@ -86,12 +86,28 @@ class PlainTextWriter : public Library {
   private:
     void prefix(rapidjson::Type type) {
         if constexpr (kPretty) {
-            this->PrettyPrefix(type);
+            prettyPrefix(type);
         } else {
             this->Prefix(type);
         }
     }
 
+    // The library writes the blanks one by one, which is half of the time of a text.
+    void prettyPrefix(rapidjson::Type type) {
+        constexpr std::string_view kLine = ",\n                              ";
+        const size_t depth = this->level_stack_.GetSize() / sizeof(typename Library::Level);
+        auto* const level = depth > 0 ? this->level_stack_.template Top<typename Library::Level>() : nullptr;
+        if (level == nullptr || level->inArray || depth * kIndent + 2 > kLine.size())
+            return this->PrettyPrefix(type);
+        const size_t count = level->valueCount++;  // of keys and values
+        if (count % 2 != 0) return void(std::memcpy(this->os_->Push(2), ": ", 2));
+        const size_t skipped = count == 0 ? 1 : 0;  // the comma
+        this->os_->Reserve(kLine.size());           // copied whole: a constant size needs no call
+        char* const place = this->os_->PushUnsafe(2 - skipped + depth * kIndent);
+        std::memcpy(place, kLine.data() + skipped, kLine.size() - 1);
+    }
+
+    static constexpr unsigned kIndent = 2;
     static constexpr bool kPretty = std::is_base_of_v<
         rapidjson::PrettyWriter<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, JsonAllocator>, Library>;
 };
