@@ -144,7 +144,8 @@ std::string recordOf(std::string_view date, std::initializer_list<std::string_vi
         record.append(part);
     for (size_t at = start; (at = record.find(kBeginning, at)) != std::string::npos;)
         record.insert(++at, 1, ' ');
-    return record.append("\n");
+    record += '\n';
+    return record;
 }
 
 // Returns the size of the file with the record; std::nullopt, and a reason in errno, if it could not be

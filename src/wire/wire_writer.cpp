@@ -9,9 +9,6 @@ namespace {
 
 constexpr size_t kBodySizePosition = 4;
 constexpr size_t kSerialPosition = 8;
-// Bytes by which the buffer grows ahead of its content. A call of std::string for each value would cost more
-// than the value.
-constexpr size_t kAhead = 256;
 
 }  // namespace
 
@@ -56,6 +53,14 @@ void WireWriter::appendField(HeaderField field, uint32_t value) {
 void WireWriter::grow(size_t size) {
     const size_t capacity = buffer_.capacity();
     buffer_.resize(size <= capacity ? std::min(size + kAhead, capacity) : size + kAhead);
+}
+
+// Without filling the place with zeros first.
+void WireWriter::putLong(std::string_view bytes) {
+    buffer_.resize(size_);
+    if (buffer_.capacity() < size_ + bytes.size()) buffer_.reserve(size_ + bytes.size() + kAhead);
+    buffer_.append(bytes);
+    size_ = buffer_.size();
 }
 
 bool WireWriter::finish(size_t limit) {

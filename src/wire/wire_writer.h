@@ -86,6 +86,10 @@ class WireWriter {
                          std::string_view body);
 
   private:
+    // Bytes by which the buffer grows ahead of its content. A call of std::string for each value would cost
+    // more than the value.
+    static constexpr size_t kAhead = 256;
+
     // The next `count` bytes of the message. They may have any content.
     char* extend(size_t count) {
         if (buffer_.size() - size_ < count) grow(size_ + count);
@@ -94,7 +98,11 @@ class WireWriter {
         return place;
     }
     void grow(size_t size);
-    void put(std::string_view bytes) { bytes.copy(extend(bytes.size()), bytes.size()); }
+    void put(std::string_view bytes) {
+        if (bytes.size() > kAhead) return putLong(bytes);
+        bytes.copy(extend(bytes.size()), bytes.size());
+    }
+    void putLong(std::string_view bytes);
     void putAt(size_t position, uint32_t value) {
         std::memcpy(buffer_.data() + position, &value, sizeof value);
     }
