@@ -79,14 +79,18 @@ void tryInput(std::string_view bytes) {
                             : send(theirs.get(), sent.data(), sent.size(), 0) > 0,
                     "the stream is sent");
             failed = !reader.receive(ours.get());
+            std::optional<MessageView> previous;
             while (!failed) {
                 const auto message = reader.nextMessage();
                 failed = !message;
                 if (failed || !*message) break;
                 messages.emplace_back(**message);
-                const auto view = parseMessage(
-                    **message, static_cast<uint32_t>(std::min<size_t>(reader.waitingDescriptors(), 64)));
+                const auto most = static_cast<uint32_t>(std::min<size_t>(reader.waitingDescriptors(), 64));
+                const auto view = parseMessage(**message, most);
+                require(parseMessage(**message, most, previous ? &*previous : nullptr) == view,
+                        "the message before changes nothing");
                 if (!view || !*view) continue;
+                previous = *view;
                 const size_t waiting = reader.waitingDescriptors();
                 const auto taken = reader.takeDescriptors((*view)->descriptors);
                 require(taken.size() == (*view)->descriptors &&

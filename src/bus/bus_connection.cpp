@@ -157,6 +157,7 @@ bool BusConnection::authenticate() {
 
 // Handles the messages that are there. True if some were left for the next turn. `begin`: of the turn.
 bool BusConnection::handleMessages(uint64_t begin) {
+    std::optional<MessageView> previous;
     for (int i = 0; i < kMessagesPerTurn; ++i) {
         if (i > 0 && UserTurns::milliseconds() - begin >= kMillisecondsPerTurn) break;
         if (readPaused()) return true;
@@ -168,10 +169,12 @@ bool BusConnection::handleMessages(uint64_t begin) {
         if (!bytes) violation_ = bytes.error();
         if (!bytes || !*bytes) return false;
         const size_t waiting = input_.waitingDescriptors();
-        const auto view = parseMessage(**bytes, static_cast<uint32_t>(waiting));
+        const auto view =
+            parseMessage(**bytes, static_cast<uint32_t>(waiting), previous ? &*previous : nullptr);
         if (!view) violation_ = view.error();
         if (!view) return false;
         if (*view) dispatch(**view, input_.takeDescriptors((*view)->descriptors));
+        previous = *view;
         if (violation_ || closeRequested_ || state_ == State::closed) return false;
     }
     return input_.hasMessage();

@@ -103,10 +103,9 @@ void ArgumentReader::readEntries(Dictionary& dictionary, int depth) {
     while (ok() && !wire_.atEnd()) {
         std::string_view key;
         if (!wire_.enter() || !wire_.read(key)) return void(failRead());
-        PropertyList value = readVariant(depth);
+        entries.push_back({std::string(key), readVariant(depth)});
         leave();
         if (!ok()) return;
-        entries.push_back({std::string(key), std::move(value)});
     }
     leave();
     dictionary = Dictionary::fromEntries(std::move(entries));

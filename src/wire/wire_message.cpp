@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "wire/wire_message.h"
 
+#include <cstring>
+
 #include "wire/dbus_names.h"
 
 namespace telvora {
@@ -26,20 +28,23 @@ struct FixedHeader {
     uint32_t fieldsSize = 0;
 };
 
+uint32_t numberAt(std::string_view bytes, size_t position, ByteOrder order) {
+    uint32_t number;
+    std::memcpy(&number, bytes.data() + position, sizeof number);
+    return order == kNativeByteOrder ? number : __builtin_bswap32(number);
+}
+
 tl::expected<FixedHeader, WireViolation> fixedHeader(std::string_view bytes) {
     const char order = bytes[0];
     if (order != 'l' && order != 'B') return violated("a message has an unknown byte order");
     FixedHeader header;
     header.order = static_cast<ByteOrder>(order);
-    WireReader reader(bytes.substr(0, kFixedHeaderSize), "yyyuuu", header.order, 0, 1);
-    uint8_t version = 0;
-    reader.read(header.type);
-    reader.read(header.flags);
-    reader.read(version);
-    reader.read(header.bodySize);
-    reader.read(header.serial);
-    reader.read(header.fieldsSize);
-    if (version != kBusProtocolVersion) return violated("a message has an unknown protocol version");
+    header.type = static_cast<uint8_t>(bytes[1]);
+    header.flags = static_cast<uint8_t>(bytes[2]);
+    header.bodySize = numberAt(bytes, 4, header.order);
+    header.serial = numberAt(bytes, 8, header.order);
+    header.fieldsSize = numberAt(bytes, kFieldsStart, header.order);
+    if (bytes[3] != kBusProtocolVersion) return violated("a message has an unknown protocol version");
     if (header.type == 0) return violated("a message has the invalid type");
     if (header.serial == 0) return violated("a message has the serial number 0");
     if (header.fieldsSize > kMaxArrayLength) return violated("an array is too long");
@@ -132,6 +137,17 @@ bool hasRequiredFields(const MessageView& view) {
     return true;
 }
 
+// Sets the fields of a header that `bytes` begin with.
+WireViolation readFields(std::string_view bytes, size_t size, MessageView& view) {
+    const size_t end = kFixedHeaderSize + size;
+    WireReader reader(bytes.substr(0, end), kFieldsSignature, view.order, 0, kFieldsStart);
+    if (const WireViolation found = FieldReader(reader, view).run()) return found;
+    for (size_t at = end; at < padded(end); ++at) {
+        if (bytes[at] != 0) return "padding is not zero";
+    }
+    return hasRequiredFields(view) ? nullptr : "a header field is missing";
+}
+
 }  // namespace
 
 tl::expected<size_t, WireViolation> messageSize(std::string_view start, size_t limit) {
@@ -143,26 +159,27 @@ tl::expected<size_t, WireViolation> messageSize(std::string_view start, size_t l
 }
 
 tl::expected<std::optional<MessageView>, WireViolation> parseMessage(std::string_view bytes,
-                                                                     uint32_t descriptors) {
+                                                                     uint32_t descriptors,
+                                                                     const MessageView* previous) {
     const auto header = fixedHeader(bytes);
     if (!header) return violated(header.error());
-    MessageView view;
-    view.type = static_cast<MessageType>(header->type);
-    view.flags = header->flags;
-    view.order = header->order;
-    view.serial = header->serial;
-
     const size_t bodyStart = kFixedHeaderSize + padded(header->fieldsSize);
     if (bytes.size() != bodyStart + header->bodySize) return violated("a message has another size");
-    const size_t fieldsEnd = kFixedHeaderSize + header->fieldsSize;
-    WireReader reader(bytes.substr(0, fieldsEnd), kFieldsSignature, view.order, 0, kFieldsStart);
-    if (const WireViolation found = FieldReader(reader, view).run()) return violated(found);
-    for (size_t at = fieldsEnd; at < bodyStart; ++at) {
-        if (bytes[at] != 0) return violated("padding is not zero");
+
+    MessageView view;
+    view.type = static_cast<MessageType>(header->type);
+    view.order = header->order;
+    view.fields = bytes.substr(kFieldsStart, bodyStart - kFieldsStart);
+    if (previous != nullptr && previous->type == view.type && previous->order == view.order &&
+        previous->fields == view.fields) {
+        view = *previous;
+    } else if (const WireViolation found = readFields(bytes, header->fieldsSize, view)) {
+        return violated(found);
     }
-    if (header->type > static_cast<uint8_t>(MessageType::signal)) return std::nullopt;
-    if (!hasRequiredFields(view)) return violated("a header field is missing");
+    if (view.type > MessageType::signal) return std::nullopt;
     if (view.descriptors > descriptors) return violated("a file descriptor did not come with its message");
+    view.flags = header->flags;
+    view.serial = header->serial;
     view.body = bytes.substr(bodyStart);
     return view;
 }

@@ -49,10 +49,13 @@ struct MessageView {
     std::string_view destination;
     std::string_view sender;
     std::string_view signature;
-    std::string_view body;  // not validated
+    std::string_view fields;  // the bytes that the values from replySerial to signature were read from
+    std::string_view body;    // not validated
 
     // Reads the body.
     WireReader reader() const { return {body, signature, order, descriptors}; }
+
+    friend bool operator==(const MessageView&, const MessageView&) = default;
 };
 
 // The rule that bytes violate.
@@ -66,9 +69,12 @@ inline tl::unexpected<WireViolation> violated(WireViolation rule) {
 tl::expected<size_t, WireViolation> messageSize(std::string_view start, size_t limit);
 
 // Parses a whole message and validates its header. `descriptors`: how many file descriptors came with it
-// or with what follows it.
+// or with what follows it. `previous`: a message whose bytes are still there, or null: if this one has the
+// same header fields, as the calls of a client mostly do, they are not read again, and their texts are views
+// of the bytes of `previous`.
 // std::nullopt for a message of a type that D-Bus does not define, which receivers ignore.
 tl::expected<std::optional<MessageView>, WireViolation> parseMessage(std::string_view bytes,
-                                                                     uint32_t descriptors);
+                                                                     uint32_t descriptors,
+                                                                     const MessageView* previous = nullptr);
 
 }  // namespace telvora

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "wire/wire_reader.h"
 
+#include <algorithm>
+
 #include "util/utf8.h"
 #include "wire/dbus_names.h"
 
@@ -16,16 +18,24 @@ constexpr bool isPlainAscii(uint64_t eight) {
     return ((eight | (eight - kEachByte)) & (kEachByte * 0x80)) == 0;
 }
 
+bool isPlainAscii(std::string_view text) {
+    if (text.size() < sizeof(uint64_t))
+        return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<signed char>(c) > 0; });
+    const auto eightAt = [](const char* at) {
+        uint64_t eight;
+        std::memcpy(&eight, at, sizeof eight);
+        return eight;
+    };
+    const char* const last = text.data() + text.size() - sizeof(uint64_t);
+    for (const char* at = text.data(); at < last; at += sizeof(uint64_t)) {
+        if (!isPlainAscii(eightAt(at))) return false;
+    }
+    return isPlainAscii(eightAt(last));
+}
+
 // UTF-8 without NUL.
 bool isText(std::string_view text) {
-    size_t at = 0;
-    for (; at + sizeof(uint64_t) <= text.size(); at += sizeof(uint64_t)) {
-        uint64_t eight;
-        std::memcpy(&eight, text.data() + at, sizeof eight);
-        if (!isPlainAscii(eight)) break;
-    }
-    text.remove_prefix(at);
-    return text.find('\0') == std::string_view::npos && isValidUtf8(text);
+    return isPlainAscii(text) || (text.find('\0') == std::string_view::npos && isValidUtf8(text));
 }
 
 }  // namespace
@@ -78,44 +88,48 @@ bool WireReader::readDescriptor(uint32_t& index) {
     return type() == 'h' && readFixed(index) && consumed() && index < descriptors_;
 }
 
-bool WireReader::push(std::string_view types, size_t end, bool isArray) {
+// `type`: of the container, whose `contents` are entered.
+bool WireReader::push(std::string_view type, std::string_view contents, size_t end, bool isArray) {
     if (depth_ == kMaxContainerDepth) return fail("containers are nested too deeply");
-    frames_[++depth_] = {types.data(), types.data(), types.data() + types.size(), end, isArray ? 1U : 0U};
+    consumed(type.size());
+    frames_[++depth_] = {contents.data(), contents.data(), contents.data() + contents.size(), end,
+                         isArray ? 1U : 0U};
     return true;
 }
 
 bool WireReader::enter() {
+    const Frame& frame = frames_[depth_];
     const std::string_view rest = types();
-    const size_t end = frames_[depth_].end;
     // An array has one complete type.
-    const auto typeLength = [&] {
-        return frames_[depth_].isArray() ? rest.size() : completeTypeLength(rest);
-    };
+    const auto own = [&] { return frame.isArray() ? rest : rest.substr(0, completeTypeLength(rest)); };
     switch (type()) {
         case 'a':
-            return enterArray(rest.substr(1, typeLength() - 1));
+            return enterArray(own());
         case '(':
-        case '{':
-            return align(8) && push(rest.substr(1, typeLength() - 2), end, false);
+        case '{': {
+            const std::string_view whole = own();
+            return align(8) && push(whole, whole.substr(1, whole.size() - 2), frame.end);
+        }
         case 'v': {
             std::string_view content;
             if (!readSignature(content)) return false;
             if (content.empty() || (content.size() > 1 && completeTypeLength(content) != content.size()))
                 return fail("a variant's signature is not one complete type");
-            return push(content, end, false);
+            return push(rest.substr(0, 1), content, frame.end);
         }
         default:
             return false;
     }
 }
 
-bool WireReader::enterArray(std::string_view element) {
+bool WireReader::enterArray(std::string_view type) {
+    const std::string_view element = type.substr(1);
     uint32_t length = 0;
     if (!readFixed(length)) return false;
     if (length > kMaxArrayLength) return fail("an array is too long");
     if (!align(alignmentOf(element.front()))) return false;
     if (frames_[depth_].end - position_ < length) return fail("an array ends beyond its container");
-    return push(element, position_ + length, true);
+    return push(type, element, position_ + length, true);
 }
 
 bool WireReader::leave() {
@@ -123,17 +137,8 @@ bool WireReader::leave() {
     while (!atEnd()) {
         if (!skip()) return false;
     }
-    if (violation_ != nullptr) return false;
-    const Frame& left = frames_[depth_--];
-    const auto contents = static_cast<size_t>(left.typesEnd - left.typesBegin);
-    switch (*frames_[depth_].type) {
-        case 'v':  // whose contents have a signature of their own
-            return consumed();
-        case 'a':
-            return consumed(1 + contents);
-        default:  // in parentheses or braces
-            return consumed(2 + contents);
-    }
+    --depth_;
+    return true;
 }
 
 // An array of numbers of which every value is valid needs no look at each.

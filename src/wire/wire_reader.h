@@ -66,7 +66,7 @@ class WireReader {
     // The type character of the next value in this container; 0 at the container's end.
     char type() const {
         const Frame& frame = frames_[depth_];
-        if (violation_ != nullptr || frame.type == frame.typesEnd) return 0;
+        if (frame.type == frame.typesEnd) return 0;
         return frame.isArray() && position_ == frame.end ? '\0' : *frame.type;
     }
     bool atEnd() const { return type() == 0; }
@@ -115,8 +115,11 @@ class WireReader {
         bool isArray() const { return arrayMark != 0; }
     };
 
+    // Leaves all containers, and nothing follows.
     bool fail(const char* violation) {
         if (violation_ == nullptr) violation_ = violation;
+        depth_ = 0;
+        frames_[0].type = frames_[0].typesEnd;
         return false;
     }
     bool align(size_t alignment);
@@ -151,8 +154,8 @@ class WireReader {
     }
     bool readText(char type, std::string_view& text);
     bool readSignature(std::string_view& signature);
-    bool push(std::string_view types, size_t end, bool isArray);
-    bool enterArray(std::string_view element);
+    bool push(std::string_view type, std::string_view contents, size_t end, bool isArray = false);
+    bool enterArray(std::string_view type);
     bool skipFixedElements();
 
     const char* bytes_;

@@ -110,6 +110,33 @@ TEST(WireTest, NamesTheRuleThatAHeaderViolates) {
     EXPECT_FALSE(parseMessage(withDescriptors, 1).has_value());
 }
 
+TEST(WireTest, ReadsAHeaderOfTheSameFieldsOnce) {
+    MessageView header = callHeader("y");
+    header.descriptors = 1;
+    std::string first;
+    WireWriter writer(first, header);
+    writer.append(uint8_t{1});
+    ASSERT_TRUE(writer.finish(1 << 10));
+    const auto previous = parseMessage(first, 1);
+    ASSERT_TRUE(previous && *previous);
+    // A part of the message, its replacement, and whether the fields are those of the message before.
+    const std::tuple<std::string_view, std::string_view, bool> cases[] = {
+        {"\7\0\0\0"sv, "\x8\0\0\0"sv, true},
+        {"l\1\0\1\1\0\0\0"sv, "l\1\1\1\1\0\0\0"sv, true},
+        {"l\1\0\1\1\0\0\0"sv, "l\4\0\1\1\0\0\0"sv, false},
+        {"Method"sv, "Nethod"sv, false},
+        {":1.5\0\0\0\0"sv, ":1.5\0\0\0\1"sv, false},
+        {"\7\0\0\0"sv, "\0\0\0\0"sv, false}};
+    for (const auto& [part, other, same] : cases) {
+        std::string bytes = first;
+        bytes.replace(bytes.find(part), part.size(), other);
+        const auto parsed = parseMessage(bytes, 1, &**previous);
+        EXPECT_EQ(parsed, parseMessage(bytes, 1));
+        EXPECT_EQ(parsed && (*parsed)->path.data() == (*previous)->path.data(), same) << other;
+        EXPECT_FALSE(parseMessage(bytes, 0, &**previous)) << "its descriptor is missing";
+    }
+}
+
 TEST(WireTest, NamesTheRuleThatBytesViolate) {
     const std::string deep = std::string("\1v\0", 3);
     std::string variants;
