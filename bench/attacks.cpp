@@ -4,8 +4,11 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <random>
+#include <thread>
+#include <vector>
 
 #include "attack_tools.h"
 #include "protocol/status_interface.h"
@@ -210,7 +213,21 @@ void silentConnections(const std::string& socketPath) {
     }
 }
 
+// For comparison: what the machine costs the canary when another user computes.
+void busyProcessors(const std::string&) {
+    announce();
+    std::atomic<unsigned> turns = 0;
+    std::vector<std::jthread> threads(std::max(1U, std::thread::hardware_concurrency()));
+    for (std::jthread& thread : threads)
+        thread = std::jthread([&turns] {
+            while (true)
+                ++turns;
+        });
+    holdForEver();
+}
+
 constexpr Attack kAttacks[] = {
+    {"busy-processors", "no attack: all processors compute, nothing is sent", false, busyProcessors},
     {"blocking-descriptors", "descriptors whose close(2) waits an hour", false, blockingDescriptors},
     {"malformed-descriptors", "16 descriptors with bytes that are no message", true,
      descriptorsOfMalformedMessages},
