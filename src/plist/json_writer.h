@@ -139,7 +139,7 @@ class JsonWriter {
         if constexpr (reals == JsonReals::positional) {
             writer_.Double(TelvoradUtil::sanitizeNumber(number));
         } else {
-            const JsonReal text(number);
+            const JsonReal& text = reals_.textOf(number);
             writer_.number({text.data(), text.size()});
         }
     }
@@ -189,6 +189,7 @@ class JsonWriter {
                                        With<rapidjson::Writer>>;
 
     JsonBuffer buffer_;
+    RecentReals reals_;
     PlainTextWriter<Library> writer_{buffer_};
 };
 
