@@ -3,6 +3,8 @@
 
 #include <dlfcn.h>
 
+#include "util/library_pages.h"
+
 namespace telvora {
 
 namespace {
@@ -32,6 +34,7 @@ tl::expected<std::unique_ptr<CurlLibrary>, std::string> CurlLibrary::open() {
     const CURLcode code = library->globalInit(CURL_GLOBAL_DEFAULT);
     if (code != CURLE_OK) return tl::unexpected(std::string(library->easyStrerror(code)));
     library->initialized_ = true;
+    unmapLoadedPages();
     return library;
 }
 

@@ -3,10 +3,13 @@
 // Base64, compression, log lines and the ranks of locks.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "tests/support/inflated.h"
 #include "tests/support/log_capture.h"
 #include "util/base64.h"
 #include "util/compression.h"
+#include "util/library_pages.h"
 #include "util/mutex.h"
 #include "util/nearest_word.h"
 
@@ -117,6 +120,20 @@ TEST(MutexDeathTest, LocksAreTakenInTheOrderOfTheirRanks) {
 }
 
 #endif
+
+TEST(LibraryPagesTest, UnmapsWhatNobodyWroteTo) {
+    const auto residentPagesOfFiles = [] {
+        long total = 0, resident = 0, ofFiles = 0;
+        std::ifstream("/proc/self/statm") >> total >> resident >> ofFiles;
+        return ofFiles;
+    };
+    static int written = 1;  // to a page of the program
+    ++written;
+    const long before = residentPagesOfFiles();
+    unmapLoadedPages();
+    EXPECT_LT(residentPagesOfFiles(), before * 3 / 4);
+    EXPECT_EQ(written, 2);
+}
 
 }  // namespace
 }  // namespace telvora::test
