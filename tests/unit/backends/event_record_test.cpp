@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "backends/json_message.h"
+#include "plist/json_writer.h"
 #include "tests/support/log_capture.h"
 
 namespace telvora {
@@ -77,6 +78,18 @@ TEST(JsonMessageTest, WritesEveryTypeCompactOrPretty) {
               "}\n  ]\n}");
     // Without a client identifier, only the time is written.
     EXPECT_EQ(compactJson({INFINITY, std::nullopt, {&small, 1}}), "{\"postTime\":-1.0}");
+
+    // Lines are indented as by the library, to any depth.
+    Dictionary deep;
+    for (int i = 0; i < 40; ++i)
+        deep = {{"a", i}, {"deep", std::move(deep)}, {"list", Array{true, Dictionary{{"b", "x"}}}}};
+    rapidjson::Document document;
+    document.Parse(jsonText(deep).c_str());
+    rapidjson::StringBuffer expected;
+    rapidjson::PrettyWriter writer(expected);
+    writer.SetIndent(' ', 2);
+    document.Accept(writer);
+    EXPECT_EQ(jsonText(deep, JsonLayout::pretty), expected.GetString());
 }
 
 // Texts are looked at eight characters at a time: each place in a block and each rest is another case.
