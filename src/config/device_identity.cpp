@@ -94,7 +94,7 @@ std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectsConsent) 
 
 std::shared_ptr<const std::string> DeviceIdentity::sharedIdentifierForDNU(bool respectsConsent) const {
     std::string identifier = getPersistentIdentifierForDNU(respectsConsent);
-    const MutexLock lock(identifierMutex_);
+    const MutexLock lock(sharedMutex_);
     auto& shared = shared_[respectsConsent ? 1 : 0];
     if (!shared || *shared != identifier) shared = std::make_shared<const std::string>(std::move(identifier));
     return shared;
@@ -111,8 +111,7 @@ bool DeviceIdentity::diagnosticsConsent() const {
 // Moves the identifiers of an earlier version out of the settings, once in the life of the process: as many
 // as the bounds allow.
 void DeviceIdentity::carryOver() const {
-    if (carriedOver_) return;
-    carriedOver_ = true;
+    if (carriedOver_.exchange(true)) return;
     const Dictionary settings = defaults_.files(kTelvoraDefaultsDomain).own;
     Dictionary kept = defaults_.files(kIdentifiersDomain).own;
     Dictionary moved;
@@ -133,13 +132,19 @@ void DeviceIdentity::carryOver() const {
                 std::string(kIdentifiersDomain).c_str(), written.error().c_str());
 }
 
-// The administrator may set an identifier among the settings. A value that can't be written stays in memory
-// under its key, so its failure is logged only once.
+// The administrator may set an identifier among the settings.
+std::optional<std::string> DeviceIdentity::keptIdentifier(const std::string& key) const {
+    if (auto given = identifierIn(defaults_.administratorValue(kTelvoraDefaultsDomain, key))) return given;
+    if (!carriedOver_) return std::nullopt;
+    return identifierIn(defaults_.value(kIdentifiersDomain, key));
+}
+
+// A value that can't be written stays in memory under its key, so its failure is logged only once.
 std::string DeviceIdentity::persistentIdentifier(const std::string& key, std::optional<uid_t> user) const {
+    if (auto kept = keptIdentifier(key)) return *kept;
     const MutexLock lock(identifierMutex_);
-    if (auto given = identifierIn(defaults_.administratorValue(kTelvoraDefaultsDomain, key))) return *given;
     carryOver();
-    if (auto stored = identifierIn(defaults_.value(kIdentifiersDomain, key))) return *stored;
+    if (auto kept = keptIdentifier(key)) return *kept;
     std::string created = randomUuidString();
     const BlockingSection blocking;
     tl::expected<void, std::string> written;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -84,7 +85,7 @@ class DeviceIdentity {
     std::string getPersistentIdentifierForDNU(bool respectsConsent) const;
     // The same; all callers share it until it changes.
     std::shared_ptr<const std::string> sharedIdentifierForDNU(bool respectsConsent) const
-        TELVORA_EXCLUDES(identifierMutex_);
+        TELVORA_EXCLUDES(identifierMutex_, sharedMutex_);
 
     // Whether a key of the user defaults belongs to one of these persistent identifiers.
     static bool isIdentifierKey(std::string_view key);
@@ -94,6 +95,7 @@ class DeviceIdentity {
 
   private:
     std::string persistentIdentifier(const std::string& key, std::optional<uid_t> user) const;
+    std::optional<std::string> keptIdentifier(const std::string& key) const;
     void carryOver() const TELVORA_REQUIRES(identifierMutex_);
 
     const DeviceProperties& properties_;
@@ -101,9 +103,11 @@ class DeviceIdentity {
     const bool isInternal_;
     const std::string processIdentifier_;
     const std::shared_ptr<const DeviceTexts> texts_;
-    mutable Mutex identifierMutex_{LockRank::identifiers};  // makes reading and creating an identifier atomic
-    mutable bool carriedOver_ TELVORA_GUARDED_BY(identifierMutex_) = false;
-    mutable std::shared_ptr<const std::string> shared_[2] TELVORA_GUARDED_BY(identifierMutex_);
+    mutable Mutex identifierMutex_{
+        LockRank::identifiers};  // of creating an identifier, which waits for a disk
+    mutable std::atomic<bool> carriedOver_ = false;
+    mutable Mutex sharedMutex_;
+    mutable std::shared_ptr<const std::string> shared_[2] TELVORA_GUARDED_BY(sharedMutex_);
 };
 
 // "client:service", both in lower case; an absent name is empty.

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
 
 #include "config/environment.h"
 #include "telvora/keys.h"
 #include "tests/support/environment_variable.h"
+#include "tests/support/held_file_lock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/signed_document.h"
 #include "tests/support/temporary_directory.h"
@@ -56,6 +58,17 @@ TEST(DeviceIdentity, KeepsPersistentIdentifiersAcrossRestarts) {
         EXPECT_EQ(device.defaults.string(kIdentifiersDomain, keys[i]), first[i]) << keys[i];
     EXPECT_TRUE(log.contains(
         "<6>getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:app:svc:s: " + first[0]));
+}
+
+TEST(DeviceIdentity, AKeptIdentifierDoesNotWaitForOneThatIsStored) {
+    const Device device;
+    const auto kept = *device.identity.sharedIdentifierForDNU(true);
+    HeldFileLock turn(device.directory.path() / "state/Preferences");
+    std::jthread other(
+        [&] { device.identity.getPersistentIdentifierForCustomClientIDSuffix("app:svc", "s"); });
+    turn.awaitWaiter();
+    EXPECT_EQ(*device.identity.sharedIdentifierForDNU(true), kept);
+    turn.release();
 }
 
 TEST(DeviceIdentity, TheAdministratorMayNameCountryAndDevice) {

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/user_defaults.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -11,9 +9,9 @@
 
 #include "platform/known_settings.h"
 #include "plist/property_list_format.h"
+#include "tests/support/held_file_lock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
-#include "util/unique_fd.h"
 
 namespace telvora {
 namespace {
@@ -96,14 +94,11 @@ TEST_F(UserDefaultsTest, WhatCannotBeWrittenIsKeptInMemoryAndWrittenWithTheNextC
 TEST_F(UserDefaultsTest, AReaderDoesNotWaitForAWriter) {
     ASSERT_TRUE(defaults_.set("d", "key", "old"));
     // A writer waits for that of another process.
-    UniqueFd turn(open((state_ / "Preferences").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    ASSERT_EQ(flock(turn.get(), LOCK_EX), 0);
+    test::HeldFileLock turn(state_ / "Preferences");
     std::jthread writer([this] { EXPECT_TRUE(defaults_.set("d", "key", "new")); });
-    const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(getpid()) + " ";
-    while (test::readFile("/proc/locks").find(waiting) == std::string::npos)
-        std::this_thread::yield();
+    turn.awaitWaiter();
     EXPECT_EQ(defaults_.string("d", "key"), "old");
-    turn.reset();
+    turn.release();
     writer.join();
     EXPECT_EQ(defaults_.string("d", "key"), "new");
 }
