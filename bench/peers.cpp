@@ -17,6 +17,16 @@
 
 namespace telvora::bench {
 
+namespace {
+
+// Read at the start: in a mount namespace that is made later, the place may have another name.
+const std::filesystem::path kOwnPath = [] {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/exe", error);
+}();
+
+}  // namespace
+
 std::unique_ptr<test::ChildProcess> startPeer(uid_t user, const std::vector<std::string>& arguments,
                                               Priority priority) {
     const int nice = (priority == Priority::apart ? 19 : 0) - getpriority(PRIO_PROCESS, 0);
@@ -30,7 +40,7 @@ std::unique_ptr<test::ChildProcess> startPeer(uid_t user, const std::vector<std:
         const std::string last = std::to_string(std::max(1U, std::thread::hardware_concurrency()) - 1);
         command.insert(command.end(), {"/usr/bin/taskset", "-c", last});
     }
-    command.push_back(std::filesystem::read_symlink("/proc/self/exe"));
+    command.push_back(kOwnPath);
     command.insert(command.end(), arguments.begin(), arguments.end());
     return std::make_unique<test::ChildProcess>(test::ChildProcessOptions{std::move(command), {}});
 }

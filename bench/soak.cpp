@@ -122,14 +122,21 @@ class Soak {
                                           std::to_string(options_.seed + number)})});
         }
     }
+    // A client that ends by itself sends nothing, and nothing can be missed of it.
+    void expectAlive(const Client& client) {
+        if (const auto status = client.process->waitForExit(milliseconds(0)))
+            problem(fmt::format("a client has ended with status {}", *status));
+    }
     void endClient(Client& client, int signal) {
         client.process->signal(signal);
         if (!client.process->waitForExit(kQuietPatience)) problem("a client does not end");
         life_.clients.push_back(clientBook(client.number, client.process->output().linesToTheEnd()));
     }
     void endClients() {
-        for (const Client& client : clients_)
+        for (const Client& client : clients_) {
+            expectAlive(client);
             client.process->signal(SIGTERM);
+        }
         for (Client& client : clients_)
             endClient(client, SIGTERM);
         clients_.clear();
@@ -171,6 +178,7 @@ class Soak {
                 return books_.refuse();
             case Disturbance::clientKill: {
                 Client& victim = clients_[step.detail % clients_.size()];
+                expectAlive(victim);
                 endClient(victim, SIGKILL);
                 clients_.erase(clients_.begin() + (&victim - clients_.data()));
                 return startClients();
