@@ -71,7 +71,8 @@ struct DescriptorClosers::State : std::enable_shared_from_this<State> {
     void startThread() TELVORA_REQUIRES(mutex);
     void serve();
     std::shared_ptr<Line> nextLine() TELVORA_EXCLUDES(mutex);
-    void closeFirst(const std::shared_ptr<Line>& line) TELVORA_EXCLUDES(mutex);
+    void work(const std::shared_ptr<Line>& line) TELVORA_EXCLUDES(mutex);
+    bool closeFirst(Line& line) TELVORA_EXCLUDES(mutex);
     void closeNow(Line& line, Descriptor descriptor) const;
     void drain(int connection) const;
     static void* threadMain(void* argument);
@@ -138,7 +139,7 @@ void DescriptorClosers::State::add(const std::shared_ptr<Line>& line, Descriptor
         unserved = std::move(ready.front());
         ready.pop_front();
     }
-    closeFirst(unserved);
+    work(unserved);
 }
 
 void DescriptorClosers::State::queue(const std::shared_ptr<Line>& line, Descriptor descriptor) {
@@ -181,7 +182,7 @@ void* DescriptorClosers::State::threadMain(void* argument) {
 
 void DescriptorClosers::State::serve() {
     while (const auto line = nextLine())
-        closeFirst(line);
+        work(line);
 }
 
 // Null if the calling thread is to end.
@@ -203,20 +204,28 @@ std::shared_ptr<DescriptorClosers::State::Line> DescriptorClosers::State::nextLi
     return line;
 }
 
-void DescriptorClosers::State::closeFirst(const std::shared_ptr<Line>& line) {
+// Lets the other lines have their turn after each descriptor, if there is memory for the end of the queue.
+void DescriptorClosers::State::work(const std::shared_ptr<Line>& line) {
+    bool queued = false;
+    while (!queued && closeFirst(*line)) {
+        const MutexLock lock(mutex);
+        queued =
+            attempt("DescriptorClosers", [&]() TELVORA_NO_THREAD_SAFETY_ANALYSIS { ready.push_back(line); });
+    }
+}
+
+// Whether more descriptors wait.
+bool DescriptorClosers::State::closeFirst(Line& line) {
     Descriptor descriptor{};
     {
         const MutexLock lock(mutex);
-        descriptor = line->waiting.front();
-        line->waiting.pop_front();
+        descriptor = line.waiting.front();
+        line.waiting.pop_front();
     }
-    closeNow(*line, descriptor);
+    closeNow(line, descriptor);
     const MutexLock lock(mutex);
-    line->scheduled = !line->waiting.empty();
-    if (!line->scheduled) return;
-    // Without memory for the end of the queue, the next descriptor of the line brings it there.
-    line->scheduled =
-        attempt("DescriptorClosers", [&]() TELVORA_NO_THREAD_SAFETY_ANALYSIS { ready.push_back(line); });
+    line.scheduled = !line.waiting.empty();
+    return line.scheduled;
 }
 
 void DescriptorClosers::State::closeNow(Line& line, Descriptor descriptor) const {
