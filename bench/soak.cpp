@@ -84,6 +84,8 @@ class Soak {
         while (progress() < 0.5)
             passLife(schedule_.nextLife());
         passLastLife();
+        // Some attackers give up when the bag server fails meanwhile.
+        if (attacksEndedEarly_ > attacks_ / 2) problem("most attackers have ended by themselves");
         printTable();
         for (const std::string& problem : problems_)
             std::cerr << "telvora-bench: " << problem << '\n';
@@ -162,6 +164,8 @@ class Soak {
                                         {"attack", step.attack->name, daemon_->socketPath()});
         disturb(step);
         std::this_thread::sleep_for(step.duration);
+        ++attacks_;
+        attacksEndedEarly_ += attacker->waitForExit(milliseconds(0)).has_value();
         calm(step);
         servers_.letBagsHang(false);
     }
@@ -363,6 +367,8 @@ class Soak {
             row(std::string("  ended ") + nameOf(static_cast<Ending>(i)), endings_[i]);
         for (size_t i = 0; i < kDisturbances; ++i)
             row(nameOf(static_cast<Disturbance>(i)), disturbances_[i]);
+        row("attacks", attacks_);
+        row("  whose attacker gave up", attacksEndedEarly_);
         std::cout << fmt::format("{:<36} {:>12} {:>12}\n", "the last daemon at rest, least", "first half",
                                  "last half");
         // What one attacker's unread input may leave in the allocator, and threads that end after 5 s without
@@ -391,6 +397,8 @@ class Soak {
     size_t daemons_ = 0;
     size_t endings_[kEndings] = {};
     size_t disturbances_[kDisturbances] = {};
+    size_t attacks_ = 0;
+    size_t attacksEndedEarly_ = 0;
     uint64_t sent_ = 0, acknowledged_ = 0, accepted_ = 0, delivered_ = 0, answered_ = 0;
     std::map<std::string, uint64_t> lost_;
 };
