@@ -1,34 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cstring>
-
 #include "protocol/property_list_codec.h"
+#include "util/ascii.h"
 #include "util/utf8.h"
 
 namespace telvora {
 
-namespace {
-
-// Whether the text is ASCII without NUL, as nearly all text is. Looks at eight bytes at a time.
-bool isPlain(std::string_view text) {
-    constexpr uint64_t kLow = 0x0101010101010101, kHigh = 0x8080808080808080;
-    uint64_t found = 0;
-    size_t i = 0;
-    for (; i + sizeof(uint64_t) <= text.size(); i += sizeof(uint64_t)) {
-        uint64_t block;
-        std::memcpy(&block, text.data() + i, sizeof block);
-        found |= block | (block - kLow);  // a byte's high bit, or the borrow of a NUL
-    }
-    for (; i < text.size(); ++i)
-        found |= static_cast<signed char>(text[i]) <= 0 ? kHigh : 0;
-    return (found & kHigh) == 0;
-}
-
-}  // namespace
-
 // --- Plain arguments ---
 
 void ArgumentWriter::string(const std::string& value) {
-    if (isPlain(value)) return wire_.append(value);
+    if (isAsciiText(value)) return wire_.append(value);
     const std::string_view text(value.c_str());
     if (isValidUtf8(text)) return wire_.append(text);
     wire_.append(replaceInvalidUtf8(text));

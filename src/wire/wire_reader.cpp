@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "wire/wire_reader.h"
 
-#include <algorithm>
-
+#include "util/ascii.h"
 #include "util/utf8.h"
 #include "wire/dbus_names.h"
 
@@ -10,32 +9,9 @@ namespace telvora {
 
 namespace {
 
-constexpr uint64_t kEachByte = 0x0101010101010101;
-
-// Whether eight characters are ASCII and not NUL. A borrow may reject a valid one, which costs the slow
-// check.
-constexpr bool isPlainAscii(uint64_t eight) {
-    return ((eight | (eight - kEachByte)) & (kEachByte * 0x80)) == 0;
-}
-
-bool isPlainAscii(std::string_view text) {
-    if (text.size() < sizeof(uint64_t))
-        return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<signed char>(c) > 0; });
-    const auto eightAt = [](const char* at) {
-        uint64_t eight;
-        std::memcpy(&eight, at, sizeof eight);
-        return eight;
-    };
-    const char* const last = text.data() + text.size() - sizeof(uint64_t);
-    for (const char* at = text.data(); at < last; at += sizeof(uint64_t)) {
-        if (!isPlainAscii(eightAt(at))) return false;
-    }
-    return isPlainAscii(eightAt(last));
-}
-
 // UTF-8 without NUL.
 bool isText(std::string_view text) {
-    return isPlainAscii(text) || (text.find('\0') == std::string_view::npos && isValidUtf8(text));
+    return isAsciiText(text) || (text.find('\0') == std::string_view::npos && isValidUtf8(text));
 }
 
 }  // namespace
