@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/process_setup.h"
 
-#include <linux/ioprio.h>
 #include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -25,6 +24,10 @@ namespace telvora {
 namespace {
 
 constexpr int kNice = 5;
+// ioprio_set(2). The kernel's <linux/ioprio.h> is not C++ in every version: a parameter's name is `class`.
+constexpr int kIoPriorityWhoProcess = 1;
+constexpr int kIoPriorityClassBestEffort = 2;
+constexpr int kIoPriorityClassShift = 13;
 constexpr int kIoPriorityLevel = 6;  // 0 to 7, 7 the lowest
 constexpr int kLargeBuffer = 256 << 10;
 constexpr unsigned long kTimerSlackNanoseconds = 50'000'000;
@@ -42,9 +45,9 @@ void setUtilityQualityOfService() {
     errno = 0;
     const int nice = getpriority(PRIO_PROCESS, 0);
     if (errno != 0 || nice < kNice) report("nice value", setpriority(PRIO_PROCESS, 0, kNice));
-    const long ioPriority = IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriorityLevel);
-    if (syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, 0) != ioPriority)
-        report("I/O priority", syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, ioPriority));
+    constexpr long kIoPriority = kIoPriorityClassBestEffort << kIoPriorityClassShift | kIoPriorityLevel;
+    if (syscall(SYS_ioprio_get, kIoPriorityWhoProcess, 0) != kIoPriority)
+        report("I/O priority", syscall(SYS_ioprio_set, kIoPriorityWhoProcess, 0, kIoPriority));
     report("timer slack", prctl(PR_SET_TIMERSLACK, kTimerSlackNanoseconds, 0UL, 0UL, 0UL));
 }
 
