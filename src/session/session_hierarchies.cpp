@@ -14,17 +14,6 @@ namespace {
 // can take by inventing tokens.
 constexpr size_t kMaxIdleTokenBytes = size_t{1} << 20;
 
-// The IDs from the last to the first, with dots between them.
-std::optional<std::string> dotted(const std::vector<std::string_view>& ids) {
-    if (ids.empty()) return std::nullopt;
-    std::string text;
-    for (auto id = ids.rbegin(); id != ids.rend(); ++id) {
-        if (id != ids.rbegin()) text += '.';
-        text += *id;
-    }
-    return text;
-}
-
 }  // namespace
 
 void SessionHierarchies::updateCorrelatedSessions(const std::shared_ptr<TelvoradSession>& session) {
@@ -100,15 +89,10 @@ bool SessionHierarchies::isListed(const TelvoradSession& session, const SessionL
     return found != listOfSession_.end() && &found->second->second == &sessions;
 }
 
-std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarchy(
-    int64_t level, const SessionList& sessions) const {
-    if (&sessions == indexedList_) {
-        const auto found = index_.find(level);
-        return found != index_.end() ? found->second.first : nullptr;
-    }
-    const auto found = std::find_if(sessions.begin(), sessions.end(),
-                                    [&](const auto& session) { return session->hierarchyLevel() == level; });
-    return found != sessions.end() ? *found : nullptr;
+std::shared_ptr<TelvoradSession> SessionHierarchies::getFirstSessionWithHierarchy(int64_t level,
+                                                                                  const LevelIndex& index) {
+    const auto found = index.levels.find(level);
+    return found != index.levels.end() ? found->second.first : nullptr;
 }
 
 std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
@@ -132,46 +116,43 @@ std::optional<std::string> SessionHierarchies::parentSessionIDStringForSession(
                     session.sessionID(), token->c_str());
         return std::nullopt;
     }
-    const Level parents = parentsPath(level, *sessions);
-    if (!parents.complete) {
+    std::optional<LevelIndex> made;
+    const LevelIndex& index = indexOf(*sessions, made);
+    const auto found = index.levels.find(level - 1);
+    const LevelIndex::Level parent =
+        found != index.levels.end() ? found->second : LevelIndex::Level{nullptr, level <= 0};
+    std::string path = index.paths.substr(parent.pathBegin, parent.pathEnd - parent.pathBegin);
+    if (!parent.complete) {
         TELVORA_LOG(
             kLogInfo,
             "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '%s'",
-            parents.path.c_str());
+            path.c_str());
     }
-    return parents.first ? std::optional(parents.path) : std::nullopt;
+    return parent.first ? std::optional(std::move(path)) : std::nullopt;
 }
 
-SessionHierarchies::Level SessionHierarchies::parentsPath(int64_t level, const SessionList& sessions) const {
-    if (&sessions == indexedList_) {
-        const auto parent = index_.find(level - 1);
-        return parent != index_.end() ? parent->second : Level{nullptr, {}, level <= 0};
-    }
-    Level parents{level > 0 ? getFirstSessionWithHierarchy(level - 1, sessions) : nullptr};
-    std::vector<std::string_view> ids;  // of the ancestors, nearest first; they live as long as the list
-    for (int64_t ancestorLevel = level - 1; ancestorLevel >= 0 && parents.complete; --ancestorLevel) {
-        const auto ancestor = getFirstSessionWithHierarchy(ancestorLevel, sessions);
-        parents.complete = ancestor != nullptr;
-        if (ancestor) ids.push_back(ancestor->sessionIDString());
-    }
-    parents.path = dotted(ids).value_or("");
-    return parents;
+const SessionHierarchies::LevelIndex& SessionHierarchies::indexOf(const SessionList& sessions,
+                                                                  std::optional<LevelIndex>& made) const {
+    return &sessions == indexedList_ ? index_ : made.emplace(indexLevels(sessions));
 }
 
 // In one pass from the top, so that an update of a deep hierarchy does not walk up from each session.
-void SessionHierarchies::indexLevels(const SessionList& sessions) {
+SessionHierarchies::LevelIndex SessionHierarchies::indexLevels(const SessionList& sessions) {
+    LevelIndex index;
     for (const auto& member : sessions)
-        index_.try_emplace(member->hierarchyLevel(), Level{member});
-    const Level* above = nullptr;
-    for (auto& [number, level] : index_) {
+        index.levels.try_emplace(member->hierarchyLevel(), LevelIndex::Level{member});
+    const LevelIndex::Level* above = nullptr;
+    for (auto& [number, level] : index.levels) {
         if (number < 0) continue;
-        const bool follows = number > 0 && index_.contains(number - 1);
+        const bool follows = number > 0 && index.levels.contains(number - 1);
         level.complete = number == 0 || (follows && above->complete);
-        level.path = follows ? above->path + "." : "";
-        level.path += level.first->sessionIDString();
+        level.pathBegin = follows ? above->pathBegin : index.paths.size();
+        if (follows) index.paths += '.';
+        index.paths += level.first->sessionIDString();
+        level.pathEnd = index.paths.size();
         above = &level;
     }
-    indexedList_ = &sessions;
+    return index;
 }
 
 std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const TelvoradSession& child)
@@ -193,7 +174,8 @@ std::shared_ptr<TelvoradSession> SessionHierarchies::parentSessionForChild(const
                     child.sessionID(), token->c_str());
         return nullptr;
     }
-    auto parent = getFirstSessionWithHierarchy(level - 1, *sessions);
+    std::optional<LevelIndex> made;
+    auto parent = getFirstSessionWithHierarchy(level - 1, indexOf(*sessions, made));
     if (!parent) {
         TELVORA_LOG(
             kLogError,
@@ -243,10 +225,13 @@ void SessionHierarchies::updateDownstreamSessions(TelvoradSession& session) {
         SessionHierarchies& of;
         ~Index() {
             of.indexedList_ = nullptr;
-            of.index_.clear();
+            of.index_ = {};
         }
     } const index{*this};
-    if (sessions != nullptr) indexLevels(*sessions);
+    if (sessions != nullptr) {
+        index_ = indexLevels(*sessions);
+        indexedList_ = sessions;
+    }
     updateListedSessions(session, sessions);
 }
 

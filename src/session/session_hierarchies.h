@@ -64,28 +64,32 @@ class SessionHierarchies {
     using SessionList = std::vector<std::shared_ptr<TelvoradSession>>;
     using Lists = std::map<std::pair<std::string, uid_t>, SessionList>;  // by token and user
 
-    // The first session of a level of a list.
-    struct Level {
-        std::shared_ptr<TelvoradSession> first;
-        // The dotted IDs of the first sessions of this level and those above it, top first, down from the
-        // last gap.
-        std::string path = {};
-        bool complete = true;  // whether no level above lacks a session
+    // The levels of a list, by number. The path of a level: the dotted IDs of the first sessions of this
+    // level and those above it, top first, down from the last gap. It begins with the path of the level
+    // above, so one text holds all paths.
+    struct LevelIndex {
+        struct Level {
+            std::shared_ptr<TelvoradSession> first;
+            bool complete = true;  // whether no level above lacks a session
+            size_t pathBegin = 0;  // in `paths`
+            size_t pathEnd = 0;
+        };
+        std::map<int64_t, Level> levels;
+        std::string paths;
     };
-    using LevelIndex = std::map<int64_t, Level>;
 
     const SessionList* sessionsOfToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     bool isListed(const TelvoradSession& session, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
     void updateListedSessions(TelvoradSession& session, const SessionList* sessions) TELVORA_REQUIRES(lock_);
-    void indexLevels(const SessionList& sessions) TELVORA_REQUIRES(lock_);
-    // The path of the level above, if the list is indexed or not; empty if that level has no session.
-    Level parentsPath(int64_t level, const SessionList& sessions) const TELVORA_REQUIRES(lock_);
+    static LevelIndex indexLevels(const SessionList& sessions);
+    // The index of the list; made in `made`, unless an update of the list is running.
+    const LevelIndex& indexOf(const SessionList& sessions, std::optional<LevelIndex>& made) const
+        TELVORA_REQUIRES(lock_);
     bool othersHaveToken(const std::string& token, uid_t user) const TELVORA_REQUIRES(lock_);
     void removeFromList(const TelvoradSession& session) TELVORA_REQUIRES(lock_);
     void dropEmptyLists() TELVORA_REQUIRES(lock_);
-    std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
-                                                                  const SessionList& sessions) const
-        TELVORA_REQUIRES(lock_);
+    static std::shared_ptr<TelvoradSession> getFirstSessionWithHierarchy(int64_t level,
+                                                                         const LevelIndex& index);
 
     RecursiveMutex lock_{LockRank::agent};
     Lists correlatedSessions_ TELVORA_GUARDED_BY(lock_);

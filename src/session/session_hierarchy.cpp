@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Synchronisation of a session with its hierarchy: combined ID and reporting states.
+#include <utility>
+
 #include "session/telvorad_session.h"
 #include "util/log.h"
 
@@ -11,12 +13,14 @@ namespace telvora {
 void TelvoradSession::updateCombinedSessionID() {
     const std::optional<std::string> parent = hierarchies_.parentSessionIDStringForSession(*this);
     if (!parent) return;
-    const std::string combined = *parent + "." + sessionIDString_;
+    std::string combined;
+    combined.reserve(parent->size() + 1 + sessionIDString_.size());
+    combined.append(*parent).append(1, '.').append(sessionIDString_);
     TELVORA_LOG(kLogDebug,
                 "updateCombinedSessionID: Updating combined session ID '%s' for session %u backends",
                 combined.c_str(), sessionID());
     const MutexLock lock(backendsLock_);
-    if (backends_) newCombinedID_ = combined;
+    if (backends_) newCombinedID_ = std::move(combined);
 }
 
 // A backend takes over the state of the parent's backend of the same name, and is disabled if there is no
