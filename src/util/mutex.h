@@ -8,8 +8,10 @@
 // even if no other thread would have deadlocked. Other builds do not check.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #if defined(__clang__)
 #define TELVORA_TSA(x) __attribute__((x))
@@ -63,6 +65,31 @@ void noteUnlocked(const void* mutex);
 
 #endif
 
+// A recursive mutex for which threads queue: a thread that unlocks it and locks it at once does not pass a
+// thread that waits. With std::recursive_mutex, a busy thread can keep others waiting for many rounds.
+class QueuedRecursiveMutex {
+  public:
+    void lock() {
+        if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
+            const std::lock_guard first(firstInQueue_);
+            mutex_.lock();
+            owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        }
+        ++depth_;
+    }
+    void unlock() {
+        if (--depth_ > 0) return;
+        owner_.store({}, std::memory_order_relaxed);
+        mutex_.unlock();
+    }
+
+  private:
+    std::mutex firstInQueue_;
+    std::mutex mutex_;
+    std::atomic<std::thread::id> owner_{};  // only the owner finds its own ID here
+    int depth_ = 0;                         // guarded by mutex_
+};
+
 template <typename StdMutex>
 class TELVORA_TSA(capability("mutex")) BasicMutex {
   public:
@@ -107,7 +134,7 @@ class TELVORA_TSA(capability("mutex")) BasicMutex {
 };
 
 using Mutex = BasicMutex<std::mutex>;
-using RecursiveMutex = BasicMutex<std::recursive_mutex>;
+using RecursiveMutex = BasicMutex<QueuedRecursiveMutex>;
 
 template <typename M>
 class TELVORA_TSA(scoped_lockable) BasicMutexLock {

@@ -2,8 +2,11 @@
 //
 // Base64, compression, log lines and the ranks of locks.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "tests/support/inflated.h"
 #include "tests/support/log_capture.h"
@@ -120,6 +123,32 @@ TEST(MutexDeathTest, LocksAreTakenInTheOrderOfTheirRanks) {
 }
 
 #endif
+
+TEST(MutexTest, ABusyThreadDoesNotPassOneThatWaits) {
+    RecursiveMutex mutex;
+    mutex.lock();
+    std::atomic<pid_t> waiting = 0;
+    std::atomic<bool> served = false;
+    std::thread other([&] {
+        waiting = gettid();
+        const RecursiveMutexLock lock(mutex);
+        served = true;
+    });
+    const auto state = [&] {
+        std::string line;
+        std::getline(std::ifstream("/proc/self/task/" + std::to_string(waiting) + "/stat"), line);
+        return line.substr(line.find_last_of(')') + 1, 2);
+    };
+    while (waiting == 0 || state() != " S")
+        std::this_thread::yield();
+    [&mutex] { const RecursiveMutexLock again(mutex); }();  // the owner does not queue
+    EXPECT_FALSE(served);
+    mutex.unlock();
+    mutex.lock();
+    EXPECT_TRUE(served);
+    mutex.unlock();
+    other.join();
+}
 
 TEST(LibraryPagesTest, UnmapsWhatNobodyWroteTo) {
     const auto residentPagesOfFiles = [] {
