@@ -193,15 +193,20 @@ TEST_F(AgentHierarchy, ChildrenFollowTheirParentsState) {
         {0.5, 0.8, "sampledOut", "parentFollowed", 0.5},
         {0.7, 0.5, "sampledOut", "sampledOut", 0.5}};  // a backend that is sampled out itself follows nobody
     for (const auto& c : cases) {
-        std::shared_ptr<FakeConnection> family[2];
-        for (const int level : {0, 1}) {
+        const double thresholds[] = {c.parents, c.own, 0.8};
+        std::shared_ptr<FakeConnection> family[3];
+        for (const int level : {0, 1, 2}) {
             world.now += 100'000;  // the bag is stale by then
-            world.serveBag(
-                DaemonWorld::reportingBag({{"sampling_threshold", level == 0 ? c.parents : c.own}}));
+            world.serveBag(DaemonWorld::reportingBag({{"sampling_threshold", thresholds[level]}}));
             family[level] = world.connectConfigured(3, {{"sampled", level}});
         }
-        EXPECT_EQ(*family[1]->session().status().dictionary("backends")->dictionary("httpPost"),
-                  (Dictionary{{"state", c.state}, {"reason", c.reason}, {"samplingThreshold", c.threshold}}));
+        const auto expectPolicy = [&](FakeConnection& session, const char* reason) {
+            EXPECT_EQ(
+                *session.session().status().dictionary("backends")->dictionary("httpPost"),
+                (Dictionary{{"state", c.state}, {"reason", reason}, {"samplingThreshold", c.threshold}}));
+        };
+        expectPolicy(*family[1], c.reason);
+        expectPolicy(*family[2], "parentFollowed");  // the level above, not the top
         EXPECT_THAT(states(*family[1]), testing::Optional(testing::ElementsAre("httpPost")));
         for (const auto& member : family)
             member->invalidate();
