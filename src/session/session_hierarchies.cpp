@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "session/session_hierarchies.h"
 
-#include <algorithm>
-
 #include "session/telvorad_session.h"
 #include "util/log.h"
 

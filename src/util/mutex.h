@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Mutexes with annotations for clang's thread-safety analysis, so that the compiler checks which lock guards
-// member. Other compilers ignore them.
+// which member. Other compilers ignore the annotations.
 //
 // In builds with sanitizers each mutex also checks the order of locks: if a thread takes a lock whose rank is
 // not above the ranks of all locks that it holds, the process ends with both locks' names on standard error,
