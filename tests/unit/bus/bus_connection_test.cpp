@@ -30,7 +30,8 @@ using test::SdBusMessage;
 constexpr char kPath[] = "/test", kInterface[] = "com.example.Test";
 const BusInterface kMethods(kInterface, {{"Fill", {{"bytes", "u"}}, {{"text", "s"}}},
                                          {"Fail", {}, {}},
-                                         {"Keep", {}, {}}});
+                                         {"Keep", {}, {}},
+                                         {"Close", {}, {{"text", "s"}}}});
 
 const auto kEmpty = [](WireWriter&) { return true; };
 
@@ -67,6 +68,7 @@ class BusConnectionTest : public testing::Test {
                 if (pending_.size() == awaited_) allPending_.set_value();
                 return std::nullopt;
             }
+            if (method == 3) bus->close("asked to");
             uint32_t size = 0;
             call.reader().read(size);
             filled_ += size;
@@ -141,6 +143,9 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
          "Unknown method Unknown or interface com.example.Test."},
         {"/unknown", kInterface, "Fill", "org.freedesktop.DBus.Error.UnknownObject",
          "Unknown object '/unknown'."},
+        {"/", "org.freedesktop.DBus.Peer", "Ping", ""},
+        {"/unknown", "org.freedesktop.DBus.Introspectable", "Introspect",
+         "org.freedesktop.DBus.Error.UnknownObject", "Unknown object '/unknown'."},
         {"/", "org.freedesktop.DBus.Peer", "GetMachineId", "org.freedesktop.DBus.Error.AccessDenied",
          "The machine's identity is not for peers."},
     };
@@ -149,6 +154,7 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
         EXPECT_EQ(errorName(reply), c.error) << c.method;
         EXPECT_EQ(reply.error().value_or(BusError{}).message, c.message);
     }
+    EXPECT_EQ(errorName(peer.call(fillCall(peer, kMaxSentMessage))), kBusErrorFailed) << "too large an answer";
     const SdBusMessage unanswered = fillCall(peer, 1);
     sd_bus_message_set_expect_reply(unanswered.get(), false);
     peer.send(unanswered);
@@ -160,7 +166,8 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
     description.read('s', &xml);
     EXPECT_THAT(xml, testing::HasSubstr("<arg type=\"u\" name=\"bytes\" direction=\"in\"/>\n   <arg "
                                         "type=\"s\" name=\"text\" direction=\"out\"/>"));
-    endAndWait(served);
+    EXPECT_EQ(errorName(peer.call(peer.newCall(kPath, kInterface, "Close"))), "") << "answered, then ended";
+    EXPECT_EQ(served.ended.get(), "asked to");
 }
 
 TEST_F(BusConnectionTest, AnExclusiveCallPostponesTheCallsThatFollowAndTheEnd) {
