@@ -128,6 +128,12 @@ TEST_F(SessionTest, OneShotMessagesUseBackendsOfTheirOwn) {
     ASSERT_EQ(world.postedEvents().size(), 1U);
     EXPECT_EQ(world.postedEvents()[0].integer("_method"), 8);
     EXPECT_EQ(world.postedEvents()[0].integer("_clientVersion"), 3);
+
+    world.now += 100'000;  // the bag before is stale by then
+    world.serveBag(DaemonWorld::reportingBag({{"event_blacklist", Array{8}}}));
+    send(sessionInfoFor(77), kUser);
+    EXPECT_EQ(outcomes.back(), "finished");
+    EXPECT_EQ(world.postedEvents().size(), 1U) << "no report of an excluded category";
 }
 
 TEST_F(SessionTest, TheDisplayURLIsThatOfTheFirstBackendThatHasOne) {
