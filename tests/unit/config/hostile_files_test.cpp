@@ -111,6 +111,15 @@ TEST_F(IdentifiersTest, AUserKeepsABoundedNumber) {
     EXPECT_EQ(identity_.getPersistentIdentifierForDNU(true), identity_.getPersistentIdentifierForDNU(true));
 }
 
+TEST_F(IdentifiersTest, AllUsersTogetherKeepABoundedNumber) {
+    Dictionary earlier;
+    for (size_t i = 0; i <= kMaxIdentifiers; ++i)
+        earlier.set("uuid:" + std::to_string(i) + ":", "A");
+    ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, earlier));
+    EXPECT_NE(identifierOf("one more"), identifierOf("one more"));
+    EXPECT_EQ(defaults_.files(kIdentifiersDomain).own.size(), kMaxIdentifiers);
+}
+
 TEST_F(IdentifiersTest, ThoseOfAnEarlierVersionAreCarriedOver) {
     const Dictionary earlier{{"uuid:app:svc", "A"}, {"uuidRespectDnu", "B"}, {"logLevel", 7}};
     ASSERT_TRUE(defaults_.set(kTelvoraDefaultsDomain, earlier));
