@@ -100,7 +100,7 @@ Result<void> BusQueryConnection::call(const BusQuery& query,
     if (query.timeout) deadline = std::chrono::steady_clock::now() + *query.timeout;
 
     std::string call;
-    if (serial_ == 0) call = ClientAuthentication::greeting();
+    if (serial_ == 0) call = ClientAuthentication::greeting(kTakesDescriptors);
     MessageView header;
     header.type = MessageType::methodCall;
     header.serial = ++serial_;

@@ -52,11 +52,13 @@ class BusQueryConnection {
                                              const std::function<void(BusMessage& answer)>& read);
 
   private:
+    static constexpr bool kTakesDescriptors = false;  // no answer carries one
+
     explicit BusQueryConnection(UniqueFd socket);
     tl::expected<bool, std::string> takeAnswer(MessageView& answer);
 
     UniqueFd socket_;
-    ClientAuthentication authentication_;
+    ClientAuthentication authentication_{kTakesDescriptors};
     bool authenticated_ = false;
     BusInput input_;
     uint32_t serial_ = 0;
