@@ -154,7 +154,8 @@ TEST_F(BusConnectionTest, AnswersCallsAndErrorsAndHello) {
         EXPECT_EQ(errorName(reply), c.error) << c.method;
         EXPECT_EQ(reply.error().value_or(BusError{}).message, c.message);
     }
-    EXPECT_EQ(errorName(peer.call(fillCall(peer, kMaxSentMessage))), kBusErrorFailed) << "too large an answer";
+    EXPECT_EQ(errorName(peer.call(fillCall(peer, kMaxSentMessage))), kBusErrorFailed)
+        << "too large an answer";
     const SdBusMessage unanswered = fillCall(peer, 1);
     sd_bus_message_set_expect_reply(unanswered.get(), false);
     peer.send(unanswered);
