@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Operations on all backends at once: flush, finish and uploads.
+#include <atomic>
+
 #include "session/telvorad_session.h"
 #include "util/attempt.h"
 #include "util/file_url.h"
@@ -14,20 +16,44 @@ constexpr char kNoBackends[] = "No backends available to send message";
 
 // A flush in progress.
 struct PendingFlush {
-    std::vector<const TelvoraBackend*> open;  // that have not completed yet
+    size_t open = 0;  // parts that have not completed yet
     FlushReply completion;
 };
 
 // Guards every PendingFlush. Flushes are rare enough for one lock.
 Mutex flushCountersLock;
 
-// Counts the first completion of a backend. Returns the client's completion if that is due now, else an empty
-// one.
-FlushReply takeCompletion(PendingFlush& flush, const TelvoraBackend* backend, bool failed) {
-    const MutexLock lock(flushCountersLock);
-    if (std::erase(flush.open, backend) == 0 || (!failed && !flush.open.empty())) return {};
-    return std::exchange(flush.completion, {});
-}
+// One backend's part of a flush. It fails if it is destroyed before it has completed, which only a lack of
+// memory can cause.
+class FlushPart {
+  public:
+    explicit FlushPart(std::shared_ptr<PendingFlush> flush) : flush_(std::move(flush)) {
+        const MutexLock lock(flushCountersLock);
+        ++flush_->open;
+    }
+    ~FlushPart() {
+        if (completed_) return;
+        attempt("internalFlushMessagesWithCompletion",
+                [this] { complete(std::nullopt, makeTelvoraError("There is no memory for the flush", -1)); });
+    }
+    FlushPart(const FlushPart&) = delete;
+    FlushPart& operator=(const FlushPart&) = delete;
+
+    // Answers the client if its answer is due now. Only the first completion counts.
+    void complete(std::optional<std::string> answer, std::optional<TelvoraError> error) {
+        if (completed_.exchange(true)) return;
+        FlushReply reply;
+        {
+            const MutexLock lock(flushCountersLock);
+            if (--flush_->open == 0 || error) reply = std::exchange(flush_->completion, {});
+        }
+        if (reply) reply(std::move(answer), std::move(error));
+    }
+
+  private:
+    const std::shared_ptr<PendingFlush> flush_;
+    std::atomic<bool> completed_ = false;
+};
 
 }  // namespace
 
@@ -46,25 +72,23 @@ void TelvoradSession::internalFlushMessagesWithCompletion(FlushReply completion)
         return;
     }
     const auto flush = std::make_shared<PendingFlush>();
-    for (const auto& [name, backend] : *current)
-        flush->open.push_back(backend.get());
     flush->completion = std::move(completion);
+    // All parts before the first backend begins: a part that completes alone is not the last one.
+    std::vector<std::shared_ptr<FlushPart>> parts;
+    for (size_t i = 0; i < current->size(); ++i)
+        parts.push_back(std::make_shared<FlushPart>(flush));
+    auto next = parts.begin();
     for (const auto& [name, backend] : *current) {
-        auto reported = [flush, key = name, part = backend.get(), backendName = backend->name(), uid = uid_,
+        auto reported = [part = std::move(*next++), key = name, backendName = backend->name(), uid = uid_,
                          &messageLog = services_.messageLog](std::optional<std::string> answer,
                                                              std::optional<TelvoraError> error) {
             TELVORA_LOG(kLogDebug, "internalFlushMessagesWithCompletion: %s", backendName.c_str());
             if (answer)
                 TelvoradUtil::writeToLogFile(messageLog, {"[", key, " -> flushMessages] ", *answer}, uid);
-            const FlushReply reply = takeCompletion(*flush, part, error.has_value());
-            if (reply) reply(std::move(answer), std::move(error));
+            part->complete(std::move(answer), std::move(error));
         };
-        if (attempt("internalFlushMessagesWithCompletion",
-                    [&, target = backend] { target->flushMessagesWithCompletion(std::move(reported)); }))
-            continue;
-        if (const FlushReply reply = takeCompletion(*flush, backend.get(), true)) {
-            reply(std::nullopt, makeTelvoraError("There is no memory for the flush", -1));
-        }
+        attempt("internalFlushMessagesWithCompletion",
+                [&, target = backend] { target->flushMessagesWithCompletion(std::move(reported)); });
     }
 }
 

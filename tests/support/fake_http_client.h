@@ -66,15 +66,17 @@ class FakeHttpClient : public HttpClient {
 
     // Completes the oldest held request on the calling thread. False if no request is held.
     bool complete(HttpResult result) {
-        Completion completion;
-        {
-            const std::lock_guard lock(mutex_);
-            if (held_.empty()) return false;
-            completion = std::move(held_.front());
-            held_.pop_front();
-        }
-        completion(std::move(result));
-        return true;
+        const Completion completion = takeOldest();
+        if (completion) completion(std::move(result));
+        return completion != nullptr;
+    }
+    // Takes the oldest held request away without completing it, as a lack of memory does.
+    Completion takeOldest() {
+        const std::lock_guard lock(mutex_);
+        if (held_.empty()) return nullptr;
+        Completion oldest = std::move(held_.front());
+        held_.pop_front();
+        return oldest;
     }
 
   private:

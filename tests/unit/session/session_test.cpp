@@ -177,6 +177,15 @@ TEST_F(SessionTest, AFlushWaitsForEachBackendAlsoWhenMemoryEndsBehindOne) {
     world.http.throwsAfterCompletion = true;
     session.flushMessagesWithCompletion([&](const auto&, const auto& error) { answers.push_back(!error); });
     EXPECT_THAT(answers, ElementsAre(true));
+
+    // The answer to one post goes for lack of memory while the other post waits.
+    world.http.setHandler(nullptr);
+    session.sendMessageWithCategory(4, 1, std::nullopt, [](const auto&) {});
+    session.flushMessagesWithCompletion([&](const auto&, const auto& error) { answers.push_back(!error); });
+    world.http.takeOldest();
+    EXPECT_TRUE(world.http.complete(FakeHttpClient::response(200)));
+    EXPECT_THAT(answers, ElementsAre(true, false));
+    world.http.setHandler([](const auto&) { return FakeHttpClient::response(200); });
 }
 
 TEST_F(SessionTest, TheEndSendsTheEndMessageWithTheBagsVersion) {
