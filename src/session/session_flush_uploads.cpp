@@ -32,25 +32,29 @@ class FlushPart {
         ++flush_->open;
     }
     ~FlushPart() {
-        if (completed_) return;
-        attempt("internalFlushMessagesWithCompletion",
-                [this] { complete(std::nullopt, makeTelvoraError("There is no memory for the flush", -1)); });
+        attempt("internalFlushMessagesWithCompletion", [this] {
+            // An exception on the way destroys the reply, and that fails the client's call.
+            if (const FlushReply reply = takeReply(true))
+                reply(std::nullopt, makeTelvoraError("There is no memory for the flush", -1));
+        });
     }
     FlushPart(const FlushPart&) = delete;
     FlushPart& operator=(const FlushPart&) = delete;
 
     // Answers the client if its answer is due now. Only the first completion counts.
     void complete(std::optional<std::string> answer, std::optional<TelvoraError> error) {
-        if (completed_.exchange(true)) return;
-        FlushReply reply;
-        {
-            const MutexLock lock(flushCountersLock);
-            if (--flush_->open == 0 || error) reply = std::exchange(flush_->completion, {});
-        }
-        if (reply) reply(std::move(answer), std::move(error));
+        if (const FlushReply reply = takeReply(error.has_value())) reply(std::move(answer), std::move(error));
     }
 
   private:
+    // The client's reply if it is due with this completion, else an empty one.
+    FlushReply takeReply(bool failed) {
+        if (completed_.exchange(true)) return {};
+        const MutexLock lock(flushCountersLock);
+        if (--flush_->open > 0 && !failed) return {};
+        return std::exchange(flush_->completion, {});
+    }
+
     const std::shared_ptr<PendingFlush> flush_;
     std::atomic<bool> completed_ = false;
 };
